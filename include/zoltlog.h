@@ -1,0 +1,767 @@
+/*
+ * zoltlog.h - the unified logging library (libqdul.so.3): the manual of every
+ * exported operation.
+ *
+ * A program opens a log handle for a product id and an originator id, sends
+ * messages through it and closes it:
+ *
+ *     LogHandle log;
+ *     if (zoltLogOpen(5, 7, &log) == ZOLTLOG_OK) {
+ *         zoltLogAppMsg(&log, 0, 1, 0, "disk %s is %d%% full", "/var", 93);
+ *         zoltLogClose(&log);
+ *     }
+ *
+ * Conventions, which hold for every operation unless it says otherwise:
+ *
+ * 1. Results. Operations return ZOLTLOG_OK (0) or one of the result codes
+ *    below. Pointers are checked first: a null pointer where a value is needed
+ *    is ZOLTLOG_INVALID_ARGUMENT. On failure outputs are left alone.
+ * 2. Ownership. Handles, context handles, LogCfg records, listings and cursors
+ *    are storage of the caller; the library zeroes them when it fills them and
+ *    frees only what it allocated inside them. A text or block that an operation
+ *    hands out belongs to the caller, who releases it with zoltLogFree. Texts
+ *    passed in are borrowed for the duration of the call.
+ * 3. Encoding. Texts passed in are in the process's multibyte encoding
+ *    (setlocale, LC_CTYPE), or in UTF-8 when the handle's utf8 field is set;
+ *    log files and configuration files are UTF-8.
+ * 4. Threads. Operations may be called from any thread. One process-wide
+ *    recursive lock (zoltLogMutex) serialises what touches shared state. An
+ *    operation that takes no lock says so: its arguments then belong to the
+ *    calling thread. A handle must not be used while it is being opened or
+ *    closed.
+ * 5. Cancellation, signals, fork. Thread cancellation is off while the lock is
+ *    held. No operation may be called from a signal handler. fork is safe while
+ *    other threads log: the child can log at once through the same handles.
+ * 6. Nothing is thrown, nothing is printed, and no call ends the process, with
+ *    two exceptions: misuse of the lock aborts, and zoltLogDeleteFile tells a
+ *    failed deletion on standard output.
+ */
+#ifndef ZOLTLOG_H
+#define ZOLTLOG_H
+
+#include <dirent.h>
+#include <pthread.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <time.h>
+#include <wchar.h>
+
+#include "zoltlis.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#if defined(__GNUC__)
+#pragma GCC visibility push(default)
+#endif
+
+/* ---- constants ------------------------------------------------------- */
+
+enum { /* message types */
+       ZOLTLOG_MSG_DEBUG = 0,
+       ZOLTLOG_MSG_DIAG = 1,
+       ZOLTLOG_MSG_APP = 2,
+       ZOLTLOG_MSG_CONTEXT = 3,
+       ZOLTLOG_MSG_AUDIT = 4,
+       ZOLTLOG_MSG_SECURE_AUDIT = 5
+};
+
+enum { /* output flags */
+       ZOLTLOG_OUT_STDOUT = 1,
+       ZOLTLOG_OUT_STDERR = 2,
+       ZOLTLOG_OUT_OSLOG = 4,
+       ZOLTLOG_KEEP_LOCAL_TEXT = 8, /* message calls only */
+       ZOLTLOG_NO_MESSAGE_ID = 16,  /* message calls only */
+       ZOLTLOG_OUT_OSLOGX = 64
+};
+
+enum { /* rollover mode bits; valid values are 0 to 5 */
+       ZOLTLOG_ROLLOVER_NONE = 0,
+       ZOLTLOG_ROLLOVER_FILE_SIZE = 1,
+       ZOLTLOG_ROLLOVER_LOCAL_TIME = 2,
+       ZOLTLOG_ROLLOVER_PERIODIC = 4
+};
+
+enum { /* result codes: the values are part of the interface */
+       ZOLTLOG_OK = 0,
+       ZOLTLOG_FAILED = 1,
+       ZOLTLOG_LIS_FAILED = 2,
+       ZOLTLOG_INVALID_ARGUMENT = 3,
+       ZOLTLOG_NO_MEMORY = 4,
+       ZOLTLOG_WRITE_FAILED = 5,
+       ZOLTLOG_CFG_NOT_FOUND = 6,
+       ZOLTLOG_NO_MORE = 9,
+       ZOLTLOG_LIS_OTHER = 10,
+       ZOLTLOG_OSLOG_OPEN_FAILED = 22,
+       ZOLTLOG_PRODUCT_EXISTS = 27,
+       ZOLTLOG_SOURCE_SIZE_UNKNOWN = 31,
+       ZOLTLOG_OPEN_FAILED = 32,
+       ZOLTLOG_SHORT_READ = 33,
+       ZOLTLOG_SHORT_WRITE = 34,
+       ZOLTLOG_NO_PRODUCT_CFG = 39,
+       ZOLTLOG_NO_LOG_FILES = 45,
+       ZOLTLOG_DEST_OPEN_FAILED = 47,
+       ZOLTLOG_UNSUPPORTED_HEADER = 48,
+       ZOLTLOG_SECTION_NOT_FOUND = 50,
+       ZOLTLOG_OPEN_DENIED = 51,
+       ZOLTLOG_OPEN_NO_PATH = 52,
+       ZOLTLOG_NO_DIRECTORY = 53,
+       ZOLTLOG_DEVICE_FULL = 54,
+       ZOLTLOG_CFG_CREATE_FAILED = 55,
+       ZOLTLOG_NO_FILE_STATE = 57,
+       ZOLTLOG_SECURE_ON_FILE_HANDLE = 58,
+       ZOLTLOG_NOTHING_TO_WRITE = 61,
+       ZOLTLOG_STORE_RESULT_10 = 64
+};
+
+#define ZOLTLOG_DEFAULT_ORIGINATOR 112u
+#define ZOLTLOG_RECORD_VERSION_ORIGINATOR 65543u
+#define ZOLTLOG_RECORD_VERSION_LOGSET 65544u
+#define ZOLTLOG_KEEP_ALL_FILES 4294967295u
+
+/* ---- records ---------------------------------------------------------- */
+
+typedef struct LocalizerList {
+    uint64_t count;
+    void *first;
+} LocalizerList;
+
+typedef struct LogMsg {
+    uint32_t ownsStrings;
+    uint64_t recordVersion;
+    uint32_t type;
+    uint64_t productId;
+    uint64_t originatorId;
+    uint64_t fileOriginatorId;
+    uint64_t messageId;
+    uint64_t timestamp; /* milliseconds since 1970-01-01 UTC */
+    uint64_t processId;
+    uint64_t threadId;
+    char *contextToken;
+    char *text;
+    uint64_t reserved[4];
+    uint32_t utf8;
+    union {
+        uint32_t severity;  /* application */
+        uint32_t level;     /* debug, diagnostic, secure audit */
+        char *contextTitle; /* context: owned */
+    } attr;
+    char *who; /* debug, diagnostic, application: who; audit, secure audit: subject */
+    uint32_t outcome;
+    ZoltLisBlock lis;
+} LogMsg;
+
+typedef struct OsLogSettings {
+    char ident[80];
+    uint32_t option;
+    uint32_t facility;
+} OsLogSettings;
+
+typedef struct OsLogSink {
+    char ident[80];
+} OsLogSink;
+
+typedef struct FileSecuritySetting {
+    uint32_t mode;
+} FileSecuritySetting;
+
+typedef struct LogCfg {
+    uint64_t productId;
+    uint64_t originatorId;
+    uint32_t debugLevel;
+    uint32_t diagLevel;
+    uint32_t secureAuditLevel;
+    uint32_t outputFlags;
+    char directory[1025];
+    FileSecuritySetting permissions;
+    uint64_t maxFileSizeKB;
+    uint32_t rolloverMode;
+    uint64_t rolloverPeriod; /* seconds */
+    uint64_t rolloverTime;   /* seconds after local midnight */
+    uint64_t numberOfLogFiles;
+    uint32_t logRecycling;
+    OsLogSettings oslog;
+    char productShortNames[1025];
+    char originatorNames[1025];
+    char *l10nLib;
+    char *l10nResource;
+    char *l10nResourceDir;
+    uint32_t changedMask;
+    uint32_t removedMask;
+    uint32_t reloadInterval; /* seconds */
+    char *logsetName;
+    uint32_t isLogset;
+    char *logsetFilename;
+    uint32_t appMsgLogging;
+    char *logsetOidAppMsgLogging;
+    char *logsetOidDebugLogging;
+    char *logsetOidDiagLogging;
+} LogCfg;
+
+typedef struct OsFile {
+    int32_t descriptor;
+    char buffer[32768];
+    int32_t readPosition;
+    int32_t readCount;
+} OsFile;
+
+typedef struct OsLogFileCursor {
+    uint64_t word;
+    char *directory;
+    DIR *stream;
+    struct dirent *entry;
+} OsLogFileCursor;
+
+typedef struct LogHandle LogHandle;
+
+typedef struct LogFileDate { /* year is the year - 2000, month 1 to 12 */
+    int32_t year, month, day, hour, minute, second;
+} LogFileDate;
+
+typedef struct LogFileState {
+    char directory[1025];
+    FileSecuritySetting permissions;
+    uint64_t maxFileSizeKB;
+    uint32_t rolloverMode;
+    uint32_t logRecycling;
+    uint64_t rolloverPeriod;
+    uint64_t rolloverTime;
+    uint64_t productId;
+    uint64_t fileOriginatorId;
+    uint64_t headerVersion;
+    LogFileDate date;
+    int64_t counter;
+    int64_t nextRolloverTime; /* seconds */
+    int64_t fileStartTime;    /* seconds */
+    int64_t lastReopenTime;   /* milliseconds */
+    OsFile file;
+    LogHandle *handles;
+    uint32_t isLogset;
+    char *logsetName;
+    char *logsetFilename;
+} LogFileState;
+
+struct LogHandle {
+    LogFileState *file;
+    uint32_t debugLevel;
+    uint32_t diagLevel;
+    uint32_t secureAuditLevel;
+    uint32_t outputFlags;
+    uint32_t noContext; /* 1 plain handle, 0 context handle */
+    LogMsg contextMsg;
+    OsLogSink oslog;
+    LogHandle *nextOnFile;
+    LocalizerList localizers;
+    uint64_t sequenceNumber;
+    int64_t cfgTimestamp;    /* seconds */
+    int64_t lastReloadCheck; /* seconds */
+    uint32_t reloadInterval; /* seconds */
+    LogCfg *cfgCopy;
+    uint32_t utf8;
+    uint64_t originatorId;
+};
+
+typedef struct LogFileHeader {
+    uint64_t version;
+    uint64_t productId;
+    uint64_t originatorId;
+    uint64_t creationTime; /* seconds since 1970-01-01 UTC */
+    char hostName[512];
+    int64_t tzOffset; /* seconds; -1 when the header carries none */
+} LogFileHeader;
+
+typedef struct LogFileEntry {
+    struct LogFileEntry *next;
+    uint64_t headerVersion;
+    OsFile file;
+    uint64_t info[8]; /* zeroed, unused */
+    int64_t creationTime;
+    int64_t tzOffset;
+    char directory[1025];
+    char name[1]; /* the name runs on to the end of the block */
+} LogFileEntry;
+
+typedef struct LogQueryNode {
+    int32_t kind;
+    int32_t slot;
+    union {
+        uint64_t number;
+        const char *text;
+    } value;
+    uint64_t reserved;
+    struct LogQueryNode *left;
+    struct LogQueryNode *right;
+} LogQueryNode;
+
+typedef struct LogListing {
+    uint64_t word;
+    LogFileEntry *files;
+    LogFileEntry *next; /* fetch position */
+    LogQueryNode *query;
+    uint32_t unsupportedHeader;
+} LogListing;
+
+typedef struct LogContextEntry {
+    struct LogContextEntry *next;
+    uint64_t key[2];
+    char *title;
+    char *text;
+} LogContextEntry;
+
+typedef struct LogContextKey {
+    uint64_t key[2];
+    uint32_t kind;
+} LogContextKey;
+
+typedef struct TextBuffer {
+    char inlineStorage[4096];
+    char *data;
+    uint64_t free;
+    uint64_t capacity;
+} TextBuffer;
+
+typedef struct PropertyStore {
+    FILE *stream;
+    char root[400];
+    char path[400];
+} PropertyStore;
+
+typedef struct LogLockHolder {
+    uint64_t thread;
+    const char *tag;
+} LogLockHolder;
+
+typedef struct LogLock {
+    pthread_mutex_t mutex;
+    int32_t initialized;
+    int32_t savedCancelState;
+    int32_t depth;
+    LogLockHolder holders[10];
+} LogLock;
+
+typedef struct LogFormatter { /* what fmtLib and newfmtLib point at during a call */
+    void *library;
+    void *entry;
+} LogFormatter;
+
+/* ---- exported data ---------------------------------------------------- */
+
+extern LogLock zoltLogMutex;
+extern int32_t errorCode;
+extern void *sh_handle;
+extern LogFormatter *fmtLib;
+extern LogFormatter *newfmtLib;
+
+/* ---- message record ----------------------------------------- */
+
+uint32_t zoltLogInitMsg(LogMsg *msg, LogHandle *handle, uint32_t type, const char *defaultText);
+uint32_t zoltLogSetDebugAttr(LogMsg *msg, const char *who, uint32_t level);
+uint32_t zoltLogSetDiagAttr(LogMsg *msg, const char *who, uint32_t level);
+uint32_t zoltLogSetAppAttr(LogMsg *msg, uint32_t severity);
+uint32_t zoltLogSetAppAttrEx(LogMsg *msg, const char *who, uint32_t severity);
+uint32_t zoltLogSetAuditAttr(LogMsg *msg, const char *subject, uint32_t outcome);
+uint32_t zoltLogSetSecureAuditAttr(LogMsg *msg, uint32_t level, const char *subject, uint32_t outcome);
+uint32_t zoltLogSetContextAttr(LogMsg *msg, const char *token);
+uint32_t zoltLogFreeMsg(LogMsg *msg);
+
+uint32_t zoltLogGetMsgType(const LogMsg *msg, uint32_t *out);
+uint32_t zoltLogGetMsgProductId(const LogMsg *msg, uint64_t *out);
+uint32_t zoltLogGetMsgOriginatorId(const LogMsg *msg, uint64_t *out);
+uint32_t zoltLogGetMsgFid(const LogMsg *msg, uint64_t *out);
+uint32_t zoltLogGetMsgTimestamp(const LogMsg *msg, uint64_t *out);
+uint32_t zoltLogGetMsgPid(const LogMsg *msg, uint64_t *out);
+uint32_t zoltLogGetMsgTid(const LogMsg *msg, uint64_t *out);
+uint32_t zoltLogGetMsgContextToken(const LogMsg *msg, char **out);
+uint32_t zoltLogGetMsgText(const LogMsg *msg, char **out);
+uint32_t zoltLogGetMsgAppAttrWho(const LogMsg *msg, char **out);
+uint32_t zoltLogGetMsgAppAttrSeverity(const LogMsg *msg, uint32_t *out);
+uint32_t zoltLogGetMsgDebugAttrWho(const LogMsg *msg, char **out);
+uint32_t zoltLogGetMsgDebugAttrLevel(const LogMsg *msg, uint32_t *out);
+uint32_t zoltLogGetMsgDebugLevel(const LogMsg *msg, uint32_t *out);
+uint32_t zoltLogGetMsgDiagAttrWho(const LogMsg *msg, char **out);
+uint32_t zoltLogGetMsgDiagAttrLevel(const LogMsg *msg, uint32_t *out);
+uint32_t zoltLogGetMsgDiagLevel(const LogMsg *msg, uint32_t *out);
+uint32_t zoltLogGetMsgAuditAttrSubject(const LogMsg *msg, char **out);
+uint32_t zoltLogGetMsgAuditAttrOutcome(const LogMsg *msg, uint32_t *out);
+uint32_t zoltLogGetMsgAuditLevel(const LogMsg *msg, uint32_t *out);
+uint32_t zoltLogGetMsgContextAttrToken(const LogMsg *msg, char **out);
+uint32_t zoltLogGetMsgLis(LogMsg *msg, ZoltLisBlock **out);
+
+/* ---- log handle --------------------------------------------- */
+
+uint32_t zoltLogOpen(uint64_t productId, uint64_t originatorId, LogHandle *handle);
+uint32_t zoltLogOpen2(uint64_t productId, uint64_t originatorId, uint64_t fileOriginatorId,
+                      LogHandle *handle);
+uint32_t zoltLogOpenLogSet(uint64_t productId, uint64_t originatorId, const char *logsetName,
+                           LogHandle *handle); /* an addition: see design.md */
+uint32_t zoltLogSecureOpen(uint64_t productId, uint64_t originatorId, LogCfg *cfg, LogHandle *handle);
+uint32_t zoltLogClose(LogHandle *handle);
+uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg);
+uint32_t zoltLogSetDebugLevel(LogHandle *handle, uint32_t level);
+uint32_t zoltLogGetDebugLevel(LogHandle *handle, uint32_t *level);
+uint32_t zoltLogSetDiagLevel(LogHandle *handle, uint32_t level);
+uint32_t zoltLogGetDiagLevel(LogHandle *handle, uint32_t *level);
+uint32_t zoltLogSetSecureAuditLevel(LogHandle *handle, uint32_t level);
+uint32_t zoltLogGetSecureAuditLevel(LogHandle *handle, uint32_t *level);
+uint32_t zoltLogSetSequenceNumber(LogHandle *handle, uint64_t number);
+uint32_t zoltLogGetSequenceNumber(LogHandle *handle, uint64_t *number);
+uint64_t GetNextSequenceNumber(LogHandle *handle);
+uint32_t InitializeLocalizerList(LocalizerList *list);
+int32_t isLogOpen(const LogHandle *handle);
+
+/* ---- message entry points and contexts ----------------------- */
+
+uint32_t zoltLogAppMsg(LogHandle *handle, uint32_t flags, uint32_t severity, int64_t messageNumber,
+                       const char *format, ...);
+uint32_t zoltLogAppMsgEx(LogHandle *handle, uint32_t flags, uint32_t severity, const char *who,
+                         int64_t messageNumber, const char *format, ...);
+uint32_t zoltLogAppMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                        int64_t messageNumber, const char *format, ...);
+uint32_t zoltLogAppMsg2Ex(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                          const char *who, int64_t messageNumber, const char *format, ...);
+uint32_t zoltLogAppMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                         int64_t messageNumber, const char *format, va_list args);
+uint32_t zoltLogAppMsg2VEx(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                           const char *who, int64_t messageNumber, const char *format, va_list args);
+uint32_t zoltLogAppMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                         const char *text, ZoltLisBlock *block);
+uint32_t zoltLogAppMsg2LEx(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                           const char *who, const char *text, ZoltLisBlock *block);
+
+uint32_t zoltLogDiagMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
+                        int64_t messageNumber, const char *format, ...);
+uint32_t zoltLogDiagMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                         const char *who, int64_t messageNumber, const char *format, ...);
+uint32_t zoltLogDiagMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                          const char *who, int64_t messageNumber, const char *format, va_list args);
+uint32_t zoltLogDiagMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                          const char *who, const char *text, ZoltLisBlock *block);
+
+uint32_t zoltLogAuditMsg(LogHandle *handle, uint32_t flags, const char *subject, uint32_t outcome,
+                         int64_t messageNumber, const char *format, ...);
+uint32_t zoltLogAuditMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
+                          uint32_t outcome, int64_t messageNumber, const char *format, ...);
+uint32_t zoltLogAuditMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
+                           uint32_t outcome, int64_t messageNumber, const char *format, va_list args);
+uint32_t zoltLogAuditMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
+                           uint32_t outcome, ZoltLisBlock *block);
+
+uint32_t zoltLogSecureAuditMsg(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
+                               int64_t messageNumber, const char *format, ...);
+uint32_t zoltLogSecureAuditMsgV(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
+                                int64_t messageNumber, const char *format, va_list args);
+uint32_t zoltLogSecureAuditMsgL(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
+                                ZoltLisBlock *block);
+
+uint32_t zoltLogDebugMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
+                         const char *format, ...);
+uint32_t zoltLogDebugMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                          const char *who, const char *format, ...);
+uint32_t zoltLogDebugMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                           const char *who, const char *format, va_list args);
+uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
+                                  const char *text);
+
+uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char *token, int64_t messageNumber,
+                              const char *format, ...);
+uint32_t zoltLogDestroyContext(LogHandle *context);
+uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult);
+
+/* ---- record encoding ----------------------------------------- */
+
+uint32_t zoltLogMsgSerialize(LogMsg *msg, TextBuffer *buffer);
+void init_text_msg(TextBuffer *buffer);
+char *text_msg_alloc(TextBuffer *buffer, uint64_t n);
+void remove_trailing_comma(TextBuffer *buffer);
+uint32_t mark_end_of_txt_msg(TextBuffer *buffer);
+void free_text_msg(TextBuffer *buffer);
+uint32_t bin2txt_int(int32_t value, TextBuffer *buffer);
+uint32_t bin2txt_sev(uint32_t severity, TextBuffer *buffer);
+
+/* ---- log files --------------------------------------- */
+
+void InitializeFileHeader(LogFileHeader *header, const LogFileState *state, const char *hostName);
+uint32_t WriteFileHeader(LogFileState *state, const LogFileHeader *header);
+uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileCfg);
+uint32_t zoltLogWriteMsgWithRolloverToFile(LogFileState *state, LogMsg *msg);
+uint32_t zoltLogCloseFile(LogHandle *handle);
+uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMsg *msg);
+int32_t IsValidRolloverMode(uint32_t mode);
+
+/* ---- configuration record -------------------------------------- */
+
+uint32_t InitLogCfg(uint64_t productId, uint64_t originatorId, const char *logsetName, LogCfg *cfg);
+uint32_t CopyCfg(LogCfg *destination, const LogCfg *source);
+uint32_t zoltLogFreeCfg(LogCfg *cfg);
+uint32_t CopyFileSecuritySetting(FileSecuritySetting *destination, uint32_t mode);
+uint32_t FreeFileSecuritySetting(FileSecuritySetting *setting);
+int32_t IsDefaultOriginator(uint64_t originatorId);
+int32_t IsDefaultLogSet(const char *name);
+uint32_t LogCfgGetShortNames(LogCfg *cfg, uint32_t selector, char **out);
+uint32_t SettingStringToRolloverModeEnum(const char *text);
+char *RolloverModeEnumToSettingString(uint32_t mode, char *buffer);
+
+uint32_t zoltLogCfgSetRolloverMode(LogCfg *cfg, uint32_t mode);
+uint32_t zoltLogCfgGetRolloverMode(LogCfg *cfg, uint32_t *mode);
+uint32_t zoltLogCfgSetMaxFileSize(LogCfg *cfg, uint64_t kilobytes);
+uint32_t zoltLogCfgGetMaxFileSize(LogCfg *cfg, uint64_t *kilobytes);
+uint32_t zoltLogCfgSetRolloverPeriod(LogCfg *cfg, uint64_t seconds);
+uint32_t zoltLogCfgGetRolloverPeriod(LogCfg *cfg, uint64_t *seconds);
+uint32_t zoltLogCfgSetRolloverTime(LogCfg *cfg, uint64_t seconds);
+uint32_t zoltLogCfgGetRolloverTime(LogCfg *cfg, uint64_t *seconds);
+uint32_t zoltLogCfgSetNumberOfLogFiles(LogCfg *cfg, uint64_t count);
+uint32_t zoltLogCfgGetNumberOfLogFiles(LogCfg *cfg, uint64_t *count);
+uint32_t zoltLogCfgSetDebugLevel(LogCfg *cfg, uint32_t level);
+uint32_t zoltLogCfgGetDebugLevel(LogCfg *cfg, uint32_t *level);
+uint32_t zoltLogCfgSetDiagLevel(LogCfg *cfg, uint32_t level);
+uint32_t zoltLogCfgGetDiagLevel(LogCfg *cfg, uint32_t *level);
+uint32_t zoltLogCfgSetDynaSetting(LogCfg *cfg, uint32_t seconds);
+uint32_t zoltLogCfgGetDynaSetting(LogCfg *cfg, uint32_t *seconds);
+uint32_t zoltLogCfgEnableLogRecycling(LogCfg *cfg);
+uint32_t zoltLogCfgDisableLogRecycling(LogCfg *cfg);
+uint32_t zoltLogCfgEnableAppMsgLogging(LogCfg *cfg);
+uint32_t zoltLogCfgDisableAppMsgLogging(LogCfg *cfg);
+uint32_t zoltLogCfgEnableLogToStdout(LogCfg *cfg);
+uint32_t zoltLogCfgDisableLogToStdout(LogCfg *cfg);
+uint32_t zoltLogCfgEnableLogToStderr(LogCfg *cfg);
+uint32_t zoltLogCfgDisableLogToStderr(LogCfg *cfg);
+uint32_t zoltLogCfgEnableLogToOslog(LogCfg *cfg);
+uint32_t zoltLogCfgDisableLogToOslog(LogCfg *cfg);
+uint32_t zoltLogCfgEnableLogToOslogX(LogCfg *cfg);
+uint32_t zoltLogCfgDisableLogToOslogX(LogCfg *cfg);
+uint32_t zoltLogCfgSetFlags(LogCfg *cfg, int32_t flags);
+uint32_t zoltLogCfgGetFlags(LogCfg *cfg, uint32_t *flags);
+uint32_t zoltLogCfgSetL10nLib(LogCfg *cfg, const char *text);
+uint32_t zoltLogCfgGetL10nLib(LogCfg *cfg, char **out);
+uint32_t zoltLogCfgSetL10nResource(LogCfg *cfg, const char *text);
+uint32_t zoltLogCfgGetL10nResource(LogCfg *cfg, char **out);
+uint32_t zoltLogCfgSetL10nResourceDir(LogCfg *cfg, const char *text);
+uint32_t zoltLogCfgGetL10nResourceDir(LogCfg *cfg, char **out);
+uint32_t zoltLogCfgSetLogsetFilename(LogCfg *cfg, const char *text);
+uint32_t zoltLogCfgGetLogsetFilename(LogCfg *cfg, char **out);
+uint32_t zoltLogCfgSetLogsetOIDappMsgLogging(LogCfg *cfg, const char *text);
+uint32_t zoltLogCfgGetLogsetOIDOIDappMsgLogging(LogCfg *cfg, char **out);
+uint32_t zoltLogCfgSetLogsetOIDDebugLogging(LogCfg *cfg, const char *text);
+uint32_t zoltLogCfgGetLogsetOIDDebugLogging(LogCfg *cfg, char **out);
+uint32_t zoltLogCfgSetLogsetOIDDiagLogging(LogCfg *cfg, const char *text);
+uint32_t zoltLogCfgGetLogsetOIDDiagLogging(LogCfg *cfg, char **out);
+uint32_t zoltLogCfgSetDirectory(LogCfg *cfg, const char *path,
+                                char *destination); /* destination: null, or inside cfg->directory */
+uint32_t zoltLogCfgGetDirectory(LogCfg *cfg, char **out);
+
+/* ---- configuration files ------------------------------- */
+
+const char *GetZoltLogCfgLoc(void);
+uint32_t zoltLogReadCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg);
+uint32_t zoltLogReadlogsetCfg(uint64_t productId, const char *logsetName, LogCfg *cfg);
+uint32_t zoltLogReadProdIDCfg(const char *location, uint64_t productId, uint32_t capacity, LogCfg **cfgs,
+                              uint32_t *count);
+uint32_t zoltLogReadAllCfg(const char *location, uint32_t capacity, LogCfg **cfgs, uint32_t *count);
+uint32_t zoltLogCfgGetToolsResDir(char **out);
+uint32_t GetPropertyString(const char *file, const char *section, const char *key, char **out);
+uint32_t GetProductCfgPath(const char *file, uint64_t productId, char **out);
+uint32_t GetProductShortName(const char *file, uint64_t productId, char **out);
+uint32_t GetOriginatorCfgSettings(const char *productFile, const char *section, LogCfg *cfg);
+uint32_t GetLogSetCfgSettings(const char *location, const char *logsetName, LogCfg *cfg);
+uint32_t GetOriginatorCfg(const char *productFile, uint64_t productId, const char *shortNames,
+                          uint32_t capacity, LogCfg **cfgs, uint32_t *count);
+uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *shortNames, uint32_t capacity,
+                      LogCfg **cfgs, uint32_t *count);
+uint32_t utipsres2zoltlogres(uint32_t storeResult);
+uint32_t zoltLogWriteCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg);
+uint32_t zoltLogWritelogSetCfg(uint64_t productId, const char *logsetName, LogCfg *cfg);
+uint32_t zoltLogAddProductCfg(uint64_t productId, const char *names, const char *location);
+uint32_t zoltLogRemoveProductCfg(uint64_t productId);
+uint32_t CreatePropertyString(const char *location, const char *section, PropertyStore *store);
+uint32_t RemoveProductRoot(PropertyStore *store, uint64_t productId);
+int32_t IsThisLastProductConfiguration(void);
+uint32_t zoltDynaLoadConfig(LogHandle *handle);
+uint32_t GetProductLoggingLevel(const char *location, uint64_t productId, uint32_t *enabled);
+
+uint32_t zoltLogCfgSetSyslogFacility(LogCfg *cfg, uint32_t facility);
+uint32_t zoltLogCfgGetSyslogFacility(LogCfg *cfg, uint32_t *facility);
+uint32_t zoltLogCfgSetSyslogOpt(LogCfg *cfg, uint32_t option);
+uint32_t zoltLogCfgGetSyslogOpt(LogCfg *cfg, uint32_t *option);
+uint32_t zoltLogCfgSetSyslogIdent(LogCfg *cfg, const char *ident);
+uint32_t zoltLogCfgGetSyslogIdent(LogCfg *cfg, char **out);
+uint32_t zoltLogCfgSetLogFilePermissions(LogCfg *cfg, uint64_t mode);
+uint32_t zoltLogCfgGetLogFilePermissions(LogCfg *cfg, uint64_t *mode);
+uint32_t strToFacility(const char *name);
+const char *facilityToStr(uint32_t facility);
+uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter);
+uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section);
+
+/* ---- property store: (each also exists with the suffix File) ----- */
+
+uint32_t utiOpenPropertyStore(const char *path, const char *root, PropertyStore *store);
+uint32_t utiCreatePropertyStore(const char *path, const char *root, PropertyStore *store);
+uint32_t utiClosePropertyStore(PropertyStore *store);
+uint32_t utiCreateTmpPropertyStore(const char *path, const char *root, PropertyStore *store);
+uint32_t utiRemoveProperty(PropertyStore *store, const char *name);
+uint32_t utiRemovePropertyRoot(PropertyStore *store, const char *section);
+uint32_t utiGetPropertyAsUlong(PropertyStore *store, const char *name, unsigned long *out);
+uint32_t utiSetPropertyAsUlong(PropertyStore *store, const char *name, const unsigned long *value);
+uint32_t utiGetPropertyAsBool(PropertyStore *store, const char *name, uint32_t *out);
+uint32_t utiSetPropertyAsBool(PropertyStore *store, const char *name, const uint32_t *value);
+uint32_t utiGetPropertyAsStr(PropertyStore *store, const char *name, char **out);
+uint32_t utiSetPropertyAsStr(PropertyStore *store, const char *name, const char *text);
+int32_t Iscomment(const char *line);
+uint32_t utiEnumProductId(PropertyStore *store, uint32_t ignored, char *name, uint32_t *size);
+uint32_t utiEnumLogsetForProductId(PropertyStore *store, uint32_t ignored, char *name, uint32_t *size);
+
+uint32_t utiOpenPropertyStoreFile(const char *path, const char *root, PropertyStore *store);
+uint32_t utiCreatePropertyStoreFile(const char *path, const char *root, PropertyStore *store);
+uint32_t utiClosePropertyStoreFile(PropertyStore *store);
+uint32_t utiCreateTmpPropertyStoreFile(const char *path, const char *root, PropertyStore *store);
+uint32_t utiRemovePropertyFile(PropertyStore *store, const char *name);
+uint32_t utiRemovePropertyRootFile(PropertyStore *store, const char *section);
+uint32_t utiGetPropertyAsUlongFile(PropertyStore *store, const char *name, unsigned long *out);
+uint32_t utiSetPropertyAsUlongFile(PropertyStore *store, const char *name, const unsigned long *value);
+uint32_t utiGetPropertyAsBoolFile(PropertyStore *store, const char *name, uint32_t *out);
+uint32_t utiSetPropertyAsBoolFile(PropertyStore *store, const char *name, const uint32_t *value);
+uint32_t utiGetPropertyAsStrFile(PropertyStore *store, const char *name, char **out);
+uint32_t utiSetPropertyAsStrFile(PropertyStore *store, const char *name, const char *text);
+int32_t IscommentFile(const char *line);
+uint32_t utiEnumProductIdFile(PropertyStore *store, uint32_t ignored, char *name, uint32_t *size);
+uint32_t utiEnumLogsetForProductIdFile(PropertyStore *store, uint32_t ignored, char *name, uint32_t *size);
+
+/* ---- catalogue and reading ------------------------------ */
+
+int32_t readrecord(OsFile *file, TextBuffer *buffer);
+uint32_t ReadHeaderEx(OsFile *file, LogFileHeader *header);
+uint32_t ReadHeader(LogFileEntry *entry, LogFileHeader *header);
+LogFileEntry *alloc_file(OsLogFileCursor *cursor);
+int32_t getidfromfilename(const char *name, uint64_t *productId, uint64_t *originatorId);
+int32_t getSLidfromfilename(const char *name, uint64_t *productId, char *logsetName, char *dateTime);
+int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char *hostName);
+int32_t zoltLogGetDate(const char *text, int32_t *day, int32_t *month, int32_t *year);
+int64_t zoltLogStrDateTimeToT(const char *text);
+
+int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t originatorId, uint64_t from,
+                             uint64_t to, LogFileEntry **out);
+int32_t zoltLogFindLatestLogSL(const char *directory, uint64_t productId, const char *logsetName,
+                               uint64_t from, uint64_t to, LogFileEntry **out);
+
+uint32_t GetLogFiles(LogCfg **cfgs, uint32_t count, LogListing *listing);
+int32_t list_log_files(LogListing *listing, LogCfg **cfgs, uint32_t count);
+int32_t evalTreeToFilterFiles(uint64_t productId, uint64_t originatorId, const char *hostName,
+                              const char *logsetName, int64_t creationTime, int64_t modificationTime,
+                              LogQueryNode *query);
+int32_t EvaluateFileCondition(LogListing *listing, const LogFileHeader *header, const char *logsetName,
+                              int64_t modificationTime);
+uint32_t updateQueryForTZ(LogQueryNode *query, int64_t tzOffset);
+uint32_t HashString(const char *text, uint32_t modulus);
+int32_t DoesNameMatch(const char *list, const char *name);
+uint64_t id2names(uint64_t id, const char *list, const char *text);
+uint64_t GetIdFromName(LogCfg **cfgs, uint32_t count, uint32_t kind, const char *text);
+char *LeftRightTrim(const char *text);
+LogContextEntry *SearchContextTitleInList(const LogContextKey *key, const char *text, const char *title,
+                                          LogContextEntry **table);
+
+uint32_t zoltLogGetManageableLogFiles(uint64_t productId, uint64_t originatorId, LogListing *listing);
+uint32_t zoltLogGetManageableLogFilesSL(uint64_t productId, const char *logsetName, LogListing *listing);
+uint32_t zoltLogFetchNextFileEx(LogListing *listing, LogFileEntry **out);
+uint32_t zoltLogFetchNextFile(LogListing *listing, char **path);
+void zoltLogFreeBuffer(char **buffer);
+uint32_t zoltLogCopyFile(const char *path, const char *directory);
+uint32_t zoltLogCopyFileEx(const char *path, const char *directory);
+uint32_t zoltLogDeleteFile(const char *path);
+void GetManageableLogFiles(LogFileEntry **list, LogCfg **cfgs, uint32_t count);
+LogCfg *found_config(uint64_t productId, uint64_t originatorId, LogCfg **cfgs, uint32_t count);
+LogCfg *found_configSL(uint64_t productId, const char *logsetFilename, LogCfg **cfgs, uint32_t count);
+void FreeConfigArray(LogCfg **cfgs, uint32_t count);
+
+/* ---- message text and sinks ---------------------------- */
+
+uint32_t listxt_svnprintf(char **text, const char *reference, va_list args);
+char *strncatlis(char *buffer, size_t *size, ZoltLisBlock *block);
+char *fstrncat(char *buffer, size_t size, const char *format, ...);
+uint32_t zoltLogGetArg_asStringW(ZoltLisIterator *argument, wchar_t **out);
+wchar_t *zoltLogWcsDup(const wchar_t *text);
+
+uint32_t LogOutputBasedOnFlags(LogHandle *handle, LogMsg *msg, uint32_t flags);
+uint32_t OutputToConsole(uint32_t flags, LogMsg *msg, LocalizerList *localizers);
+int32_t osLogInitCfg(OsLogSettings *settings);
+int32_t osLogCopyCfg(OsLogSettings *destination, const OsLogSettings *source);
+int32_t osLogOpen(const OsLogSettings *settings, OsLogSink *sink);
+int32_t osLogOpenEx(const OsLogSettings *settings, OsLogSink *sink);
+int32_t osLogClose(OsLogSink *sink);
+int32_t osLogWrite(LogHandle *handle, LogMsg *msg);
+int32_t sevToSyslogPriority(uint32_t severity);
+int32_t osLogIsFullPath(const char *path);
+int32_t SharedLibLoad(void **library, const char *name, char **fileName);
+int32_t SharedLibUnload(void *library);
+int32_t SharedLibResolveFunc(void *library, const char *symbol, void **function);
+
+/* ---- platform services ---------------------------------- */
+
+int32_t osGetHostName(char *buffer, size_t length);
+uint64_t osGetHostID(void);
+uint64_t getPID(void);
+uint64_t getTID(void);
+int32_t osSocketStartup(void);
+void osSocketCleanup(void);
+int32_t zoltLogOs_initfilehandle(OsFile *file);
+int32_t zoltLogOs_open(OsFile *file, const char *path, int32_t mode, uint32_t permissions);
+void zoltLogOs_close(OsFile *file);
+int32_t zoltLogOs_read(OsFile *file, void *buffer, int32_t length);
+int32_t zoltLogOs_write(OsFile *file, const void *buffer, int32_t length);
+int32_t zoltLogOs_fsize(OsFile *file, uint64_t *size);
+int32_t zoltLogOs_remove(const char *path);
+struct tm *zoltLogOs_localtime_r(int64_t seconds, struct tm *out);
+struct tm *zoltLogOs_gmtime_r(int64_t seconds, struct tm *out);
+int32_t zoltLogOs_mkdirp(const char *path, uint32_t mode);
+int32_t zoltLogOs_getLibName(const char *name, char **out);
+int32_t zoltLogOsListLogFilesBegin(OsLogFileCursor *cursor, const char *directory);
+int32_t zoltLogOsListLogFilesNext(OsLogFileCursor *cursor);
+const char *zoltLogOsListLogFilesName(OsLogFileCursor *cursor);
+int64_t zoltLogOsListLogFilesCreattime(OsLogFileCursor *cursor);
+int64_t zoltLogOsListLogFilesModtime(OsLogFileCursor *cursor);
+void zoltLogOsListLogFilesEnd(OsLogFileCursor *cursor);
+int32_t CopyLogOsListLogFiles(const OsLogFileCursor *source, OsLogFileCursor *destination);
+
+int32_t zoltLogLockInit(LogLock *lock);
+void zoltLogLock(LogLock *lock, const char *tag);
+int32_t zoltLogUnlock(LogLock *lock, const char *tag);
+int32_t zoltLogDestroyLock(LogLock *lock);
+void zoltLockCommon(const char *tag);
+int32_t zoltUnlockCommon(const char *tag);
+int32_t zoltDestroyCommonLock(void);
+
+int32_t isProdIdValid(uint64_t productId);
+int32_t isOrigIdValid(uint64_t originatorId);
+int32_t isLogSetValid(const char *name);
+int32_t isCfgValid(const LogCfg *cfg);
+void *zoltLogMalloc(size_t size);
+void zoltLogFree(void *block);
+char *zoltLogSafeStrdup(const char *text);
+uint32_t zoltLogResFreeErrorMessage(char *text);
+int64_t convert_time(const char *text);
+int32_t zoltLogStrTimeToT(const char *text, const char *delimiters, int32_t *first, int32_t *second,
+                          int32_t *third);
+int32_t zoltLogGetTime(const char *text, int32_t *hours, int32_t *minutes, int32_t *seconds);
+int64_t getLocalTZOffsetFromGMT(void);
+uint32_t TimeZoneToOffset(const char *text, int64_t *offset);
+uint32_t utf82wcs(wchar_t **out, const char *utf8, int32_t length);
+uint32_t utf82mbs(char **out, const char *utf8);
+uint32_t wcs2utf8(char **out, const wchar_t *wide);
+uint32_t mbs2utf8(char **out, const char *narrow);
+
+/* ---- entry of libzoltLogFormatMsg.so.3 -------------------------------------- */
+
+typedef uint32_t (*LogFormatMessageFn)(LocalizerList *localizers, uint64_t zero1, const char *locale,
+                                       uint64_t zero2, uint32_t formatFlags, uint64_t zero3, LogMsg *msg,
+                                       LogHandle *handle, char **text);
+
+#if defined(__GNUC__)
+#pragma GCC visibility pop
+#endif
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,5 @@
+#include "zoltlog.h"
+
+void *sh_handle;
+LogFormatter *fmtLib;
+LogFormatter *newfmtLib;

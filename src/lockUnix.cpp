@@ -1,0 +1,3 @@
+#include "lockUnix.h"
+
+LogLock zoltLogMutex;

@@ -1,0 +1,3 @@
+#include "zoltlog.h"
+
+int32_t errorCode;
