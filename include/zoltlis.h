@@ -23,20 +23,24 @@ extern "C" {
 #pragma GCC visibility push(default)
 #endif
 
-typedef struct ZoltLisBlock { /* empty when all words are 0 */
+/* Empty when all words are 0 */
+typedef struct ZoltLisBlock {
     uintptr_t word[3];
 } ZoltLisBlock;
 
-typedef struct ZoltLisIterator { /* filled by zoltLisGetArgsBegin */
+/* Filled by zoltLisGetArgsBegin */
+typedef struct ZoltLisIterator {
     uintptr_t word[8];
 } ZoltLisIterator;
 
-typedef struct ZoltLisOsError { /* the error code is the word at byte offset 8 */
+/* The error code is the word at byte offset 8 */
+typedef struct ZoltLisOsError {
     uint64_t kind;
     int64_t code;
 } ZoltLisOsError;
 
-typedef struct ZoltLisDateTime { /* the first 64-bit word is seconds since the epoch */
+/* The first 64-bit word is seconds since the epoch */
+typedef struct ZoltLisDateTime {
     int64_t seconds;
     int64_t nanoseconds;
 } ZoltLisDateTime;

@@ -60,61 +60,65 @@ extern "C" {
 
 /* ---- constants ------------------------------------------------------- */
 
-enum { /* message types */
-       ZOLTLOG_MSG_DEBUG = 0,
-       ZOLTLOG_MSG_DIAG = 1,
-       ZOLTLOG_MSG_APP = 2,
-       ZOLTLOG_MSG_CONTEXT = 3,
-       ZOLTLOG_MSG_AUDIT = 4,
-       ZOLTLOG_MSG_SECURE_AUDIT = 5
+/* Message types */
+enum {
+    ZOLTLOG_MSG_DEBUG = 0,
+    ZOLTLOG_MSG_DIAG = 1,
+    ZOLTLOG_MSG_APP = 2,
+    ZOLTLOG_MSG_CONTEXT = 3,
+    ZOLTLOG_MSG_AUDIT = 4,
+    ZOLTLOG_MSG_SECURE_AUDIT = 5
 };
 
-enum { /* output flags */
-       ZOLTLOG_OUT_STDOUT = 1,
-       ZOLTLOG_OUT_STDERR = 2,
-       ZOLTLOG_OUT_OSLOG = 4,
-       ZOLTLOG_KEEP_LOCAL_TEXT = 8, /* message calls only */
-       ZOLTLOG_NO_MESSAGE_ID = 16,  /* message calls only */
-       ZOLTLOG_OUT_OSLOGX = 64
+/* Output flags */
+enum {
+    ZOLTLOG_OUT_STDOUT = 1,
+    ZOLTLOG_OUT_STDERR = 2,
+    ZOLTLOG_OUT_OSLOG = 4,
+    ZOLTLOG_KEEP_LOCAL_TEXT = 8, /* message calls only */
+    ZOLTLOG_NO_MESSAGE_ID = 16,  /* message calls only */
+    ZOLTLOG_OUT_OSLOGX = 64
 };
 
-enum { /* rollover mode bits; valid values are 0 to 5 */
-       ZOLTLOG_ROLLOVER_NONE = 0,
-       ZOLTLOG_ROLLOVER_FILE_SIZE = 1,
-       ZOLTLOG_ROLLOVER_LOCAL_TIME = 2,
-       ZOLTLOG_ROLLOVER_PERIODIC = 4
+/* Rollover mode bits; valid values are 0 to 5 */
+enum {
+    ZOLTLOG_ROLLOVER_NONE = 0,
+    ZOLTLOG_ROLLOVER_FILE_SIZE = 1,
+    ZOLTLOG_ROLLOVER_LOCAL_TIME = 2,
+    ZOLTLOG_ROLLOVER_PERIODIC = 4
 };
 
-enum { /* result codes: the values are part of the interface */
-       ZOLTLOG_OK = 0,
-       ZOLTLOG_FAILED = 1,
-       ZOLTLOG_LIS_FAILED = 2,
-       ZOLTLOG_INVALID_ARGUMENT = 3,
-       ZOLTLOG_NO_MEMORY = 4,
-       ZOLTLOG_WRITE_FAILED = 5,
-       ZOLTLOG_CFG_NOT_FOUND = 6,
-       ZOLTLOG_NO_MORE = 9,
-       ZOLTLOG_LIS_OTHER = 10,
-       ZOLTLOG_OSLOG_OPEN_FAILED = 22,
-       ZOLTLOG_PRODUCT_EXISTS = 27,
-       ZOLTLOG_SOURCE_SIZE_UNKNOWN = 31,
-       ZOLTLOG_OPEN_FAILED = 32,
-       ZOLTLOG_SHORT_READ = 33,
-       ZOLTLOG_SHORT_WRITE = 34,
-       ZOLTLOG_NO_PRODUCT_CFG = 39,
-       ZOLTLOG_NO_LOG_FILES = 45,
-       ZOLTLOG_DEST_OPEN_FAILED = 47,
-       ZOLTLOG_UNSUPPORTED_HEADER = 48,
-       ZOLTLOG_SECTION_NOT_FOUND = 50,
-       ZOLTLOG_OPEN_DENIED = 51,
-       ZOLTLOG_OPEN_NO_PATH = 52,
-       ZOLTLOG_NO_DIRECTORY = 53,
-       ZOLTLOG_DEVICE_FULL = 54,
-       ZOLTLOG_CFG_CREATE_FAILED = 55,
-       ZOLTLOG_NO_FILE_STATE = 57,
-       ZOLTLOG_SECURE_ON_FILE_HANDLE = 58,
-       ZOLTLOG_NOTHING_TO_WRITE = 61,
-       ZOLTLOG_STORE_RESULT_10 = 64
+/* Result codes: the values are part of the interface */
+enum {
+    ZOLTLOG_OK = 0,
+    ZOLTLOG_FAILED = 1,
+    ZOLTLOG_LIS_FAILED = 2,
+    ZOLTLOG_INVALID_ARGUMENT = 3,
+    ZOLTLOG_NO_MEMORY = 4,
+    ZOLTLOG_WRITE_FAILED = 5,
+    ZOLTLOG_CFG_NOT_FOUND = 6,
+    ZOLTLOG_NO_MORE = 9,
+    ZOLTLOG_LIS_OTHER = 10,
+    ZOLTLOG_OSLOG_OPEN_FAILED = 22,
+    ZOLTLOG_PRODUCT_EXISTS = 27,
+    ZOLTLOG_SOURCE_SIZE_UNKNOWN = 31,
+    ZOLTLOG_OPEN_FAILED = 32,
+    ZOLTLOG_SHORT_READ = 33,
+    ZOLTLOG_SHORT_WRITE = 34,
+    ZOLTLOG_NO_PRODUCT_CFG = 39,
+    ZOLTLOG_NO_LOG_FILES = 45,
+    ZOLTLOG_DEST_OPEN_FAILED = 47,
+    ZOLTLOG_UNSUPPORTED_HEADER = 48,
+    ZOLTLOG_SECTION_NOT_FOUND = 50,
+    ZOLTLOG_OPEN_DENIED = 51,
+    ZOLTLOG_OPEN_NO_PATH = 52,
+    ZOLTLOG_NO_DIRECTORY = 53,
+    ZOLTLOG_DEVICE_FULL = 54,
+    ZOLTLOG_CFG_CREATE_FAILED = 55,
+    ZOLTLOG_NO_FILE_STATE = 57,
+    ZOLTLOG_SECURE_ON_FILE_HANDLE = 58,
+    ZOLTLOG_NOTHING_TO_WRITE = 61,
+    ZOLTLOG_STORE_RESULT_10 = 64
 };
 
 #define ZOLTLOG_DEFAULT_ORIGINATOR 112u
@@ -217,7 +221,8 @@ typedef struct OsLogFileCursor {
 
 typedef struct LogHandle LogHandle;
 
-typedef struct LogFileDate { /* year is the year - 2000, month 1 to 12 */
+/* Year is the year - 2000, month 1 to 12 */
+typedef struct LogFileDate {
     int32_t year, month, day, hour, minute, second;
 } LogFileDate;
 
@@ -342,7 +347,8 @@ typedef struct LogLock {
     LogLockHolder holders[10];
 } LogLock;
 
-typedef struct LogFormatter { /* what fmtLib and newfmtLib point at during a call */
+/* What fmtLib and newfmtLib point at during a call */
+typedef struct LogFormatter {
     void *library;
     void *entry;
 } LogFormatter;
