@@ -1,0 +1,285 @@
+// The message record: initialisation, attributes, getters, release.
+#include "bin_msg.h"
+
+#include <string.h>
+#include <sys/time.h>
+
+// Callers hold LogMsg records in their own storage: the order of the fields is fixed.
+#define FOLLOWS(earlier, later) static_assert(offsetof(LogMsg, earlier) < offsetof(LogMsg, later), #later)
+static_assert(offsetof(LogMsg, ownsStrings) == 0, "first field");
+FOLLOWS(ownsStrings, recordVersion);
+FOLLOWS(recordVersion, type);
+FOLLOWS(type, productId);
+FOLLOWS(productId, originatorId);
+FOLLOWS(originatorId, fileOriginatorId);
+FOLLOWS(fileOriginatorId, messageId);
+FOLLOWS(messageId, timestamp);
+FOLLOWS(timestamp, processId);
+FOLLOWS(processId, threadId);
+FOLLOWS(threadId, contextToken);
+FOLLOWS(contextToken, text);
+FOLLOWS(text, reserved);
+FOLLOWS(reserved, utf8);
+FOLLOWS(utf8, attr);
+FOLLOWS(attr, who);
+FOLLOWS(who, outcome);
+FOLLOWS(outcome, lis);
+#undef FOLLOWS
+
+static const uint32_t LOWEST_LEVEL = 1; // of debug and diagnostic messages
+static const uint32_t HIGHEST_LEVEL = 6;
+
+// Sets of message types, for the getters
+static constexpr uint32_t only(uint32_t type) {
+    return 1u << type;
+}
+static constexpr uint32_t ANY_TYPE = 0; // also types that do not exist
+static constexpr uint32_t DEBUG_ONLY = only(ZOLTLOG_MSG_DEBUG);
+static constexpr uint32_t DIAG_ONLY = only(ZOLTLOG_MSG_DIAG);
+static constexpr uint32_t APP_ONLY = only(ZOLTLOG_MSG_APP);
+static constexpr uint32_t CONTEXT_ONLY = only(ZOLTLOG_MSG_CONTEXT);
+static constexpr uint32_t SECURE_AUDIT_ONLY = only(ZOLTLOG_MSG_SECURE_AUDIT);
+static constexpr uint32_t BOTH_AUDITS = only(ZOLTLOG_MSG_AUDIT) | SECURE_AUDIT_ONLY;
+
+// ---- initialisation and release ------------------------------------------------
+
+// Everything but the text.
+static uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type) {
+    memset(msg, 0, sizeof *msg);
+    msg->type = type;
+    msg->messageId = GetNextSequenceNumber(handle);
+    msg->processId = getPID();
+    msg->threadId = getTID();
+    if (handle->file != nullptr) {
+        msg->productId = handle->file->productId;
+        msg->originatorId = handle->originatorId;
+    }
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    msg->timestamp = static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_usec) / 1000;
+    if (handle->noContext == 0)
+        return zoltLogGetMsgContextAttrToken(&handle->contextMsg, &msg->contextToken);
+    return ZOLTLOG_OK;
+}
+
+uint32_t initMsgWithOwnedText(LogMsg *msg, LogHandle *handle, uint32_t type, char *ownedText) {
+    uint32_t result = ZOLTLOG_INVALID_ARGUMENT;
+    if (msg != nullptr && handle != nullptr)
+        result = initWithoutText(msg, handle, type);
+    if (result == ZOLTLOG_OK)
+        msg->text = ownedText;
+    else
+        zoltLogFree(ownedText);
+    return result;
+}
+
+uint32_t zoltLogInitMsg(LogMsg *msg, LogHandle *handle, uint32_t type, const char *defaultText) {
+    if (msg == nullptr || handle == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    const uint32_t result = initWithoutText(msg, handle, type);
+    if (result != ZOLTLOG_OK || defaultText == nullptr)
+        return result;
+    msg->text = zoltLogSafeStrdup(defaultText);
+    return msg->text != nullptr ? ZOLTLOG_OK : ZOLTLOG_NO_MEMORY;
+}
+
+uint32_t zoltLogFreeMsg(LogMsg *msg) {
+    if (msg == nullptr)
+        return ZOLTLOG_OK;
+    if (msg->type == ZOLTLOG_MSG_CONTEXT)
+        zoltLogFree(msg->attr.contextTitle);
+    if (msg->ownsStrings == 1) {
+        zoltLogFree(msg->contextToken);
+        // KEPT: the subject of a secure audit record is not released although the
+        // record is said to own its strings; callers that set the flag release it
+        // themselves. Pinned by MessageRecord.OwnedSubjectOfASecureAuditRecordIsNotFreed.
+        if (msg->type <= ZOLTLOG_MSG_APP || msg->type == ZOLTLOG_MSG_AUDIT)
+            zoltLogFree(msg->who);
+    }
+    zoltLogFree(msg->text);
+    const int32_t released = zoltLisFree(&msg->lis);
+    memset(msg, 0, sizeof *msg);
+    return released == 0 ? ZOLTLOG_OK : ZOLTLOG_FAILED;
+}
+
+// ---- attributes ----------------------------------------------------------------
+
+// KEPT: a level out of range is stored all the same, and told. Pinned by
+// MessageRecord.LevelsOutsideOneToSixAreStoredAndFail.
+static uint32_t setWhoAndLevel(LogMsg *msg, const char *who, uint32_t level) {
+    if (msg == nullptr || who == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    msg->who = const_cast<char *>(who);
+    msg->attr.level = level;
+    return level >= LOWEST_LEVEL && level <= HIGHEST_LEVEL ? ZOLTLOG_OK : ZOLTLOG_FAILED;
+}
+
+uint32_t zoltLogSetDebugAttr(LogMsg *msg, const char *who, uint32_t level) {
+    return setWhoAndLevel(msg, who, level);
+}
+
+uint32_t zoltLogSetDiagAttr(LogMsg *msg, const char *who, uint32_t level) {
+    return setWhoAndLevel(msg, who, level);
+}
+
+uint32_t zoltLogSetAppAttr(LogMsg *msg, uint32_t severity) {
+    if (msg == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    msg->attr.severity = severity;
+    return ZOLTLOG_OK;
+}
+
+uint32_t zoltLogSetAppAttrEx(LogMsg *msg, const char *who, uint32_t severity) {
+    if (msg == nullptr || who == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    msg->who = const_cast<char *>(who);
+    msg->attr.severity = severity;
+    return ZOLTLOG_OK;
+}
+
+uint32_t zoltLogSetAuditAttr(LogMsg *msg, const char *subject, uint32_t outcome) {
+    if (msg == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    msg->who = const_cast<char *>(subject);
+    msg->outcome = outcome;
+    return ZOLTLOG_OK;
+}
+
+uint32_t zoltLogSetSecureAuditAttr(LogMsg *msg, uint32_t level, const char *subject, uint32_t outcome) {
+    if (msg == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    msg->attr.level = level;
+    msg->who = const_cast<char *>(subject);
+    msg->outcome = outcome;
+    return ZOLTLOG_OK;
+}
+
+uint32_t zoltLogSetContextAttr(LogMsg *msg, const char *token) {
+    if (msg == nullptr || token == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    char *copy = zoltLogSafeStrdup(token);
+    if (copy == nullptr)
+        return ZOLTLOG_NO_MEMORY;
+    if (msg->type == ZOLTLOG_MSG_CONTEXT) // in other types the word is no pointer
+        zoltLogFree(msg->attr.contextTitle);
+    msg->attr.contextTitle = copy;
+    return ZOLTLOG_OK;
+}
+
+// ---- getters -------------------------------------------------------------------
+
+// Whether a getter that serves the given set of types may write to out.
+static bool mayRead(const LogMsg *msg, const void *out, uint32_t types) {
+    if (msg == nullptr || out == nullptr)
+        return false;
+    return types == ANY_TYPE || (msg->type <= ZOLTLOG_MSG_SECURE_AUDIT && (types & only(msg->type)) != 0);
+}
+
+template<typename T>
+static uint32_t readField(const LogMsg *msg, T *out, uint32_t types, T LogMsg::*field) {
+    if (!mayRead(msg, out, types))
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *out = msg->*field;
+    return ZOLTLOG_OK;
+}
+
+static uint32_t readAttributeNumber(const LogMsg *msg, uint32_t *out, uint32_t types) {
+    if (!mayRead(msg, out, types))
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *out = msg->attr.level; // severity and level are one word
+    return ZOLTLOG_OK;
+}
+
+uint32_t zoltLogGetMsgType(const LogMsg *msg, uint32_t *out) {
+    return readField(msg, out, ANY_TYPE, &LogMsg::type);
+}
+
+uint32_t zoltLogGetMsgProductId(const LogMsg *msg, uint64_t *out) {
+    return readField(msg, out, ANY_TYPE, &LogMsg::productId);
+}
+
+uint32_t zoltLogGetMsgOriginatorId(const LogMsg *msg, uint64_t *out) {
+    return readField(msg, out, ANY_TYPE, &LogMsg::originatorId);
+}
+
+uint32_t zoltLogGetMsgFid(const LogMsg *msg, uint64_t *out) {
+    return readField(msg, out, ANY_TYPE, &LogMsg::fileOriginatorId);
+}
+
+uint32_t zoltLogGetMsgTimestamp(const LogMsg *msg, uint64_t *out) {
+    return readField(msg, out, ANY_TYPE, &LogMsg::timestamp);
+}
+
+uint32_t zoltLogGetMsgPid(const LogMsg *msg, uint64_t *out) {
+    return readField(msg, out, ANY_TYPE, &LogMsg::processId);
+}
+
+uint32_t zoltLogGetMsgTid(const LogMsg *msg, uint64_t *out) {
+    return readField(msg, out, ANY_TYPE, &LogMsg::threadId);
+}
+
+uint32_t zoltLogGetMsgContextToken(const LogMsg *msg, char **out) {
+    return readField(msg, out, ANY_TYPE, &LogMsg::contextToken);
+}
+
+uint32_t zoltLogGetMsgText(const LogMsg *msg, char **out) {
+    return readField(msg, out, ANY_TYPE, &LogMsg::text);
+}
+
+uint32_t zoltLogGetMsgAppAttrWho(const LogMsg *msg, char **out) {
+    return readField(msg, out, APP_ONLY, &LogMsg::who);
+}
+
+uint32_t zoltLogGetMsgAppAttrSeverity(const LogMsg *msg, uint32_t *out) {
+    return readAttributeNumber(msg, out, APP_ONLY);
+}
+
+uint32_t zoltLogGetMsgDebugAttrWho(const LogMsg *msg, char **out) {
+    return readField(msg, out, DEBUG_ONLY, &LogMsg::who);
+}
+
+uint32_t zoltLogGetMsgDebugAttrLevel(const LogMsg *msg, uint32_t *out) {
+    return readAttributeNumber(msg, out, DEBUG_ONLY);
+}
+
+uint32_t zoltLogGetMsgDebugLevel(const LogMsg *msg, uint32_t *out) {
+    return readAttributeNumber(msg, out, DEBUG_ONLY);
+}
+
+uint32_t zoltLogGetMsgDiagAttrWho(const LogMsg *msg, char **out) {
+    return readField(msg, out, DIAG_ONLY, &LogMsg::who);
+}
+
+uint32_t zoltLogGetMsgDiagAttrLevel(const LogMsg *msg, uint32_t *out) {
+    return readAttributeNumber(msg, out, DIAG_ONLY);
+}
+
+uint32_t zoltLogGetMsgDiagLevel(const LogMsg *msg, uint32_t *out) {
+    return readAttributeNumber(msg, out, DIAG_ONLY);
+}
+
+uint32_t zoltLogGetMsgAuditAttrSubject(const LogMsg *msg, char **out) {
+    return readField(msg, out, BOTH_AUDITS, &LogMsg::who);
+}
+
+uint32_t zoltLogGetMsgAuditAttrOutcome(const LogMsg *msg, uint32_t *out) {
+    return readField(msg, out, BOTH_AUDITS, &LogMsg::outcome);
+}
+
+uint32_t zoltLogGetMsgAuditLevel(const LogMsg *msg, uint32_t *out) {
+    return readAttributeNumber(msg, out, SECURE_AUDIT_ONLY);
+}
+
+uint32_t zoltLogGetMsgContextAttrToken(const LogMsg *msg, char **out) {
+    if (!mayRead(msg, out, CONTEXT_ONLY))
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *out = msg->attr.contextTitle;
+    return ZOLTLOG_OK;
+}
+
+uint32_t zoltLogGetMsgLis(LogMsg *msg, ZoltLisBlock **out) {
+    if (!mayRead(msg, out, ANY_TYPE))
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *out = &msg->lis;
+    return ZOLTLOG_OK;
+}

@@ -1,0 +1,8 @@
+// The message record, for the units that build records themselves.
+#pragma once
+
+#include "zoltlog.h"
+
+// zoltLogInitMsg without its copy of the text: ownedText, a heap text or null,
+// belongs to the record afterwards, and is released when the result is not 0.
+uint32_t initMsgWithOwnedText(LogMsg *msg, LogHandle *handle, uint32_t type, char *ownedText);
