@@ -1,0 +1,496 @@
+// The message entry points of the five families, and contexts.
+//
+// Owns: which argument decides what, the level filters, making the text or the
+// localization block of a message, and who frees them. Leaves to others: the
+// record (bin_msg), text formatting (formatmsg), what happens to a finished
+// record (zoltLogMsg, zoltLogCreateContextToFile).
+//
+// Every family narrows down in the same way:
+//   ... (variable arguments) -> V (va_list: wording made here, before the lock)
+//   -> L (text and block made by the caller) -> send, which builds the record and
+//   dispatches it under the lock.
+//
+// Order: owned texts and blocks; send; wording; application, diagnostic, audit,
+// secure audit, debug; contexts.
+#include "bin_msg.h"
+#include "lockUnix.h"
+
+#include <memory>
+#include <utility>
+
+// ---- owned texts and blocks --------------------------------------------------
+
+namespace {
+
+struct TextFree {
+    void operator()(char *text) const { zoltLogFree(text); }
+};
+using OwnedText = std::unique_ptr<char, TextFree>;
+
+// A localization block of which this code is the owner.
+struct OwnedBlock {
+    OwnedBlock() = default;
+    OwnedBlock(OwnedBlock &&other) noexcept : words(other.release()) {}
+    OwnedBlock(const OwnedBlock &) = delete;
+    OwnedBlock &operator=(const OwnedBlock &) = delete;
+    OwnedBlock &operator=(OwnedBlock &&) = delete;
+    ~OwnedBlock() { free(); }
+
+    bool empty() const { return (words.word[0] | words.word[1] | words.word[2]) == 0; }
+    ZoltLisBlock release() {
+        const ZoltLisBlock moved = words;
+        words = {};
+        return moved;
+    }
+    void free() {
+        if (!empty()) {
+            (void)zoltLisFree(&words);
+            words = {};
+        }
+    }
+
+    ZoltLisBlock words = {};
+};
+
+// An L variant consumes its block whatever becomes of the message: the words in
+// the caller's storage are zeroed at once.
+OwnedBlock takeBlock(ZoltLisBlock *callers) {
+    OwnedBlock block;
+    if (callers != nullptr) {
+        block.words = *callers;
+        *callers = {};
+    }
+    return block;
+}
+
+// ---- send --------------------------------------------------------------------
+
+struct Message { // what an entry point knows about its message, besides the wording
+    uint32_t type;
+    const char *lockTag;
+    uint64_t messageId; // not used with ZOLTLOG_NO_MESSAGE_ID in the flags
+    uint32_t flags;
+    uint32_t severityOrLevel; // not for audit
+    const char *who;          // the subject of audit and secure audit messages
+    uint32_t outcome;         // audit and secure audit
+};
+
+} // namespace
+
+static uint32_t setAttributes(LogMsg *record, const Message &message) {
+    switch (message.type) {
+    case ZOLTLOG_MSG_APP:
+        return zoltLogSetAppAttrEx(record, message.who, message.severityOrLevel);
+    case ZOLTLOG_MSG_DIAG:
+        return zoltLogSetDiagAttr(record, message.who, message.severityOrLevel);
+    case ZOLTLOG_MSG_AUDIT:
+        return zoltLogSetAuditAttr(record, message.who, message.outcome);
+    case ZOLTLOG_MSG_SECURE_AUDIT:
+        return zoltLogSetSecureAuditAttr(record, message.severityOrLevel, message.who, message.outcome);
+    default:
+        return zoltLogSetDebugAttr(record, message.who, message.severityOrLevel);
+    }
+}
+
+// Builds the record and dispatches it. The text is consumed in any case; the
+// block is consumed unless the record could not be initialised, when it is left
+// in place for the caller to decide upon.
+static uint32_t send(LogHandle *handle, const Message &message, OwnedText text, OwnedBlock &block) {
+    const GlobalLock lock(message.lockTag);
+    LogMsg record;
+    uint32_t result = initMsgWithOwnedText(&record, handle, message.type, text.release());
+    if (result != ZOLTLOG_OK)
+        return result;
+    if ((message.flags & ZOLTLOG_NO_MESSAGE_ID) == 0)
+        record.messageId = message.messageId;
+    record.lis = block.release();
+    result = setAttributes(&record, message);
+    if (result == ZOLTLOG_OK)
+        result = zoltLogMsg(handle, message.flags, &record);
+    (void)zoltLogFreeMsg(&record);
+    return result;
+}
+
+// The same with a copy of a text of the caller, which may be null.
+static uint32_t sendCopy(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
+    OwnedText copy(zoltLogSafeStrdup(text));
+    if (text != nullptr && copy == nullptr)
+        return ZOLTLOG_NO_MEMORY;
+    return send(handle, message, std::move(copy), block);
+}
+
+// ---- wording -----------------------------------------------------------------
+
+uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult) {
+    switch (lisResult) {
+    case 0:
+        return ZOLTLOG_OK;
+    case -2:
+        return ZOLTLOG_INVALID_ARGUMENT;
+    case -3:
+        return ZOLTLOG_NO_MEMORY;
+    case -4:
+        return ZOLTLOG_LIS_FAILED;
+    default:
+        return ZOLTLOG_LIS_OTHER;
+    }
+}
+
+static OwnedText formatText(const char *format, va_list args) {
+    char *text = nullptr;
+    (void)listxt_svnprintf(&text, format, args); // without a text the message goes out without one
+    return OwnedText(text);
+}
+
+static uint32_t lookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t messageNumber,
+                       const char *format, va_list args) {
+    return zoltLogMapLisResToLoggingRes(zoltLisVEx(block, handle->utf8, messageNumber, format, args));
+}
+
+// The wording of an application or diagnostic message: a catalogue block, a text
+// formatted here, or with ZOLTLOG_KEEP_LOCAL_TEXT both.
+static uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t messageNumber,
+                            const char *format, va_list args, OwnedText *text, OwnedBlock *block) {
+    if (messageNumber != 0) {
+        va_list copy;
+        va_copy(copy, args);
+        const uint32_t result = lookUp(&block->words, handle, messageNumber, format, copy);
+        va_end(copy);
+        if (result != ZOLTLOG_OK)
+            return result;
+        if ((flags & ZOLTLOG_KEEP_LOCAL_TEXT) == 0)
+            return ZOLTLOG_OK;
+    }
+    *text = formatText(format, args);
+    return ZOLTLOG_OK;
+}
+
+static bool lacksLocalText(uint32_t flags, const char *text) {
+    return (flags & ZOLTLOG_KEEP_LOCAL_TEXT) != 0 && text == nullptr;
+}
+
+// Levels are read without the lock, while another thread may store them.
+static bool isFiltered(const uint32_t *handleLevel, uint32_t level) {
+    return __atomic_load_n(handleLevel, __ATOMIC_RELAXED) < level;
+}
+
+// ---- application -------------------------------------------------------------
+
+static Message appMessage(uint64_t messageId, uint32_t flags, uint32_t severity, const char *who) {
+    return {ZOLTLOG_MSG_APP, TAG_APP_MSG_2LEX, messageId, flags, severity, who, 0};
+}
+
+uint32_t zoltLogAppMsg(LogHandle *handle, uint32_t flags, uint32_t severity, int64_t messageNumber,
+                       const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result = zoltLogAppMsg2VEx(handle, 0, flags | ZOLTLOG_NO_MESSAGE_ID, severity, "",
+                                              messageNumber, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogAppMsgEx(LogHandle *handle, uint32_t flags, uint32_t severity, const char *who,
+                         int64_t messageNumber, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result = zoltLogAppMsg2VEx(handle, 0, flags | ZOLTLOG_NO_MESSAGE_ID, severity, who,
+                                              messageNumber, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogAppMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                        int64_t messageNumber, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result =
+        zoltLogAppMsg2VEx(handle, messageId, flags, severity, "", messageNumber, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogAppMsg2Ex(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                          const char *who, int64_t messageNumber, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result =
+        zoltLogAppMsg2VEx(handle, messageId, flags, severity, who, messageNumber, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogAppMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                         int64_t messageNumber, const char *format, va_list args) {
+    return zoltLogAppMsg2VEx(handle, messageId, flags, severity, "", messageNumber, format, args);
+}
+
+uint32_t zoltLogAppMsg2VEx(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                           const char *who, int64_t messageNumber, const char *format, va_list args) {
+    if (handle == nullptr || format == nullptr || who == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    OwnedText text;
+    OwnedBlock block;
+    const uint32_t result = makeWording(handle, flags, messageNumber, format, args, &text, &block);
+    if (result != ZOLTLOG_OK)
+        return result;
+    if (lacksLocalText(flags, text.get()))
+        return ZOLTLOG_INVALID_ARGUMENT;
+    return send(handle, appMessage(messageId, flags, severity, who), std::move(text), block);
+}
+
+uint32_t zoltLogAppMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                         const char *text, ZoltLisBlock *block) {
+    return zoltLogAppMsg2LEx(handle, messageId, flags, severity, "", text, block);
+}
+
+uint32_t zoltLogAppMsg2LEx(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
+                           const char *who, const char *text, ZoltLisBlock *block) {
+    OwnedBlock taken = takeBlock(block);
+    if (handle == nullptr || block == nullptr || who == nullptr || lacksLocalText(flags, text))
+        return ZOLTLOG_INVALID_ARGUMENT;
+    return sendCopy(handle, appMessage(messageId, flags, severity, who), text, taken);
+}
+
+// ---- diagnostic --------------------------------------------------------------
+
+static Message diagMessage(uint64_t messageId, uint32_t flags, uint32_t level, const char *who) {
+    return {ZOLTLOG_MSG_DIAG, TAG_DIAG_MSG_2L, messageId, flags, level, who, 0};
+}
+
+uint32_t zoltLogDiagMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
+                        int64_t messageNumber, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result =
+        zoltLogDiagMsg2V(handle, 0, flags | ZOLTLOG_NO_MESSAGE_ID, level, who, messageNumber, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogDiagMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                         const char *who, int64_t messageNumber, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result =
+        zoltLogDiagMsg2V(handle, messageId, flags, level, who, messageNumber, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogDiagMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                          const char *who, int64_t messageNumber, const char *format, va_list args) {
+    if (handle == nullptr || format == nullptr || who == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    (void)zoltDynaLoadConfig(handle); // always succeeds
+    if (isFiltered(&handle->diagLevel, level))
+        return ZOLTLOG_OK;
+    OwnedText text;
+    OwnedBlock block;
+    const uint32_t result = makeWording(handle, flags, messageNumber, format, args, &text, &block);
+    if (result != ZOLTLOG_OK)
+        return result;
+    if (lacksLocalText(flags, text.get()))
+        return ZOLTLOG_INVALID_ARGUMENT;
+    return send(handle, diagMessage(messageId, flags, level, who), std::move(text), block);
+}
+
+uint32_t zoltLogDiagMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                          const char *who, const char *text, ZoltLisBlock *block) {
+    OwnedBlock taken = takeBlock(block);
+    if (handle == nullptr || block == nullptr || who == nullptr || lacksLocalText(flags, text))
+        return ZOLTLOG_INVALID_ARGUMENT;
+    if (isFiltered(&handle->diagLevel, level))
+        return ZOLTLOG_OK;
+    return sendCopy(handle, diagMessage(messageId, flags, level, who), text, taken);
+}
+
+// ---- audit -------------------------------------------------------------------
+
+static Message auditMessage(uint64_t messageId, uint32_t flags, const char *subject, uint32_t outcome) {
+    return {ZOLTLOG_MSG_AUDIT, TAG_AUDIT_MSG_2L, messageId, flags, 0, subject, outcome};
+}
+
+uint32_t zoltLogAuditMsg(LogHandle *handle, uint32_t flags, const char *subject, uint32_t outcome,
+                         int64_t messageNumber, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result = zoltLogAuditMsg2V(handle, 0, flags | ZOLTLOG_NO_MESSAGE_ID, subject, outcome,
+                                              messageNumber, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogAuditMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
+                          uint32_t outcome, int64_t messageNumber, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result =
+        zoltLogAuditMsg2V(handle, messageId, flags, subject, outcome, messageNumber, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogAuditMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
+                           uint32_t outcome, int64_t messageNumber, const char *format, va_list args) {
+    if (handle == nullptr || messageNumber == 0 || format == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    OwnedBlock block;
+    const uint32_t result = lookUp(&block.words, handle, messageNumber, format, args);
+    if (result != ZOLTLOG_OK)
+        return result;
+    return send(handle, auditMessage(messageId, flags, subject, outcome), OwnedText(), block);
+}
+
+uint32_t zoltLogAuditMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
+                           uint32_t outcome, ZoltLisBlock *block) {
+    OwnedBlock taken = takeBlock(block);
+    if (handle == nullptr || block == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    return send(handle, auditMessage(messageId, flags, subject, outcome), OwnedText(), taken);
+}
+
+// ---- secure audit ------------------------------------------------------------
+
+static Message secureAuditMessage(uint32_t level, const char *subject, uint32_t outcome) {
+    return {ZOLTLOG_MSG_SECURE_AUDIT, TAG_SECURE_AUDIT_MSG_L, 0, ZOLTLOG_OUT_OSLOG, level, subject, outcome};
+}
+
+uint32_t zoltLogSecureAuditMsg(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
+                               int64_t messageNumber, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result =
+        zoltLogSecureAuditMsgV(handle, level, subject, outcome, messageNumber, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogSecureAuditMsgV(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
+                                int64_t messageNumber, const char *format, va_list args) {
+    if (handle == nullptr || messageNumber == 0 || format == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    if (isFiltered(&handle->secureAuditLevel, level))
+        return ZOLTLOG_OK;
+    OwnedBlock block;
+    const uint32_t result = lookUp(&block.words, handle, messageNumber, format, args);
+    if (result != ZOLTLOG_OK)
+        return result;
+    return send(handle, secureAuditMessage(level, subject, outcome), OwnedText(), block);
+}
+
+uint32_t zoltLogSecureAuditMsgL(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
+                                ZoltLisBlock *block) {
+    OwnedBlock taken = takeBlock(block);
+    if (handle == nullptr || block == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    if (isFiltered(&handle->secureAuditLevel, level))
+        return ZOLTLOG_OK;
+    const uint32_t result = send(handle, secureAuditMessage(level, subject, outcome), OwnedText(), taken);
+    // KEPT: when the record cannot be initialised the block stays with the caller, who frees it.
+    // Pinned by WriteMessages.ASecureAuditBlockStaysWithTheCallerWhenInitialisationFails.
+    *block = taken.release();
+    return result;
+}
+
+// ---- debug -------------------------------------------------------------------
+
+static Message debugMessage(const char *lockTag, uint64_t messageId, uint32_t flags, uint32_t level,
+                            const char *who) {
+    return {ZOLTLOG_MSG_DEBUG, lockTag, messageId, flags, level, who, 0};
+}
+
+uint32_t zoltLogDebugMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
+                         const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result =
+        zoltLogDebugMsg2V(handle, 0, flags | ZOLTLOG_NO_MESSAGE_ID, level, who, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogDebugMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                          const char *who, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const uint32_t result = zoltLogDebugMsg2V(handle, messageId, flags, level, who, format, args);
+    va_end(args);
+    return result;
+}
+
+uint32_t zoltLogDebugMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
+                           const char *who, const char *format, va_list args) {
+    if (handle == nullptr || who == nullptr || format == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    (void)zoltDynaLoadConfig(handle); // always succeeds
+    if (isFiltered(&handle->debugLevel, level))
+        return ZOLTLOG_OK;
+    OwnedBlock none;
+    return send(handle, debugMessage(TAG_DEBUG_MSG_2V, messageId, flags, level, who),
+                formatText(format, args), none);
+}
+
+uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
+                                  const char *text) {
+    if (handle == nullptr || who == nullptr || text == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    OwnedBlock none;
+    return sendCopy(handle,
+                    debugMessage(TAG_FORMATTED_DEBUG_MSG, 0, flags | ZOLTLOG_NO_MESSAGE_ID, level, who), text,
+                    none);
+}
+
+// ---- contexts ----------------------------------------------------------------
+
+// Fills the context message; what it has filled so far is freed by the caller
+// when it fails.
+static uint32_t makeContextMessage(LogHandle *parent, LogMsg *msg, const char *token, int64_t messageNumber,
+                                   const char *format, va_list args) {
+    OwnedText text;
+    if (messageNumber == 0) {
+        va_list copy;
+        va_copy(copy, args);
+        text = formatText(format, copy);
+        va_end(copy);
+    }
+    uint32_t result = initMsgWithOwnedText(msg, parent, ZOLTLOG_MSG_CONTEXT, text.release());
+    if (result != ZOLTLOG_OK)
+        return result;
+    msg->utf8 = parent->utf8; // this record does not pass through zoltLogMsg, which does it for others
+    result = zoltLogSetContextAttr(msg, token);
+    if (result != ZOLTLOG_OK)
+        return result;
+    if (messageNumber != 0)
+        return lookUp(&msg->lis, parent, messageNumber, format, args);
+    return zoltLogMapLisResToLoggingRes(zoltLisTextV(&msg->lis, format, args));
+}
+
+uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char *token, int64_t messageNumber,
+                              const char *format, ...) {
+    if (parent == nullptr || context == nullptr || format == nullptr || context == parent)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *context = {};
+    va_list args;
+    va_start(args, format);
+    uint32_t result = makeContextMessage(parent, &context->contextMsg, token, messageNumber, format, args);
+    va_end(args);
+    if (result == ZOLTLOG_OK)
+        result = zoltLogCreateContextToFile(parent, context, &context->contextMsg);
+    if (result != ZOLTLOG_OK) { // not attached to any file: nothing may be reached through it
+        (void)zoltLogFreeMsg(&context->contextMsg);
+        *context = {};
+        context->noContext = 1;
+    }
+    return result;
+}
+
+uint32_t zoltLogDestroyContext(LogHandle *context) {
+    if (context == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    // Another thread's rollover may be writing this very context into a new file.
+    const GlobalLock lock(TAG_CLOSE_FILE);
+    (void)zoltLogFreeMsg(&context->contextMsg);
+    context->noContext = 1;
+    return zoltLogCloseFile(context);
+}
