@@ -1,3 +1,167 @@
+// The strict recursive lock. Misuse ends the process: a program that released the
+// lock wrongly once would go on with records half written.
 #include "lockUnix.h"
 
+#include <cstddef>
+#include <cstdlib>
+#include <pthread.h>
+
+static_assert(offsetof(LogLock, mutex) == 0);
+static_assert(offsetof(LogLock, mutex) < offsetof(LogLock, initialized));
+static_assert(offsetof(LogLock, initialized) < offsetof(LogLock, savedCancelState));
+static_assert(offsetof(LogLock, savedCancelState) < offsetof(LogLock, depth));
+static_assert(offsetof(LogLock, depth) < offsetof(LogLock, holders));
+static_assert(offsetof(LogLockHolder, thread) == 0);
+static_assert(offsetof(LogLockHolder, thread) < offsetof(LogLockHolder, tag));
+
 LogLock zoltLogMutex;
+
+namespace {
+
+constexpr int32_t MAX_DEPTH = sizeof(LogLock::holders) / sizeof(LogLockHolder);
+static_assert(MAX_DEPTH == 10);
+
+// Guards the creation and destruction of every lock's mutex.
+pthread_mutex_t creation = PTHREAD_MUTEX_INITIALIZER;
+
+void require(bool holds) {
+    if (!holds)
+        abort();
+}
+
+void makeRecursive(pthread_mutex_t *mutex) {
+    pthread_mutexattr_t attributes;
+    require(pthread_mutexattr_init(&attributes) == 0);
+    require(pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE) == 0);
+    require(pthread_mutex_init(mutex, &attributes) == 0);
+    (void)pthread_mutexattr_destroy(&attributes);
+}
+
+bool isCreated(const LogLock *lock) {
+    return __atomic_load_n(&lock->initialized, __ATOMIC_ACQUIRE) != 0;
+}
+
+// Called with creation held. The mutex is complete before anybody can see that it is.
+void create(LogLock *lock) {
+    makeRecursive(&lock->mutex);
+    __atomic_store_n(&lock->initialized, 1, __ATOMIC_RELEASE);
+}
+
+// The first acquisition may be made by many threads at once: one of them creates.
+[[gnu::noinline]] void createOnce(LogLock *lock) {
+    require(pthread_mutex_lock(&creation) == 0);
+    if (!isCreated(lock))
+        create(lock);
+    require(pthread_mutex_unlock(&creation) == 0);
+}
+
+// ---- fork: the forking thread owns the lock while the process is copied, so that the
+// child finds it, and what it guards, at rest --------------------------------------
+
+bool heldForFork; // guarded by creation
+
+void beforeFork() {
+    for (;;) {
+        // The lock comes before creation, as in a thread that holds it when it first
+        // uses another lock.
+        const bool created = isCreated(&zoltLogMutex);
+        if (created)
+            require(pthread_mutex_lock(&zoltLogMutex.mutex) == 0);
+        require(pthread_mutex_lock(&creation) == 0);
+        if (created == isCreated(&zoltLogMutex)) {
+            heldForFork = created;
+            return;
+        }
+        require(pthread_mutex_unlock(&creation) == 0);
+        if (created)
+            require(pthread_mutex_unlock(&zoltLogMutex.mutex) == 0);
+    }
+}
+
+void afterForkInParent() {
+    const bool held = heldForFork;
+    require(pthread_mutex_unlock(&creation) == 0);
+    if (held)
+        require(pthread_mutex_unlock(&zoltLogMutex.mutex) == 0);
+}
+
+// The mutex knows its owner by the kernel's thread number, which is another one in the
+// child. It is made anew, and held as often as the forking thread held it.
+void afterForkInChild() {
+    if (heldForFork) {
+        makeRecursive(&zoltLogMutex.mutex);
+        for (int32_t held = 0; held < zoltLogMutex.depth; ++held)
+            require(pthread_mutex_lock(&zoltLogMutex.mutex) == 0);
+    }
+    require(pthread_mutex_unlock(&creation) == 0);
+}
+
+[[gnu::constructor]] void surviveFork() {
+    // Short of memory at load: the library works, but only a child of a process that
+    // is not logging at that moment can log.
+    (void)pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
+}
+
+} // namespace
+
+int32_t zoltLogLockInit(LogLock *lock) {
+    require(lock != nullptr);
+    require(pthread_mutex_lock(&creation) == 0);
+    create(lock);
+    require(pthread_mutex_unlock(&creation) == 0);
+    return 0;
+}
+
+void zoltLogLock(LogLock *lock, const char *tag) {
+    require(lock != nullptr);
+    if (!isCreated(lock))
+        createOnce(lock);
+    // Off before the mutex is taken, so that even a thread that is cancelled
+    // asynchronously cannot end while it holds the lock.
+    int previous;
+    require(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous) == 0);
+    require(pthread_mutex_lock(&lock->mutex) == 0);
+    if (lock->depth == 0)
+        lock->savedCancelState = previous;
+    require(lock->depth < MAX_DEPTH);
+    lock->holders[lock->depth] = {getTID(), tag};
+    ++lock->depth;
+}
+
+int32_t zoltLogUnlock(LogLock *lock, const char *tag) {
+    require(lock != nullptr && lock->depth > 0);
+    const int32_t depth = lock->depth - 1;
+    LogLockHolder *holder = &lock->holders[depth];
+    require(isCreated(lock));
+    require(holder->thread == getTID());
+    require(holder->tag == tag); // the same object, not an equal text
+    *holder = {0, nullptr};
+    lock->depth = depth;
+    const int saved = lock->savedCancelState;
+    require(pthread_mutex_unlock(&lock->mutex) == 0);
+    if (depth == 0)
+        require(pthread_setcancelstate(saved, nullptr) == 0);
+    return 0;
+}
+
+int32_t zoltLogDestroyLock(LogLock *lock) {
+    require(lock != nullptr);
+    require(pthread_mutex_lock(&creation) == 0);
+    require(isCreated(lock) && lock->depth == 0);
+    require(pthread_mutex_destroy(&lock->mutex) == 0);
+    __atomic_store_n(&lock->initialized, 0, __ATOMIC_RELEASE);
+    require(pthread_mutex_unlock(&creation) == 0);
+    return 0;
+}
+
+void zoltLockCommon(const char *tag) {
+    zoltLogLock(&zoltLogMutex, tag);
+}
+
+int32_t zoltUnlockCommon(const char *tag) {
+    return zoltLogUnlock(&zoltLogMutex, tag);
+}
+
+int32_t zoltDestroyCommonLock(void) {
+    return zoltLogDestroyLock(&zoltLogMutex);
+}
