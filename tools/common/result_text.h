@@ -1,0 +1,12 @@
+// Result codes of the library in words, for messages of the tools.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace tools {
+
+const char *resultText(uint32_t result);    // "unknown result" for a code that the library does not have
+std::string resultMessage(uint32_t result); // "no log file was found (45)"
+
+} // namespace tools

@@ -1,0 +1,50 @@
+// Decoding of UTF-8, strict: no overlong forms, no surrogates, nothing above U+10FFFF.
+#pragma once
+
+#include <cstddef>
+#include <string_view>
+
+namespace tools {
+
+struct Utf8Char {
+    char32_t value;
+    size_t length; // 0: no valid character starts here
+};
+
+inline Utf8Char decodeUtf8(std::string_view text, size_t at) {
+    const auto byte = [&](size_t i) { return static_cast<unsigned char>(text[i]); };
+    const char32_t first = byte(at);
+    if (first < 0x80)
+        return {first, 1};
+    const size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+    if (first < 0xc2 || first > 0xf4 || text.size() - at < length)
+        return {0, 0};
+    char32_t value = first & (0xffu >> (length + 1));
+    for (size_t i = 1; i < length; ++i) {
+        const char32_t next = byte(at + i);
+        if ((next & 0xc0u) != 0x80)
+            return {0, 0};
+        value = (value << 6) | (next & 0x3fu);
+    }
+    constexpr char32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (value < smallest[length] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff))
+        return {0, 0};
+    return {value, length};
+}
+
+// The position of the first byte that is not part of a valid character, or npos.
+inline size_t findInvalidUtf8(std::string_view text) {
+    for (size_t at = 0; at < text.size();) {
+        if (static_cast<unsigned char>(text[at]) < 0x80) {
+            ++at;
+            continue;
+        }
+        const Utf8Char c = decodeUtf8(text, at);
+        if (c.length == 0)
+            return at;
+        at += c.length;
+    }
+    return std::string_view::npos;
+}
+
+} // namespace tools
