@@ -33,7 +33,7 @@ int32_t osLogCopyCfg(OsLogSettings *destination, const OsLogSettings *source) {
         return OSLOG_INVALID_ARGUMENT;
     OsLogSettings copy = {};
     memcpy(copy.ident, source->ident, strnlen(source->ident, sizeof source->ident));
-    // KEPT: the option bits are not copied. Pinned by OsLog.CopyingSettingsLeavesTheOptionsAtZero.
+    // KEPT: the option bits are not copied. Pinned by OsLogSettings.CopyingSettingsLeavesTheOptionsAtZero.
     copy.facility = source->facility;
     *destination = copy;
     return OSLOG_OK;

@@ -1,0 +1,297 @@
+// The formatter plug-in: a message record as one line that is safe to show.
+#include "zoltformat.h"
+
+#include <langinfo.h>
+#include <limits.h>
+#include <memory>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+#include <wchar.h>
+
+namespace {
+
+struct HeapFree {
+    void operator()(char *block) const { free(block); }
+};
+using HeapText = std::unique_ptr<char, HeapFree>;
+
+// The line being made. Running out of memory is remembered, so that only the end
+// has to ask.
+struct Line {
+    HeapText data;
+    size_t length;
+    size_t capacity; // without the terminator
+    bool failed;
+};
+
+} // namespace
+
+static const size_t FIRST_CAPACITY = 255;
+static const size_t LONGEST_PIECE = 64; // of appendFormatted
+
+static void append(Line *line, const char *bytes, size_t count) {
+    if (line->failed)
+        return;
+    if (line->data == nullptr || count > line->capacity - line->length) {
+        size_t capacity = line->capacity + line->capacity / 2 + count;
+        if (capacity < FIRST_CAPACITY)
+            capacity = FIRST_CAPACITY;
+        char *data = static_cast<char *>(realloc(line->data.get(), capacity + 1));
+        if (data == nullptr) {
+            line->failed = true;
+            return;
+        }
+        (void)line->data.release(); // realloc has taken it
+        line->data.reset(data);
+        line->capacity = capacity;
+    }
+    memcpy(line->data.get() + line->length, bytes, count);
+    line->length += count;
+    line->data.get()[line->length] = '\0';
+}
+
+static void append(Line *line, const char *text) {
+    append(line, text, strlen(text));
+}
+
+static void appendFormatted(Line *line, const char *format, ...) __attribute__((format(printf, 2, 3)));
+static void appendFormatted(Line *line, const char *format, ...) {
+    char piece[LONGEST_PIECE];
+    va_list args;
+    va_start(args, format);
+    const int length = vsnprintf(piece, sizeof piece, format, args);
+    va_end(args);
+    if (length > 0)
+        append(line, piece,
+               static_cast<size_t>(length) < sizeof piece ? static_cast<size_t>(length) : sizeof piece - 1);
+}
+
+// A blank before every part but the first
+static void startPart(Line *line) {
+    if (line->length > 0)
+        append(line, " ");
+}
+
+// ---- texts ---------------------------------------------------------------------
+
+// Characters that end lines, drive terminals or turn the direction of writing
+static bool isUnsafe(uint32_t character) {
+    return character < 0x20 || (character >= 0x7f && character <= 0x9f) || character == 0x061c ||
+           character == 0x200e || character == 0x200f || (character >= 0x2028 && character <= 0x202e) ||
+           (character >= 0x2066 && character <= 0x2069);
+}
+
+static void appendEscaped(Line *line, uint32_t character) {
+    switch (character) {
+    case '\n':
+        append(line, "\\n");
+        break;
+    case '\r':
+        append(line, "\\r");
+        break;
+    case '\t':
+        append(line, "\\t");
+        break;
+    default:
+        appendFormatted(line,
+                        character < 0x80      ? "\\x%02x"
+                        : character < 0x10000 ? "\\u%04x"
+                                              : "\\U%08x",
+                        character);
+    }
+}
+
+// The length of the well-formed UTF-8 character at text, 0 when there is none.
+// Text ends in a zero, which is no continuation byte.
+static size_t decodeUtf8(const char *text, uint32_t *character) {
+    const auto byte = [text](size_t index) { return static_cast<unsigned char>(text[index]); };
+    const uint32_t first = byte(0);
+    if (first < 0x80) {
+        *character = first;
+        return 1;
+    }
+    const size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
+    if (first < 0xc2 || first > 0xf4)
+        return 0;
+    uint32_t value = first & (0x7fu >> length);
+    for (size_t index = 1; index < length; ++index) {
+        if ((byte(index) & 0xc0) != 0x80)
+            return 0;
+        value = value << 6 | (byte(index) & 0x3fu);
+    }
+    static const uint32_t smallest[] = {0x80, 0x800, 0x10000};
+    if (value < smallest[length - 2] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff))
+        return 0;
+    *character = value;
+    return length;
+}
+
+// The same for a character of the locale's encoding
+static size_t decodeLocal(const char *text, uint32_t *character) {
+    mbstate_t state = {};
+    wchar_t wide = 0;
+    const size_t length = mbrtowc(&wide, text, MB_CUR_MAX, &state);
+    if (length == 0 || length > MB_CUR_MAX) // also the two error values
+        return 0;
+    *character = static_cast<uint32_t>(wide);
+    return length;
+}
+
+static bool localeIsUtf8OrPlain() {
+    const char *codeset = nl_langinfo(CODESET);
+    return strcmp(codeset, "UTF-8") == 0 || strcmp(codeset, "ANSI_X3.4-1968") == 0;
+}
+
+// A text of the record, in UTF-8 or in the locale's encoding, made safe and in
+// the locale's encoding.
+static void appendText(Line *line, const char *text, bool utf8) {
+    const bool localUtf8 = localeIsUtf8OrPlain();
+    const char *plainFrom = text; // what is copied as it is, a run at a time
+    while (*text != '\0') {
+        uint32_t character = static_cast<unsigned char>(*text);
+        const size_t length =
+            utf8 || localUtf8 ? decodeUtf8(text, &character) : decodeLocal(text, &character);
+        const bool foreign = length > 0 && character >= 0x80 && utf8 && !localUtf8;
+        if (length > 0 && !foreign && !isUnsafe(character)) {
+            text += length;
+            continue;
+        }
+        append(line, plainFrom, static_cast<size_t>(text - plainFrom));
+        if (length == 0) {
+            appendFormatted(line, "\\x%02x", character);
+        } else if (isUnsafe(character)) {
+            appendEscaped(line, character);
+        } else {
+            char local[MB_LEN_MAX];
+            mbstate_t state = {};
+            const size_t size = wcrtomb(local, static_cast<wchar_t>(character), &state);
+            if (size == static_cast<size_t>(-1))
+                appendEscaped(line, character);
+            else
+                append(line, local, size);
+        }
+        text += length > 0 ? length : 1;
+        plainFrom = text;
+    }
+    append(line, plainFrom, static_cast<size_t>(text - plainFrom));
+}
+
+// ---- parts of a line -------------------------------------------------------------
+
+static void appendTime(Line *line, uint64_t milliseconds) {
+    const auto seconds = static_cast<time_t>(milliseconds / 1000);
+    struct tm local;
+    if (localtime_r(&seconds, &local) == nullptr) { // a year that does not fit
+        appendFormatted(line, "@%llu", static_cast<unsigned long long>(milliseconds));
+        return;
+    }
+    const long minutes = local.tm_gmtoff / 60;
+    const long magnitude = minutes < 0 ? -minutes : minutes;
+    appendFormatted(line, "%04ld-%02d-%02d %02d:%02d:%02d.%03d%c%02ld:%02ld", 1900L + local.tm_year,
+                    local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                    static_cast<int>(milliseconds % 1000), minutes < 0 ? '-' : '+', magnitude / 60,
+                    magnitude % 60);
+}
+
+static void appendKind(Line *line, const LogMsg *msg) {
+    static const char *const severities[] = {"INFO", "WARNING", "ERROR", "CRITICAL", "EMERGENCY"};
+    startPart(line);
+    switch (msg->type) {
+    case ZOLTLOG_MSG_DEBUG:
+        appendFormatted(line, "DEBUG-%u", msg->attr.level);
+        break;
+    case ZOLTLOG_MSG_DIAG:
+        appendFormatted(line, "DIAG-%u", msg->attr.level);
+        break;
+    case ZOLTLOG_MSG_APP:
+        if (msg->attr.severity < sizeof severities / sizeof *severities)
+            append(line, severities[msg->attr.severity]);
+        else
+            appendFormatted(line, "SEVERITY-%u", msg->attr.severity);
+        break;
+    case ZOLTLOG_MSG_CONTEXT:
+        append(line, "CONTEXT");
+        break;
+    case ZOLTLOG_MSG_AUDIT:
+        append(line, "AUDIT");
+        break;
+    case ZOLTLOG_MSG_SECURE_AUDIT:
+        appendFormatted(line, "SECURE-AUDIT-%u", msg->attr.level);
+        break;
+    default:
+        appendFormatted(line, "TYPE-%u", msg->type);
+    }
+}
+
+static void appendSource(Line *line, const LogMsg *msg, bool utf8) {
+    if (msg->type == ZOLTLOG_MSG_AUDIT || msg->type == ZOLTLOG_MSG_SECURE_AUDIT) {
+        startPart(line);
+        append(line, "subject=");
+        if (msg->who != nullptr && msg->who[0] != '\0')
+            appendText(line, msg->who, utf8);
+        else
+            append(line, "(none)");
+        appendFormatted(line, " outcome=%u", msg->outcome);
+    } else {
+        const char *source = msg->type == ZOLTLOG_MSG_CONTEXT ? msg->attr.contextTitle : msg->who;
+        if (source != nullptr && source[0] != '\0') {
+            startPart(line);
+            appendText(line, source, utf8);
+        }
+    }
+    if (msg->contextToken != nullptr && msg->contextToken[0] != '\0') {
+        startPart(line);
+        append(line, "[");
+        appendText(line, msg->contextToken, utf8);
+        append(line, "]");
+    }
+}
+
+// The wording of a record that has only its localization block
+static HeapText textOfBlock(ZoltLisBlock *block) {
+    size_t size = 0;
+    (void)strncatlis(nullptr, &size, block);
+    if (size == 0 || size == SIZE_MAX)
+        return nullptr;
+    HeapText text(static_cast<char *>(calloc(1, size)));
+    if (text != nullptr && strncatlis(text.get(), &size, block) == nullptr)
+        text.reset();
+    return text;
+}
+
+static bool isEmpty(const ZoltLisBlock &block) {
+    return (block.word[0] | block.word[1] | block.word[2]) == 0;
+}
+
+// --------------------------------------------------------------------------------
+
+uint32_t LogFormatMessage(LocalizerList *, uint64_t, const char *, uint64_t, uint32_t formatFlags, uint64_t,
+                          LogMsg *msg, LogHandle *, char **text) {
+    if (text == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *text = nullptr;
+    if (msg == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    const bool utf8 = msg->utf8 != 0;
+    Line line = {};
+    if ((formatFlags & ZOLTFORMAT_TIME) != 0)
+        appendTime(&line, msg->timestamp);
+    if ((formatFlags & ZOLTFORMAT_KIND) != 0)
+        appendKind(&line, msg);
+    if ((formatFlags & ZOLTFORMAT_SOURCE) != 0)
+        appendSource(&line, msg, utf8);
+    if (line.length > 0)
+        append(&line, ": ");
+    const HeapText ofBlock = msg->text == nullptr && !isEmpty(msg->lis) ? textOfBlock(&msg->lis) : nullptr;
+    const char *wording = msg->text != nullptr ? msg->text : ofBlock.get();
+    if (wording != nullptr)
+        appendText(&line, wording, utf8);
+    else
+        append(&line, "(no text)");
+    if (line.failed)
+        return ZOLTLOG_NO_MEMORY;
+    *text = line.data.release();
+    return ZOLTLOG_OK;
+}

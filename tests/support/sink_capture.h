@@ -1,0 +1,88 @@
+// Captures what the library sends to the system log and selects the formatter
+// plug-in that it loads, by functions that take the place of the C library's.
+// To be included by one source file of a test program.
+#pragma once
+
+#include <cstdarg>
+#include <cstdio>
+#include <dlfcn.h>
+#include <string>
+#include <vector>
+
+#include "support/support.h"
+
+namespace sinks {
+
+struct Opened {
+    const char *ident; // the pointer handed over
+    std::string text;
+    int option;
+    int facility;
+};
+struct Sent {
+    int priority;
+    std::string text;
+};
+inline std::vector<Opened> opened;
+inline std::vector<Sent> sent;
+inline int closed;
+
+// The plug-in that is loaded: a path, or "" for none.
+inline std::string formatter;
+inline std::vector<std::string> asked; // names given to dlopen
+
+inline std::string testFormatter(const std::string &kind) {
+    return support::buildDirectory() + "/tests/plugins/" + kind + "/libzoltLogFormatMsg.so.3";
+}
+inline std::string ownFormatter() {
+    return support::buildDirectory() + "/lib/libzoltLogFormatMsg.so.3";
+}
+
+inline void reset() {
+    opened.clear();
+    sent.clear();
+    asked.clear();
+    closed = 0;
+    formatter.clear();
+}
+
+inline void send(int priority, const char *format, va_list args) {
+    va_list again;
+    va_copy(again, args);
+    std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, args)) + 1, '\0');
+    vsnprintf(text.data(), text.size(), format, again);
+    va_end(again);
+    text.pop_back();
+    sent.push_back({priority, text});
+}
+
+} // namespace sinks
+
+extern "C" {
+void openlog(const char *ident, int option, int facility) {
+    sinks::opened.push_back({ident, ident, option, facility});
+}
+void closelog() {
+    ++sinks::closed;
+}
+void syslog(int priority, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    sinks::send(priority, format, args);
+    va_end(args);
+}
+void __syslog_chk(int priority, int, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    sinks::send(priority, format, args);
+    va_end(args);
+}
+void *dlopen(const char *name, int mode) {
+    static const auto real = reinterpret_cast<void *(*)(const char *, int)>(dlsym(RTLD_NEXT, "dlopen"));
+    if (name != nullptr && std::string(name) == "libzoltLogFormatMsg.so.3") {
+        sinks::asked.emplace_back(name);
+        return sinks::formatter.empty() ? nullptr : real(sinks::formatter.c_str(), mode);
+    }
+    return real(name, mode);
+}
+}
