@@ -1,0 +1,400 @@
+// Reading log files: lines, headers, what file names and date texts tell.
+//
+// It owns the record reader, the header parser, the log file entry and the
+// splitting of file names. Names and headers are made in the writer's unit; the
+// search for the latest file is read_latest.cpp, listing and filters are read_list.cpp.
+//
+// Order of sections: scanning; the record reader; headers; log file entries; file
+// names; date and time texts.
+#include "read.h"
+
+#include "text_msg.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#define FOLLOWS(record, earlier, later)                                                                      \
+    static_assert(offsetof(record, earlier) < offsetof(record, later), #record "::" #later)
+static_assert(offsetof(LogFileHeader, version) == 0, "first field");
+FOLLOWS(LogFileHeader, version, productId);
+FOLLOWS(LogFileHeader, productId, originatorId);
+FOLLOWS(LogFileHeader, originatorId, creationTime);
+FOLLOWS(LogFileHeader, creationTime, hostName);
+FOLLOWS(LogFileHeader, hostName, tzOffset);
+static_assert(offsetof(LogFileEntry, next) == 0, "first field");
+FOLLOWS(LogFileEntry, next, headerVersion);
+FOLLOWS(LogFileEntry, headerVersion, file);
+FOLLOWS(LogFileEntry, file, info);
+FOLLOWS(LogFileEntry, info, creationTime);
+FOLLOWS(LogFileEntry, creationTime, tzOffset);
+FOLLOWS(LogFileEntry, tzOffset, directory);
+FOLLOWS(LogFileEntry, directory, name);
+#undef FOLLOWS
+
+// ---- scanning ------------------------------------------------------------------
+
+static bool isBlank(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+static const char *skipBlanks(const char *at) {
+    while (isBlank(*at))
+        ++at;
+    return at;
+}
+
+static bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// A sign and digits; a magnitude that does not fit is UINT64_MAX with overflow set.
+struct Scanned {
+    bool negative;
+    bool overflow;
+    uint64_t magnitude;
+};
+
+static bool scanNumber(const char **cursor, size_t width, Scanned *out) {
+    const char *at = skipBlanks(*cursor);
+    *out = {false, false, 0};
+    if (width > 1 && (*at == '-' || *at == '+')) {
+        out->negative = *at == '-';
+        ++at;
+        --width;
+    }
+    const char *digits = at;
+    for (; width > 0 && isDigit(*at); ++at, --width) {
+        const uint64_t digit = static_cast<uint64_t>(*at - '0');
+        if (__builtin_mul_overflow(out->magnitude, 10u, &out->magnitude) ||
+            __builtin_add_overflow(out->magnitude, digit, &out->magnitude))
+            out->overflow = true;
+    }
+    if (out->overflow)
+        out->magnitude = UINT64_MAX;
+    *cursor = at;
+    return at != digits;
+}
+
+bool scanUnsigned(const char **at, size_t width, uint64_t *out) {
+    Scanned number;
+    if (!scanNumber(at, width, &number))
+        return false;
+    *out = number.negative && !number.overflow ? 0 - number.magnitude : number.magnitude;
+    return true;
+}
+
+bool scanSigned(const char **at, size_t width, int64_t *out) {
+    Scanned number;
+    if (!scanNumber(at, width, &number))
+        return false;
+    if (number.negative)
+        *out = number.magnitude > INT64_MAX ? INT64_MIN : -static_cast<int64_t>(number.magnitude);
+    else
+        *out = number.magnitude > INT64_MAX ? INT64_MAX : static_cast<int64_t>(number.magnitude);
+    return true;
+}
+
+// ---- the record reader ---------------------------------------------------------
+
+static const int32_t NO_MEMORY_FOR_RECORD = -1;
+static const int32_t READ_SIZE = sizeof(OsFile::buffer);
+
+// Appends bytes, each CR as LF: the encoder writes the line feeds of a text as CR.
+static char *appendLine(TextBuffer *buffer, const char *bytes, size_t length) {
+    char *line = text_msg_alloc(buffer, length);
+    if (line == nullptr)
+        return nullptr;
+    memcpy(line, bytes, length);
+    char *const end = line + length;
+    char *at = line;
+    while ((at = static_cast<char *>(memchr(at, '\r', static_cast<size_t>(end - at)))) != nullptr)
+        *at++ = '\n';
+    return line;
+}
+
+// As readrecord, in reads of at most readSize; 0 also when the line is longer than limit.
+static int32_t readLine(OsFile *file, TextBuffer *buffer, int32_t readSize, uint64_t limit) {
+    for (uint64_t taken = 0;;) {
+        if (file->readPosition < 0 || file->readPosition >= file->readCount) {
+            const int32_t count = zoltLogOs_read(file, file->buffer, readSize);
+            if (count < 1)
+                return count;
+        }
+        const char *start = file->buffer + file->readPosition;
+        const size_t buffered = static_cast<size_t>(file->readCount - file->readPosition);
+        const char *lineFeed = static_cast<const char *>(memchr(start, '\n', buffered));
+        const size_t length = lineFeed != nullptr ? static_cast<size_t>(lineFeed - start) + 1 : buffered;
+        taken += length;
+        if (taken > limit)
+            return 0;
+        char *line = appendLine(buffer, start, length);
+        if (line == nullptr)
+            return NO_MEMORY_FOR_RECORD;
+        file->readPosition += static_cast<int32_t>(length);
+        if (lineFeed != nullptr) {
+            line[length - 1] = '\0';
+            return 1;
+        }
+    }
+}
+
+// KEPT: a CR before the line feed stays, as a line feed, and a last line without a
+// line feed is not returned. Pinned by ReadRecord.CarriageReturnBecomesLineFeed and
+// ReadRecord.LastLineWithoutLineFeedIsNotReturned.
+int32_t readrecord(OsFile *file, TextBuffer *buffer) {
+    return readLine(file, buffer, READ_SIZE, UINT64_MAX);
+}
+
+// ---- headers -------------------------------------------------------------------
+
+static const char HEADER_WORD[] = "$Header";
+static const size_t HEADER_WORD_LENGTH = sizeof HEADER_WORD - 1;
+static const int64_t NO_OFFSET = -1;
+
+// A header has some 600 bytes at most, so one small read usually gets it.
+static const int32_t HEADER_READ_SIZE = 4096;
+
+static bool nextUnsigned(const char **at, uint64_t *out) {
+    if (**at != ',')
+        return false;
+    ++*at;
+    return scanUnsigned(at, ANY_WIDTH, out);
+}
+
+static bool nextSigned(const char **at, int64_t *out) {
+    if (**at != ',')
+        return false;
+    ++*at;
+    return scanSigned(at, ANY_WIDTH, out);
+}
+
+// A word up to the next blank, cut to its room.
+static void nextWord(const char *at, char *out, size_t room) {
+    if (*at != ',')
+        return;
+    at = skipBlanks(at + 1);
+    size_t length = 0;
+    while (length < room - 1 && at[length] != '\0' && !isBlank(at[length]))
+        ++length;
+    memcpy(out, at, length); // the rest is zero already
+}
+
+// Parses the first record of a file. A header that is too short leaves the fields
+// that it lacks at 0, the offset at -1.
+static uint32_t parseHeader(const char *record, LogFileHeader *header) {
+    memset(header, 0, sizeof *header);
+    header->tzOffset = NO_OFFSET;
+    const char *at = skipBlanks(record);
+    if (strncmp(at, HEADER_WORD, HEADER_WORD_LENGTH) != 0)
+        return ZOLTLOG_FAILED;
+    at += HEADER_WORD_LENGTH;
+    if (*at != '\0' && !isBlank(*at))
+        return ZOLTLOG_FAILED;
+
+    scanUnsigned(&at, ANY_WIDTH, &header->version); // none: 0, an unsupported version
+    if (header->version == ZOLTLOG_RECORD_VERSION_LOGSET) {
+        // The offset is scanned unsigned, as it always was: the bits are the same.
+        uint64_t offset = 0;
+        if (nextUnsigned(&at, &offset)) {
+            header->tzOffset = static_cast<int64_t>(offset);
+            nextWord(at, header->hostName, sizeof header->hostName);
+        }
+        return ZOLTLOG_OK;
+    }
+    if (header->version < OLDEST_HEADER_VERSION || header->version > ZOLTLOG_RECORD_VERSION_ORIGINATOR)
+        return ZOLTLOG_UNSUPPORTED_HEADER;
+    if (nextUnsigned(&at, &header->productId) && nextUnsigned(&at, &header->originatorId) &&
+        nextUnsigned(&at, &header->creationTime) &&
+        (header->version != ZOLTLOG_RECORD_VERSION_ORIGINATOR || nextSigned(&at, &header->tzOffset)))
+        nextWord(at, header->hostName, sizeof header->hostName);
+    return ZOLTLOG_OK;
+}
+
+// Reads and parses the first record from the current offset of an open file.
+// recordRead tells the reader's result: below 1 means that there was no record.
+static uint32_t readHeader(OsFile *file, LogFileHeader *header, int32_t *recordRead) {
+    TextBuffer buffer;
+    init_text_msg(&buffer);
+    file->readPosition = -1;
+    *recordRead = readLine(file, &buffer, HEADER_READ_SIZE, LONGEST_HEADER_LINE);
+    uint32_t result = ZOLTLOG_FAILED;
+    if (*recordRead > 0)
+        result = parseHeader(buffer.data, header);
+    free_text_msg(&buffer);
+    return result;
+}
+
+uint32_t ReadHeaderEx(OsFile *file, LogFileHeader *header) {
+    if (file == nullptr || header == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    memset(header, 0, sizeof *header);
+    int32_t recordRead = 0;
+    return readHeader(file, header, &recordRead);
+}
+
+uint32_t ReadHeader(LogFileEntry *entry, LogFileHeader *header) {
+    if (entry == nullptr || header == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    int32_t recordRead = 0;
+    const uint32_t result = readHeader(&entry->file, header, &recordRead);
+    if (recordRead == 0) // KEPT: header and entry are left alone. Pinned by
+        return result;   // ReadHeader.AnEmptyFileLeavesTheHeaderAlone.
+    if (recordRead < 0) {
+        memset(header, 0, sizeof *header);
+        header->tzOffset = NO_OFFSET;
+    }
+    entry->tzOffset = NO_OFFSET;
+    if (result == ZOLTLOG_OK) {
+        entry->headerVersion = header->version;
+        entry->tzOffset = header->tzOffset; // -1 for the versions that carry none
+    }
+    return result;
+}
+
+// ---- log file entries ----------------------------------------------------------
+
+static const uint32_t READ_PERMISSIONS = 0660;
+static const int32_t MODE_READ = 1; // of zoltLogOs_open
+
+LogFileEntry *alloc_file(OsLogFileCursor *cursor) {
+    if (cursor == nullptr)
+        return nullptr;
+    const char *name = zoltLogOsListLogFilesName(cursor);
+    if (name == nullptr)
+        return nullptr;
+    const size_t length = strlen(name);
+    // calloc, since fresh pages of the large read buffer then stay untouched.
+    LogFileEntry *entry = static_cast<LogFileEntry *>(calloc(1, offsetof(LogFileEntry, name) + length + 1));
+    if (entry == nullptr)
+        return nullptr;
+    memcpy(entry->name, name, length + 1);
+    entry->creationTime = zoltLogOsListLogFilesCreattime(cursor);
+    zoltLogOs_initfilehandle(&entry->file);
+    return entry;
+}
+
+int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char *hostName) {
+    if (cursor == nullptr || directory == nullptr || hostName == nullptr)
+        return 0;
+    const char *name = zoltLogOsListLogFilesName(cursor);
+    if (name == nullptr)
+        return 0;
+    char *path = static_cast<char *>(zoltLogMalloc(strlen(directory) + strlen(name) + 1));
+    if (path == nullptr)
+        return 0;
+    stpcpy(stpcpy(path, directory), name);
+
+    OsFile file;
+    zoltLogOs_initfilehandle(&file);
+    const int32_t opened = zoltLogOs_open(&file, path, MODE_READ, READ_PERMISSIONS);
+    zoltLogFree(path);
+    if (opened != 0)
+        return 0;
+    LogFileHeader header;
+    (void)ReadHeaderEx(&file, &header); // without a header the name is empty
+    zoltLogOs_close(&file);
+    memcpy(hostName, header.hostName, sizeof header.hostName);
+    return 1;
+}
+
+// ---- file names ----------------------------------------------------------------
+
+static const char NAME_SEPARATOR = '-';
+
+struct Token {
+    const char *start;
+    size_t length;
+};
+
+// Splits at runs of '-', as strtok does; false when nothing is left.
+static bool nextToken(const char **rest, Token *token) {
+    while (**rest == NAME_SEPARATOR)
+        ++*rest;
+    token->start = *rest;
+    token->length = strcspn(*rest, "-");
+    *rest += token->length;
+    return token->length > 0;
+}
+
+// KEPT: ids are read as strtol reads them, so one above 2^63 - 1 comes back as
+// 2^63 - 1. Pinned by FileNames.IdsSaturateAsSignedNumbers.
+static uint64_t tokenNumber(const Token *token) {
+    const char *at = skipBlanks(token->start);
+    int64_t number = 0;
+    if (at < token->start + token->length) // else blanks only: the next token's sign is not ours
+        scanSigned(&at, ANY_WIDTH, &number);
+    return static_cast<uint64_t>(number);
+}
+
+int32_t getidfromfilename(const char *name, uint64_t *productId, uint64_t *originatorId) {
+    if (name == nullptr || productId == nullptr || originatorId == nullptr)
+        return 0;
+    Token token;
+    if (nextToken(&name, &token))
+        *productId = tokenNumber(&token);
+    if (nextToken(&name, &token))
+        *originatorId = tokenNumber(&token);
+    return *productId != 0 && *originatorId != 0;
+}
+
+// KEPT: a log set name that holds a '-' is cut there, and the date is then taken
+// from the wrong place. Pinned by FileNames.ALogSetNameIsCutAtAHyphen.
+int32_t getSLidfromfilename(const char *name, uint64_t *productId, char *logsetName, char *dateTime) {
+    if (name == nullptr || productId == nullptr || logsetName == nullptr || dateTime == nullptr)
+        return 0;
+    Token token;
+    if (nextToken(&name, &token))
+        *productId = tokenNumber(&token);
+    if (nextToken(&name, &token)) {
+        const size_t length = token.length < LOGSET_NAME_ROOM ? token.length : LOGSET_NAME_ROOM - 1;
+        memcpy(logsetName, token.start, length);
+        logsetName[length] = '\0';
+    }
+    if (nextToken(&name, &token)) {
+        const size_t length = token.length < DATE_TIME_ROOM ? token.length : DATE_TIME_ROOM - 1;
+        memset(dateTime, 0, DATE_TIME_ROOM);
+        memcpy(dateTime, token.start, length);
+    }
+    return *productId != 0 && logsetName[0] != '\0';
+}
+
+// ---- date and time texts -------------------------------------------------------
+
+static const int32_t FIRST_TM_YEAR = 1900;
+
+int32_t zoltLogGetDate(const char *text, int32_t *day, int32_t *month, int32_t *year) {
+    const int32_t result = zoltLogStrTimeToT(text, "-", year, month, day);
+    if (result == 1) {
+        *year -= FIRST_TM_YEAR;
+        *month -= 1;
+    }
+    return result;
+}
+
+int64_t zoltLogStrDateTimeToT(const char *text) {
+    struct tm date = {};
+    char *copy = zoltLogSafeStrdup(text);
+    if (copy == nullptr)
+        return -1;
+    int32_t done = 0;
+    struct tm today;
+    if (zoltLogOs_localtime_r(time(nullptr), &today) == nullptr)
+        goto out;
+    date.tm_mday = today.tm_mday;
+    date.tm_mon = today.tm_mon;
+    date.tm_year = today.tm_year;
+
+    if (strchr(copy, '-') != nullptr) {
+        copy[strcspn(copy, ":")] = '\0';
+        // KEPT: year and day change places, so 2015-03-20 is day 115 of March 1920.
+        // Pinned by DateTexts.YearAndDayChangePlaces.
+        done = zoltLogGetDate(copy, &date.tm_year, &date.tm_mon, &date.tm_mday);
+    } else if (strchr(copy, ':') != nullptr) {
+        done = zoltLogGetTime(copy, &date.tm_hour, &date.tm_min, &date.tm_sec);
+    }
+out:
+    zoltLogFree(copy);
+    // KEPT: the time is taken as standard time also in summer (tm_isdst stays 0).
+    // Pinned by DateTexts.TheTimeIsStandardTimeAlsoInSummer.
+    return done == 1 ? mktime(&date) : -1;
+}

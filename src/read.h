@@ -1,0 +1,37 @@
+// Reading the log catalogue: scanning of numbers in names and headers, and the
+// bounds of what is read from files that anyone may have written.
+//
+// Names of log files (made by the writer's write_file unit; docs/format-log-file.md):
+//
+//     originator series = product "-" originator "-" host "-" YYMMDD "-" counter ".log"
+//     log set series    = product "-" name "-" YYMMDDhhmmss ".log"
+//
+// Header line (written by the same unit, read by ReadHeader and ReadHeaderEx):
+//
+//     "$Header 65543," product "," originator "," created "," zone "," host LF
+//     "$Header 65544," zone "," host LF
+//     "$Header " 65540..65542 "," product "," originator "," created "," host LF
+#pragma once
+
+#include "zoltlog.h"
+
+#include <stddef.h>
+
+// Room that a caller of getSLidfromfilename gives: a name, cut if it is longer,
+// and the date and time; terminators included.
+static const size_t LOGSET_NAME_ROOM = 1025;
+static const size_t DATE_TIME_ROOM = 13;
+
+// A file whose first line is longer has no header.
+static const uint64_t LONGEST_HEADER_LINE = 64 * 1024;
+
+static const uint64_t OLDEST_HEADER_VERSION = 65540;
+
+static const size_t ANY_WIDTH = SIZE_MAX;
+
+// Scanning as scanf's "%lu" and "%ld" do, independent of the locale: blanks are
+// skipped, a sign is accepted, at most width characters from the sign on are
+// taken, and too large a number becomes the largest (unsigned: a minus gives the
+// two's complement). false, with out alone and *at anywhere, when there is no digit.
+bool scanUnsigned(const char **at, size_t width, uint64_t *out);
+bool scanSigned(const char **at, size_t width, int64_t *out);

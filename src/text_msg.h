@@ -1,0 +1,18 @@
+// The growable buffer that records are encoded into and read through.
+#pragma once
+
+#include "zoltlog.h"
+
+#include <stdint.h>
+
+// The buffer's own storage, and the least by which it grows.
+static const uint64_t TEXT_INLINE_SIZE = sizeof(TextBuffer::inlineStorage);
+
+inline uint64_t textLength(const TextBuffer *buffer) {
+    return buffer->capacity - buffer->free;
+}
+
+// Ends the record at end, after a text_msg_alloc of an upper bound.
+inline void textEndsAt(TextBuffer *buffer, const char *end) {
+    buffer->free = buffer->capacity - static_cast<uint64_t>(end - buffer->data);
+}
