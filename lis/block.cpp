@@ -1,0 +1,304 @@
+// Storage of a block: its items, the iterator over them and the getters.
+
+#include "lis.h"
+
+#include <stdlib.h>
+
+namespace {
+
+const size_t FIRST_ROOM = 256;
+
+// An iterator: where the current item starts, and where the items end.
+enum { AT = 0, END = 1 };
+
+// The words of a block: its storage, the identity of a message without a
+// catalogue, and a mark that no empty block has.
+enum { STORAGE = 0, IDENTITY = 1, MARK = 2 };
+const uintptr_t BLOCK_MARK = 0x71646c69; // "qdli"
+
+size_t roomFor(size_t size) {
+    return sizeof(Storage) + size;
+}
+
+void fail(Builder *builder, LisResult result) {
+    if (builder->result == LIS_OK)
+        builder->result = result;
+}
+
+// Makes room for more bytes of items.
+bool makeRoom(Builder *builder, size_t more) {
+    Storage *storage = builder->storage;
+    if (storage->room - storage->used >= more)
+        return true;
+    if (more > SIZE_MAX / 4 - storage->used) {
+        fail(builder, LIS_NO_MEMORY);
+        return false;
+    }
+    const size_t room = padded((storage->used + more) * 2);
+    Storage *grown = static_cast<Storage *>(realloc(storage, roomFor(room)));
+    if (grown == nullptr) {
+        fail(builder, LIS_NO_MEMORY);
+        return false;
+    }
+    grown->room = room;
+    builder->storage = grown;
+    return true;
+}
+
+bool adds(const Builder *builder) {
+    return builder->result == LIS_OK && !builder->closed;
+}
+
+void freeStorage(Storage *storage) {
+    if (storage == nullptr)
+        return;
+    if (storage->nested) {
+        char *items = itemsOf(storage);
+        for (size_t at = 0; at < storage->used;) {
+            ItemWord word;
+            memcpy(&word, items + at, sizeof word);
+            at += sizeof word;
+            if (itemType(word) == ITEM_NESTED)
+                zoltLisFree(reinterpret_cast<ZoltLisBlock *>(items + at));
+            at += padded(itemPayload(word));
+        }
+    }
+    free(storage);
+}
+
+} // namespace
+
+// ---- building -------------------------------------------------------------------------
+
+void startBlock(Builder *builder, bool utf8, size_t expected) {
+    const size_t room = padded(expected > FIRST_ROOM ? expected : FIRST_ROOM);
+    *builder = {static_cast<Storage *>(malloc(roomFor(room))), NO_TEXT, false, LIS_OK};
+    if (builder->storage == nullptr)
+        builder->result = LIS_NO_MEMORY;
+    else
+        *builder->storage = {0, room, utf8, false};
+}
+
+void resumeBlock(Builder *builder, ZoltLisBlock *block) {
+    *builder = {storageOf(block), NO_TEXT, false, LIS_OK};
+    *block = {};
+}
+
+int32_t finishBlock(Builder *builder, ZoltLisBlock *block, int64_t identity) {
+    *block = {};
+    if (builder->result != LIS_OK) {
+        freeStorage(builder->storage);
+        builder->storage = nullptr;
+        return builder->result;
+    }
+    block->word[STORAGE] = reinterpret_cast<uintptr_t>(builder->storage);
+    block->word[IDENTITY] = static_cast<uintptr_t>(identity);
+    block->word[MARK] = BLOCK_MARK;
+    return LIS_OK;
+}
+
+void *addItem(Builder *builder, ItemType type, size_t payload) {
+    const size_t size = sizeof(ItemWord) + padded(payload);
+    if (!adds(builder) || !makeRoom(builder, size))
+        return nullptr;
+    Storage *storage = builder->storage;
+    char *item = itemsOf(storage) + storage->used;
+    const ItemWord word = itemWord(type, payload);
+    memcpy(item, &word, sizeof word);
+    storage->used += size;
+    storage->nested |= type == ITEM_NESTED;
+    builder->openText = NO_TEXT;
+    return item + sizeof word;
+}
+
+void addLiteral(Builder *builder, const char *bytes, size_t count) {
+    if (count == 0 || !adds(builder))
+        return;
+    if (builder->openText == NO_TEXT) {
+        const size_t start = builder->storage->used;
+        addNarrow(builder, narrowType(builder), bytes, count);
+        if (builder->result == LIS_OK)
+            builder->openText = start;
+        return;
+    }
+    if (!makeRoom(builder, padded(count)))
+        return;
+    Storage *storage = builder->storage;
+    char *item = itemsOf(storage) + builder->openText;
+    ItemWord word;
+    memcpy(&word, item, sizeof word);
+    const size_t before = itemPayload(word); // with its NUL
+    memcpy(item + sizeof word + before - 1, bytes, count);
+    item[sizeof word + before - 1 + count] = '\0';
+    word = itemWord(narrowType(builder), before + count);
+    memcpy(item, &word, sizeof word);
+    storage->used = builder->openText + sizeof word + padded(before + count);
+}
+
+char *scratchRoom(Builder *builder, size_t least, size_t *room) {
+    if (least > SIZE_MAX / 8) {
+        fail(builder, LIS_NO_MEMORY);
+        return nullptr;
+    }
+    if (!adds(builder) || !makeRoom(builder, sizeof(ItemWord) + padded(least)))
+        return nullptr;
+    Storage *storage = builder->storage;
+    const size_t at = storage->used + sizeof(ItemWord);
+    *room = storage->room - at;
+    return itemsOf(storage) + at;
+}
+
+void addNarrow(Builder *builder, ItemType type, const char *bytes, size_t count) {
+    char *payload = static_cast<char *>(addItem(builder, type, count + 1));
+    if (payload == nullptr)
+        return;
+    if (payload != bytes)
+        memcpy(payload, bytes, count);
+    payload[count] = '\0';
+}
+
+void addWide(Builder *builder, const wchar_t *text) {
+    const size_t size = (wcslen(text) + 1) * sizeof *text;
+    void *payload = addItem(builder, ITEM_WIDE_STRING, size);
+    if (payload != nullptr)
+        memcpy(payload, text, size);
+}
+
+void addReady(Builder *builder, const void *items, size_t size) {
+    if (!adds(builder) || !makeRoom(builder, size))
+        return;
+    Storage *storage = builder->storage;
+    memcpy(itemsOf(storage) + storage->used, items, size);
+    storage->used += size;
+    builder->openText = NO_TEXT;
+}
+
+Storage *storageOf(const ZoltLisBlock *block) {
+    return reinterpret_cast<Storage *>(block->word[STORAGE]);
+}
+
+// ---- a finished block -------------------------------------------------------------------
+
+extern "C" int32_t zoltLisFree(ZoltLisBlock *block) {
+    if (block == nullptr)
+        return LIS_INVALID;
+    freeStorage(storageOf(block));
+    *block = {};
+    return LIS_OK;
+}
+
+extern "C" int32_t zoltLisGetTextId(ZoltLisBlock *block, int64_t *identity) {
+    if (block == nullptr || identity == nullptr)
+        return LIS_INVALID;
+    *identity = static_cast<int64_t>(block->word[IDENTITY]);
+    return LIS_OK;
+}
+
+extern "C" int32_t zoltLisGetArgsBegin(ZoltLisBlock *block, ZoltLisIterator *argument) {
+    if (block == nullptr || argument == nullptr)
+        return LIS_INVALID;
+    *argument = {};
+    Storage *storage = storageOf(block);
+    if (storage == nullptr || storage->used == 0)
+        return LIS_NO_MORE;
+    argument->word[AT] = reinterpret_cast<uintptr_t>(itemsOf(storage));
+    argument->word[END] = argument->word[AT] + storage->used;
+    return LIS_OK;
+}
+
+namespace {
+
+// The current item's word, or null when the iterator is at its end.
+const ItemWord *current(const ZoltLisIterator *argument) {
+    if (argument == nullptr || argument->word[AT] >= argument->word[END])
+        return nullptr;
+    return reinterpret_cast<const ItemWord *>(argument->word[AT]);
+}
+
+// The payload of the current item when it is of one of the two types.
+const void *payloadOf(const ZoltLisIterator *argument, uint32_t type, uint32_t otherType) {
+    const ItemWord *word = current(argument);
+    if (word == nullptr || (itemType(*word) != type && itemType(*word) != otherType))
+        return nullptr;
+    return word + 1;
+}
+
+template<typename Plain>
+int32_t getValue(const ZoltLisIterator *argument, ItemType type, Plain *out) {
+    const void *payload = payloadOf(argument, type, type);
+    if (payload == nullptr || out == nullptr)
+        return LIS_INVALID;
+    memcpy(out, payload, sizeof *out);
+    return LIS_OK;
+}
+
+template<typename Pointee>
+int32_t getAddress(const ZoltLisIterator *argument, ItemType type, ItemType otherType, Pointee **out) {
+    const void *payload = payloadOf(argument, type, otherType);
+    if (payload == nullptr || out == nullptr)
+        return LIS_INVALID;
+    *out = static_cast<Pointee *>(const_cast<void *>(payload));
+    return LIS_OK;
+}
+
+} // namespace
+
+extern "C" int32_t zoltLisGetNextArg(ZoltLisIterator *argument) {
+    const ItemWord *word = current(argument);
+    if (word == nullptr)
+        return LIS_NO_MORE;
+    argument->word[AT] += sizeof *word + padded(itemPayload(*word));
+    return current(argument) == nullptr ? LIS_NO_MORE : LIS_OK;
+}
+
+extern "C" int32_t zoltLisGetArgTypeId(ZoltLisIterator *argument, uint32_t *type) {
+    const ItemWord *word = current(argument);
+    if (word == nullptr || type == nullptr)
+        return LIS_INVALID;
+    *type = itemType(*word);
+    return LIS_OK;
+}
+
+extern "C" int32_t zoltLisGetArg_wchar(ZoltLisIterator *argument, wchar_t *out) {
+    return getValue(argument, ITEM_WIDE_CHAR, out);
+}
+
+extern "C" int32_t zoltLisGetArg_longlong(ZoltLisIterator *argument, int64_t *out) {
+    return getValue(argument, ITEM_SIGNED, out);
+}
+
+extern "C" int32_t zoltLisGetArg_ulonglong(ZoltLisIterator *argument, uint64_t *out) {
+    return getValue(argument, ITEM_UNSIGNED, out);
+}
+
+extern "C" int32_t zoltLisGetArg_double(ZoltLisIterator *argument, double *out) {
+    return getValue(argument, ITEM_DOUBLE, out);
+}
+
+extern "C" int32_t zoltLisGetArg_pointer(ZoltLisIterator *argument, void **out) {
+    return getValue(argument, ITEM_POINTER, out);
+}
+
+extern "C" int32_t zoltLisGetArg_wstring(ZoltLisIterator *argument, const wchar_t **out) {
+    return getAddress(argument, ITEM_WIDE_STRING, ITEM_WIDE_STRING, out);
+}
+
+extern "C" int32_t zoltLisGetArg_os_error(ZoltLisIterator *argument, const ZoltLisOsError **out) {
+    return getAddress(argument, ITEM_OS_ERROR, ITEM_OS_ERROR_OTHER, out);
+}
+
+extern "C" int32_t zoltLisGetArg_datetime(ZoltLisIterator *argument, ZoltLisDateTime *out) {
+    return getValue(argument, ITEM_DATE_TIME, out);
+}
+
+extern "C" int32_t zoltLisGetArg_lis(ZoltLisIterator *argument, ZoltLisBlock **out) {
+    return getAddress(argument, ITEM_NESTED, ITEM_NESTED, out);
+}
+
+extern "C" int32_t zoltLisGetArg_utf8string(ZoltLisIterator *argument, const char **out) {
+    return getAddress(argument, ITEM_UTF8_STRING, ITEM_UTF8_STRING, out);
+}
+
+extern "C" int32_t zoltLisGetArg_nativeString(ZoltLisIterator *argument, const char **out) {
+    return getAddress(argument, ITEM_NATIVE_STRING, ITEM_NATIVE_STRING, out);
+}
