@@ -1,0 +1,311 @@
+#!/usr/bin/env python3
+"""qdlogcfg as a new user would use it, from an empty directory."""
+import json
+import os
+import re
+import subprocess
+import unittest
+
+TOOL = os.path.join(os.environ["QDUL_BUILD"], "bin", "qdlogcfg")
+SOURCE = os.environ["QDUL_SOURCE"]
+HERE = os.getcwd()
+
+
+def run(*arguments, config="main.conf", environment=None):
+    env = {**os.environ, "NO_COLOR": "1", "LC_ALL": "C.UTF-8", **(environment or {})}
+    command = [TOOL, "--config", os.path.join(HERE, config)] if config else [TOOL]
+    done = subprocess.run(command + list(arguments), capture_output=True, text=True, env=env)
+    return done.returncode, done.stdout, done.stderr
+
+
+def write(name, text):
+    with open(name, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def read(name):
+    with open(name, encoding="utf-8") as file:
+        return file.read()
+
+
+class Qdlogcfg(unittest.TestCase):
+    def setUp(self):
+        for name in os.listdir("."):
+            if name.endswith(".conf"):
+                os.remove(name)
+
+    def ok(self, *arguments):
+        status, out, err = run(*arguments)
+        self.assertEqual((status, err), (0, ""), (arguments, out))
+        return out
+
+    def register(self):
+        self.ok("product", "add", "5", "--names", "server,srv", "--file", f"{HERE}/server.conf")
+        self.ok("set", "-p", "5", f"LogDirectory={HERE}/logs")
+
+    def test_a_product_from_registration_to_removal(self):
+        self.assertEqual(run("product", "list")[0], 1)
+        self.ok("product", "add", "5", "--names", "server,srv", "--file", f"{HERE}/server.conf")
+        self.assertIn(f"5.Configuration={HERE}/server.conf\n5.Names=server,srv\n", read("main.conf"))
+        self.assertIn("server,srv", self.ok("product", "list"))
+        self.assertEqual(json.loads(self.ok("product", "list", "--json")),
+                         [{"product": 5, "names": "server,srv", "configuration": f"{HERE}/server.conf",
+                           "readable": False}])
+        self.ok("set", "--product", "server", f"LogDirectory={HERE}/logs", "RolloverMode=FileSize | LocalTime",
+                "MaxLogFileSizeKB=64", "RolloverAtLocalTime=23:05")
+        self.ok("set", "--product", "srv", "--originator", "7", "DebugLevel=3", "LogToStdout=true")
+        self.ok("set", "--product", "5", "--logset", "backup", "FileName=backup", "LogRecycle=true",
+                "NumberOfLogFiles=3")
+        self.assertEqual(
+            [line for line in read("server.conf").splitlines() if not line.startswith("#")],
+            [f"Default.LogDirectory={HERE}/logs/", "Default.RolloverMode=FileSize | LocalTime",
+             "Default.MaxLogFileSizeKB=64", "Default.RolloverAtLocalTime=23:05", "7.DebugLevel=3",
+             "7.LogToStdout=true", "LOGSET.backup.FileName=backup", "LOGSET.backup.LogRecycle=true",
+             "LOGSET.backup.NumberOfLogFiles=3"])
+        self.assertEqual(self.ok("get", "-p", "5", "-o", "7", "DebugLevel", "MaxLogFileSizeKB"), "3\n64\n")
+        self.ok("unset", "-p", "5", "-o", "7", "DebugLevel")
+        self.assertEqual(self.ok("get", "-p", "5", "-o", "7", "DebugLevel"), "0\n")
+        self.ok("product", "remove", "5")
+        self.assertFalse(os.path.exists("main.conf"))
+        self.assertTrue(os.path.exists("server.conf"))
+
+    def test_registering_twice_is_an_error_and_changes_nothing(self):
+        self.register()
+        before = read("main.conf")
+        status, _, err = run("product", "add", "5", "-n", "x", "-f", f"{HERE}/other.conf")
+        self.assertEqual(status, 3)
+        self.assertIn("(27)", err)
+        self.assertEqual(read("main.conf"), before)
+
+    def test_show_tells_where_each_value_comes_from(self):
+        self.register()
+        self.ok("set", "-p", "5", "DebugLevel=2")
+        self.ok("set", "-p", "5", "-o", "7", "DiagnosticLevel=4")
+        shown = {row["key"]: row for row in json.loads(self.ok("show", "-p", "5", "-o", "7", "--json"))}
+        self.assertEqual(shown["DebugLevel"]["value"], "2")
+        self.assertEqual(shown["DebugLevel"]["from"], "Default")
+        line = read("server.conf").splitlines().index("Default.DebugLevel=2") + 1
+        self.assertEqual(shown["DebugLevel"]["line"], line)
+        self.assertEqual(shown["DiagnosticLevel"]["from"], "7")
+        self.assertEqual(shown["LogFilePermissions"], {"key": "LogFilePermissions", "value": "660",
+                                                       "from": "built-in", "skipped": []})
+        human = self.ok("show", "-p", "5", "-o", "7")
+        self.assertRegex(human, rf"DebugLevel +2 +section Default, {re.escape(HERE)}/server.conf:{line}\n")
+
+    def test_show_names_a_value_that_the_library_skips(self):
+        self.register()
+        write("server.conf", read("server.conf") + "7.DebugLevel=9\n7.LogFilePermissions=755\n")
+        shown = {row["key"]: row for row in json.loads(self.ok("show", "-p", "5", "-o", "7", "--json"))}
+        self.assertEqual(shown["DebugLevel"]["value"], "0")
+        self.assertEqual([skipped["value"] for skipped in shown["DebugLevel"]["skipped"]], ["9"])
+        self.assertEqual(shown["LogFilePermissions"]["value"], "660")
+        self.assertEqual([skipped["value"] for skipped in shown["LogFilePermissions"]["skipped"]], ["755"])
+
+    def test_set_refuses_what_the_library_would_not_take(self):
+        self.register()
+        before = read("server.conf")
+        for setting in ["DebugLevel=7", "DebugLevel=x", "DebugLevel=-1", "MaxLogFileSizeKB=0", "NumberOfLogFiles=0",
+                        "RolloverMode=Weekly", "RolloverMode=LocalTime | Periodic", "RolloverAtLocalTime=24:00",
+                        "LogFilePermissions=755", "LogFilePermissions=9", "SyslogFacility=log_user",
+                        "LogToStdout=yes", "AppMsgLogging=on", "SyslogIdent=a=b", "SyslogIdent=a\n5.x=y",
+                        "FileName=x", "DebugLevle=3", "DebugLevel", "OIDNames=" + "x" * 400]:
+            status, out, err = run("set", "-p", "5", setting)
+            self.assertEqual((status, out), (2, ""), setting)
+            self.assertNotEqual(err, "")
+        self.assertEqual(read("server.conf"), before)
+        self.assertIn("did you mean DebugLevel?", run("set", "-p", "5", "DebugLevle=3")[2])
+
+    def test_one_bad_setting_among_many_changes_nothing(self):
+        self.register()
+        before = read("server.conf")
+        self.assertEqual(run("set", "-p", "5", "DebugLevel=3", "DiagnosticLevel=9")[0], 2)
+        self.assertEqual(read("server.conf"), before)
+
+    def test_dry_run_changes_nothing(self):
+        self.register()
+        before = read("server.conf"), read("main.conf")
+        self.assertIn("would set DebugLevel=3", self.ok("set", "-p", "5", "--dry-run", "DebugLevel=3"))
+        self.assertIn("would remove LogDirectory", self.ok("unset", "-p", "5", "--dry-run", "LogDirectory"))
+        self.assertIn("would remove product 5", self.ok("product", "remove", "--dry-run", "5"))
+        self.assertIn("would register product 6",
+                      self.ok("product", "add", "6", "--dry-run", "-n", "x", "-f", f"{HERE}/x.conf"))
+        self.assertEqual((read("server.conf"), read("main.conf")), before)
+
+    def test_list_names_originators_and_log_sets(self):
+        self.register()
+        self.ok("set", "-p", "5", "-o", "7", "OIDNames=volume", "LogDirectory=sub")
+        self.ok("set", "-p", "5", "-l", "Default", "DebugLevel=1", f"LogDirectory={HERE}/logs")
+        self.ok("set", "-p", "5", "-l", "backup", "DebugLevel=1")
+        listed = json.loads(self.ok("list", "-p", "5", "--json"))
+        self.assertEqual([row.get("originator", row.get("logset")) for row in listed], [112, 7, "Default", "backup"])
+        self.assertEqual(listed[1]["directory"], f"{HERE}/logs/sub/")
+        self.assertEqual(self.ok("get", "-p", "5", "-o", "volume", "LogDirectory"), f"{HERE}/logs/sub/\n")
+
+    def check(self, expected_status=1):
+        status, out, err = run("check", "--json")
+        self.assertEqual((status, err), (expected_status, ""), out)
+        return json.loads(out)
+
+    def test_check_finds_nothing_in_a_good_configuration(self):
+        self.register()
+        self.assertEqual(self.check(0), [])
+
+    def test_check_finds_each_kind_of_problem(self):
+        self.register()
+        good = read("server.conf")
+        blocked = f"{HERE}/afile"
+        write("afile", "")
+        cases = [
+            ("7.DebugLevel=9", "skipped silently"),
+            ("7.MaxLogFileSizeKB=0", "skipped silently"),
+            ("7.RolloverAtLocalTime=24:00", "skipped silently"),
+            ("7.LogFilePermissions=755", "skipped silently"),
+            ("7.LogFilePermissions=rw", "does not parse"),
+            ("7.DebugLevle=3", "did you mean DebugLevel?"),
+            ("7.DebugLevel=1\n7.DebugLevel=2", "only line"),
+            ("7.DebugLevel=1\n8.DebugLevel=1\n7.LogToStdout=true", "began in line"),
+            ("7.OIDNames=" + "x" * 600, "longer than 498"),
+            ("7.OIDNames=" + "x" * 450, "longer than 399"),
+            ("7.OIDNames=a=b", "ends at its first '='"),
+            ("\t# comment", "a tab before '#'"),
+            ("nonsense", "neither a comment"),
+            ("DebugLevel=3", "belongs to no section"),
+            ("7.LogToStdout=yes", "reads as false"),
+            ("7.AppMsgLogging=on", "reads as OFF"),
+            ("7.RolloverMode=Weekly", "is read as None"),
+            ("7.RolloverMode=LocalTime | Periodic", "is read as LocalTime"),
+            ("7.SyslogFacility=log_local0", "LOG_KERN"),
+            ("7.DynaReloadInSec=10", "count as 60"),
+            ("7.DebugLevel=3x", "is no plain number"),
+            ("05.DebugLevel=1", "is never found"),
+            ("5.DebugLevel=1\n05.DebugLevel=1", "name the same originator"),
+            ("abc.DebugLevel=1", "is never used"),
+            (f"7.LogDirectory={blocked}/x", "cannot be made"),
+            (f"7.LogDirectory={blocked}", "is no directory"),
+            ("LOGSET.a.FileName=x\nLOGSET.b.FileName=x\nLOGSET.Default.LogDirectory=/tmp/qdul-none", "write one series"),
+            ("LOGSET.a.L10nLib=x", "is not read in section"),
+            ("LOGSET.a-b.DebugLevel=1", "with '-'"),
+            ("7.LogRecycle=true\n7.RolloverMode=FileSize", "without NumberOfLogFiles"),
+            ("7.LogRecycle=true\n7.NumberOfLogFiles=3", "without a RolloverMode"),
+            ("7.NumberOfLogFiles=3", "without LogRecycle"),
+            ("7.OIDNames=x\r", "carriage return"),
+        ]
+        for added, expected in cases:
+            write("server.conf", good + added + "\n")
+            texts = [finding["text"] for finding in self.check()]
+            self.assertTrue(any(expected in text for text in texts), (added, texts))
+        write("server.conf", good)
+        self.assertEqual(self.check(0), [])
+
+    def test_check_finds_problems_of_the_main_file(self):
+        self.register()
+        good = read("main.conf")
+        for added, expected in [
+                (f"05.Configuration={HERE}/server.conf", "name the same product"),
+                (f"6.Configuration={HERE}/server.conf", "share one configuration file"),
+                (f"6.Configuration={HERE}/six", "holds no \".conf\""),
+                ("6.Configuration=six.conf", "no absolute path"),
+                (f"6.Configuration={HERE}/none.conf", "cannot be read"),
+                ("6.Names=x", "counts as not registered"),
+                ("5.AppMsgLogging=ON", "reads as false"),
+                ("5.Colour=red", "unknown key"),
+                (f"abc.Configuration={HERE}/server.conf", "no product id")]:
+            write("main.conf", good + added + "\n")
+            texts = [finding["text"] for finding in self.check()]
+            self.assertTrue(any(expected in text for text in texts), (added, texts))
+
+    def test_explain_names_the_setting_that_stops_a_message(self):
+        self.register()
+        self.ok("set", "-p", "5", "-o", "7", "DebugLevel=2", "LogToStdout=true")
+        told = json.loads(self.ok("explain", "-p", "5", "-o", "7", "-k", "debug", "--level", "2", "--json"))
+        self.assertTrue(told["written"])
+        self.assertTrue(told["file"].startswith(f"{HERE}/logs/5-7-"))
+        self.assertEqual(told["sinks"], ["standard output"])
+        status, out, _ = run("explain", "-p", "5", "-o", "7", "-k", "debug", "--level", "3", "--json")
+        self.assertEqual(status, 1)
+        told = json.loads(out)
+        self.assertFalse(told["written"])
+        stop = [step for step in told["steps"] if step["kind"] == "stops"]
+        self.assertEqual(len(stop), 1)
+        self.assertIn("DebugLevel=2 (section 7", stop[0]["source"])
+        status, out, _ = run("explain", "-p", "5", "-k", "diag", "--level", "7")
+        self.assertEqual(status, 1)
+        self.assertIn("outside 1 to 6", out)
+        self.assertEqual(run("explain", "-p", "5", "--severity", "5")[0], 1)
+        self.ok("unset", "-p", "5", "LogDirectory")
+        status, out, _ = run("explain", "-p", "5")
+        self.assertEqual(status, 1)
+        self.assertIn("(53)", out)
+
+    def test_budget_adds_up(self):
+        self.register()
+        status, out, _ = run("budget", "--json")
+        self.assertEqual(status, 1)  # no size limit
+        self.ok("set", "-p", "5", "RolloverMode=FileSize", "MaxLogFileSizeKB=64", "LogRecycle=true",
+                "NumberOfLogFiles=3")
+        told = json.loads(self.ok("budget", "--json"))
+        self.assertEqual(told["series"][0]["most_bytes"], 3 * 64 * 1024)
+        self.assertEqual(told["volumes"][0]["most_bytes"], 3 * 64 * 1024)
+        self.assertTrue(told["fits"])
+        self.ok("set", "-p", "5", "NumberOfLogFiles=1000000000")
+        self.assertEqual(run("budget")[0], 1)
+
+    def test_errors_are_told_in_one_line(self):
+        for arguments, status in [(["show", "-p", "9"], 3), (["check"], 3), (["set", "-p", "9", "DebugLevel=1"], 3),
+                                  ([], 2), (["nonsense"], 2), (["get", "-p"], 2),
+                                  (["product", "add", "0", "-n", "x", "-f", "/x.conf"], 2),
+                                  (["product", "add", "5", "-n", "x", "-f", "/x"], 2)]:
+            done = run(*arguments)
+            self.assertEqual(done[0], status, (arguments, done))
+            self.assertNotEqual(done[2], "", arguments)
+
+    def test_a_failed_write_is_told(self):
+        self.register()
+        os.mkdir("server.conf.tmp")  # no temporary file can be made there
+        try:
+            before = read("server.conf")
+            status, _, err = run("set", "-p", "5", "DebugLevel=3")
+            self.assertEqual(status, 3)
+            self.assertIn("DebugLevel was not written", err)
+            self.assertEqual(read("server.conf"), before)
+        finally:
+            os.rmdir("server.conf.tmp")
+
+    def test_every_command_has_help_with_an_example(self):
+        for command in [["product", "add"], ["product", "remove"], ["product", "list"], ["product", "show"], ["get"],
+                        ["set"], ["unset"], ["list"], ["show"], ["check"], ["explain"], ["budget"], ["product"]]:
+            status, out, _ = run(*command, "--help")
+            self.assertEqual(status, 0)
+            self.assertIn("Example:\n  qdlogcfg ", out, command)
+
+    def test_the_manual_page_lists_every_option_and_setting(self):
+        page = read(os.path.join(SOURCE, "docs", "man", "qdlogcfg.1.scd"))
+        helped = run("--help")[1]
+        for command in [["product", "add"], ["get"], ["set"], ["explain"], ["budget"], ["check"], []]:
+            for option in re.findall(r"(--[a-z][a-z-]+)", run(*command, "--help")[1]):
+                self.assertIn(option, page, command)
+        for setting in re.findall(r"^  ([A-Z]\w+) ", helped, re.M):
+            self.assertIn(f"*{setting}*", page)
+
+    def test_the_examples_of_the_manual_page_work(self):
+        page = read(os.path.join(SOURCE, "docs", "man", "qdlogcfg.1.scd"))
+        examples = re.findall(r"^\t(qdlogcfg .*)$", page.split("# EXAMPLES")[1], re.M)
+        self.assertGreaterEqual(len(examples), 8)
+        for example in examples:
+            words = example.replace("/etc/qd", HERE).replace("/var/log", HERE)
+            done = subprocess.run(["sh", "-c", words], capture_output=True, text=True,
+                                  env={**os.environ, "PATH": os.path.dirname(TOOL) + ":" + os.environ["PATH"],
+                                       "ZOLTLOG_CFG_LOC": f"{HERE}/main.conf"})
+            self.assertIn(done.returncode, (0, 1), (example, done.stdout, done.stderr))
+            self.assertEqual(done.stderr, "", example)
+
+    def test_colour_follows_the_rules(self):
+        self.register()
+        write("server.conf", read("server.conf") + "7.DebugLevel=9\n")
+        self.assertNotIn("\x1b[", run("check")[1])
+        self.assertIn("\x1b[", run("--color", "always", "check")[1])
+        self.assertNotIn("\x1b[", run("--color", "always", "check", "--json")[1])
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=1)

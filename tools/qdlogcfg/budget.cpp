@@ -1,0 +1,153 @@
+// qdlogcfg budget: the most disk that each series can take, against free space.
+#include <cstdio>
+#include <filesystem>
+#include <map>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+
+#include "commands.h"
+#include "common/exit_codes.h"
+
+using tools::Json;
+using tools::Output;
+
+namespace {
+
+struct Series {
+    std::string who;
+    std::string directory;
+    uint64_t fileBytes; // of one full file; 0: files have no size limit
+    uint64_t files;     // kept; 0: all
+    std::string why;    // why there is no bound; empty when there is one
+    uint64_t bound;     // bytes
+};
+
+// A file is left before it reaches its limit, so the limit bounds it (but for a
+// single record larger than that).
+Series seriesOf(const Scope &scope, const LogCfg &cfg) {
+    Series series{
+        "product " + std::to_string(scope.product.id) + ", " + scope.title(), cfg.directory, 0, 0, "", 0};
+    const bool bySize =
+        IsValidRolloverMode(cfg.rolloverMode) != 0 && (cfg.rolloverMode & ZOLTLOG_ROLLOVER_FILE_SIZE) != 0;
+    if (bySize)
+        series.fileBytes = cfg.maxFileSizeKB > UINT64_MAX / 1024 ? UINT64_MAX : cfg.maxFileSizeKB * 1024;
+    if (cfg.logRecycling == 1 && cfg.numberOfLogFiles != ZOLTLOG_KEEP_ALL_FILES)
+        series.files = cfg.numberOfLogFiles;
+    if (!bySize)
+        series.why = "no size limit: RolloverMode has no FileSize";
+    else if (series.files == 0)
+        series.why = cfg.logRecycling == 1 ? "all files are kept: NumberOfLogFiles is not set"
+                                           : "all files are kept: LogRecycle is false";
+    else if (series.fileBytes > UINT64_MAX / series.files)
+        series.why = "too large to count";
+    else
+        series.bound = series.fileBytes * series.files;
+    return series;
+}
+
+struct Volume {
+    std::string where;
+    uint64_t free = 0;
+    uint64_t bound = 0;
+    bool unbounded = false;
+};
+
+} // namespace
+
+int showBudget(const Options &options, Output &out) {
+    std::vector<Product> products;
+    if (options.product.empty())
+        products = registeredProducts();
+    else
+        products.push_back(findProduct(options.product));
+    std::vector<Series> all;
+    std::map<dev_t, Volume> volumes;
+    for (const Product &product : products) {
+        for (const Scope &scope : allScopes(product)) {
+            Settings settings;
+            if (!readSettings(scope, settings) || settings.cfg.directory[0] == '\0')
+                continue;
+            const Series series = seriesOf(scope, settings.cfg);
+            all.push_back(series);
+            const std::string place = nearestExisting(series.directory);
+            struct stat status;
+            struct statvfs space;
+            if (place.empty() || stat(place.c_str(), &status) != 0 || statvfs(place.c_str(), &space) != 0)
+                continue;
+            Volume &volume = volumes[status.st_dev];
+            if (volume.where.empty())
+                volume.where = place;
+            volume.free = static_cast<uint64_t>(space.f_bavail) * space.f_frsize;
+            volume.unbounded = volume.unbounded || !series.why.empty();
+            if (volume.bound + series.bound < volume.bound)
+                volume.unbounded = true;
+            else
+                volume.bound += series.bound;
+        }
+    }
+    bool fits = true;
+    for (const auto &[device, volume] : volumes)
+        fits = fits && !volume.unbounded && volume.bound <= volume.free;
+
+    if (options.json) {
+        Json json;
+        json.beginObject();
+        json.key("series");
+        json.beginArray();
+        for (const Series &series : all) {
+            json.beginObject();
+            json.text("series", series.who);
+            json.text("directory", series.directory);
+            if (series.why.empty()) {
+                json.number("files", series.files);
+                json.number("file_bytes", series.fileBytes);
+                json.number("most_bytes", series.bound);
+            } else {
+                json.null("most_bytes");
+                json.text("why", series.why);
+            }
+            json.endObject();
+        }
+        json.endArray();
+        json.key("volumes");
+        json.beginArray();
+        for (const auto &[device, volume] : volumes) {
+            json.beginObject();
+            json.text("holds", volume.where);
+            json.number("free_bytes", volume.free);
+            if (volume.unbounded)
+                json.null("most_bytes");
+            else
+                json.number("most_bytes", volume.bound);
+            json.endObject();
+        }
+        json.endArray();
+        json.flag("fits", fits);
+        json.endObject();
+        writeJson(out, json);
+        return fits ? tools::ExitOk : tools::ExitNothing;
+    }
+    tools::Table table{{{"SERIES"},
+                        {"DIRECTORY"},
+                        {"FILES", tools::Align::Right},
+                        {"EACH", tools::Align::Right},
+                        {"AT MOST", tools::Align::Right}},
+                       {},
+                       true};
+    for (const Series &series : all) {
+        const tools::Style style = series.why.empty() ? tools::Style::Plain : tools::Style::Yellow;
+        table.rows.push_back({{series.who},
+                              {series.directory},
+                              {series.files == 0 ? "all" : std::to_string(series.files)},
+                              {series.fileBytes == 0 ? "no limit" : readableSize(series.fileBytes)},
+                              {series.why.empty() ? readableSize(series.bound) : series.why, style}});
+    }
+    tools::printTable(out, table, options.color);
+    for (const auto &[device, volume] : volumes)
+        out.write("the volume of " + volume.where + " has " + readableSize(volume.free) +
+                  " free; its series take " +
+                  (volume.unbounded ? "any amount" : "at most " + readableSize(volume.bound)) +
+                  (volume.unbounded || volume.bound > volume.free ? ": this may not fit\n" : "\n"));
+    out.write("originators without a section of their own write series like Default's, one each\n");
+    return fits ? tools::ExitOk : tools::ExitNothing;
+}

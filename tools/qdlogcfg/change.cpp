@@ -1,0 +1,172 @@
+// qdlogcfg get | set | unset
+//
+// A change is checked by the library's own accessor and then written as exactly one
+// key through the property store: the record writers would also touch
+// "AppMsgLogging" and would set or remove more than was asked for.
+#include <cstring>
+
+#include "commands.h"
+#include "common/exit_codes.h"
+#include "common/result_text.h"
+
+using tools::Json;
+using tools::Output;
+
+namespace {
+
+const Key &requireKey(const std::string &name, const Scope &scope) {
+    const Key *key = findKey(name);
+    if (key == nullptr) {
+        const std::string near = nearestKey(name);
+        throw CommandError(tools::ExitUsage, "there is no setting '" + name + "'" +
+                                                 (near.empty() ? "" : "; did you mean " + near + "?"));
+    }
+    if (scope.isLogset ? !key->logset : !key->originator)
+        throw CommandError(tools::ExitUsage, std::string(key->name) + " is no setting of " +
+                                                 (scope.isLogset ? "a log set" : "an originator"));
+    return *key;
+}
+
+struct Change {
+    const Key *key;
+    std::string value;
+};
+
+// The value in the form that is written; CommandError when the library would not take it.
+Change checkedChange(const std::string &argument, const Scope &scope) {
+    const size_t equals = argument.find('=');
+    if (equals == std::string::npos)
+        throw CommandError(tools::ExitUsage, "'" + argument + "' is not of the form KEY=VALUE");
+    const Key &key = requireKey(argument.substr(0, equals), scope);
+    const std::string value = argument.substr(equals + 1);
+    constexpr size_t VALUE_LIMIT = 399; // what the library uses of a value
+    const std::string line = scope.section() + "." + key.name + "=" + value;
+    constexpr size_t LINE_LIMIT = 498; // without the line feed
+    if (value.find_first_of("=\n") != std::string::npos || value.size() > VALUE_LIMIT ||
+        line.size() > LINE_LIMIT)
+        throw CommandError(tools::ExitUsage,
+                           std::string(key.name) + ": a value with '=', with a line feed or longer than " +
+                               std::to_string(VALUE_LIMIT) + " bytes could not be read back");
+    if (!value.empty() && value.back() == ' ')
+        throw CommandError(tools::ExitUsage, std::string(key.name) + ": blanks at the end would be lost");
+    if (key.name == std::string("FileName") && value.find_first_of("-/") != std::string::npos)
+        throw CommandError(tools::ExitUsage, "FileName: '-' and '/' would make the files' names unreadable");
+    Settings scratch;
+    InitLogCfg(scope.product.id, scope.isLogset ? 0 : scope.originator,
+               scope.isLogset ? scope.logset.c_str() : nullptr, &scratch.cfg);
+    if (key.apply(scratch.cfg, value) != ZOLTLOG_OK)
+        throw CommandError(tools::ExitUsage, std::string(key.name) + ": '" + value +
+                                                 "' is not allowed; it takes " + key.values);
+    return {&key, key.show(scratch.cfg)};
+}
+
+uint32_t writeKey(PropertyStore &store, const Change &change) {
+    switch (change.key->form) {
+    case Key::BOOLEAN: {
+        const uint32_t flag = change.value == "true" ? 1 : 0;
+        return utiSetPropertyAsBool(&store, change.key->name, &flag);
+    }
+    case Key::NUMBER: {
+        const unsigned long number = decimal(change.value).value_or(0);
+        return utiSetPropertyAsUlong(&store, change.key->name, &number);
+    }
+    case Key::TEXT:
+        break;
+    }
+    return utiSetPropertyAsStr(&store, change.key->name, change.value.c_str());
+}
+
+// An open section that is closed with its owner.
+struct Section {
+    Section(const Scope &scope, const std::string &name) : store{} {
+        const uint32_t result = CreatePropertyString(scope.product.location.c_str(), name.c_str(), &store);
+        if (result != ZOLTLOG_OK)
+            throw CommandError(tools::ExitUnreadable,
+                               scope.product.location + " cannot be opened: " + tools::resultMessage(result));
+    }
+    ~Section() { utiClosePropertyStore(&store); }
+    Section(const Section &) = delete;
+    Section &operator=(const Section &) = delete;
+
+    PropertyStore store;
+};
+
+std::string place(const Scope &scope) {
+    return "section " + scope.section() + " of " + scope.product.location;
+}
+
+} // namespace
+
+int getSettings(const Options &options, Output &out) {
+    const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
+    const ConfigFile file = readConfigFile(scope.product.location);
+    const std::vector<Effective> settings = effectiveSettings(scope, file);
+    Json json;
+    json.beginObject();
+    for (const std::string &name : options.arguments) {
+        const Key &key = requireKey(name, scope);
+        for (const Effective &setting : settings) {
+            if (setting.key != &key)
+                continue;
+            json.text(key.name, setting.value);
+            if (!options.json)
+                out.write(tools::escaped(setting.value) + "\n");
+        }
+    }
+    json.endObject();
+    if (options.json)
+        writeJson(out, json);
+    return tools::ExitOk;
+}
+
+int setSettings(const Options &options, Output &out) {
+    const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
+    std::vector<Change> changes; // all are checked before the first is written
+    for (const std::string &argument : options.arguments)
+        changes.push_back(checkedChange(argument, scope));
+    const std::string verb = options.dryRun ? "would set " : "set ";
+    if (options.dryRun) {
+        for (const Change &change : changes)
+            out.write(verb + change.key->name + "=" + tools::escaped(change.value) + " in " + place(scope) +
+                      "\n");
+        return tools::ExitOk;
+    }
+    Section section(scope, scope.section());
+    for (const Change &change : changes) {
+        const uint32_t result = utipsres2zoltlogres(writeKey(section.store, change));
+        if (result != ZOLTLOG_OK)
+            throw CommandError(tools::ExitUnreadable, std::string(change.key->name) + " was not written to " +
+                                                          scope.product.location + ": " +
+                                                          tools::resultMessage(result));
+        out.write(verb + change.key->name + "=" + tools::escaped(change.value) + " in " + place(scope) +
+                  "\n");
+    }
+    return tools::ExitOk;
+}
+
+int unsetSettings(const Options &options, Output &out) {
+    const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
+    const ConfigFile file = readConfigFile(scope.product.location);
+    std::vector<const Key *> present;
+    for (const std::string &name : options.arguments) {
+        const Key &key = requireKey(name, scope);
+        if (file.find(scope.section(), key.name) != nullptr)
+            present.push_back(&key);
+        else
+            out.write(std::string(key.name) + " is not set in " + place(scope) + "\n");
+    }
+    for (const Key *key : present) {
+        if (options.dryRun) {
+            out.write(std::string("would remove ") + key->name + " from " + place(scope) + "\n");
+            continue;
+        }
+        Section section(scope, scope.section());
+        const uint32_t result = utipsres2zoltlogres(utiRemoveProperty(&section.store, key->name));
+        if (result != ZOLTLOG_OK)
+            throw CommandError(tools::ExitUnreadable, std::string(key->name) + " was not removed from " +
+                                                          scope.product.location + ": " +
+                                                          tools::resultMessage(result));
+        out.write(std::string("removed ") + key->name + " from " + place(scope) + "\n");
+    }
+    return present.empty() ? tools::ExitNothing : tools::ExitOk;
+}

@@ -1,0 +1,390 @@
+// qdlogcfg check: everything in the configuration that the library would skip,
+// misread or fail on, each finding with its file and line.
+//
+// Order of sections: findings; lines of a file; the main file; sections of a
+// product; directories and series.
+#include <algorithm>
+#include <map>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "commands.h"
+#include "common/exit_codes.h"
+
+using tools::Json;
+using tools::Output;
+
+namespace {
+
+// ---- findings ----------------------------------------------------------------------
+
+struct Finding {
+    bool error; // otherwise a warning
+    std::string file;
+    size_t line; // 0: the file as a whole
+    std::string text;
+};
+
+struct Findings {
+    void error(const std::string &file, size_t line, const std::string &text) {
+        list.push_back({true, file, line, text});
+    }
+    void warn(const std::string &file, size_t line, const std::string &text) {
+        list.push_back({false, file, line, text});
+    }
+
+    std::vector<Finding> list;
+};
+
+std::string quoted(const std::string &text) {
+    return "'" + text + "'";
+}
+
+// ---- lines of a file ---------------------------------------------------------------
+
+constexpr size_t VALUE_LIMIT = 399;
+
+void checkLines(const ConfigFile &file, Findings &findings) {
+    std::map<std::pair<std::string, std::string>, size_t> seen;
+    std::map<std::string, size_t> firstRun;
+    std::string current;
+    std::set<std::string> told;
+    for (const ConfigLine &line : file.lines) {
+        if (line.continued) {
+            findings.error(file.path, line.number,
+                           "the line is longer than 498 bytes; its rest is read as a line of its own");
+            continue;
+        }
+        if (line.comment || line.blank) {
+            if (line.blank && line.text.find('\t') != std::string::npos)
+                continue;
+            continue;
+        }
+        const size_t mark = line.text.find_first_not_of(" \t");
+        if (line.text[mark] == '#') {
+            findings.warn(file.path, line.number,
+                          "a tab before '#': the library does not take this line for a comment");
+            continue;
+        }
+        if (!line.hasEquals) {
+            findings.error(file.path, line.number, "neither a comment nor KEY=VALUE: " + quoted(line.text));
+            continue;
+        }
+        if (line.section.empty()) {
+            findings.error(file.path, line.number,
+                           "the key " + quoted(line.name) + " belongs to no section (SECTION.KEY=VALUE)");
+            continue;
+        }
+        if (line.valueHasEquals)
+            findings.error(file.path, line.number,
+                           "the value ends at its first '=': it is read as " + quoted(line.value));
+        const size_t equals = line.text.find('=');
+        if (!line.valueHasEquals && line.text.size() - equals - 1 > VALUE_LIMIT)
+            findings.error(file.path, line.number, "the value is longer than 399 bytes and is cut");
+        if (line.text.back() == '\r')
+            findings.error(file.path, line.number,
+                           "the line ends in a carriage return, which becomes part of the value");
+
+        const auto [earlier, isNew] = seen.try_emplace({line.section, line.name}, line.number);
+        if (!isNew)
+            findings.error(file.path, line.number,
+                           quoted(line.section + "." + line.name) + " is given again; only line " +
+                               std::to_string(earlier->second) + " counts");
+        if (line.section != current) {
+            const auto [run, first] = firstRun.try_emplace(line.section, line.number);
+            if (!first && told.insert(line.section).second)
+                findings.warn(
+                    file.path, line.number,
+                    "section " + quoted(line.section) + " began in line " + std::to_string(run->second) +
+                        " already: keep its lines together, changes are made in the first run only");
+            current = line.section;
+        }
+    }
+}
+
+// ---- the main file -----------------------------------------------------------------
+
+void checkMainFile(const ConfigFile &file, Findings &findings) {
+    checkLines(file, findings);
+    std::map<uint64_t, std::string> ids;
+    std::map<std::string, std::string> locations;
+    for (const std::string &section : file.sections()) {
+        const std::optional<uint64_t> id = decimal(section);
+        const bool toolSection = section == "LoggingTools";
+        for (const ConfigLine &line : file.lines) {
+            if (line.section != section || line.comment)
+                continue;
+            const bool known = toolSection ? line.name == "L10nResourceDir"
+                                           : line.name == "Configuration" || line.name == "Names" ||
+                                                 line.name == "AppMsgLogging";
+            if (!known)
+                findings.warn(file.path, line.number,
+                              "unknown key " + quoted(line.name) + " in section " + quoted(section));
+            if (!toolSection && line.name == "AppMsgLogging" && line.value != "true" && line.value != "false")
+                findings.error(file.path, line.number,
+                               "AppMsgLogging is true or false here; " + quoted(line.value) +
+                                   " reads as false");
+        }
+        if (toolSection)
+            continue;
+        const ConfigLine *location = file.find(section, "Configuration");
+        const size_t at = location != nullptr ? location->number : 0;
+        if (!id || *id == 0) {
+            findings.error(file.path, at, "section " + quoted(section) + " is named by no product id");
+            continue;
+        }
+        const auto [other, isNew] = ids.try_emplace(*id, section);
+        if (!isNew)
+            findings.error(file.path, at,
+                           "sections " + quoted(other->second) + " and " + quoted(section) +
+                               " name the same product");
+        if (std::to_string(*id) != section)
+            findings.error(file.path, at,
+                           "section " + quoted(section) + " is never found: the library looks for " +
+                               quoted(std::to_string(*id)));
+        if (location == nullptr) {
+            findings.error(file.path, 0,
+                           "product " + section + " has no Configuration and counts as not registered");
+            continue;
+        }
+        if (location->value.find(".conf") == std::string::npos)
+            findings.error(file.path, at,
+                           "Configuration holds no \".conf\": log sets of product " + section +
+                               " would be looked for elsewhere");
+        if (location->value.empty() || location->value[0] != '/')
+            findings.error(file.path, at, "Configuration is no absolute path: " + quoted(location->value));
+        const auto [sharer, only] = locations.try_emplace(location->value, section);
+        if (!only)
+            findings.warn(file.path, at,
+                          "products " + sharer->second + " and " + section + " share one configuration file");
+    }
+}
+
+// ---- sections of a product ---------------------------------------------------------
+
+// What the library accepts but a person would not expect.
+void checkMeaning(const ConfigFile &file, const ConfigLine &line, const Key &key, Findings &findings) {
+    const std::string name = key.name;
+    const std::string &value = line.value;
+    const auto warn = [&](const std::string &text) {
+        findings.warn(file.path, line.number, name + ": " + text);
+    };
+    if (key.form == Key::BOOLEAN && value != "true" && value != "false")
+        findings.error(file.path, line.number,
+                       name + " is true or false; " + quoted(value) + " reads as false");
+    if (key.form == Key::NUMBER && !decimal(value))
+        findings.error(file.path, line.number, name + ": " + quoted(value) + " is no plain number");
+    if (name == "AppMsgLogging" && value != "ON" && value != "OFF")
+        findings.error(file.path, line.number, name + " is ON or OFF; " + quoted(value) + " reads as OFF");
+    if (name == "DynaReloadInSec") {
+        const uint64_t seconds = decimal(value).value_or(0);
+        if (seconds > 0 && seconds < 60)
+            warn("intervals below 60 seconds count as 60");
+    }
+    if (name == "RolloverMode") {
+        Settings scratch;
+        InitLogCfg(1, 1, nullptr, &scratch.cfg);
+        if (key.apply(scratch.cfg, value) != ZOLTLOG_OK)
+            findings.error(
+                file.path, line.number, name + ": " + quoted(value) + " is read as " + [&] {
+                    char text[256] = "";
+                    return std::string(RolloverModeEnumToSettingString(
+                        SettingStringToRolloverModeEnum(value.c_str()), text));
+                }());
+    }
+    if (name == "SyslogFacility" && strToFacility(value.c_str()) == 0 && value != "LOG_KERN")
+        findings.error(file.path, line.number,
+                       name + ": unknown facility " + quoted(value) + " is read as LOG_KERN");
+    if (name == "SyslogIdent" && value.size() >= sizeof(OsLogSettings::ident))
+        warn("only the first 80 bytes are used");
+    if (name == "FileName" && value.find_first_of("-/") != std::string::npos)
+        findings.error(file.path, line.number, name + ": '-' and '/' make the files' names unreadable");
+    if (name == "LogDirectory" && line.section == "Default" && !value.empty() && value[0] != '/')
+        findings.error(file.path, line.number,
+                       name + ": a relative directory here depends on where each program runs");
+    if (name == "LogFilePermissions" &&
+        (value.empty() || value.find_first_not_of("01234567") != std::string::npos))
+        findings.error(file.path, line.number,
+                       name + ": " + quoted(value) +
+                           " does not parse; the permissions become the number of SyslogOpt, or 0");
+}
+
+void checkSection(const ConfigFile &file, const std::string &section, bool isLogset, Findings &findings) {
+    const std::vector<bool> taken = accepted(file, section, isLogset);
+    for (const ConfigLine &line : file.lines) {
+        if (line.section != section || line.comment || line.continued ||
+            file.find(section, line.name) != &line)
+            continue;
+        const Key *key = findKey(line.name);
+        if (key == nullptr) {
+            const std::string near = nearestKey(line.name);
+            findings.warn(file.path, line.number,
+                          "unknown key " + quoted(line.name) + " in section " + quoted(section) +
+                              (near.empty() ? "" : "; did you mean " + near + "?"));
+            continue;
+        }
+        if (isLogset ? !key->logset : !key->originator) {
+            findings.warn(file.path, line.number,
+                          std::string(key->name) + " is not read in section " + quoted(section));
+            continue;
+        }
+        if (!taken[static_cast<size_t>(key - keys().data())])
+            findings.error(file.path, line.number,
+                           std::string(key->name) + ": " + quoted(line.value) +
+                               " is skipped silently; it takes " + key->values);
+        checkMeaning(file, line, *key, findings);
+    }
+}
+
+void checkSections(const ConfigFile &file, Findings &findings) {
+    std::map<uint64_t, std::string> originators;
+    for (const std::string &section : file.sections()) {
+        const bool isLogset = section.rfind("LOGSET", 0) == 0;
+        const ConfigLine &first =
+            *std::find_if(file.lines.begin(), file.lines.end(),
+                          [&](const ConfigLine &line) { return line.section == section && !line.comment; });
+        if (isLogset && section.find('.') == std::string::npos) {
+            findings.error(file.path, first.number, "a log set section is LOGSET.NAME.KEY=VALUE");
+            continue;
+        }
+        if (isLogset && section.find('-') != std::string::npos && file.find(section, "FileName") == nullptr)
+            findings.error(file.path, first.number,
+                           "a log set name with '-' makes the names of its files unreadable: set FileName");
+        if (!isLogset && section != "Default") {
+            const std::optional<uint64_t> id = decimal(section);
+            if (!id || *id == 0) {
+                findings.error(file.path, first.number,
+                               "section " + quoted(section) +
+                                   " is no originator id, not Default and no log set: it is never used");
+                continue;
+            }
+            const auto [other, isNew] = originators.try_emplace(*id, section);
+            if (!isNew)
+                findings.error(file.path, first.number,
+                               "sections " + quoted(other->second) + " and " + quoted(section) +
+                                   " name the same originator; only one is used");
+            if (std::to_string(*id) != section)
+                findings.error(file.path, first.number,
+                               "section " + quoted(section) + " is never found: the library looks for " +
+                                   quoted(std::to_string(*id)));
+        }
+        checkSection(file, section, isLogset, findings);
+    }
+}
+
+// ---- directories and series --------------------------------------------------------
+
+void checkDirectory(const ConfigFile &file, size_t line, const std::string &who, const std::string &directory,
+                    Findings &findings) {
+    struct stat status;
+    if (stat(directory.c_str(), &status) == 0) {
+        if (!S_ISDIR(status.st_mode))
+            findings.error(file.path, line, who + ": " + directory + " is no directory");
+        else if (access(directory.c_str(), R_OK | X_OK) != 0)
+            findings.error(file.path, line, who + ": " + directory + " cannot be read by this user");
+        else if (access(directory.c_str(), W_OK) != 0)
+            findings.error(file.path, line, who + ": " + directory + " cannot be written by this user");
+        return;
+    }
+    const std::string parent = nearestExisting(directory);
+    if (parent.empty() || access(parent.c_str(), W_OK | X_OK) != 0)
+        findings.error(file.path, line,
+                       who + ": " + directory + " does not exist and cannot be made by this user");
+}
+
+void checkSeries(const Product &product, const ConfigFile &file, std::map<std::string, std::string> &series,
+                 Findings &findings) {
+    std::set<std::string> directoriesTold;
+    for (const Scope &scope : allScopes(product)) {
+        Settings settings;
+        if (!readSettings(scope, settings))
+            continue;
+        const LogCfg &cfg = settings.cfg;
+        const std::string who = "product " + std::to_string(product.id) + ", " + scope.title();
+        const auto lineOf = [&](const char *key) {
+            const ConfigLine *line = file.find(scope.section(), key);
+            if (line == nullptr)
+                line = file.find(scope.baseSection(), key);
+            return line != nullptr ? line->number : 0;
+        };
+        const std::string directory = cfg.directory;
+        if (directory.empty())
+            findings.error(file.path, 0, who + ": no LogDirectory is set; opening a log gives result 53");
+        else if (directoriesTold.insert(directory).second)
+            checkDirectory(file, lineOf("LogDirectory"), who, directory, findings);
+
+        const std::string base = scope.isLogset ? cfg.logsetFilename : std::to_string(scope.originator);
+        const std::string files = directory + std::to_string(product.id) + "-" + base;
+        const auto [other, isNew] = series.try_emplace(files, who);
+        if (!isNew && !directory.empty())
+            findings.error(file.path, lineOf(scope.isLogset ? "FileName" : "LogDirectory"),
+                           who + " and " + other->second + " write one series: " + files + "-*.log");
+        const bool recycles = cfg.logRecycling == 1;
+        if (recycles && cfg.numberOfLogFiles == ZOLTLOG_KEEP_ALL_FILES)
+            findings.warn(file.path, lineOf("LogRecycle"),
+                          who + ": LogRecycle removes nothing without NumberOfLogFiles");
+        if (recycles && cfg.rolloverMode == ZOLTLOG_ROLLOVER_NONE)
+            findings.warn(file.path, lineOf("LogRecycle"),
+                          who + ": LogRecycle does nothing without a RolloverMode");
+        if (!recycles && cfg.numberOfLogFiles != ZOLTLOG_KEEP_ALL_FILES)
+            findings.warn(file.path, lineOf("NumberOfLogFiles"),
+                          who + ": NumberOfLogFiles removes nothing without LogRecycle");
+    }
+}
+
+} // namespace
+
+int checkConfiguration(const Options &options, Output &out) {
+    Findings findings;
+    const ConfigFile mainFile = readConfigFile(mainConfigPath());
+    if (!mainFile.readable)
+        throw CommandError(tools::ExitUnreadable,
+                           mainConfigPath() + " cannot be read: no product is registered");
+    std::vector<Product> products = registeredProducts();
+    if (options.product.empty())
+        checkMainFile(mainFile, findings);
+    else
+        products = {findProduct(options.product)};
+    std::map<std::string, std::string> series;
+    for (const Product &product : products) {
+        const ConfigFile file = readConfigFile(product.location);
+        if (!file.readable) {
+            findings.error(mainFile.path, product.line,
+                           "product " + std::to_string(product.id) + ": " + product.location +
+                               " cannot be read; built-in defaults apply");
+            continue;
+        }
+        checkLines(file, findings);
+        checkSections(file, findings);
+        checkSeries(product, file, series, findings);
+    }
+
+    if (options.json) {
+        Json json;
+        json.beginArray();
+        for (const Finding &finding : findings.list) {
+            json.beginObject();
+            json.text("severity", finding.error ? "error" : "warning");
+            json.text("file", finding.file);
+            json.number("line", finding.line);
+            json.text("text", finding.text);
+            json.endObject();
+        }
+        json.endArray();
+        writeJson(out, json);
+    } else {
+        for (const Finding &finding : findings.list) {
+            out.write(finding.file + ":" + (finding.line != 0 ? std::to_string(finding.line) + ":" : "") +
+                      " ");
+            std::string word;
+            tools::appendStyled(word, finding.error ? tools::Style::BoldRed : tools::Style::Yellow,
+                                finding.error ? "error" : "warning", options.color);
+            out.write(word + ": " + tools::escaped(finding.text) + "\n");
+        }
+        out.write(findings.list.empty()
+                      ? "no problems in " + std::to_string(products.size()) + " product(s)\n"
+                      : std::to_string(findings.list.size()) + " problem(s)\n");
+    }
+    return findings.list.empty() ? tools::ExitOk : tools::ExitNothing;
+}

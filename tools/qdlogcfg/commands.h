@@ -1,0 +1,52 @@
+// The commands of qdlogcfg. Each returns the exit status; what cannot be done at
+// all is thrown as a CommandError.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "common/json.h"
+#include "common/terminal.h"
+#include "settings.h"
+
+struct Options {
+    // of every command
+    bool json = false;
+    bool dryRun = false;
+    bool color = false;
+    // which section of settings
+    std::string product;
+    std::string originator;
+    std::string logset;
+    // of single commands
+    std::vector<std::string> arguments; // keys, or KEY=VALUE
+    std::string names;
+    std::string file;
+    std::string kind = "app";
+    uint32_t level = 1;
+    uint32_t severity = 0;
+    std::string fileOriginator;
+    uint32_t flags = 0;
+};
+
+int productAdd(const Options &options, tools::Output &out);
+int productRemove(const Options &options, tools::Output &out);
+int productList(const Options &options, tools::Output &out);
+int productShow(const Options &options, tools::Output &out);
+int getSettings(const Options &options, tools::Output &out);
+int setSettings(const Options &options, tools::Output &out);
+int unsetSettings(const Options &options, tools::Output &out);
+int listScopes(const Options &options, tools::Output &out);
+int showSettings(const Options &options, tools::Output &out);
+int checkConfiguration(const Options &options, tools::Output &out);
+int explainMessage(const Options &options, tools::Output &out);
+int showBudget(const Options &options, tools::Output &out);
+
+// ---- used by several commands ----------------------------------------------------
+
+// Ends the JSON text with a line feed and hands it to the output.
+void writeJson(tools::Output &out, tools::Json &json);
+// Bytes as people read them: "10.0 MB".
+std::string readableSize(uint64_t bytes);
+// The directory itself, or the nearest parent of it that exists ("" for none).
+std::string nearestExisting(const std::string &directory);

@@ -1,0 +1,138 @@
+// qdlogcfg product add | remove | list | show
+#include <algorithm>
+#include <filesystem>
+
+#include "commands.h"
+#include "common/exit_codes.h"
+#include "common/result_text.h"
+
+using tools::Json;
+using tools::Output;
+
+namespace {
+
+uint64_t productId(const Options &options) {
+    const std::optional<uint64_t> id = decimal(options.product);
+    if (!id || isProdIdValid(*id) == 0)
+        throw CommandError(tools::ExitUsage,
+                           "'" + options.product + "' is no product id (a number from 1 on)");
+    return *id;
+}
+
+[[noreturn]] void fail(const std::string &what, uint32_t result) {
+    throw CommandError(tools::ExitUnreadable, what + ": " + tools::resultMessage(result));
+}
+
+void writeProduct(Json &json, const Product &product) {
+    json.beginObject();
+    json.number("product", product.id);
+    json.text("names", product.names);
+    json.text("configuration", product.location);
+    json.flag("readable", readConfigFile(product.location).readable);
+    json.endObject();
+}
+
+} // namespace
+
+int productAdd(const Options &options, Output &out) {
+    const uint64_t id = productId(options);
+    if (options.file.empty() || options.file.find(".conf") == std::string::npos || options.file[0] != '/')
+        throw CommandError(
+            tools::ExitUsage,
+            "--file takes the absolute path of the product's configuration file; it must hold \".conf\"");
+    for (const std::string &text : {options.names, options.file})
+        if (text.find_first_of("=\n") != std::string::npos)
+            throw CommandError(tools::ExitUsage,
+                               "a name or path with '=' or a line feed could not be read back");
+    const std::vector<Product> products = registeredProducts();
+    const bool known = std::any_of(products.begin(), products.end(),
+                                   [&](const Product &product) { return product.id == id; });
+    if (options.dryRun && !known) {
+        out.write("would register product " + std::to_string(id) + " (" + options.names + ") with " +
+                  options.file + " in " + mainConfigPath() + "\n");
+        return tools::ExitOk;
+    }
+    const uint32_t result = zoltLogAddProductCfg(id, options.names.c_str(), options.file.c_str());
+    if (result != ZOLTLOG_OK)
+        fail("product " + std::to_string(id) + " was not registered in " + mainConfigPath(), result);
+    out.write("registered product " + std::to_string(id) + " (" + options.names + ") with " + options.file +
+              " in " + mainConfigPath() + "\n");
+    return tools::ExitOk;
+}
+
+int productRemove(const Options &options, Output &out) {
+    const Product product = findProduct(options.product);
+    if (options.dryRun) {
+        out.write("would remove product " + std::to_string(product.id) + " from " + mainConfigPath() + "; " +
+                  product.location + " would stay\n");
+        return tools::ExitOk;
+    }
+    const uint32_t result = zoltLogRemoveProductCfg(product.id);
+    if (result != ZOLTLOG_OK)
+        fail("product " + std::to_string(product.id) + " was not removed", result);
+    out.write("removed product " + std::to_string(product.id) + " from " + mainConfigPath() + "; " +
+              product.location + " and its log files are left in place\n");
+    return tools::ExitOk;
+}
+
+int productList(const Options &options, Output &out) {
+    const std::vector<Product> products = registeredProducts();
+    if (options.json) {
+        Json json;
+        json.beginArray();
+        for (const Product &product : products)
+            writeProduct(json, product);
+        json.endArray();
+        writeJson(out, json);
+    } else if (products.empty()) {
+        out.write("no product is registered in " + mainConfigPath() + "\n");
+    } else {
+        tools::Table table{{{"PRODUCT", tools::Align::Right}, {"NAMES"}, {"CONFIGURATION"}}, {}, true};
+        for (const Product &product : products)
+            table.rows.push_back({std::to_string(product.id), product.names, product.location});
+        tools::printTable(out, table, options.color);
+    }
+    return products.empty() ? tools::ExitNothing : tools::ExitOk;
+}
+
+int productShow(const Options &options, Output &out) {
+    const Product product = findProduct(options.product);
+    const ConfigFile file = readConfigFile(product.location);
+    const std::vector<Scope> scopes = allScopes(product);
+    uint32_t logging = 0;
+    const std::string mainPath = mainConfigPath();
+    const bool switched = GetProductLoggingLevel(mainPath.c_str(), product.id, &logging) == ZOLTLOG_OK;
+    const auto originators =
+        std::count_if(scopes.begin(), scopes.end(), [](const Scope &scope) { return !scope.isLogset; });
+    const auto logsets = static_cast<long>(scopes.size()) - originators;
+    if (options.json) {
+        Json json;
+        json.beginObject();
+        json.number("product", product.id);
+        json.text("names", product.names);
+        json.text("registered_in", mainPath);
+        json.number("line", product.line);
+        json.text("configuration", product.location);
+        json.flag("readable", file.readable);
+        if (switched)
+            json.flag("application_messages", logging == 1);
+        else
+            json.null("application_messages");
+        json.number("originators", static_cast<uint64_t>(originators));
+        json.number("logsets", static_cast<uint64_t>(logsets));
+        json.endObject();
+        writeJson(out, json);
+        return tools::ExitOk;
+    }
+    tools::Table table{{{""}, {""}}, {}, false};
+    table.rows.push_back({"product", std::to_string(product.id)});
+    table.rows.push_back({"names", product.names});
+    table.rows.push_back({"registered in", mainPath + ":" + std::to_string(product.line)});
+    table.rows.push_back(
+        {"configuration", product.location + (file.readable ? "" : " (not readable: built-in defaults)")});
+    table.rows.push_back({"application messages", !switched ? "not set" : logging == 1 ? "on" : "off"});
+    table.rows.push_back({"originators", std::to_string(originators) + " (Default included)"});
+    table.rows.push_back({"log sets", std::to_string(logsets)});
+    tools::printTable(out, table, options.color);
+    return tools::ExitOk;
+}

@@ -1,0 +1,230 @@
+#include "settings.h"
+
+#include <algorithm>
+#include <charconv>
+#include <memory>
+
+#include "common/exit_codes.h"
+
+namespace {
+
+constexpr char LOGSET_PREFIX[] = "LOGSET.";
+constexpr uint32_t MOST_RECORDS = 1024;
+
+struct FreeText {
+    void operator()(char *text) const { zoltLogFree(text); }
+};
+using OwnedText = std::unique_ptr<char, FreeText>;
+
+bool isLogsetSection(const std::string &section) {
+    return section.rfind(LOGSET_PREFIX, 0) == 0;
+}
+
+// The records of all originators and log sets of a product, as the library reads them.
+struct ProductRecords {
+    explicit ProductRecords(uint64_t productId) : records(MOST_RECORDS), count(0) {
+        if (zoltLogReadProdIDCfg(nullptr, productId, MOST_RECORDS, records.data(), &count) != ZOLTLOG_OK)
+            count = 0;
+    }
+    ~ProductRecords() {
+        for (uint32_t i = 0; i < count; ++i) {
+            zoltLogFreeCfg(records[i]);
+            zoltLogFree(records[i]);
+        }
+    }
+    ProductRecords(const ProductRecords &) = delete;
+    ProductRecords &operator=(const ProductRecords &) = delete;
+
+    std::vector<LogCfg *> records;
+    uint32_t count;
+};
+
+bool namesHold(const std::string &names, const std::string &name) {
+    size_t start = 0;
+    while (start <= names.size()) {
+        const size_t end = std::min(names.find_first_of(", ", start), names.size());
+        if (names.compare(start, end - start, name) == 0 && end > start)
+            return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+} // namespace
+
+std::optional<uint64_t> decimal(const std::string &text) {
+    uint64_t number = 0;
+    const char *end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, number);
+    if (text.empty() || parsed.ec != std::errc() || parsed.ptr != end)
+        return std::nullopt;
+    return number;
+}
+
+std::string mainConfigPath() {
+    return GetZoltLogCfgLoc();
+}
+
+std::vector<Product> registeredProducts() {
+    std::vector<Product> products;
+    const ConfigFile file = readConfigFile(mainConfigPath());
+    for (const std::string &section : file.sections()) {
+        const std::optional<uint64_t> id = decimal(section);
+        const ConfigLine *location = file.find(section, "Configuration");
+        if (!id || *id == 0 || location == nullptr)
+            continue;
+        const ConfigLine *names = file.find(section, "Names");
+        products.push_back({*id, names != nullptr ? names->value : "", location->value, location->number});
+    }
+    return products;
+}
+
+Product findProduct(const std::string &text) {
+    const std::vector<Product> products = registeredProducts();
+    const std::optional<uint64_t> id = decimal(text);
+    for (const Product &product : products)
+        if (id ? product.id == *id : namesHold(product.names, text))
+            return product;
+    throw CommandError(tools::ExitUnreadable, "no product '" + text + "' is registered in " +
+                                                  mainConfigPath() +
+                                                  (products.empty() ? " (it registers none)" : ""));
+}
+
+std::string Scope::section() const {
+    if (isLogset)
+        return LOGSET_PREFIX + logset;
+    return IsDefaultOriginator(originator) != 0 ? "Default" : std::to_string(originator);
+}
+
+std::string Scope::baseSection() const {
+    return isLogset ? std::string(LOGSET_PREFIX) + "Default" : "Default";
+}
+
+std::string Scope::title() const {
+    if (isLogset)
+        return "log set " + logset;
+    return IsDefaultOriginator(originator) != 0 ? "Default" : "originator " + std::to_string(originator);
+}
+
+Scope findScope(const Product &product, const std::string &originator, const std::string &logset) {
+    if (!originator.empty() && !logset.empty())
+        throw CommandError(tools::ExitUsage, "give an originator or a log set, not both");
+    if (!logset.empty()) {
+        if (logset.find_first_of(".=\n") != std::string::npos)
+            throw CommandError(tools::ExitUsage, "a log set's name holds no '.', no '=' and no line feed");
+        return {product, true, 0, logset};
+    }
+    if (originator.empty() || originator == "Default")
+        return {product, false, ZOLTLOG_DEFAULT_ORIGINATOR, ""};
+    if (const std::optional<uint64_t> id = decimal(originator)) {
+        if (isOrigIdValid(*id) == 0)
+            throw CommandError(tools::ExitUsage, "0 is no originator id");
+        return {product, false, *id, ""};
+    }
+    const ProductRecords all(product.id);
+    for (uint32_t i = 0; i < all.count; ++i)
+        if (all.records[i]->isLogset == 0 && namesHold(all.records[i]->originatorNames, originator))
+            return {product, false, all.records[i]->originatorId, ""};
+    throw CommandError(tools::ExitUnreadable,
+                       "product " + std::to_string(product.id) + " has no originator '" + originator + "'");
+}
+
+std::vector<Scope> allScopes(const Product &product) {
+    std::vector<Scope> scopes;
+    scopes.push_back({product, false, ZOLTLOG_DEFAULT_ORIGINATOR, ""});
+    const ConfigFile file = readConfigFile(product.location);
+    std::vector<Scope> logsets;
+    for (const std::string &section : file.sections()) {
+        if (isLogsetSection(section)) {
+            const std::string name = section.substr(sizeof LOGSET_PREFIX - 1);
+            const Scope scope{product, true, 0, name};
+            logsets.insert(scope.isBase() ? logsets.begin() : logsets.end(), scope);
+        } else if (const std::optional<uint64_t> id = decimal(section)) {
+            const bool known = std::any_of(scopes.begin(), scopes.end(),
+                                           [&](const Scope &scope) { return scope.originator == *id; });
+            if (*id != 0 && !known)
+                scopes.push_back({product, false, *id, ""});
+        }
+    }
+    scopes.insert(scopes.end(), logsets.begin(), logsets.end());
+    return scopes;
+}
+
+bool readSettings(const Scope &scope, Settings &settings) {
+    zoltLogFreeCfg(&settings.cfg);
+    const uint32_t result = scope.isLogset
+                                ? zoltLogReadlogsetCfg(scope.product.id, scope.logset.c_str(), &settings.cfg)
+                                : zoltLogReadCfg(scope.product.id, scope.originator, &settings.cfg);
+    return result == ZOLTLOG_OK;
+}
+
+// Reads the section twice, over two records that differ in every setting: what the
+// library took from the section is what came out alike.
+std::vector<bool> accepted(const ConfigFile &file, const std::string &section, bool isLogset) {
+    const std::string name = isLogset ? section.substr(sizeof LOGSET_PREFIX - 1) : "";
+    Settings a;
+    Settings b;
+    InitLogCfg(1, isLogset ? 0 : 1, isLogset ? name.c_str() : nullptr, &a.cfg);
+    InitLogCfg(1, isLogset ? 0 : 1, isLogset ? name.c_str() : nullptr, &b.cfg);
+    for (const Key &key : keys()) {
+        key.apply(a.cfg, key.probeA);
+        key.apply(b.cfg, key.probeB);
+    }
+    for (Settings *settings : {&a, &b}) {
+        if (isLogset)
+            GetLogSetCfgSettings(file.path.c_str(), name.c_str(), &settings->cfg);
+        else
+            GetOriginatorCfgSettings(file.path.c_str(), section.c_str(), &settings->cfg);
+    }
+    std::vector<bool> result;
+    for (const Key &key : keys()) {
+        const ConfigLine *line = file.find(section, key.name);
+        const bool applies = isLogset ? key.logset : key.originator;
+        bool taken = key.show(a.cfg) == key.show(b.cfg);
+        if (key.show == findKey("LogDirectory")->show || key.show == findKey("FileName")->show)
+            taken = line != nullptr && !line->value.empty(); // appended to, or filled from the log set's name
+        result.push_back(line != nullptr && applies && taken);
+    }
+    return result;
+}
+
+std::vector<Effective> effectiveSettings(const Scope &scope, const ConfigFile &file) {
+    Settings settings;
+    if (!readSettings(scope, settings))
+        throw CommandError(tools::ExitUnreadable, scope.title() + " of product " +
+                                                      std::to_string(scope.product.id) +
+                                                      " has no settings in " + file.path);
+    std::vector<std::string> sections = {scope.baseSection()};
+    if (!scope.isBase())
+        sections.push_back(scope.section());
+
+    std::vector<Effective> result;
+    for (const Key &key : keys())
+        if (scope.isLogset ? key.logset : key.originator)
+            result.push_back({&key, key.show(settings.cfg), Effective::BUILT_IN, 0, {}});
+    for (const std::string &section : sections) {
+        const std::vector<bool> taken = accepted(file, section, scope.isLogset);
+        for (Effective &setting : result) {
+            const ConfigLine *line = file.find(section, setting.key->name);
+            if (line == nullptr)
+                continue;
+            if (taken[static_cast<size_t>(setting.key - keys().data())]) {
+                setting.from =
+                    section == scope.baseSection() ? Effective::BASE_SECTION : Effective::OWN_SECTION;
+                setting.line = line->number;
+            } else {
+                setting.skipped.push_back({line->value, section, line->number});
+            }
+        }
+    }
+    return result;
+}
+
+std::string sourceText(const Effective &setting, const Scope &scope) {
+    if (setting.from == Effective::BUILT_IN)
+        return setting.key->name == std::string("FileName") && !setting.value.empty() ? "the log set's name"
+                                                                                      : "built-in default";
+    const std::string section =
+        setting.from == Effective::BASE_SECTION ? scope.baseSection() : scope.section();
+    return "section " + section + ", " + scope.product.location + ":" + std::to_string(setting.line);
+}

@@ -1,0 +1,83 @@
+// Products, their originators and log sets, and where each setting comes from.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "configfile.h"
+#include "keys.h"
+#include "zoltlog.h"
+
+// An error that ends the command: its exit code and one line for people.
+struct CommandError : std::runtime_error {
+    CommandError(int code, const std::string &text) : std::runtime_error(text), exitCode(code) {}
+    int exitCode;
+};
+
+// A record of settings that is released with its owner.
+struct Settings {
+    Settings() : cfg{} {}
+    ~Settings() { zoltLogFreeCfg(&cfg); }
+    Settings(const Settings &) = delete;
+    Settings &operator=(const Settings &) = delete;
+
+    LogCfg cfg;
+};
+
+struct Product {
+    uint64_t id;
+    std::string names;    // as registered
+    std::string location; // of the product's configuration file
+    size_t line;          // of "Configuration" in the main file
+};
+
+std::string mainConfigPath();
+std::vector<Product> registeredProducts();
+// By id or by one of its names; CommandError when there is none.
+Product findProduct(const std::string &text);
+
+// One section of settings: the originator's, or the log set's.
+struct Scope {
+    Product product;
+    bool isLogset;
+    uint64_t originator; // 112 for the Default section
+    std::string logset;  // "Default" for the base of all log sets
+
+    std::string section() const;
+    std::string baseSection() const;
+    bool isBase() const { return section() == baseSection(); }
+    std::string title() const; // "originator 7", "log set backup", "Default"
+};
+
+// originator: an id, a name or "Default"; at most one of the two may be given,
+// none means the Default section.
+Scope findScope(const Product &product, const std::string &originator, const std::string &logset);
+// Every originator (Default first), then every log set (Default first when it has keys).
+std::vector<Scope> allScopes(const Product &product);
+bool readSettings(const Scope &scope, Settings &settings);
+
+struct Skipped { // a value that the library ignores
+    std::string value;
+    std::string section;
+    size_t line;
+};
+
+struct Effective {
+    const Key *key;
+    std::string value;
+    enum From { BUILT_IN, BASE_SECTION, OWN_SECTION } from;
+    size_t line; // in the product's file; 0 when built in
+    std::vector<Skipped> skipped;
+};
+
+// Every setting of a scope with its source. The file is the product's.
+std::vector<Effective> effectiveSettings(const Scope &scope, const ConfigFile &file);
+std::string sourceText(const Effective &setting, const Scope &scope);
+// Whether the library takes the value that a section holds for each key of keys().
+std::vector<bool> accepted(const ConfigFile &file, const std::string &section, bool isLogset);
+
+// The whole text as a decimal number.
+std::optional<uint64_t> decimal(const std::string &text);

@@ -1,0 +1,92 @@
+// qdlogcfg list | show
+#include "commands.h"
+#include "common/exit_codes.h"
+
+using tools::Json;
+using tools::Output;
+
+int listScopes(const Options &options, Output &out) {
+    const Product product = findProduct(options.product);
+    Json json;
+    json.beginArray();
+    tools::Table table{{{"SECTION"}, {"NAMES"}, {"DIRECTORY"}, {"FILES"}}, {}, true};
+    for (const Scope &scope : allScopes(product)) {
+        Settings settings;
+        if (!readSettings(scope, settings))
+            continue;
+        const std::string files =
+            scope.isLogset ? settings.cfg.logsetFilename : std::to_string(scope.originator);
+        json.beginObject();
+        json.text("kind", scope.isLogset ? "logset" : "originator");
+        if (scope.isLogset)
+            json.text("logset", scope.logset);
+        else
+            json.number("originator", scope.originator);
+        json.text("names", settings.cfg.originatorNames);
+        json.text("directory", settings.cfg.directory);
+        if (scope.isLogset)
+            json.text("file_name", files);
+        json.endObject();
+        table.rows.push_back({scope.title(), settings.cfg.originatorNames, settings.cfg.directory,
+                              std::to_string(product.id) + "-" + files + "-*.log"});
+    }
+    json.endArray();
+    if (options.json)
+        writeJson(out, json);
+    else
+        tools::printTable(out, table, options.color);
+    return tools::ExitOk;
+}
+
+int showSettings(const Options &options, Output &out) {
+    const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
+    const ConfigFile file = readConfigFile(scope.product.location);
+    const std::vector<Effective> settings = effectiveSettings(scope, file);
+    if (options.json) {
+        Json json;
+        json.beginArray();
+        for (const Effective &setting : settings) {
+            json.beginObject();
+            json.text("key", setting.key->name);
+            json.text("value", setting.value);
+            json.text("from", setting.from == Effective::BUILT_IN       ? "built-in"
+                              : setting.from == Effective::BASE_SECTION ? scope.baseSection()
+                                                                        : scope.section());
+            if (setting.from != Effective::BUILT_IN) {
+                json.text("file", scope.product.location);
+                json.number("line", setting.line);
+            }
+            json.key("skipped");
+            json.beginArray();
+            for (const Skipped &skipped : setting.skipped) {
+                json.beginObject();
+                json.text("value", skipped.value);
+                json.text("section", skipped.section);
+                json.number("line", skipped.line);
+                json.endObject();
+            }
+            json.endArray();
+            json.endObject();
+        }
+        json.endArray();
+        writeJson(out, json);
+        return tools::ExitOk;
+    }
+    out.write("product " + std::to_string(scope.product.id) + ", " + scope.title() + "\n");
+    tools::Table table{{{"KEY"}, {"VALUE"}, {"FROM"}}, {}, true};
+    for (const Effective &setting : settings) {
+        const bool builtIn = setting.from == Effective::BUILT_IN;
+        table.rows.push_back(
+            {{setting.key->name},
+             {setting.value, builtIn ? tools::Style::Dim : tools::Style::Plain},
+             {sourceText(setting, scope), builtIn ? tools::Style::Dim : tools::Style::Plain}});
+        for (const Skipped &skipped : setting.skipped)
+            table.rows.push_back({{""},
+                                  {"skipped: " + skipped.value, tools::Style::Yellow},
+                                  {"section " + skipped.section + ", " + scope.product.location + ":" +
+                                       std::to_string(skipped.line),
+                                   tools::Style::Yellow}});
+    }
+    tools::printTable(out, table, options.color);
+    return tools::ExitOk;
+}
