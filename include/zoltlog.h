@@ -420,6 +420,55 @@ int32_t isLogOpen(const LogHandle *handle);
 
 /* ---- message entry points and contexts ----------------------- */
 
+/*
+ * Five families of messages: application (App), diagnostic (Diag), audit (Audit),
+ * secure audit (SecureAudit) and debug (Debug). Suffixes: 2 adds the caller's
+ * message id, Ex the reporting component (who) of application messages, V takes
+ * a va_list, L takes a ready text and localization block.
+ *
+ * Arguments that the families share:
+ *   handle         an open log handle or context handle
+ *   messageId      stored as the message's id. With ZOLTLOG_NO_MESSAGE_ID in the
+ *                  flags, and in the calls without this argument, the id is the
+ *                  handle's sequence number
+ *   flags          output flags (ZOLTLOG_OUT_...) that are added to the handle's
+ *                  for this one message; ZOLTLOG_NO_MESSAGE_ID;
+ *                  ZOLTLOG_KEEP_LOCAL_TEXT (application and diagnostic): beside
+ *                  the catalogue reference a text formatted here, which is then
+ *                  the text of the record
+ *   messageNumber  number of the message in the catalogue of the localization
+ *                  library; 0: none, the text is formatted here
+ *   format, args   printf format and its arguments; also what the catalogue
+ *                  falls back on, and what decides the types of the arguments
+ *   text           a ready text, copied; may be null
+ *   block          a localization block of zoltLisVEx or zoltLisTextV. The call
+ *                  consumes it whatever its result: it is freed, and its three
+ *                  words in the caller's storage are zeroed (one exception:
+ *                  zoltLogSecureAuditMsgL)
+ *
+ * A message is filtered when its level is above the handle's level of its family:
+ * the call returns ZOLTLOG_OK, writes nothing, and costs next to nothing; no
+ * sequence number is used. Levels run from 1 (most important) to 6.
+ *
+ * Results, of all families:
+ *   ZOLTLOG_OK                written, and copied where the output flags say; or filtered
+ *   ZOLTLOG_INVALID_ARGUMENT  null handle, format or block; null who (application,
+ *                             diagnostic, debug); ZOLTLOG_KEEP_LOCAL_TEXT without a
+ *                             text; a handle that is a context without a context message
+ *   ZOLTLOG_LIS_FAILED, ZOLTLOG_LIS_OTHER, ZOLTLOG_NO_MEMORY, ZOLTLOG_INVALID_ARGUMENT
+ *                             the localization library failed: see zoltLogMapLisResToLoggingRes
+ *   ZOLTLOG_NO_MEMORY         the text cannot be copied
+ *   and the results of zoltLogMsg
+ *
+ * The wording is made before the lock is taken; the record is built, written and
+ * copied to the other outputs under it.
+ */
+
+/*
+ * Application messages, never filtered. severity is 0 (information), 1 (warning),
+ * 2 (error), 3 (critical) or 4 (emergency); another one cannot be written
+ * (ZOLTLOG_FAILED). The calls without who give "".
+ */
 uint32_t zoltLogAppMsg(LogHandle *handle, uint32_t flags, uint32_t severity, int64_t messageNumber,
                        const char *format, ...);
 uint32_t zoltLogAppMsgEx(LogHandle *handle, uint32_t flags, uint32_t severity, const char *who,
@@ -437,6 +486,11 @@ uint32_t zoltLogAppMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, 
 uint32_t zoltLogAppMsg2LEx(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
                            const char *who, const char *text, ZoltLisBlock *block);
 
+/*
+ * Diagnostic messages, filtered by the handle's diagnostic level. All but
+ * zoltLogDiagMsg2L first look for a changed configuration (zoltDynaLoadConfig).
+ * ZOLTLOG_FAILED for a level outside 1 to 6 that the filter lets through.
+ */
 uint32_t zoltLogDiagMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
                         int64_t messageNumber, const char *format, ...);
 uint32_t zoltLogDiagMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
@@ -446,6 +500,11 @@ uint32_t zoltLogDiagMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags,
 uint32_t zoltLogDiagMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
                           const char *who, const char *text, ZoltLisBlock *block);
 
+/*
+ * Audit messages: who (subject, may be null) did something with which outcome.
+ * Never filtered, and always by catalogue: messageNumber 0 is
+ * ZOLTLOG_INVALID_ARGUMENT. They are not copied to the console or the system log.
+ */
 uint32_t zoltLogAuditMsg(LogHandle *handle, uint32_t flags, const char *subject, uint32_t outcome,
                          int64_t messageNumber, const char *format, ...);
 uint32_t zoltLogAuditMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
@@ -455,6 +514,15 @@ uint32_t zoltLogAuditMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags
 uint32_t zoltLogAuditMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
                            uint32_t outcome, ZoltLisBlock *block);
 
+/*
+ * Secure audit messages, to the system log only, through a handle of
+ * zoltLogSecureOpen (ZOLTLOG_SECURE_ON_FILE_HANDLE for any other). Filtered by the
+ * handle's secure audit level, always by catalogue as audit messages are, message
+ * id 0. 4294967295 when the system log did not get the message, for want of the
+ * formatter plug-in in particular.
+ * In zoltLogSecureAuditMsgL the block stays with the caller, who frees it, in one
+ * case: when the record cannot be initialised, which is a result of zoltLogInitMsg.
+ */
 uint32_t zoltLogSecureAuditMsg(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
                                int64_t messageNumber, const char *format, ...);
 uint32_t zoltLogSecureAuditMsgV(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
@@ -462,18 +530,57 @@ uint32_t zoltLogSecureAuditMsgV(LogHandle *handle, uint32_t level, const char *s
 uint32_t zoltLogSecureAuditMsgL(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
                                 ZoltLisBlock *block);
 
+/*
+ * Debug messages, for developers: no catalogue, the text is always formatted here.
+ * Filtered by the handle's debug level after a look for a changed configuration
+ * (zoltDynaLoadConfig). ZOLTLOG_FAILED for a level outside 1 to 6 that the filter
+ * lets through.
+ */
 uint32_t zoltLogDebugMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
                          const char *format, ...);
 uint32_t zoltLogDebugMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
                           const char *who, const char *format, ...);
 uint32_t zoltLogDebugMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
                            const char *who, const char *format, va_list args);
+/*
+ * A debug message whose text is there already; never filtered. ZOLTLOG_FAILED for
+ * a level outside 1 to 6; a null text is ZOLTLOG_INVALID_ARGUMENT.
+ */
 uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
                                   const char *text);
 
+/*
+ * Opens a context: a log handle whose messages all carry the token, for one unit of
+ * work (a request, a job). parent is an open log handle or context: contexts nest.
+ * The context shares the parent's file and starts with the parent's levels and
+ * output flags; its sequence numbers start at 1 and its utf8 field at 0.
+ *
+ * A context record (token, text, localization block) goes to the log file at once,
+ * and again to the top of every new file of the series while the context is open;
+ * log sets get it once. It is not copied to the other outputs. The token and the
+ * arguments are copied; context is storage of the caller, which must stay in place
+ * until zoltLogDestroyContext.
+ *
+ * Results: ZOLTLOG_OK; ZOLTLOG_INVALID_ARGUMENT for a null parent, context, token
+ * or format, or a context that is its parent; ZOLTLOG_NO_FILE_STATE for the parent
+ * of zoltLogSecureOpen; results of the localization library, of zoltLogInitMsg and
+ * of writing a record. After a failure the context is closed, nothing is held, and
+ * zoltLogDestroyContext does no harm.
+ */
 uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char *token, int64_t messageNumber,
                               const char *format, ...);
+/*
+ * Closes a context; no record tells it. Contexts may be closed in any order, also
+ * after the parent; the file is closed with its last handle. zoltLogClose is not
+ * for contexts. ZOLTLOG_INVALID_ARGUMENT for null or a context that has no file;
+ * other results of zoltLogCloseFile.
+ */
 uint32_t zoltLogDestroyContext(LogHandle *context);
+/*
+ * The result code for a result of the localization library: 0 ZOLTLOG_OK,
+ * -2 ZOLTLOG_INVALID_ARGUMENT, -3 ZOLTLOG_NO_MEMORY, -4 ZOLTLOG_LIS_FAILED, any
+ * other ZOLTLOG_LIS_OTHER.
+ */
 uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult);
 
 /* ---- record encoding ----------------------------------------- */
@@ -688,16 +795,77 @@ char *fstrncat(char *buffer, size_t size, const char *format, ...);
 uint32_t zoltLogGetArg_asStringW(ZoltLisIterator *argument, wchar_t **out);
 wchar_t *zoltLogWcsDup(const wchar_t *text);
 
+/*
+ * Copies of messages to the console and the system log. What is shown is one line
+ * that the formatter plug-in makes of the record: the shared library
+ * libzoltLogFormatMsg.so.3, found by the dynamic loader (never in the current
+ * directory), with the entry LogFormatMessage (LogFormatMessageFn below; zoltformat.h
+ * describes the plug-in that comes with the library). Without it there are no
+ * copies. The plug-in is loaded at each use and stays loaded: sh_handle is the
+ * handle of the last load; fmtLib (system log) and newfmtLib (console) point at the
+ * loaded plug-in during a call of it and are null otherwise.
+ *
+ * The operations LogOutputBasedOnFlags, OutputToConsole and osLogWrite take no lock:
+ * call them with zoltLogMutex held, as zoltLogMsg does.
+ */
+
+/*
+ * Copies a record where flags, or the handle's output flags, say: ZOLTLOG_OUT_STDOUT
+ * all types but audit to standard output, ZOLTLOG_OUT_STDERR diagnostic and application
+ * messages to standard error, ZOLTLOG_OUT_OSLOG application and secure audit messages
+ * to the system log. The result is that of OutputToConsole; for a secure audit message
+ * with ZOLTLOG_OUT_OSLOG that of osLogWrite as an unsigned number. ZOLTLOG_INVALID_ARGUMENT
+ * for a null handle or record.
+ */
 uint32_t LogOutputBasedOnFlags(LogHandle *handle, LogMsg *msg, uint32_t flags);
+/*
+ * Prints a record on standard output and standard error, by the same two flags. 0,
+ * also when the plug-in cannot be loaded and nothing is printed; the plug-in's own
+ * result when it fails; ZOLTLOG_NO_MEMORY; ZOLTLOG_INVALID_ARGUMENT for a null record.
+ * "(null)" is printed when the plug-in gives no text or lacks its entry.
+ */
 uint32_t OutputToConsole(uint32_t flags, LogMsg *msg, LocalizerList *localizers);
+
+/*
+ * The system log (syslog). Settings are an identity, option bits and a facility as
+ * openlog takes them. Results: 0, and -3 for a null argument.
+ * osLogInitCfg sets the defaults: "Qorvanix", no option, facility 8 (user).
+ * osLogCopyCfg copies identity and facility; the copy's options are 0.
+ * osLogOpen and osLogOpenEx, which are the same, call openlog with the identity (at
+ * most 79 bytes of it) in the sink, which must live until osLogClose: closelog.
+ * The process has one system-log connection: the identity of the last openlog,
+ * also the host's own, holds for all messages.
+ */
 int32_t osLogInitCfg(OsLogSettings *settings);
 int32_t osLogCopyCfg(OsLogSettings *destination, const OsLogSettings *source);
 int32_t osLogOpen(const OsLogSettings *settings, OsLogSink *sink);
 int32_t osLogOpenEx(const OsLogSettings *settings, OsLogSink *sink);
 int32_t osLogClose(OsLogSink *sink);
+/*
+ * Sends an application message, at the priority of its severity, or a secure audit
+ * message, at priority 2 (critical), to the system log; other types are not sent.
+ * When the handle's output flags hold ZOLTLOG_OUT_OSLOGX, a secure audit line begins
+ * with eight values: product id, originator id (of the handle's configuration copy),
+ * message id, process id, thread id, context token, subject, outcome; the commas
+ * between them, and a blank after the last. 0 when sent or nothing was to be sent; -1
+ * when the plug-in is missing, lacks its entry or fails; -3 for a null argument.
+ */
 int32_t osLogWrite(LogHandle *handle, LogMsg *msg);
+/* The priority of an application message: severity 1 is 4, 2 is 3, 3 is 2, 4 is 0; any other 6. */
 int32_t sevToSyslogPriority(uint32_t severity);
+/* 0 when the path begins with '/', else -1, also for null. */
 int32_t osLogIsFullPath(const char *path);
+
+/*
+ * Dynamic loading. Results: 0 and -2. None takes a lock.
+ * SharedLibLoad loads the library of a base name (its file name is that of
+ * zoltLogOs_getLibName) through the loader's search; -2 for a null library or name,
+ * or when it cannot be loaded: *library is then null. The file name is handed out
+ * when fileName is not null (null on failure); the caller frees it.
+ * SharedLibUnload gives one reference back; -2 for null.
+ * SharedLibResolveFunc looks a symbol up: *function is null, and the result 0, when
+ * the library lacks it; -2 for a null library or function, a null or empty symbol.
+ */
 int32_t SharedLibLoad(void **library, const char *name, char **fileName);
 int32_t SharedLibUnload(void *library);
 int32_t SharedLibResolveFunc(void *library, const char *symbol, void **function);
@@ -758,6 +926,12 @@ uint32_t mbs2utf8(char **out, const char *narrow);
 
 /* ---- entry of libzoltLogFormatMsg.so.3 -------------------------------------- */
 
+/*
+ * The entry LogFormatMessage of a formatter plug-in: renders msg as one line. locale
+ * is null and handle null for the console; "en_US" and the handle for the system
+ * log; the three numbers are 0. *text receives a block of malloc that the library
+ * frees. 0 for success.
+ */
 typedef uint32_t (*LogFormatMessageFn)(LocalizerList *localizers, uint64_t zero1, const char *locale,
                                        uint64_t zero2, uint32_t formatFlags, uint64_t zero3, LogMsg *msg,
                                        LogHandle *handle, char **text);
