@@ -6,6 +6,7 @@
 #include <boost/log/expressions.hpp>
 #include <boost/log/sinks.hpp>
 #include <boost/log/sources/logger.hpp>
+#include <boost/log/sources/record_ostream.hpp>
 #include <boost/log/support/date_time.hpp>
 #include <boost/log/utility/setup/common_attributes.hpp>
 #include <boost/make_shared.hpp>
@@ -112,7 +113,7 @@ Contender log4cxxImmediate() {
                 (*logger)->addAppender(appender);
                 (*logger)->setLevel(log4cxx::Level::getInfo());
             },
-            [logger](int number) { LOG4CXX_INFO(*logger, formatted(number)); },
+            [logger](int number) { LOG4CXX_INFO((*logger), formatted(number)); },
             [logger] { (*logger)->removeAllAppenders(); }};
 }
 

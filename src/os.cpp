@@ -244,7 +244,7 @@ void setDirectoryPermissions(const char *path, mode_t wanted) {
     if (descriptor == -1) {
         // The umask may have taken our own right to read it.
         if (errno == EACCES)
-            (void)fchmodat(AT_FDCWD, path, wanted, AT_SYMLINK_NOFOLLOW);
+            static_cast<void>(fchmodat(AT_FDCWD, path, wanted, AT_SYMLINK_NOFOLLOW) == 0);
         return;
     }
     struct stat status;
