@@ -1,0 +1,501 @@
+// The writer of log files: keeps one file open per series, appends records to it and
+// starts the next one when the rollover rule says so.
+//
+// Owns: the log file state and its list of handles, rollover, the periodic reopen,
+// writing, contexts in new files. Leaves to others: opening one file (write_file_open),
+// names and header (write_file_name), creation (write_file_create), removal of surplus
+// files (write_file_recycle), encoding (bin2txt).
+//
+//   States          the remembered state, handle lists, release
+//   Rollover        check, roll over, contexts in the new file
+//   Writing         one record, the periodic reopen
+//   Operations      zoltLogOpenFile ... zoltLogCreateContextToFile
+//
+// Everything here runs under the global lock. Looking for the host's name and number
+// at each new file may ask the name service and take its time, with the lock held.
+#include "write_file.h"
+
+#include "lockUnix.h"
+#include "os.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#define FOLLOWS(earlier, later)                                                                              \
+    static_assert(offsetof(LogFileState, earlier) < offsetof(LogFileState, later), #later)
+static_assert(offsetof(LogFileState, directory) == 0);
+FOLLOWS(directory, permissions);
+FOLLOWS(permissions, maxFileSizeKB);
+FOLLOWS(maxFileSizeKB, rolloverMode);
+FOLLOWS(rolloverMode, logRecycling);
+FOLLOWS(logRecycling, rolloverPeriod);
+FOLLOWS(rolloverPeriod, rolloverTime);
+FOLLOWS(rolloverTime, productId);
+FOLLOWS(productId, fileOriginatorId);
+FOLLOWS(fileOriginatorId, headerVersion);
+FOLLOWS(headerVersion, date);
+FOLLOWS(date, counter);
+FOLLOWS(counter, nextRolloverTime);
+FOLLOWS(nextRolloverTime, fileStartTime);
+FOLLOWS(fileStartTime, lastReopenTime);
+FOLLOWS(lastReopenTime, file);
+FOLLOWS(file, handles);
+FOLLOWS(handles, isLogset);
+FOLLOWS(isLogset, logsetName);
+FOLLOWS(logsetName, logsetFilename);
+#undef FOLLOWS
+
+namespace {
+
+constexpr int64_t NS_PER_SECOND = 1000000000;
+constexpr uint64_t BYTES_PER_KB = 1024;
+constexpr uint32_t TIMED_MODES = ZOLTLOG_ROLLOVER_LOCAL_TIME | ZOLTLOG_ROLLOVER_PERIODIC;
+
+constexpr int64_t REOPEN_AFTER_MS = 600000;
+
+// New files tried in one rollover. Each round but the last meets a file that exists and
+// is full or old already; only a clock that jumps between days could go on for ever.
+constexpr int ROLL_ROUNDS = 100000;
+
+// For how long a log set's rollover waits for the next second, in real time.
+constexpr int64_t LOGSET_WAIT_NS = 2 * NS_PER_SECOND;
+constexpr long LOGSET_WAIT_STEP_NS = 2000000;
+
+// More bytes per nanosecond than all writers of one file together can append: an
+// append copies its bytes under the lock of the file's inode, one writer at a time
+// whatever their number, so that the memory copy of a single processor bounds them all,
+// and that is below 64 GB/s by a wide margin.
+constexpr uint64_t APPENDED_PER_NS = 64;
+// Beyond this age a known size is not used, which also keeps the product small.
+constexpr int64_t SIZE_KNOWN_FOR_NS = NS_PER_SECOND;
+
+int64_t monotonicNs() {
+    timespec now;
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * NS_PER_SECOND + now.tv_nsec;
+}
+
+// ---- states ----------------------------------------------------------------------------
+
+// The state of an originator series that a later open of the same series shares.
+LogFileState *rememberedState;
+
+bool isListed(const LogFileState *state, const LogHandle *handle) {
+    for (const LogHandle *at = state->handles; at != nullptr; at = at->nextOnFile)
+        if (at == handle)
+            return true;
+    return false;
+}
+
+void addHandleToFile(LogFileState *state, LogHandle *handle) {
+    const GlobalLock lock(TAG_ADD_LOG_TO_FILE);
+    if (isListed(state, handle))
+        return;
+    handle->nextOnFile = state->handles;
+    state->handles = handle;
+}
+
+bool removeHandleFromFile(LogFileState *state, const LogHandle *handle) {
+    for (LogHandle **at = &state->handles; *at != nullptr; at = &(*at)->nextOnFile) {
+        if (*at == handle) {
+            *at = handle->nextOnFile;
+            return true;
+        }
+    }
+    return false;
+}
+
+void releaseState(LogFileState *state) {
+    zoltLogOs_close(&state->file);
+    if (rememberedState == state)
+        rememberedState = nullptr;
+    zoltLogFree(state->logsetName);
+    zoltLogFree(state->logsetFilename);
+    zoltLogFree(state);
+}
+
+uint64_t writtenVersion(const LogFileState *state) {
+    return state->isLogset != 0 ? ZOLTLOG_RECORD_VERSION_LOGSET : ZOLTLOG_RECORD_VERSION_ORIGINATOR;
+}
+// ---- rollover --------------------------------------------------------------------------
+
+// The size of the open file. Its end is asked for first because that is the cheapest
+// question; the position it moves means nothing to a file opened for appending.
+bool askSize(LogFileState *state, uint64_t *size) {
+    const off_t end = lseek(state->file.descriptor, 0, SEEK_END);
+    if (end < 0)
+        return zoltLogOs_fsize(&state->file, size) == OS_OK;
+    *size = static_cast<uint64_t>(end);
+    return true;
+}
+
+bool reachesLimit(const LogFileState *state, uint64_t size, uint64_t length) {
+    return (size + length) / BYTES_PER_KB >= state->maxFileSizeKB;
+}
+
+// The limit is reached with the record. Other processes append to the file as well, so
+// its size is the file system's to tell; it is not asked while even APPENDED_PER_NS
+// since the last answer could not have filled the file. The time is taken before the
+// question, so that nothing is appended unseen in between. The gap between this check
+// and the write, in which others may append, is the same as with a question each time.
+bool isFull(LogFileState *state, uint64_t length) {
+    WriterNotes *notes = notesOf(state);
+    const int64_t now = monotonicNs();
+    const int64_t age = now - notes->sizeAskedAt;
+    if (notes->sizeAskedAt != 0 && age >= 0 && age < SIZE_KNOWN_FOR_NS) {
+        const uint64_t most =
+            notes->sizeThen + notes->ownSince + static_cast<uint64_t>(age) * APPENDED_PER_NS;
+        if (!reachesLimit(state, most, length))
+            return false;
+    }
+    uint64_t size = 0;
+    if (!askSize(state, &size))
+        return false;
+    notes->sizeAskedAt = now;
+    notes->sizeThen = size;
+    notes->ownSince = 0;
+    return reachesLimit(state, size, length);
+}
+
+// A new file is to be started before a record of the given length is written.
+bool isRolloverDue(LogFileState *state, uint64_t length) {
+    // A file that is closed after a failed rollover or reopen is tried again each time.
+    if (state->headerVersion != writtenVersion(state) || state->file.descriptor == -1)
+        return true;
+    if (IsValidRolloverMode(state->rolloverMode) == 0) {
+        // KEPT: an invalid mode is rollover switched off for good, seen at the first
+        // write. Pinned by WriteFileRollover.InvalidModeSwitchesRolloverOff.
+        state->rolloverMode = ZOLTLOG_ROLLOVER_NONE;
+        return false;
+    }
+    if ((state->rolloverMode & TIMED_MODES) != 0 && time(nullptr) >= state->nextRolloverTime)
+        return true;
+    return (state->rolloverMode & ZOLTLOG_ROLLOVER_FILE_SIZE) != 0 && state->maxFileSizeKB != 0 &&
+           isFull(state, length);
+}
+
+// The name of a log set's file tells its second: a file that is full within it leaves no
+// name for the next one before the clock moves on. False when it did not until deadline,
+// which is set at the first call.
+bool waitForNextName(LogFileState *state, int64_t *deadline) {
+    WriterNotes *notes = notesOf(state);
+    if (*deadline == 0)
+        *deadline = monotonicNs() + LOGSET_WAIT_NS;
+    while (time(nullptr) == notes->nameSecond) {
+        if (monotonicNs() >= *deadline) {
+            notes->crowdedSecond = notes->nameSecond;
+            return false;
+        }
+        sleepNs(LOGSET_WAIT_STEP_NS);
+    }
+    return monotonicNs() < *deadline;
+}
+
+// Starts the next file that is fit to be written to. When none can be opened the file
+// stays closed.
+void rollOver(LogFileState *state) {
+    int64_t deadline = 0;
+    zoltLogOs_close(&state->file);
+    for (int round = 0; round < ROLL_ROUNDS; ++round) {
+        bool created = false;
+        // A file made here just now is as fit as any: were it due already, by a period of
+        // nothing or a clock gone mad, so would be the next.
+        if (openNextFile(state, &created) != ZOLTLOG_OK || created || !isRolloverDue(state, 0))
+            break;
+        // KEPT: a log set's rollover holds up the message, and all others of the process,
+        // until the clock shows another second, at most LOGSET_WAIT_NS; then the record
+        // goes into the full file. Pinned by WriteFileLogset.RolloverWithinASecondWaits.
+        if (state->isLogset != 0 && !waitForNextName(state, &deadline))
+            break;
+        zoltLogOs_close(&state->file);
+    }
+    if (state->logRecycling != 0)
+        (void)recycleLogFiles(state);
+}
+
+uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver);
+
+// Every file of an originator series begins with the contexts that are open: all are
+// tried, in the order of the handle list. The first failure.
+uint32_t rewriteContexts(LogFileState *state) {
+    uint32_t result = ZOLTLOG_OK;
+    for (LogHandle *handle = state->handles; handle != nullptr; handle = handle->nextOnFile) {
+        if (handle->noContext != 0)
+            continue;
+        const uint32_t written = writeRecord(state, &handle->contextMsg, false);
+        if (result == ZOLTLOG_OK)
+            result = written;
+    }
+    return result;
+}
+
+bool waitingWasGivenUp(LogFileState *state) {
+    WriterNotes *notes = notesOf(state);
+    return state->isLogset != 0 && notes->crowdedSecond != 0 && state->file.descriptor != -1 &&
+           state->headerVersion == writtenVersion(state) && time(nullptr) == notes->crowdedSecond;
+}
+
+void rollOverIfDue(LogFileState *state, uint64_t length) {
+    if (!isRolloverDue(state, length) || waitingWasGivenUp(state))
+        return;
+    rollOver(state);
+    if (state->isLogset == 0 && state->file.descriptor != -1)
+        (void)rewriteContexts(state);
+}
+
+// Others may have moved or removed the file: from time to time the current name is
+// opened anew.
+// KEPT: the name of a log set's file tells its second, so for a log set this starts a
+// new file. Pinned by WriteFileLogset.PeriodicReopenStartsANewFile.
+void reopenIfOld(LogFileState *state, const LogMsg *msg) {
+    const auto sent = static_cast<int64_t>(msg->timestamp);
+    if (state->lastReopenTime == 0 || state->file.descriptor == -1 ||
+        sent <= state->lastReopenTime + REOPEN_AFTER_MS)
+        return;
+    const int64_t startTime = state->fileStartTime;
+    zoltLogOs_close(&state->file);
+    --state->counter; // counts up to the same name again, unless the day is another
+    if (openNextFile(state, nullptr) != ZOLTLOG_OK)
+        return;
+    state->lastReopenTime = sent;
+    if (state->isLogset == 0 && state->fileStartTime != startTime)
+        (void)rewriteContexts(state);
+}
+
+// ---- writing ---------------------------------------------------------------------------
+
+// One write of all bytes.
+uint32_t appendBytes(LogFileState *state, const char *bytes, uint64_t length) {
+    WriterNotes *notes = notesOf(state);
+    const int32_t written =
+        length <= INT32_MAX ? zoltLogOs_write(&state->file, bytes, static_cast<int32_t>(length)) : -1;
+    if (written > 0)
+        notes->ownSince += static_cast<uint64_t>(written);
+    if (written >= 0 && static_cast<uint64_t>(written) == length)
+        return ZOLTLOG_OK;
+    if (written > 0)
+        notes->torn = 1;
+    return __atomic_load_n(&errorCode, __ATOMIC_RELAXED) == ZOLTLOG_DEVICE_FULL ? ZOLTLOG_DEVICE_FULL
+                                                                                : ZOLTLOG_WRITE_FAILED;
+}
+
+// Ends the line in which an earlier write was cut off.
+uint32_t endTornLine(LogFileState *state) {
+    const uint32_t result = appendBytes(state, "\n", 1);
+    if (result == ZOLTLOG_OK)
+        notesOf(state)->torn = 0;
+    return result;
+}
+
+uint32_t appendRecord(LogFileState *state, const TextBuffer *buffer) {
+    WriterNotes *notes = notesOf(state);
+    if (notes->torn != 0) {
+        const uint32_t result = endTornLine(state);
+        if (result != ZOLTLOG_OK)
+            return result;
+    }
+    const uint32_t result = appendBytes(state, buffer->data, buffer->capacity - buffer->free);
+    // At once, so that other processes do not continue the torn line either. On a full
+    // device it fails and remains to be done before the next record.
+    if (notes->torn != 0)
+        (void)endTornLine(state);
+    return result;
+}
+
+uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver) {
+    if (state == nullptr)
+        return ZOLTLOG_NO_FILE_STATE;
+    if (msg == nullptr)
+        return ZOLTLOG_FAILED;
+    msg->recordVersion = writtenVersion(state);
+    msg->fileOriginatorId = state->fileOriginatorId;
+    TextBuffer buffer;
+    uint32_t result = zoltLogMsgSerialize(msg, &buffer);
+    if (result != ZOLTLOG_OK)
+        return result;
+    if (mayRollOver) {
+        rollOverIfDue(state, buffer.capacity - buffer.free);
+        reopenIfOld(state, msg);
+    }
+    result = appendRecord(state, &buffer);
+    free_text_msg(&buffer);
+    return result;
+}
+
+} // namespace
+
+uint32_t zoltLogWriteMsgWithRolloverToFile(LogFileState *state, LogMsg *msg) {
+    return writeRecord(state, msg, true);
+}
+
+// ---- operations ------------------------------------------------------------------------
+
+int32_t IsValidRolloverMode(uint32_t mode) {
+    return mode <= (ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC) ? 1 : 0;
+}
+
+namespace {
+
+// The names of a log set for its state: copies, from the first record that has them.
+struct LogsetNames {
+    char *name = nullptr;
+    char *filename = nullptr;
+};
+
+uint32_t copyLogsetNames(const LogCfg *first, const LogCfg *second, LogsetNames *names) {
+    const char *name = first->logsetName != nullptr ? first->logsetName : second->logsetName;
+    const char *filename = first->logsetFilename != nullptr ? first->logsetFilename : second->logsetFilename;
+    if (filename == nullptr)
+        filename = name;
+    if (filename == nullptr)
+        return second->isLogset != 0 ? ZOLTLOG_INVALID_ARGUMENT : ZOLTLOG_OK;
+    names->name = zoltLogSafeStrdup(name);
+    names->filename = zoltLogSafeStrdup(filename);
+    if (names->filename != nullptr && (names->name != nullptr || name == nullptr))
+        return ZOLTLOG_OK;
+    zoltLogFree(names->name);
+    zoltLogFree(names->filename);
+    return ZOLTLOG_NO_MEMORY;
+}
+
+// The state that the handle writes through: the one it came with, or the remembered one
+// of the same series, which then replaces it.
+LogFileState *adoptState(LogHandle *handle, const LogCfg *fileCfg) {
+    LogFileState *state = handle->file;
+    if (state == rememberedState || state->handles != nullptr || notesOf(state)->opened != 0)
+        return state; // opened before
+    state->productId = fileCfg->productId;
+    state->fileOriginatorId = fileCfg->originatorId;
+    (void)zoltLogOs_initfilehandle(&state->file);
+    if (fileCfg->isLogset != 0)
+        return state;
+    if (rememberedState == nullptr) {
+        rememberedState = state;
+    } else if (rememberedState->productId == state->productId &&
+               rememberedState->fileOriginatorId == state->fileOriginatorId) {
+        zoltLogFree(state);
+        state = rememberedState;
+        handle->file = state;
+    }
+    return state;
+}
+
+void configureState(LogFileState *state, const LogCfg *cfg) {
+    const bool opened = notesOf(state)->opened != 0;
+    const bool rescheduled = state->rolloverMode != cfg->rolloverMode ||
+                             state->rolloverPeriod != cfg->rolloverPeriod ||
+                             state->rolloverTime != cfg->rolloverTime;
+    state->isLogset = cfg->isLogset;
+    memcpy(state->directory, cfg->directory, LOG_DIRECTORY_LENGTH);
+    state->directory[LOG_DIRECTORY_LENGTH] = '\0';
+    state->maxFileSizeKB = cfg->maxFileSizeKB;
+    state->rolloverMode = cfg->rolloverMode;
+    state->logRecycling = cfg->logRecycling;
+    state->rolloverPeriod = cfg->rolloverPeriod;
+    state->rolloverTime = cfg->rolloverTime;
+    if (!opened) {
+        state->counter = cfg->rolloverMode == ZOLTLOG_ROLLOVER_FILE_SIZE ? -1 : 0;
+        state->date = {};
+        (void)CopyFileSecuritySetting(&state->permissions, cfg->permissions.mode);
+    } else if (rescheduled) {
+        setNextRollover(state, time(nullptr));
+    }
+}
+
+void configureHandle(LogHandle *handle, const LogCfg *cfg) {
+    __atomic_store_n(&handle->debugLevel, cfg->debugLevel, __ATOMIC_RELAXED);
+    __atomic_store_n(&handle->diagLevel, cfg->diagLevel, __ATOMIC_RELAXED);
+    handle->outputFlags = cfg->outputFlags;
+    handle->originatorId = cfg->originatorId;
+    __atomic_store_n(&handle->reloadInterval, cfg->reloadInterval, __ATOMIC_RELAXED);
+    handle->noContext = 1;
+    handle->sequenceNumber = 1;
+    const int64_t now = time(nullptr);
+    __atomic_store_n(&handle->cfgTimestamp, now, __ATOMIC_RELAXED);
+    __atomic_store_n(&handle->lastReloadCheck, now, __ATOMIC_RELAXED);
+}
+
+} // namespace
+
+uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileCfg) {
+    if (handle == nullptr || originatorCfg == nullptr || fileCfg == nullptr || handle->file == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    if (fileCfg->directory[0] == '\0')
+        return ZOLTLOG_NO_DIRECTORY;
+    const GlobalLock lock(TAG_OPEN_FILE);
+    // First what can fail: a state that is remembered is also on a handle's way to release.
+    LogsetNames names;
+    const uint32_t copied = copyLogsetNames(originatorCfg, fileCfg, &names);
+    if (copied != ZOLTLOG_OK)
+        return copied;
+    LogFileState *state = adoptState(handle, fileCfg);
+    configureState(state, fileCfg);
+    configureHandle(handle, originatorCfg);
+    addHandleToFile(state, handle);
+    if (names.filename != nullptr) {
+        zoltLogFree(state->logsetName);
+        zoltLogFree(state->logsetFilename);
+        state->logsetName = names.name;
+        state->logsetFilename = names.filename;
+    }
+    if (notesOf(state)->opened != 0)
+        return ZOLTLOG_OK;
+    return openLatestFile(state);
+}
+
+uint32_t zoltLogCloseFile(LogHandle *handle) {
+    if (handle == nullptr || handle->file == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    const GlobalLock lock(TAG_CLOSE_FILE);
+    LogFileState *state = handle->file;
+    const bool found = removeHandleFromFile(state, handle);
+    handle->file = nullptr;
+    handle->nextOnFile = nullptr;
+    // Also when the handle was on no list: then its open failed early, and no other
+    // handle knows of the state.
+    if (state->handles == nullptr)
+        releaseState(state);
+    return found ? ZOLTLOG_OK : ZOLTLOG_FAILED;
+}
+
+uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMsg *msg) {
+    if (parent == nullptr || context == nullptr || msg == nullptr || parent == context)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    const GlobalLock lock(TAG_CREATE_CONTEXT_TO_FILE);
+    const LogMsg contextMsg = *msg;
+    *context = {};
+    context->contextMsg = contextMsg;
+    context->file = parent->file;
+    context->originatorId = parent->originatorId;
+    context->debugLevel = parent->debugLevel;
+    context->diagLevel = parent->diagLevel;
+    context->secureAuditLevel = parent->secureAuditLevel;
+    context->outputFlags = parent->outputFlags;
+    context->localizers = parent->localizers;
+    context->oslog = parent->oslog;
+    context->reloadInterval = parent->reloadInterval;
+    context->cfgTimestamp = parent->cfgTimestamp;
+    context->lastReloadCheck = parent->lastReloadCheck;
+    context->cfgCopy = parent->cfgCopy;
+    context->utf8 = parent->utf8;
+    context->noContext = 1;
+    context->sequenceNumber = 1;
+    const uint32_t result = writeRecord(parent->file, &context->contextMsg, true);
+    if (result != ZOLTLOG_OK) {
+        // On no list, so it must not keep a file that may go before it does.
+        context->file = nullptr;
+        if (msg != &context->contextMsg)
+            context->contextMsg = {};
+        return result;
+    }
+    if (msg != &context->contextMsg)
+        *msg = {}; // moved
+    context->noContext = 0;
+    addHandleToFile(context->file, context);
+    return ZOLTLOG_OK;
+}

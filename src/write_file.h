@@ -1,0 +1,85 @@
+// The writer of log files, for its own parts: names and header, creation, recycling.
+#pragma once
+
+#include "zoltlog.h"
+
+#include <stddef.h>
+
+// ---- notes -------------------------------------------------------------------------
+
+// What the writer remembers of a series besides the fields of its state. It lies in the
+// read buffer of the state's file, which only serves while a header is read: a file
+// that is open for writing never reads. A zero-filled state has empty notes.
+struct __attribute__((may_alias)) WriterNotes {
+    uint64_t sizeThen;     // of the open file, when last asked
+    uint64_t ownSince;     // bytes that this state has appended since
+    int64_t sizeAskedAt;   // monotonic ns, taken before asking; 0 when not asked yet
+    int64_t nameSecond;    // log set: the second that the file's name tells
+    int64_t crowdedSecond; // log set: the second in which waiting for the next was given up
+    uint32_t opened;       // a file of the series was opened once
+    uint32_t torn;         // the open file ends inside a line
+};
+
+inline WriterNotes *notesOf(LogFileState *state) {
+    constexpr size_t BUFFER = offsetof(LogFileState, file) + offsetof(OsFile, buffer);
+    constexpr size_t OFFSET = (alignof(WriterNotes) - BUFFER % alignof(WriterNotes)) % alignof(WriterNotes);
+    static_assert((BUFFER + OFFSET) % alignof(WriterNotes) == 0);
+    static_assert(OFFSET + sizeof(WriterNotes) <= sizeof(OsFile::buffer));
+    return reinterpret_cast<WriterNotes *>(state->file.buffer + OFFSET);
+}
+
+void sleepNs(long ns); // below a second
+
+// ---- opening (write_file_open.cpp) --------------------------------------------------
+
+// Opens the next file of the series. On failure no file is open and the state still
+// tells of the one before. *created, which may be null, says that the file was made here.
+uint32_t openNextFile(LogFileState *state, bool *created);
+
+// Opens the file that the series continues in: its latest one, or the first.
+uint32_t openLatestFile(LogFileState *state);
+
+// Sets when a LocalTime or Periodic rollover of the open file is due.
+void setNextRollover(LogFileState *state, int64_t now);
+
+// ---- names and the header line (write_file_name.cpp) ------------------------------
+
+inline constexpr size_t LOG_DIRECTORY_LENGTH = sizeof(LogFileState::directory) - 1;
+inline constexpr size_t LOG_NAME_LENGTH = 255; // the system's longest file name
+inline constexpr size_t LOG_PATH_SIZE = LOG_DIRECTORY_LENGTH + LOG_NAME_LENGTH + 1;
+inline constexpr size_t HOST_NAME_SIZE = sizeof(LogFileHeader::hostName);
+// "$Header", version, two ids, two times and a host name, with their separators
+inline constexpr size_t HEADER_LINE_SIZE = 128 + HOST_NAME_SIZE;
+
+struct LogPath {
+    char text[LOG_PATH_SIZE];
+};
+
+// Each forms directory and name of a new file; false when they do not fit.
+bool formOriginatorPath(LogPath *path, const LogFileState *state, uint64_t hostId, const LogFileDate *date,
+                        int64_t counter);
+bool formLogsetPath(LogPath *path, const LogFileState *state, const LogFileDate *date);
+bool formExistingPath(LogPath *path, const LogFileState *state, const char *name);
+
+// Date and counter of an originator series' file name; what the name does not tell is
+// left as it was, as its reader of old did.
+void parseOriginatorName(const char *name, LogFileDate *date, int64_t *counter);
+
+// The header line of a version that is written; 0 for any other version.
+size_t formatHeaderLine(char (&line)[HEADER_LINE_SIZE], const LogFileHeader *header);
+
+// ---- creation (write_file_create.cpp) ----------------------------------------------
+
+enum class Creation { CREATED, NAME_TAKEN, FAILED };
+
+// Makes a file that appears under its name with the header line already in it, and
+// leaves it open for appending in state->file. *result is the result code of FAILED.
+Creation createLogFile(LogFileState *state, const char *path, const LogFileHeader *header, uint32_t *result);
+
+// The one translation of a result of zoltLogOs_open to a result code.
+uint32_t resultOfOpen(int32_t opened);
+
+// ---- recycling (write_file_recycle.cpp) --------------------------------------------
+
+// Removes the surplus files of the state's series. The lock is held. Always 0.
+uint32_t recycleLogFiles(LogFileState *state);

@@ -1,0 +1,620 @@
+// Opening a series: the first file, resuming the latest, what is refused.
+#include "write_series.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+using namespace series;
+
+// ---- hooks into the system calls ---------------------------------------------------------------
+
+// Each runs once, before the next call of its kind on a log file.
+std::function<void()> onNextRead;     // opening for reading
+std::function<void()> onNextAppend;   // opening for appending
+std::function<void()> onNextCreation; // giving a new file its name
+std::function<void()> onNextSleep;
+bool withoutUnnamed;
+bool withoutLinks;
+bool withoutProc;
+
+namespace {
+
+void runOnce(std::function<void()> *hook) {
+    std::function<void()> taken;
+    taken.swap(*hook);
+    if (taken)
+        taken();
+}
+
+template<typename F>
+F real(const char *name) {
+    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+}
+
+bool isLogFile(const char *path) {
+    const size_t length = strlen(path);
+    return length > 4 && strcmp(path + length - 4, ".log") == 0;
+}
+
+} // namespace
+
+extern "C" {
+
+int open(const char *path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = va_arg(args, mode_t);
+    va_end(args);
+    if ((flags & O_TMPFILE) == O_TMPFILE && withoutUnnamed) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    if (isLogFile(path) && (flags & O_ACCMODE) == O_RDONLY)
+        runOnce(&onNextRead);
+    if (isLogFile(path) && (flags & O_APPEND) != 0)
+        runOnce(&onNextAppend);
+    return real<int (*)(const char *, int, mode_t)>("open")(path, flags, mode);
+}
+
+int linkat(int fromDir, const char *from, int toDir, const char *to, int flags) noexcept {
+    if (withoutProc) {
+        errno = ENOENT;
+        return -1;
+    }
+    runOnce(&onNextCreation);
+    return real<int (*)(int, const char *, int, const char *, int)>("linkat")(fromDir, from, toDir, to,
+                                                                              flags);
+}
+
+int link(const char *from, const char *to) noexcept {
+    if (withoutLinks) {
+        errno = EPERM;
+        return -1;
+    }
+    runOnce(&onNextCreation);
+    return real<int (*)(const char *, const char *)>("link")(from, to);
+}
+
+int renameat2(int fromDir, const char *from, int toDir, const char *to, unsigned flags) noexcept {
+    runOnce(&onNextCreation);
+    return real<int (*)(int, const char *, int, const char *, unsigned)>("renameat2")(fromDir, from, toDir,
+                                                                                      to, flags);
+}
+
+int nanosleep(const timespec *pause, timespec *rest) {
+    runOnce(&onNextSleep);
+    return real<int (*)(const timespec *, timespec *)>("nanosleep")(pause, rest);
+}
+}
+
+namespace {
+
+const char FIRST[] = "5-7-83886090-240301-0000000000.log";
+const char SECOND[] = "5-7-83886090-240301-0000000001.log";
+
+struct WriteFileOpen : testing::Test {
+    WriteFileOpen() {
+        setZone("UTC");
+        setClock(localTime(2024, 3, 1, 13, 45, 2));
+    }
+    ~WriteFileOpen() override {
+        if (handle.file != nullptr) {
+            EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+        }
+    }
+    std::string path(const char *name) const { return std::string("logs/") + name; }
+
+    LogHandle handle = {};
+};
+
+mode_t modeOf(const std::string &path) {
+    struct stat status = {};
+    stat(path.c_str(), &status);
+    return status.st_mode & 07777;
+}
+
+} // namespace
+
+TEST_F(WriteFileOpen, NullArgumentsAreInvalid) {
+    LogCfg cfg = settings();
+    LogHandle empty = {};
+    EXPECT_EQ(zoltLogOpenFile(nullptr, &cfg, &cfg), 3u);
+    EXPECT_EQ(zoltLogOpenFile(&empty, nullptr, &cfg), 3u);
+    EXPECT_EQ(zoltLogOpenFile(&empty, &cfg, nullptr), 3u);
+    EXPECT_EQ(zoltLogOpenFile(&empty, &cfg, &cfg), 3u) << "no state to fill";
+}
+
+TEST_F(WriteFileOpen, EmptyDirectoryIs53AndCloseReleasesTheState) {
+    LogCfg cfg = settings();
+    cfg.directory[0] = '\0';
+    EXPECT_EQ(open(&handle, cfg), 53u);
+    EXPECT_NE(handle.file, nullptr);
+    EXPECT_EQ(zoltLogCloseFile(&handle), 1u) << "on no list";
+    EXPECT_EQ(handle.file, nullptr);
+}
+
+TEST_F(WriteFileOpen, FirstFileHasHeaderAndIsNamedByDateAndCounterZero) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(logFiles(), Names{FIRST});
+    EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
+    EXPECT_EQ(handle.file->headerVersion, 65543u);
+    EXPECT_EQ(handle.file->counter, 0);
+    EXPECT_EQ(handle.file->fileStartTime, 1709300702);
+    EXPECT_EQ(handle.file->lastReopenTime, 1709300702000);
+    EXPECT_EQ(handle.file->date.year, 24);
+    EXPECT_EQ(handle.file->date.month, 3);
+    EXPECT_EQ(handle.file->date.day, 1);
+    EXPECT_GT(handle.file->file.descriptor, 2);
+}
+
+TEST_F(WriteFileOpen, WorkedExampleComesOutByteForByte) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    LogMsg msg;
+    ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "Disk full, 2 of 3"), 0u);
+    msg.messageId = 12;
+    msg.timestamp = 1700000000123;
+    msg.processId = 4242;
+    msg.threadId = 4243;
+    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 3), 0u);
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), 0u);
+    EXPECT_EQ(msg.recordVersion, 65543u);
+    EXPECT_EQ(msg.fileOriginatorId, 7u);
+    zoltLogFreeMsg(&msg);
+    EXPECT_EQ(support::readFile(path(FIRST)),
+              "$Header 65543,5,7,1709300702,0,hostA\n"
+              "2,5,7,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)\n");
+}
+
+TEST_F(WriteFileOpen, HandleIsFilledFromTheOriginatorsSettings) {
+    LogCfg originator = settings(7);
+    originator.debugLevel = 2;
+    originator.diagLevel = 4;
+    originator.secureAuditLevel = 6;
+    originator.outputFlags = 66;
+    originator.reloadInterval = 90;
+    LogCfg file = settings(9);
+    file.debugLevel = 1;
+    ASSERT_EQ(open(&handle, originator, file), 0u);
+    EXPECT_EQ(handle.debugLevel, 2u);
+    EXPECT_EQ(handle.diagLevel, 4u);
+    EXPECT_EQ(handle.secureAuditLevel, 0u);
+    EXPECT_EQ(handle.outputFlags, 66u);
+    EXPECT_EQ(handle.originatorId, 7u);
+    EXPECT_EQ(handle.reloadInterval, 90u);
+    EXPECT_EQ(handle.noContext, 1u);
+    EXPECT_EQ(handle.sequenceNumber, 1u);
+    EXPECT_EQ(handle.cfgTimestamp, 1709300702);
+    EXPECT_EQ(handle.lastReloadCheck, 1709300702);
+    EXPECT_EQ(handle.file->fileOriginatorId, 9u);
+    EXPECT_EQ(handle.file->productId, 5u);
+    EXPECT_EQ(handle.file->handles, &handle);
+    EXPECT_EQ(logFiles(), Names{"5-9-83886090-240301-0000000000.log"});
+}
+
+TEST_F(WriteFileOpen, MissingDirectoriesAreMade) {
+    LogCfg cfg = settings();
+    support::makeDirectory("base");
+    strcpy(cfg.directory, "./base/a/b/");
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    EXPECT_EQ(support::listFiles("base/a/b"), Names{FIRST});
+}
+
+TEST_F(WriteFileOpen, DirectoryThatCannotBeMadeIs1) {
+    LogCfg cfg = settings();
+    support::writeFile("plain", "");
+    strcpy(cfg.directory, "plain/logs/");
+    EXPECT_EQ(open(&handle, cfg), 1u);
+}
+
+TEST_F(WriteFileOpen, PermissionsAreExactUnderAnyUmask) {
+    const mode_t modes[] = {0660, 0640, 0604, 0777};
+    const mode_t masks[] = {0, 022, 077, 0777};
+    uint64_t originator = 100;
+    for (const mode_t mode : modes) {
+        for (const mode_t mask : masks) {
+            LogCfg cfg = settings(++originator);
+            cfg.permissions.mode = mode;
+            support::makeDirectory("logs");
+            const mode_t old = umask(mask);
+            EXPECT_EQ(open(&handle, cfg), 0u);
+            EXPECT_EQ(umask(old), mask) << "the process's own umask is left alone";
+            EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+            const std::string name =
+                "logs/5-" + std::to_string(originator) + "-83886090-240301-0000000000.log";
+            EXPECT_EQ(modeOf(name), mode) << mask;
+        }
+    }
+}
+
+TEST_F(WriteFileOpen, HostNameOrHostIdUnavailableIs1) {
+    hostNameFails = true;
+    EXPECT_EQ(open(&handle, settings()), 1u);
+    EXPECT_EQ(logFiles(), Names{});
+    hostNameFails = false;
+}
+
+TEST_F(WriteFileOpen, NameServiceGoneGivesTheLoopbackHostId) {
+    hostAddress = "";
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(logFiles(), Names{"5-7-16777343-240301-0000000000.log"});
+}
+
+TEST_F(WriteFileOpen, LatestFileIsResumed) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65543,5,7,1709298000,0,hostA\n");
+    support::writeFile(path(SECOND), "$Header 65543,5,7,1709300000,0,hostA\n");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(handle.file->counter, 1);
+    EXPECT_EQ(handle.file->fileStartTime, 1709300000);
+    EXPECT_EQ(handle.file->lastReopenTime, 1709300000000);
+    EXPECT_EQ(handle.file->date.day, 1);
+    fakeMs = 1709300001000;
+    ASSERT_EQ(send(&handle, "resumed"), 0u);
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{"resumed"});
+    EXPECT_EQ(textsIn(path(FIRST)), Texts{});
+    EXPECT_EQ(logFiles().size(), 2u);
+}
+
+TEST_F(WriteFileOpen, LargeIdsSurviveAResume) {
+    hostAddress = "10.0.0.200"; // 0xC800000A, above 2^31
+    LogCfg cfg = settings(5000000000);
+    cfg.productId = 18446744073709551615u;
+    cfg.rolloverMode = 1;
+    cfg.maxFileSizeKB = 1;
+    const std::string stem = "18446744073709551615-5000000000-3355443210-240301-";
+    support::makeDirectory("logs");
+    support::writeFile("logs/" + stem + "0000000041.log",
+                       "$Header 65543,18446744073709551615,5000000000,1709300702,0,hostA\n");
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    EXPECT_EQ(handle.file->counter, 41);
+    EXPECT_EQ(handle.file->date.month, 3);
+    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    EXPECT_EQ(logFiles(), (Names{stem + "0000000041.log", stem + "0000000042.log"}));
+}
+
+TEST_F(WriteFileOpen, Ipv6HostIdAbove32BitsSurvivesAResume) {
+    hostAddress = "2001:db8::ffff:ffff:ffff:ffff";
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    const Names first = logFiles();
+    ASSERT_EQ(first.size(), 1u);
+    EXPECT_EQ(first[0], "5-7-8589934590-240301-0000000000.log");
+    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(handle.file->counter, 0);
+    EXPECT_EQ(handle.file->date.day, 1);
+    EXPECT_EQ(logFiles(), first);
+}
+
+TEST_F(WriteFileOpen, ResumedFileWithoutReadableHeaderStartsNow) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "no header\n");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(handle.file->fileStartTime, 1709300702);
+    EXPECT_EQ(handle.file->headerVersion, 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(support::readFile(path(FIRST)), "no header\n");
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, EmptyLatestFileIsLeftForANewOne) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(handle.file->fileStartTime, 1709300702);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(support::readFile(path(FIRST)), "");
+    EXPECT_EQ(support::readFile(path(SECOND)).substr(0, 37), "$Header 65543,5,7,1709300702,0,hostA\n");
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, OlderHeaderVersionIsResumedAndLeftAtTheFirstWrite) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65542,5,7,1709300000,hostA\n");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(handle.file->headerVersion, 65542u);
+    EXPECT_EQ(logFiles(), Names{FIRST});
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65542,5,7,1709300000,hostA\n");
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, UnsupportedHeaderVersionIsLeftAtTheFirstWrite) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65545,5,7,1709300000,0,hostA\n");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, AbsurdCreationTimeCountsAsNow) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65543,5,7,18446744073709551615,0,hostA\n");
+    LogCfg cfg = settings();
+    cfg.rolloverMode = 4;
+    cfg.rolloverPeriod = 18446744073709551615u;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    EXPECT_EQ(handle.file->fileStartTime, 1709300702);
+    EXPECT_EQ(handle.file->nextRolloverTime, INT64_MAX);
+    EXPECT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, StartTimeZeroDoesNotLookUnopened) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65543,5,7,0,0,hostA\n");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(handle.file->fileStartTime, 0);
+    const int descriptor = handle.file->file.descriptor;
+    const size_t descriptors = support::openDescriptors();
+    LogHandle second;
+    ASSERT_EQ(open(&second, settings()), 0u);
+    EXPECT_EQ(second.file, handle.file);
+    EXPECT_EQ(handle.file->file.descriptor, descriptor);
+    EXPECT_EQ(support::openDescriptors(), descriptors);
+    EXPECT_EQ(zoltLogCloseFile(&second), 0u);
+}
+
+TEST_F(WriteFileOpen, VanishedLatestFileIsRecreatedWithoutHeader) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
+    onNextRead = [this] { unlink(path(FIRST).c_str()); };
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(support::readFile(path(FIRST)), "");
+    EXPECT_TRUE(support::exists(path(FIRST)));
+    EXPECT_EQ(modeOf(path(FIRST)), 0660u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(support::readFile(path(FIRST)), "");
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, FileReplacedWhileItsHeaderIsReadIsReadAgain) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65542,5,7,1709300000,hostA\n");
+    onNextAppend = [this] {
+        unlink(path(FIRST).c_str());
+        support::writeFile(path(FIRST), "$Header 65543,5,7,1709300001,0,hostA\n");
+    };
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(handle.file->headerVersion, 65543u);
+    EXPECT_EQ(handle.file->fileStartTime, 1709300001);
+}
+
+TEST_F(WriteFileOpen, FileRemovedWhileItsHeaderIsReadNeverGetsRecordsWithoutHeader) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
+    onNextAppend = [this] { unlink(path(FIRST).c_str()); };
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    for (const std::string &name : logFiles()) {
+        const std::string bytes = support::readFile("logs/" + name);
+        EXPECT_TRUE(bytes.empty() || bytes.compare(0, 14, "$Header 65543,") == 0) << bytes;
+    }
+    EXPECT_EQ(textsIn("logs/" + logFiles().back()), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, FileThatEndsInsideALineIsContinuedOnALineOfItsOwn) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65543,5,7,1709300700,0,hostA\n2,5,7,7,1,17093");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    const std::vector<std::string> found = support::lines(support::readFile(path(FIRST)));
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(found[1], "2,5,7,7,1,17093");
+    EXPECT_EQ(textOf(found[2]), "one");
+}
+
+TEST_F(WriteFileOpen, LineThatAnotherWriterIsJustFinishingIsNotTakenForTorn) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65543,5,7,1709300700,0,hostA\n2,5,7,7,1,17093");
+    onNextSleep = [this] { support::writeFile(path(FIRST), support::readFile(path(FIRST)) + ",rest\n"); };
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    const std::vector<std::string> found = support::lines(support::readFile(path(FIRST)));
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(found[1], "2,5,7,7,1,17093,rest");
+    EXPECT_EQ(textOf(found[2]), "one");
+}
+
+// ---- what lies at the name of the next file -----------------------------------------------
+
+namespace {
+
+// Expects that the series cannot start, quickly, and that nothing was made.
+void expectRefused(LogHandle *handle, uint32_t result) {
+    timespec before;
+    timespec after;
+    clock_gettime(CLOCK_MONOTONIC, &before);
+    EXPECT_EQ(open(handle, settings()), result);
+    clock_gettime(CLOCK_MONOTONIC, &after);
+    EXPECT_LT(after.tv_sec - before.tv_sec, 2);
+    EXPECT_EQ(send(handle, "nowhere"), 5u);
+    EXPECT_EQ(zoltLogCloseFile(handle), 0u);
+}
+
+} // namespace
+
+TEST_F(WriteFileOpen, DanglingSymbolicLinkIs32) {
+    support::makeDirectory("logs");
+    ASSERT_EQ(symlink("../victim", path(FIRST).c_str()), 0);
+    // Listed as the latest file, it has "vanished"; without the listing the next name.
+    LogCfg cfg = settings();
+    EXPECT_EQ(open(&handle, cfg), 32u);
+    EXPECT_FALSE(support::exists("victim"));
+    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+}
+
+TEST_F(WriteFileOpen, DanglingSymbolicLinkAtTheNextNameIs32AndTheLoopEnds) {
+    support::makeDirectory("logs");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_EQ(symlink("../victim", path(SECOND).c_str()), 0);
+    handle.file->headerVersion = 65542; // leave this file
+    const size_t descriptors = support::openDescriptors();
+    EXPECT_EQ(send(&handle, "one"), 5u);
+    EXPECT_EQ(handle.file->file.descriptor, -1);
+    EXPECT_EQ(support::openDescriptors(), descriptors - 1);
+    EXPECT_FALSE(support::exists("victim"));
+    ASSERT_EQ(unlink(path(SECOND).c_str()), 0);
+    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{"two"});
+    EXPECT_EQ(logFiles(), (Names{FIRST, SECOND})) << "no counter is skipped, no temporary file is left";
+}
+
+TEST_F(WriteFileOpen, SymbolicLinkToAFileIs32AndItsTargetUntouched) {
+    support::makeDirectory("logs");
+    support::writeFile("victim", "precious\n");
+    ASSERT_EQ(symlink("../victim", path(FIRST).c_str()), 0);
+    expectRefused(&handle, 32);
+    EXPECT_EQ(support::readFile("victim"), "precious\n");
+}
+
+TEST_F(WriteFileOpen, SymbolicLinkToADirectoryIs32) {
+    support::makeDirectory("logs");
+    support::makeDirectory("victim");
+    ASSERT_EQ(symlink("../victim", path(FIRST).c_str()), 0);
+    expectRefused(&handle, 32);
+    EXPECT_EQ(support::listFiles("victim"), Names{});
+}
+
+TEST_F(WriteFileOpen, SymbolicLinkToADeviceIs32) {
+    support::makeDirectory("logs");
+    ASSERT_EQ(symlink("/dev/null", path(FIRST).c_str()), 0);
+    expectRefused(&handle, 32);
+}
+
+TEST_F(WriteFileOpen, FifoIs32WithoutWaiting) {
+    support::makeDirectory("logs");
+    ASSERT_EQ(mkfifo(path(FIRST).c_str(), 0600), 0);
+    expectRefused(&handle, 32);
+}
+
+TEST_F(WriteFileOpen, DirectoryIs32) {
+    support::makeDirectory(path(FIRST));
+    expectRefused(&handle, 32);
+}
+
+TEST_F(WriteFileOpen, SocketIs32) {
+    support::makeDirectory("logs");
+    const int listener = socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, path(FIRST).c_str());
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
+    expectRefused(&handle, 32);
+    close(listener);
+}
+
+TEST_F(WriteFileOpen, UnreadableFileIs51) {
+    if (geteuid() == 0)
+        GTEST_SKIP() << "nothing is unreadable for root";
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
+    chmod(path(FIRST).c_str(), 0);
+    expectRefused(&handle, 51);
+}
+
+TEST_F(WriteFileOpen, UnwritableDirectoryIs51) {
+    if (geteuid() == 0)
+        GTEST_SKIP() << "nothing is unwritable for root";
+    support::makeDirectory("logs");
+    chmod("logs", 0555);
+    expectRefused(&handle, 51);
+    chmod("logs", 0755);
+}
+
+TEST_F(WriteFileOpen, LogsetNameWithASlashIsAMissingPath52) {
+    char outside[] = "../../x";
+    LogCfg cfg = logsetSettings();
+    cfg.logsetFilename = outside;
+    EXPECT_EQ(open(&handle, cfg), 52u);
+    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_EQ(support::listFiles("."), Names{"logs"});
+    EXPECT_EQ(logFiles(), Names{});
+}
+
+TEST_F(WriteFileOpen, NameThatDoesNotFitIs32) {
+    std::string longName(300, 'n');
+    LogCfg cfg = logsetSettings();
+    cfg.logsetFilename = longName.data();
+    EXPECT_EQ(open(&handle, cfg), 32u);
+    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    std::string hugeName(5000, 'n');
+    cfg.logsetFilename = hugeName.data();
+    EXPECT_EQ(open(&handle, cfg), 32u);
+    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_EQ(logFiles(), Names{});
+}
+
+TEST_F(WriteFileOpen, DescriptorIsAboveStandardErrorAndClosedOnExec) {
+    EXPECT_EQ(support::inChild([this] {
+                  close(0);
+                  close(1);
+                  close(2);
+                  if (open(&handle, settings()) != 0 || send(&handle, "one") != 0)
+                      return 1;
+                  if (handle.file->file.descriptor <= 2)
+                      return 2;
+                  return (fcntl(handle.file->file.descriptor, F_GETFD) & FD_CLOEXEC) != 0 ? 0 : 3;
+              }),
+              0);
+    EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
+}
+
+// ---- ways of creation ------------------------------------------------------------------------
+
+TEST_F(WriteFileOpen, WithoutUnnamedFilesATemporaryNameIsLinked) {
+    withoutUnnamed = true;
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(logFiles(), Names{FIRST});
+    EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
+    EXPECT_EQ(modeOf(path(FIRST)), 0660u);
+    struct stat status;
+    ASSERT_EQ(stat(path(FIRST).c_str(), &status), 0);
+    EXPECT_EQ(status.st_nlink, 1u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, WithoutProcATemporaryNameIsLinked) {
+    withoutProc = true;
+    const size_t descriptors = support::openDescriptors();
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(logFiles(), Names{FIRST});
+    EXPECT_EQ(support::openDescriptors(), descriptors + 1);
+}
+
+TEST_F(WriteFileOpen, WithoutLinksATemporaryNameIsRenamed) {
+    withoutUnnamed = true;
+    withoutLinks = true;
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(logFiles(), Names{FIRST});
+    EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, TakenNameIsNeverReplacedHoweverTheFileIsMade) {
+    for (int way = 0; way < 3; ++way) {
+        withoutUnnamed = way > 0;
+        withoutLinks = way > 1;
+        const std::string directory = "logs" + std::to_string(way) + "/";
+        support::makeDirectory(directory);
+        // Somebody else makes the file between the look for it and our own creation.
+        LogCfg cfg = settings();
+        strcpy(cfg.directory, directory.c_str());
+        onNextCreation = [&] {
+            support::writeFile(directory + FIRST, "$Header 65543,5,7,1709300701,0,hostB\n");
+        };
+        ASSERT_EQ(open(&handle, cfg), 0u) << way;
+        ASSERT_EQ(send(&handle, "one"), 0u);
+        EXPECT_EQ(handle.file->fileStartTime, 1709300701);
+        EXPECT_EQ(support::listFiles(directory), Names{FIRST}) << way;
+        EXPECT_EQ(support::lines(support::readFile(directory + FIRST))[0],
+                  "$Header 65543,5,7,1709300701,0,hostB");
+        EXPECT_EQ(textsIn(directory + FIRST), Texts{"one"});
+        ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    }
+}
