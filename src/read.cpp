@@ -8,6 +8,7 @@
 // names; date and time texts.
 #include "read.h"
 
+#include "os.h"
 #include "text_msg.h"
 
 #include <stdlib.h>
@@ -254,7 +255,6 @@ uint32_t ReadHeader(LogFileEntry *entry, LogFileHeader *header) {
 // ---- log file entries ----------------------------------------------------------
 
 static const uint32_t READ_PERMISSIONS = 0660;
-static const int32_t MODE_READ = 1; // of zoltLogOs_open
 
 LogFileEntry *alloc_file(OsLogFileCursor *cursor) {
     if (cursor == nullptr)
@@ -286,7 +286,7 @@ int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char
 
     OsFile file;
     zoltLogOs_initfilehandle(&file);
-    const int32_t opened = zoltLogOs_open(&file, path, MODE_READ, READ_PERMISSIONS);
+    const int32_t opened = zoltLogOs_open(&file, path, OPEN_READ, READ_PERMISSIONS);
     zoltLogFree(path);
     if (opened != 0)
         return 0;
@@ -364,9 +364,9 @@ static const int32_t FIRST_TM_YEAR = 1900;
 
 int32_t zoltLogGetDate(const char *text, int32_t *day, int32_t *month, int32_t *year) {
     const int32_t result = zoltLogStrTimeToT(text, "-", year, month, day);
-    if (result == 1) {
-        *year -= FIRST_TM_YEAR;
-        *month -= 1;
+    if (result == 1) { // numbers that ran over stay so, and mktime refuses or shifts them
+        (void)__builtin_sub_overflow(*year, FIRST_TM_YEAR, year);
+        (void)__builtin_sub_overflow(*month, 1, month);
     }
     return result;
 }
