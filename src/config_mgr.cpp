@@ -1,0 +1,451 @@
+// Management of log files: which files of a series are surplus, and fetching them.
+//
+// Owns: reading the configurations that an operation needs, choosing surplus files,
+// finding the configuration of a file, the fetch, freeing configurations.
+// Leaves to others: listing (read_list), queries (read_query), copying and deleting
+// (config_mgr_files), removing surplus files at a rollover (write_file_recycle).
+//
+// Order: configurations; the age of files; reducing to surplus files; the exported
+// reduction; the two searches for surplus files; fetching.
+#include "config_mgr.h"
+
+#include "read.h"
+#include "read_list.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+
+static constexpr uint32_t MAX_CONFIGURATIONS = 1024;
+
+// ---- configurations ----------------------------------------------------------
+
+static bool isDefaultOriginator(uint64_t originatorId) {
+    return originatorId == ZOLTLOG_DEFAULT_ORIGINATOR;
+}
+
+static bool isDefaultLogSet(const char *name) {
+    return name != nullptr && strcmp(name, "Default") == 0;
+}
+
+LogCfg *found_config(uint64_t productId, uint64_t originatorId, LogCfg **cfgs, uint32_t count) {
+    LogCfg *fallback = nullptr;
+    for (uint32_t i = 0; cfgs != nullptr && i < count; ++i) {
+        LogCfg *cfg = cfgs[i];
+        if (cfg == nullptr || cfg->productId != productId)
+            continue;
+        if (cfg->originatorId == originatorId)
+            return cfg;
+        if (fallback == nullptr && isDefaultOriginator(cfg->originatorId))
+            fallback = cfg;
+    }
+    return fallback;
+}
+
+LogCfg *found_configSL(uint64_t productId, const char *logsetFilename, LogCfg **cfgs, uint32_t count) {
+    LogCfg *fallback = nullptr;
+    for (uint32_t i = 0; cfgs != nullptr && logsetFilename != nullptr && i < count; ++i) {
+        LogCfg *cfg = cfgs[i];
+        if (cfg == nullptr || cfg->productId != productId || cfg->logsetName == nullptr)
+            continue;
+        if (cfg->logsetFilename != nullptr && strcmp(cfg->logsetFilename, logsetFilename) == 0)
+            return cfg;
+        if (fallback == nullptr && isDefaultLogSet(cfg->logsetName))
+            fallback = cfg;
+    }
+    return fallback;
+}
+
+void FreeConfigArray(LogCfg **cfgs, uint32_t count) {
+    for (uint32_t i = 0; cfgs != nullptr && i < count; ++i) {
+        if (cfgs[i] == nullptr)
+            continue;
+        zoltLogFreeCfg(cfgs[i]);
+        zoltLogFree(cfgs[i]);
+        cfgs[i] = nullptr;
+    }
+}
+
+// ---- the age of files --------------------------------------------------------
+
+// What reducing needs to know of a file. Files created in the same second are told
+// apart by their names, so that a burst of rollovers loses its oldest files first.
+struct FileAge {
+    int64_t creationTime;
+    uint64_t nameDate;    // the digits of the name's date, or of its date and time
+    uint64_t nameCounter; // 0 in a log set's name
+};
+
+static uint64_t number(const char *digits, size_t length) {
+    uint64_t value = 0;
+    for (size_t i = 0; i < length && digits[i] >= '0' && digits[i] <= '9'; ++i)
+        value = value * 10 + static_cast<uint64_t>(digits[i] - '0');
+    return value;
+}
+
+// The last two numbers of "...-YYMMDD-counter.log", or the last of "...-YYMMDDhhmmss.log".
+static FileAge ageOf(int64_t creationTime, const char *name) {
+    static constexpr size_t DATE_LENGTH = 6;
+    FileAge age = {creationTime, 0, 0};
+    const char *end = strrchr(name, '.');
+    if (end == nullptr)
+        end = name + strlen(name);
+    const auto *last = static_cast<const char *>(memrchr(name, '-', static_cast<size_t>(end - name)));
+    if (last == nullptr)
+        return age;
+    const auto *before = static_cast<const char *>(memrchr(name, '-', static_cast<size_t>(last - name)));
+    const uint64_t lastNumber = number(last + 1, static_cast<size_t>(end - last - 1));
+    if (before != nullptr && static_cast<size_t>(last - before - 1) == DATE_LENGTH) {
+        age.nameDate = number(before + 1, DATE_LENGTH);
+        age.nameCounter = lastNumber;
+    } else {
+        age.nameDate = lastNumber;
+    }
+    return age;
+}
+
+// Among files of one second.
+static bool isOlderByName(const FileAge &a, const FileAge &b) {
+    return a.nameDate != b.nameDate ? a.nameDate < b.nameDate : a.nameCounter < b.nameCounter;
+}
+
+// ---- reducing to surplus files -----------------------------------------------
+
+// A file to reduce; which is what the caller knows it by.
+struct Candidate {
+    uint64_t productId;
+    uint64_t originatorId;
+    FileAge age;
+    const char *name;
+    uint32_t which;
+    uint32_t series; // number of its group, in the order in which the groups begin
+};
+
+struct Series {
+    uint64_t productId;
+    uint64_t originatorId;
+    uint32_t first; // of its candidates, once these are sorted by series
+    uint32_t length;
+};
+
+using Candidates = Grown<Candidate>;
+using Numbers = Grown<uint32_t>;
+
+static bool addCandidate(Candidates *candidates, int64_t creationTime, const char *name, uint32_t which) {
+    Candidate *added = candidates->add();
+    if (added == nullptr)
+        return false;
+    getidfromfilename(name, &added->productId, &added->originatorId);
+    added->age = ageOf(creationTime, name);
+    added->name = name;
+    added->which = which;
+    return true;
+}
+
+// Gives each candidate the number of its series. False without memory.
+static bool numberSeries(Candidates *candidates, Grown<Series> *series) {
+    static constexpr uint32_t NONE = UINT32_MAX;
+    uint32_t mask = 15;
+    while (mask < candidates->count * 2 && mask < NONE / 2)
+        mask = mask * 2 + 1;
+    const std::unique_ptr<uint32_t, void (*)(void *)> table(
+        static_cast<uint32_t *>(zoltLogMalloc((mask + size_t{1}) * sizeof(uint32_t))), zoltLogFree);
+    if (table == nullptr)
+        return false;
+    std::fill_n(table.get(), mask + size_t{1}, NONE);
+    for (Candidate &file : *candidates) {
+        uint64_t hash = (file.productId * 0x9E3779B97F4A7C15u ^ file.originatorId) * 0xC2B2AE3D27D4EB4Fu;
+        uint32_t slot = static_cast<uint32_t>(hash >> 32) & mask;
+        while (table.get()[slot] != NONE) {
+            const Series &known = series->items[table.get()[slot]];
+            if (known.productId == file.productId && known.originatorId == file.originatorId)
+                break;
+            slot = (slot + 1) & mask;
+        }
+        if (table.get()[slot] == NONE) {
+            table.get()[slot] = static_cast<uint32_t>(series->count);
+            Series *added = series->add();
+            if (added == nullptr)
+                return false;
+            *added = {file.productId, file.originatorId, 0, 0};
+        }
+        file.series = table.get()[slot];
+        ++series->items[file.series].length;
+    }
+    return true;
+}
+
+// Puts the files of each run of equal creation times into the order of their names.
+static void orderWithinSeconds(Candidate *oldest, uint32_t length) {
+    uint32_t begin = 0;
+    while (begin < length) {
+        uint32_t end = begin + 1;
+        while (end < length && oldest[end].age.creationTime == oldest[begin].age.creationTime)
+            ++end;
+        std::sort(oldest + begin, oldest + end, [](const Candidate &a, const Candidate &b) {
+            if (isOlderByName(a.age, b.age))
+                return true;
+            return !isOlderByName(b.age, a.age) && a.which > b.which; // the listing's order
+        });
+        begin = end;
+    }
+}
+
+// Yields which of the candidates, given from the newest to the oldest, are surplus, in
+// the order of the resulting list. False without memory.
+//
+// A series is what the two ids of a name say, and it keeps what its configuration
+// says; a series without a configuration has no surplus.
+// KEPT: a log set whose file name begins with digits forms the series of that originator id, so it has
+// no surplus of its own and may count as that originator's. Pinned by
+// Surplus.LogSetNamedByDigitsIsTakenForThatOriginator.
+static bool findSurplus(Candidates *candidates, LogCfg **cfgs, uint32_t count, Numbers *surplus) {
+    Grown<Series> series;
+    if (!numberSeries(candidates, &series))
+        return false;
+    // From the oldest to the newest within each series: each group is pushed at its head.
+    std::sort(candidates->begin(), candidates->end(), [](const Candidate &a, const Candidate &b) {
+        return a.series != b.series ? a.series < b.series : a.which > b.which;
+    });
+    uint32_t first = 0;
+    for (Series &one : series) {
+        one.first = first;
+        first += one.length;
+        const LogCfg *cfg = found_config(one.productId, one.originatorId, cfgs, count);
+        if (cfg == nullptr || one.length <= cfg->numberOfLogFiles)
+            continue;
+        orderWithinSeconds(candidates->items + one.first, one.length);
+        const auto extra = static_cast<uint32_t>(one.length - cfg->numberOfLogFiles);
+        for (uint32_t i = 0; i < extra; ++i) {
+            uint32_t *added = surplus->add();
+            if (added == nullptr)
+                return false;
+            *added = candidates->items[one.first + i].which;
+        }
+    }
+    std::reverse(surplus->begin(), surplus->end()); // each was pushed at the head of the list
+    return true;
+}
+
+// ---- the exported reduction --------------------------------------------------
+
+void GetManageableLogFiles(LogFileEntry **list, LogCfg **cfgs, uint32_t count) {
+    if (list == nullptr)
+        return;
+    Candidates candidates;
+    Grown<LogFileEntry *> entries;
+    Numbers surplus;
+    bool complete = true;
+    for (LogFileEntry *entry = *list; entry != nullptr && complete; entry = entry->next) {
+        LogFileEntry **kept = entries.add();
+        complete = kept != nullptr && addCandidate(&candidates, entry->creationTime, entry->name,
+                                                   static_cast<uint32_t>(entries.count - 1));
+        if (kept != nullptr)
+            *kept = entry;
+    }
+    // Out of memory nothing is surplus: what a caller might remove must be certain.
+    complete = complete && findSurplus(&candidates, cfgs, count, &surplus);
+    LogFileEntry *rest = *list;
+    LogFileEntry **tail = list;
+    if (complete) {
+        for (uint32_t which : surplus) {
+            *tail = entries.items[which];
+            tail = &entries.items[which]->next;
+            entries.items[which] = nullptr;
+        }
+        for (LogFileEntry *entry : entries)
+            zoltLogFree(entry);
+    } else {
+        while (rest != nullptr) {
+            LogFileEntry *next = rest->next;
+            zoltLogFree(rest);
+            rest = next;
+        }
+    }
+    *tail = nullptr;
+}
+
+// ---- the two searches for surplus files --------------------------------------
+
+static void freeEntries(LogFileEntry *entry) {
+    while (entry != nullptr) {
+        LogFileEntry *next = entry->next;
+        zoltLogFree(entry);
+        entry = next;
+    }
+}
+
+// Lists the files of the configurations, keeps those of the product and originator
+// (0: any) and leaves the surplus ones in the listing.
+static uint32_t listSurplus(LogCfg **cfgs, uint32_t count, uint64_t productId, uint64_t originatorId,
+                            LogListing *listing) {
+    if (count == 0)
+        return ZOLTLOG_OK;
+    FileCatalogue catalogue;
+    if (!gatherLogFiles(&catalogue, cfgs, count, nullptr, false))
+        return ZOLTLOG_NO_MEMORY;
+    if (catalogue.starved)
+        return ZOLTLOG_FAILED;
+    if (!catalogue.marked)
+        return ZOLTLOG_NO_LOG_FILES;
+
+    Candidates candidates;
+    Numbers surplus;
+    for (size_t i = catalogue.files.count; i-- > 0;) {
+        const ListedFile &file = catalogue.files.items[i];
+        if (!addCandidate(&candidates, file.creationTime, file.name, static_cast<uint32_t>(candidates.count)))
+            return ZOLTLOG_NO_MEMORY;
+        Candidate &added = candidates.items[candidates.count - 1];
+        added.which = static_cast<uint32_t>(catalogue.files.count - 1 - i);
+        if ((productId != 0 && added.productId != productId) ||
+            (originatorId != 0 && added.originatorId != originatorId))
+            --candidates.count;
+    }
+    if (!findSurplus(&candidates, cfgs, count, &surplus))
+        return ZOLTLOG_NO_MEMORY;
+    LogFileEntry *list = nullptr;
+    LogFileEntry **tail = &list;
+    for (uint32_t which : surplus) {
+        const ListedFile &file = catalogue.files.items[catalogue.files.count - 1 - which];
+        *tail = makeEntry(file.directory, file.name, file.creationTime);
+        if (*tail == nullptr) {
+            freeEntries(list);
+            return ZOLTLOG_NO_MEMORY;
+        }
+        tail = &(*tail)->next;
+    }
+    listing->files = list;
+    listing->next = list;
+    return ZOLTLOG_OK;
+}
+
+// A configuration of its own, freed at the end of the scope.
+struct OneCfg {
+    OneCfg() = default;
+    ~OneCfg() { zoltLogFreeCfg(&cfg); }
+    OneCfg(const OneCfg &) = delete;
+    OneCfg &operator=(const OneCfg &) = delete;
+
+    LogCfg cfg = {};
+};
+
+// All configurations, freed at the end of the scope.
+struct AllCfgs {
+    AllCfgs() = default;
+    ~AllCfgs() { FreeConfigArray(items, count); }
+    AllCfgs(const AllCfgs &) = delete;
+    AllCfgs &operator=(const AllCfgs &) = delete;
+
+    LogCfg *items[MAX_CONFIGURATIONS] = {};
+    uint32_t count = 0;
+};
+
+uint32_t zoltLogGetManageableLogFiles(uint64_t productId, uint64_t originatorId, LogListing *listing) {
+    if (listing == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *listing = LogListing();
+    if (productId != 0 && originatorId != 0) {
+        OneCfg one;
+        const uint32_t result = zoltLogReadCfg(productId, originatorId, &one.cfg);
+        LogCfg *cfg = &one.cfg;
+        return result != ZOLTLOG_OK ? result : listSurplus(&cfg, 1, productId, originatorId, listing);
+    }
+    AllCfgs all;
+    const uint32_t result = zoltLogReadAllCfg(nullptr, MAX_CONFIGURATIONS, all.items, &all.count);
+    return result != ZOLTLOG_OK ? result
+                                : listSurplus(all.items, all.count, productId, originatorId, listing);
+}
+
+uint32_t zoltLogGetManageableLogFilesSL(uint64_t productId, const char *logsetName, LogListing *listing) {
+    if (listing == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *listing = LogListing();
+    OneCfg one;
+    const uint32_t result = zoltLogReadlogsetCfg(productId, logsetName, &one.cfg);
+    LogCfg *cfg = &one.cfg;
+    // The listing of one log set holds files of its product and file name only.
+    return result != ZOLTLOG_OK ? result : listSurplus(&cfg, 1, 0, 0, listing);
+}
+
+// ---- fetching ----------------------------------------------------------------
+
+static constexpr size_t PATH_ROOM = 8192; // of a path handed out
+
+// Puts together the entry's path; false when it has no room.
+static bool pathOf(const LogFileEntry *entry, char (&path)[PATH_ROOM]) {
+    const int length = snprintf(path, sizeof path, "%s%s", entry->directory, entry->name);
+    return length >= 0 && static_cast<size_t>(length) < sizeof path;
+}
+
+// Whether the entry's file is fetched. *modificationTime goes on from entry to entry.
+static bool isFetched(LogListing *listing, LogFileEntry *entry, int64_t *modificationTime) {
+    char path[PATH_ROOM];
+    if (!pathOf(entry, path))
+        return false;
+    // KEPT: a file without a modification time of its own is judged by that of the file before it.
+    // Pinned by Fetch.ModificationTimeIsCarriedOver.
+    struct stat status;
+    if (stat(path, &status) == 0 && S_ISREG(status.st_mode))
+        *modificationTime = status.st_mtime;
+    static constexpr int32_t MODE_READ = 1;
+    if (zoltLogOs_open(&entry->file, path, MODE_READ, MANAGED_FILE_PERMISSIONS) != 0)
+        return false;
+    LogFileHeader header = {};
+    const uint32_t result = ReadHeader(entry, &header);
+    zoltLogOs_close(&entry->file);
+
+    char set[LOGSET_NAME_ROOM];
+    char dateTime[DATE_TIME_ROOM] = "";
+    uint64_t productId = 0;
+    set[0] = '\0';
+    if (header.version == ZOLTLOG_RECORD_VERSION_LOGSET &&
+        getSLidfromfilename(entry->name, &productId, set, dateTime) != 0) {
+        header.productId = productId;
+        header.creationTime = static_cast<uint64_t>(convert_time(dateTime));
+    }
+    if (result == ZOLTLOG_UNSUPPORTED_HEADER)
+        listing->unsupportedHeader = 1;
+    return result == ZOLTLOG_OK && EvaluateFileCondition(listing, &header, set, *modificationTime) != 0;
+}
+
+uint32_t zoltLogFetchNextFileEx(LogListing *listing, LogFileEntry **out) {
+    if (listing == nullptr || out == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    int64_t modificationTime = 0;
+    for (LogFileEntry *entry = listing->next; entry != nullptr; entry = entry->next) {
+        listing->next = entry;
+        if (!isFetched(listing, entry, &modificationTime))
+            continue;
+        *out = entry;
+        listing->next = entry->next;
+        return ZOLTLOG_OK;
+    }
+    return ZOLTLOG_NO_MORE;
+}
+
+uint32_t zoltLogFetchNextFile(LogListing *listing, char **path) {
+    if (path == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    LogFileEntry *entry = nullptr;
+    const uint32_t result = zoltLogFetchNextFileEx(listing, &entry);
+    if (result != ZOLTLOG_OK)
+        return result;
+    auto *buffer = static_cast<char *>(zoltLogMalloc(PATH_ROOM));
+    if (buffer == nullptr) {
+        listing->next = entry; // to be fetched again when there is memory
+        return ZOLTLOG_NO_MEMORY;
+    }
+    memset(buffer, 0, PATH_ROOM);
+    snprintf(buffer, PATH_ROOM, "%s%s", entry->directory, entry->name);
+    *path = buffer;
+    return ZOLTLOG_OK;
+}
+
+void zoltLogFreeBuffer(char **buffer) {
+    if (buffer == nullptr)
+        return;
+    zoltLogFree(*buffer);
+    *buffer = nullptr;
+}

@@ -1,0 +1,106 @@
+// Management of log files: copying, linking and deleting one.
+#include "config_mgr.h"
+
+#include "os.h"
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <sys/stat.h>
+#include <unistd.h>
+
+static constexpr int32_t COPY_BLOCK = 1022; // bytes
+static constexpr int32_t DEVICE_FULL = 54;  // value of errorCode
+
+using Text = std::unique_ptr<char, void (*)(void *)>;
+
+static Text joined(const char *directory, const char *component) {
+    const size_t directoryLength = strlen(directory);
+    const size_t componentSize = strlen(component) + 1;
+    Text path(static_cast<char *>(zoltLogMalloc(directoryLength + componentSize)), zoltLogFree);
+    if (path != nullptr) {
+        memcpy(path.get(), directory, directoryLength);
+        memcpy(path.get() + directoryLength, component, componentSize);
+    }
+    return path;
+}
+
+// Both ends of a copy, closed whatever way the copy ends.
+struct CopyEnds {
+    CopyEnds() {
+        zoltLogOs_initfilehandle(&from);
+        zoltLogOs_initfilehandle(&to);
+    }
+    ~CopyEnds() {
+        zoltLogOs_close(&from);
+        zoltLogOs_close(&to);
+    }
+    CopyEnds(const CopyEnds &) = delete;
+    CopyEnds &operator=(const CopyEnds &) = delete;
+
+    OsFile from;
+    OsFile to;
+};
+
+// Whether a path leads to the file that is open.
+static bool isSameFile(const OsFile &file, const char *path) {
+    struct stat open;
+    struct stat named;
+    return fstat(file.descriptor, &open) == 0 && stat(path, &named) == 0 && open.st_dev == named.st_dev &&
+           open.st_ino == named.st_ino;
+}
+
+static uint32_t copyBytes(CopyEnds *ends, uint64_t remaining) {
+    char block[COPY_BLOCK];
+    while (remaining > 0) {
+        const int32_t length = remaining < sizeof block ? static_cast<int32_t>(remaining) : COPY_BLOCK;
+        if (zoltLogOs_read(&ends->from, block, length) != length)
+            return ZOLTLOG_SHORT_READ;
+        if (zoltLogOs_write(&ends->to, block, length) != length)
+            return errorCode == DEVICE_FULL ? ZOLTLOG_DEVICE_FULL : ZOLTLOG_SHORT_WRITE;
+        remaining -= static_cast<uint64_t>(length);
+    }
+    return ZOLTLOG_OK;
+}
+
+uint32_t zoltLogCopyFile(const char *path, const char *directory) {
+    if (path == nullptr || directory == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    CopyEnds ends;
+    if (zoltLogOs_open(&ends.from, path, OPEN_READ, MANAGED_FILE_PERMISSIONS) != OS_OK)
+        return ZOLTLOG_OPEN_FAILED;
+    uint64_t size = 0;
+    if (zoltLogOs_fsize(&ends.from, &size) != OS_OK)
+        return ZOLTLOG_SOURCE_SIZE_UNKNOWN;
+    const char *last = strrchr(path, '/');
+    const Text destination = joined(directory, last != nullptr ? last : path);
+    if (destination == nullptr)
+        return ZOLTLOG_NO_MEMORY;
+    if (isSameFile(ends.from, destination.get())) // opening it would empty the source
+        return ZOLTLOG_DEST_OPEN_FAILED;
+    const int32_t opened =
+        zoltLogOs_open(&ends.to, destination.get(), OPEN_TRUNCATE, MANAGED_FILE_PERMISSIONS);
+    if (opened != OS_OK)
+        return opened == OS_OPEN_FAILED ? ZOLTLOG_OPEN_FAILED : ZOLTLOG_DEST_OPEN_FAILED;
+    return copyBytes(&ends, size);
+}
+
+uint32_t zoltLogCopyFileEx(const char *path, const char *directory) {
+    if (path == nullptr || directory == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    const char *last = strrchr(path, '/');
+    if (last == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    const Text destination = joined(directory, last);
+    if (destination == nullptr)
+        return ZOLTLOG_NO_MEMORY;
+    return link(path, destination.get()) == 0 ? ZOLTLOG_OK : ZOLTLOG_SHORT_WRITE;
+}
+
+uint32_t zoltLogDeleteFile(const char *path) {
+    if (path == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    if (zoltLogOs_remove(path) != 0)
+        printf("%s File Deletion failed\n", path);
+    return ZOLTLOG_OK;
+}
