@@ -1,0 +1,445 @@
+#include "common/record_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tools {
+
+// ---- lines -----------------------------------------------------------------------
+
+bool LineReader::open(const std::string &path) {
+    close();
+    error = 0;
+    begin = scanned = valid = 0;
+    base = 0;
+    skipping = false;
+    descriptor = path == "-" ? fcntl(0, F_DUPFD_CLOEXEC, 3)
+                             : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    struct stat status {};
+    if (descriptor < 0 || fstat(descriptor, &status) != 0) {
+        error = errno;
+        close();
+        return false;
+    }
+    seekable = S_ISREG(status.st_mode);
+    if (S_ISDIR(status.st_mode) || (!seekable && path != "-")) {
+        error = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        close();
+        return false;
+    }
+    if (seekable && path == "-") {
+        const off_t at = lseek(descriptor, 0, SEEK_CUR);
+        base = at > 0 ? static_cast<uint64_t>(at) : 0;
+    }
+    return true;
+}
+
+void LineReader::close() {
+    if (descriptor >= 0)
+        ::close(descriptor);
+    descriptor = -1;
+    buffer.reset();
+    capacity = 0;
+}
+
+void LineReader::seek(uint64_t offset) {
+    if (offset >= base && offset <= base + valid) {
+        begin = scanned = static_cast<size_t>(offset - base);
+    } else {
+        base = offset;
+        begin = scanned = valid = 0;
+    }
+    skipping = false;
+}
+
+int64_t LineReader::readAt(uint64_t offset, char *into, size_t length) const {
+    for (;;) {
+        const ssize_t got = pread(descriptor, into, length, static_cast<off_t>(offset));
+        if (got >= 0 || errno != EINTR)
+            return got;
+    }
+}
+
+bool LineReader::size(uint64_t &bytes) const {
+    struct stat status {};
+    if (fstat(descriptor, &status) != 0)
+        return false;
+    bytes = static_cast<uint64_t>(status.st_size);
+    return true;
+}
+
+// Makes room behind `valid` and reads; Line means that there is more to scan.
+LineReader::Got LineReader::refill() {
+    if (buffer == nullptr) {
+        capacity = BlockSize;
+        buffer.reset(new char[capacity]);
+    }
+    if (begin > 0) {
+        std::memmove(buffer.get(), buffer.get() + begin, valid - begin);
+        base += begin;
+        valid -= begin;
+        scanned -= begin;
+        begin = 0;
+    }
+    if (valid == capacity) {
+        std::unique_ptr<char[]> larger(new char[capacity * 2]);
+        std::memcpy(larger.get(), buffer.get(), valid);
+        buffer = std::move(larger);
+        capacity *= 2;
+    }
+    for (;;) {
+        const ssize_t got = seekable ? pread(descriptor, buffer.get() + valid, capacity - valid,
+                                             static_cast<off_t>(base + valid))
+                                     : read(descriptor, buffer.get() + valid, capacity - valid);
+        if (got > 0) {
+            valid += static_cast<size_t>(got);
+            return Got::Line;
+        }
+        if (got == 0)
+            return Got::End;
+        if (errno != EINTR) {
+            error = errno;
+            return Got::Error;
+        }
+    }
+}
+
+LineReader::Got LineReader::next(std::string_view &line, uint64_t &offset) {
+    for (;;) {
+        const char *const from = buffer.get() + scanned;
+        const auto *feed =
+            valid > scanned ? static_cast<const char *>(std::memchr(from, '\n', valid - scanned)) : nullptr;
+        if (feed != nullptr) {
+            const auto end = static_cast<size_t>(feed - buffer.get());
+            line = {buffer.get() + begin, end - begin};
+            offset = base + begin;
+            begin = scanned = end + 1;
+            if (!skipping)
+                return Got::Line;
+            skipping = false;
+            continue;
+        }
+        scanned = valid;
+        if (skipping) {
+            begin = valid;
+        } else if (valid - begin >= MaxLine) {
+            line = {buffer.get() + begin, valid - begin};
+            offset = base + begin;
+            begin = valid;
+            skipping = true;
+            return Got::TooLong;
+        }
+        const Got got = refill();
+        if (got != Got::Line)
+            return got;
+    }
+}
+
+void BackwardReader::start(const LineReader &lines, uint64_t end) {
+    source = &lines;
+    buffer.clear();
+    base = end;
+    left = 0;
+}
+
+bool BackwardReader::previous(std::string_view &line, uint64_t &offset) {
+    // buffer[0, left) is what was read and not handed out; it ends behind a line feed,
+    // except before the first call.
+    size_t searched = 0; // bytes at the end of it that hold no line feed that begins a line
+    for (;;) {
+        const size_t end = left > 0 ? left - 1 : 0; // without the line feed that ends the line
+        const void *feed = end > searched ? memrchr(buffer.data(), '\n', end - searched) : nullptr;
+        if (feed != nullptr || (base == 0 && left > 0)) {
+            const size_t begin =
+                feed != nullptr ? static_cast<size_t>(static_cast<const char *>(feed) - buffer.data()) + 1
+                                : 0;
+            const bool ended = buffer[left - 1] == '\n';
+            line = {buffer.data() + begin, (ended ? left - 1 : left) - begin};
+            offset = base + begin;
+            left = begin;
+            if (ended)
+                return true;
+            searched = 0;
+            if (left == 0 && base == 0)
+                return false;
+            continue; // the unended rest of the file
+        }
+        if (base == 0 || left >= MaxLine)
+            return false;
+        searched = end;
+        const size_t length = static_cast<size_t>(std::min<uint64_t>(base, std::max(BlockSize / 16, left)));
+        std::string larger(length, '\0');
+        const int64_t got = source->readAt(base - length, larger.data(), length);
+        if (got != static_cast<int64_t>(length))
+            return false;
+        larger.append(buffer, 0, left);
+        buffer.swap(larger);
+        base -= length;
+        left += length;
+    }
+}
+
+// ---- records ---------------------------------------------------------------------
+
+namespace {
+
+std::string errorText(int error) {
+    return std::strerror(error);
+}
+
+} // namespace
+
+void RecordFile::takeHeader(const Header &parsed) {
+    host.assign(parsed.host);
+    header = parsed;
+    header.host = host;
+}
+
+bool RecordFile::open(const std::string &filePath) {
+    path = filePath;
+    base = path.substr(path.rfind('/') + 1);
+    name = {};
+    parseFileName(base, name);
+    header = {};
+    dataBegin = 0;
+    problem.clear();
+    salvagePending = false;
+    if (!lines.open(path)) {
+        problem = errorText(lines.error);
+        return false;
+    }
+    if (lines.seekable) {
+        // The header is read apart, so that a glance at many files costs no block buffers.
+        char block[1024];
+        const int64_t got = lines.readAt(lines.position(), block, sizeof block);
+        if (got < 0) {
+            problem = errorText(errno);
+            lines.close();
+            return false;
+        }
+        const std::string_view start{block, static_cast<size_t>(got)};
+        const size_t feed = start.find('\n');
+        if (feed == std::string_view::npos)
+            return true;
+        Header parsed;
+        const HeaderResult result = parseHeader(start.substr(0, feed), parsed);
+        if (result == HeaderResult::UnknownVersion) {
+            problem = "unknown header version: " + std::string(start.substr(0, std::min<size_t>(feed, 32)));
+            lines.close();
+            return false;
+        }
+        if (result == HeaderResult::Ok) {
+            takeHeader(parsed);
+            dataBegin = lines.position() + feed + 1;
+            lines.seek(dataBegin);
+        }
+    }
+    return true;
+}
+
+// Says what `line` is.
+RecordFile::Got RecordFile::judge() {
+    salvaged = false;
+    if (!line.empty() && line.front() == '$') {
+        Header parsed;
+        if (parseHeader(line, parsed) == HeaderResult::Ok) {
+            takeHeader(parsed);
+            return Got::Header;
+        }
+    }
+    if (parseRecord(line, header.version, record, fault)) {
+        if (record.version != VersionOriginator)
+            record.product = header.product != 0 ? header.product : name.product;
+        return Got::Record;
+    }
+    size_t at = 0;
+    Record found;
+    if (salvageRecord(line, header.version, found, at)) {
+        pending = found;
+        if (pending.version != VersionOriginator)
+            pending.product = header.product != 0 ? header.product : name.product;
+        salvagePending = true;
+    }
+    return Got::Damaged;
+}
+
+RecordFile::Got RecordFile::next() {
+    if (salvagePending) {
+        salvagePending = false;
+        record = pending;
+        offset += static_cast<uint64_t>(record.line.data() - line.data());
+        line = record.line;
+        salvaged = true;
+        return Got::Record;
+    }
+    switch (lines.next(line, offset)) {
+    case LineReader::Got::Line:
+        return judge();
+    case LineReader::Got::TooLong:
+        fault = {Damage::TooLong, line.size()};
+        salvaged = false;
+        return Got::Damaged;
+    case LineReader::Got::End:
+        return Got::End;
+    case LineReader::Got::Error:
+        break;
+    }
+    problem = errorText(lines.error);
+    return Got::Error;
+}
+
+void RecordFile::startBackwards(uint64_t from) {
+    backward.start(lines, from);
+    salvagePending = false;
+}
+
+RecordFile::Got RecordFile::previous() {
+    if (salvagePending) { // the torn beginning of the line whose end was a record
+        salvagePending = false;
+        salvaged = false;
+        offset = tornAt;
+        return Got::Damaged;
+    }
+    if (!backward.previous(line, offset))
+        return Got::End;
+    const uint64_t version = header.version;
+    Got got = judge();
+    if (got == Got::Damaged && version == VersionOriginator && parseRecord(line, 0, record, fault)) {
+        salvagePending = false; // a part of the file that a further header line begins
+        record.product = name.product;
+        got = Got::Record;
+    }
+    if (got == Got::Damaged && salvagePending) {
+        record = pending;
+        salvaged = true;
+        tornAt = offset;
+        offset += static_cast<uint64_t>(record.line.data() - line.data());
+        return Got::Record;
+    }
+    return got;
+}
+
+bool RecordFile::timeAt(uint64_t from, uint64_t limit, int64_t &time, uint64_t &where) const {
+    constexpr size_t firstStep = 4096; // holds most records
+    constexpr size_t lastStep = 1024UL * 1024;
+    constexpr size_t enough = 256; // the time stands within so many bytes of a line's start
+    std::string block;
+    bool lineStart = from <= dataBegin;
+    from = lineStart ? dataBegin : from - 1; // so that a line that begins at `from` is seen
+    for (size_t step = firstStep; from < limit; step = std::min(step * 2, lastStep)) {
+        block.resize(step);
+        const int64_t got = lines.readAt(from, block.data(), step);
+        if (got <= 0)
+            return false;
+        const std::string_view seen{block.data(), static_cast<size_t>(got)};
+        size_t begin = 0;
+        while (begin < seen.size()) {
+            const size_t feed = seen.find('\n', begin);
+            if (lineStart) {
+                if (from + begin >= limit)
+                    return false;
+                const size_t end = feed != std::string_view::npos ? feed : seen.size();
+                if (feed == std::string_view::npos && end - begin < enough)
+                    break; // read on from here
+                if (parseRecordTime(seen.substr(begin, end - begin), header.version, time)) {
+                    where = from + begin;
+                    return true;
+                }
+            }
+            lineStart = feed != std::string_view::npos;
+            begin = lineStart ? feed + 1 : seen.size();
+        }
+        if (static_cast<size_t>(got) < step && begin < seen.size())
+            return false; // the unended end of the file
+        from += begin;
+    }
+    return false;
+}
+
+uint64_t RecordFile::findTime(int64_t since) const {
+    uint64_t end = 0;
+    if (!lines.size(end) || (header.version != 0 && header.version <= VersionLastWithoutPrefix))
+        return dataBegin;
+    const int64_t wanted = since - OrderSlack;
+    uint64_t low = dataBegin;              // all records before it are earlier than `wanted`
+    uint64_t high = end;                   // the first record behind it is not
+    constexpr uint64_t enough = 16 * 1024; // is read in one go anyway
+    while (high > low && high - low > enough) {
+        const uint64_t middle = low + (high - low) / 2;
+        int64_t time = 0;
+        uint64_t where = 0;
+        if (!timeAt(middle, high, time, where) || time >= wanted)
+            high = middle;
+        else
+            low = std::max(where, low + 1);
+    }
+    // `low` is a line's start: either dataBegin or where a record was found.
+    return low;
+}
+
+bool RecordFile::inOrder() const {
+    uint64_t end = 0;
+    if (!lines.size(end) || end <= dataBegin)
+        return true;
+    constexpr uint64_t samples = 32;
+    constexpr uint64_t spacing = 64 * 1024; // smaller files get fewer samples
+    const uint64_t length = end - dataBegin;
+    const uint64_t count = std::min(samples, length / spacing + 1);
+    int64_t latest = INT64_MIN;
+    for (uint64_t i = 0; i <= count; ++i) {
+        int64_t time = 0;
+        uint64_t where = 0;
+        if (i == count ? !lastTime(time) : !timeAt(dataBegin + length / count * i, end, time, where))
+            continue;
+        if (latest != INT64_MIN && time < latest - OrderSlack)
+            return false;
+        latest = std::max(latest, time);
+    }
+    return true;
+}
+
+bool RecordFile::firstTime(int64_t &time) const {
+    uint64_t where = 0;
+    return timeAt(dataBegin, UINT64_MAX, time, where);
+}
+
+bool RecordFile::lastTime(int64_t &time) const {
+    uint64_t end = 0;
+    if (!lines.size(end))
+        return false;
+    BackwardReader reader;
+    reader.start(lines, end);
+    std::string_view last;
+    uint64_t where = 0;
+    while (reader.previous(last, where)) {
+        if (parseRecordTime(last, header.version, time))
+            return true;
+    }
+    return false;
+}
+
+// ---- a file at a glance ----------------------------------------------------------
+
+bool readSummary(const std::string &path, FileSummary &out, std::string &problem) {
+    RecordFile file;
+    if (!file.open(path)) {
+        problem = file.problem;
+        return false;
+    }
+    struct stat status {};
+    if (fstat(file.lines.descriptor, &status) == 0) {
+        out.size = static_cast<uint64_t>(status.st_size);
+        out.modified = static_cast<int64_t>(status.st_mtim.tv_sec) * 1000 + status.st_mtim.tv_nsec / 1000000;
+    }
+    out.host = file.host;
+    out.header = file.header;
+    out.header.host = out.host;
+    out.hasTimes = file.firstTime(out.first) && file.lastTime(out.last);
+    return true;
+}
+
+} // namespace tools
