@@ -173,6 +173,14 @@ void addReady(Builder *builder, const void *items, size_t size) {
     builder->openText = NO_TEXT;
 }
 
+void addCopy(Builder *builder, const char *payload) {
+    ItemWord word;
+    memcpy(&word, payload - sizeof word, sizeof word);
+    void *copy = addItem(builder, static_cast<ItemType>(itemType(word)), itemPayload(word));
+    if (copy != nullptr)
+        memcpy(copy, payload, itemPayload(word));
+}
+
 Storage *storageOf(const ZoltLisBlock *block) {
     return reinterpret_cast<Storage *>(block->word[STORAGE]);
 }

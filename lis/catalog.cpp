@@ -1,7 +1,599 @@
+// Message catalogues: ICU resource bundles with decimal numbers as top-level keys
+// and printf patterns as texts.
+//
+// The path of a message, fastest first:
+//   1. a View is what the catalogues say in one locale and encoding; it holds the
+//      messages seen so far, each with the format it was asked with. Views and
+//      their messages are only ever added, so reading them takes no lock.
+//   2. a message not seen before is looked up in the view's bundles, its pattern
+//      taken apart and fitted to the format's arguments, all under one mutex.
+//      What is missing is remembered too.
+//   3. a locale not seen before makes a new view.
+// Everything lives until the process ends. The mutex is held across fork, so that
+// a child never finds it, or a lock inside ICU, taken by a thread it does not have.
+
 #include "lis.h"
-LisResult findMessage(int64_t, bool, const char *, const Shown **out) {
-    *out = nullptr;
+
+#include <langinfo.h>
+#include <limits.h>
+#include <locale.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unicode/ures.h>
+#include <unicode/ustring.h>
+#include <unistd.h>
+#include <wchar.h>
+
+// A piece of a message: ready text items (the conversion's letter is NUL), at an
+// offset of the message's texts, or a shown argument.
+struct ShownPiece {
+    size_t start;
+    size_t size;
+    Conversion shown;
+};
+
+// A message as it is shown, or known to be missing. Never changed once it is in
+// a view's slot.
+struct Shown {
+    Shown *next; // in its slot
+    int64_t number;
+    bool utf8;
+    bool built;
+    bool found;
+    bool temporary; // not kept in a slot: released by its one user
+    size_t pieceCount;
+    ShownPiece *pieces;
+    Storage *texts; // what the pieces' ready items lie in
+    int argumentCount;
+    ArgumentType *arguments; // as the format takes them
+    char format[];
+};
+
+namespace {
+
+const size_t MAX_CATALOGS = 32;
+const unsigned SLOT_BITS = 12;   // of a view
+const unsigned MAX_IN_SLOT = 32; // messages of one slot beyond these are not kept
+const size_t KEY_ROOM = 24;      // a 64-bit number
+const size_t LOCALE_ROOM = 160;  // a locale's name; a longer one is served by root
+const int32_t UTF8_PER_UNIT = 3; // bytes of UTF-8 for one UTF-16 unit, at most
+const char ROOT[] = "root";
+
+struct View {
+    View *next;
+    unsigned version;   // of the list of catalogues
+    const char *locale; // as setlocale tells it
+    const char *codeset;
+    size_t bundleCount;
+    UResourceBundle *bundles[MAX_CATALOGS]; // null: no such catalogue
+    Shown *slots[1 << SLOT_BITS];
+    char names[]; // of locale and codeset
+};
+
+// The catalogues of the process, changed under the mutex. version and views are
+// also read without it.
+struct Catalogs {
+    pthread_mutex_t mutex;
+    char *packages[MAX_CATALOGS];
+    size_t count;
+    unsigned version; // 0: QDLIS_CATALOG has not been read yet
+    View *views;
+};
+Catalogs catalogs = {PTHREAD_MUTEX_INITIALIZER, {}, 0, 0, nullptr};
+pthread_once_t forkHandlers = PTHREAD_ONCE_INIT;
+
+void unlockCatalogs() {
+    pthread_mutex_unlock(&catalogs.mutex);
+}
+
+void lockAlways() {
+    pthread_mutex_lock(&catalogs.mutex);
+}
+
+void registerForkHandlers() {
+    pthread_atfork(lockAlways, unlockCatalogs, unlockCatalogs);
+}
+
+void lockCatalogs() {
+    pthread_once(&forkHandlers, registerForkHandlers);
+    lockAlways();
+}
+
+// What a failure of ICU means for a message: a catalogue that is missing or
+// damaged, or that lacks the message, is no failure.
+LisResult resultOf(UErrorCode status) {
+    if (U_SUCCESS(status))
+        return LIS_OK;
+    switch (status) {
+    case U_MISSING_RESOURCE_ERROR:
+    case U_FILE_ACCESS_ERROR:
+    case U_INVALID_FORMAT_ERROR:
+    case U_RESOURCE_TYPE_MISMATCH:
+        return LIS_NO_MORE;
+    case U_MEMORY_ALLOCATION_ERROR:
+        return LIS_NO_MEMORY;
+    default:
+        return LIS_CATALOG_FAILED;
+    }
+}
+
+// ---- the list of catalogues ------------------------------------------------------------
+
+// Adds one, with the mutex held. ICU takes a dash in a relative path for
+// something else, so the path becomes an absolute one.
+LisResult addPackage(const char *path, size_t length) {
+    char directory[PATH_MAX] = "";
+    if (length == 0)
+        return LIS_OK;
+    if (path[0] != '/' && getcwd(directory, sizeof directory) == nullptr)
+        return LIS_CATALOG_FAILED;
+    const size_t before = strlen(directory);
+    char *package = static_cast<char *>(malloc(before + 1 + length + 1));
+    if (package == nullptr)
+        return LIS_NO_MEMORY;
+    char *end = static_cast<char *>(mempcpy(package, directory, before));
+    if (before != 0)
+        *end++ = '/';
+    end = static_cast<char *>(mempcpy(end, path, length));
+    *end = '\0';
+    for (size_t i = 0; i < catalogs.count; ++i) {
+        if (strcmp(catalogs.packages[i], package) == 0) {
+            free(package);
+            return LIS_OK;
+        }
+    }
+    if (catalogs.count == MAX_CATALOGS) {
+        free(package);
+        return LIS_CATALOG_FAILED;
+    }
+    catalogs.packages[catalogs.count++] = package;
     return LIS_OK;
 }
-void releaseMessage(const Shown *) {}
-void addShown(Builder *, const Shown *, ArgumentList *, int) {}
+
+// Reads QDLIS_CATALOG once, with the mutex held. Surplus entries are left out.
+LisResult readEnvironment() {
+    if (catalogs.version != 0)
+        return LIS_OK;
+    const char *list = secure_getenv("QDLIS_CATALOG");
+    while (list != nullptr && *list != '\0') {
+        const size_t length = strcspn(list, ":");
+        if (addPackage(list, length) == LIS_NO_MEMORY)
+            return LIS_NO_MEMORY;
+        list += length;
+        list += *list == ':';
+    }
+    __atomic_store_n(&catalogs.version, 1, __ATOMIC_RELEASE);
+    return LIS_OK;
+}
+
+// ---- views -------------------------------------------------------------------------------
+
+// A C library locale as ICU names it: without its encoding, and with the script
+// that a modifier stands for.
+void icuLocale(const char *name, char (&out)[LOCALE_ROOM]) {
+    static const struct {
+        const char *modifier;
+        const char *script;
+    } SCRIPTS[] = {{"@latin", "_Latn"}, {"@cyrillic", "_Cyrl"}, {"@devanagari", "_Deva"}};
+    const size_t language = strcspn(name, "_.@");
+    const size_t region = strcspn(name + language, ".@");
+    const char *modifier = strchr(name, '@');
+    const char *script = "";
+    for (const auto &known : SCRIPTS) {
+        if (modifier != nullptr && strcmp(modifier, known.modifier) == 0)
+            script = known.script;
+    }
+    const bool none = strcmp(name, "C") == 0 || strcmp(name, "POSIX") == 0 || strncmp(name, "C.", 2) == 0;
+    const int length = none ? -1
+                            : snprintf(out, sizeof out, "%.*s%s%.*s", static_cast<int>(language), name,
+                                       script, static_cast<int>(region), name + language);
+    if (length <= 0 || static_cast<size_t>(length) >= sizeof out)
+        memcpy(out, ROOT, sizeof ROOT);
+}
+
+// The bundle of a package in a locale; null without a failure when there is none.
+LisResult openBundle(const char *package, const char *locale, UResourceBundle **out) {
+    UErrorCode status = U_ZERO_ERROR;
+    UResourceBundle *bundle = ures_open(package, locale, &status);
+    if (status == U_USING_DEFAULT_WARNING && strcmp(locale, ROOT) != 0) {
+        // Nothing for this locale: ICU fell back to the locale of the environment.
+        ures_close(bundle);
+        status = U_ZERO_ERROR;
+        bundle = ures_open(package, ROOT, &status);
+    }
+    const LisResult result = resultOf(status);
+    if (result == LIS_OK) {
+        *out = bundle;
+        return LIS_OK;
+    }
+    ures_close(bundle);
+    *out = nullptr;
+    return result == LIS_NO_MORE ? LIS_OK : result;
+}
+
+void closeView(View *view) {
+    for (size_t i = 0; i < view->bundleCount; ++i)
+        ures_close(view->bundles[i]);
+    free(view);
+}
+
+// The view of the current locale among the first views, or null.
+View *knownView(const char *locale, const char *codeset, unsigned version) {
+    for (View *view = __atomic_load_n(&catalogs.views, __ATOMIC_ACQUIRE); view != nullptr;
+         view = view->next) {
+        if (view->version == version && strcmp(view->locale, locale) == 0 &&
+            strcmp(view->codeset, codeset) == 0)
+            return view;
+    }
+    return nullptr;
+}
+
+// Opens the catalogues in a locale and puts the view in front, with the mutex held.
+LisResult makeView(const char *locale, const char *codeset, View **out) {
+    const size_t localeSize = strlen(locale) + 1;
+    const size_t codesetSize = strlen(codeset) + 1;
+    View *view = static_cast<View *>(calloc(1, sizeof(View) + localeSize + codesetSize));
+    if (view == nullptr)
+        return LIS_NO_MEMORY;
+    view->version = catalogs.version;
+    view->locale = static_cast<char *>(memcpy(view->names, locale, localeSize));
+    view->codeset = static_cast<char *>(memcpy(view->names + localeSize, codeset, codesetSize));
+    char name[LOCALE_ROOM];
+    icuLocale(locale, name);
+    for (; view->bundleCount < catalogs.count; ++view->bundleCount) {
+        const size_t i = view->bundleCount;
+        const LisResult result = openBundle(catalogs.packages[i], name, &view->bundles[i]);
+        if (result != LIS_OK) {
+            closeView(view);
+            return result;
+        }
+    }
+    view->next = catalogs.views;
+    __atomic_store_n(&catalogs.views, view, __ATOMIC_RELEASE);
+    *out = view;
+    return LIS_OK;
+}
+
+// The view of the process's message locale and the thread's encoding.
+LisResult currentView(View **out) {
+    const char *locale = setlocale(LC_MESSAGES, nullptr);
+    const char *codeset = nl_langinfo(CODESET);
+    unsigned version = __atomic_load_n(&catalogs.version, __ATOMIC_ACQUIRE);
+    if (version != 0) {
+        *out = knownView(locale, codeset, version);
+        if (*out != nullptr)
+            return LIS_OK;
+    }
+    lockCatalogs();
+    LisResult result = readEnvironment();
+    if (result == LIS_OK) {
+        *out = knownView(locale, codeset, catalogs.version);
+        if (*out == nullptr)
+            result = makeView(locale, codeset, out);
+    }
+    unlockCatalogs();
+    return result;
+}
+
+// ---- a message's pattern -------------------------------------------------------------------
+
+// The pattern of a message in UTF-8 (free), from the first catalogue that has it;
+// null without a failure when none has.
+LisResult readPattern(const View *view, int64_t number, char **out) {
+    char key[KEY_ROOM];
+    snprintf(key, sizeof key, "%ld", number);
+    *out = nullptr;
+    for (size_t i = 0; i < view->bundleCount; ++i) {
+        if (view->bundles[i] == nullptr)
+            continue;
+        UErrorCode status = U_ZERO_ERROR;
+        int32_t length = 0;
+        const UChar *pattern = ures_getStringByKey(view->bundles[i], key, &length, &status);
+        const LisResult result = resultOf(status);
+        if (result == LIS_NO_MORE)
+            continue;
+        if (result != LIS_OK)
+            return result;
+        if (length > INT32_MAX / UTF8_PER_UNIT - 1)
+            continue;
+        const int32_t room = length * UTF8_PER_UNIT + 1;
+        char *utf8 = static_cast<char *>(malloc(static_cast<size_t>(room)));
+        if (utf8 == nullptr)
+            return LIS_NO_MEMORY;
+        int32_t substitutions = 0;
+        u_strToUTF8WithSub(utf8, room, nullptr, pattern, length, '?', &substitutions, &status);
+        if (U_FAILURE(status)) {
+            free(utf8);
+            return resultOf(status);
+        }
+        *out = utf8;
+        return LIS_OK;
+    }
+    return LIS_OK;
+}
+
+// The character at *p in well-formed UTF-8; *p moves behind it.
+wchar_t nextCharacter(const char **p) {
+    const unsigned char lead = static_cast<unsigned char>(*(*p)++);
+    int following = lead < 0xc0 ? 0 : lead < 0xe0 ? 1 : lead < 0xf0 ? 2 : 3;
+    wchar_t character = following == 0 ? lead : lead & (0x3f >> following);
+    for (; following > 0; --following)
+        character = character << 6 | (*(*p)++ & 0x3f);
+    return character;
+}
+
+// Adds text in well-formed UTF-8 in the encoding that the block's texts have; a
+// character that the encoding lacks becomes a question mark.
+void addPatternText(Builder *builder, const char *utf8, size_t size, bool asUtf8) {
+    if (asUtf8) {
+        addLiteral(builder, utf8, size);
+        return;
+    }
+    mbstate_t state = {};
+    for (const char *p = utf8; p < utf8 + size;) {
+        char native[MB_LEN_MAX];
+        size_t length = wcrtomb(native, nextCharacter(&p), &state);
+        if (length == static_cast<size_t>(-1)) {
+            native[0] = '?';
+            length = 1;
+            state = {};
+        }
+        addLiteral(builder, native, length);
+    }
+}
+
+// Whether a pattern's conversion can show an argument of the given type; makes it
+// show that type's values.
+bool fits(Conversion *shown, const ArgumentType &type) {
+    const bool unadorned =
+        shown->flags == 0 && shown->widthFrom == FROM_NOWHERE && shown->precisionFrom == FROM_NOWHERE;
+    if (type.what == CLASS_OPAQUE) {
+        if (shown->type.what != CLASS_STRING || shown->type.wide || !unadorned)
+            return false;
+    } else if (type.what != shown->type.what) {
+        return false;
+    }
+    if (type.what == CLASS_INTEGER && (shown->letter == 'd' || shown->letter == 'i' || shown->letter == 'u'))
+        shown->letter = type.isSigned ? 'd' : 'u';
+    shown->type = type;
+    shown->plain = looksPlain(*shown);
+    return true;
+}
+
+bool fitsSize(int from, const ArgumentType *arguments, int count) {
+    return from < 0 ||
+           (from < count && arguments[from].what == CLASS_INTEGER && arguments[from].fetch == FETCH_INT);
+}
+
+// Whether all of a pattern fits the arguments.
+bool fitPattern(Program *pattern, const ArgumentType *arguments, int count) {
+    for (size_t i = 0; i < pattern->pieceCount; ++i) {
+        Conversion *shown = &pattern->pieces[i].shown;
+        if (shown->letter == '\0')
+            continue;
+        if (shown->argument < 0 || shown->argument >= count || !fits(shown, arguments[shown->argument]) ||
+            !fitsSize(shown->widthFrom, arguments, count) ||
+            !fitsSize(shown->precisionFrom, arguments, count))
+            return false;
+        if (shown->type.what != CLASS_OPAQUE)
+            continue;
+        for (size_t before = 0; before < i; ++before) { // a nested block can move to one place only
+            const Conversion &earlier = pattern->pieces[before].shown;
+            if (earlier.letter != '\0' && earlier.argument == shown->argument)
+                return false;
+        }
+    }
+    return true;
+}
+
+// The pieces of a fitted pattern: its texts as ready items, neighbours joined.
+LisResult makePieces(Shown *shown, const Program *pattern) {
+    shown->pieces = static_cast<ShownPiece *>(calloc(pattern->pieceCount + 1, sizeof *shown->pieces));
+    Builder texts;
+    startBlock(&texts, shown->utf8, 0);
+    shown->texts = texts.storage;
+    if (shown->pieces == nullptr || texts.storage == nullptr)
+        return LIS_NO_MEMORY;
+    for (size_t i = 0; i < pattern->pieceCount;) {
+        ShownPiece *made = shown->pieces + shown->pieceCount++;
+        made->shown = pattern->pieces[i].shown;
+        if (made->shown.letter != '\0') {
+            ++i;
+            continue;
+        }
+        made->start = texts.storage->used;
+        texts.openText = NO_TEXT;
+        for (; i < pattern->pieceCount && pattern->pieces[i].shown.letter == '\0'; ++i)
+            addPatternText(&texts, pattern->pieces[i].text, pattern->pieces[i].size, shown->utf8);
+        made->size = texts.storage->used - made->start;
+    }
+    shown->texts = texts.storage;
+    return texts.result;
+}
+
+// ---- messages ----------------------------------------------------------------------------------
+
+void freeShown(Shown *shown) {
+    if (shown == nullptr)
+        return;
+    free(shown->pieces);
+    free(shown->texts);
+    free(shown->arguments);
+    free(shown);
+}
+
+// A message as it is asked for: by the format that its caller gives, or by the
+// types of the items that were added to its block.
+struct Request {
+    int64_t number;
+    bool utf8;
+    bool built;
+    const char *key;               // the format, or a text that stands for the items' types
+    const ArgumentType *arguments; // built
+    int count;
+};
+
+Shown **slotOf(View *view, int64_t number) {
+    const uint64_t mixed = static_cast<uint64_t>(number) * 0x9e3779b97f4a7c15u;
+    return view->slots + (mixed >> (64 - SLOT_BITS));
+}
+
+// The message in its slot, or null; *count is how many others are there.
+const Shown *knownMessage(Shown *const *slot, const Request &request, unsigned *count) {
+    *count = 0;
+    for (const Shown *shown = __atomic_load_n(slot, __ATOMIC_ACQUIRE); shown != nullptr;
+         shown = shown->next) {
+        if (shown->number == request.number && shown->utf8 == request.utf8 && shown->built == request.built &&
+            strcmp(shown->format, request.key) == 0)
+            return shown;
+        ++*count;
+    }
+    return nullptr;
+}
+
+// The arguments of the request, copied into shown.
+LisResult copyArguments(Shown *shown, const Request &request) {
+    Program *program = nullptr;
+    const ArgumentType *arguments = request.arguments;
+    int count = request.count;
+    if (!request.built) {
+        const LisResult result = compileFormat(request.key, false, &program);
+        if (result != LIS_OK)
+            return result;
+        arguments = program->arguments;
+        count = program->argumentCount;
+    }
+    const size_t size = static_cast<size_t>(count) * sizeof *arguments;
+    shown->argumentCount = count;
+    shown->arguments = static_cast<ArgumentType *>(malloc(size + 1));
+    if (shown->arguments != nullptr && size != 0)
+        memcpy(shown->arguments, arguments, size);
+    free(program);
+    return shown->arguments != nullptr ? LIS_OK : LIS_NO_MEMORY;
+}
+
+// Looks the message up and fits its pattern.
+LisResult fillMessage(Shown *shown, const View *view, const Request &request) {
+    LisResult result = copyArguments(shown, request);
+    char *text = nullptr;
+    if (result == LIS_OK)
+        result = readPattern(view, request.number, &text);
+    if (text == nullptr)
+        return result;
+    Program *pattern = nullptr;
+    result = compileFormat(text, true, &pattern);
+    if (result == LIS_OK && fitPattern(pattern, shown->arguments, shown->argumentCount)) {
+        result = makePieces(shown, pattern);
+        shown->found = true;
+    } else if (result == LIS_INVALID) {
+        result = LIS_OK; // a pattern that is none: the message is missing
+    }
+    free(pattern);
+    free(text);
+    return result;
+}
+
+// The message as a new record: kept in its slot while that has room, else the
+// caller's own. With the mutex held.
+LisResult learnMessage(View *view, const Request &request, const Shown **out) {
+    Shown **slot = slotOf(view, request.number);
+    unsigned others;
+    *out = knownMessage(slot, request, &others);
+    if (*out != nullptr)
+        return LIS_OK;
+    const size_t keySize = strlen(request.key) + 1;
+    Shown *shown = static_cast<Shown *>(calloc(1, sizeof(Shown) + keySize));
+    if (shown == nullptr)
+        return LIS_NO_MEMORY;
+    shown->number = request.number;
+    shown->utf8 = request.utf8;
+    shown->built = request.built;
+    shown->temporary = others >= MAX_IN_SLOT;
+    memcpy(shown->format, request.key, keySize);
+    const LisResult result = fillMessage(shown, view, request);
+    if (result != LIS_OK) {
+        freeShown(shown);
+        return result;
+    }
+    if (!shown->temporary) {
+        shown->next = *slot;
+        __atomic_store_n(slot, shown, __ATOMIC_RELEASE);
+    }
+    *out = shown;
+    return LIS_OK;
+}
+
+LisResult find(const Request &request, const Shown **out) {
+    *out = nullptr;
+    View *view;
+    LisResult result = currentView(&view);
+    if (result != LIS_OK || view->bundleCount == 0)
+        return result;
+    unsigned others;
+    const Shown *shown = knownMessage(slotOf(view, request.number), request, &others);
+    if (shown == nullptr) {
+        lockCatalogs();
+        result = learnMessage(view, request, &shown);
+        unlockCatalogs();
+        if (result != LIS_OK)
+            return result;
+    }
+    if (shown->found)
+        *out = shown;
+    else
+        releaseMessage(shown);
+    return LIS_OK;
+}
+
+} // namespace
+
+LisResult findMessage(int64_t number, bool utf8, const char *format, const Shown **out) {
+    return find({number, utf8, false, format, nullptr, 0}, out);
+}
+
+LisResult findBuiltMessage(int64_t number, bool utf8, const char *key, const ArgumentType *arguments,
+                           int count, const Shown **out) {
+    return find({number, utf8, true, key, arguments, count}, out);
+}
+
+void releaseMessage(const Shown *shown) {
+    if (shown->temporary)
+        freeShown(const_cast<Shown *>(shown));
+}
+
+void addShown(Builder *builder, const Shown *shown, const Value *values, const char **payloads,
+              int hostErrno) {
+    for (size_t i = 0; i < shown->pieceCount; ++i) {
+        const ShownPiece &piece = shown->pieces[i];
+        const Conversion &conversion = piece.shown;
+        if (conversion.letter == '\0') {
+            addReady(builder, itemsOf(shown->texts) + piece.start, piece.size);
+        } else if (payloads != nullptr && (conversion.plain || conversion.type.what == CLASS_OPAQUE)) {
+            addCopy(builder, payloads[conversion.argument]);
+            if (conversion.type.what == CLASS_OPAQUE)
+                payloads[conversion.argument] = nullptr;
+        } else {
+            addConversion(builder, conversion, values[conversion.argument],
+                          sizeFrom(conversion.widthFrom, conversion.width, values),
+                          sizeFrom(conversion.precisionFrom, conversion.precision, values), true, hostErrno);
+        }
+    }
+}
+
+int shownArguments(const Shown *shown, const ArgumentType **types) {
+    *types = shown->arguments;
+    return shown->argumentCount;
+}
+
+LisResult addCatalog(const char *package) {
+    lockCatalogs();
+    LisResult result = readEnvironment();
+    const size_t before = catalogs.count;
+    if (result == LIS_OK)
+        result = addPackage(package, strlen(package));
+    if (catalogs.count != before)
+        __atomic_store_n(&catalogs.version, catalogs.version + 1, __ATOMIC_RELEASE);
+    unlockCatalogs();
+    return result;
+}

@@ -209,6 +209,7 @@ const char *parseConversion(const char *p, Conversion *conversion) {
     conversion->argument = position(&p);
     if (conversion->argument == FROM_NOWHERE)
         return nullptr;
+    conversion->numbered = conversion->argument >= 0;
     for (uint8_t flag = flagOf(*p); flag != 0; flag = flagOf(*p)) {
         conversion->flags |= flag;
         ++p;
@@ -224,7 +225,7 @@ const char *parseConversion(const char *p, Conversion *conversion) {
     if (!argumentType(*p, length, &conversion->type))
         return nullptr;
     conversion->letter = *p == 'C' ? 'c' : *p == 'S' ? 's' : *p;
-    if (conversion->type.what == CLASS_NONE && conversion->argument == FROM_NEXT)
+    if (conversion->type.what == CLASS_NONE)
         conversion->argument = FROM_NOWHERE;
     conversion->plain = looksPlain(*conversion);
     return p + 1;
@@ -271,18 +272,36 @@ int64_t narrowed(const ArgumentType &type, int64_t fetched) {
     }
 }
 
-// The conversion as snprintf takes it, with width and precision as arguments.
+// The conversion as snprintf takes it, with width and precision as arguments. One
+// that named its position does so again: the C library's look differs in places
+// ("%2$0*1$d" with a negative width fills up with zeros).
 void writeSpec(const Conversion &conversion, char *spec) {
+    const bool hasWidth = conversion.widthFrom != FROM_NOWHERE;
+    const bool hasPrecision = conversion.precisionFrom != FROM_NOWHERE;
+    char place = '1';
     *spec++ = '%';
+    if (conversion.numbered) {
+        *spec++ = static_cast<char>('1' + hasWidth + hasPrecision);
+        *spec++ = '$';
+    }
     for (const char *c = "-+ #0'I"; *c != '\0'; ++c) {
         if ((conversion.flags & flagOf(*c)) != 0)
             *spec++ = *c;
     }
-    if (conversion.widthFrom != FROM_NOWHERE)
+    if (hasWidth) {
         *spec++ = '*';
-    if (conversion.precisionFrom != FROM_NOWHERE) {
+        if (conversion.numbered) {
+            *spec++ = place++;
+            *spec++ = '$';
+        }
+    }
+    if (hasPrecision) {
         *spec++ = '.';
         *spec++ = '*';
+        if (conversion.numbered) {
+            *spec++ = place++;
+            *spec++ = '$';
+        }
     }
     const ArgumentType &type = conversion.type;
     const char *length = "";

@@ -92,6 +92,8 @@ void addNarrow(Builder *builder, ItemType type, const char *bytes, size_t count)
 void addWide(Builder *builder, const wchar_t *text);
 // Adds copies of whole items, padding included.
 void addReady(Builder *builder, const void *items, size_t size);
+// Adds a copy of the item whose payload is given.
+void addCopy(Builder *builder, const char *payload);
 // Room for rendering text in place: at least least bytes at the end, not yet part
 // of the block; null after a failure. addNarrow may be given that very place.
 char *scratchRoom(Builder *builder, size_t least, size_t *room);
@@ -165,7 +167,8 @@ struct Conversion {
     ArgumentType type;
     char letter;
     uint8_t flags;
-    bool plain; // typed rendering shows what the conversion shows
+    bool plain;    // typed rendering shows what the conversion shows
+    bool numbered; // it names its argument's position
     int argument;
     int widthFrom;
     int precisionFrom;
@@ -208,6 +211,11 @@ struct Program {
 // an index. Positions that are not used are invalid unless gapsAllowed.
 LisResult compileFormat(const char *format, bool gapsAllowed, Program **out);
 
+// The size of a width or precision, which may be an argument.
+inline int sizeFrom(int from, int inFormat, const Value *values) {
+    return from >= 0 ? static_cast<int>(values[from].integer) : inFormat;
+}
+
 struct ArgumentList {
     va_list list;
 };
@@ -228,12 +236,21 @@ struct Shown;
 // format takes. *out is null when no catalogue has the message, or when its
 // pattern does not fit the arguments. Cheap when the same was asked before.
 LisResult findMessage(int64_t number, bool utf8, const char *format, const Shown **out);
-// The same for the arguments of a block that was built item by item: one
-// ArgumentType for each of its items.
-LisResult findBuiltMessage(int64_t number, bool utf8, const ArgumentType *arguments, size_t count,
-                           const Shown **out);
+// The same for arguments of the given types; key stands for them, as a format does.
+LisResult findBuiltMessage(int64_t number, bool utf8, const char *key, const ArgumentType *arguments,
+                           int count, const Shown **out);
 // Ends the use of a *out that is not null.
 void releaseMessage(const Shown *shown);
 
-// Adds the items that the pattern makes of the arguments.
-void addShown(Builder *builder, const Shown *shown, ArgumentList *args, int hostErrno);
+// The types of the arguments that a message takes; yields how many.
+int shownArguments(const Shown *shown, const ArgumentType **types);
+
+// Adds the items that the pattern makes of the values. payloads: of the items
+// that the values were taken from, to be copied as they are where the pattern
+// shows them plainly; an opaque one that was copied becomes null. Null for the
+// arguments of a format.
+void addShown(Builder *builder, const Shown *shown, const Value *values, const char **payloads,
+              int hostErrno);
+
+// Adds a catalogue for the whole process: resource directory + "/" + resource name.
+LisResult addCatalog(const char *package);

@@ -7,9 +7,14 @@
 
 namespace {
 
-// The size that a width or precision has, which may come from the arguments.
-int sizeFrom(int from, int inFormat, const Value *values) {
-    return from >= 0 ? static_cast<int>(values[from].integer) : inFormat;
+// The values of all arguments: few where they fit there, else on the heap; null
+// without memory.
+Value *fetchAll(const ArgumentType *types, int count, ArgumentList *args, Value (&few)[STACK_ARGUMENTS]) {
+    const size_t size = static_cast<size_t>(count);
+    Value *values = size <= STACK_ARGUMENTS ? few : static_cast<Value *>(malloc(size * sizeof *values));
+    for (size_t i = 0; values != nullptr && i < size; ++i)
+        fetchValue(types[i], args, values + i);
+    return values;
 }
 
 // A format whose conversions name their positions.
@@ -20,20 +25,17 @@ void addPositional(Builder *builder, const char *format, ArgumentList *args, boo
     builder->result = compileFormat(format, false, &program);
     if (builder->result != LIS_OK)
         return;
-    const size_t count = static_cast<size_t>(program->argumentCount);
-    values = count <= STACK_ARGUMENTS ? few : static_cast<Value *>(malloc(count * sizeof *values));
+    values = fetchAll(program->arguments, program->argumentCount, args, few);
     if (values == nullptr) {
         builder->result = LIS_NO_MEMORY;
         goto out;
     }
-    for (size_t i = 0; i < count; ++i)
-        fetchValue(program->arguments[i], args, values + i);
     if (rawOnly) {
         // Each argument as it is first shown; a width or precision alone is none.
-        for (size_t i = 0; i < count; ++i) {
+        for (int i = 0; i < program->argumentCount; ++i) {
             for (size_t k = 0; k < program->pieceCount; ++k) {
                 const Conversion &shown = program->pieces[k].shown;
-                if (shown.letter == '\0' || shown.argument != static_cast<int>(i))
+                if (shown.letter == '\0' || shown.argument != i)
                     continue;
                 addConversion(builder, shown, values[i], sizeFrom(shown.widthFrom, shown.width, values),
                               sizeFrom(shown.precisionFrom, shown.precision, values), true, hostErrno);
@@ -98,6 +100,21 @@ void addFormatted(Builder *builder, const char *format, ArgumentList *args, bool
 
 namespace {
 
+// Adds the items that a catalogue's pattern makes of the arguments.
+void addFound(Builder *builder, const Shown *shown, ArgumentList *args, int hostErrno) {
+    const ArgumentType *types;
+    const int count = shownArguments(shown, &types);
+    Value few[STACK_ARGUMENTS];
+    Value *values = fetchAll(types, count, args, few);
+    if (values == nullptr) {
+        builder->result = LIS_NO_MEMORY;
+        return;
+    }
+    addShown(builder, shown, values, nullptr, hostErrno);
+    if (values != few)
+        free(values);
+}
+
 int32_t makeText(ZoltLisBlock *block, bool utf8, int64_t number, const char *format, ArgumentList *args) {
     const int hostErrno = errno;
     const Shown *shown = nullptr;
@@ -109,7 +126,7 @@ int32_t makeText(ZoltLisBlock *block, bool utf8, int64_t number, const char *for
     Builder builder;
     startBlock(&builder, utf8, 0);
     if (shown != nullptr) {
-        addShown(&builder, shown, args, hostErrno);
+        addFound(&builder, shown, args, hostErrno);
         releaseMessage(shown);
         number = 0;
     } else {

@@ -1,0 +1,263 @@
+// The calls of qdlis.h: catalogues, and blocks item by item.
+
+#include "lis.h"
+#include "qdlis.h"
+
+#include <errno.h>
+#include <stdlib.h>
+
+namespace {
+
+int64_t identityOf(ZoltLisBlock *block) {
+    int64_t identity = 0;
+    (void)zoltLisGetTextId(block, &identity);
+    return identity;
+}
+
+// Runs add on the block's builder. A failure leaves the block as it was.
+template<typename Add>
+int32_t addTo(ZoltLisBlock *block, Add add) {
+    if (block == nullptr || storageOf(block) == nullptr)
+        return LIS_INVALID;
+    const int64_t identity = identityOf(block);
+    Builder builder;
+    resumeBlock(&builder, block);
+    add(&builder);
+    const LisResult result = builder.result;
+    builder.result = LIS_OK;
+    (void)finishBlock(&builder, block, identity);
+    return result;
+}
+
+template<typename Plain>
+int32_t addPlain(ZoltLisBlock *block, ItemType type, const Plain &value) {
+    return addTo(block, [&](Builder *builder) { addValue(builder, type, value); });
+}
+
+int32_t addText(ZoltLisBlock *block, ItemType type, const char *text) {
+    if (text == nullptr)
+        return LIS_INVALID;
+    return addTo(block, [&](Builder *builder) { addNarrow(builder, type, text, strlen(text)); });
+}
+
+// ---- looking a built message up ---------------------------------------------------------
+
+const ArgumentType TYPES[] = {
+    {CLASS_CHAR, FETCH_WINT, 0, false, true},        // ITEM_WIDE_CHAR
+    {CLASS_INTEGER, FETCH_LONG, 64, true, false},    // ITEM_SIGNED
+    {CLASS_INTEGER, FETCH_LONG, 64, false, false},   // ITEM_UNSIGNED
+    {CLASS_FLOAT, FETCH_DOUBLE, 0, true, false},     // ITEM_DOUBLE
+    {CLASS_POINTER, FETCH_POINTER, 0, false, false}, // ITEM_POINTER
+    {CLASS_STRING, FETCH_POINTER, 0, false, true},   // ITEM_WIDE_STRING
+    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ITEM_OS_ERROR
+    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ITEM_OS_ERROR_OTHER
+    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ITEM_DATE_TIME
+    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ITEM_NESTED
+    {CLASS_STRING, FETCH_POINTER, 0, false, false},  // ITEM_UTF8_STRING
+    {CLASS_STRING, FETCH_POINTER, 0, false, false},  // ITEM_NATIVE_STRING
+};
+
+// The arguments of a built block: its items.
+struct BuiltArguments {
+    int count;
+    ArgumentType *types;
+    Value *values;
+    const char **payloads; // null for an opaque one that the message has taken
+    char *key;             // one letter for each item's type
+};
+
+void freeArguments(BuiltArguments *arguments) {
+    free(arguments->types);
+    free(arguments->values);
+    free(arguments->payloads);
+    free(arguments->key);
+}
+
+Value valueOf(uint32_t type, const char *payload) {
+    Value value = {};
+    switch (type) {
+    case ITEM_WIDE_CHAR: {
+        wchar_t character;
+        memcpy(&character, payload, sizeof character);
+        value.integer = character;
+        break;
+    }
+    case ITEM_SIGNED:
+    case ITEM_UNSIGNED:
+    case ITEM_DOUBLE:
+    case ITEM_POINTER:
+        memcpy(&value, payload, sizeof(int64_t));
+        break;
+    default:
+        value.pointer = payload;
+    }
+    return value;
+}
+
+// Where the item that starts at an offset of the storage has its payload; the
+// offset moves on to the next item.
+const char *nextPayload(Storage *storage, size_t *at, uint32_t *type) {
+    ItemWord word;
+    const char *item = itemsOf(storage) + *at;
+    memcpy(&word, item, sizeof word);
+    *type = itemType(word);
+    *at += sizeof word + padded(itemPayload(word));
+    return item + sizeof word;
+}
+
+// false without memory
+bool readArguments(Storage *storage, BuiltArguments *out) {
+    *out = {};
+    uint32_t type;
+    size_t count = 0;
+    for (size_t at = 0; at < storage->used; ++count)
+        (void)nextPayload(storage, &at, &type);
+    out->types = static_cast<ArgumentType *>(malloc((count + 1) * sizeof *out->types));
+    out->values = static_cast<Value *>(malloc((count + 1) * sizeof *out->values));
+    out->payloads = static_cast<const char **>(malloc((count + 1) * sizeof *out->payloads));
+    out->key = static_cast<char *>(malloc(count + 1));
+    if (out->types == nullptr || out->values == nullptr || out->payloads == nullptr || out->key == nullptr)
+        return false;
+    size_t i = 0;
+    for (size_t at = 0; at < storage->used; ++i) {
+        out->payloads[i] = nextPayload(storage, &at, &type);
+        out->types[i] = TYPES[type];
+        out->values[i] = valueOf(type, out->payloads[i]);
+        out->key[i] = static_cast<char>('a' + type);
+    }
+    out->key[i] = '\0';
+    out->count = static_cast<int>(i);
+    return true;
+}
+
+// Nested blocks that the message shows have moved there; the old storage no
+// longer owns them.
+void forgetTaken(const BuiltArguments &arguments) {
+    for (int i = 0; i < arguments.count; ++i) {
+        if (arguments.key[i] == 'a' + ITEM_NESTED && arguments.payloads[i] == nullptr)
+            *static_cast<ZoltLisBlock *>(const_cast<void *>(arguments.values[i].pointer)) = {};
+    }
+}
+
+// Makes block the shown message out of its own items.
+LisResult replaceItems(ZoltLisBlock *block, const Shown *shown, BuiltArguments *arguments) {
+    Builder builder;
+    startBlock(&builder, storageOf(block)->utf8, storageOf(block)->used);
+    addShown(&builder, shown, arguments->values, arguments->payloads, errno);
+    if (builder.result != LIS_OK && builder.storage != nullptr)
+        builder.storage->nested = false; // what was copied still belongs to the block
+    ZoltLisBlock made;
+    const int32_t result = finishBlock(&builder, &made, 0);
+    if (result != LIS_OK)
+        return static_cast<LisResult>(result);
+    forgetTaken(*arguments);
+    (void)zoltLisFree(block);
+    *block = made;
+    return LIS_OK;
+}
+
+} // namespace
+
+extern "C" int32_t qdlisAddCatalog(const char *package) {
+    return package == nullptr || *package == '\0' ? LIS_INVALID : addCatalog(package);
+}
+
+extern "C" int32_t qdlisBegin(ZoltLisBlock *block, uint32_t utf8, int64_t messageNumber) {
+    if (block == nullptr)
+        return LIS_INVALID;
+    Builder builder;
+    startBlock(&builder, utf8 != 0, 0);
+    return finishBlock(&builder, block, messageNumber);
+}
+
+extern "C" int32_t qdlisAddWideChar(ZoltLisBlock *block, wchar_t value) {
+    return addPlain(block, ITEM_WIDE_CHAR, value);
+}
+
+extern "C" int32_t qdlisAddSigned(ZoltLisBlock *block, int64_t value) {
+    return addPlain(block, ITEM_SIGNED, value);
+}
+
+extern "C" int32_t qdlisAddUnsigned(ZoltLisBlock *block, uint64_t value) {
+    return addPlain(block, ITEM_UNSIGNED, value);
+}
+
+extern "C" int32_t qdlisAddDouble(ZoltLisBlock *block, double value) {
+    return addPlain(block, ITEM_DOUBLE, value);
+}
+
+extern "C" int32_t qdlisAddPointer(ZoltLisBlock *block, const void *value) {
+    return addPlain(block, ITEM_POINTER, value);
+}
+
+extern "C" int32_t qdlisAddWideString(ZoltLisBlock *block, const wchar_t *text) {
+    if (text == nullptr)
+        return LIS_INVALID;
+    return addTo(block, [&](Builder *builder) { addWide(builder, text); });
+}
+
+extern "C" int32_t qdlisAddOsError(ZoltLisBlock *block, uint32_t kind, int64_t code) {
+    if (kind != QDLIS_ERRNO && kind != QDLIS_OTHER_ERROR)
+        return LIS_INVALID;
+    const ZoltLisOsError error = {kind, code};
+    return addPlain(block, kind == QDLIS_ERRNO ? ITEM_OS_ERROR : ITEM_OS_ERROR_OTHER, error);
+}
+
+extern "C" int32_t qdlisAddDateTime(ZoltLisBlock *block, int64_t seconds, int64_t nanoseconds) {
+    const ZoltLisDateTime time = {seconds, nanoseconds};
+    return addPlain(block, ITEM_DATE_TIME, time);
+}
+
+extern "C" int32_t qdlisAddUtf8String(ZoltLisBlock *block, const char *text) {
+    return addText(block, ITEM_UTF8_STRING, text);
+}
+
+extern "C" int32_t qdlisAddNativeString(ZoltLisBlock *block, const char *text) {
+    return addText(block, ITEM_NATIVE_STRING, text);
+}
+
+extern "C" int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested) {
+    if (nested == nullptr || nested == block || storageOf(nested) == nullptr)
+        return LIS_INVALID;
+    const int32_t result = addPlain(block, ITEM_NESTED, *nested);
+    if (result == LIS_OK)
+        *nested = {};
+    return result;
+}
+
+extern "C" int32_t qdlisLookUp(ZoltLisBlock *block) {
+    if (block == nullptr || storageOf(block) == nullptr)
+        return LIS_INVALID;
+    const int64_t number = identityOf(block);
+    if (number == 0)
+        return LIS_OK;
+    BuiltArguments arguments;
+    LisResult result = LIS_NO_MEMORY;
+    if (readArguments(storageOf(block), &arguments)) {
+        const Shown *shown = nullptr;
+        result = findBuiltMessage(number, storageOf(block)->utf8, arguments.key, arguments.types,
+                                  arguments.count, &shown);
+        if (shown != nullptr) {
+            result = replaceItems(block, shown, &arguments);
+            releaseMessage(shown);
+        }
+    }
+    freeArguments(&arguments);
+    return result;
+}
+
+extern "C" int32_t qdlisPatternArguments(const char *pattern, char *letters, size_t size) {
+    static const char LETTERS[] = {'-', 'd', 'f', 'c', 's', 'p'}; // in the order of ArgumentClass
+    if (pattern == nullptr || letters == nullptr || size == 0)
+        return LIS_INVALID;
+    Program *program;
+    const LisResult result = compileFormat(pattern, true, &program);
+    if (result != LIS_OK)
+        return result;
+    size_t i = 0;
+    for (; i < static_cast<size_t>(program->argumentCount) && i < size - 1; ++i)
+        letters[i] = LETTERS[program->arguments[i].what];
+    letters[i] = '\0';
+    free(program);
+    return LIS_OK;
+}
