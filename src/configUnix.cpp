@@ -1,0 +1,137 @@
+// System-log settings and log file permissions: accessors, facility names, and the
+// four keys that end every section.
+#include "config.h"
+
+#include "cmn_routines.h"
+
+#include <string.h>
+
+static const uint32_t INVALID_SECTION = STORE_INVALID_ARGUMENT; // of the two section operations
+static const CfgKeyId SECTION_KEYS[] = {CFG_KEY_OSLOG_IDENT, CFG_KEY_OSLOG_OPTION, CFG_KEY_OSLOG_FACILITY,
+                                        CFG_KEY_PERMISSIONS};
+
+struct FacilityName {
+    const char *name;
+    uint32_t facility;
+};
+static const FacilityName FACILITIES[] = {
+    {"LOG_KERN", 0},     {"LOG_USER", 8},     {"LOG_MAIL", 16},    {"LOG_DAEMON", 24},  {"LOG_AUTH", 32},
+    {"LOG_LPR", 48},     {"LOG_NEWS", 56},    {"LOG_UUCP", 64},    {"LOG_CRON", 72},    {"LOG_LOCAL0", 128},
+    {"LOG_LOCAL1", 136}, {"LOG_LOCAL2", 144}, {"LOG_LOCAL3", 152}, {"LOG_LOCAL4", 160}, {"LOG_LOCAL5", 168},
+    {"LOG_LOCAL6", 176}, {"LOG_LOCAL7", 184},
+};
+
+uint32_t strToFacility(const char *name) {
+    if (name != nullptr) {
+        for (const FacilityName &row : FACILITIES) {
+            if (strcmp(row.name, name) == 0)
+                return row.facility;
+        }
+    }
+    return 0;
+}
+
+const char *facilityToStr(uint32_t facility) {
+    for (const FacilityName &row : FACILITIES) {
+        if (row.facility == facility)
+            return row.name;
+    }
+    return nullptr;
+}
+
+// ---- accessors ---------------------------------------------------------------------------
+
+static uint32_t changed(LogCfg *cfg, CfgKeyId id) {
+    cfg->changedMask |= CFG_KEYS[id].mask;
+    return ZOLTLOG_OK;
+}
+
+uint32_t zoltLogCfgSetSyslogFacility(LogCfg *cfg, uint32_t facility) {
+    if (cfg == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    cfg->oslog.facility = facility;
+    return changed(cfg, CFG_KEY_OSLOG_FACILITY);
+}
+
+uint32_t zoltLogCfgGetSyslogFacility(LogCfg *cfg, uint32_t *facility) {
+    if (cfg == nullptr || facility == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *facility = cfg->oslog.facility;
+    return ZOLTLOG_OK;
+}
+
+uint32_t zoltLogCfgSetSyslogOpt(LogCfg *cfg, uint32_t option) {
+    if (cfg == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    cfg->oslog.option = option;
+    return changed(cfg, CFG_KEY_OSLOG_OPTION);
+}
+
+uint32_t zoltLogCfgGetSyslogOpt(LogCfg *cfg, uint32_t *option) {
+    if (cfg == nullptr || option == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *option = cfg->oslog.option;
+    return ZOLTLOG_OK;
+}
+
+// An identity of 80 bytes and more fills the field and leaves it without a terminator.
+uint32_t zoltLogCfgSetSyslogIdent(LogCfg *cfg, const char *ident) {
+    if (cfg == nullptr || ident == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    const size_t length = strnlen(ident, sizeof cfg->oslog.ident);
+    memmove(cfg->oslog.ident, ident, length);
+    memset(cfg->oslog.ident + length, 0, sizeof cfg->oslog.ident - length);
+    return changed(cfg, CFG_KEY_OSLOG_IDENT);
+}
+
+uint32_t zoltLogCfgGetSyslogIdent(LogCfg *cfg, char **out) {
+    if (cfg == nullptr || out == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    char ident[sizeof cfg->oslog.ident + 1] = "";
+    memcpy(ident, cfg->oslog.ident, strnlen(cfg->oslog.ident, sizeof cfg->oslog.ident));
+    *out = zoltLogSafeStrdup(ident);
+    return *out != nullptr ? ZOLTLOG_OK : ZOLTLOG_NO_MEMORY;
+}
+
+// KEPT: the decimal digits of the number are tested as if they were the octal ones, so 0755
+// and 0600 are refused. Pinned by ConfigUnix.PermissionsAreTestedByTheirDecimalDigits.
+uint32_t zoltLogCfgSetLogFilePermissions(LogCfg *cfg, uint64_t mode) {
+    if (cfg == nullptr || mode >= 778 || mode % 100 > 79 || mode % 10 > 7)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    cfg->permissions.mode = static_cast<uint32_t>(mode);
+    return changed(cfg, CFG_KEY_PERMISSIONS);
+}
+
+uint32_t zoltLogCfgGetLogFilePermissions(LogCfg *cfg, uint64_t *mode) {
+    if (cfg == nullptr || mode == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    *mode = cfg->permissions.mode;
+    return ZOLTLOG_OK;
+}
+
+// ---- the keys in a section -----------------------------------------------------------------
+
+uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter) {
+    if (cfg == nullptr || section == nullptr || counter == nullptr)
+        return INVALID_SECTION;
+    unsigned long scratch = 0;
+    uint32_t result = STORE_OK;
+    for (const CfgKeyId id : SECTION_KEYS) {
+        char value[STORE_VALUE_SIZE];
+        result = storeLookup(section, CFG_KEYS[id].name, value);
+        if (result == STORE_OK && !cfgApplyValue(cfg, id, value, false, &scratch))
+            result = STORE_NOT_FOUND;
+        if (result == STORE_OK)
+            ++*counter;
+    }
+    return result; // of the last key, the permissions
+}
+
+uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section) {
+    if (cfg == nullptr || section == nullptr)
+        return INVALID_SECTION;
+    uint32_t result = STORE_OK;
+    for (const CfgKeyId id : SECTION_KEYS)
+        (void)cfgWriteKey(cfg, id, section, &result);
+    return result;
+}

@@ -1,0 +1,83 @@
+// Following the product's file while a handle is open, and the product's own switch for
+// application messages.
+//
+// zoltDynaLoadConfig stands before every debug and diagnostic message, so a handle that
+// does not reload costs one load, one that does costs one time call until a check is due.
+// The handle's levels and times are read here without the lock, hence the atomic accesses.
+#include "config.h"
+
+#include "lockUnix.h"
+
+#include <sys/stat.h>
+#include <time.h>
+
+static const int32_t SHORTEST_INTERVAL = 60; // seconds
+
+template<typename T>
+static T load(const T *field) {
+    return __atomic_load_n(field, __ATOMIC_RELAXED);
+}
+
+template<typename T>
+static void store(T *field, T value) {
+    __atomic_store_n(field, value, __ATOMIC_RELAXED);
+}
+
+// Whether the product's file has changed since the handle last saw it. A file whose status
+// cannot be told counts as unchanged: the handle keeps its levels.
+static bool isFileChanged(LogHandle *handle) {
+    char *location = nullptr;
+    if (GetProductCfgPath(GetZoltLogCfgLoc(), handle->file->productId, &location) != ZOLTLOG_OK)
+        return false;
+    struct stat status;
+    const bool known = stat(location, &status) == 0;
+    zoltLogFree(location);
+    const int64_t modified = known ? status.st_mtime : load(&handle->cfgTimestamp);
+    if (modified == load(&handle->cfgTimestamp))
+        return false;
+    store(&handle->cfgTimestamp, modified);
+    return true;
+}
+
+// Adopts the levels and the interval, and nothing else.
+static void reload(LogHandle *handle) {
+    LogCfg cfg = {};
+    if (zoltLogReadCfg(handle->file->productId, handle->originatorId, &cfg) == ZOLTLOG_OK) {
+        const GlobalLock lock(TAG_DYNA_LOAD_CONFIG);
+        store(&handle->debugLevel, cfg.debugLevel);
+        store(&handle->diagLevel, cfg.diagLevel);
+        store(&handle->reloadInterval, cfg.reloadInterval);
+    }
+    (void)zoltLogFreeCfg(&cfg);
+}
+
+uint32_t zoltDynaLoadConfig(LogHandle *handle) {
+    if (handle == nullptr || handle->file == nullptr)
+        return ZOLTLOG_OK;
+    const uint32_t seconds = load(&handle->reloadInterval);
+    if (seconds == 0)
+        return ZOLTLOG_OK;
+    auto interval = static_cast<int32_t>(seconds);
+    if (interval < SHORTEST_INTERVAL)
+        interval = SHORTEST_INTERVAL;
+    const int64_t now = time(nullptr);
+    if (now - load(&handle->lastReloadCheck) <= interval)
+        return ZOLTLOG_OK;
+    store(&handle->lastReloadCheck, now);
+    if (isFileChanged(handle))
+        reload(handle);
+    return ZOLTLOG_OK;
+}
+
+uint32_t GetProductLoggingLevel(const char *location, uint64_t productId, uint32_t *enabled) {
+    if (enabled == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    char section[CFG_ID_SIZE];
+    cfgIdText(productId, section);
+    PropertyStore main;
+    if (location == nullptr || utiOpenPropertyStore(location, section, &main) != STORE_OK)
+        return ZOLTLOG_CFG_NOT_FOUND;
+    const uint32_t result = utiGetPropertyAsBool(&main, CFG_PRODUCT_APP_MSG, enabled);
+    (void)utiClosePropertyStore(&main);
+    return utipsres2zoltlogres(result);
+}

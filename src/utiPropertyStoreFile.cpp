@@ -1,0 +1,361 @@
+// The property store in a file: syntax, open and close, lookups, enumerations.
+// Rewriting is in utiPropertyStoreFile_rewrite.cpp, reading many keys in one pass in
+// utiPropertyStoreFile_index.cpp.
+//
+// Sections: lines and their parts; opening and reading lines; lookups and typed
+// values; enumerations.
+//
+// The exported operations read through the handle's stream, which stays where the
+// last one left it: enumerations go on from there.
+#include "utiPropertyStoreFile.h"
+
+#include "cmn_routines.h"
+#include "os.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+static_assert(offsetof(PropertyStore, stream) == 0 && offsetof(PropertyStore, root) == sizeof(FILE *) &&
+              offsetof(PropertyStore, path) == sizeof(FILE *) + 400 && sizeof(PropertyStore::path) == 400);
+
+// ---- lines and their parts -------------------------------------------------------
+
+// The text of a line is what precedes its first NUL byte.
+static StoreText textOf(StoreText line) {
+    return {line.text, strnlen(line.text, line.size)};
+}
+
+static size_t positionOf(StoreText text, char wanted) { // text.size when there is none
+    const void *at = memchr(text.text, wanted, text.size);
+    return at != nullptr ? static_cast<size_t>(static_cast<const char *>(at) - text.text) : text.size;
+}
+
+static bool equals(StoreText text, const char *wanted, size_t length) {
+    return text.size == length && memcmp(text.text, wanted, length) == 0;
+}
+
+// The next token of what is left: delimiters before it are skipped, those after it stay.
+static StoreText nextToken(StoreText *left, const char *delimiters) {
+    const auto isDelimiter = [delimiters](char c) { return c != '\0' && strchr(delimiters, c) != nullptr; };
+    while (left->size > 0 && isDelimiter(*left->text)) {
+        ++left->text;
+        --left->size;
+    }
+    StoreText token = {left->text, 0};
+    while (token.size < left->size && !isDelimiter(token.text[token.size]))
+        ++token.size;
+    left->text += token.size;
+    left->size -= token.size;
+    return token;
+}
+
+bool storeLineHasKey(StoreText line, const char *root, const char *name) {
+    line = textOf(line);
+    StoreText key = {line.text, positionOf(line, '=')};
+    if (key.size == line.size)
+        return false;
+    if (root != nullptr) {
+        const size_t length = strlen(root);
+        if (key.size <= length || memcmp(key.text, root, length) != 0 || key.text[length] != '.')
+            return false;
+        key.text += length + 1;
+        key.size -= length + 1;
+    }
+    return equals(key, name, strlen(name));
+}
+
+bool storeLineValue(StoreText line, char value[STORE_VALUE_SIZE]) {
+    line = textOf(line);
+    const size_t equal = positionOf(line, '=');
+    if (equal + 1 >= line.size)
+        return false;
+    StoreText rest = {line.text + equal + 1, line.size - equal - 1};
+    rest.size = positionOf(rest, '=');
+    const void *feed = memrchr(rest.text, '\n', rest.size);
+    if (feed != nullptr)
+        rest.size = static_cast<size_t>(static_cast<const char *>(feed) - rest.text);
+    if (rest.size > STORE_VALUE_SIZE - 1) {
+        rest.size = STORE_VALUE_SIZE - 1;
+        while (rest.size > 0 && (static_cast<unsigned char>(rest.text[rest.size]) & 0xC0) == 0x80)
+            --rest.size; // half a character could not be converted
+    }
+    memcpy(value, rest.text, rest.size);
+    value[rest.size] = '\0';
+    return true;
+}
+
+bool storeLineInSection(StoreText line, const char *section, const char *delimiters) {
+    line = textOf(line);
+    const StoreText first = nextToken(&line, delimiters);
+    size_t length = strlen(section);
+    if (!equals(first, STORE_LOGSET_TOKEN, STORE_LOGSET_TOKEN_LENGTH))
+        return equals(first, section, length);
+    const StoreText second = nextToken(&line, delimiters);
+    if (length <= STORE_LOGSET_TOKEN_LENGTH ||
+        memcmp(section, STORE_LOGSET_TOKEN, STORE_LOGSET_TOKEN_LENGTH) != 0 ||
+        section[STORE_LOGSET_TOKEN_LENGTH] != '.')
+        return false;
+    section += STORE_LOGSET_TOKEN_LENGTH + 1;
+    length -= STORE_LOGSET_TOKEN_LENGTH + 1;
+    return equals(second, section, length);
+}
+
+bool storeLineHasFirstToken(StoreText line, const char *name) {
+    line = textOf(line);
+    return equals(nextToken(&line, ".="), name, strlen(name));
+}
+
+static bool isComment(StoreText line) {
+    size_t i = 0;
+    while (i < line.size && line.text[i] == ' ')
+        ++i;
+    return i < line.size && line.text[i] == '#';
+}
+
+int32_t IscommentFile(const char *line) {
+    return line != nullptr && isComment({line, strlen(line)}) ? 1 : 0;
+}
+
+StoreText storeSectionName(StoreText line) {
+    line = textOf(line);
+    if (isComment(line))
+        return {nullptr, 0};
+    const StoreText name = {line.text, positionOf(line, '.')};
+    if (name.size == line.size || positionOf(name, '=') != name.size)
+        return {nullptr, 0};
+    return name;
+}
+
+StoreText storeLogsetName(StoreText line) {
+    line = textOf(line);
+    if (line.size < STORE_LOGSET_TOKEN_LENGTH ||
+        memcmp(line.text, STORE_LOGSET_TOKEN, STORE_LOGSET_TOKEN_LENGTH) != 0)
+        return {nullptr, 0};
+    (void)nextToken(&line, ".");
+    const StoreText name = nextToken(&line, ".");
+    return name.size > 0 ? name : StoreText{nullptr, 0};
+}
+
+// ---- opening and reading lines -----------------------------------------------------
+
+int storeOpenForReading(const char *path) {
+    int descriptor = -1;
+    if (openDescriptor(path, OPEN_READ, 0, &descriptor) != OS_OK)
+        return -1;
+    struct stat status;
+    if (fstat(descriptor, &status) == 0 &&
+        (S_ISREG(status.st_mode) || (S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3))))
+        return descriptor;
+    close(descriptor);
+    errno = EINVAL;
+    return -1;
+}
+
+// Copies a text into a field, which may be the text itself, and cuts what does not fit.
+template<size_t N>
+static void copyBounded(char (&field)[N], const char *text) {
+    const size_t length = strnlen(text, N - 1);
+    memmove(field, text, length);
+    field[length] = '\0';
+}
+
+uint32_t utiOpenPropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
+    if (path == nullptr || root == nullptr || store == nullptr)
+        return STORE_INVALID_ARGUMENT;
+    FILE *stream = nullptr;
+    const int descriptor = storeOpenForReading(path);
+    if (descriptor >= 0) {
+        stream = fdopen(descriptor, "r");
+        if (stream == nullptr)
+            close(descriptor);
+    }
+    store->stream = stream;
+    if (stream == nullptr)
+        return STORE_NO_FILE;
+    copyBounded(store->root, root);
+    copyBounded(store->path, path);
+    return STORE_OK;
+}
+
+uint32_t utiClosePropertyStoreFile(PropertyStore *store) {
+    if (store == nullptr)
+        return STORE_INVALID_ARGUMENT;
+    if (store->stream != nullptr)
+        (void)fclose(store->stream); // nothing was written through it
+    store->stream = nullptr;
+    return STORE_OK;
+}
+
+// The next line from the stream's position on. False at the end.
+static bool readLine(FILE *stream, char buffer[STORE_LINE_MAX], StoreText *line) {
+    size_t size = 0;
+    int c = 0;
+    while (size < STORE_LINE_MAX && c != '\n' && (c = getc_unlocked(stream)) != EOF)
+        buffer[size++] = static_cast<char>(c);
+    *line = {buffer, size};
+    return size > 0;
+}
+
+static const size_t READER_BUFFER_SIZE = 65536;
+
+bool storeReaderInit(StoreReader *reader, int descriptor) {
+    *reader = {};
+    reader->descriptor = descriptor;
+    reader->atEnd = descriptor < 0;
+    reader->buffer = static_cast<char *>(zoltLogMalloc(READER_BUFFER_SIZE));
+    return reader->buffer != nullptr;
+}
+
+static void fillReader(StoreReader *reader) {
+    memmove(reader->buffer, reader->buffer + reader->begin, reader->end - reader->begin);
+    reader->end -= reader->begin;
+    reader->begin = 0;
+    const ssize_t count =
+        read(reader->descriptor, reader->buffer + reader->end, READER_BUFFER_SIZE - reader->end);
+    if (count > 0) {
+        reader->end += static_cast<size_t>(count);
+    } else if (count == 0 || errno != EINTR) {
+        reader->atEnd = true;
+        reader->failed = count < 0;
+    }
+}
+
+bool storeReaderNext(StoreReader *reader, StoreText *line) {
+    for (;;) {
+        const size_t left = reader->end - reader->begin;
+        *line = storeLine(reader->buffer + reader->begin, left);
+        if (line->size == STORE_LINE_MAX || (line->size > 0 && line->text[line->size - 1] == '\n') ||
+            reader->atEnd)
+            break;
+        fillReader(reader);
+    }
+    reader->begin += line->size;
+    return line->size > 0;
+}
+
+void storeReaderFree(StoreReader *reader) {
+    zoltLogFree(reader->buffer);
+    reader->buffer = nullptr;
+}
+
+// ---- lookups and typed values --------------------------------------------------------
+
+uint32_t storeLookup(PropertyStore *store, const char *name, char value[STORE_VALUE_SIZE]) {
+    if (store == nullptr || store->stream == nullptr || name == nullptr)
+        return STORE_NOT_FOUND;
+    rewind(store->stream);
+    char buffer[STORE_LINE_MAX];
+    StoreText line;
+    while (readLine(store->stream, buffer, &line)) {
+        // KEPT: with an empty root the key looked for begins with a '.', although a set
+        // writes the name alone. Pinned by PropertyStore.AnEmptyRootLooksForADotAndWritesTheNameAlone.
+        if (storeLineHasKey(line, store->root, name) && storeLineValue(line, value))
+            return STORE_OK;
+    }
+    return STORE_NOT_FOUND;
+}
+
+char *storeValueText(const char *value) {
+    char *text = nullptr;
+    if (isPlainAscii(value, strlen(value)) && localeKeepsAscii())
+        text = zoltLogSafeStrdup(value);
+    else if (utf82mbs(&text, value) != ZOLTLOG_OK)
+        return nullptr;
+    if (text != nullptr) {
+        size_t length = strlen(text);
+        while (length > 0 && text[length - 1] == ' ')
+            --length;
+        text[length] = '\0';
+    }
+    return text;
+}
+
+unsigned long storeValueNumber(const char *value) {
+    return strtoul(value, nullptr, 10);
+}
+
+uint32_t storeValueBool(const char *value) {
+    return strcoll(value, "true") == 0 ? 1 : 0;
+}
+
+uint32_t utiGetPropertyAsUlongFile(PropertyStore *store, const char *name, unsigned long *out) {
+    char value[STORE_VALUE_SIZE];
+    if (out == nullptr || storeLookup(store, name, value) != STORE_OK)
+        return STORE_NOT_FOUND;
+    *out = storeValueNumber(value);
+    return STORE_OK;
+}
+
+uint32_t utiGetPropertyAsBoolFile(PropertyStore *store, const char *name, uint32_t *out) {
+    char value[STORE_VALUE_SIZE];
+    if (out == nullptr || storeLookup(store, name, value) != STORE_OK)
+        return STORE_NOT_FOUND;
+    *out = storeValueBool(value);
+    return STORE_OK;
+}
+
+uint32_t utiGetPropertyAsStrFile(PropertyStore *store, const char *name, char **out) {
+    char value[STORE_VALUE_SIZE];
+    if (out == nullptr || storeLookup(store, name, value) != STORE_OK)
+        return STORE_NOT_FOUND;
+    char *text = storeValueText(value);
+    if (text == nullptr)
+        return STORE_NOT_FOUND;
+    *out = text;
+    return STORE_OK;
+}
+
+// ---- enumerations ----------------------------------------------------------------------
+
+// Hands out a name that differs from the one in the caller's buffer: STORE_OK,
+// STORE_NOT_WRITTEN when the buffer is too small, STORE_NO_MORE when it does not differ.
+static uint32_t giveName(StoreText found, char *name, uint32_t *size) {
+    if (equals(found, name, strnlen(name, *size)))
+        return STORE_NO_MORE;
+    if (found.size >= *size)
+        return STORE_NOT_WRITTEN;
+    memcpy(name, found.text, found.size);
+    name[found.size] = '\0';
+    *size = static_cast<uint32_t>(found.size);
+    return STORE_OK;
+}
+
+static uint32_t enumerate(PropertyStore *store, StoreText (*nameOf)(StoreText), char *name, uint32_t *size) {
+    if (store == nullptr || store->stream == nullptr || name == nullptr || size == nullptr || *size == 0)
+        return STORE_INVALID_ARGUMENT;
+    char buffer[STORE_LINE_MAX];
+    StoreText line;
+    while (readLine(store->stream, buffer, &line)) {
+        const StoreText found = nameOf(line);
+        const uint32_t result = found.text != nullptr ? giveName(found, name, size) : STORE_NO_MORE;
+        if (result != STORE_NO_MORE)
+            return result;
+    }
+    return STORE_NO_MORE;
+}
+
+uint32_t utiEnumProductIdFile(PropertyStore *store, uint32_t ignored, char *name, uint32_t *size) {
+    (void)ignored;
+    return enumerate(store, storeSectionName, name, size);
+}
+
+uint32_t utiEnumLogsetForProductIdFile(PropertyStore *store, uint32_t ignored, char *name, uint32_t *size) {
+    (void)ignored;
+    return enumerate(store, storeLogsetName, name, size);
+}
+
+uint32_t storeIndexNext(StoreIndex *index, StoreText (*nameOf)(StoreText), char *name, uint32_t *size) {
+    while (index->cursor < index->size) {
+        const StoreText line = storeLine(index->bytes + index->cursor, index->size - index->cursor);
+        index->cursor += line.size;
+        const StoreText found = nameOf(line);
+        const uint32_t result = found.text != nullptr ? giveName(found, name, size) : STORE_NO_MORE;
+        if (result != STORE_NO_MORE)
+            return result;
+    }
+    return STORE_NO_MORE;
+}

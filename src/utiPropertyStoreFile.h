@@ -1,0 +1,136 @@
+// The property store's file syntax and the ways of reading a file in one pass,
+// for the store's own files and for the configuration units.
+//
+//     file    = { line }
+//     line    = up to STORE_LINE_MAX bytes, the last one a line feed except where a
+//               longer line is cut or the file ends
+//     line    = key "=" value [ "=" ignored ] | comment | other
+//     key     = section "." name | name
+//     section = text without "." and "=" | "LOGSET." text without "." and "="
+//     comment = { " " } "#" ...
+//
+// A line's text ends at a NUL byte; copying a line keeps what follows it.
+#pragma once
+
+#include "zoltlog.h"
+
+#include <string.h>
+
+enum : uint32_t { // store results; utipsres2zoltlogres maps them to the library's
+    STORE_OK = 0,
+    STORE_INVALID_ARGUMENT = 1,
+    STORE_NO_FILE = 2,
+    STORE_NOT_FOUND = 3,
+    STORE_NOT_CREATED = 5,
+    STORE_NOT_WRITTEN = 6,
+    STORE_NO_MORE = 7,
+    STORE_NO_SECTION = 8
+};
+
+inline constexpr size_t STORE_LINE_MAX = 499;          // bytes handled as one line
+inline constexpr size_t STORE_VALUE_SIZE = 400;        // a value read back, with its terminator
+inline constexpr char STORE_LOGSET_TOKEN[] = "LOGSET"; // first token of a log set's lines
+inline constexpr size_t STORE_LOGSET_TOKEN_LENGTH = sizeof STORE_LOGSET_TOKEN - 1;
+
+struct StoreText { // bytes of a file, not terminated
+    const char *text;
+    size_t size;
+};
+
+// ---- lines ---------------------------------------------------------------------
+
+// The next line at the start of what is left of a file.
+inline StoreText storeLine(const char *text, size_t left) {
+    const size_t longest = left < STORE_LINE_MAX ? left : STORE_LINE_MAX;
+    const void *feed = memchr(text, '\n', longest);
+    return {text,
+            feed != nullptr ? static_cast<size_t>(static_cast<const char *>(feed) - text) + 1 : longest};
+}
+
+// Whether the part of a line before its first '=' is root "." name, or name alone
+// when root is null.
+bool storeLineHasKey(StoreText line, const char *root, const char *name);
+
+// The value of a line that has a key: what follows its first '=', up to the next one.
+// False when nothing follows. A value that does not fit is cut between characters.
+bool storeLineValue(StoreText line, char value[STORE_VALUE_SIZE]);
+
+// Whether a line belongs to a section; delimiters are those that end a token.
+bool storeLineInSection(StoreText line, const char *section, const char *delimiters);
+
+// Whether a line's first token, which ends at '.' or '=', is the name.
+bool storeLineHasFirstToken(StoreText line, const char *name);
+
+// The section name that a line gives to an enumeration; an empty text pointer when none.
+StoreText storeSectionName(StoreText line);
+StoreText storeLogsetName(StoreText line);
+
+// ---- files ---------------------------------------------------------------------
+
+// A descriptor on a regular file or the null device for reading, as openDescriptor
+// gives them; -1 with errno otherwise. Other devices may never end.
+int storeOpenForReading(const char *path);
+
+struct StoreReader { // reads a descriptor line by line; memory of its own
+    int descriptor;
+    char *buffer;
+    size_t begin, end;
+    bool atEnd, failed;
+};
+bool storeReaderInit(StoreReader *reader, int descriptor);  // false: out of memory
+bool storeReaderNext(StoreReader *reader, StoreText *line); // line stays until the next call
+void storeReaderFree(StoreReader *reader);                  // the descriptor stays open
+
+// The raw value of a name in the handle's section; STORE_NOT_FOUND when there is none.
+uint32_t storeLookup(PropertyStore *store, const char *name, char value[STORE_VALUE_SIZE]);
+
+// The value's text as utiGetPropertyAsStr gives it: in the locale's encoding, without
+// trailing spaces, a new block; null when it cannot be converted.
+char *storeValueText(const char *value);
+unsigned long storeValueNumber(const char *value);
+uint32_t storeValueBool(const char *value);
+
+// Opens a section for writing and makes the file when there is none, so that two
+// processes that do so at once both keep what they write.
+uint32_t storeOpenOrCreate(const char *path, const char *root, PropertyStore *store);
+
+// Removes a file in which no section is left; STORE_OK also when there is one.
+uint32_t storeRemoveIfEmpty(const char *path);
+
+// ---- many keys at once -----------------------------------------------------------
+
+// The names looked for and what a pass found: the first line of each, cut to its value.
+struct StoreSection {
+    const char *root;
+    const char *const *names;
+    size_t count;
+    char (*values)[STORE_VALUE_SIZE];
+    bool *found;
+};
+
+// Reads several sections of one file in one pass over it. STORE_NO_FILE when it cannot
+// be opened, STORE_NOT_WRITTEN when memory runs out.
+uint32_t storeReadSections(const char *path, StoreSection *sections, size_t count);
+
+// A whole file in memory with its sections indexed; each line is read once.
+struct StoreRun { // consecutive lines of one section
+    size_t begin, end;
+    size_t nameSize;
+    uint32_t hash;
+    uint32_t next; // next run of the same section, by position + 1; 0 at the last one
+    uint32_t last; // of a section's first run: its last run, by position
+};
+struct StoreIndex {
+    char *bytes;
+    size_t size;
+    StoreRun *runs;
+    uint32_t runCount, runCapacity;
+    uint32_t *slots; // first run of a section, by position + 1; 0 when free
+    uint32_t slotCount;
+    size_t cursor; // where the enumeration goes on
+};
+uint32_t storeIndexLoad(StoreIndex *index, const char *path); // results of storeReadSections
+void storeIndexFree(StoreIndex *index);
+void storeIndexRead(const StoreIndex *index, StoreSection *section);
+// The enumerations of the store over the index, from its cursor on.
+uint32_t storeIndexNext(StoreIndex *index, StoreText (*nameOf)(StoreText), char *name, uint32_t *size);

@@ -1,0 +1,217 @@
+// Reading many keys of a property store file in one pass, with the same answers as
+// one lookup per key: the first line of a key wins, lines are cut at STORE_LINE_MAX.
+#include "utiPropertyStoreFile.h"
+
+#include "os.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+// Takes a line over if it holds a name still missing in a section of this root.
+static void takeLine(StoreSection *section, size_t rootLength, StoreText line) {
+    const StoreText name = {line.text + rootLength + 1, line.size - rootLength - 1};
+    for (size_t i = 0; i < section->count; ++i) {
+        if (!section->found[i] && *section->names[i] == *name.text &&
+            storeLineHasKey(name, nullptr, section->names[i])) {
+            section->found[i] = storeLineValue(name, section->values[i]);
+            return;
+        }
+    }
+}
+
+// A root with a '=' in it is no part of any key.
+static bool canHoldKeys(const char *root) {
+    return strchr(root, '=') == nullptr;
+}
+
+uint32_t storeReadSections(const char *path, StoreSection *sections, size_t count) {
+    static const size_t SECTIONS_MAX = 4;
+    if (path == nullptr || count > SECTIONS_MAX)
+        return STORE_INVALID_ARGUMENT;
+    size_t rootLengths[SECTIONS_MAX];
+    for (size_t i = 0; i < count; ++i)
+        rootLengths[i] = strnlen(sections[i].root, sizeof(PropertyStore::root) - 1); // as a handle's
+    const int descriptor = storeOpenForReading(path);
+    if (descriptor < 0)
+        return STORE_NO_FILE;
+    StoreReader reader;
+    uint32_t result = STORE_NOT_WRITTEN;
+    if (storeReaderInit(&reader, descriptor)) {
+        StoreText line;
+        while (storeReaderNext(&reader, &line)) {
+            for (size_t i = 0; i < count; ++i) {
+                const size_t length = rootLengths[i];
+                if (line.size > length + 1 && line.text[length] == '.' &&
+                    memcmp(line.text, sections[i].root, length) == 0 && canHoldKeys(sections[i].root))
+                    takeLine(&sections[i], length, line);
+            }
+        }
+        result = STORE_OK;
+    }
+    storeReaderFree(&reader);
+    close(descriptor);
+    return result;
+}
+
+// ---- the index ---------------------------------------------------------------------
+
+// A line is filed under what precedes its first '.', or its second one if it begins
+// with "LOGSET.": the roots under which the enumerated names are read.
+static bool isLogsetToken(const char *text, size_t length) {
+    return length == STORE_LOGSET_TOKEN_LENGTH && memcmp(text, STORE_LOGSET_TOKEN, length) == 0;
+}
+
+static size_t filingLength(StoreText line) {
+    const auto *dot = static_cast<const char *>(memchr(line.text, '.', line.size));
+    if (dot == nullptr)
+        return 0;
+    auto length = static_cast<size_t>(dot - line.text);
+    if (isLogsetToken(line.text, length)) {
+        dot = static_cast<const char *>(memchr(dot + 1, '.', line.size - length - 1));
+        if (dot != nullptr)
+            length = static_cast<size_t>(dot - line.text);
+    }
+    return length;
+}
+
+static uint32_t hashOf(const char *text, size_t size) {
+    uint32_t hash = 2166136261U;
+    for (size_t i = 0; i < size; ++i)
+        hash = (hash ^ static_cast<unsigned char>(text[i])) * 16777619U;
+    return hash ^ (hash >> 15U);
+}
+
+// The slot of a section's first run, or the free slot where it belongs.
+static uint32_t slotOf(const StoreIndex *index, const char *name, size_t size, uint32_t hash) {
+    const uint32_t mask = index->slotCount - 1;
+    for (uint32_t slot = hash & mask;; slot = (slot + 1) & mask) {
+        const uint32_t position = index->slots[slot];
+        if (position == 0)
+            return slot;
+        const StoreRun *run = &index->runs[position - 1];
+        if (run->hash == hash && run->nameSize == size && memcmp(index->bytes + run->begin, name, size) == 0)
+            return slot;
+    }
+}
+
+static bool growRuns(StoreIndex *index) {
+    const uint32_t capacity = index->runCapacity == 0 ? 1024 : index->runCapacity * 2;
+    if (capacity > UINT32_MAX / 8)
+        return false;
+    void *runs = realloc(index->runs, capacity * sizeof *index->runs);
+    if (runs == nullptr)
+        return false;
+    index->runs = static_cast<StoreRun *>(runs);
+    index->runCapacity = capacity;
+    return true;
+}
+
+// Finds the runs of lines of one section.
+static bool findRuns(StoreIndex *index) {
+    const char *previous = nullptr;
+    size_t previousLength = 0;
+    size_t at = 0;
+    while (at < index->size) {
+        const StoreText line = storeLine(index->bytes + at, index->size - at);
+        const char *text = line.text;
+        const bool same = previousLength > 0 && line.size > previousLength && text[previousLength] == '.' &&
+                          memcmp(text, previous, previousLength) == 0 &&
+                          !isLogsetToken(previous, previousLength); // may have one more name in it
+        if (!same) {
+            previousLength = filingLength(line);
+            previous = text;
+            if (previousLength > 0) {
+                if (index->runCount == index->runCapacity && !growRuns(index))
+                    return false;
+                index->runs[index->runCount++] = {at, 0, previousLength, hashOf(text, previousLength), 0, 0};
+            }
+        }
+        at += line.size;
+        if (previousLength > 0)
+            index->runs[index->runCount - 1].end = at;
+    }
+    return true;
+}
+
+static bool chainRuns(StoreIndex *index) {
+    index->slotCount = 16;
+    while (index->slotCount < index->runCount * 2)
+        index->slotCount *= 2;
+    index->slots = static_cast<uint32_t *>(calloc(index->slotCount, sizeof *index->slots));
+    if (index->slots == nullptr)
+        return false;
+    for (uint32_t i = 0; i < index->runCount; ++i) {
+        StoreRun *run = &index->runs[i];
+        run->last = i;
+        uint32_t *slot = &index->slots[slotOf(index, index->bytes + run->begin, run->nameSize, run->hash)];
+        if (*slot == 0) {
+            *slot = i + 1;
+        } else {
+            StoreRun *first = &index->runs[*slot - 1];
+            index->runs[first->last].next = i + 1;
+            first->last = i;
+        }
+    }
+    return true;
+}
+
+// Reads the whole file; a file that grows meanwhile is read as far as it was told.
+static bool readWhole(StoreIndex *index, int descriptor) {
+    struct stat status;
+    if (fstat(descriptor, &status) != 0)
+        return false;
+    const size_t expected = S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) : 0;
+    index->bytes = static_cast<char *>(malloc(expected + 1));
+    if (index->bytes == nullptr)
+        return false;
+    while (index->size < expected) {
+        const ssize_t count = read(descriptor, index->bytes + index->size, expected - index->size);
+        if (count > 0)
+            index->size += static_cast<size_t>(count);
+        else if (count == 0 || errno != EINTR)
+            break;
+    }
+    return true;
+}
+
+uint32_t storeIndexLoad(StoreIndex *index, const char *path) {
+    *index = {};
+    if (path == nullptr)
+        return STORE_INVALID_ARGUMENT;
+    const int descriptor = storeOpenForReading(path);
+    if (descriptor < 0)
+        return STORE_NO_FILE;
+    const bool loaded = readWhole(index, descriptor) && findRuns(index) && chainRuns(index);
+    close(descriptor);
+    if (loaded)
+        return STORE_OK;
+    storeIndexFree(index);
+    return STORE_NOT_WRITTEN;
+}
+
+void storeIndexFree(StoreIndex *index) {
+    free(index->bytes);
+    free(index->runs);
+    free(index->slots);
+    *index = {};
+}
+
+void storeIndexRead(const StoreIndex *index, StoreSection *section) {
+    if (!canHoldKeys(section->root))
+        return;
+    const size_t length = strlen(section->root);
+    const uint32_t hash = hashOf(section->root, length);
+    uint32_t position = index->slots[slotOf(index, section->root, length, hash)];
+    while (position != 0) {
+        const StoreRun *run = &index->runs[position - 1];
+        for (size_t at = run->begin; at < run->end;) {
+            const StoreText line = storeLine(index->bytes + at, run->end - at);
+            if (line.size > length + 1)
+                takeLine(section, length, line);
+            at += line.size;
+        }
+        position = run->next;
+    }
+}
