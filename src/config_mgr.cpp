@@ -133,6 +133,10 @@ struct Series {
 using Candidates = Grown<Candidate>;
 using Numbers = Grown<uint32_t>;
 
+struct GivenEntry {
+    LogFileEntry *entry; // null once it is in the result
+};
+
 static bool addCandidate(Candidates *candidates, int64_t creationTime, const char *name, uint32_t which) {
     Candidate *added = candidates->add();
     if (added == nullptr)
@@ -235,15 +239,15 @@ void GetManageableLogFiles(LogFileEntry **list, LogCfg **cfgs, uint32_t count) {
     if (list == nullptr)
         return;
     Candidates candidates;
-    Grown<LogFileEntry *> entries;
+    Grown<GivenEntry> entries;
     Numbers surplus;
     bool complete = true;
     for (LogFileEntry *entry = *list; entry != nullptr && complete; entry = entry->next) {
-        LogFileEntry **kept = entries.add();
+        GivenEntry *kept = entries.add();
         complete = kept != nullptr && addCandidate(&candidates, entry->creationTime, entry->name,
                                                    static_cast<uint32_t>(entries.count - 1));
         if (kept != nullptr)
-            *kept = entry;
+            kept->entry = entry;
     }
     // Out of memory nothing is surplus: what a caller might remove must be certain.
     complete = complete && findSurplus(&candidates, cfgs, count, &surplus);
@@ -251,12 +255,13 @@ void GetManageableLogFiles(LogFileEntry **list, LogCfg **cfgs, uint32_t count) {
     LogFileEntry **tail = list;
     if (complete) {
         for (uint32_t which : surplus) {
-            *tail = entries.items[which];
-            tail = &entries.items[which]->next;
-            entries.items[which] = nullptr;
+            LogFileEntry *&entry = entries.items[which].entry;
+            *tail = entry;
+            tail = &entry->next;
+            entry = nullptr;
         }
-        for (LogFileEntry *entry : entries)
-            zoltLogFree(entry);
+        for (const GivenEntry &given : entries)
+            zoltLogFree(given.entry);
     } else {
         while (rest != nullptr) {
             LogFileEntry *next = rest->next;

@@ -46,7 +46,7 @@ struct TextBlock {
     char bytes[1]; // the bytes run on
 };
 
-static constexpr size_t TEXT_BLOCK_ROOM = 64 * 1024 - sizeof(TextBlock);
+static constexpr size_t TEXT_BLOCK_ROOM = 65536 - sizeof(TextBlock);
 
 static const char *keepText(FileCatalogue *catalogue, const char *text) {
     const size_t size = strlen(text) + 1;

@@ -7,6 +7,8 @@
 
 #include <cstdlib>
 
+inline constexpr size_t GROWN_FIRST_ROOM = 64;
+
 // A growable array of plain records. add() gives null when memory runs out, and the
 // array then stays as it was; records move when it grows.
 template<class Record>
@@ -18,7 +20,7 @@ struct Grown {
 
     Record *add() {
         if (count == capacity) {
-            const size_t room = capacity == 0 ? FIRST_ROOM : capacity * 2;
+            const size_t room = capacity == 0 ? GROWN_FIRST_ROOM : capacity * 2;
             auto *moved = static_cast<Record *>(realloc(items, room * sizeof(Record)));
             if (moved == nullptr)
                 return nullptr;
@@ -31,7 +33,6 @@ struct Grown {
     Record *begin() { return items; }
     Record *end() { return items + count; }
 
-    static constexpr size_t FIRST_ROOM = 64;
     Record *items = nullptr;
     size_t count = 0;
     size_t capacity = 0;
