@@ -2,7 +2,7 @@
 //
 // It owns the record reader, the header parser, the log file entry and the
 // splitting of file names. Names and headers are made in the writer's unit; the
-// search for the latest file is read_latest.cpp, listing and filters are read_list.cpp.
+// search for the latest file is read_latest.cpp; listing and filters are units beside.
 //
 // Order of sections: scanning; the record reader; headers; log file entries; file
 // names; date and time texts.
