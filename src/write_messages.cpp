@@ -458,6 +458,12 @@ static uint32_t makeContextMessage(LogHandle *parent, LogMsg *msg, const char *t
     if (result != ZOLTLOG_OK)
         return result;
     msg->utf8 = parent->utf8; // this record does not pass through zoltLogMsg, which does it for others
+    if (msg->contextToken != nullptr) { // the parent context's own, and it may be closed first
+        msg->contextToken = zoltLogSafeStrdup(msg->contextToken);
+        if (msg->contextToken == nullptr)
+            return ZOLTLOG_NO_MEMORY;
+        msg->ownsStrings = 1;
+    }
     result = zoltLogSetContextAttr(msg, token);
     if (result != ZOLTLOG_OK)
         return result;

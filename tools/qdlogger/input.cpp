@@ -1,0 +1,116 @@
+#include "input.h"
+
+#include <cerrno>
+#include <cstring>
+#include <cwchar>
+#include <langinfo.h>
+#include <unistd.h>
+
+#include "common/utf8.h"
+
+namespace qdlogger {
+
+namespace {
+constexpr size_t ReadSize = 256 * 1024;
+}
+
+bool LineReader::next(std::string_view &line) {
+    for (;;) {
+        void *feed = memchr(buffer.data() + searched, '\n', end - searched);
+        if (feed != nullptr || (atEnd && begin < end)) {
+            const size_t stop = feed != nullptr
+                                    ? static_cast<size_t>(static_cast<char *>(feed) - buffer.data())
+                                    : end; // buffer is longer than end
+            size_t length = stop - begin;
+            if (feed != nullptr && length > 0 && buffer[begin + length - 1] == '\r')
+                --length;
+            buffer[begin + length] = '\0';
+            line = std::string_view(buffer.data() + begin, length);
+            begin = searched = stop + (feed != nullptr ? 1 : 0);
+            return true;
+        }
+        if (atEnd)
+            return false;
+        searched = end;
+        if (begin > 0) { // what is left of the last read goes to the front
+            memmove(buffer.data(), buffer.data() + begin, end - begin);
+            end -= begin;
+            searched -= begin;
+            begin = 0;
+        }
+        if (buffer.size() < end + ReadSize + 1)
+            buffer.resize(end + end / 2 + ReadSize + 1);
+        const ssize_t count = read(descriptor, buffer.data() + end, buffer.size() - end - 1);
+        if (count > 0) {
+            end += static_cast<size_t>(count);
+        } else if (count == 0 || errno != EINTR) {
+            error = count == 0 ? 0 : errno;
+            atEnd = true;
+        }
+    }
+}
+
+Utf8Texts::Utf8Texts(bool inputIsUtf8) {
+    const std::string_view codeset = nl_langinfo(CODESET);
+    utf8 = inputIsUtf8 || codeset == "UTF-8" || codeset == "ANSI_X3.4-1968";
+}
+
+static void appendByte(std::string &out, char byte) {
+    static const char digits[] = "0123456789abcdef";
+    const auto value = static_cast<unsigned char>(byte);
+    out += "\\x";
+    out += digits[value >> 4];
+    out += digits[value & 15];
+}
+
+static void appendUtf8(std::string &out, char32_t character) {
+    const auto tail = [&out, character](int shift) {
+        out += static_cast<char>(0x80 | ((character >> shift) & 0x3f));
+    };
+    if (character < 0x80) {
+        out += static_cast<char>(character);
+    } else if (character < 0x800) {
+        out += static_cast<char>(0xc0 | character >> 6);
+        tail(0);
+    } else if (character < 0x10000) {
+        out += static_cast<char>(0xe0 | character >> 12);
+        tail(6);
+        tail(0);
+    } else {
+        out += static_cast<char>(0xf0 | character >> 18);
+        tail(12);
+        tail(6);
+        tail(0);
+    }
+}
+
+const char *Utf8Texts::convert(std::string_view text) {
+    const bool hasNul = memchr(text.data(), '\0', text.size()) != nullptr;
+    if (utf8 && !hasNul && tools::findInvalidUtf8(text) == std::string_view::npos)
+        return text.data();
+    converted.clear();
+    for (size_t at = 0; at < text.size();) {
+        size_t length = 0;
+        if (utf8) {
+            length = tools::decodeUtf8(text, at).length;
+            if (length > 0 && text[at] != '\0')
+                converted.append(text, at, length);
+        } else {
+            std::mbstate_t state = {};
+            wchar_t wide = 0;
+            length = std::mbrtowc(&wide, text.data() + at, text.size() - at, &state);
+            if (length > text.size()) // the two error values
+                length = 0;
+            if (length > 0)
+                appendUtf8(converted, static_cast<char32_t>(wide));
+        }
+        if (length == 0 || text[at] == '\0') {
+            appendByte(converted, text[at]);
+            length = 1;
+        }
+        at += length;
+    }
+    return converted.c_str();
+}
+
+} // namespace qdlogger

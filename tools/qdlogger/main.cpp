@@ -1,0 +1,174 @@
+// qdlogger: sends messages to the logs of a product from a shell or a pipe.
+#include <cerrno>
+#include <clocale>
+#include <csignal>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "common/exit_codes.h"
+#include "common/result_text.h"
+#include "input.h"
+#include "options.h"
+
+namespace qdlogger {
+
+namespace {
+
+// ---- the log ------------------------------------------------------------------------
+
+struct Log {
+    LogHandle handle = {};
+    LogHandle context = {};
+    LogHandle *used = nullptr; // the handle, or the context if one was asked for
+};
+
+uint32_t open(const Settings &settings, Utf8Texts &texts, Log &log) {
+    uint32_t result = settings.logset ? zoltLogOpenLogSet(settings.product, settings.originator,
+                                                          settings.logset->c_str(), &log.handle)
+                                      : zoltLogOpen(settings.product, settings.originator, &log.handle);
+    log.handle.utf8 = 1;
+    log.used = &log.handle;
+    if (result == ZOLTLOG_OK && settings.context) {
+        const std::string token = texts.convert(*settings.context);
+        result = zoltLogCreateContext(&log.handle, &log.context, token.c_str(), 0, "messages of qdlogger");
+        log.context.utf8 = 1;
+        log.used = &log.context;
+    }
+    return result;
+}
+
+void close(Log &log) {
+    if (log.used == &log.context)
+        zoltLogDestroyContext(&log.context);
+    zoltLogClose(&log.handle);
+}
+
+// ---- sending --------------------------------------------------------------------------
+
+struct Sender {
+    const Settings &settings;
+    LogHandle *handle;
+    std::string who; // or subject, in UTF-8
+    uint64_t sent = 0;
+    uint64_t failed = 0;
+};
+
+// Audit messages have no text of their own, only a block
+uint32_t auditBlock(ZoltLisBlock *block, const char *format, ...) {
+    va_list args;
+    va_start(args, format);
+    const int32_t result = zoltLisVEx(block, 1, 0, format, args);
+    va_end(args);
+    return zoltLogMapLisResToLoggingRes(result);
+}
+
+uint32_t sendAudit(const Sender &sender, uint32_t flags, const char *text) {
+    ZoltLisBlock block = {};
+    const uint32_t result = auditBlock(&block, "%s", text);
+    if (result != ZOLTLOG_OK)
+        return result;
+    return zoltLogAuditMsg2L(sender.handle, sender.settings.id.value_or(0), flags, sender.who.c_str(),
+                             sender.settings.outcome.value_or(0), &block);
+}
+
+uint32_t sendApp(const Sender &sender, uint32_t flags, const char *text) {
+    ZoltLisBlock none = {};
+    return zoltLogAppMsg2LEx(sender.handle, sender.settings.id.value_or(0), flags,
+                             sender.settings.severity.value_or(0), sender.who.c_str(), text, &none);
+}
+
+void send(Sender &sender, const char *text) {
+    const Settings &settings = sender.settings;
+    const uint32_t flags = settings.outputFlags | (settings.id ? 0 : ZOLTLOG_NO_MESSAGE_ID);
+    const uint64_t id = settings.id.value_or(0);
+    const uint32_t level = settings.level.value_or(1);
+    uint32_t result = ZOLTLOG_OK;
+    switch (settings.kind) {
+    case ZOLTLOG_MSG_DIAG: // these two look for a changed configuration, for levels that follow it
+        result = zoltLogDiagMsg2(sender.handle, id, flags, level, sender.who.c_str(), 0, "%s", text);
+        break;
+    case ZOLTLOG_MSG_DEBUG:
+        result = zoltLogDebugMsg2(sender.handle, id, flags, level, sender.who.c_str(), "%s", text);
+        break;
+    case ZOLTLOG_MSG_AUDIT:
+        result = sendAudit(sender, flags, text);
+        break;
+    default:
+        result = sendApp(sender, flags, text);
+    }
+    ++sender.sent;
+    if (result != ZOLTLOG_OK && sender.failed++ == 0)
+        std::fprintf(stderr, "qdlogger: message %llu was not written: %s\n",
+                     static_cast<unsigned long long>(sender.sent), tools::resultMessage(result).c_str());
+}
+
+// ---- the program ------------------------------------------------------------------------
+
+// The exit status when all messages have been tried
+int conclude(const Sender &sender, int inputError) {
+    int status = tools::ExitOk;
+    if (sender.failed > 0) {
+        status = tools::ExitPartial;
+        if (sender.sent > 1)
+            std::fprintf(stderr, "qdlogger: %llu of %llu messages were not written\n",
+                         static_cast<unsigned long long>(sender.failed),
+                         static_cast<unsigned long long>(sender.sent));
+    }
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
+        if ((sender.settings.outputFlags & ZOLTLOG_OUT_STDOUT) != 0)
+            std::fprintf(stderr, "qdlogger: standard output cannot be written\n");
+        status = tools::ExitPartial;
+    }
+    if (inputError != 0) {
+        std::fprintf(stderr, "qdlogger: standard input cannot be read: %s\n", std::strerror(inputError));
+        status = tools::ExitUnreadable;
+    }
+    return status;
+}
+
+int run(const Settings &settings) {
+    Utf8Texts texts(settings.utf8);
+    Log log;
+    const uint32_t opened = open(settings, texts, log);
+    if (opened != ZOLTLOG_OK) {
+        const char *config = std::getenv("ZOLTLOG_CFG_LOC");
+        std::fprintf(stderr, "qdlogger: the log of product %llu cannot be opened (configuration %s): %s\n",
+                     static_cast<unsigned long long>(settings.product),
+                     config != nullptr ? config : "/etc/qd/zoltlog.conf",
+                     tools::resultMessage(opened).c_str());
+        close(log);
+        return tools::ExitUnreadable;
+    }
+    const bool audit = settings.kind == ZOLTLOG_MSG_AUDIT;
+    Sender sender{settings, log.used, texts.convert((audit ? settings.subject : settings.who).value_or(""))};
+    int inputError = 0;
+    if (settings.message) {
+        send(sender, texts.convert(*settings.message));
+    } else {
+        LineReader reader(0);
+        for (std::string_view line; reader.next(line);)
+            send(sender, texts.convert(line));
+        inputError = reader.error;
+    }
+    close(log);
+    return conclude(sender, inputError);
+}
+
+} // namespace
+
+} // namespace qdlogger
+
+int main(int argc, char **argv) {
+    std::setlocale(LC_ALL, "");
+    // When nobody reads the copies, the messages still have to reach their file.
+    std::signal(SIGPIPE, SIG_IGN);
+    qdlogger::Settings settings;
+    const int status = qdlogger::parse(argc, argv, settings);
+    if (status != qdlogger::GoOn)
+        return status;
+    if (settings.config)
+        setenv("ZOLTLOG_CFG_LOC", settings.config->c_str(), 1);
+    return qdlogger::run(settings);
+}
