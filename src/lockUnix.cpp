@@ -116,13 +116,9 @@ void zoltLogLock(LogLock *lock, const char *tag) {
     require(lock != nullptr);
     if (!isCreated(lock))
         createOnce(lock);
-    // Off before the mutex is taken, so that even a thread that is cancelled
-    // asynchronously cannot end while it holds the lock.
-    int previous;
-    require(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &previous) == 0);
     require(pthread_mutex_lock(&lock->mutex) == 0);
     if (lock->depth == 0)
-        lock->savedCancelState = previous;
+        require(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &lock->savedCancelState) == 0);
     require(lock->depth < MAX_DEPTH);
     lock->holders[lock->depth] = {getTID(), tag};
     ++lock->depth;
@@ -137,10 +133,9 @@ int32_t zoltLogUnlock(LogLock *lock, const char *tag) {
     require(holder->tag == tag); // the same object, not an equal text
     *holder = {0, nullptr};
     lock->depth = depth;
-    const int saved = lock->savedCancelState;
-    require(pthread_mutex_unlock(&lock->mutex) == 0);
     if (depth == 0)
-        require(pthread_setcancelstate(saved, nullptr) == 0);
+        require(pthread_setcancelstate(lock->savedCancelState, nullptr) == 0);
+    require(pthread_mutex_unlock(&lock->mutex) == 0);
     return 0;
 }
 
