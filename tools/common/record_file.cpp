@@ -365,9 +365,9 @@ uint64_t RecordFile::findTime(int64_t since) const {
     if (!lines.size(end) || (header.version != 0 && header.version <= VersionLastWithoutPrefix))
         return dataBegin;
     const int64_t wanted = since - OrderSlack;
-    uint64_t low = dataBegin;              // all records before it are earlier than `wanted`
-    uint64_t high = end;                   // the first record behind it is not
-    constexpr uint64_t enough = 16 * 1024; // is read in one go anyway
+    uint64_t low = dataBegin;          // all records before it are earlier than `wanted`
+    uint64_t high = end;               // the first record behind it is not
+    constexpr uint64_t enough = 16384; // is read in one go anyway
     while (high > low && high - low > enough) {
         const uint64_t middle = low + (high - low) / 2;
         int64_t time = 0;
@@ -386,7 +386,7 @@ bool RecordFile::inOrder() const {
     if (!lines.size(end) || end <= dataBegin)
         return true;
     constexpr uint64_t samples = 32;
-    constexpr uint64_t spacing = 64 * 1024; // smaller files get fewer samples
+    constexpr uint64_t spacing = 65536; // smaller files get fewer samples
     const uint64_t length = end - dataBegin;
     const uint64_t count = std::min(samples, length / spacing + 1);
     int64_t latest = INT64_MIN;
@@ -395,7 +395,7 @@ bool RecordFile::inOrder() const {
         uint64_t where = 0;
         if (i == count ? !lastTime(time) : !timeAt(dataBegin + length / count * i, end, time, where))
             continue;
-        if (latest != INT64_MIN && time < latest - OrderSlack)
+        if (wentBack(latest, time))
             return false;
         latest = std::max(latest, time);
     }

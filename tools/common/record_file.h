@@ -12,12 +12,15 @@
 
 namespace tools {
 
-constexpr size_t BlockSize = 256 * 1024;
+constexpr size_t BlockSize = 256UL * 1024;
 constexpr size_t MaxLine =
     256UL * 1024 * 1024; // a longer line is handed out in one piece of this size, then skipped
 
 // Records of several processes may be in the file a little out of order.
 constexpr int64_t OrderSlack = 10000; // milliseconds
+inline bool wentBack(int64_t latest, int64_t time) {
+    return time<latest &&static_cast<uint64_t>(latest) - static_cast<uint64_t>(time)> OrderSlack;
+}
 
 // ---- lines -----------------------------------------------------------------------
 

@@ -1,0 +1,214 @@
+#include "common/fields.h"
+
+#include <charconv>
+
+namespace tools {
+
+namespace {
+
+struct NameRow {
+    int32_t value;
+    const char *name;
+};
+
+constexpr NameRow kinds[] = {{TypeDebug, "debug"},
+                             {TypeDiagnostic, "diagnostic"},
+                             {TypeApplication, "application"},
+                             {TypeContext, "context"},
+                             {TypeAudit, "audit"}};
+
+// The first name of a value is the one that is shown.
+constexpr NameRow severities[] = {{0, "info"},      {1, "warning"}, {2, "error"}, {3, "critical"},
+                                  {4, "emergency"}, {0, "notice"},  {1, "warn"},  {2, "err"},
+                                  {3, "crit"},      {4, "emerg"},   {4, "fatal"}};
+
+bool parseSmallNumber(std::string_view text, int32_t limit, int32_t &value) {
+    int32_t read = 0;
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), read);
+    if (result.ec != std::errc() || result.ptr != text.data() + text.size() || read < 0 || read > limit)
+        return false;
+    value = read;
+    return true;
+}
+
+} // namespace
+
+const char *kindName(uint32_t type) {
+    for (const NameRow &row : kinds) {
+        if (static_cast<uint32_t>(row.value) == type)
+            return row.name;
+    }
+    return "unknown";
+}
+
+bool parseKind(std::string_view text, uint32_t &type) {
+    constexpr size_t shortest = 3;
+    int32_t number = 0;
+    if (parseSmallNumber(text, TypeAudit, number)) {
+        type = static_cast<uint32_t>(number);
+        return true;
+    }
+    if (text == "unknown") {
+        type = TypeUnknown;
+        return true;
+    }
+    for (const NameRow &row : kinds) {
+        const std::string_view name = row.name;
+        if (text.size() >= shortest && name.substr(0, text.size()) == text) {
+            type = static_cast<uint32_t>(row.value);
+            return true;
+        }
+    }
+    return false;
+}
+
+const char *severityName(int32_t severity) {
+    for (const NameRow &row : severities) {
+        if (row.value == severity)
+            return row.name;
+    }
+    return "unknown";
+}
+
+bool parseSeverity(std::string_view text, int32_t &severity) {
+    if (parseSmallNumber(text, 4, severity))
+        return true;
+    for (const NameRow &row : severities) {
+        if (text == row.name) {
+            severity = row.value;
+            return true;
+        }
+    }
+    return false;
+}
+
+// ---- fields ------------------------------------------------------------------------
+
+const FieldRow fieldTable[FieldCount] = {
+    {Field::Ts, "ts", FieldType::Signed, "time stamp, milliseconds since 1970-01-01 UTC"},
+    {Field::Time, "time", FieldType::Time, "time stamp as a time"},
+    {Field::Type, "type", FieldType::Number, "message type: 0 debug to 4 audit"},
+    {Field::Kind, "kind", FieldType::Text, "debug, diagnostic, application, context, audit"},
+    {Field::Product, "product", FieldType::Number, "product id"},
+    {Field::Originator, "originator", FieldType::Number, "originator id"},
+    {Field::FileOriginator, "file_originator", FieldType::Number, "originator id of the file"},
+    {Field::MessageId, "msgid", FieldType::Number, "the caller's message id, or the sequence number"},
+    {Field::Pid, "pid", FieldType::Number, "process id"},
+    {Field::Tid, "tid", FieldType::Number, "thread id"},
+    {Field::Context, "context", FieldType::Text, "context token"},
+    {Field::Text, "text", FieldType::Text, "message text"},
+    {Field::Who, "who", FieldType::Text, "reporting component (debug, diagnostic, application)"},
+    {Field::Subject, "subject", FieldType::Text, "subject (audit)"},
+    {Field::Title, "title", FieldType::Text, "context title (context)"},
+    {Field::Severity, "severity", FieldType::Signed, "0 info to 4 emergency (application)"},
+    {Field::Level, "level", FieldType::Signed, "1 to 6 (debug, diagnostic)"},
+    {Field::Outcome, "outcome", FieldType::Signed, "outcome (audit)"},
+    {Field::Sev, "sev", FieldType::Text, "severity by name (application)"},
+    {Field::Host, "host", FieldType::Text, "host name of the writer"},
+    {Field::LogSet, "logset", FieldType::Text, "log set of the file"},
+    {Field::Block, "block", FieldType::Text, "argument block, when it is not empty"},
+    {Field::File, "file", FieldType::Text, "path of the file"},
+    {Field::Offset, "offset", FieldType::Number, "position in the file"},
+};
+
+const FieldRow *findField(std::string_view name) {
+    for (const FieldRow &row : fieldTable) {
+        if (name == row.name)
+            return &row;
+    }
+    return nullptr;
+}
+
+namespace {
+
+FieldValue numberOf(uint64_t number, bool present = true) {
+    FieldValue value;
+    value.present = present;
+    value.number = number;
+    return value;
+}
+
+FieldValue signedOf(int64_t number, bool present = true) {
+    FieldValue value;
+    value.present = present;
+    value.value = number;
+    return value;
+}
+
+FieldValue textOf(std::string_view text, bool present = true) {
+    FieldValue value;
+    value.present = present;
+    value.text = text;
+    return value;
+}
+
+} // namespace
+
+FieldValue fieldValue(const Item &item, Field field) {
+    const Record &record = item.record;
+    const bool prefix = record.hasPrefix();
+    const uint32_t type = record.type;
+    switch (field) {
+    case Field::Ts:
+    case Field::Time:
+        return signedOf(record.time, prefix);
+    case Field::Type:
+        return numberOf(type, type != TypeUnknown);
+    case Field::Kind:
+        return textOf(kindName(type));
+    case Field::Product:
+        return numberOf(record.product, record.product != 0 || record.version == VersionOriginator);
+    case Field::Originator:
+        return numberOf(record.originator, prefix);
+    case Field::FileOriginator:
+        return numberOf(record.fileOriginator, record.version == VersionOriginator);
+    case Field::MessageId:
+        return numberOf(record.messageId, prefix);
+    case Field::Pid:
+        return numberOf(record.pid, prefix);
+    case Field::Tid:
+        return numberOf(record.tid, prefix);
+    case Field::Context:
+        return textOf(record.context, !record.context.empty());
+    case Field::Text:
+        return textOf(record.text);
+    case Field::Who:
+        return textOf(record.who, type <= TypeApplication || (type == TypeUnknown && !record.who.empty()));
+    case Field::Subject:
+        return textOf(record.who, type == TypeAudit);
+    case Field::Title:
+        return textOf(record.who, type == TypeContext);
+    case Field::Severity:
+        return signedOf(record.number, type == TypeApplication);
+    case Field::Level:
+        return signedOf(record.number, type <= TypeDiagnostic);
+    case Field::Outcome:
+        return signedOf(record.number, type == TypeAudit);
+    case Field::Sev:
+        return textOf(type == TypeApplication ? severityName(record.number) : "", type == TypeApplication);
+    case Field::Host:
+        return textOf(item.origin->host, item.origin->hasHost);
+    case Field::LogSet:
+        return textOf(item.origin->logSet, !item.origin->logSet.empty());
+    case Field::Block:
+        return textOf(record.block, !record.block.empty() && record.block != "(0|)");
+    case Field::File:
+        return textOf(item.origin->path);
+    case Field::Offset:
+        return numberOf(item.offset);
+    }
+    return {};
+}
+
+HeldItem::HeldItem(const Item &from) : bytes(from.record.line), item(from) {
+    const char *const old = from.record.line.data();
+    const auto moved = [&](std::string_view &view) {
+        if (view.data() != nullptr)
+            view = {bytes.data() + (view.data() - old), view.size()};
+    };
+    Record &record = item.record;
+    for (std::string_view *view : {&record.context, &record.text, &record.who, &record.block, &record.line})
+        moved(*view);
+}
+
+} // namespace tools

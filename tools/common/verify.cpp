@@ -1,0 +1,104 @@
+#include "common/verify.h"
+
+#include "common/time_text.h"
+
+#include <algorithm>
+
+namespace tools {
+
+namespace {
+
+std::string number(uint64_t value) {
+    return std::to_string(value);
+}
+
+} // namespace
+
+bool verifyFile(const std::string &path, const std::function<void(const Finding &)> &report,
+                VerifyCounts &counts, std::string &problem) {
+    RecordFile file;
+    counts = {};
+    if (!file.open(path)) {
+        problem = file.problem;
+        return false;
+    }
+    const auto tell = [&](bool isProblem, uint64_t offset, uint64_t at, const std::string &text) {
+        ++(isProblem ? counts.problems : counts.notes);
+        report({isProblem, offset, at, text});
+    };
+
+    const FileName &name = file.name;
+    const Header &header = file.header;
+    file.lines.size(counts.bytes);
+    if (counts.bytes == 0) {
+        tell(false, 0, 0, "the file is empty");
+        return true;
+    }
+    if (header.version == 0)
+        tell(false, 0, 0, "the file has no header line");
+    const bool originatorName = name.kind == FileName::Kind::Originator;
+    const bool logSetName = name.kind == FileName::Kind::LogSet;
+    if ((originatorName && header.version == VersionLogSet) ||
+        (logSetName && header.version == VersionOriginator))
+        tell(true, 0, 0,
+             "the header has version " + number(header.version) + ", which does not fit the file name");
+    if (originatorName && header.version != 0 && header.version != VersionLogSet) {
+        if (header.product != name.product)
+            tell(true, 0, 0,
+                 "the header has product " + number(header.product) + ", the name " + number(name.product));
+        if (header.originator != name.originator)
+            tell(true, 0, 0,
+                 "the header has originator " + number(header.originator) + ", the name " +
+                     number(name.originator));
+    }
+
+    int64_t latest = INT64_MIN;
+    for (;;) {
+        const RecordFile::Got got = file.next();
+        if (got == RecordFile::Got::End)
+            break;
+        if (got == RecordFile::Got::Error) {
+            problem = file.problem;
+            return false;
+        }
+        if (got == RecordFile::Got::Header) {
+            tell(false, file.offset, file.offset, "a further header line");
+            continue;
+        }
+        if (got == RecordFile::Got::Damaged) {
+            ++counts.damaged;
+            tell(true, file.offset, file.offset + file.fault.at,
+                 std::string(damageText(file.fault.damage)) + " (line of " + number(file.line.size()) +
+                     " bytes)");
+            continue;
+        }
+        const Record &record = file.record;
+        ++counts.records;
+        if (file.salvaged) {
+            ++counts.salvaged;
+            tell(false, file.offset, file.offset, "a whole record follows in the same line");
+        }
+        if (record.version == VersionOriginator && header.version == VersionOriginator) {
+            if (record.product != header.product)
+                tell(true, file.offset, file.offset, "the record has product " + number(record.product));
+            if (record.fileOriginator != header.originator)
+                tell(true, file.offset, file.offset,
+                     "the record has file originator " + number(record.fileOriginator));
+        }
+        if (!record.hasPrefix())
+            continue;
+        if (wentBack(latest, record.time))
+            tell(false, file.offset, file.offset, "time goes back by " + formatSpan(latest - record.time));
+        latest = record.time; // tell a jump once, not for all that follows
+        counts.first = counts.hasTimes ? std::min(counts.first, record.time) : record.time;
+        counts.last = counts.hasTimes ? std::max(counts.last, record.time) : record.time;
+        counts.hasTimes = true;
+    }
+    if (file.lines.unended() > 0) {
+        const uint64_t at = file.lines.position();
+        tell(true, at, at + file.lines.unended(), damageText(Damage::NoLineFeed));
+    }
+    return true;
+}
+
+} // namespace tools
