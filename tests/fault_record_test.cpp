@@ -7,7 +7,6 @@
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <string>
@@ -16,9 +15,17 @@ static long allocations; // since the last reset
 static long failing;     // which of them fails; 0: none
 static long live;        // blocks not yet released
 
-template<typename F>
-static F next(const char *name) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
+// The allocator itself: the sanitizer's, if there is one, else the C library's.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define REAL(function) __interceptor_##function
+#else
+#define REAL(function) __libc_##function
+#endif
+extern "C" {
+void *REAL(malloc)(size_t size);
+void *REAL(calloc)(size_t count, size_t size);
+void *REAL(realloc)(void *old, size_t size);
+void REAL(free)(void *block);
 }
 
 static bool fails() {
@@ -30,27 +37,23 @@ static bool fails() {
 
 extern "C" {
 void *malloc(size_t size) noexcept {
-    static const auto real = next<void *(*)(size_t)>("malloc");
-    void *block = fails() ? nullptr : real(size);
+    void *block = fails() ? nullptr : REAL(malloc)(size);
     live += block != nullptr;
     return block;
 }
 void *calloc(size_t count, size_t size) noexcept {
-    static const auto real = next<void *(*)(size_t, size_t)>("calloc");
-    void *block = fails() ? nullptr : real(count, size);
+    void *block = fails() ? nullptr : REAL(calloc)(count, size);
     live += block != nullptr;
     return block;
 }
 void *realloc(void *old, size_t size) noexcept {
-    static const auto real = next<void *(*)(void *, size_t)>("realloc");
-    void *block = fails() ? nullptr : real(old, size);
+    void *block = fails() ? nullptr : REAL(realloc)(old, size);
     live += block != nullptr && old == nullptr;
     return block;
 }
 void free(void *block) noexcept {
-    static const auto real = next<void (*)(void *)>("free");
     live -= block != nullptr;
-    real(block);
+    REAL(free)(block);
 }
 
 // A block with one wide string.
