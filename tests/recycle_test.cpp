@@ -1,0 +1,311 @@
+// Log recycling, through the writer: what a directory holds after each rollover.
+#include "support/support.h"
+#include "zoltlog.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+int64_t shiftOfClock = 0;    // seconds
+std::string cannotBeRemoved; // file name
+
+} // namespace
+
+extern "C" time_t time(time_t *out) {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    now.tv_sec += shiftOfClock;
+    if (out != nullptr)
+        *out = now.tv_sec;
+    return now.tv_sec;
+}
+
+extern "C" int gettimeofday(timeval *out, void *) noexcept {
+    timespec now;
+    clock_gettime(CLOCK_REALTIME, &now);
+    out->tv_sec = now.tv_sec + shiftOfClock;
+    out->tv_usec = now.tv_nsec / 1000;
+    return 0;
+}
+
+extern "C" int remove(const char *path) noexcept {
+    static const auto real = reinterpret_cast<int (*)(const char *)>(dlsym(RTLD_NEXT, "remove"));
+    const char *name = strrchr(path, '/');
+    if (name != nullptr && cannotBeRemoved == name + 1) {
+        errno = EACCES;
+        return -1;
+    }
+    return real(path);
+}
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+class Recycling : public testing::Test {
+  protected:
+    void SetUp() override {
+        setenv("TZ", "UTC", 1);
+        char *here = get_current_dir_name();
+        home = std::string(here) + "/";
+        free(here);
+        support::makeDirectory("logs");
+        setenv("ZOLTLOG_CFG_LOC", (home + "main.conf").c_str(), 1);
+        support::writeFile("main.conf", "5.Configuration=" + home + "p5.conf\n5.Names=web\n");
+        configure("true", "3");
+    }
+    void configure(const std::string &recycle, const std::string &keep) {
+        std::string text;
+        for (const std::string section : {"Default", "LOGSET.Default"})
+            text += section + ".LogDirectory=" + home + "logs/\n" + section + ".RolloverMode=FileSize\n" +
+                    section + ".MaxLogFileSizeKB=1\n" + section + ".LogRecycle=" + recycle + "\n" +
+                    (keep.empty() ? "" : section + ".NumberOfLogFiles=" + keep + "\n");
+        text += "LOGSET.nightly.FileName=night\n";
+        support::writeFile("p5.conf", text);
+    }
+    // Writes a message that fills a file, so that each one begins a new file.
+    static uint32_t fill(LogHandle *log, int number) {
+        const std::string text(1100, static_cast<char>('a' + number % 26));
+        return zoltLogAppMsg2(log, static_cast<uint64_t>(number), 0, 1, 0, "%s", text.c_str());
+    }
+    Names logs() { return support::listFiles("logs"); }
+    static uint64_t counterOf(const std::string &name) {
+        return strtoull(name.c_str() + name.rfind('-') + 1, nullptr, 10);
+    }
+    std::string home;
+};
+
+} // namespace
+
+TEST_F(Recycling, FourthFileRemovesTheFirst) {
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_EQ(logs().size(), 1u);
+    ASSERT_EQ(fill(&log, 1), 0u); // the empty first file is rolled at once
+    ASSERT_EQ(fill(&log, 2), 0u);
+    ASSERT_EQ(logs().size(), 3u);
+    ASSERT_EQ(fill(&log, 3), 0u);
+    const Names names = logs();
+    ASSERT_EQ(names.size(), 3u);
+    EXPECT_EQ(counterOf(names[0]), 1u);
+    EXPECT_EQ(counterOf(names[1]), 2u);
+    EXPECT_EQ(counterOf(names[2]), 3u);
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, FiftyRolloversWithinSecondsKeepTheNewestThreeEachTime) {
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    for (int i = 1; i <= 50; ++i) {
+        ASSERT_EQ(fill(&log, i), 0u);
+        const Names names = logs();
+        ASSERT_EQ(names.size(), static_cast<size_t>(std::min(i + 1, 3)));
+        ASSERT_EQ(counterOf(names.back()), static_cast<uint64_t>(i));
+        ASSERT_NE(support::readFile("logs/" + names.back())
+                      .find(std::string(1100, static_cast<char>('a' + i % 26))),
+                  std::string::npos);
+    }
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, OffRemovesNothing) {
+    configure("false", "3");
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    for (int i = 1; i <= 10; ++i)
+        ASSERT_EQ(fill(&log, i), 0u);
+    EXPECT_EQ(logs().size(), 11u);
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, WithoutANumberAllFilesAreKept) {
+    configure("true", "");
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    for (int i = 1; i <= 10; ++i)
+        ASSERT_EQ(fill(&log, i), 0u);
+    EXPECT_EQ(logs().size(), 11u);
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, NumberIsReadAtEachRollover) {
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    for (int i = 1; i <= 5; ++i)
+        ASSERT_EQ(fill(&log, i), 0u);
+    EXPECT_EQ(logs().size(), 3u);
+    configure("true", "6");
+    for (int i = 6; i <= 12; ++i)
+        ASSERT_EQ(fill(&log, i), 0u);
+    EXPECT_EQ(logs().size(), 6u);
+    configure("true", "1");
+    ASSERT_EQ(fill(&log, 13), 0u);
+    EXPECT_EQ(logs().size(), 1u);
+    EXPECT_EQ(counterOf(logs()[0]), 13u);
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, AFileThatCannotBeRemovedIsLeftAndTheMessageIsWritten) {
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    const std::string first = logs()[0];
+    cannotBeRemoved = first;
+    ASSERT_EQ(fill(&log, 1), 0u);
+    ASSERT_EQ(fill(&log, 2), 0u);
+    const std::string told = support::captured(1, [&] { EXPECT_EQ(fill(&log, 3), 0u); });
+    EXPECT_EQ(told, home + "logs/" + first + " File Deletion failed\n");
+    EXPECT_EQ(logs().size(), 4u);
+    EXPECT_EQ(logs()[0], first);
+    EXPECT_NE(support::readFile("logs/" + logs().back()).find(std::string(1100, 'd')), std::string::npos);
+    // The others go on being removed.
+    support::captured(1, [&] { EXPECT_EQ(fill(&log, 4), 0u); });
+    EXPECT_EQ(logs().size(), 4u);
+    EXPECT_EQ(logs()[0], first);
+    EXPECT_EQ(counterOf(logs()[1]), 2u);
+    cannotBeRemoved.clear();
+    ASSERT_EQ(fill(&log, 5), 0u);
+    EXPECT_EQ(logs().size(), 3u);
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, OtherSeriesAndOtherFilesAreLeftAlone) {
+    const Names others = {"5-8-1-200101-0000000000.log", "6-7-1-200101-0000000000.log",
+                          "5-night-200101000000.log", "notes-1.log", "5-7.txt"};
+    for (const std::string &name : others)
+        support::writeFile("logs/" + name, "$Header 65543,5,8,1,0,hostA\n");
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    for (int i = 1; i <= 10; ++i)
+        ASSERT_EQ(fill(&log, i), 0u);
+    const Names names = logs();
+    EXPECT_EQ(names.size(), 3 + others.size());
+    for (const std::string &name : others)
+        EXPECT_TRUE(support::exists("logs/" + name)) << name;
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, FilesOfOtherHostsInTheDirectoryCountAndMayBeRemoved) {
+    support::writeFile("logs/5-7-42-200101-0000000000.log", "$Header 65543,5,7,1577836800,0,elsewhere\n");
+    support::writeFile("logs/5-7-42-990101-0000000000.log", "$Header 65543,5,7,4070908800,0,elsewhere\n");
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_EQ(fill(&log, 1), 0u);
+    EXPECT_FALSE(support::exists("logs/5-7-42-200101-0000000000.log"));
+    EXPECT_TRUE(support::exists("logs/5-7-42-990101-0000000000.log"));
+    EXPECT_EQ(logs().size(), 3u);
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, AClockSetBackNeverCostsTheFileBeingWritten) {
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    for (int i = 1; i <= 4; ++i)
+        ASSERT_EQ(fill(&log, i), 0u);
+    shiftOfClock = -5 * 86400;
+    for (int i = 5; i <= 8; ++i) {
+        ASSERT_EQ(fill(&log, i), 0u);
+        std::string all;
+        for (const std::string &name : logs())
+            all += support::readFile("logs/" + name);
+        ASSERT_NE(all.find(std::string(1100, static_cast<char>('a' + i))), std::string::npos) << i;
+    }
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, LeavesNoDescriptorBehind) {
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_EQ(fill(&log, 1), 0u);
+    const size_t before = support::openDescriptors();
+    for (int i = 2; i <= 20; ++i)
+        ASSERT_EQ(fill(&log, i), 0u);
+    EXPECT_EQ(support::openDescriptors(), before);
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, AConfigurationThatVanishedCostsNothing) {
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    unlink("main.conf");
+    for (int i = 1; i <= 6; ++i)
+        ASSERT_EQ(fill(&log, i), 0u);
+    EXPECT_EQ(logs().size(), 7u);
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, LogSetKeepsItsNumber) {
+    LogHandle log;
+    // Files of earlier days, one with an empty body.
+    for (const char *time : {"200101000000", "200102000000", "200103000000"})
+        support::writeFile(std::string("logs/5-night-") + time + ".log", "$Header 65544,0,hostA\n");
+    support::writeFile("logs/5-nightly-200101000000.log", "$Header 65544,0,hostA\n"); // another set's
+    ASSERT_EQ(zoltLogOpenLogSet(5, 7, "nightly", &log), 0u);
+    ASSERT_EQ(fill(&log, 1), 0u);
+    ASSERT_EQ(fill(&log, 2), 0u);
+    Names names = logs();
+    EXPECT_EQ(names.size(), 4u);
+    EXPECT_FALSE(support::exists("logs/5-night-200101000000.log"));
+    EXPECT_TRUE(support::exists("logs/5-nightly-200101000000.log"));
+    std::string newest;
+    for (const std::string &name : names)
+        if (name.compare(0, 8, "5-night-") == 0)
+            newest = name;
+    EXPECT_NE(support::readFile("logs/" + newest).find(std::string(1100, 'c')), std::string::npos);
+    zoltLogClose(&log);
+}
+
+TEST_F(Recycling, TwoProcessesLoseNothingOutsideRemovedFiles) {
+    configure("true", "3");
+    constexpr int MESSAGES = 400;
+    const pid_t other = fork();
+    ASSERT_NE(other, -1);
+    const int mine = other == 0 ? 1 : 0;
+    LogHandle log;
+    bool written = zoltLogOpen(5, 7, &log) == 0;
+    for (int i = 0; i < MESSAGES && written; ++i)
+        written = zoltLogAppMsg2(&log, static_cast<uint64_t>(i), 0, 1, 0, "writer %d %0300d", mine, i) == 0;
+    if (other == 0) {
+        zoltLogClose(&log);
+        _exit(written ? 0 : 1);
+    }
+    EXPECT_TRUE(written);
+    int status = 0;
+    ASSERT_EQ(waitpid(other, &status, 0), other);
+    EXPECT_EQ(status, 0);
+    zoltLogClose(&log);
+
+    // Files are removed oldest first: what is left of each writer are consecutive
+    // messages of its end, unless the end lay in a file that the other one removed.
+    std::vector<int> seen[2];
+    for (const std::string &name : logs()) {
+        const Names lines = support::lines(support::readFile("logs/" + name));
+        ASSERT_FALSE(lines.empty());
+        EXPECT_EQ(lines[0].compare(0, 14, "$Header 65543,"), 0);
+        for (size_t i = 1; i < lines.size(); ++i) {
+            const size_t at = lines[i].find("writer ");
+            ASSERT_NE(at, std::string::npos) << lines[i];
+            seen[lines[i][at + 7] - '0'].push_back(atoi(lines[i].c_str() + at + 9 + 290));
+        }
+    }
+    for (std::vector<int> &numbers : seen) {
+        std::sort(numbers.begin(), numbers.end());
+        for (size_t i = 1; i < numbers.size(); ++i)
+            EXPECT_EQ(numbers[i], numbers[i - 1] + 1);
+    }
+    // The writer that came last wrote into a file that nobody has removed.
+    EXPECT_TRUE((!seen[0].empty() && seen[0].back() == MESSAGES - 1) ||
+                (!seen[1].empty() && seen[1].back() == MESSAGES - 1));
+    EXPECT_LE(logs().size(), 4u); // at most one file more while two roll at once
+}
