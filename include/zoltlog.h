@@ -758,14 +758,97 @@ int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t
 int32_t zoltLogFindLatestLogSL(const char *directory, uint64_t productId, const char *logsetName,
                                uint64_t from, uint64_t to, LogFileEntry **out);
 
+/*
+ * Listing and queries. None of these takes the lock: the listing, the configurations
+ * and the tree belong to the calling thread, and one tree must not be evaluated by
+ * two threads at once, since evaluating writes into it.
+ *
+ * GetLogFiles: puts the log files of the configurations (of an originator, or of a
+ * log set when isLogset is 1) into listing->files, by ascending creation time, and
+ * the fetch position at its head. listing->query, when set, selects files by name,
+ * host and times (below). A file is listed once, also when several configurations
+ * name its directory by the same text. The creation time is the header's, 0 when the
+ * file cannot be read; of a log set's file it is the date and time of its name. Files
+ * of one second come in an order fixed by their paths, not by age. Left out silently:
+ * names that are not of the series, directories that cannot be listed, files modified
+ * more than 86400 seconds in the future, and files that cannot be opened when the
+ * query has a term of value 278. Files of all hosts are listed. The caller frees each
+ * entry with zoltLogFree; the listing's other fields are left alone.
+ *   Results: 3 no array or listing; 45 no file was listed (files is then null);
+ *   1 the listing could not be made. When memory runs out within a directory the rest
+ *   of that directory is missing from the list and the result is 0.
+ * list_log_files: the same without the fetch position; 0 listed, 1 nothing listed or
+ * count 0, -1 no listing.
+ */
 uint32_t GetLogFiles(LogCfg **cfgs, uint32_t count, LogListing *listing);
 int32_t list_log_files(LogListing *listing, LogCfg **cfgs, uint32_t count);
+
+/*
+ * Query trees, built by the caller from LogQueryNode. A term has kind 257 (text:
+ * value.text), 258, 260 or 261 (number: value.number) or 259 (attribute: its code in
+ * value.number) and no operands. An operator has two operands and the kind 281 and,
+ * 282 or, 283 <, 284 >, 285 <=, 286 >=, 287 ==, 288 != on unsigned 64-bit numbers;
+ * texts know 287 and 288 only; any other operator is false. slot is written by the
+ * evaluation and is 0 in a new tree; the same tree may be evaluated again and again.
+ * A tree of more than 199 operators passes no file.
+ *
+ *   code      when listing                         when fetching (from the header)
+ *   263       product id of the name               product id
+ *   264       true                                 originator id
+ *   265       originator id of the name,           false
+ *             0 for a log set's file
+ *   268       creation time, or else modification  the same
+ *   269       creation time                        creation time
+ *   266 267   true                                 false
+ *   270-275   true                                 false
+ *   277       true                                 false
+ *   278       host name (text)                     false
+ *   279       log set name (text), false without   log set's name in the file name
+ *   other     false                                false
+ *
+ * The attribute of a comparison stands on the left. On the right it works for
+ * numbers, but the operator is not mirrored (5 < attribute is read as attribute < 5);
+ * a text literal is then taken for an empty text. Text literals are cut to 567 bytes
+ * when listing and to 1079 when fetching. A literal beside an operator instead of an
+ * attribute counts as true, whatever its value.
+ *
+ * evalTreeToFilterFiles: 1 when the file passes a tree as when listing, else 0; a
+ * null tree passes everything. logsetName may be null.
+ * EvaluateFileCondition: 1 when the header passes listing->query as when fetching,
+ * else 0; a listing without a query passes everything, a null listing nothing.
+ * updateQueryForTZ: moves the numbers (other than 0) that 268 and 269 on the left are
+ * compared with by the given offset less getLocalTZOffsetFromGMT(), in place: calling
+ * it twice moves them twice. 0 when the whole tree was walked; 1 when the walk stopped
+ * at a node without two operands. It suits trees whose operators have either two terms
+ * or two operators as operands.
+ */
 int32_t evalTreeToFilterFiles(uint64_t productId, uint64_t originatorId, const char *hostName,
                               const char *logsetName, int64_t creationTime, int64_t modificationTime,
                               LogQueryNode *query);
 int32_t EvaluateFileCondition(LogListing *listing, const LogFileHeader *header, const char *logsetName,
                               int64_t modificationTime);
 uint32_t updateQueryForTZ(LogQueryNode *query, int64_t tzOffset);
+
+/*
+ * Names and tables.
+ *
+ * HashString: the text's hash (31 times the hash so far plus each byte as a signed
+ * number, in 64 bits) modulo the modulus, cut to 32 bits; 0 for an empty text, a null
+ * text or modulus 0.
+ * DoesNameMatch: 1 when a list of names separated by commas holds the name, else 0.
+ * Blanks in the list do not count, also inside a name; an item of nothing but blanks
+ * is no name; upper and lower case differ.
+ * id2names: id when the text is the decimal number id, or is no number and a name of
+ * the list; else 0. list may be null.
+ * GetIdFromName: the id of the first configuration that the text names: of a product
+ * (by number or short name) for kind 263, of an originator for any other kind; 0 when
+ * none does. A configuration without names is passed over, also for its number.
+ * LeftRightTrim: a copy of the text without any blank, which the caller frees with
+ * zoltLogFree; null for a null text or without memory.
+ * SearchContextTitleInList: the entry of a table of 200 chains (chain number:
+ * HashString of the title) with this title and both key words, else null. With key
+ * kind 3 its text is replaced by a copy of the given one.
+ */
 uint32_t HashString(const char *text, uint32_t modulus);
 int32_t DoesNameMatch(const char *list, const char *name);
 uint64_t id2names(uint64_t id, const char *list, const char *text);
@@ -774,14 +857,88 @@ char *LeftRightTrim(const char *text);
 LogContextEntry *SearchContextTitleInList(const LogContextKey *key, const char *text, const char *title,
                                           LogContextEntry **table);
 
+/*
+ * Surplus files. A series keeps the number of files that its configuration says
+ * ("NumberOfLogFiles", read at the call); the files beyond that number, the oldest by
+ * creation time and within one second by the date and counter of their names, may be
+ * archived or removed:
+ *
+ *     LogListing listing;
+ *     char *path;
+ *     if (zoltLogGetManageableLogFiles(5, 7, &listing) == ZOLTLOG_OK)
+ *         while (zoltLogFetchNextFile(&listing, &path) == ZOLTLOG_OK) {
+ *             zoltLogCopyFile(path, "/archive");
+ *             zoltLogDeleteFile(path);
+ *             zoltLogFreeBuffer(&path);
+ *         }
+ *     (then free the entries of listing.files with zoltLogFree)
+ *
+ * zoltLogGetManageableLogFiles: of one originator's series, or of all configured ones
+ * of a product (originatorId 0), of an originator (productId 0) or of everything (both
+ * 0; up to 1024 configurations). The listing is zeroed first. Its entries are the
+ * caller's, to be freed with zoltLogFree; the newest of a series' surplus comes first.
+ *   Results: 0 (the list may be empty); 3 no listing; 4; 1 files could not be examined
+ *   for want of descriptors or memory (nothing is listed then); 45 no log file at all;
+ *   results of zoltLogReadCfg and zoltLogReadAllCfg.
+ * zoltLogGetManageableLogFilesSL: of one log set's series. 3 also without a product or
+ * name; results of zoltLogReadlogsetCfg.
+ *
+ * The directory is taken as it is: files that other hosts write into a shared
+ * directory belong to the same series, count, and may be the surplus ones. Series that
+ * several hosts write should have a directory for each host when recycling is on. A log
+ * set whose file name begins with digits counts as the series of that originator id:
+ * give log sets names that begin with a letter.
+ *
+ * zoltLogFetchNextFileEx: the next entry whose file can be opened, has a header that is
+ * understood and passes listing->query (null: everything passes). The entry stays the
+ * listing's. 3 no listing or place; 9 no further file, again and again. A file with
+ * another header version sets listing->unsupportedHeader. A file that is not a regular
+ * one is judged by the modification time of the file before it.
+ * zoltLogFetchNextFile: the same, giving the path in a zeroed buffer of 8192 bytes that
+ * the caller releases with zoltLogFreeBuffer; 4 without memory (the file is not lost:
+ * the next call gives it).
+ * zoltLogFreeBuffer: frees the buffer, if any, and sets the pointer to null.
+ */
 uint32_t zoltLogGetManageableLogFiles(uint64_t productId, uint64_t originatorId, LogListing *listing);
 uint32_t zoltLogGetManageableLogFilesSL(uint64_t productId, const char *logsetName, LogListing *listing);
 uint32_t zoltLogFetchNextFileEx(LogListing *listing, LogFileEntry **out);
 uint32_t zoltLogFetchNextFile(LogListing *listing, char **path);
 void zoltLogFreeBuffer(char **buffer);
+
+/*
+ * Files. No lock is taken.
+ *
+ * zoltLogCopyFile: copies a file into a directory (given without a slash at its end)
+ * under its own name, replacing what is there; a path without a slash is appended to
+ * the directory as it is. The copy has the permissions 660. A failed copy leaves what
+ * was copied so far.
+ *   Results: 3; 4; 32 the file cannot be opened, or the destination for a reason other
+ *   than permission or a missing path; 31 its size is unknown; 47 the destination cannot
+ *   be opened for one of those two reasons, or is the file itself; 33 the file ended
+ *   early; 54 the device is full (once a write of this process has met a full device,
+ *   any failed write counts as that); 34 any other failed write.
+ * zoltLogCopyFileEx: makes a hard link to the file in the directory. 3 also for a path
+ * without a slash; 34 when the link cannot be made.
+ * zoltLogDeleteFile: removes a file; 3 no path. When it cannot be removed this is told
+ * on standard output and the result is 0 all the same.
+ */
 uint32_t zoltLogCopyFile(const char *path, const char *directory);
 uint32_t zoltLogCopyFileEx(const char *path, const char *directory);
 uint32_t zoltLogDeleteFile(const char *path);
+
+/*
+ * GetManageableLogFiles: replaces a list that runs from the newest file to the oldest
+ * by the surplus ones among them and frees the others. A series is what the two ids of
+ * a name say; its configuration is that of found_config, and a series without one has
+ * no surplus. Without memory the list becomes empty.
+ * found_config: the first configuration of the product and originator, else the first
+ * of the product's default originator (112), else null.
+ * found_configSL: the first configuration of the product with this log set file name,
+ * else the first of the product's log set "Default", else null. Configurations without
+ * a log set do not count.
+ * FreeConfigArray: frees the records, sets their places to null and leaves the array,
+ * which is the caller's.
+ */
 void GetManageableLogFiles(LogFileEntry **list, LogCfg **cfgs, uint32_t count);
 LogCfg *found_config(uint64_t productId, uint64_t originatorId, LogCfg **cfgs, uint32_t count);
 LogCfg *found_configSL(uint64_t productId, const char *logsetFilename, LogCfg **cfgs, uint32_t count);
