@@ -363,37 +363,84 @@ extern LogFormatter *newfmtLib;
 
 /* ---- message record ----------------------------------------- */
 
+/*
+ * A LogMsg is one message on its way. The message calls build and release it by
+ * themselves; these operations are for callers that build, inspect or encode
+ * records of their own. They take no lock, except for the sequence number.
+ *
+ * The text always belongs to the record (heap, zoltLogMalloc). The context token
+ * and the who or subject are borrowed, and must outlive the record, unless
+ * ownsStrings is 1. The context title token of a context record belongs to it.
+ */
+
+/*
+ * Zeroes the record and fills it for a message of the given type through handle:
+ * next sequence number of the handle as message id, process and thread id, product
+ * and originator id (0 for a handle without a log file, as a secure one), time
+ * stamp, the token of a context handle, and a copy of defaultText, which may be
+ * null. A sequence number is used up even when the message is never sent.
+ *
+ * ZOLTLOG_INVALID_ARGUMENT for a null record or handle, or a handle that is neither
+ * plain nor holds a context message (a zeroed one); ZOLTLOG_NO_MEMORY when the text
+ * cannot be copied. After a failure there is no text, and nothing to release.
+ */
 uint32_t zoltLogInitMsg(LogMsg *msg, LogHandle *handle, uint32_t type, const char *defaultText);
+
+/*
+ * Each stores the attributes of one type of message; texts are borrowed. The type
+ * itself is not looked at. ZOLTLOG_INVALID_ARGUMENT for a null record or who; a
+ * null subject is accepted and written as an empty one. The levels of debug and
+ * diagnostic messages run from 1 to 6: another one is stored too, and the result is
+ * ZOLTLOG_FAILED. Severities are 0 to 4; another one is refused by the encoder.
+ */
 uint32_t zoltLogSetDebugAttr(LogMsg *msg, const char *who, uint32_t level);
 uint32_t zoltLogSetDiagAttr(LogMsg *msg, const char *who, uint32_t level);
 uint32_t zoltLogSetAppAttr(LogMsg *msg, uint32_t severity);
 uint32_t zoltLogSetAppAttrEx(LogMsg *msg, const char *who, uint32_t severity);
 uint32_t zoltLogSetAuditAttr(LogMsg *msg, const char *subject, uint32_t outcome);
 uint32_t zoltLogSetSecureAuditAttr(LogMsg *msg, uint32_t level, const char *subject, uint32_t outcome);
+
+/*
+ * Stores a copy of the token as the context title token; a context record releases
+ * the one that it had. ZOLTLOG_INVALID_ARGUMENT for a null pointer,
+ * ZOLTLOG_NO_MEMORY when there is none for the copy: the earlier token stays.
+ */
 uint32_t zoltLogSetContextAttr(LogMsg *msg, const char *token);
+
+/*
+ * Releases what the record owns and zeroes it, so that a second call does no harm;
+ * a null record is ZOLTLOG_OK. With ownsStrings 1 it also frees the context token
+ * and the who or subject, but never the subject of a secure audit record.
+ * ZOLTLOG_FAILED when the localization block could not be released; the rest is.
+ */
 uint32_t zoltLogFreeMsg(LogMsg *msg);
 
+/*
+ * Getters. ZOLTLOG_INVALID_ARGUMENT for a null pointer or a record of a type that
+ * does not have the field (told behind each; no remark: all types). Texts stay the
+ * record's and may be null. zoltLogGetMsgLis gives the address inside the record.
+ */
 uint32_t zoltLogGetMsgType(const LogMsg *msg, uint32_t *out);
 uint32_t zoltLogGetMsgProductId(const LogMsg *msg, uint64_t *out);
 uint32_t zoltLogGetMsgOriginatorId(const LogMsg *msg, uint64_t *out);
-uint32_t zoltLogGetMsgFid(const LogMsg *msg, uint64_t *out);
+uint32_t zoltLogGetMsgFid(const LogMsg *msg, uint64_t *out); /* file originator id, set by the writer */
 uint32_t zoltLogGetMsgTimestamp(const LogMsg *msg, uint64_t *out);
 uint32_t zoltLogGetMsgPid(const LogMsg *msg, uint64_t *out);
 uint32_t zoltLogGetMsgTid(const LogMsg *msg, uint64_t *out);
 uint32_t zoltLogGetMsgContextToken(const LogMsg *msg, char **out);
 uint32_t zoltLogGetMsgText(const LogMsg *msg, char **out);
-uint32_t zoltLogGetMsgAppAttrWho(const LogMsg *msg, char **out);
-uint32_t zoltLogGetMsgAppAttrSeverity(const LogMsg *msg, uint32_t *out);
-uint32_t zoltLogGetMsgDebugAttrWho(const LogMsg *msg, char **out);
-uint32_t zoltLogGetMsgDebugAttrLevel(const LogMsg *msg, uint32_t *out);
-uint32_t zoltLogGetMsgDebugLevel(const LogMsg *msg, uint32_t *out);
-uint32_t zoltLogGetMsgDiagAttrWho(const LogMsg *msg, char **out);
-uint32_t zoltLogGetMsgDiagAttrLevel(const LogMsg *msg, uint32_t *out);
-uint32_t zoltLogGetMsgDiagLevel(const LogMsg *msg, uint32_t *out);
-uint32_t zoltLogGetMsgAuditAttrSubject(const LogMsg *msg, char **out);
-uint32_t zoltLogGetMsgAuditAttrOutcome(const LogMsg *msg, uint32_t *out);
-uint32_t zoltLogGetMsgAuditLevel(const LogMsg *msg, uint32_t *out);
-uint32_t zoltLogGetMsgContextAttrToken(const LogMsg *msg, char **out);
+uint32_t zoltLogGetMsgAppAttrWho(const LogMsg *msg, char **out);          /* application */
+uint32_t zoltLogGetMsgAppAttrSeverity(const LogMsg *msg, uint32_t *out);  /* application */
+uint32_t zoltLogGetMsgDebugAttrWho(const LogMsg *msg, char **out);        /* debug */
+uint32_t zoltLogGetMsgDebugAttrLevel(const LogMsg *msg, uint32_t *out);   /* debug */
+uint32_t zoltLogGetMsgDebugLevel(const LogMsg *msg, uint32_t *out);       /* the same */
+uint32_t zoltLogGetMsgDiagAttrWho(const LogMsg *msg, char **out);         /* diagnostic */
+uint32_t zoltLogGetMsgDiagAttrLevel(const LogMsg *msg, uint32_t *out);    /* diagnostic */
+uint32_t zoltLogGetMsgDiagLevel(const LogMsg *msg, uint32_t *out);        /* the same */
+uint32_t zoltLogGetMsgAuditAttrSubject(const LogMsg *msg, char **out);    /* audit, secure audit */
+uint32_t zoltLogGetMsgAuditAttrOutcome(const LogMsg *msg, uint32_t *out); /* audit, secure audit */
+uint32_t zoltLogGetMsgAuditLevel(const LogMsg *msg, uint32_t *out);       /* secure audit only */
+uint32_t zoltLogGetMsgContextAttrToken(const LogMsg *msg, char **out);    /* context */
 uint32_t zoltLogGetMsgLis(LogMsg *msg, ZoltLisBlock **out);
 
 /* ---- log handle --------------------------------------------- */
@@ -585,7 +632,42 @@ uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult);
 
 /* ---- record encoding ----------------------------------------- */
 
+/*
+ * Encodes the message as one record: a line of UTF-8 that ends in a line feed and
+ * holds no other (docs/format-log-file.md has the grammar). The caller has set
+ * recordVersion, 65540 to 65544, and for 65543 fileOriginatorId. The buffer need not
+ * be initialised. Takes no lock; a record below 4000 bytes whose texts are plain
+ * ASCII, or UTF-8 already, needs no memory.
+ *
+ * On ZOLTLOG_OK the record is the first capacity - free bytes at data, and the
+ * caller releases the buffer with free_text_msg. After a failure the buffer is
+ * released already; releasing it again does no harm.
+ *
+ * A text that cannot be converted to UTF-8 is written as
+ * "**UNABLE TO PROCESS LOG MESSAGE**" and is no failure.
+ *
+ *   ZOLTLOG_FAILED            other record version; secure audit or unknown message
+ *                             type; severity above 4; a localization block that
+ *                             cannot be read, or holds an argument of unknown kind
+ *                             or a wide text that is none
+ *   ZOLTLOG_INVALID_ARGUMENT  null message or buffer
+ *   ZOLTLOG_NO_MEMORY         the buffer cannot grow
+ */
 uint32_t zoltLogMsgSerialize(LogMsg *msg, TextBuffer *buffer);
+
+/*
+ * The growable buffer of records. It starts in its own 4096 bytes, and moves to the
+ * heap when it grows: by 4096 bytes, and by the reservation too when that is not
+ * enough. It must not be copied or moved while in use.
+ *
+ * text_msg_alloc reserves n bytes at the end and returns where they are, until the
+ * next call; null when memory runs out, which empties a buffer on the heap.
+ * remove_trailing_comma drops the last byte when it is a comma. mark_end_of_txt_msg
+ * makes every line feed a carriage return and appends one line feed
+ * (ZOLTLOG_NO_MEMORY when it cannot). free_text_msg leaves an empty buffer.
+ * bin2txt_int appends the number and a comma; bin2txt_sev a severity and a comma, or
+ * is ZOLTLOG_FAILED above 4; both ZOLTLOG_NO_MEMORY.
+ */
 void init_text_msg(TextBuffer *buffer);
 char *text_msg_alloc(TextBuffer *buffer, uint64_t n);
 void remove_trailing_comma(TextBuffer *buffer);
@@ -743,16 +825,87 @@ uint32_t utiEnumLogsetForProductIdFile(PropertyStore *store, uint32_t ignored, c
 
 /* ---- catalogue and reading ------------------------------ */
 
+/*
+ * None of these takes a lock: their arguments belong to the calling thread.
+ */
+
+/*
+ * Appends the next line of an open file to an initialised buffer: without its line
+ * feed, with a terminating NUL, each carriage return as a line feed (which brings
+ * back the line feeds of a record's texts). Returns 1; 0 at the end of the file,
+ * also when the last line has no line feed; negative when reading fails or memory
+ * runs out, or for a null pointer.
+ */
 int32_t readrecord(OsFile *file, TextBuffer *buffer);
+
+/*
+ * Reads the header line of a file that was just opened, ReadHeader through the entry's own
+ * open file. Both zero the header first, tzOffset is -1 when the line has none, and
+ * fields that a short line lacks stay so. A host name is cut to 511 bytes and ends at
+ * a blank. ReadHeader also sets the entry's headerVersion and tzOffset.
+ *
+ *   ZOLTLOG_FAILED              no line (of 65536 bytes at most), or it does not
+ *                               begin with the word "$Header"; ReadHeader leaves the
+ *                               header alone when the file has no line at all
+ *   ZOLTLOG_INVALID_ARGUMENT    null pointer
+ *   ZOLTLOG_UNSUPPORTED_HEADER  a version other than 65540 to 65544, or none
+ */
 uint32_t ReadHeaderEx(OsFile *file, LogFileHeader *header);
 uint32_t ReadHeader(LogFileEntry *entry, LogFileHeader *header);
+
+/*
+ * A new entry for the file that the cursor stands on, closed, without directory,
+ * with the creation time of its header; null when memory runs out. The caller
+ * releases it with zoltLogFree: it is one block.
+ */
 LogFileEntry *alloc_file(OsLogFileCursor *cursor);
+
+/*
+ * Split a file name at its hyphens. An output whose part is missing is left alone,
+ * so the caller zeroes the outputs first. Ids are read as strtol reads them.
+ *
+ * getidfromfilename gives product and originator id of an originator's file; 1 when
+ * both are then not 0, else 0. getSLidfromfilename gives product id, name and the
+ * twelve digits of date and time of a log set's file; 1 when the id is then not 0
+ * and the name not empty, else 0. logsetName has room for 1025 bytes, dateTime for
+ * 13. A log set name that holds a hyphen is cut there. 0 for a null pointer.
+ */
 int32_t getidfromfilename(const char *name, uint64_t *productId, uint64_t *originatorId);
 int32_t getSLidfromfilename(const char *name, uint64_t *productId, char *logsetName, char *dateTime);
+
+/*
+ * The host name in the header of the file that the cursor stands on, found at
+ * directory directly followed by its name. hostName has room for 512 bytes. 1, with
+ * an empty name when the file has no valid header; 0 when it cannot be opened.
+ */
 int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char *hostName);
+
+/*
+ * Reads a text of three numbers, year-month-day, as struct tm has them: the year less
+ * 1900, the month less 1. Missing numbers count as 0. 1, or 0 for a null pointer or
+ * without memory.
+ */
 int32_t zoltLogGetDate(const char *text, int32_t *day, int32_t *month, int32_t *year);
+
+/*
+ * Seconds since the epoch of a text with hours:minutes:seconds, which mean today in
+ * local standard time, or with hyphens: three numbers of which, by an old mistake that
+ * programs rely on, the first less 1900 is the day, the second the month and the
+ * third the year less 1900. "20-03-2015" is thus not a day of 2015. -1 for any other
+ * text, a null one, or without memory.
+ */
 int64_t zoltLogStrDateTimeToT(const char *text);
 
+/*
+ * The latest file of a series in a directory, whose path ends in "/": of a product
+ * and originator on this host, by date and counter of the names, or of a product and
+ * log set, by date and time of the names. from and to are not used. One pass over
+ * the directory; no file but the one found is opened.
+ *
+ * 1 with a new entry, which the caller releases with zoltLogFree; its creation time is
+ * that of its header, or for a log set that of its name. Otherwise 0 and *out is
+ * null: no such file, no such directory, no memory.
+ */
 int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t originatorId, uint64_t from,
                              uint64_t to, LogFileEntry **out);
 int32_t zoltLogFindLatestLogSL(const char *directory, uint64_t productId, const char *logsetName,

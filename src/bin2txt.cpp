@@ -62,6 +62,8 @@ char *putSigned(char *at, int64_t value) {
 }
 
 uint32_t bin2txt_int(int32_t value, TextBuffer *buffer) {
+    if (buffer == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
     char *at = text_msg_alloc(buffer, MAX_DECIMAL + 1);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
@@ -74,6 +76,8 @@ uint32_t bin2txt_int(int32_t value, TextBuffer *buffer) {
 static const uint32_t HIGHEST_SEVERITY = 4;
 
 uint32_t bin2txt_sev(uint32_t severity, TextBuffer *buffer) {
+    if (buffer == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
     if (severity > HIGHEST_SEVERITY)
         return ZOLTLOG_FAILED;
     return bin2txt_int(static_cast<int32_t>(severity), buffer);

@@ -143,6 +143,8 @@ static int32_t readLine(OsFile *file, TextBuffer *buffer, int32_t readSize, uint
 // line feed is not returned. Pinned by ReadRecord.CarriageReturnBecomesLineFeed and
 // ReadRecord.LastLineWithoutLineFeedIsNotReturned.
 int32_t readrecord(OsFile *file, TextBuffer *buffer) {
+    if (file == nullptr || buffer == nullptr)
+        return OS_INVALID_ARGUMENT;
     return readLine(file, buffer, READ_SIZE, UINT64_MAX);
 }
 
@@ -202,7 +204,7 @@ static uint32_t parseHeader(const char *record, LogFileHeader *header) {
         }
         return ZOLTLOG_OK;
     }
-    if (header->version < OLDEST_HEADER_VERSION || header->version > ZOLTLOG_RECORD_VERSION_ORIGINATOR)
+    if (header->version < OLDEST_READ_VERSION || header->version > ZOLTLOG_RECORD_VERSION_ORIGINATOR)
         return ZOLTLOG_UNSUPPORTED_HEADER;
     if (nextUnsigned(&at, &header->productId) && nextUnsigned(&at, &header->originatorId) &&
         nextUnsigned(&at, &header->creationTime) &&
@@ -238,8 +240,10 @@ uint32_t ReadHeader(LogFileEntry *entry, LogFileHeader *header) {
         return ZOLTLOG_INVALID_ARGUMENT;
     int32_t recordRead = 0;
     const uint32_t result = readHeader(&entry->file, header, &recordRead);
-    if (recordRead == 0) // KEPT: header and entry are left alone. Pinned by
-        return result;   // ReadHeader.AnEmptyFileLeavesTheHeaderAlone.
+    // KEPT: without a line, header and entry are left alone. Pinned by
+    // ReadHeader.AnEmptyFileLeavesTheHeaderAlone.
+    if (recordRead == 0)
+        return result;
     if (recordRead < 0) {
         memset(header, 0, sizeof *header);
         header->tzOffset = NO_OFFSET;

@@ -1,12 +1,12 @@
 // Reading the log catalogue: scanning of numbers in names and headers, and the
 // bounds of what is read from files that anyone may have written.
 //
-// Names of log files (made by the writer's write_file unit; docs/format-log-file.md):
+// Names of log files (made in write_file_name.cpp; see docs/format-log-file.md):
 //
 //     originator series = product "-" originator "-" host "-" YYMMDD "-" counter ".log"
 //     log set series    = product "-" name "-" YYMMDDhhmmss ".log"
 //
-// Header line (written by the same unit, read by ReadHeader and ReadHeaderEx):
+// Header line (written there too, read by ReadHeader and ReadHeaderEx):
 //
 //     "$Header 65543," product "," originator "," created "," zone "," host LF
 //     "$Header 65544," zone "," host LF
@@ -25,7 +25,7 @@ static const size_t DATE_TIME_ROOM = 13;
 // A file whose first line is longer has no header.
 static const uint64_t LONGEST_HEADER_LINE = 64 * 1024;
 
-static const uint64_t OLDEST_HEADER_VERSION = 65540;
+static const uint64_t OLDEST_READ_VERSION = 65540;
 
 static const size_t ANY_WIDTH = SIZE_MAX;
 

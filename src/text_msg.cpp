@@ -14,12 +14,16 @@ static_assert(offsetof(TextBuffer, free) < offsetof(TextBuffer, capacity), "fiel
 static const uint64_t LARGEST_RESERVATION = UINT64_MAX / 4;
 
 void init_text_msg(TextBuffer *buffer) {
+    if (buffer == nullptr)
+        return;
     buffer->data = buffer->inlineStorage;
     buffer->free = TEXT_INLINE_SIZE;
     buffer->capacity = TEXT_INLINE_SIZE;
 }
 
 void free_text_msg(TextBuffer *buffer) {
+    if (buffer == nullptr)
+        return;
     if (buffer->capacity > TEXT_INLINE_SIZE)
         free(buffer->data);
     init_text_msg(buffer); // a second release is harmless
@@ -53,7 +57,7 @@ static bool grow(TextBuffer *buffer, uint64_t n) {
 char *text_msg_alloc(TextBuffer *buffer, uint64_t n) {
     // KEPT: the buffer grows also when exactly n bytes are free. Pinned by
     // TextBuffer.GrowsWhenExactlyTheFreeBytesAreAskedFor.
-    if (buffer->free <= n && !grow(buffer, n))
+    if (buffer == nullptr || (buffer->free <= n && !grow(buffer, n)))
         return nullptr;
     char *reserved = buffer->data + textLength(buffer);
     buffer->free -= n;
@@ -61,12 +65,16 @@ char *text_msg_alloc(TextBuffer *buffer, uint64_t n) {
 }
 
 void remove_trailing_comma(TextBuffer *buffer) {
+    if (buffer == nullptr)
+        return;
     const uint64_t length = textLength(buffer);
     if (length > 0 && buffer->data[length - 1] == ',')
         ++buffer->free;
 }
 
 uint32_t mark_end_of_txt_msg(TextBuffer *buffer) {
+    if (buffer == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
     char *end = text_msg_alloc(buffer, 1);
     if (end == nullptr)
         return ZOLTLOG_NO_MEMORY;

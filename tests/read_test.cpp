@@ -127,6 +127,8 @@ TEST(ReadRecord, ReadErrorsAreReturned) {
     TextBuffer buffer;
     init_text_msg(&buffer);
     EXPECT_EQ(readrecord(&file, &buffer), -1); // nothing is open
+    EXPECT_LT(readrecord(nullptr, &buffer), 0);
+    EXPECT_LT(readrecord(&file, nullptr), 0);
     free_text_msg(&buffer);
 }
 

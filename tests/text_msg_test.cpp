@@ -141,3 +141,13 @@ TEST(TextBuffer, EndOfARecordThatFillsTheStorageGrowsIt) {
     EXPECT_EQ(recordOf(buffer), std::string(4095, '\r') + "\n");
     free_text_msg(&buffer);
 }
+
+TEST(TextBuffer, NullBuffersAreHarmless) {
+    init_text_msg(nullptr);
+    free_text_msg(nullptr);
+    remove_trailing_comma(nullptr);
+    EXPECT_EQ(text_msg_alloc(nullptr, 1), nullptr);
+    EXPECT_EQ(mark_end_of_txt_msg(nullptr), 3u);
+    EXPECT_EQ(bin2txt_int(1, nullptr), 3u);
+    EXPECT_EQ(bin2txt_sev(1, nullptr), 3u);
+}
