@@ -1,0 +1,218 @@
+// The series of a log set.
+#include "write_series.h"
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+using namespace series;
+
+namespace {
+
+struct WriteFileLogset : testing::Test {
+    WriteFileLogset() {
+        setZone("UTC");
+        setClock(localTime(2024, 3, 1, 13, 45, 2));
+    }
+    ~WriteFileLogset() override {
+        if (handle.file != nullptr)
+            zoltLogCloseFile(&handle);
+    }
+    LogHandle handle = {};
+};
+
+double monotonic() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+double processorTime() {
+    rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+const char FIRST[] = "logs/5-backup-240301134502.log";
+
+} // namespace
+
+TEST_F(WriteFileLogset, WorkedExampleComesOutByteForByte) {
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    handle.originatorId = 7;
+    LogMsg msg;
+    ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "Disk full, 2 of 3"), 0u);
+    msg.messageId = 12;
+    msg.timestamp = 1700000000123;
+    msg.processId = 4242;
+    msg.threadId = 4243;
+    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 3), 0u);
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), 0u);
+    EXPECT_EQ(msg.recordVersion, 65544u);
+    zoltLogFreeMsg(&msg);
+    EXPECT_EQ(support::readFile(FIRST),
+              "$Header 65544,0,hostA\n"
+              "2,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)\n");
+}
+
+TEST_F(WriteFileLogset, LatestFileIsResumedWithTheTimeOfItsName) {
+    support::makeDirectory("logs");
+    support::writeFile("logs/5-backup-240301134459.log", "$Header 65544,0,hostA\n");
+    support::writeFile("logs/5-backup-240301134501.log", "$Header 65544,0,hostA\n");
+    support::writeFile("logs/5-backup-240301134500.log", "$Header 65544,0,hostA\n");
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    EXPECT_EQ(handle.file->fileStartTime, 1709300701);
+    EXPECT_EQ(handle.file->lastReopenTime, 1709300701000);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/5-backup-240301134501.log").size(), 1u);
+    EXPECT_EQ(logFiles().size(), 3u);
+}
+
+TEST_F(WriteFileLogset, HeaderOfAnOriginatorIsLeftAtTheFirstWrite) {
+    support::makeDirectory("logs");
+    support::writeFile("logs/5-backup-240301134501.log", "$Header 65543,5,7,1709300701,0,hostA\n");
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134501.log")).size(), 1u);
+    EXPECT_EQ(support::lines(support::readFile(FIRST)).size(), 2u);
+}
+
+TEST_F(WriteFileLogset, StatesAreNotShared) {
+    LogHandle second;
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    ASSERT_EQ(open(&second, logsetSettings()), 0u);
+    EXPECT_NE(handle.file, second.file);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_EQ(send(&second, "two"), 0u);
+    EXPECT_EQ(support::lines(support::readFile(FIRST)).size(), 3u);
+    EXPECT_EQ(zoltLogCloseFile(&second), 0u);
+}
+
+TEST_F(WriteFileLogset, LogsetAndOriginatorSeriesDoNotMix) {
+    LogHandle originator;
+    LogCfg cfg = settings();
+    cfg.originatorId = 0;
+    ASSERT_EQ(open(&originator, cfg), 0u);
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    EXPECT_NE(handle.file, originator.file);
+    EXPECT_EQ(logFiles().size(), 2u);
+    EXPECT_EQ(zoltLogCloseFile(&originator), 0u);
+}
+
+TEST_F(WriteFileLogset, RolloverBySizeTakesTheNameOfItsSecond) {
+    LogCfg cfg = logsetSettings();
+    cfg.rolloverMode = 1;
+    cfg.maxFileSizeKB = 1;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    advance(58);
+    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    EXPECT_EQ(logFiles(), (Names{"5-backup-240301134502.log", "5-backup-240301134600.log"}));
+    EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134600.log")).size(), 2u);
+}
+
+TEST_F(WriteFileLogset, ContextsAreNotRewritten) {
+    LogCfg cfg = logsetSettings();
+    cfg.rolloverMode = 1;
+    cfg.maxFileSizeKB = 1;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    LogHandle context = {};
+    zoltLogInitMsg(&context.contextMsg, &handle, ZOLTLOG_MSG_CONTEXT, "about");
+    zoltLogSetContextAttr(&context.contextMsg, "T1");
+    ASSERT_EQ(zoltLogCreateContextToFile(&handle, &context, &context.contextMsg), 0u);
+    EXPECT_EQ(support::lines(support::readFile(FIRST)).size(), 2u);
+    advance(58);
+    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134600.log")).size(), 2u);
+    zoltLogFreeMsg(&context.contextMsg);
+    EXPECT_EQ(zoltLogCloseFile(&context), 0u);
+}
+
+TEST_F(WriteFileLogset, RolloverWithinASecondWaits) {
+    fakeMs = -1; // the real clock
+    LogCfg cfg = logsetSettings();
+    cfg.rolloverMode = 1;
+    cfg.maxFileSizeKB = 1;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    const double start = monotonic();
+    const double busy = processorTime();
+    // Each record fills a file; the first finds none better within the second than the
+    // empty one that is there.
+    for (int record = 0; record < 3; ++record)
+        ASSERT_EQ(send(&handle, std::string(1100, 'x')), 0u);
+    EXPECT_LT(monotonic() - start, 4.0);
+    EXPECT_LT(processorTime() - busy, 0.5) << "waits without burning the processor";
+    const Names files = logFiles();
+    EXPECT_EQ(files.size(), 3u);
+    for (const std::string &file : files)
+        EXPECT_EQ(support::lines(support::readFile("logs/" + file)).size(), 2u);
+}
+
+TEST_F(WriteFileLogset, WaitingEndsAfterTwoSecondsAndTheRecordGoesIntoTheFullFile) {
+    LogCfg cfg = logsetSettings();
+    cfg.rolloverMode = 1;
+    cfg.maxFileSizeKB = 1;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_EQ(send(&handle, std::string(1100, 'x')), 0u);
+    const double start = monotonic();
+    ASSERT_EQ(send(&handle, "into the full file"), 0u); // and the clock stands still
+    const double waited = monotonic() - start;
+    EXPECT_GE(waited, 1.9);
+    EXPECT_LT(waited, 3.5);
+    EXPECT_EQ(logFiles().size(), 1u);
+    EXPECT_EQ(support::lines(support::readFile(FIRST)).size(), 3u);
+    ASSERT_EQ(send(&handle, "no second wait for the same second"), 0u);
+    EXPECT_LT(monotonic() - start - waited, 1.0);
+    EXPECT_EQ(support::lines(support::readFile(FIRST)).size(), 4u);
+    advance(1);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134503.log")).size(), 2u);
+}
+
+TEST_F(WriteFileLogset, FileOfTheSameSecondStartsAtZero) {
+    LogHandle second;
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    ASSERT_EQ(open(&second, logsetSettings()), 0u);
+    advance(10);
+    handle.file->headerVersion = 0; // both leave their file in the same second
+    second.file->headerVersion = 0;
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(handle.file->fileStartTime, 1709300712);
+    ASSERT_EQ(send(&second, "two"), 0u);
+    EXPECT_EQ(second.file->fileStartTime, 0);
+    EXPECT_EQ(second.file->lastReopenTime, 0);
+    EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134512.log")).size(), 3u);
+    EXPECT_EQ(logFiles().size(), 2u);
+    EXPECT_EQ(zoltLogCloseFile(&second), 0u);
+}
+
+TEST_F(WriteFileLogset, PeriodicReopenStartsANewFile) {
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    advance(601);
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(logFiles(), (Names{"5-backup-240301134502.log", "5-backup-240301135503.log"}));
+    EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301135503.log")).size(), 2u);
+}
+
+TEST_F(WriteFileLogset, RemovedFileIsReplacedByOneWithHeaderAfterTenMinutes) {
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    ASSERT_EQ(unlink(FIRST), 0);
+    advance(601);
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(logFiles(), Names{"5-backup-240301135503.log"});
+    EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301135503.log"))[0],
+              "$Header 65544,0,hostA");
+}
+
+TEST_F(WriteFileLogset, PeriodCountsFromTheTimeOfTheName) {
+    support::makeDirectory("logs");
+    support::writeFile("logs/5-backup-240301134400.log", "$Header 65544,0,hostA\n");
+    LogCfg cfg = logsetSettings();
+    cfg.rolloverMode = 4;
+    cfg.rolloverPeriod = 100;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    EXPECT_EQ(handle.file->nextRolloverTime, localTime(2024, 3, 1, 13, 45, 40));
+    advance(38);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134540.log")).size(), 2u);
+}

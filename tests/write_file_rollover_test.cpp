@@ -1,0 +1,292 @@
+// Rollover by size, what rolls and what does not, and contexts in new files.
+#include "write_series.h"
+
+#include <unistd.h>
+
+using namespace series;
+
+namespace {
+
+const char FIRST[] = "logs/5-7-83886090-240301-0000000000.log";
+const char SECOND[] = "logs/5-7-83886090-240301-0000000001.log";
+const char THIRD[] = "logs/5-7-83886090-240301-0000000002.log";
+
+struct WriteFileRollover : testing::Test {
+    WriteFileRollover() {
+        setZone("UTC");
+        setClock(localTime(2024, 3, 1, 10));
+    }
+    ~WriteFileRollover() override {
+        if (handle.file != nullptr)
+            zoltLogCloseFile(&handle);
+    }
+    void openSized(uint64_t kilobytes, uint32_t mode = 1) {
+        LogCfg cfg = settings();
+        cfg.rolloverMode = mode;
+        cfg.maxFileSizeKB = kilobytes;
+        ASSERT_EQ(open(&handle, cfg), 0u);
+    }
+    // A text that makes the next record of handle bytes long.
+    std::string textForRecord(size_t bytes) {
+        for (size_t length = bytes - 100; length < bytes; ++length) {
+            LogMsg msg;
+            zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, std::string(length, 'x').c_str());
+            --handle.sequenceNumber;
+            msg.recordVersion = 65543;
+            msg.fileOriginatorId = 7;
+            zoltLogSetAppAttrEx(&msg, "mgr", 3);
+            TextBuffer buffer;
+            zoltLogMsgSerialize(&msg, &buffer);
+            const size_t record = buffer.capacity - buffer.free;
+            free_text_msg(&buffer);
+            zoltLogFreeMsg(&msg);
+            if (record == bytes)
+                return std::string(length, 'x');
+        }
+        ADD_FAILURE() << "no text gives a record of " << bytes;
+        return "";
+    }
+
+    LogHandle handle = {};
+};
+
+const size_t HEADER = strlen("$Header 65543,5,7,1709287200,0,hostA\n");
+
+} // namespace
+
+TEST(WriteFileRolloverMode, OnlyZeroToFiveAreValid) {
+    for (uint32_t mode = 0; mode <= 5; ++mode)
+        EXPECT_EQ(IsValidRolloverMode(mode), 1) << mode;
+    for (const uint32_t mode : {6u, 7u, 8u, 9u, 1u << 31, UINT32_MAX})
+        EXPECT_EQ(IsValidRolloverMode(mode), 0) << mode;
+}
+
+TEST_F(WriteFileRollover, ModeNoneNeverRolls) {
+    openSized(1, 0);
+    for (int record = 0; record < 5; ++record)
+        ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    advance(400 * 86400L);
+    handle.file->lastReopenTime = 0; // the periodic reopen is another matter
+    ASSERT_EQ(send(&handle, "later"), 0u);
+    EXPECT_EQ(logFiles().size(), 1u);
+}
+
+TEST_F(WriteFileRollover, MaxSizeZeroNeverRolls) {
+    openSized(0);
+    ASSERT_EQ(send(&handle, std::string(5000, 'x')), 0u);
+    ASSERT_EQ(send(&handle, std::string(5000, 'x')), 0u);
+    EXPECT_EQ(logFiles().size(), 1u);
+}
+
+TEST_F(WriteFileRollover, FirstRecordBeyondTheLimitRollsBeforeItIsWritten) {
+    openSized(1);
+    const std::string text = textForRecord(1100);
+    ASSERT_EQ(send(&handle, text), 0u);
+    EXPECT_EQ(support::readFile(FIRST), "$Header 65543,5,7,1709287200,0,hostA\n");
+    EXPECT_EQ(textsIn(SECOND), Texts{text});
+    EXPECT_EQ(support::readFile(SECOND).size(), HEADER + 1100);
+}
+
+TEST_F(WriteFileRollover, ReachingTheLimitExactlyRolls) {
+    openSized(2);
+    const std::string text = textForRecord(2048 - HEADER);
+    ASSERT_EQ(send(&handle, text), 0u);
+    EXPECT_EQ(textsIn(FIRST), Texts{});
+    EXPECT_EQ(textsIn(SECOND), Texts{text});
+}
+
+TEST_F(WriteFileRollover, OneByteBelowTheLimitDoesNotRoll) {
+    openSized(2);
+    const std::string text = textForRecord(2047 - HEADER);
+    ASSERT_EQ(send(&handle, text), 0u);
+    EXPECT_EQ(textsIn(FIRST), Texts{text});
+    ASSERT_EQ(send(&handle, "next"), 0u);
+    EXPECT_EQ(textsIn(SECOND), Texts{"next"});
+}
+
+TEST_F(WriteFileRollover, SizeCountsWhatOthersAppended) {
+    openSized(2);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    support::writeFile(FIRST, support::readFile(FIRST) + std::string(2000, '-') + "\n");
+    usleep(1000); // beyond the time in which they could not have
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(textsIn(SECOND), Texts{"two"});
+}
+
+TEST_F(WriteFileRollover, TruncatedFileIsContinuedWithoutAHole) {
+    openSized(2);
+    ASSERT_EQ(send(&handle, std::string(1500, 'x')), 0u);
+    ASSERT_EQ(truncate(FIRST, 0), 0);
+    usleep(1000);
+    ASSERT_EQ(send(&handle, "after"), 0u);
+    EXPECT_EQ(textsIn(FIRST), Texts{"after"});
+    EXPECT_EQ(logFiles().size(), 1u);
+}
+
+TEST_F(WriteFileRollover, EveryMessageExactlyOnceOverManyFiles) {
+    openSized(4);
+    Texts sent;
+    for (int record = 0; record < 2000; ++record) {
+        sent.push_back("message " + std::to_string(record));
+        ASSERT_EQ(send(&handle, sent.back()), 0u);
+    }
+    Texts found;
+    const Names files = logFiles();
+    EXPECT_GT(files.size(), 20u);
+    for (size_t file = 0; file < files.size(); ++file) {
+        char name[64];
+        snprintf(name, sizeof name, "5-7-83886090-240301-%010zu.log", file);
+        EXPECT_EQ(files[file], name);
+        EXPECT_LT(support::readFile("logs/" + files[file]).size(), 4096u);
+        const Texts texts = textsIn("logs/" + files[file]);
+        found.insert(found.end(), texts.begin(), texts.end());
+    }
+    EXPECT_EQ(found, sent);
+}
+
+TEST_F(WriteFileRollover, InvalidModeSwitchesRolloverOff) {
+    openSized(1, 6);
+    EXPECT_EQ(handle.file->rolloverMode, 6u);
+    ASSERT_EQ(send(&handle, std::string(3000, 'x')), 0u);
+    EXPECT_EQ(handle.file->rolloverMode, 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(logFiles().size(), 1u);
+}
+
+TEST_F(WriteFileRollover, FilesThatExistAndAreFullArePassedOver) {
+    openSized(1);
+    support::writeFile(SECOND, "$Header 65543,5,7,1709287200,0,hostA\n" + std::string(1100, '-') + "\n");
+    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    EXPECT_EQ(textsIn(THIRD).size(), 1u);
+    EXPECT_EQ(handle.file->counter, 2);
+}
+
+TEST_F(WriteFileRollover, FileThatExistsWithRoomIsContinued) {
+    openSized(1);
+    support::writeFile(SECOND, "$Header 65543,5,7,1709287100,0,hostA\n");
+    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    EXPECT_EQ(textsIn(SECOND).size(), 1u);
+    EXPECT_EQ(handle.file->fileStartTime, 1709287100);
+    EXPECT_EQ(logFiles().size(), 2u);
+}
+
+TEST_F(WriteFileRollover, FilesOfOlderVersionsArePassedOver) {
+    openSized(1);
+    support::writeFile(SECOND, "$Header 65540,5,7,1709287100,hostA\n");
+    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    EXPECT_EQ(support::readFile(SECOND), "$Header 65540,5,7,1709287100,hostA\n");
+    EXPECT_EQ(textsIn(THIRD).size(), 1u);
+}
+
+TEST_F(WriteFileRollover, PeriodOfNothingDoesNotLoop) {
+    LogCfg cfg = settings();
+    cfg.rolloverMode = 4;
+    cfg.rolloverPeriod = 0;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(textsIn(SECOND), Texts{"one"});
+    EXPECT_EQ(textsIn(THIRD), Texts{"two"});
+    EXPECT_EQ(logFiles().size(), 3u);
+}
+
+TEST_F(WriteFileRollover, RecordThatCannotBeEncodedRollsNothing) {
+    openSized(1);
+    LogMsg msg;
+    ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, std::string(2000, 'x').c_str()), 0u);
+    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 5), 0u);
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), 1u);
+    zoltLogFreeMsg(&msg);
+    EXPECT_EQ(logFiles().size(), 1u);
+    EXPECT_EQ(textsIn(FIRST), Texts{});
+}
+
+TEST_F(WriteFileRollover, NullStateIs57AndNullMessage1) {
+    openSized(1);
+    LogMsg msg = {};
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(nullptr, &msg), 57u);
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(nullptr, nullptr), 57u);
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, nullptr), 1u);
+}
+
+// ---- contexts ------------------------------------------------------------------------------
+
+namespace {
+
+// Creates a context as zoltLogCreateContext does, with the title and token given.
+uint32_t createContext(LogHandle *parent, LogHandle *context, const char *token) {
+    *context = {};
+    zoltLogInitMsg(&context->contextMsg, parent, ZOLTLOG_MSG_CONTEXT,
+                   (std::string("about ") + token).c_str());
+    zoltLogSetContextAttr(&context->contextMsg, token);
+    return zoltLogCreateContextToFile(parent, context, &context->contextMsg);
+}
+
+uint32_t destroyContext(LogHandle *context) {
+    zoltLogFreeMsg(&context->contextMsg);
+    context->noContext = 1;
+    return zoltLogCloseFile(context);
+}
+
+// The titles of the context records of a file, in order.
+Texts contextsIn(const std::string &path) {
+    Texts titles;
+    for (const std::string &line : support::lines(support::readFile(path))) {
+        const size_t end = line.rfind(",(0|)");
+        if (line.compare(0, 2, "3,") == 0 && end != std::string::npos)
+            titles.push_back(line.substr(line.rfind(':', end) + 1, end - line.rfind(':', end) - 1));
+    }
+    return titles;
+}
+
+} // namespace
+
+TEST_F(WriteFileRollover, ContextsAreRewrittenAtTheTopOfEveryNewFileInListOrder) {
+    openSized(1);
+    LogHandle one;
+    LogHandle two;
+    ASSERT_EQ(createContext(&handle, &one, "T1"), 0u);
+    ASSERT_EQ(createContext(&handle, &two, "T2"), 0u);
+    EXPECT_EQ(contextsIn(FIRST), (Texts{"T1", "T2"}));
+    ASSERT_EQ(send(&handle, std::string(900, 'x')), 0u);
+    EXPECT_EQ(contextsIn(SECOND), (Texts{"T2", "T1"})) << "the newest handle is the first of the list";
+    const std::vector<std::string> found = support::lines(support::readFile(SECOND));
+    ASSERT_EQ(found.size(), 4u);
+    EXPECT_EQ(found[0], "$Header 65543,5,7,1709287200,0,hostA");
+    EXPECT_EQ(textOf(found[3]), std::string(900, 'x'));
+    ASSERT_EQ(destroyContext(&two), 0u);
+    ASSERT_EQ(send(&handle, std::string(900, 'x')), 0u);
+    EXPECT_EQ(contextsIn(THIRD), (Texts{"T1"}));
+    ASSERT_EQ(destroyContext(&one), 0u);
+}
+
+TEST_F(WriteFileRollover, ContextRecordIsRewrittenUnchanged) {
+    openSized(1);
+    LogHandle context;
+    ASSERT_EQ(createContext(&handle, &context, "T1"), 0u);
+    ASSERT_EQ(send(&handle, std::string(990, 'x')), 0u);
+    EXPECT_EQ(support::lines(support::readFile(SECOND))[1], support::lines(support::readFile(FIRST))[1]);
+    EXPECT_EQ(destroyContext(&context), 0u);
+}
+
+TEST_F(WriteFileRollover, RewritingContextsNeverRolls) {
+    openSized(1);
+    LogHandle context;
+    ASSERT_EQ(createContext(&handle, &context, std::string(2000, 't').c_str()), 0u);
+    EXPECT_EQ(contextsIn(SECOND).size(), 1u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(contextsIn(THIRD).size(), 1u);
+    EXPECT_EQ(textsIn(THIRD).back(), "one");
+    EXPECT_EQ(logFiles().size(), 3u);
+    EXPECT_EQ(destroyContext(&context), 0u);
+}
+
+TEST_F(WriteFileRollover, ContextThatRollsIsNotDoubledInTheNewFile) {
+    openSized(1);
+    ASSERT_EQ(send(&handle, std::string(900, 'x')), 0u);
+    LogHandle context;
+    ASSERT_EQ(createContext(&handle, &context, "T1"), 0u);
+    EXPECT_EQ(contextsIn(SECOND), Texts{"T1"});
+    EXPECT_EQ(contextsIn(FIRST), Texts{});
+    EXPECT_EQ(destroyContext(&context), 0u);
+}

@@ -1,0 +1,402 @@
+// Rollover by local time and by period, the periodic reopen, and what a strange clock
+// does to them. Times are those of Central Europe: UTC+1, in summer UTC+2.
+#include "write_series.h"
+
+#include <unistd.h>
+
+using namespace series;
+
+namespace {
+
+constexpr uint32_t LOCAL_TIME = 2;
+constexpr uint32_t PERIODIC = 4;
+constexpr int64_t HOUR = 3600;
+
+std::string file(const char *date, int counter = 0) {
+    char name[64];
+    snprintf(name, sizeof name, "5-7-83886090-%s-%010d.log", date, counter);
+    return name;
+}
+
+struct WriteFileTime : testing::Test {
+    WriteFileTime() {
+        setZone("CET-1CEST,M3.5.0,M10.5.0/3");
+        setClock(localTime(2024, 3, 1, 10));
+    }
+    ~WriteFileTime() override {
+        if (handle.file != nullptr)
+            zoltLogCloseFile(&handle);
+    }
+    void openTimed(uint32_t mode, uint64_t value) {
+        LogCfg cfg = settings();
+        cfg.rolloverMode = mode;
+        cfg.rolloverTime = value;
+        cfg.rolloverPeriod = value;
+        ASSERT_EQ(open(&handle, cfg), 0u);
+    }
+    // A file of the series as a writer left it that started it at the given time.
+    void leaveBehind(const char *date, int counter, int64_t started) {
+        support::makeDirectory("logs");
+        support::writeFile("logs/" + file(date, counter),
+                           "$Header 65543,5,7," + std::to_string(started) + ",-3600,hostA\n");
+    }
+    int64_t due() const { return handle.file->nextRolloverTime; }
+
+    LogHandle handle = {};
+};
+
+} // namespace
+
+// ---- local time ------------------------------------------------------------------------
+
+TEST_F(WriteFileTime, MidnightRollsAtTheFirstWriteAfterIt) {
+    openTimed(LOCAL_TIME, 0);
+    EXPECT_EQ(due(), localTime(2024, 3, 2));
+    setClock(localTime(2024, 3, 1, 23, 59, 59));
+    ASSERT_EQ(send(&handle, "before"), 0u);
+    setClock(localTime(2024, 3, 2));
+    ASSERT_EQ(send(&handle, "after"), 0u);
+    EXPECT_EQ(logFiles(), (Names{file("240301"), file("240302")}));
+    EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"before"});
+    EXPECT_EQ(textsIn("logs/" + file("240302")), Texts{"after"});
+    EXPECT_EQ(due(), localTime(2024, 3, 3));
+}
+
+TEST_F(WriteFileTime, HourAndMinuteOfTheSameDay) {
+    openTimed(LOCAL_TIME, 13 * HOUR + 30 * 60 + 59);
+    EXPECT_EQ(due(), localTime(2024, 3, 1, 13, 30, 0)) << "seconds do not count";
+    setClock(localTime(2024, 3, 1, 13, 29, 59));
+    ASSERT_EQ(send(&handle, "before"), 0u);
+    setClock(localTime(2024, 3, 1, 13, 30, 0));
+    ASSERT_EQ(send(&handle, "after"), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240301", 0)), Texts{"before"});
+    EXPECT_EQ(textsIn("logs/" + file("240301", 1)), Texts{"after"});
+    EXPECT_EQ(due(), localTime(2024, 3, 2, 13, 30, 0));
+}
+
+TEST_F(WriteFileTime, FileStartedAfterTheInstantWaitsForTheNextDay) {
+    openTimed(LOCAL_TIME, 9 * HOUR);
+    EXPECT_EQ(due(), localTime(2024, 3, 2, 9));
+}
+
+TEST_F(WriteFileTime, FileStartedAtTheInstantWaitsForTheNextDay) {
+    openTimed(LOCAL_TIME, 10 * HOUR);
+    EXPECT_EQ(due(), localTime(2024, 3, 2, 10));
+}
+
+TEST_F(WriteFileTime, ResumedFileOfYesterdayStartedAfterTheInstantIsDueAtIt) {
+    leaveBehind("240229", 3, localTime(2024, 2, 29, 12));
+    openTimed(LOCAL_TIME, 11 * HOUR);
+    EXPECT_EQ(due(), localTime(2024, 3, 1, 11));
+}
+
+TEST_F(WriteFileTime, ResumedFileOfYesterdayStartedBeforeTheInstantIsDueAtOnce) {
+    leaveBehind("240229", 3, localTime(2024, 2, 29, 11));
+    openTimed(LOCAL_TIME, 11 * HOUR + 60);
+    EXPECT_EQ(due(), localTime(2024, 3, 1, 10));
+    ASSERT_EQ(send(&handle, "new"), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"new"});
+    EXPECT_EQ(textsIn("logs/" + file("240229", 3)), Texts{});
+}
+
+TEST_F(WriteFileTime, ResumedFileOlderThanADayIsDueAtOnce) {
+    leaveBehind("240229", 3, localTime(2024, 2, 29, 10));
+    openTimed(LOCAL_TIME, 9 * HOUR);
+    EXPECT_EQ(due(), localTime(2024, 3, 1, 10)) << "86400 seconds are not less than a day";
+    leaveBehind("240229", 4, localTime(2024, 2, 29, 10) + 1);
+    LogHandle other;
+    LogCfg cfg = settings();
+    cfg.rolloverMode = LOCAL_TIME;
+    cfg.rolloverTime = 9 * HOUR;
+    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    ASSERT_EQ(open(&other, cfg), 0u);
+    EXPECT_EQ(other.file->nextRolloverTime, localTime(2024, 3, 1, 9));
+    EXPECT_EQ(zoltLogCloseFile(&other), 0u);
+}
+
+TEST_F(WriteFileTime, TimeBeyondADayIsCountedOnward) {
+    openTimed(LOCAL_TIME, 25 * HOUR);
+    EXPECT_EQ(due(), localTime(2024, 3, 2, 1));
+    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    openTimed(LOCAL_TIME, UINT64_MAX);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"one"});
+}
+
+// ---- daylight saving time ----------------------------------------------------------------
+
+TEST_F(WriteFileTime, InstantOfTheDayOfAChangeIsByTheWallClock) {
+    setClock(localTime(2024, 3, 31, 1)); // the clock goes from 2:00 to 3:00
+    openTimed(LOCAL_TIME, 6 * HOUR);
+    EXPECT_EQ(due(), 1711857600); // 4:00 UTC
+    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    setClock(localTime(2024, 10, 27, 0, 30)); // the clock goes from 3:00 to 2:00
+    LogCfg cfg = settings(8);
+    cfg.rolloverMode = LOCAL_TIME;
+    cfg.rolloverTime = 6 * HOUR;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    EXPECT_EQ(due(), 1730005200); // 5:00 UTC
+}
+
+TEST_F(WriteFileTime, NextDayIsAlways86400Seconds) {
+    setClock(localTime(2024, 3, 30, 10));
+    openTimed(LOCAL_TIME, 6 * HOUR);
+    EXPECT_EQ(due(), localTime(2024, 3, 31, 7)) << "an hour late by the wall clock";
+}
+
+TEST_F(WriteFileTime, RolloverInTheGapOrOverlapHappensOnce) {
+    const struct {
+        int month, day;
+        uint64_t originator;
+    } changes[] = {{3, 31, 7}, {10, 27, 8}};
+    for (const auto &change : changes) {
+        setClock(localTime(2024, change.month, change.day));
+        LogCfg cfg = settings(change.originator);
+        cfg.rolloverMode = LOCAL_TIME;
+        cfg.rolloverTime = 2 * HOUR + 30 * 60;
+        ASSERT_EQ(open(&handle, cfg), 0u);
+        const size_t before = logFiles().size();
+        for (int step = 0; step < 23 * 6; ++step, advance(600))
+            ASSERT_EQ(send(&handle, "one"), 0u);
+        EXPECT_EQ(logFiles().size(), before + 1) << change.month;
+        ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    }
+}
+
+// ---- period --------------------------------------------------------------------------------
+
+TEST_F(WriteFileTime, PeriodCountsFromTheFilesStart) {
+    openTimed(PERIODIC, 500);
+    EXPECT_EQ(due(), localTime(2024, 3, 1, 10) + 500);
+    advance(499);
+    ASSERT_EQ(send(&handle, "before"), 0u);
+    advance(1);
+    ASSERT_EQ(send(&handle, "after"), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240301", 0)), Texts{"before"});
+    EXPECT_EQ(textsIn("logs/" + file("240301", 1)), Texts{"after"});
+    EXPECT_EQ(due(), localTime(2024, 3, 1, 10) + 1000);
+}
+
+TEST_F(WriteFileTime, PeriodOfAResumedFileCountsFromItsHeader) {
+    leaveBehind("240301", 2, localTime(2024, 3, 1, 9, 55));
+    openTimed(PERIODIC, 600);
+    EXPECT_EQ(due(), localTime(2024, 3, 1, 10, 5));
+}
+
+TEST_F(WriteFileTime, OverduePeriodRollsAtTheFirstWrite) {
+    leaveBehind("240301", 2, localTime(2024, 3, 1, 1));
+    openTimed(PERIODIC, 600);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240301", 3)), Texts{"one"});
+    EXPECT_EQ(logFiles().size(), 2u);
+}
+
+TEST_F(WriteFileTime, SizeAndPeriodBothRoll) {
+    LogCfg cfg = settings();
+    cfg.rolloverMode = PERIODIC | 1;
+    cfg.maxFileSizeKB = 1;
+    cfg.rolloverPeriod = 100;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    EXPECT_EQ(logFiles().size(), 2u);
+    advance(99);
+    ASSERT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, nullptr), 1u);
+    advance(1);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240301", 2)), Texts{"one"});
+}
+
+// ---- a clock that is set -----------------------------------------------------------------
+
+TEST_F(WriteFileTime, ClockSetBackADayKeepsTheFile) {
+    openTimed(LOCAL_TIME, 0);
+    advance(-86400);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"one"});
+    EXPECT_EQ(logFiles().size(), 1u);
+    EXPECT_EQ(due(), localTime(2024, 3, 2));
+}
+
+TEST_F(WriteFileTime, ClockSetBackADayContinuesThatDaysCounters) {
+    const int64_t yesterday = localTime(2024, 2, 29, 9);
+    const std::string full(1100, '-');
+    for (int counter = 0; counter < 40; ++counter) {
+        leaveBehind("240229", counter, yesterday);
+        const std::string path = "logs/" + file("240229", counter);
+        support::writeFile(path, support::readFile(path) + full + "\n");
+    }
+    LogCfg cfg = settings();
+    cfg.rolloverMode = LOCAL_TIME | 1;
+    cfg.maxFileSizeKB = 1;
+    leaveBehind("240301", 0, localTime(2024, 3, 1, 9));
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    EXPECT_EQ(handle.file->counter, 0);
+    advance(-86400);
+    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240229", 40)).size(), 1u);
+    EXPECT_EQ(logFiles().size(), 42u);
+    EXPECT_EQ(due(), localTime(2024, 3, 1));
+}
+
+TEST_F(WriteFileTime, RolloverToAFileOfYesterdaySetsItsSchedule) {
+    leaveBehind("240229", 0, localTime(2024, 2, 29, 9));
+    leaveBehind("240301", 0, localTime(2024, 3, 1, 9));
+    openTimed(LOCAL_TIME, 0);
+    advance(-86400);
+    handle.file->headerVersion = 0; // leave the file
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240229", 0)), Texts{"one"});
+    EXPECT_EQ(due(), localTime(2024, 3, 1));
+}
+
+TEST_F(WriteFileTime, ClockSetForwardAYearRollsOnce) {
+    openTimed(LOCAL_TIME, 0);
+    setClock(localTime(2025, 3, 2, 10));
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(logFiles(), (Names{file("240301"), file("250302")}));
+}
+
+// ---- the periodic reopen -------------------------------------------------------------------
+
+TEST_F(WriteFileTime, RemovedFileIsRecreatedWithHeaderAfterTenMinutes) {
+    openTimed(0, 0);
+    const std::string path = "logs/" + file("240301");
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    advance(600);
+    ASSERT_EQ(send(&handle, "lost"), 0u);
+    EXPECT_EQ(logFiles(), Names{}) << "not more than 600000 ms";
+    fakeMs += 1;
+    ASSERT_EQ(send(&handle, "kept"), 0u);
+    EXPECT_EQ(logFiles(), Names{file("240301")});
+    EXPECT_EQ(support::lines(support::readFile(path))[0], "$Header 65543,5,7,1709284200,-3600,hostA");
+    EXPECT_EQ(textsIn(path), Texts{"kept"});
+    EXPECT_EQ(handle.file->lastReopenTime, 1709284200001);
+}
+
+TEST_F(WriteFileTime, FileThatIsThereIsContinuedWithItsHeader) {
+    openTimed(0, 0);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    advance(601);
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(logFiles(), Names{file("240301")});
+    EXPECT_EQ(textsIn("logs/" + file("240301")), (Texts{"one", "two"}));
+    EXPECT_EQ(handle.file->counter, 0);
+    EXPECT_EQ(handle.file->fileStartTime, localTime(2024, 3, 1, 10));
+    EXPECT_EQ(handle.file->lastReopenTime, (localTime(2024, 3, 1, 10) + 601) * 1000);
+}
+
+TEST_F(WriteFileTime, ReopenKeepsACounterAboveZero) {
+    leaveBehind("240301", 6, localTime(2024, 3, 1, 9, 59));
+    openTimed(0, 0);
+    for (int round = 0; round < 3; ++round) {
+        advance(601);
+        ASSERT_EQ(send(&handle, "one"), 0u);
+    }
+    EXPECT_EQ(logFiles(), Names{file("240301", 6)});
+    EXPECT_EQ(handle.file->counter, 6);
+}
+
+TEST_F(WriteFileTime, MovedFileIsLeftAfterTenMinutes) {
+    openTimed(0, 0);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_EQ(rename(("logs/" + file("240301")).c_str(), "moved"), 0);
+    advance(601);
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(textsIn("moved"), Texts{"one"});
+    EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"two"});
+}
+
+TEST_F(WriteFileTime, ReopenAfterMidnightStartsTheNewDaysFileWithItsContexts) {
+    setClock(localTime(2024, 3, 1, 23, 55));
+    openTimed(0, 0);
+    LogHandle context = {};
+    zoltLogInitMsg(&context.contextMsg, &handle, ZOLTLOG_MSG_CONTEXT, "about");
+    zoltLogSetContextAttr(&context.contextMsg, "T1");
+    ASSERT_EQ(zoltLogCreateContextToFile(&handle, &context, &context.contextMsg), 0u);
+    advance(601);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    const std::vector<std::string> found = support::lines(support::readFile("logs/" + file("240302")));
+    ASSERT_EQ(found.size(), 3u);
+    EXPECT_EQ(found[0].substr(0, 14), "$Header 65543,");
+    EXPECT_EQ(found[1].substr(0, 2), "3,");
+    EXPECT_EQ(textOf(found[2]), "one");
+    zoltLogFreeMsg(&context.contextMsg);
+    EXPECT_EQ(zoltLogCloseFile(&context), 0u);
+}
+
+TEST_F(WriteFileTime, ReopenOfTheSameFileRewritesNoContext) {
+    openTimed(0, 0);
+    LogHandle context = {};
+    zoltLogInitMsg(&context.contextMsg, &handle, ZOLTLOG_MSG_CONTEXT, "about");
+    zoltLogSetContextAttr(&context.contextMsg, "T1");
+    ASSERT_EQ(zoltLogCreateContextToFile(&handle, &context, &context.contextMsg), 0u);
+    advance(601);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(support::lines(support::readFile("logs/" + file("240301"))).size(), 3u);
+    zoltLogFreeMsg(&context.contextMsg);
+    EXPECT_EQ(zoltLogCloseFile(&context), 0u);
+}
+
+TEST_F(WriteFileTime, FileResumedAfterTenMinutesIsReopenedAtTheFirstMessage) {
+    leaveBehind("240301", 2, localTime(2024, 3, 1, 8));
+    openTimed(0, 0);
+    EXPECT_EQ(handle.file->lastReopenTime, localTime(2024, 3, 1, 8) * 1000);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(handle.file->lastReopenTime, localTime(2024, 3, 1, 10) * 1000);
+    EXPECT_EQ(textsIn("logs/" + file("240301", 2)), Texts{"one"});
+}
+
+TEST_F(WriteFileTime, FileOfAnEarlierDayIsLeftAtTheFirstMessage) {
+    leaveBehind("240229", 2, localTime(2024, 2, 29, 8));
+    openTimed(0, 0);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/" + file("240301", 0)), Texts{"one"});
+    EXPECT_EQ(textsIn("logs/" + file("240229", 2)), Texts{});
+}
+
+TEST_F(WriteFileTime, StartTimeZeroIsNeverReopened) {
+    leaveBehind("240301", 2, 0);
+    openTimed(0, 0);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(handle.file->lastReopenTime, 0);
+    EXPECT_EQ(textsIn("logs/" + file("240301", 2)), Texts{"one"});
+}
+
+TEST_F(WriteFileTime, ClockSetBackPutsTheReopenOff) {
+    openTimed(0, 0);
+    advance(-3600);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(handle.file->lastReopenTime, localTime(2024, 3, 1, 10) * 1000);
+}
+
+TEST_F(WriteFileTime, FailedReopenIsTriedAgainAndContinuesTheSameFile) {
+    openTimed(0, 0);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_EQ(rename("logs", "away"), 0);
+    support::writeFile("logs", "in the way");
+    advance(601);
+    EXPECT_EQ(send(&handle, "lost"), 5u);
+    EXPECT_EQ(handle.file->file.descriptor, -1);
+    EXPECT_EQ(handle.file->lastReopenTime, localTime(2024, 3, 1, 10) * 1000);
+    EXPECT_EQ(send(&handle, "lost"), 5u);
+    ASSERT_EQ(unlink("logs"), 0);
+    ASSERT_EQ(rename("away", "logs"), 0);
+    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(logFiles(), Names{file("240301")});
+    EXPECT_EQ(textsIn("logs/" + file("240301")), (Texts{"one", "two"}));
+}
+
+TEST_F(WriteFileTime, FailedRolloverIsTriedAgainAndSkipsNoCounter) {
+    openTimed(PERIODIC, 300);
+    ASSERT_EQ(rename("logs", "away"), 0);
+    support::writeFile("logs", "in the way");
+    advance(300);
+    for (int message = 0; message < 3; ++message)
+        EXPECT_EQ(send(&handle, "lost"), 5u);
+    ASSERT_EQ(unlink("logs"), 0);
+    ASSERT_EQ(rename("away", "logs"), 0);
+    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(logFiles(), (Names{file("240301", 0), file("240301", 1)}));
+    EXPECT_EQ(textsIn("logs/" + file("240301", 1)), Texts{"two"});
+}
