@@ -78,7 +78,8 @@ int32_t qdlisAddNativeString(ZoltLisBlock *block, const char *text);
 
 /*
  * Adds a block as one item of another. The outer block owns it from then on:
- * nested becomes empty. -2: it is empty, or the outer block itself.
+ * nested becomes empty. -2: it is empty, the outer block itself, or
+ * more than 16 blocks would lie in one another.
  */
 int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested);
 

@@ -76,7 +76,7 @@ void startBlock(Builder *builder, bool utf8, size_t expected) {
     if (builder->storage == nullptr)
         builder->result = LIS_NO_MEMORY;
     else
-        *builder->storage = {0, room, utf8, false};
+        *builder->storage = {0, room, utf8, false, 0};
 }
 
 void resumeBlock(Builder *builder, ZoltLisBlock *block) {

@@ -150,6 +150,7 @@ LisResult replaceItems(ZoltLisBlock *block, const Shown *shown, BuiltArguments *
     const int32_t result = finishBlock(&builder, &made, 0);
     if (result != LIS_OK)
         return static_cast<LisResult>(result);
+    storageOf(&made)->depth = storageOf(block)->depth;
     forgetTaken(*arguments);
     (void)zoltLisFree(block);
     *block = made;
@@ -219,9 +220,15 @@ extern "C" int32_t qdlisAddNativeString(ZoltLisBlock *block, const char *text) {
 extern "C" int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested) {
     if (nested == nullptr || nested == block || storageOf(nested) == nullptr)
         return LIS_INVALID;
+    const uint8_t depth = static_cast<uint8_t>(storageOf(nested)->depth + 1);
+    if (depth > MAX_NESTING)
+        return LIS_INVALID;
     const int32_t result = addPlain(block, ITEM_NESTED, *nested);
-    if (result == LIS_OK)
+    if (result == LIS_OK) {
         *nested = {};
+        if (storageOf(block)->depth < depth)
+            storageOf(block)->depth = depth;
+    }
     return result;
 }
 

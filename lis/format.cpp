@@ -20,7 +20,7 @@
 
 namespace {
 
-enum Length : uint8_t { LENGTH_NONE, LENGTH_HH, LENGTH_H, LENGTH_L, LENGTH_LL };
+enum Length : uint8_t { LENGTH_NONE, LENGTH_HH, LENGTH_H, LENGTH_L, LENGTH_LL, LENGTH_JZT };
 
 const size_t SPEC_ROOM = 24;         // "%", seven flags, "*.*", "ll", a letter
 const int MAX_CONVERSIONS = 1 << 20; // in one format; keeps the sizes below in bounds
@@ -106,7 +106,7 @@ Length lengthOf(const char **p) {
     case 'Z':
     case 't':
         ++*p;
-        return LENGTH_L;
+        return LENGTH_JZT;
     default:
         return LENGTH_NONE;
     }

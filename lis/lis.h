@@ -62,11 +62,13 @@ inline size_t itemPayload(ItemWord word) {
 struct Storage {
     size_t used; // bytes of items
     size_t room;
-    bool utf8;   // narrow texts are UTF-8, else in the locale's multibyte encoding
-    bool nested; // some item is a nested block, which belongs to this one
+    bool utf8;     // narrow texts are UTF-8, else in the locale's multibyte encoding
+    bool nested;   // some item is a nested block, which belongs to this one
+    uint8_t depth; // how deep nested blocks go below this one
 };
 
 const size_t NO_TEXT = SIZE_MAX;
+const uint8_t MAX_NESTING = 16; // of blocks in blocks
 
 // A block under construction.
 struct Builder {
