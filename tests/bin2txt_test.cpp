@@ -671,3 +671,21 @@ TEST(ArgumentBlocks, EveryTypeButDebugCarriesItsBlock) {
         EXPECT_EQ(tail(type), ",(3|)\n") << type;
     EXPECT_EQ(tail(0), "mgr,0\n");
 }
+
+// ---- the description of the format
+
+TEST(FormatDocument, ExamplesAreWhatIsWritten) {
+    const std::string document = support::readFile(support::sourceDirectory() + "/docs/format-log-file.md");
+    LogMsg context = exampleMessage(65543);
+    FakeBlock fake;
+    fake.identity = 42;
+    fake.arguments = {{1, 7}, {10}, {3}};
+    fake.arguments[1].narrow = "x";
+    fake.arguments[2].real = 1.5;
+    context.type = ZOLTLOG_MSG_CONTEXT;
+    context.text = nullptr;
+    context.attr.contextTitle = text("T1");
+    context.lis = *fake.handed();
+    for (const LogMsg &msg : {exampleMessage(65543), exampleMessage(65544), context})
+        EXPECT_NE(document.find("    " + encode(msg)), std::string::npos) << encode(msg);
+}
