@@ -278,7 +278,8 @@ void checkSections(const ConfigFile &file, Findings &findings) {
 void checkDirectory(const ConfigFile &file, size_t line, const std::string &who, const std::string &directory,
                     Findings &findings) {
     struct stat status;
-    if (stat(directory.c_str(), &status) == 0) {
+    const std::string plain = directory.size() > 1 ? directory.substr(0, directory.size() - 1) : directory;
+    if (stat(plain.c_str(), &status) == 0) { // without its "/", so that a file is seen
         if (!S_ISDIR(status.st_mode))
             findings.error(file.path, line, who + ": " + directory + " is no directory");
         else if (access(directory.c_str(), R_OK | X_OK) != 0)
