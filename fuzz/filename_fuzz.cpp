@@ -1,0 +1,154 @@
+// File names of any bytes: they must be split as strtok and strtol split them, and
+// the latest file of a directory must be the one that scanf and mktime call so.
+#include "zoltlog.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dirent.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+static void require(bool holds, const char *what) {
+    if (!holds) {
+        fprintf(stderr, "does not hold: %s\n", what);
+        abort();
+    }
+}
+
+static std::vector<std::string> tokensOf(std::string name) {
+    std::vector<std::string> tokens;
+    char *rest = nullptr;
+    for (char *token = strtok_r(name.data(), "-", &rest); token != nullptr;
+         token = strtok_r(nullptr, "-", &rest))
+        tokens.emplace_back(token);
+    return tokens;
+}
+
+static uint64_t numberOf(const std::string &token) {
+    return static_cast<uint64_t>(strtol(token.c_str(), nullptr, 10));
+}
+
+static void checkSplitting(const std::string &name) {
+    const std::vector<std::string> tokens = tokensOf(name.c_str());
+    uint64_t product = 0;
+    uint64_t originator = 0;
+    const uint64_t first = !tokens.empty() ? numberOf(tokens[0]) : 0;
+    const uint64_t second = tokens.size() > 1 ? numberOf(tokens[1]) : 0;
+    require(getidfromfilename(name.c_str(), &product, &originator) == (first != 0 && second != 0), "ids");
+    require(product == first, "product id");
+    require(originator == second, "originator id");
+
+    char logSet[1025] = "";
+    char dateTime[13] = "";
+    product = 0;
+    const std::string set = tokens.size() > 1 ? tokens[1].substr(0, 1024) : "";
+    const std::string stamp = tokens.size() > 2 ? tokens[2].substr(0, 12) : "";
+    require(getSLidfromfilename(name.c_str(), &product, logSet, dateTime) == (first != 0 && !set.empty()),
+            "log set");
+    require(product == first, "product id of a log set");
+    require(set == logSet, "name of a log set");
+    require(stamp == dateTime, "time of a log set");
+}
+
+// ---- the latest file of a directory that holds the name and one other
+
+// A directory of this process, removed at its end.
+struct Directory {
+    Directory() {
+        const char *parent = getenv("TMPDIR");
+        path = std::string(parent != nullptr ? parent : "/tmp") + "/qdul-fuzz.XXXXXX";
+        require(mkdtemp(path.data()) != nullptr, "a directory");
+    }
+    ~Directory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+    Directory(const Directory &) = delete;
+    Directory &operator=(const Directory &) = delete;
+
+    std::string path;
+};
+
+static const char RIVAL_REST[] = "140305-0000000005.log";
+static const char RIVAL_SET[] = "5-s-140305101500.log";
+
+static std::string path(const std::string &name) {
+    static const Directory directory;
+    return directory.path + "/" + name;
+}
+
+static bool makeFile(const std::string &name) {
+    const int file = open(path(name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+    if (file != -1)
+        close(file);
+    return file != -1;
+}
+
+struct Judged {
+    time_t time;
+    unsigned long counter;
+};
+
+// The name's date and counter as scanf and mktime have them; time -1 for none.
+static Judged judge(const char *name) {
+    Judged result = {-1, 0};
+    struct tm date = {};
+    if (sscanf(name, "%*u-%*u-%*u-%2d%2d%2d-%10lu.", &date.tm_year, &date.tm_mon, &date.tm_mday,
+               &result.counter) < 3)
+        return result;
+    date.tm_year += 100;
+    date.tm_mon -= 1;
+    result.time = mktime(&date);
+    return result;
+}
+
+static void checkLatest(const std::string &rest) {
+    static const std::string prefix = "5-7-" + std::to_string(osGetHostID()) + "-";
+    static bool ready;
+    if (!ready) {
+        setenv("TZ", "UTC0", 1);
+        require(makeFile(prefix + RIVAL_REST) && makeFile(RIVAL_SET), "files");
+        ready = true;
+    }
+    const std::string name = prefix + rest + ".log";
+    const std::string nameOfSet = "5-s-" + rest + ".log";
+    if (name.size() > 255 || name == prefix + RIVAL_REST || nameOfSet == RIVAL_SET || !makeFile(name))
+        return;
+    require(makeFile(nameOfSet), "file of a log set");
+
+    LogFileEntry *entry = nullptr;
+    require(zoltLogFindLatestLog(path("").c_str(), 5, 7, 0, 0, &entry) == 1, "a latest file");
+    const Judged mine = judge(name.c_str());
+    const Judged rival = judge((prefix + RIVAL_REST).c_str());
+    if (mine.time > rival.time || (mine.time == rival.time && mine.counter > rival.counter))
+        require(entry->name == name, "the name is later");
+    else if (mine.time < rival.time || mine.counter < rival.counter)
+        require(entry->name == prefix + RIVAL_REST, "the name is not later");
+    zoltLogFree(entry);
+
+    entry = nullptr;
+    require(zoltLogFindLatestLogSL(path("").c_str(), 5, "s", 0, 0, &entry) == 1, "a latest file of the set");
+    const std::vector<std::string> tokens = tokensOf(nameOfSet);
+    const std::string stamp = tokens.size() > 2 ? tokens[2].substr(0, 12) : "";
+    const int64_t time = stamp.empty() ? -1 : convert_time(stamp.c_str());
+    const int64_t rivalTime = convert_time("140305101500");
+    if (time != rivalTime)
+        require(entry->name == (time > rivalTime ? nameOfSet : RIVAL_SET), "the later of the set");
+    require(entry->creationTime == (time > rivalTime ? time : rivalTime), "its creation time");
+    zoltLogFree(entry);
+    unlink(path(name).c_str());
+    unlink(path(nameOfSet).c_str());
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+    const std::string name(reinterpret_cast<const char *>(data), size);
+    checkSplitting(name);
+    if (size < 230 && name.find('/') == std::string::npos && name.find('\0') == std::string::npos)
+        checkLatest(name);
+    return 0;
+}
