@@ -193,11 +193,3 @@ void freeaddrinfo(addrinfo *list) noexcept {
     free(list);
 }
 }
-
-extern "C" uint32_t CopyFileSecuritySetting(FileSecuritySetting *destination, uint32_t mode) {
-    destination->mode = mode;
-    return 0;
-}
-extern "C" uint32_t FreeFileSecuritySetting(FileSecuritySetting *) {
-    return 0;
-}
