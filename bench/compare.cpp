@@ -26,6 +26,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "qdlis.h"
 #include "zoltlog.h"
 
 namespace {
@@ -248,6 +249,8 @@ void check(uint32_t result, const char *what) {
 // Registers the product in a configuration of its own.
 void makeConfiguration() {
     const std::string directory = freshDirectory("configuration");
+    if (qdlisAddCatalog(SAMPLE_CATALOGUE) != 0)
+        std::exit(1);
     setenv("ZOLTLOG_CFG_LOC", (directory + "/main.conf").c_str(), 1);
     check(zoltLogAddProductCfg(PRODUCT, "bench", (directory + "/bench.conf").c_str()),
           "zoltLogAddProductCfg");
