@@ -1,11 +1,12 @@
 // qdlogger: sends messages to the logs of a product from a shell or a pipe.
-#include <cerrno>
+#include <charconv>
 #include <clocale>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <vector>
 
 #include "common/exit_codes.h"
 #include "common/result_text.h"
@@ -18,16 +19,67 @@ namespace {
 
 // ---- the log ------------------------------------------------------------------------
 
+const char *configPath() {
+    const char *path = std::getenv("ZOLTLOG_CFG_LOC");
+    return path != nullptr ? path : "/etc/qd/zoltlog.conf";
+}
+
+struct Target {
+    uint64_t product = 0;
+    uint64_t originator = 0;
+};
+
+// The id that a text is, or that the configuration gives to a name; 0: none. The
+// records to look through are read by `read` only when they are needed.
+constexpr uint32_t MostRecords = 4096;
+constexpr uint32_t ProductNames = 263; // the kind of GetIdFromName; any other: originators
+template<typename Read>
+uint64_t idOf(const std::string &text, uint32_t kind, Read read) {
+    uint64_t id = 0;
+    const char *const end = text.data() + text.size();
+    const auto [stop, failure] = std::from_chars(text.data(), end, id);
+    if (failure == std::errc() && stop == end)
+        return id;
+    std::vector<LogCfg *> records(MostRecords);
+    uint32_t count = 0;
+    id = read(records.data(), &count) == ZOLTLOG_OK ? GetIdFromName(records.data(), count, kind, text.c_str())
+                                                    : 0;
+    FreeConfigArray(records.data(), count);
+    return id;
+}
+
+bool resolve(const Settings &settings, Target &target) {
+    target.product = idOf(settings.product, ProductNames, [](LogCfg **records, uint32_t *count) {
+        return zoltLogReadAllCfg(nullptr, MostRecords, records, count);
+    });
+    if (target.product == 0) {
+        std::fprintf(stderr, "qdlogger: there is no product '%s' in %s\n", settings.product.c_str(),
+                     configPath());
+        return false;
+    }
+    target.originator = ZOLTLOG_DEFAULT_ORIGINATOR;
+    if (!settings.originator.empty())
+        target.originator = idOf(settings.originator, 0, [&target](LogCfg **records, uint32_t *count) {
+            return zoltLogReadProdIDCfg(nullptr, target.product, MostRecords, records, count);
+        });
+    if (target.originator == 0) {
+        std::fprintf(stderr, "qdlogger: product %llu has no originator '%s'\n",
+                     static_cast<unsigned long long>(target.product), settings.originator.c_str());
+        return false;
+    }
+    return true;
+}
+
 struct Log {
     LogHandle handle = {};
     LogHandle context = {};
     LogHandle *used = nullptr; // the handle, or the context if one was asked for
 };
 
-uint32_t open(const Settings &settings, Utf8Texts &texts, Log &log) {
-    uint32_t result = settings.logset ? zoltLogOpenLogSet(settings.product, settings.originator,
+uint32_t open(const Settings &settings, const Target &target, Utf8Texts &texts, Log &log) {
+    uint32_t result = settings.logset ? zoltLogOpenLogSet(target.product, target.originator,
                                                           settings.logset->c_str(), &log.handle)
-                                      : zoltLogOpen(settings.product, settings.originator, &log.handle);
+                                      : zoltLogOpen(target.product, target.originator, &log.handle);
     log.handle.utf8 = 1;
     log.used = &log.handle;
     if (result == ZOLTLOG_OK && settings.context) {
@@ -130,13 +182,14 @@ int conclude(const Sender &sender, int inputError) {
 
 int run(const Settings &settings) {
     Utf8Texts texts(settings.utf8);
+    Target target;
+    if (!resolve(settings, target))
+        return tools::ExitUnreadable;
     Log log;
-    const uint32_t opened = open(settings, texts, log);
+    const uint32_t opened = open(settings, target, texts, log);
     if (opened != ZOLTLOG_OK) {
-        const char *config = std::getenv("ZOLTLOG_CFG_LOC");
         std::fprintf(stderr, "qdlogger: the log of product %llu cannot be opened (configuration %s): %s\n",
-                     static_cast<unsigned long long>(settings.product),
-                     config != nullptr ? config : "/etc/qd/zoltlog.conf",
+                     static_cast<unsigned long long>(target.product), configPath(),
                      tools::resultMessage(opened).c_str());
         close(log);
         return tools::ExitUnreadable;
@@ -165,9 +218,18 @@ int main(int argc, char **argv) {
     // When nobody reads the copies, the messages still have to reach their file.
     std::signal(SIGPIPE, SIG_IGN);
     qdlogger::Settings settings;
-    const int status = qdlogger::parse(argc, argv, settings);
-    if (status != qdlogger::GoOn)
-        return status;
+    std::string error;
+    if (!qdlogger::parse(argc, argv, settings, error)) {
+        std::fprintf(stderr, "qdlogger: %s\nTry 'qdlogger --help'.\n", error.c_str());
+        return tools::ExitUsage;
+    }
+    if (settings.help || settings.version || settings.optionNames) {
+        const std::string text = settings.help      ? qdlogger::helpText()
+                                 : settings.version ? "qdlogger " QDUL_VERSION "\n"
+                                                    : qdlogger::optionList();
+        std::fputs(text.c_str(), stdout);
+        return std::fflush(stdout) == 0 ? tools::ExitOk : tools::ExitPartial;
+    }
     if (settings.config)
         setenv("ZOLTLOG_CFG_LOC", settings.config->c_str(), 1);
     return qdlogger::run(settings);

@@ -10,8 +10,8 @@
 namespace qdlogger {
 
 struct Settings {
-    uint64_t product = 0;
-    uint64_t originator = ZOLTLOG_DEFAULT_ORIGINATOR;
+    std::string product;    // id or name
+    std::string originator; // id or name; "": the default originator
     std::optional<std::string> logset;
     uint32_t kind = ZOLTLOG_MSG_APP;
     std::optional<uint32_t> severity;
@@ -24,12 +24,15 @@ struct Settings {
     uint32_t outputFlags = 0;
     std::optional<std::string> config;
     bool utf8 = false;
+    bool help = false;
+    bool version = false;
+    bool optionNames = false;           // list the options, for completion
     std::optional<std::string> message; // the words of the command line; none: standard input
 };
 
-// Reads the command line. Something else than an exit status means: go on. Help,
-// version and what is wrong have been printed otherwise.
-constexpr int GoOn = -1;
-int parse(int argc, char **argv, Settings &settings);
+// False with an error text: wrong usage.
+bool parse(int argc, char **argv, Settings &settings, std::string &error);
+std::string helpText();
+std::string optionList(); // a line each
 
 } // namespace qdlogger
