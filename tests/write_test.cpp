@@ -40,7 +40,7 @@ struct Write : testing::Test {
     std::vector<std::string> settings = {"Default.DebugLevel=2",
                                          "Default.DiagnosticLevel=3",
                                          "7.DebugLevel=5",
-                                         "8.LogToOslog=ON",
+                                         "8.LogToOslog=true",
                                          "8.SyslogIdent=eight",
                                          "LOGSET.Default.LogDirectory=./log/",
                                          "LOGSET.Default.DebugLevel=1",
