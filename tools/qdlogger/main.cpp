@@ -223,10 +223,10 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "qdlogger: %s\nTry 'qdlogger --help'.\n", error.c_str());
         return tools::ExitUsage;
     }
-    if (settings.help || settings.version || settings.optionNames) {
+    if (settings.help || settings.version || !settings.complete.empty()) {
         const std::string text = settings.help      ? qdlogger::helpText()
                                  : settings.version ? "qdlogger " QDUL_VERSION "\n"
-                                                    : qdlogger::optionList();
+                                                    : qdlogger::completions(settings.complete);
         std::fputs(text.c_str(), stdout);
         return std::fflush(stdout) == 0 ? tools::ExitOk : tools::ExitPartial;
     }

@@ -39,14 +39,16 @@ bool notEmpty(const std::string &value, std::string &out, std::string &error) {
     return true;
 }
 
+constexpr struct {
+    const char *name;
+    uint32_t kind;
+} kinds[] = {{"app", ZOLTLOG_MSG_APP},
+             {"diag", ZOLTLOG_MSG_DIAG},
+             {"debug", ZOLTLOG_MSG_DEBUG},
+             {"audit", ZOLTLOG_MSG_AUDIT}};
+constexpr int32_t HighestSeverity = 4;
+
 bool setKind(Settings &settings, const char *value, std::string &error) {
-    static constexpr struct {
-        const char *name;
-        uint32_t kind;
-    } kinds[] = {{"app", ZOLTLOG_MSG_APP},
-                 {"diag", ZOLTLOG_MSG_DIAG},
-                 {"debug", ZOLTLOG_MSG_DEBUG},
-                 {"audit", ZOLTLOG_MSG_AUDIT}};
     for (const auto &row : kinds) {
         if (std::strcmp(value, row.name) == 0) {
             settings.kind = row.kind;
@@ -59,7 +61,7 @@ bool setKind(Settings &settings, const char *value, std::string &error) {
 
 bool setSeverity(Settings &settings, const char *value, std::string &error) {
     int32_t severity = 0;
-    if (!tools::parseSeverity(value, severity) || severity < 0 || severity > 4) {
+    if (!tools::parseSeverity(value, severity) || severity < 0 || severity > HighestSeverity) {
         error = std::string("'") + value + "' is none of info, warning, error, critical, emergency, 0 to 4";
         return false;
     }
@@ -119,7 +121,8 @@ const tools::Option<Settings> options[] = {
     {0, "utf8", nullptr, "the input is UTF-8, whatever the locale", setFlag<&Settings::utf8>},
     {'h', "help", nullptr, "show this help", setFlag<&Settings::help>, "Other"},
     {'V', "version", nullptr, "show the version", setFlag<&Settings::version>},
-    {0, "list-options", nullptr, "list the options, for completion", setFlag<&Settings::optionNames>},
+    {0, "complete", "WHAT", "what a shell can complete: options, kinds, severities",
+     [](Settings &s, const char *v, std::string &e) { return notEmpty(v, s.complete, e); }},
 };
 
 // What is wrong with the options together, or ""
@@ -145,7 +148,7 @@ bool parse(int argc, char **argv, Settings &settings, std::string &error) {
     std::vector<std::string> words;
     if (!tools::parseOptions(options, argc, argv, settings, words, error))
         return false;
-    if (settings.help || settings.version || settings.optionNames)
+    if (settings.help || settings.version || !settings.complete.empty())
         return true;
     for (const std::string &word : words)
         settings.message = settings.message ? *settings.message + " " + word : word;
@@ -165,9 +168,16 @@ std::string helpText() {
     return text;
 }
 
-std::string optionList() {
+std::string completions(const std::string &what) {
     std::string text;
-    tools::appendOptionNames(text, options);
+    if (what == "options")
+        tools::appendOptionNames(text, options);
+    if (what == "kinds")
+        for (const auto &row : kinds)
+            text += std::string(row.name) + "\n";
+    if (what == "severities")
+        for (int32_t severity = 0; severity <= HighestSeverity; ++severity)
+            text += std::string(tools::severityName(severity)) + "\n";
     return text;
 }
 

@@ -26,13 +26,15 @@ struct Settings {
     bool utf8 = false;
     bool help = false;
     bool version = false;
-    bool optionNames = false;           // list the options, for completion
+    std::string complete;               // what a shell wants to complete
     std::optional<std::string> message; // the words of the command line; none: standard input
 };
 
 // False with an error text: wrong usage.
 bool parse(int argc, char **argv, Settings &settings, std::string &error);
 std::string helpText();
-std::string optionList(); // a line each
+// The words for a shell's completion: options, kinds, severities; a line each. Empty
+// for anything else.
+std::string completions(const std::string &what);
 
 } // namespace qdlogger
