@@ -4,14 +4,12 @@
 //   Identifiers      validity
 //   Memory           the allocator that callers share
 //   Time             compact stamps, clock texts, time zones
-//   Encodings        what needs no conversion, and the conversions
+//   Encodings        the conversions
 #include "cmn_routines.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <cwchar>
-#include <langinfo.h>
 #include <unicode/ucnv.h>
 #include <unicode/ustring.h>
 
@@ -82,7 +80,8 @@ uint32_t InitializeLocalizerList(LocalizerList *list) {
 
 int64_t convert_time(const char *text) {
     constexpr int FIELDS = 6;
-    if (text == nullptr)
+    constexpr size_t LENGTH = 12;
+    if (text == nullptr || strnlen(text, LENGTH) < LENGTH)
         return -1;
     char yearText[3];
     tm stamp = {};
@@ -159,102 +158,6 @@ uint32_t TimeZoneToOffset(const char *text, int64_t *offset) {
 }
 
 // ---- encodings ----------------------------------------------------------------------
-
-bool isPlainAscii(const char *text, size_t length) {
-    constexpr uint64_t HIGH_BITS = 0x8080808080808080u;
-    size_t at = 0;
-    for (; at + sizeof(uint64_t) <= length; at += sizeof(uint64_t)) {
-        uint64_t bytes;
-        memcpy(&bytes, text + at, sizeof bytes);
-        if ((bytes & HIGH_BITS) != 0)
-            return false;
-    }
-    for (; at < length; ++at) {
-        if ((static_cast<uint8_t>(text[at]) & 0x80u) != 0)
-            return false;
-    }
-    return true;
-}
-
-namespace {
-
-// Length of the well-formed character at the start of text, 0 if there is none. The
-// first two bytes decide about overlong forms, surrogates and the upper end.
-size_t utf8CharacterLength(const uint8_t *text, size_t length) {
-    const uint8_t lead = text[0];
-    if (lead < 0x80)
-        return 1;
-    if (lead < 0xC2 || lead > 0xF4)
-        return 0;
-    const size_t size = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    if (length < size)
-        return 0;
-    uint8_t low = 0x80;
-    uint8_t high = 0xBF;
-    switch (lead) {
-    case 0xE0:
-        low = 0xA0;
-        break;
-    case 0xED:
-        high = 0x9F;
-        break;
-    case 0xF0:
-        low = 0x90;
-        break;
-    case 0xF4:
-        high = 0x8F;
-        break;
-    default:
-        break;
-    }
-    if (text[1] < low || text[1] > high)
-        return 0;
-    for (size_t at = 2; at < size; ++at) {
-        if ((text[at] & 0xC0u) != 0x80)
-            return 0;
-    }
-    return size;
-}
-
-} // namespace
-
-bool isValidUtf8(const char *text, size_t length) {
-    const auto *bytes = reinterpret_cast<const uint8_t *>(text);
-    size_t at = 0;
-    while (at < length) {
-        if (length - at >= sizeof(uint64_t) && isPlainAscii(text + at, sizeof(uint64_t))) {
-            at += sizeof(uint64_t);
-            continue;
-        }
-        const size_t size = utf8CharacterLength(bytes + at, length - at);
-        if (size == 0)
-            return false;
-        at += size;
-    }
-    return true;
-}
-
-bool localeIsUtf8() {
-    return strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
-}
-
-bool localeKeepsAscii() {
-    const char *charset = nl_langinfo(CODESET);
-    if (strcmp(charset, "UTF-8") == 0 || strcmp(charset, "ANSI_X3.4-1968") == 0)
-        return true;
-    // The positions where national and vendors' sets differ from ASCII, and a letter
-    // for those that share nothing with it.
-    constexpr char TELLING[] = "A#$@[\\]^`{|}~";
-    for (const char *c = TELLING; *c != '\0'; ++c) {
-        if (btowc(*c) != static_cast<wint_t>(*c))
-            return false;
-    }
-    return true;
-}
-
-bool isUtf8AsItIs(const char *text, size_t length) {
-    return localeIsUtf8() ? isValidUtf8(text, length) : isPlainAscii(text, length) && localeKeepsAscii();
-}
 
 namespace {
 

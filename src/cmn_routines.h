@@ -1,10 +1,14 @@
-// Memory, identifiers, time texts and encodings: what other units use besides the
-// exported operations.
+// What the library's own units use of the common routines besides the exported
+// operations: the owner of a block, and the tests that save conversions on the way of
+// a message.
 #pragma once
 
 #include "zoltlog.h"
 
 #include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <langinfo.h>
 #include <memory>
 
 // Owns a block of zoltLogMalloc's.
@@ -15,20 +19,85 @@ template<typename T>
 using LogOwned = std::unique_ptr<T, LogFree>;
 
 // Every byte is below 128.
-bool isPlainAscii(const char *text, size_t length);
+inline bool isPlainAscii(const char *text, size_t length) {
+    constexpr uint64_t HIGH_BITS = 0x8080808080808080u;
+    size_t at = 0;
+    for (; at + sizeof(uint64_t) <= length; at += sizeof(uint64_t)) {
+        uint64_t bytes;
+        memcpy(&bytes, text + at, sizeof bytes);
+        if ((bytes & HIGH_BITS) != 0)
+            return false;
+    }
+    for (; at < length; ++at) {
+        if ((static_cast<uint8_t>(text[at]) & 0x80u) != 0)
+            return false;
+    }
+    return true;
+}
 
-// Well-formed UTF-8 as both ICU and the C library take it: shortest forms, no
+// Length of the well-formed UTF-8 character that text begins with, 0 if there is none;
+// length is at least 1. The first two bytes decide about forms that are too long,
+// surrogates and the upper end.
+inline size_t utf8CharacterLength(const char *text, size_t length) {
+    const auto byte = [text](size_t at) { return static_cast<uint8_t>(text[at]); };
+    const uint8_t lead = byte(0);
+    if (lead < 0x80)
+        return 1;
+    if (lead < 0xC2 || lead > 0xF4)
+        return 0;
+    const size_t size = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    if (length < size)
+        return 0;
+    const uint8_t low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
+    const uint8_t high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
+    if (byte(1) < low || byte(1) > high)
+        return 0;
+    for (size_t at = 2; at < size; ++at) {
+        if ((byte(at) & 0xC0u) != 0x80)
+            return 0;
+    }
+    return size;
+}
+
+// Well-formed UTF-8 as both the C library and ICU take it: shortest forms, no
 // surrogates, nothing above U+10FFFF. In a UTF-8 locale mbs2utf8 returns such a text
 // unchanged and refuses any other.
-bool isValidUtf8(const char *text, size_t length);
+inline bool isValidUtf8(const char *text, size_t length) {
+    size_t at = 0;
+    while (at < length) {
+        if (length - at >= sizeof(uint64_t) && isPlainAscii(text + at, sizeof(uint64_t))) {
+            at += sizeof(uint64_t);
+            continue;
+        }
+        const size_t size = utf8CharacterLength(text + at, length - at);
+        if (size == 0)
+            return false;
+        at += size;
+    }
+    return true;
+}
 
 // The calling thread's LC_CTYPE is a UTF-8 one at this moment.
-bool localeIsUtf8();
+inline bool localeIsUtf8() {
+    return strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+}
 
-// The calling thread's multibyte encoding means by the bytes below 128 what ASCII does
-// (Shift_JIS, for one, does not).
-bool localeKeepsAscii();
+// The bytes below 128 mean in the calling thread's multibyte encoding what they mean in
+// ASCII (in Shift_JIS, for one, they do not).
+inline bool localeKeepsAscii() {
+    const char *charset = nl_langinfo(CODESET);
+    if (strcmp(charset, "UTF-8") == 0 || strcmp(charset, "ANSI_X3.4-1968") == 0)
+        return true;
+    // Where national and vendors' sets differ from ASCII, and a letter for those that
+    // share nothing with it. (btowc would not tell: it takes ASCII for granted.)
+    constexpr char TELLING[] = "A#$@[\\]^`{|}~";
+    wchar_t wide[sizeof TELLING];
+    return mbstowcs(wide, TELLING, sizeof TELLING) == sizeof TELLING - 1 &&
+           wcscmp(wide, L"A#$@[\\]^`{|}~") == 0;
+}
 
 // The text, in the locale's multibyte encoding, is its own UTF-8 form: mbs2utf8 would
-// return the same bytes. Says no when finding out would cost a conversion.
-bool isUtf8AsItIs(const char *text, size_t length);
+// return the same bytes. Says no rather than find out by converting.
+inline bool isUtf8AsItIs(const char *text, size_t length) {
+    return localeIsUtf8() ? isValidUtf8(text, length) : isPlainAscii(text, length) && localeKeepsAscii();
+}

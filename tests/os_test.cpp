@@ -633,22 +633,23 @@ TEST(OsOpen, DescriptorsOfStandardStreamsAreNeverTaken) {
 // The host's other threads rely on the umask, which all threads share.
 TEST(OsOpen, OtherThreadsNeverSeeAnotherUmask) {
     umask(022);
+    support::makeDirectory("theirs");
     std::atomic<bool> stop{false};
     std::atomic<long> wrong{0};
     std::atomic<long> made{0};
     std::thread host([&] {
         while (!stop) {
-            const int descriptor = ::open("host", O_WRONLY | O_CREAT | O_EXCL, 0666);
+            const int descriptor = ::open("theirs/host", O_WRONLY | O_CREAT | O_EXCL, 0666);
             struct stat status = {};
             ::fstat(descriptor, &status);
             if ((status.st_mode & 07777) != 0644)
                 ++wrong;
             ::close(descriptor);
-            unlink("host");
+            unlink("theirs/host");
             ++made;
         }
     });
-    for (int i = 0; i < 3000 || made < 1000; ++i) {
+    for (int i = 0; i < 300 || made < 300; ++i) {
         File file;
         ASSERT_EQ(OK, zoltLogOs_open(&file, "ours", APPEND, 0666));
         ASSERT_EQ(0666u, modeOf("ours"));
