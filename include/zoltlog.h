@@ -355,7 +355,10 @@ typedef struct LogFormatter {
 
 /* ---- exported data ---------------------------------------------------- */
 
+/* The library's lock. Only the operations of the lock change it. */
 extern LogLock zoltLogMutex;
+/* 54 from the first write on that failed because the device was full, for the rest of
+ * the process; 0 before. Look at it after a failed write only. */
 extern int32_t errorCode;
 extern void *sh_handle;
 extern LogFormatter *fmtLib;
@@ -462,7 +465,9 @@ uint32_t zoltLogGetSecureAuditLevel(LogHandle *handle, uint32_t *level);
 uint32_t zoltLogSetSequenceNumber(LogHandle *handle, uint64_t number);
 uint32_t zoltLogGetSequenceNumber(LogHandle *handle, uint64_t *number);
 uint64_t GetNextSequenceNumber(LogHandle *handle);
+/* Makes a list empty. */
 uint32_t InitializeLocalizerList(LocalizerList *list);
+/* 1 for a handle that writes a log file (its first word is not 0), else 0. Takes no lock. */
 int32_t isLogOpen(const LogHandle *handle);
 
 /* ---- message entry points and contexts ----------------------- */
@@ -1180,25 +1185,113 @@ int32_t SharedLibLoad(void **library, const char *name, char **fileName);
 int32_t SharedLibUnload(void *library);
 int32_t SharedLibResolveFunc(void *library, const char *symbol, void **function);
 
-/* ---- platform services ---------------------------------- */
+/* ---- platform services ----------------------------------
+ *
+ * None of these takes the lock: what an argument points at belongs to the calling
+ * thread. Unless something else is said, results are those of this layer:
+ *    0  success
+ *   -1  a system call failed
+ *   -3  a pointer is null
+ *   -6  open failed for a reason other than the next two
+ *   -7  open failed: permission denied
+ *   -8  open failed: the path does not exist
+ */
 
+/* The host's name, as gethostname gives it: 0, or -1 when it fails. A name that fills
+ * the whole buffer comes without a terminating zero. */
 int32_t osGetHostName(char *buffer, size_t length);
+
+/*
+ * A number for this host, made of its first address that is not a loopback one, in the
+ * order of getaddrinfo for the host's name. An IPv4 address a.b.c.d is
+ * a + b*2^8 + c*2^16 + d*2^24; of an IPv6 address the last eight bytes count, and the
+ * number may exceed 32 bits. 0x0100007F when the host has no other address or the name
+ * cannot be looked up; 0 when it has no name. Asks the name service: it can take as long
+ * as that takes.
+ */
 uint64_t osGetHostID(void);
+
+/* Process id: the child's own in a child of fork. */
 uint64_t getPID(void);
+/* The calling thread's pthread_self(). */
 uint64_t getTID(void);
+
+/* Nothing to do on this system: 0. */
 int32_t osSocketStartup(void);
 void osSocketCleanup(void);
+
+/* Marks a handle as closed and unread (descriptor -1, read position -1, count 0); its
+ * buffer is left alone. 1, or 0 for null. */
 int32_t zoltLogOs_initfilehandle(OsFile *file);
+
+/*
+ * Opens a file. mode 0: for writing at the end, created if missing. Mode 2: for writing,
+ * emptied, created if missing. Any other: for reading. The handle may be uninitialised
+ * memory; its fields but the buffer are set in any case, the descriptor to -1 on failure.
+ *
+ * A file that the call creates has exactly the given permissions (octal 7777 at most),
+ * whatever the process's umask, which is not touched; an existing one keeps its own.
+ * Only a regular file or a character device is opened, never waiting for anything: a
+ * FIFO, socket or directory is -6. For writing, so is a symbolic link as the last
+ * component. The descriptor is above 2 and closes on exec.
+ */
 int32_t zoltLogOs_open(OsFile *file, const char *path, int32_t mode, uint32_t permissions);
+
+/* Closes the descriptor and sets it to -1. A descriptor of 0 is left as it is. */
 void zoltLogOs_close(OsFile *file);
+
+/*
+ * One read, one write: the count of bytes, which may be short, or -1 with errno set (-3
+ * for a null handle or a negative length). A read sets the handle's readPosition to 0 and
+ * readCount to the count, or to -1 and 0 at the end or on failure. A write that fails
+ * because the device is full sets errorCode.
+ */
 int32_t zoltLogOs_read(OsFile *file, void *buffer, int32_t length);
 int32_t zoltLogOs_write(OsFile *file, const void *buffer, int32_t length);
+
+/* Size in bytes of an open file. On failure *size is left alone. */
 int32_t zoltLogOs_fsize(OsFile *file, uint64_t *size);
+
+/* Removes a file or an empty directory: 0 or -1 with errno set. */
 int32_t zoltLogOs_remove(const char *path);
+
+/* Broken-down local time or UTC of seconds since 1970-01-01 UTC: out, or null when out is
+ * null or the year does not fit. */
 struct tm *zoltLogOs_localtime_r(int64_t seconds, struct tm *out);
 struct tm *zoltLogOs_gmtime_r(int64_t seconds, struct tm *out);
+
+/*
+ * Makes the directories that are missing on a path, the last component included. mode is
+ * not used: a new directory has exactly the permissions of its parent, whatever the
+ * umask, also when others may write there. What exists is left as it is. A relative path
+ * whose first component is missing is a failure, unless it starts with "./".
+ * 0; 1 a directory cannot be made, or a file is in the way; 3 null, or more than 1024
+ * bytes.
+ */
 int32_t zoltLogOs_mkdirp(const char *path, uint32_t mode);
+
+/*
+ * File name of a shared library of this system: of the name's last component, what comes
+ * before its first '.', without a final "D" and then a final "ST", with ".so.3" appended.
+ * *out is the caller's. -3: null, or out of memory.
+ */
 int32_t zoltLogOs_getLibName(const char *name, char **out);
+
+/*
+ * Goes through the files of a directory whose names hold a '-' and end in ".log", in no
+ * particular order. Begin moves to the first one; it may be given uninitialised memory,
+ * of which it leaves the first word alone. Begin and Next: 0 with a current file, 1 at
+ * the end, -1 when Begin fails. After a 0 or a 1 the cursor is released with End.
+ * directory is put before the names as it stands: give it with its final '/'.
+ *
+ * Of the current file: its name, which lives until the next move; the creation time that
+ * its header tells; the time of its last modification. Times are seconds since
+ * 1970-01-01 UTC, 0 for what is unreadable or not a regular file.
+ *
+ * CopyLogOsListLogFiles makes the destination, which may be uninitialised, remember the
+ * source's current file; Next on a copy is the end, and it is released with End, too.
+ * -1: out of memory, or no current file.
+ */
 int32_t zoltLogOsListLogFilesBegin(OsLogFileCursor *cursor, const char *directory);
 int32_t zoltLogOsListLogFilesNext(OsLogFileCursor *cursor);
 const char *zoltLogOsListLogFilesName(OsLogFileCursor *cursor);
@@ -1207,28 +1300,97 @@ int64_t zoltLogOsListLogFilesModtime(OsLogFileCursor *cursor);
 void zoltLogOsListLogFilesEnd(OsLogFileCursor *cursor);
 int32_t CopyLogOsListLogFiles(const OsLogFileCursor *source, OsLogFileCursor *destination);
 
+/* ---- the lock -------------------------------------------
+ *
+ * A strict recursive lock. Each acquisition is made under a tag, a constant text that is
+ * told by its address; releases come in the reverse order, on the same thread, each with
+ * the very pointer of its acquisition. At most ten acquisitions nest. Everything else
+ * ends the process with abort(): an eleventh acquisition, a release of what is not held,
+ * by another thread, with another tag or out of order, destroying a lock that is held or
+ * was never used, a failing thread call.
+ *
+ * A lock record starts as zeros; its first acquisition makes the mutex, also when many
+ * threads come at once. While a thread holds a lock, it cannot be cancelled; its last
+ * release puts the thread's cancellation state back. A thread that can be cancelled
+ * asynchronously must not use it.
+ *
+ * fork waits until zoltLogMutex is free or the forking thread's own, so that the child
+ * finds the library at rest. What the forking thread holds, it holds in the child, too.
+ * A program that holds zoltLogMutex must not wait for a thread that may be in fork.
+ */
+
+/* Makes the mutex of a record that is not in use. The others do so on demand. Returns 0. */
 int32_t zoltLogLockInit(LogLock *lock);
 void zoltLogLock(LogLock *lock, const char *tag);
+/* Returns 0. */
 int32_t zoltLogUnlock(LogLock *lock, const char *tag);
+/* For a lock that no other thread uses any more; the next acquisition makes it anew. Returns 0. */
 int32_t zoltLogDestroyLock(LogLock *lock);
+
+/* The same for zoltLogMutex: a program takes the library's own lock, so that several
+ * calls, or its own fork and exec, happen while no other thread logs. */
 void zoltLockCommon(const char *tag);
 int32_t zoltUnlockCommon(const char *tag);
 int32_t zoltDestroyCommonLock(void);
 
+/* ---- identifiers, memory, time texts, encodings ----------
+ *
+ * None of these takes the lock.
+ */
+
+/* 1 for an id other than 0. */
 int32_t isProdIdValid(uint64_t productId);
 int32_t isOrigIdValid(uint64_t originatorId);
+/* 1 for any text, also an empty one; 0 for null. */
 int32_t isLogSetValid(const char *name);
+/* 1 when both ids of the record are valid. */
 int32_t isCfgValid(const LogCfg *cfg);
+
+/* A block of size bytes, not zeroed; null for size 0 and when memory runs out. */
 void *zoltLogMalloc(size_t size);
+/* Releases what the library handed out. Null is allowed. */
 void zoltLogFree(void *block);
+/* A copy for zoltLogFree; null for null and when memory runs out. */
 char *zoltLogSafeStrdup(const char *text);
+/* Releases an error text that the library handed out. */
 uint32_t zoltLogResFreeErrorMessage(char *text);
+
+/*
+ * Seconds since 1970-01-01 UTC of the stamp that a text begins with: YYMMDDhhmmss, years
+ * 2000 to 2099, local standard time also in summer. Fields out of their range carry over.
+ * -1: null, shorter than that, or not numbers.
+ */
 int64_t convert_time(const char *text);
+
+/*
+ * The first three numbers of a text, which any of the delimiters separate; 0 for each that
+ * is missing. No range is checked. 1, or 0 when a pointer is null or memory runs out.
+ * zoltLogGetTime is the same with the delimiter ':'.
+ */
 int32_t zoltLogStrTimeToT(const char *text, const char *delimiters, int32_t *first, int32_t *second,
                           int32_t *third);
 int32_t zoltLogGetTime(const char *text, int32_t *hours, int32_t *minutes, int32_t *seconds);
+
+/* Seconds to add to local time, as it is now, to get UTC: negative east of Greenwich. */
 int64_t getLocalTZOffsetFromGMT(void);
+
+/*
+ * Seconds of a zone text: "GMT", or "GMT" and hours, or hours:minutes, with a sign.
+ * Minutes take the sign of the hours; hours 0 count as negative, so that "GMT+0:30" is
+ * -1800. ZOLTLOG_FAILED: null, or the text does not begin with "GMT".
+ */
 uint32_t TimeZoneToOffset(const char *text, int64_t *offset);
+
+/*
+ * Conversions between UTF-8, wide characters and multibyte text. *out is a new text for
+ * zoltLogFree, null on failure. length is the number of bytes, or -1 for a terminated
+ * text; the wide text ends at the first zero in it. mbs2utf8 reads the calling thread's
+ * locale (LC_CTYPE); utf82mbs writes the code page that is ICU's default, which on many
+ * systems is UTF-8 whatever the locale.
+ *
+ * ZOLTLOG_NO_MEMORY; a text that cannot be converted (not well-formed, a surrogate, a
+ * number beyond U+10FFFF) is ZOLTLOG_FAILED, with utf82mbs ZOLTLOG_INVALID_ARGUMENT.
+ */
 uint32_t utf82wcs(wchar_t **out, const char *utf8, int32_t length);
 uint32_t utf82mbs(char **out, const char *utf8);
 uint32_t wcs2utf8(char **out, const wchar_t *wide);
