@@ -96,8 +96,8 @@ int32_t qdlisLookUp(ZoltLisBlock *block);
 /*
  * Tells what arguments a pattern takes: one letter for each position from 1, "d"
  * integer, "f" floating point, "c" character, "s" string, "p" pointer, "-" not
- * used; ended by a NUL and cut to size. -2: the pattern is invalid ("%n", an
- * unknown conversion, one position with two types, only some conversions with
+ * used; ended by a NUL and cut to size. -2: the pattern is invalid ("%n", "%m",
+ * an unknown conversion, one position with two types, only some conversions with
  * positions, a null argument, size 0).
  */
 int32_t qdlisPatternArguments(const char *pattern, char *letters, size_t size);

@@ -258,13 +258,17 @@ extern "C" int32_t qdlisPatternArguments(const char *pattern, char *letters, siz
     if (pattern == nullptr || letters == nullptr || size == 0)
         return LIS_INVALID;
     Program *program;
-    const LisResult result = compileFormat(pattern, true, &program);
+    LisResult result = compileFormat(pattern, true, &program);
     if (result != LIS_OK)
         return result;
+    for (size_t k = 0; k < program->pieceCount; ++k) {
+        if (program->pieces[k].shown.letter == 'm')
+            result = LIS_INVALID; // it tells an error of the calling program
+    }
     size_t i = 0;
     for (; i < static_cast<size_t>(program->argumentCount) && i < size - 1; ++i)
         letters[i] = LETTERS[program->arguments[i].what];
     letters[i] = '\0';
     free(program);
-    return LIS_OK;
+    return result;
 }

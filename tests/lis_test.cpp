@@ -434,7 +434,7 @@ TEST(PatternArguments, AreOneLetterForEachPosition) {
                  {"%3$s", "--s"},
                  {"%2$*1$x", "dd"},
                  {"", ""},
-                 {"%m", ""}};
+                 {"100%%", ""}};
     for (const auto &one : CASES) {
         EXPECT_EQ(0, qdlisPatternArguments(one.pattern, letters, sizeof letters)) << one.pattern;
         EXPECT_STREQ(one.letters, letters) << one.pattern;
@@ -450,7 +450,7 @@ TEST(PatternArguments, AreCutToTheBuffer) {
 
 TEST(PatternArguments, OfInvalidPatternsAreRefused) {
     char letters[16];
-    for (const char *pattern : {"%n", "%1$n", "%", "%q", "%1$s %s", "%1$s %1$d", "%9999$d", "%y"})
+    for (const char *pattern : {"%n", "%1$n", "%m", "%", "%q", "%1$s %s", "%1$s %1$d", "%9999$d", "%y"})
         EXPECT_EQ(-2, qdlisPatternArguments(pattern, letters, sizeof letters)) << pattern;
     EXPECT_EQ(-2, qdlisPatternArguments(nullptr, letters, sizeof letters));
     EXPECT_EQ(-2, qdlisPatternArguments("x", nullptr, 4));

@@ -1,0 +1,173 @@
+#!/usr/bin/env python3
+"""qdliscat over good, faulty and damaged catalogues."""
+import os
+import random
+import shutil
+import subprocess
+import unittest
+
+BUILD = os.environ["QDUL_BUILD"]
+SOURCE = os.environ["QDUL_SOURCE"]
+TOOL = os.path.join(BUILD, "bin", "qdliscat")
+SAMPLE = os.path.join(BUILD, "share/qdul/catalogue/diskd")
+
+
+def run(*arguments, **options):
+    done = subprocess.run([TOOL, *arguments], capture_output=True, text=True,
+                          env={**os.environ, "LC_ALL": "C.UTF-8", **options})
+    return done.returncode, done.stdout, done.stderr
+
+
+def compile_messages(package, **locales):
+    """Compiles messages into package/LOCALE.res."""
+    os.makedirs(package, exist_ok=True)
+    for locale, messages in locales.items():
+        with open(locale + ".txt", "w", encoding="utf-8") as file:
+            file.write(locale + " {\n" + messages + "\n}\n")
+        subprocess.run(["genrb", "-q", "-e", "UTF-8", "-d", package, locale + ".txt"], check=True)
+
+
+class Qdliscat(unittest.TestCase):
+    def tearDown(self):
+        for name in os.listdir("."):
+            shutil.rmtree(name) if os.path.isdir(name) else os.remove(name)
+
+    def problems(self, *arguments):
+        status, out, err = run("check", "--quiet", *arguments)
+        self.assertEqual(err, "")
+        self.assertEqual(status, 1 if out else 0)
+        return out.splitlines()
+
+    def test_the_sample_catalogue_is_right(self):
+        self.assertEqual(run("check", SAMPLE), (0, SAMPLE + ": 2 locales, 13 messages, 0 problems\n", ""))
+
+    def test_what_is_not_translated_is_a_problem_on_request(self):
+        self.assertEqual(self.problems("--complete", SAMPLE), [SAMPLE + ": de: 1007: not translated"])
+
+    def test_sources_are_compiled_for_the_check(self):
+        folder = os.path.join(SOURCE, "examples/catalogue/")
+        status, out, _ = run("check", folder + "root.txt", folder + "de.txt")
+        self.assertEqual((status, out), (0, "sources: 2 locales, 13 messages, 0 problems\n"))
+
+    def test_sources_that_do_not_compile_are_a_problem(self):
+        with open("root.txt", "w") as file:
+            file.write('root { 1 { "never closed }')
+        status, out, err = run("check", "root.txt")
+        self.assertEqual((status, out), (1, ""))
+        self.assertIn("qdliscat: the sources do not compile", err)
+
+    def test_bundles_of_one_directory_are_one_catalogue(self):
+        status, out, _ = run("check", SAMPLE + "/de.res", SAMPLE + "/root.res")
+        self.assertEqual((status, out), (0, SAMPLE + ": 2 locales, 13 messages, 0 problems\n"))
+
+    def test_a_data_file_is_a_catalogue(self):
+        compile_messages("out/m", root='1 { "root %1$s" }', de='1 { "de %1$d" }')
+        with open("list.txt", "w") as file:
+            file.write("root.res\nde.res\n")
+        os.makedirs("tmp")
+        done = subprocess.run(["pkgdata", "-q", "-m", "common", "-p", "m", "-s", "out/m", "-d", ".", "-T", "tmp",
+                               "list.txt"], capture_output=True)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertTrue(os.path.exists("m.dat"))
+        for name in ("m.dat", "m"):
+            self.assertEqual(self.problems(name), [name + ": de: 1: argument 1 is an integer, in root a text"])
+
+    def test_every_kind_of_problem_is_told(self):
+        compile_messages(
+            "m",
+            root='1 { "%1$s and %2$d" } 2 { "%n" } 3 { "93% full" } 4 { "%1$d %3$d" } 5 { t { "nested" } } '
+                 'abc { "x" } 0 { "x" } 007 { "x" } 8x { "advice" } 9 { "%1$s %1$d" } 10 { "%m" } messages { 1 { "x" } }',
+            de='1 { "%2$d" } 6 { "only here" }',
+            fr='1 { "%1$s und %2$s und %3$f" }')
+        self.assertEqual(self.problems("m"), [
+            "m: root: 0: the key is no message number in decimal",
+            "m: root: 007: the key is no message number in decimal",
+            "m: root: 10: is no valid pattern: %m",
+            "m: root: 2: is no valid pattern: %n",
+            "m: root: 3: holds a lone percent sign, which has to be written %%",
+            "m: root: 4: argument 2 is not shown",
+            "m: root: 5: is no text",
+            "m: root: 8x: advice on a message that does not exist",
+            "m: root: 9: is no valid pattern: %1$s %1$d",
+            "m: root: abc: the key is no message number in decimal",
+            "m: root: messages: the key is no message number in decimal; messages stand at the top level",
+            "m: de: 1: argument 1 is not shown, in root a text",
+            "m: de: 6: root has no such message",
+            "m: fr: 1: argument 2 is a text, in root an integer",
+            "m: fr: 1: argument 3 is a floating-point number, in root not shown",
+        ])
+
+    def test_a_catalogue_without_root_is_a_problem(self):
+        compile_messages("m", de='1 { "x" }')
+        self.assertEqual(self.problems("m"), ["m: there is no root: messages that a locale lacks have no text"])
+
+    def test_damaged_bundles_are_a_finding_and_no_crash(self):
+        compile_messages("m", root='1 { "%1$s and %2$d" } 2 { "more" }', de='1 { "%2$d und %1$s" }')
+        with open("m/de.res", "rb") as file:
+            good = file.read()
+        random.seed(5)
+        inputs = [b"", b"x", good[:10], good[:32], good[:len(good) // 2], os.urandom(200)]
+        for _ in range(60):
+            damaged = bytearray(good)
+            for _ in range(random.randint(1, 8)):
+                damaged[random.randrange(len(damaged))] = random.randrange(256)
+            inputs.append(bytes(damaged))
+        for content in inputs:
+            with open("m/de.res", "wb") as file:
+                file.write(content)
+            status, _, err = run("check", "m")
+            self.assertIn(status, (0, 1), (content, err))
+
+    def test_damaged_data_files_are_a_finding_and_no_crash(self):
+        random.seed(6)
+        for size in (0, 1, 3, 8, 40, 300):
+            with open("m.dat", "wb") as file:
+                file.write(bytes(random.randrange(256) for _ in range(size)))
+            status, _, _ = run("check", "m")
+            self.assertIn(status, (1, 3))
+
+    def test_a_missing_catalogue_is_unreadable(self):
+        self.assertEqual(run("check", "nowhere"), (3, "", "qdliscat: no catalogue at nowhere\n"))
+        self.assertEqual(run("list", "nowhere")[0], 3)
+
+    def test_show_prints_a_message_and_its_advice_in_every_locale(self):
+        status, out, _ = run("show", "1005", SAMPLE)
+        self.assertEqual(status, 0)
+        self.assertEqual(out.splitlines(), [
+            "root\t1005\tAccess of user %1$s to %2$s denied",
+            "root\t1005x\tAsk the owner of the file for access.",
+            "de\t1005\tZugriff auf %2$s für Benutzer %1$s verweigert"])
+        self.assertEqual(run("show", "4711", SAMPLE), (1, "", ""))
+
+    def test_list_prints_what_a_locales_users_read(self):
+        status, out, _ = run("list", "--locale", "de_AT", SAMPLE)
+        self.assertEqual(status, 0)
+        lines = out.splitlines()
+        self.assertEqual(len(lines), 7)
+        self.assertEqual(lines[0], "1001\tZu %2$d%% voll ist die Platte %1$s")
+        self.assertEqual(lines[6], "1007\tShutting down")
+
+    def test_what_could_steer_a_terminal_is_escaped(self):
+        compile_messages("m", root='1 { "a\\u001b[31m\\u000ab" }')
+        self.assertEqual(run("list", "m")[1], "1\ta\\e[31m\\nb\n")
+
+    def test_wrong_usage_is_two(self):
+        for arguments in ([], ["check"], ["sing", SAMPLE], ["show", "abc", SAMPLE], ["show", "0", SAMPLE],
+                          ["check", "--nothing", SAMPLE]):
+            self.assertEqual(run(*arguments)[0], 2, arguments)
+
+    def test_help_tells_commands_and_an_example(self):
+        status, out, _ = run("--help")
+        self.assertEqual(status, 0)
+        for part in ("check", "show", "list", "qdliscat check /usr/share/diskd/messages", "Exit status"):
+            self.assertIn(part, out)
+        self.assertEqual(run("--version")[1].split()[0], "qdliscat")
+
+    def test_a_full_disk_is_told(self):
+        with open("/dev/full", "w") as full:
+            done = subprocess.run([TOOL, "list", SAMPLE], stdout=full, stderr=subprocess.PIPE)
+        self.assertEqual(done.returncode, 4)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,345 @@
+// Reading message catalogues.
+//
+// A damaged bundle can make ICU read beyond it, so every bundle is read by a child
+// process that hands its entries over; a child that crashes or hangs is a finding.
+
+#include "qdliscat/catalogue.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <sys/wait.h>
+#include <unicode/ures.h>
+#include <unicode/ustring.h>
+#include <unistd.h>
+
+namespace qdliscat {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr unsigned READ_SECONDS = 20;          // for one bundle
+constexpr size_t MOST_BYTES = size_t{1} << 28; // that a bundle may hand over
+constexpr int EXIT_NOT_OPENED = 10;            // of the reading child; its output is the reason
+
+// ---- handing entries over ----------------------------------------------------------
+
+void put(std::string &out, const std::string &text) {
+    const auto size = static_cast<uint32_t>(text.size());
+    out.append(reinterpret_cast<const char *>(&size), sizeof size);
+    out += text;
+}
+
+bool take(const std::string &in, size_t &at, std::string &text) {
+    uint32_t size = 0;
+    if (in.size() - at < sizeof size)
+        return false;
+    std::memcpy(&size, in.data() + at, sizeof size);
+    at += sizeof size;
+    if (in.size() - at < size)
+        return false;
+    text = in.substr(at, size);
+    at += size;
+    return true;
+}
+
+bool writeAll(int descriptor, const std::string &bytes) {
+    for (size_t at = 0; at < bytes.size();) {
+        const ssize_t count = write(descriptor, bytes.data() + at, bytes.size() - at);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0)
+            return false;
+        at += static_cast<size_t>(count);
+    }
+    return true;
+}
+
+std::string toUtf8(const UChar *text, int32_t length) {
+    std::string utf8(static_cast<size_t>(length) * 3 + 1, '\0');
+    int32_t size = 0;
+    int32_t substitutions = 0;
+    UErrorCode status = U_ZERO_ERROR;
+    u_strToUTF8WithSub(utf8.data(), static_cast<int32_t>(utf8.size()), &size, text, length, 0xfffd,
+                       &substitutions, &status);
+    utf8.resize(U_SUCCESS(status) ? static_cast<size_t>(size) : 0);
+    return utf8;
+}
+
+// What the child does: its exit status.
+int handOver(const std::string &package, const std::string &locale, int descriptor) {
+    alarm(READ_SECONDS);
+    UErrorCode status = U_ZERO_ERROR;
+    UResourceBundle *bundle = ures_openDirect(package.c_str(), locale.c_str(), &status);
+    std::string out;
+    if (U_FAILURE(status)) {
+        writeAll(descriptor, u_errorName(status));
+        return EXIT_NOT_OPENED;
+    }
+    ures_resetIterator(bundle);
+    UResourceBundle *entry = nullptr;
+    while (ures_hasNext(bundle) != 0) {
+        entry = ures_getNextResource(bundle, entry, &status);
+        if (U_FAILURE(status)) {
+            writeAll(descriptor, u_errorName(status));
+            return EXIT_NOT_OPENED;
+        }
+        const char *key = ures_getKey(entry);
+        int32_t length = 0;
+        const UChar *text =
+            ures_getType(entry) == URES_STRING ? ures_getString(entry, &length, &status) : nullptr;
+        put(out, key != nullptr ? key : "");
+        put(out, text != nullptr ? "t" : "-");
+        put(out, text != nullptr ? toUtf8(text, length) : "");
+    }
+    ures_close(entry);
+    ures_close(bundle);
+    return writeAll(descriptor, out) ? 0 : 1;
+}
+
+std::string readAll(int descriptor) {
+    std::string bytes;
+    char buffer[65536];
+    for (;;) {
+        const ssize_t count = read(descriptor, buffer, sizeof buffer);
+        if (count < 0 && errno == EINTR)
+            continue;
+        if (count <= 0 || bytes.size() > MOST_BYTES)
+            return bytes;
+        bytes.append(buffer, static_cast<size_t>(count));
+    }
+}
+
+Bundle readBundle(const std::string &package, const std::string &locale) {
+    Bundle bundle{locale, "", {}};
+    int ends[2];
+    if (pipe(ends) != 0) {
+        bundle.failure = std::strerror(errno);
+        return bundle;
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        close(ends[0]);
+        _exit(handOver(package, locale, ends[1]));
+    }
+    close(ends[1]);
+    const std::string bytes = child > 0 ? readAll(ends[0]) : "";
+    close(ends[0]);
+    int waited = -1;
+    while (child > 0 && waitpid(child, &waited, 0) < 0 && errno == EINTR) {
+    }
+    if (WIFEXITED(waited) && WEXITSTATUS(waited) == EXIT_NOT_OPENED) {
+        bundle.failure = bytes;
+    } else if (!WIFEXITED(waited) || WEXITSTATUS(waited) != 0) {
+        bundle.failure = "damaged: reading it fails";
+    } else {
+        std::string key;
+        std::string kind;
+        std::string text;
+        for (size_t at = 0; take(bytes, at, key) && take(bytes, at, kind) && take(bytes, at, text);)
+            bundle.entries[key] = {kind == "t", text};
+    }
+    return bundle;
+}
+
+// ---- the locales of a package -----------------------------------------------------------
+
+void sortLocales(std::vector<std::string> &locales) {
+    std::sort(locales.begin(), locales.end());
+    locales.erase(std::unique(locales.begin(), locales.end()), locales.end());
+    std::stable_partition(locales.begin(), locales.end(),
+                          [](const std::string &name) { return name == "root"; });
+}
+
+// "dir/de.res": the locale "de"; "" for other names and for ICU's index.
+std::string localeOf(const std::string &file) {
+    const fs::path path(file);
+    const std::string stem = path.stem().string();
+    return path.extension() == ".res" && stem != "res_index" ? stem : "";
+}
+
+uint32_t word(const std::string &bytes, size_t at) {
+    uint32_t value = 0;
+    if (at <= bytes.size() && bytes.size() - at >= sizeof value)
+        std::memcpy(&value, bytes.data() + at, sizeof value);
+    return value;
+}
+
+// The bundles in a common data file: after its header (whose size is its first two
+// bytes) a count and for each item the offsets of its name and its data.
+std::vector<std::string> localesInFile(const std::string &path) {
+    std::ifstream file(path, std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::vector<std::string> locales;
+    const size_t start = word(bytes, 0) & 0xffff;
+    const uint32_t count = word(bytes, start);
+    for (uint32_t i = 0; i < count && start + 4 + size_t{i} * 8 < bytes.size(); ++i) {
+        const size_t name = start + word(bytes, start + 4 + size_t{i} * 8);
+        if (name >= bytes.size())
+            continue;
+        const size_t size = strnlen(bytes.data() + name, bytes.size() - name);
+        const std::string locale = localeOf(bytes.substr(name, size));
+        if (!locale.empty())
+            locales.push_back(locale);
+    }
+    return locales;
+}
+
+std::vector<std::string> localesIn(const std::string &package) {
+    std::vector<std::string> locales;
+    std::error_code error;
+    for (const auto &entry : fs::directory_iterator(package, error)) {
+        const std::string locale = localeOf(entry.path().string());
+        if (!locale.empty())
+            locales.push_back(locale);
+    }
+    if (fs::is_regular_file(package + ".dat", error)) {
+        const std::vector<std::string> more = localesInFile(package + ".dat");
+        locales.insert(locales.end(), more.begin(), more.end());
+    }
+    sortLocales(locales);
+    return locales;
+}
+
+Catalogue readCatalogue(const std::string &title, const std::string &package,
+                        std::vector<std::string> locales) {
+    sortLocales(locales);
+    Catalogue catalogue{package, title, {}};
+    for (const std::string &locale : locales)
+        catalogue.bundles.push_back(readBundle(package, locale));
+    return catalogue;
+}
+
+// ---- sources ---------------------------------------------------------------------------------
+
+// Runs genrb over sources; 0 when all compiled, 127 when there is no genrb.
+int compile(const std::vector<std::string> &sources, const std::string &directory) {
+    std::vector<std::string> words = {"genrb", "-q", "-e", "UTF-8", "-d", directory};
+    words.insert(words.end(), sources.begin(), sources.end());
+    std::vector<char *> arguments;
+    for (std::string &argument : words)
+        arguments.push_back(argument.data());
+    arguments.push_back(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(2, 1); // its complaints go where ours go
+        execvp(arguments[0], arguments.data());
+        _exit(127);
+    }
+    int waited = -1;
+    while (child > 0 && waitpid(child, &waited, 0) < 0 && errno == EINTR) {
+    }
+    return WIFEXITED(waited) ? WEXITSTATUS(waited) : 1;
+}
+
+struct TemporaryDirectory {
+    std::string path;
+    TemporaryDirectory() {
+        std::error_code error;
+        path = (fs::temp_directory_path(error) / "qdliscat.XXXXXX").string();
+        if (mkdtemp(path.data()) == nullptr)
+            path.clear();
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        if (!path.empty())
+            fs::remove_all(path, ignored);
+    }
+    TemporaryDirectory(const TemporaryDirectory &) = delete;
+    TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
+};
+
+void loadSources(const std::vector<std::string> &sources, LoadResult &result) {
+    const TemporaryDirectory directory;
+    std::vector<std::string> absolute;
+    std::vector<std::string> locales;
+    for (const std::string &source : sources) {
+        absolute.push_back(fs::absolute(source).string());
+        locales.push_back(fs::path(source).stem().string());
+    }
+    const int status = directory.path.empty() ? 127 : compile(absolute, directory.path);
+    if (status == 127) {
+        result.state = Loaded::Unreadable;
+        result.failure =
+            "sources need the program genrb (Debian package icu-devtools) and a temporary directory";
+        return;
+    }
+    // genrb ends well when only some of the sources compile
+    const bool all = std::all_of(locales.begin(), locales.end(), [&](const std::string &locale) {
+        return fs::exists(fs::path(directory.path) / (locale + ".res"));
+    });
+    if (status != 0 || !all) {
+        result.state = Loaded::DoesNotCompile;
+        result.failure = "the sources do not compile";
+        return;
+    }
+    result.catalogues.push_back(readCatalogue("sources", directory.path, locales));
+}
+
+} // namespace
+
+LoadResult load(const std::vector<std::string> &names) {
+    LoadResult result;
+    std::vector<std::string> sources;
+    std::map<std::string, std::vector<std::string>> bundles; // locales by directory
+    std::error_code error;
+    for (const std::string &name : names) {
+        const fs::path path = fs::absolute(name, error).lexically_normal();
+        const std::string extension = path.extension().string();
+        const bool isFile = fs::is_regular_file(path, error);
+        std::string package = path.string();
+        if (isFile && extension == ".txt") {
+            sources.push_back(name);
+            continue;
+        }
+        if (isFile && extension == ".res") {
+            bundles[path.parent_path().string()].push_back(path.stem().string());
+            continue;
+        }
+        if (isFile && extension == ".dat")
+            package.resize(package.size() - extension.size());
+        while (package.size() > 1 && package.back() == '/')
+            package.pop_back();
+        const std::vector<std::string> locales = localesIn(package);
+        if (locales.empty()) {
+            result.state = Loaded::Unreadable;
+            result.failure = "no catalogue at " + name;
+            return result;
+        }
+        result.catalogues.push_back(readCatalogue(name, package, locales));
+    }
+    for (const auto &[directory, locales] : bundles)
+        result.catalogues.push_back(readCatalogue(directory, directory, locales));
+    if (!sources.empty())
+        loadSources(sources, result);
+    return result;
+}
+
+const Entry *find(const Catalogue &catalogue, const std::string &locale, const std::string &key) {
+    for (std::string name = locale;;) {
+        for (const Bundle &bundle : catalogue.bundles) {
+            const auto found = bundle.entries.find(key);
+            if (bundle.locale == name && found != bundle.entries.end())
+                return &found->second;
+        }
+        if (name == "root")
+            return nullptr;
+        const size_t end = name.rfind('_');
+        name = end == std::string::npos ? "root" : name.substr(0, end);
+    }
+}
+
+bool isNumber(const std::string &key) {
+    errno = 0;
+    char *end = nullptr;
+    const long long number = std::strtoll(key.c_str(), &end, 10);
+    return errno == 0 && number != 0 && std::to_string(number) == key;
+}
+
+} // namespace qdliscat
