@@ -68,7 +68,11 @@ void Json::endArray() {
     state->writer.EndArray();
 }
 void Json::key(std::string_view name) {
-    state->writer.Key(name.data(), static_cast<rapidjson::SizeType>(name.size()));
+    const std::string fixed =
+        findInvalidUtf8(name) == std::string_view::npos ? std::string() : repaired(name);
+    const std::string_view written = fixed.empty() ? name : fixed;
+    state->writer.Key(written.data() != nullptr ? written.data() : "",
+                      static_cast<rapidjson::SizeType>(written.size()));
 }
 
 void Json::text(std::string_view name, std::string_view value) {

@@ -75,7 +75,7 @@ bool LineReader::size(uint64_t &bytes) const {
 // Makes room behind `valid` and reads; Line means that there is more to scan.
 LineReader::Got LineReader::refill() {
     if (buffer == nullptr) {
-        capacity = BlockSize;
+        capacity = blockSize;
         buffer.reset(new char[capacity]);
     }
     if (begin > 0) {
@@ -400,6 +400,24 @@ bool RecordFile::inOrder() const {
         latest = std::max(latest, time);
     }
     return true;
+}
+
+uint64_t RecordFile::completeEnd() const {
+    uint64_t end = 0;
+    if (!lines.size(end))
+        return dataBegin;
+    char block[4096];
+    while (end > dataBegin) {
+        const size_t length = static_cast<size_t>(std::min<uint64_t>(sizeof block, end - dataBegin));
+        const int64_t got = lines.readAt(end - length, block, length);
+        if (got != static_cast<int64_t>(length))
+            return dataBegin;
+        const void *feed = memrchr(block, '\n', length);
+        if (feed != nullptr)
+            return end - length + static_cast<size_t>(static_cast<const char *>(feed) - block) + 1;
+        end -= length;
+    }
+    return dataBegin;
 }
 
 bool RecordFile::firstTime(int64_t &time) const {

@@ -52,6 +52,7 @@ struct LineReader {
     int64_t readAt(uint64_t offset, char *buffer, size_t length) const;
     bool size(uint64_t &bytes) const;
 
+    size_t blockSize = BlockSize; // of the buffer that the first next() makes
     int descriptor = -1;
     bool seekable = false;
     int error = 0;
@@ -108,6 +109,10 @@ struct RecordFile {
 
     // Whether times look ascending, by samples over the file.
     bool inOrder() const;
+
+    // The end of the last complete line: where reading backwards begins and reading
+    // on goes on.
+    uint64_t completeEnd() const;
 
     bool firstTime(int64_t &time) const;
     bool lastTime(int64_t &time) const;

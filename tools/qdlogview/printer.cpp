@@ -1,0 +1,350 @@
+#include "qdlogview/printer.h"
+
+#include <algorithm>
+
+namespace qdlogview {
+
+using tools::Field;
+using tools::FieldRow;
+using tools::FieldType;
+using tools::FieldValue;
+using tools::Item;
+using tools::Record;
+using tools::Style;
+
+Printer::Printer(const Settings &chosen, tools::Output &output, bool useColor, Filter &chosenFilter)
+    : settings(chosen), out(output), color(useColor), filter(chosenFilter) {
+    formatter.mode = settings.utc ? tools::TimeFormatter::Mode::Utc : tools::TimeFormatter::Mode::Local;
+    utc.mode = tools::TimeFormatter::Mode::Utc;
+    fields = settings.fields;
+    if (fields.empty()) {
+        for (const FieldRow &row : tools::fieldTable)
+            fields.push_back(row.field);
+    }
+}
+
+bool Printer::prepare(std::string &error) {
+    Piece piece;
+    const std::string &layout = settings.layout;
+    for (size_t i = 0; i < layout.size(); ++i) {
+        const char c = layout[i];
+        const char following = i + 1 < layout.size() ? layout[i + 1] : '\0';
+        if (c == '\\' && (following == 'n' || following == 't' || following == '\\')) {
+            piece.text += following == 'n' ? '\n' : following == 't' ? '\t' : '\\';
+            ++i;
+        } else if ((c == '{' || c == '}') && following == c) {
+            piece.text += c;
+            ++i;
+        } else if (c == '{') {
+            const size_t end = layout.find('}', i);
+            const std::string name = layout.substr(i + 1, end == std::string::npos ? end : end - i - 1);
+            const FieldRow *row = end == std::string::npos ? nullptr : tools::findField(name);
+            if (row == nullptr) {
+                error = end == std::string::npos ? "--template: '}' is missing"
+                                                 : "--template: '" + name + "' is not a field";
+                return false;
+            }
+            pieces.push_back(piece);
+            piece = {};
+            pieces.push_back({"", true, row->field});
+            i = end;
+        } else {
+            piece.text += c;
+        }
+    }
+    pieces.push_back(piece);
+    return true;
+}
+
+void Printer::begin() {
+    if (settings.format != Format::Csv)
+        return;
+    for (size_t i = 0; i < fields.size(); ++i) {
+        out.buffer += i > 0 ? "," : "";
+        out.buffer += tools::fieldTable[static_cast<size_t>(fields[i])].name;
+    }
+    out.write("\r\n");
+}
+
+void Printer::separator() {
+    if (settings.format == Format::Short || settings.format == Format::Full) {
+        tools::appendStyled(out.buffer, Style::Cyan, "--", color);
+        out.write("\n");
+    }
+}
+
+void Printer::print(const Item &item) {
+    switch (settings.format) {
+    case Format::Short:
+        printShort(item);
+        break;
+    case Format::Full:
+        printFull(item);
+        break;
+    case Format::Json:
+        printJson(item);
+        break;
+    case Format::Csv:
+        printCsv(item);
+        break;
+    case Format::Raw:
+        printRaw(item);
+        break;
+    case Format::Template:
+        printTemplate(item);
+        break;
+    }
+    out.drain();
+}
+
+// ---- parts -----------------------------------------------------------------------
+
+void Printer::appendTime(const Item &item, bool rfc3339) {
+    if (!item.record.hasPrefix()) {
+        out.buffer += "-";
+        return;
+    }
+    if (settings.writerTime && item.origin->hasOffset) {
+        formatter.mode = tools::TimeFormatter::Mode::Offset;
+        formatter.east = -item.origin->offset;
+    } else if (settings.writerTime) {
+        formatter.mode = tools::TimeFormatter::Mode::Local;
+    }
+    if (rfc3339)
+        formatter.appendRfc3339(out.buffer, item.record.time);
+    else
+        formatter.appendShort(out.buffer, item.record.time);
+}
+
+void Printer::appendText(std::string_view text) {
+    if (settings.rawText)
+        out.buffer += text;
+    else
+        tools::appendEscaped(out.buffer, text);
+}
+
+void Printer::appendHits(std::string_view text) {
+    size_t at = 0;
+    if (color && filter.hasGrep && !settings.invert) {
+        size_t begin = 0;
+        size_t end = 0;
+        while (at < text.size() && filter.grep.find(text, at, &begin, &end)) {
+            if (end == begin) // an empty match shows nothing
+                break;
+            appendText(text.substr(at, begin - at));
+            out.buffer += tools::styleOn(Style::BoldRed);
+            appendText(text.substr(begin, end - begin));
+            out.buffer += tools::styleOff(Style::BoldRed);
+            at = end;
+        }
+    }
+    appendText(text.substr(at));
+}
+
+void Printer::appendField(const Item &item, Field field) {
+    const FieldRow &row = tools::fieldTable[static_cast<size_t>(field)];
+    const FieldValue value = fieldValue(item, field);
+    if (!value.present)
+        return;
+    switch (row.type) {
+    case FieldType::Number:
+        out.buffer += std::to_string(value.number);
+        break;
+    case FieldType::Signed:
+        out.buffer += std::to_string(value.value);
+        break;
+    case FieldType::Time:
+        appendTime(item, true);
+        break;
+    case FieldType::Text:
+        appendText(value.text);
+        break;
+    }
+}
+
+// ---- short, full, template -------------------------------------------------------
+
+namespace {
+
+Style styleOf(const Record &record) {
+    switch (record.type) {
+    case tools::TypeApplication: {
+        constexpr Style bySeverity[] = {Style::Plain, Style::Yellow, Style::Red, Style::BoldRed,
+                                        Style::BoldRed};
+        return bySeverity[record.number];
+    }
+    case tools::TypeDebug:
+        return Style::Dim;
+    case tools::TypeDiagnostic:
+        return Style::Cyan;
+    case tools::TypeContext:
+        return Style::Blue;
+    case tools::TypeAudit:
+        return Style::Magenta;
+    default:
+        return Style::Plain;
+    }
+}
+
+} // namespace
+
+// 2024-03-01 13:45:02.123 error 5/7 mgr[4242] (job-77): Disk full
+void Printer::printShort(const Item &item) {
+    const Record &record = item.record;
+    std::string &to = out.buffer;
+    const Style style = color ? styleOf(record) : Style::Plain;
+    appendTime(item, false);
+    to += ' ';
+    to += tools::styleOn(style);
+    if (record.type == tools::TypeApplication)
+        to += tools::severityName(record.number);
+    else
+        to += tools::kindName(record.type);
+    if (record.type <= tools::TypeDiagnostic)
+        to += std::to_string(record.number);
+    to += tools::styleOff(style);
+    to += ' ';
+    to += std::to_string(record.product);
+    to += '/';
+    to += std::to_string(record.originator);
+    to += ' ';
+    appendText(record.who);
+    to += '[';
+    to += std::to_string(record.pid);
+    to += ']';
+    if (!record.context.empty()) {
+        to += " (";
+        appendText(record.context);
+        to += ')';
+    }
+    to += ": ";
+    appendHits(record.text);
+    if (record.type == tools::TypeAudit)
+        to += " (outcome " + std::to_string(record.number) + ")";
+    to += '\n';
+}
+
+void Printer::printFull(const Item &item) {
+    appendTime(item, true);
+    out.buffer += " [";
+    appendText(item.origin->path);
+    out.buffer += "@" + std::to_string(item.offset) + "]\n";
+    for (const Field field : fields) {
+        if (settings.fields.empty() &&
+            (field == Field::Time || field == Field::File || field == Field::Offset))
+            continue; // in the title
+        if (!fieldValue(item, field).present)
+            continue;
+        out.buffer += "    ";
+        tools::appendStyled(out.buffer, Style::Bold, tools::fieldTable[static_cast<size_t>(field)].name,
+                            color);
+        out.buffer += '=';
+        if (field == Field::Text)
+            appendHits(item.record.text);
+        else
+            appendField(item, field);
+        out.buffer += '\n';
+    }
+}
+
+void Printer::printTemplate(const Item &item) {
+    for (const Piece &piece : pieces) {
+        if (piece.isField)
+            appendField(item, piece.field);
+        else
+            out.buffer += piece.text;
+    }
+    out.buffer += '\n';
+}
+
+// ---- json, csv, raw --------------------------------------------------------------
+
+void Printer::jsonField(const Item &item, Field field) {
+    const FieldRow &row = tools::fieldTable[static_cast<size_t>(field)];
+    const FieldValue value = fieldValue(item, field);
+    if (!value.present)
+        return;
+    switch (row.type) {
+    case FieldType::Number: {
+        const bool isId = field != Field::Type && field != Field::Offset;
+        if (settings.idsAsText && isId)
+            json.text(row.name, std::to_string(value.number));
+        else
+            json.number(row.name, value.number);
+        break;
+    }
+    case FieldType::Signed:
+        json.signedNumber(row.name, value.value);
+        break;
+    case FieldType::Time:
+        scratch.clear();
+        utc.appendRfc3339(scratch, value.value);
+        json.text(row.name, scratch);
+        break;
+    case FieldType::Text:
+        json.text(row.name, value.text);
+        if (field == Field::Text && value.text.find('\r') != std::string_view::npos) {
+            scratch = value.text; // the writer made carriage returns of line feeds
+            std::replace(scratch.begin(), scratch.end(), '\r', '\n');
+            json.text("text_lines", scratch);
+        }
+        break;
+    }
+}
+
+void Printer::printJson(const Item &item) {
+    json.clear();
+    json.beginObject();
+    for (const Field field : fields)
+        jsonField(item, field);
+    if (settings.withLine)
+        json.text("line", item.record.line);
+    json.endObject();
+    out.buffer += json.written();
+    out.buffer += '\n';
+}
+
+// RFC 4180
+void Printer::printCsv(const Item &item) {
+    for (size_t i = 0; i < fields.size(); ++i) {
+        if (i > 0)
+            out.buffer += ',';
+        const FieldRow &row = tools::fieldTable[static_cast<size_t>(fields[i])];
+        const FieldValue value = fieldValue(item, fields[i]);
+        if (!value.present)
+            continue;
+        if (row.type == FieldType::Time) {
+            utc.appendRfc3339(out.buffer, value.value);
+        } else if (row.type != FieldType::Text) {
+            appendField(item, fields[i]);
+        } else if (value.text.find_first_of(",\"\r\n") == std::string_view::npos) {
+            out.buffer += value.text;
+        } else {
+            out.buffer += '"';
+            for (const char c : value.text) {
+                if (c == '"')
+                    out.buffer += '"';
+                out.buffer += c;
+            }
+            out.buffer += '"';
+        }
+    }
+    out.buffer += "\r\n";
+}
+
+// The stored lines, with the header line of the file where the file changes: the
+// output is a log file itself.
+void Printer::printRaw(const Item &item) {
+    if (item.origin != lastOrigin) {
+        if (!item.origin->headerLine.empty() &&
+            (lastOrigin == nullptr || lastOrigin->headerLine != item.origin->headerLine)) {
+            out.buffer += item.origin->headerLine;
+            out.buffer += '\n';
+        }
+        lastOrigin = item.origin;
+    }
+    out.buffer += item.record.line;
+    out.buffer += '\n';
+}
+
+} // namespace qdlogview

@@ -1,0 +1,60 @@
+// Records in the output formats.
+#pragma once
+
+#include "common/fields.h"
+#include "common/json.h"
+#include "common/terminal.h"
+#include "common/time_text.h"
+#include "qdlogview/filter.h"
+#include "qdlogview/settings.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qdlogview {
+
+struct Printer {
+    Printer(const Settings &settings, tools::Output &output, bool color, Filter &filter);
+
+    // False with an error text: the template has a field that does not exist.
+    bool prepare(std::string &error);
+
+    void begin(); // csv: the line of titles
+    void print(const tools::Item &item);
+    void separator(); // between groups of -A, -B and -C
+
+  private:
+    void printShort(const tools::Item &item);
+    void printFull(const tools::Item &item);
+    void printJson(const tools::Item &item);
+    void printCsv(const tools::Item &item);
+    void printRaw(const tools::Item &item);
+    void printTemplate(const tools::Item &item);
+
+    void appendTime(const tools::Item &item, bool rfc3339);
+    void appendText(std::string_view text); // escaped unless --raw
+    void appendHits(std::string_view text); // the same, matches of -g in colour
+    void appendField(const tools::Item &item, tools::Field field);
+    void jsonField(const tools::Item &item, tools::Field field);
+
+    const Settings &settings;
+    tools::Output &out;
+    const bool color;
+    Filter &filter;
+    tools::TimeFormatter formatter; // for people
+    tools::TimeFormatter utc;       // for programs
+    tools::Json json;
+    std::vector<tools::Field> fields;
+    const tools::Origin *lastOrigin = nullptr; // raw: whose header was written last
+
+    struct Piece { // of a template: a text, or a field
+        std::string text;
+        bool isField = false;
+        tools::Field field{};
+    };
+    std::vector<Piece> pieces;
+    std::string scratch;
+};
+
+} // namespace qdlogview

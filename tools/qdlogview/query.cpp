@@ -1,0 +1,535 @@
+// Parsing and evaluation of --where, and its projection onto the library's file
+// filter. Sections: tokens, parser, evaluation, projection.
+#include "qdlogview/query.h"
+
+#include "common/record_file.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+
+namespace qdlogview {
+
+using tools::Field;
+using tools::FieldType;
+using tools::FieldValue;
+using tools::Item;
+
+namespace {
+
+constexpr int MaxDepth = 200; // of nested parentheses and "not"
+
+// ---- tokens ----------------------------------------------------------------------
+
+struct Token {
+    enum class Kind { End, Word, Text, Symbol, Bad };
+    Kind kind = Kind::End;
+    std::string text;
+    size_t at = 0;
+};
+
+bool isWordChar(char c) {
+    return std::isalnum(static_cast<unsigned char>(c)) != 0 ||
+           std::string_view("_.:@+-/*%#").find(c) != std::string_view::npos ||
+           static_cast<unsigned char>(c) >= 0x80;
+}
+
+Token nextToken(std::string_view source, size_t &at) {
+    while (at < source.size() && std::isspace(static_cast<unsigned char>(source[at])) != 0)
+        ++at;
+    Token token;
+    token.at = at;
+    if (at >= source.size())
+        return token;
+    const char c = source[at];
+    if (c == '"' || c == '\'') {
+        token.kind = Token::Kind::Bad;
+        for (++at; at < source.size(); ++at) {
+            if (source[at] == c) {
+                ++at;
+                token.kind = Token::Kind::Text;
+                break;
+            }
+            if (source[at] == '\\' && at + 1 < source.size() &&
+                (source[at + 1] == c || source[at + 1] == '\\'))
+                ++at;
+            token.text += source[at];
+        }
+        return token;
+    }
+    for (const char *symbol :
+         {"==", "!=", "<>", "<=", ">=", "!~", "&&", "||", "=", "<", ">", "~", "!", "(", ")", ","}) {
+        const std::string_view text = symbol;
+        if (source.substr(at, text.size()) == text) {
+            token.kind = Token::Kind::Symbol;
+            token.text = text;
+            at += text.size();
+            return token;
+        }
+    }
+    token.kind = isWordChar(c) ? Token::Kind::Word : Token::Kind::Bad;
+    while (at < source.size() && isWordChar(source[at]))
+        token.text += source[at++];
+    return token;
+}
+
+struct CompareRow {
+    const char *symbol;
+    QueryNode::Compare compare;
+};
+constexpr CompareRow compares[] = {
+    {"=", QueryNode::Compare::Equal},     {"==", QueryNode::Compare::Equal},
+    {"!=", QueryNode::Compare::NotEqual}, {"<>", QueryNode::Compare::NotEqual},
+    {"<", QueryNode::Compare::Less},      {"<=", QueryNode::Compare::LessEqual},
+    {">", QueryNode::Compare::Greater},   {">=", QueryNode::Compare::GreaterEqual},
+    {"~", QueryNode::Compare::Match},     {"!~", QueryNode::Compare::NoMatch},
+};
+
+template<typename T>
+bool wholeNumber(std::string_view text, T &value) {
+    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
+    return result.ec == std::errc() && result.ptr == text.data() + text.size();
+}
+
+// ---- parser ----------------------------------------------------------------------
+
+struct Parser {
+    Parser(std::string_view text, Query &into, int64_t currentTime, tools::Zone timeZone)
+        : source(text), query(into), now(currentTime), zone(timeZone) {
+        advance();
+    }
+
+    std::string_view source;
+    Query &query;
+    int64_t now;
+    tools::Zone zone;
+    size_t at = 0;
+    Token token;
+    std::string error;
+    int depth = 0;
+
+    void advance() { token = nextToken(source, at); }
+
+    int fail(const std::string &why, size_t where) {
+        if (error.empty())
+            error = why + " at character " + std::to_string(where + 1) + " of '" + std::string(source) + "'";
+        return -1;
+    }
+    int fail(const std::string &why) { return fail(why, token.at); }
+
+    bool isWord(const char *word) const { return token.kind == Token::Kind::Word && token.text == word; }
+    bool isSymbol(const char *symbol) const {
+        return token.kind == Token::Kind::Symbol && token.text == symbol;
+    }
+
+    int add(const QueryNode &node) {
+        query.nodes.push_back(node);
+        return static_cast<int>(query.nodes.size()) - 1;
+    }
+    int join(QueryNode::Kind kind, int left, int right) {
+        QueryNode node;
+        node.kind = kind;
+        node.left = left;
+        node.right = right;
+        return add(node);
+    }
+
+    int parseOr() {
+        int left = parseAnd();
+        while (left >= 0 && (isWord("or") || isSymbol("||"))) {
+            advance();
+            const int right = parseAnd();
+            left = right < 0 ? -1 : join(QueryNode::Kind::Or, left, right);
+        }
+        return left;
+    }
+
+    int parseAnd() {
+        int left = parseNot();
+        while (left >= 0 && (isWord("and") || isSymbol("&&"))) {
+            advance();
+            const int right = parseNot();
+            left = right < 0 ? -1 : join(QueryNode::Kind::And, left, right);
+        }
+        return left;
+    }
+
+    int parseNot() {
+        if (++depth > MaxDepth)
+            return fail("too many levels");
+        int node = -1;
+        if (isWord("not") || isSymbol("!")) {
+            advance();
+            const int operand = parseNot();
+            node = operand < 0 ? -1 : join(QueryNode::Kind::Not, operand, -1);
+        } else if (isSymbol("(")) {
+            advance();
+            node = parseOr();
+            if (node >= 0 && !isSymbol(")"))
+                node = fail("')' is missing");
+            else if (node >= 0)
+                advance();
+        } else {
+            node = parseComparison();
+        }
+        --depth;
+        return node;
+    }
+
+    int parseComparison() {
+        if (token.kind == Token::Kind::End)
+            return fail("a field is missing");
+        if (token.kind != Token::Kind::Word)
+            return fail("a field name is expected");
+        const std::string name = token.text == "message_id" ? "msgid"
+                                 : token.text == "thread"   ? "tid"
+                                                            : token.text;
+        const tools::FieldRow *row = tools::findField(name);
+        if (row == nullptr)
+            return fail("'" + token.text + "' is not a field");
+        advance();
+        QueryNode node;
+        node.field = row->field;
+        node.type = row->type;
+        if (isWord("in"))
+            return parseList(node);
+        for (const CompareRow &each : compares) {
+            if (!isSymbol(each.symbol))
+                continue;
+            advance();
+            node.kind = QueryNode::Kind::Compare;
+            node.compare = each.compare;
+            return takeValue(node) ? add(node) : -1;
+        }
+        node.kind = QueryNode::Kind::Has;
+        return add(node);
+    }
+
+    int parseList(QueryNode node) {
+        advance();
+        if (!isSymbol("("))
+            return fail("'(' is expected behind 'in'");
+        int list = -1;
+        do {
+            advance();
+            node.kind = QueryNode::Kind::Compare;
+            node.compare = QueryNode::Compare::Equal;
+            if (!takeValue(node))
+                return -1;
+            const int each = add(node);
+            list = list < 0 ? each : join(QueryNode::Kind::Or, list, each);
+        } while (isSymbol(","));
+        if (!isSymbol(")"))
+            return fail("')' is missing");
+        advance();
+        return list;
+    }
+
+    bool takeValue(QueryNode &node) {
+        const size_t where = token.at;
+        if (token.kind != Token::Kind::Word && token.kind != Token::Kind::Text) {
+            fail(token.kind == Token::Kind::Bad && !token.text.empty() ? "a quote is missing"
+                                                                       : "a value is expected");
+            return false;
+        }
+        const std::string text = token.text;
+        advance();
+        if (node.compare == QueryNode::Compare::Match || node.compare == QueryNode::Compare::NoMatch)
+            return takePattern(node, text, where);
+        switch (node.type) {
+        case FieldType::Text:
+            return takeText(node, text, where);
+        case FieldType::Time: {
+            std::string why;
+            if (tools::parseTimeText(text, now, zone, node.value, why))
+                return true;
+            fail(why, where);
+            return false;
+        }
+        case FieldType::Signed: {
+            int32_t severity = 0;
+            if (node.field == Field::Severity && tools::parseSeverity(text, severity)) {
+                node.value = severity;
+                return true;
+            }
+            if (wholeNumber(text, node.value))
+                return true;
+            break;
+        }
+        case FieldType::Number: {
+            uint32_t type = 0;
+            if (node.field == Field::Type && tools::parseKind(text, type)) {
+                node.number = type;
+                return true;
+            }
+            if (wholeNumber(text, node.number))
+                return true;
+            break;
+        }
+        }
+        fail("'" + text + "' is not a number", where);
+        return false;
+    }
+
+    // Kinds and severities by name are compared as numbers.
+    bool takeText(QueryNode &node, const std::string &text, size_t where) {
+        if (node.field == Field::Kind) {
+            uint32_t type = 0;
+            if (!tools::parseKind(text, type)) {
+                fail("'" + text + "' is not a kind", where);
+                return false;
+            }
+            node.text = tools::kindName(type);
+        } else if (node.field == Field::Sev) {
+            int32_t severity = 0;
+            if (!tools::parseSeverity(text, severity)) {
+                fail("'" + text + "' is not a severity", where);
+                return false;
+            }
+            node.field = Field::Severity;
+            node.type = FieldType::Signed;
+            node.value = severity;
+        } else {
+            node.text = text;
+        }
+        return true;
+    }
+
+    bool takePattern(QueryNode &node, const std::string &pattern, size_t where) {
+        std::string why;
+        if (node.type != FieldType::Text) {
+            fail("'~' needs a field that is a text", where);
+            return false;
+        }
+        query.regexes.emplace_back();
+        if (!query.regexes.back().compile(pattern, false, why)) {
+            fail("the pattern " + why, where);
+            return false;
+        }
+        node.regex = static_cast<int>(query.regexes.size()) - 1;
+        return true;
+    }
+};
+
+} // namespace
+
+bool Query::parse(std::string_view source, int64_t now, tools::Zone zone, std::string &error) {
+    nodes.clear();
+    regexes.clear();
+    Parser parser(source, *this, now, zone);
+    root = parser.parseOr();
+    if (root >= 0 && parser.token.kind != Token::Kind::End)
+        root = parser.fail("'and', 'or' or the end is expected");
+    error = parser.error;
+    return root >= 0;
+}
+
+// ---- evaluation ------------------------------------------------------------------
+
+namespace {
+
+template<typename T>
+bool compareWith(QueryNode::Compare compare, const T &left, const T &right) {
+    switch (compare) {
+    case QueryNode::Compare::Equal:
+        return left == right;
+    case QueryNode::Compare::NotEqual:
+        return left != right;
+    case QueryNode::Compare::Less:
+        return left < right;
+    case QueryNode::Compare::LessEqual:
+        return left <= right;
+    case QueryNode::Compare::Greater:
+        return left > right;
+    case QueryNode::Compare::GreaterEqual:
+        return left >= right;
+    default:
+        return false;
+    }
+}
+
+} // namespace
+
+bool Query::evaluate(int at, const Item &item) {
+    const QueryNode &node = nodes[static_cast<size_t>(at)];
+    switch (node.kind) {
+    case QueryNode::Kind::And:
+        return evaluate(node.left, item) && evaluate(node.right, item);
+    case QueryNode::Kind::Or:
+        return evaluate(node.left, item) || evaluate(node.right, item);
+    case QueryNode::Kind::Not:
+        return !evaluate(node.left, item);
+    case QueryNode::Kind::Has:
+        return fieldValue(item, node.field).present;
+    case QueryNode::Kind::Compare:
+        break;
+    }
+    const FieldValue value = fieldValue(item, node.field);
+    if (!value.present)
+        return false;
+    if (node.regex >= 0)
+        return regexes[static_cast<size_t>(node.regex)].matches(value.text) ==
+               (node.compare == QueryNode::Compare::Match);
+    switch (node.type) {
+    case FieldType::Number:
+        return compareWith(node.compare, value.number, node.number);
+    case FieldType::Signed:
+    case FieldType::Time:
+        return compareWith(node.compare, value.value, node.value);
+    case FieldType::Text:
+        return compareWith(node.compare, value.text, std::string_view(node.text));
+    }
+    return false;
+}
+
+bool Query::matches(const Item &item) {
+    return root < 0 || evaluate(root, item);
+}
+
+bool Query::gaveUp() const {
+    return std::any_of(regexes.begin(), regexes.end(), [](const Regex &regex) { return regex.gaveUp; });
+}
+
+// ---- projection ------------------------------------------------------------------
+
+namespace {
+
+// The library's codes for query trees
+enum : int32_t {
+    TermText = 257,
+    TermNumber = 258,
+    TermAttribute = 259,
+    AttributeProduct = 263,
+    AttributeOriginator = 265, // of the file name; 0 for log sets
+    AttributeTime = 268,       // creation time or modification time
+    AttributeCreation = 269,
+    AttributeHost = 278,
+    AttributeLogSet = 279,
+    OperatorAnd = 281,
+    OperatorOr = 282,
+    OperatorLess = 283,
+    OperatorGreater = 284,
+    OperatorLessEqual = 285,
+    OperatorGreaterEqual = 286,
+    OperatorEqual = 287,
+    OperatorNotEqual = 288,
+};
+constexpr int MaxOperators = 199; // what the library's walk supports
+
+int32_t operatorOf(QueryNode::Compare compare, bool negated) {
+    switch (compare) {
+    case QueryNode::Compare::Equal:
+        return negated ? OperatorNotEqual : OperatorEqual;
+    case QueryNode::Compare::NotEqual:
+        return negated ? OperatorEqual : OperatorNotEqual;
+    case QueryNode::Compare::Less:
+        return negated ? OperatorGreaterEqual : OperatorLess;
+    case QueryNode::Compare::LessEqual:
+        return negated ? OperatorGreater : OperatorLessEqual;
+    case QueryNode::Compare::Greater:
+        return negated ? OperatorLessEqual : OperatorGreater;
+    case QueryNode::Compare::GreaterEqual:
+        return negated ? OperatorLess : OperatorGreaterEqual;
+    default:
+        return 0;
+    }
+}
+
+} // namespace
+
+LogQueryNode *FileQuery::operation(int32_t kind, LogQueryNode *left, LogQueryNode *right) {
+    LogQueryNode node = {};
+    node.kind = kind;
+    node.left = left;
+    node.right = right;
+    nodes.push_back(node);
+    ++operators;
+    return &nodes.back();
+}
+
+LogQueryNode *FileQuery::compare(int32_t attribute, int32_t kind, uint64_t number) {
+    LogQueryNode term = {};
+    term.kind = TermAttribute;
+    term.value.number = static_cast<uint64_t>(attribute);
+    nodes.push_back(term);
+    LogQueryNode *const left = &nodes.back();
+    term.kind = TermNumber;
+    term.value.number = number;
+    nodes.push_back(term);
+    return operation(kind, left, &nodes.back());
+}
+
+LogQueryNode *FileQuery::compareText(int32_t attribute, const std::string &text) {
+    LogQueryNode term = {};
+    term.kind = TermAttribute;
+    term.value.number = static_cast<uint64_t>(attribute);
+    nodes.push_back(term);
+    LogQueryNode *const left = &nodes.back();
+    term.kind = TermText;
+    term.value.text = text.c_str(); // the query outlives the tree
+    nodes.push_back(term);
+    return operation(OperatorEqual, left, &nodes.back());
+}
+
+// Null: no file can be left out because of this node.
+LogQueryNode *FileQuery::project(const Query &query, int at, bool negated) {
+    const QueryNode &node = query.nodes[static_cast<size_t>(at)];
+    if (node.kind == QueryNode::Kind::Not)
+        return project(query, node.left, !negated);
+    if (node.kind == QueryNode::Kind::And || node.kind == QueryNode::Kind::Or) {
+        LogQueryNode *const left = project(query, node.left, negated);
+        LogQueryNode *const right = project(query, node.right, negated);
+        const bool isAnd = (node.kind == QueryNode::Kind::And) != negated;
+        if (isAnd && (left == nullptr || right == nullptr))
+            return left != nullptr ? left : right;
+        if (left == nullptr || right == nullptr)
+            return nullptr;
+        return operation(isAnd ? OperatorAnd : OperatorOr, left, right);
+    }
+    if (node.kind != QueryNode::Kind::Compare)
+        return nullptr;
+
+    const int32_t kind = operatorOf(node.compare, negated);
+    switch (node.field) {
+    case Field::Product: // every record of a file has the product of its name
+        return kind != 0 ? compare(AttributeProduct, kind, node.number) : nullptr;
+    case Field::FileOriginator: // log sets have none, and the name filter sees 0
+        return kind != 0 && !negated && (kind == OperatorEqual || kind == OperatorGreater) && node.number > 0
+                   ? compare(AttributeOriginator, kind, node.number)
+                   : nullptr;
+    case Field::LogSet:
+        return kind == OperatorEqual && !negated ? compareText(AttributeLogSet, node.text) : nullptr;
+    case Field::Host:
+        if (kind != OperatorEqual || negated || node.text.find(' ') != std::string::npos)
+            return nullptr;
+        needsHost = true;
+        return compareText(AttributeHost, node.text);
+    case Field::Ts:
+    case Field::Time: {
+        // A file with a record at or after a time was modified then or later; one with
+        // a record at or before it was created before. Both in seconds, with room for
+        // records of several processes that are a little out of order.
+        constexpr int64_t room = tools::OrderSlack / 1000 + 1;
+        const int64_t seconds = node.value / 1000;
+        if (negated || seconds <= room)
+            return nullptr;
+        if (kind == OperatorGreater || kind == OperatorGreaterEqual)
+            return compare(AttributeTime, OperatorGreaterEqual, static_cast<uint64_t>(seconds - room));
+        if (kind == OperatorLess || kind == OperatorLessEqual)
+            return compare(AttributeCreation, OperatorLessEqual, static_cast<uint64_t>(seconds + room));
+        return nullptr;
+    }
+    default:
+        return nullptr;
+    }
+}
+
+FileQuery::FileQuery(const Query &query) {
+    if (query.empty())
+        return;
+    root = project(query, query.root, false);
+    if (operators > MaxOperators)
+        root = nullptr;
+}
+
+} // namespace qdlogview

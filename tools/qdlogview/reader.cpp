@@ -1,0 +1,340 @@
+#include "qdlogview/reader.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace qdlogview {
+
+using tools::Item;
+using tools::OrderSlack;
+using tools::RecordFile;
+
+namespace {
+
+constexpr uint64_t SmallFile = 256UL * 1024;        // read as it is, without a search for times
+constexpr size_t BufferBudget = 64UL * 1024 * 1024; // of all block buffers together
+constexpr size_t SmallestBlock = 16UL * 1024;
+
+int64_t saturatingAdd(int64_t a, int64_t b) {
+    int64_t sum = 0;
+    return __builtin_add_overflow(a, b, &sum) ? (b > 0 ? INT64_MAX : INT64_MIN) : sum;
+}
+
+} // namespace
+
+void Reader::add(const SourceFile &source, uint64_t from) {
+    auto stream = std::make_unique<Stream>();
+    stream->source = source;
+    stream->index = streams.size();
+    stream->from = stream->position = from;
+    stream->key = backwards ? source.modified : source.created;
+    if (range.limited && !range.scan) {
+        if (source.modified < saturatingAdd(range.since, -OrderSlack)) { // nothing was written since
+            stream->state = Stream::State::Ended;
+            stream->position = source.size;
+        } else if (source.created > saturatingAdd(range.until, OrderSlack)) {
+            stream->state = Stream::State::Ended;
+        }
+    }
+    streams.push_back(std::move(stream));
+}
+
+bool Reader::beyondRange(int64_t firstTime) const {
+    return range.limited && !range.scan && firstTime > saturatingAdd(range.until, OrderSlack);
+}
+
+// Within a series files begin one after the other: those beyond the range are found
+// by bisection over the times of their first records.
+void Reader::prepare() {
+    constexpr size_t worthwhile = 16;
+    for (size_t begin = 0;
+         begin < streams.size() && range.limited && !range.scan && range.until != INT64_MAX;) {
+        size_t end = begin;
+        std::vector<Stream *> series;
+        while (end < streams.size() && streams[end]->source.series == streams[begin]->source.series) {
+            if (streams[end]->state == Stream::State::Unopened)
+                series.push_back(streams[end].get());
+            ++end;
+        }
+        if (series.size() > worthwhile && !series.front()->source.series.empty()) {
+            const auto beyond = std::partition_point(series.begin(), series.end(), [&](Stream *stream) {
+                RecordFile file;
+                int64_t first = 0;
+                return !file.open(stream->source.path) || !file.firstTime(first) || !beyondRange(first);
+            });
+            for (auto each = beyond; each != series.end(); ++each)
+                (*each)->state = Stream::State::Ended;
+        }
+        begin = end;
+    }
+    heap.clear();
+    size_t open = 0;
+    for (const auto &stream : streams) {
+        if (stream->state == Stream::State::Unopened) {
+            push(stream.get());
+            ++open;
+        }
+    }
+    if (open == 1)
+        heap.front()->state = Stream::State::Peeked; // nothing to compare with
+}
+
+bool Reader::open(Stream &stream) {
+    if (stream.file != nullptr)
+        return true;
+    if (stream.state == Stream::State::Ended && !keepOpen)
+        return false;
+    auto file = std::make_unique<RecordFile>();
+    if (!file->open(stream.source.path)) {
+        problems.push_back(stream.source.path + ": " + file->problem);
+        stream.state = Stream::State::Failed;
+        return false;
+    }
+    file->lines.blockSize =
+        std::clamp(BufferBudget / std::max<size_t>(streams.size(), 1), SmallestBlock, tools::BlockSize);
+    stream.file = std::move(file);
+    newOrigin(stream);
+    RecordFile &opened = *stream.file;
+    if (!opened.lines.seekable)
+        return true;
+
+    uint64_t size = 0;
+    opened.lines.size(size);
+    if (stream.from > 0) {
+        // A cursor beyond the end, or within a line, is of another file of this name.
+        char before = 0;
+        const bool fits = stream.from <= size && opened.lines.readAt(stream.from - 1, &before, 1) == 1 &&
+                          (before == '\n' || stream.from < size);
+        stream.from = fits ? std::max(stream.from, opened.dataBegin) : 0;
+    }
+    const bool search = range.limited && !range.scan && size > SmallFile && opened.inOrder();
+    const uint64_t begin =
+        search && range.since != INT64_MIN ? opened.findTime(range.since) : opened.dataBegin;
+    stream.stopTime = search ? saturatingAdd(range.until, OrderSlack) : INT64_MAX;
+    if (backwards) {
+        uint64_t end = opened.completeEnd();
+        if (search && range.until != INT64_MAX) {
+            const uint64_t behind = opened.findTime(saturatingAdd(range.until, 3 * OrderSlack));
+            int64_t time = 0;
+            uint64_t where = 0;
+            if (behind > opened.dataBegin && opened.timeAt(behind, end, time, where) &&
+                time > saturatingAdd(range.until, OrderSlack))
+                end = where;
+        }
+        opened.startBackwards(end);
+    } else {
+        opened.seek(std::max(begin, stream.from));
+        stream.position = std::max(begin, stream.from);
+    }
+    return true;
+}
+
+void Reader::close(Stream &stream) {
+    if (!keepOpen)
+        stream.file.reset();
+}
+
+void Reader::newOrigin(Stream &stream) {
+    RecordFile &file = *stream.file;
+    tools::Origin origin;
+    origin.path = stream.source.path;
+    origin.base = file.base;
+    origin.logSet = std::string(file.name.logSet);
+    origin.host = file.host;
+    origin.hasHost = file.header.version != 0;
+    origin.hasOffset = file.header.hasOffset;
+    origin.offset = file.header.offset;
+    if (file.header.version != 0 && file.lines.seekable && stream.origins.empty()) {
+        origin.headerLine.resize(static_cast<size_t>(file.dataBegin - 1));
+        file.lines.readAt(0, origin.headerLine.data(), origin.headerLine.size());
+    } else if (file.header.version != 0) {
+        origin.headerLine = file.line;
+    }
+    stream.origins.push_back(std::move(origin));
+}
+
+void Reader::tellDamage(const Stream &stream) {
+    const RecordFile &file = *stream.file;
+    if (damaged.empty() || damaged.back().path != stream.source.path) {
+        const auto same = std::find_if(damaged.begin(), damaged.end(), [&](const DamagedFile &each) {
+            return each.path == stream.source.path;
+        });
+        if (same == damaged.end()) {
+            damaged.push_back({stream.source.path, 1, file.offset});
+            return;
+        }
+        ++same->lines;
+        return;
+    }
+    ++damaged.back().lines;
+}
+
+// The stream's next record in the range; false at its end.
+bool Reader::load(Stream &stream) {
+    RecordFile &file = *stream.file;
+    for (;;) {
+        switch (backwards ? file.previous() : file.next()) {
+        case RecordFile::Got::Record: {
+            const tools::Record &record = file.record;
+            if (range.limited) {
+                if (!record.hasPrefix() || record.time < range.since) {
+                    if (backwards && stream.stopTime != INT64_MAX &&
+                        record.time < saturatingAdd(range.since, -OrderSlack))
+                        break;
+                    continue;
+                }
+                if (record.time > range.until) {
+                    if (!backwards && record.time > stream.stopTime) {
+                        stream.position = file.offset;
+                        stream.stopped = true;
+                        break;
+                    }
+                    continue;
+                }
+            }
+            if (backwards && file.offset < stream.from)
+                break;
+            stream.item.record = record;
+            stream.item.offset = file.offset;
+            stream.item.origin = &stream.origins.back();
+            stream.key = record.time;
+            stream.state = Stream::State::Ready;
+            if (!backwards)
+                stream.position = file.offset;
+            return true;
+        }
+        case RecordFile::Got::Damaged:
+            if (!backwards || file.offset >= stream.from)
+                tellDamage(stream);
+            continue;
+        case RecordFile::Got::Header:
+            if (!backwards)
+                newOrigin(stream);
+            continue;
+        case RecordFile::Got::End:
+            if (!backwards)
+                stream.position = file.lines.position();
+            break;
+        case RecordFile::Got::Error:
+            problems.push_back(stream.source.path + ": " + file.problem);
+            stream.state = Stream::State::Failed;
+            stream.file.reset();
+            return false;
+        }
+        stream.state = Stream::State::Ended;
+        return false;
+    }
+}
+
+// The time of the first record, without keeping the file open.
+bool Reader::peek(Stream &stream) {
+    RecordFile file;
+    int64_t first = 0;
+    if (stream.source.path == "-" || !file.open(stream.source.path) || stream.from > 0 ||
+        !file.firstTime(first)) {
+        stream.state = Stream::State::Peeked; // opening it tells more
+        return true;
+    }
+    if (beyondRange(first)) {
+        stream.state = Stream::State::Ended;
+        return false;
+    }
+    stream.key = range.limited ? std::max(first, range.since) : first;
+    stream.state = Stream::State::Peeked;
+    return true;
+}
+
+// ---- order -----------------------------------------------------------------------
+
+// Whether a's record comes out before b's.
+bool Reader::earlier(const Stream *a, const Stream *b) const {
+    if (a->key != b->key)
+        return backwards ? a->key > b->key : a->key < b->key;
+    return backwards ? a->index > b->index : a->index < b->index;
+}
+
+void Reader::push(Stream *stream) {
+    heap.push_back(stream);
+    std::push_heap(heap.begin(), heap.end(),
+                   [this](const Stream *a, const Stream *b) { return earlier(b, a); });
+}
+
+Stream *Reader::pop() {
+    std::pop_heap(heap.begin(), heap.end(),
+                  [this](const Stream *a, const Stream *b) { return earlier(b, a); });
+    Stream *const stream = heap.back();
+    heap.pop_back();
+    return stream;
+}
+
+bool Reader::next(const Item *&item) {
+    if (active != nullptr) {
+        Stream *const stream = active;
+        active = nullptr;
+        if (load(*stream)) {
+            if (heap.empty() || earlier(stream, heap.front())) { // as it mostly is
+                active = stream;
+                item = &stream->item;
+                return true;
+            }
+            push(stream);
+        } else {
+            close(*stream);
+        }
+    }
+    while (!heap.empty()) {
+        Stream *const stream = pop();
+        switch (stream->state) {
+        case Stream::State::Unopened:
+            if (backwards)
+                stream->state = Stream::State::Peeked;
+            else if (!peek(*stream))
+                continue;
+            [[fallthrough]];
+        case Stream::State::Peeked:
+            if (!heap.empty() && earlier(heap.front(), stream)) {
+                push(stream);
+                continue;
+            }
+            if (!open(*stream))
+                continue;
+            if (load(*stream))
+                push(stream);
+            else
+                close(*stream);
+            continue;
+        case Stream::State::Ready:
+            active = stream;
+            item = &stream->item;
+            return true;
+        default:
+            continue;
+        }
+    }
+    return false;
+}
+
+void Reader::settle() {
+    if (active == nullptr || backwards || active->file == nullptr)
+        return;
+    active->position = active->item.offset + active->item.record.line.size() + 1;
+}
+
+// ---- following -------------------------------------------------------------------
+
+void Reader::follow(const SourceFile &source) {
+    add(source, 0);
+    Stream &stream = *streams.back();
+    if (stream.state == Stream::State::Unopened && open(stream))
+        stream.state = Stream::State::Ended; // wake() reads it
+}
+
+void Reader::wake() {
+    for (const auto &stream : streams) {
+        if (stream->state == Stream::State::Ended && !stream->stopped && stream->file != nullptr &&
+            load(*stream))
+            push(stream.get());
+    }
+}
+
+} // namespace qdlogview

@@ -1,0 +1,377 @@
+#include "qdlogview/view.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <poll.h>
+#include <set>
+#include <sys/stat.h>
+
+namespace qdlogview {
+
+using tools::HeldItem;
+using tools::Item;
+
+namespace {
+
+constexpr uint64_t LinesBeforeFollowing = 10;
+constexpr int PollMilliseconds = 50;           // between looks at the files that are followed
+constexpr int64_t OldFilesMilliseconds = 1000; // between looks at the files that came before
+constexpr size_t FollowedPerSeries = 4;        // newest files of a series that stay open
+
+volatile sig_atomic_t stopRequested = 0;
+
+void requestStop(int) {
+    stopRequested = 1;
+}
+
+int64_t monotonicMilliseconds() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+} // namespace
+
+void installStopSignals() {
+    struct sigaction action {};
+    action.sa_handler = requestStop; // without SA_RESTART: waiting ends at once
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+void View::addStreams(Reader &reader) {
+    for (const SourceFile &file : sources.files) {
+        const uint64_t from = start.startOf(file);
+        if (from != UINT64_MAX)
+            reader.add(file, from);
+    }
+    reader.prepare();
+}
+
+void View::keep(Reader &reader) {
+    problems.insert(problems.end(), reader.problems.begin(), reader.problems.end());
+    reader.problems.clear();
+    for (const Reader::DamagedFile &file : reader.damaged) {
+        const auto same = std::find_if(damaged.begin(), damaged.end(), [&](const Reader::DamagedFile &other) {
+            return other.path == file.path;
+        });
+        if (same == damaged.end())
+            damaged.push_back(file);
+        else
+            same->lines += file.lines;
+    }
+    reader.damaged.clear();
+}
+
+// False when it was the last one that is wanted, or nobody reads any more.
+bool View::emit(const Item &item) {
+    printer.print(item);
+    ++shown;
+    return (settings.maxCount == 0 || shown < settings.maxCount) && out.error == 0 && stopRequested == 0;
+}
+
+bool View::show() {
+    const bool around = settings.before > 0 || settings.after > 0;
+    const bool fromStart = !start.empty() || filter.since != INT64_MIN;
+    const bool limited = settings.hasLines ? settings.lines != AllLines : settings.follow && !fromStart;
+    const uint64_t count = settings.hasLines ? settings.lines : LinesBeforeFollowing;
+    const bool onlyStdin = sources.files.size() == 1 && sources.files.front().path == "-";
+    printer.begin();
+
+    if (settings.follow) {
+        Reader reader(range, false);
+        reader.keepOpen = true;
+        addStreams(reader);
+        if (limited) {
+            // What is there now is read from its end; following begins behind it.
+            std::vector<uint64_t> ends;
+            for (const auto &stream : reader.streams) {
+                tools::RecordFile file;
+                ends.push_back(file.open(stream->source.path) && file.lines.seekable ? file.completeEnd()
+                                                                                     : 0);
+            }
+            showLast(count, false);
+            for (size_t i = 0; i < reader.streams.size(); ++i) {
+                Stream &stream = *reader.streams[i];
+                stream.from = stream.position = std::max(ends[i], stream.from);
+            }
+        }
+        if (settings.maxCount == 0 || shown < settings.maxCount)
+            follow(reader);
+        finishCursor(reader);
+        keep(reader);
+        return shown > 0;
+    }
+    if (limited && !around && !onlyStdin) {
+        showLast(count, settings.reverse);
+        Reader reader(range, false); // for the place reached: the end of all files
+        reader.keepOpen = true;
+        if (!settings.cursorFile.empty() || settings.showCursor) {
+            addStreams(reader);
+            for (const auto &stream : reader.streams) {
+                if (stream->state != Stream::State::Ended && reader.open(*stream))
+                    stream->position = std::max(stream->from, stream->file->completeEnd());
+                stream->file.reset();
+                stream->state = Stream::State::Ended;
+            }
+            finishCursor(reader);
+        }
+        return shown > 0;
+    }
+    if (settings.reverse && !onlyStdin) {
+        showLast(AllLines, true);
+        return shown > 0;
+    }
+
+    Reader reader(range, false);
+    addStreams(reader);
+    if (around) {
+        showAround(reader);
+    } else if (settings.reverse || limited) { // standard input can be read forwards only
+        std::deque<HeldItem> last;
+        const Item *item = nullptr;
+        while (reader.next(item)) {
+            if (!filter.selects(*item) || !filter.hits(*item))
+                continue;
+            last.emplace_back(*item);
+            if (limited && last.size() > count)
+                last.pop_front();
+        }
+        while (!last.empty()) {
+            HeldItem &held = settings.reverse ? last.back() : last.front();
+            if (!emit(held.item))
+                break;
+            settings.reverse ? last.pop_back() : last.pop_front();
+        }
+    } else {
+        showForward(reader);
+    }
+    finishCursor(reader);
+    keep(reader);
+    return shown > 0;
+}
+
+void View::showForward(Reader &reader) {
+    const Item *item = nullptr;
+    while (reader.next(item)) {
+        if (filter.selects(*item) && filter.hits(*item) && !emit(*item)) {
+            reader.settle();
+            return;
+        }
+    }
+}
+
+// The last records, read from the ends of the files.
+bool View::showLast(uint64_t count, bool newestFirst) {
+    Reader reader(range, true);
+    addStreams(reader);
+    std::vector<std::unique_ptr<HeldItem>> last;
+    const Item *item = nullptr;
+    uint64_t taken = 0;
+    while (taken < count && reader.next(item)) {
+        if (!filter.selects(*item) || !filter.hits(*item))
+            continue;
+        ++taken;
+        if (!newestFirst)
+            last.push_back(std::make_unique<HeldItem>(*item));
+        else if (!emit(*item))
+            break;
+    }
+    for (auto each = last.rbegin(); each != last.rend(); ++each) {
+        if (!emit((*each)->item))
+            break;
+    }
+    keep(reader);
+    return true;
+}
+
+// Matches of -g with their neighbours among the records that the other conditions leave.
+void View::showAround(Reader &reader) {
+    struct Piece {
+        HeldItem held;
+        bool gap; // records were left out in front of it
+        bool hit;
+    };
+    const bool limited = settings.hasLines && settings.lines != AllLines;
+    std::deque<HeldItem> before;
+    std::deque<Piece> last; // with -n: the last matches and their neighbours
+    uint64_t following = 0;
+    uint64_t hits = 0;
+    bool skipped = false;
+    bool any = false;
+    const auto print = [&](const Item &item, bool hit) {
+        if (limited) {
+            last.push_back({HeldItem(item), skipped && any, hit});
+        } else {
+            if (skipped && any)
+                printer.separator();
+            printer.print(item);
+            shown += hit ? 1 : 0;
+        }
+        skipped = false;
+        any = true;
+    };
+    const Item *item = nullptr;
+    while (out.error == 0 && reader.next(item)) {
+        if (!filter.selects(*item))
+            continue;
+        const bool more = settings.maxCount == 0 || hits < settings.maxCount;
+        if (more && filter.hits(*item)) {
+            for (const HeldItem &held : before)
+                print(held.item, false);
+            before.clear();
+            print(*item, true);
+            following = settings.after;
+            ++hits;
+        } else if (following > 0) {
+            print(*item, false);
+            --following;
+        } else if (!more) {
+            break;
+        } else {
+            before.emplace_back(*item);
+            if (before.size() > settings.before) {
+                before.pop_front();
+                skipped = true;
+            }
+        }
+        if (!more && following == 0)
+            break;
+    }
+    if (!limited)
+        return;
+    // From the first of the last -n matches on; its neighbours come before it.
+    uint64_t kept = 0;
+    size_t begin = last.size();
+    while (begin > 0 && (kept < settings.lines || !last[begin - 1].hit)) {
+        if (kept == settings.lines && last[begin].gap)
+            break;
+        --begin;
+        kept += last[begin].hit ? 1 : 0;
+    }
+    if (settings.lines == 0)
+        begin = last.size();
+    for (size_t i = begin; i < last.size(); ++i) {
+        if (i > begin && last[i].gap)
+            printer.separator();
+        printer.print(last[i].held.item);
+        shown += last[i].hit ? 1 : 0;
+    }
+}
+
+// ---- following -------------------------------------------------------------------
+
+// Files that were closed because newer ones of their series came: they may grow still,
+// by a process that has not noticed the rollover. Others may have been cut or replaced.
+void View::visitOldFiles(Reader &reader) {
+    for (const auto &stream : reader.streams) {
+        if (stream->state != Stream::State::Ended || stream->source.path == "-")
+            continue;
+        struct stat now {};
+        if (stat(stream->source.path.c_str(), &now) != 0)
+            continue; // removed; what is open is read to its end
+        const auto size = static_cast<uint64_t>(now.st_size);
+        bool anew = size < stream->position;
+        if (stream->file != nullptr) {
+            struct stat opened {};
+            anew = anew || fstat(stream->file->lines.descriptor, &opened) != 0 ||
+                   opened.st_ino != now.st_ino || opened.st_dev != now.st_dev;
+        }
+        if (!anew && (stream->file != nullptr || size == stream->position))
+            continue;
+        if (anew && !settings.quiet)
+            std::fprintf(stderr, "qdlogview: %s was cut or replaced: reading it from its begin\n",
+                         stream->source.path.c_str());
+        stream->file.reset();
+        stream->from = anew ? 0 : stream->position;
+        stream->position = stream->from;
+        reader.open(*stream);
+    }
+}
+
+void View::follow(Reader &reader) {
+    const int64_t end = settings.timeout > 0 ? monotonicMilliseconds() + settings.timeout : INT64_MAX;
+    int64_t nextVisit = monotonicMilliseconds() + OldFilesMilliseconds;
+    std::vector<SourceFile> fresh;
+    std::string wrote;
+    for (;;) {
+        const Item *item = nullptr;
+        while (reader.next(item)) {
+            const bool goOn = !(filter.selects(*item) && filter.hits(*item)) || emit(*item);
+            if (!goOn || stopRequested != 0) {
+                reader.settle();
+                return;
+            }
+        }
+        keep(reader);
+        // All that was there is out: tell it, then keep the place.
+        out.flush();
+        if (out.error != 0 || !writeCursor(reader))
+            return;
+
+        // The newest files of each series stay open.
+        std::string series;
+        size_t later = 0;
+        for (size_t i = reader.streams.size(); i-- > 0;) {
+            Stream &stream = *reader.streams[i];
+            if (stream.source.series.empty())
+                continue;
+            later = stream.source.series == series ? later + 1 : 0;
+            series = stream.source.series;
+            if (later >= FollowedPerSeries && stream.state == Stream::State::Ended && stream.file != nullptr)
+                stream.file.reset();
+        }
+        if (stopRequested != 0 || monotonicMilliseconds() >= end)
+            return;
+        const int64_t left = std::min<int64_t>(PollMilliseconds, end - monotonicMilliseconds());
+        // A reader of our output that has gone is noticed also while nothing is written.
+        pollfd output{out.descriptor, 0, 0};
+        if (poll(&output, 1, static_cast<int>(std::max<int64_t>(left, 0))) > 0 &&
+            (output.revents & POLLERR) != 0)
+            raise(SIGPIPE);
+
+        if (sources.directoriesChanged()) {
+            sources.findNew(fresh);
+            for (const SourceFile &file : fresh)
+                reader.follow(file);
+        }
+        if (monotonicMilliseconds() >= nextVisit) {
+            visitOldFiles(reader);
+            nextVisit = monotonicMilliseconds() + OldFilesMilliseconds;
+        }
+        reader.wake();
+    }
+}
+
+// ---- cursors ---------------------------------------------------------------------
+
+bool View::writeCursor(const Reader &reader) {
+    if (settings.cursorFile.empty())
+        return true;
+    const std::string text = cursorText(reader, start);
+    if (text == savedCursor)
+        return true;
+    if (!saveCursor(settings.cursorFile, text)) {
+        problems.push_back(settings.cursorFile + ": " + std::strerror(errno));
+        return false;
+    }
+    savedCursor = text;
+    return true;
+}
+
+void View::finishCursor(Reader &reader) {
+    if (settings.cursorFile.empty() && !settings.showCursor)
+        return;
+    if (!out.flush()) // what was not told is told again next time
+        return;
+    writeCursor(reader);
+    if (settings.showCursor)
+        out.write("-- cursor: " + cursorText(reader, start) + "\n");
+}
+
+} // namespace qdlogview
