@@ -467,7 +467,16 @@ uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMs
     if (parent == nullptr || context == nullptr || msg == nullptr || parent == context)
         return ZOLTLOG_INVALID_ARGUMENT;
     const GlobalLock lock(TAG_CREATE_CONTEXT_TO_FILE);
-    const LogMsg contextMsg = *msg;
+    // The token of an enclosing context is borrowed from its handle, which may be closed
+    // while this context's message is still written into new files.
+    LogMsg contextMsg = *msg;
+    if (contextMsg.contextToken != nullptr && contextMsg.ownsStrings != 1) {
+        contextMsg.contextToken = zoltLogSafeStrdup(contextMsg.contextToken);
+        if (contextMsg.contextToken == nullptr)
+            return ZOLTLOG_NO_MEMORY;
+        contextMsg.ownsStrings = 1;
+    }
+    *msg = {}; // moved
     *context = {};
     context->contextMsg = contextMsg;
     context->file = parent->file;
@@ -487,14 +496,9 @@ uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMs
     context->sequenceNumber = 1;
     const uint32_t result = writeRecord(parent->file, &context->contextMsg, true);
     if (result != ZOLTLOG_OK) {
-        // On no list, so it must not keep a file that may go before it does.
-        context->file = nullptr;
-        if (msg != &context->contextMsg)
-            context->contextMsg = {};
+        context->file = nullptr; // on no list, it must not keep what may go before it does
         return result;
     }
-    if (msg != &context->contextMsg)
-        *msg = {}; // moved
     context->noContext = 0;
     addHandleToFile(context->file, context);
     return ZOLTLOG_OK;
