@@ -451,8 +451,7 @@ uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *s
     if (productFile == nullptr || cfgs == nullptr || count == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     const bool inFile = cfgIsFile(productFile);
-    const Enumeration what = {productId, shortNames, true, inFile,
-                              inFile ? storeLogsetName : storeSectionName};
+    const Enumeration what = {productId, shortNames, true, inFile, storeLogsetName};
     const Collection all = {capacity, cfgs, count};
     CfgLogsetPlace place = {};
     if (!hasRoom(&all))
