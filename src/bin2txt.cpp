@@ -165,7 +165,7 @@ static uint32_t putDouble(TextBuffer *buffer, double value) {
 
 // The bytes of one character, or -1 when it is none. NUL has none, as in a string.
 static int encodeUtf8(wchar_t wide, char *out) {
-    const uint32_t character = static_cast<uint32_t>(wide);
+    const uint32_t character = static_cast<uint32_t>(static_cast<int32_t>(wide));
     const auto tail = [character](unsigned shift) {
         return static_cast<char>(0x80 | ((character >> shift) & 0x3f));
     };

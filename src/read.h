@@ -23,7 +23,7 @@ static const size_t LOGSET_NAME_ROOM = 1025;
 static const size_t DATE_TIME_ROOM = 13;
 
 // A file whose first line is longer has no header.
-static const uint64_t LONGEST_HEADER_LINE = 64 * 1024;
+static const uint64_t LONGEST_HEADER_LINE = 65536;
 
 static const uint64_t OLDEST_READ_VERSION = 65540;
 

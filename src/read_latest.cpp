@@ -75,6 +75,8 @@ static const int64_t FIRST_YEAR = 2000;
 
 // ---- originator series ---------------------------------------------------------
 
+// KEPT: of a longer counter, after ten thousand million files in a day, the first ten
+// digits count. Pinned by LatestLog.TenDigitsOfACounterCount.
 static const size_t COUNTER_DIGITS = 10;
 static const size_t ORIGINATOR_PREFIX_ROOM = 3 * (MAX_DECIMAL + 1); // three numbers, each with its '-'
 
@@ -139,7 +141,7 @@ int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t
 
 // Local times of two names are compared through convert_time only when they lie
 // this close: no zone's standard offset ever moved by as much.
-static const int64_t CLOSE_SECONDS = 3 * 86400;
+static const int64_t CLOSE_SECONDS = 259200; // three days
 
 // Seconds as a clock without time zone counts them; false unless all twelve
 // characters of the token are digits.
@@ -182,6 +184,8 @@ int32_t zoltLogFindLatestLogSL(const char *directory, uint64_t productId, const 
         char nameOfSet[LOGSET_NAME_ROOM];
         char dateTime[DATE_TIME_ROOM] = "";
         nameOfSet[0] = '\0';
+        // KEPT: a name of the series that cannot be split ends the search with nothing.
+        // Pinned by LatestLogSet.ANameThatCannotBeSplitEndsTheSearch.
         if (getSLidfromfilename(name, &product64, nameOfSet, dateTime) != 1)
             return STOP;
         int64_t plain = INT64_MIN;
