@@ -73,6 +73,17 @@ extern "C" int fstat(int descriptor, struct stat *status) {
     return -1;
 }
 
+static std::string noStatusOf; // stat fails for the path that ends so
+
+extern "C" int stat(const char *path, struct stat *status) {
+    static const auto real = reinterpret_cast<int (*)(const char *, struct stat *)>(dlsym(RTLD_NEXT, "stat"));
+    const size_t length = strlen(path);
+    if (noStatusOf.empty() || length < noStatusOf.size() || path + length - noStatusOf.size() != noStatusOf)
+        return real(path, status);
+    errno = EIO;
+    return -1;
+}
+
 namespace {
 
 std::string here() {
@@ -654,23 +665,27 @@ TEST_F(Fetch, LogSetNameIsResetForEveryEntry) {
 }
 
 TEST_F(Fetch, ModificationTimeIsCarriedOver) {
-    writeLog(counted("101-7", 0), 10);
+    support::writeFile(counted("101-7", 0), "no header\n");
+    writeLog(counted("101-7", 1), 10);
     const timespec times[2] = {{5000, 0}, {5000, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, counted("101-7", 0).c_str(), times, 0), 0);
+    noStatusOf = counted("101-7", 1);
     LogQueryNode attribute = term(ATTRIBUTE, 268);
-    LogQueryNode value = term(NUMBER, 77);
+    LogQueryNode value = term(NUMBER, 5000);
     LogQueryNode query = {};
     query.kind = EQUAL;
     query.left = &attribute;
     query.right = &value;
     listing.query = &query;
-    // A character device has no modification time of its own, and no header either: it is skipped, but
-    // the value of the file before stays in use until a regular file is met.
-    give({counted("101-7", 0)});
+    give({counted("101-7", 0), counted("101-7", 1)});
+    EXPECT_EQ(fetchAll(), (Names{counted("101-7", 1)}));
+    // A fetch begins with 0 again.
+    listing.next = listing.files->next;
     EXPECT_EQ(fetchAll(), Names());
-    value.value.number = 5000;
-    listing.next = listing.files;
-    EXPECT_EQ(fetchAll(), (Names{counted("101-7", 0)}));
+    value.value.number = 0;
+    listing.next = listing.files->next;
+    EXPECT_EQ(fetchAll(), (Names{counted("101-7", 1)}));
+    noStatusOf.clear();
 }
 
 TEST_F(Fetch, PathIsDirectoryThenNameIn8192ZeroedBytes) {
