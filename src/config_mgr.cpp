@@ -282,6 +282,34 @@ static void freeEntries(LogFileEntry *entry) {
     }
 }
 
+// Whether a configuration can list files of the product and originator (0: any). The
+// originator of a log set's files is what their names say, so each set can.
+static bool mayListFilesOf(const LogCfg *cfg, uint64_t productId, uint64_t originatorId) {
+    return (productId == 0 || cfg->productId == productId) &&
+           (originatorId == 0 || cfg->originatorId == originatorId || cfg->isLogset != 0);
+}
+
+// Lists the files of the configurations that may have some of the product and
+// originator. Only when these have none at all, the others decide whether any log file
+// was found, which is all that they could add.
+static uint32_t gatherFilesOfSeries(FileCatalogue *catalogue, LogCfg **cfgs, uint32_t count,
+                                    uint64_t productId, uint64_t originatorId) {
+    LogCfg *wanted[MAX_CONFIGURATIONS] = {};
+    LogCfg *others[MAX_CONFIGURATIONS] = {};
+    for (uint32_t i = 0; i < count; ++i)
+        (mayListFilesOf(cfgs[i], productId, originatorId) ? wanted : others)[i] = cfgs[i];
+    if (!gatherLogFiles(catalogue, wanted, count, nullptr, false))
+        return ZOLTLOG_NO_MEMORY;
+    if (catalogue->starved)
+        return ZOLTLOG_FAILED;
+    if (catalogue->marked)
+        return ZOLTLOG_OK;
+    FileCatalogue rest;
+    if (!gatherLogFiles(&rest, others, count, nullptr, false))
+        return ZOLTLOG_NO_MEMORY;
+    return rest.marked ? ZOLTLOG_OK : ZOLTLOG_NO_LOG_FILES;
+}
+
 // Lists the files of the configurations, keeps those of the product and originator
 // (0: any) and leaves the surplus ones in the listing.
 static uint32_t listSurplus(LogCfg **cfgs, uint32_t count, uint64_t productId, uint64_t originatorId,
@@ -289,12 +317,9 @@ static uint32_t listSurplus(LogCfg **cfgs, uint32_t count, uint64_t productId, u
     if (count == 0)
         return ZOLTLOG_OK;
     FileCatalogue catalogue;
-    if (!gatherLogFiles(&catalogue, cfgs, count, nullptr, false))
-        return ZOLTLOG_NO_MEMORY;
-    if (catalogue.starved)
-        return ZOLTLOG_FAILED;
-    if (!catalogue.marked)
-        return ZOLTLOG_NO_LOG_FILES;
+    const uint32_t listed = gatherFilesOfSeries(&catalogue, cfgs, count, productId, originatorId);
+    if (listed != ZOLTLOG_OK)
+        return listed;
 
     Candidates candidates;
     Numbers surplus;
