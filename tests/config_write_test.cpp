@@ -1,0 +1,505 @@
+// Writing the configuration: records, registration of products.
+#include "src/config_keys.h"
+#include "support/support.h"
+#include "zoltlog.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using support::exists;
+using support::readFile;
+using support::writeFile;
+
+const char HEADER[] = "###############################################\n"
+                      "# Caution! Do not update/modify file by hand. \n"
+                      "# Use qdlogcfg tool to update/modify this file\n"
+                      "###############################################\n";
+
+// Registers product 5 with an empty product file.
+void registerProduct(const std::string &location = "product.conf") {
+    writeFile("main.conf", "5.Configuration=" + location + "\n");
+    setenv("ZOLTLOG_CFG_LOC", "main.conf", 1);
+    if (location == "product.conf")
+        writeFile("product.conf", "");
+}
+
+struct Record {
+    explicit Record(const char *logset = nullptr) { InitLogCfg(5, 7, logset, &cfg); }
+    ~Record() { zoltLogFreeCfg(&cfg); }
+    Record(const Record &) = delete;
+    Record &operator=(const Record &) = delete;
+    LogCfg cfg;
+};
+
+void setEverything(LogCfg *cfg) {
+    zoltLogCfgSetDirectory(cfg, "/d", nullptr);
+    strcpy(cfg->originatorNames, "names");
+    zoltLogCfgSetL10nLib(cfg, "lib");
+    zoltLogCfgSetL10nResource(cfg, "res");
+    zoltLogCfgSetL10nResourceDir(cfg, "dir");
+    cfg->debugLevel = 3;
+    cfg->diagLevel = 4;
+    cfg->reloadInterval = 90;
+    cfg->outputFlags = 1;
+    cfg->rolloverMode = 5;
+    cfg->logRecycling = 1;
+    cfg->maxFileSizeKB = 20;
+    cfg->rolloverTime = 3660;
+    cfg->rolloverPeriod = 60;
+    cfg->numberOfLogFiles = 9;
+    zoltLogCfgSetLogsetOIDappMsgLogging(cfg, "1,2");
+    zoltLogCfgSetLogsetOIDDebugLogging(cfg, "3");
+    zoltLogCfgSetLogsetOIDDiagLogging(cfg, "4");
+    strcpy(cfg->oslog.ident, "me");
+    cfg->oslog.option = 5;
+    cfg->oslog.facility = 128;
+    cfg->changedMask = 0;
+}
+
+// What a record of setEverything writes, in order: mask bit, line for originators, for log sets.
+const struct {
+    uint32_t bit;
+    const char *line;
+    bool originator, logset;
+} LINES[] = {
+    {0x1, "LogDirectory=/d/", true, true},
+    {0x2, "OIDNames=names", true, true},
+    {0x4, "L10nLib=lib", true, false},
+    {0x8, "L10nResource=res", true, false},
+    {0x10, "L10nResourceDir=dir", true, false},
+    {0x20, "DebugLevel=3", true, true},
+    {0x40, "DiagnosticLevel=4", true, true},
+    {0x4000000, "DynaReloadInSec=90", true, true},
+    {0x80, "LogToStdout=true", true, true},
+    {0x100, "LogToStderr=false", true, true},
+    {0x200, "LogToOslog=false", true, true},
+    {0x400, "RolloverMode=FileSize | Periodic", true, true},
+    {0x1000000, "LogRecycle=true", true, true},
+    {0x800, "MaxLogFileSizeKB=20", true, true},
+    {0x1000, "RolloverAtLocalTime=01:01", true, true},
+    {0x2000, "RolloverPeriodInSeconds=60", true, true},
+    {0x4000, "NumberOfLogFiles=9", true, true},
+    {0x7FFFFFFE, "AppMsgLogging=ON", true, true},
+    {0x10000000, "OIDAppMsgLogging=1,2", false, true},
+    {0x20000000, "OIDDebugLogging=3", false, true},
+    {0x40000000, "OIDDiagLogging=4", false, true},
+    {0x40000, "SyslogIdent=me", true, true},
+    {0x80000, "SyslogOpt=5", true, true},
+    {0x100000, "SyslogFacility=LOG_LOCAL0", true, true},
+    {0x200000, "LogFilePermissions=660", true, true},
+};
+
+std::string expectedLines(uint32_t mask, const std::string &section, bool logset) {
+    std::string all;
+    for (const auto &row : LINES) {
+        if ((mask & row.bit) != 0 && (logset ? row.logset : row.originator))
+            all += section + "." + row.line + "\n";
+    }
+    return all;
+}
+
+} // namespace
+
+// ---- records of originators ----------------------------------------------------------------
+
+TEST(ConfigWrite, EachMarkedSettingOfAnOriginatorIsWritten) {
+    registerProduct();
+    for (const auto &row : LINES) {
+        Record record;
+        setEverything(&record.cfg);
+        record.cfg.changedMask = row.bit;
+        writeFile("product.conf", "");
+        EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U) << row.line;
+        EXPECT_EQ(readFile("product.conf"), expectedLines(row.bit, "7", false));
+    }
+}
+
+TEST(ConfigWrite, AllMarkedSettingsOfAnOriginatorAreWrittenInOrder) {
+    registerProduct();
+    Record record;
+    setEverything(&record.cfg);
+    record.cfg.changedMask = 0xFFFFFFFF;
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"), expectedLines(0xFFFFFFFF, "7", false));
+    EXPECT_EQ(zoltLogWriteCfg(5, 112, &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"),
+              expectedLines(0xFFFFFFFF, "7", false) + expectedLines(0xFFFFFFFF, "Default", false));
+    record.cfg.removedMask = 0xFFFFFFFF; // removal wins
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"), expectedLines(0xFFFFFFFF, "Default", false));
+}
+
+TEST(ConfigWrite, WhatIsWrittenIsReadBack) {
+    registerProduct();
+    Record record;
+    setEverything(&record.cfg);
+    record.cfg.changedMask = 0xFFFFFFFF;
+    ASSERT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
+    LogCfg back;
+    ASSERT_EQ(zoltLogReadCfg(5, 7, &back), 0U);
+    EXPECT_STREQ(back.directory, "/d/");
+    EXPECT_STREQ(back.originatorNames, "names");
+    EXPECT_STREQ(back.l10nLib, "lib");
+    EXPECT_EQ(back.debugLevel, 3U);
+    EXPECT_EQ(back.diagLevel, 4U);
+    EXPECT_EQ(back.reloadInterval, 90U);
+    EXPECT_EQ(back.outputFlags, 1U);
+    EXPECT_EQ(back.rolloverMode, 5U);
+    EXPECT_EQ(back.logRecycling, 1U);
+    EXPECT_EQ(back.maxFileSizeKB, 20U);
+    EXPECT_EQ(back.rolloverTime, 3660U);
+    EXPECT_EQ(back.rolloverPeriod, 60U);
+    EXPECT_EQ(back.numberOfLogFiles, 9U);
+    EXPECT_STREQ(back.oslog.ident, "me");
+    EXPECT_EQ(back.oslog.option, 5U);
+    EXPECT_EQ(back.oslog.facility, 128U);
+    EXPECT_EQ(back.permissions.mode, 0660U);
+    zoltLogFreeCfg(&back);
+}
+
+TEST(ConfigWrite, EveryChangeButTheDirectoryWritesAppMsgLogging) {
+    registerProduct();
+    Record record;
+    zoltLogCfgSetDebugLevel(&record.cfg, 3);
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"), "7.DebugLevel=3\n7.AppMsgLogging=ON\n");
+    record.cfg.appMsgLogging = 0;
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"), "7.DebugLevel=3\n7.AppMsgLogging=OFF\n");
+    record.cfg.removedMask = 0x40; // any other removal removes it
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"), "7.DebugLevel=3\n");
+    Record other;
+    zoltLogCfgSetDirectory(&other.cfg, "/d", nullptr);
+    EXPECT_EQ(zoltLogWriteCfg(5, 8, &other.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"), "7.DebugLevel=3\n8.LogDirectory=/d/\n");
+}
+
+TEST(ConfigWrite, AFreshRecordWritesNothing) {
+    registerProduct();
+    LogCfg cfg;
+    ASSERT_EQ(zoltLogReadCfg(5, 7, &cfg), 0U);
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"), "");
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &cfg), 61U);
+    EXPECT_EQ(readFile("product.conf"), "");
+    zoltLogFreeCfg(&cfg);
+}
+
+// Switching application messages marks every setting, also the texts that a record has not.
+TEST(ConfigWrite, TextsThatAreNullAreNotWritten) {
+    registerProduct();
+    Record record;
+    zoltLogCfgDisableAppMsgLogging(&record.cfg);
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"),
+              "7.OIDNames=\n7.DebugLevel=0\n7.DiagnosticLevel=0\n7.DynaReloadInSec=0\n7.LogToStdout=false\n"
+              "7.LogToStderr=false\n7.LogToOslog=false\n7.RolloverMode=None\n7.LogRecycle=false\n"
+              "7.MaxLogFileSizeKB=10240\n7.RolloverAtLocalTime=00:00\n7.RolloverPeriodInSeconds=43200\n"
+              "7.NumberOfLogFiles=4294967295\n7.AppMsgLogging=OFF\n7.SyslogIdent=Qorvanix\n7.SyslogOpt=0\n"
+              "7.SyslogFacility=LOG_USER\n7.LogFilePermissions=660\n");
+}
+
+TEST(ConfigWrite, TheTimeOfDayHasTwoDigitsEach) {
+    registerProduct();
+    const std::pair<uint64_t, const char *> rows[] = {{0, "00:00"},      {59, "00:00"},    {60, "00:01"},
+                                                      {3660, "01:01"},   {86340, "23:59"}, {86400, "24:00"},
+                                                      {360000, "100:00"}};
+    for (const auto &[seconds, text] : rows) {
+        writeFile("product.conf", "");
+        Record record;
+        zoltLogCfgSetRolloverTime(&record.cfg, seconds);
+        EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
+        EXPECT_EQ(readFile("product.conf"),
+                  std::string("7.RolloverAtLocalTime=") + text + "\n7.AppMsgLogging=ON\n");
+    }
+}
+
+TEST(ConfigWrite, ResultsOfWritingAnOriginator) {
+    registerProduct();
+    Record record;
+    zoltLogCfgSetDebugLevel(&record.cfg, 3);
+    EXPECT_EQ(zoltLogWriteCfg(0, 7, &record.cfg), 3U);
+    EXPECT_EQ(zoltLogWriteCfg(5, 0, &record.cfg), 3U);
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, nullptr), 3U);
+    EXPECT_EQ(zoltLogWriteCfg(6, 7, &record.cfg), 6U);
+    EXPECT_EQ(readFile("product.conf"), "");
+    support::makeDirectory("product.conf.tmp/full");
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 55U); // the store's 5
+    EXPECT_EQ(zoltLogMutex.depth, 0);
+}
+
+TEST(ConfigWrite, AFailureOfTheSystemLogKeysIsTheResult) {
+    registerProduct();
+    Record record;
+    zoltLogCfgSetSyslogFacility(&record.cfg, 40); // has no name
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 3U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 3U);
+}
+
+TEST(ConfigWrite, ALineFeedIsRefusedAndNothingChanges) {
+    registerProduct();
+    const auto check = [](LogCfg *cfg) {
+        cfg->changedMask |= 0x20;
+        const size_t files = support::openDescriptors();
+        EXPECT_EQ(zoltLogWriteCfg(5, 7, cfg), 3U);
+        EXPECT_EQ(readFile("product.conf"), "");
+        EXPECT_EQ(support::openDescriptors(), files);
+    };
+    for (const auto setter : {zoltLogCfgSetL10nLib, zoltLogCfgSetL10nResource, zoltLogCfgSetL10nResourceDir,
+                              zoltLogCfgSetSyslogIdent}) {
+        Record record;
+        setter(&record.cfg, "x\n7.LogDirectory=/etc");
+        check(&record.cfg);
+    }
+    Record directory;
+    zoltLogCfgSetDirectory(&directory.cfg, "/d\n/e", nullptr);
+    check(&directory.cfg);
+    Record names;
+    strcpy(names.cfg.originatorNames, "a\n");
+    names.cfg.changedMask = 2;
+    check(&names.cfg);
+    for (const auto setter : {zoltLogCfgSetLogsetFilename, zoltLogCfgSetLogsetOIDappMsgLogging,
+                              zoltLogCfgSetLogsetOIDDebugLogging, zoltLogCfgSetLogsetOIDDiagLogging}) {
+        Record record("bill");
+        setter(&record.cfg, "x\ny");
+        EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 3U);
+        EXPECT_EQ(readFile("product.conf"), "");
+    }
+    Record logset("bill");
+    zoltLogCfgSetDebugLevel(&logset.cfg, 1);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bi\nll", &logset.cfg), 3U);
+    EXPECT_EQ(readFile("product.conf"), "");
+}
+
+// ---- records of log sets ------------------------------------------------------------------------
+
+TEST(ConfigWrite, EachMarkedSettingOfALogsetIsWritten) {
+    registerProduct();
+    for (const auto &row : LINES) {
+        if (row.bit == 0x7FFFFFFE)
+            continue; // holds the file name's bit
+        Record record("bill");
+        setEverything(&record.cfg);
+        record.cfg.changedMask = row.bit;
+        writeFile("product.conf", "");
+        EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U) << row.line;
+        EXPECT_EQ(readFile("product.conf"), expectedLines(row.bit, "LOGSET.bill", true));
+    }
+}
+
+TEST(ConfigWrite, AChangedFileNameLeavesTheSystemLogKeysUnwritten) {
+    registerProduct();
+    Record record("bill");
+    setEverything(&record.cfg);
+    record.cfg.changedMask = 0x7FFFFFFF;
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"),
+              expectedLines(0x7FC3FFFF, "LOGSET.bill", true) + "LOGSET.bill.FileName=bill\n");
+    writeFile("product.conf", "");
+    record.cfg.changedMask = 0x7FFFFFFF & ~0x8000000U;
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "Default", &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"), expectedLines(0x7FFFFFFF, "LOGSET.Default", true));
+}
+
+TEST(ConfigWrite, AFileNameCannotBeRemoved) {
+    registerProduct();
+    writeFile("product.conf", "LOGSET.bill.FileName=b\n");
+    Record record("bill");
+    setEverything(&record.cfg);
+    record.cfg.removedMask = 0x8000000;
+    record.cfg.changedMask = 0x40000;
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 61U);
+    EXPECT_EQ(readFile("product.conf"), "LOGSET.bill.FileName=b\nLOGSET.bill.SyslogIdent=me\n");
+}
+
+TEST(ConfigWrite, AFileNameThatIsNullIsNotWritten) {
+    registerProduct();
+    Record record;
+    zoltLogCfgDisableAppMsgLogging(&record.cfg);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U);
+    const std::string file = readFile("product.conf");
+    EXPECT_EQ(file.find("FileName"), std::string::npos);
+    EXPECT_NE(file.find("LOGSET.bill.AppMsgLogging=OFF\nLOGSET.bill.SyslogIdent=Qorvanix\n"),
+              std::string::npos);
+}
+
+TEST(ConfigWrite, ResultsOfWritingALogset) {
+    registerProduct();
+    Record record("bill");
+    zoltLogCfgSetDebugLevel(&record.cfg, 3);
+    EXPECT_EQ(zoltLogWritelogSetCfg(0, "bill", &record.cfg), 3U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, nullptr, &record.cfg), 3U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", nullptr), 3U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(6, "bill", &record.cfg), 6U);
+    record.cfg.changedMask = 0;
+    EXPECT_EQ(zoltLogWritelogSetCfg(6, "bill", &record.cfg), 6U); // before 61
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 61U);
+    record.cfg.removedMask = 0x20;
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U);
+    EXPECT_EQ(readFile("product.conf"), "");
+}
+
+TEST(ConfigWrite, AStoreThatDoesNotOpenIsToldDifferentlyForLogsets) {
+    registerProduct("taken.conf/below.conf");
+    writeFile("taken.conf", ""); // no directory
+    Record record;
+    zoltLogCfgSetDebugLevel(&record.cfg, 3);
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 6U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 1U);
+}
+
+TEST(ConfigWrite, LogsetsOfALocationThatIsNoFileHaveAStoreOfTheirOwn) {
+    registerProduct("./where");
+    Record record("bill");
+    zoltLogCfgSetDebugLevel(&record.cfg, 3);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U);
+    EXPECT_EQ(readFile("where\\LOGSET"), std::string(HEADER) + "bill.DebugLevel=3\nbill.AppMsgLogging=ON\n");
+    EXPECT_FALSE(exists("where"));
+}
+
+// ---- opening for writing ------------------------------------------------------------------------------
+
+TEST(ConfigWrite, ASectionIsOpenedOrItsFileMade) {
+    PropertyStore store;
+    ASSERT_EQ(CreatePropertyString("./a/b/new.conf", "5", &store), 0U);
+    EXPECT_EQ(readFile("a/b/new.conf"), HEADER);
+    EXPECT_FALSE(exists("a/b/new.conf.tmp"));
+    utiSetPropertyAsStr(&store, "x", "1");
+    utiClosePropertyStore(&store);
+    ASSERT_EQ(CreatePropertyString("./a/b/new.conf", "6", &store), 0U);
+    EXPECT_STREQ(store.root, "6");
+    EXPECT_STREQ(store.path, "./a/b/new.conf");
+    utiClosePropertyStore(&store);
+    EXPECT_EQ(readFile("a/b/new.conf"), std::string(HEADER) + "5.x=1\n"); // not emptied
+    EXPECT_EQ(CreatePropertyString("./x.conf", "5", nullptr), 3U);
+    EXPECT_EQ(CreatePropertyString("nodirectory.conf", "5", &store), 6U);
+    EXPECT_EQ(CreatePropertyString(nullptr, "5", &store), 6U);
+    EXPECT_EQ(CreatePropertyString("./x.conf", nullptr, &store), 6U);
+    support::makeDirectory("dir.conf");
+    EXPECT_EQ(CreatePropertyString("./dir.conf", "5", &store), 6U);
+}
+
+TEST(ConfigWrite, ASymbolicLinkStays) {
+    support::makeDirectory("real");
+    writeFile("real/product.conf", "7.DebugLevel=1\n");
+    ASSERT_EQ(symlink("real/product.conf", "product.conf"), 0);
+    writeFile("main.conf", "5.Configuration=product.conf\n");
+    setenv("ZOLTLOG_CFG_LOC", "main.conf", 1);
+    Record record;
+    zoltLogCfgSetDebugLevel(&record.cfg, 4);
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
+    struct stat status;
+    ASSERT_EQ(lstat("product.conf", &status), 0);
+    EXPECT_TRUE(S_ISLNK(status.st_mode));
+    EXPECT_EQ(readFile("real/product.conf"), "7.DebugLevel=4\n7.AppMsgLogging=ON\n");
+}
+
+TEST(ConfigWrite, ALinkToNowhereGetsItsFile) {
+    support::makeDirectory("real");
+    ASSERT_EQ(symlink("real/new.conf", "link.conf"), 0);
+    PropertyStore store;
+    ASSERT_EQ(CreatePropertyString("./link.conf", "5", &store), 0U);
+    utiClosePropertyStore(&store);
+    EXPECT_EQ(readFile("real/new.conf"), HEADER);
+}
+
+// A file that is there but cannot be read is not emptied.
+TEST(ConfigWrite, AnUnreadableFileIsNotEmptied) {
+    if (geteuid() == 0)
+        GTEST_SKIP() << "root reads everything";
+    writeFile("secret.conf", "5.a=1\n");
+    ASSERT_EQ(chmod("secret.conf", 0200), 0);
+    PropertyStore store;
+    EXPECT_EQ(CreatePropertyString("./secret.conf", "5", &store), 6U);
+    ASSERT_EQ(chmod("secret.conf", 0600), 0);
+    EXPECT_EQ(readFile("secret.conf"), "5.a=1\n");
+}
+
+// ---- registration --------------------------------------------------------------------------------------
+
+TEST(ConfigWrite, AProductIsRegisteredAndRemoved) {
+    setenv("ZOLTLOG_CFG_LOC", "./etc/main.conf", 1);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "five, cinq", "/five.conf"), 0U);
+    EXPECT_EQ(readFile("etc/main.conf"),
+              std::string(HEADER) + "5.Configuration=/five.conf\n5.Names=five, cinq\n");
+    EXPECT_EQ(zoltLogAddProductCfg(5, "again", "/other.conf"), 27U);
+    EXPECT_EQ(zoltLogAddProductCfg(6, "", "/six.conf"), 0U);
+    EXPECT_EQ(readFile("etc/main.conf"), std::string(HEADER) +
+                                             "5.Configuration=/five.conf\n5.Names=five, cinq\n"
+                                             "6.Configuration=/six.conf\n6.Names=\n");
+    EXPECT_EQ(IsThisLastProductConfiguration(), 0);
+    EXPECT_EQ(zoltLogRemoveProductCfg(5), 0U);
+    EXPECT_EQ(readFile("etc/main.conf"), std::string(HEADER) + "6.Configuration=/six.conf\n6.Names=\n");
+    EXPECT_EQ(zoltLogRemoveProductCfg(5), 6U);
+    EXPECT_EQ(zoltLogRemoveProductCfg(6), 0U);
+    EXPECT_FALSE(exists("etc/main.conf")); // the last one takes the file along
+    EXPECT_FALSE(exists("etc/main.conf.tmp"));
+    EXPECT_EQ(zoltLogRemoveProductCfg(6), 6U);
+    EXPECT_FALSE(exists("etc/main.conf"));
+    EXPECT_EQ(zoltLogMutex.depth, 0);
+}
+
+TEST(ConfigWrite, RemovingAProductRemovesItsOtherKeysToo) {
+    writeFile("main.conf",
+              "LoggingTools.L10nResourceDir=/r\n5.Configuration=./p.conf\n5.AppMsgLogging=true\n5.x=1\n");
+    writeFile("p.conf", "7.DebugLevel=1\n");
+    setenv("ZOLTLOG_CFG_LOC", "main.conf", 1);
+    EXPECT_EQ(zoltLogRemoveProductCfg(5), 0U);
+    EXPECT_EQ(readFile("main.conf"), "LoggingTools.L10nResourceDir=/r\n"); // a section is left
+    EXPECT_EQ(readFile("p.conf"), "7.DebugLevel=1\n");                     // left in place
+}
+
+TEST(ConfigWrite, TheLastProductTakesTheFileBehindTheLink) {
+    writeFile("real.conf", "5.Configuration=p.conf\n");
+    ASSERT_EQ(symlink("real.conf", "main.conf"), 0);
+    setenv("ZOLTLOG_CFG_LOC", "main.conf", 1);
+    EXPECT_EQ(zoltLogRemoveProductCfg(5), 0U);
+    EXPECT_FALSE(exists("real.conf"));
+    EXPECT_TRUE(exists("main.conf"));
+}
+
+TEST(ConfigWrite, ResultsOfRegistration) {
+    setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1);
+    EXPECT_EQ(zoltLogAddProductCfg(0, "n", "l"), 3U);
+    EXPECT_EQ(zoltLogAddProductCfg(5, nullptr, "l"), 3U);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "n", nullptr), 3U);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "n\nm", "l"), 3U);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l\n"), 3U);
+    EXPECT_EQ(zoltLogRemoveProductCfg(0), 3U);
+    EXPECT_EQ(zoltLogRemoveProductCfg(5), 6U);
+    EXPECT_FALSE(exists("main.conf"));
+    writeFile("main.conf", "5.Names=only\n");
+    EXPECT_EQ(zoltLogRemoveProductCfg(5), 6U);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l"), 0U);
+    EXPECT_EQ(readFile("main.conf"), "5.Names=n\n5.Configuration=l\n");
+}
+
+TEST(ConfigWrite, AMainFileThatCannotBeMadeIsResult6) {
+    writeFile("plain", "");
+    setenv("ZOLTLOG_CFG_LOC", "./plain/main.conf", 1);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l"), 6U);
+    EXPECT_EQ(IsThisLastProductConfiguration(), 0); // a file that does not open
+}
+
+TEST(ConfigWrite, TheRootOfAProductIsRemoved) {
+    writeFile("main.conf", "# c\n5.a=1\n6.a=1\n");
+    setenv("ZOLTLOG_CFG_LOC", "main.conf", 1);
+    PropertyStore store;
+    ASSERT_EQ(utiOpenPropertyStore("main.conf", "5", &store), 0U);
+    EXPECT_EQ(RemoveProductRoot(nullptr, 5), 1U);
+    EXPECT_EQ(RemoveProductRoot(&store, 5), 0U);
+    EXPECT_EQ(readFile("main.conf"), "# c\n6.a=1\n");
+    EXPECT_EQ(RemoveProductRoot(&store, 5), 0U); // nothing left of it
+    EXPECT_EQ(RemoveProductRoot(&store, 6), 0U);
+    EXPECT_FALSE(exists("main.conf"));
+    utiClosePropertyStore(&store);
+    writeFile("main.conf", "# c\n\n");
+    EXPECT_EQ(IsThisLastProductConfiguration(), 1);
+}
