@@ -313,17 +313,19 @@ LisResult readPattern(const View *view, int64_t number, char **out) {
     return LIS_OK;
 }
 
-// The character at *p in well-formed UTF-8; *p moves behind it.
-wchar_t nextCharacter(const char **p) {
+// The character at *p, which moves behind it; -1 for a byte that starts none.
+wchar_t nextCharacter(const char **p, const char *end) {
     const unsigned char lead = static_cast<unsigned char>(*(*p)++);
-    int following = lead < 0xc0 ? 0 : lead < 0xe0 ? 1 : lead < 0xf0 ? 2 : 3;
+    const int following = lead < 0xc0 ? 0 : lead < 0xe0 ? 1 : lead < 0xf0 ? 2 : 3;
+    if (end - *p < following || (following == 0 && lead >= 0x80))
+        return -1;
     wchar_t character = following == 0 ? lead : lead & (0x3f >> following);
-    for (; following > 0; --following)
+    for (int i = 0; i < following; ++i)
         character = character << 6 | (*(*p)++ & 0x3f);
     return character;
 }
 
-// Adds text in well-formed UTF-8 in the encoding that the block's texts have; a
+// Adds text in UTF-8 in the encoding that the block's texts have; a
 // character that the encoding lacks becomes a question mark.
 void addPatternText(Builder *builder, const char *utf8, size_t size, bool asUtf8) {
     if (asUtf8) {
@@ -333,7 +335,7 @@ void addPatternText(Builder *builder, const char *utf8, size_t size, bool asUtf8
     mbstate_t state = {};
     for (const char *p = utf8; p < utf8 + size;) {
         char native[MB_LEN_MAX];
-        size_t length = wcrtomb(native, nextCharacter(&p), &state);
+        size_t length = wcrtomb(native, nextCharacter(&p, utf8 + size), &state);
         if (length == static_cast<size_t>(-1)) {
             native[0] = '?';
             length = 1;
@@ -473,23 +475,27 @@ LisResult copyArguments(Shown *shown, const Request &request) {
     return shown->arguments != nullptr ? LIS_OK : LIS_NO_MEMORY;
 }
 
+// Makes the message what a catalogue's text says; it stays missing when that is no
+// pattern, or does not fit the arguments.
+LisResult applyPattern(Shown *shown, const char *text) {
+    Program *pattern = nullptr;
+    LisResult result = compileFormat(text, true, &pattern);
+    if (result == LIS_OK && fitPattern(pattern, shown->arguments, shown->argumentCount)) {
+        result = makePieces(shown, pattern);
+        shown->found = true;
+    }
+    free(pattern);
+    return result == LIS_INVALID ? LIS_OK : result;
+}
+
 // Looks the message up and fits its pattern.
 LisResult fillMessage(Shown *shown, const View *view, const Request &request) {
     LisResult result = copyArguments(shown, request);
     char *text = nullptr;
     if (result == LIS_OK)
         result = readPattern(view, request.number, &text);
-    if (text == nullptr)
-        return result;
-    Program *pattern = nullptr;
-    result = compileFormat(text, true, &pattern);
-    if (result == LIS_OK && fitPattern(pattern, shown->arguments, shown->argumentCount)) {
-        result = makePieces(shown, pattern);
-        shown->found = true;
-    } else if (result == LIS_INVALID) {
-        result = LIS_OK; // a pattern that is none: the message is missing
-    }
-    free(pattern);
+    if (text != nullptr)
+        result = applyPattern(shown, text);
     free(text);
     return result;
 }
