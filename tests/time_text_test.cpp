@@ -1,0 +1,252 @@
+// Times, spans and sizes as users type them.
+#include "common/time_text.h"
+
+#include <cstdlib>
+#include <ctime>
+#include <gtest/gtest.h>
+#include <string>
+
+using tools::Zone;
+
+// 2024-03-01 12:00:00 UTC, a Friday
+static constexpr int64_t Now = 1709294400000;
+static constexpr int64_t Second = 1000, Minute = 60 * Second, Hour = 60 * Minute, Day = 24 * Hour;
+static constexpr int64_t Midnight = Now - 12 * Hour;
+static constexpr int64_t Bad = INT64_MIN;
+
+static int64_t time(const char *text, Zone zone = Zone::Utc) {
+    int64_t value = 0;
+    std::string error;
+    if (tools::parseTimeText(text, Now, zone, value, error)) {
+        EXPECT_EQ(error, "");
+        return value;
+    }
+    EXPECT_NE(error.find(std::string("'") + text + "'"), std::string::npos) << error;
+    return Bad;
+}
+
+static int64_t span(const char *text) {
+    int64_t value = 0;
+    std::string error;
+    return tools::parseSpanText(text, value, error) ? value : Bad;
+}
+
+static void zone(const char *name) {
+    setenv("TZ", name, 1);
+    tzset();
+}
+
+TEST(TimeText, AbsoluteTimesInUtc) {
+    EXPECT_EQ(time("2024-03-01"), Midnight);
+    EXPECT_EQ(time("2024-03-01 13:45"), Midnight + 13 * Hour + 45 * Minute);
+    EXPECT_EQ(time("2024-03-01 13:45:02"), 1709300702000);
+    EXPECT_EQ(time("2024-03-01 13:45:02.123"), 1709300702123);
+    EXPECT_EQ(time("2024-03-01T13:45:02.123Z"), 1709300702123);
+    EXPECT_EQ(time("2024-03-01t13:45:02.1"), 1709300702100);
+    EXPECT_EQ(time("2024-03-01 13:45:02.123987"), 1709300702123);
+    EXPECT_EQ(time("2024-3-1"), Midnight);
+    EXPECT_EQ(time("  2024-03-01  "), Midnight);
+    EXPECT_EQ(time("1970-01-01"), 0);
+    EXPECT_EQ(time("1969-12-31 23:59:59.500"), -500);
+    EXPECT_EQ(time("2024-02-29"), Midnight - Day);
+}
+
+TEST(TimeText, ZonesCount) {
+    EXPECT_EQ(time("2024-03-01T14:45:02.123+01:00"), 1709300702123);
+    EXPECT_EQ(time("2024-03-01T08:45:02-0500"), 1709300702000);
+    EXPECT_EQ(time("2024-03-01 13:45:02 UTC"), 1709300702000);
+    zone("Europe/Berlin");
+    EXPECT_EQ(time("2024-03-01T13:45:02Z", Zone::Local), 1709300702000);
+}
+
+TEST(TimeText, LocalTimesFollowTheTimeZone) {
+    zone("CET-1CEST,M3.5.0,M10.5.0/3");
+    EXPECT_EQ(time("2024-03-01 14:45:02", Zone::Local), 1709300702000);
+    EXPECT_EQ(time("2024-07-01", Zone::Local), 1719784800000); // summer time: 22:00 UTC the day before
+    EXPECT_EQ(time("today", Zone::Local), Midnight - Hour);
+    zone("UTC");
+}
+
+TEST(TimeText, ClockAloneIsToday) {
+    EXPECT_EQ(time("13:45"), Midnight + 13 * Hour + 45 * Minute);
+    EXPECT_EQ(time("8:05:30"), Midnight + 8 * Hour + 5 * Minute + 30 * Second);
+    EXPECT_EQ(time("00:00"), Midnight);
+}
+
+TEST(TimeText, DaysByName) {
+    EXPECT_EQ(time("now"), Now);
+    EXPECT_EQ(time("NOW"), Now);
+    EXPECT_EQ(time("today"), Midnight);
+    EXPECT_EQ(time("yesterday"), Midnight - Day);
+    EXPECT_EQ(time("tomorrow"), Midnight + Day);
+    EXPECT_EQ(time("yesterday 08:30"), Midnight - Day + 8 * Hour + 30 * Minute);
+    EXPECT_EQ(time("friday"), Midnight); // today is one
+    EXPECT_EQ(time("fri"), Midnight);
+    EXPECT_EQ(time("Thursday"), Midnight - Day);
+    EXPECT_EQ(time("saturday"), Midnight - 6 * Day);
+    EXPECT_EQ(time("mon 10:00"), Midnight - 4 * Day + 10 * Hour);
+}
+
+TEST(TimeText, RelativeTimes) {
+    EXPECT_EQ(time("-2h30m"), Now - 2 * Hour - 30 * Minute);
+    EXPECT_EQ(time("+10m"), Now + 10 * Minute);
+    EXPECT_EQ(time("2 hours ago"), Now - 2 * Hour);
+    EXPECT_EQ(time("1 day 3 hours ago"), Now - Day - 3 * Hour);
+    EXPECT_EQ(time("90s ago"), Now - 90 * Second);
+    EXPECT_EQ(time("in 5 minutes"), Now + 5 * Minute);
+    EXPECT_EQ(time("now - 1h"), Now - Hour);
+    EXPECT_EQ(time("-1.5h"), Now - 90 * Minute);
+    EXPECT_EQ(time("-1w"), Now - 7 * Day);
+    EXPECT_EQ(time("-500ms"), Now - 500);
+}
+
+TEST(TimeText, SecondsSinceTheEpoch) {
+    EXPECT_EQ(time("@1709300702"), 1709300702000);
+    EXPECT_EQ(time("@1709300702.5"), 1709300702500);
+    EXPECT_EQ(time("@-1"), -1000);
+    EXPECT_EQ(time("@0"), 0);
+}
+
+TEST(TimeText, WhatIsNoTimeIsRefused) {
+    for (const char *text : {"",
+                             " ",
+                             "x",
+                             "2024",
+                             "2024-13-01",
+                             "2024-00-01",
+                             "2024-02-30",
+                             "2023-02-29",
+                             "2024-03-01 25:00",
+                             "2024-03-01 13:60",
+                             "2024-03-01 13:45 x",
+                             "24:00",
+                             "13",
+                             "-",
+                             "-2",
+                             "-2x",
+                             "2h",
+                             "2 hours",
+                             "-2h ago",
+                             "ago",
+                             "@",
+                             "@x",
+                             "yesterdays",
+                             "frida",
+                             "today 25:00",
+                             "2024-03-01T13:45:02+1",
+                             "2024-03-01 +25:00",
+                             "-99999999999999y"})
+        EXPECT_EQ(time(text), Bad) << text;
+}
+
+TEST(SpanText, SpansOfTime) {
+    EXPECT_EQ(span("90s"), 90 * Second);
+    EXPECT_EQ(span("2h30m"), 150 * Minute);
+    EXPECT_EQ(span("14 days"), 14 * Day);
+    EXPECT_EQ(span("1 week 2 days"), 9 * Day);
+    EXPECT_EQ(span("1 month"), 30 * Day);
+    EXPECT_EQ(span("1y"), 365 * Day);
+    EXPECT_EQ(span("0.25s"), 250);
+    for (const char *text : {"", "5", "s", "-5s", "5 ago", "5s x"})
+        EXPECT_EQ(span(text), Bad) << text;
+}
+
+TEST(TimeFormat, ShortAndRfc3339) {
+    tools::TimeFormatter utc;
+    utc.mode = tools::TimeFormatter::Mode::Utc;
+    std::string text;
+    utc.appendShort(text, 1709300702123);
+    EXPECT_EQ(text, "2024-03-01 13:45:02.123");
+    text.clear();
+    utc.appendRfc3339(text, 1709300702123);
+    EXPECT_EQ(text, "2024-03-01T13:45:02.123Z");
+    text.clear();
+    utc.appendRfc3339(text, -1);
+    EXPECT_EQ(text, "1969-12-31T23:59:59.999Z");
+
+    tools::TimeFormatter writer;
+    writer.mode = tools::TimeFormatter::Mode::Offset;
+    writer.east = 7200;
+    text.clear();
+    writer.appendRfc3339(text, 1709300702123);
+    EXPECT_EQ(text, "2024-03-01T15:45:02.123+02:00");
+    writer.east = -12600;
+    text.clear();
+    writer.appendRfc3339(text, 1709300702123);
+    EXPECT_EQ(text, "2024-03-01T10:15:02.123-03:30");
+}
+
+TEST(TimeFormat, LocalTimeChangesItsOffsetOnTheMinute) {
+    zone("CET-1CEST,M3.5.0,M10.5.0/3");
+    tools::TimeFormatter local;
+    std::string text;
+    const int64_t change = 1711846800000; // 2024-03-31 01:00 UTC
+    local.appendRfc3339(text, change - 1);
+    EXPECT_EQ(text, "2024-03-31T01:59:59.999+01:00");
+    text.clear();
+    local.appendRfc3339(text, change);
+    EXPECT_EQ(text, "2024-03-31T03:00:00.000+02:00");
+    zone("UTC");
+}
+
+TEST(TimeFormat, ManyTimesInAnyOrderEqualTheCLibrary) {
+    zone("America/New_York");
+    tools::TimeFormatter local;
+    uint64_t state = 12345;
+    for (int i = 0; i < 2000; ++i) {
+        state = state * 6364136223846793005U + 1442695040888963407U;
+        const auto seconds = static_cast<time_t>((state >> 20) % 4000000000U);
+        std::string text;
+        local.appendShort(text, static_cast<int64_t>(seconds) * 1000 + 7);
+        tm parts{};
+        localtime_r(&seconds, &parts);
+        char expected[64];
+        strftime(expected, sizeof expected, "%Y-%m-%d %H:%M:%S.007", &parts);
+        ASSERT_EQ(text, expected);
+    }
+    zone("UTC");
+}
+
+TEST(TimeFormat, ExtremeTimesDoNoHarm) {
+    tools::TimeFormatter utc;
+    utc.mode = tools::TimeFormatter::Mode::Utc;
+    std::string text;
+    for (const int64_t value : {INT64_MIN, INT64_MIN + 1, INT64_MAX, INT64_MAX - 1})
+        utc.appendRfc3339(text, value);
+    EXPECT_FALSE(text.empty());
+}
+
+TEST(TimeFormat, Spans) {
+    EXPECT_EQ(tools::formatSpan(0), "0s");
+    EXPECT_EQ(tools::formatSpan(999), "999ms");
+    EXPECT_EQ(tools::formatSpan(1500), "1s500ms");
+    EXPECT_EQ(tools::formatSpan(9000 * 1000), "2h30m");
+    EXPECT_EQ(tools::formatSpan(3 * Day + 4 * Hour + 5 * Minute), "3d4h");
+    EXPECT_EQ(tools::formatSpan(3 * Day + 5 * Minute), "3d");
+    EXPECT_EQ(tools::formatSpan(-Minute), "-1m");
+}
+
+TEST(SizeText, Sizes) {
+    uint64_t bytes = 0;
+    const struct {
+        const char *text;
+        uint64_t bytes;
+    } rows[] = {{"0", 0},           {"512", 512},      {"512B", 512},         {"10K", 10240},
+                {"10k", 10240},     {"1.5M", 1572864}, {"2GiB", 2147483648U}, {"1 MB", 1048576},
+                {"1T", 1ULL << 40}, {"100000", 100000}};
+    for (const auto &row : rows) {
+        ASSERT_TRUE(tools::parseSizeText(row.text, bytes)) << row.text;
+        EXPECT_EQ(bytes, row.bytes) << row.text;
+    }
+    for (const char *text : {"", "x", "-1", "1.5", "1Q", "1KK", "99999999999999999P"})
+        EXPECT_FALSE(tools::parseSizeText(text, bytes)) << text;
+}
+
+TEST(SizeText, SizesForPeople) {
+    EXPECT_EQ(tools::formatSize(0), "0B");
+    EXPECT_EQ(tools::formatSize(1023), "1023B");
+    EXPECT_EQ(tools::formatSize(1024), "1.0K");
+    EXPECT_EQ(tools::formatSize(1536), "1.5K");
+    EXPECT_EQ(tools::formatSize(1048575), "1.0M");
+    EXPECT_EQ(tools::formatSize(UINT64_MAX), "16.0E");
+}
