@@ -28,7 +28,10 @@ void *REAL(realloc)(void *old, size_t size);
 void REAL(free)(void *block);
 }
 
-static bool fails() {
+// Called before a sanitizer has set itself up, so nothing may be put into them.
+#define EARLY __attribute__((no_sanitize("address", "thread", "undefined")))
+
+EARLY static bool fails() {
     if (++allocations != failing)
         return false;
     errno = ENOMEM;
@@ -36,22 +39,22 @@ static bool fails() {
 }
 
 extern "C" {
-void *malloc(size_t size) noexcept {
+EARLY void *malloc(size_t size) noexcept {
     void *block = fails() ? nullptr : REAL(malloc)(size);
     live += block != nullptr;
     return block;
 }
-void *calloc(size_t count, size_t size) noexcept {
+EARLY void *calloc(size_t count, size_t size) noexcept {
     void *block = fails() ? nullptr : REAL(calloc)(count, size);
     live += block != nullptr;
     return block;
 }
-void *realloc(void *old, size_t size) noexcept {
+EARLY void *realloc(void *old, size_t size) noexcept {
     void *block = fails() ? nullptr : REAL(realloc)(old, size);
     live += block != nullptr && old == nullptr;
     return block;
 }
-void free(void *block) noexcept {
+EARLY void free(void *block) noexcept {
     live -= block != nullptr;
     REAL(free)(block);
 }
