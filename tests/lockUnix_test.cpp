@@ -210,6 +210,7 @@ TEST(Lock, ReleaseOfARecordWithoutMutexAborts) {
     EXPECT_ABORT(zoltLogUnlock(&lock, TAG));
 }
 
+#ifndef __SANITIZE_THREAD__ // which ends the program itself
 TEST(Lock, ReleaseOfAMutexThatIsNotHeldAborts) {
     LogLock lock = {};
     zoltLogLockInit(&lock);
@@ -217,6 +218,7 @@ TEST(Lock, ReleaseOfAMutexThatIsNotHeldAborts) {
     lock.holders[0] = {getTID(), TAG};
     EXPECT_ABORT(zoltLogUnlock(&lock, TAG));
 }
+#endif
 
 TEST(Lock, FailingThreadCallsAbort) {
     for (const char *call :
@@ -509,7 +511,7 @@ TEST(Lock, ForkDuringFirstUseLeavesTheChildWorking) {
                 leave(1);
             });
             gate.pass();
-            ASSERT_EQ(0, support::inChild(useInChild)) << "round " << i;
+            EXPECT_EQ(0, support::inChild(useInChild)) << "round " << i;
             user.join();
         }
         zoltLogDestroyLock(&zoltLogMutex);

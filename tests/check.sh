@@ -1,0 +1,141 @@
+#!/usr/bin/env bash
+# The checks beyond `./dev test`, one step after the other; a step that fails does not
+# keep the others from running, but the end is a failure.
+#
+#   tests/check.sh quick       format leaks asan
+#   tests/check.sh full        all steps (the default)
+#   tests/check.sh STEP...     the named ones
+#   tests/check.sh record-abi  writes the ABI that the step abi compares with
+#
+# format    clang-format over all sources
+# leaks     that a leak is found at all here: LeakSanitizer needs the right to trace
+# asan      the quick tests with AddressSanitizer, UndefinedBehaviorSanitizer and leaks
+# asan-long the tests that ./dev test leaves out, with the same sanitizers
+# tsan      the programs that use threads or fork, with ThreadSanitizer
+# tidy      clang-tidy over everything but the tests
+# cppcheck  cppcheck over everything but the tests
+# abi       libqdul.so.3 against abi/libqdul.so.3.abi
+# fuzz      every fuzzer for FUZZ_SECONDS (10), from its corpus
+set -uo pipefail
+cd "$(dirname "$0")/.."
+
+export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
+export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:allocator_may_return_null=1
+export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+abi_file=abi/libqdul.so.3.abi
+
+build() { # PRESET
+    cmake --preset "$1" --log-level=NOTICE >/dev/null && cmake --build "build/$1" --parallel "$(nproc)" -- --quiet
+}
+
+run_tests() { # PRESET CTEST-ARGS
+    local preset=$1
+    shift
+    ctest --test-dir "build/$preset" --parallel "$(nproc)" --output-on-failure --no-tests=error --progress "$@" |
+        sed -u 's/.*\r//' | awk '/Failed|\*\*\*|FAILED|Error|ERROR|tests passed|tests failed|SUMMARY|runtime error/ || failing { print }
+                                 /\*\*\*Failed|\*\*\*Exception|\*\*\*Timeout/ { failing = 60 } failing { --failing }'
+}
+
+step_format() { tests/lint.sh format; }
+
+step_leaks() {
+    local dir status=0
+    dir=$(mktemp -d) || return 1
+    echo '#include <stdlib.h>
+        int main(void) { return *(volatile char *)calloc(1, 10000); }' >"$dir/leak.c"
+    if ! cc -fsanitize=address -o "$dir/leak" "$dir/leak.c" || "$dir/leak" >"$dir/out" 2>&1 ||
+        ! grep -q 'detected memory leaks' "$dir/out"; then
+        cat "$dir/out"
+        echo "a leak on purpose is not found; does this machine forbid ptrace?"
+        status=1
+    fi
+    rm -rf "$dir"
+    [ $status != 0 ] || echo "a leak on purpose is found"
+    return $status
+}
+
+step_asan() { build asan && run_tests asan -LE long; }
+
+step_asan-long() {
+    build asan || return 1
+    if ! ctest --test-dir build/asan -N -L long | grep -q 'Test *#'; then
+        echo "there are no long tests"
+        return 0
+    fi
+    run_tests asan -L long
+}
+
+# Numbers of the tests whose program uses threads or fork, for ctest -I.
+threaded_tests() {
+    grep -lE 'std::thread|pthread_create|std::async|\bfork\(|inChild\(' tests/*_test.cpp |
+        sed 's|.*/||; s|\.cpp$||' >build/tsan/threaded.txt
+    ctest --test-dir build/tsan --show-only=json-v1 | python3 -c '
+import json, os, sys
+wanted = set(open("build/tsan/threaded.txt").read().split())
+tests = json.load(sys.stdin)["tests"]
+print(",".join(str(number) for number, test in enumerate(tests, 1)
+               if os.path.basename(test.get("command", [""])[0]) in wanted))'
+}
+
+step_tsan() {
+    local numbers
+    build tsan && numbers=$(threaded_tests) && [ -n "$numbers" ] && run_tests tsan -LE long -I "0,0,0,$numbers"
+}
+
+step_tidy() { tests/lint.sh tidy; }
+
+step_cppcheck() {
+    cppcheck --quiet --std=c++17 --language=c++ --platform=unix64 --enable=warning,performance,portability \
+        --inline-suppr --suppressions-list=tests/cppcheck.txt --error-exitcode=1 -j "$(nproc)" \
+        -I include -I src -I tools src lis formatter tools examples && echo "cppcheck: nothing found"
+}
+
+step_abi() {
+    if [ ! -f $abi_file ]; then
+        echo "no ABI is recorded yet ($abi_file)"
+        return 0
+    fi
+    build release && abidiff --no-added-syms $abi_file build/release/lib/libqdul.so.3 && echo "the ABI is the recorded one"
+}
+
+record_abi() {
+    build release && mkdir -p "$(dirname $abi_file)" &&
+        abidw --no-corpus-path --no-comp-dir-path --no-show-locs --out-file $abi_file build/release/lib/libqdul.so.3 &&
+        echo "recorded in $abi_file"
+}
+
+step_fuzz() { ./dev fuzz "${FUZZ_SECONDS:-10}"; }
+
+all_steps="format leaks asan asan-long tsan tidy cppcheck abi fuzz"
+[ $# -gt 0 ] || set -- full
+case $1 in
+    quick) set -- format leaks asan ;;
+    full) set -- $all_steps ;;
+    record-abi)
+        ./dev setup build check && record_abi
+        exit
+        ;;
+esac
+for step in "$@"; do
+    if ! declare -F "step_$step" >/dev/null; then
+        echo "tests/check.sh: no step '$step' (quick, full, record-abi; $all_steps)" >&2
+        exit 2
+    fi
+done
+
+./dev setup build check || exit 1
+summary=()
+failed=0
+for step in "$@"; do
+    echo "== $step"
+    start=$SECONDS
+    if "step_$step"; then
+        summary+=("ok      $step ($((SECONDS - start)) s)")
+    else
+        summary+=("FAILED  $step ($((SECONDS - start)) s)")
+        failed=1
+    fi
+done
+echo "== checks"
+printf '%s\n' "${summary[@]}"
+exit $failed
