@@ -98,7 +98,6 @@ def setting(name):
 
 sanitized = setting("QDUL_SANITIZE") != ""
 hardened = setting("QDUL_HARDEN") == "ON"
-partial = setting("QDUL_PARTIAL") == "ON"
 
 qdul = os.path.join(BUILD, "lib", "libqdul.so." + SONAME_MAJOR)
 qdlis = os.path.join(BUILD, "lib", "libqdlis.so." + SONAME_MAJOR)
@@ -172,6 +171,5 @@ for c, cxx in [pair for pair in compilers if shutil.which(pair[0]) and shutil.wh
                                   capture_output=True, text=True)
             check(done.returncode == 0, f"{header} does not compile alone with {compiler} -std={standard}:\n{done.stderr}")
 
-print(f"{len(api)} names of libqdul.so, {len(lis_api)} of libqdlis.so, {len(failures)} failures"
-      + (" (partial build)" if partial else ""))
+print(f"{len(api)} names of libqdul.so, {len(lis_api)} of libqdlis.so, {len(failures)} failures")
 sys.exit(1 if failures else 0)
