@@ -168,6 +168,7 @@ class Qdlogger(unittest.TestCase):
         self.ok("-p5", "-k", "debug", "--level=2", "--who=mgr", "b")
         self.ok("-p5", "-k", "audit", "--subject", "alice", "--outcome", "4294967295", "c %s %d")
         self.ok("-p5", "-k", "app", "d")
+        self.ok("-p5", "-k", "application", "d")
         found = [(r["type"], r["text"], r["who"], r["rest"]) for r in self.records()]
         self.assertEqual(
             found,
@@ -175,6 +176,7 @@ class Qdlogger(unittest.TestCase):
                 (1, b"a", b"mgr", b"3,(0|)"),
                 (0, b"b", b"mgr", b"2"),
                 (4, b"c %s %d", b"alice", b"-1,(0|)"),
+                (2, b"d", b"", b"0,(0|)"),
                 (2, b"d", b"", b"0,(0|)"),
             ],
         )
@@ -239,7 +241,7 @@ class Qdlogger(unittest.TestCase):
         self.wrong("-p", "", "x")
         self.wrong("-p5", "x", "--severity")
         for option, values in {
-            "--kind": ("", "applic", "secure-audit"),
+            "--kind": ("", "apple", "secure-audit", "context"),
             "--severity": ("5", "-1", "bad", ""),
             "--id": ("-1", "x", "18446744073709551616", "1x", ""),
         }.items():

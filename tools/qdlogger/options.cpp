@@ -39,21 +39,16 @@ bool notEmpty(const std::string &value, std::string &out, std::string &error) {
     return true;
 }
 
-constexpr struct {
-    const char *name;
-    uint32_t kind;
-} kinds[] = {{"app", ZOLTLOG_MSG_APP},
-             {"diag", ZOLTLOG_MSG_DIAG},
-             {"debug", ZOLTLOG_MSG_DEBUG},
-             {"audit", ZOLTLOG_MSG_AUDIT}};
+constexpr const char *kinds[] = {"app", "diag", "debug", "audit"};
 constexpr int32_t HighestSeverity = 4;
 
+// Also the full names, as in the other tools
 bool setKind(Settings &settings, const char *value, std::string &error) {
-    for (const auto &row : kinds) {
-        if (std::strcmp(value, row.name) == 0) {
-            settings.kind = row.kind;
-            return true;
-        }
+    uint32_t kind = 0;
+    if (tools::parseKind(value, kind) && (kind == ZOLTLOG_MSG_APP || kind == ZOLTLOG_MSG_DIAG ||
+                                          kind == ZOLTLOG_MSG_DEBUG || kind == ZOLTLOG_MSG_AUDIT)) {
+        settings.kind = kind;
+        return true;
     }
     error = std::string("'") + value + "' is none of app, diag, debug, audit";
     return false;
@@ -173,8 +168,8 @@ std::string completions(const std::string &what) {
     if (what == "options")
         tools::appendOptionNames(text, options);
     if (what == "kinds")
-        for (const auto &row : kinds)
-            text += std::string(row.name) + "\n";
+        for (const char *kind : kinds)
+            text += std::string(kind) + "\n";
     if (what == "severities")
         for (int32_t severity = 0; severity <= HighestSeverity; ++severity)
             text += std::string(tools::severityName(severity)) + "\n";
