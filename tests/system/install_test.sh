@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# What is installed is enough to build and run programs in C and C++.
+set -euo pipefail
+fail() {
+    echo "FAILED: $*" >&2
+    exit 1
+}
+if grep -q '^QDUL_SANITIZE:STRING=.' "$QDUL_BUILD/CMakeCache.txt"; then exit 77; fi # needs the sanitizer's runtime
+command -v pkg-config >/dev/null || exit 77
+
+cmake --install "$QDUL_BUILD" --prefix "$PWD/prefix" >install.log || { cat install.log; fail "installation"; }
+pc=$(find prefix -name qdul.pc)
+[ -n "$pc" ] || fail "no qdul.pc"
+libdir=$PWD/$(dirname "$(dirname "$pc")")
+for file in libqdul.so libqdul.so.3 libqdlis.so.3 libzoltLogFormatMsg.so.3; do
+    [ -e "$libdir/$file" ] || fail "$file is not installed"
+done
+for file in zoltlog.h zoltlis.h zoltformat.h; do
+    [ -e "prefix/include/$file" ] || fail "$file is not installed"
+done
+# The libraries find each other beside themselves, and look nowhere else.
+for library in libqdul libqdlis libzoltLogFormatMsg; do
+    path=$(objdump -p "$libdir/$library.so.3" | awk '$1 == "RUNPATH" { print $2 }')
+    [ "$path" = '$ORIGIN' ] || fail "$library has the run path '$path'"
+done
+# qdul.pc names the prefix that was configured; here it is moved.
+export PKG_CONFIG_PATH=$(dirname "$PWD/$pc")
+configured=$(pkg-config --variable=prefix qdul)
+flags=$(pkg-config --cflags --libs qdul | sed "s|$configured|$PWD/prefix|g")
+
+mkdir log
+printf '5.Configuration=%s/product.conf\n5.Names=test\n' "$PWD" >zoltlog.conf
+printf 'Default.LogDirectory=%s/log/\n' "$PWD" >product.conf
+export ZOLTLOG_CFG_LOC=$PWD/zoltlog.conf
+
+cat >program.c <<'SOURCE'
+#include <zoltlog.h>
+int main(void) {
+    LogHandle log;
+    if (zoltLogOpen(5, 7, &log) != ZOLTLOG_OK)
+        return 1;
+    uint32_t result = zoltLogAppMsg(&log, ZOLTLOG_OUT_STDOUT, 2, 0, "disk %s is %d%% full", "/var", 93);
+    zoltLogClose(&log);
+    return (int)result;
+}
+SOURCE
+cp program.c program.cpp
+# shellcheck disable=SC2086
+${CC:-cc} -std=c11 -Wall -Wextra -Werror -pedantic program.c -o in_c $flags || fail "the C program does not build"
+# shellcheck disable=SC2086
+${CXX:-c++} -std=c++17 -Wall -Wextra -Werror -pedantic program.cpp -o in_cpp $flags || fail "the C++ program does not build"
+cat >CMakeLists.txt <<'SOURCE'
+cmake_minimum_required(VERSION 3.16)
+project(uses_qdul C CXX)
+find_package(qdul 3 REQUIRED)
+add_executable(by_cmake program.c)
+target_link_libraries(by_cmake PRIVATE qdul::qdul)
+SOURCE
+cmake -S . -B cmade -DCMAKE_PREFIX_PATH="$PWD/prefix" >cmake.log 2>&1 && cmake --build cmade >>cmake.log 2>&1 ||
+    { cat cmake.log; fail "find_package does not work"; }
+cp cmade/by_cmake .
+for program in in_c in_cpp by_cmake; do
+    said=$(LD_LIBRARY_PATH=$libdir "./$program") || fail "$program ends with $?"
+    case $said in
+        *' ERROR: disk /var is 93% full') ;;
+        *) fail "$program does not find the formatter plug-in: '$said'" ;;
+    esac
+done
+[ "$(grep -c ':disk /var is 93% full,' log/*.log)" = 3 ] || fail "the messages are not in the log"
+
+# The tools run from where they were installed.
+for tool in qdlogger qdlogcfg; do
+    "prefix/bin/$tool" --version >/dev/null || fail "$tool does not run"
+done
+prefix/bin/qdlogger -p test --stdout hello | grep -q 'INFO: hello$' || fail "qdlogger does not find the plug-in"
