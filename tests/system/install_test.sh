@@ -69,7 +69,7 @@ done
 [ "$(grep -c ':disk /var is 93% full,' log/*.log)" = 3 ] || fail "the messages are not in the log"
 
 # The tools run from where they were installed.
-for tool in qdlogger qdlogcfg; do
-    "prefix/bin/$tool" --version >/dev/null || fail "$tool does not run"
+for tool in prefix/bin/*; do
+    "$tool" --version >/dev/null || fail "$tool does not run"
 done
 prefix/bin/qdlogger -p test --stdout hello | grep -q 'INFO: hello$' || fail "qdlogger does not find the plug-in"
