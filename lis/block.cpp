@@ -25,11 +25,8 @@ void fail(Builder *builder, LisResult result) {
         builder->result = result;
 }
 
-// Makes room for more bytes of items.
-bool makeRoom(Builder *builder, size_t more) {
+__attribute__((noinline)) bool growRoom(Builder *builder, size_t more) {
     Storage *storage = builder->storage;
-    if (storage->room - storage->used >= more)
-        return true;
     if (more > SIZE_MAX / 4 - storage->used) {
         fail(builder, LIS_NO_MEMORY);
         return false;
@@ -43,6 +40,11 @@ bool makeRoom(Builder *builder, size_t more) {
     grown->room = room;
     builder->storage = grown;
     return true;
+}
+
+// Makes room for more bytes of items.
+inline bool makeRoom(Builder *builder, size_t more) {
+    return builder->storage->room - builder->storage->used >= more || growRoom(builder, more);
 }
 
 bool adds(const Builder *builder) {

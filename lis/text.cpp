@@ -65,6 +65,28 @@ int nextSize(int from, int inFormat, ArgumentList *args) {
     return from == FROM_NEXT ? va_arg(args->list, int) : inFormat;
 }
 
+// The conversions that most formats consist of, without the way through a
+// Conversion. false for every other one.
+inline bool addCommon(Builder *builder, char letter, ArgumentList *args) {
+    switch (letter) {
+    case 's': {
+        const char *text = va_arg(args->list, const char *);
+        if (text == nullptr)
+            text = "(null)";
+        addNarrow(builder, narrowType(builder), text, strlen(text));
+        return true;
+    }
+    case 'd':
+        addValue(builder, ITEM_SIGNED, int64_t{va_arg(args->list, int)});
+        return true;
+    case 'u':
+        addValue(builder, ITEM_UNSIGNED, uint64_t{va_arg(args->list, unsigned)});
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
 
 void addFormatted(Builder *builder, const char *format, ArgumentList *args, bool rawOnly, int hostErrno) {
@@ -78,6 +100,10 @@ void addFormatted(Builder *builder, const char *format, ArgumentList *args, bool
             addLiteral(builder, p, static_cast<size_t>(percent - p));
         if (*percent == '\0')
             return;
+        if (addCommon(builder, percent[1], args)) {
+            p = percent + 2;
+            continue;
+        }
         Conversion conversion;
         p = parseConversion(percent + 1, &conversion);
         if (p == nullptr) {
