@@ -16,8 +16,9 @@
  * format decides what the arguments are; the pattern decides where they stand
  * and how they look: "%1$08x" shows an integer of any length in hexadecimal.
  * A pattern that names an argument that is not there, or shows one as something
- * that it is not, counts as a missing message. Compiled messages stay in memory
- * until the process ends; a catalogue installed meanwhile is not seen.
+ * that it is not, counts as a missing message. Messages that were used stay in memory
+ * until the process ends. A catalogue that could not be read when it was first needed
+ * (it is not there, it is damaged, memory had ended) is missing until then.
  *
  * Results are those of zoltlis.h: 0, or
  *     -1  there is no item, or no further one

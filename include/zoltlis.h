@@ -45,14 +45,28 @@ typedef struct ZoltLisDateTime {
     int64_t nanoseconds;
 } ZoltLisDateTime;
 
+/*
+ * Builds the block of message messageNumber: its catalogue text when there is one
+ * that fits the arguments of format, else the number and the raw arguments. Number 0
+ * stands for no message: the block is format's own text. utf8: the texts are UTF-8,
+ * else in the locale's encoding. Results other than 0: -2 invalid argument or format,
+ * -3 out of memory, -4 failure inside the library; the block then stays empty.
+ */
 int32_t zoltLisVEx(ZoltLisBlock *block, uint32_t utf8, int64_t messageNumber, const char *format,
                    va_list args);
+/* Builds the block of a format's own text; results as above */
 int32_t zoltLisTextV(ZoltLisBlock *block, const char *reference, va_list args);
+/* Releases a block and empties it; an empty one stays as it is */
 int32_t zoltLisFree(ZoltLisBlock *block);
+/* Yields 0 when the text is whole, or the number of a message without a catalogue */
 int32_t zoltLisGetTextId(ZoltLisBlock *block, int64_t *identity);
+/* Puts the iterator on the first item; not 0 when there is none */
 int32_t zoltLisGetArgsBegin(ZoltLisBlock *block, ZoltLisIterator *argument);
+/* Moves to the next item; not 0 after the last */
 int32_t zoltLisGetNextArg(ZoltLisIterator *argument);
+/* The current item's type: 0 to 11 in the order of the getters, where OS errors are 6 and 7 */
 int32_t zoltLisGetArgTypeId(ZoltLisIterator *argument, uint32_t *type);
+/* The current item's value. Pointers stay valid until the block is released */
 int32_t zoltLisGetArg_wchar(ZoltLisIterator *argument, wchar_t *out);
 int32_t zoltLisGetArg_longlong(ZoltLisIterator *argument, int64_t *out);
 int32_t zoltLisGetArg_ulonglong(ZoltLisIterator *argument, uint64_t *out);

@@ -1104,10 +1104,68 @@ void FreeConfigArray(LogCfg **cfgs, uint32_t count);
 
 /* ---- message text and sinks ---------------------------- */
 
+/*
+ * The text of a message that is given as a catalogue's message with typed arguments
+ * (zoltlis.h). These operations take no lock; a block belongs to the calling thread.
+ *
+ * A block becomes text item by item. Where the message's catalogue is missing, the
+ * text starts with "[Cannot find catalog for message id=N] " and commas stand between
+ * the items, else nothing does. An item's type decides its look, and what the
+ * measuring pass counts for it:
+ *
+ *     type                        look                              counted
+ *     0     wide character        as "%lc"                          2
+ *     1     signed integer        decimal                           20
+ *     2     unsigned integer      decimal                           20
+ *     3     double                as "%f"                           15
+ *     4     pointer               0x and lower-case hexadecimal     20
+ *     5     wide string           in the locale's encoding          its bytes + 1
+ *     6, 7  OS error              its code, 32 bits, in decimal     10
+ *     8     date and time         local time as asctime gives it,   asctime's length
+ *                                 newline included, and a blank
+ *     9     nested text           by the same rules, in place       as measured
+ *     10    UTF-8 string          as it is                          its bytes + 1
+ *     11    native string         as it is                          its bytes + 1
+ *
+ * The prefix counts 51 and each comma 1. A wide character or string that the locale's
+ * encoding lacks adds nothing, nor does a time that asctime cannot show. A type above
+ * 11 ends the text, with what there is until then. Blocks nested more than 32 deep
+ * are a failure.
+ */
+
+/*
+ * Formats like vasprintf: *text becomes the text of a printf format and its
+ * arguments, to be released with zoltLogFree. Nothing of it is ever cut. Always
+ * ZOLTLOG_OK for arguments that are not null: *text is left alone when the format is
+ * invalid ("%n" is), and null without memory. ZOLTLOG_INVALID_ARGUMENT: text is null.
+ */
 uint32_t listxt_svnprintf(char **text, const char *reference, va_list args);
+/*
+ * With a null buffer: measures; *size becomes the bytes that the table gives, and the
+ * result is null. With a buffer: appends the block's text to the string in buffer,
+ * which has *size bytes in all; what does not fit is cut, and a NUL ends it. The counts
+ * are of old and not bounds: a long double, a wide character alone or a date need more
+ * room than was measured. Yields buffer. A failure of the localization library, or a
+ * null block, makes *size SIZE_MAX and the result null; so does a null size.
+ */
 char *strncatlis(char *buffer, size_t *size, ZoltLisBlock *block);
+/*
+ * Appends formatted values to the string in buffer, which has size bytes in all; what
+ * does not fit is cut. The values may lie in buffer. Yields buffer, unchanged when
+ * there is no room, no memory, or a value cannot be converted to the locale's encoding.
+ */
 char *fstrncat(char *buffer, size_t size, const char *format, ...);
+
+/*
+ * The iterator's current item as a wide text, to be released with zoltLogFree: numbers
+ * in decimal, doubles as "%f", pointers as "%#llx" (0 is "0"), OS error codes with all
+ * their 64 bits, dates as wcsftime's "%c" of the local time (empty for a time that
+ * cannot be broken down), strings converted. ZOLTLOG_FAILED: there is no item, it is a
+ * nested block or of an unknown type, a string is invalid, or a native string is
+ * empty. ZOLTLOG_NO_MEMORY.
+ */
 uint32_t zoltLogGetArg_asStringW(ZoltLisIterator *argument, wchar_t **out);
+/* A copy of a wide text (zoltLogFree); null for null, and without memory. */
 wchar_t *zoltLogWcsDup(const wchar_t *text);
 
 /*

@@ -101,7 +101,9 @@ void lockCatalogs() {
 }
 
 // What a failure of ICU means for a message: a catalogue that is missing or
-// damaged, or that lacks the message, is no failure.
+// damaged, or that lacks the message, is no failure. Without memory the message is
+// shown without its catalogue rather than lost: ICU may well fail for good once its
+// own start has failed.
 LisResult resultOf(UErrorCode status) {
     if (U_SUCCESS(status))
         return LIS_OK;
@@ -112,7 +114,7 @@ LisResult resultOf(UErrorCode status) {
     case U_RESOURCE_TYPE_MISMATCH:
         return LIS_NO_MORE;
     case U_MEMORY_ALLOCATION_ERROR:
-        return LIS_NO_MEMORY;
+        return LIS_NOT_NOW;
     default:
         return LIS_CATALOG_FAILED;
     }
@@ -535,7 +537,7 @@ LisResult find(const Request &request, const Shown **out) {
     View *view;
     LisResult result = currentView(&view);
     if (result != LIS_OK || view->bundleCount == 0)
-        return result;
+        return result == LIS_NOT_NOW ? LIS_OK : result;
     unsigned others;
     const Shown *shown = knownMessage(slotOf(view, request.number), request, &others);
     if (shown == nullptr) {
@@ -543,7 +545,7 @@ LisResult find(const Request &request, const Shown **out) {
         result = learnMessage(view, request, &shown);
         unlockCatalogs();
         if (result != LIS_OK)
-            return result;
+            return result == LIS_NOT_NOW ? LIS_OK : result;
     }
     if (shown->found)
         *out = shown;

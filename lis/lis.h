@@ -24,7 +24,8 @@ enum LisResult : int32_t {
     LIS_NO_MORE = -1, // no item, or no further one
     LIS_INVALID = -2,
     LIS_NO_MEMORY = -3,
-    LIS_CATALOG_FAILED = -4
+    LIS_CATALOG_FAILED = -4,
+    LIS_NOT_NOW = -100 // inside catalog.cpp: ICU has no memory, the message is missing for now
 };
 
 // ---- items of a block (block.cpp) -----------------------------------------------------
