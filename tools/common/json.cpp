@@ -4,9 +4,6 @@
 
 #include <cmath>
 
-#ifdef __SSE2__
-#define RAPIDJSON_SSE2
-#endif
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
@@ -42,7 +39,79 @@ std::string repaired(std::string_view text) {
     return out;
 }
 
-std::string hex(std::string_view bytes) {
+// What a byte needs within a JSON string.
+enum class ByteKind : unsigned char { Plain, Escape, Utf8 };
+
+struct ByteKinds {
+    ByteKind kind[256];
+    constexpr ByteKinds() : kind() {
+        for (int i = 0; i < 256; ++i)
+            kind[i] = i >= 0x80                           ? ByteKind::Utf8
+                      : i < 0x20 || i == '"' || i == '\\' ? ByteKind::Escape
+                                                          : ByteKind::Plain;
+    }
+};
+constexpr ByteKinds byteKinds;
+
+void appendEscapedByte(std::string &out, unsigned char byte) {
+    constexpr char digits[] = "0123456789ABCDEF";
+    switch (byte) {
+    case '"':
+        out += "\\\"";
+        break;
+    case '\\':
+        out += "\\\\";
+        break;
+    case '\n':
+        out += "\\n";
+        break;
+    case '\r':
+        out += "\\r";
+        break;
+    case '\t':
+        out += "\\t";
+        break;
+    default:
+        out += "\\u00";
+        out += digits[byte >> 4];
+        out += digits[byte & 15];
+    }
+}
+
+} // namespace
+
+bool appendJsonText(std::string &out, std::string_view text) {
+    bool valid = true;
+    size_t plain = 0; // start of what can be copied as it is
+    size_t at = 0;
+    out += '"';
+    while (at < text.size()) {
+        const auto byte = static_cast<unsigned char>(text[at]);
+        const ByteKind kind = byteKinds.kind[byte];
+        if (kind == ByteKind::Plain) {
+            ++at;
+            continue;
+        }
+        const size_t length = kind == ByteKind::Utf8 ? decodeUtf8(text, at).length : 0;
+        if (length != 0) {
+            at += length;
+            continue;
+        }
+        out.append(text, plain, at - plain);
+        if (kind == ByteKind::Escape) {
+            appendEscapedByte(out, byte);
+        } else {
+            out += "\xef\xbf\xbd";
+            valid = false;
+        }
+        plain = ++at;
+    }
+    out.append(text, plain, at - plain);
+    out += '"';
+    return valid;
+}
+
+std::string hexText(std::string_view bytes) {
     constexpr char digits[] = "0123456789abcdef";
     std::string out;
     for (const char c : bytes) {
@@ -52,8 +121,6 @@ std::string hex(std::string_view bytes) {
     }
     return out;
 }
-
-} // namespace
 
 void Json::beginObject() {
     state->writer.StartObject();
@@ -83,7 +150,7 @@ void Json::text(std::string_view name, std::string_view value) {
     }
     writeText(*state, repaired(value));
     key(std::string(name) + "_hex");
-    writeText(*state, hex(value));
+    writeText(*state, hexText(value));
 }
 
 void Json::number(std::string_view name, uint64_t value) {

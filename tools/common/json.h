@@ -8,6 +8,13 @@
 
 namespace tools {
 
+// Appends a text as a JSON string with its quotes. Bytes that are not UTF-8 become
+// U+FFFD; false when there were any.
+bool appendJsonText(std::string &out, std::string_view text);
+
+// "6f6b" for "ok"
+std::string hexText(std::string_view bytes);
+
 // Texts become valid JSON whatever they hold: bytes that are not UTF-8 are shown
 // as U+FFFD, and the exact bytes follow in a member of the same name with "_hex".
 struct Json {

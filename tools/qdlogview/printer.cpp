@@ -1,6 +1,9 @@
 #include "qdlogview/printer.h"
 
+#include "common/json.h"
+
 #include <algorithm>
+#include <charconv>
 
 namespace qdlogview {
 
@@ -11,6 +14,17 @@ using tools::FieldValue;
 using tools::Item;
 using tools::Record;
 using tools::Style;
+
+namespace {
+
+template<typename T>
+void appendNumber(std::string &out, T value) {
+    char digits[24];
+    const auto end = std::to_chars(digits, digits + sizeof digits, value);
+    out.append(digits, static_cast<size_t>(end.ptr - digits));
+}
+
+} // namespace
 
 Printer::Printer(const Settings &chosen, tools::Output &output, bool useColor, Filter &chosenFilter)
     : settings(chosen), out(output), color(useColor), filter(chosenFilter) {
@@ -148,10 +162,10 @@ void Printer::appendField(const Item &item, Field field) {
         return;
     switch (row.type) {
     case FieldType::Number:
-        out.buffer += std::to_string(value.number);
+        appendNumber(out.buffer, value.number);
         break;
     case FieldType::Signed:
-        out.buffer += std::to_string(value.value);
+        appendNumber(out.buffer, value.value);
         break;
     case FieldType::Time:
         appendTime(item, true);
@@ -201,16 +215,16 @@ void Printer::printShort(const Item &item) {
     else
         to += tools::kindName(record.type);
     if (record.type <= tools::TypeDiagnostic)
-        to += std::to_string(record.number);
+        appendNumber(to, record.number);
     to += tools::styleOff(style);
     to += ' ';
-    to += std::to_string(record.product);
+    appendNumber(to, record.product);
     to += '/';
-    to += std::to_string(record.originator);
+    appendNumber(to, record.originator);
     to += ' ';
     appendText(record.who);
     to += '[';
-    to += std::to_string(record.pid);
+    appendNumber(to, record.pid);
     to += ']';
     if (!record.context.empty()) {
         to += " (";
@@ -259,6 +273,22 @@ void Printer::printTemplate(const Item &item) {
 
 // ---- json, csv, raw --------------------------------------------------------------
 
+// The hot way of the export: written by hand into the output's buffer.
+void Printer::jsonKey(std::string_view name) {
+    std::string &to = out.buffer;
+    to += to.back() == '{' ? "\"" : ",\"";
+    to += name;
+    to += "\":";
+}
+
+void Printer::jsonText(std::string_view name, std::string_view value) {
+    jsonKey(name);
+    if (tools::appendJsonText(out.buffer, value))
+        return;
+    jsonKey(std::string(name) + "_hex");
+    out.buffer += '"' + tools::hexText(value) + '"';
+}
+
 void Printer::jsonField(const Item &item, Field field) {
     const FieldRow &row = tools::fieldTable[static_cast<size_t>(field)];
     const FieldValue value = fieldValue(item, field);
@@ -266,42 +296,41 @@ void Printer::jsonField(const Item &item, Field field) {
         return;
     switch (row.type) {
     case FieldType::Number: {
-        const bool isId = field != Field::Type && field != Field::Offset;
-        if (settings.idsAsText && isId)
-            json.text(row.name, std::to_string(value.number));
-        else
-            json.number(row.name, value.number);
+        const bool asText = settings.idsAsText && field != Field::Type && field != Field::Offset;
+        jsonKey(row.name);
+        out.buffer += asText ? "\"" : "";
+        appendNumber(out.buffer, value.number);
+        out.buffer += asText ? "\"" : "";
         break;
     }
     case FieldType::Signed:
-        json.signedNumber(row.name, value.value);
+        jsonKey(row.name);
+        appendNumber(out.buffer, value.value);
         break;
     case FieldType::Time:
-        scratch.clear();
-        utc.appendRfc3339(scratch, value.value);
-        json.text(row.name, scratch);
+        jsonKey(row.name);
+        out.buffer += '"';
+        utc.appendRfc3339(out.buffer, value.value);
+        out.buffer += '"';
         break;
     case FieldType::Text:
-        json.text(row.name, value.text);
+        jsonText(row.name, value.text);
         if (field == Field::Text && value.text.find('\r') != std::string_view::npos) {
             scratch = value.text; // the writer made carriage returns of line feeds
             std::replace(scratch.begin(), scratch.end(), '\r', '\n');
-            json.text("text_lines", scratch);
+            jsonText("text_lines", scratch);
         }
         break;
     }
 }
 
 void Printer::printJson(const Item &item) {
-    json.clear();
-    json.beginObject();
+    out.buffer += '{';
     for (const Field field : fields)
         jsonField(item, field);
     if (settings.withLine)
-        json.text("line", item.record.line);
-    json.endObject();
-    out.buffer += json.written();
-    out.buffer += '\n';
+        jsonText("line", item.record.line);
+    out.buffer += "}\n";
 }
 
 // RFC 4180

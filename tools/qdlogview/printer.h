@@ -2,7 +2,6 @@
 #pragma once
 
 #include "common/fields.h"
-#include "common/json.h"
 #include "common/terminal.h"
 #include "common/time_text.h"
 #include "qdlogview/filter.h"
@@ -37,6 +36,8 @@ struct Printer {
     void appendHits(std::string_view text); // the same, matches of -g in colour
     void appendField(const tools::Item &item, tools::Field field);
     void jsonField(const tools::Item &item, tools::Field field);
+    void jsonText(std::string_view name, std::string_view value);
+    void jsonKey(std::string_view name);
 
     const Settings &settings;
     tools::Output &out;
@@ -44,7 +45,6 @@ struct Printer {
     Filter &filter;
     tools::TimeFormatter formatter; // for people
     tools::TimeFormatter utc;       // for programs
-    tools::Json json;
     std::vector<tools::Field> fields;
     const tools::Origin *lastOrigin = nullptr; // raw: whose header was written last
 
