@@ -49,7 +49,7 @@ static void makeFile(const std::string &path) {
 
 // Files of product 5 with dates over three years; every one of originator 7 when own.
 static std::string originatorFiles(bool own) {
-    const std::string path = makeDirectory(own ? "own" : "mixed");
+    std::string path = makeDirectory(own ? "own" : "mixed");
     const unsigned long host = osGetHostID();
     std::mt19937 random(1);
     for (int i = 0; i < FILES; ++i) {
@@ -63,7 +63,7 @@ static std::string originatorFiles(bool own) {
 }
 
 static std::string logSetFiles() {
-    const std::string path = makeDirectory("set");
+    std::string path = makeDirectory("set");
     std::mt19937 random(1);
     for (int i = 0; i < FILES; ++i) {
         char name[128];
