@@ -63,16 +63,19 @@ inline size_t utf8CharacterLength(const char *text, size_t length) {
 // surrogates, nothing above U+10FFFF. In a UTF-8 locale mbs2utf8 returns such a text
 // unchanged and refuses any other.
 inline bool isValidUtf8(const char *text, size_t length) {
+    const auto isAscii = [text](size_t at) { return (static_cast<uint8_t>(text[at]) & 0x80u) == 0; };
     size_t at = 0;
     while (at < length) {
-        if (length - at >= sizeof(uint64_t) && isPlainAscii(text + at, sizeof(uint64_t))) {
+        while (length - at >= sizeof(uint64_t) && isPlainAscii(text + at, sizeof(uint64_t)))
             at += sizeof(uint64_t);
-            continue;
+        while (at < length && isAscii(at))
+            ++at;
+        while (at < length && !isAscii(at)) {
+            const size_t size = utf8CharacterLength(text + at, length - at);
+            if (size == 0)
+                return false;
+            at += size;
         }
-        const size_t size = utf8CharacterLength(text + at, length - at);
-        if (size == 0)
-            return false;
-        at += size;
     }
     return true;
 }

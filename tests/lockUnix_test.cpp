@@ -9,11 +9,14 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <pthread.h>
+#include <set>
+#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
+#include "src/lock_tags.h"
 #include "support/support.h"
 
 namespace {
@@ -294,6 +297,57 @@ TEST(Lock, OtherRecordsAreLocksOfTheirOwn) {
     }).join();
     EXPECT_EQ(0, zoltLogUnlock(&mine, TAG));
     EXPECT_EQ(0, zoltLogDestroyLock(&mine));
+}
+
+TEST(LockTags, AreTheirOperationsNamesEachAnObjectOfItsOwn) {
+    const struct {
+        const char *tag;
+        const char *text;
+    } rows[] = {
+        {TAG_READ_ALL_CFG, "zoltLogReadAllCfg()"},
+        {TAG_READ_PROD_ID_CFG, "zoltLogReadProdIDCfg()"},
+        {TAG_READ_CFG, "zoltLogReadCfg()"},
+        {TAG_READ_LOGSET_CFG, "zoltLogReadlogsetCfg()"},
+        {TAG_WRITE_CFG, "zoltLogWriteCfg()"},
+        {TAG_WRITE_LOGSET_CFG, "zoltLogWritelogSetCfg()"},
+        {TAG_DYNA_LOAD_CONFIG, "zoltDynaLoadConfig()"},
+        {TAG_REMOVE_PRODUCT_CFG, "zoltLogRemoveProductCfg"},
+        {TAG_ADD_PRODUCT_CFG, "zoltLogAddProductCfg"},
+        {TAG_GET_NEXT_SEQUENCE_NUMBER, "GetNextSequenceNumber()"},
+        {TAG_MSG, "zoltLogMsg()"},
+        {TAG_APP_MSG_2LEX, "zoltLogAppMsg2LEx()"},
+        {TAG_DIAG_MSG_2L, "zoltLogDiagMsg2L()"},
+        {TAG_AUDIT_MSG_2L, "zoltLogAuditMsg2L()"},
+        {TAG_SECURE_AUDIT_MSG_L, "zoltLogSecureAuditMsgL()"},
+        {TAG_FORMATTED_DEBUG_MSG, "zoltLogFormattedDebugMsg()"},
+        {TAG_DEBUG_MSG_2V, "zoltLogDebugMsg2V()"},
+        {TAG_SET_DEBUG_LEVEL, "zoltLogSetDebugLevel()"},
+        {TAG_GET_DEBUG_LEVEL, "zoltLogGetDebugLevel()"},
+        {TAG_SET_DIAG_LEVEL, "zoltLogSetDiagLevel()"},
+        {TAG_GET_DIAG_LEVEL, "zoltLogGetDiagLevel()"},
+        {TAG_SET_SECURE_AUDIT_LEVEL, "zoltLogSetSecureAuditLevel()"},
+        {TAG_GET_SECURE_AUDIT_LEVEL, "zoltLogGetSecureAuditLevel()"},
+        {TAG_SET_SEQUENCE_NUMBER, "zoltLogSetSequenceNumber()"},
+        {TAG_ADD_LOG_TO_FILE, "zoltLogAddLogToFile()"},
+        {TAG_OPEN_FILE, "zoltLogOpenFile()"},
+        {TAG_CLOSE_FILE, "zoltLogCloseFile()"},
+        {TAG_CREATE_CONTEXT_TO_FILE, "zoltLogCreateContextToFile()"},
+    };
+    std::set<const char *> objects;
+    for (const auto &row : rows) {
+        EXPECT_STREQ(row.text, row.tag);
+        EXPECT_TRUE(objects.insert(row.tag).second) << row.text;
+    }
+}
+
+TEST(LockTags, SequenceNumberGetterAndSetterReleaseWhatTheyTook) {
+    static LogHandle handle;
+    EXPECT_EQ(0u, zoltLogSetSequenceNumber(&handle, 5));
+    EXPECT_EQ(0, zoltLogMutex.depth);
+    uint64_t number = 0;
+    EXPECT_EQ(0u, zoltLogGetSequenceNumber(&handle, &number));
+    EXPECT_EQ(5u, number);
+    EXPECT_EQ(0, zoltLogMutex.depth);
 }
 
 // ---- cancellation ------------------------------------------------------------------------
