@@ -184,7 +184,8 @@ bool takeReport(Settings &settings, Report report, std::string &error) {
     }
 
 constexpr tools::Option<Settings> table[] = {
-    {'D', "directory", "DIR", "read the log files of a directory (also as an operand)", LIST(paths), "Files"},
+    {'D', "directory", "DIR", "read the log files of a directory, as if it\nwere an operand", LIST(paths),
+     "Files"},
     {'P', "product", "ID|NAME",
      "of this product; without files and directories the\nconfiguration says where they are", TEXT(product)},
     {'L', "logset", "NAME", "files of this log set", TEXT(logSet)},

@@ -1,0 +1,85 @@
+#!/usr/bin/env python3
+"""The manual of qdlogview: lists every option, and each of its examples runs."""
+import os
+import re
+import subprocess
+import time
+import unittest
+
+BUILD = os.environ["QDUL_BUILD"]
+SOURCE = os.environ["QDUL_SOURCE"]
+HERE = os.getcwd()
+
+with open(SOURCE + "/docs/man/qdlogview.1.scd") as file:
+    MANUAL = file.read()
+
+
+def section(title):
+    return MANUAL.split(f"\n# {title}\n", 1)[1].split("\n# ", 1)[0]
+
+
+class Manual(unittest.TestCase):
+    def run_it(self, command):
+        environment = {**os.environ, "PATH": BUILD + "/bin:" + os.environ["PATH"],
+                       "ZOLTLOG_CFG_LOC": HERE + "/zoltlog.conf", "TZ": "UTC"}
+        return subprocess.run(command, shell=True, capture_output=True, env=environment, text=True)
+
+    def test_the_manual_and_the_help_list_the_same_options(self):
+        listed = set(self.run_it("qdlogview --complete options").stdout.replace("=", "").split())
+        self.assertGreater(len(listed), 60)
+        explained = set()
+        for line in section("OPTIONS").splitlines():
+            if line.startswith("*-"):
+                explained |= set(re.findall(r"\*(--?[a-zA-Z-]+)\*", line))
+        self.assertEqual(explained, listed)
+        helped = self.run_it("qdlogview --help").stdout
+        for option in listed:
+            self.assertRegex(helped, rf"(?m)^ .*{re.escape(option)}(=|,| |$)")
+
+    def test_every_field_is_in_the_manual(self):
+        for field in self.run_it("qdlogview --complete fields").stdout.split():
+            self.assertIn(f"*{field}*", section("QUERIES"))
+
+    def test_lines_of_the_help_fit_a_terminal(self):
+        for line in self.run_it("qdlogview --help").stdout.splitlines():
+            self.assertLessEqual(len(line), 80, line)
+
+    def test_every_example_runs(self):
+        now = int(time.time() * 1000) - 60000
+        os.makedirs("log", exist_ok=True)
+        os.makedirs("collected", exist_ok=True)
+        with open("zoltlog.conf", "w") as file:
+            file.write(f"5.Configuration={HERE}/server.conf\n5.Names=server\n")
+        with open("server.conf", "w") as file:
+            file.write(f"Default.LogDirectory={HERE}/log/\n")
+        header = f"$Header 65543,5,7,{now // 1000},0,hostA\n"
+        lines = [f"2,5,7,7,1,{now},42,43,6:job-77,9:Disk full,3:mgr,3,(0|)\n",
+                 f"4,5,7,7,2,{now + 1},42,43,0:,13:login refused,5:alice,1,(0|)\n"]
+        for directory in ("log", "collected"):
+            with open(f"{directory}/5-7-1-240301-0000000000.log", "w") as file:
+                file.write(header + "".join(lines))
+        commands = [line.strip() for line in section("EXAMPLES").splitlines() if line.startswith("\t")]
+        self.assertGreaterEqual(len(commands), 10)
+        expected = {
+            "-p error": "Disk full", "-c job-77": "job-77", "-f": "Disk full", "-g '": "Disk full", "-F subject": "alice",
+            "--stats": "records", "--verify": "0 problems", "--gaps": "0 gaps",
+        }
+        for command in commands:
+            command = command.replace("\\*", "*").replace("--timeout 1h", "--timeout 1s")
+            with self.subTest(command=command):
+                if "-S today" in command and time.gmtime(now / 1000).tm_mday != time.gmtime().tm_mday:
+                    continue  # within a minute of midnight
+                done = self.run_it(command)
+                self.assertEqual(done.returncode, 0, done.stderr)
+                self.assertEqual(done.stderr, "")
+                for words, text in expected.items():
+                    if words in command and ">" not in command:
+                        self.assertIn(text, done.stdout)
+        with open("spool.jsonl") as file:
+            self.assertEqual(len(file.readlines()), 2)
+        with open("table.csv") as file:
+            self.assertEqual(file.readline(), "time,severity,who,text\n")
+
+
+if __name__ == "__main__":
+    unittest.main()
