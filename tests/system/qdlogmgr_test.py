@@ -1,0 +1,444 @@
+#!/usr/bin/env python3
+"""qdlogmgr as an administrator uses it, on series that the test lays out."""
+import json
+import os
+import re
+import shlex
+import shutil
+import subprocess
+import time
+import unittest
+
+TOOL = os.path.join(os.environ["QDUL_BUILD"], "bin", "qdlogmgr")
+SOURCE = os.environ["QDUL_SOURCE"]
+HERE = os.getcwd()
+MANUAL = os.path.join(SOURCE, "docs", "man", "qdlogmgr.1.scd")
+COMMANDS = ["list", "surplus", "usage", "verify", "copy", "archive", "delete", "vacuum"]
+CREATED = 1709251200  # 2024-03-01 00:00:00 UTC
+
+
+def run(*arguments, config="main.conf", environment=None):
+    env = {**os.environ, "NO_COLOR": "1", "LC_ALL": "C.UTF-8", "TZ": "UTC", **(environment or {})}
+    env.pop("ZOLTLOG_CFG_LOC", None)
+    if config:
+        env["ZOLTLOG_CFG_LOC"] = os.path.join(HERE, config)
+    done = subprocess.run([TOOL, *arguments], capture_output=True, text=True, env=env)
+    return done.returncode, done.stdout, done.stderr
+
+
+def write(name, text):
+    with open(name, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def read(name):
+    with open(name, encoding="utf-8") as file:
+        return file.read()
+
+
+def originator_file(number, directory="logs", product=5, originator=7, host=1, day="240301", lines=3,
+                    created=None, age=0):
+    created = CREATED + number * 60 if created is None else created
+    name = f"{product}-{originator}-{host}-{day}-{number:010d}.log"
+    text = f"$Header 65543,{product},{originator},{created},0,hostA\n"
+    for i in range(lines):
+        text += f"2,{product},{originator},{originator},{i + 1},{(created + i) * 1000},1,1,0:,5:hello,0:,1,(0|)\n"
+    write(f"{directory}/{name}", text)
+    if age:
+        when = time.time() - age
+        os.utime(f"{directory}/{name}", (when, when))
+    return name
+
+
+def logset_file(stamp, directory="logs", name="nightfile", lines=1):
+    base = f"5-{name}-{stamp}.log"
+    text = "$Header 65544,0,hostA\n"
+    for i in range(lines):
+        text += f"2,7,{i + 1},{(CREATED + i) * 1000},1,1,0:,5:hello,0:,1,(0|)\n"
+    write(f"{directory}/{base}", text)
+    return base
+
+
+class Qdlogmgr(unittest.TestCase):
+    def setUp(self):
+        for name in os.listdir("."):
+            if os.path.isdir(name):
+                shutil.rmtree(name)
+            else:
+                os.remove(name)
+        for name in ("logs", "archive", "save"):
+            os.mkdir(name)
+        write("main.conf", f"5.Configuration={HERE}/p5.conf\n5.Names=web,front\n")
+        write("p5.conf", f"Default.LogDirectory={HERE}/logs\nDefault.NumberOfLogFiles=3\n7.OIDNames=server\n"
+              f"7.NumberOfLogFiles=2\nLOGSET.Default.LogDirectory={HERE}/logs\n"
+              "LOGSET.night.FileName=nightfile\nLOGSET.night.NumberOfLogFiles=1\n")
+
+    def five(self):
+        return [originator_file(i) for i in range(5)]
+
+    def ok(self, *arguments):
+        status, out, err = run(*arguments)
+        self.assertEqual((status, err), (0, ""), (arguments, out))
+        return out
+
+    def states(self, *arguments):
+        return {os.path.basename(file["path"]): file["state"]
+                for file in json.loads(self.ok("list", "--json", *arguments))}
+
+    # ---- what there is ----
+
+    def test_list_shows_each_file_from_the_oldest_to_the_newest(self):
+        names = self.five()
+        night = [logset_file("240301100000"), logset_file("240301100001")]
+        out = self.ok("list")
+        lines = out.splitlines()
+        self.assertRegex(lines[0], r"^SERIES +FILE +SIZE +FIRST +LAST +STATE$")
+        self.assertEqual([line.split("  ")[1].strip() for line in lines[1:]], names + night)
+        self.assertIn("2024-03-01 00:01:00.000", lines[2])
+        self.assertIn("2024-03-01 00:01:02.000", lines[2])
+        self.assertEqual([line.split()[-1] for line in lines[1:]],
+                         ["surplus", "surplus", "surplus", "kept", "newest", "surplus", "newest"])
+        self.assertIn(f"{HERE}/logs/{names[0]}", self.ok("list", "--paths"))
+
+    def test_list_as_json(self):
+        names = self.five()
+        files = json.loads(self.ok("list", "--json", "--utc"))
+        self.assertEqual(len(files), 5)
+        first = files[0]
+        self.assertEqual(first["product"], 5)
+        self.assertEqual(first["originator"], 7)
+        self.assertEqual(first["path"], f"{HERE}/logs/{names[0]}")
+        self.assertEqual(first["size"], os.path.getsize(f"logs/{names[0]}"))
+        self.assertEqual(first["first"], "2024-03-01T00:00:00.000Z")
+        self.assertEqual(first["last"], "2024-03-01T00:00:02.000Z")
+        self.assertEqual(first["state"], "surplus")
+        self.assertTrue(first["surplus"])
+
+    def test_series_are_selected_by_id_name_and_file_name(self):
+        self.five()
+        originator_file(0, originator=9)
+        logset_file("240301100000")
+        for arguments, count in ((["-p", "5"], 7), (["-p", "front"], 7), (["-o", "server"], 5), (["-o", "9"], 1),
+                                 (["-l", "night"], 1), (["-l", "nightfile"], 1), (["-p", "6"], None)):
+            status, out, _ = run("list", "--json", *arguments)
+            self.assertEqual(status, 1 if count is None else 0, arguments)
+            self.assertEqual(len(json.loads(out)), count or 0, arguments)
+        status, _, err = run("list", "-p", "nobody")
+        self.assertEqual(status, 3)
+        self.assertIn("there is no product 'nobody'", err)
+
+    def test_originators_without_a_section_follow_the_default_one(self):
+        for i in range(5):
+            originator_file(i, originator=9)
+        self.assertEqual(sorted(self.states().values()), ["kept", "kept", "newest", "surplus", "surplus"])
+
+    def test_a_directory_can_be_listed_without_configuration(self):
+        os.mkdir("other")
+        originator_file(0, directory="other", product=99)
+        originator_file(1, directory="other", product=99)
+        status, out, err = run("list", "--directory", "other", "--json", config="missing.conf")
+        self.assertEqual((status, err), (0, ""))
+        self.assertEqual([file["state"] for file in json.loads(out)], ["-", "newest"])
+
+    def test_surplus_lists_what_the_library_would_recycle(self):
+        names = self.five()
+        night = [logset_file(f"24030110000{i}") for i in range(3)]
+        files = [os.path.basename(file["path"]) for file in json.loads(self.ok("surplus", "--json"))]
+        self.assertEqual(files, names[:3] + night[:2])
+        self.ok("delete", "--all")
+        status, out, _ = run("surplus", "--json")
+        self.assertEqual((status, json.loads(out)), (1, []))
+
+    def test_files_of_one_second_are_told_apart_by_their_counters(self):
+        names = [originator_file(i, created=CREATED) for i in range(12)]
+        files = [os.path.basename(file["path"]) for file in json.loads(self.ok("surplus", "--json"))]
+        self.assertEqual(files, names[:10])
+
+    def test_usage_sums_up(self):
+        names = self.five()
+        size = sum(os.path.getsize(f"logs/{name}") for name in names)
+        usage = json.loads(self.ok("usage", "--json"))
+        self.assertEqual(usage["series"], [{
+            "product": 5, "productName": "web", "originator": 7, "directory": f"{HERE}/logs/", "files": 5,
+            "size": size, "surplusFiles": 3, "surplusSize": size * 3 // 5, "keep": 2, "recycles": False}])
+        self.assertEqual(usage["directories"][0]["size"], size)
+        self.assertGreater(usage["directories"][0]["free"], 0)
+        self.assertIn(f"{HERE}/logs/: 5 files, ", self.ok("usage"))
+
+    # ---- removal ----
+
+    def test_delete_removes_surplus_files_and_says_so(self):
+        names = self.five()
+        out = self.ok("delete", "--product", "5", "--dry-run")
+        self.assertEqual(len(os.listdir("logs")), 5)
+        self.assertIn(f"would delete {HERE}/logs/{names[0]} (", out)
+        out = self.ok("delete", "--product", "5")
+        self.assertEqual(sorted(os.listdir("logs")), names[3:])
+        self.assertIn(f"deleted {HERE}/logs/{names[0]} (", out)
+        self.assertRegex(out, r"freed .* in 3 files\n$")
+        self.assertEqual(run("delete", "--product", "5")[0], 1)  # nothing left to do
+
+    def test_delete_of_named_files_only_takes_those_of_the_series(self):
+        names = self.five()
+        other = originator_file(0, originator=9)
+        status, out, err = run("delete", "-p", "5", "-o", "7", names[3], other)
+        self.assertEqual(status, 4)
+        self.assertIn(f"{other}: not a file of the series asked for", err)
+        self.assertNotIn(names[3], os.listdir("logs"))
+        self.assertIn(other, os.listdir("logs"))
+        self.ok("delete", "-p", "5", f"{HERE}/logs/{names[2]}")
+        self.ok("delete", "-p", "5", f"logs/{names[1]}")
+        self.assertEqual(sorted(os.listdir("logs")), [names[0], names[4], other])
+
+    def test_the_newest_file_is_never_removed(self):
+        names = self.five()
+        status, out, _ = run("delete", "-p", "5", names[4])
+        self.assertEqual(status, 1)
+        self.assertIn(f"kept {HERE}/logs/{names[4]}", out)
+        self.assertIn("the newest of its series", out)
+        run("delete", "-p", "5", "--keep", "0")
+        run("vacuum", "-p", "5", "--count", "0", "--size", "0", "--age", "0s")
+        self.assertEqual(os.listdir("logs"), [names[4]])
+
+    def test_the_newest_file_of_every_host_stays(self):
+        mine = self.five()
+        theirs = [originator_file(i, host=42, created=CREATED - 1000 + i) for i in range(3)]
+        run("delete", "-p", "5", "--keep", "0")
+        self.assertEqual(sorted(os.listdir("logs")), sorted([mine[4], theirs[2]]))
+
+    def test_after_the_clock_was_set_back_both_candidates_stay(self):
+        names = [originator_file(i, created=CREATED - i * 100) for i in range(3)]
+        run("delete", "-p", "5", "--keep", "0")
+        self.assertEqual(sorted(os.listdir("logs")), [names[0], names[2]])
+
+    def test_files_whose_header_speaks_of_another_series_are_never_removed(self):
+        names = self.five()
+        write(f"logs/{names[0]}", "$Header 65543,5,8,1709251200,0,hostA\n")
+        write(f"logs/{names[1]}", "no header at all\n")
+        write(f"logs/{names[2]}", "")
+        os.mkdir("logs/5-7-1-240229-0000000000.log")
+        os.symlink(f"{HERE}/p5.conf", "logs/5-7-1-240229-0000000001.log")
+        before = sorted(os.listdir("logs"))
+        out = run("delete", "-p", "5", "--keep", "0")[1]
+        self.assertIn("its header says product 5, originator 8", out)
+        self.assertEqual(sorted(os.listdir("logs")), [name for name in before if name != names[3]])
+        self.assertEqual(self.states()[names[0]], "doubtful")
+        self.assertTrue(os.path.exists("p5.conf"))
+
+    def test_an_originator_named_like_a_log_set_keeps_its_files(self):
+        for i in range(4):
+            logset_file(f"24030110000{i}", name="7up")
+        self.five()
+        self.ok("delete", "-p", "5", "-o", "7")
+        self.assertEqual(len([name for name in os.listdir("logs") if "7up" in name]), 4)
+
+    def test_removal_needs_to_know_the_series(self):
+        names = self.five()
+        for command in (["delete"], ["vacuum", "--count", "1"], ["archive", "--to", "archive"]):
+            self.assertEqual(run(*command)[0], 2, command)
+        self.assertEqual(sorted(os.listdir("logs")), names)
+
+    def test_older_than_takes_times_and_spans(self):
+        names = [originator_file(i, age=(5 - i) * 86400) for i in range(5)]
+        out = self.ok("delete", "-p", "5", "--older-than", "60h", "--dry-run")
+        self.assertEqual(out.count("would delete"), 3)
+        out = self.ok("delete", "-p", "5", "--older-than", "2 days ago", "--dry-run")
+        self.assertEqual(out.count("would delete"), 4)
+        self.assertEqual(run("delete", "-p", "5", "--older-than", "2001-01-01")[0], 1)
+        self.assertEqual(run("delete", "-p", "5", "--older-than", "whenever")[0], 2)
+        self.assertEqual(sorted(os.listdir("logs")), names)
+
+    def test_vacuum_by_count_size_and_age(self):
+        names = self.five()
+        size = os.path.getsize(f"logs/{names[0]}")
+        self.ok("vacuum", "-p", "5", "--count", "4")
+        self.assertEqual(sorted(os.listdir("logs")), names[1:])
+        self.ok("vacuum", "-p", "5", "--size", str(size * 2 + 1))
+        self.assertEqual(sorted(os.listdir("logs")), names[3:])
+        when = time.time() - 7200
+        os.utime(f"logs/{names[3]}", (when, when))
+        self.ok("vacuum", "-p", "5", "--age", "3h")
+        self.assertEqual(sorted(os.listdir("logs")), names[3:])
+        self.ok("vacuum", "-p", "5", "--age", "1h")
+        self.assertEqual(os.listdir("logs"), [names[4]])
+        self.assertEqual(run("vacuum", "-p", "5")[0], 2)
+        self.assertEqual(run("vacuum", "-p", "5", "--size", "many")[0], 2)
+
+    def test_vacuum_treats_each_series_by_itself(self):
+        self.five()
+        for i in range(3):
+            originator_file(i, originator=9)
+        self.ok("vacuum", "--all", "--count", "2")
+        self.assertEqual(len([name for name in os.listdir("logs") if name.startswith("5-7-")]), 2)
+        self.assertEqual(len([name for name in os.listdir("logs") if name.startswith("5-9-")]), 2)
+
+    def test_quiet_prints_nothing_and_json_prints_json(self):
+        names = self.five()
+        done = json.loads(self.ok("delete", "-p", "5", "--keep", "4", "--json"))
+        self.assertEqual([(one["action"], os.path.basename(one["path"])) for one in done], [("deleted", names[0])])
+        self.assertEqual(self.ok("delete", "-p", "5", "--quiet"), "")
+        self.assertEqual(sorted(os.listdir("logs")), names[3:])
+
+    # ---- copies ----
+
+    def test_copy_leaves_the_files(self):
+        names = self.five()
+        out = self.ok("copy", "-p", "5", "--to", "save")
+        self.assertEqual(sorted(os.listdir("save")), names)
+        self.assertEqual(sorted(os.listdir("logs")), names)
+        self.assertIn(f"copied {HERE}/logs/{names[0]}", out)
+        for name in names:
+            self.assertEqual(read(f"save/{name}"), read(f"logs/{name}"))
+
+    def test_copy_replaces_nothing_unless_told(self):
+        names = self.five()
+        write(f"save/{names[0]}", "precious")
+        status, _, err = run("copy", "-p", "5", "--to", "save")
+        self.assertEqual(status, 4)
+        self.assertIn("exists", err)
+        self.assertEqual(read(f"save/{names[0]}"), "precious")
+        self.ok("copy", "-p", "5", "--to", "save", "--replace")
+        self.assertEqual(read(f"save/{names[0]}"), read(f"logs/{names[0]}"))
+
+    def test_copy_needs_a_directory(self):
+        self.five()
+        self.assertEqual(run("copy", "-p", "5", "--to", "missing")[0], 3)
+        self.assertEqual(run("copy", "-p", "5")[0], 2)
+
+    def test_copy_into_its_own_directory_is_refused(self):
+        names = self.five()
+        before = read(f"logs/{names[0]}")
+        self.assertEqual(run("copy", "-p", "5", "--to", "logs", "--replace")[0], 3)
+        self.assertEqual(read(f"logs/{names[0]}"), before)
+
+    def test_archive_moves_surplus_files(self):
+        names = self.five()
+        contents = {name: read(f"logs/{name}") for name in names}
+        self.assertIn("would archive", self.ok("archive", "-p", "5", "--to", "archive", "--dry-run"))
+        self.assertEqual(os.listdir("archive"), [])
+        self.ok("archive", "-p", "5", "--to", "archive")
+        self.assertEqual(sorted(os.listdir("archive")), names[:3])
+        self.assertEqual(sorted(os.listdir("logs")), names[3:])
+        for name in names[:3]:
+            self.assertEqual(read(f"archive/{name}"), contents[name])
+
+    def test_archive_by_link(self):
+        names = self.five()
+        inode = os.stat(f"logs/{names[0]}").st_ino
+        self.ok("archive", "-p", "5", "--to", "archive", "--link")
+        self.assertEqual(os.stat(f"archive/{names[0]}").st_ino, inode)
+        self.assertEqual(sorted(os.listdir("logs")), names[3:])
+
+    def test_archive_removes_nothing_when_one_copy_fails(self):
+        names = self.five()
+        write(f"archive/{names[1]}", "something else")
+        status, out, err = run("archive", "-p", "5", "--to", "archive")
+        self.assertEqual(status, 3)
+        self.assertIn("exists", err)
+        self.assertIn("copied, not removed", out)
+        self.assertEqual(sorted(os.listdir("logs")), names)
+        self.assertEqual(read(f"archive/{names[1]}"), "something else")
+        os.remove(f"archive/{names[1]}")
+        self.ok("archive", "-p", "5", "--to", "archive")  # goes on with the copies that are there
+        self.assertEqual(sorted(os.listdir("logs")), names[3:])
+
+    def test_archive_keeps_the_newest(self):
+        names = self.five()
+        self.ok("archive", "-p", "5", "--to", "archive", "--keep", "0")
+        self.assertEqual(os.listdir("logs"), [names[4]])
+
+    def test_two_files_of_one_name_do_not_replace_each_other(self):
+        os.mkdir("more")
+        self.five()
+        for i in range(3):
+            originator_file(i, directory="more", lines=1)
+        status, _, err = run("archive", "-D", "logs", "-D", "more", "--keep", "1", "--to", "archive")
+        self.assertEqual(status, 3)
+        self.assertIn("another file of this name", err)
+        self.assertEqual(len(os.listdir("logs")) + len(os.listdir("more")), 8)
+
+    # ---- verify ----
+
+    def test_verify_finds_nothing_in_whole_files(self):
+        self.five()
+        logset_file("240301100000")
+        self.assertEqual(self.ok("verify"), "6 files, 16 records, 0 problems\n")
+
+    def test_verify_tells_damage_missing_counters_and_wrong_headers(self):
+        names = self.five()
+        os.remove(f"logs/{names[2]}")
+        text = read(f"logs/{names[1]}")
+        write(f"logs/{names[1]}", text.replace("5:hello", "9:hello", 1))
+        write(f"logs/{names[0]}", text)  # right series, whole
+        write(f"logs/{names[3]}", "$Header 65543,5,8,1709251200,0,hostA\n")
+        status, out, _ = run("verify")
+        self.assertEqual(status, 1)
+        offset = text.index("2,5,7")
+        self.assertRegex(out, rf"{names[1]}:(\d+): ")
+        found = int(re.search(rf"{names[1]}:(\d+): ", out).group(1))
+        self.assertTrue(offset <= found < offset + 60, (offset, found))
+        self.assertIn(f"{names[3]}:0: ", out)
+        self.assertIn("missing before it: counters 2 to 2 of its day", out)
+        result = run("verify", "--json")
+        self.assertEqual(json.loads(result[1])["files"], 4)
+
+    # ---- usage of the program ----
+
+    def test_wrong_usage_is_2(self):
+        for arguments in ([], ["nothing"], ["list", "--nothing"], ["delete", "-p"], ["list", "-o", "7", "-l", "x"],
+                          ["list", "--color", "pink"], ["list", "--keep", "x"]):
+            self.assertEqual(run(*arguments)[0], 2, arguments)
+
+    def test_a_configuration_that_cannot_be_read_is_3(self):
+        status, _, err = run("list", config="missing.conf")
+        self.assertEqual(status, 3)
+        self.assertIn("missing.conf", err)
+        self.assertEqual(run("list", "--config", f"{HERE}/main.conf", config=None)[0], 1)
+
+    def test_names_cannot_steer_the_terminal(self):
+        os.mkdir("bad\x1b[31m")
+        originator_file(0, directory="bad\x1b[31m")
+        out = run("list", "-D", "bad\x1b[31m", "--paths")[1]
+        self.assertIn("bad\\e[31m", out)
+        self.assertNotIn("\x1b", out)
+
+    def test_help_and_version(self):
+        self.assertIn("Exit status", self.ok("--help"))
+        self.assertRegex(self.ok("--version"), r"^qdlogmgr \d+\.\d+")
+        for command in COMMANDS:
+            self.assertIn("Example:\n  qdlogmgr " + command, self.ok(command, "--help"))
+
+    def test_the_manual_has_every_command_and_option(self):
+        manual = read(MANUAL)
+        for command in COMMANDS:
+            self.assertRegex(manual, rf"(?m)^\*{command}\*")
+            options = re.findall(r"(?m)^  (-[^\s]+)", self.ok(command, "--help"))
+            self.assertGreater(len(options), 5)
+            for option in options:
+                wanted = ", ".join(f"*{name}*" for name in option.split(","))
+                self.assertIn("\n" + wanted, manual, command)
+
+    def test_the_examples_of_the_manual_and_of_help_run(self):
+        blocks = re.findall(r"(?ms)^```\n(.*?)^```", read(MANUAL))
+        lines = [line for block in blocks for line in block.splitlines()]
+        self.assertGreaterEqual(len(lines), 8)
+        for command in COMMANDS:
+            example = self.ok(command, "--help").split("Example:\n  ")[1].strip()
+            lines.append(example.replace("/srv/save", "save").replace("/srv/archive", "archive"))
+        for line in lines:
+            with self.subTest(line):
+                self.setUp()
+                self.five()
+                when = time.time() - 40 * 86400
+                for name in os.listdir("logs")[:3]:
+                    os.utime(f"logs/{name}", (when, when))
+                logset_file("240301100000")
+                logset_file("240301100000", directory="save", name="other")
+                words = shlex.split(line)
+                self.assertEqual(words[0], "qdlogmgr")
+                status, out, err = run(*words[1:])
+                self.assertEqual((status, err), (0, ""), out)
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

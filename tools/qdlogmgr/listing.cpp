@@ -1,0 +1,216 @@
+// list, surplus, usage: what there is.
+#include "common/exit_codes.h"
+#include "qdlogmgr/commands.h"
+
+#include <algorithm>
+#include <map>
+#include <sys/statvfs.h>
+
+namespace qdlogmgr {
+
+using tools::Align;
+using tools::Cell;
+using tools::Style;
+
+static const char *stateOf(const Choice &choice) {
+    if (!choice.file->doubtful.empty())
+        return "doubtful";
+    if (choice.file->newest)
+        return "newest";
+    if (choice.file->surplus)
+        return "surplus";
+    return choice.series->configured ? "kept" : "-";
+}
+
+static Style styleOf(const std::string &state) {
+    if (state == "doubtful")
+        return Style::Red;
+    if (state == "surplus")
+        return Style::Yellow;
+    return state == "newest" ? Style::Green : Style::Plain;
+}
+
+static void startPager(const Run &run, tools::Pager &pager) {
+    if (!run.options.noPager && !run.options.json)
+        pager.start();
+}
+
+static int showFiles(Run &run, const std::vector<Choice> &choices) {
+    tools::Pager pager;
+    startPager(run, pager);
+    if (run.options.json) {
+        tools::Json json;
+        json.beginArray();
+        for (const Choice &choice : choices) {
+            json.beginObject();
+            jsonFile(run, json, choice);
+            json.text("state", stateOf(choice));
+            json.flag("surplus", choice.file->surplus);
+            if (!choice.file->doubtful.empty())
+                json.text("doubt", choice.file->doubtful);
+            json.endObject();
+        }
+        json.endArray();
+        writeJson(run.out, json);
+    } else if (!choices.empty() && !run.options.quiet) {
+        tools::Table table;
+        table.columns = {{"SERIES"}, {"FILE"}, {"SIZE", Align::Right}, {"FIRST"}, {"LAST"}, {"STATE"}};
+        for (const Choice &choice : choices) {
+            const File &file = *choice.file;
+            const std::string state = stateOf(choice);
+            table.rows.push_back(
+                {Cell(choice.series->title()), Cell(run.options.paths ? file.path : file.name),
+                 Cell(tools::formatSize(file.size)), Cell(file.hasTimes ? timeText(run, file.first) : "-"),
+                 Cell(file.hasTimes ? timeText(run, file.last) : "-"),
+                 Cell(file.doubtful.empty() ? state : state + ": " + file.doubtful, styleOf(state))});
+        }
+        printTable(run.out, table, run.options.color);
+    }
+    const int status = finish(run, choices.size());
+    pager.finish();
+    return status;
+}
+
+int listFiles(Run &run) {
+    return showFiles(run, chosenFiles(run, false));
+}
+
+int listSurplus(Run &run) {
+    return showFiles(run, chosenFiles(run, true));
+}
+
+// ---- usage -----------------------------------------------------------------------
+
+namespace {
+
+struct Volume {
+    uint64_t files = 0;
+    uint64_t size = 0;
+};
+
+struct Sums {
+    uint64_t surplusFiles = 0;
+    uint64_t surplusSize = 0;
+    const File *first = nullptr; // of those with times
+    const File *last = nullptr;
+};
+
+Sums sumsOf(const Series &series) {
+    Sums sums;
+    for (const File &file : series.files) {
+        if (file.surplus) {
+            ++sums.surplusFiles;
+            sums.surplusSize += file.size;
+        }
+        if (!file.hasTimes)
+            continue;
+        if (sums.first == nullptr || file.first < sums.first->first)
+            sums.first = &file;
+        if (sums.last == nullptr || file.last > sums.last->last)
+            sums.last = &file;
+    }
+    return sums;
+}
+
+uint64_t freeBytes(const std::string &directory) {
+    struct statvfs status;
+    return statvfs(directory.c_str(), &status) == 0 ? status.f_bavail * status.f_frsize : 0;
+}
+
+std::string keepText(const Series &series) {
+    if (!series.configured)
+        return "-";
+    const std::string number = series.keep >= ZOLTLOG_KEEP_ALL_FILES ? "all" : std::to_string(series.keep);
+    return series.recycles ? number + ", recycled" : number;
+}
+
+void usageAsJson(Run &run, const std::map<std::string, Volume> &volumes) {
+    tools::Json json;
+    json.beginObject();
+    json.key("series");
+    json.beginArray();
+    for (const Series &series : run.series) {
+        const Sums sums = sumsOf(series);
+        json.beginObject();
+        json.number("product", series.product);
+        json.text("productName", series.productName);
+        if (series.isLogset)
+            json.text("logset", series.logset);
+        else
+            json.number("originator", series.originator);
+        json.text("directory", series.directory);
+        json.number("files", series.files.size());
+        json.number("size", series.size());
+        json.number("surplusFiles", sums.surplusFiles);
+        json.number("surplusSize", sums.surplusSize);
+        if (series.configured)
+            json.number("keep", series.keep);
+        else
+            json.null("keep");
+        json.flag("recycles", series.recycles);
+        json.endObject();
+    }
+    json.endArray();
+    json.key("directories");
+    json.beginArray();
+    for (const auto &[directory, volume] : volumes) {
+        json.beginObject();
+        json.text("directory", directory);
+        json.number("files", volume.files);
+        json.number("size", volume.size);
+        json.number("free", freeBytes(directory));
+        json.endObject();
+    }
+    json.endArray();
+    json.endObject();
+    writeJson(run.out, json);
+}
+
+void usageAsTable(Run &run, const std::map<std::string, Volume> &volumes) {
+    tools::Table table;
+    table.columns = {{"SERIES"},
+                     {"FILES", Align::Right},
+                     {"SIZE", Align::Right},
+                     {"KEEP"},
+                     {"SURPLUS", Align::Right},
+                     {"FIRST"},
+                     {"LAST"},
+                     {"DIRECTORY"}};
+    for (const Series &series : run.series) {
+        const Sums sums = sumsOf(series);
+        table.rows.push_back(
+            {Cell(series.title()), Cell(std::to_string(series.files.size())),
+             Cell(tools::formatSize(series.size())), Cell(keepText(series)),
+             Cell(std::to_string(sums.surplusFiles), sums.surplusFiles != 0 ? Style::Yellow : Style::Plain),
+             Cell(sums.first != nullptr ? timeText(run, sums.first->first) : "-"),
+             Cell(sums.last != nullptr ? timeText(run, sums.last->last) : "-"), Cell(series.directory)});
+    }
+    printTable(run.out, table, run.options.color);
+    run.out.write("\n");
+    for (const auto &[directory, volume] : volumes)
+        run.out.write(tools::escaped(directory) + ": " + std::to_string(volume.files) + " files, " +
+                      tools::formatSize(volume.size) + ", " + tools::formatSize(freeBytes(directory)) +
+                      " free\n");
+}
+
+} // namespace
+
+int showUsage(Run &run) {
+    tools::Pager pager;
+    startPager(run, pager);
+    std::map<std::string, Volume> volumes;
+    for (const Series &series : run.series) {
+        Volume &volume = volumes[series.directory];
+        volume.files += series.files.size();
+        volume.size += series.size();
+    }
+    if (run.options.json)
+        usageAsJson(run, volumes);
+    else if (!run.series.empty() && !run.options.quiet)
+        usageAsTable(run, volumes);
+    const int status = finish(run, run.series.size());
+    pager.finish();
+    return status;
+}
+
+} // namespace qdlogmgr

@@ -1,0 +1,195 @@
+// qdlogmgr: finds, copies, archives, verifies and removes log files. The program, and
+// what its commands share: choosing files, reporting, ending.
+#include "common/exit_codes.h"
+#include "qdlogmgr/commands.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace qdlogmgr {
+
+// ---- choosing files --------------------------------------------------------------
+
+static bool isNamed(const File &file, const std::set<std::string> &names, std::set<std::string> &met) {
+    char *real = realpath(file.path.c_str(), nullptr);
+    const std::string path = real != nullptr ? real : file.path;
+    free(real);
+    bool named = false;
+    for (const std::string &name : {file.name, file.path, path}) {
+        if (names.count(name) == 0)
+            continue;
+        met.insert(name);
+        named = true;
+    }
+    return named;
+}
+
+std::vector<Choice> chosenFiles(Run &run, bool defaultSurplus) {
+    const Options &options = run.options;
+    const bool surplusOnly = options.surplusOnly || (defaultSurplus && options.files.empty() &&
+                                                     options.olderThan.empty() && !options.keep.has_value());
+    std::set<std::string> names;
+    for (const std::string &name : options.files) {
+        char *real = name.find('/') != std::string::npos ? realpath(name.c_str(), nullptr) : nullptr;
+        names.insert(real != nullptr ? real : name);
+        free(real);
+    }
+    std::set<std::string> met;
+    std::vector<Choice> choices;
+    for (const Series &series : run.series) {
+        const size_t count = series.files.size();
+        const size_t kept = options.keep.has_value() ? std::min<uint64_t>(*options.keep, count) : 0;
+        for (size_t i = 0; i < count; ++i) {
+            const File &file = series.files[i];
+            if (!names.empty() && !isNamed(file, names, met))
+                continue;
+            if ((surplusOnly && !file.surplus) || i >= count - kept ||
+                (!options.olderThan.empty() && file.modified >= options.olderThanTime))
+                continue;
+            choices.push_back({&series, &file});
+        }
+    }
+    for (const std::string &name : names)
+        if (met.count(name) == 0)
+            run.problems.push_back(name + ": not a file of the series asked for");
+    return choices;
+}
+
+std::string reasonToKeep(const File &file) {
+    if (!file.doubtful.empty())
+        return file.doubtful;
+    return file.newest ? "the newest of its series" : "";
+}
+
+// ---- reporting -------------------------------------------------------------------
+
+std::string timeText(const Run &run, int64_t milliseconds) {
+    return tools::formatTime(milliseconds, run.options.zone());
+}
+
+void writeJson(tools::Output &out, tools::Json &json) {
+    out.write(std::string(json.written()) + "\n");
+    json.clear();
+}
+
+static std::string jsonTime(const Run &run, int64_t milliseconds) {
+    tools::TimeFormatter formatter;
+    formatter.mode = run.options.utc ? tools::TimeFormatter::Mode::Utc : tools::TimeFormatter::Mode::Local;
+    std::string text;
+    formatter.appendRfc3339(text, milliseconds);
+    return text;
+}
+
+void jsonFile(Run &run, tools::Json &json, const Choice &choice) {
+    const Series &series = *choice.series;
+    const File &file = *choice.file;
+    json.number("product", series.product);
+    if (series.isLogset)
+        json.text("logset", series.logset);
+    else
+        json.number("originator", series.originator);
+    json.text("path", file.path);
+    json.number("size", file.size);
+    if (file.hasTimes) {
+        json.text("first", jsonTime(run, file.first));
+        json.text("last", jsonTime(run, file.last));
+    } else {
+        json.null("first");
+        json.null("last");
+    }
+    json.text("modified", jsonTime(run, file.modified));
+}
+
+Report::Report(Run &theRun) : run(theRun) {
+    if (run.options.json)
+        json.beginArray();
+}
+
+void Report::tell(const char *action, const Choice &choice, const std::string &detail) {
+    if (run.options.json) {
+        json.beginObject();
+        json.text("action", action);
+        jsonFile(run, json, choice);
+        if (!detail.empty())
+            json.text("detail", detail);
+        json.endObject();
+        return;
+    }
+    if (run.options.quiet)
+        return;
+    std::string line;
+    tools::appendStyled(line, tools::Style::Bold, action, run.options.color);
+    line += " " + tools::escaped(choice.file->path) + " (" + tools::formatSize(choice.file->size) + ")";
+    if (!detail.empty())
+        line += ": " + tools::escaped(detail);
+    run.out.write(line + "\n");
+}
+
+void Report::finish() {
+    if (!run.options.json)
+        return;
+    json.endArray();
+    writeJson(run.out, json);
+}
+
+// ---- removing one file -----------------------------------------------------------
+
+bool removeFile(const File &file, std::string &error) {
+    struct stat status;
+    if (lstat(file.path.c_str(), &status) != 0) {
+        error = strerror(errno);
+        return false;
+    }
+    if (status.st_dev != file.device || status.st_ino != file.inode ||
+        static_cast<uint64_t>(status.st_size) != file.size ||
+        status.st_mtim.tv_sec * 1000 + status.st_mtim.tv_nsec / 1000000 != file.modified) {
+        error = "it has changed meanwhile";
+        return false;
+    }
+    if (unlink(file.path.c_str()) != 0) {
+        error = strerror(errno);
+        return false;
+    }
+    return true;
+}
+
+// ---- ending ----------------------------------------------------------------------
+
+int finish(Run &run, size_t done) {
+    run.out.flush();
+    for (const std::string &problem : run.problems)
+        std::fprintf(stderr, "qdlogmgr: %s\n", tools::escaped(problem).c_str());
+    if (!run.problems.empty())
+        return done != 0 ? tools::ExitPartial : tools::ExitUnreadable;
+    return done != 0 ? tools::ExitOk : tools::ExitNothing;
+}
+
+} // namespace qdlogmgr
+
+int main(int argc, char **argv) {
+    using namespace qdlogmgr;
+    std::setlocale(LC_ALL, "");
+    Options options;
+    const Command *command = nullptr;
+    if (const auto status = parseCommandLine(argc, argv, options, command))
+        return *status;
+    if (!options.config.empty())
+        setenv("ZOLTLOG_CFG_LOC", options.config.c_str(), 1); // before the library reads it, once
+    tools::Output out;
+    Run run{options, {}, out, {}};
+    int status = tools::ExitUnreadable;
+    if (findSeries(options, run.series, run.problems))
+        status = command->run(run);
+    else
+        finish(run, 0);
+    if (!out.flush() && out.error != EPIPE)
+        status = tools::ExitPartial;
+    return status;
+}

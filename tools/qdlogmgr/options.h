@@ -1,0 +1,69 @@
+// What the command line of qdlogmgr asks for.
+#pragma once
+
+#include "common/terminal.h"
+#include "common/time_text.h"
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qdlogmgr {
+
+struct Options {
+    // Which series
+    std::string config;
+    std::string product; // id or name
+    std::string originator;
+    std::string logset; // name or file name
+    std::vector<std::string> directories;
+    bool all = false;
+
+    // Which of their files
+    std::vector<std::string> files;
+    bool surplusOnly = false;
+    std::string olderThan;
+    std::optional<uint64_t> keep;
+
+    // What to do with them
+    std::string to;
+    bool link = false;
+    bool replace = false;
+    std::string vacuumSize;
+    std::string vacuumAge;
+    std::optional<uint64_t> vacuumCount;
+    bool dryRun = false;
+
+    // How to show it
+    bool json = false;
+    bool utc = false;
+    bool paths = false;
+    bool quiet = false;
+    bool noPager = false;
+    std::string colorText = "auto";
+
+    // Made of the above
+    bool color = false;
+    int64_t now = 0;              // milliseconds
+    int64_t olderThanTime = 0;    // of olderThan
+    int64_t vacuumOldest = 0;     // of vacuumAge
+    uint64_t vacuumSizeBytes = 0; // of vacuumSize
+
+    tools::Zone zone() const { return utc ? tools::Zone::Utc : tools::Zone::Local; }
+};
+
+struct Run; // commands.h
+
+struct Command {
+    const char *name;
+    int (*run)(Run &);
+    unsigned takes; // groups of options, options.cpp
+    const char *help;
+    const char *example;
+};
+
+// The exit status to end with, or nothing and the command to run.
+std::optional<int> parseCommandLine(int argc, char **argv, Options &options, const Command *&command);
+
+} // namespace qdlogmgr
