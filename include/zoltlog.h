@@ -226,8 +226,9 @@ typedef struct LogFileDate {
     int32_t year, month, day, hour, minute, second;
 } LogFileDate;
 
+/* One open series; shared by the handles in its list. Only the library changes it */
 typedef struct LogFileState {
-    char directory[1025];
+    char directory[1025]; /* ends in "/" */
     FileSecuritySetting permissions;
     uint64_t maxFileSizeKB;
     uint32_t rolloverMode;
@@ -242,15 +243,16 @@ typedef struct LogFileState {
     int64_t nextRolloverTime; /* seconds */
     int64_t fileStartTime;    /* seconds */
     int64_t lastReopenTime;   /* milliseconds */
-    OsFile file;
+    OsFile file;              /* descriptor -1 when closed; the writer keeps notes in the buffer */
     LogHandle *handles;
     uint32_t isLogset;
-    char *logsetName;
-    char *logsetFilename;
+    char *logsetName;     /* owned */
+    char *logsetFilename; /* owned */
 } LogFileState;
 
+/* Filled and kept by the library; the caller may set utf8 after the open */
 struct LogHandle {
-    LogFileState *file;
+    LogFileState *file; /* null: secure, closed, or a context that could not be made */
     uint32_t debugLevel;
     uint32_t diagLevel;
     uint32_t secureAuditLevel;
@@ -265,7 +267,7 @@ struct LogHandle {
     int64_t lastReloadCheck; /* seconds */
     uint32_t reloadInterval; /* seconds */
     LogCfg *cfgCopy;
-    uint32_t utf8;
+    uint32_t utf8; /* not 0: texts passed in are UTF-8 */
     uint64_t originatorId;
 };
 
@@ -448,20 +450,92 @@ uint32_t zoltLogGetMsgLis(LogMsg *msg, ZoltLisBlock **out);
 
 /* ---- log handle --------------------------------------------- */
 
+/*
+ * Opens a handle on the series of log files of an originator, or of a log set. The
+ * record is the caller's: it is zeroed, filled from the configuration, and must stay
+ * where it is until it is closed, since all handles of one series are chained. A record
+ * that is open must be closed before it is opened again. Of its fields the caller sets
+ * only utf8, if its texts are UTF-8. Handles of one originator share one open file.
+ *
+ * zoltLogOpen: messages are stamped and filtered by the originator's settings and go to
+ * its own series. zoltLogOpen2: to the series of fileOriginatorId. zoltLogOpenLogSet: to
+ * the series of the log set, whose settings hold; originatorId is stamped on the messages.
+ *
+ * The latest file of the series is continued or, when there is none, the first is made
+ * (see zoltLogOpenFile). The host's name and number are asked for, which may wait for the
+ * name service, with the lock held.
+ *
+ *   ZOLTLOG_INVALID_ARGUMENT  an id of 0, a null name or handle (the record is untouched)
+ *   ZOLTLOG_CFG_NOT_FOUND     the product is not registered, or has no such log set
+ *   ZOLTLOG_NO_MEMORY
+ *   ZOLTLOG_OSLOG_OPEN_FAILED the system log could not be opened; the handle is open
+ *   and those of zoltLogOpenFile
+ *
+ * After a failure zoltLogClose must be called: the handle may hold a file state. Such a
+ * handle can be used; each message then tries to open the file again.
+ */
 uint32_t zoltLogOpen(uint64_t productId, uint64_t originatorId, LogHandle *handle);
 uint32_t zoltLogOpen2(uint64_t productId, uint64_t originatorId, uint64_t fileOriginatorId,
                       LogHandle *handle);
 uint32_t zoltLogOpenLogSet(uint64_t productId, uint64_t originatorId, const char *logsetName,
-                           LogHandle *handle); /* an addition: see design.md */
+                           LogHandle *handle);
+
+/*
+ * Opens a handle for secure audit messages, which go to the system log only: no
+ * configuration is read and no file is opened. cfg gives the secure audit level, the
+ * system log settings and ZOLTLOG_OUT_OSLOGX; it receives both ids, and the handle keeps
+ * a copy of it. The sequence numbers of a secure handle start at 0, those of others at 1.
+ *
+ *   ZOLTLOG_INVALID_ARGUMENT  an id of 0, a null record or handle
+ *   ZOLTLOG_OSLOG_OPEN_FAILED the system log could not be opened; the handle is open
+ */
 uint32_t zoltLogSecureOpen(uint64_t productId, uint64_t originatorId, LogCfg *cfg, LogHandle *handle);
+
+/*
+ * Closes a handle, and with its series' last handle the file. Contexts are closed with
+ * zoltLogDestroyContext, before or after the handle that they were made from.
+ *
+ *   ZOLTLOG_INVALID_ARGUMENT  null handle, or one without a file: closed already, never
+ *                             opened, or a secure one, of which all is released all the same
+ *   ZOLTLOG_FAILED            the handle's open had failed early; all is released
+ */
 uint32_t zoltLogClose(LogHandle *handle);
+
+/*
+ * Sends one record that the caller has built: to the log file, and then to the console
+ * and the system log as flags (ZOLTLOG_OUT_...) and the handle's output flags say. A
+ * record without a text gets the text of its localization block; the block is released
+ * and zeroed in any case. The message stays the caller's (zoltLogFreeMsg).
+ *
+ * A message is in the file, whole, when the result says so, but the file is not synced.
+ * The lock is held throughout, so the messages of all threads are written in lock order.
+ *
+ *   ZOLTLOG_INVALID_ARGUMENT      null handle or message
+ *   ZOLTLOG_SECURE_ON_FILE_HANDLE secure audit message through a handle with a file;
+ *                                 nothing is written
+ *   and those of zoltLogWriteMsgWithRolloverToFile; the result of the outputs counts when
+ *   the file's is ZOLTLOG_OK.
+ */
 uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg);
+
+/*
+ * The levels of a handle. Setters take any number. The getters of the debug and the
+ * diagnostic level first look at the configuration, when the handle reloads it and a look
+ * is due; a reload that finds a changed file overwrites what a setter stored. ZOLTLOG_INVALID_ARGUMENT
+ * for a null handle or level.
+ */
 uint32_t zoltLogSetDebugLevel(LogHandle *handle, uint32_t level);
 uint32_t zoltLogGetDebugLevel(LogHandle *handle, uint32_t *level);
 uint32_t zoltLogSetDiagLevel(LogHandle *handle, uint32_t level);
 uint32_t zoltLogGetDiagLevel(LogHandle *handle, uint32_t *level);
 uint32_t zoltLogSetSecureAuditLevel(LogHandle *handle, uint32_t level);
 uint32_t zoltLogGetSecureAuditLevel(LogHandle *handle, uint32_t *level);
+
+/*
+ * The number that the handle's next message gets: set, told without being used up, and
+ * taken (0 for a null handle). After the largest comes 0. The first two give
+ * ZOLTLOG_INVALID_ARGUMENT for a null pointer.
+ */
 uint32_t zoltLogSetSequenceNumber(LogHandle *handle, uint64_t number);
 uint32_t zoltLogGetSequenceNumber(LogHandle *handle, uint64_t *number);
 uint64_t GetNextSequenceNumber(LogHandle *handle);
@@ -683,12 +757,101 @@ uint32_t bin2txt_sev(uint32_t severity, TextBuffer *buffer);
 
 /* ---- log files --------------------------------------- */
 
+/*
+ * Log files come in series: one per product, originator and host, and one per product
+ * and log set. docs/format-log-file.md describes names, headers and records.
+ *
+ * Fills a header for a new file of the state's series: ids, the time now, the time zone
+ * offset, and the host's name, of which 512 bytes are kept. Null pointers: nothing
+ * happens, or the name is empty. Takes no lock.
+ */
 void InitializeFileHeader(LogFileHeader *header, const LogFileState *state, const char *hostName);
+
+/*
+ * Writes the header's line to the state's open file, with one write. A line feed in the
+ * host's name becomes a carriage return. ZOLTLOG_FAILED for a version that is not
+ * 65540 to 65544, and when the line cannot be written whole; ZOLTLOG_INVALID_ARGUMENT
+ * for a null pointer. Takes no lock.
+ */
 uint32_t WriteFileHeader(LogFileState *state, const LogFileHeader *header);
+
+/*
+ * What zoltLogOpen2 does once the settings are read: handle->file is a zero-filled file
+ * state from zoltLogMalloc with file.descriptor -1, which the handle owns from then on;
+ * fileCfg's settings go into the state, originatorCfg's into the handle. A state of the
+ * same originator series that is open already is used instead, with its settings
+ * replaced; only one such state is remembered at a time, of the others each handle has
+ * its own. Both records may be the same and stay the caller's.
+ *
+ * Missing directories are made with the permissions of their parents. A file appears
+ * under its name with its header line in it and the exact permissions of the settings,
+ * whatever the umask; symbolic links, FIFOs, sockets and directories are refused, never
+ * followed, and never waited for. A latest file that ends inside a line is continued on
+ * a new line; one without a header that this writer makes is left at the first message.
+ *
+ *   ZOLTLOG_INVALID_ARGUMENT  null pointer, no state, a log set without a name
+ *   ZOLTLOG_NO_DIRECTORY      fileCfg has no log directory
+ *   ZOLTLOG_NO_MEMORY
+ *   ZOLTLOG_FAILED            a directory cannot be made, the host's name or number
+ *                             cannot be told, the header cannot be written
+ *   ZOLTLOG_OPEN_DENIED       permission denied
+ *   ZOLTLOG_OPEN_NO_PATH      a directory of the path does not exist
+ *   ZOLTLOG_OPEN_FAILED       any other reason, also a name that is too long or taken by
+ *                             what is no file
+ */
 uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileCfg);
+
+/*
+ * Appends one record with one write, in a new file if a rollover is due: by size when
+ * the record would bring the file to maxFileSizeKB or past it, by local time once a day,
+ * or by period. Several processes may write one series at the same time. The open
+ * contexts of an originator's series are written again at the top of each new file; a
+ * log set's files do not have them. Ten minutes after it was opened, by the messages'
+ * time stamps, the file is opened anew by name, so that one that others removed or moved
+ * is replaced by one with a header; for a log set this starts a new file each time.
+ *
+ * The names of a log set's files tell the second: when a file is full within its second
+ * the call waits for the next one, at most two seconds, with the lock held, and writes
+ * into the full file after that.
+ *
+ * Takes no lock: the caller holds zoltLogMutex, as zoltLogMsg does.
+ *
+ *   ZOLTLOG_NO_FILE_STATE  null state
+ *   ZOLTLOG_FAILED         null message
+ *   ZOLTLOG_DEVICE_FULL    the write failed, and errorCode says that a device was full,
+ *                          then or earlier in this process
+ *   ZOLTLOG_WRITE_FAILED   the write failed otherwise, or only a part was written (the
+ *                          next record starts on a line of its own); or a rollover failed
+ *                          and no file is open: each message tries again
+ *   and those of zoltLogMsgSerialize, after which nothing was written
+ *
+ * Beyond the process's file size limit (RLIMIT_FSIZE) the system ends the process with
+ * SIGXFSZ, unless that is ignored: then it is ZOLTLOG_WRITE_FAILED.
+ */
 uint32_t zoltLogWriteMsgWithRolloverToFile(LogFileState *state, LogMsg *msg);
+
+/*
+ * Takes the handle off its file, which is closed and its state freed with the last one;
+ * the handle has no file afterwards. ZOLTLOG_INVALID_ARGUMENT for a null handle or one
+ * without a file; ZOLTLOG_FAILED when the state did not know the handle.
+ */
 uint32_t zoltLogCloseFile(LogHandle *handle);
+
+/*
+ * Makes context a context handle of parent's file and settings and writes msg, a context
+ * record made with parent, through it. The message is moved into the handle, also when
+ * the write fails (msg may be &context->contextMsg itself); everything else in the record
+ * is overwritten. The token of an enclosing context is copied. zoltLogDestroyContext
+ * releases all of it.
+ *
+ * ZOLTLOG_INVALID_ARGUMENT for null pointers or a context that is its own parent,
+ * ZOLTLOG_NO_MEMORY, and the results of zoltLogWriteMsgWithRolloverToFile, after which
+ * the context has no file.
+ */
 uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMsg *msg);
+
+/* 1 for the modes that a series can have: 0, size, local time, period, or size with one of
+ * the latter two. 0 for any other, with which a series does not roll over at all. */
 int32_t IsValidRolloverMode(uint32_t mode);
 
 /* ---- configuration record -------------------------------------- */
