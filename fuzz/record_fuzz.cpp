@@ -64,7 +64,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
 
     FileName name;
     if (parseFileName(rest, name))
-        require(name.kind != FileName::Kind::Other && name.product != 0 && name.month >= 1 && name.month <= 12);
+        require(name.kind != FileName::Kind::Other && name.product != 0 && name.month >= 1 &&
+                name.month <= 12);
 
     while (!rest.empty()) {
         const size_t feed = rest.find('\n');
