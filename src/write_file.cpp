@@ -254,8 +254,8 @@ void rollOverIfDue(LogFileState *state, uint64_t length) {
 // new file. Pinned by WriteFileLogset.PeriodicReopenStartsANewFile.
 void reopenIfOld(LogFileState *state, const LogMsg *msg) {
     const auto sent = static_cast<int64_t>(msg->timestamp);
-    if (state->lastReopenTime == 0 || state->file.descriptor == -1 ||
-        sent <= state->lastReopenTime + REOPEN_AFTER_MS)
+    if (state->lastReopenTime == 0 || state->file.descriptor == -1 || sent < REOPEN_AFTER_MS ||
+        sent - REOPEN_AFTER_MS <= state->lastReopenTime)
         return;
     const int64_t startTime = state->fileStartTime;
     zoltLogOs_close(&state->file);

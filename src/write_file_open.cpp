@@ -154,16 +154,16 @@ int64_t startTimeOf(const LogFileState *state, const Target *target, const LogFi
     return static_cast<int64_t>(header->creationTime);
 }
 
-bool isOtherFile(int left, int right) {
-    struct stat one;
-    struct stat other;
-    return fstat(left, &one) == 0 && fstat(right, &other) == 0 &&
-           (one.st_dev != other.st_dev || one.st_ino != other.st_ino);
-}
-
 // Continues in the file that was just opened for reading. *replaced says that another
 // file has taken its name meanwhile, and that nothing is open.
 int32_t resumeFile(LogFileState *state, const Target *target, Opened *opened, bool *replaced) {
+    struct stat status;
+    struct stat found;
+    const bool known = fstat(state->file.descriptor, &status) == 0;
+    if (known && !S_ISREG(status.st_mode)) { // a terminal's header would be waited for
+        zoltLogOs_close(&state->file);
+        return OS_OPEN_FAILED;
+    }
     const WriterNotes notes = *notesOf(state); // the header is read into their place
     const bool headerRead = ReadHeaderEx(&state->file, &opened->header) == ZOLTLOG_OK;
     *notesOf(state) = notes;
@@ -173,7 +173,8 @@ int32_t resumeFile(LogFileState *state, const Target *target, Opened *opened, bo
     opened->torn = endsInsideLine(reader);
     const int32_t result =
         zoltLogOs_open(&state->file, target->path.text, OPEN_APPEND, state->permissions.mode);
-    *replaced = result == OS_OK && isOtherFile(reader, state->file.descriptor);
+    *replaced = result == OS_OK && known && fstat(state->file.descriptor, &found) == 0 &&
+                (found.st_dev != status.st_dev || found.st_ino != status.st_ino);
     if (*replaced)
         zoltLogOs_close(&state->file);
     close(reader);

@@ -170,7 +170,7 @@ TEST_F(WriteFileHandles, ChangedScheduleOfAReusedStateIsComputedAnew) {
     ASSERT_EQ(open(&handles[2], cfg), 0u);
     EXPECT_EQ(state->nextRolloverTime, localTime(2024, 3, 1, 10) + 2000);
     cfg.rolloverMode = 2;
-    cfg.rolloverTime = 11 * 3600;
+    cfg.rolloverTime = uint64_t{11} * 3600;
     ASSERT_EQ(open(&handles[3], cfg), 0u);
     EXPECT_EQ(state->nextRolloverTime, localTime(2024, 3, 1, 11));
     for (LogHandle &handle : handles)

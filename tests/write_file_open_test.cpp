@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -505,6 +506,27 @@ TEST_F(WriteFileOpen, SocketIs32) {
     ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address), 0);
     expectRefused(&handle, 32);
     close(listener);
+}
+
+TEST_F(WriteFileOpen, CharacterDeviceIs32) {
+    support::makeDirectory("logs");
+    if (mknod(path(FIRST).c_str(), S_IFCHR | 0666, makedev(1, 5)) != 0)
+        GTEST_SKIP() << "devices cannot be made here";
+    const int device = ::open(path(FIRST).c_str(), O_RDONLY | O_CLOEXEC);
+    if (device == -1)
+        GTEST_SKIP() << "devices cannot be opened here";
+    close(device);
+    expectRefused(&handle, 32);
+}
+
+TEST_F(WriteFileOpen, HardLinkToAnotherFileIsPassedOverAndTheFileUntouched) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    support::writeFile("victim", "precious\n");
+    ASSERT_EQ(link("victim", path(SECOND).c_str()), 0);
+    handle.file->headerVersion = 0; // leave this file
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(support::readFile("victim"), "precious\n");
+    EXPECT_EQ(textsIn("logs/5-7-83886090-240301-0000000002.log"), Texts{"one"});
 }
 
 TEST_F(WriteFileOpen, UnreadableFileIs51) {

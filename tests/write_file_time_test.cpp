@@ -370,6 +370,18 @@ TEST_F(WriteFileTime, ClockSetBackPutsTheReopenOff) {
     EXPECT_EQ(handle.file->lastReopenTime, localTime(2024, 3, 1, 10) * 1000);
 }
 
+TEST_F(WriteFileTime, AbsurdTimeStampsOfMessagesDoNoHarm) {
+    openTimed(0, 0);
+    LogMsg msg;
+    ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_DEBUG, "one"), 0u);
+    for (const uint64_t stamp : {uint64_t{0}, uint64_t{INT64_MAX}, uint64_t{INT64_MAX}, UINT64_MAX}) {
+        msg.timestamp = stamp;
+        EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), 0u);
+    }
+    zoltLogFreeMsg(&msg);
+    EXPECT_EQ(logFiles(), Names{file("240301")});
+}
+
 TEST_F(WriteFileTime, FailedReopenIsTriedAgainAndContinuesTheSameFile) {
     openTimed(0, 0);
     ASSERT_EQ(send(&handle, "one"), 0u);

@@ -176,7 +176,9 @@ int getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **list) {
         sockaddr_in v4;
         sockaddr_in6 v6;
     };
-    auto *result = static_cast<Result *>(calloc(1, sizeof(Result)));
+    static thread_local Result storage;
+    Result *result = &storage;
+    *result = {};
     if (inet_pton(AF_INET, series::hostAddress.c_str(), &result->v4.sin_addr) == 1) {
         result->info.ai_family = AF_INET;
         result->info.ai_addr = reinterpret_cast<sockaddr *>(&result->v4);
@@ -189,7 +191,5 @@ int getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **list) {
     return 0;
 }
 
-void freeaddrinfo(addrinfo *list) noexcept {
-    free(list);
-}
+void freeaddrinfo(addrinfo *) noexcept {}
 }
