@@ -42,7 +42,12 @@ static bool isFileChanged(LogHandle *handle) {
 // Adopts the levels and the interval, and nothing else.
 static void reload(LogHandle *handle) {
     LogCfg cfg = {};
-    if (zoltLogReadCfg(handle->file->productId, handle->originatorId, &cfg) == ZOLTLOG_OK) {
+    const LogFileState *file = handle->file;
+    // A handle on a log set was opened with the log set's settings.
+    const uint32_t result = file->isLogset != 0
+                                ? zoltLogReadlogsetCfg(file->productId, file->logsetName, &cfg)
+                                : zoltLogReadCfg(file->productId, handle->originatorId, &cfg);
+    if (result == ZOLTLOG_OK) {
         const GlobalLock lock(TAG_DYNA_LOAD_CONFIG);
         store(&handle->debugLevel, cfg.debugLevel);
         store(&handle->diagLevel, cfg.diagLevel);

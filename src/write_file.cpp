@@ -18,12 +18,9 @@
 #include "lockUnix.h"
 #include "os.h"
 
-#include <cerrno>
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #define FOLLOWS(earlier, later)                                                                              \

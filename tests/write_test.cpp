@@ -413,6 +413,19 @@ TEST_F(Write, DebugAndDiagnosticGettersReloadAndTheSecureOneDoesNot) {
     EXPECT_EQ(level, 5u);
 }
 
+TEST_F(Write, LogsetHandleReloadsTheSettingsOfItsLogset) {
+    support::writeFile("product.conf",
+                       support::readFile("product.conf") + "LOGSET.backup.DynaReloadInSec=60\n");
+    ASSERT_EQ(zoltLogOpenLogSet(5, 7, "backup", &handle), 0u);
+    uint32_t level = 0;
+    EXPECT_EQ(zoltLogSetDebugLevel(&handle, 6), 0u);
+    series::advance(61);
+    EXPECT_EQ(zoltLogGetDebugLevel(&handle, &level), 0u);
+    EXPECT_EQ(level, 1u) << "not originator 7's level";
+    EXPECT_EQ(zoltLogGetDiagLevel(&handle, &level), 0u);
+    EXPECT_EQ(level, 4u);
+}
+
 TEST_F(Write, SequenceNumbersCountUpAndWrap) {
     uint64_t number = 99;
     ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
