@@ -489,6 +489,7 @@ TEST(MultibyteToUtf8, FollowsTheThreadsLocale) {
     EXPECT_EQ("0:\xC3\xA4", fromMultibyte("\xC3\xA4"));
     ASSERT_TRUE(support::useLocale("de_DE.ISO-8859-1"));
     EXPECT_EQ("0:\xC3\x83\xC2\xA4", fromMultibyte("\xC3\xA4"));
+    unsetenv("LOCPATH"); // which newlocale of some C libraries leaks a copy of
     const locale_t utf8 = newlocale(LC_ALL_MASK, "C.UTF-8", nullptr);
     const locale_t before = uselocale(utf8);
     EXPECT_TRUE(localeIsUtf8());
