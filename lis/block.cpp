@@ -184,7 +184,9 @@ void addCopy(Builder *builder, const char *payload) {
 }
 
 Storage *storageOf(const ZoltLisBlock *block) {
-    return reinterpret_cast<Storage *>(block->word[STORAGE]);
+    Storage *storage;
+    memcpy(&storage, &block->word[STORAGE], sizeof block->word[STORAGE]);
+    return storage;
 }
 
 // ---- a finished block -------------------------------------------------------------------
@@ -222,7 +224,9 @@ namespace {
 const ItemWord *current(const ZoltLisIterator *argument) {
     if (argument == nullptr || argument->word[AT] >= argument->word[END])
         return nullptr;
-    return reinterpret_cast<const ItemWord *>(argument->word[AT]);
+    const ItemWord *item;
+    memcpy(&item, &argument->word[AT], sizeof argument->word[AT]);
+    return item;
 }
 
 // The payload of the current item when it is of one of the two types.

@@ -79,7 +79,7 @@ Value valueOf(uint32_t type, const char *payload) {
     case ITEM_WIDE_CHAR: {
         wchar_t character;
         memcpy(&character, payload, sizeof character);
-        value.integer = character;
+        value.integer = static_cast<wint_t>(character);
         break;
     }
     case ITEM_SIGNED:

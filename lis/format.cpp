@@ -475,7 +475,7 @@ LisResult compileFormat(const char *format, bool gapsAllowed, Program **out) {
         return LIS_INVALID;
     // At most a text before each conversion and one after the last. Without gaps the
     // positions are those of the conversions, their widths and their precisions.
-    const size_t pieces = static_cast<size_t>(2 * percents + 1);
+    const size_t pieces = 2 * static_cast<size_t>(percents) + 1;
     const int limit = gapsAllowed || 3 * percents > MAX_ARGUMENTS ? MAX_ARGUMENTS : 3 * percents;
     const size_t room =
         sizeof(Program) + pieces * sizeof(Piece) + static_cast<size_t>(limit) * sizeof(ArgumentType);

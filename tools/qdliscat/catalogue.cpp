@@ -223,6 +223,7 @@ int compile(const std::vector<std::string> &sources, const std::string &director
     std::vector<std::string> words = {"genrb", "-q", "-e", "UTF-8", "-d", directory};
     words.insert(words.end(), sources.begin(), sources.end());
     std::vector<char *> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string &argument : words)
         arguments.push_back(argument.data());
     arguments.push_back(nullptr);

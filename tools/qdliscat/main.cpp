@@ -4,6 +4,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <string>
 #include <vector>
 
@@ -115,10 +116,7 @@ int runList(const Options &options, const std::vector<Catalogue> &catalogues, to
     return found ? tools::ExitOk : tools::ExitNothing;
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
-    std::setlocale(LC_ALL, "");
+int run(int argc, char **argv) {
     Options options;
     CLI::App app("Checks and shows message catalogues.", "qdliscat");
     app.footer(FOOTER);
@@ -165,4 +163,16 @@ int main(int argc, char **argv) {
     else if (listCommand->parsed())
         status = runList(options, loaded.catalogues, out);
     return out.flush() ? status : static_cast<int>(tools::ExitPartial);
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    std::setlocale(LC_ALL, "");
+    try {
+        return run(argc, argv);
+    } catch (const std::exception &failure) { // no memory, a directory that cannot be read
+        std::fprintf(stderr, "qdliscat: %s\n", failure.what());
+        return tools::ExitUnreadable;
+    }
 }
