@@ -378,6 +378,7 @@ class View(unittest.TestCase):
         self.assertEqual(row["ts"], T0 + 2000)
         row = json.loads(self.view("-o", "json", "--fields", "msgid,text", "-n1", "."))
         self.assertEqual(list(row), ["msgid", "text"])
+        self.assertEqual(self.view("-o", "json", "--fields", "outcome", "-n1", "."), "{}\n")
 
     def test_csv_is_read_back_equal(self):
         texts = [b"plain", b'quote " and, comma', b"line\rbreak", b""]

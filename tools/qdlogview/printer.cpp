@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstring>
 
 namespace qdlogview {
 
@@ -35,6 +36,8 @@ Printer::Printer(const Settings &chosen, tools::Output &output, bool useColor, F
         for (const FieldRow &row : tools::fieldTable)
             fields.push_back(row.field);
     }
+    for (const Field field : fields)
+        keys.push_back(std::string(",\"") + tools::fieldTable[static_cast<size_t>(field)].name + "\":");
 }
 
 bool Printer::prepare(std::string &error) {
@@ -273,63 +276,62 @@ void Printer::printTemplate(const Item &item) {
 
 // ---- json, csv, raw --------------------------------------------------------------
 
-// The hot way of the export: written by hand into the output's buffer.
-void Printer::jsonKey(std::string_view name) {
-    std::string &to = out.buffer;
-    to += to.back() == '{' ? "\"" : ",\"";
-    to += name;
-    to += "\":";
-}
-
-void Printer::jsonText(std::string_view name, std::string_view value) {
-    jsonKey(name);
+// The hot way of the export: written by hand into the output's buffer. Every member
+// begins with a comma; the first one's becomes the brace.
+void Printer::jsonText(std::string_view key, std::string_view value) {
+    out.buffer += key;
     if (tools::appendJsonText(out.buffer, value))
         return;
-    jsonKey(std::string(name) + "_hex");
-    out.buffer += '"' + tools::hexText(value) + '"';
+    out.buffer += key.substr(0, key.size() - 2);
+    out.buffer += "_hex\":\"" + tools::hexText(value) + '"';
 }
 
-void Printer::jsonField(const Item &item, Field field) {
-    const FieldRow &row = tools::fieldTable[static_cast<size_t>(field)];
+void Printer::jsonField(const Item &item, Field field, std::string_view key) {
     const FieldValue value = fieldValue(item, field);
     if (!value.present)
         return;
-    switch (row.type) {
+    switch (tools::fieldTable[static_cast<size_t>(field)].type) {
     case FieldType::Number: {
         const bool asText = settings.idsAsText && field != Field::Type && field != Field::Offset;
-        jsonKey(row.name);
-        out.buffer += asText ? "\"" : "";
+        out.buffer += key;
+        if (asText)
+            out.buffer += '"';
         appendNumber(out.buffer, value.number);
-        out.buffer += asText ? "\"" : "";
+        if (asText)
+            out.buffer += '"';
         break;
     }
     case FieldType::Signed:
-        jsonKey(row.name);
+        out.buffer += key;
         appendNumber(out.buffer, value.value);
         break;
     case FieldType::Time:
-        jsonKey(row.name);
+        out.buffer += key;
         out.buffer += '"';
         utc.appendRfc3339(out.buffer, value.value);
         out.buffer += '"';
         break;
     case FieldType::Text:
-        jsonText(row.name, value.text);
-        if (field == Field::Text && value.text.find('\r') != std::string_view::npos) {
+        jsonText(key, value.text);
+        if (field == Field::Text && std::memchr(value.text.data(), '\r', value.text.size()) != nullptr) {
             scratch = value.text; // the writer made carriage returns of line feeds
             std::replace(scratch.begin(), scratch.end(), '\r', '\n');
-            jsonText("text_lines", scratch);
+            jsonText(",\"text_lines\":", scratch);
         }
         break;
     }
 }
 
 void Printer::printJson(const Item &item) {
-    out.buffer += '{';
-    for (const Field field : fields)
-        jsonField(item, field);
+    const size_t begin = out.buffer.size();
+    for (size_t i = 0; i < fields.size(); ++i)
+        jsonField(item, fields[i], keys[i]);
     if (settings.withLine)
-        jsonText("line", item.record.line);
+        jsonText(",\"line\":", item.record.line);
+    if (out.buffer.size() == begin) // none of the fields
+        out.buffer += '{';
+    else
+        out.buffer[begin] = '{';
     out.buffer += "}\n";
 }
 

@@ -35,9 +35,8 @@ struct Printer {
     void appendText(std::string_view text); // escaped unless --raw
     void appendHits(std::string_view text); // the same, matches of -g in colour
     void appendField(const tools::Item &item, tools::Field field);
-    void jsonField(const tools::Item &item, tools::Field field);
-    void jsonText(std::string_view name, std::string_view value);
-    void jsonKey(std::string_view name);
+    void jsonField(const tools::Item &item, tools::Field field, std::string_view key);
+    void jsonText(std::string_view key, std::string_view value);
 
     const Settings &settings;
     tools::Output &out;
@@ -46,6 +45,7 @@ struct Printer {
     tools::TimeFormatter formatter; // for people
     tools::TimeFormatter utc;       // for programs
     std::vector<tools::Field> fields;
+    std::vector<std::string> keys;             // json: ,"name": of each field
     const tools::Origin *lastOrigin = nullptr; // raw: whose header was written last
 
     struct Piece { // of a template: a text, or a field
