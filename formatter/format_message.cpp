@@ -135,7 +135,8 @@ static size_t decodeLocal(const char *text, uint32_t *character) {
     const size_t length = mbrtowc(&wide, text, MB_CUR_MAX, &state);
     if (length == 0 || length > MB_CUR_MAX) // also the two error values
         return 0;
-    *character = static_cast<uint32_t>(wide);
+    static_assert(sizeof wide == sizeof *character); // a wide character is its code point
+    memcpy(character, &wide, sizeof wide);
     return length;
 }
 

@@ -5,6 +5,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <dlfcn.h>
 #include <string>
 #include <vector>
@@ -38,6 +39,10 @@ inline std::string ownFormatter() {
     return support::buildDirectory() + "/lib/libzoltLogFormatMsg.so.3";
 }
 
+// For tests in which allocations fail: called with true before the capture allocates
+// for itself, with false afterwards.
+inline void (*capturing)(bool began) = [](bool) {};
+
 inline void reset() {
     opened.clear();
     sent.clear();
@@ -47,6 +52,7 @@ inline void reset() {
 }
 
 inline void send(int priority, const char *format, va_list args) {
+    capturing(true);
     va_list again;
     va_copy(again, args);
     std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, args)) + 1, '\0');
@@ -54,6 +60,7 @@ inline void send(int priority, const char *format, va_list args) {
     va_end(again);
     text.pop_back();
     sent.push_back({priority, text});
+    capturing(false);
 }
 
 } // namespace sinks
@@ -79,8 +86,10 @@ void __syslog_chk(int priority, int, const char *format, ...) {
 }
 void *dlopen(const char *name, int mode) {
     static const auto real = reinterpret_cast<void *(*)(const char *, int)>(dlsym(RTLD_NEXT, "dlopen"));
-    if (name != nullptr && std::string(name) == "libzoltLogFormatMsg.so.3") {
+    if (name != nullptr && strcmp(name, "libzoltLogFormatMsg.so.3") == 0) {
+        sinks::capturing(true);
         sinks::asked.emplace_back(name);
+        sinks::capturing(false);
         return sinks::formatter.empty() ? nullptr : real(sinks::formatter.c_str(), mode);
     }
     return real(name, mode);

@@ -11,7 +11,7 @@
 namespace qdlogger {
 
 namespace {
-constexpr size_t ReadSize = 256 * 1024;
+constexpr size_t ReadSize = size_t{256} * 1024;
 }
 
 bool LineReader::next(std::string_view &line) {
