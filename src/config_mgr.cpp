@@ -325,6 +325,8 @@ static uint32_t listSurplus(LogCfg **cfgs, uint32_t count, uint64_t productId, u
     Numbers surplus;
     for (size_t i = catalogue.files.count; i-- > 0;) {
         const ListedFile &file = catalogue.files.items[i];
+        if (file.uncertain) // it would pass for the oldest, and may be the newest
+            continue;
         if (!addCandidate(&candidates, file.creationTime, file.name, static_cast<uint32_t>(candidates.count)))
             return ZOLTLOG_NO_MEMORY;
         Candidate &added = candidates.items[candidates.count - 1];

@@ -84,6 +84,7 @@ struct ListedName {
     bool timesKnown;       // modificationTime is filled in
     bool headerKnown;      // the header was looked for: what follows is filled in
     bool opened;           // the file could be opened
+    bool uncertain;        // its header could not be read for an error, not for its content
     int64_t modificationTime;
     int64_t creationTime; // of the header
     const char *hostName; // of the header; null: not kept
@@ -338,8 +339,11 @@ static void learnHeader(Examination *examination, ListedName *name) {
         name->timesKnown = true;
         name->modificationTime = modificationTimeOf(status);
         LogFileHeader header = {};
+        errno = 0;
         if (ReadHeaderEx(reader, &header) == ZOLTLOG_OK)
             name->creationTime = creationTimeOf(header, name->name);
+        else
+            name->uncertain = errno != 0;
         if (examination->needHost) {
             name->hostName = keepText(examination->catalogue, header.hostName);
             name->opened = name->hostName != nullptr;
@@ -407,6 +411,7 @@ static bool insertFile(FileCatalogue *catalogue, const char *directory, ListedNa
              name->name,
              static_cast<uint32_t>(name->hash % TABLE_BUCKETS),
              static_cast<uint32_t>(catalogue->files.count),
+             name->uncertain,
              entry};
     name->listed = true;
     return true;

@@ -44,6 +44,7 @@ struct ListedFile {
     const char *name;      // belongs to the catalogue
     uint32_t bucket;       // of the file table that fixes the order of equal times
     uint32_t order;        // of insertion
+    bool uncertain;        // an error kept the header from being read: the time means nothing
     LogFileEntry *entry;   // made at insertion when entries are asked for; the taker's to free
 };
 

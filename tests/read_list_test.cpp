@@ -70,7 +70,11 @@ namespace {
 
 class Listing : public testing::Test {
   protected:
-    void SetUp() override { directory = std::string(get_current_dir_name()) + "/"; }
+    void SetUp() override {
+        char *here = get_current_dir_name();
+        directory = std::string(here) + "/";
+        free(here);
+    }
 
     void TearDown() override {
         freeFiles();

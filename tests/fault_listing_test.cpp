@@ -1,0 +1,284 @@
+// Listing, surplus files, fetching and copying while each allocation, then each system
+// call on files, fails once.
+#include "support/support.h"
+#include "zoltlog.h"
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <set>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define OWN_ALLOCATOR 0
+#else
+#define OWN_ALLOCATOR 1
+#endif
+
+namespace {
+
+int failAt = -1; // which counted call fails, from 0
+int calls = 0;
+bool armed = false;
+long balance = 0; // blocks allocated less blocks freed while armed
+
+bool failsNow() {
+    return armed && calls++ == failAt;
+}
+
+} // namespace
+
+#if OWN_ALLOCATOR
+extern "C" {
+void *__libc_malloc(size_t);
+void *__libc_calloc(size_t, size_t);
+void *__libc_realloc(void *, size_t);
+void __libc_free(void *);
+
+static bool failAllocations = true;
+
+void *malloc(size_t size) {
+    if (failAllocations && failsNow()) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    balance += armed ? 1 : 0;
+    return __libc_malloc(size);
+}
+void *calloc(size_t count, size_t size) {
+    if (failAllocations && failsNow()) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    balance += armed ? 1 : 0;
+    return __libc_calloc(count, size);
+}
+void *realloc(void *block, size_t size) {
+    if (failAllocations && failsNow()) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    balance += armed && block == nullptr ? 1 : 0;
+    return __libc_realloc(block, size);
+}
+void free(void *block) {
+    balance -= armed && block != nullptr ? 1 : 0;
+    __libc_free(block);
+}
+}
+#endif
+
+static bool failCalls = false;
+
+#define REAL(name, type) reinterpret_cast<type>(dlsym(RTLD_NEXT, #name))
+
+extern "C" int open(const char *path, int flags, ...) {
+    static const auto real = REAL(open, int (*)(const char *, int, ...));
+    unsigned mode = 0;
+    if ((flags & O_CREAT) != 0) {
+        va_list args;
+        va_start(args, flags);
+        mode = va_arg(args, unsigned);
+        va_end(args);
+    }
+    if (failCalls && failsNow()) {
+        errno = EMFILE;
+        return -1;
+    }
+    return real(path, flags, mode);
+}
+
+extern "C" int openat(int directory, const char *path, int flags, ...) {
+    static const auto real = REAL(openat, int (*)(int, const char *, int, ...));
+    if (failCalls && failsNow()) {
+        errno = EMFILE;
+        return -1;
+    }
+    return real(directory, path, flags);
+}
+
+extern "C" ssize_t read(int descriptor, void *buffer, size_t length) {
+    static const auto real = REAL(read, ssize_t(*)(int, void *, size_t));
+    if (failCalls && failsNow()) {
+        errno = EIO;
+        return -1;
+    }
+    return real(descriptor, buffer, length);
+}
+
+extern "C" ssize_t write(int descriptor, const void *buffer, size_t length) {
+    static const auto real = REAL(write, ssize_t(*)(int, const void *, size_t));
+    if (failCalls && failsNow()) {
+        errno = EIO;
+        return -1;
+    }
+    return real(descriptor, buffer, length);
+}
+
+namespace {
+
+class FaultListing : public testing::Test {
+  protected:
+    void SetUp() override {
+        char *here = get_current_dir_name();
+        home = std::string(here) + "/";
+        free(here);
+        support::makeDirectory("logs");
+        support::makeDirectory("to");
+        setenv("ZOLTLOG_CFG_LOC", (home + "main.conf").c_str(), 1);
+        support::writeFile("main.conf", "5.Configuration=" + home + "p5.conf\n5.Names=web\n");
+        support::writeFile("p5.conf", "Default.LogDirectory=" + home + "logs/\nDefault.NumberOfLogFiles=3\n" +
+                                          "LOGSET.Default.LogDirectory=" + home +
+                                          "logs/\nLOGSET.night.NumberOfLogFiles=1\n");
+        for (int i = 0; i < 8; ++i) {
+            const std::string number = std::to_string(i);
+            support::writeFile("logs/5-112-1-240301-000000000" + number + ".log",
+                               "$Header 65543,5,112,100" + number + ",0,hostA\n");
+            support::writeFile("logs/5-night-24030110000" + number + ".log", "$Header 65544,0,hostA\n");
+        }
+        GetZoltLogCfgLoc();
+    }
+
+    // Runs the body with the first call failing, then the second, until none is left.
+    static int failEach(const std::function<void()> &body) {
+        body(); // what is allocated once stays
+        const size_t descriptors = support::openDescriptors();
+        for (int at = 0;; ++at) {
+            failAt = at;
+            calls = 0;
+            balance = 0;
+            armed = true;
+            body();
+            armed = false;
+            EXPECT_LE(balance, 0) << "call " << at; // below: what an earlier call had kept went too
+            EXPECT_EQ(support::openDescriptors(), descriptors) << "call " << at;
+            if (calls <= at || testing::Test::HasFailure())
+                return at;
+            body(); // keeps such things again
+        }
+    }
+
+    static void freeEntries(LogListing &listing) {
+        while (listing.files != nullptr) {
+            LogFileEntry *next = listing.files->next;
+            zoltLogFree(listing.files);
+            listing.files = next;
+        }
+    }
+
+    // Whatever fails: no file is surplus that the series keeps.
+    static void checkSurplus(LogListing &listing, uint32_t result, const char *newestOfSurplus) {
+        if (result != 0 && listing.files != nullptr)
+            strcpy(failure, "files in spite of a failure");
+        for (const LogFileEntry *entry = listing.files; entry != nullptr; entry = entry->next)
+            if (strcmp(newestOfSurplus, entry->name) < 0)
+                strcpy(failure, entry->name);
+    }
+
+    static void surplus() {
+        LogListing listing;
+        uint32_t result = zoltLogGetManageableLogFiles(5, 112, &listing);
+        checkSurplus(listing, result, "5-112-1-240301-0000000004.log");
+        freeEntries(listing);
+        result = zoltLogGetManageableLogFilesSL(5, "night", &listing);
+        checkSurplus(listing, result, "5-night-240301100006.log");
+        freeEntries(listing);
+        result = zoltLogGetManageableLogFiles(0, 0, &listing);
+        for (const LogFileEntry *entry = listing.files; entry != nullptr; entry = entry->next)
+            if (strcmp(entry->name, "5-112-1-240301-0000000004.log") > 0 &&
+                strncmp(entry->name, "5-112", 5) == 0)
+                strcpy(failure, entry->name);
+        freeEntries(listing);
+    }
+
+    static char failure[256]; // no allocation while they are counted
+    std::string home;
+};
+
+char FaultListing::failure[256];
+
+} // namespace
+
+#if OWN_ALLOCATOR
+TEST_F(FaultListing, EveryAllocationOfASurplusSearch) {
+    const int failed = failEach(surplus);
+    EXPECT_STREQ(failure, "");
+    EXPECT_GT(failed, 30);
+}
+
+TEST_F(FaultListing, EveryAllocationOfAListing) {
+    LogCfg cfg;
+    ASSERT_EQ(zoltLogReadCfg(5, 112, &cfg), 0u);
+    LogCfg *cfgs = &cfg;
+    static std::set<uint32_t> results;
+    const int failed = failEach([&] {
+        LogListing listing = {};
+        const uint32_t result = GetLogFiles(&cfgs, 1, &listing);
+        freeEntries(listing);
+        if (result != 0 && result != 1 && result != 45)
+            snprintf(failure, sizeof failure, "result %u", result);
+    });
+    EXPECT_STREQ(failure, "");
+    EXPECT_GT(failed, 15);
+    zoltLogFreeCfg(&cfg);
+}
+
+TEST_F(FaultListing, AnAllocationThatFailsWhileFetchingLosesNoFile) {
+    LogListing listing;
+    ASSERT_EQ(zoltLogGetManageableLogFiles(5, 112, &listing), 0u);
+    LogFileEntry *const first = listing.files;
+    // The path's buffer is the last allocation of a fetch.
+    char *path = nullptr;
+    failAt = -1;
+    calls = 0;
+    armed = true;
+    EXPECT_EQ(zoltLogFetchNextFile(&listing, &path), 0u);
+    armed = false;
+    const int all = calls;
+    zoltLogFreeBuffer(&path);
+    listing.next = first;
+    failAt = all - 1;
+    calls = 0;
+    armed = true;
+    EXPECT_EQ(zoltLogFetchNextFile(&listing, &path), 4u);
+    armed = false;
+    EXPECT_EQ(path, nullptr);
+    ASSERT_EQ(zoltLogFetchNextFile(&listing, &path), 0u);
+    EXPECT_EQ(std::string(path), home + "logs/" + first->name);
+    zoltLogFreeBuffer(&path);
+    freeEntries(listing);
+}
+
+TEST_F(FaultListing, CopyWithoutMemoryIs4) {
+    failAt = 0;
+    calls = 0;
+    const std::string from = home + "logs/5-112-1-240301-0000000000.log";
+    const std::string to = home + "to";
+    armed = true;
+    const uint32_t copied = zoltLogCopyFile(from.c_str(), to.c_str());
+    calls = 0;
+    const uint32_t linked = zoltLogCopyFileEx(from.c_str(), to.c_str());
+    armed = false;
+    EXPECT_EQ(copied, 4u);
+    EXPECT_EQ(linked, 4u);
+    EXPECT_TRUE(support::listFiles("to").empty());
+}
+#endif
+
+TEST_F(FaultListing, EverySystemCallOfASurplusSearch) {
+#if OWN_ALLOCATOR
+    failAllocations = false;
+#endif
+    failCalls = true;
+    const int failed = failEach(surplus);
+    failCalls = false;
+    EXPECT_STREQ(failure, "");
+    EXPECT_GT(failed, 20);
+}
