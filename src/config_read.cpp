@@ -325,15 +325,59 @@ static bool isSame(const LogCfg *a, const LogCfg *b) {
     return a->logsetName != nullptr && strcmp(a->logsetName, b->logsetName) == 0;
 }
 
+// The records of an array by name, so that a large one is not searched for each new record.
+// Without memory for it the array is searched.
+struct RecordSet {
+    uint32_t *slots; // positions in the array + 1; 0 when free
+    uint32_t size;   // a power of two, more than twice what will be in it
+};
+
+static uint32_t hashOfRecord(const LogCfg *cfg) {
+    uint64_t hash = cfg->productId * 31 + (cfg->isLogset == 0 ? cfg->originatorId : 0);
+    const char *name = cfg->isLogset != 0 && cfg->logsetName != nullptr ? cfg->logsetName : "";
+    for (; *name != '\0'; ++name)
+        hash = hash * 31 + static_cast<unsigned char>(*name);
+    hash *= 0x9E3779B97F4A7C15U;
+    return static_cast<uint32_t>(hash >> 32U);
+}
+
+// The slot of a record like this one, or the free slot for it.
+static uint32_t *slotOfRecord(const RecordSet *set, LogCfg *const *cfgs, const LogCfg *cfg) {
+    uint32_t at = hashOfRecord(cfg) & (set->size - 1);
+    while (set->slots[at] != 0 && !isSame(cfgs[set->slots[at] - 1], cfg))
+        at = (at + 1) & (set->size - 1);
+    return &set->slots[at];
+}
+
+static RecordSet recordSet(const Collection *all, uint32_t more) {
+    RecordSet set = {nullptr, 64};
+    const uint64_t most = static_cast<uint64_t>(*all->count) + more;
+    while (set.size < 2 * most + 8 && set.size < UINT32_MAX / 2)
+        set.size *= 2;
+    set.slots = static_cast<uint32_t *>(calloc(set.size, sizeof *set.slots));
+    for (uint32_t i = 0; set.slots != nullptr && i < *all->count; ++i)
+        *slotOfRecord(&set, all->cfgs, all->cfgs[i]) = i + 1;
+    return set;
+}
+
+static bool isCollected(const Collection *all, const RecordSet *set, const LogCfg *cfg) {
+    if (set->slots != nullptr)
+        return *slotOfRecord(set, all->cfgs, cfg) != 0;
+    uint32_t i = 0;
+    while (i < *all->count && !isSame(all->cfgs[i], cfg))
+        ++i;
+    return i < *all->count;
+}
+
 // Appends a record, or drops it when the array has one of the same name.
-static void collect(const Collection *all, LogCfg *cfg) {
-    for (uint32_t i = 0; i < *all->count; ++i) {
-        if (isSame(all->cfgs[i], cfg)) {
-            dropRecord(cfg);
-            return;
-        }
+static void collect(const Collection *all, RecordSet *set, LogCfg *cfg) {
+    if (isCollected(all, set, cfg)) {
+        dropRecord(cfg);
+        return;
     }
     all->cfgs[(*all->count)++] = cfg;
+    if (set->slots != nullptr)
+        *slotOfRecord(set, all->cfgs, cfg) = *all->count;
 }
 
 // One kind of record of one product's store: its sections are enumerated, and each is read
@@ -369,7 +413,8 @@ static bool isSkipped(const Enumeration *what, const char *name) {
 
 // A further record from the section of a name; STORE_NOT_WRITTEN when out of memory.
 static uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, const char *name,
-                             const LogCfg *base, SectionValues *values, const Collection *all) {
+                             const LogCfg *base, SectionValues *values, const Collection *all,
+                             RecordSet *set) {
     LogCfg *cfg = newRecord();
     if (cfg == nullptr || CopyCfg(cfg, base) != ZOLTLOG_OK) {
         zoltLogFree(cfg);
@@ -383,13 +428,13 @@ static uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, c
         dropRecord(cfg);
         return STORE_NOT_WRITTEN;
     } else {
-        collect(all, cfg);
+        collect(all, set, cfg);
     }
     return STORE_OK;
 }
 
 static uint32_t collectNames(const Enumeration *what, StoreIndex *index, const LogCfg *base,
-                             SectionValues *values, const Collection *all) {
+                             SectionValues *values, const Collection *all, RecordSet *set) {
     char name[SECTION_NAME_SIZE] = "";
     while (hasRoom(all)) {
         uint32_t size = sizeof name;
@@ -398,7 +443,7 @@ static uint32_t collectNames(const Enumeration *what, StoreIndex *index, const L
             break;
         if (result != STORE_OK || isSkipped(what, name)) // a name too long is no name of ours
             continue;
-        if (collectNamed(what, index, name, base, values, all) != STORE_OK)
+        if (collectNamed(what, index, name, base, values, all, set) != STORE_OK)
             return STORE_NOT_WRITTEN;
     }
     return STORE_OK;
@@ -410,6 +455,7 @@ static uint32_t collectAll(const Enumeration *what, const char *path, const Coll
     if (result != STORE_OK)
         return result == STORE_NO_MORE ? static_cast<uint32_t>(STORE_OK) : result;
     const LogOwned<SectionValues> values(static_cast<SectionValues *>(zoltLogMalloc(sizeof(SectionValues))));
+    RecordSet set = recordSet(all, index.runCount);
     LogCfg *first = newRecord();
     LogCfg base = {};
     result = STORE_NOT_WRITTEN;
@@ -420,16 +466,17 @@ static uint32_t collectAll(const Enumeration *what, const char *path, const Coll
         const bool found = readOver(what, &index, CFG_DEFAULT, values.get(), first);
         if (CopyCfg(&base, first) == ZOLTLOG_OK) {
             if (found && hasRoom(all)) {
-                collect(all, first);
+                collect(all, &set, first);
                 first = nullptr;
             }
-            result = collectNames(what, &index, &base, values.get(), all);
+            result = collectNames(what, &index, &base, values.get(), all, &set);
             (void)zoltLogFreeCfg(&base);
         }
         if (first != nullptr)
             (void)zoltLogFreeCfg(first);
     }
     zoltLogFree(first);
+    free(set.slots);
     storeIndexFree(&index);
     return result;
 }
