@@ -856,6 +856,21 @@ int32_t IsValidRolloverMode(uint32_t mode);
 
 /* ---- configuration record -------------------------------------- */
 
+/* A LogCfg holds every setting of one originator or log set of a product. It belongs to
+ * its caller; InitLogCfg or a reading operation fills it, zoltLogFreeCfg releases what it
+ * owns. These operations take no lock: a record belongs to the calling thread.
+ *
+ * InitLogCfg sets the defaults; with a log set name (an empty one is a name) the record
+ * is a log set's. What the record held is forgotten, not freed. 3 null record, 4 memory.
+ * CopyCfg copies what further originators inherit: not recycling, the reload interval,
+ * the system-log option, the secure audit level and what belongs to a log set; both masks
+ * of the copy are 0. 3 null, 4 memory (the copy is then empty).
+ * zoltLogFreeCfg frees the owned texts and zeroes the record. 3 null.
+ * CopyFileSecuritySetting, FreeFileSecuritySetting: 0, or 0xFFFFFFFF for null.
+ * IsDefaultOriginator, IsDefaultLogSet: 1 for 112 and "Default", else 0.
+ * LogCfgGetShortNames hands out the first of the product's names (low 16 bits of the
+ * selector 263) or else of the originator's: up to the first comma, or blank where there
+ * is no comma; null with 0 when there are none. 3 null, 4 memory. */
 uint32_t InitLogCfg(uint64_t productId, uint64_t originatorId, const char *logsetName, LogCfg *cfg);
 uint32_t CopyCfg(LogCfg *destination, const LogCfg *source);
 uint32_t zoltLogFreeCfg(LogCfg *cfg);
@@ -864,9 +879,28 @@ uint32_t FreeFileSecuritySetting(FileSecuritySetting *setting);
 int32_t IsDefaultOriginator(uint64_t originatorId);
 int32_t IsDefaultLogSet(const char *name);
 uint32_t LogCfgGetShortNames(LogCfg *cfg, uint32_t selector, char **out);
+/* Rollover modes and the words of the configuration file. The first finds "FileSize",
+ * "LocalTime" and "Periodic" anywhere in a text (null: 0); LocalTime excludes Periodic.
+ * The second appends "None" or words joined by " | " to the text in the buffer, which
+ * needs 32 bytes of room, and returns the buffer. */
 uint32_t SettingStringToRolloverModeEnum(const char *text);
 char *RolloverModeEnumToSettingString(uint32_t mode, char *buffer);
 
+/* Accessors. Each Set, Enable and Disable marks its setting in the record's changedMask,
+ * for the writing operations; a rejected value changes nothing. Nothing sets removedMask
+ * but the caller. Results: 0, 3 for a null argument or a value out of range.
+ *
+ *   RolloverMode        0 to 5 (ZOLTLOG_ROLLOVER_...)
+ *   MaxFileSize         kilobytes, not 0
+ *   RolloverPeriod      seconds, not 0
+ *   RolloverTime        seconds after local midnight, not checked
+ *   NumberOfLogFiles    not 0
+ *   DebugLevel, DiagLevel  0 to 6
+ *   DynaSetting         seconds between reload checks, below 2^31; 0 for never
+ *   LogRecycling, LogToStdout, LogToStderr, LogToOslog, LogToOslogX  switches;
+ *                       OslogX marks nothing
+ *   AppMsgLogging       a switch; marks every setting but the directory
+ *   Flags               ZOLTLOG_OUT_... bits, the four switches at once; 3 when negative */
 uint32_t zoltLogCfgSetRolloverMode(LogCfg *cfg, uint32_t mode);
 uint32_t zoltLogCfgGetRolloverMode(LogCfg *cfg, uint32_t *mode);
 uint32_t zoltLogCfgSetMaxFileSize(LogCfg *cfg, uint64_t kilobytes);
@@ -897,6 +931,10 @@ uint32_t zoltLogCfgEnableLogToOslogX(LogCfg *cfg);
 uint32_t zoltLogCfgDisableLogToOslogX(LogCfg *cfg);
 uint32_t zoltLogCfgSetFlags(LogCfg *cfg, int32_t flags);
 uint32_t zoltLogCfgGetFlags(LogCfg *cfg, uint32_t *flags);
+/* Texts. A setter stores a copy and may be given the field's own text; 3 for null or an
+ * empty text, 4 memory. A getter hands out a copy, or null with 0 when the text is unset;
+ * 4 memory. zoltLogCfgGetL10nLib hands out the library's file name ("libx" gives
+ * "libx.so.3") and returns 4 with null when it is unset. */
 uint32_t zoltLogCfgSetL10nLib(LogCfg *cfg, const char *text);
 uint32_t zoltLogCfgGetL10nLib(LogCfg *cfg, char **out);
 uint32_t zoltLogCfgSetL10nResource(LogCfg *cfg, const char *text);
@@ -911,39 +949,97 @@ uint32_t zoltLogCfgSetLogsetOIDDebugLogging(LogCfg *cfg, const char *text);
 uint32_t zoltLogCfgGetLogsetOIDDebugLogging(LogCfg *cfg, char **out);
 uint32_t zoltLogCfgSetLogsetOIDDiagLogging(LogCfg *cfg, const char *text);
 uint32_t zoltLogCfgGetLogsetOIDDiagLogging(LogCfg *cfg, char **out);
+/* The log directory. "/" is added at the end when missing, each doubled backslash becomes
+ * one. The text goes to the start of the field, or to the destination in it. 3 when it is
+ * null or empty, does not fit, or the destination is elsewhere. The getter hands out a
+ * copy (null, also with 0, when memory runs out). */
 uint32_t zoltLogCfgSetDirectory(LogCfg *cfg, const char *path,
                                 char *destination); /* destination: null, or inside cfg->directory */
 uint32_t zoltLogCfgGetDirectory(LogCfg *cfg, char **out);
 
 /* ---- configuration files ------------------------------- */
 
+/* The main file: what ZOLTLOG_CFG_LOC named at the first call (not in set-user-id
+ * programs), else "/etc/qd/zoltlog.conf". The text stays the library's. */
 const char *GetZoltLogCfgLoc(void);
+/* Reading. Each fills a fresh record (do not pass one that owns texts): the defaults, then
+ * the "Default" section, then the own one. Invalid values are skipped; changedMask is 0.
+ * Release the record with zoltLogFreeCfg whatever the result.
+ *
+ * zoltLogReadCfg reads an originator, zoltLogReadlogsetCfg a log set. 3 an invalid id or
+ * name or a null record; 4 memory; 6 the product is not registered (the record keeps the
+ * defaults), or no key found for the log set. Sections of an originator may be absent. */
 uint32_t zoltLogReadCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg);
 uint32_t zoltLogReadlogsetCfg(uint64_t productId, const char *logsetName, LogCfg *cfg);
+/* Reading all records of one product, or of all, into an array of capacity pointers. Each
+ * record is the caller's: zoltLogFreeCfg, then zoltLogFree. *count is set also on failure.
+ * A null location means the main file. Inherited by copy, further records lack what
+ * CopyCfg leaves out. 3 null array or count; 6 the product has no "Configuration"; 39
+ * nothing found, also when the main file cannot be opened. */
 uint32_t zoltLogReadProdIDCfg(const char *location, uint64_t productId, uint32_t capacity, LogCfg **cfgs,
                               uint32_t *count);
 uint32_t zoltLogReadAllCfg(const char *location, uint32_t capacity, LogCfg **cfgs, uint32_t *count);
+/* Resource directory of the tools, a copy. 3 null, 6 not configured. */
 uint32_t zoltLogCfgGetToolsResDir(char **out);
+/* Single texts of a file: by section and key; a product's "Configuration" and "Names". A
+ * copy is handed out. 3 null output; 6 the file does not open, the key is absent or its
+ * text cannot be converted. No lock is taken. */
 uint32_t GetPropertyString(const char *file, const char *section, const char *key, char **out);
 uint32_t GetProductCfgPath(const char *file, uint64_t productId, char **out);
 uint32_t GetProductShortName(const char *file, uint64_t productId, char **out);
+/* Steps of reading, for callers that hold the lock. GetOriginatorCfgSettings reads one
+ * section over a record: 0 also when there is none. GetLogSetCfgSettings does so for a log
+ * set and returns the number of keys found; it replaces the record's log set name.
+ * GetOriginatorCfg and GetLogsetCfg append every record of a kind to an array and return
+ * results of the property store: 0, 2 when the file does not open, 6 memory; 3 null. */
 uint32_t GetOriginatorCfgSettings(const char *productFile, const char *section, LogCfg *cfg);
 uint32_t GetLogSetCfgSettings(const char *location, const char *logsetName, LogCfg *cfg);
 uint32_t GetOriginatorCfg(const char *productFile, uint64_t productId, const char *shortNames,
                           uint32_t capacity, LogCfg **cfgs, uint32_t *count);
 uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *shortNames, uint32_t capacity,
                       LogCfg **cfgs, uint32_t *count);
+/* Result of the property store as a result code: 0, 1 is 3, 2 to 4 are 6, 5 is 55, 6 is 1,
+ * 7 is 9, 8 is 50, 9 is 61, 10 is 64, any other 1. */
 uint32_t utipsres2zoltlogres(uint32_t storeResult);
+/* Writing. The settings that a record's changedMask marks are written into its section,
+ * those that removedMask marks are removed from it; removal wins. Each key is one safe
+ * rewrite of the file, the first failure ends the call. Texts that are null are not
+ * written. "AppMsgLogging" is written with every change but the directory's alone.
+ *
+ * 3 an invalid id or name, a null record, or a text with a line feed (nothing changes
+ * then); 6 the product is not registered or, for an originator, its file cannot be opened
+ * or made (for a log set that is 1); 1 writing failed, the old file stands; 55 the
+ * temporary file cannot be made. A log set gives 61 when nothing is marked, or when the
+ * removal of "FileName" is; a written "FileName" leaves the system-log and permission keys
+ * to another call. */
 uint32_t zoltLogWriteCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg);
 uint32_t zoltLogWritelogSetCfg(uint64_t productId, const char *logsetName, LogCfg *cfg);
+/* Registers a product in the main file, which is made if missing, and unregisters one,
+ * with all keys of its section; its own file stays. The main file goes with its last
+ * section. 3 an invalid id, null or a line feed; 27 registered already; 6 the main file
+ * cannot be opened or made, or the product is not registered; else as for writing. */
 uint32_t zoltLogAddProductCfg(uint64_t productId, const char *names, const char *location);
 uint32_t zoltLogRemoveProductCfg(uint64_t productId);
+/* Opens a section for writing; the file is made, with its directory, if there is none. Of
+ * a symbolic link the file behind it is opened. 3 null store, 6 any failure. The caller
+ * closes the store. RemoveProductRoot removes what is left of a product's section, and the
+ * main file if no section is left in it (result of the property store).
+ * IsThisLastProductConfiguration: 1 when the main file opens and holds no section. */
 uint32_t CreatePropertyString(const char *location, const char *section, PropertyStore *store);
 uint32_t RemoveProductRoot(PropertyStore *store, uint64_t productId);
 int32_t IsThisLastProductConfiguration(void);
+/* Lets a handle's levels and reload interval follow the product's file: at most once per
+ * interval (60 seconds at least) it is read again if its modification time has changed.
+ * Always 0. Cheap when nothing is due: no system call, and no time call when the interval
+ * is 0. The lock is taken for reading and adopting only. */
 uint32_t zoltDynaLoadConfig(LogHandle *handle);
+/* The product's own switch in the main file: 1 for "true". 3 null output, 6 not there. */
 uint32_t GetProductLoggingLevel(const char *location, uint64_t productId, uint32_t *enabled);
 
+/* System-log settings and log file permissions, as the accessors above. An identity is cut
+ * to 80 bytes and then has no terminator in the record. Permissions are accepted below 778
+ * when the last two decimal digits are at most 79 and the last one at most 7: 0660, 0640,
+ * 0644 and 0777 are, 0755 and 0600 are not (3). Facilities are not checked. */
 uint32_t zoltLogCfgSetSyslogFacility(LogCfg *cfg, uint32_t facility);
 uint32_t zoltLogCfgGetSyslogFacility(LogCfg *cfg, uint32_t *facility);
 uint32_t zoltLogCfgSetSyslogOpt(LogCfg *cfg, uint32_t option);
@@ -952,12 +1048,37 @@ uint32_t zoltLogCfgSetSyslogIdent(LogCfg *cfg, const char *ident);
 uint32_t zoltLogCfgGetSyslogIdent(LogCfg *cfg, char **out);
 uint32_t zoltLogCfgSetLogFilePermissions(LogCfg *cfg, uint64_t mode);
 uint32_t zoltLogCfgGetLogFilePermissions(LogCfg *cfg, uint64_t *mode);
+/* "LOG_USER" and 8, and so on; 0 for a name that is null or unknown, null for a number
+ * without a name. */
 uint32_t strToFacility(const char *name);
 const char *facilityToStr(uint32_t facility);
+/* The four keys of a section that belong to the operating system; results of the property
+ * store, 1 for null. Reading adds the number of keys found to the counter and gives 3 when
+ * "LogFilePermissions" is absent. Writing gives the result of the last change made. */
 uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter);
 uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section);
 
 /* ---- property store: (each also exists with the suffix File) ----- */
+
+/* One section (root) of a file of lines "section.name=value"; docs/format-config.md has the
+ * syntax. The handle belongs to its caller and to one thread; no lock is taken in the
+ * process. Results: 0; 1 null argument, closed handle or a line feed in a text; 2 the file
+ * cannot be opened; 3 the property is not there or cannot be converted; 5 the file, its
+ * directory or its temporary file cannot be made; 6 writing, renaming or removing failed or
+ * the buffer is too small; 7 no further name; 8 no such section.
+ *
+ * Open and Create open a section; Create empties or makes the file, with its directory, and
+ * needs a "/" in the path. Root and path are kept up to 399 bytes; a path longer than 395
+ * cannot be changed (5). Close may be called again.
+ * CreateTmp makes path + ".tmp" anew, with the mode and owner of the file at path.
+ * Set and Remove rewrite the file safely: under a lock on its directory (10 seconds at
+ * most) they read it anew, write the temporary file to the disk and rename it; after a
+ * failure the file and the handle are as before. They then open the handle anew.
+ * RemoveRoot removes a section, or the file itself that a text with ".conf" in it names.
+ * Get gives the first line of the key. A text is a new block without trailing spaces, a
+ * number is decimal, a flag is 1 for "true" alone.
+ * The enumerations go on from the stream's place: *size is the buffer's size and becomes
+ * the name's length, the buffer holds the name given before, empty at first. */
 
 uint32_t utiOpenPropertyStore(const char *path, const char *root, PropertyStore *store);
 uint32_t utiCreatePropertyStore(const char *path, const char *root, PropertyStore *store);

@@ -504,17 +504,25 @@ uint32_t SettingStringToRolloverModeEnum(const char *text) {
     return mode;
 }
 
+// The caller's buffer has room for every form (ROLLOVER_TEXT_SIZE of the writers is ample).
+static char *appendWord(char *end, const char *word) {
+    const size_t length = strlen(word);
+    memcpy(end, word, length + 1);
+    return end + length;
+}
+
 char *RolloverModeEnumToSettingString(uint32_t mode, char *buffer) {
     if (buffer == nullptr)
         return nullptr;
+    char *end = buffer + strlen(buffer);
     if (mode == ZOLTLOG_ROLLOVER_NONE)
-        return strcat(buffer, ROLLOVER_NONE_WORD);
+        (void)appendWord(end, ROLLOVER_NONE_WORD);
     for (const RolloverWord &row : ROLLOVER_WORDS) {
         if ((mode & row.mode) == 0)
             continue;
         if (*buffer != '\0' && row.mode != ZOLTLOG_ROLLOVER_FILE_SIZE)
-            strcat(buffer, ROLLOVER_SEPARATOR);
-        strcat(buffer, row.word);
+            end = appendWord(end, ROLLOVER_SEPARATOR);
+        end = appendWord(end, row.word);
     }
     return buffer;
 }

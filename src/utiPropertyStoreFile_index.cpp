@@ -163,7 +163,7 @@ static bool readWhole(StoreIndex *index, int descriptor) {
     if (fstat(descriptor, &status) != 0)
         return false;
     const size_t expected = S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) : 0;
-    index->bytes = static_cast<char *>(malloc(expected + 1));
+    index->bytes = static_cast<char *>(calloc(expected + 1, 1));
     if (index->bytes == nullptr)
         return false;
     while (index->size < expected) {

@@ -2,6 +2,7 @@
 #include "support/support.h"
 #include "zoltlog.h"
 
+#include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
@@ -225,7 +226,7 @@ TEST(ConfigUnix, MarkedKeysAreWrittenOrRemoved) {
     for (const auto &row : rows) {
         Section section(before);
         Record record;
-        strcpy(record.cfg.oslog.ident, "me");
+        std::snprintf(record.cfg.oslog.ident, sizeof record.cfg.oslog.ident, "%s", "me");
         record.cfg.oslog.option = 5;
         record.cfg.oslog.facility = 128;
         record.cfg.changedMask = row.changed;

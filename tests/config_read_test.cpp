@@ -4,6 +4,7 @@
 #include "zoltlog.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -370,7 +371,7 @@ TEST(ConfigRead, AbsentSectionsReadAsEmpty) {
     ASSERT_EQ(read.originator(7), 0U);
     LogCfg fresh;
     InitLogCfg(5, 7, nullptr, &fresh);
-    strcpy(fresh.productShortNames, "five");
+    std::snprintf(fresh.productShortNames, sizeof fresh.productShortNames, "%s", "five");
     EXPECT_EQ(everyField(read.cfg), everyField(fresh));
     zoltLogFreeCfg(&fresh);
     ASSERT_EQ(unlink("product.conf"), 0);
@@ -756,7 +757,7 @@ TEST(ConfigRead, CollectedRecordsEqualSingleOnes) {
             Read single;
             CopyCfg(&single.cfg, &bases[isLogset ? 1 : 0].cfg);
             single.cfg.originatorId = cfg->originatorId;
-            strcpy(single.cfg.productShortNames, "five");
+            std::snprintf(single.cfg.productShortNames, sizeof single.cfg.productShortNames, "%s", "five");
             if (isLogset)
                 EXPECT_GT(GetLogSetCfgSettings("product.conf", cfg->logsetName, &single.cfg), 0U);
             else

@@ -3,6 +3,7 @@
 #include "support/support.h"
 #include "zoltlog.h"
 
+#include <cstdio>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <string>
@@ -200,10 +201,10 @@ TEST(Config, CopyLeavesOutWhatItIsToldTo) {
     cfg->permissions.mode = 0640;
     cfg->oslog.option = 1;
     cfg->oslog.facility = 128;
-    strcpy(cfg->oslog.ident, "me");
-    strcpy(cfg->directory, "/d/");
-    strcpy(cfg->originatorNames, "on");
-    strcpy(cfg->productShortNames, "pn");
+    std::snprintf(cfg->oslog.ident, sizeof cfg->oslog.ident, "%s", "me");
+    std::snprintf(cfg->directory, sizeof cfg->directory, "%s", "/d/");
+    std::snprintf(cfg->originatorNames, sizeof cfg->originatorNames, "%s", "on");
+    std::snprintf(cfg->productShortNames, sizeof cfg->productShortNames, "%s", "pn");
     zoltLogCfgSetL10nLib(cfg, "lib");
     zoltLogCfgSetL10nResource(cfg, "res");
     zoltLogCfgSetL10nResourceDir(cfg, "dir");
@@ -597,15 +598,15 @@ TEST(Config, TheFirstShortNameEndsAtACommaElseAtABlank) {
         {" vol", "0:"},           {",vol", "0:"},   {"", "0:(null)"},        {"a b,c", "0:a b"}};
     for (const auto &[names, first] : rows) {
         Record record;
-        strcpy(record.cfg.originatorNames, names);
-        strcpy(record.cfg.productShortNames, "product");
+        std::snprintf(record.cfg.originatorNames, sizeof record.cfg.originatorNames, "%s", names);
+        std::snprintf(record.cfg.productShortNames, sizeof record.cfg.productShortNames, "%s", "product");
         char *out = nullptr;
         uint32_t result = LogCfgGetShortNames(&record.cfg, 264, &out);
         EXPECT_EQ(text(result, out), first) << names;
     }
     Record record;
-    strcpy(record.cfg.originatorNames, "originator");
-    strcpy(record.cfg.productShortNames, "product");
+    std::snprintf(record.cfg.originatorNames, sizeof record.cfg.originatorNames, "%s", "originator");
+    std::snprintf(record.cfg.productShortNames, sizeof record.cfg.productShortNames, "%s", "product");
     for (const uint32_t selector : {263U, 0x10000U + 263, 0xFFFF0107U}) {
         char *out = nullptr;
         const uint32_t result = LogCfgGetShortNames(&record.cfg, selector, &out);

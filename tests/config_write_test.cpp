@@ -3,6 +3,7 @@
 #include "support/support.h"
 #include "zoltlog.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -39,7 +40,7 @@ struct Record {
 
 void setEverything(LogCfg *cfg) {
     zoltLogCfgSetDirectory(cfg, "/d", nullptr);
-    strcpy(cfg->originatorNames, "names");
+    std::snprintf(cfg->originatorNames, sizeof cfg->originatorNames, "%s", "names");
     zoltLogCfgSetL10nLib(cfg, "lib");
     zoltLogCfgSetL10nResource(cfg, "res");
     zoltLogCfgSetL10nResourceDir(cfg, "dir");
@@ -56,7 +57,7 @@ void setEverything(LogCfg *cfg) {
     zoltLogCfgSetLogsetOIDappMsgLogging(cfg, "1,2");
     zoltLogCfgSetLogsetOIDDebugLogging(cfg, "3");
     zoltLogCfgSetLogsetOIDDiagLogging(cfg, "4");
-    strcpy(cfg->oslog.ident, "me");
+    std::snprintf(cfg->oslog.ident, sizeof cfg->oslog.ident, "%s", "me");
     cfg->oslog.option = 5;
     cfg->oslog.facility = 128;
     cfg->changedMask = 0;
@@ -262,7 +263,7 @@ TEST(ConfigWrite, ALineFeedIsRefusedAndNothingChanges) {
     zoltLogCfgSetDirectory(&directory.cfg, "/d\n/e", nullptr);
     check(&directory.cfg);
     Record names;
-    strcpy(names.cfg.originatorNames, "a\n");
+    std::snprintf(names.cfg.originatorNames, sizeof names.cfg.originatorNames, "%s", "a\n");
     names.cfg.changedMask = 2;
     check(&names.cfg);
     for (const auto setter : {zoltLogCfgSetLogsetFilename, zoltLogCfgSetLogsetOIDappMsgLogging,
