@@ -1321,7 +1321,8 @@ LogContextEntry *SearchContextTitleInList(const LogContextKey *key, const char *
  * caller's, to be freed with zoltLogFree; the newest of a series' surplus comes first.
  *   Results: 0 (the list may be empty); 3 no listing; 4; 1 files could not be examined
  *   for want of descriptors or memory (nothing is listed then); 45 no log file at all;
- *   results of zoltLogReadCfg and zoltLogReadAllCfg.
+ *   results of zoltLogReadCfg and zoltLogReadAllCfg. A file whose header an input error
+ *   hides is neither counted nor listed, since its age is not known.
  * zoltLogGetManageableLogFilesSL: of one log set's series. 3 also without a product or
  * name; results of zoltLogReadlogsetCfg.
  *

@@ -561,3 +561,45 @@ TEST_F(Listing, OneThousandSeriesInOneDirectoryTakeNoLongerThanTheirFiles) {
     // 5,000,000 splits of names alone would take longer.
     EXPECT_LT(after.tv_sec - before.tv_sec, 2);
 }
+
+using LongListing = Listing;
+
+TEST_F(LongListing, HundredThousandFilesOfAThousandSeries) {
+    for (uint64_t i = 1; i <= 1000; ++i)
+        originator(101, i);
+    for (int i = 0; i < 100000; ++i) {
+        char name[64];
+        snprintf(name, sizeof name, "101-%d-1-240301-%010d.log", 1 + i % 1000, i / 1000);
+        const int file = ::open(name, O_WRONLY | O_CREAT | O_CLOEXEC, 0660);
+        ASSERT_NE(file, -1);
+        char header[64];
+        const int length = snprintf(header, sizeof header, "$Header 65543,101,%d,%d,0,h\n", 1 + i % 1000,
+                                    5000000 - i * 7 % 100000);
+        ASSERT_EQ(write(file, header, static_cast<size_t>(length)), length);
+        close(file);
+    }
+    counting = true;
+    ASSERT_EQ(list(), 0u);
+    counting = false;
+    size_t count = 0;
+    int64_t last = 0;
+    for (const LogFileEntry *entry = listing.files; entry != nullptr; entry = entry->next, ++count) {
+        ASSERT_LE(last, entry->creationTime);
+        last = entry->creationTime;
+        ASSERT_EQ(opened[entry->name], 1);
+    }
+    EXPECT_EQ(count, 100000u);
+    for (LogCfg *cfg : cfgs)
+        cfg->numberOfLogFiles = 90;
+    // The reduction takes the newest first.
+    LogFileEntry *reversed = nullptr;
+    while (listing.files != nullptr) {
+        LogFileEntry *next = listing.files->next;
+        listing.files->next = reversed;
+        reversed = listing.files;
+        listing.files = next;
+    }
+    GetManageableLogFiles(&reversed, cfgs.data(), static_cast<uint32_t>(cfgs.size()));
+    listing.files = reversed;
+    EXPECT_EQ(names().size(), 10000u);
+}
