@@ -38,8 +38,8 @@ int main(int argc, char **argv) {
         fprintf(stderr, "usage: agent PRODUCT ORIGINATOR [ROUNDS [MILLISECONDS]]\n");
         return 2;
     }
-    const long rounds = argc > 3 ? atol(argv[3]) : 0;
-    const long milliseconds = argc > 4 ? atol(argv[4]) : 1000;
+    const long rounds = argc > 3 ? strtol(argv[3], NULL, 10) : 0;
+    const long milliseconds = argc > 4 ? strtol(argv[4], NULL, 10) : 1000;
     const struct timespec pause = {milliseconds / 1000, milliseconds % 1000 * 1000000};
     LogHandle log = {0};
     const uint32_t result = zoltLogOpen(strtoull(argv[1], NULL, 10), strtoull(argv[2], NULL, 10), &log);

@@ -144,9 +144,14 @@ fi
 # ---- reading -----------------------------------------------------------------
 
 tell "The files: name = product, component, host, day, counter; or product, log set, time."
-run "$examples/logfiles" list 5 >"$out/work/listing"
-awk '/^     [^ ]/ { if (n > 6) printf "     ...  %d more\n", n - 6; n = 0 }
-     /^       / { if (++n > 6) next } { print } END { if (n > 6) printf "     ...  %d more\n", n - 6 }' "$out/work/listing"
+if have qdlogmgr; then # no more than five files of each series
+    run "$bin/qdlogmgr" list -p demo | awk '$1 == 5 { series = $1 $2 $3; if (series != last) { more(); last = series }
+            if (++n > 5) next } { print } END { more() }
+        function more() { if (n > 5) printf "     ...  %d more\n", n - 5; n = 0 }'
+    run "$bin/qdlogmgr" usage -p demo
+else
+    run "$examples/logfiles" list 5
+fi
 
 tell "The newest records of each series."
 if have qdlogview; then
@@ -160,7 +165,11 @@ fi
 
 tell "Surplus files: more than the configuration keeps (NumberOfLogFiles=3 of 'import')." \
     "They may be archived or removed; with LogRecycle=true this happens by itself, as for 'noisy'."
-run "$examples/logfiles" surplus 5
+if have qdlogmgr; then
+    run "$bin/qdlogmgr" surplus -p demo
+else
+    run "$examples/logfiles" surplus 5
+fi
 
 # ---- does everything add up? --------------------------------------------------
 
@@ -203,6 +212,9 @@ grep -qF -- "${last:0:60}" "$(find "$out/log" -name "5-$NOISY-*.log" | LC_ALL=C 
     fail "noisy: the last line is not in the newest file"
 [ "$(files "5-$SERVER-*.log")" -gt 1 ] || fail "the server's files did not roll over"
 [ "$(files "5-nightly-*.log")" -gt 1 ] || fail "the log set's files did not roll over"
+if have qdlogmgr; then
+    run "$bin/qdlogmgr" verify -p demo || fail "qdlogmgr found problems in the files"
+fi
 for file in "$out"/log/*.log; do
     [ "$(grep -c '^\$Header ' "$file")" = 1 ] || fail "$file does not have exactly one header line"
     [ "$(head -c 8 "$file")" = "\$Header " ] || fail "$file does not begin with its header line"

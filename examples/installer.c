@@ -18,6 +18,7 @@
 
 static const uint64_t FILE_SIZE_KB = 256;
 static const uint64_t FILES_KEPT = 4;
+static const uint64_t SECONDS_PER_DAY = 86400;
 static const uint64_t DEBUGGED_ORIGINATOR = 8;
 static const char LOGSET[] = "jobs";
 
@@ -67,7 +68,7 @@ static uint32_t setUpLogset(uint64_t product, const char *directory) {
     if (result == ZOLTLOG_OK)
         result = zoltLogCfgSetRolloverMode(&cfg, ZOLTLOG_ROLLOVER_PERIODIC);
     if (result == ZOLTLOG_OK)
-        result = zoltLogCfgSetRolloverPeriod(&cfg, 24 * 60 * 60);
+        result = zoltLogCfgSetRolloverPeriod(&cfg, SECONDS_PER_DAY);
     if (result == ZOLTLOG_OK)
         result = zoltLogWritelogSetCfg(product, "Default", &cfg);
     zoltLogFreeCfg(&cfg);

@@ -29,6 +29,7 @@ constexpr int64_t MSG_ACCESS_DENIED = 1005; // "Access of user %1$s to %2$s deni
 constexpr uint32_t INFORMATION = 0;
 constexpr uint32_t WARNING = 1;
 constexpr uint64_t MANY_LINES = 10000;
+constexpr unsigned long MOST_THREADS = 1000;
 
 // A log handle that is closed with its scope. It stays where it is: the library
 // knows it by its address.
@@ -125,8 +126,8 @@ void serve(LogHandle *log, const std::string &path, uint64_t number, Counts &cou
 int main(int argc, char **argv) {
     const uint64_t product = argc == 4 ? std::strtoull(argv[1], nullptr, 10) : 0;
     const uint64_t originator = argc == 4 ? std::strtoull(argv[2], nullptr, 10) : 0;
-    const int threads = argc == 4 ? std::atoi(argv[3]) : 0;
-    if (product == 0 || originator == 0 || threads < 1) {
+    const unsigned long threads = argc == 4 ? std::strtoul(argv[3], nullptr, 10) : 0;
+    if (product == 0 || originator == 0 || threads < 1 || threads > MOST_THREADS) {
         std::fprintf(stderr, "usage: server PRODUCT ORIGINATOR THREADS < list-of-files\n");
         return 2;
     }
@@ -137,7 +138,8 @@ int main(int argc, char **argv) {
     }
     Counts counts;
     std::vector<std::thread> workers;
-    for (int i = 0; i < threads; ++i) {
+    workers.reserve(threads);
+    for (unsigned long i = 0; i < threads; ++i) {
         workers.emplace_back([&log, &counts] {
             std::string path;
             for (uint64_t number = 0; nextRequest(path, number);)
