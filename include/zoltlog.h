@@ -1429,7 +1429,7 @@ uint32_t listxt_svnprintf(char **text, const char *reference, va_list args);
  * With a null buffer: measures; *size becomes the bytes that the table gives, and the
  * result is null. With a buffer: appends the block's text to the string in buffer,
  * which has *size bytes in all; what does not fit is cut, and a NUL ends it. The counts
- * are of old and not bounds: a long double, a wide character alone or a date need more
+ * are of old and not bounds: a large double, a wide character alone or a date need more
  * room than was measured. Yields buffer. A failure of the localization library, or a
  * null block, makes *size SIZE_MAX and the result null; so does a null size.
  */
