@@ -296,6 +296,7 @@ class View(unittest.TestCase):
         self.assertEqual(self.ids("-", "-n2", stdin=text), [2, 3])
         self.assertEqual(self.ids("-", "-r", stdin=text), [3, 2, 1])
         self.assertEqual(self.view("-", "--count", stdin=text), "3\n")
+        self.assertIn("1 problems", self.view("-", "--verify", stdin=text + b"rubbish\n", status=1))
 
     def test_neighbours_of_matches(self):
         write(name(), header(), *[record(id, text=b"hit" if id in (5, 6, 12) else b"other") for id in range(1, 16)])
@@ -644,7 +645,7 @@ class View(unittest.TestCase):
                       ["-i"], ["-v"], ["-A", "1"], ["-f", "-r"], ["--count", "--stats"], ["-F", "x"], ["-o", "template"],
                       ["--utc", "--writer-time"], ["--color=maybe"], ["--fields=x"], ["--outcome", "x"],
                       ["--timeout", "5s"], ["-f", "--timeout", "x"], ["--cursor-file=x", "-r"], ["--complete", "x"],
-                      ["-f", "-U", "now"], ["-f", "--count"], ["-o", "csv", "--stats"], ["--template=x", "-o", "json"]):
+                      ["-f", "-U", "now"], ["-f", "-g", "x", "-C", "1"], ["-f", "--count"], ["-o", "csv", "--stats"], ["--template=x", "-o", "json"]):
             with self.subTest(words=words):
                 self.view(*words, ".", status=2)
                 self.assertIn("Try 'qdlogview --help'", self.errors)

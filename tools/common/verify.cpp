@@ -30,7 +30,7 @@ bool verifyFile(const std::string &path, const std::function<void(const Finding 
     const FileName &name = file.name;
     const Header &header = file.header;
     file.lines.size(counts.bytes);
-    if (counts.bytes == 0) {
+    if (counts.bytes == 0 && file.lines.seekable) {
         tell(false, 0, 0, "the file is empty");
         return true;
     }

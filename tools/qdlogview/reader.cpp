@@ -22,10 +22,11 @@ int64_t saturatingAdd(int64_t a, int64_t b) {
 
 } // namespace
 
-void Reader::add(const SourceFile &source, uint64_t from) {
+void Reader::add(const SourceFile &source, uint64_t from, uint64_t to) {
     auto stream = std::make_unique<Stream>();
     stream->source = source;
-    stream->index = streams.size();
+    stream->to = to;
+    stream->index = streams.empty() ? 0 : streams.back()->index + 1;
     stream->from = stream->position = from;
     stream->key = backwards ? source.modified : source.created;
     if (range.limited && !range.scan) {
@@ -112,7 +113,7 @@ bool Reader::open(Stream &stream) {
         search && range.since != INT64_MIN ? opened.findTime(range.since) : opened.dataBegin;
     stream.stopTime = search ? saturatingAdd(range.until, OrderSlack) : INT64_MAX;
     if (backwards) {
-        uint64_t end = opened.completeEnd();
+        uint64_t end = std::min(opened.completeEnd(), stream.to);
         if (search && range.until != INT64_MAX) {
             const uint64_t behind = opened.findTime(saturatingAdd(range.until, 3 * OrderSlack));
             int64_t time = 0;

@@ -5,6 +5,7 @@
 #include "common/record_file.h"
 #include "qdlogview/sources.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -33,9 +34,10 @@ struct Stream {
     size_t index = 0; // order among records of the same time
     State state = State::Unopened;
     int64_t key = 0;
-    uint64_t from = 0;     // begin here (cursor); 0: at the begin
-    uint64_t position = 0; // all before it was handed out or passed over
-    bool stopped = false;  // ended because of the time range, not of the file
+    uint64_t from = 0;        // begin here (cursor); 0: at the begin
+    uint64_t to = UINT64_MAX; // backwards: begin here at the latest
+    uint64_t position = 0;    // all before it was handed out or passed over
+    bool stopped = false;     // ended because of the time range, not of the file
     int64_t stopTime = INT64_MAX;
     tools::Item item;
     std::unique_ptr<tools::RecordFile> file;
@@ -46,7 +48,7 @@ struct Reader {
     Reader(const ReadRange &readRange, bool goBackwards) : range(readRange), backwards(goBackwards) {}
 
     // Files in the order of series; those that the range excludes are passed over.
-    void add(const SourceFile &source, uint64_t from);
+    void add(const SourceFile &source, uint64_t from, uint64_t to = UINT64_MAX);
     // After all add() calls: leaves out files beyond the range.
     void prepare();
 
@@ -74,6 +76,13 @@ struct Reader {
     void wake();
     // A file that appeared meanwhile.
     void follow(const SourceFile &source);
+    // Leaves out streams for which gone() holds; only after next() found nothing.
+    template<typename F>
+    void forget(const F &gone) {
+        streams.erase(std::remove_if(streams.begin(), streams.end(),
+                                     [&](const std::unique_ptr<Stream> &stream) { return gone(*stream); }),
+                      streams.end());
+    }
 
     std::vector<std::unique_ptr<Stream>> streams;
     std::vector<std::string> problems; // files that cannot be read

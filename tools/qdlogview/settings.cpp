@@ -371,7 +371,8 @@ bool checkSettings(const Settings &settings, std::string &error) {
         {cursor && settings.reverse, "cursors go forwards; they cannot be used with -r"},
         {cursor && (settings.report == Report::Gaps || settings.report == Report::Verify),
          "cursors cannot be used with --gaps and --verify"},
-        {aroundMatches && settings.reverse, "-A, -B and -C cannot be used with -r"},
+        {aroundMatches && (settings.reverse || settings.follow),
+         "-A, -B and -C cannot be used with -r and -f"},
         {!settings.layout.empty() && settings.format != Format::Template, "--template needs -o template"},
         {settings.format == Format::Template && settings.layout.empty(), "-o template needs --template"},
         {settings.format == Format::Csv && settings.report != Report::None &&

@@ -22,6 +22,7 @@ constexpr uint64_t LinesBeforeFollowing = 10;
 constexpr int PollMilliseconds = 50;           // between looks at the files that are followed
 constexpr int64_t OldFilesMilliseconds = 1000; // between looks at the files that came before
 constexpr size_t FollowedPerSeries = 4;        // newest files of a series that stay open
+constexpr size_t VisitedPerSeries = 64;        // newest files of a series that are looked at now and then
 
 volatile sig_atomic_t stopRequested = 0;
 
@@ -77,7 +78,8 @@ bool View::emit(const Item &item) {
 
 bool View::show() {
     const bool around = settings.before > 0 || settings.after > 0;
-    const bool fromStart = !start.empty() || filter.since != INT64_MIN;
+    const bool fromStart =
+        !settings.cursorFile.empty() || !settings.afterCursor.empty() || filter.since != INT64_MIN;
     const bool limited = settings.hasLines ? settings.lines != AllLines : settings.follow && !fromStart;
     const uint64_t count = settings.hasLines ? settings.lines : LinesBeforeFollowing;
     const bool onlyStdin = sources.files.size() == 1 && sources.files.front().path == "-";
@@ -87,18 +89,13 @@ bool View::show() {
         Reader reader(range, false);
         reader.keepOpen = true;
         addStreams(reader);
-        if (limited) {
-            // What is there now is read from its end; following begins behind it.
-            std::vector<uint64_t> ends;
+        if (limited) { // what is there now is read from its end; following begins behind it
+            const Ends ends = currentEnds();
+            showLast(count, false, ends);
             for (const auto &stream : reader.streams) {
-                tools::RecordFile file;
-                ends.push_back(file.open(stream->source.path) && file.lines.seekable ? file.completeEnd()
-                                                                                     : 0);
-            }
-            showLast(count, false);
-            for (size_t i = 0; i < reader.streams.size(); ++i) {
-                Stream &stream = *reader.streams[i];
-                stream.from = stream.position = std::max(ends[i], stream.from);
+                const auto end = ends.find(stream->source.path);
+                if (end != ends.end())
+                    stream->from = stream->position = std::max(end->second, stream->from);
             }
         }
         if (settings.maxCount == 0 || shown < settings.maxCount)
@@ -108,15 +105,16 @@ bool View::show() {
         return shown > 0;
     }
     if (limited && !around && !onlyStdin) {
-        showLast(count, settings.reverse);
-        Reader reader(range, false); // for the place reached: the end of all files
-        reader.keepOpen = true;
-        if (!settings.cursorFile.empty() || settings.showCursor) {
+        const Ends ends = currentEnds();
+        showLast(count, settings.reverse, ends);
+        if (!settings.cursorFile.empty() ||
+            settings.showCursor) { // the place reached is the end of all files
+            Reader reader(range, false);
             addStreams(reader);
             for (const auto &stream : reader.streams) {
-                if (stream->state != Stream::State::Ended && reader.open(*stream))
-                    stream->position = std::max(stream->from, stream->file->completeEnd());
-                stream->file.reset();
+                const auto end = ends.find(stream->source.path);
+                if (end != ends.end())
+                    stream->position = std::max(stream->from, end->second);
                 stream->state = Stream::State::Ended;
             }
             finishCursor(reader);
@@ -124,7 +122,7 @@ bool View::show() {
         return shown > 0;
     }
     if (settings.reverse && !onlyStdin) {
-        showLast(AllLines, true);
+        showLast(AllLines, true, {});
         return shown > 0;
     }
 
@@ -166,10 +164,26 @@ void View::showForward(Reader &reader) {
     }
 }
 
+View::Ends View::currentEnds() const {
+    Ends ends;
+    for (const SourceFile &source : sources.files) {
+        tools::RecordFile file;
+        if (source.path != "-" && file.open(source.path))
+            ends[source.path] = file.completeEnd();
+    }
+    return ends;
+}
+
 // The last records, read from the ends of the files.
-bool View::showLast(uint64_t count, bool newestFirst) {
+void View::showLast(uint64_t count, bool newestFirst, const Ends &ends) {
     Reader reader(range, true);
-    addStreams(reader);
+    for (const SourceFile &file : sources.files) {
+        const uint64_t from = start.startOf(file);
+        const auto end = ends.find(file.path);
+        if (from != UINT64_MAX)
+            reader.add(file, from, end != ends.end() ? end->second : UINT64_MAX);
+    }
+    reader.prepare();
     std::vector<std::unique_ptr<HeldItem>> last;
     const Item *item = nullptr;
     uint64_t taken = 0;
@@ -187,7 +201,6 @@ bool View::showLast(uint64_t count, bool newestFirst) {
             break;
     }
     keep(reader);
-    return true;
 }
 
 // Matches of -g with their neighbours among the records that the other conditions leave.
@@ -267,30 +280,56 @@ void View::showAround(Reader &reader) {
 // ---- following -------------------------------------------------------------------
 
 // Files that were closed because newer ones of their series came: they may grow still,
-// by a process that has not noticed the rollover. Others may have been cut or replaced.
+// by a process that has not noticed the rollover. Others may have been cut, replaced or
+// removed.
 void View::visitOldFiles(Reader &reader) {
-    for (const auto &stream : reader.streams) {
-        if (stream->state != Stream::State::Ended || stream->source.path == "-")
+    std::map<std::string, size_t> newer; // files of a series that come later
+    std::set<const Stream *> gone;
+    for (size_t i = reader.streams.size(); i-- > 0;) {
+        Stream &stream = *reader.streams[i];
+        if (stream.state != Stream::State::Ended || stream.source.path == "-")
+            continue;
+        const size_t later = stream.source.series.empty() ? 0 : newer[stream.source.series]++;
+        if (later >= VisitedPerSeries)
             continue;
         struct stat now {};
-        if (stat(stream->source.path.c_str(), &now) != 0)
-            continue; // removed; what is open is read to its end
+        if (stat(stream.source.path.c_str(), &now) != 0) {
+            if (later > 0) // what was open has been read to its end
+                gone.insert(&stream);
+            continue;
+        }
         const auto size = static_cast<uint64_t>(now.st_size);
-        bool anew = size < stream->position;
-        if (stream->file != nullptr) {
+        bool anew = size < stream.position;
+        if (stream.file != nullptr) {
             struct stat opened {};
-            anew = anew || fstat(stream->file->lines.descriptor, &opened) != 0 ||
+            anew = anew || fstat(stream.file->lines.descriptor, &opened) != 0 ||
                    opened.st_ino != now.st_ino || opened.st_dev != now.st_dev;
         }
-        if (!anew && (stream->file != nullptr || size == stream->position))
+        if (!anew && (stream.file != nullptr || size == stream.position))
             continue;
         if (anew && !settings.quiet)
             std::fprintf(stderr, "qdlogview: %s was cut or replaced: reading it from its begin\n",
-                         stream->source.path.c_str());
-        stream->file.reset();
-        stream->from = anew ? 0 : stream->position;
-        stream->position = stream->from;
-        reader.open(*stream);
+                         tools::escaped(stream.source.path).c_str());
+        stream.file.reset();
+        stream.from = anew ? 0 : stream.position;
+        stream.position = stream.from;
+        reader.open(stream);
+    }
+    if (!gone.empty())
+        reader.forget([&](const Stream &stream) { return gone.count(&stream) != 0; });
+}
+
+// The newest files of each series stay open.
+void View::closeOldFiles(Reader &reader) {
+    if (reader.streams.size() == streamsSeen)
+        return;
+    streamsSeen = reader.streams.size();
+    std::map<std::string, size_t> newer;
+    for (size_t i = reader.streams.size(); i-- > 0;) {
+        Stream &stream = *reader.streams[i];
+        if (!stream.source.series.empty() && newer[stream.source.series]++ >= FollowedPerSeries &&
+            stream.state == Stream::State::Ended)
+            stream.file.reset();
     }
 }
 
@@ -298,7 +337,6 @@ void View::follow(Reader &reader) {
     const int64_t end = settings.timeout > 0 ? monotonicMilliseconds() + settings.timeout : INT64_MAX;
     int64_t nextVisit = monotonicMilliseconds() + OldFilesMilliseconds;
     std::vector<SourceFile> fresh;
-    std::string wrote;
     for (;;) {
         const Item *item = nullptr;
         while (reader.next(item)) {
@@ -314,18 +352,7 @@ void View::follow(Reader &reader) {
         if (out.error != 0 || !writeCursor(reader))
             return;
 
-        // The newest files of each series stay open.
-        std::string series;
-        size_t later = 0;
-        for (size_t i = reader.streams.size(); i-- > 0;) {
-            Stream &stream = *reader.streams[i];
-            if (stream.source.series.empty())
-                continue;
-            later = stream.source.series == series ? later + 1 : 0;
-            series = stream.source.series;
-            if (later >= FollowedPerSeries && stream.state == Stream::State::Ended && stream.file != nullptr)
-                stream.file.reset();
-        }
+        closeOldFiles(reader);
         if (stopRequested != 0 || monotonicMilliseconds() >= end)
             return;
         const int64_t left = std::min<int64_t>(PollMilliseconds, end - monotonicMilliseconds());

@@ -10,6 +10,7 @@
 #include "qdlogview/settings.h"
 #include "qdlogview/sources.h"
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -39,16 +40,21 @@ struct View {
     void addStreams(Reader &reader);
     void keep(Reader &reader);
     bool emit(const tools::Item &item);
-    bool showLast(uint64_t count, bool newestFirst);
+    // Places in files, by path: what was there when the reading began.
+    using Ends = std::map<std::string, uint64_t>;
+    Ends currentEnds() const;
+    void showLast(uint64_t count, bool newestFirst, const Ends &ends);
     void showForward(Reader &reader);
     void showAround(Reader &reader);
     void follow(Reader &reader);
     void finishCursor(Reader &reader);
     bool writeCursor(const Reader &reader);
     void visitOldFiles(Reader &reader);
+    void closeOldFiles(Reader &reader);
 
     uint64_t shown = 0;
     std::string savedCursor;
+    size_t streamsSeen = 0;
 };
 
 // Set by signals: following ends, the place reached is kept.
