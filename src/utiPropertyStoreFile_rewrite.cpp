@@ -472,6 +472,18 @@ static bool writeHeader(int descriptor) {
     return fsync(descriptor) == 0 || errno == EINVAL;
 }
 
+// Makes or empties a file and writes the header, through a link if the path is one.
+static bool makeFile(const char *path) {
+    int descriptor =
+        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, NEW_FILE_MODE);
+    if (descriptor >= 0)
+        descriptor = aboveStdio(descriptor);
+    if (descriptor < 0)
+        return false;
+    const bool written = writeHeader(descriptor);
+    return close(descriptor) == 0 && written;
+}
+
 uint32_t utiCreatePropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
     if (path == nullptr || root == nullptr || store == nullptr)
         return STORE_INVALID_ARGUMENT;
@@ -479,31 +491,45 @@ uint32_t utiCreatePropertyStoreFile(const char *path, const char *root, Property
     int lock = -1;
     if (!makeDirectoryOf(path) || !lockDirectory(path, &lock))
         return STORE_NOT_CREATED;
-    int descriptor =
-        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, NEW_FILE_MODE);
-    if (descriptor >= 0)
-        descriptor = aboveStdio(descriptor);
-    bool written = descriptor >= 0 && writeHeader(descriptor);
-    if (descriptor >= 0)
-        written = close(descriptor) == 0 && written;
+    const bool made = makeFile(path);
     unlockDirectory(lock);
-    return written ? utiOpenPropertyStoreFile(path, root, store) : STORE_NOT_CREATED;
+    return made ? utiOpenPropertyStoreFile(path, root, store) : STORE_NOT_CREATED;
+}
+
+static bool isMissing(const char *path) {
+    struct stat status;
+    return stat(path, &status) != 0 && errno == ENOENT;
+}
+
+// Gives a link to nowhere its file, unless another process has done so since.
+static bool makeLinkedFile(const char *path) {
+    int lock = -1;
+    if (!lockDirectory(path, &lock))
+        return false;
+    const bool made = !isMissing(path) || makeFile(path);
+    unlockDirectory(lock);
+    return made;
+}
+
+// Makes a file with the header in it, unless another process has done so since.
+static bool makeMissingFile(const char *path, const char *root) {
+    Rewrite rewrite;
+    if (beginRewrite(&rewrite, path, root) != STORE_OK)
+        return false;
+    return (rewrite.source >= 0 ? abandonRewrite(&rewrite) : commitRewrite(&rewrite, path)) == STORE_OK;
 }
 
 uint32_t storeOpenOrCreate(const char *path, const char *root, PropertyStore *store) {
-    const uint32_t opened = utiOpenPropertyStoreFile(path, root, store);
-    struct stat status;
-    if (opened != STORE_NO_FILE || stat(path, &status) == 0 || errno != ENOENT)
-        return opened; // a file that is there is never emptied
-    if (!makeDirectoryOf(path))
-        return STORE_NOT_CREATED;
-    if (lstat(path, &status) == 0)
-        return utiCreatePropertyStoreFile(path, root, store); // a link whose target is missing
-    Rewrite rewrite;
-    uint32_t result = beginRewrite(&rewrite, path, root);
-    if (result == STORE_OK) // another process may have made the file since
-        result = rewrite.source >= 0 ? abandonRewrite(&rewrite) : commitRewrite(&rewrite, path);
-    return result == STORE_OK ? utiOpenPropertyStoreFile(path, root, store) : STORE_NOT_CREATED;
+    uint32_t result = utiOpenPropertyStoreFile(path, root, store);
+    if (result != STORE_NO_FILE)
+        return result;
+    if (isMissing(path)) { // a file that is there is never emptied
+        struct stat status;
+        const bool isLink = lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
+        if (!makeDirectoryOf(path) || !(isLink ? makeLinkedFile(path) : makeMissingFile(path, root)))
+            return STORE_NOT_CREATED;
+    }
+    return utiOpenPropertyStoreFile(path, root, store); // another process may have made it
 }
 
 uint32_t storeRemoveIfEmpty(const char *path) {
