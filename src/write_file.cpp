@@ -176,27 +176,36 @@ bool isRolloverDue(LogFileState *state, uint64_t length) {
            isFull(state, length);
 }
 
+// The waits of one rollover of a log set.
+struct NameWait {
+    int64_t deadline; // monotonic ns; 0 before the first wait
+    int64_t second;   // the clock at the first wait
+};
+
 // The name of a log set's file tells its second: a file that is full within it leaves no
-// name for the next one before the clock moves on. False when it did not until deadline,
-// which is set at the first call.
-bool waitForNextName(LogFileState *state, int64_t *deadline) {
+// name for the next one before the clock moves on. False when the time is up.
+bool waitForNextName(LogFileState *state, NameWait *wait) {
     WriterNotes *notes = notesOf(state);
-    if (*deadline == 0)
-        *deadline = monotonicNs() + LOGSET_WAIT_NS;
+    if (wait->deadline == 0)
+        *wait = {monotonicNs() + LOGSET_WAIT_NS, notes->nameSecond};
     while (time(nullptr) == notes->nameSecond) {
-        if (monotonicNs() >= *deadline) {
-            notes->crowdedSecond = notes->nameSecond;
+        if (monotonicNs() >= wait->deadline) {
+            // A clock that stood still all the time is not waited for again. Otherwise
+            // others filled the files of the seconds in between, and the next message
+            // has its own chance.
+            if (notes->nameSecond == wait->second)
+                notes->stoppedSecond = notes->nameSecond;
             return false;
         }
         sleepNs(LOGSET_WAIT_STEP_NS);
     }
-    return monotonicNs() < *deadline;
+    return monotonicNs() < wait->deadline;
 }
 
 // Starts the next file that is fit to be written to. When none can be opened the file
 // stays closed.
 void rollOver(LogFileState *state) {
-    int64_t deadline = 0;
+    NameWait wait = {};
     zoltLogOs_close(&state->file);
     for (int round = 0; round < ROLL_ROUNDS; ++round) {
         bool created = false;
@@ -207,7 +216,7 @@ void rollOver(LogFileState *state) {
         // KEPT: a log set's rollover holds up the message, and all others of the process,
         // until the clock shows another second, at most LOGSET_WAIT_NS; then the record
         // goes into the full file. Pinned by WriteFileLogset.RolloverWithinASecondWaits.
-        if (state->isLogset != 0 && !waitForNextName(state, &deadline))
+        if (state->isLogset != 0 && !waitForNextName(state, &wait))
             break;
         zoltLogOs_close(&state->file);
     }
@@ -231,14 +240,14 @@ uint32_t rewriteContexts(LogFileState *state) {
     return result;
 }
 
-bool waitingWasGivenUp(LogFileState *state) {
+bool clockStandsStill(LogFileState *state) {
     WriterNotes *notes = notesOf(state);
-    return state->isLogset != 0 && notes->crowdedSecond != 0 && state->file.descriptor != -1 &&
-           state->headerVersion == writtenVersion(state) && time(nullptr) == notes->crowdedSecond;
+    return state->isLogset != 0 && notes->stoppedSecond != 0 && state->file.descriptor != -1 &&
+           state->headerVersion == writtenVersion(state) && time(nullptr) == notes->stoppedSecond;
 }
 
 void rollOverIfDue(LogFileState *state, uint64_t length) {
-    if (!isRolloverDue(state, length) || waitingWasGivenUp(state))
+    if (!isRolloverDue(state, length) || clockStandsStill(state))
         return;
     rollOver(state);
     if (state->isLogset == 0 && state->file.descriptor != -1)

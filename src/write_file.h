@@ -15,7 +15,7 @@ struct __attribute__((may_alias)) WriterNotes {
     uint64_t ownSince;     // bytes that this state has appended since
     int64_t sizeAskedAt;   // monotonic ns, taken before asking; 0 when not asked yet
     int64_t nameSecond;    // log set: the second that the file's name tells
-    int64_t crowdedSecond; // log set: the second in which waiting for the next was given up
+    int64_t stoppedSecond; // log set: where the clock stood still while the next second was waited for
     uint32_t opened;       // a file of the series was opened once
     uint32_t torn;         // the open file ends inside a line
 };
