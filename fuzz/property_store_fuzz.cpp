@@ -11,6 +11,15 @@
 #include <string>
 #include <unistd.h>
 
+// Nothing here needs to be on a disk.
+extern "C" int fsync(int descriptor) {
+    return fcntl(descriptor, F_GETFD) < 0 ? -1 : 0;
+}
+extern "C" int rename(const char *from, const char *to) noexcept {
+    (void)unlink(to); // replacing a file makes some file systems write it out
+    return renameat(AT_FDCWD, from, AT_FDCWD, to);
+}
+
 namespace {
 
 const char FILE_NAME[] = "store.conf";
