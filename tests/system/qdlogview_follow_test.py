@@ -153,7 +153,7 @@ class Follow(unittest.TestCase):
 
     def test_filters_and_limits_hold_while_following(self):
         append(name(0), HEADER)
-        follower = self.texts("-g", "yes", "-m", "2", ".")
+        follower = self.texts("-n", "all", "-g", "yes", "-m", "2", ".")
         append(name(0), record(1, b"no"), record(2, b"yes 1"), record(3, b"no"), record(4, b"yes 2"), record(5, b"yes 3"))
         self.assertEqual(follower.wait_for(2), ["yes 1", "yes 2"])
         self.assertEqual(follower.process.wait(10), 0)
@@ -238,7 +238,7 @@ class Follow(unittest.TestCase):
 
     def test_over_many_rollovers_nothing_is_lost_or_doubled(self):
         self.configure("Default.RolloverMode=FileSize", "Default.MaxLogFileSizeKB=4")
-        follower = self.texts("log")
+        follower = self.texts("-n", "all", "log")
         logger = self.logger()
         count = 1200
         for number in range(count):

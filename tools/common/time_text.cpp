@@ -420,7 +420,7 @@ void TimeFormatter::append(std::string &out, int64_t time, char separator) {
     out += ':';
     appendDigits(out, ofDay % 60, 2);
     out += '.';
-    appendDigits(out, time - utc * 1000, 3);
+    appendDigits(out, (time % 1000 + 1000) % 1000, 3);
 }
 
 void TimeFormatter::appendShort(std::string &out, int64_t time) {
