@@ -5,7 +5,7 @@
 #   examples/demo.sh [DIRECTORY]     (default ./demo-out; ./dev demo builds first)
 #
 # Everything is made inside DIRECTORY. Ends with a failure when a count is wrong.
-set -euo pipefail
+set -Eeuo pipefail
 
 source_dir=$(cd "$(dirname "$0")/.." && pwd)
 build=${QDUL_BUILD:-$source_dir/build/release}
@@ -37,6 +37,7 @@ fail() {
     printf '\ndemo: FAILED: %s\n' "$*" >&2
     exit 1
 }
+trap 'printf "\ndemo: FAILED at line %d: %s\n" "$LINENO" "$BASH_COMMAND" >&2' ERR
 have() { [ -x "$bin/$1" ]; }
 
 for program in "$bin/qdlogger" "$bin/qdlogcfg" "$examples/server" "$examples/secure_audit" "$examples/logfiles"; do
@@ -105,17 +106,16 @@ for process in 1 2; do
 done
 sent() { awk -v kind="$1" '{ for (i = 1; i < NF; i++) if ($i == kind) n += $(i + 1) } END { print n + 0 }' "$out"/work/sent.[12]; }
 
-# Real text: the package log of this machine, or its licence texts
-if [ -r /var/log/dpkg.log ] && [ -s /var/log/dpkg.log ]; then
-    text=/var/log/dpkg.log
-    head -n 4000 "$text" >"$out/work/text"
-else
-    text=/usr/share/common-licenses
-    find "$text" -type f -exec cat {} + | head -n 4000 >"$out/work/text" || true
-fi
-lines=$(grep -c '' "$out/work/text") || fail "there is no text in $text"
+# Real text: the package log of this machine and, while that is short, licence texts
+LINES_WANTED=4000
+{
+    cat /var/log/dpkg.log 2>/dev/null || true
+    find /usr/share/common-licenses -type f -exec cat {} + || true
+} 2>/dev/null | head -n $LINES_WANTED >"$out/work/text" || true
+lines=$(grep -c '' "$out/work/text") || fail "there is neither a package log nor a licence text"
 
-tell "qdlogger sends real text: each of $lines lines of $text is a message." \
+tell "qdlogger sends real text: $lines lines of this machine's package log (and licence texts)." \
+    "Each line is a message." \
     "First to the component 'import', under the context 'import-1'; then the same as" \
     "diagnostic messages of two jobs to the log set; then to the component 'noisy'."
 "$bin/qdlogger" -p demo -o import -w import -x import-1 <"$out/work/text" || fail "qdlogger"
