@@ -70,8 +70,8 @@ enum class FieldType { Number, Signed, Time, Text };
 
 struct FieldRow {
     Field field;
-    const char *name;
     FieldType type;
+    const char *name;
     const char *help;
 };
 extern const FieldRow fieldTable[FieldCount]; // in the order of enum Field

@@ -26,7 +26,8 @@ struct PatternList {
     std::vector<Pattern> patterns;
 };
 
-struct Filter {
+// One object, grouped by meaning and not by size.
+struct Filter { // NOLINT(clang-analyzer-optin.performance.Padding)
     bool build(const Settings &settings, int64_t now, std::string &error);
 
     // Time range; records without a time stamp are in no range.

@@ -186,7 +186,7 @@ void describe(SourceFile &file, const std::string &directory) {
     parts.tm_year = name.year - 1900;
     parts.tm_mon = name.month - 1;
     parts.tm_mday = name.day;
-    constexpr int64_t farthestZone = 15 * 3600; // the name has the writer's local date
+    constexpr int64_t farthestZone = 54000; // 15 hours; the name has the writer's local date
     file.created = (static_cast<int64_t>(timegm(&parts)) - farthestZone) * 1000;
 }
 
@@ -347,10 +347,9 @@ bool Sources::find(const Settings &settings, const FileQuery &fileQuery) {
     std::vector<SourceFile> found;
     bool readable = !files.empty();
     for (const DirectoryRule &rule : rules) {
-        if (list(rule, found))
+        if (list(rule, found) ||
+            (settings.paths.empty() && errno == ENOENT)) // or nothing was written there yet
             readable = true;
-        else if (settings.paths.empty() && errno == ENOENT)
-            readable = true; // nothing was written there yet
         else
             problems.push_back(rule.directory + ": " + std::strerror(errno));
     }
