@@ -131,6 +131,7 @@ void addFound(Builder *builder, const Shown *shown, ArgumentList *args, int host
     const ArgumentType *types;
     const int count = shownArguments(shown, &types);
     Value few[STACK_ARGUMENTS];
+    few[0] = {}; // there may be no argument at all
     Value *values = fetchAll(types, count, args, few);
     if (values == nullptr) {
         builder->result = LIS_NO_MEMORY;

@@ -87,7 +87,7 @@ extern "C" int flock(int descriptor, int operation) noexcept {
 extern "C" int unlink(const char *path) noexcept {
     const int result = unlinkat(AT_FDCWD, path, 0);
     if (plant != nullptr && *plant == path) {
-        (void)symlink("victim", path);
+        EXPECT_EQ(0, symlink("victim", path));
         plant = nullptr;
     }
     return result;
