@@ -103,6 +103,18 @@ int32_t qdlisLookUp(ZoltLisBlock *block);
  */
 int32_t qdlisPatternArguments(const char *pattern, char *letters, size_t size);
 
+/*
+ * The text of a message without catalogue at once, without a block: what
+ * zoltLisTextV makes of format and args, put together in buffer (of size bytes) with
+ * a terminating NUL. Yields its length, or -1 when the block has to be made: the
+ * format holds another conversion than %s %d %u %% and the l, ll and z forms of the
+ * numbers, or the text does not fit. args is not used up. A caller hands in the
+ * zoltLisTextV that it calls: when that is another library's than this one's, its
+ * meaning of a format counts, and the result is -1 too.
+ */
+typedef int32_t (*QdlisTextVFn)(ZoltLisBlock *block, const char *reference, va_list args);
+int64_t qdlisFormat(QdlisTextVFn textV, char *buffer, size_t size, const char *format, va_list args);
+
 #if defined(__GNUC__)
 #pragma GCC visibility pop
 #endif

@@ -5,6 +5,8 @@
 #include <errno.h>
 #include <stdlib.h>
 
+#include "qdlis.h"
+
 namespace {
 
 // The values of all arguments: few where they fit there, else on the heap; null
@@ -180,4 +182,94 @@ extern "C" int32_t zoltLisVEx(ZoltLisBlock *block, uint32_t utf8, int64_t messag
 
 extern "C" int32_t zoltLisTextV(ZoltLisBlock *block, const char *reference, va_list args) {
     return zoltLisVEx(block, 0, 0, reference, args);
+}
+
+// ---- text at once ------------------------------------------------------------------------
+
+namespace {
+
+const size_t MAX_DIGITS = 20; // of a 64-bit number
+
+// Text that is put together in the caller's room.
+struct PlainText {
+    char *at;
+    char *const end; // of the room for characters
+    bool fits = true;
+
+    void put(const char *bytes, size_t count) {
+        fits = fits && count <= static_cast<size_t>(end - at);
+        if (fits)
+            at = static_cast<char *>(mempcpy(at, bytes, count));
+    }
+    void putUnsigned(uint64_t value, bool negative) {
+        char digits[1 + MAX_DIGITS];
+        char *first = digits + sizeof digits;
+        do {
+            *--first = static_cast<char>('0' + value % 10);
+            value /= 10;
+        } while (value != 0);
+        if (negative)
+            *--first = '-';
+        put(first, static_cast<size_t>(digits + sizeof digits - first));
+    }
+    void putSigned(int64_t value) {
+        putUnsigned(value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value), value < 0);
+    }
+};
+
+// The conversion behind a '%', when it is a common one: the first character after it,
+// else null.
+const char *putCommon(PlainText *text, const char *p, ArgumentList *args) {
+    bool isLong = false;
+    if (*p == 'l' || *p == 'z') {
+        isLong = true;
+        p += *p == 'l' && p[1] == 'l' ? 2 : 1;
+    }
+    switch (*p) {
+    case 'd':
+        text->putSigned(isLong ? va_arg(args->list, int64_t) : va_arg(args->list, int));
+        return p + 1;
+    case 'u':
+        text->putUnsigned(isLong ? va_arg(args->list, uint64_t) : va_arg(args->list, unsigned), false);
+        return p + 1;
+    case 's': {
+        if (isLong)
+            return nullptr;
+        const char *string = va_arg(args->list, const char *);
+        if (string == nullptr)
+            string = "(null)";
+        text->put(string, strlen(string));
+        return p + 1;
+    }
+    case '%':
+        if (isLong)
+            return nullptr;
+        text->put("%", 1);
+        return p + 1;
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace
+
+extern "C" int64_t qdlisFormat(QdlisTextVFn textV, char *buffer, size_t size, const char *format,
+                               va_list args) {
+    if (textV != zoltLisTextV || format == nullptr || size == 0)
+        return -1;
+    PlainText text = {buffer, buffer + size - 1};
+    ArgumentList list;
+    va_copy(list.list, args);
+    for (const char *p = format; p != nullptr && text.fits;) {
+        const char *percent = strchrnul(p, '%');
+        text.put(p, static_cast<size_t>(percent - p));
+        if (*percent == '\0') {
+            va_end(list.list);
+            *text.at = '\0';
+            return text.fits ? text.at - buffer : -1;
+        }
+        p = putCommon(&text, percent + 1, &list);
+    }
+    va_end(list.list);
+    return -1;
 }

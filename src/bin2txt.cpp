@@ -64,7 +64,7 @@ char *putSigned(char *at, int64_t value) {
 uint32_t bin2txt_int(int32_t value, TextBuffer *buffer) {
     if (buffer == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    char *at = text_msg_alloc(buffer, MAX_DECIMAL + 1);
+    char *at = reserve(buffer, MAX_DECIMAL + 1);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
     at = putSigned(at, value);
@@ -88,13 +88,15 @@ uint32_t bin2txt_sev(uint32_t severity, TextBuffer *buffer) {
 static const char UNPROCESSABLE[] = "**UNABLE TO PROCESS LOG MESSAGE**";
 
 // tag, length ":" bytes, end. The tag may be empty. A length has 32 bits.
-static uint32_t putCounted(TextBuffer *buffer, const char *tag, const char *bytes, size_t size, char end) {
+[[gnu::always_inline]] static inline uint32_t putCounted(TextBuffer *buffer, const char *tag,
+                                                         const char *bytes, size_t size, char end) {
     const uint32_t length = static_cast<uint32_t>(size);
-    char *at = text_msg_alloc(buffer, strlen(tag) + MAX_DECIMAL + 1 + length + 1);
+    char *at = reserve(buffer, strlen(tag) + MAX_DECIMAL + 1 + length + 1);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
-    at = stpcpy(at, tag);
-    at = putUnsigned(at, length);
+    const size_t tagLength = strlen(tag); // of a constant
+    memcpy(at, tag, tagLength);
+    at = putUnsigned(at + tagLength, length);
     *at++ = ':';
     if (length != 0)
         memcpy(at, bytes, length);
@@ -104,9 +106,16 @@ static uint32_t putCounted(TextBuffer *buffer, const char *tag, const char *byte
     return ZOLTLOG_OK;
 }
 
-static uint32_t putString(TextBuffer *buffer, const char *text, bool utf8) {
+// How the strings of one record become UTF-8.
+struct StringForm {
+    bool utf8;         // they are, or are said to be
+    bool asciiIsAscii; // the bytes below 128 mean in the locale what they mean in ASCII
+};
+
+static uint32_t putString(TextBuffer *buffer, const char *text, StringForm form) {
     const size_t length = text != nullptr ? strlen(text) : 0;
-    if (utf8 || length == 0 || isUtf8AsItIs(text, length))
+    if (form.utf8 || length == 0 || (form.asciiIsAscii && isPlainAscii(text, length)) ||
+        isUtf8AsItIs(text, length))
         return putCounted(buffer, "", text, length, ',');
 
     char *converted = nullptr;
@@ -140,7 +149,7 @@ static const size_t MAX_UTF8_BYTES = 4;      // of one character
 static const size_t MAX_DOUBLE = 400;        // "%f": 309 digits, sign, point of any locale, 6 digits
 
 static uint32_t putNumber(TextBuffer *buffer, const char *tag, bool isSigned, uint64_t value) {
-    char *at = text_msg_alloc(buffer, strlen(tag) + MAX_DECIMAL + 1);
+    char *at = reserve(buffer, strlen(tag) + MAX_DECIMAL + 1);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
     at = stpcpy(at, tag);
@@ -153,7 +162,7 @@ static uint32_t putNumber(TextBuffer *buffer, const char *tag, bool isSigned, ui
 // KEPT: a double has the decimal point of the process's locale (LC_NUMERIC), which
 // is a comma in some. Pinned by RecordEncoding.DoublesFollowTheNumericLocale.
 static uint32_t putDouble(TextBuffer *buffer, double value) {
-    char *at = text_msg_alloc(buffer, MAX_DOUBLE);
+    char *at = reserve(buffer, MAX_DOUBLE);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
     const int length = snprintf(at, MAX_DOUBLE, "8%f|", value);
@@ -297,7 +306,7 @@ static bool isEmpty(const ZoltLisBlock *block) {
 }
 
 static uint32_t append(TextBuffer *buffer, const char *text, size_t length) {
-    char *at = text_msg_alloc(buffer, length);
+    char *at = reserve(buffer, length);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
     memcpy(at, text, length);
@@ -335,7 +344,7 @@ static uint32_t putPrefix(TextBuffer *buffer, const LogMsg *msg) {
     // RecordEncoding.OlderVersionsHaveNoPrefix.
     if (msg->recordVersion < ZOLTLOG_RECORD_VERSION_ORIGINATOR)
         return ZOLTLOG_OK;
-    char *at = text_msg_alloc(buffer, MOST_PREFIX_NUMBERS * (MAX_DECIMAL + 1));
+    char *at = reserve(buffer, MOST_PREFIX_NUMBERS * (MAX_DECIMAL + 1));
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
     const bool namesItsFile = msg->recordVersion == ZOLTLOG_RECORD_VERSION_ORIGINATOR;
@@ -357,29 +366,28 @@ static uint32_t putPrefix(TextBuffer *buffer, const LogMsg *msg) {
 static const uint64_t FIRST_VERSION_WITH_APP_WHO = 65542;
 
 // What follows the text, by the message's type.
-static uint32_t putTypeFields(TextBuffer *buffer, LogMsg *msg) {
-    const bool utf8 = msg->utf8 != 0;
+static uint32_t putTypeFields(TextBuffer *buffer, LogMsg *msg, StringForm form) {
     uint32_t result = ZOLTLOG_OK;
     switch (msg->type) {
     case ZOLTLOG_MSG_DEBUG:
-        result = putString(buffer, msg->who, utf8);
+        result = putString(buffer, msg->who, form);
         return result != ZOLTLOG_OK ? result : bin2txt_int(static_cast<int32_t>(msg->attr.level), buffer);
     case ZOLTLOG_MSG_DIAG:
-        result = putString(buffer, msg->who, utf8);
+        result = putString(buffer, msg->who, form);
         if (result == ZOLTLOG_OK)
             result = bin2txt_int(static_cast<int32_t>(msg->attr.level), buffer);
         break;
     case ZOLTLOG_MSG_APP:
         if (msg->recordVersion >= FIRST_VERSION_WITH_APP_WHO)
-            result = putString(buffer, msg->who, utf8);
+            result = putString(buffer, msg->who, form);
         if (result == ZOLTLOG_OK)
             result = bin2txt_sev(msg->attr.severity, buffer);
         break;
     case ZOLTLOG_MSG_CONTEXT:
-        result = putString(buffer, msg->attr.contextTitle, utf8);
+        result = putString(buffer, msg->attr.contextTitle, form);
         break;
     case ZOLTLOG_MSG_AUDIT:
-        result = putString(buffer, msg->who, utf8);
+        result = putString(buffer, msg->who, form);
         if (result == ZOLTLOG_OK)
             result = bin2txt_int(static_cast<int32_t>(msg->outcome), buffer);
         break;
@@ -399,13 +407,14 @@ uint32_t zoltLogMsgSerialize(LogMsg *msg, TextBuffer *buffer) {
         return ZOLTLOG_FAILED;
 
     const bool utf8 = msg->utf8 != 0;
+    const StringForm form = {utf8, utf8 || localeKeepsAscii()};
     uint32_t result = putPrefix(buffer, msg);
     if (result == ZOLTLOG_OK)
-        result = putString(buffer, msg->contextToken, utf8);
+        result = putString(buffer, msg->contextToken, form);
     if (result == ZOLTLOG_OK)
-        result = putString(buffer, msg->text, utf8);
+        result = putString(buffer, msg->text, form);
     if (result == ZOLTLOG_OK)
-        result = putTypeFields(buffer, msg);
+        result = putTypeFields(buffer, msg, form);
     remove_trailing_comma(buffer);
     if (result == ZOLTLOG_OK)
         result = mark_end_of_txt_msg(buffer);

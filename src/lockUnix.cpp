@@ -86,11 +86,11 @@ void afterForkInParent() {
 }
 
 // The mutex knows its owner by the kernel's thread number, which is another one in the
-// child. It is made anew, and held as often as the forking thread held it.
+// child. It is made anew, and held when the forking thread held the lock.
 void afterForkInChild() {
     if (heldForFork) {
         makeRecursive(&zoltLogMutex.mutex);
-        for (int32_t held = 0; held < zoltLogMutex.depth; ++held)
+        if (zoltLogMutex.depth > 0)
             require(pthread_mutex_lock(&zoltLogMutex.mutex) == 0);
     }
     require(pthread_mutex_unlock(&creation) == 0);
@@ -112,15 +112,30 @@ int32_t zoltLogLockInit(LogLock *lock) {
     return 0;
 }
 
+// The calling thread holds the lock. Asked without holding it: only the thread itself
+// ever stores its own number there.
+static bool isHeldBy(const LogLock *lock, uint64_t thread) {
+    return __atomic_load_n(&lock->holders[0].thread, __ATOMIC_RELAXED) == thread;
+}
+
+static void setHolder(LogLockHolder *holder, uint64_t thread, const char *tag) {
+    __atomic_store_n(&holder->thread, thread, __ATOMIC_RELAXED);
+    holder->tag = tag;
+}
+
+// The mutex is taken by the outermost acquisition only; the nested ones, of which a
+// message has several, are counted by depth.
 void zoltLogLock(LogLock *lock, const char *tag) {
     require(lock != nullptr);
+    const uint64_t self = getTID();
     if (!isCreated(lock))
         createOnce(lock);
-    require(pthread_mutex_lock(&lock->mutex) == 0);
-    if (lock->depth == 0)
+    if (!isHeldBy(lock, self)) {
+        require(pthread_mutex_lock(&lock->mutex) == 0);
         require(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &lock->savedCancelState) == 0);
+    }
     require(lock->depth < MAX_DEPTH);
-    lock->holders[lock->depth] = {getTID(), tag};
+    setHolder(&lock->holders[lock->depth], self, tag);
     ++lock->depth;
 }
 
@@ -131,11 +146,12 @@ int32_t zoltLogUnlock(LogLock *lock, const char *tag) {
     require(isCreated(lock));
     require(holder->thread == getTID());
     require(holder->tag == tag); // the same object, not an equal text
-    *holder = {0, nullptr};
+    setHolder(holder, 0, nullptr);
     lock->depth = depth;
-    if (depth == 0)
+    if (depth == 0) {
         require(pthread_setcancelstate(lock->savedCancelState, nullptr) == 0);
-    require(pthread_mutex_unlock(&lock->mutex) == 0);
+        require(pthread_mutex_unlock(&lock->mutex) == 0);
+    }
     return 0;
 }
 

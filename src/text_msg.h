@@ -16,3 +16,12 @@ inline uint64_t textLength(const TextBuffer *buffer) {
 inline void textEndsAt(TextBuffer *buffer, const char *end) {
     buffer->free = buffer->capacity - static_cast<uint64_t>(end - buffer->data);
 }
+
+// text_msg_alloc, without a call when there is room.
+inline char *reserve(TextBuffer *buffer, uint64_t n) {
+    if (buffer->free <= n)
+        return text_msg_alloc(buffer, n);
+    char *reserved = buffer->data + textLength(buffer);
+    buffer->free -= n;
+    return reserved;
+}
