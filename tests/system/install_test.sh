@@ -18,6 +18,12 @@ done
 for file in zoltlog.h zoltlis.h zoltformat.h; do
     [ -e "prefix/include/$file" ] || fail "$file is not installed"
 done
+# Each tool has its manual page, where pages can be made.
+if grep -q '^SCDOC:FILEPATH=/' "$QDUL_BUILD/CMakeCache.txt"; then
+    for tool in prefix/bin/*; do
+        [ -s "prefix/share/man/man1/$(basename "$tool").1" ] || fail "$tool has no manual page"
+    done
+fi
 # The libraries find each other beside themselves, and look nowhere else.
 for library in libqdul libqdlis libzoltLogFormatMsg; do
     path=$(objdump -p "$libdir/$library.so.3" | awk '$1 == "RUNPATH" { print $2 }')

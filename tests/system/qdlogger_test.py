@@ -341,6 +341,23 @@ class Qdlogger(unittest.TestCase):
         self.assertEqual(listed, told)
         self.assertEqual(listed, helped)
 
+    def test_the_examples_of_the_manual_work(self):
+        with open(SOURCE + "/docs/man/qdlogger.1.scd") as file:
+            blocks = re.findall(r"(?ms)^```\n(.*?)^```", file.read().split("# EXAMPLES", 1)[1])
+        examples = [line for block in blocks for line in block.splitlines()]
+        self.assertEqual(len(examples), 2)
+        self.environment["PATH"] = f"{BUILD}/bin:{HERE}:{self.environment['PATH']}"
+        self.environment["ZOLTLOG_CFG_LOC"] = HERE + "/zoltlog.conf"
+        with open("nightly-job", "w") as file:
+            file.write("#!/bin/sh\necho one\necho two >&2\n")
+        os.chmod("nightly-job", 0o755)
+        for example in examples:
+            done = subprocess.run(["sh", "-c", example], capture_output=True, env=self.environment)
+            self.assertEqual((done.returncode, done.stdout, done.stderr), (0, b"", b""), example)
+        found = [(r["type"], r["text"], r["who"], r["token"][:4]) for r in self.records() if r["type"] != 3]
+        self.assertEqual(found, [(2, b"disk /var is 93% full", b"backup", b""), (1, b"one", b"nightly", b"job-"),
+                                 (1, b"two", b"nightly", b"job-")])
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=1)

@@ -58,14 +58,15 @@ class Manual(unittest.TestCase):
         for directory in ("log", "collected"):
             with open(f"{directory}/5-7-1-240301-0000000000.log", "w") as file:
                 file.write(header + "".join(lines))
-        commands = [line.strip() for line in section("EXAMPLES").splitlines() if line.startswith("\t")]
+        blocks = re.findall(r"(?ms)^```\n(.*?)^```", section("EXAMPLES"))
+        commands = [line for block in blocks for line in block.splitlines()]
         self.assertGreaterEqual(len(commands), 10)
         expected = {
             "-p error": "Disk full", "-c job-77": "job-77", "-f": "Disk full", "-g '": "Disk full", "-F subject": "alice",
             "--stats": "records", "--verify": "0 problems", "--gaps": "0 gaps",
         }
         for command in commands:
-            command = command.replace("\\*", "*").replace("--timeout 1h", "--timeout 1s")
+            command = command.replace("--timeout 1h", "--timeout 1s")
             with self.subTest(command=command):
                 if "-S today" in command and time.gmtime(now / 1000).tm_mday != time.gmtime().tm_mday:
                     continue  # within a minute of midnight
