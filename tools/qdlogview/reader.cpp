@@ -131,7 +131,7 @@ bool Reader::open(Stream &stream) {
 }
 
 void Reader::close(Stream &stream) {
-    if (!keepOpen)
+    if (!keepOpen || stream.old)
         stream.file.reset();
 }
 

@@ -38,6 +38,7 @@ struct Stream {
     uint64_t to = UINT64_MAX; // backwards: begin here at the latest
     uint64_t position = 0;    // all before it was handed out or passed over
     bool stopped = false;     // ended because of the time range, not of the file
+    bool old = false;         // newer files of its series are there: closed at its end in any case
     int64_t stopTime = INT64_MAX;
     tools::Item item;
     std::unique_ptr<tools::RecordFile> file;
@@ -92,7 +93,7 @@ struct Reader {
         uint64_t firstOffset = 0;
     };
     std::vector<DamagedFile> damaged;
-    bool keepOpen = false; // do not close files at their end
+    bool keepOpen = false; // do not close files at their end, but old ones
 
     bool open(Stream &stream);
     void close(Stream &stream);

@@ -89,6 +89,7 @@ bool View::show() {
         Reader reader(range, false);
         reader.keepOpen = true;
         addStreams(reader);
+        closeOldFiles(reader);
         if (limited) { // what is there now is read from its end; following begins behind it
             const Ends ends = currentEnds();
             showLast(count, false, ends);
@@ -327,8 +328,8 @@ void View::closeOldFiles(Reader &reader) {
     std::map<std::string, size_t> newer;
     for (size_t i = reader.streams.size(); i-- > 0;) {
         Stream &stream = *reader.streams[i];
-        if (!stream.source.series.empty() && newer[stream.source.series]++ >= FollowedPerSeries &&
-            stream.state == Stream::State::Ended)
+        stream.old = !stream.source.series.empty() && newer[stream.source.series]++ >= FollowedPerSeries;
+        if (stream.old && stream.state == Stream::State::Ended)
             stream.file.reset();
     }
 }
