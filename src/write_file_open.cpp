@@ -44,11 +44,17 @@ int64_t nextLocalTimeRollover(const LogFileState *state, int64_t now) {
     const int64_t instant = mktime(&local);
     if (now < instant)
         return instant;
+    if (start < instant || now - start >= SECONDS_PER_DAY)
+        return now;
     // KEPT: a day is 86400 seconds, so the day after a change of daylight saving time
     // rolls an hour early or late. Pinned by WriteFileTime.NextDayIsAlways86400Seconds.
-    if (now - start < SECONDS_PER_DAY && start >= instant)
+    if (start < instant + SECONDS_PER_DAY)
         return instant + SECONDS_PER_DAY;
-    return now;
+    // The file was started after that already, in the last hour of a day of 25. It would
+    // be due at once, and so would every file made in its place until the day is over.
+    ++local.tm_mday;
+    local.tm_isdst = -1;
+    return mktime(&local);
 }
 
 } // namespace
@@ -60,6 +66,7 @@ void setNextRollover(LogFileState *state, int64_t now) {
              __builtin_add_overflow(state->fileStartTime, state->rolloverPeriod, &state->nextRolloverTime))
         state->nextRolloverTime = INT64_MAX;
 }
+
 // ---- opening ---------------------------------------------------------------------------
 
 namespace {

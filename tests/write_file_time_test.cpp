@@ -163,6 +163,51 @@ TEST_F(WriteFileTime, RolloverInTheGapOrOverlapHappensOnce) {
     }
 }
 
+TEST_F(WriteFileTime, LastHourOfADayOf25HoursStartsOneFile) {
+    setClock(localTime(2024, 10, 27, 22)); // the clock went from 3:00 to 2:00
+    openTimed(LOCAL_TIME, 0);
+    EXPECT_EQ(due(), localTime(2024, 10, 27, 23)) << "an hour early by the wall clock";
+    for (setClock(localTime(2024, 10, 27, 23)); fakeMs / 1000 < localTime(2024, 10, 28); advance(300))
+        ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(logFiles(), (Names{file("241027", 0), file("241027", 1)}));
+    EXPECT_EQ(due(), localTime(2024, 10, 28));
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(logFiles(), (Names{file("241027", 0), file("241027", 1), file("241028", 0)}));
+    EXPECT_EQ(due(), localTime(2024, 10, 29));
+}
+
+TEST_F(WriteFileTime, EveryTimeOfDayRollsAboutOnceADayAcrossAChange) {
+    const struct {
+        const char *zone;
+        int month, day; // two days before the change
+    } changes[] = {{"CET-1CEST,M3.5.0,M10.5.0/3", 3, 29},
+                   {"CET-1CEST,M3.5.0,M10.5.0/3", 10, 25},
+                   {"CST5CDT,M3.2.0/0,M11.1.0/1", 3, 8},
+                   {"CST5CDT,M3.2.0/0,M11.1.0/1", 11, 1},
+                   {"<+1030>-10:30<+11>-11,M10.1.0,M4.1.0", 4, 5}};
+    for (const auto &change : changes) {
+        setZone(change.zone);
+        for (uint64_t time = 0; time < 24 * HOUR; time += HOUR / 2) {
+            const std::string directory =
+                "d" + std::to_string(change.month) + "-" + std::to_string(time) + change.zone[1];
+            LogCfg cfg = settings();
+            cfg.rolloverMode = LOCAL_TIME;
+            cfg.rolloverTime = time;
+            strcpy(cfg.directory, ("./" + directory + "/").c_str());
+            setClock(localTime(2024, change.month, change.day, 12));
+            ASSERT_EQ(open(&handle, cfg), 0u);
+            for (int step = 0; step < 4 * 24 * 4; ++step, advance(900)) {
+                handle.file->lastReopenTime = 0; // a reopen after midnight starts a file too
+                ASSERT_EQ(send(&handle, "one"), 0u);
+            }
+            const size_t rolled = support::listFiles(directory).size() - 1;
+            EXPECT_GE(rolled, 4u) << directory;
+            EXPECT_LE(rolled, 5u) << directory << ": one more because of the change";
+            ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+        }
+    }
+}
+
 // ---- period --------------------------------------------------------------------------------
 
 TEST_F(WriteFileTime, PeriodCountsFromTheFilesStart) {
