@@ -678,8 +678,8 @@ uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t le
 /*
  * Opens a context: a log handle whose messages all carry the token, for one unit of
  * work (a request, a job). parent is an open log handle or context: contexts nest.
- * The context shares the parent's file and starts with the parent's levels and
- * output flags; its sequence numbers start at 1 and its utf8 field at 0.
+ * The context shares the parent's file and starts with the parent's levels, output
+ * flags and utf8 field; its sequence numbers start at 1.
  *
  * A context record (token, text, localization block) goes to the log file at once,
  * and again to the top of every new file of the series while the context is open;

@@ -119,6 +119,7 @@ void releaseState(LogFileState *state) {
 uint64_t writtenVersion(const LogFileState *state) {
     return state->isLogset != 0 ? ZOLTLOG_RECORD_VERSION_LOGSET : ZOLTLOG_RECORD_VERSION_ORIGINATOR;
 }
+
 // ---- rollover --------------------------------------------------------------------------
 
 // The size of the open file. Its end is asked for first because that is the cheapest

@@ -6,8 +6,8 @@
 // Product, originator and host are unsigned 64-bit decimals, the counter has at least
 // ten digits, dates and times are local and their year counts from 2000. The directory
 // is put in front as it is: it ends in "/". Read by parseOriginatorName below, by
-// getidfromfilename and getSLidfromfilename and by the search for the latest log, all
-// in read.cpp.
+// getidfromfilename and getSLidfromfilename in read.cpp and by the search for the
+// latest log in read_latest.cpp.
 //
 //   header line   "$Header " version "," ... host "\n"
 //

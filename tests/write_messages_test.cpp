@@ -802,6 +802,7 @@ TEST_F(WriteMessages, AContextOfAUtf8HandleIsWrittenAsUtf8) {
     ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "caf\u00e9", 0, "r\u00e9quest"));
     EXPECT_EQ("caf\u00e9", logs::records()[0].who);
     EXPECT_EQ("r\u00e9quest", logs::records()[0].text);
+    EXPECT_EQ(1u, context.utf8);
     EXPECT_EQ(0u, zoltLogDestroyContext(&context));
 }
 
