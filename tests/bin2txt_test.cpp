@@ -441,7 +441,8 @@ TEST_P(EveryLocale, StringsAreWrittenAsConversionWouldWriteThem) {
 }
 
 INSTANTIATE_TEST_SUITE_P(RecordEncoding, EveryLocale,
-                         testing::Values("C", "C.UTF-8", "de_DE.ISO-8859-1", "ja_JP.EUC-JP"));
+                         testing::Values("C", "C.UTF-8", "en_US.UTF-8", "de_DE.UTF-8", "tr_TR.UTF-8",
+                                         "de_DE.ISO-8859-1", "ja_JP.EUC-JP"));
 
 TEST(RecordEncoding, NativeTextsAreConverted) {
     LogMsg msg = exampleMessage(65543);

@@ -28,10 +28,11 @@ WriteFault writeFault;
 bool counting;
 int calls;
 int failingCall;
+int failingCalls = 1; // this one and those that follow it
 int failingError;
 
 bool failsNow() {
-    if (!counting || ++calls != failingCall)
+    if (!counting || ++calls < failingCall || calls >= failingCall + failingCalls)
         return false;
     errno = failingError;
     return true;
@@ -307,13 +308,21 @@ TEST_F(FaultWrite, RolloverWithoutDescriptorsIs5AndTriedAgain) {
 TEST_F(FaultWrite, SizeThatCannotBeToldRollsNothing) {
     openSized(1);
     ASSERT_EQ(send(&handle, std::string(800, 'x')), 0u);
+    failingCall = 1;
+    failingError = EIO;
+    failingCalls = 2; // the question for the end and the one for the status
     counting = true;
     calls = 0;
-    failingCall = 1; // the question for the end; the file's status is asked instead
-    failingError = EIO;
     ASSERT_EQ(send(&handle, std::string(800, 'y')), 0u);
     counting = false;
-    EXPECT_EQ(logFiles(), (Names{FIRST, SECOND}));
+    EXPECT_EQ(logFiles(), Names{FIRST});
+    failingCalls = 1; // the status is told
+    counting = true;
+    calls = 0;
+    ASSERT_EQ(send(&handle, std::string(800, 'z')), 0u);
+    counting = false;
+    EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{std::string(800, 'x'), std::string(800, 'y')}));
+    EXPECT_EQ(textsIn("logs/" + std::string(SECOND)), Texts{std::string(800, 'z')});
 }
 
 // ---- every call once -------------------------------------------------------------------------
