@@ -41,6 +41,14 @@ static unsigned decimalDigits(uint64_t value) {
 }
 
 char *putUnsigned(char *at, uint64_t value) {
+    if (value < 10) { // most numbers of a record
+        *at = static_cast<char>('0' + value);
+        return at + 1;
+    }
+    if (value < 100) {
+        memcpy(at, DIGIT_PAIRS + value * 2, 2);
+        return at + 2;
+    }
     char *end = at + decimalDigits(value);
     char *digit = end;
     for (; value >= 100; value /= 100) {

@@ -44,10 +44,10 @@ static constexpr uint32_t BOTH_AUDITS = only(ZOLTLOG_MSG_AUDIT) | SECURE_AUDIT_O
 // ---- initialisation and release ------------------------------------------------
 
 // Everything but the text.
-static uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type) {
+static uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type, uint64_t number) {
     memset(msg, 0, sizeof *msg);
     msg->type = type;
-    msg->messageId = GetNextSequenceNumber(handle);
+    msg->messageId = number;
     msg->processId = getPID();
     msg->threadId = getTID();
     if (handle->file != nullptr) {
@@ -62,10 +62,14 @@ static uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type) {
     return ZOLTLOG_OK;
 }
 
+uint32_t initMsgLocked(LogMsg *msg, LogHandle *handle, uint32_t type) {
+    return initWithoutText(msg, handle, type, handle->sequenceNumber++);
+}
+
 uint32_t initMsgWithOwnedText(LogMsg *msg, LogHandle *handle, uint32_t type, char *ownedText) {
     uint32_t result = ZOLTLOG_INVALID_ARGUMENT;
     if (msg != nullptr && handle != nullptr)
-        result = initWithoutText(msg, handle, type);
+        result = initWithoutText(msg, handle, type, GetNextSequenceNumber(handle));
     if (result == ZOLTLOG_OK)
         msg->text = ownedText;
     else
@@ -76,7 +80,7 @@ uint32_t initMsgWithOwnedText(LogMsg *msg, LogHandle *handle, uint32_t type, cha
 uint32_t zoltLogInitMsg(LogMsg *msg, LogHandle *handle, uint32_t type, const char *defaultText) {
     if (msg == nullptr || handle == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    const uint32_t result = initWithoutText(msg, handle, type);
+    const uint32_t result = initWithoutText(msg, handle, type, GetNextSequenceNumber(handle));
     if (result != ZOLTLOG_OK || defaultText == nullptr)
         return result;
     msg->text = zoltLogSafeStrdup(defaultText);

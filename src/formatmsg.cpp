@@ -508,20 +508,27 @@ extern "C" char *fstrncat(char *buffer, size_t size, const char *format, ...) {
 // Of the open localization library, which a site may have replaced.
 extern "C" [[gnu::weak]] decltype(qdlisFormat) qdlisFormat;
 
+char *formatTextInto(char *buffer, size_t size, const char *reference, va_list args) {
+    if (qdlisFormat != nullptr && qdlisFormat(zoltLisTextV, buffer, size, reference, args) >= 0)
+        return buffer;
+    ZoltLisBlock block = {};
+    if (zoltLisTextV(&block, reference, args) != 0)
+        return nullptr;
+    bool any;
+    char *text = renderWhole(&block, buffer, size, &any);
+    zoltLisFree(&block);
+    return text;
+}
+
 extern "C" uint32_t listxt_svnprintf(char **text, const char *reference, va_list args) {
     if (text == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    if (qdlisFormat != nullptr) {
-        char first[FIRST_ROOM];
-        const int64_t length = qdlisFormat(zoltLisTextV, first, sizeof first, reference, args);
-        if (length >= 0) {
-            const size_t size = static_cast<size_t>(length) + 1;
-            char *copy = static_cast<char *>(zoltLogMalloc(size));
-            *text = copy == nullptr ? nullptr : static_cast<char *>(memcpy(copy, first, size));
-            return ZOLTLOG_OK;
-        }
-    }
     ZoltLisBlock block = {};
+    char first[FIRST_ROOM];
+    if (qdlisFormat != nullptr && qdlisFormat(zoltLisTextV, first, sizeof first, reference, args) >= 0) {
+        *text = zoltLogSafeStrdup(first);
+        return ZOLTLOG_OK;
+    }
     if (zoltLisTextV(&block, reference, args) != 0)
         return ZOLTLOG_OK;
     bool any;

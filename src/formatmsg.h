@@ -1,6 +1,7 @@
 // Localized text: the text of a message's localization block, made whole.
 #pragma once
 
+#include <stdarg.h>
 #include <stddef.h>
 
 #include "zoltlog.h"
@@ -17,3 +18,7 @@ char *renderLisText(ZoltLisBlock *block);
 // allocated as by renderLisText. The caller frees the result when it is not
 // buffer. Null as for renderLisText.
 char *renderLisTextInto(ZoltLisBlock *block, char *buffer, size_t size);
+
+// The text that listxt_svnprintf makes, in buffer when it fits there, else allocated:
+// the caller frees the result when it is not buffer. Null when there is none.
+char *formatTextInto(char *buffer, size_t size, const char *reference, va_list args);

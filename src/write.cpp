@@ -2,6 +2,8 @@
 // and to the sinks, keeps levels and sequence numbers. Leaves to others: reading the
 // settings (config), files (write_file), message texts (formatmsg), console and system
 // log (LogOutput, osLogUnix). The message entry points are in write_messages.cpp.
+#include "write.h"
+
 #include "cmn_routines.h"
 #include "formatmsg.h"
 #include "lockUnix.h"
@@ -144,14 +146,15 @@ uint32_t zoltLogClose(LogHandle *handle) {
 
 // ---- dispatch ------------------------------------------------------------------------
 
-uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg) {
-    if (handle == nullptr || msg == nullptr)
-        return ZOLTLOG_INVALID_ARGUMENT;
-    const bool secure = msg->type == ZOLTLOG_MSG_SECURE_AUDIT;
-    if (secure && handle->file != nullptr)
+// Secure audit messages go to the system log only, through a handle without a file.
+static bool isSecureOnFile(const LogHandle *handle, const LogMsg *msg) {
+    return msg->type == ZOLTLOG_MSG_SECURE_AUDIT && handle->file != nullptr;
+}
+
+uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg) {
+    if (isSecureOnFile(handle, msg))
         return ZOLTLOG_SECURE_ON_FILE_HANDLE;
     msg->utf8 = handle->utf8;
-    const GlobalLock lock(TAG_MSG);
     if (!isBlockEmpty(&msg->lis)) { // from here on the text is the only form of the wording
         if (msg->text == nullptr)
             msg->text = renderLisText(&msg->lis);
@@ -159,10 +162,19 @@ uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg) {
         msg->lis = {};
     }
     uint32_t written = ZOLTLOG_OK;
-    if (!secure)
+    if (msg->type != ZOLTLOG_MSG_SECURE_AUDIT)
         written = zoltLogWriteMsgWithRolloverToFile(handle->file, msg);
     const uint32_t output = LogOutputBasedOnFlags(handle, msg, flags);
     return written != ZOLTLOG_OK ? written : output;
+}
+
+uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg) {
+    if (handle == nullptr || msg == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    if (isSecureOnFile(handle, msg))
+        return ZOLTLOG_SECURE_ON_FILE_HANDLE;
+    const GlobalLock lock(TAG_MSG);
+    return dispatchLocked(handle, flags, msg);
 }
 
 // ---- levels and sequence numbers -----------------------------------------------------

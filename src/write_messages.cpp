@@ -13,19 +13,36 @@
 // Order: owned texts and blocks; send; wording; application, diagnostic, audit,
 // secure audit, debug; contexts.
 #include "bin_msg.h"
+#include "formatmsg.h"
 #include "lockUnix.h"
-
-#include <memory>
-#include <utility>
+#include "write.h"
 
 // ---- owned texts and blocks --------------------------------------------------
 
 namespace {
 
-struct TextFree {
-    void operator()(char *text) const { zoltLogFree(text); }
+constexpr size_t TEXT_ROOM = 1024; // most texts are shorter; longer ones lie on the heap
+
+// The text of a message for the length of a call, or none.
+struct CallText {
+    CallText() = default;
+    ~CallText() { release(); }
+    CallText(const CallText &) = delete;
+    CallText &operator=(const CallText &) = delete;
+
+    void format(const char *format, va_list args) {
+        release();
+        text = formatTextInto(room, sizeof room, format, args);
+    }
+    void release() {
+        if (text != room)
+            zoltLogFree(text);
+        text = nullptr;
+    }
+
+    char *text = nullptr;
+    char room[TEXT_ROOM];
 };
-using OwnedText = std::unique_ptr<char, TextFree>;
 
 // A localization block of which this code is the owner.
 struct OwnedBlock {
@@ -92,31 +109,27 @@ static uint32_t setAttributes(LogMsg *record, const Message &message) {
     }
 }
 
-// Builds the record and dispatches it. The text is consumed in any case; the
-// block is consumed unless the record could not be initialised, when it is left
-// in place for the caller to decide upon.
-static uint32_t send(LogHandle *handle, const Message &message, OwnedText text, OwnedBlock &block) {
+// Builds the record and dispatches it. The text, which may be null, stays the
+// caller's; the block is consumed unless the record could not be initialised, when it
+// is left in place for the caller to decide upon.
+static uint32_t send(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
     const GlobalLock lock(message.lockTag);
     LogMsg record;
-    uint32_t result = initMsgWithOwnedText(&record, handle, message.type, text.release());
+    uint32_t result = initMsgLocked(&record, handle, message.type);
     if (result != ZOLTLOG_OK)
         return result;
+    char *const borrowed = const_cast<char *>(text);
+    record.text = borrowed;
     if ((message.flags & ZOLTLOG_NO_MESSAGE_ID) == 0)
         record.messageId = message.messageId;
     record.lis = block.release();
     result = setAttributes(&record, message);
     if (result == ZOLTLOG_OK)
-        result = zoltLogMsg(handle, message.flags, &record);
+        result = dispatchLocked(handle, message.flags, &record);
+    if (record.text == borrowed) // else the dispatcher made one of the block
+        record.text = nullptr;
     (void)zoltLogFreeMsg(&record);
     return result;
-}
-
-// The same with a copy of a text of the caller, which may be null.
-static uint32_t sendCopy(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
-    OwnedText copy(zoltLogSafeStrdup(text));
-    if (text != nullptr && copy == nullptr)
-        return ZOLTLOG_NO_MEMORY;
-    return send(handle, message, std::move(copy), block);
 }
 
 // ---- wording -----------------------------------------------------------------
@@ -136,12 +149,6 @@ uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult) {
     }
 }
 
-static OwnedText formatText(const char *format, va_list args) {
-    char *text = nullptr;
-    (void)listxt_svnprintf(&text, format, args); // without a text the message goes out without one
-    return OwnedText(text);
-}
-
 static uint32_t lookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t messageNumber,
                        const char *format, va_list args) {
     return zoltLogMapLisResToLoggingRes(zoltLisVEx(block, handle->utf8, messageNumber, format, args));
@@ -150,7 +157,7 @@ static uint32_t lookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t mes
 // The wording of an application or diagnostic message: a catalogue block, a text
 // formatted here, or with ZOLTLOG_KEEP_LOCAL_TEXT both.
 static uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t messageNumber,
-                            const char *format, va_list args, OwnedText *text, OwnedBlock *block) {
+                            const char *format, va_list args, CallText *text, OwnedBlock *block) {
     if (messageNumber != 0) {
         va_list copy;
         va_copy(copy, args);
@@ -161,7 +168,7 @@ static uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t mes
         if ((flags & ZOLTLOG_KEEP_LOCAL_TEXT) == 0)
             return ZOLTLOG_OK;
     }
-    *text = formatText(format, args);
+    text->format(format, args); // without a text the message goes out without one
     return ZOLTLOG_OK;
 }
 
@@ -229,14 +236,14 @@ uint32_t zoltLogAppMsg2VEx(LogHandle *handle, uint64_t messageId, uint32_t flags
                            const char *who, int64_t messageNumber, const char *format, va_list args) {
     if (handle == nullptr || format == nullptr || who == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    OwnedText text;
+    CallText text;
     OwnedBlock block;
     const uint32_t result = makeWording(handle, flags, messageNumber, format, args, &text, &block);
     if (result != ZOLTLOG_OK)
         return result;
-    if (lacksLocalText(flags, text.get()))
+    if (lacksLocalText(flags, text.text))
         return ZOLTLOG_INVALID_ARGUMENT;
-    return send(handle, appMessage(messageId, flags, severity, who), std::move(text), block);
+    return send(handle, appMessage(messageId, flags, severity, who), text.text, block);
 }
 
 uint32_t zoltLogAppMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
@@ -249,7 +256,7 @@ uint32_t zoltLogAppMsg2LEx(LogHandle *handle, uint64_t messageId, uint32_t flags
     OwnedBlock taken = takeBlock(block);
     if (handle == nullptr || block == nullptr || who == nullptr || lacksLocalText(flags, text))
         return ZOLTLOG_INVALID_ARGUMENT;
-    return sendCopy(handle, appMessage(messageId, flags, severity, who), text, taken);
+    return send(handle, appMessage(messageId, flags, severity, who), text, taken);
 }
 
 // ---- diagnostic --------------------------------------------------------------
@@ -285,14 +292,14 @@ uint32_t zoltLogDiagMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags,
     (void)zoltDynaLoadConfig(handle); // always succeeds
     if (isFiltered(&handle->diagLevel, level))
         return ZOLTLOG_OK;
-    OwnedText text;
+    CallText text;
     OwnedBlock block;
     const uint32_t result = makeWording(handle, flags, messageNumber, format, args, &text, &block);
     if (result != ZOLTLOG_OK)
         return result;
-    if (lacksLocalText(flags, text.get()))
+    if (lacksLocalText(flags, text.text))
         return ZOLTLOG_INVALID_ARGUMENT;
-    return send(handle, diagMessage(messageId, flags, level, who), std::move(text), block);
+    return send(handle, diagMessage(messageId, flags, level, who), text.text, block);
 }
 
 uint32_t zoltLogDiagMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
@@ -302,7 +309,7 @@ uint32_t zoltLogDiagMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags,
         return ZOLTLOG_INVALID_ARGUMENT;
     if (isFiltered(&handle->diagLevel, level))
         return ZOLTLOG_OK;
-    return sendCopy(handle, diagMessage(messageId, flags, level, who), text, taken);
+    return send(handle, diagMessage(messageId, flags, level, who), text, taken);
 }
 
 // ---- audit -------------------------------------------------------------------
@@ -339,7 +346,7 @@ uint32_t zoltLogAuditMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags
     const uint32_t result = lookUp(&block.words, handle, messageNumber, format, args);
     if (result != ZOLTLOG_OK)
         return result;
-    return send(handle, auditMessage(messageId, flags, subject, outcome), OwnedText(), block);
+    return send(handle, auditMessage(messageId, flags, subject, outcome), nullptr, block);
 }
 
 uint32_t zoltLogAuditMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
@@ -347,7 +354,7 @@ uint32_t zoltLogAuditMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags
     OwnedBlock taken = takeBlock(block);
     if (handle == nullptr || block == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    return send(handle, auditMessage(messageId, flags, subject, outcome), OwnedText(), taken);
+    return send(handle, auditMessage(messageId, flags, subject, outcome), nullptr, taken);
 }
 
 // ---- secure audit ------------------------------------------------------------
@@ -376,7 +383,7 @@ uint32_t zoltLogSecureAuditMsgV(LogHandle *handle, uint32_t level, const char *s
     const uint32_t result = lookUp(&block.words, handle, messageNumber, format, args);
     if (result != ZOLTLOG_OK)
         return result;
-    return send(handle, secureAuditMessage(level, subject, outcome), OwnedText(), block);
+    return send(handle, secureAuditMessage(level, subject, outcome), nullptr, block);
 }
 
 uint32_t zoltLogSecureAuditMsgL(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
@@ -386,7 +393,7 @@ uint32_t zoltLogSecureAuditMsgL(LogHandle *handle, uint32_t level, const char *s
         return ZOLTLOG_INVALID_ARGUMENT;
     if (isFiltered(&handle->secureAuditLevel, level))
         return ZOLTLOG_OK;
-    const uint32_t result = send(handle, secureAuditMessage(level, subject, outcome), OwnedText(), taken);
+    const uint32_t result = send(handle, secureAuditMessage(level, subject, outcome), nullptr, taken);
     // KEPT: when the record cannot be initialised the block stays with the caller, who frees it.
     // Pinned by WriteMessages.ASecureAuditBlockStaysWithTheCallerWhenInitialisationFails.
     *block = taken.release();
@@ -426,9 +433,10 @@ uint32_t zoltLogDebugMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags
     (void)zoltDynaLoadConfig(handle); // always succeeds
     if (isFiltered(&handle->debugLevel, level))
         return ZOLTLOG_OK;
+    CallText text;
+    text.format(format, args);
     OwnedBlock none;
-    return send(handle, debugMessage(TAG_DEBUG_MSG_2V, messageId, flags, level, who),
-                formatText(format, args), none);
+    return send(handle, debugMessage(TAG_DEBUG_MSG_2V, messageId, flags, level, who), text.text, none);
 }
 
 uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
@@ -436,9 +444,8 @@ uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t le
     if (handle == nullptr || who == nullptr || text == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     OwnedBlock none;
-    return sendCopy(handle,
-                    debugMessage(TAG_FORMATTED_DEBUG_MSG, 0, flags | ZOLTLOG_NO_MESSAGE_ID, level, who), text,
-                    none);
+    return send(handle, debugMessage(TAG_FORMATTED_DEBUG_MSG, 0, flags | ZOLTLOG_NO_MESSAGE_ID, level, who),
+                text, none);
 }
 
 // ---- contexts ----------------------------------------------------------------
@@ -447,14 +454,14 @@ uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t le
 // when it fails.
 static uint32_t makeContextMessage(LogHandle *parent, LogMsg *msg, const char *token, int64_t messageNumber,
                                    const char *format, va_list args) {
-    OwnedText text;
+    char *text = nullptr;
     if (messageNumber == 0) {
         va_list copy;
         va_copy(copy, args);
-        text = formatText(format, copy);
+        (void)listxt_svnprintf(&text, format, copy); // without one the context goes out without
         va_end(copy);
     }
-    uint32_t result = initMsgWithOwnedText(msg, parent, ZOLTLOG_MSG_CONTEXT, text.release());
+    uint32_t result = initMsgWithOwnedText(msg, parent, ZOLTLOG_MSG_CONTEXT, text);
     if (result != ZOLTLOG_OK)
         return result;
     msg->utf8 = parent->utf8; // this record does not pass through zoltLogMsg, which does it for others

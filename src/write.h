@@ -1,0 +1,7 @@
+// Dispatch, for the message entry points.
+#pragma once
+
+#include "zoltlog.h"
+
+// zoltLogMsg for a thread that holds the lock; neither may be null.
+uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg);
