@@ -427,7 +427,8 @@ static uint32_t removeSection(PropertyStore *store, const char *section) {
     bool dropped = false;
     StoreText line;
     while (!rewrite.failed && storeReaderNext(&rewrite.reader, &line)) {
-        if (memchr(line.text, '.', line.size) != nullptr && storeLineInSection(line, section, "."))
+        if (memchr(line.text, '.', strnlen(line.text, line.size)) != nullptr &&
+            storeLineInSection(line, section, "."))
             dropped = true;
         else
             putLine(&rewrite, line);

@@ -259,6 +259,9 @@ TEST(PropertyStore, BytesBehindANulAreCopied) {
     EXPECT_EQ(readFile(FILE_NAME), std::string("4.a=1\0junk\n5.a=2\n", 17));
     Store other("4");
     EXPECT_EQ(get(&other.handle, "a"), "1");
+    writeFile(FILE_NAME, std::string("5\0.a=1\n5.b=1\n", 14)); // no '.' in the first line's text
+    EXPECT_EQ(utiRemovePropertyRoot(&store.handle, "5"), 0U);
+    EXPECT_EQ(readFile(FILE_NAME), std::string("5\0.a=1\n", 8));
 }
 
 // ---- lookups --------------------------------------------------------------------------
