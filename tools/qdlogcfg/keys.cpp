@@ -135,6 +135,12 @@ std::string showFacility(LogCfg &cfg) {
     return name != nullptr ? name : std::to_string(cfg.oslog.facility);
 }
 
+uint32_t applyIdent(LogCfg &cfg, const std::string &value) {
+    if (value.size() > sizeof cfg.oslog.ident) // the library would cut it
+        return ZOLTLOG_INVALID_ARGUMENT;
+    return zoltLogCfgSetSyslogIdent(&cfg, value.c_str());
+}
+
 uint32_t applyFacility(LogCfg &cfg, const std::string &value) {
     const uint32_t facility = strToFacility(value.c_str());
     if (facility == 0 && value != "LOG_KERN") // the library takes an unknown name for LOG_KERN
@@ -165,7 +171,7 @@ std::string showSyslogOption(LogCfg &cfg) {
 
 const std::vector<Key> &keys() {
     static const std::vector<Key> table = {
-        {"LogDirectory", "a path; a relative one lies below the Default section's directory",
+        {"LogDirectory", "a path; a relative one lies below the inherited directory",
          "directory of the log files", true, true, Key::TEXT, showDirectory, applyDirectory, "/a/", "/b/"},
         {"OIDNames", "names separated by commas", "names of the originator or log set", true, true, Key::TEXT,
          showNames, applyNames, "a", "b"},
@@ -191,8 +197,9 @@ const std::vector<Key> &keys() {
         {"LogToOslog", "true or false", "copy messages to the system log", true, true, Key::BOOLEAN,
          showFlag<ZOLTLOG_OUT_OSLOG>, applyBoolean<zoltLogCfgEnableLogToOslog, zoltLogCfgDisableLogToOslog>,
          "true", "false"},
-        {"FileName", "a name without '-' and '/'", "base name of the log set's files", false, true, Key::TEXT,
-         showText<&LogCfg::logsetFilename>, applyText<zoltLogCfgSetLogsetFilename>, "a", "b"},
+        {"FileName", "a name without '-' and '/', not a number", "base name of the log set's files", false,
+         true, Key::TEXT, showText<&LogCfg::logsetFilename>, applyText<zoltLogCfgSetLogsetFilename>, "a",
+         "b"},
         {"AppMsgLogging", "ON or OFF", "whether application messages are written", true, true, Key::TEXT,
          showAppMsgLogging, applyAppMsgLogging, "ON", "OFF"},
         {"OIDAppMsgLogging", "originator names separated by commas", "originators of application messages",
@@ -219,8 +226,8 @@ const std::vector<Key> &keys() {
         {"NumberOfLogFiles", "1 or more", "how many files of a series are kept", true, true, Key::NUMBER,
          showNumber<uint64_t, &LogCfg::numberOfLogFiles>, applyNumber64<zoltLogCfgSetNumberOfLogFiles>, "11",
          "12"},
-        {"SyslogIdent", "at most 79 bytes", "identity in the system log", true, true, Key::TEXT, showIdent,
-         applyText<zoltLogCfgSetSyslogIdent>, "a", "b"},
+        {"SyslogIdent", "at most 80 bytes", "identity in the system log", true, true, Key::TEXT, showIdent,
+         applyIdent, "a", "b"},
         {"SyslogOpt", "a number", "option bits of openlog", true, true, Key::NUMBER, showSyslogOption,
          applyNumber32<zoltLogCfgSetSyslogOpt>, "1", "2"},
         {"SyslogFacility", "a name such as LOG_USER or LOG_LOCAL0", "facility in the system log", true, true,
