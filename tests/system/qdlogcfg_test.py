@@ -3,6 +3,7 @@
 import json
 import os
 import re
+import shutil
 import subprocess
 import unittest
 
@@ -33,6 +34,7 @@ class Qdlogcfg(unittest.TestCase):
         for name in os.listdir("."):
             if name.endswith(".conf"):
                 os.remove(name)
+        shutil.rmtree("logs", ignore_errors=True)
 
     def ok(self, *arguments):
         status, out, err = run(*arguments)
@@ -75,6 +77,9 @@ class Qdlogcfg(unittest.TestCase):
         status, _, err = run("product", "add", "5", "-n", "x", "-f", f"{HERE}/other.conf")
         self.assertEqual(status, 3)
         self.assertIn("(27)", err)
+        status, _, err = run("product", "add", "5", "--dry-run", "-n", "x", "-f", f"{HERE}/other.conf")
+        self.assertEqual(status, 3)
+        self.assertIn("(27)", err)
         self.assertEqual(read("main.conf"), before)
 
     def test_show_tells_where_each_value_comes_from(self):
@@ -108,12 +113,16 @@ class Qdlogcfg(unittest.TestCase):
                         "RolloverMode=Weekly", "RolloverMode=LocalTime | Periodic", "RolloverAtLocalTime=24:00",
                         "LogFilePermissions=755", "LogFilePermissions=9", "SyslogFacility=log_user",
                         "LogToStdout=yes", "AppMsgLogging=on", "SyslogIdent=a=b", "SyslogIdent=a\n5.x=y",
+                        "LogDirectory=logs", "SyslogIdent=" + "x" * 81, "SyslogOpt=4294967296", b"OIDNames=\xff",
                         "FileName=x", "DebugLevle=3", "DebugLevel", "OIDNames=" + "x" * 400]:
             status, out, err = run("set", "-p", "5", setting)
             self.assertEqual((status, out), (2, ""), setting)
             self.assertNotEqual(err, "")
         self.assertEqual(read("server.conf"), before)
         self.assertIn("did you mean DebugLevel?", run("set", "-p", "5", "DebugLevle=3")[2])
+        for setting in ["FileName=a-b", "FileName=a/b", "FileName=7", "LogDirectory=logs", "L10nLib=x"]:
+            self.assertEqual(run("set", "-p", "5", "-l", "Default", setting)[:2], (2, ""), setting)
+        self.assertEqual(read("server.conf"), before)
 
     def test_one_bad_setting_among_many_changes_nothing(self):
         self.register()
@@ -187,14 +196,162 @@ class Qdlogcfg(unittest.TestCase):
             ("LOGSET.a-b.DebugLevel=1", "with '-'"),
             ("7.LogRecycle=true\n7.RolloverMode=FileSize", "without NumberOfLogFiles"),
             ("7.LogRecycle=true\n7.NumberOfLogFiles=3", "without a RolloverMode"),
-            ("7.NumberOfLogFiles=3", "without LogRecycle"),
             ("7.OIDNames=x\r", "carriage return"),
+            ("7.OIDNames=x\0y", "NUL byte"),
+            ("7.LogToStdout=true ", "reads as false"),
+            ("7.AppMsgLogging=ON ", "reads as OFF"),
+            ("7.SyslogOpt=4294967297", "lower 32 bits"),
+            ("7.SyslogIdent=" + "i" * 81, "first 80 bytes"),
+            ("112.DebugLevel=1", "is Default"),
+            ("LOGSET.a.b.DebugLevel=1", "holds a '.'"),
+            ("LOGSET.a.LogDirectory=logs", "depends on where"),
+            (f"LOGSET.a.LogDirectory={HERE}/logs\nLOGSET.a.FileName=112", "write one series"),
+            (f"9.DebugLevel=1\nLOGSET.a.LogDirectory={HERE}//logs\nLOGSET.a.FileName=9", "write one series"),
+            ("LOGSET.a.LogDirectory=/tmp\nLOGSET.a.FileName=9", "those of originator 9"),
+            ("LOGSET.9.LogDirectory=/tmp", "those of originator 9"),
         ]
         for added, expected in cases:
             write("server.conf", good + added + "\n")
             texts = [finding["text"] for finding in self.check()]
             self.assertTrue(any(expected in text for text in texts), (added, texts))
         write("server.conf", good)
+        self.assertEqual(self.check(0), [])
+
+    def test_check_takes_what_the_library_takes(self):
+        self.register()
+        good = read("server.conf")
+        for added in ["7.NumberOfLogFiles=3", "7.SyslogFacility=LOG_LOCAL3  ", "7.LogFilePermissions=640 ",
+                      "7.RolloverMode=FileSize|LocalTime ", "7.SyslogIdent=" + "i" * 80, "7.OIDNames=K\u00e4se",
+                      f"LOGSET.a.LogDirectory={HERE}/logs\nLOGSET.b.LogDirectory={HERE}/logs"]:
+            write("server.conf", good + added + "\n")
+            self.assertEqual(self.check(0), [], added)
+        write("main.conf", read("main.conf").replace("server.conf", "server.conf  "))
+        self.assertEqual(self.check(0), [])  # a path's blanks at the end do not count
+
+    def test_check_tells_a_directory_that_this_user_cannot_use(self):
+        self.register()
+        user = {"user": 65534, "group": 65534, "extra_groups": []} if os.geteuid() == 0 else {}
+        os.makedirs("locked", exist_ok=True)
+        self.ok("set", "-p", "5", f"LogDirectory={HERE}/locked")
+
+        def told():
+            done = subprocess.run([TOOL, "-c", f"{HERE}/main.conf", "check", "--json"], capture_output=True, text=True,
+                                  check=False, **user)
+            if done.returncode == 3:
+                self.skipTest("another user cannot read this directory")
+            return [finding["text"] for finding in json.loads(done.stdout)]
+        for name in ("main.conf", "server.conf"):
+            os.chmod(name, 0o644)
+        try:
+            for mode, expected in [(0o555, "cannot be written by this user"), (0o333, "cannot be read by this user"),
+                                   (0o666, "cannot be read by this user")]:
+                os.chmod("locked", mode)
+                texts = told()
+                self.assertTrue(any(expected in text for text in texts), (oct(mode), texts))
+            os.chmod("locked", 0o555)
+            self.ok("set", "-p", "5", f"LogDirectory={HERE}/locked/below")
+            texts = told()
+            self.assertTrue(any("cannot be made by this user" in text for text in texts), texts)
+            os.chmod("locked", 0o777)
+            self.assertEqual(told(), [])
+        finally:
+            os.chmod("locked", 0o755)
+
+    def test_a_last_line_without_a_line_feed_is_told_and_not_changed(self):
+        self.register()
+        unfinished = read("server.conf") + "7.DebugLevel=1"
+        write("server.conf", unfinished)
+        texts = [finding["text"] for finding in self.check()]
+        self.assertTrue(any("no line feed" in text for text in texts), texts)
+        for command in [("set", "-p", "5", "DebugLevel=3"), ("set", "-p", "5", "--dry-run", "DebugLevel=3"),
+                        ("unset", "-p", "5", "-o", "7", "DebugLevel"),
+                        ("unset", "-p", "5", "-o", "7", "--dry-run", "DebugLevel")]:
+            status, out, err = run(*command)
+            self.assertEqual((status, out), (3, ""), command)
+            self.assertIn("no line feed", err)
+            self.assertEqual(read("server.conf"), unfinished)
+        write("server.conf", unfinished + "\n")
+        self.ok("set", "-p", "5", "DebugLevel=3")
+        unfinished = read("main.conf") + "6.Names=x"
+        write("main.conf", unfinished)
+        for command in [("product", "add", "7", "-n", "x", "-f", f"{HERE}/x.conf"),
+                        ("product", "add", "7", "-n", "x", "-f", f"{HERE}/x.conf", "--dry-run")]:
+            status, _, err = run(*command)
+            self.assertEqual(status, 3)
+            self.assertIn("no line feed", err)
+            self.assertEqual(read("main.conf"), unfinished)
+        self.assertTrue(any("no line feed" in finding["text"] for finding in self.check()))
+
+    def test_a_file_that_cannot_be_read_is_no_empty_one(self):
+        os.mkdir("main.conf")
+        try:
+            for command in [("product", "list"), ("show", "-p", "5"), ("budget",), ("check",)]:
+                status, out, err = run(*command)
+                self.assertEqual((status, out), (3, ""), command)
+                self.assertIn("cannot be read", err)
+        finally:
+            os.rmdir("main.conf")
+        self.ok("product", "add", "5", "--names", "server", "--file", f"{HERE}/server.conf")
+        self.ok("show", "-p", "5")  # not made yet: the built-in defaults hold
+        os.mkdir("server.conf")
+        try:
+            for command in [("show", "-p", "5"), ("list", "-p", "5"), ("get", "-p", "5", "DebugLevel"), ("budget",),
+                            ("set", "-p", "5", "DebugLevel=1"), ("unset", "-p", "5", "DebugLevel")]:
+                status, out, err = run(*command)
+                self.assertEqual((status, out), (3, ""), command)
+                self.assertIn("cannot be read", err)
+        finally:
+            os.rmdir("server.conf")
+
+    def test_a_main_file_may_be_named_by_a_relative_path(self):
+        done = subprocess.run([TOOL, "-c", "main.conf", "product", "add", "5", "-n", "x", "-f", f"{HERE}/x.conf"],
+                              capture_output=True, text=True, check=False)
+        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        self.assertIn("5.Names=x\n", read("main.conf"))
+
+    def test_names_are_never_empty(self):
+        self.register()
+        before = read("server.conf")
+        for scope in ["--logset", "--originator"]:
+            self.assertEqual(run("set", "-p", "5", scope, "", "DebugLevel=1")[0], 2)
+        for name in ["a.b", "a=b", "a\nb"]:
+            self.assertEqual(run("set", "-p", "5", "-l", name, "DebugLevel=1")[0], 2)
+        self.assertEqual(read("server.conf"), before)
+
+    def test_log_sets_of_a_location_that_is_no_file_are_left_alone(self):
+        self.register()
+        write("main.conf", f"5.Configuration={HERE}/plain\n5.Names=server\n")
+        status, _, err = run("set", "-p", "5", "-l", "backup", "DebugLevel=1")
+        self.assertEqual(status, 3)
+        self.assertIn(".conf", err)
+        self.assertFalse(os.path.exists("plain"))
+
+    def test_a_log_set_does_not_inherit_the_file_name(self):
+        self.register()
+        self.ok("set", "-p", "5", "-l", "Default", "FileName=base", f"LogDirectory={HERE}/logs")
+        self.ok("set", "-p", "5", "-l", "backup", "DebugLevel=1")
+        shown = {row["key"]: row for row in json.loads(self.ok("show", "-p", "5", "-l", "backup", "--json"))}
+        self.assertEqual((shown["FileName"]["value"], shown["FileName"]["from"]), ("backup", "built-in"))
+        self.assertIn("the log set's name", self.ok("show", "-p", "5", "-l", "backup"))
+        shown = {row["key"]: row for row in json.loads(self.ok("show", "-p", "5", "-l", "Default", "--json"))}
+        self.assertEqual((shown["FileName"]["value"], shown["FileName"]["from"]), ("base", "LOGSET.Default"))
+
+    def test_what_is_no_setting_can_be_removed(self):
+        self.register()
+        before = read("server.conf")
+        write("server.conf", before + "7.DebugLevle=3\nLOGSET.a.L10nLib=x\n")
+        self.ok("unset", "-p", "5", "-o", "7", "DebugLevle")
+        self.ok("unset", "-p", "5", "-l", "a", "L10nLib")
+        self.assertEqual(read("server.conf"), before)
+        self.assertEqual(run("unset", "-p", "5", "-o", "7", "DebugLevle")[0], 2)
+        self.assertEqual(run("unset", "-p", "5", "-o", "7", "DebugLevel")[0], 1)
+
+    def test_many_originators_are_found_by_name_and_checked(self):
+        self.register()
+        lines = [f"{i}.OIDNames=part{i}\n{i}.DebugLevel=1\n" for i in range(200, 1700)]
+        write("server.conf", read("server.conf") + "".join(lines))
+        self.assertEqual(self.ok("get", "-p", "5", "-o", "part1699", "OIDNames"), "part1699\n")
+        self.assertEqual(len(json.loads(self.ok("list", "-p", "5", "--json"))), 1501)
         self.assertEqual(self.check(0), [])
 
     def test_check_finds_problems_of_the_main_file(self):
@@ -209,6 +366,7 @@ class Qdlogcfg(unittest.TestCase):
                 ("6.Names=x", "counts as not registered"),
                 ("5.AppMsgLogging=ON", "reads as false"),
                 ("5.Colour=red", "unknown key"),
+                (f"6.Configuration={HERE}/six.conf\n6.Names=x,srv", "are both named 'srv'"),
                 (f"abc.Configuration={HERE}/server.conf", "no product id")]:
             write("main.conf", good + added + "\n")
             texts = [finding["text"] for finding in self.check()]
@@ -247,6 +405,14 @@ class Qdlogcfg(unittest.TestCase):
         self.assertEqual(told["series"][0]["most_bytes"], 3 * 64 * 1024)
         self.assertEqual(told["volumes"][0]["most_bytes"], 3 * 64 * 1024)
         self.assertTrue(told["fits"])
+        self.assertEqual(told["series"][0]["used_bytes"], 0)
+        os.makedirs("logs", exist_ok=True)
+        write("logs/5-112-20260101-0000000001.log", "x" * 1000)
+        write("logs/5-1123-20260101-0000000001.log", "x" * 1000)
+        write("logs/5-112-notes.txt", "x" * 1000)
+        told = json.loads(self.ok("budget", "--json"))
+        self.assertEqual(told["series"][0]["used_bytes"], 1000)
+        self.assertEqual(told["volumes"][0]["used_bytes"], 1000)
         self.ok("set", "-p", "5", "NumberOfLogFiles=1000000000")
         self.assertEqual(run("budget")[0], 1)
 
@@ -277,6 +443,7 @@ class Qdlogcfg(unittest.TestCase):
             status, out, _ = run(*command, "--help")
             self.assertEqual(status, 0)
             self.assertIn("Example:\n  qdlogcfg ", out, command)
+            self.assertRegex(run(*command, "--version")[1], r"^qdlogcfg \d", command)
 
     def test_the_manual_page_lists_every_option_and_setting(self):
         page = read(os.path.join(SOURCE, "docs", "man", "qdlogcfg.1.scd"))

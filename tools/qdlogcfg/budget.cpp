@@ -20,13 +20,31 @@ struct Series {
     uint64_t files;     // kept; 0: all
     std::string why;    // why there is no bound; empty when there is one
     uint64_t bound;     // bytes
+    uint64_t used;      // bytes of the files that are there
 };
+
+// The size of a series' files, which need no further space.
+uint64_t usedBytes(const std::string &directory, const std::string &namesBegin) {
+    uint64_t bytes = 0;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        std::error_code gone;
+        if (name.rfind(namesBegin, 0) != 0 || entry->path().extension() != ".log" ||
+            !entry->is_regular_file(gone))
+            continue;
+        const uint64_t size = entry->file_size(gone);
+        bytes += gone ? 0 : size;
+    }
+    return bytes;
+}
 
 // A file is left before it reaches its limit, so the limit bounds it (but for a
 // single record larger than that).
 Series seriesOf(const Scope &scope, const LogCfg &cfg) {
     Series series{
-        "product " + std::to_string(scope.product.id) + ", " + scope.title(), cfg.directory, 0, 0, "", 0};
+        "product " + std::to_string(scope.product.id) + ", " + scope.title(), cfg.directory, 0, 0, "", 0, 0};
     const bool bySize =
         IsValidRolloverMode(cfg.rolloverMode) != 0 && (cfg.rolloverMode & ZOLTLOG_ROLLOVER_FILE_SIZE) != 0;
     if (bySize)
@@ -42,6 +60,9 @@ Series seriesOf(const Scope &scope, const LogCfg &cfg) {
         series.why = "too large to count";
     else
         series.bound = series.fileBytes * series.files;
+    series.used = usedBytes(
+        cfg.directory, std::to_string(scope.product.id) + "-" +
+                           (scope.isLogset ? cfg.logsetFilename : std::to_string(scope.originator)) + "-");
     return series;
 }
 
@@ -49,7 +70,11 @@ struct Volume {
     std::string where;
     uint64_t free = 0;
     uint64_t bound = 0;
+    uint64_t used = 0;
+    uint64_t growth = 0; // what is left of each series' bound
     bool unbounded = false;
+
+    bool fits() const { return !unbounded && growth <= free; }
 };
 
 } // namespace
@@ -63,6 +88,7 @@ int showBudget(const Options &options, Output &out) {
     std::vector<Series> all;
     std::map<dev_t, Volume> volumes;
     for (const Product &product : products) {
+        requireReadable(readConfigFile(product.location));
         for (const Scope &scope : allScopes(product)) {
             Settings settings;
             if (!readSettings(scope, settings) || settings.cfg.directory[0] == '\0')
@@ -78,6 +104,9 @@ int showBudget(const Options &options, Output &out) {
             if (volume.where.empty())
                 volume.where = place;
             volume.free = static_cast<uint64_t>(space.f_bavail) * space.f_frsize;
+            volume.used += series.used;
+            const uint64_t growth = series.bound > series.used ? series.bound - series.used : 0;
+            volume.growth = growth > UINT64_MAX - volume.growth ? UINT64_MAX : volume.growth + growth;
             volume.unbounded = volume.unbounded || !series.why.empty();
             if (volume.bound + series.bound < volume.bound)
                 volume.unbounded = true;
@@ -87,7 +116,7 @@ int showBudget(const Options &options, Output &out) {
     }
     bool fits = true;
     for (const auto &[device, volume] : volumes)
-        fits = fits && !volume.unbounded && volume.bound <= volume.free;
+        fits = fits && volume.fits();
 
     if (options.json) {
         Json json;
@@ -98,6 +127,7 @@ int showBudget(const Options &options, Output &out) {
             json.beginObject();
             json.text("series", series.who);
             json.text("directory", series.directory);
+            json.number("used_bytes", series.used);
             if (series.why.empty()) {
                 json.number("files", series.files);
                 json.number("file_bytes", series.fileBytes);
@@ -115,6 +145,7 @@ int showBudget(const Options &options, Output &out) {
             json.beginObject();
             json.text("holds", volume.where);
             json.number("free_bytes", volume.free);
+            json.number("used_bytes", volume.used);
             if (volume.unbounded)
                 json.null("most_bytes");
             else
@@ -131,6 +162,7 @@ int showBudget(const Options &options, Output &out) {
                         {"DIRECTORY"},
                         {"FILES", tools::Align::Right},
                         {"EACH", tools::Align::Right},
+                        {"NOW", tools::Align::Right},
                         {"AT MOST", tools::Align::Right}},
                        {},
                        true};
@@ -140,14 +172,15 @@ int showBudget(const Options &options, Output &out) {
                               {series.directory},
                               {series.files == 0 ? "all" : std::to_string(series.files)},
                               {series.fileBytes == 0 ? "no limit" : readableSize(series.fileBytes)},
+                              {readableSize(series.used)},
                               {series.why.empty() ? readableSize(series.bound) : series.why, style}});
     }
     tools::printTable(out, table, options.color);
     for (const auto &[device, volume] : volumes)
         out.write("the volume of " + volume.where + " has " + readableSize(volume.free) +
-                  " free; its series take " +
+                  " free; its series have " + readableSize(volume.used) + " and take " +
                   (volume.unbounded ? "any amount" : "at most " + readableSize(volume.bound)) +
-                  (volume.unbounded || volume.bound > volume.free ? ": this may not fit\n" : "\n"));
+                  (volume.fits() ? "\n" : ": this may not fit\n"));
     out.write("originators without a section of their own write series like Default's, one each\n");
     return fits ? tools::ExitOk : tools::ExitNothing;
 }

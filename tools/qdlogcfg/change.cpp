@@ -32,6 +32,18 @@ struct Change {
     std::string value;
 };
 
+// A text of the command line as it will stand in the file; CommandError when it has no
+// meaning in the locale.
+std::string asUtf8(const std::string &text) {
+    char *utf8 = nullptr;
+    const uint32_t result = mbs2utf8(&utf8, text.c_str());
+    const std::string converted = result == ZOLTLOG_OK ? utf8 : "";
+    zoltLogFree(utf8);
+    if (result != ZOLTLOG_OK)
+        throw CommandError(tools::ExitUsage, "'" + text + "' is no text in the encoding of the locale");
+    return converted;
+}
+
 // The value in the form that is written; CommandError when the library would not take it.
 Change checkedChange(const std::string &argument, const Scope &scope) {
     const size_t equals = argument.find('=');
@@ -40,9 +52,10 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
     const Key &key = requireKey(argument.substr(0, equals), scope);
     const std::string value = argument.substr(equals + 1);
     constexpr size_t VALUE_LIMIT = 399; // what the library uses of a value
-    const std::string line = scope.section() + "." + key.name + "=" + value;
+    const std::string utf8 = asUtf8(value);
+    const std::string line = asUtf8(scope.section()) + "." + key.name + "=" + utf8;
     constexpr size_t LINE_LIMIT = 498; // without the line feed
-    if (value.find_first_of("=\n") != std::string::npos || value.size() > VALUE_LIMIT ||
+    if (value.find_first_of("=\n") != std::string::npos || utf8.size() > VALUE_LIMIT ||
         line.size() > LINE_LIMIT)
         throw CommandError(tools::ExitUsage,
                            std::string(key.name) + ": a value with '=', with a line feed or longer than " +
@@ -51,6 +64,13 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
         throw CommandError(tools::ExitUsage, std::string(key.name) + ": blanks at the end would be lost");
     if (key.name == std::string("FileName") && value.find_first_of("-/") != std::string::npos)
         throw CommandError(tools::ExitUsage, "FileName: '-' and '/' would make the files' names unreadable");
+    if (key.name == std::string("FileName") && value.find_first_not_of("0123456789") == std::string::npos)
+        throw CommandError(tools::ExitUsage,
+                           "FileName: the files of '" + value + "' would be taken for an originator's");
+    if (key.name == std::string("LogDirectory") && scope.isBase() && !value.empty() && value[0] != '/')
+        throw CommandError(tools::ExitUsage,
+                           "LogDirectory: a relative path in " + scope.section() +
+                               " would depend on where each program runs; give an absolute one");
     Settings scratch;
     InitLogCfg(scope.product.id, scope.isLogset ? 0 : scope.originator,
                scope.isLogset ? scope.logset.c_str() : nullptr, &scratch.cfg);
@@ -100,6 +120,7 @@ std::string place(const Scope &scope) {
 int getSettings(const Options &options, Output &out) {
     const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
     const ConfigFile file = readConfigFile(scope.product.location);
+    requireReadable(file);
     const std::vector<Effective> settings = effectiveSettings(scope, file);
     Json json;
     json.beginObject();
@@ -124,6 +145,7 @@ int setSettings(const Options &options, Output &out) {
     std::vector<Change> changes; // all are checked before the first is written
     for (const std::string &argument : options.arguments)
         changes.push_back(checkedChange(argument, scope));
+    requireChangeable(readConfigFile(scope.product.location));
     const std::string verb = options.dryRun ? "would set " : "set ";
     if (options.dryRun) {
         for (const Change &change : changes)
@@ -147,26 +169,26 @@ int setSettings(const Options &options, Output &out) {
 int unsetSettings(const Options &options, Output &out) {
     const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
     const ConfigFile file = readConfigFile(scope.product.location);
-    std::vector<const Key *> present;
+    requireChangeable(file);
+    std::vector<std::string> present; // also what is no setting: it should not stand there
     for (const std::string &name : options.arguments) {
-        const Key &key = requireKey(name, scope);
-        if (file.find(scope.section(), key.name) != nullptr)
-            present.push_back(&key);
+        if (file.find(scope.section(), name) != nullptr)
+            present.push_back(name);
         else
-            out.write(std::string(key.name) + " is not set in " + place(scope) + "\n");
+            out.write(std::string(requireKey(name, scope).name) + " is not set in " + place(scope) + "\n");
     }
-    for (const Key *key : present) {
+    for (const std::string &name : present) {
         if (options.dryRun) {
-            out.write(std::string("would remove ") + key->name + " from " + place(scope) + "\n");
+            out.write("would remove " + tools::escaped(name) + " from " + place(scope) + "\n");
             continue;
         }
         Section section(scope, scope.section());
-        const uint32_t result = utipsres2zoltlogres(utiRemoveProperty(&section.store, key->name));
+        const uint32_t result = utipsres2zoltlogres(utiRemoveProperty(&section.store, name.c_str()));
         if (result != ZOLTLOG_OK)
-            throw CommandError(tools::ExitUnreadable, std::string(key->name) + " was not removed from " +
+            throw CommandError(tools::ExitUnreadable, name + " was not removed from " +
                                                           scope.product.location + ": " +
                                                           tools::resultMessage(result));
-        out.write(std::string("removed ") + key->name + " from " + place(scope) + "\n");
+        out.write("removed " + tools::escaped(name) + " from " + place(scope) + "\n");
     }
     return present.empty() ? tools::ExitNothing : tools::ExitOk;
 }

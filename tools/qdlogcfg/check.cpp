@@ -3,7 +3,7 @@
 //
 // Order of sections: findings; lines of a file; the main file; sections of a
 // product; directories and series.
-#include <algorithm>
+#include <filesystem>
 #include <map>
 #include <set>
 #include <sys/stat.h>
@@ -11,6 +11,7 @@
 
 #include "commands.h"
 #include "common/exit_codes.h"
+#include "common/utf8.h"
 
 using tools::Json;
 using tools::Output;
@@ -37,7 +38,7 @@ struct Findings {
     std::vector<Finding> list;
 };
 
-std::string quoted(const std::string &text) {
+std::string inQuotes(const std::string &text) {
     return "'" + text + "'";
 }
 
@@ -56,11 +57,12 @@ void checkLines(const ConfigFile &file, Findings &findings) {
                            "the line is longer than 498 bytes; its rest is read as a line of its own");
             continue;
         }
-        if (line.comment || line.blank) {
-            if (line.blank && line.text.find('\t') != std::string::npos)
-                continue;
+        if (line.hasNul)
+            findings.error(file.path, line.number, "a NUL byte: the rest of the line is not read");
+        if (tools::findInvalidUtf8(line.text) != std::string::npos)
+            findings.error(file.path, line.number, "the line is not UTF-8; a text in it reads as if absent");
+        if (line.comment || line.blank)
             continue;
-        }
         const size_t mark = line.text.find_first_not_of(" \t");
         if (line.text[mark] == '#') {
             findings.warn(file.path, line.number,
@@ -68,17 +70,17 @@ void checkLines(const ConfigFile &file, Findings &findings) {
             continue;
         }
         if (!line.hasEquals) {
-            findings.error(file.path, line.number, "neither a comment nor KEY=VALUE: " + quoted(line.text));
+            findings.error(file.path, line.number, "neither a comment nor KEY=VALUE: " + inQuotes(line.text));
             continue;
         }
         if (line.section.empty()) {
             findings.error(file.path, line.number,
-                           "the key " + quoted(line.name) + " belongs to no section (SECTION.KEY=VALUE)");
+                           "the key " + inQuotes(line.name) + " belongs to no section (SECTION.KEY=VALUE)");
             continue;
         }
         if (line.valueHasEquals)
             findings.error(file.path, line.number,
-                           "the value ends at its first '=': it is read as " + quoted(line.value));
+                           "the value ends at its first '=': it is read as " + inQuotes(line.value));
         const size_t equals = line.text.find('=');
         if (!line.valueHasEquals && line.text.size() - equals - 1 > VALUE_LIMIT)
             findings.error(file.path, line.number, "the value is longer than 399 bytes and is cut");
@@ -89,18 +91,21 @@ void checkLines(const ConfigFile &file, Findings &findings) {
         const auto [earlier, isNew] = seen.try_emplace({line.section, line.name}, line.number);
         if (!isNew)
             findings.error(file.path, line.number,
-                           quoted(line.section + "." + line.name) + " is given again; only line " +
+                           inQuotes(line.section + "." + line.name) + " is given again; only line " +
                                std::to_string(earlier->second) + " counts");
         if (line.section != current) {
             const auto [run, first] = firstRun.try_emplace(line.section, line.number);
             if (!first && told.insert(line.section).second)
                 findings.warn(
                     file.path, line.number,
-                    "section " + quoted(line.section) + " began in line " + std::to_string(run->second) +
+                    "section " + inQuotes(line.section) + " began in line " + std::to_string(run->second) +
                         " already: keep its lines together, changes are made in the first run only");
             current = line.section;
         }
     }
+    if (file.unfinished)
+        findings.error(file.path, file.lines.back().number,
+                       "the last line has no line feed: the next change would be joined to it");
 }
 
 // ---- the main file -----------------------------------------------------------------
@@ -109,21 +114,21 @@ void checkMainFile(const ConfigFile &file, Findings &findings) {
     checkLines(file, findings);
     std::map<uint64_t, std::string> ids;
     std::map<std::string, std::string> locations;
+    std::map<std::string, std::string> names;
     for (const std::string &section : file.sections()) {
         const std::optional<uint64_t> id = decimal(section);
         const bool toolSection = section == "LoggingTools";
-        for (const ConfigLine &line : file.lines) {
-            if (line.section != section || line.comment)
-                continue;
+        for (const size_t position : file.linesOfSection.at(section)) {
+            const ConfigLine &line = file.lines[position];
             const bool known = toolSection ? line.name == "L10nResourceDir"
                                            : line.name == "Configuration" || line.name == "Names" ||
                                                  line.name == "AppMsgLogging";
             if (!known)
                 findings.warn(file.path, line.number,
-                              "unknown key " + quoted(line.name) + " in section " + quoted(section));
+                              "unknown key " + inQuotes(line.name) + " in section " + inQuotes(section));
             if (!toolSection && line.name == "AppMsgLogging" && line.value != "true" && line.value != "false")
                 findings.error(file.path, line.number,
-                               "AppMsgLogging is true or false here; " + quoted(line.value) +
+                               "AppMsgLogging is true or false here; " + inQuotes(line.value) +
                                    " reads as false");
         }
         if (toolSection)
@@ -131,18 +136,18 @@ void checkMainFile(const ConfigFile &file, Findings &findings) {
         const ConfigLine *location = file.find(section, "Configuration");
         const size_t at = location != nullptr ? location->number : 0;
         if (!id || *id == 0) {
-            findings.error(file.path, at, "section " + quoted(section) + " is named by no product id");
+            findings.error(file.path, at, "section " + inQuotes(section) + " is named by no product id");
             continue;
         }
         const auto [other, isNew] = ids.try_emplace(*id, section);
         if (!isNew)
             findings.error(file.path, at,
-                           "sections " + quoted(other->second) + " and " + quoted(section) +
+                           "sections " + inQuotes(other->second) + " and " + inQuotes(section) +
                                " name the same product");
         if (std::to_string(*id) != section)
             findings.error(file.path, at,
-                           "section " + quoted(section) + " is never found: the library looks for " +
-                               quoted(std::to_string(*id)));
+                           "section " + inQuotes(section) + " is never found: the library looks for " +
+                               inQuotes(std::to_string(*id)));
         if (location == nullptr) {
             findings.error(file.path, 0,
                            "product " + section + " has no Configuration and counts as not registered");
@@ -152,8 +157,17 @@ void checkMainFile(const ConfigFile &file, Findings &findings) {
             findings.error(file.path, at,
                            "Configuration holds no \".conf\": log sets of product " + section +
                                " would be looked for elsewhere");
-        if (location->value.empty() || location->value[0] != '/')
-            findings.error(file.path, at, "Configuration is no absolute path: " + quoted(location->value));
+        if (location->value[0] != '/')
+            findings.error(file.path, at, "Configuration is no absolute path: " + inQuotes(location->value));
+        if (const ConfigLine *line = file.find(section, "Names")) {
+            for (const std::string &name : namesIn(line->value)) {
+                const auto [owner, isFirst] = names.try_emplace(name, section);
+                if (!isFirst && owner->second != section)
+                    findings.warn(file.path, line->number,
+                                  "products " + owner->second + " and " + section + " are both named " +
+                                      inQuotes(name));
+            }
+        }
         const auto [sharer, only] = locations.try_emplace(location->value, section);
         if (!only)
             findings.warn(file.path, at,
@@ -166,17 +180,18 @@ void checkMainFile(const ConfigFile &file, Findings &findings) {
 // What the library accepts but a person would not expect.
 void checkMeaning(const ConfigFile &file, const ConfigLine &line, const Key &key, Findings &findings) {
     const std::string name = key.name;
-    const std::string &value = line.value;
+    const bool isRaw = key.form != Key::TEXT || name == "AppMsgLogging"; // spaces at the end count
+    const std::string value = isRaw ? line.value : strippedValue(line);
     const auto warn = [&](const std::string &text) {
         findings.warn(file.path, line.number, name + ": " + text);
     };
     if (key.form == Key::BOOLEAN && value != "true" && value != "false")
         findings.error(file.path, line.number,
-                       name + " is true or false; " + quoted(value) + " reads as false");
+                       name + " is true or false; " + inQuotes(value) + " reads as false");
     if (key.form == Key::NUMBER && !decimal(value))
-        findings.error(file.path, line.number, name + ": " + quoted(value) + " is no plain number");
+        findings.error(file.path, line.number, name + ": " + inQuotes(value) + " is no plain number");
     if (name == "AppMsgLogging" && value != "ON" && value != "OFF")
-        findings.error(file.path, line.number, name + " is ON or OFF; " + quoted(value) + " reads as OFF");
+        findings.error(file.path, line.number, name + " is ON or OFF; " + inQuotes(value) + " reads as OFF");
     if (name == "DynaReloadInSec") {
         const uint64_t seconds = decimal(value).value_or(0);
         if (seconds > 0 && seconds < 60)
@@ -187,7 +202,7 @@ void checkMeaning(const ConfigFile &file, const ConfigLine &line, const Key &key
         InitLogCfg(1, 1, nullptr, &scratch.cfg);
         if (key.apply(scratch.cfg, value) != ZOLTLOG_OK)
             findings.error(
-                file.path, line.number, name + ": " + quoted(value) + " is read as " + [&] {
+                file.path, line.number, name + ": " + inQuotes(value) + " is read as " + [&] {
                     char text[256] = "";
                     return std::string(RolloverModeEnumToSettingString(
                         SettingStringToRolloverModeEnum(value.c_str()), text));
@@ -195,43 +210,47 @@ void checkMeaning(const ConfigFile &file, const ConfigLine &line, const Key &key
     }
     if (name == "SyslogFacility" && strToFacility(value.c_str()) == 0 && value != "LOG_KERN")
         findings.error(file.path, line.number,
-                       name + ": unknown facility " + quoted(value) + " is read as LOG_KERN");
-    if (name == "SyslogIdent" && value.size() >= sizeof(OsLogSettings::ident))
+                       name + ": unknown facility " + inQuotes(value) + " is read as LOG_KERN");
+    if (name == "SyslogOpt" && decimal(value).value_or(0) > UINT32_MAX)
+        findings.error(file.path, line.number, name + ": only the lower 32 bits of " + value + " are used");
+    if (name == "SyslogIdent" && value.size() > sizeof(OsLogSettings::ident))
         warn("only the first 80 bytes are used");
     if (name == "FileName" && value.find_first_of("-/") != std::string::npos)
         findings.error(file.path, line.number, name + ": '-' and '/' make the files' names unreadable");
-    if (name == "LogDirectory" && line.section == "Default" && !value.empty() && value[0] != '/')
-        findings.error(file.path, line.number,
-                       name + ": a relative directory here depends on where each program runs");
     if (name == "LogFilePermissions" &&
         (value.empty() || value.find_first_not_of("01234567") != std::string::npos))
         findings.error(file.path, line.number,
-                       name + ": " + quoted(value) +
+                       name + ": " + inQuotes(value) +
                            " does not parse; the permissions become the number of SyslogOpt, or 0");
 }
 
 void checkSection(const ConfigFile &file, const std::string &section, bool isLogset, Findings &findings) {
     const std::vector<bool> taken = accepted(file, section, isLogset);
-    for (const ConfigLine &line : file.lines) {
-        if (line.section != section || line.comment || line.continued ||
-            file.find(section, line.name) != &line)
+    for (const size_t position : file.linesOfSection.at(section)) {
+        const ConfigLine &line = file.lines[position];
+        if (line.continued || file.find(section, line.name) != &line)
             continue;
         const Key *key = findKey(line.name);
         if (key == nullptr) {
             const std::string near = nearestKey(line.name);
-            findings.warn(file.path, line.number,
-                          "unknown key " + quoted(line.name) + " in section " + quoted(section) +
-                              (near.empty() ? "" : "; did you mean " + near + "?"));
+            if (isLogset && line.name.find('.') != std::string::npos)
+                findings.error(file.path, line.number,
+                               "the key " + inQuotes(line.name) + " of section " + inQuotes(section) +
+                                   " holds a '.': log sets with a '.' in their name cannot be changed");
+            else
+                findings.warn(file.path, line.number,
+                              "unknown key " + inQuotes(line.name) + " in section " + inQuotes(section) +
+                                  (near.empty() ? "" : "; did you mean " + near + "?"));
             continue;
         }
         if (isLogset ? !key->logset : !key->originator) {
             findings.warn(file.path, line.number,
-                          std::string(key->name) + " is not read in section " + quoted(section));
+                          std::string(key->name) + " is not read in section " + inQuotes(section));
             continue;
         }
         if (!taken[static_cast<size_t>(key - keys().data())])
             findings.error(file.path, line.number,
-                           std::string(key->name) + ": " + quoted(line.value) +
+                           std::string(key->name) + ": " + inQuotes(line.value) +
                                " is skipped silently; it takes " + key->values);
         checkMeaning(file, line, *key, findings);
     }
@@ -241,9 +260,7 @@ void checkSections(const ConfigFile &file, Findings &findings) {
     std::map<uint64_t, std::string> originators;
     for (const std::string &section : file.sections()) {
         const bool isLogset = section.rfind("LOGSET", 0) == 0;
-        const ConfigLine &first =
-            *std::find_if(file.lines.begin(), file.lines.end(),
-                          [&](const ConfigLine &line) { return line.section == section && !line.comment; });
+        const ConfigLine &first = file.lines[file.linesOfSection.at(section).front()];
         if (isLogset && section.find('.') == std::string::npos) {
             findings.error(file.path, first.number, "a log set section is LOGSET.NAME.KEY=VALUE");
             continue;
@@ -255,19 +272,24 @@ void checkSections(const ConfigFile &file, Findings &findings) {
             const std::optional<uint64_t> id = decimal(section);
             if (!id || *id == 0) {
                 findings.error(file.path, first.number,
-                               "section " + quoted(section) +
+                               "section " + inQuotes(section) +
                                    " is no originator id, not Default and no log set: it is never used");
+                continue;
+            }
+            if (IsDefaultOriginator(*id) != 0) {
+                findings.error(file.path, first.number,
+                               "section " + inQuotes(section) + " is never read: this originator is Default");
                 continue;
             }
             const auto [other, isNew] = originators.try_emplace(*id, section);
             if (!isNew)
                 findings.error(file.path, first.number,
-                               "sections " + quoted(other->second) + " and " + quoted(section) +
+                               "sections " + inQuotes(other->second) + " and " + inQuotes(section) +
                                    " name the same originator; only one is used");
             if (std::to_string(*id) != section)
                 findings.error(file.path, first.number,
-                               "section " + quoted(section) + " is never found: the library looks for " +
-                                   quoted(std::to_string(*id)));
+                               "section " + inQuotes(section) + " is never found: the library looks for " +
+                                   inQuotes(std::to_string(*id)));
         }
         checkSection(file, section, isLogset, findings);
     }
@@ -294,6 +316,25 @@ void checkDirectory(const ConfigFile &file, size_t line, const std::string &who,
                        who + ": " + directory + " does not exist and cannot be made by this user");
 }
 
+// A directory by one spelling, links resolved as far as it exists.
+std::string realDirectory(const std::string &directory) {
+    std::error_code error;
+    const std::filesystem::path real = std::filesystem::weakly_canonical(directory, error);
+    std::string text = error ? directory : real.string();
+    while (text.size() > 1 && text.back() == '/')
+        text.pop_back();
+    return text;
+}
+
+// The line that gives a series the base of its file names.
+size_t lineOfBase(const ConfigFile &file, const Scope &scope) {
+    const ConfigLine *line = file.find(scope.section(), scope.isLogset ? "FileName" : "LogDirectory");
+    if (line != nullptr)
+        return line->number;
+    const auto section = file.linesOfSection.find(scope.section());
+    return section != file.linesOfSection.end() ? file.lines[section->second.front()].number : 0;
+}
+
 void checkSeries(const Product &product, const ConfigFile &file, std::map<std::string, std::string> &series,
                  Findings &findings) {
     std::set<std::string> directoriesTold;
@@ -312,15 +353,23 @@ void checkSeries(const Product &product, const ConfigFile &file, std::map<std::s
         const std::string directory = cfg.directory;
         if (directory.empty())
             findings.error(file.path, 0, who + ": no LogDirectory is set; opening a log gives result 53");
+        else if (directory[0] != '/')
+            findings.error(file.path, lineOf("LogDirectory"),
+                           who + ": the relative directory " + directory +
+                               " depends on where each program runs");
         else if (directoriesTold.insert(directory).second)
             checkDirectory(file, lineOf("LogDirectory"), who, directory, findings);
 
         const std::string base = scope.isLogset ? cfg.logsetFilename : std::to_string(scope.originator);
-        const std::string files = directory + std::to_string(product.id) + "-" + base;
+        const std::string files = realDirectory(directory) + "/" + std::to_string(product.id) + "-" + base;
         const auto [other, isNew] = series.try_emplace(files, who);
         if (!isNew && !directory.empty())
-            findings.error(file.path, lineOf(scope.isLogset ? "FileName" : "LogDirectory"),
+            findings.error(file.path, lineOfBase(file, scope),
                            who + " and " + other->second + " write one series: " + files + "-*.log");
+        if (scope.isLogset && !base.empty() && base.find_first_not_of("0123456789") == std::string::npos)
+            findings.error(file.path, lineOfBase(file, scope),
+                           who + ": the file name " + inQuotes(base) +
+                               " is a number: its files are taken for those of originator " + base);
         const bool recycles = cfg.logRecycling == 1;
         if (recycles && cfg.numberOfLogFiles == ZOLTLOG_KEEP_ALL_FILES)
             findings.warn(file.path, lineOf("LogRecycle"),
@@ -328,9 +377,6 @@ void checkSeries(const Product &product, const ConfigFile &file, std::map<std::s
         if (recycles && cfg.rolloverMode == ZOLTLOG_ROLLOVER_NONE)
             findings.warn(file.path, lineOf("LogRecycle"),
                           who + ": LogRecycle does nothing without a RolloverMode");
-        if (!recycles && cfg.numberOfLogFiles != ZOLTLOG_KEEP_ALL_FILES)
-            findings.warn(file.path, lineOf("NumberOfLogFiles"),
-                          who + ": NumberOfLogFiles removes nothing without LogRecycle");
     }
 }
 

@@ -2,14 +2,16 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <sys/stat.h>
 
 #include "zoltlog.h"
 
 namespace {
 
-constexpr int LINE_BUFFER = 500;    // the library reads 499 characters at a time
+constexpr size_t LINE_BYTES = 499;  // are read at a time
 constexpr size_t VALUE_BYTES = 399; // of a value are used
 
 ConfigLine parseLine(std::string text, size_t number, bool continued) {
@@ -43,42 +45,66 @@ ConfigLine parseLine(std::string text, size_t number, bool continued) {
     return line;
 }
 
+// The next line as the library cuts it; false at the end of the file.
+bool nextLine(FILE *stream, std::string &text) {
+    text.clear();
+    int c = 0;
+    while (text.size() < LINE_BYTES && c != '\n' && (c = std::getc(stream)) != EOF)
+        text += static_cast<char>(c);
+    return !text.empty();
+}
+
 } // namespace
 
 const ConfigLine *ConfigFile::find(const std::string &section, const std::string &name) const {
-    for (const ConfigLine &line : lines)
-        if (line.section == section && line.name == name && !line.comment)
-            return &line;
-    return nullptr;
+    const auto found = firstOfKey.find({section, name});
+    return found != firstOfKey.end() ? &lines[found->second] : nullptr;
 }
 
 std::vector<std::string> ConfigFile::sections() const {
     std::vector<std::string> result;
-    for (const ConfigLine &line : lines)
-        if (!line.section.empty() && std::find(result.begin(), result.end(), line.section) == result.end())
-            result.push_back(line.section);
+    for (const auto &[section, positions] : linesOfSection)
+        result.push_back(section);
+    std::sort(result.begin(), result.end(), [this](const std::string &a, const std::string &b) {
+        return linesOfSection.at(a).front() < linesOfSection.at(b).front();
+    });
     return result;
 }
 
 ConfigFile readConfigFile(const std::string &path) {
-    ConfigFile file{path, false, {}};
+    ConfigFile file{};
+    file.path = path;
+    struct stat status;
+    file.exists = stat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
     PropertyStore store;
     if (utiOpenPropertyStore(path.c_str(), "", &store) != 0)
         return file;
     file.readable = true;
-    char buffer[LINE_BUFFER];
     size_t number = 1;
     bool continued = false;
-    while (std::fgets(buffer, sizeof buffer, store.stream) != nullptr) {
-        std::string text = buffer;
-        const bool complete = !text.empty() && text.back() == '\n';
+    std::string text;
+    while (nextLine(store.stream, text)) {
+        const bool complete = text.back() == '\n';
         if (complete)
             text.pop_back();
-        file.lines.push_back(parseLine(std::move(text), number, continued));
+        const size_t nul = text.find('\0');
+        ConfigLine line = parseLine(text.substr(0, nul), number, continued);
+        line.hasNul = nul != std::string::npos;
+        if (!line.section.empty()) {
+            file.linesOfSection[line.section].push_back(file.lines.size());
+            file.firstOfKey.try_emplace({line.section, line.name}, file.lines.size());
+        }
+        file.lines.push_back(std::move(line));
         continued = !complete;
         if (complete)
             ++number;
     }
+    file.unfinished = continued;
     utiClosePropertyStore(&store);
     return file;
+}
+
+std::string strippedValue(const ConfigLine &line) {
+    const size_t last = line.value.find_last_not_of(' ');
+    return last == std::string::npos ? "" : line.value.substr(0, last + 1);
 }

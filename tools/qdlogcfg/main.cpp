@@ -109,8 +109,11 @@ void addOptions(CLI::App &app, const Command &command, Options &options) {
     if ((command.takes & SCOPE) != 0) {
         CLI::Option *originator = app.add_option("-o,--originator", options.originator,
                                                  "Originator id or name (default: the Default section)");
-        app.add_option("-l,--logset", options.logset, "Log set name; Default is the base of all log sets")
-            ->excludes(originator);
+        CLI::Option *logset = app.add_option("-l,--logset", options.logset,
+                                             "Log set name; Default is the base of all log sets");
+        logset->excludes(originator);
+        for (CLI::Option *option : {originator, logset})
+            option->check([](const std::string &name) { return name.empty() ? "the name is empty" : ""; });
     }
     if ((command.takes & ARGUMENTS) != 0)
         app.add_option("settings", options.arguments, "Settings")->required()->type_name(command.argument);
@@ -161,13 +164,15 @@ int main(int argc, char **argv) {
     app.fallthrough();
     std::string config;
     std::string colorText = "auto";
+    bool noPager = false;
     app.add_option("-c,--config", config,
                    "Main configuration file (default: ZOLTLOG_CFG_LOC, else /etc/qd/zoltlog.conf)");
+    app.add_flag("--no-pager", noPager, "Never start a pager");
     app.add_option("--color", colorText, "auto, always or never")
         ->check(CLI::IsMember({"auto", "always", "never"}));
 
     Options options;
-    CommandFn run = nullptr;
+    const Command *chosen = nullptr;
     CLI::App *product = app.add_subcommand("product", "Register, remove, list and show products");
     product->require_subcommand(1);
     product->fallthrough();
@@ -177,7 +182,7 @@ int main(int argc, char **argv) {
             (command.group != nullptr ? product : &app)->add_subcommand(command.name, command.help);
         sub->fallthrough();
         addOptions(*sub, command, options);
-        sub->callback([&run, &command] { run = command.run; });
+        sub->callback([&chosen, &command] { chosen = &command; });
     }
     try {
         app.parse(argc, argv);
@@ -185,19 +190,26 @@ int main(int argc, char **argv) {
         return app.exit(error) == 0 ? tools::ExitOk : tools::ExitUsage;
     }
     if (!config.empty())
-        setenv("ZOLTLOG_CFG_LOC", config.c_str(), 1); // before the library reads it, once
+        setenv("ZOLTLOG_CFG_LOC", std::filesystem::absolute(config).c_str(),
+               1); // before the library reads it
     tools::ColorMode color = tools::ColorMode::Auto;
     tools::parseColorMode(colorText, color);
     options.color = tools::colorWanted(color, isatty(1) != 0);
 
+    tools::Pager pager;
     tools::Output out;
+    if ((chosen->takes & JSON) != 0 && !options.json && !noPager)
+        pager.start();
     try {
-        const int status = run(options, out);
-        if (!out.flush())
+        const int status = chosen->run(options, out);
+        const bool written = out.flush();
+        pager.finish();
+        if (!written)
             return out.error == EPIPE ? status : tools::ExitPartial;
         return status;
     } catch (const CommandError &error) {
         out.flush();
+        pager.finish();
         std::fprintf(stderr, "qdlogcfg: %s\n", tools::escaped(error.what()).c_str());
         return error.exitCode;
     }

@@ -1,6 +1,5 @@
 // qdlogcfg product add | remove | list | show
 #include <algorithm>
-#include <filesystem>
 
 #include "commands.h"
 #include "common/exit_codes.h"
@@ -40,14 +39,22 @@ int productAdd(const Options &options, Output &out) {
         throw CommandError(
             tools::ExitUsage,
             "--file takes the absolute path of the product's configuration file; it must hold \".conf\"");
+    constexpr size_t VALUE_LIMIT = 399; // what the library uses of a value
     for (const std::string &text : {options.names, options.file})
-        if (text.find_first_of("=\n") != std::string::npos)
+        if (text.find_first_of("=\n") != std::string::npos || text.size() > VALUE_LIMIT ||
+            (!text.empty() && text.back() == ' '))
             throw CommandError(tools::ExitUsage,
-                               "a name or path with '=' or a line feed could not be read back");
+                               "a name or path with '=', with a line feed, with a blank at its end or longer "
+                               "than " +
+                                   std::to_string(VALUE_LIMIT) + " bytes could not be read back");
+    requireChangeable(readConfigFile(mainConfigPath()));
     const std::vector<Product> products = registeredProducts();
     const bool known = std::any_of(products.begin(), products.end(),
                                    [&](const Product &product) { return product.id == id; });
-    if (options.dryRun && !known) {
+    if (options.dryRun) {
+        if (known)
+            fail("product " + std::to_string(id) + " would not be registered in " + mainConfigPath(),
+                 ZOLTLOG_PRODUCT_EXISTS);
         out.write("would register product " + std::to_string(id) + " (" + options.names + ") with " +
                   options.file + " in " + mainConfigPath() + "\n");
         return tools::ExitOk;

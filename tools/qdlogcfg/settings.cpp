@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <charconv>
 #include <memory>
+#include <set>
 
 #include "common/exit_codes.h"
 
 namespace {
 
 constexpr char LOGSET_PREFIX[] = "LOGSET.";
-constexpr uint32_t MOST_RECORDS = 1024;
 
 struct FreeText {
     void operator()(char *text) const { zoltLogFree(text); }
@@ -22,8 +22,11 @@ bool isLogsetSection(const std::string &section) {
 
 // The records of all originators and log sets of a product, as the library reads them.
 struct ProductRecords {
-    explicit ProductRecords(uint64_t productId) : records(MOST_RECORDS), count(0) {
-        if (zoltLogReadProdIDCfg(nullptr, productId, MOST_RECORDS, records.data(), &count) != ZOLTLOG_OK)
+    explicit ProductRecords(const Product &product) : count(0) {
+        const size_t sections = readConfigFile(product.location).sections().size();
+        records.resize(sections + 2); // and the two base records
+        const auto capacity = static_cast<uint32_t>(records.size());
+        if (zoltLogReadProdIDCfg(nullptr, product.id, capacity, records.data(), &count) != ZOLTLOG_OK)
             count = 0;
     }
     ~ProductRecords() {
@@ -40,14 +43,16 @@ struct ProductRecords {
 };
 
 bool namesHold(const std::string &names, const std::string &name) {
-    size_t start = 0;
-    while (start <= names.size()) {
-        const size_t end = std::min(names.find_first_of(", ", start), names.size());
-        if (names.compare(start, end - start, name) == 0 && end > start)
-            return true;
-        start = end + 1;
-    }
-    return false;
+    const std::vector<std::string> list = namesIn(names);
+    return std::find(list.begin(), list.end(), name) != list.end();
+}
+
+// What the library reads for a product from the main file; empty when there is nothing.
+std::string mainFileText(uint32_t (*read)(const char *, uint64_t, char **), uint64_t productId) {
+    char *text = nullptr;
+    const bool found = read(GetZoltLogCfgLoc(), productId, &text) == ZOLTLOG_OK;
+    const OwnedText owned(text);
+    return found ? text : "";
 }
 
 } // namespace
@@ -61,6 +66,17 @@ std::optional<uint64_t> decimal(const std::string &text) {
     return number;
 }
 
+std::vector<std::string> namesIn(const std::string &list) {
+    std::vector<std::string> names;
+    for (size_t start = 0; start < list.size();) {
+        const size_t end = std::min(list.find_first_of(", ", start), list.size());
+        if (end > start)
+            names.push_back(list.substr(start, end - start));
+        start = end + 1;
+    }
+    return names;
+}
+
 std::string mainConfigPath() {
     return GetZoltLogCfgLoc();
 }
@@ -68,15 +84,29 @@ std::string mainConfigPath() {
 std::vector<Product> registeredProducts() {
     std::vector<Product> products;
     const ConfigFile file = readConfigFile(mainConfigPath());
+    requireReadable(file);
     for (const std::string &section : file.sections()) {
         const std::optional<uint64_t> id = decimal(section);
         const ConfigLine *location = file.find(section, "Configuration");
-        if (!id || *id == 0 || location == nullptr)
+        if (!id || *id == 0 || std::to_string(*id) != section || location == nullptr)
             continue;
-        const ConfigLine *names = file.find(section, "Names");
-        products.push_back({*id, names != nullptr ? names->value : "", location->value, location->number});
+        products.push_back({*id, mainFileText(GetProductShortName, *id), mainFileText(GetProductCfgPath, *id),
+                            location->number});
     }
     return products;
+}
+
+void requireReadable(const ConfigFile &file) {
+    if (file.exists && !file.readable)
+        throw CommandError(tools::ExitUnreadable, file.path + " cannot be read");
+}
+
+void requireChangeable(const ConfigFile &file) {
+    requireReadable(file);
+    if (file.unfinished)
+        throw CommandError(tools::ExitUnreadable,
+                           file.path + ": the last line has no line feed, so that a change would be joined "
+                                       "to it; end that line first");
 }
 
 Product findProduct(const std::string &text) {
@@ -112,6 +142,10 @@ Scope findScope(const Product &product, const std::string &originator, const std
     if (!logset.empty()) {
         if (logset.find_first_of(".=\n") != std::string::npos)
             throw CommandError(tools::ExitUsage, "a log set's name holds no '.', no '=' and no line feed");
+        if (product.location.find(".conf") == std::string::npos)
+            throw CommandError(tools::ExitUnreadable,
+                               product.location + " holds no \".conf\" in its path: its log sets are not "
+                                                  "settings of this file");
         return {product, true, 0, logset};
     }
     if (originator.empty() || originator == "Default")
@@ -121,7 +155,7 @@ Scope findScope(const Product &product, const std::string &originator, const std
             throw CommandError(tools::ExitUsage, "0 is no originator id");
         return {product, false, *id, ""};
     }
-    const ProductRecords all(product.id);
+    const ProductRecords all(product);
     for (uint32_t i = 0; i < all.count; ++i)
         if (all.records[i]->isLogset == 0 && namesHold(all.records[i]->originatorNames, originator))
             return {product, false, all.records[i]->originatorId, ""};
@@ -134,15 +168,14 @@ std::vector<Scope> allScopes(const Product &product) {
     scopes.push_back({product, false, ZOLTLOG_DEFAULT_ORIGINATOR, ""});
     const ConfigFile file = readConfigFile(product.location);
     std::vector<Scope> logsets;
+    std::set<uint64_t> known = {ZOLTLOG_DEFAULT_ORIGINATOR};
     for (const std::string &section : file.sections()) {
         if (isLogsetSection(section)) {
             const std::string name = section.substr(sizeof LOGSET_PREFIX - 1);
             const Scope scope{product, true, 0, name};
             logsets.insert(scope.isBase() ? logsets.begin() : logsets.end(), scope);
         } else if (const std::optional<uint64_t> id = decimal(section)) {
-            const bool known = std::any_of(scopes.begin(), scopes.end(),
-                                           [&](const Scope &scope) { return scope.originator == *id; });
-            if (*id != 0 && !known)
+            if (*id != 0 && known.insert(*id).second)
                 scopes.push_back({product, false, *id, ""});
         }
     }
@@ -182,7 +215,7 @@ std::vector<bool> accepted(const ConfigFile &file, const std::string &section, b
         const bool applies = isLogset ? key.logset : key.originator;
         bool taken = key.show(a.cfg) == key.show(b.cfg);
         if (key.show == findKey("LogDirectory")->show || key.show == findKey("FileName")->show)
-            taken = line != nullptr && !line->value.empty(); // appended to, or filled from the log set's name
+            taken = line != nullptr && !strippedValue(*line).empty(); // both hold more than the value
         result.push_back(line != nullptr && applies && taken);
     }
     return result;
@@ -206,7 +239,8 @@ std::vector<Effective> effectiveSettings(const Scope &scope, const ConfigFile &f
         const std::vector<bool> taken = accepted(file, section, scope.isLogset);
         for (Effective &setting : result) {
             const ConfigLine *line = file.find(section, setting.key->name);
-            if (line == nullptr)
+            const bool inherited = setting.key->name != std::string("FileName") || section == scope.section();
+            if (line == nullptr || !inherited)
                 continue;
             if (taken[static_cast<size_t>(setting.key - keys().data())]) {
                 setting.from =

@@ -35,7 +35,14 @@ struct Product {
 };
 
 std::string mainConfigPath();
+// CommandErrors for a file that is there and cannot be read, and for one that is not
+// safe to add lines to.
+void requireReadable(const ConfigFile &file);
+void requireChangeable(const ConfigFile &file);
+// CommandError when the main file is there and cannot be read.
 std::vector<Product> registeredProducts();
+// The single names of a list separated by commas or blanks.
+std::vector<std::string> namesIn(const std::string &list);
 // By id or by one of its names; CommandError when there is none.
 Product findProduct(const std::string &text);
 

@@ -7,6 +7,7 @@ using tools::Output;
 
 int listScopes(const Options &options, Output &out) {
     const Product product = findProduct(options.product);
+    requireReadable(readConfigFile(product.location));
     Json json;
     json.beginArray();
     tools::Table table{{{"SECTION"}, {"NAMES"}, {"DIRECTORY"}, {"FILES"}}, {}, true};
@@ -41,6 +42,7 @@ int listScopes(const Options &options, Output &out) {
 int showSettings(const Options &options, Output &out) {
     const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
     const ConfigFile file = readConfigFile(scope.product.location);
+    requireReadable(file);
     const std::vector<Effective> settings = effectiveSettings(scope, file);
     if (options.json) {
         Json json;
