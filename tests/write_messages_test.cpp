@@ -7,8 +7,21 @@
 #include <functional>
 #include <future>
 #include <gtest/gtest.h>
+#include <sys/time.h>
 
 #include "zoltlog.h"
+
+// ---- the lock, watched -------------------------------------------------------------
+
+static std::string tagOfTheRecord; // under which the last record got its time stamp
+
+extern "C" int gettimeofday(timeval *now, void *) noexcept {
+    tagOfTheRecord = zoltLogMutex.depth > 0 ? zoltLogMutex.holders[0].tag : "no lock";
+    timespec exact;
+    clock_gettime(CLOCK_REALTIME, &exact);
+    *now = {exact.tv_sec, exact.tv_nsec / 1000};
+    return 0;
+}
 
 // ---- the localization library, watched ---------------------------------------------
 
@@ -465,6 +478,41 @@ TEST_F(WriteMessages, AFilteredMessageTakesNoLock) {
     done.set_value();
     EXPECT_EQ(0u, calls.get());
     holder.join();
+}
+
+TEST_F(WriteMessages, TheRecordIsMadeUnderTheTagOfItsFamily) {
+    const char *const families[] = {"zoltLogDebugMsg2V()", "zoltLogDiagMsg2L()",
+                                    "zoltLogAppMsg2LEx()", nullptr,
+                                    "zoltLogAuditMsg2L()", "zoltLogSecureAuditMsgL()"};
+    for (const Operation &operation : operations) {
+        SCOPED_TRACE(operation.name);
+        const Arguments a = good(operation);
+        tagOfTheRecord.clear();
+        EXPECT_EQ(0u, operation.call(a));
+        const bool formatted = (operation.traits & NeedsText) != 0;
+        EXPECT_EQ(formatted ? "zoltLogFormattedDebugMsg()" : families[operation.type], tagOfTheRecord);
+    }
+}
+
+TEST_F(WriteMessages, OnlyMessagesWithAFormatAndALevelLookForAChangedConfiguration) {
+    for (const Operation &operation : operations) {
+        SCOPED_TRACE(operation.name);
+        Arguments a = good(operation);
+        a.handle = &handle;
+        handle.debugLevel = handle.diagLevel = 0; // the configuration says 3
+        handle.reloadInterval = 60;
+        handle.lastReloadCheck = 0;
+        handle.cfgTimestamp = 1;
+        const bool reloads =
+            (operation.traits & (FilteredBy | HasFormat | HasWho)) == (FilteredBy | HasFormat | HasWho);
+        operation.call(a);
+        EXPECT_EQ(reloads ? 3u : 0u, handle.diagLevel);
+        EXPECT_EQ(reloads ? 3u : 0u, handle.debugLevel);
+        if (reloads) { // and before the filter
+            EXPECT_EQ(1u, fresh());
+        }
+        fresh();
+    }
 }
 
 TEST_F(WriteMessages, ApplicationAndAuditMessagesAreNeverFiltered) {
