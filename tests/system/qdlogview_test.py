@@ -6,6 +6,7 @@ import json
 import os
 import pty
 import re
+import resource
 import subprocess
 import unittest
 
@@ -278,6 +279,24 @@ class View(unittest.TestCase):
         write(name(1), header(), record(3, time=T0), record(4, time=T0))
         self.assertEqual(self.ids("."), [1, 2, 3, 4])
         self.assertEqual(self.ids("-r", "."), [4, 3, 2, 1])
+
+    def test_more_files_than_may_be_open_at_once(self):
+        for counter in range(300):  # copied together: their times of modification tell nothing
+            write(name(counter), header(), record(2 * counter), record(2 * counter + 1))
+        all = list(range(600))
+        limit = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, (40, 40))
+
+        def ids(*words):
+            done = subprocess.run([QDLOGVIEW, "--template={msgid}", *words, "."], capture_output=True,
+                                  env=self.environment, preexec_fn=limit)
+            self.assertEqual((done.returncode, done.stderr), (0, b""), words)
+            return [int(line) for line in done.stdout.split()]
+
+        self.assertEqual(ids(), all)
+        self.assertEqual(ids("-r"), all[::-1])
+        self.assertEqual(ids("-n", "100"), all[-100:])
+        self.assertEqual(ids("-f", "-n", "3", "--timeout", "100ms"), all[-3:])
+        self.assertEqual(ids("-f", "-n", "all", "--timeout", "100ms"), all)
 
     def test_last_and_first_records(self):
         self.merged()

@@ -227,9 +227,17 @@ bool Reader::load(Stream &stream) {
     }
 }
 
-// The time of the first record, without keeping the file open.
+// The time of the record that comes out first, without keeping the file open: its times
+// alone tell the order of files that were copied together.
 bool Reader::peek(Stream &stream) {
     RecordFile file;
+    if (backwards) {
+        int64_t last = 0;
+        if (file.open(stream.source.path) && file.lastTime(last))
+            stream.key = range.limited ? std::min(last, range.until) : last;
+        stream.state = Stream::State::Peeked; // opening it tells more
+        return true;
+    }
     int64_t first = 0;
     if (stream.source.path == "-" || !file.open(stream.source.path) || stream.from > 0 ||
         !file.firstTime(first)) {
@@ -287,9 +295,7 @@ bool Reader::next(const Item *&item) {
         Stream *const stream = pop();
         switch (stream->state) {
         case Stream::State::Unopened:
-            if (backwards)
-                stream->state = Stream::State::Peeked;
-            else if (!peek(*stream))
+            if (!peek(*stream))
                 continue;
             [[fallthrough]];
         case Stream::State::Peeked:
