@@ -81,23 +81,19 @@ struct Catalogs {
     View *views;
 };
 Catalogs catalogs = {PTHREAD_MUTEX_INITIALIZER, {}, 0, 0, nullptr};
-pthread_once_t forkHandlers = PTHREAD_ONCE_INIT;
 
 void unlockCatalogs() {
     pthread_mutex_unlock(&catalogs.mutex);
 }
 
-void lockAlways() {
+void lockCatalogs() {
     pthread_mutex_lock(&catalogs.mutex);
 }
 
-void registerForkHandlers() {
-    pthread_atfork(lockAlways, unlockCatalogs, unlockCatalogs);
-}
-
-void lockCatalogs() {
-    pthread_once(&forkHandlers, registerForkHandlers);
-    lockAlways();
+// At load, thus before the libraries and programs that use this one: fork takes the
+// locks of those first, as their threads do when they look a message up with one held.
+[[gnu::constructor]] void surviveFork() {
+    (void)pthread_atfork(lockCatalogs, unlockCatalogs, unlockCatalogs);
 }
 
 // What a failure of ICU means for a message: a catalogue that is missing or

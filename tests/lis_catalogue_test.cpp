@@ -313,6 +313,27 @@ TEST(Catalogue, AForkedChildLooksMessagesUpWhileOtherThreadsDo) {
     busy.join();
 }
 
+TEST(Catalogue, AForkWaitsForTheLogLockBeforeItHoldsTheCatalogues) {
+    compile("many", "root", "1 { \"<%1$d>\" }");
+    ASSERT_EQ(0, qdlisAddCatalog(here("many").c_str()));
+    static const char TAG[] = "several calls of the program";
+    std::atomic<bool> stop{false};
+    alarm(60); // two threads that wait for each other end the test
+    std::thread busy([&stop] {
+        for (int i = 0; !stop; ++i) {
+            zoltLockCommon(TAG);
+            (void)text(1, ("busy " + std::to_string(i) + " %d").c_str(), i);
+            (void)text(1, ("then " + std::to_string(i) + " %d").c_str(), i);
+            zoltUnlockCommon(TAG);
+        }
+    });
+    for (int i = 0; i < 300; ++i)
+        EXPECT_EQ(0, support::inChild([] { return 0; }));
+    stop = true;
+    busy.join();
+    alarm(0);
+}
+
 TEST(CatalogueBuilt, ItemsMoveToTheirPlaces) {
     compile("built", "root",
             "1 { \"%2$s: error %1$s at %3$s in %4$s, %5$d, 0x%6$x, %7$s %8$s %9$ls %10$f %11$c %12$p\" }");
