@@ -73,25 +73,24 @@ void freeArguments(BuiltArguments *arguments) {
     free(arguments->key);
 }
 
-Value valueOf(uint32_t type, const char *payload) {
-    Value value = {};
+void readValue(uint32_t type, const char *payload, Value *value) {
+    *value = {};
     switch (type) {
     case ITEM_WIDE_CHAR: {
         wchar_t character;
         memcpy(&character, payload, sizeof character);
-        value.integer = static_cast<wint_t>(character);
+        value->integer = static_cast<wint_t>(character);
         break;
     }
     case ITEM_SIGNED:
     case ITEM_UNSIGNED:
     case ITEM_DOUBLE:
     case ITEM_POINTER:
-        memcpy(&value, payload, sizeof(int64_t));
+        memcpy(value, payload, sizeof(int64_t));
         break;
     default:
-        value.pointer = payload;
+        value->pointer = payload;
     }
-    return value;
 }
 
 // Where the item that starts at an offset of the storage has its payload; the
@@ -122,7 +121,7 @@ bool readArguments(Storage *storage, BuiltArguments *out) {
     for (size_t at = 0; at < storage->used; ++i) {
         out->payloads[i] = nextPayload(storage, &at, &type);
         out->types[i] = TYPES[type];
-        out->values[i] = valueOf(type, out->payloads[i]);
+        readValue(type, out->payloads[i], out->values + i);
         out->key[i] = static_cast<char>('a' + type);
     }
     out->key[i] = '\0';
