@@ -13,26 +13,18 @@
 
 #include "formatmsg.h"
 
+#include "cmn_routines.h"
 #include "qdlis.h"
 
 #include <limits.h>
-#include <memory>
 #include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-#include <unicode/ustring.h>
 #include <wchar.h>
 
 namespace {
-
-struct ZoltLogFreeing {
-    void operator()(void *block) const { zoltLogFree(block); }
-};
-using OwnedText = std::unique_ptr<char, ZoltLogFreeing>;
-using OwnedUChars = std::unique_ptr<UChar, ZoltLogFreeing>;
-using OwnedWide = std::unique_ptr<wchar_t, ZoltLogFreeing>;
 
 // Item types, in the order of their identifiers.
 enum ItemType : uint32_t {
@@ -440,7 +432,7 @@ char *renderLisText(ZoltLisBlock *block) {
     if (isEmptyBlock(block))
         return nullptr;
     bool any;
-    OwnedText text(renderOwned(block, &any));
+    LogOwned<char> text(renderOwned(block, &any));
     return any ? text.release() : nullptr;
 }
 
@@ -490,7 +482,7 @@ extern "C" char *fstrncat(char *buffer, size_t size, const char *format, ...) {
     const size_t length = strnlen(buffer, size);
     if (length == size)
         return buffer;
-    OwnedText scratch(static_cast<char *>(zoltLogMalloc(size))); // values may point into buffer
+    const LogOwned<char> scratch(static_cast<char *>(zoltLogMalloc(size))); // values may point into buffer
     if (scratch == nullptr)
         return buffer;
     va_list values;
@@ -556,43 +548,13 @@ wchar_t *wideDate(int64_t seconds) {
     return zoltLogWcsDup(text);
 }
 
-uint32_t utf8ToWide(const char *utf8, wchar_t **out) {
-    UErrorCode status = U_ZERO_ERROR;
-    int32_t units = 0;
-    u_strFromUTF8(nullptr, 0, &units, utf8, -1, &status);
-    if (U_FAILURE(status) && status != U_BUFFER_OVERFLOW_ERROR)
-        return ZOLTLOG_FAILED;
-    const size_t unitRoom = static_cast<size_t>(units) + 1;
-    OwnedUChars utf16(static_cast<UChar *>(zoltLogMalloc(unitRoom * sizeof(UChar))));
-    if (utf16 == nullptr)
-        return ZOLTLOG_NO_MEMORY;
-    status = U_ZERO_ERROR;
-    u_strFromUTF8(utf16.get(), units + 1, nullptr, utf8, -1, &status);
-    if (U_FAILURE(status))
-        return ZOLTLOG_FAILED;
-    int32_t length = 0;
-    u_strToWCS(nullptr, 0, &length, utf16.get(), units, &status);
-    if (U_FAILURE(status) && status != U_BUFFER_OVERFLOW_ERROR)
-        return ZOLTLOG_FAILED;
-    OwnedWide wide(
-        static_cast<wchar_t *>(zoltLogMalloc((static_cast<size_t>(length) + 1) * sizeof(wchar_t))));
-    if (wide == nullptr)
-        return ZOLTLOG_NO_MEMORY;
-    status = U_ZERO_ERROR;
-    u_strToWCS(wide.get(), length + 1, nullptr, utf16.get(), units, &status);
-    if (U_FAILURE(status))
-        return ZOLTLOG_FAILED;
-    *out = wide.release();
-    return ZOLTLOG_OK;
-}
-
 uint32_t nativeToWide(const char *native, wchar_t **out) {
     const size_t length = mbstowcs(nullptr, native, 0);
     // KEPT: an empty native string fails as an invalid one does, while an empty UTF-8
     // string gives an empty text. Pinned by GetArgAsStringW.EmptyNativeStringFails.
     if (length == 0 || length == static_cast<size_t>(-1))
         return ZOLTLOG_FAILED;
-    OwnedWide wide(static_cast<wchar_t *>(zoltLogMalloc((length + 1) * sizeof(wchar_t))));
+    LogOwned<wchar_t> wide(static_cast<wchar_t *>(zoltLogMalloc((length + 1) * sizeof(wchar_t))));
     if (wide == nullptr)
         return ZOLTLOG_NO_MEMORY;
     if (mbstowcs(wide.get(), native, length + 1) != length)
@@ -634,7 +596,7 @@ uint32_t itemToWide(ZoltLisIterator *argument, uint32_t type, wchar_t **out) {
         *out = wideDate(value.dateTime.seconds);
         break;
     case ITEM_UTF8_STRING:
-        return utf8ToWide(value.narrowString, out);
+        return utf82wcs(out, value.narrowString, -1);
     default: // ITEM_NATIVE_STRING
         return nativeToWide(value.narrowString, out);
     }
