@@ -413,12 +413,12 @@ TEST(ConfigWrite, ALinkToNowhereGetsItsFile) {
 
 // A file that is there but cannot be read is not emptied.
 TEST(ConfigWrite, AnUnreadableFileIsNotEmptied) {
-    if (geteuid() == 0)
-        GTEST_SKIP() << "root reads everything";
     writeFile("secret.conf", "5.a=1\n");
     ASSERT_EQ(chmod("secret.conf", 0200), 0);
-    PropertyStore store;
-    EXPECT_EQ(CreatePropertyString("./secret.conf", "5", &store), 6U);
+    EXPECT_TRUE(support::asOrdinaryUser([] {
+        PropertyStore store;
+        EXPECT_EQ(CreatePropertyString("./secret.conf", "5", &store), 6U);
+    }));
     ASSERT_EQ(chmod("secret.conf", 0600), 0);
     EXPECT_EQ(readFile("secret.conf"), "5.a=1\n");
 }

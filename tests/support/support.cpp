@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <gtest/gtest.h>
 #include <iterator>
 #include <poll.h>
 #include <sys/stat.h>
@@ -105,6 +106,25 @@ int inChild(const std::function<int()> &body) {
     while (waitpid(child, &waited, 0) == -1 && errno == EINTR) {
     }
     return statusOf(waited);
+}
+
+static bool becomeOrdinaryUser() {
+    constexpr uid_t NOBODY = 65534;
+    if (geteuid() != 0)
+        return true;
+    bool done = chown(".", NOBODY, NOBODY) == 0;
+    for (const auto &entry : std::filesystem::recursive_directory_iterator("."))
+        done = lchown(entry.path().c_str(), NOBODY, NOBODY) == 0 && done;
+    return done && setresgid(NOBODY, NOBODY, NOBODY) == 0 && setresuid(NOBODY, NOBODY, NOBODY) == 0;
+}
+
+bool asOrdinaryUser(const std::function<void()> &body) {
+    return inChild([&] {
+               EXPECT_TRUE(becomeOrdinaryUser());
+               body();
+               std::fflush(nullptr);
+               return testing::Test::HasFailure() ? 1 : 0;
+           }) == 0;
 }
 
 Finished run(const std::vector<std::string> &command, const std::string &input) {

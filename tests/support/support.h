@@ -28,6 +28,10 @@ std::string captured(int descriptor, const std::function<void()> &body);
 // Runs body in a forked child; its exit status, or 128 + the signal that ended it.
 int inChild(const std::function<int()> &body);
 
+// Runs body, with its expectations, in a forked child that is not root: where we are, it
+// becomes another user, who then owns the test's directory. False when one failed.
+bool asOrdinaryUser(const std::function<void()> &body);
+
 struct Finished {
     int status; // exit status, or 128 + signal
     std::string out;
