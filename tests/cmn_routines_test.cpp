@@ -423,6 +423,15 @@ TEST(WideToUtf8, SurrogatesAndNumbersBeyondUnicodeFail) {
     EXPECT_EQ("1", fromWide(pair));
 }
 
+TEST(Conversions, WideTextDoesNotDependOnTheLocale) {
+    for (const char *name : {"C", "C.UTF-8", "de_DE.ISO-8859-1", "ja_JP.EUC-JP"}) {
+        ASSERT_TRUE(support::useLocale(name));
+        EXPECT_EQ(L"0:a\u00E4\u20AC\U0001F600", toWide("a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80")) << name;
+        EXPECT_EQ("0:a\xC3\xA4\xE2\x82\xAC\xF0\x9F\x98\x80", fromWide(L"a\u00E4\u20AC\U0001F600")) << name;
+        EXPECT_EQ(L"1", toWide("\xE4")) << name;
+    }
+}
+
 TEST(MultibyteToUtf8, InTheCLocaleOnlyAsciiConverts) {
     ASSERT_TRUE(support::useLocale("C"));
     EXPECT_EQ("0:abc ~\x7F\x01", fromMultibyte("abc ~\x7F\x01"));
@@ -456,6 +465,30 @@ TEST(Utf8ToMultibyte, TheConverterHasNoName) {
         namelessConverters = 0;
         EXPECT_EQ("0:abc ~\x7F\x01", toMultibyte("abc ~\x7F\x01"));
         EXPECT_EQ(1, namelessConverters);
+    }
+}
+
+TEST(Utf8ToMultibyte, ICUsOwnDefaultIsUtf8OrTheLocalesCodePage) {
+    const struct {
+        const char *locale;
+        const char *utf8;
+        const char *expected;
+    } rows[] = {
+        {"C", "a\xC3\xA4z", "0:a\x1Az"},
+        {"C.UTF-8", "a\xC3\xA4z", "0:a\xC3\xA4z"},
+        {"de_DE.ISO-8859-1", "Gr\xC3\xBC\xC3\x9F", "0:Gr\xFC\xDF"},
+        {"ja_JP.EUC-JP", "a\xE6\x97\xA5\xE6\x9C\xAC", "0:a\xC6\xFC\xCB\xDC"},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(0, support::inChild([&] { // ICU decides once
+                      if (!support::useLocale(row.locale))
+                          return 1;
+                      const bool always = std::strcmp(ucnv_getDefaultName(), "UTF-8") == 0;
+                      return toMultibyte(row.utf8) == (always ? std::string("0:") + row.utf8 : row.expected)
+                                 ? 0
+                                 : 2;
+                  }))
+            << row.locale;
     }
 }
 

@@ -243,6 +243,17 @@ TEST(Lock, FailingThreadCallsAbort) {
     });
 }
 
+TEST(Lock, MutexThatCannotBeLockedAborts) {
+    static LogLock lock; // a robust mutex tells that its owner is gone
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
+    ASSERT_EQ(0, pthread_mutex_init(&lock.mutex, &attributes));
+    lock.initialized = 1;
+    std::thread([] { pthread_mutex_lock(&lock.mutex); }).join();
+    EXPECT_ABORT(zoltLogLock(&lock, TAG));
+}
+
 TEST(Lock, DestroyWhileHeldAborts) {
     nest(1);
     EXPECT_ABORT(zoltLogDestroyLock(&zoltLogMutex));

@@ -1,0 +1,148 @@
+// Which operation takes the global lock under which tag. The lock asks for the thread's
+// identity when it is released, while the released tag still stands in its record: this
+// program's own pthread_self looks at it there.
+#include "support/log_records.h"
+#include "zoltlog.h"
+
+#include <dlfcn.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <set>
+#include <string>
+
+namespace {
+std::set<std::string> taken;
+}
+
+extern "C" pthread_t pthread_self() noexcept {
+    static pthread_t (*real)();
+    if (real == nullptr)
+        real = reinterpret_cast<pthread_t (*)()>(dlsym(RTLD_NEXT, "pthread_self"));
+    if (zoltLogMutex.depth > 0)
+        taken.insert(zoltLogMutex.holders[zoltLogMutex.depth - 1].tag);
+    return real();
+}
+
+namespace {
+
+struct LockTagsInUse : testing::Test {
+    LockTagsInUse() {
+        logs::configure({"Default.DebugLevel=4", "LOGSET.backup.DebugLevel=1"});
+        EXPECT_EQ(0u, zoltLogOpen(5, 7, &handle));
+        LogCfg cfg = {};
+        EXPECT_EQ(0u, zoltLogSecureOpen(5, 7, &cfg, &secure));
+    }
+    ~LockTagsInUse() override {
+        zoltLogClose(&secure);
+        EXPECT_EQ(0u, zoltLogClose(&handle));
+        EXPECT_EQ(0, zoltLogMutex.depth);
+    }
+    LogHandle handle = {};
+    LogHandle secure = {};
+};
+
+void freeAll(LogCfg **cfgs, uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) {
+        zoltLogFreeCfg(cfgs[i]);
+        zoltLogFree(cfgs[i]);
+    }
+}
+
+} // namespace
+
+TEST_F(LockTagsInUse, AreThoseOfTheOperations) {
+    LogCfg *cfgs[8] = {};
+    uint32_t count = 0;
+    LogCfg cfg = {};
+    uint32_t level = 0;
+    uint64_t number = 0;
+    LogHandle context = {};
+    LogHandle second = {};
+    ZoltLisBlock block = {};
+    const struct {
+        const char *tag;
+        std::function<void()> call;
+    } rows[] = {
+        {"zoltLogReadAllCfg()",
+         [&] {
+             EXPECT_EQ(0u, zoltLogReadAllCfg(nullptr, 8, cfgs, &count));
+             freeAll(cfgs, count);
+         }},
+        {"zoltLogReadProdIDCfg()",
+         [&] {
+             EXPECT_EQ(0u, zoltLogReadProdIDCfg(nullptr, 5, 8, cfgs, &count));
+             freeAll(cfgs, count);
+         }},
+        {"zoltLogReadlogsetCfg()",
+         [&] {
+             EXPECT_EQ(0u, zoltLogReadlogsetCfg(5, "backup", &cfg));
+             EXPECT_EQ(0u, zoltLogCfgSetDebugLevel(&cfg, 2));
+         }},
+        {"zoltLogWritelogSetCfg()",
+         [&] {
+             EXPECT_EQ(0u, zoltLogWritelogSetCfg(5, "backup", &cfg));
+             zoltLogFreeCfg(&cfg);
+         }},
+        {"zoltLogReadCfg()",
+         [&] {
+             EXPECT_EQ(0u, zoltLogReadCfg(5, 7, &cfg));
+             EXPECT_EQ(0u, zoltLogCfgSetDebugLevel(&cfg, 3));
+         }},
+        {"zoltLogWriteCfg()",
+         [&] {
+             EXPECT_EQ(0u, zoltLogWriteCfg(5, 7, &cfg));
+             zoltLogFreeCfg(&cfg);
+         }},
+        {"zoltDynaLoadConfig()",
+         [&] {
+             handle.reloadInterval = 60;
+             handle.lastReloadCheck = 0;
+             handle.cfgTimestamp = 1;
+             EXPECT_EQ(0u, zoltDynaLoadConfig(&handle));
+         }},
+        {"zoltLogAddProductCfg", [&] { EXPECT_EQ(0u, zoltLogAddProductCfg(9, "nine", "/nine.conf")); }},
+        {"zoltLogRemoveProductCfg", [&] { EXPECT_EQ(0u, zoltLogRemoveProductCfg(9)); }},
+        {"GetNextSequenceNumber()", [&] { GetNextSequenceNumber(&handle); }},
+        {"zoltLogMsg()", [&] { EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 1, 0, "text")); }},
+        {"zoltLogAppMsg2LEx()",
+         [&] { EXPECT_EQ(0u, zoltLogAppMsg2LEx(&handle, 1, 0, 1, "mgr", "text", &block)); }},
+        {"zoltLogDiagMsg2L()",
+         [&] {
+             handle.diagLevel = 4;
+             EXPECT_EQ(0u, zoltLogDiagMsg2L(&handle, 1, 0, 1, "mgr", "text", &block));
+         }},
+        {"zoltLogAuditMsg2L()",
+         [&] { EXPECT_EQ(0u, zoltLogAuditMsg2(&handle, 1, 0, "mary", 1, 42, "text")); }},
+        {"zoltLogSecureAuditMsgL()", [&] { (void)zoltLogSecureAuditMsg(&secure, 0, "mary", 1, 42, "text"); }},
+        {"zoltLogFormattedDebugMsg()",
+         [&] { EXPECT_EQ(0u, zoltLogFormattedDebugMsg(&handle, 0, 1, "mgr", "text")); }},
+        {"zoltLogDebugMsg2V()", [&] { EXPECT_EQ(0u, zoltLogDebugMsg(&handle, 0, 1, "mgr", "text")); }},
+        {"zoltLogSetDebugLevel()", [&] { EXPECT_EQ(0u, zoltLogSetDebugLevel(&handle, 1)); }},
+        {"zoltLogGetDebugLevel()", [&] { EXPECT_EQ(0u, zoltLogGetDebugLevel(&handle, &level)); }},
+        {"zoltLogSetDiagLevel()", [&] { EXPECT_EQ(0u, zoltLogSetDiagLevel(&handle, 1)); }},
+        {"zoltLogGetDiagLevel()", [&] { EXPECT_EQ(0u, zoltLogGetDiagLevel(&handle, &level)); }},
+        {"zoltLogSetSecureAuditLevel()", [&] { EXPECT_EQ(0u, zoltLogSetSecureAuditLevel(&handle, 1)); }},
+        {"zoltLogGetSecureAuditLevel()", [&] { EXPECT_EQ(0u, zoltLogGetSecureAuditLevel(&handle, &level)); }},
+        {"zoltLogSetSequenceNumber()", [&] { EXPECT_EQ(0u, zoltLogSetSequenceNumber(&handle, 1)); }},
+        {"zoltLogSetSequenceNumber()", [&] { EXPECT_EQ(0u, zoltLogGetSequenceNumber(&handle, &number)); }},
+        {"zoltLogAddLogToFile()",
+         [&] {
+             EXPECT_EQ(0u, zoltLogOpen(5, 7, &second));
+             EXPECT_EQ(0u, zoltLogClose(&second));
+         }},
+        {"zoltLogOpenFile()", [&] { EXPECT_EQ(0u, zoltLogOpen(5, 7, &second)); }},
+        {"zoltLogCloseFile()", [&] { EXPECT_EQ(0u, zoltLogClose(&second)); }},
+        {"zoltLogCreateContextToFile()",
+         [&] {
+             EXPECT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "text"));
+             EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+         }},
+    };
+    for (const auto &row : rows) {
+        taken.clear();
+        row.call();
+        EXPECT_EQ(1u, taken.count(row.tag)) << row.tag << ", took " << testing::PrintToString(taken);
+        EXPECT_EQ(0, zoltLogMutex.depth) << row.tag;
+    }
+}
