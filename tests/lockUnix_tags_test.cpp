@@ -104,7 +104,14 @@ TEST_F(LockTagsInUse, AreThoseOfTheOperations) {
         {"zoltLogAddProductCfg", [&] { EXPECT_EQ(0u, zoltLogAddProductCfg(9, "nine", "/nine.conf")); }},
         {"zoltLogRemoveProductCfg", [&] { EXPECT_EQ(0u, zoltLogRemoveProductCfg(9)); }},
         {"GetNextSequenceNumber()", [&] { GetNextSequenceNumber(&handle); }},
-        {"zoltLogMsg()", [&] { EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 1, 0, "text")); }},
+        {"zoltLogMsg()",
+         [&] {
+             LogMsg msg;
+             EXPECT_EQ(0u, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "text"));
+             EXPECT_EQ(0u, zoltLogSetAppAttrEx(&msg, "mgr", 3));
+             EXPECT_EQ(0u, zoltLogMsg(&handle, 0, &msg));
+             zoltLogFreeMsg(&msg);
+         }},
         {"zoltLogAppMsg2LEx()",
          [&] { EXPECT_EQ(0u, zoltLogAppMsg2LEx(&handle, 1, 0, 1, "mgr", "text", &block)); }},
         {"zoltLogDiagMsg2L()",
