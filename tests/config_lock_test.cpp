@@ -1,0 +1,93 @@
+// The configuration operations hold the global lock under their own tags: seen at each
+// file that they open meanwhile.
+#include "support/support.h"
+#include "zoltlog.h"
+
+#include <cstdarg>
+#include <cstdlib>
+#include <fcntl.h>
+#include <functional>
+#include <gtest/gtest.h>
+#include <set>
+#include <string>
+
+namespace {
+
+std::set<std::string> *tags; // held at the opens so far; "none" without the lock
+
+} // namespace
+
+extern "C" int open(const char *path, int flags, ...) {
+    va_list args;
+    va_start(args, flags);
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
+    va_end(args);
+    if (tags != nullptr)
+        tags->insert(zoltLogMutex.depth > 0 ? zoltLogMutex.holders[zoltLogMutex.depth - 1].tag : "none");
+    return openat(AT_FDCWD, path, flags, mode);
+}
+
+namespace {
+
+using Tags = std::set<std::string>;
+
+Tags heldDuring(const std::function<uint32_t()> &operation) {
+    Tags seen;
+    tags = &seen;
+    EXPECT_EQ(operation(), 0U);
+    tags = nullptr;
+    EXPECT_EQ(zoltLogMutex.depth, 0);
+    return seen;
+}
+
+void collect(uint32_t (*read)(LogCfg **, uint32_t *), const char *tag) {
+    LogCfg *cfgs[9];
+    uint32_t count = 0;
+    EXPECT_EQ(heldDuring([&] { return read(cfgs, &count); }), Tags{tag});
+    while (count > 0) {
+        --count;
+        zoltLogFreeCfg(cfgs[count]);
+        zoltLogFree(cfgs[count]);
+    }
+}
+
+} // namespace
+
+TEST(ConfigLock, ReadingHoldsItThroughout) {
+    support::writeFile("main.conf", "5.Configuration=./p.conf\n");
+    support::writeFile("p.conf", "7.DebugLevel=1\nLOGSET.bill.DebugLevel=1\n");
+    setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1);
+    LogCfg cfg;
+    EXPECT_EQ(heldDuring([&] { return zoltLogReadCfg(5, 7, &cfg); }), Tags{"zoltLogReadCfg()"});
+    zoltLogFreeCfg(&cfg);
+    EXPECT_EQ(heldDuring([&] { return zoltLogReadlogsetCfg(5, "bill", &cfg); }),
+              Tags{"zoltLogReadlogsetCfg()"});
+    zoltLogFreeCfg(&cfg);
+    collect([](LogCfg **cfgs, uint32_t *count) { return zoltLogReadProdIDCfg(nullptr, 5, 9, cfgs, count); },
+            "zoltLogReadProdIDCfg()");
+    collect([](LogCfg **cfgs, uint32_t *count) { return zoltLogReadAllCfg(nullptr, 9, cfgs, count); },
+            "zoltLogReadAllCfg()");
+}
+
+TEST(ConfigLock, WritingHoldsItThroughout) {
+    support::writeFile("main.conf", "5.Configuration=./p.conf\n");
+    setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1);
+    LogCfg cfg;
+    InitLogCfg(5, 7, "bill", &cfg);
+    zoltLogCfgSetDebugLevel(&cfg, 3);
+    EXPECT_EQ(heldDuring([&] { return zoltLogWriteCfg(5, 7, &cfg); }), Tags{"zoltLogWriteCfg()"});
+    EXPECT_EQ(heldDuring([&] { return zoltLogWritelogSetCfg(5, "bill", &cfg); }),
+              Tags{"zoltLogWritelogSetCfg()"});
+    zoltLogFreeCfg(&cfg);
+}
+
+// The main file is opened before the lock is taken, and changed under it.
+TEST(ConfigLock, RegistrationHoldsItAroundTheWrites) {
+    setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1);
+    EXPECT_EQ(heldDuring([] { return zoltLogAddProductCfg(5, "five", "./p.conf"); }),
+              (Tags{"none", "zoltLogAddProductCfg"}));
+    EXPECT_EQ(heldDuring([] { return zoltLogAddProductCfg(6, "six", "./p.conf"); }),
+              (Tags{"none", "zoltLogAddProductCfg"}));
+    EXPECT_EQ(heldDuring([] { return zoltLogRemoveProductCfg(6); }),
+              (Tags{"none", "zoltLogRemoveProductCfg"}));
+}
