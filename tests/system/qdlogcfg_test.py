@@ -217,6 +217,14 @@ class Qdlogcfg(unittest.TestCase):
         write("server.conf", good)
         self.assertEqual(self.check(0), [])
 
+    def test_findings_come_in_the_order_of_lines(self):
+        self.register()
+        write("server.conf", read("server.conf") + "7.NumberOfLogFiles=0\n7.DebugLevle=3\nnonsense\n8.DebugLevel=9\n"
+              "7.DebugLevel=9\n7.LogFilePermissions=755\n")
+        lines = [finding["line"] for finding in self.check()]
+        self.assertGreaterEqual(len(set(lines)), 6)
+        self.assertEqual(lines, sorted(lines))
+
     def test_check_takes_what_the_library_takes(self):
         self.register()
         good = read("server.conf")

@@ -3,6 +3,7 @@
 //
 // Order of sections: findings; lines of a file; the main file; sections of a
 // product; directories and series.
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -33,6 +34,16 @@ struct Findings {
     }
     void warn(const std::string &file, size_t line, const std::string &text) {
         list.push_back({false, file, line, text});
+    }
+
+    // By file, in the order in which the files were checked, and by line.
+    void sort() {
+        std::map<std::string, size_t> order;
+        for (const Finding &finding : list)
+            order.try_emplace(finding.file, order.size());
+        std::stable_sort(list.begin(), list.end(), [&order](const Finding &a, const Finding &b) {
+            return std::make_pair(order.at(a.file), a.line) < std::make_pair(order.at(b.file), b.line);
+        });
     }
 
     std::vector<Finding> list;
@@ -407,6 +418,7 @@ int checkConfiguration(const Options &options, Output &out) {
         checkSeries(product, file, series, findings);
     }
 
+    findings.sort();
     if (options.json) {
         Json json;
         json.beginArray();
