@@ -389,10 +389,25 @@ class Qdlogmgr(unittest.TestCase):
                           ["list", "--color", "pink"], ["list", "--keep", "x"]):
             self.assertEqual(run(*arguments)[0], 2, arguments)
 
+    def test_errors_name_the_program_and_what_is_wrong(self):
+        for arguments, words in (([], "a command is needed"), (["nothing"], "there is no command 'nothing'"),
+                                 (["list", "--nothing"], "--nothing"), (["delete", "-p"], "--product")):
+            err = run(*arguments)[2]
+            self.assertTrue(err.startswith("qdlogmgr: "), err)
+            self.assertIn(words, err)
+            self.assertTrue(err.endswith("Try 'qdlogmgr --help'.\n"), err)
+
+    def test_finding_nothing_is_told(self):
+        self.assertEqual(run("list"), (1, "", "qdlogmgr: no log files were found\n"))
+        self.assertEqual(run("list", "-q"), (1, "", ""))
+        originator_file(0)
+        self.assertEqual(run("surplus"), (1, "", "qdlogmgr: no file matches\n"))
+        self.assertEqual(run("vacuum", "-a", "--count", "3"), (0, "nothing to remove\n", ""))
+
     def test_a_configuration_that_cannot_be_read_is_3(self):
         status, _, err = run("list", config="missing.conf")
         self.assertEqual(status, 3)
-        self.assertIn("missing.conf", err)
+        self.assertIn("missing.conf: No such file or directory", err)
         self.assertEqual(run("list", "--config", f"{HERE}/main.conf", config=None)[0], 1)
 
     def test_names_cannot_steer_the_terminal(self):

@@ -2,6 +2,10 @@
 
 #include "zoltlog.h"
 
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
 namespace tools {
 
 namespace {
@@ -55,6 +59,13 @@ const char *resultText(uint32_t result) {
 
 std::string resultMessage(uint32_t result) {
     return std::string(resultText(result)) + " (" + std::to_string(result) + ")";
+}
+
+std::string configurationProblem(const char *path, uint32_t result) {
+    const std::string name = std::string("configuration ") + path;
+    if (access(path, R_OK) != 0)
+        return name + ": " + std::strerror(errno);
+    return name + ": " + resultMessage(result);
 }
 
 } // namespace tools

@@ -168,6 +168,9 @@ int finish(Run &run, size_t done) {
         std::fprintf(stderr, "qdlogmgr: %s\n", tools::escaped(problem).c_str());
     if (!run.problems.empty())
         return done != 0 ? tools::ExitPartial : tools::ExitUnreadable;
+    if (done == 0 && !run.options.quiet)
+        std::fprintf(stderr, "qdlogmgr: %s\n",
+                     run.series.empty() ? "no log files were found" : "no file matches");
     return done != 0 ? tools::ExitOk : tools::ExitNothing;
 }
 

@@ -6,6 +6,7 @@
 #include "qdlogmgr/commands.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <unistd.h>
 
@@ -177,10 +178,25 @@ std::optional<int> parseCommandLine(int argc, char **argv, Options &options, con
         sub->footer(std::string("Example:\n  ") + one.example);
         sub->callback([&command, &one] { command = &one; });
     }
+    const auto refuse = [](const std::string &why) {
+        std::fprintf(stderr, "qdlogmgr: %s\nTry 'qdlogmgr --help'.\n", tools::escaped(why).c_str());
+        return tools::ExitUsage;
+    };
+    if (argc < 2)
+        return refuse("a command is needed");
+    const std::string first = argv[1];
+    if ((first.empty() || first.front() != '-') &&
+        std::none_of(std::begin(COMMANDS), std::end(COMMANDS),
+                     [&](const Command &one) { return first == one.name; }))
+        return refuse("there is no command '" + first + "'");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? tools::ExitOk : tools::ExitUsage;
+        if (error.get_exit_code() == 0) { // --help, --version
+            app.exit(error);
+            return tools::ExitOk;
+        }
+        return refuse(error.what());
     }
     std::string error;
     if (understand(options, *command, error))

@@ -75,9 +75,12 @@ int vacuumFiles(Run &run) {
     }
     report.finish();
     tellSum(run, removed, bytes);
-    const int status = finish(run, removed);
-    // Series that fit already are what was asked for.
-    return status == tools::ExitNothing && !run.series.empty() ? static_cast<int>(tools::ExitOk) : status;
+    if (removed == 0 && run.problems.empty() && !run.series.empty()) { // which is what was asked for
+        if (!options.json && !options.quiet)
+            run.out.write("nothing to remove\n");
+        return tools::ExitOk;
+    }
+    return finish(run, removed);
 }
 
 } // namespace qdlogmgr

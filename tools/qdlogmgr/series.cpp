@@ -307,7 +307,7 @@ bool findSeries(const Options &options, std::vector<Series> &series, Problems &p
     Configurations all;
     const uint32_t read = zoltLogReadAllCfg(nullptr, MAX_CONFIGURATIONS, all.items.data(), &all.count);
     if (read != ZOLTLOG_OK && options.directories.empty()) {
-        problems.push_back(std::string(GetZoltLogCfgLoc()) + ": " + tools::resultMessage(read));
+        problems.push_back(tools::configurationProblem(GetZoltLogCfgLoc(), read));
         return false;
     }
     Wanted wanted;

@@ -77,7 +77,7 @@ bool Sources::resolve(const Settings &settings) {
     Configurations all;
     const uint32_t result = zoltLogReadAllCfg(nullptr, MaxConfigurations, all.items.data(), &all.count);
     if (result != ZOLTLOG_OK) {
-        problems.push_back(std::string(GetZoltLogCfgLoc()) + ": " + tools::resultMessage(result));
+        problems.push_back(tools::configurationProblem(GetZoltLogCfgLoc(), result));
         return false;
     }
     const auto idOf = [&](uint32_t kind, const std::string &name, const char *what, uint64_t &id) {
@@ -105,7 +105,7 @@ bool Sources::resolve(const Settings &settings) {
 // file originator or a log set is named.
 bool Sources::addConfigured(const Settings &settings) {
     const auto failed = [&](uint32_t result) {
-        problems.push_back(std::string(GetZoltLogCfgLoc()) + ": " + tools::resultMessage(result));
+        problems.push_back(tools::configurationProblem(GetZoltLogCfgLoc(), result));
         return false;
     };
     const auto add = [&](const LogCfg &cfg) {
