@@ -62,7 +62,7 @@ find_package(qdul 3 REQUIRED)
 add_executable(by_cmake program.c)
 target_link_libraries(by_cmake PRIVATE qdul::qdul)
 SOURCE
-cmake -S . -B cmade -DCMAKE_PREFIX_PATH="$PWD/prefix" >cmake.log 2>&1 && cmake --build cmade >>cmake.log 2>&1 ||
+cmake -G Ninja -S . -B cmade -DCMAKE_PREFIX_PATH="$PWD/prefix" >cmake.log 2>&1 && cmake --build cmade >>cmake.log 2>&1 ||
     { cat cmake.log; fail "find_package does not work"; }
 cp cmade/by_cmake .
 for program in in_c in_cpp by_cmake; do
