@@ -53,7 +53,7 @@ rm -rf -- "$out"
 mkdir -p -- "$out"
 out=$(cd "$out" && pwd)
 touch "$out/.qdul-demo"
-mkdir "$out/etc" "$out/log" "$out/work"
+mkdir "$out/etc" "$out/log" "$out/scratch"
 export ZOLTLOG_CFG_LOC=$out/etc/zoltlog.conf
 export QDLIS_CATALOG=$build/share/qdul/catalogue/diskd
 export NO_COLOR=1
@@ -87,44 +87,44 @@ run "$bin/qdlogcfg" explain -p demo -o server -k diag --level 2
 # ---- messages ----------------------------------------------------------------
 
 find /usr/share/common-licenses /usr/share/doc /etc -maxdepth 2 -type f -readable -size -300k ! -name '*.gz' 2>/dev/null |
-    LC_ALL=C sort | head -n 300 >"$out/work/requests" || true
-[ -s "$out/work/requests" ] || fail "no readable text file was found on this machine"
-printf '/no/such/file\n%.0s' 1 2 3 4 5 >>"$out/work/requests"
-requests=$(wc -l <"$out/work/requests")
+    LC_ALL=C sort | head -n 300 >"$out/scratch/requests" || true
+[ -s "$out/scratch/requests" ] || fail "no readable text file was found on this machine"
+printf '/no/such/file\n%.0s' 1 2 3 4 5 >>"$out/scratch/requests"
+requests=$(wc -l <"$out/scratch/requests")
 
 tell "A server with four threads, in two processes at a time, writes one series." \
     "Each request (count the words of a file of this machine) is a context: its token is" \
     "in all messages of the request. Both processes append to the same file and go on to" \
     "the next one together. What each process has sent:"
 for process in 1 2; do
-    "$examples/server" 5 $SERVER 4 <"$out/work/requests" >"$out/work/sent.$process" &
+    "$examples/server" 5 $SERVER 4 <"$out/scratch/requests" >"$out/scratch/sent.$process" &
     pids[process]=$!
 done
 for process in 1 2; do
     wait "${pids[process]}" || fail "server $process ended with status $?"
-    printf '     process %d: %s\n' "$process" "$(cat "$out/work/sent.$process")"
+    printf '     process %d: %s\n' "$process" "$(cat "$out/scratch/sent.$process")"
 done
-sent() { awk -v kind="$1" '{ for (i = 1; i < NF; i++) if ($i == kind) n += $(i + 1) } END { print n + 0 }' "$out"/work/sent.[12]; }
+sent() { awk -v kind="$1" '{ for (i = 1; i < NF; i++) if ($i == kind) n += $(i + 1) } END { print n + 0 }' "$out"/scratch/sent.[12]; }
 
 # Real text: the package log of this machine and, while that is short, licence texts
 LINES_WANTED=4000
 {
     cat /var/log/dpkg.log 2>/dev/null || true
     find /usr/share/common-licenses -type f -exec cat {} + || true
-} 2>/dev/null | head -n $LINES_WANTED >"$out/work/text" || true
-lines=$(grep -c '' "$out/work/text") || fail "there is neither a package log nor a licence text"
+} 2>/dev/null | head -n $LINES_WANTED >"$out/scratch/text" || true
+lines=$(grep -c '' "$out/scratch/text") || fail "there is neither a package log nor a licence text"
 
 tell "qdlogger sends real text: $lines lines of this machine's package log (and licence texts)." \
     "Each line is a message." \
     "First to the component 'import', under the context 'import-1'; then the same as" \
     "diagnostic messages of two jobs to the log set; then to the component 'noisy'."
-"$bin/qdlogger" -p demo -o import -w import -x import-1 <"$out/work/text" || fail "qdlogger"
+"$bin/qdlogger" -p demo -o import -w import -x import-1 <"$out/scratch/text" || fail "qdlogger"
 half=$(((lines + 1) / 2))
-head -n "$half" "$out/work/text" | "$bin/qdlogger" -p demo -o import -l jobs -k diag -w job-1 || fail "qdlogger"
+head -n "$half" "$out/scratch/text" | "$bin/qdlogger" -p demo -o import -l jobs -k diag -w job-1 || fail "qdlogger"
 sleep 1.1 # the period of the log set's files
-tail -n +$((half + 1)) "$out/work/text" | "$bin/qdlogger" -p demo -o noisy -l jobs -k diag -w job-2 ||
+tail -n +$((half + 1)) "$out/scratch/text" | "$bin/qdlogger" -p demo -o noisy -l jobs -k diag -w job-2 ||
     fail "qdlogger"
-"$bin/qdlogger" -p demo -o noisy <"$out/work/text" || fail "qdlogger"
+"$bin/qdlogger" -p demo -o noisy <"$out/scratch/text" || fail "qdlogger"
 echo "     sent: $lines to import, $lines to the log set, $lines to noisy"
 
 tell "Copies on the console are made on request, here with --stdout."
@@ -207,7 +207,7 @@ fi
 files() { find "$out/log" -name "$1" | wc -l; }
 printf '     %-44s %7d of %d\n' "noisy: files kept by recycling" "$(files "5-$NOISY-*.log")" $KEPT
 [ "$(files "5-$NOISY-*.log")" -eq $KEPT ] || fail "noisy: $(files "5-$NOISY-*.log") files are kept, not $KEPT"
-last=$(tail -n 1 "$out/work/text")
+last=$(tail -n 1 "$out/scratch/text")
 grep -qF -- "${last:0:60}" "$(find "$out/log" -name "5-$NOISY-*.log" | LC_ALL=C sort | tail -n 1)" ||
     fail "noisy: the last line is not in the newest file"
 [ "$(files "5-$SERVER-*.log")" -gt 1 ] || fail "the server's files did not roll over"

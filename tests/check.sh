@@ -14,7 +14,7 @@
 # tsan      the programs that use threads or fork, with ThreadSanitizer
 # tidy      clang-tidy over everything but the tests
 # cppcheck  cppcheck over everything but the tests
-# abi       libqdul.so.3 against abi/libqdul.so.3.abi
+# abi       libqdul.so.3 against abi/libqdul.so.3.abi.gz
 # fuzz      every fuzzer for FUZZ_SECONDS (10), from its corpus
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -22,7 +22,7 @@ cd "$(dirname "$0")/.."
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:allocator_may_return_null=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
-abi_file=abi/libqdul.so.3.abi
+abi_file=abi/libqdul.so.3.abi.gz
 
 build() { # PRESET
     cmake --preset "$1" --log-level=NOTICE >/dev/null && cmake --build "build/$1" --parallel "$(nproc)" -- --quiet
@@ -96,14 +96,15 @@ step_abi() {
         return 0
     fi
     build release &&
-        abidiff --no-added-syms --harmless --leaf-changes-only $abi_file build/release/lib/libqdul.so.3 &&
+        gzip -dc $abi_file >build/recorded.abi &&
+        abidiff --no-added-syms --harmless --leaf-changes-only build/recorded.abi build/release/lib/libqdul.so.3 &&
         echo "the ABI is the recorded one"
 }
 
 record_abi() {
     build release && mkdir -p "$(dirname $abi_file)" &&
         abidw --no-corpus-path --no-comp-dir-path --no-show-locs --headers-dir include --drop-private-types \
-            build/release/lib/libqdul.so.3 | sed "s|$PWD/||g" >$abi_file &&
+            build/release/lib/libqdul.so.3 | sed "s|$PWD/||g" | gzip -9n >$abi_file &&
         echo "recorded in $abi_file"
 }
 
