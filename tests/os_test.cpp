@@ -762,6 +762,8 @@ TEST(Mkdirp, DirectoryUnderTheRootTakesAfterTheRoot) {
     EXPECT_EQ(1, zoltLogOs_mkdirp(path.c_str(), 0));
     EXPECT_EQ(path, asked);
     EXPECT_EQ(modeOf("/"), askedMode);
+    beforeMkdir = nullptr;
+    mkdirError = 0;
 }
 
 TEST(Mkdirp, TrailingAndDoubleSlashesDoNotMatter) {
