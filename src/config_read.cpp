@@ -183,6 +183,14 @@ static uint32_t applyLogset(LogCfg *cfg, const SectionValues *values, const char
     return count;
 }
 
+// The result of reading sections: a file that does not open reads as an empty one.
+static uint32_t sectionsResult(uint32_t storeResult) {
+    if (storeResult == STORE_NOT_WRITTEN)
+        return ZOLTLOG_NO_MEMORY;
+    const uint32_t result = utipsres2zoltlogres(storeResult);
+    return result == ZOLTLOG_CFG_NOT_FOUND ? static_cast<uint32_t>(ZOLTLOG_OK) : result;
+}
+
 uint32_t GetOriginatorCfgSettings(const char *productFile, const char *section, LogCfg *cfg) {
     if (productFile == nullptr || section == nullptr || cfg == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
@@ -190,10 +198,10 @@ uint32_t GetOriginatorCfgSettings(const char *productFile, const char *section, 
     if (values == nullptr)
         return ZOLTLOG_NO_MEMORY;
     StoreSection wanted = sectionOf(section, values.get());
-    const uint32_t result = utipsres2zoltlogres(storeReadSections(productFile, &wanted, 1));
+    const uint32_t result = sectionsResult(storeReadSections(productFile, &wanted, 1));
     if (result == ZOLTLOG_OK)
         applyOriginator(cfg, values.get(), section);
-    return result == ZOLTLOG_CFG_NOT_FOUND ? static_cast<uint32_t>(ZOLTLOG_OK) : result;
+    return result;
 }
 
 bool cfgIsFile(const char *productLocation) {
@@ -254,10 +262,10 @@ static uint32_t readOriginator(const char *productFile, uint64_t originatorId, L
     StoreSection wanted[SECTIONS] = {sectionOf(CFG_DEFAULT, values.get()),
                                      sectionOf(section, values.get() + 1)};
     const size_t count = IsDefaultOriginator(originatorId) != 0 ? 1 : SECTIONS;
-    const uint32_t result = utipsres2zoltlogres(storeReadSections(productFile, wanted, count));
+    const uint32_t result = sectionsResult(storeReadSections(productFile, wanted, count));
     for (size_t i = 0; result == ZOLTLOG_OK && i < count; ++i)
         applyOriginator(cfg, values.get() + i, wanted[i].root);
-    return result == ZOLTLOG_CFG_NOT_FOUND ? static_cast<uint32_t>(ZOLTLOG_OK) : result; // as if empty
+    return result;
 }
 
 uint32_t zoltLogReadCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg) {
