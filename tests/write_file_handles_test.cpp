@@ -63,6 +63,7 @@ TEST_F(WriteFileHandles, ClosedHandleHasNoFile) {
     ASSERT_EQ(open(&two, settings()), 0u);
     EXPECT_EQ(zoltLogCloseFile(&two), 0u);
     EXPECT_EQ(two.file, nullptr);
+    EXPECT_EQ(two.nextOnFile, nullptr);
     EXPECT_EQ(zoltLogCloseFile(&two), 3u);
     EXPECT_EQ(send(&two, "nowhere"), 57u);
     EXPECT_EQ(zoltLogCloseFile(&one), 0u);

@@ -170,6 +170,13 @@ TEST_F(WriteFileName, LogsetNamesFallBackAndAreCopies) {
     own[0] = 'X';
     EXPECT_STREQ(handle.file->logsetName, "backup");
     EXPECT_STREQ(handle.file->logsetFilename, "backup");
+    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    char fileName[] = "nightly";
+    file.logsetFilename = fileName;
+    ASSERT_EQ(open(&handle, originator, file), 0u);
+    EXPECT_EQ(logFiles().back(), "5-nightly-240301134502.log");
+    fileName[0] = 'X';
+    EXPECT_STREQ(handle.file->logsetFilename, "nightly");
 }
 
 TEST_F(WriteFileName, LogsetWithoutAnyNameIsInvalid) {
@@ -195,6 +202,9 @@ TEST(WriteFileHeader, LinesOfAllVersions) {
         EXPECT_EQ(written.result, 0u) << row.version;
         EXPECT_EQ(written.bytes, row.line);
     }
+    LogFileHeader eastern = headerOf(65544);
+    eastern.tzOffset = -3600;
+    EXPECT_EQ(writeHeader(eastern).bytes, "$Header 65544,-3600,hostA\n");
 }
 
 TEST(WriteFileHeader, UnknownVersionsAreNotWritten) {

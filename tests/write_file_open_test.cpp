@@ -235,6 +235,9 @@ TEST_F(WriteFileOpen, HostNameOrHostIdUnavailableIs1) {
     hostNameFails = true;
     EXPECT_EQ(open(&handle, settings()), 1u);
     EXPECT_EQ(logFiles(), Names{});
+    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_EQ(open(&handle, logsetSettings()), 1u) << "its names have no host id, its headers a name";
+    EXPECT_EQ(logFiles(), Names{});
     hostNameFails = false;
 }
 
@@ -559,9 +562,13 @@ TEST_F(WriteFileOpen, HardLinkToAnotherFileIsPassedOverAndTheFileUntouched) {
 TEST_F(WriteFileOpen, UnreadableFileIs51) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
-    chmod(path(FIRST).c_str(), 0);
-    EXPECT_TRUE(support::asOrdinaryUser([&] { expectRefused(&handle, 51); }));
-    EXPECT_EQ(support::listFiles("logs"), Names{FIRST});
+    for (const mode_t mode : {0, 0222}) { // also when it could be appended to
+        chmod(path(FIRST).c_str(), mode);
+        EXPECT_TRUE(support::asOrdinaryUser([&] { expectRefused(&handle, 51); })) << mode;
+        EXPECT_EQ(support::listFiles("logs"), Names{FIRST});
+        chmod(path(FIRST).c_str(), 0600);
+        EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300000,0,hostA\n");
+    }
 }
 
 TEST_F(WriteFileOpen, UnwritableFileIs51) {
