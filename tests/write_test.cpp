@@ -11,6 +11,17 @@
 #include "write_series.h"
 #include "zoltlog.h"
 
+static bool releaseLeavesWords;
+
+extern "C" int32_t zoltLisFree(ZoltLisBlock *block) {
+    static const auto real = reinterpret_cast<int32_t (*)(ZoltLisBlock *)>(dlsym(RTLD_NEXT, "zoltLisFree"));
+    const ZoltLisBlock words = *block;
+    const int32_t result = real(block);
+    if (releaseLeavesWords)
+        *block = words;
+    return result;
+}
+
 namespace {
 
 struct Write : testing::Test {
@@ -335,6 +346,17 @@ TEST_F(Write, BlockIsReleasedAlsoWhenTheMessageHasAText) {
     EXPECT_STREQ(msg.text, "own text");
     EXPECT_EQ(msg.lis.word[0] | msg.lis.word[1] | msg.lis.word[2], 0u);
     EXPECT_EQ(recordOf(fileOf(7), 1), "2,5,7,7,1,1709300702000,P,T,0:,8:own text,3:mgr,3,(0|)");
+    zoltLogFreeMsg(&msg);
+}
+
+TEST_F(Write, BlockIsEmptyAlsoWhenItsReleaseLeavesTheWords) {
+    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    LogMsg msg = appMessage(&handle, nullptr);
+    msg.lis = blockOf("%d", 2);
+    releaseLeavesWords = true; // another localization library may do so
+    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+    releaseLeavesWords = false;
+    EXPECT_EQ(msg.lis.word[0] | msg.lis.word[1] | msg.lis.word[2], 0u) << "or it would be released twice";
     zoltLogFreeMsg(&msg);
 }
 
