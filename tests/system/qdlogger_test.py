@@ -271,7 +271,7 @@ class Qdlogger(unittest.TestCase):
         self.failing("-p5", "x", config="missing.conf", status=3, says=r"missing\.conf.*\(6\)\n$")
         self.failing("-p", "nobody", "x", status=3, says=r"no product 'nobody' in zoltlog\.conf\n$")
         self.failing("-p5", "-o", "nobody", "x", status=3, says=r"product 5 has no originator 'nobody'\n$")
-        self.failing("-p5", "-l", "nobody", "x", status=3, says=r"\(6\)\n$")
+        self.failing("-p5", "-l", "nobody", "x", status=3, says=r"product 5, log set 'nobody', cannot.*\(6\)\n$")
         with open("log", "w"):
             pass
         self.failing("-p5", "x", status=3, says=r"\(1\)\n$")

@@ -188,8 +188,9 @@ int run(const Settings &settings) {
     Log log;
     const uint32_t opened = open(settings, target, texts, log);
     if (opened != ZOLTLOG_OK) {
-        std::fprintf(stderr, "qdlogger: the log of product %llu cannot be opened (configuration %s): %s\n",
-                     static_cast<unsigned long long>(target.product), configPath(),
+        const std::string set = settings.logset ? ", log set '" + *settings.logset + "'," : "";
+        std::fprintf(stderr, "qdlogger: the log of product %llu%s cannot be opened (configuration %s): %s\n",
+                     static_cast<unsigned long long>(target.product), set.c_str(), configPath(),
                      tools::resultMessage(opened).c_str());
         close(log);
         return tools::ExitUnreadable;
