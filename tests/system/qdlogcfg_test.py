@@ -248,6 +248,9 @@ class Qdlogcfg(unittest.TestCase):
             if done.returncode == 3:
                 self.skipTest("another user cannot read this directory")
             return [finding["text"] for finding in json.loads(done.stdout)]
+        mode_here = os.stat(".").st_mode & 0o7777
+        if user:
+            os.chmod(".", 0o755)
         for name in ("main.conf", "server.conf"):
             os.chmod(name, 0o644)
         try:
@@ -264,6 +267,7 @@ class Qdlogcfg(unittest.TestCase):
             self.assertEqual(told(), [])
         finally:
             os.chmod("locked", 0o755)
+            os.chmod(".", mode_here)
 
     def test_a_last_line_without_a_line_feed_is_told_and_not_changed(self):
         self.register()
@@ -403,6 +407,53 @@ class Qdlogcfg(unittest.TestCase):
         self.assertEqual(status, 1)
         self.assertIn("(53)", out)
 
+    def test_explain_tells_the_copies_of_each_kind(self):
+        self.register()
+        copies = {"app": ["standard output", "standard error", "the system log"],
+                  "diag": ["standard output", "standard error"], "debug": ["standard output"], "audit": []}
+
+        def told(*arguments):
+            return json.loads(self.ok("explain", "-p", "5", "--json", *arguments))
+        self.ok("set", "-p", "5", "DebugLevel=1", "DiagnosticLevel=1")
+        for kind in copies:
+            self.assertEqual(told("-k", kind)["sinks"], [])
+            self.assertEqual(told("-k", kind, "--flags", "7")["sinks"], copies[kind])  # those of the call
+        self.ok("set", "-p", "5", "LogToStdout=true", "LogToStderr=true", "LogToOslog=true")
+        for kind, sinks in copies.items():
+            self.assertEqual(told("-k", kind)["sinks"], sinks)
+            self.assertTrue(told("-k", kind)["file"].startswith(f"{HERE}/logs/5-112-"))
+        secure = told("-k", "secure-audit")
+        self.assertEqual((secure["file"], secure["sinks"]), (None, ["the system log"]))
+
+    def test_explain_follows_the_originators_and_log_sets(self):
+        self.register()
+        self.ok("set", "-p", "5", "-o", "7", "DebugLevel=2")
+        self.ok("set", "-p", "5", "-o", "8", "LogDirectory=eight")
+        self.ok("set", "-p", "5", "-l", "backup", f"LogDirectory={HERE}/logs", "FileName=bak", "DiagnosticLevel=3")
+
+        def told(*arguments, status=0):
+            done = run("explain", "-p", "5", "--json", *arguments)
+            self.assertEqual(done[0], status, done)
+            return json.loads(done[1])
+        both = told("-o", "7", "--file-originator", "8", "-k", "debug", "--level", "2")
+        self.assertTrue(both["file"].startswith(f"{HERE}/logs/eight/5-8-"))  # levels of the one, file of the other
+        self.assertFalse(told("-o", "8", "--file-originator", "7", "-k", "debug", "--level", "2", status=1)["written"])
+        self.assertTrue(told("-l", "backup", "-k", "diag", "--level", "3")["file"].startswith(f"{HERE}/logs/5-bak-"))
+        self.assertFalse(told("-l", "backup", "-k", "diag", "--level", "4", status=1)["written"])
+        os.makedirs("logs", exist_ok=True)
+        write("logs/5-bak-260101120000.log", "")
+        self.assertEqual(told("-l", "backup")["file"], f"{HERE}/logs/5-bak-260101120000.log")
+        self.ok("set", "-p", "5", "-o", "7", "AppMsgLogging=OFF")  # filters nothing, as the library does
+        off = told("-o", "7", "-k", "app")
+        self.assertTrue(off["written"])
+        self.assertTrue(any("AppMsgLogging=OFF (section 7" in step.get("source", "") for step in off["steps"]))
+        write("server.conf", read("server.conf") + "9.DebugLevel=9\n")
+        stop = [step for step in told("-o", "9", "-k", "debug", status=1)["steps"] if step["kind"] == "stops"]
+        self.assertIn("'9' in line", stop[0]["source"])
+        self.ok("set", "-p", "5", f"LogDirectory={HERE}/main.conf/below")
+        stop = [step for step in told(status=1)["steps"] if step["kind"] == "stops"]
+        self.assertIn("LogDirectory=", stop[0]["source"])
+
     def test_budget_adds_up(self):
         self.register()
         status, out, _ = run("budget", "--json")
@@ -415,8 +466,8 @@ class Qdlogcfg(unittest.TestCase):
         self.assertTrue(told["fits"])
         self.assertEqual(told["series"][0]["used_bytes"], 0)
         os.makedirs("logs", exist_ok=True)
-        write("logs/5-112-20260101-0000000001.log", "x" * 1000)
-        write("logs/5-1123-20260101-0000000001.log", "x" * 1000)
+        write("logs/5-112-16777343-260101-0000000001.log", "x" * 1000)
+        write("logs/5-1123-16777343-260101-0000000001.log", "x" * 1000)
         write("logs/5-112-notes.txt", "x" * 1000)
         told = json.loads(self.ok("budget", "--json"))
         self.assertEqual(told["series"][0]["used_bytes"], 1000)
