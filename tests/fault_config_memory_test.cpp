@@ -56,8 +56,7 @@ TEST(FaultConfigMemory, ReadingOneRecord) {
     LogCfg cfg;
     failEach([&cfg] { return zoltLogReadCfg(5, 7, &cfg); },
              [&cfg](uint32_t result, bool failed) {
-                 EXPECT_TRUE(result == 0 || (failed && (result == 4 || result == 6)))
-                     << result;
+                 EXPECT_TRUE(result == 0 || (failed && (result == 4 || result == 6))) << result;
                  EXPECT_EQ(zoltLogFreeCfg(&cfg), 0U);
              });
     failEach([&cfg] { return zoltLogReadlogsetCfg(5, "bill", &cfg); },
