@@ -103,8 +103,7 @@ static const char UNPROCESSABLE[] = "**UNABLE TO PROCESS LOG MESSAGE**";
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
     const size_t tagLength = strlen(tag); // of a constant
-    memcpy(at, tag, tagLength);
-    at = putUnsigned(at + tagLength, length);
+    at = putUnsigned(static_cast<char *>(mempcpy(at, tag, tagLength)), length);
     *at++ = ':';
     if (length != 0)
         memcpy(at, bytes, length);

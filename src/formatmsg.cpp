@@ -498,7 +498,7 @@ extern "C" char *fstrncat(char *buffer, size_t size, const char *format, ...) {
 }
 
 // Of the open localization library, which a site may have replaced.
-extern "C" [[gnu::weak]] decltype(qdlisFormat) qdlisFormat;
+#pragma weak qdlisFormat
 
 char *formatTextInto(char *buffer, size_t size, const char *reference, va_list args) {
     if (qdlisFormat != nullptr && qdlisFormat(zoltLisTextV, buffer, size, reference, args) >= 0)

@@ -4,6 +4,7 @@
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <unistd.h>
 
@@ -153,9 +154,7 @@ std::string settingsHelp() {
                   "configuration cannot be read or changed.";
 }
 
-} // namespace
-
-int main(int argc, char **argv) {
+int runCommand(int argc, char **argv) {
     std::setlocale(LC_ALL, "");
     CLI::App app("Registers products; shows, changes, checks and explains their log settings.", "qdlogcfg");
     app.set_version_flag("-V,--version", "qdlogcfg " QDUL_VERSION);
@@ -212,5 +211,18 @@ int main(int argc, char **argv) {
         pager.finish();
         std::fprintf(stderr, "qdlogcfg: %s\n", tools::escaped(error.what()).c_str());
         return error.exitCode;
+    }
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    try {
+        return runCommand(argc, argv);
+    } catch (const std::exception &error) { // out of memory, or a path that cannot be used
+        std::fputs("qdlogcfg: ", stderr);
+        std::fputs(error.what(), stderr);
+        std::fputc('\n', stderr);
+        return tools::ExitUnreadable;
     }
 }
