@@ -566,7 +566,7 @@ int32_t isLogOpen(const LogHandle *handle);
  *                  library; 0: none, the text is formatted here
  *   format, args   printf format and its arguments; also what the catalogue
  *                  falls back on, and what decides the types of the arguments
- *   text           a ready text, copied; may be null
+ *   text           a ready text, which the call only reads; may be null
  *   block          a localization block of zoltLisVEx or zoltLisTextV. The call
  *                  consumes it whatever its result: it is freed, and its three
  *                  words in the caller's storage are zeroed (one exception:
@@ -583,7 +583,6 @@ int32_t isLogOpen(const LogHandle *handle);
  *                             text; a handle that is a context without a context message
  *   ZOLTLOG_LIS_FAILED, ZOLTLOG_LIS_OTHER, ZOLTLOG_NO_MEMORY, ZOLTLOG_INVALID_ARGUMENT
  *                             the localization library failed: see zoltLogMapLisResToLoggingRes
- *   ZOLTLOG_NO_MEMORY         the text cannot be copied
  *   and the results of zoltLogMsg
  *
  * The wording is made before the lock is taken; the record is built, written and

@@ -3,21 +3,21 @@
 // Owns: which argument decides what, the level filters, making the text or the
 // localization block of a message, and who frees them. Leaves to others: the
 // record (bin_msg), text formatting (formatmsg), what happens to a finished
-// record (zoltLogMsg, zoltLogCreateContextToFile).
+// record (dispatchLocked, zoltLogCreateContextToFile).
 //
 // Every family narrows down in the same way:
 //   ... (variable arguments) -> V (va_list: wording made here, before the lock)
 //   -> L (text and block made by the caller) -> send, which builds the record and
 //   dispatches it under the lock.
 //
-// Order: owned texts and blocks; send; wording; application, diagnostic, audit,
+// Order: texts and blocks of a call; send; wording; application, diagnostic, audit,
 // secure audit, debug; contexts.
 #include "bin_msg.h"
 #include "formatmsg.h"
 #include "lockUnix.h"
 #include "write.h"
 
-// ---- owned texts and blocks --------------------------------------------------
+// ---- texts and blocks of a call --------------------------------------------------
 
 namespace {
 
