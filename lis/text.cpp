@@ -198,8 +198,10 @@ struct PlainText {
 
     void put(const char *bytes, size_t count) {
         fits = fits && count <= static_cast<size_t>(end - at);
-        if (fits)
-            at = static_cast<char *>(mempcpy(at, bytes, count));
+        if (!fits)
+            return;
+        memcpy(at, bytes, count);
+        at += count;
     }
     void putUnsigned(uint64_t value, bool negative) {
         char digits[1 + MAX_DIGITS];

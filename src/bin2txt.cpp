@@ -8,6 +8,7 @@
 #include "cmn_routines.h"
 #include "text_msg.h"
 
+#include <endian.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -15,29 +16,36 @@ static const uint64_t OLDEST_RECORD_VERSION = 65540;
 
 // ---- numbers -------------------------------------------------------------------
 
-static const char DIGIT_PAIRS[] = "00010203040506070809"
-                                  "10111213141516171819"
-                                  "20212223242526272829"
-                                  "30313233343536373839"
-                                  "40414243444546474849"
-                                  "50515253545556575859"
-                                  "60616263646566676869"
-                                  "70717273747576777879"
-                                  "80818283848586878889"
-                                  "90919293949596979899";
+// Eight digits at a time: the number is halved thrice, into lanes of one word that then
+// hold four, two and one digit each.
+static const uint64_t EIGHT_DIGITS = 100000000;
 
-static unsigned decimalDigits(uint64_t value) {
-    unsigned digits = 1;
-    for (;; value /= 10000, digits += 4) {
-        if (value < 10)
-            return digits;
-        if (value < 100)
-            return digits + 1;
-        if (value < 1000)
-            return digits + 2;
-        if (value < 10000)
-            return digits + 3;
-    }
+// The digits of a number below EIGHT_DIGITS, leading zeros too, each as its value in a
+// byte; the first one in the lowest byte.
+static uint64_t digitBytes(uint64_t value) {
+    const uint64_t fours = value / 10000 | value % 10000 << 32;
+    const uint64_t hundreds = (fours * 10486 >> 20) & 0x0000007f0000007f; // a lane divided by 100
+    const uint64_t twos = hundreds | (fours - hundreds * 100) << 16;
+    const uint64_t tens = (twos * 103 >> 10) & 0x000f000f000f000f; // a lane divided by 10
+    return tens | (twos - tens * 10) << 8;
+}
+
+static void putDigits(char *at, uint64_t bytes) {
+    const uint64_t text = htole64(bytes + 0x3030303030303030); // '0' in each
+    memcpy(at, &text, sizeof text);
+}
+
+static char *putEightDigits(char *at, uint64_t value) {
+    putDigits(at, digitBytes(value));
+    return at + 8;
+}
+
+// Without leading zeros; not for 0. Touches eight bytes however few the digits are.
+static char *putLeadingDigits(char *at, uint64_t value) {
+    const uint64_t bytes = digitBytes(value);
+    const int zeros = __builtin_ctzll(bytes) / 8;
+    putDigits(at, bytes >> zeros * 8);
+    return at + 8 - zeros;
 }
 
 char *putUnsigned(char *at, uint64_t value) {
@@ -45,21 +53,14 @@ char *putUnsigned(char *at, uint64_t value) {
         *at = static_cast<char>('0' + value);
         return at + 1;
     }
-    if (value < 100) {
-        memcpy(at, DIGIT_PAIRS + value * 2, 2);
-        return at + 2;
-    }
-    char *end = at + decimalDigits(value);
-    char *digit = end;
-    for (; value >= 100; value /= 100) {
-        digit -= 2;
-        memcpy(digit, DIGIT_PAIRS + value % 100 * 2, 2);
-    }
-    if (value >= 10)
-        memcpy(digit - 2, DIGIT_PAIRS + value * 2, 2);
+    if (value < EIGHT_DIGITS)
+        return putLeadingDigits(at, value);
+    const uint64_t high = value / EIGHT_DIGITS;
+    if (high < EIGHT_DIGITS)
+        at = putLeadingDigits(at, high);
     else
-        digit[-1] = static_cast<char>('0' + value);
-    return end;
+        at = putEightDigits(putLeadingDigits(at, high / EIGHT_DIGITS), high % EIGHT_DIGITS);
+    return putEightDigits(at, value % EIGHT_DIGITS);
 }
 
 char *putSigned(char *at, int64_t value) {
@@ -113,24 +114,71 @@ static const char UNPROCESSABLE[] = "**UNABLE TO PROCESS LOG MESSAGE**";
     return ZOLTLOG_OK;
 }
 
-// How the strings of one record become UTF-8.
-struct StringForm {
-    bool utf8;         // they are, or are said to be
-    bool asciiIsAscii; // the bytes below 128 mean in the locale what they mean in ASCII
+// What there is among the bytes of a text.
+struct Contents {
+    bool high; // a byte of 128 or more
+    bool newline;
 };
 
-static uint32_t putString(TextBuffer *buffer, const char *text, StringForm form) {
-    const size_t length = text != nullptr ? strlen(text) : 0;
-    if (form.utf8 || length == 0 || (form.asciiIsAscii && isPlainAscii(text, length)) ||
-        isUtf8AsItIs(text, length))
-        return putCounted(buffer, "", text, length, ',');
+static Contents contentsOf(const char *text, size_t length) {
+    typedef unsigned char Sixteen __attribute__((vector_size(16)));
+    Contents found = {false, false};
+    if (length < sizeof(Sixteen)) {
+        for (size_t at = 0; at < length; ++at) {
+            found.high = found.high || (text[at] & 0x80) != 0;
+            found.newline = found.newline || text[at] == '\n';
+        }
+        return found;
+    }
+    Sixteen all = {};
+    Sixteen newlines = {};
+    for (size_t at = 0;;) {
+        Sixteen bytes;
+        memcpy(&bytes, text + at, sizeof bytes);
+        all |= bytes;
+        newlines |= reinterpret_cast<Sixteen>(bytes == static_cast<unsigned char>('\n'));
+        at += sizeof bytes;
+        if (at == length)
+            break;
+        if (at + sizeof bytes > length) // the last ones: some are looked at twice
+            at = length - sizeof bytes;
+    }
+    uint64_t words[2];
+    memcpy(words, &all, sizeof words);
+    found.high = ((words[0] | words[1]) & 0x8080808080808080) != 0;
+    memcpy(words, &newlines, sizeof words);
+    found.newline = (words[0] | words[1]) != 0;
+    return found;
+}
 
-    char *converted = nullptr;
-    if (mbs2utf8(&converted, text) != ZOLTLOG_OK) // one bad string must not cost the record
-        return putCounted(buffer, "", UNPROCESSABLE, sizeof UNPROCESSABLE - 1, ',');
-    const uint32_t result = putCounted(buffer, "", converted, strlen(converted), ',');
-    zoltLogFree(converted);
-    return result;
+void RecordString::read(const char *text, StringForm form) {
+    bytes = text;
+    size = strlen(text);
+    const Contents found = contentsOf(text, size);
+    newline = found.newline;
+    if (form == StringForm::UTF8 || (form == StringForm::LOCALE_AND_ASCII && !found.high) ||
+        isUtf8AsItIs(text, size))
+        return;
+    if (mbs2utf8(&converted, text) == ZOLTLOG_OK) {
+        bytes = converted;
+        size = strlen(converted);
+        newline = true; // where the encoding has it is the converter's business
+    } else {            // one bad string must not cost the record
+        bytes = UNPROCESSABLE;
+        size = sizeof UNPROCESSABLE - 1;
+    }
+}
+
+// length ":" bytes ","
+static char *putString(char *at, const RecordString &string) {
+    const auto length = static_cast<uint32_t>(string.size);
+    at = putUnsigned(at, length);
+    *at++ = ':';
+    if (length != 0)
+        memcpy(at, string.bytes, length);
+    at += length;
+    *at++ = ',';
+    return at;
 }
 
 // ---- argument blocks -----------------------------------------------------------
@@ -321,7 +369,7 @@ static uint32_t append(TextBuffer *buffer, const char *text, size_t length) {
 }
 
 static uint32_t putBlock(TextBuffer *buffer, ZoltLisBlock *block, unsigned depth) {
-    if (isEmpty(block)) // of nearly every record: costs no call
+    if (isEmpty(block))
         return append(buffer, "(0|),", 5);
     int64_t identity = 0;
     if (depth > DEEPEST_NESTING || zoltLisGetTextId(block, &identity) != 0)
@@ -338,7 +386,9 @@ static uint32_t putBlock(TextBuffer *buffer, ZoltLisBlock *block, unsigned depth
 
 // ---- the record ----------------------------------------------------------------
 
-static const uint64_t MOST_PREFIX_NUMBERS = 8;
+// Most bytes of a record besides its strings and its block: eight numbers in front,
+// three lengths and a number behind, each with a separator.
+static const uint64_t MOST_NUMBERS = 12 * (MAX_DECIMAL + 1) + 3;
 
 static char *putField(char *at, uint64_t value) {
     at = putUnsigned(at, value);
@@ -346,14 +396,28 @@ static char *putField(char *at, uint64_t value) {
     return at;
 }
 
-static uint32_t putPrefix(TextBuffer *buffer, const LogMsg *msg) {
+static char *putSignedField(char *at, int64_t value) {
+    at = putSigned(at, value);
+    *at++ = ',';
+    return at;
+}
+
+static char *putIdentity(char *at, const LogMsg *msg, RecordIdentity *last) {
+    if (last->length == 0 || last->process != msg->processId || last->thread != msg->threadId) {
+        char *const end = putField(putField(last->text, msg->processId), msg->threadId);
+        last->length = static_cast<uint64_t>(end - last->text);
+        last->process = msg->processId;
+        last->thread = msg->threadId;
+    }
+    memcpy(at, last->text, sizeof last->text);
+    return at + last->length;
+}
+
+static char *putPrefix(char *at, const LogMsg *msg, RecordIdentity *last) {
     // KEPT: records of the older versions have no numbers in front. Pinned by
     // RecordEncoding.OlderVersionsHaveNoPrefix.
     if (msg->recordVersion < ZOLTLOG_RECORD_VERSION_ORIGINATOR)
-        return ZOLTLOG_OK;
-    char *at = reserve(buffer, MOST_PREFIX_NUMBERS * (MAX_DECIMAL + 1));
-    if (at == nullptr)
-        return ZOLTLOG_NO_MEMORY;
+        return at;
     const bool namesItsFile = msg->recordVersion == ZOLTLOG_RECORD_VERSION_ORIGINATOR;
     at = putField(at, msg->type);
     if (namesItsFile)
@@ -362,46 +426,90 @@ static uint32_t putPrefix(TextBuffer *buffer, const LogMsg *msg) {
     if (namesItsFile)
         at = putField(at, msg->fileOriginatorId);
     at = putField(at, msg->messageId);
-    at = putSigned(at, static_cast<int64_t>(msg->timestamp));
-    *at++ = ',';
-    at = putField(at, msg->processId);
-    at = putField(at, msg->threadId);
-    textEndsAt(buffer, at);
-    return ZOLTLOG_OK;
+    at = putSignedField(at, static_cast<int64_t>(msg->timestamp));
+    return putIdentity(at, msg, last);
 }
 
 static const uint64_t FIRST_VERSION_WITH_APP_WHO = 65542;
 
-// What follows the text, by the message's type.
-static uint32_t putTypeFields(TextBuffer *buffer, LogMsg *msg, StringForm form) {
-    uint32_t result = ZOLTLOG_OK;
+// What follows the text of a message, by its type.
+struct TypeFields {
+    bool hasString;
+    const char *string;
+    bool hasNumber;
+    uint32_t number;
+    bool hasBlock;
+};
+
+// False for a message that no file takes.
+static bool typeFieldsOf(const LogMsg *msg, TypeFields *fields) {
     switch (msg->type) {
     case ZOLTLOG_MSG_DEBUG:
-        result = putString(buffer, msg->who, form);
-        return result != ZOLTLOG_OK ? result : bin2txt_int(static_cast<int32_t>(msg->attr.level), buffer);
+        *fields = {true, msg->who, true, msg->attr.level, false};
+        return true;
     case ZOLTLOG_MSG_DIAG:
-        result = putString(buffer, msg->who, form);
-        if (result == ZOLTLOG_OK)
-            result = bin2txt_int(static_cast<int32_t>(msg->attr.level), buffer);
-        break;
+        *fields = {true, msg->who, true, msg->attr.level, true};
+        return true;
     case ZOLTLOG_MSG_APP:
-        if (msg->recordVersion >= FIRST_VERSION_WITH_APP_WHO)
-            result = putString(buffer, msg->who, form);
-        if (result == ZOLTLOG_OK)
-            result = bin2txt_sev(msg->attr.severity, buffer);
-        break;
+        *fields = {msg->recordVersion >= FIRST_VERSION_WITH_APP_WHO, msg->who, true, msg->attr.severity,
+                   true};
+        return msg->attr.severity <= HIGHEST_SEVERITY;
     case ZOLTLOG_MSG_CONTEXT:
-        result = putString(buffer, msg->attr.contextTitle, form);
-        break;
+        *fields = {true, msg->attr.contextTitle, false, 0, true};
+        return true;
     case ZOLTLOG_MSG_AUDIT:
-        result = putString(buffer, msg->who, form);
-        if (result == ZOLTLOG_OK)
-            result = bin2txt_int(static_cast<int32_t>(msg->outcome), buffer);
-        break;
+        *fields = {true, msg->who, true, msg->outcome, true};
+        return true;
     default: // secure audit messages never reach a file
-        return ZOLTLOG_FAILED;
+        return false;
     }
-    return result != ZOLTLOG_OK ? result : putBlock(buffer, &msg->lis, 0);
+}
+
+static uint32_t putRecord(TextBuffer *buffer, LogMsg *msg, const TypeFields &fields, const RecordString &text,
+                          const RecordString &last, StringForm form, RecordIdentity *identity) {
+    const RecordString token(msg->contextToken, form);
+    char *at = reserve(buffer, MOST_NUMBERS + token.size + text.size + last.size);
+    if (at == nullptr)
+        return ZOLTLOG_NO_MEMORY;
+    at = putPrefix(at, msg, identity);
+    at = putString(at, token);
+    at = putString(at, text);
+    if (fields.hasString)
+        at = putString(at, last);
+    if (fields.hasNumber)
+        at = putSignedField(at, static_cast<int32_t>(fields.number));
+    textEndsAt(buffer, at);
+    const bool newline = token.newline || text.newline || last.newline;
+    const bool emptyBlock = fields.hasBlock && isEmpty(&msg->lis);
+    if (!newline && (emptyBlock || !fields.hasBlock)) { // nearly every record: ended without a call
+        at = emptyBlock ? static_cast<char *>(mempcpy(at, "(0|)", 4)) : at - 1;
+        *at++ = '\n';
+        textEndsAt(buffer, at);
+        return ZOLTLOG_OK;
+    }
+    const uint32_t result = fields.hasBlock ? putBlock(buffer, &msg->lis, 0) : uint32_t{ZOLTLOG_OK};
+    remove_trailing_comma(buffer);
+    return result == ZOLTLOG_OK ? mark_end_of_txt_msg(buffer) : result;
+}
+
+uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, const RecordWords *ready, RecordIdentity *identity) {
+    startText(buffer);
+    if (msg->recordVersion < OLDEST_RECORD_VERSION || msg->recordVersion > ZOLTLOG_RECORD_VERSION_LOGSET)
+        return ZOLTLOG_FAILED;
+    TypeFields fields;
+    if (!typeFieldsOf(msg, &fields))
+        return ZOLTLOG_FAILED;
+    uint32_t result;
+    if (ready != nullptr) {
+        result = putRecord(buffer, msg, fields, ready->text, ready->who, ready->form, identity);
+    } else {
+        const StringForm form = stringFormOf(msg->utf8);
+        result = putRecord(buffer, msg, fields, RecordString(msg->text, form),
+                           RecordString(fields.hasString ? fields.string : nullptr, form), form, identity);
+    }
+    if (result != ZOLTLOG_OK)
+        free_text_msg(buffer);
+    return result;
 }
 
 uint32_t zoltLogMsgSerialize(LogMsg *msg, TextBuffer *buffer) {
@@ -410,22 +518,6 @@ uint32_t zoltLogMsgSerialize(LogMsg *msg, TextBuffer *buffer) {
     init_text_msg(buffer);
     if (msg == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    if (msg->recordVersion < OLDEST_RECORD_VERSION || msg->recordVersion > ZOLTLOG_RECORD_VERSION_LOGSET)
-        return ZOLTLOG_FAILED;
-
-    const bool utf8 = msg->utf8 != 0;
-    const StringForm form = {utf8, utf8 || localeKeepsAscii()};
-    uint32_t result = putPrefix(buffer, msg);
-    if (result == ZOLTLOG_OK)
-        result = putString(buffer, msg->contextToken, form);
-    if (result == ZOLTLOG_OK)
-        result = putString(buffer, msg->text, form);
-    if (result == ZOLTLOG_OK)
-        result = putTypeFields(buffer, msg, form);
-    remove_trailing_comma(buffer);
-    if (result == ZOLTLOG_OK)
-        result = mark_end_of_txt_msg(buffer);
-    if (result != ZOLTLOG_OK)
-        free_text_msg(buffer);
-    return result;
+    RecordIdentity identity = {};
+    return serializeMsg(msg, buffer, nullptr, &identity);
 }

@@ -1,11 +1,80 @@
-// Decimal numbers written by hand, for records and file headers.
+// The record encoder, for the library's own units: numbers and strings of records, and
+// records whose strings were looked at before.
 #pragma once
 
+#include "cmn_routines.h"
+#include "zoltlog.h"
+
 #include <stdint.h>
+
+// ---- decimal numbers, for records, file headers and names ----------------------------
 
 // Longest decimal text of a 64-bit number, sign included.
 static const uint64_t MAX_DECIMAL = 20;
 
-// Each writes at most MAX_DECIMAL characters, no terminator, and returns where it stopped.
+// Each returns where the number stops, without a terminator, and may have touched all of
+// MAX_DECIMAL bytes.
 char *putUnsigned(char *at, uint64_t value);
 char *putSigned(char *at, int64_t value);
+
+// ---- strings --------------------------------------------------------------------------
+
+// What the strings of one record are in.
+enum class StringForm {
+    UTF8,             // so they are said to be
+    LOCALE_AND_ASCII, // the locale's encoding, whose bytes below 128 mean what they do in ASCII
+    LOCALE            // the locale's encoding, whatever it is
+};
+
+inline StringForm stringFormOf(uint32_t utf8) {
+    if (utf8 != 0)
+        return StringForm::UTF8;
+    return localeKeepsAscii() ? StringForm::LOCALE_AND_ASCII : StringForm::LOCALE;
+}
+
+// A string of a record in UTF-8: the text itself, which must outlive it, or its
+// conversion. A null text is empty.
+struct RecordString {
+    RecordString(const char *text, StringForm form) {
+        if (text != nullptr && *text != '\0')
+            read(text, form);
+    }
+    ~RecordString() {
+        if (converted != nullptr)
+            zoltLogFree(converted);
+    }
+    RecordString(const RecordString &) = delete;
+    RecordString &operator=(const RecordString &) = delete;
+
+    const char *bytes = nullptr;
+    size_t size = 0;
+    bool newline = false; // may have one
+    char *converted = nullptr;
+
+  private:
+    void read(const char *text, StringForm form);
+};
+
+// The strings that an entry point knows, made ready before it takes the lock.
+struct RecordWords {
+    RecordWords(const char *textOfMsg, const char *whoOfMsg, uint32_t utf8)
+        : form(stringFormOf(utf8)), text(textOfMsg, form), who(whoOfMsg, form) {}
+
+    const StringForm form;
+    const RecordString text;
+    const RecordString who;
+};
+
+// ---- records --------------------------------------------------------------------------
+
+// The numbers of process and thread as the last record of a writer had them: the next one
+// mostly has the same. Begins as zero.
+struct RecordIdentity {
+    uint64_t process;
+    uint64_t thread;
+    uint64_t length; // of text; 0 at first
+    char text[2 * (MAX_DECIMAL + 1)];
+};
+
+// zoltLogMsgSerialize; only ready may be null, else it holds the record's text and who.
+uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, const RecordWords *ready, RecordIdentity *identity);

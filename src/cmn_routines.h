@@ -82,21 +82,27 @@ inline bool isValidUtf8(const char *text, size_t length) {
 
 // The calling thread's LC_CTYPE is a UTF-8 one at this moment.
 inline bool localeIsUtf8() {
-    return strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+    const char *charset = nl_langinfo(CODESET);
+    return charset[0] == 'U' && strcmp(charset, "UTF-8") == 0;
 }
 
-// The bytes below 128 mean in the calling thread's multibyte encoding what they mean in
-// ASCII (in Shift_JIS, for one, they do not).
-inline bool localeKeepsAscii() {
-    const char *charset = nl_langinfo(CODESET);
-    if (strcmp(charset, "UTF-8") == 0 || strcmp(charset, "ANSI_X3.4-1968") == 0)
-        return true;
+// Finds out by converting.
+[[gnu::noinline]] inline bool multibyteKeepsAscii() {
     // Where national and vendors' sets differ from ASCII, and a letter for those that
     // share nothing with it. (btowc would not tell: it takes ASCII for granted.)
     constexpr char TELLING[] = "A#$@[\\]^`{|}~";
     wchar_t wide[sizeof TELLING];
     return mbstowcs(wide, TELLING, sizeof TELLING) == sizeof TELLING - 1 &&
            wcscmp(wide, L"A#$@[\\]^`{|}~") == 0;
+}
+
+// The bytes below 128 mean in the calling thread's multibyte encoding what they mean in
+// ASCII (in Shift_JIS, for one, they do not).
+inline bool localeKeepsAscii() {
+    const char *charset = nl_langinfo(CODESET);
+    if (strcmp(charset, charset[0] == 'U' ? "UTF-8" : "ANSI_X3.4-1968") == 0)
+        return true;
+    return multibyteKeepsAscii();
 }
 
 // The text, in the locale's multibyte encoding, is its own UTF-8 form: mbs2utf8 would

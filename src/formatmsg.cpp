@@ -497,12 +497,7 @@ extern "C" char *fstrncat(char *buffer, size_t size, const char *format, ...) {
     return buffer;
 }
 
-// Of the open localization library, which a site may have replaced.
-#pragma weak qdlisFormat
-
-char *formatTextInto(char *buffer, size_t size, const char *reference, va_list args) {
-    if (qdlisFormat != nullptr && qdlisFormat(zoltLisTextV, buffer, size, reference, args) >= 0)
-        return buffer;
+char *formatBlockInto(char *buffer, size_t size, const char *reference, va_list args) {
     ZoltLisBlock block = {};
     if (zoltLisTextV(&block, reference, args) != 0)
         return nullptr;

@@ -4,6 +4,7 @@
 #include <stdarg.h>
 #include <stddef.h>
 
+#include "qdlis.h"
 #include "zoltlog.h"
 
 // The text of block, allocated with zoltLogMalloc; it belongs to the caller.
@@ -21,4 +22,14 @@ char *renderLisTextInto(ZoltLisBlock *block, char *buffer, size_t size);
 
 // The text that listxt_svnprintf makes, in buffer when it fits there, else allocated:
 // the caller frees the result when it is not buffer. Null when there is none.
-char *formatTextInto(char *buffer, size_t size, const char *reference, va_list args);
+char *formatBlockInto(char *buffer, size_t size, const char *reference, va_list args);
+
+// Of the open localization library, which a site may have replaced.
+#pragma weak qdlisFormat
+
+// A common format needs no block.
+inline char *formatTextInto(char *buffer, size_t size, const char *reference, va_list args) {
+    if (qdlisFormat != nullptr && qdlisFormat(zoltLisTextV, buffer, size, reference, args) >= 0)
+        return buffer;
+    return formatBlockInto(buffer, size, reference, args);
+}

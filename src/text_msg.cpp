@@ -14,19 +14,16 @@ static_assert(offsetof(TextBuffer, free) < offsetof(TextBuffer, capacity), "fiel
 static const uint64_t LARGEST_RESERVATION = UINT64_MAX / 4;
 
 void init_text_msg(TextBuffer *buffer) {
-    if (buffer == nullptr)
-        return;
-    buffer->data = buffer->inlineStorage;
-    buffer->free = TEXT_INLINE_SIZE;
-    buffer->capacity = TEXT_INLINE_SIZE;
+    if (buffer != nullptr)
+        startText(buffer);
 }
 
 void free_text_msg(TextBuffer *buffer) {
     if (buffer == nullptr)
         return;
-    if (buffer->capacity > TEXT_INLINE_SIZE)
+    if (isOnHeap(buffer))
         free(buffer->data);
-    init_text_msg(buffer); // a second release is harmless
+    startText(buffer); // a second release is harmless
 }
 
 // Makes room for n bytes and more. When a heap block cannot grow it is released
@@ -39,7 +36,7 @@ static bool grow(TextBuffer *buffer, uint64_t n) {
     if (capacity < n + used)
         capacity += n;
 
-    const bool onHeap = buffer->capacity > TEXT_INLINE_SIZE;
+    const bool onHeap = isOnHeap(buffer);
     char *block = static_cast<char *>(onHeap ? realloc(buffer->data, capacity) : zoltLogMalloc(capacity));
     if (block == nullptr) {
         if (onHeap)

@@ -8,6 +8,16 @@
 // The buffer's own storage, and the least by which it grows.
 static const uint64_t TEXT_INLINE_SIZE = sizeof(TextBuffer::inlineStorage);
 
+inline void startText(TextBuffer *buffer) {
+    buffer->data = buffer->inlineStorage;
+    buffer->free = TEXT_INLINE_SIZE;
+    buffer->capacity = TEXT_INLINE_SIZE;
+}
+
+inline bool isOnHeap(const TextBuffer *buffer) {
+    return buffer->capacity > TEXT_INLINE_SIZE;
+}
+
 inline uint64_t textLength(const TextBuffer *buffer) {
     return buffer->capacity - buffer->free;
 }

@@ -7,6 +7,7 @@
 #include "cmn_routines.h"
 #include "formatmsg.h"
 #include "lockUnix.h"
+#include "write_file.h"
 
 #include <cstddef>
 #include <cstdlib>
@@ -151,7 +152,9 @@ static bool isSecureOnFile(const LogHandle *handle, const LogMsg *msg) {
     return msg->type == ZOLTLOG_MSG_SECURE_AUDIT && handle->file != nullptr;
 }
 
-uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg) {
+static constexpr uint32_t SINKS = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOG;
+
+uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg, const RecordWords *ready) {
     if (isSecureOnFile(handle, msg))
         return ZOLTLOG_SECURE_ON_FILE_HANDLE;
     msg->utf8 = handle->utf8;
@@ -163,8 +166,10 @@ uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg) {
     }
     uint32_t written = ZOLTLOG_OK;
     if (msg->type != ZOLTLOG_MSG_SECURE_AUDIT)
-        written = zoltLogWriteMsgWithRolloverToFile(handle->file, msg);
-    const uint32_t output = LogOutputBasedOnFlags(handle, msg, flags);
+        written = writeMsgWithRollover(handle->file, msg, ready);
+    uint32_t output = ZOLTLOG_OK;
+    if (((flags | handle->outputFlags) & SINKS) != 0)
+        output = LogOutputBasedOnFlags(handle, msg, flags);
     return written != ZOLTLOG_OK ? written : output;
 }
 
@@ -174,7 +179,7 @@ uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg) {
     if (isSecureOnFile(handle, msg))
         return ZOLTLOG_SECURE_ON_FILE_HANDLE;
     const GlobalLock lock(TAG_MSG);
-    return dispatchLocked(handle, flags, msg);
+    return dispatchLocked(handle, flags, msg, nullptr);
 }
 
 // ---- levels and sequence numbers -----------------------------------------------------

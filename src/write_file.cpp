@@ -12,11 +12,12 @@
 //   Operations      zoltLogOpenFile ... zoltLogCreateContextToFile
 //
 // Everything here runs under the global lock. Looking for the host's name and number
-// at each new file may ask the name service and take its time, with the lock held.
+// at a new file may ask the name service and take its time, with the lock held.
 #include "write_file.h"
 
 #include "lockUnix.h"
 #include "os.h"
+#include "text_msg.h"
 
 #include <cstddef>
 #include <cstring>
@@ -49,7 +50,6 @@ FOLLOWS(logsetName, logsetFilename);
 
 namespace {
 
-constexpr int64_t NS_PER_SECOND = 1000000000;
 constexpr uint64_t BYTES_PER_KB = 1024;
 constexpr uint32_t TIMED_MODES = ZOLTLOG_ROLLOVER_LOCAL_TIME | ZOLTLOG_ROLLOVER_PERIODIC;
 
@@ -70,12 +70,6 @@ constexpr long LOGSET_WAIT_STEP_NS = 2000000;
 constexpr uint64_t APPENDED_PER_NS = 64;
 // Beyond this age a known size is not used, which also keeps the product small.
 constexpr int64_t SIZE_KNOWN_FOR_NS = NS_PER_SECOND;
-
-int64_t monotonicNs() {
-    timespec now;
-    (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * NS_PER_SECOND + now.tv_nsec;
-}
 
 // ---- states ----------------------------------------------------------------------------
 
@@ -225,7 +219,7 @@ void rollOver(LogFileState *state) {
         (void)recycleLogFiles(state);
 }
 
-uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver);
+uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver, const RecordWords *ready = nullptr);
 
 // Every file of an originator series begins with the contexts that are open: all are
 // tried, in the order of the handle list. The first failure.
@@ -314,7 +308,7 @@ uint32_t appendRecord(LogFileState *state, const TextBuffer *buffer) {
     return result;
 }
 
-uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver) {
+uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver, const RecordWords *ready) {
     if (state == nullptr)
         return ZOLTLOG_NO_FILE_STATE;
     if (msg == nullptr)
@@ -322,7 +316,7 @@ uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver) {
     msg->recordVersion = writtenVersion(state);
     msg->fileOriginatorId = state->fileOriginatorId;
     TextBuffer buffer;
-    uint32_t result = zoltLogMsgSerialize(msg, &buffer);
+    uint32_t result = serializeMsg(msg, &buffer, ready, &notesOf(state)->identity);
     if (result != ZOLTLOG_OK)
         return result;
     if (mayRollOver) {
@@ -330,11 +324,16 @@ uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver) {
         reopenIfOld(state, msg);
     }
     result = appendRecord(state, &buffer);
-    free_text_msg(&buffer);
+    if (isOnHeap(&buffer))
+        free_text_msg(&buffer);
     return result;
 }
 
 } // namespace
+
+uint32_t writeMsgWithRollover(LogFileState *state, LogMsg *msg, const RecordWords *ready) {
+    return writeRecord(state, msg, true, ready);
+}
 
 uint32_t zoltLogWriteMsgWithRolloverToFile(LogFileState *state, LogMsg *msg) {
     return writeRecord(state, msg, true);

@@ -1,9 +1,13 @@
 // The writer of log files, for its own parts: names and header, creation, recycling.
 #pragma once
 
+#include "bin2txt.h"
 #include "zoltlog.h"
 
 #include <stddef.h>
+
+inline constexpr size_t HOST_NAME_SIZE = sizeof(LogFileHeader::hostName);
+using HostName = char[HOST_NAME_SIZE + 1];
 
 // ---- notes -------------------------------------------------------------------------
 
@@ -18,6 +22,10 @@ struct __attribute__((may_alias)) WriterNotes {
     int64_t stoppedSecond; // log set: where the clock stood still while the next second was waited for
     uint32_t opened;       // a file of the series was opened once
     uint32_t torn;         // the open file ends inside a line
+    RecordIdentity identity;
+    uint64_t hostId;     // as the name service gave it for hostName
+    int64_t hostKnownAt; // monotonic ns, taken after asking; 0 when not asked yet
+    HostName hostName;
 };
 
 inline WriterNotes *notesOf(LogFileState *state) {
@@ -28,7 +36,14 @@ inline WriterNotes *notesOf(LogFileState *state) {
     return reinterpret_cast<WriterNotes *>(state->file.buffer + OFFSET);
 }
 
+inline constexpr int64_t NS_PER_SECOND = 1000000000;
+int64_t monotonicNs();
 void sleepNs(long ns); // below a second
+
+// ---- writing (write_file.cpp) ---------------------------------------------------------
+
+// zoltLogWriteMsgWithRolloverToFile. ready is null or holds the record's text and who.
+uint32_t writeMsgWithRollover(LogFileState *state, LogMsg *msg, const RecordWords *ready);
 
 // ---- opening (write_file_open.cpp) --------------------------------------------------
 
@@ -47,7 +62,6 @@ void setNextRollover(LogFileState *state, int64_t now);
 inline constexpr size_t LOG_DIRECTORY_LENGTH = sizeof(LogFileState::directory) - 1;
 inline constexpr size_t LOG_NAME_LENGTH = 255; // the system's longest file name
 inline constexpr size_t LOG_PATH_SIZE = LOG_DIRECTORY_LENGTH + LOG_NAME_LENGTH + 1;
-inline constexpr size_t HOST_NAME_SIZE = sizeof(LogFileHeader::hostName);
 // "$Header", version, two ids, two times and a host name, with their separators
 inline constexpr size_t HEADER_LINE_SIZE = 128 + HOST_NAME_SIZE;
 

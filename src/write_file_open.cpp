@@ -28,6 +28,9 @@ constexpr int OPEN_ATTEMPTS = 16;
 constexpr int LINE_END_LOOKS = 10;
 constexpr long LINE_END_WAIT_NS = 2000000;
 
+// For how long a host keeps its number without being asked.
+constexpr int64_t HOST_KNOWN_FOR_NS = 10 * NS_PER_SECOND;
+
 // ---- schedule --------------------------------------------------------------------------
 
 int64_t nextLocalTimeRollover(const LogFileState *state, int64_t now) {
@@ -99,7 +102,22 @@ int64_t nextCounter(const LogFileState *state, const LogFileDate *today) {
     return state->date.day == today->day && state->date.month == today->month ? state->counter + 1 : 0;
 }
 
-uint32_t chooseNewFile(const LogFileState *state, Target *target) {
+// The number of this host, which a rollover soon after another does not ask for again:
+// the name service may be slow, and all messages of the process wait for it.
+uint64_t hostIdOf(LogFileState *state, const HostName &hostName) {
+    WriterNotes *notes = notesOf(state);
+    if (notes->hostKnownAt != 0 && monotonicNs() - notes->hostKnownAt < HOST_KNOWN_FOR_NS &&
+        strcmp(notes->hostName, hostName) == 0)
+        return notes->hostId;
+    (void)osSocketStartup();
+    notes->hostId = osGetHostID();
+    osSocketCleanup();
+    notes->hostKnownAt = notes->hostId != 0 ? monotonicNs() : 0;
+    memcpy(notes->hostName, hostName, sizeof hostName);
+    return notes->hostId;
+}
+
+uint32_t chooseNewFile(LogFileState *state, const HostName &hostName, Target *target) {
     tm local;
     if (zoltLogOs_localtime_r(target->now, &local) == nullptr)
         return ZOLTLOG_FAILED;
@@ -109,9 +127,7 @@ uint32_t chooseNewFile(const LogFileState *state, Target *target) {
     if (state->isLogset != 0) {
         formed = state->logsetFilename != nullptr && formLogsetPath(&target->path, state, &target->date);
     } else {
-        (void)osSocketStartup();
-        const uint64_t hostId = osGetHostID();
-        osSocketCleanup();
+        const uint64_t hostId = hostIdOf(state, hostName);
         if (hostId == 0)
             return ZOLTLOG_FAILED;
         formed = formOriginatorPath(&target->path, state, hostId, &target->date, target->counter);
@@ -235,19 +251,20 @@ uint32_t openSeriesFile(LogFileState *state, const LogFileEntry *entry, bool *cr
     if (zoltLogOs_mkdirp(state->directory, state->permissions.mode) != 0)
         return ZOLTLOG_FAILED;
 
-    Target target;
-    target.now = time(nullptr);
-    target.entry = entry;
-    uint32_t result = entry != nullptr ? chooseExistingFile(state, &target) : chooseNewFile(state, &target);
-    if (result != ZOLTLOG_OK)
-        return result;
-
-    char hostName[HOST_NAME_SIZE + 1] = {};
+    HostName hostName = {};
     (void)osSocketStartup();
     const int32_t named = osGetHostName(hostName, HOST_NAME_SIZE);
     osSocketCleanup();
     if (named != 0)
         return ZOLTLOG_FAILED;
+
+    Target target;
+    target.now = time(nullptr);
+    target.entry = entry;
+    uint32_t result =
+        entry != nullptr ? chooseExistingFile(state, &target) : chooseNewFile(state, hostName, &target);
+    if (result != ZOLTLOG_OK)
+        return result;
 
     Opened opened;
     result = openTarget(state, &target, hostName, &opened);
@@ -271,6 +288,12 @@ uint32_t openSeriesFile(LogFileState *state, const LogFileEntry *entry, bool *cr
 }
 
 } // namespace
+
+int64_t monotonicNs() {
+    timespec now;
+    (void)clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * NS_PER_SECOND + now.tv_nsec;
+}
 
 void sleepNs(long ns) {
     const timespec pause = {0, ns};

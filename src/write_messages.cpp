@@ -113,6 +113,8 @@ static uint32_t setAttributes(LogMsg *record, const Message &message) {
 // caller's; the block is consumed unless the record could not be initialised, when it
 // is left in place for the caller to decide upon.
 static uint32_t send(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
+    const bool hasBlock = !block.empty();
+    const RecordWords words(text, message.who, handle->utf8); // what can be done before the lock
     const GlobalLock lock(message.lockTag);
     LogMsg record;
     uint32_t result = initMsgLocked(&record, handle, message.type);
@@ -125,10 +127,11 @@ static uint32_t send(LogHandle *handle, const Message &message, const char *text
     record.lis = block.release();
     result = setAttributes(&record, message);
     if (result == ZOLTLOG_OK)
-        result = dispatchLocked(handle, message.flags, &record);
-    if (record.text == borrowed) // else the dispatcher made one of the block
-        record.text = nullptr;
-    (void)zoltLogFreeMsg(&record);
+        result = dispatchLocked(handle, message.flags, &record, hasBlock ? nullptr : &words);
+    if (record.text != borrowed) // the dispatcher made one of the block
+        zoltLogFree(record.text);
+    block.words = record.lis; // consumed unless the record came to nothing
+    block.free();
     return result;
 }
 
@@ -163,10 +166,8 @@ static uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t mes
         va_copy(copy, args);
         const uint32_t result = lookUp(&block->words, handle, messageNumber, format, copy);
         va_end(copy);
-        if (result != ZOLTLOG_OK)
+        if (result != ZOLTLOG_OK || (flags & ZOLTLOG_KEEP_LOCAL_TEXT) == 0)
             return result;
-        if ((flags & ZOLTLOG_KEEP_LOCAL_TEXT) == 0)
-            return ZOLTLOG_OK;
     }
     text->format(format, args); // without a text the message goes out without one
     return ZOLTLOG_OK;

@@ -1,6 +1,8 @@
 // Opening a series: the first file, resuming the latest, what is refused.
 #include "write_series.h"
 
+#include "src/write_file.h"
+
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -291,6 +293,55 @@ TEST_F(WriteFileOpen, Ipv6HostIdAbove32BitsSurvivesAResume) {
     EXPECT_EQ(handle.file->counter, 0);
     EXPECT_EQ(handle.file->date.day, 1);
     EXPECT_EQ(logFiles(), first);
+}
+
+// A series of files that one record fills.
+class WriteFileHost : public WriteFileOpen {
+  protected:
+    void SetUp() override {
+        WriteFileOpen::SetUp();
+        LogCfg cfg = settings();
+        cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
+        cfg.maxFileSizeKB = 1;
+        ASSERT_EQ(open(&handle, cfg), 0u);
+        hostLookUps = 0;
+    }
+    void rollOver() { ASSERT_EQ(send(&handle, std::string(1024, 'x')), 0u); }
+};
+
+TEST_F(WriteFileHost, IsNotLookedUpForFilesSoonAfterEachOther) {
+    for (int file = 0; file < 5; ++file)
+        rollOver();
+    EXPECT_EQ(hostLookUps, 0);
+    EXPECT_EQ(logFiles().back(), "5-7-83886090-240301-0000000005.log");
+}
+
+TEST_F(WriteFileHost, IsLookedUpAgainTenSecondsLater) {
+    hostAddress = "10.0.0.6";
+    notesOf(handle.file)->hostKnownAt -= 9 * NS_PER_SECOND;
+    rollOver();
+    EXPECT_EQ(hostLookUps, 0);
+    notesOf(handle.file)->hostKnownAt -= NS_PER_SECOND;
+    rollOver();
+    EXPECT_EQ(hostLookUps, 1);
+    EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000002.log");
+    rollOver();
+    EXPECT_EQ(hostLookUps, 1);
+}
+
+TEST_F(WriteFileHost, IsLookedUpAtOnceUnderAnotherName) {
+    hostName = "hostB";
+    hostAddress = "10.0.0.6";
+    rollOver();
+    EXPECT_EQ(hostLookUps, 1);
+    EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000001.log");
+}
+
+TEST_F(WriteFileHost, IsLookedUpAgainWhenTheSeriesIsOpened) {
+    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    hostAddress = "10.0.0.6";
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000000.log");
 }
 
 TEST_F(WriteFileOpen, ResumedFileWithoutReadableHeaderStartsNow) {

@@ -54,6 +54,7 @@ inline int64_t localTime(int year, int month, int day, int hour = 0, int minute 
 inline std::string hostName = "hostA";
 inline std::string hostAddress = "10.0.0.5"; // host id 83886090; "" fails, "::..." is IPv6
 inline bool hostNameFails = false;
+inline int hostLookUps = 0;
 constexpr uint64_t HOST_ID = 83886090;
 
 // ---- series ------------------------------------------------------------------------
@@ -169,6 +170,7 @@ int gethostname(char *buffer, size_t length) noexcept {
 }
 
 int getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **list) {
+    ++series::hostLookUps;
     if (series::hostAddress.empty())
         return EAI_AGAIN;
     struct Result {
