@@ -61,7 +61,8 @@ void create(LogLock *lock) {
 // ---- fork: the forking thread owns the lock while the process is copied, so that the
 // child finds it, and what it guards, at rest --------------------------------------
 
-bool heldForFork; // guarded by creation
+bool heldForFork;    // guarded by creation
+bool someoneLooksOn; // a thread waits awake, see lookOn
 
 void beforeFork() {
     for (;;) {
@@ -91,6 +92,7 @@ void afterForkInParent() {
 // The mutex knows its owner by the kernel's thread number, which is another one in the
 // child. It is made anew, and held when the forking thread held the lock.
 void afterForkInChild() {
+    __atomic_store_n(&someoneLooksOn, false, __ATOMIC_RELAXED); // that thread is not here
     if (heldForFork) {
         makeRecursive(&zoltLogMutex.mutex);
         if (zoltLogMutex.depth > 0)
@@ -128,19 +130,20 @@ static void setHolder(LogLockHolder *holder, uint64_t thread, const char *tag) {
 
 // ---- contention ----------------------------------------------------------------------
 
-// Under contention the lock is free again after a microsecond or two, the time of one
-// write, while to fall asleep and be woken takes longer than that and costs the holder a
-// system call. So a thread first looks on for some tens of microseconds, unless the
-// process has a single processor, where looking on would keep the holder from going on.
-static const int LOOKS = 300;
-static const int PAUSES_PER_LOOK = 4; // about a hundred nanoseconds: not to take the cache line at once
+// A thread that finds the lock taken does not press for it. Whenever the lock goes to
+// another processor all that a message touches goes along, in the kernel too, which takes
+// longer than the message itself; and waking a sleeper is a system call for the holder. So
+// one waiting thread looks on, at intervals in which a busy holder writes a handful of
+// messages, and the others sleep in the mutex, as does the one when it has looked on for
+// some hundred microseconds.
+static const int LOOKS = 30;
+static const int PAUSES_PER_LOOK = 256; // 5 to 10 microseconds
 
-static int looks = LOOKS;
+static bool mayLookOn = true; // false where the holder would need the only processor to go on
 
 [[gnu::constructor]] static void countProcessors() {
     cpu_set_t ours;
-    if (sched_getaffinity(0, sizeof ours, &ours) == 0 && CPU_COUNT(&ours) == 1)
-        looks = 0;
+    mayLookOn = sched_getaffinity(0, sizeof ours, &ours) != 0 || CPU_COUNT(&ours) > 1;
 }
 
 static void relax() {
@@ -153,26 +156,31 @@ static void relax() {
 #endif
 }
 
-static bool looksFree(const LogLock *lock) {
-    return isHeldBy(lock, 0);
-}
-
 static bool tryAcquire(LogLock *lock) {
-    if (!looksFree(lock))
+    if (!isHeldBy(lock, 0)) // a look does not take the cache line from the holder
         return false;
     const int result = pthread_mutex_trylock(&lock->mutex);
     require(result == 0 || result == EBUSY);
     return result == 0;
 }
 
-static void acquire(LogLock *lock) {
-    for (int look = 0; look < looks; ++look) {
-        if (tryAcquire(lock))
-            return;
+// Whether the lock was acquired.
+static bool lookOn(LogLock *lock) {
+    if (!mayLookOn || __atomic_exchange_n(&someoneLooksOn, true, __ATOMIC_RELAXED))
+        return false;
+    bool acquired = false;
+    for (int look = 0; look < LOOKS && !acquired; ++look) {
         for (int k = 0; k < PAUSES_PER_LOOK; ++k)
             relax();
+        acquired = tryAcquire(lock);
     }
-    require(pthread_mutex_lock(&lock->mutex) == 0);
+    __atomic_store_n(&someoneLooksOn, false, __ATOMIC_RELAXED);
+    return acquired;
+}
+
+static void acquire(LogLock *lock) {
+    if (!tryAcquire(lock) && !lookOn(lock))
+        require(pthread_mutex_lock(&lock->mutex) == 0);
 }
 
 // ---- acquisition and release -------------------------------------------------------
