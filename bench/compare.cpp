@@ -4,7 +4,8 @@
 //
 //     compare [--rounds N] [--messages N] [--json FILE] [--only TEXT] DIRECTORY
 //
-// Order of sections: measuring; the limits; ours; the single figures; the table.
+// Order of sections: measuring; the limits; one contender in one round; ours; the single
+// figures; the table.
 #include "compare.h"
 
 #include <algorithm>
@@ -17,6 +18,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <numeric>
 #include <pthread.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -72,11 +74,15 @@ std::string freshDirectory(const std::string &name) {
     return path;
 }
 
-struct Figures {                      // one value per round
-    std::vector<double> oneThread;    // ns per message
-    std::vector<double> p50;          // ns per call
-    std::vector<double> p999;         // ns per call
-    std::vector<double> eightThreads; // ns per message
+// One value per round. The base loop's calls are made in turns with the contender's, so
+// that both meet the machine in the same state.
+struct Figures {
+    std::vector<double> p50Ns;
+    std::vector<double> oneThread;          // mean of a call, over the base loop's
+    std::vector<double> p50;                // over the base loop's
+    std::vector<double> p999;               // over the base loop's
+    std::vector<double> eightThreads;       // ns per message, over the locked base loop's
+    std::vector<double> eightOverOneThread; // ns per message
 };
 
 // One thread is a thread beside the waiting main one too: a write costs more in a process
@@ -103,39 +109,25 @@ double throughput(const Contender &contender, int threads) {
     return static_cast<double>(now() - start) / (static_cast<double>(each) * threads);
 }
 
-void measure(const Contender &contender, double clock, Figures &figures) {
-    contender.open(freshDirectory(contender.name));
-    for (int i = 0; i < 1000; ++i)
-        contender.log(i);
-    std::vector<double> calls(static_cast<size_t>(settings.messages));
-    for (size_t i = 0; i < calls.size(); ++i) {
-        const int64_t start = now();
-        contender.log(static_cast<int>(i));
-        calls[i] = static_cast<double>(now() - start) - clock;
-    }
-    std::sort(calls.begin(), calls.end());
-    figures.p50.push_back(calls[calls.size() / 2]);
-    figures.p999.push_back(calls[calls.size() - calls.size() / 1000 - 1]);
-    figures.oneThread.push_back(throughput(contender, 1));
-    figures.eightThreads.push_back(throughput(contender, 8));
-    contender.close();
-}
-
 // ---- the limits --------------------------------------------------------------------
 
 int file = -1;
 pthread_mutex_t mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
+int openLog(const std::string &directory) {
+    return open((directory + "/limit.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0660);
+}
+
 void openFile(const std::string &directory) {
-    file = open((directory + "/limit.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0660);
+    file = openLog(directory);
 }
 
 void closeFile() {
     close(file);
 }
 
-void writeAll(const char *line, size_t length) {
-    if (write(file, line, length) != static_cast<ssize_t>(length))
+void writeAll(int descriptor, const char *line, size_t length) {
+    if (write(descriptor, line, length) != static_cast<ssize_t>(length))
         std::abort();
 }
 
@@ -150,12 +142,21 @@ size_t makeLine(char (&line)[512], int number) {
         static_cast<unsigned long>(pthread_self()), length, text));
 }
 
-void baseLoop(int number) {
+void baseLoop(int descriptor, int number) {
     char line[512];
     const size_t length = makeLine(line, number);
     struct stat status;
-    fstat(file, &status);
-    writeAll(line, length);
+    fstat(descriptor, &status);
+    writeAll(descriptor, line, length);
+}
+
+void lockedBaseLoop(int descriptor, int number) {
+    pthread_mutex_lock(&mutex);
+    int cancelState;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
+    baseLoop(descriptor, number);
+    pthread_setcancelstate(cancelState, nullptr);
+    pthread_mutex_unlock(&mutex);
 }
 
 char *digits(char *at, uint64_t value) {
@@ -201,7 +202,7 @@ void handMadeLine(int number) {
     constexpr char tail[] = ",3:mgr,1,(0|)\n";
     std::memcpy(at, tail, sizeof tail - 1);
     at += sizeof tail - 1;
-    writeAll(line, static_cast<size_t>(at - line));
+    writeAll(file, line, static_cast<size_t>(at - line));
     pthread_setcancelstate(cancelState, nullptr);
     pthread_mutex_unlock(&mutex);
 }
@@ -210,25 +211,65 @@ const std::string BASE = "base: clock, 2 snprintf, fstat, write";
 const std::string LOCKED = "base, locked";
 
 std::vector<Contender> limits() {
-    return {{BASE, openFile, baseLoop, closeFile},
-            {LOCKED, openFile,
-             [](int number) {
-                 pthread_mutex_lock(&mutex);
-                 int cancelState;
-                 pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-                 baseLoop(number);
-                 pthread_setcancelstate(cancelState, nullptr);
-                 pthread_mutex_unlock(&mutex);
-             },
-             closeFile},
+    return {{BASE, openFile, [](int number) { baseLoop(file, number); }, closeFile},
+            {LOCKED, openFile, [](int number) { lockedBaseLoop(file, number); }, closeFile},
             {"write alone, ready line", openFile,
              [](int) {
                  static char line[512];
                  static const size_t length = makeLine(line, 1234);
-                 writeAll(line, length);
+                 writeAll(file, line, length);
              },
              closeFile},
             {"line made by hand, locked, write", openFile, handMadeLine, closeFile}};
+}
+
+// ---- one contender in one round ------------------------------------------------------
+
+using Log = std::function<void(int number)>;
+
+double mean(const std::vector<double> &values) {
+    return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
+}
+
+void timeCalls(const Log &log, size_t count, double clock, std::vector<double> &calls) {
+    for (size_t i = 0; i < count; ++i) {
+        const int number = static_cast<int>(calls.size());
+        const int64_t start = now();
+        log(number);
+        calls.push_back(static_cast<double>(now() - start) - clock);
+    }
+}
+
+void measure(const Contender &contender, double clock, Figures &figures) {
+    constexpr size_t TURN = 500; // calls; the first ones of a turn, which find the caches cold, are few
+    const int base = openLog(freshDirectory("reference"));
+    const Log logBase = [base](int number) { baseLoop(base, number); };
+    const Contender lockedBase = {"", {}, [base](int number) { lockedBaseLoop(base, number); }, {}};
+    contender.open(freshDirectory(contender.name));
+    std::vector<double> calls;
+    std::vector<double> baseCalls;
+    timeCalls(contender.log, 1000, clock, calls); // to warm up
+    timeCalls(logBase, 1000, clock, baseCalls);
+    calls.clear();
+    baseCalls.clear();
+    while (calls.size() < static_cast<size_t>(settings.messages)) {
+        timeCalls(contender.log, TURN, clock, calls);
+        timeCalls(logBase, TURN, clock, baseCalls);
+    }
+    std::sort(calls.begin(), calls.end());
+    std::sort(baseCalls.begin(), baseCalls.end());
+    const size_t p50 = calls.size() / 2;
+    const size_t p999 = calls.size() - calls.size() / 1000 - 1;
+    figures.p50Ns.push_back(calls[p50]);
+    figures.oneThread.push_back(mean(calls) / mean(baseCalls));
+    figures.p50.push_back(calls[p50] / baseCalls[p50]);
+    figures.p999.push_back(calls[p999] / baseCalls[p999]);
+    const double lockedEight = throughput(lockedBase, 8);
+    const double eight = throughput(contender, 8);
+    figures.eightThreads.push_back(eight / lockedEight);
+    figures.eightOverOneThread.push_back(eight / throughput(contender, 1));
+    contender.close();
+    close(base);
 }
 
 // ---- ours --------------------------------------------------------------------------
@@ -469,7 +510,7 @@ std::string range(std::vector<double> values) {
 void jsonArray(FILE *out, const char *name, const std::vector<double> &values) {
     std::fprintf(out, ", \"%s\": [", name);
     for (size_t i = 0; i < values.size(); ++i)
-        std::fprintf(out, "%s%.1f", i == 0 ? "" : ", ", values[i]);
+        std::fprintf(out, "%s%.3f", i == 0 ? "" : ", ", values[i]);
     std::fprintf(out, "]");
 }
 
@@ -542,8 +583,6 @@ int main(int argc, char **argv) {
         singles.push_back({"catalogue message of two arguments against plain text, p50", "x",
                            ratios(find(OURS_CATALOGUE)->p50, find(OURS)->p50), "1.3 or less"});
 
-    const Figures &base = figures[0];
-    const Figures &locked = figures[1];
     utsname machine;
     uname(&machine);
     char date[32];
@@ -553,17 +592,14 @@ int main(int argc, char **argv) {
     std::printf("%s, %s %s, %ld processors; medians (and ranges) of %d rounds of %d messages\n", date,
                 machine.sysname, machine.release, sysconf(_SC_NPROCESSORS_ONLN), settings.rounds,
                 settings.messages);
-    std::printf("base loop: %.0f ns per message, p50 %.0f ns; locked, 8 threads: %.0f ns\n\n",
-                median(base.oneThread), median(base.p50), median(locked.eightThreads));
-    std::printf("%-44s %-19s %-19s %-19s %-19s %-19s\n", "ratios to the base loop of the same round",
-                "1 thread", "p50", "p99.9", "8 threads (locked)", "8 threads/1 thread");
+    std::printf("base loop: p50 %.0f ns\n\n", median(figures[0].p50Ns));
+    std::printf("%-44s %-19s %-19s %-19s %-19s %-19s\n", "ratios to the base loop", "1 thread", "p50",
+                "p99.9", "8 threads (locked)", "8 threads/1 thread");
     for (size_t i = 0; i < all.size(); ++i)
         std::printf("%-44s %-19s %-19s %-19s %-19s %-19s\n", all[i].name.c_str(),
-                    range(ratios(figures[i].oneThread, base.oneThread)).c_str(),
-                    range(ratios(figures[i].p50, base.p50)).c_str(),
-                    range(ratios(figures[i].p999, base.p999)).c_str(),
-                    range(ratios(figures[i].eightThreads, locked.eightThreads)).c_str(),
-                    range(ratios(figures[i].eightThreads, figures[i].oneThread)).c_str());
+                    range(figures[i].oneThread).c_str(), range(figures[i].p50).c_str(),
+                    range(figures[i].p999).c_str(), range(figures[i].eightThreads).c_str(),
+                    range(figures[i].eightOverOneThread).c_str());
     std::printf("\n");
     for (const Single &single : singles)
         if (!single.values.empty())
@@ -582,10 +618,12 @@ int main(int argc, char **argv) {
                      date, machine.release, sysconf(_SC_NPROCESSORS_ONLN), settings.messages);
         for (size_t i = 0; i < all.size(); ++i) {
             std::fprintf(out, "%s\n  {\"name\": \"%s\"", i == 0 ? "" : ",", all[i].name.c_str());
-            jsonArray(out, "one_thread_ns", figures[i].oneThread);
-            jsonArray(out, "p50_ns", figures[i].p50);
-            jsonArray(out, "p999_ns", figures[i].p999);
-            jsonArray(out, "eight_threads_ns", figures[i].eightThreads);
+            jsonArray(out, "p50_ns", figures[i].p50Ns);
+            jsonArray(out, "one_thread", figures[i].oneThread);
+            jsonArray(out, "p50", figures[i].p50);
+            jsonArray(out, "p999", figures[i].p999);
+            jsonArray(out, "eight_threads", figures[i].eightThreads);
+            jsonArray(out, "eight_over_one_thread", figures[i].eightOverOneThread);
             std::fprintf(out, "}");
         }
         std::fprintf(out, "],\n \"singles\": [");

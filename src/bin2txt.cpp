@@ -432,54 +432,71 @@ static char *putPrefix(char *at, const LogMsg *msg, RecordIdentity *last) {
 
 static const uint64_t FIRST_VERSION_WITH_APP_WHO = 65542;
 
-// What follows the text of a message, by its type.
+// The string that follows the text of a message, null where its type has none.
+static const char *lastStringOf(const LogMsg *msg) {
+    switch (msg->type) {
+    case ZOLTLOG_MSG_APP:
+        return msg->recordVersion >= FIRST_VERSION_WITH_APP_WHO ? msg->who : nullptr;
+    case ZOLTLOG_MSG_CONTEXT:
+        return msg->attr.contextTitle;
+    case ZOLTLOG_MSG_DEBUG:
+    case ZOLTLOG_MSG_DIAG:
+    case ZOLTLOG_MSG_AUDIT:
+        return msg->who;
+    default:
+        return nullptr;
+    }
+}
+
+// What else follows the text of a message, by its type.
 struct TypeFields {
     bool hasString;
-    const char *string;
     bool hasNumber;
-    uint32_t number;
     bool hasBlock;
+    uint32_t number;
 };
 
 // False for a message that no file takes.
 static bool typeFieldsOf(const LogMsg *msg, TypeFields *fields) {
     switch (msg->type) {
     case ZOLTLOG_MSG_DEBUG:
-        *fields = {true, msg->who, true, msg->attr.level, false};
+        *fields = {true, true, false, msg->attr.level};
         return true;
     case ZOLTLOG_MSG_DIAG:
-        *fields = {true, msg->who, true, msg->attr.level, true};
+        *fields = {true, true, true, msg->attr.level};
         return true;
     case ZOLTLOG_MSG_APP:
-        *fields = {msg->recordVersion >= FIRST_VERSION_WITH_APP_WHO, msg->who, true, msg->attr.severity,
-                   true};
+        *fields = {msg->recordVersion >= FIRST_VERSION_WITH_APP_WHO, true, true, msg->attr.severity};
         return msg->attr.severity <= HIGHEST_SEVERITY;
     case ZOLTLOG_MSG_CONTEXT:
-        *fields = {true, msg->attr.contextTitle, false, 0, true};
+        *fields = {true, false, true, 0};
         return true;
     case ZOLTLOG_MSG_AUDIT:
-        *fields = {true, msg->who, true, msg->outcome, true};
+        *fields = {true, true, true, msg->outcome};
         return true;
     default: // secure audit messages never reach a file
         return false;
     }
 }
 
-static uint32_t putRecord(TextBuffer *buffer, LogMsg *msg, const TypeFields &fields, const RecordString &text,
-                          const RecordString &last, StringForm form, RecordIdentity *identity) {
-    const RecordString token(msg->contextToken, form);
-    char *at = reserve(buffer, MOST_NUMBERS + token.size + text.size + last.size);
+static uint32_t putRecord(TextBuffer *buffer, LogMsg *msg, const RecordWords &words,
+                          RecordIdentity *identity) {
+    TypeFields fields;
+    if (!typeFieldsOf(msg, &fields))
+        return ZOLTLOG_FAILED;
+    const RecordString token(msg->contextToken, words.form);
+    char *at = reserve(buffer, MOST_NUMBERS + token.size + words.text.size + words.last.size);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
     at = putPrefix(at, msg, identity);
     at = putString(at, token);
-    at = putString(at, text);
+    at = putString(at, words.text);
     if (fields.hasString)
-        at = putString(at, last);
+        at = putString(at, words.last);
     if (fields.hasNumber)
         at = putSignedField(at, static_cast<int32_t>(fields.number));
     textEndsAt(buffer, at);
-    const bool newline = token.newline || text.newline || last.newline;
+    const bool newline = token.newline || words.text.newline || words.last.newline;
     const bool emptyBlock = fields.hasBlock && isEmpty(&msg->lis);
     if (!newline && (emptyBlock || !fields.hasBlock)) { // nearly every record: ended without a call
         at = emptyBlock ? static_cast<char *>(mempcpy(at, "(0|)", 4)) : at - 1;
@@ -492,24 +509,18 @@ static uint32_t putRecord(TextBuffer *buffer, LogMsg *msg, const TypeFields &fie
     return result == ZOLTLOG_OK ? mark_end_of_txt_msg(buffer) : result;
 }
 
-uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, const RecordWords *ready, RecordIdentity *identity) {
+uint32_t serializeWith(const RecordWords &words, LogMsg *msg, TextBuffer *buffer, RecordIdentity *identity) {
     startText(buffer);
     if (msg->recordVersion < OLDEST_RECORD_VERSION || msg->recordVersion > ZOLTLOG_RECORD_VERSION_LOGSET)
         return ZOLTLOG_FAILED;
-    TypeFields fields;
-    if (!typeFieldsOf(msg, &fields))
-        return ZOLTLOG_FAILED;
-    uint32_t result;
-    if (ready != nullptr) {
-        result = putRecord(buffer, msg, fields, ready->text, ready->who, ready->form, identity);
-    } else {
-        const StringForm form = stringFormOf(msg->utf8);
-        result = putRecord(buffer, msg, fields, RecordString(msg->text, form),
-                           RecordString(fields.hasString ? fields.string : nullptr, form), form, identity);
-    }
+    const uint32_t result = putRecord(buffer, msg, words, identity);
     if (result != ZOLTLOG_OK)
         free_text_msg(buffer);
     return result;
+}
+
+uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, RecordIdentity *identity) {
+    return serializeWith(RecordWords(msg->text, lastStringOf(msg), msg->utf8), msg, buffer, identity);
 }
 
 uint32_t zoltLogMsgSerialize(LogMsg *msg, TextBuffer *buffer) {
@@ -519,5 +530,5 @@ uint32_t zoltLogMsgSerialize(LogMsg *msg, TextBuffer *buffer) {
     if (msg == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     RecordIdentity identity = {};
-    return serializeMsg(msg, buffer, nullptr, &identity);
+    return serializeMsg(msg, buffer, &identity);
 }

@@ -55,14 +55,15 @@ struct RecordString {
     void read(const char *text, StringForm form);
 };
 
-// The strings that an entry point knows, made ready before it takes the lock.
+// The strings of a record that an entry point knows and makes ready before it takes the
+// lock: the text, and the one that follows it.
 struct RecordWords {
-    RecordWords(const char *textOfMsg, const char *whoOfMsg, uint32_t utf8)
-        : form(stringFormOf(utf8)), text(textOfMsg, form), who(whoOfMsg, form) {}
+    RecordWords(const char *textOfMsg, const char *lastOfMsg, uint32_t utf8)
+        : form(stringFormOf(utf8)), text(textOfMsg, form), last(lastOfMsg, form) {}
 
     const StringForm form;
     const RecordString text;
-    const RecordString who;
+    const RecordString last;
 };
 
 // ---- records --------------------------------------------------------------------------
@@ -76,5 +77,6 @@ struct RecordIdentity {
     char text[2 * (MAX_DECIMAL + 1)];
 };
 
-// zoltLogMsgSerialize; only ready may be null, else it holds the record's text and who.
-uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, const RecordWords *ready, RecordIdentity *identity);
+// zoltLogMsgSerialize; nothing may be null. serializeWith: the words are the record's.
+uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, RecordIdentity *identity);
+uint32_t serializeWith(const RecordWords &words, LogMsg *msg, TextBuffer *buffer, RecordIdentity *identity);

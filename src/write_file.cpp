@@ -316,7 +316,9 @@ uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver, const R
     msg->recordVersion = writtenVersion(state);
     msg->fileOriginatorId = state->fileOriginatorId;
     TextBuffer buffer;
-    uint32_t result = serializeMsg(msg, &buffer, ready, &notesOf(state)->identity);
+    RecordIdentity *identity = &notesOf(state)->identity;
+    uint32_t result = ready != nullptr ? serializeWith(*ready, msg, &buffer, identity)
+                                       : serializeMsg(msg, &buffer, identity);
     if (result != ZOLTLOG_OK)
         return result;
     if (mayRollOver) {

@@ -42,7 +42,7 @@ void sleepNs(long ns); // below a second
 
 // ---- writing (write_file.cpp) ---------------------------------------------------------
 
-// zoltLogWriteMsgWithRolloverToFile. ready is null or holds the record's text and who.
+// zoltLogWriteMsgWithRolloverToFile. ready is null or holds the record's words.
 uint32_t writeMsgWithRollover(LogFileState *state, LogMsg *msg, const RecordWords *ready);
 
 // ---- opening (write_file_open.cpp) --------------------------------------------------

@@ -157,15 +157,22 @@ static uint32_t lookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t mes
     return zoltLogMapLisResToLoggingRes(zoltLisVEx(block, handle->utf8, messageNumber, format, args));
 }
 
+static uint32_t copyAndLookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t messageNumber,
+                              const char *format, va_list args) {
+    va_list copy;
+    va_copy(copy, args);
+    const uint32_t result = lookUp(block, handle, messageNumber, format, copy);
+    va_end(copy);
+    return result;
+}
+
 // The wording of an application or diagnostic message: a catalogue block, a text
 // formatted here, or with ZOLTLOG_KEEP_LOCAL_TEXT both.
-static uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t messageNumber,
-                            const char *format, va_list args, CallText *text, OwnedBlock *block) {
+[[gnu::always_inline]] static inline uint32_t makeWording(const LogHandle *handle, uint32_t flags,
+                                                          int64_t messageNumber, const char *format,
+                                                          va_list args, CallText *text, OwnedBlock *block) {
     if (messageNumber != 0) {
-        va_list copy;
-        va_copy(copy, args);
-        const uint32_t result = lookUp(&block->words, handle, messageNumber, format, copy);
-        va_end(copy);
+        const uint32_t result = copyAndLookUp(&block->words, handle, messageNumber, format, args);
         if (result != ZOLTLOG_OK || (flags & ZOLTLOG_KEEP_LOCAL_TEXT) == 0)
             return result;
     }
