@@ -4,12 +4,13 @@
 //
 //     compare [--rounds N] [--messages N] [--json FILE] [--only TEXT] DIRECTORY
 //
-// Order of sections: measuring; the limits; one contender in one round; ours; the single
-// figures; the table.
+// The other libraries run in a program of their own, once in each round: some of them
+// start threads as soon as they are loaded, which makes every write of the process dearer.
+//
+// Order of sections: the limits; ours; the single figures; the peers; the table.
 #include "compare.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
@@ -18,13 +19,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <numeric>
-#include <pthread.h>
-#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/utsname.h>
 #include <sys/wait.h>
-#include <thread>
 #include <time.h>
 #include <unistd.h>
 
@@ -33,90 +30,9 @@
 
 namespace {
 
-// ---- measuring ---------------------------------------------------------------------
-
-struct Settings {
-    int rounds = 31; // many and short: the machine's own speed changes within seconds
-    int messages = 10000;
-    std::string json;
-    std::string only;
-    std::string directory = "bench-out";
-} settings;
-
-int64_t now() {
-    timespec time;
-    clock_gettime(CLOCK_MONOTONIC, &time);
-    return time.tv_sec * INT64_C(1000000000) + time.tv_nsec;
-}
-
-double median(std::vector<double> values) {
-    if (values.empty())
-        return NAN;
-    std::sort(values.begin(), values.end());
-    return values[values.size() / 2];
-}
-
-// What the clock itself costs between two readings.
-double clockCost() {
-    std::vector<double> costs;
-    for (int i = 0; i < 100000; ++i) {
-        const int64_t start = now();
-        costs.push_back(static_cast<double>(now() - start));
-    }
-    return median(costs);
-}
-
-std::string freshDirectory(const std::string &name) {
-    std::string path = settings.directory + "/" + name;
-    std::replace(path.begin(), path.end(), ' ', '_');
-    std::filesystem::remove_all(path);
-    std::filesystem::create_directories(path);
-    return path;
-}
-
-// One value per round. The base loop's calls are made in turns with the contender's, so
-// that both meet the machine in the same state.
-struct Figures {
-    std::vector<double> p50Ns;
-    std::vector<double> oneThread;          // mean of a call, over the base loop's
-    std::vector<double> p50;                // over the base loop's
-    std::vector<double> p999;               // over the base loop's
-    std::vector<double> eightThreads;       // ns per message, over the locked base loop's
-    std::vector<double> eightOverOneThread; // ns per message
-};
-
-// One thread is a thread beside the waiting main one too: a write costs more in a process
-// of several threads, whoever writes.
-double throughput(const Contender &contender, int threads) {
-    const int each = settings.messages / threads;
-    std::atomic<int> ready{0};
-    std::atomic<bool> go{false};
-    std::vector<std::thread> workers;
-    for (int t = 0; t < threads; ++t)
-        workers.emplace_back([&] {
-            ++ready;
-            while (!go)
-                sched_yield();
-            for (int i = 0; i < each; ++i)
-                contender.log(i);
-        });
-    while (ready < threads)
-        sched_yield();
-    const int64_t start = now();
-    go = true;
-    for (std::thread &worker : workers)
-        worker.join();
-    return static_cast<double>(now() - start) / (static_cast<double>(each) * threads);
-}
-
 // ---- the limits --------------------------------------------------------------------
 
 int file = -1;
-pthread_mutex_t mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
-
-int openLog(const std::string &directory) {
-    return open((directory + "/limit.log").c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0660);
-}
 
 void openFile(const std::string &directory) {
     file = openLog(directory);
@@ -124,39 +40,6 @@ void openFile(const std::string &directory) {
 
 void closeFile() {
     close(file);
-}
-
-void writeAll(int descriptor, const char *line, size_t length) {
-    if (write(descriptor, line, length) != static_cast<ssize_t>(length))
-        std::abort();
-}
-
-size_t makeLine(char (&line)[512], int number) {
-    timeval time;
-    gettimeofday(&time, nullptr);
-    char text[256];
-    const int length = std::snprintf(text, sizeof text, MESSAGE_FORMAT, number, MESSAGE_TEXT);
-    return static_cast<size_t>(std::snprintf(
-        line, sizeof line, "%lu,%lu,%lu,%lu,%lu,%lld,%lu,%lu,0:,%d:%s,3:mgr,1,(0|)\n", 2ul, 5ul, 7ul, 7ul,
-        static_cast<unsigned long>(number), time.tv_sec * 1000ll + time.tv_usec / 1000, 4242ul,
-        static_cast<unsigned long>(pthread_self()), length, text));
-}
-
-void baseLoop(int descriptor, int number) {
-    char line[512];
-    const size_t length = makeLine(line, number);
-    struct stat status;
-    fstat(descriptor, &status);
-    writeAll(descriptor, line, length);
-}
-
-void lockedBaseLoop(int descriptor, int number) {
-    pthread_mutex_lock(&mutex);
-    int cancelState;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState);
-    baseLoop(descriptor, number);
-    pthread_setcancelstate(cancelState, nullptr);
-    pthread_mutex_unlock(&mutex);
 }
 
 char *digits(char *at, uint64_t value) {
@@ -221,55 +104,6 @@ std::vector<Contender> limits() {
              },
              closeFile},
             {"line made by hand, locked, write", openFile, handMadeLine, closeFile}};
-}
-
-// ---- one contender in one round ------------------------------------------------------
-
-using Log = std::function<void(int number)>;
-
-double mean(const std::vector<double> &values) {
-    return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
-}
-
-void timeCalls(const Log &log, size_t count, double clock, std::vector<double> &calls) {
-    for (size_t i = 0; i < count; ++i) {
-        const int number = static_cast<int>(calls.size());
-        const int64_t start = now();
-        log(number);
-        calls.push_back(static_cast<double>(now() - start) - clock);
-    }
-}
-
-void measure(const Contender &contender, double clock, Figures &figures) {
-    constexpr size_t TURN = 500; // calls; the first ones of a turn, which find the caches cold, are few
-    const int base = openLog(freshDirectory("reference"));
-    const Log logBase = [base](int number) { baseLoop(base, number); };
-    const Contender lockedBase = {"", {}, [base](int number) { lockedBaseLoop(base, number); }, {}};
-    contender.open(freshDirectory(contender.name));
-    std::vector<double> calls;
-    std::vector<double> baseCalls;
-    timeCalls(contender.log, 1000, clock, calls); // to warm up
-    timeCalls(logBase, 1000, clock, baseCalls);
-    calls.clear();
-    baseCalls.clear();
-    while (calls.size() < static_cast<size_t>(settings.messages)) {
-        timeCalls(contender.log, TURN, clock, calls);
-        timeCalls(logBase, TURN, clock, baseCalls);
-    }
-    std::sort(calls.begin(), calls.end());
-    std::sort(baseCalls.begin(), baseCalls.end());
-    const size_t p50 = calls.size() / 2;
-    const size_t p999 = calls.size() - calls.size() / 1000 - 1;
-    figures.p50Ns.push_back(calls[p50]);
-    figures.oneThread.push_back(mean(calls) / mean(baseCalls));
-    figures.p50.push_back(calls[p50] / baseCalls[p50]);
-    figures.p999.push_back(calls[p999] / baseCalls[p999]);
-    const double lockedEight = throughput(lockedBase, 8);
-    const double eight = throughput(contender, 8);
-    figures.eightThreads.push_back(eight / lockedEight);
-    figures.eightOverOneThread.push_back(eight / throughput(contender, 1));
-    contender.close();
-    close(base);
 }
 
 // ---- ours --------------------------------------------------------------------------
@@ -421,27 +255,6 @@ double processes(int count) {
     return static_cast<double>(end - start) / (static_cast<double>(each) * count);
 }
 
-constexpr uint64_t ROLL_KILOBYTES = 64;
-
-// ns of one rollover: the median of the calls that roll over, which are the slowest
-// ones of a run over that many files, less the median call.
-double rolloverCost(const Contender &rolling, size_t bytesPerMessage) {
-    constexpr size_t ROLLOVERS = 40;
-    const size_t perFile = ROLL_KILOBYTES * 1024 / bytesPerMessage;
-    std::vector<double> calls(perFile * ROLLOVERS);
-    rolling.open(freshDirectory("rollover"));
-    for (size_t n = 0; n < (FILES_KEPT + 2) * perFile; ++n)
-        rolling.log(static_cast<int>(n));
-    for (size_t n = 0; n < calls.size(); ++n) {
-        const int64_t start = now();
-        rolling.log(static_cast<int>(n));
-        calls[n] = static_cast<double>(now() - start);
-    }
-    rolling.close();
-    std::sort(calls.begin(), calls.end());
-    return calls[calls.size() - ROLLOVERS / 2] - calls[calls.size() / 2];
-}
-
 Contender rollingOurs(uint64_t originator, uint64_t kilobytes) {
     return {"rolling",
             [=](const std::string &directory) {
@@ -486,6 +299,42 @@ double memoryGrowth() {
     close(result[0]);
     close(result[1]);
     return growth;
+}
+
+// ---- the peers -----------------------------------------------------------------------
+
+// Runs the peers' program once and adds what it prints: lines of a name and the values
+// of its figures. Yields the cost of one rotation.
+double measurePeers(std::vector<std::string> &names, std::vector<Figures> &figures) {
+    const std::string command = std::string(PEERS_PROGRAM) + " --messages " +
+                                std::to_string(settings.messages) + " '" + settings.directory + "/peers'";
+    FILE *out = popen(command.c_str(), "r");
+    if (out == nullptr)
+        std::abort();
+    double rotation = NAN;
+    char line[512];
+    while (std::fgets(line, sizeof line, out) != nullptr) {
+        char *values = std::strchr(line, '\t');
+        if (values == nullptr)
+            continue;
+        const std::string name(line, values);
+        if (name == ROTATION) {
+            rotation = std::strtod(values, nullptr);
+            continue;
+        }
+        auto at = static_cast<size_t>(std::find(names.begin(), names.end(), name) - names.begin());
+        if (at == names.size()) {
+            names.push_back(name);
+            figures.emplace_back();
+        }
+        for (std::vector<double> *figure : figures[at].all())
+            figure->push_back(std::strtod(values, &values));
+    }
+    if (pclose(out) != 0) {
+        std::fprintf(stderr, "the peers' program failed\n");
+        std::exit(1);
+    }
+    return rotation;
 }
 
 // ---- the table ---------------------------------------------------------------------
@@ -541,10 +390,12 @@ int main(int argc, char **argv) {
     makeConfiguration();
 
     std::vector<Contender> all = limits();
-    for (std::vector<Contender> more : {ourContenders(), peers()})
-        for (Contender &contender : more)
-            if (settings.only.empty() || contender.name.find(settings.only) != std::string::npos)
-                all.push_back(std::move(contender));
+    for (Contender &contender : ourContenders())
+        if (settings.only.empty() || contender.name.find(settings.only) != std::string::npos)
+            all.push_back(std::move(contender));
+    std::vector<std::string> names;
+    for (const Contender &contender : all)
+        names.push_back(contender.name);
 
     const double clock = clockCost();
     std::vector<Figures> figures(all.size());
@@ -560,13 +411,13 @@ int main(int argc, char **argv) {
         for (size_t i = 0; i < all.size(); ++i)
             measure(all[i], clock, figures[i]);
         if (settings.only.empty()) {
+            const double rotation = measurePeers(names, figures);
             singles[0].values.push_back(droppedDebug(0));
             singles[1].values.push_back(droppedDebug(60));
             const double one = processes(1);
             singles[2].values.push_back(processes(4) / one);
-            const double mine = rolloverCost(rollingOurs(14, ROLL_KILOBYTES), 140);
-            const double theirs = rolloverCost(rotatingPeer(ROLL_KILOBYTES * 1024), 140);
-            singles[3].values.push_back(mine / theirs);
+            const double mine = rolloverCost(rollingOurs(14, ROLL_KILOBYTES));
+            singles[3].values.push_back(mine / rotation);
             singles[4].values.push_back(mine / 1000);
             if (round == 0)
                 singles[5].values.push_back(memoryGrowth());
@@ -575,9 +426,8 @@ int main(int argc, char **argv) {
     }
 
     const auto find = [&](const std::string &name) {
-        const auto at =
-            std::find_if(all.begin(), all.end(), [&](const Contender &c) { return c.name == name; });
-        return at == all.end() ? nullptr : &figures[static_cast<size_t>(at - all.begin())];
+        const auto at = std::find(names.begin(), names.end(), name);
+        return at == names.end() ? nullptr : &figures[static_cast<size_t>(at - names.begin())];
     };
     if (find(OURS) != nullptr && find(OURS_CATALOGUE) != nullptr)
         singles.push_back({"catalogue message of two arguments against plain text, p50", "x",
@@ -595,8 +445,8 @@ int main(int argc, char **argv) {
     std::printf("base loop: p50 %.0f ns\n\n", median(figures[0].p50Ns));
     std::printf("%-44s %-19s %-19s %-19s %-19s %-19s\n", "ratios to the base loop", "1 thread", "p50",
                 "p99.9", "8 threads (locked)", "8 threads/1 thread");
-    for (size_t i = 0; i < all.size(); ++i)
-        std::printf("%-44s %-19s %-19s %-19s %-19s %-19s\n", all[i].name.c_str(),
+    for (size_t i = 0; i < names.size(); ++i)
+        std::printf("%-44s %-19s %-19s %-19s %-19s %-19s\n", names[i].c_str(),
                     range(figures[i].oneThread).c_str(), range(figures[i].p50).c_str(),
                     range(figures[i].p999).c_str(), range(figures[i].eightThreads).c_str(),
                     range(figures[i].eightOverOneThread).c_str());
@@ -616,8 +466,8 @@ int main(int argc, char **argv) {
                      "{\"date\": \"%s\", \"kernel\": \"%s\", \"processors\": %ld, \"messages\": %d,\n "
                      "\"contenders\": [",
                      date, machine.release, sysconf(_SC_NPROCESSORS_ONLN), settings.messages);
-        for (size_t i = 0; i < all.size(); ++i) {
-            std::fprintf(out, "%s\n  {\"name\": \"%s\"", i == 0 ? "" : ",", all[i].name.c_str());
+        for (size_t i = 0; i < names.size(); ++i) {
+            std::fprintf(out, "%s\n  {\"name\": \"%s\"", i == 0 ? "" : ",", names[i].c_str());
             jsonArray(out, "p50_ns", figures[i].p50Ns);
             jsonArray(out, "one_thread", figures[i].oneThread);
             jsonArray(out, "p50", figures[i].p50);

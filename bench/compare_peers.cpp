@@ -1,4 +1,7 @@
-// The other logging libraries, each set to write every message at once.
+// The other logging libraries, each set to write every message at once. Measures each of
+// them once and prints its figures for `compare`:
+//
+//     compare_peers [--messages N] DIRECTORY
 #include "compare.h"
 
 #include <boost/log/attributes.hpp>
@@ -193,15 +196,24 @@ extern "C" int connect(int descriptor, const sockaddr *address, socklen_t length
     return real(descriptor, address, length);
 }
 
-std::vector<Contender> peers() {
-    return {spdlogRotating("spdlog rotating file, flushed each message", FILE_LIMIT),
-            boostLog(),
-            log4cxxImmediate(),
-            log4cplusImmediate(),
-            glogUnbuffered(),
-            syslogLocal()};
-}
-
-Contender rotatingPeer(size_t limit) {
-    return spdlogRotating("spdlog rotation", limit);
+int main(int argc, char **argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--messages" && i + 1 < argc)
+            settings.messages = std::atoi(argv[++i]);
+        else
+            settings.directory = argv[i];
+    }
+    const double clock = clockCost();
+    for (const Contender &peer :
+         {spdlogRotating("spdlog rotating file, flushed each message", FILE_LIMIT), boostLog(),
+          log4cxxImmediate(), log4cplusImmediate(), glogUnbuffered(), syslogLocal()}) {
+        Figures figures;
+        measure(peer, clock, figures);
+        std::printf("%s\t", peer.name.c_str());
+        for (const std::vector<double> *figure : figures.all())
+            std::printf(" %.6f", figure->back());
+        std::printf("\n");
+    }
+    std::printf("%s\t%.0f\n", ROTATION, rolloverCost(spdlogRotating("rotation", ROLL_KILOBYTES * 1024)));
+    return 0;
 }
