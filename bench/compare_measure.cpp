@@ -94,7 +94,7 @@ void lockedBaseLoop(int descriptor, int number) {
 // One thread is a thread beside the waiting main one too: a write costs more in a process
 // of several threads, whoever writes.
 static double throughput(const Contender &contender, int threads) {
-    const int each = settings.messages / threads;
+    const int each = 2 * settings.messages / threads;
     std::atomic<int> ready{0};
     std::atomic<bool> go{false};
     std::vector<std::thread> workers;

@@ -1654,7 +1654,8 @@ int32_t CopyLogOsListLogFiles(const OsLogFileCursor *source, OsLogFileCursor *de
  * A lock record starts as zeros; its first acquisition makes the mutex, also when many
  * threads come at once. While a thread holds a lock, it cannot be cancelled; its last
  * release puts the thread's cancellation state back. A thread that can be cancelled
- * asynchronously must not use it.
+ * asynchronously must not use it. Of the threads that wait for a lock one at a time stays
+ * awake, for some hundred microseconds at most; the others sleep.
  *
  * fork waits until zoltLogMutex is free or the forking thread's own, so that the child
  * finds the library at rest. What the forking thread holds, it holds in the child, too.
