@@ -25,6 +25,7 @@ constexpr size_t TEXT_ROOM = 1024; // most texts are shorter; longer ones lie on
 
 // The text of a message for the length of a call, or none.
 struct CallText {
+    // cppcheck-suppress uninitMemberVar ; the room is filled when there is a text
     CallText() = default;
     ~CallText() { release(); }
     CallText(const CallText &) = delete;

@@ -241,9 +241,7 @@ int compile(const std::vector<std::string> &sources, const std::string &director
 
 struct TemporaryDirectory {
     std::string path;
-    TemporaryDirectory() {
-        std::error_code error;
-        path = (fs::temp_directory_path(error) / "qdliscat.XXXXXX").string();
+    TemporaryDirectory() : path(pattern()) {
         if (mkdtemp(path.data()) == nullptr)
             path.clear();
     }
@@ -251,6 +249,10 @@ struct TemporaryDirectory {
         std::error_code ignored;
         if (!path.empty())
             fs::remove_all(path, ignored);
+    }
+    static std::string pattern() {
+        std::error_code error;
+        return (fs::temp_directory_path(error) / "qdliscat.XXXXXX").string();
     }
     TemporaryDirectory(const TemporaryDirectory &) = delete;
     TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;

@@ -437,38 +437,38 @@ int32_t operatorOf(QueryNode::Compare compare, bool negated) {
 
 } // namespace
 
+LogQueryNode *FileQuery::keep(const LogQueryNode &node) {
+    nodes.push_back(node);
+    return &nodes.back();
+}
+
 LogQueryNode *FileQuery::operation(int32_t kind, LogQueryNode *left, LogQueryNode *right) {
     LogQueryNode node = {};
     node.kind = kind;
     node.left = left;
     node.right = right;
-    nodes.push_back(node);
     ++operators;
-    return &nodes.back();
+    return keep(node);
 }
 
 LogQueryNode *FileQuery::compare(int32_t attribute, int32_t kind, uint64_t number) {
     LogQueryNode term = {};
     term.kind = TermAttribute;
     term.value.number = static_cast<uint64_t>(attribute);
-    nodes.push_back(term);
-    LogQueryNode *const left = &nodes.back();
+    LogQueryNode *const left = keep(term);
     term.kind = TermNumber;
     term.value.number = number;
-    nodes.push_back(term);
-    return operation(kind, left, &nodes.back());
+    return operation(kind, left, keep(term));
 }
 
 LogQueryNode *FileQuery::compareText(int32_t attribute, const std::string &text) {
     LogQueryNode term = {};
     term.kind = TermAttribute;
     term.value.number = static_cast<uint64_t>(attribute);
-    nodes.push_back(term);
-    LogQueryNode *const left = &nodes.back();
+    LogQueryNode *const left = keep(term);
     term.kind = TermText;
     term.value.text = text.c_str(); // the query outlives the tree
-    nodes.push_back(term);
-    return operation(OperatorEqual, left, &nodes.back());
+    return operation(OperatorEqual, left, keep(term));
 }
 
 // Null: no file can be left out because of this node.

@@ -71,6 +71,7 @@ struct FileQuery {
 
   private:
     LogQueryNode *project(const Query &query, int node, bool negated);
+    LogQueryNode *keep(const LogQueryNode &node);
     LogQueryNode *operation(int32_t kind, LogQueryNode *left, LogQueryNode *right);
     LogQueryNode *compare(int32_t attribute, int32_t kind, uint64_t number);
     LogQueryNode *compareText(int32_t attribute, const std::string &text);
