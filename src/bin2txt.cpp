@@ -96,9 +96,9 @@ uint32_t bin2txt_sev(uint32_t severity, TextBuffer *buffer) {
 
 static const char UNPROCESSABLE[] = "**UNABLE TO PROCESS LOG MESSAGE**";
 
-// tag, length ":" bytes, end. The tag may be empty. A length has 32 bits.
+// tag, length ":" bytes "|". A length has 32 bits.
 [[gnu::always_inline]] static inline uint32_t putCounted(TextBuffer *buffer, const char *tag,
-                                                         const char *bytes, size_t size, char end) {
+                                                         const char *bytes, size_t size) {
     const uint32_t length = static_cast<uint32_t>(size);
     char *at = reserve(buffer, strlen(tag) + MAX_DECIMAL + 1 + length + 1);
     if (at == nullptr)
@@ -109,7 +109,7 @@ static const char UNPROCESSABLE[] = "**UNABLE TO PROCESS LOG MESSAGE**";
     if (length != 0)
         memcpy(at, bytes, length);
     at += length;
-    *at++ = end;
+    *at++ = '|';
     textEndsAt(buffer, at);
     return ZOLTLOG_OK;
 }
@@ -263,12 +263,12 @@ static int encodeUtf8(wchar_t wide, char *out) {
 
 static uint32_t putWideString(TextBuffer *buffer, const wchar_t *wide) {
     if (wide == nullptr)
-        return putCounted(buffer, "A", nullptr, 0, '|');
+        return putCounted(buffer, "A", nullptr, 0);
     char *text = nullptr;
     uint32_t result = wcs2utf8(&text, wide);
     if (result != ZOLTLOG_OK)
         return result;
-    result = putCounted(buffer, "A", text, strlen(text), '|');
+    result = putCounted(buffer, "A", text, strlen(text));
     zoltLogFree(text);
     return result;
 }
@@ -287,7 +287,7 @@ static uint32_t putArgument(TextBuffer *buffer, ZoltLisIterator *argument, unsig
             return ZOLTLOG_FAILED;
         const int length = encodeUtf8(wide, bytes);
         return length < 0 ? static_cast<uint32_t>(ZOLTLOG_FAILED)
-                          : putCounted(buffer, "1", bytes, static_cast<size_t>(length), '|');
+                          : putCounted(buffer, "1", bytes, static_cast<size_t>(length));
     }
     case ARG_SIGNED: {
         int64_t value = 0;
@@ -343,13 +343,13 @@ static uint32_t putArgument(TextBuffer *buffer, ZoltLisIterator *argument, unsig
         const char *value = nullptr;
         if (zoltLisGetArg_utf8string(argument, &value) != 0)
             return ZOLTLOG_FAILED;
-        return putCounted(buffer, "X", value, value != nullptr ? strlen(value) : 0, '|');
+        return putCounted(buffer, "X", value, value != nullptr ? strlen(value) : 0);
     }
     case ARG_NATIVE_STRING: {
         const char *value = nullptr;
         if (zoltLisGetArg_nativeString(argument, &value) != 0)
             return ZOLTLOG_FAILED;
-        return putCounted(buffer, "S", value, value != nullptr ? strlen(value) : 0, '|');
+        return putCounted(buffer, "S", value, value != nullptr ? strlen(value) : 0);
     }
     default:
         return ZOLTLOG_FAILED;
@@ -386,9 +386,11 @@ static uint32_t putBlock(TextBuffer *buffer, ZoltLisBlock *block, unsigned depth
 
 // ---- the record ----------------------------------------------------------------
 
+static const char EMPTY_BLOCK_END[] = "(0|)\n";
+
 // Most bytes of a record besides its strings and its block: eight numbers in front,
-// three lengths and a number behind, each with a separator.
-static const uint64_t MOST_NUMBERS = 12 * (MAX_DECIMAL + 1) + 3;
+// three lengths and a number behind, each with a separator, and the end.
+static const uint64_t MOST_NUMBERS = 12 * (MAX_DECIMAL + 1) + 3 + sizeof EMPTY_BLOCK_END;
 
 static char *putField(char *at, uint64_t value) {
     at = putUnsigned(at, value);
@@ -499,8 +501,10 @@ static uint32_t putRecord(TextBuffer *buffer, LogMsg *msg, const RecordWords &wo
     const bool newline = token.newline || words.text.newline || words.last.newline;
     const bool emptyBlock = fields.hasBlock && isEmpty(&msg->lis);
     if (!newline && (emptyBlock || !fields.hasBlock)) { // nearly every record: ended without a call
-        at = emptyBlock ? static_cast<char *>(mempcpy(at, "(0|)", 4)) : at - 1;
-        *at++ = '\n';
+        if (emptyBlock)
+            at = static_cast<char *>(mempcpy(at, EMPTY_BLOCK_END, sizeof EMPTY_BLOCK_END - 1));
+        else
+            at[-1] = '\n';
         textEndsAt(buffer, at);
         return ZOLTLOG_OK;
     }

@@ -291,6 +291,35 @@ TEST(RecordEncoding, LineFeedsBecomeCarriageReturnsAndKeepTheLength) {
     EXPECT_EQ(encode(msg), std::string("2,") + PREFIX + "1:\r,3:\r\r\r,2:w\r,3,(0|)\n");
 }
 
+TEST(RecordEncoding, ALineFeedIsFoundWhereverItStands) {
+    for (size_t length = 1; length <= 50; ++length) {
+        for (size_t at = 0; at < length; ++at) {
+            std::string body(length, 'a');
+            body[at] = '\n';
+            LogMsg msg = exampleMessage(65543);
+            msg.text = body.data();
+            std::string shown = body;
+            shown[at] = '\r';
+            ASSERT_EQ(encode(msg), std::string("2,") + PREFIX + "0:," + std::to_string(length) + ":" + shown +
+                                       ",3:mgr,3,(0|)\n");
+        }
+    }
+}
+
+TEST(RecordEncoding, AByteThatIsNoTextIsFoundWhereverItStands) {
+    ASSERT_TRUE(support::useLocale("C.UTF-8"));
+    for (size_t length = 1; length <= 50; ++length) {
+        for (size_t at = 0; at < length; ++at) {
+            std::string body(length, 'a');
+            body[at] = '\xff';
+            LogMsg msg = exampleMessage(65543);
+            msg.text = body.data();
+            ASSERT_EQ(encode(msg),
+                      std::string("2,") + PREFIX + "0:,33:**UNABLE TO PROCESS LOG MESSAGE**,3:mgr,3,(0|)\n");
+        }
+    }
+}
+
 TEST(RecordEncoding, HostileTextsStayInsideTheirField) {
     LogMsg msg = exampleMessage(65543);
     msg.text = text("9999:,%n%s\x1b[2J\b,(0|)");

@@ -3,6 +3,7 @@
 #include "zoltlog.h"
 
 #include <atomic>
+#include <chrono>
 #include <climits>
 #include <csignal>
 #include <cstdlib>
@@ -143,6 +144,26 @@ TEST(Lock, AcquisitionExcludesOtherThreads) {
     EXPECT_TRUE(isHeld());
     leave(1);
     EXPECT_FALSE(isHeld());
+}
+
+TEST(Lock, WaitersGetTheLockHoweverLongItIsHeld) {
+    for (const int milliseconds : {0, 1, 20}) {
+        int counter = 0; // guarded by the lock
+        std::vector<std::thread> waiters;
+        nest(1);
+        for (int i = 0; i < 4; ++i)
+            waiters.emplace_back([&] {
+                nest(1);
+                ++counter;
+                leave(1);
+            });
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+        EXPECT_EQ(0, counter);
+        leave(1);
+        for (std::thread &waiter : waiters)
+            waiter.join();
+        EXPECT_EQ(4, counter);
+    }
 }
 
 TEST(Lock, HoldersNameThreadAndTagInOrderOfAcquisition) {

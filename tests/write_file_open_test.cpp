@@ -344,6 +344,24 @@ TEST_F(WriteFileHost, IsLookedUpAgainWhenTheSeriesIsOpened) {
     EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000000.log");
 }
 
+TEST_F(WriteFileOpen, EveryRecordHasItsOwnProcessAndThread) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    const uint64_t pairs[][2] = {{11, 21}, {11, 21}, {11, 22}, {12, 22}, {123456789, 140000000000001},
+                                 {1, 2}};
+    for (const auto &pair : pairs) {
+        LogMsg msg;
+        ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"), 0u);
+        ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 3), 0u);
+        msg.processId = pair[0];
+        msg.threadId = pair[1];
+        ASSERT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+        zoltLogFreeMsg(&msg);
+        const std::string ids = "," + std::to_string(pair[0]) + "," + std::to_string(pair[1]) + ",0:,1:x,";
+        const std::string last = support::lines(support::readFile("logs/" + logFiles().back())).back();
+        EXPECT_NE(last.find(ids), std::string::npos) << last;
+    }
+}
+
 TEST_F(WriteFileOpen, ResumedFileWithoutReadableHeaderStartsNow) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "no header\n");
