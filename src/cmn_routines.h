@@ -1,22 +1,14 @@
 // What the library's own units use of the common routines besides the exported
-// operations: the owner of a block, and the tests that save conversions on the way of
-// a message.
+// operations: the tests that save conversions on the way of a message.
 #pragma once
 
+#include "owned.h"
 #include "zoltlog.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <langinfo.h>
-#include <memory>
-
-// Owns a block of zoltLogMalloc's.
-struct LogFree {
-    void operator()(void *block) const { free(block); }
-};
-template<typename T>
-using LogOwned = std::unique_ptr<T, LogFree>;
 
 // Every byte is below 128.
 inline bool isPlainAscii(const char *text, size_t length) {

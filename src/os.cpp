@@ -1,7 +1,6 @@
 // Platform services: the only unit that talks to the system about files, directories,
 // the host's name and number, and the process's identity. It knows nothing of the
-// lock or of messages; from above it needs only the header reader, for a listed
-// file's creation time.
+// lock, of messages or of what is in the files.
 //
 //   Descriptors      opening, the exact permissions, what is refused
 //   File handles     zoltLogOs_open ... zoltLogOs_remove
@@ -9,6 +8,7 @@
 //   Host             name and numeric identifier
 //   Process, time    process and thread identity, broken-down time
 //   Library names    zoltLogOs_getLibName
+//   Paths            directory and name joined
 //   Listing          the log files of a directory
 #include "os.h"
 
@@ -17,7 +17,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <memory>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <pthread.h>
@@ -60,12 +59,6 @@ constexpr size_t ENTRY_NAME_CAPACITY = 8192;
 constexpr size_t ENTRY_RECORD_SIZE = 280; // a directory entry with the system's usual name field
 constexpr size_t ENTRY_CAPACITY = ENTRY_NAME_CAPACITY + ENTRY_RECORD_SIZE;
 static_assert(sizeof(struct dirent) <= ENTRY_RECORD_SIZE);
-
-struct HeapFree {
-    void operator()(void *block) const { free(block); }
-};
-template<typename T>
-using Owned = std::unique_ptr<T, HeapFree>;
 
 char *copyText(const char *text) {
     const size_t size = strlen(text) + 1;
@@ -418,7 +411,7 @@ int32_t zoltLogOs_getLibName(const char *name, char **out) {
     *out = nullptr;
     const size_t length = strlen(name);
     const size_t capacity = length + LIBRARY_NAME_EXTRA;
-    Owned<char> text(static_cast<char *>(malloc(capacity)));
+    LogOwned<char> text(static_cast<char *>(malloc(capacity)));
     if (text == nullptr)
         return OS_INVALID_ARGUMENT;
     memcpy(text.get(), name, length + 1);
@@ -440,6 +433,17 @@ int32_t zoltLogOs_getLibName(const char *name, char **out) {
     return OS_OK;
 }
 
+// ---- paths --------------------------------------------------------------------------
+
+LogOwned<char> joinedPath(const char *directory, const char *name) {
+    const size_t directoryLength = strlen(directory);
+    const size_t nameSize = strlen(name) + 1;
+    LogOwned<char> path(static_cast<char *>(malloc(directoryLength + nameSize)));
+    if (path != nullptr)
+        memcpy(mempcpy(path.get(), directory, directoryLength), name, nameSize);
+    return path;
+}
+
 // ---- listing ------------------------------------------------------------------------
 
 namespace {
@@ -459,20 +463,6 @@ bool copyEntry(struct dirent *to, const struct dirent *from) {
         return false;
     memcpy(to, from, HEAD + length + 1);
     return true;
-}
-
-// The directory is used as it was given: whoever lists passes it with its final '/'.
-Owned<char> fullName(const OsLogFileCursor *cursor) {
-    if (cursor == nullptr || cursor->directory == nullptr || cursor->entry == nullptr)
-        return nullptr;
-    const size_t directoryLength = strlen(cursor->directory);
-    const size_t nameLength = strlen(cursor->entry->d_name);
-    Owned<char> path(static_cast<char *>(malloc(directoryLength + nameLength + 1)));
-    if (path != nullptr) {
-        memcpy(path.get(), cursor->directory, directoryLength);
-        memcpy(path.get() + directoryLength, cursor->entry->d_name, nameLength + 1);
-    }
-    return path;
 }
 
 DIR *openDirectory(const char *path) {
@@ -521,21 +511,14 @@ const char *zoltLogOsListLogFilesName(OsLogFileCursor *cursor) {
     return cursor == nullptr || cursor->entry == nullptr ? nullptr : cursor->entry->d_name;
 }
 
-int64_t zoltLogOsListLogFilesCreattime(OsLogFileCursor *cursor) {
-    const Owned<char> path = fullName(cursor);
-    const Owned<OsFile> file(static_cast<OsFile *>(malloc(sizeof(OsFile)))); // too big for a small stack
-    if (path == nullptr || file == nullptr)
-        return 0;
-    if (zoltLogOs_open(file.get(), path.get(), OPEN_READ, 0) != OS_OK)
-        return 0;
-    LogFileHeader header = {};
-    const uint32_t result = ReadHeaderEx(file.get(), &header);
-    zoltLogOs_close(file.get());
-    return result == ZOLTLOG_OK ? static_cast<int64_t>(header.creationTime) : 0;
+LogOwned<char> currentPath(const OsLogFileCursor *cursor) {
+    if (cursor == nullptr || cursor->directory == nullptr || cursor->entry == nullptr)
+        return nullptr;
+    return joinedPath(cursor->directory, cursor->entry->d_name);
 }
 
 int64_t zoltLogOsListLogFilesModtime(OsLogFileCursor *cursor) {
-    const Owned<char> path = fullName(cursor);
+    const LogOwned<char> path = currentPath(cursor);
     struct stat status;
     if (path == nullptr || stat(path.get(), &status) != 0 || !S_ISREG(status.st_mode))
         return 0;

@@ -260,6 +260,19 @@ uint32_t ReadHeader(LogFileEntry *entry, LogFileHeader *header) {
 
 static const uint32_t READ_PERMISSIONS = 0660;
 
+int64_t zoltLogOsListLogFilesCreattime(OsLogFileCursor *cursor) {
+    const LogOwned<char> path = currentPath(cursor);
+    const LogOwned<OsFile> file(static_cast<OsFile *>(malloc(sizeof(OsFile)))); // too big for a small stack
+    if (path == nullptr || file == nullptr)
+        return 0;
+    if (zoltLogOs_open(file.get(), path.get(), OPEN_READ, 0) != OS_OK)
+        return 0;
+    LogFileHeader header = {};
+    const uint32_t result = ReadHeaderEx(file.get(), &header);
+    zoltLogOs_close(file.get());
+    return result == ZOLTLOG_OK ? static_cast<int64_t>(header.creationTime) : 0;
+}
+
 LogFileEntry *alloc_file(OsLogFileCursor *cursor) {
     if (cursor == nullptr)
         return nullptr;
@@ -283,16 +296,13 @@ int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char
     const char *name = zoltLogOsListLogFilesName(cursor);
     if (name == nullptr)
         return 0;
-    char *path = static_cast<char *>(zoltLogMalloc(strlen(directory) + strlen(name) + 1));
+    const LogOwned<char> path = joinedPath(directory, name);
     if (path == nullptr)
         return 0;
-    stpcpy(stpcpy(path, directory), name);
 
     OsFile file;
     zoltLogOs_initfilehandle(&file);
-    const int32_t opened = zoltLogOs_open(&file, path, OPEN_READ, READ_PERMISSIONS);
-    zoltLogFree(path);
-    if (opened != 0)
+    if (zoltLogOs_open(&file, path.get(), OPEN_READ, READ_PERMISSIONS) != OS_OK)
         return 0;
     LogFileHeader header;
     (void)ReadHeaderEx(&file, &header); // without a header the name is empty
