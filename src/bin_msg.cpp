@@ -1,6 +1,8 @@
 // The message record: initialisation, attributes, getters, release.
 #include "bin_msg.h"
 
+#include "lockUnix.h"
+
 #include <string.h>
 #include <sys/time.h>
 
@@ -60,6 +62,13 @@ static uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type, u
     if (handle->noContext == 0)
         return zoltLogGetMsgContextAttrToken(&handle->contextMsg, &msg->contextToken);
     return ZOLTLOG_OK;
+}
+
+uint64_t GetNextSequenceNumber(LogHandle *handle) {
+    if (handle == nullptr)
+        return 0;
+    const GlobalLock lock(TAG_GET_NEXT_SEQUENCE_NUMBER);
+    return handle->sequenceNumber++;
 }
 
 uint32_t initMsgLocked(LogMsg *msg, LogHandle *handle, uint32_t type) {

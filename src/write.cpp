@@ -251,10 +251,3 @@ uint32_t zoltLogGetSequenceNumber(LogHandle *handle, uint64_t *number) {
     *number = handle->sequenceNumber;
     return ZOLTLOG_OK;
 }
-
-uint64_t GetNextSequenceNumber(LogHandle *handle) {
-    if (handle == nullptr)
-        return 0;
-    const GlobalLock lock(TAG_GET_NEXT_SEQUENCE_NUMBER);
-    return handle->sequenceNumber++;
-}
