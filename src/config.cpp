@@ -211,6 +211,10 @@ static uint32_t getText(LogCfg *cfg, CfgKeyId id, char **out) {
 
 // ---- numbers ---------------------------------------------------------------------------
 
+int32_t IsValidRolloverMode(uint32_t mode) {
+    return mode <= (ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC) ? 1 : 0;
+}
+
 uint32_t zoltLogCfgSetRolloverMode(LogCfg *cfg, uint32_t mode) {
     if (cfg == nullptr || IsValidRolloverMode(mode) == 0)
         return ZOLTLOG_INVALID_ARGUMENT;

@@ -343,10 +343,6 @@ uint32_t zoltLogWriteMsgWithRolloverToFile(LogFileState *state, LogMsg *msg) {
 
 // ---- operations ------------------------------------------------------------------------
 
-int32_t IsValidRolloverMode(uint32_t mode) {
-    return mode <= (ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC) ? 1 : 0;
-}
-
 namespace {
 
 // The names of a log set for its state: copies, from the first record that has them.
