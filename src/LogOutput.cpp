@@ -2,10 +2,6 @@
 
 #include <stdio.h>
 
-void *sh_handle;
-LogFormatter *fmtLib;
-LogFormatter *newfmtLib;
-
 static const uint32_t CONSOLE_FORMAT_FLAGS = 0x700;
 
 static bool goesToStandardError(uint32_t type) {

@@ -8,6 +8,10 @@ static const int32_t SHARED_LIB_FAILED = -2;
 static const char FORMATTER_LIBRARY[] = "libzoltLogFormatMsg";
 static const char FORMATTER_ENTRY[] = "LogFormatMessage";
 
+void *sh_handle;
+LogFormatter *fmtLib;
+LogFormatter *newfmtLib;
+
 int32_t SharedLibLoad(void **library, const char *name, char **fileName) {
     if (library == nullptr || name == nullptr)
         return SHARED_LIB_FAILED;
