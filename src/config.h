@@ -28,6 +28,10 @@ struct CfgLogsetPlace {
 bool cfgLogsetPlace(const char *location, const char *logsetName, CfgLogsetPlace *place);
 void cfgLogsetPlaceFree(CfgLogsetPlace *place);
 
+// The system-log and permission settings, which end every section, in the order of writing.
+inline constexpr CfgKeyId CFG_SECTION_KEYS[] = {CFG_KEY_OSLOG_IDENT, CFG_KEY_OSLOG_OPTION,
+                                                CFG_KEY_OSLOG_FACILITY, CFG_KEY_PERMISSIONS};
+
 // ---- values (config_keys.cpp) --------------------------------------------------
 
 // Fills a record's field from a value as it stands in the file. An invalid value changes

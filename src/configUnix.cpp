@@ -1,14 +1,9 @@
-// System-log settings and log file permissions: accessors, facility names, and the
-// four keys that end every section.
+// System-log settings and log file permissions: accessors and facility names.
 #include "config.h"
 
 #include "cmn_routines.h"
 
 #include <string.h>
-
-static const uint32_t INVALID_SECTION = STORE_INVALID_ARGUMENT; // of the two section operations
-static const CfgKeyId SECTION_KEYS[] = {CFG_KEY_OSLOG_IDENT, CFG_KEY_OSLOG_OPTION, CFG_KEY_OSLOG_FACILITY,
-                                        CFG_KEY_PERMISSIONS};
 
 struct FacilityName {
     const char *name;
@@ -107,31 +102,4 @@ uint32_t zoltLogCfgGetLogFilePermissions(LogCfg *cfg, uint64_t *mode) {
         return ZOLTLOG_INVALID_ARGUMENT;
     *mode = cfg->permissions.mode;
     return ZOLTLOG_OK;
-}
-
-// ---- the keys in a section -----------------------------------------------------------------
-
-uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter) {
-    if (cfg == nullptr || section == nullptr || counter == nullptr)
-        return INVALID_SECTION;
-    unsigned long scratch = 0;
-    uint32_t result = STORE_OK;
-    for (const CfgKeyId id : SECTION_KEYS) {
-        char value[STORE_VALUE_SIZE];
-        result = storeLookup(section, CFG_KEYS[id].name, value);
-        if (result == STORE_OK && !cfgApplyValue(cfg, id, value, false, &scratch))
-            result = STORE_NOT_FOUND;
-        if (result == STORE_OK)
-            ++*counter;
-    }
-    return result; // of the last key, the permissions
-}
-
-uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section) {
-    if (cfg == nullptr || section == nullptr)
-        return INVALID_SECTION;
-    uint32_t result = STORE_OK;
-    for (const CfgKeyId id : SECTION_KEYS)
-        (void)cfgWriteKey(cfg, id, section, &result);
-    return result;
 }

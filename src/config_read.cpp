@@ -248,6 +248,22 @@ uint32_t GetLogSetCfgSettings(const char *productLocation, const char *logsetNam
     return count;
 }
 
+uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter) {
+    if (cfg == nullptr || section == nullptr || counter == nullptr)
+        return STORE_INVALID_ARGUMENT;
+    unsigned long scratch = 0;
+    uint32_t result = STORE_OK;
+    for (const CfgKeyId id : CFG_SECTION_KEYS) {
+        char value[STORE_VALUE_SIZE];
+        result = storeLookup(section, CFG_KEYS[id].name, value);
+        if (result == STORE_OK && !cfgApplyValue(cfg, id, value, false, &scratch))
+            result = STORE_NOT_FOUND;
+        if (result == STORE_OK)
+            ++*counter;
+    }
+    return result; // of the last key, the permissions
+}
+
 // ---- one originator, one log set ----------------------------------------------------------------
 
 // Reads the default section and, for any other originator, its own one over it.

@@ -55,6 +55,15 @@ static uint32_t writeKeys(const LogCfg *cfg, uint8_t use, uint8_t before, Proper
     return STORE_OK;
 }
 
+uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section) {
+    if (cfg == nullptr || section == nullptr)
+        return STORE_INVALID_ARGUMENT;
+    uint32_t result = STORE_OK;
+    for (const CfgKeyId id : CFG_SECTION_KEYS)
+        (void)cfgWriteKey(cfg, id, section, &result);
+    return result;
+}
+
 static uint32_t writeOriginator(LogCfg *cfg, PropertyStore *section) {
     const uint32_t result = writeKeys(cfg, CFG_WRITE_ORIGINATOR, FIRST_SECTION_KEY, section);
     return utipsres2zoltlogres(result == STORE_OK ? osSetCfgSettings(cfg, section) : result);
