@@ -8,67 +8,12 @@
 #include "cmn_routines.h"
 #include "text_msg.h"
 
-#include <endian.h>
 #include <stdio.h>
 #include <string.h>
 
 static const uint64_t OLDEST_RECORD_VERSION = 65540;
 
 // ---- numbers -------------------------------------------------------------------
-
-// Eight digits at a time: the number is halved thrice, into lanes of one word that then
-// hold four, two and one digit each.
-static const uint64_t EIGHT_DIGITS = 100000000;
-
-// The digits of a number below EIGHT_DIGITS, leading zeros too, each as its value in a
-// byte; the first one in the lowest byte.
-static uint64_t digitBytes(uint64_t value) {
-    const uint64_t fours = value / 10000 | value % 10000 << 32;
-    const uint64_t hundreds = (fours * 10486 >> 20) & 0x0000007f0000007f; // a lane divided by 100
-    const uint64_t twos = hundreds | (fours - hundreds * 100) << 16;
-    const uint64_t tens = (twos * 103 >> 10) & 0x000f000f000f000f; // a lane divided by 10
-    return tens | (twos - tens * 10) << 8;
-}
-
-static void putDigits(char *at, uint64_t bytes) {
-    const uint64_t text = htole64(bytes + 0x3030303030303030); // '0' in each
-    memcpy(at, &text, sizeof text);
-}
-
-static char *putEightDigits(char *at, uint64_t value) {
-    putDigits(at, digitBytes(value));
-    return at + 8;
-}
-
-// Without leading zeros; not for 0. Touches eight bytes however few the digits are.
-static char *putLeadingDigits(char *at, uint64_t value) {
-    const uint64_t bytes = digitBytes(value);
-    const int zeros = __builtin_ctzll(bytes) / 8;
-    putDigits(at, bytes >> zeros * 8);
-    return at + 8 - zeros;
-}
-
-char *putUnsigned(char *at, uint64_t value) {
-    if (value < 10) { // most numbers of a record
-        *at = static_cast<char>('0' + value);
-        return at + 1;
-    }
-    if (value < EIGHT_DIGITS)
-        return putLeadingDigits(at, value);
-    const uint64_t high = value / EIGHT_DIGITS;
-    if (high < EIGHT_DIGITS)
-        at = putLeadingDigits(at, high);
-    else
-        at = putEightDigits(putLeadingDigits(at, high / EIGHT_DIGITS), high % EIGHT_DIGITS);
-    return putEightDigits(at, value % EIGHT_DIGITS);
-}
-
-char *putSigned(char *at, int64_t value) {
-    if (value >= 0)
-        return putUnsigned(at, static_cast<uint64_t>(value));
-    *at = '-';
-    return putUnsigned(at + 1, 0 - static_cast<uint64_t>(value));
-}
 
 uint32_t bin2txt_int(int32_t value, TextBuffer *buffer) {
     if (buffer == nullptr)
@@ -97,14 +42,12 @@ uint32_t bin2txt_sev(uint32_t severity, TextBuffer *buffer) {
 static const char UNPROCESSABLE[] = "**UNABLE TO PROCESS LOG MESSAGE**";
 
 // tag, length ":" bytes "|". A length has 32 bits.
-[[gnu::always_inline]] static inline uint32_t putCounted(TextBuffer *buffer, const char *tag,
-                                                         const char *bytes, size_t size) {
+static uint32_t putCounted(TextBuffer *buffer, const char *tag, const char *bytes, size_t size) {
     const uint32_t length = static_cast<uint32_t>(size);
     char *at = reserve(buffer, strlen(tag) + MAX_DECIMAL + 1 + length + 1);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
-    const size_t tagLength = strlen(tag); // of a constant
-    at = putUnsigned(static_cast<char *>(mempcpy(at, tag, tagLength)), length);
+    at = putUnsigned(stpcpy(at, tag), length);
     *at++ = ':';
     if (length != 0)
         memcpy(at, bytes, length);

@@ -1,21 +1,12 @@
-// The record encoder, for the library's own units: numbers and strings of records, and
-// records whose strings were looked at before.
+// The record encoder, for the library's own units: strings of records, and records whose
+// strings were looked at before.
 #pragma once
 
 #include "cmn_routines.h"
+#include "decimal.h"
 #include "zoltlog.h"
 
 #include <stdint.h>
-
-// ---- decimal numbers, for records, file headers and names ----------------------------
-
-// Longest decimal text of a 64-bit number, sign included.
-static const uint64_t MAX_DECIMAL = 20;
-
-// Each returns where the number stops, without a terminator, and may have touched all of
-// MAX_DECIMAL bytes.
-char *putUnsigned(char *at, uint64_t value);
-char *putSigned(char *at, int64_t value);
 
 // ---- strings --------------------------------------------------------------------------
 

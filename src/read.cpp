@@ -4,10 +4,11 @@
 // splitting of file names. Names and headers are made in the writer's unit; the
 // search for the latest file is read_latest.cpp; listing and filters are units beside.
 //
-// Order of sections: scanning; the record reader; headers; log file entries; file
-// names; date and time texts.
+// Order of sections: the record reader; headers; log file entries; file names; date
+// and time texts.
 #include "read.h"
 
+#include "decimal.h"
 #include "os.h"
 #include "text_msg.h"
 
@@ -31,69 +32,6 @@ FOLLOWS(LogFileEntry, creationTime, tzOffset);
 FOLLOWS(LogFileEntry, tzOffset, directory);
 FOLLOWS(LogFileEntry, directory, name);
 #undef FOLLOWS
-
-// ---- scanning ------------------------------------------------------------------
-
-static bool isBlank(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-static const char *skipBlanks(const char *at) {
-    while (isBlank(*at))
-        ++at;
-    return at;
-}
-
-static bool isDigit(char c) {
-    return c >= '0' && c <= '9';
-}
-
-// A sign and digits; a magnitude that does not fit is UINT64_MAX with overflow set.
-struct Scanned {
-    bool negative;
-    bool overflow;
-    uint64_t magnitude;
-};
-
-static bool scanNumber(const char **cursor, size_t width, Scanned *out) {
-    const char *at = skipBlanks(*cursor);
-    *out = {false, false, 0};
-    if (width > 1 && (*at == '-' || *at == '+')) {
-        out->negative = *at == '-';
-        ++at;
-        --width;
-    }
-    const char *digits = at;
-    for (; width > 0 && isDigit(*at); ++at, --width) {
-        const uint64_t digit = static_cast<uint64_t>(*at - '0');
-        if (__builtin_mul_overflow(out->magnitude, 10u, &out->magnitude) ||
-            __builtin_add_overflow(out->magnitude, digit, &out->magnitude))
-            out->overflow = true;
-    }
-    if (out->overflow)
-        out->magnitude = UINT64_MAX;
-    *cursor = at;
-    return at != digits;
-}
-
-bool scanUnsigned(const char **at, size_t width, uint64_t *out) {
-    Scanned number;
-    if (!scanNumber(at, width, &number))
-        return false;
-    *out = number.negative && !number.overflow ? 0 - number.magnitude : number.magnitude;
-    return true;
-}
-
-bool scanSigned(const char **at, size_t width, int64_t *out) {
-    Scanned number;
-    if (!scanNumber(at, width, &number))
-        return false;
-    if (number.negative)
-        *out = number.magnitude > INT64_MAX ? INT64_MIN : -static_cast<int64_t>(number.magnitude);
-    else
-        *out = number.magnitude > INT64_MAX ? INT64_MAX : static_cast<int64_t>(number.magnitude);
-    return true;
-}
 
 // ---- the record reader ---------------------------------------------------------
 

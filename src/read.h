@@ -1,5 +1,5 @@
-// Reading the log catalogue: scanning of numbers in names and headers, and the
-// bounds of what is read from files that anyone may have written.
+// Reading the log catalogue: the bounds of what is read from files that anyone may have
+// written.
 //
 // Names of log files (made in write_file_name.cpp; see docs/format-log-file.md):
 //
@@ -26,12 +26,3 @@ static const size_t DATE_TIME_ROOM = 13;
 static const uint64_t LONGEST_HEADER_LINE = 65536;
 
 static const uint64_t OLDEST_READ_VERSION = 65540;
-
-static const size_t ANY_WIDTH = SIZE_MAX;
-
-// Scanning as scanf's "%lu" and "%ld" do, independent of the locale: blanks are
-// skipped, a sign is accepted, at most width characters from the sign on are
-// taken, and too large a number becomes the largest (unsigned: a minus gives the
-// two's complement). false, with out alone and *at anywhere, when there is no digit.
-bool scanUnsigned(const char **at, size_t width, uint64_t *out);
-bool scanSigned(const char **at, size_t width, int64_t *out);

@@ -2,7 +2,7 @@
 // alone. The grammar of the names is in read.h.
 #include "read.h"
 
-#include "bin2txt.h"
+#include "decimal.h"
 
 #include <string.h>
 

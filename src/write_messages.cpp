@@ -169,9 +169,8 @@ static uint32_t copyAndLookUp(ZoltLisBlock *block, const LogHandle *handle, int6
 
 // The wording of an application or diagnostic message: a catalogue block, a text
 // formatted here, or with ZOLTLOG_KEEP_LOCAL_TEXT both.
-[[gnu::always_inline]] static inline uint32_t makeWording(const LogHandle *handle, uint32_t flags,
-                                                          int64_t messageNumber, const char *format,
-                                                          va_list args, CallText *text, OwnedBlock *block) {
+static uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t messageNumber,
+                            const char *format, va_list args, CallText *text, OwnedBlock *block) {
     if (messageNumber != 0) {
         const uint32_t result = copyAndLookUp(&block->words, handle, messageNumber, format, args);
         if (result != ZOLTLOG_OK || (flags & ZOLTLOG_KEEP_LOCAL_TEXT) == 0)
