@@ -1,4 +1,5 @@
-// The message record: initialisation, attributes, getters, release.
+// The message record: initialisation with the next sequence number, attributes, getters,
+// release.
 #include "bin_msg.h"
 
 #include "lockUnix.h"
