@@ -9,13 +9,13 @@
 // reduction; the two searches for surplus files; fetching.
 #include "config_mgr.h"
 
+#include "owned.h"
 #include "read.h"
 #include "read_list.h"
 
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <sys/stat.h>
 
 static constexpr uint32_t MAX_CONFIGURATIONS = 1024;
@@ -154,8 +154,8 @@ static bool numberSeries(Candidates *candidates, Grown<Series> *series) {
     uint32_t mask = 15;
     while (mask < candidates->count * 2 && mask < NONE / 2)
         mask = mask * 2 + 1;
-    const std::unique_ptr<uint32_t, void (*)(void *)> table(
-        static_cast<uint32_t *>(zoltLogMalloc((mask + size_t{1}) * sizeof(uint32_t))), zoltLogFree);
+    const LogOwned<uint32_t> table(
+        static_cast<uint32_t *>(zoltLogMalloc((mask + size_t{1}) * sizeof(uint32_t))));
     if (table == nullptr)
         return false;
     std::fill_n(table.get(), mask + size_t{1}, NONE);
@@ -405,10 +405,10 @@ uint32_t zoltLogGetManageableLogFilesSL(uint64_t productId, const char *logsetNa
 
 static constexpr size_t PATH_ROOM = 8192; // of a path handed out
 
-// Puts together the entry's path; false when it has no room.
-static bool pathOf(const LogFileEntry *entry, char (&path)[PATH_ROOM]) {
-    const int length = snprintf(path, sizeof path, "%s%s", entry->directory, entry->name);
-    return length >= 0 && static_cast<size_t>(length) < sizeof path;
+// Puts together the entry's path; false when PATH_ROOM is too little for it.
+static bool pathOf(const LogFileEntry *entry, char *path) {
+    const int length = snprintf(path, PATH_ROOM, "%s%s", entry->directory, entry->name);
+    return length >= 0 && static_cast<size_t>(length) < PATH_ROOM;
 }
 
 // Whether the entry's file is fetched. *modificationTime goes on from entry to entry.
@@ -470,7 +470,7 @@ uint32_t zoltLogFetchNextFile(LogListing *listing, char **path) {
         return ZOLTLOG_NO_MEMORY;
     }
     memset(buffer, 0, PATH_ROOM);
-    snprintf(buffer, PATH_ROOM, "%s%s", entry->directory, entry->name);
+    (void)pathOf(entry, buffer); // it fitted when the file was opened
     *path = buffer;
     return ZOLTLOG_OK;
 }

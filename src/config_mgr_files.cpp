@@ -5,25 +5,11 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
 
 static constexpr int32_t COPY_BLOCK = 1022; // bytes
 static constexpr int32_t DEVICE_FULL = 54;  // value of errorCode
-
-using Text = std::unique_ptr<char, void (*)(void *)>;
-
-static Text joined(const char *directory, const char *component) {
-    const size_t directoryLength = strlen(directory);
-    const size_t componentSize = strlen(component) + 1;
-    Text path(static_cast<char *>(zoltLogMalloc(directoryLength + componentSize)), zoltLogFree);
-    if (path != nullptr) {
-        memcpy(path.get(), directory, directoryLength);
-        memcpy(path.get() + directoryLength, component, componentSize);
-    }
-    return path;
-}
 
 // Both ends of a copy, closed whatever way the copy ends.
 struct CopyEnds {
@@ -73,7 +59,7 @@ uint32_t zoltLogCopyFile(const char *path, const char *directory) {
     if (zoltLogOs_fsize(&ends.from, &size) != OS_OK)
         return ZOLTLOG_SOURCE_SIZE_UNKNOWN;
     const char *last = strrchr(path, '/');
-    const Text destination = joined(directory, last != nullptr ? last : path);
+    const LogOwned<char> destination = joinedPath(directory, last != nullptr ? last : path);
     if (destination == nullptr)
         return ZOLTLOG_NO_MEMORY;
     if (isSameFile(ends.from, destination.get())) // opening it would empty the source
@@ -91,7 +77,7 @@ uint32_t zoltLogCopyFileEx(const char *path, const char *directory) {
     const char *last = strrchr(path, '/');
     if (last == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    const Text destination = joined(directory, last);
+    const LogOwned<char> destination = joinedPath(directory, last);
     if (destination == nullptr)
         return ZOLTLOG_NO_MEMORY;
     return link(path, destination.get()) == 0 ? ZOLTLOG_OK : ZOLTLOG_SHORT_WRITE;

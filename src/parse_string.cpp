@@ -1,6 +1,7 @@
 #include "parse_string.h"
 
-#include <cstdlib>
+#include "decimal.h"
+
 #include <cstring>
 
 static constexpr uint32_t KIND_PRODUCT = 263;
@@ -77,9 +78,9 @@ char *LeftRightTrim(const char *text) {
 uint64_t id2names(uint64_t id, const char *list, const char *text) {
     if (text == nullptr || *text == '\0')
         return 0;
-    char *end = nullptr;
-    const long number = strtol(text, &end, 10);
-    if (*end == '\0')
+    const char *end = text;
+    int64_t number = 0;
+    if (scanSigned(&end, ANY_WIDTH, &number) && *end == '\0')
         return static_cast<uint64_t>(number) == id ? id : 0;
     return DoesNameMatch(list, text) != 0 ? id : 0;
 }

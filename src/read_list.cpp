@@ -14,6 +14,7 @@
 // admission; insertion; gathering; the exported operations.
 #include "read_list.h"
 
+#include "bounded.h"
 #include "os.h"
 #include "parse_string.h"
 #include "read.h"
@@ -391,7 +392,7 @@ LogFileEntry *makeEntry(const char *directory, const char *name, int64_t creatio
     entry->creationTime = creationTime;
     entry->tzOffset = 0;
     memset(entry->directory, 0, sizeof entry->directory);
-    memcpy(entry->directory, directory, strnlen(directory, sizeof entry->directory - 1));
+    copyBounded(entry->directory, directory);
     memcpy(entry->name, name, nameLength + 1);
     return entry;
 }

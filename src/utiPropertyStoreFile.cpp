@@ -9,7 +9,9 @@
 // last one left it: enumerations go on from there.
 #include "utiPropertyStoreFile.h"
 
+#include "bounded.h"
 #include "cmn_routines.h"
+#include "decimal.h"
 #include "os.h"
 
 #include <errno.h>
@@ -155,14 +157,6 @@ int storeOpenForReading(const char *path) {
     return -1;
 }
 
-// Copies a text into a field, which may be the text itself, and cuts what does not fit.
-template<size_t N>
-static void copyBounded(char (&field)[N], const char *text) {
-    const size_t length = strnlen(text, N - 1);
-    memmove(field, text, length);
-    field[length] = '\0';
-}
-
 uint32_t utiOpenPropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
     if (path == nullptr || root == nullptr || store == nullptr)
         return STORE_INVALID_ARGUMENT;
@@ -275,7 +269,9 @@ char *storeValueText(const char *value) {
 }
 
 unsigned long storeValueNumber(const char *value) {
-    return strtoul(value, nullptr, 10);
+    uint64_t number = 0; // without a digit
+    (void)scanUnsigned(&value, ANY_WIDTH, &number);
+    return number;
 }
 
 uint32_t storeValueBool(const char *value) {

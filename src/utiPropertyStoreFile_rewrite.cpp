@@ -12,6 +12,7 @@
 // the next rewrite unlinks it first.
 #include "utiPropertyStoreFile.h"
 
+#include "bounded.h"
 #include "cmn_routines.h"
 #include "os.h"
 
@@ -124,9 +125,7 @@ static uint32_t createTemporary(const char *path, const char *root, const struct
     temporary->stream = nullptr;
     memmove(temporary->path, path, length);
     memcpy(temporary->path + length, TEMPORARY_SUFFIX, sizeof TEMPORARY_SUFFIX);
-    const size_t rootLength = strnlen(root, sizeof temporary->root - 1);
-    memmove(temporary->root, root, rootLength);
-    temporary->root[rootLength] = '\0';
+    copyBounded(temporary->root, root);
 
     const mode_t mode = old != nullptr ? old->st_mode & 0777U : NEW_FILE_MODE;
     int descriptor = -1;

@@ -102,6 +102,16 @@ TEST(IdToNames, WholeNumberIsComparedWithTheId) {
     EXPECT_EQ(id2names(12, nullptr, " +12"), 12u);
 }
 
+TEST(IdToNames, ANumberIsReadAsASignedOneOf64Bits) {
+    const auto largest = static_cast<uint64_t>(INT64_MAX);
+    EXPECT_EQ(id2names(largest, nullptr, "9223372036854775807"), largest);
+    EXPECT_EQ(id2names(largest, nullptr, "18446744073709551616"), largest);
+    EXPECT_EQ(id2names(largest + 1, nullptr, "9223372036854775808"), 0u);
+    EXPECT_EQ(id2names(largest + 1, nullptr, "-9223372036854775808"), largest + 1);
+    EXPECT_EQ(id2names(UINT64_MAX, nullptr, "-1"), UINT64_MAX);
+    EXPECT_EQ(id2names(12, "-", "-"), 12u); // a sign alone is a name
+}
+
 TEST(IdToNames, OtherTextConsultsTheNameList) {
     EXPECT_EQ(id2names(12, "12x,other", "12x"), 12u);
     EXPECT_EQ(id2names(12, "other", "12x"), 0u);
