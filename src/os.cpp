@@ -60,14 +60,6 @@ constexpr size_t ENTRY_RECORD_SIZE = 280; // a directory entry with the system's
 constexpr size_t ENTRY_CAPACITY = ENTRY_NAME_CAPACITY + ENTRY_RECORD_SIZE;
 static_assert(sizeof(struct dirent) <= ENTRY_RECORD_SIZE);
 
-char *copyText(const char *text) {
-    const size_t size = strlen(text) + 1;
-    auto *copy = static_cast<char *>(malloc(size));
-    if (copy != nullptr)
-        memcpy(copy, text, size);
-    return copy;
-}
-
 // ---- descriptors --------------------------------------------------------------------
 
 // Closes without losing the errno that the caller is about to report.
@@ -485,7 +477,7 @@ int32_t zoltLogOsListLogFilesBegin(OsLogFileCursor *cursor, const char *director
     cursor->stream = openDirectory(directory);
     if (cursor->stream == nullptr)
         return OS_FAILED;
-    cursor->directory = copyText(directory);
+    cursor->directory = strdup(directory);
     cursor->entry = static_cast<struct dirent *>(calloc(1, ENTRY_CAPACITY));
     if (cursor->directory == nullptr || cursor->entry == nullptr) {
         zoltLogOsListLogFilesEnd(cursor);
@@ -544,7 +536,7 @@ int32_t CopyLogOsListLogFiles(const OsLogFileCursor *source, OsLogFileCursor *de
         return OS_FAILED;
     destination->word = source->word;
     destination->stream = nullptr;
-    destination->directory = copyText(source->directory);
+    destination->directory = strdup(source->directory);
     destination->entry = static_cast<struct dirent *>(calloc(1, ENTRY_CAPACITY));
     if (destination->directory == nullptr || destination->entry == nullptr ||
         !copyEntry(destination->entry, source->entry)) {
