@@ -9,6 +9,7 @@
 // reduction; the two searches for surplus files; fetching.
 #include "config_mgr.h"
 
+#include "log_name.h"
 #include "owned.h"
 #include "read.h"
 #include "read_list.h"
@@ -74,41 +75,16 @@ void FreeConfigArray(LogCfg **cfgs, uint32_t count) {
 // apart by their names, so that a burst of rollovers loses its oldest files first.
 struct FileAge {
     int64_t creationTime;
-    uint64_t nameDate;    // the digits of the name's date, or of its date and time
-    uint64_t nameCounter; // 0 in a log set's name
+    NameAge name;
 };
 
-static uint64_t number(const char *digits, size_t length) {
-    uint64_t value = 0;
-    for (size_t i = 0; i < length && digits[i] >= '0' && digits[i] <= '9'; ++i)
-        value = value * 10 + static_cast<uint64_t>(digits[i] - '0');
-    return value;
-}
-
-// The last two numbers of "...-YYMMDD-counter.log", or the last of "...-YYMMDDhhmmss.log".
 static FileAge ageOf(int64_t creationTime, const char *name) {
-    static constexpr size_t DATE_LENGTH = 6;
-    FileAge age = {creationTime, 0, 0};
-    const char *end = strrchr(name, '.');
-    if (end == nullptr)
-        end = name + strlen(name);
-    const auto *last = static_cast<const char *>(memrchr(name, '-', static_cast<size_t>(end - name)));
-    if (last == nullptr)
-        return age;
-    const auto *before = static_cast<const char *>(memrchr(name, '-', static_cast<size_t>(last - name)));
-    const uint64_t lastNumber = number(last + 1, static_cast<size_t>(end - last - 1));
-    if (before != nullptr && static_cast<size_t>(last - before - 1) == DATE_LENGTH) {
-        age.nameDate = number(before + 1, DATE_LENGTH);
-        age.nameCounter = lastNumber;
-    } else {
-        age.nameDate = lastNumber;
-    }
-    return age;
+    return {creationTime, ageOfLogName(name)};
 }
 
 // Among files of one second.
 static bool isOlderByName(const FileAge &a, const FileAge &b) {
-    return a.nameDate != b.nameDate ? a.nameDate < b.nameDate : a.nameCounter < b.nameCounter;
+    return a.name.date != b.name.date ? a.name.date < b.name.date : a.name.counter < b.name.counter;
 }
 
 // ---- reducing to surplus files -----------------------------------------------

@@ -1,14 +1,14 @@
 // Reading log files: lines, headers, what file names and date texts tell.
 //
-// It owns the record reader, the header parser, the log file entry and the
-// splitting of file names. Names and headers are made in the writer's unit; the
-// search for the latest file is read_latest.cpp; listing and filters are units beside.
+// It owns the record reader, the header readers and the log file entry. The forms of
+// names and header lines are log_name's; the search for the latest file is
+// read_latest.cpp; listing and filters are units beside.
 //
 // Order of sections: the record reader; headers; log file entries; file names; date
 // and time texts.
 #include "read.h"
 
-#include "decimal.h"
+#include "log_name.h"
 #include "os.h"
 #include "text_msg.h"
 
@@ -88,66 +88,30 @@ int32_t readrecord(OsFile *file, TextBuffer *buffer) {
 
 // ---- headers -------------------------------------------------------------------
 
-static const char HEADER_WORD[] = "$Header";
-static const size_t HEADER_WORD_LENGTH = sizeof HEADER_WORD - 1;
 static const int64_t NO_OFFSET = -1;
 
 // A header has some 600 bytes at most, so one small read usually gets it.
 static const int32_t HEADER_READ_SIZE = 4096;
-
-static bool nextUnsigned(const char **at, uint64_t *out) {
-    if (**at != ',')
-        return false;
-    ++*at;
-    return scanUnsigned(at, ANY_WIDTH, out);
-}
-
-static bool nextSigned(const char **at, int64_t *out) {
-    if (**at != ',')
-        return false;
-    ++*at;
-    return scanSigned(at, ANY_WIDTH, out);
-}
-
-// A word up to the next blank, cut to its room.
-static void nextWord(const char *at, char *out, size_t room) {
-    if (*at != ',')
-        return;
-    at = skipBlanks(at + 1);
-    size_t length = 0;
-    while (length < room - 1 && at[length] != '\0' && !isBlank(at[length]))
-        ++length;
-    memcpy(out, at, length); // the rest is zero already
-}
 
 // Parses the first record of a file. A header that is too short leaves the fields
 // that it lacks at 0, the offset at -1.
 static uint32_t parseHeader(const char *record, LogFileHeader *header) {
     memset(header, 0, sizeof *header);
     header->tzOffset = NO_OFFSET;
-    const char *at = skipBlanks(record);
-    if (strncmp(at, HEADER_WORD, HEADER_WORD_LENGTH) != 0)
+    HeaderLine line;
+    const HeaderParsed parsed = parseHeaderLine(record, strlen(record), HeaderReading::LENIENT, &line);
+    if (parsed == HeaderParsed::NO_HEADER)
         return ZOLTLOG_FAILED;
-    at += HEADER_WORD_LENGTH;
-    if (*at != '\0' && !isBlank(*at))
-        return ZOLTLOG_FAILED;
-
-    scanUnsigned(&at, ANY_WIDTH, &header->version); // none: 0, an unsupported version
-    if (header->version == ZOLTLOG_RECORD_VERSION_LOGSET) {
-        // The offset is scanned unsigned, as it always was: the bits are the same.
-        uint64_t offset = 0;
-        if (nextUnsigned(&at, &offset)) {
-            header->tzOffset = static_cast<int64_t>(offset);
-            nextWord(at, header->hostName, sizeof header->hostName);
-        }
-        return ZOLTLOG_OK;
-    }
-    if (header->version < OLDEST_READ_VERSION || header->version > ZOLTLOG_RECORD_VERSION_ORIGINATOR)
+    header->version = line.version;
+    if (parsed != HeaderParsed::OK)
         return ZOLTLOG_UNSUPPORTED_HEADER;
-    if (nextUnsigned(&at, &header->productId) && nextUnsigned(&at, &header->originatorId) &&
-        nextUnsigned(&at, &header->creationTime) &&
-        (header->version != ZOLTLOG_RECORD_VERSION_ORIGINATOR || nextSigned(&at, &header->tzOffset)))
-        nextWord(at, header->hostName, sizeof header->hostName);
+    header->productId = line.product;
+    header->originatorId = line.originator;
+    header->creationTime = line.created;
+    if (line.hasZone)
+        header->tzOffset = line.zone;
+    const size_t most = sizeof header->hostName - 1;
+    memcpy(header->hostName, line.host, line.hostLength < most ? line.hostLength : most);
     return ZOLTLOG_OK;
 }
 
@@ -251,41 +215,14 @@ int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char
 
 // ---- file names ----------------------------------------------------------------
 
-static const char NAME_SEPARATOR = '-';
-
-struct Token {
-    const char *start;
-    size_t length;
-};
-
-// Splits at runs of '-', as strtok does; false when nothing is left.
-static bool nextToken(const char **rest, Token *token) {
-    while (**rest == NAME_SEPARATOR)
-        ++*rest;
-    token->start = *rest;
-    token->length = strcspn(*rest, "-");
-    *rest += token->length;
-    return token->length > 0;
-}
-
-// KEPT: ids are read as strtol reads them, so one above 2^63 - 1 comes back as
-// 2^63 - 1. Pinned by FileNames.IdsSaturateAsSignedNumbers.
-static uint64_t tokenNumber(const Token *token) {
-    const char *at = skipBlanks(token->start);
-    int64_t number = 0;
-    if (at < token->start + token->length) // else blanks only: the next token's sign is not ours
-        scanSigned(&at, ANY_WIDTH, &number);
-    return static_cast<uint64_t>(number);
-}
-
 int32_t getidfromfilename(const char *name, uint64_t *productId, uint64_t *originatorId) {
     if (name == nullptr || productId == nullptr || originatorId == nullptr)
         return 0;
-    Token token;
-    if (nextToken(&name, &token))
-        *productId = tokenNumber(&token);
-    if (nextToken(&name, &token))
-        *originatorId = tokenNumber(&token);
+    const NameParts parts = splitLogName(name);
+    if (parts.part[0].length > 0)
+        *productId = numberOfPart(parts.part[0]);
+    if (parts.part[1].length > 0)
+        *originatorId = numberOfPart(parts.part[1]);
     return *productId != 0 && *originatorId != 0;
 }
 
@@ -294,18 +231,20 @@ int32_t getidfromfilename(const char *name, uint64_t *productId, uint64_t *origi
 int32_t getSLidfromfilename(const char *name, uint64_t *productId, char *logsetName, char *dateTime) {
     if (name == nullptr || productId == nullptr || logsetName == nullptr || dateTime == nullptr)
         return 0;
-    Token token;
-    if (nextToken(&name, &token))
-        *productId = tokenNumber(&token);
-    if (nextToken(&name, &token)) {
-        const size_t length = token.length < LOGSET_NAME_ROOM ? token.length : LOGSET_NAME_ROOM - 1;
-        memcpy(logsetName, token.start, length);
+    const NameParts parts = splitLogName(name);
+    const NamePart &set = parts.part[1];
+    const NamePart &stamp = parts.part[2];
+    if (parts.part[0].length > 0)
+        *productId = numberOfPart(parts.part[0]);
+    if (set.length > 0) {
+        const size_t length = set.length < LOGSET_NAME_ROOM ? set.length : LOGSET_NAME_ROOM - 1;
+        memcpy(logsetName, set.start, length);
         logsetName[length] = '\0';
     }
-    if (nextToken(&name, &token)) {
-        const size_t length = token.length < DATE_TIME_ROOM ? token.length : DATE_TIME_ROOM - 1;
+    if (stamp.length > 0) {
+        const size_t length = stamp.length < DATE_TIME_ROOM ? stamp.length : DATE_TIME_ROOM - 1;
         memset(dateTime, 0, DATE_TIME_ROOM);
-        memcpy(dateTime, token.start, length);
+        memcpy(dateTime, stamp.start, length);
     }
     return *productId != 0 && logsetName[0] != '\0';
 }

@@ -1,8 +1,8 @@
 // The latest log file of a series: one pass over the directory, told by the names
-// alone. The grammar of the names is in read.h.
+// alone. The grammar of the names is in log_name.h.
 #include "read.h"
 
-#include "decimal.h"
+#include "log_name.h"
 
 #include <string.h>
 
@@ -75,28 +75,7 @@ static const int64_t FIRST_YEAR = 2000;
 
 // ---- originator series ---------------------------------------------------------
 
-// KEPT: of a longer counter, after ten thousand million files in a day, the first ten
-// digits count. Pinned by LatestLog.TenDigitsOfACounterCount.
-static const size_t COUNTER_DIGITS = 10;
-static const size_t ORIGINATOR_PREFIX_ROOM = 3 * (MAX_DECIMAL + 1); // three numbers, each with its '-'
-
-// Date and counter that follow the prefix: "%02d%02d%02d-%010lu" as scanf takes it.
-// A counter that cannot be told is 0. false when the date cannot be told.
-static bool scanDateAndCounter(const char *at, int64_t *day, uint64_t *counter) {
-    int64_t year = 0;
-    int64_t month = 0;
-    int64_t dayOfMonth = 0;
-    if (!scanSigned(&at, DATE_DIGITS, &year) || !scanSigned(&at, DATE_DIGITS, &month) ||
-        !scanSigned(&at, DATE_DIGITS, &dayOfMonth))
-        return false;
-    *day = dayNumber(FIRST_YEAR + year, month, dayOfMonth);
-    *counter = 0;
-    if (*at == '-') {
-        ++at;
-        scanUnsigned(&at, COUNTER_DIGITS, counter);
-    }
-    return true;
-}
+static const size_t ORIGINATOR_PREFIX_ROOM = 64; // three numbers, each with its '-'
 
 int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t originatorId, uint64_t from,
                              uint64_t to, LogFileEntry **out) {
@@ -108,14 +87,12 @@ int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t
     const uint64_t hostId = osGetHostID();
     osSocketCleanup();
 
+    LogName series = {};
+    series.product = productId;
+    series.originator = originatorId;
+    series.host = hostId;
     char prefix[ORIGINATOR_PREFIX_ROOM];
-    char *end = prefix;
-    const uint64_t ids[] = {productId, originatorId, hostId};
-    for (const uint64_t id : ids) {
-        end = putUnsigned(end, id);
-        *end++ = '-';
-    }
-    const size_t prefixLength = static_cast<size_t>(end - prefix);
+    const size_t prefixLength = formSeriesPrefix(prefix, sizeof prefix, &series);
 
     bool any = false;
     int64_t bestDay = 0;
@@ -123,10 +100,11 @@ int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t
     *out = searchDirectory(directory, [&](const char *name) {
         if (strncmp(name, prefix, prefixLength) != 0)
             return KEEP_SEARCHING;
-        int64_t day = 0;
+        LogFileDate date = {};
         uint64_t counter = 0;
-        if (!scanDateAndCounter(name + prefixLength, &day, &counter))
+        if (!scanDateAndCounter(name + prefixLength, CounterDigits::TEN, &date, &counter))
             return KEEP_SEARCHING;
+        const int64_t day = dayNumber(FIRST_YEAR + date.year, date.month, date.day);
         if (any && (day < bestDay || (day == bestDay && counter <= bestCounter)))
             return KEEP_SEARCHING;
         any = true;
@@ -138,6 +116,8 @@ int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t
 }
 
 // ---- log set series ------------------------------------------------------------
+
+static const size_t LOGSET_PREFIX_ROOM = 8192; // longer than any name of a directory
 
 // Local times of two names are compared through convert_time only when they lie
 // this close: no zone's standard offset ever moved by as much.
@@ -167,18 +147,19 @@ int32_t zoltLogFindLatestLogSL(const char *directory, uint64_t productId, const 
     *out = nullptr;
     if (logsetName == nullptr)
         return 0;
-    char product[MAX_DECIMAL + 1];
-    char *end = putUnsigned(product, productId);
-    *end++ = '-';
-    const size_t productLength = static_cast<size_t>(end - product);
-    const size_t logsetLength = strlen(logsetName);
+    LogName series = {};
+    series.product = productId;
+    series.set = logsetName;
+    series.setLength = strlen(logsetName);
+    char prefix[LOGSET_PREFIX_ROOM];
+    const size_t prefixLength = formSeriesPrefix(prefix, sizeof prefix, &series);
+    if (prefixLength == 0)
+        return 0; // no file has so long a name
 
     int64_t bestTime = 0;
     int64_t bestPlain = INT64_MIN;
     LogFileEntry *entry = searchDirectory(directory, [&](const char *name) {
-        if (strncmp(name, product, productLength) != 0 ||
-            strncmp(name + productLength, logsetName, logsetLength) != 0 ||
-            name[productLength + logsetLength] != '-')
+        if (strncmp(name, prefix, prefixLength) != 0)
             return KEEP_SEARCHING;
         uint64_t product64 = 0;
         char nameOfSet[LOGSET_NAME_ROOM];

@@ -2,11 +2,12 @@
 #pragma once
 
 #include "bin2txt.h"
+#include "log_name.h"
 #include "zoltlog.h"
 
 #include <stddef.h>
 
-inline constexpr size_t HOST_NAME_SIZE = sizeof(LogFileHeader::hostName);
+inline constexpr size_t HOST_NAME_SIZE = HEADER_HOST_SIZE;
 using HostName = char[HOST_NAME_SIZE + 1];
 
 // ---- notes -------------------------------------------------------------------------
@@ -57,30 +58,19 @@ uint32_t openLatestFile(LogFileState *state);
 // Sets when a LocalTime or Periodic rollover of the open file is due.
 void setNextRollover(LogFileState *state, int64_t now);
 
-// ---- names and the header line (write_file_name.cpp) ------------------------------
+// ---- paths and the header (write_file_name.cpp) -----------------------------------
 
 inline constexpr size_t LOG_DIRECTORY_LENGTH = sizeof(LogFileState::directory) - 1;
 inline constexpr size_t LOG_NAME_LENGTH = 255; // the system's longest file name
 inline constexpr size_t LOG_PATH_SIZE = LOG_DIRECTORY_LENGTH + LOG_NAME_LENGTH + 1;
-// "$Header", version, two ids, two times and a host name, with their separators
-inline constexpr size_t HEADER_LINE_SIZE = 128 + HOST_NAME_SIZE;
 
 struct LogPath {
     char text[LOG_PATH_SIZE];
 };
 
-// Each forms directory and name of a new file; false when they do not fit.
-bool formOriginatorPath(LogPath *path, const LogFileState *state, uint64_t hostId, const LogFileDate *date,
-                        int64_t counter);
-bool formLogsetPath(LogPath *path, const LogFileState *state, const LogFileDate *date);
+// Each forms directory and name of a file; false when they do not fit.
+bool formPath(LogPath *path, const LogFileState *state, const LogName *name);
 bool formExistingPath(LogPath *path, const LogFileState *state, const char *name);
-
-// Date and counter of an originator series' file name; what the name does not tell is
-// left as it was, as its reader of old did.
-void parseOriginatorName(const char *name, LogFileDate *date, int64_t *counter);
-
-// The header line of a version that is written; 0 for any other version.
-size_t formatHeaderLine(char (&line)[HEADER_LINE_SIZE], const LogFileHeader *header);
 
 // ---- creation (write_file_create.cpp) ----------------------------------------------
 

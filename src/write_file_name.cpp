@@ -1,23 +1,9 @@
-// Names of log files and their header line.
-//
-//   originator series   product "-" originator "-" host "-" yymmdd "-" counter ".log"
-//   log set series      product "-" name "-" yymmddhhmmss ".log"
-//
-// Product, originator and host are unsigned 64-bit decimals, the counter has at least
-// ten digits, dates and times are local and their year counts from 2000. The directory
-// is put in front as it is: it ends in "/". Read by parseOriginatorName below, by
-// getidfromfilename and getSLidfromfilename in read.cpp and by the search for the
-// latest log in read_latest.cpp.
-//
-//   header line   "$Header " version "," ... host "\n"
-//
-// with the fields that formatHeaderLine shows for each version. Read by ReadHeaderEx
-// and ReadHeader in read.cpp.
+// Paths of log files and their header, as the writer makes them. What names and header
+// lines look like is log_name's.
 #include "write_file.h"
 
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -29,66 +15,31 @@ static_assert(offsetof(LogFileHeader, creationTime) < offsetof(LogFileHeader, ho
 static_assert(offsetof(LogFileHeader, hostName) < offsetof(LogFileHeader, tzOffset));
 static_assert(sizeof(LogFileHeader::hostName) == 512);
 
+// ---- paths ---------------------------------------------------------------------------
+
 namespace {
 
-constexpr char HEADER_WORD[] = "$Header";
-// Layouts older than the two that this writer makes; read, and written on request.
-constexpr uint64_t OLDEST_HEADER_VERSION = 65540;
-constexpr uint64_t LAST_OLD_HEADER_VERSION = 65542;
-
-bool fits(int length, size_t size) {
-    return length >= 0 && static_cast<size_t>(length) < size;
-}
-
-int directoryLength(const LogFileState *state) {
-    return static_cast<int>(strnlen(state->directory, LOG_DIRECTORY_LENGTH));
+// Room for a name behind the directory, which is put in front as it is: it ends in "/".
+size_t formDirectory(LogPath *path, const LogFileState *state) {
+    const size_t length = strnlen(state->directory, LOG_DIRECTORY_LENGTH);
+    memcpy(path->text, state->directory, length);
+    return length;
 }
 
 } // namespace
 
-// ---- names ---------------------------------------------------------------------------
-
-bool formOriginatorPath(LogPath *path, const LogFileState *state, uint64_t hostId, const LogFileDate *date,
-                        int64_t counter) {
-    return fits(snprintf(path->text, sizeof path->text, "%.*s%lu-%lu-%lu-%02d%02d%02d-%010lu.log",
-                         directoryLength(state), state->directory, state->productId, state->fileOriginatorId,
-                         hostId, date->year, date->month, date->day, static_cast<unsigned long>(counter)),
-                sizeof path->text);
-}
-
-bool formLogsetPath(LogPath *path, const LogFileState *state, const LogFileDate *date) {
-    return fits(snprintf(path->text, sizeof path->text, "%.*s%lu-%s-%02d%02d%02d%02d%02d%02d.log",
-                         directoryLength(state), state->directory, state->productId, state->logsetFilename,
-                         date->year, date->month, date->day, date->hour, date->minute, date->second),
-                sizeof path->text);
+bool formPath(LogPath *path, const LogFileState *state, const LogName *name) {
+    const size_t directory = formDirectory(path, state);
+    return formLogName(path->text + directory, sizeof path->text - directory, name) != 0;
 }
 
 bool formExistingPath(LogPath *path, const LogFileState *state, const char *name) {
-    return fits(
-        snprintf(path->text, sizeof path->text, "%.*s%s", directoryLength(state), state->directory, name),
-        sizeof path->text);
-}
-
-void parseOriginatorName(const char *name, LogFileDate *date, int64_t *counter) {
-    // Not with sscanf's %d: product, originator and host ids have 64 bits.
-    for (int id = 0; id < 3; ++id) {
-        name = strchr(name, '-');
-        if (name == nullptr)
-            return;
-        ++name;
-    }
-    LogFileDate read = {};
-    int32_t *const fields[] = {&read.year, &read.month, &read.day};
-    for (int32_t *field : fields) {
-        for (int digit = 0; digit < 2; ++digit, ++name) {
-            if (*name < '0' || *name > '9')
-                return;
-            *field = *field * 10 + (*name - '0');
-        }
-    }
-    *date = read;
-    if (name[0] == '-' && name[1] >= '0' && name[1] <= '9')
-        *counter = static_cast<int64_t>(strtoull(name + 1, nullptr, 10));
+    const size_t directory = formDirectory(path, state);
+    const size_t size = strlen(name) + 1;
+    if (size > sizeof path->text - directory)
+        return false;
+    memcpy(path->text + directory, name, size);
+    return true;
 }
 
 // ---- header --------------------------------------------------------------------------
@@ -107,35 +58,20 @@ void InitializeFileHeader(LogFileHeader *header, const LogFileState *state, cons
         memcpy(header->hostName, hostName, strnlen(hostName, HOST_NAME_SIZE));
 }
 
-size_t formatHeaderLine(char (&line)[HEADER_LINE_SIZE], const LogFileHeader *header) {
-    // A name that fills its field has no terminating NUL.
-    constexpr int HOST_MAX = HOST_NAME_SIZE;
-    const uint64_t version = header->version;
-    int length = 0;
-    if (version == ZOLTLOG_RECORD_VERSION_ORIGINATOR)
-        length = snprintf(line, sizeof line, "%s %lu,%lu,%lu,%lu,%ld,%.*s\n", HEADER_WORD, version,
-                          header->productId, header->originatorId, header->creationTime, header->tzOffset,
-                          HOST_MAX, header->hostName);
-    else if (version == ZOLTLOG_RECORD_VERSION_LOGSET)
-        length = snprintf(line, sizeof line, "%s %lu,%ld,%.*s\n", HEADER_WORD, version, header->tzOffset,
-                          HOST_MAX, header->hostName);
-    else if (version >= OLDEST_HEADER_VERSION && version <= LAST_OLD_HEADER_VERSION)
-        length =
-            snprintf(line, sizeof line, "%s %lu,%lu,%lu,%lu,%.*s\n", HEADER_WORD, version, header->productId,
-                     header->originatorId, header->creationTime, HOST_MAX, header->hostName);
-    if (length <= 0 || static_cast<size_t>(length) >= sizeof line)
-        return 0;
-    // The header is one line whatever the host is called, as a record is.
-    for (char *at = line; (at = strchr(at, '\n')) != line + length - 1;)
-        *at = '\r';
-    return static_cast<size_t>(length);
-}
-
 uint32_t WriteFileHeader(LogFileState *state, const LogFileHeader *header) {
     if (state == nullptr || header == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
+    HeaderLine fields = {};
+    fields.version = header->version;
+    fields.product = header->productId;
+    fields.originator = header->originatorId;
+    fields.created = header->creationTime;
+    fields.hasZone = true;
+    fields.zone = header->tzOffset;
+    fields.host = header->hostName; // one that fills its field has no end
+    fields.hostLength = strnlen(header->hostName, sizeof header->hostName);
     char line[HEADER_LINE_SIZE];
-    const auto length = static_cast<int32_t>(formatHeaderLine(line, header));
+    const auto length = static_cast<int32_t>(formHeaderLine(line, &fields));
     if (length == 0 || zoltLogOs_write(&state->file, line, length) != length)
         return ZOLTLOG_FAILED;
     return ZOLTLOG_OK;

@@ -123,23 +123,31 @@ uint32_t chooseNewFile(LogFileState *state, const HostName &hostName, Target *ta
         return ZOLTLOG_FAILED;
     target->date = dateOf(&local);
     target->counter = nextCounter(state, &target->date);
-    bool formed;
+    LogName name = {};
+    name.product = state->productId;
+    name.date = target->date;
     if (state->isLogset != 0) {
-        formed = state->logsetFilename != nullptr && formLogsetPath(&target->path, state, &target->date);
+        if (state->logsetFilename == nullptr)
+            return ZOLTLOG_OPEN_FAILED;
+        name.set = state->logsetFilename;
+        name.setLength = strlen(state->logsetFilename);
     } else {
-        const uint64_t hostId = hostIdOf(state, hostName);
-        if (hostId == 0)
+        name.originator = state->fileOriginatorId;
+        name.host = hostIdOf(state, hostName);
+        if (name.host == 0)
             return ZOLTLOG_FAILED;
-        formed = formOriginatorPath(&target->path, state, hostId, &target->date, target->counter);
+        name.counter = static_cast<uint64_t>(target->counter);
     }
-    return formed ? ZOLTLOG_OK : ZOLTLOG_OPEN_FAILED;
+    return formPath(&target->path, state, &name) ? ZOLTLOG_OK : ZOLTLOG_OPEN_FAILED;
 }
 
 uint32_t chooseExistingFile(const LogFileState *state, Target *target) {
     target->date = {};
     target->counter = state->counter;
-    if (state->isLogset == 0)
-        parseOriginatorName(target->entry->name, &target->date, &target->counter);
+    const char *rest = state->isLogset == 0 ? afterThreeIds(target->entry->name) : nullptr;
+    auto counter = static_cast<uint64_t>(state->counter);
+    if (rest != nullptr && scanDateAndCounter(rest, CounterDigits::ALL, &target->date, &counter))
+        target->counter = static_cast<int64_t>(counter);
     return formExistingPath(&target->path, state, target->entry->name) ? ZOLTLOG_OK : ZOLTLOG_OPEN_FAILED;
 }
 

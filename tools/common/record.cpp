@@ -1,5 +1,7 @@
 #include "common/record.h"
 
+#include "src/log_name.h"
+
 #include <cstring>
 
 namespace tools {
@@ -7,6 +9,7 @@ namespace tools {
 namespace {
 
 constexpr size_t MaxDigits = 20;         // of a 64-bit number
+constexpr size_t DateTimeDigits = 12;    // YYMMDDhhmmss
 constexpr size_t SafeDigits = 19;        // so many cannot overflow
 constexpr size_t MaxSalvageTries = 4096; // positions of one damaged line that are parsed
 
@@ -76,113 +79,59 @@ struct Cursor {
     size_t left() const { return static_cast<size_t>(end - at); }
 };
 
-bool takeFixed(std::string_view digits, int &value) {
-    value = 0;
-    for (const char c : digits) {
-        if (!isDigit(c))
-            return false;
-        value = value * 10 + (c - '0');
-    }
-    return true;
-}
-
 } // namespace
 
 // ---- file names ------------------------------------------------------------------
 
-namespace {
-
-constexpr std::string_view Suffix = ".log";
-constexpr size_t DateDigits = 6;      // YYMMDD
-constexpr size_t DateTimeDigits = 12; // YYMMDDhhmmss
-constexpr size_t CounterDigits = 10;  // at least
-
-bool takeDate(std::string_view digits, FileName &out) {
-    return takeFixed(digits.substr(0, 2), out.year) && takeFixed(digits.substr(2, 2), out.month) &&
-           takeFixed(digits.substr(4, 2), out.day) && out.month >= 1 && out.month <= 12 && out.day >= 1 &&
-           out.day <= 31;
-}
-
-bool parseOriginatorName(std::string_view name, FileName &out) {
-    Cursor cursor{name.data(), name.data() + name.size()};
-    if (!cursor.takeNumber(out.product) || !cursor.takeChar('-') || !cursor.takeNumber(out.originator) ||
-        !cursor.takeChar('-') || !cursor.takeNumber(out.host) || !cursor.takeChar('-') ||
-        cursor.left() < DateDigits || !takeDate({cursor.at, DateDigits}, out))
-        return false;
-    cursor.at += DateDigits;
-    const char *const counter = cursor.at + 1;
-    if (!cursor.takeChar('-') || !cursor.takeNumber(out.counter) ||
-        static_cast<size_t>(cursor.at - counter) < CounterDigits || cursor.left() != 0)
-        return false;
-    out.kind = FileName::Kind::Originator;
-    return true;
-}
-
-bool parseLogSetName(std::string_view name, FileName &out) {
-    Cursor cursor{name.data(), name.data() + name.size()};
-    if (!cursor.takeNumber(out.product) || !cursor.takeChar('-') || cursor.left() < DateTimeDigits + 2)
-        return false;
-    const std::string_view rest{cursor.at, cursor.left()};
-    const std::string_view digits = rest.substr(rest.size() - DateTimeDigits);
-    if (rest[rest.size() - DateTimeDigits - 1] != '-' || !takeDate(digits, out) ||
-        !takeFixed(digits.substr(6, 2), out.hour) || !takeFixed(digits.substr(8, 2), out.minute) ||
-        !takeFixed(digits.substr(10, 2), out.second))
-        return false;
-    out.logSet = rest.substr(0, rest.size() - DateTimeDigits - 1);
-    out.kind = FileName::Kind::LogSet;
-    return true;
-}
-
-} // namespace
-
 bool parseFileName(std::string_view name, FileName &out) {
-    if (name.size() <= Suffix.size() || name.substr(name.size() - Suffix.size()) != Suffix)
+    LogName read;
+    if (!parseLogName(name.data(), name.size(), &read))
         return false;
-    const std::string_view stem = name.substr(0, name.size() - Suffix.size());
-    FileName read;
-    bool parsed = parseOriginatorName(stem, read);
-    if (!parsed) {
-        read = {};
-        parsed = parseLogSetName(stem, read);
+    out = {};
+    out.kind = read.set != nullptr ? FileName::Kind::LogSet : FileName::Kind::Originator;
+    out.product = read.product;
+    out.originator = read.originator;
+    out.host = read.host;
+    out.counter = read.counter;
+    if (read.set != nullptr) {
+        out.logSet = {read.set, read.setLength};
+        out.dateTime = {read.stamp, DateTimeDigits};
     }
-    if (!parsed || read.product == 0)
-        return false;
-    read.year += 2000;
-    out = read;
+    out.year = 2000 + read.date.year;
+    out.month = read.date.month;
+    out.day = read.date.day;
+    out.hour = read.date.hour;
+    out.minute = read.date.minute;
+    out.second = read.date.second;
     return true;
 }
 
 // ---- headers ---------------------------------------------------------------------
 
 HeaderResult parseHeader(std::string_view line, Header &out) {
-    constexpr std::string_view word = "$Header ";
-    if (line.substr(0, word.size()) != word)
+    HeaderLine read;
+    switch (parseHeaderLine(line.data(), line.size(), HeaderReading::EXACT, &read)) {
+    case HeaderParsed::NO_HEADER:
         return HeaderResult::NotAHeader;
-    line.remove_prefix(word.size());
-    Cursor cursor{line.data(), line.data() + line.size()};
-    Header read;
-    uint64_t created = 0;
-    if (!cursor.takeNumber(read.version))
-        return HeaderResult::Malformed;
-    if (read.version < VersionOldest || read.version > VersionLogSet)
+    case HeaderParsed::UNKNOWN_VERSION:
         return HeaderResult::UnknownVersion;
-    if (!cursor.takeChar(','))
+    case HeaderParsed::MALFORMED:
         return HeaderResult::Malformed;
-    if (read.version != VersionLogSet) {
-        if (!cursor.takeField(read.product) || !cursor.takeField(read.originator) ||
-            !cursor.takeField(created) || created > INT64_MAX / 1000)
-            return HeaderResult::Malformed;
-        read.created = static_cast<int64_t>(created);
+    case HeaderParsed::OK:
+        break;
     }
-    if (read.version >= VersionOriginator) {
-        if (!cursor.takeSignedField(read.offset))
-            return HeaderResult::Malformed;
-        read.hasOffset = true;
-    }
-    read.host = {cursor.at, cursor.left()};
-    while (!read.host.empty() && read.host.back() == '\r') // a file that went through a line end conversion
-        read.host.remove_suffix(1);
-    out = read;
+    if (read.created > INT64_MAX / 1000) // beyond what milliseconds hold
+        return HeaderResult::Malformed;
+    out = {};
+    out.version = read.version;
+    out.product = read.product;
+    out.originator = read.originator;
+    out.created = static_cast<int64_t>(read.created);
+    out.hasOffset = read.hasZone;
+    out.offset = read.zone;
+    out.host = {read.host, read.hostLength};
+    while (!out.host.empty() && out.host.back() == '\r') // a file that went through a line end conversion
+        out.host.remove_suffix(1);
     return HeaderResult::Ok;
 }
 

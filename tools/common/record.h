@@ -1,12 +1,8 @@
 // Log file names, header lines and records: the inverse of what the library
 // writes. One place for all tools; nothing here allocates except walkBlock's list.
+// The grammar of names and header lines is in src/log_name.h, which reads them.
 //
 //   file     = HEADER LF { RECORD LF }
-//   name     = PRODUCT "-" ORIGINATOR "-" HOSTID "-" YYMMDD "-" COUNTER ".log"
-//            | PRODUCT "-" LOGSET "-" YYMMDDhhmmss ".log"
-//   HEADER   = "$Header 65543," PRODUCT "," ORIGINATOR "," CREATED "," OFFSET "," HOST
-//            | "$Header 65544," OFFSET "," HOST
-//            | "$Header " (65540 | 65541 | 65542) "," PRODUCT "," ORIGINATOR "," CREATED "," HOST
 //   RECORD   = PREFIX context text FIELDS      (every field ends in "," except the last)
 //   PREFIX   = type,product,originator,file originator,message id,time,pid,tid,   65543
 //            | type,originator,message id,time,pid,tid,                           65544
@@ -39,6 +35,7 @@ struct FileName {
     uint64_t host = 0;                    // Originator
     uint64_t counter = 0;                 // Originator
     std::string_view logSet;              // LogSet: a part of the name that was parsed
+    std::string_view dateTime;            // LogSet: YYMMDDhhmmss, likewise
     int year = 0, month = 0, day = 0;     // local time of the writer; the year in full
     int hour = 0, minute = 0, second = 0; // LogSet
 };

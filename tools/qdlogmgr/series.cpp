@@ -165,9 +165,8 @@ File readFile(const std::string &directory, const std::string &base, const FileN
     file.path = directory + base;
     file.host = name.host;
     file.counter = name.counter;
-    const size_t digits = base.rfind('-') + 1;
     file.dateOfName = name.kind == FileName::Kind::LogSet
-                          ? strtoull(base.c_str() + digits, nullptr, 10)
+                          ? strtoull(name.dateTime.data(), nullptr, 10)
                           : static_cast<uint64_t>((name.year * 100 + name.month) * 100 + name.day);
     struct stat status;
     if (lstat(file.path.c_str(), &status) != 0) {
@@ -196,7 +195,7 @@ File readFile(const std::string &directory, const std::string &base, const FileN
         file.created = summary.header.created;
     }
     if (name.kind == FileName::Kind::LogSet)
-        file.created = convert_time(base.substr(digits, 12).c_str());
+        file.created = convert_time(std::string(name.dateTime).c_str());
     return file;
 }
 
