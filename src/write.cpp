@@ -154,22 +154,30 @@ static bool isSecureOnFile(const LogHandle *handle, const LogMsg *msg) {
 
 static constexpr uint32_t SINKS = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOG;
 
-uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg, const RecordWords *ready) {
+static bool hasSinks(const LogHandle *handle, uint32_t flags) {
+    return ((flags | handle->outputFlags) & SINKS) != 0;
+}
+
+// The sinks' formatter is given a text that may be changed: the record's own.
+static uint32_t outputCopy(LogHandle *handle, LogMsg *msg, uint32_t flags) {
+    char *const borrowed = msg->text;
+    msg->text = zoltLogSafeStrdup(borrowed);
+    uint32_t result = ZOLTLOG_NO_MEMORY;
+    if (msg->text != nullptr || borrowed == nullptr)
+        result = LogOutputBasedOnFlags(handle, msg, flags);
+    zoltLogFree(msg->text);
+    msg->text = borrowed;
+    return result;
+}
+
+uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg) {
     if (isSecureOnFile(handle, msg))
         return ZOLTLOG_SECURE_ON_FILE_HANDLE;
     msg->utf8 = handle->utf8;
-    if (!isBlockEmpty(&msg->lis)) { // from here on the text is the only form of the wording
-        if (msg->text == nullptr)
-            msg->text = renderLisText(&msg->lis);
-        (void)zoltLisFree(&msg->lis);
-        msg->lis = {};
-    }
     uint32_t written = ZOLTLOG_OK;
     if (msg->type != ZOLTLOG_MSG_SECURE_AUDIT)
-        written = writeMsgWithRollover(handle->file, msg, ready);
-    uint32_t output = ZOLTLOG_OK;
-    if (((flags | handle->outputFlags) & SINKS) != 0)
-        output = LogOutputBasedOnFlags(handle, msg, flags);
+        written = zoltLogWriteMsgWithRolloverToFile(handle->file, msg);
+    const uint32_t output = hasSinks(handle, flags) ? outputCopy(handle, msg, flags) : uint32_t{ZOLTLOG_OK};
     return written != ZOLTLOG_OK ? written : output;
 }
 
@@ -178,8 +186,23 @@ uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg) {
         return ZOLTLOG_INVALID_ARGUMENT;
     if (isSecureOnFile(handle, msg))
         return ZOLTLOG_SECURE_ON_FILE_HANDLE;
+    msg->utf8 = handle->utf8;
     const GlobalLock lock(TAG_MSG);
-    return dispatchLocked(handle, flags, msg, nullptr);
+    // From here on the text is the only form of the wording. The block is released at the
+    // end: the record's strings may lie in it.
+    ZoltLisBlock block = msg->lis;
+    msg->lis = {};
+    if (msg->text == nullptr && !isBlockEmpty(&block))
+        msg->text = renderLisText(&block);
+    uint32_t written = ZOLTLOG_OK;
+    if (msg->type != ZOLTLOG_MSG_SECURE_AUDIT)
+        written = zoltLogWriteMsgWithRolloverToFile(handle->file, msg);
+    uint32_t output = ZOLTLOG_OK;
+    if (hasSinks(handle, flags))
+        output = LogOutputBasedOnFlags(handle, msg, flags);
+    if (!isBlockEmpty(&block))
+        (void)zoltLisFree(&block);
+    return written != ZOLTLOG_OK ? written : output;
 }
 
 // ---- levels and sequence numbers -----------------------------------------------------

@@ -219,7 +219,7 @@ void rollOver(LogFileState *state) {
         (void)recycleLogFiles(state);
 }
 
-uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver, const RecordWords *ready = nullptr);
+uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver);
 
 // Every file of an originator series begins with the contexts that are open: all are
 // tried, in the order of the handle list. The first failure.
@@ -300,7 +300,7 @@ uint32_t appendRecord(LogFileState *state, const TextBuffer *buffer) {
         if (result != ZOLTLOG_OK)
             return result;
     }
-    const uint32_t result = appendBytes(state, buffer->data, buffer->capacity - buffer->free);
+    const uint32_t result = appendBytes(state, buffer->data, textLength(buffer));
     // At once, so that other processes do not continue the torn line either. On a full
     // device it fails and remains to be done before the next record.
     if (notes->torn != 0)
@@ -308,7 +308,7 @@ uint32_t appendRecord(LogFileState *state, const TextBuffer *buffer) {
     return result;
 }
 
-uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver, const RecordWords *ready) {
+uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver) {
     if (state == nullptr)
         return ZOLTLOG_NO_FILE_STATE;
     if (msg == nullptr)
@@ -316,13 +316,11 @@ uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver, const R
     msg->recordVersion = writtenVersion(state);
     msg->fileOriginatorId = state->fileOriginatorId;
     TextBuffer buffer;
-    RecordIdentity *identity = &notesOf(state)->identity;
-    uint32_t result = ready != nullptr ? serializeWith(*ready, msg, &buffer, identity)
-                                       : serializeMsg(msg, &buffer, identity);
+    uint32_t result = serializeMsg(msg, &buffer, &notesOf(state)->identity);
     if (result != ZOLTLOG_OK)
         return result;
     if (mayRollOver) {
-        rollOverIfDue(state, buffer.capacity - buffer.free);
+        rollOverIfDue(state, textLength(&buffer));
         reopenIfOld(state, msg);
     }
     result = appendRecord(state, &buffer);
@@ -332,10 +330,6 @@ uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver, const R
 }
 
 } // namespace
-
-uint32_t writeMsgWithRollover(LogFileState *state, LogMsg *msg, const RecordWords *ready) {
-    return writeRecord(state, msg, true, ready);
-}
 
 uint32_t zoltLogWriteMsgWithRolloverToFile(LogFileState *state, LogMsg *msg) {
     return writeRecord(state, msg, true);

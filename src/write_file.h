@@ -41,11 +41,6 @@ inline constexpr int64_t NS_PER_SECOND = 1000000000;
 int64_t monotonicNs();
 void sleepNs(long ns); // below a second
 
-// ---- writing (write_file.cpp) ---------------------------------------------------------
-
-// zoltLogWriteMsgWithRolloverToFile. ready is null or holds the record's words.
-uint32_t writeMsgWithRollover(LogFileState *state, LogMsg *msg, const RecordWords *ready);
-
 // ---- opening (write_file_open.cpp) --------------------------------------------------
 
 // Opens the next file of the series. On failure no file is open and the state still

@@ -35,6 +35,10 @@ struct CallText {
         release();
         text = formatTextInto(room, sizeof room, format, args);
     }
+    void render(ZoltLisBlock *block) {
+        release();
+        text = renderLisTextInto(block, room, sizeof room);
+    }
     void release() {
         if (text != room)
             zoltLogFree(text);
@@ -110,30 +114,38 @@ static uint32_t setAttributes(LogMsg *record, const Message &message) {
     }
 }
 
-// Builds the record and dispatches it. The text, which may be null, stays the
-// caller's; the block is consumed unless the record could not be initialised, when it
-// is left in place for the caller to decide upon.
-static uint32_t send(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
-    const bool hasBlock = !block.empty();
-    const RecordWords words(text, message.who, handle->utf8); // what can be done before the lock
-    const GlobalLock lock(message.lockTag);
-    LogMsg record;
-    uint32_t result = initMsgLocked(&record, handle, message.type);
-    if (result != ZOLTLOG_OK)
-        return result;
-    char *const borrowed = const_cast<char *>(text);
-    record.text = borrowed;
-    if ((message.flags & ZOLTLOG_NO_MESSAGE_ID) == 0)
-        record.messageId = message.messageId;
-    record.lis = block.release();
-    result = setAttributes(&record, message);
-    if (result == ZOLTLOG_OK)
-        result = dispatchLocked(handle, message.flags, &record, hasBlock ? nullptr : &words);
-    if (record.text != borrowed) // the dispatcher made one of the block
-        zoltLogFree(record.text);
-    block.words = record.lis; // consumed unless the record came to nothing
+// Builds the record and dispatches it. The text, which may be null, stays the caller's.
+// The block is released when all is done, since the strings may lie in it; it is left in
+// place for the caller to decide upon when the record could not be initialised.
+static uint32_t sendText(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
+    uint32_t result;
+    {
+        const GlobalLock lock(message.lockTag);
+        LogMsg record;
+        result = initMsgLocked(&record, handle, message.type);
+        if (result != ZOLTLOG_OK)
+            return result;
+        record.text = const_cast<char *>(text);
+        if ((message.flags & ZOLTLOG_NO_MESSAGE_ID) == 0)
+            record.messageId = message.messageId;
+        result = setAttributes(&record, message);
+        if (result == ZOLTLOG_OK)
+            result = dispatchLocked(handle, message.flags, &record);
+    }
     block.free();
     return result;
+}
+
+[[gnu::noinline]] static uint32_t sendBlock(LogHandle *handle, const Message &message, OwnedBlock &block) {
+    CallText text;
+    text.render(&block.words);
+    return sendText(handle, message, text.text, block);
+}
+
+// The text, or where there is none that of the block, is the wording of the message.
+static uint32_t send(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
+    return text == nullptr && !block.empty() ? sendBlock(handle, message, block)
+                                             : sendText(handle, message, text, block);
 }
 
 // ---- wording -----------------------------------------------------------------
@@ -155,7 +167,10 @@ uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult) {
 
 static uint32_t lookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t messageNumber,
                        const char *format, va_list args) {
-    return zoltLogMapLisResToLoggingRes(zoltLisVEx(block, handle->utf8, messageNumber, format, args));
+    const int32_t result = zoltLisVEx(block, handle->utf8, messageNumber, format, args);
+    if (result != 0)
+        *block = {}; // what a failed look-up leaves is no block, and is not released
+    return zoltLogMapLisResToLoggingRes(result);
 }
 
 static uint32_t copyAndLookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t messageNumber,
@@ -484,7 +499,10 @@ static uint32_t makeContextMessage(LogHandle *parent, LogMsg *msg, const char *t
         return result;
     if (messageNumber != 0)
         return lookUp(&msg->lis, parent, messageNumber, format, args);
-    return zoltLogMapLisResToLoggingRes(zoltLisTextV(&msg->lis, format, args));
+    const int32_t made = zoltLisTextV(&msg->lis, format, args);
+    if (made != 0)
+        msg->lis = {}; // as lookUp does
+    return zoltLogMapLisResToLoggingRes(made);
 }
 
 uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char *token, int64_t messageNumber,

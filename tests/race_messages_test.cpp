@@ -2,6 +2,7 @@
 #include "support/log_records.h"
 #include "support/sink_capture.h"
 
+#include <algorithm>
 #include <atomic>
 #include <gtest/gtest.h>
 #include <map>
@@ -145,6 +146,61 @@ void raceOf(int messages) {
     EXPECT_EQ(static_cast<size_t>(THREADS) * 2 *
                   static_cast<size_t>((messages + CONTEXT_LENGTH - 1) / CONTEXT_LENGTH),
               contexts.size());
+}
+
+// The host's other threads write to texts while they are being logged: not what a host
+// should do, but each message stays one whole line.
+TEST(RaceMessages, TextsThatOtherThreadsChangeStayOneRecordEach) {
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "the race is the test's own";
+#endif
+    constexpr int MESSAGES = 40000;
+    logs::configure();
+    sinks::reset();
+    LogHandle handle;
+    ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
+    char text[] = "a text of more than sixteen bytes that changes";
+    char who[] = "manager";
+    std::atomic<bool> done{false};
+    std::thread changing([&] {
+        volatile char *places[] = {text + 1, text + 30, who + 3};
+        for (int round = 0; !done; ++round)
+            *places[round % 3] = "x\nx\0x\xff"[round / 3 % 6];
+    });
+    int failures = 0;
+    for (int n = 0; n < MESSAGES; ++n) {
+        ZoltLisBlock none = {};
+        LogMsg record;
+        switch (n % 3) {
+        case 0:
+            failures += zoltLogFormattedDebugMsg(&handle, 0, 1, who, text) != 0;
+            break;
+        case 1:
+            failures += zoltLogAppMsg2LEx(&handle, 1, 0, 1, who, text, &none) != 0;
+            break;
+        default:
+            failures += zoltLogInitMsg(&record, &handle, ZOLTLOG_MSG_APP, nullptr) != 0;
+            record.text = text;
+            record.who = who;
+            failures += zoltLogMsg(&handle, 0, &record) != 0;
+            record.text = nullptr;
+            zoltLogFreeMsg(&record);
+        }
+    }
+    done = true;
+    changing.join();
+    EXPECT_EQ(0, failures);
+    EXPECT_EQ(0u, zoltLogClose(&handle));
+    const std::vector<logs::Record> records = logs::records();
+    EXPECT_EQ(static_cast<size_t>(MESSAGES), records.size());
+    for (const logs::Record &record : records) {
+        ASSERT_TRUE(record.whole);
+        for (const std::string &field : {record.text, record.who})
+            ASSERT_EQ(field.end(),
+                      std::find_if(field.begin(), field.end(),
+                                   [](char c) { return c == '\0' || static_cast<unsigned char>(c) >= 128; }))
+                << field;
+    }
 }
 
 TEST(RaceMessages, MixedKindsThroughSharedHandlesAndContextsAllArriveWhole) {

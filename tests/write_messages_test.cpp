@@ -13,10 +13,13 @@
 
 // ---- the lock, watched -------------------------------------------------------------
 
-static std::string tagOfTheRecord; // under which the last record got its time stamp
+static std::string tagOfTheRecord;           // under which the last record got its time stamp
+static std::function<void()> atTheTimeStamp; // called when a record gets its time stamp
 
 extern "C" int gettimeofday(timeval *now, void *) noexcept {
     tagOfTheRecord = zoltLogMutex.depth > 0 ? zoltLogMutex.holders[0].tag : "no lock";
+    if (atTheTimeStamp)
+        atTheTimeStamp();
     timespec exact;
     clock_gettime(CLOCK_REALTIME, &exact);
     *now = {exact.tv_sec, exact.tv_nsec / 1000};
@@ -30,7 +33,7 @@ namespace lis {
 int lookups;    // calls of zoltLisVEx
 int texts;      // calls of zoltLisTextV
 int open;       // blocks made and not freed
-int failWith;   // result of the next calls of zoltLisVEx, when not 0
+int failWith;   // result of the next calls of zoltLisVEx, when not 0, which leave words behind
 int failTextV;  // result of the next calls of zoltLisTextV, when not 0
 uint32_t utf8;  // of the last lookup
 int64_t number; // of the last lookup
@@ -66,8 +69,10 @@ int32_t zoltLisVEx(ZoltLisBlock *block, uint32_t utf8, int64_t messageNumber, co
     ++lis::lookups;
     lis::utf8 = utf8;
     lis::number = messageNumber;
-    if (lis::failWith != 0)
+    if (lis::failWith != 0) {
+        *block = {{1, 2, 3}};
         return lis::failWith;
+    }
     const std::string pattern = "message " + std::to_string(messageNumber) + ": " + format;
     const int32_t result = lis::real<decltype(zoltLisTextV)>("zoltLisTextV")(block, pattern.c_str(), args);
     lis::open += result == 0 ? 1 : 0;
@@ -630,6 +635,83 @@ TEST_F(WriteMessages, AReadyTextBesideABlockIsTheText) {
     }
 }
 
+// A caller may take the text out of the very block that the call consumes.
+TEST_F(WriteMessages, TextsThatLieInTheBlockAreReadBeforeItGoes) {
+    for (const size_t length : {size_t{20}, size_t{3000}, size_t{200000}}) {
+        const std::string words(length, 'w');
+        for (const Operation &operation : operations) {
+            if ((operation.traits & HasBlock) == 0 || operation.type == ZOLTLOG_MSG_SECURE_AUDIT)
+                continue;
+            SCOPED_TRACE(testing::Message() << operation.name << " " << length);
+            Arguments a = good(operation);
+            zoltLisFree(&block);
+            block = blockOf("%s", words.c_str());
+            ZoltLisIterator item = {};
+            const char *inside = nullptr;
+            ASSERT_EQ(0, zoltLisGetArgsBegin(&block, &item));
+            ASSERT_EQ(0, zoltLisGetArg_nativeString(&item, &inside));
+            a.text = inside;
+            a.who = inside;
+            EXPECT_EQ(0u, operation.call(a));
+            ASSERT_EQ(1u, fresh());
+            EXPECT_TRUE(words == logs::records().back().text);
+            if ((operation.traits & (HasWho | HasSubject)) != 0) {
+                EXPECT_TRUE(words == logs::records().back().who);
+            }
+            expectBlockConsumed(operation);
+        }
+    }
+}
+
+// The record's text is the record's own: what the formatter does to it is no matter of
+// the caller's constant.
+TEST_F(WriteMessages, TheFormatterMayChangeTheText) {
+    sinks::formatter = sinks::testFormatter("trimming");
+    for (const Operation &operation : operations) {
+        if ((operation.traits & HasFlags) == 0 || operation.type == ZOLTLOG_MSG_AUDIT)
+            continue;
+        SCOPED_TRACE(operation.name);
+        Arguments a = good(operation);
+        a.format = "%s %d files \n\n";
+        a.text = "12 files \n\n";
+        a.flags = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_OSLOG;
+        const std::string printed = support::captured(1, [&] { EXPECT_EQ(0u, operation.call(a)); });
+        EXPECT_EQ((operation.traits & HasFormat) != 0 ? "files 12 files\n" : "12 files\n", printed);
+        EXPECT_EQ("files \r\r", logs::records().back().text.substr(logs::records().back().text.size() - 8));
+        EXPECT_EQ(0, lis::open);
+    }
+}
+
+// Another thread of the host may write to a text while it is being logged.
+TEST_F(WriteMessages, ATextThatChangesMeanwhileStaysOneRecord) {
+    LogHandle context;
+    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "work"));
+    char text[] = "0123456789 0123456789 0123456789";
+    char who[] = "manager";
+    for (const Operation &operation : operations) {
+        if (operation.type == ZOLTLOG_MSG_SECURE_AUDIT)
+            continue;
+        for (const char changed : {'\n', '\0', '\xff'}) {
+            SCOPED_TRACE(testing::Message() << operation.name << " " << static_cast<int>(changed));
+            Arguments a = good(operation);
+            if ((operation.traits & HasText) != 0)
+                a.text = text;
+            a.who = who;
+            a.handle = &context;
+            atTheTimeStamp = [&] { text[12] = who[3] = changed; };
+            EXPECT_EQ(0u, operation.call(a));
+            atTheTimeStamp = nullptr;
+            text[12] = who[3] = '1';
+            const std::string file = support::readFile("log/" + support::listFiles("log").back());
+            EXPECT_EQ(std::string::npos, file.find('\0'));
+            EXPECT_EQ(std::string::npos, file.find('\xff'));
+            EXPECT_TRUE(logs::parse(support::lines(file).back()).whole) << support::lines(file).back();
+            EXPECT_EQ("T1", logs::records().back().token);
+        }
+    }
+    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+}
+
 TEST_F(WriteMessages, Flag8WithoutATextIsRefused) {
     for (const Operation &operation : operations) {
         if ((operation.traits & HasBlock) == 0 || (operation.traits & HasText) == 0)
@@ -681,7 +763,7 @@ TEST_F(WriteMessages, AFailedLookupIsTheResultAndNothingIsSent) {
                 lis::failWith = 0;
                 EXPECT_EQ(before, sequence(a.handle));
                 EXPECT_EQ(0u, fresh());
-                EXPECT_EQ(0, lis::open);
+                EXPECT_EQ(0, lis::open) << "what the failed look-up left is not released";
                 expectLockFree();
             }
         }

@@ -18,6 +18,13 @@ uint32_t LogFormatMessage(LocalizerList *localizers, uint64_t zero1, const char 
     seen.handle = handle;
     seen.fmtLib = fmtLib != NULL ? *fmtLib : none;
     seen.newfmtLib = newfmtLib != NULL ? *newfmtLib : none;
+#ifdef TRIMMING
+    if (msg->text != NULL) {
+        char *end = msg->text + strlen(msg->text);
+        while (end > msg->text && (end[-1] == '\n' || end[-1] == ' '))
+            *--end = '\0';
+    }
+#endif
 #ifdef NO_TEXT
     *text = NULL;
 #else
