@@ -2,10 +2,10 @@
 //
 // Reading it from the files is config_read.cpp's, writing config_write.cpp's, the
 // dynamic reload config_reload.cpp's; the system-log and permission settings are
-// configUnix.cpp's; the values' written forms are config_keys.cpp's.
+// configUnix.cpp's; the values between file and record are config_keys.cpp's.
 //
-// Sections: life cycle; the ways of changing and reading a field; accessors of
-// numbers, of switches, of texts; directory; names and rollover modes.
+// Sections: life cycle; the ways of changing and reading a field; accessors made from the
+// table, and by hand; directory; names and rollover modes.
 //
 // Nothing here takes the lock: a record belongs to the calling thread.
 #include "config.h"
@@ -44,26 +44,35 @@ static_assert(offsetof(LogCfg, productId) < offsetof(LogCfg, originatorId) &&
               offsetof(LogCfg, logsetOidAppMsgLogging) < offsetof(LogCfg, logsetOidDebugLogging) &&
               offsetof(LogCfg, logsetOidDebugLogging) < offsetof(LogCfg, logsetOidDiagLogging));
 
-static const uint32_t DEFAULT_PERMISSIONS = 0660;
-static const uint64_t DEFAULT_MAX_FILE_SIZE_KB = 10240;
-static const uint64_t DEFAULT_ROLLOVER_PERIOD = 43200;
 static const uint32_t NO_SETTING = 0xFFFFFFFF; // result of the permission setting's two operations
 static const uint32_t SHORT_NAMES_SELECTOR = 263;
 
 // ---- life cycle ----------------------------------------------------------------------
 
-// The texts that a record owns.
-static char *LogCfg::*const OWNED_TEXTS[] = {&LogCfg::l10nLib,
-                                             &LogCfg::l10nResource,
-                                             &LogCfg::l10nResourceDir,
-                                             &LogCfg::logsetName,
-                                             &LogCfg::logsetFilename,
-                                             &LogCfg::logsetOidAppMsgLogging,
-                                             &LogCfg::logsetOidDebugLogging,
-                                             &LogCfg::logsetOidDiagLogging};
-
-static char *LogCfg::*const COPIED_TEXTS[] = {&LogCfg::l10nLib, &LogCfg::l10nResource,
-                                              &LogCfg::l10nResourceDir};
+// Gives a field of a zeroed record what it starts with.
+static void initField(LogCfg *cfg, CfgKeyId id) {
+    const CfgKey *key = &CFG_KEYS[id];
+    switch (key->kind) {
+    case CFG_NUMBER64:
+    case CFG_DAY_TIME:
+        *cfgField<uint64_t>(cfg, id) = key->initial;
+        break;
+    case CFG_NUMBER32:
+    case CFG_BOOLEAN:
+    case CFG_ON_OFF:
+    case CFG_ROLLOVER:
+        *cfgField<uint32_t>(cfg, id) = static_cast<uint32_t>(key->initial);
+        break;
+    case CFG_FLAG:
+        *cfgField<uint32_t>(cfg, id) |= key->initial != 0 ? static_cast<uint32_t>(key->lowest) : 0;
+        break;
+    case CFG_PERMISSIONS:
+        (void)CopyFileSecuritySetting(&cfg->permissions, static_cast<uint32_t>(key->initial));
+        break;
+    default: // texts start empty, the system-log settings with what osLogInitCfg gives them
+        break;
+    }
+}
 
 uint32_t InitLogCfg(uint64_t productId, uint64_t originatorId, const char *logsetName, LogCfg *cfg) {
     if (cfg == nullptr)
@@ -73,11 +82,8 @@ uint32_t InitLogCfg(uint64_t productId, uint64_t originatorId, const char *logse
     memset(cfg, 0, sizeof *cfg);
     cfg->productId = productId;
     cfg->originatorId = originatorId;
-    cfg->maxFileSizeKB = DEFAULT_MAX_FILE_SIZE_KB;
-    cfg->rolloverPeriod = DEFAULT_ROLLOVER_PERIOD;
-    cfg->numberOfLogFiles = ZOLTLOG_KEEP_ALL_FILES;
-    cfg->appMsgLogging = 1;
-    (void)CopyFileSecuritySetting(&cfg->permissions, DEFAULT_PERMISSIONS);
+    for (uint8_t id = 0; id < CFG_KEY_COUNT; ++id)
+        initField(cfg, static_cast<CfgKeyId>(id));
     (void)osLogInitCfg(&cfg->oslog);
     if (logsetName == nullptr)
         return ZOLTLOG_OK;
@@ -89,6 +95,37 @@ uint32_t InitLogCfg(uint64_t productId, uint64_t originatorId, const char *logse
     return ZOLTLOG_OK;
 }
 
+// Copies a field into a zeroed record; false when out of memory.
+static bool copyField(LogCfg *destination, const LogCfg *source, CfgKeyId id) {
+    const auto *from = reinterpret_cast<const char *>(source) + CFG_KEYS[id].field;
+    auto *to = cfgField<char>(destination, id);
+    switch (CFG_KEYS[id].kind) {
+    case CFG_DIRECTORY:
+    case CFG_NAMES:
+        static_assert(sizeof source->directory == sizeof source->originatorNames);
+        copyBounded(to, sizeof source->directory, from);
+        return true;
+    case CFG_TEXT: {
+        const char *text = nullptr;
+        memcpy(&text, from, sizeof text);
+        char *copy = zoltLogSafeStrdup(text);
+        memcpy(to, &copy, sizeof copy);
+        return copy != nullptr || text == nullptr;
+    }
+    case CFG_NUMBER64:
+    case CFG_DAY_TIME:
+        memcpy(to, from, sizeof(uint64_t));
+        return true;
+    case CFG_IDENT:
+    case CFG_OPTION:
+    case CFG_FACILITY: // osLogCopyCfg's
+        return true;
+    default:
+        memcpy(to, from, sizeof(uint32_t));
+        return true;
+    }
+}
+
 // KEPT: recycling, reload interval, everything of a log set and the secure audit level are
 // left out. Pinned by Config.CopyLeavesOutWhatItIsToldTo.
 uint32_t CopyCfg(LogCfg *destination, const LogCfg *source) {
@@ -97,24 +134,12 @@ uint32_t CopyCfg(LogCfg *destination, const LogCfg *source) {
     memset(destination, 0, sizeof *destination);
     destination->productId = source->productId;
     destination->originatorId = source->originatorId;
-    destination->debugLevel = source->debugLevel;
-    destination->diagLevel = source->diagLevel;
-    destination->appMsgLogging = source->appMsgLogging;
-    destination->outputFlags = source->outputFlags;
-    destination->numberOfLogFiles = source->numberOfLogFiles;
-    destination->maxFileSizeKB = source->maxFileSizeKB;
-    destination->rolloverMode = source->rolloverMode;
-    destination->rolloverPeriod = source->rolloverPeriod;
-    destination->rolloverTime = source->rolloverTime;
-    cfgCopyText(destination->directory, sizeof destination->directory, source->directory);
-    cfgCopyText(destination->originatorNames, sizeof destination->originatorNames, source->originatorNames);
-    cfgCopyText(destination->productShortNames, sizeof destination->productShortNames,
+    copyBounded(destination->productShortNames, sizeof destination->productShortNames,
                 source->productShortNames);
-    (void)CopyFileSecuritySetting(&destination->permissions, source->permissions.mode);
     (void)osLogCopyCfg(&destination->oslog, &source->oslog);
-    for (char *LogCfg::*text : COPIED_TEXTS) {
-        destination->*text = zoltLogSafeStrdup(source->*text);
-        if (destination->*text == nullptr && source->*text != nullptr) {
+    for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
+        const auto id = static_cast<CfgKeyId>(i);
+        if (CFG_KEYS[id].copied == CFG_COPIED && !copyField(destination, source, id)) {
             (void)zoltLogFreeCfg(destination);
             return ZOLTLOG_NO_MEMORY;
         }
@@ -126,8 +151,11 @@ uint32_t zoltLogFreeCfg(LogCfg *cfg) {
     if (cfg == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     (void)FreeFileSecuritySetting(&cfg->permissions);
-    for (char *LogCfg::*text : OWNED_TEXTS)
-        zoltLogFree(cfg->*text);
+    zoltLogFree(cfg->logsetName);
+    for (uint8_t id = 0; id < CFG_KEY_COUNT; ++id) {
+        if (CFG_KEYS[id].kind == CFG_TEXT)
+            zoltLogFree(*cfgField<char *>(cfg, static_cast<CfgKeyId>(id)));
+    }
     memset(cfg, 0, sizeof *cfg);
     return ZOLTLOG_OK;
 }
@@ -144,12 +172,6 @@ uint32_t FreeFileSecuritySetting(FileSecuritySetting *setting) {
 }
 
 // ---- the ways of changing and reading a field --------------------------------------------
-
-void cfgCopyText(char *field, size_t size, const char *text) {
-    const size_t length = strnlen(text, size - 1);
-    memmove(field, text, length);
-    field[length] = '\0';
-}
 
 static uint32_t changed(LogCfg *cfg, CfgKeyId id) {
     cfg->changedMask |= CFG_KEYS[id].mask;
@@ -209,7 +231,40 @@ static uint32_t getText(LogCfg *cfg, CfgKeyId id, char **out) {
     return text != nullptr && *out == nullptr ? ZOLTLOG_NO_MEMORY : ZOLTLOG_OK;
 }
 
-// ---- numbers ---------------------------------------------------------------------------
+// ---- accessors made from the table ---------------------------------------------------------
+
+#define ACCESS_NUMBER32(id, of) ACCESS_NUMBER(id, of, uint32_t)
+#define ACCESS_NUMBER64(id, of) ACCESS_NUMBER(id, of, uint64_t)
+#define ACCESS_NUMBER(id, of, type)                                                                          \
+    uint32_t zoltLogCfgSet##of(LogCfg *cfg, type value) {                                                    \
+        return setNumber(cfg, CFG_KEY_##id, value);                                                          \
+    }                                                                                                        \
+    uint32_t zoltLogCfgGet##of(LogCfg *cfg, type *value) {                                                   \
+        return getNumber(cfg, CFG_KEY_##id, value);                                                          \
+    }
+#define ACCESS_SWITCH(id, of)                                                                                \
+    uint32_t zoltLogCfgEnable##of(LogCfg *cfg) {                                                             \
+        return setSwitch(cfg, CFG_KEY_##id, true);                                                           \
+    }                                                                                                        \
+    uint32_t zoltLogCfgDisable##of(LogCfg *cfg) {                                                            \
+        return setSwitch(cfg, CFG_KEY_##id, false);                                                          \
+    }
+#define ACCESS_TEXT(id, of)                                                                                  \
+    uint32_t zoltLogCfgSet##of(LogCfg *cfg, const char *text) {                                              \
+        return setText(cfg, CFG_KEY_##id, text);                                                             \
+    }                                                                                                        \
+    uint32_t zoltLogCfgGet##of(LogCfg *cfg, char **out) {                                                    \
+        return getText(cfg, CFG_KEY_##id, out);                                                              \
+    }
+#define ACCESS_BY_HAND(id, of)
+#define ACCESSORS(id, name, kind, field, mask, lowest, highest, initial, copied, use, access, of, ...)       \
+    ACCESS_##access(id, of)
+
+// KEPT: those of AppMsgLogging mark every setting but the directory as changed. Pinned by
+// Config.AppMsgLoggingMarksEverythingButTheDirectory.
+CFG_KEY_TABLE(ACCESSORS)
+
+// ---- accessors made by hand ----------------------------------------------------------------
 
 int32_t IsValidRolloverMode(uint32_t mode) {
     return mode <= (ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC) ? 1 : 0;
@@ -224,106 +279,6 @@ uint32_t zoltLogCfgSetRolloverMode(LogCfg *cfg, uint32_t mode) {
 
 uint32_t zoltLogCfgGetRolloverMode(LogCfg *cfg, uint32_t *mode) {
     return getNumber(cfg, CFG_KEY_ROLLOVER_MODE, mode);
-}
-
-uint32_t zoltLogCfgSetMaxFileSize(LogCfg *cfg, uint64_t kilobytes) {
-    return setNumber(cfg, CFG_KEY_MAX_FILE_SIZE, kilobytes);
-}
-
-uint32_t zoltLogCfgGetMaxFileSize(LogCfg *cfg, uint64_t *kilobytes) {
-    return getNumber(cfg, CFG_KEY_MAX_FILE_SIZE, kilobytes);
-}
-
-uint32_t zoltLogCfgSetRolloverPeriod(LogCfg *cfg, uint64_t seconds) {
-    return setNumber(cfg, CFG_KEY_ROLLOVER_PERIOD, seconds);
-}
-
-uint32_t zoltLogCfgGetRolloverPeriod(LogCfg *cfg, uint64_t *seconds) {
-    return getNumber(cfg, CFG_KEY_ROLLOVER_PERIOD, seconds);
-}
-
-uint32_t zoltLogCfgSetRolloverTime(LogCfg *cfg, uint64_t seconds) {
-    return setNumber(cfg, CFG_KEY_ROLLOVER_TIME, seconds);
-}
-
-uint32_t zoltLogCfgGetRolloverTime(LogCfg *cfg, uint64_t *seconds) {
-    return getNumber(cfg, CFG_KEY_ROLLOVER_TIME, seconds);
-}
-
-uint32_t zoltLogCfgSetNumberOfLogFiles(LogCfg *cfg, uint64_t count) {
-    return setNumber(cfg, CFG_KEY_NUMBER_OF_FILES, count);
-}
-
-uint32_t zoltLogCfgGetNumberOfLogFiles(LogCfg *cfg, uint64_t *count) {
-    return getNumber(cfg, CFG_KEY_NUMBER_OF_FILES, count);
-}
-
-uint32_t zoltLogCfgSetDebugLevel(LogCfg *cfg, uint32_t level) {
-    return setNumber(cfg, CFG_KEY_DEBUG_LEVEL, level);
-}
-
-uint32_t zoltLogCfgGetDebugLevel(LogCfg *cfg, uint32_t *level) {
-    return getNumber(cfg, CFG_KEY_DEBUG_LEVEL, level);
-}
-
-uint32_t zoltLogCfgSetDiagLevel(LogCfg *cfg, uint32_t level) {
-    return setNumber(cfg, CFG_KEY_DIAG_LEVEL, level);
-}
-
-uint32_t zoltLogCfgGetDiagLevel(LogCfg *cfg, uint32_t *level) {
-    return getNumber(cfg, CFG_KEY_DIAG_LEVEL, level);
-}
-
-uint32_t zoltLogCfgSetDynaSetting(LogCfg *cfg, uint32_t seconds) {
-    return setNumber(cfg, CFG_KEY_RELOAD, seconds);
-}
-
-uint32_t zoltLogCfgGetDynaSetting(LogCfg *cfg, uint32_t *seconds) {
-    return getNumber(cfg, CFG_KEY_RELOAD, seconds);
-}
-
-// ---- switches ------------------------------------------------------------------------------
-
-uint32_t zoltLogCfgEnableLogRecycling(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_RECYCLE, true);
-}
-
-uint32_t zoltLogCfgDisableLogRecycling(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_RECYCLE, false);
-}
-
-// KEPT: these two mark every setting but the directory as changed. Pinned by
-// Config.AppMsgLoggingMarksEverythingButTheDirectory.
-uint32_t zoltLogCfgEnableAppMsgLogging(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_APP_MSG, true);
-}
-
-uint32_t zoltLogCfgDisableAppMsgLogging(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_APP_MSG, false);
-}
-
-uint32_t zoltLogCfgEnableLogToStdout(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_STDOUT, true);
-}
-
-uint32_t zoltLogCfgDisableLogToStdout(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_STDOUT, false);
-}
-
-uint32_t zoltLogCfgEnableLogToStderr(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_STDERR, true);
-}
-
-uint32_t zoltLogCfgDisableLogToStderr(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_STDERR, false);
-}
-
-uint32_t zoltLogCfgEnableLogToOslog(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_OSLOG, true);
-}
-
-uint32_t zoltLogCfgDisableLogToOslog(LogCfg *cfg) {
-    return setSwitch(cfg, CFG_KEY_OSLOG, false);
 }
 
 // KEPT: no mask bit; no configuration key holds this flag. Pinned by Config.OslogXMarksNothing.
@@ -356,12 +311,11 @@ uint32_t zoltLogCfgGetFlags(LogCfg *cfg, uint32_t *flags) {
     return getNumber(cfg, CFG_KEY_STDOUT, flags);
 }
 
-// ---- texts -----------------------------------------------------------------------------------
-
 uint32_t zoltLogCfgSetL10nLib(LogCfg *cfg, const char *text) {
     return setText(cfg, CFG_KEY_L10N_LIB, text);
 }
 
+// The platform's file name of the library.
 uint32_t zoltLogCfgGetL10nLib(LogCfg *cfg, char **out) {
     if (cfg == nullptr || out == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
@@ -371,30 +325,7 @@ uint32_t zoltLogCfgGetL10nLib(LogCfg *cfg, char **out) {
     return ZOLTLOG_OK;
 }
 
-uint32_t zoltLogCfgSetL10nResource(LogCfg *cfg, const char *text) {
-    return setText(cfg, CFG_KEY_L10N_RESOURCE, text);
-}
-
-uint32_t zoltLogCfgGetL10nResource(LogCfg *cfg, char **out) {
-    return getText(cfg, CFG_KEY_L10N_RESOURCE, out);
-}
-
-uint32_t zoltLogCfgSetL10nResourceDir(LogCfg *cfg, const char *text) {
-    return setText(cfg, CFG_KEY_L10N_DIR, text);
-}
-
-uint32_t zoltLogCfgGetL10nResourceDir(LogCfg *cfg, char **out) {
-    return getText(cfg, CFG_KEY_L10N_DIR, out);
-}
-
-uint32_t zoltLogCfgSetLogsetFilename(LogCfg *cfg, const char *text) {
-    return setText(cfg, CFG_KEY_FILE_NAME, text);
-}
-
-uint32_t zoltLogCfgGetLogsetFilename(LogCfg *cfg, char **out) {
-    return getText(cfg, CFG_KEY_FILE_NAME, out);
-}
-
+// The names of the two differ: they are exported so.
 uint32_t zoltLogCfgSetLogsetOIDappMsgLogging(LogCfg *cfg, const char *text) {
     return setText(cfg, CFG_KEY_OIDS_APP_MSG, text);
 }
@@ -403,48 +334,12 @@ uint32_t zoltLogCfgGetLogsetOIDOIDappMsgLogging(LogCfg *cfg, char **out) {
     return getText(cfg, CFG_KEY_OIDS_APP_MSG, out);
 }
 
-uint32_t zoltLogCfgSetLogsetOIDDebugLogging(LogCfg *cfg, const char *text) {
-    return setText(cfg, CFG_KEY_OIDS_DEBUG, text);
-}
-
-uint32_t zoltLogCfgGetLogsetOIDDebugLogging(LogCfg *cfg, char **out) {
-    return getText(cfg, CFG_KEY_OIDS_DEBUG, out);
-}
-
-uint32_t zoltLogCfgSetLogsetOIDDiagLogging(LogCfg *cfg, const char *text) {
-    return setText(cfg, CFG_KEY_OIDS_DIAG, text);
-}
-
-uint32_t zoltLogCfgGetLogsetOIDDiagLogging(LogCfg *cfg, char **out) {
-    return getText(cfg, CFG_KEY_OIDS_DIAG, out);
-}
-
 // ---- directory ---------------------------------------------------------------------------------
 
 uint32_t zoltLogCfgSetDirectory(LogCfg *cfg, const char *path, char *destination) {
-    if (cfg == nullptr || path == nullptr || *path == '\0')
+    if (cfg == nullptr || path == nullptr ||
+        !cfgPutDirectory(cfg, path, destination != nullptr ? destination : cfg->directory))
         return ZOLTLOG_INVALID_ARGUMENT;
-    if (destination == nullptr)
-        destination = cfg->directory;
-    if (destination < cfg->directory || destination >= cfg->directory + sizeof cfg->directory)
-        return ZOLTLOG_INVALID_ARGUMENT;
-    const auto room = static_cast<size_t>(cfg->directory + sizeof cfg->directory - destination);
-    char directory[sizeof cfg->directory]; // the path may lie in the field itself
-    size_t length = 0;
-    for (const char *from = path; *from != '\0'; ++from) {
-        if (length + 1 >= room)
-            return ZOLTLOG_INVALID_ARGUMENT;
-        if (from[0] == '\\' && from[1] == '\\')
-            ++from;
-        directory[length++] = *from;
-    }
-    if (directory[length - 1] != '/') {
-        if (length + 1 >= room)
-            return ZOLTLOG_INVALID_ARGUMENT;
-        directory[length++] = '/';
-    }
-    memcpy(destination, directory, length);
-    destination[length] = '\0';
     return changed(cfg, CFG_KEY_DIRECTORY);
 }
 
@@ -471,7 +366,7 @@ uint32_t LogCfgGetShortNames(LogCfg *cfg, uint32_t selector, char **out) {
     *out = nullptr;
     const bool ofProduct = (selector & 0xFFFFU) == SHORT_NAMES_SELECTOR;
     char names[sizeof cfg->originatorNames];
-    cfgCopyText(names, sizeof names, ofProduct ? cfg->productShortNames : cfg->originatorNames);
+    copyBounded(names, sizeof names, ofProduct ? cfg->productShortNames : cfg->originatorNames);
     if (*names == '\0')
         return ZOLTLOG_OK;
     char *end = strchr(names, ',');
@@ -508,7 +403,7 @@ uint32_t SettingStringToRolloverModeEnum(const char *text) {
     return mode;
 }
 
-// The caller's buffer has room for every form (ROLLOVER_TEXT_SIZE of the writers is ample).
+// The caller's buffer has room for every form (CFG_SHOWN_SIZE is ample).
 static char *appendWord(char *end, const char *word) {
     const size_t length = strlen(word);
     memcpy(end, word, length + 1);

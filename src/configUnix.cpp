@@ -73,9 +73,7 @@ uint32_t zoltLogCfgGetSyslogOpt(LogCfg *cfg, uint32_t *option) {
 uint32_t zoltLogCfgSetSyslogIdent(LogCfg *cfg, const char *ident) {
     if (cfg == nullptr || ident == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    const size_t length = strnlen(ident, sizeof cfg->oslog.ident);
-    memmove(cfg->oslog.ident, ident, length);
-    memset(cfg->oslog.ident + length, 0, sizeof cfg->oslog.ident - length);
+    cfgPutIdent(cfg, ident);
     return changed(cfg, CFG_KEY_OSLOG_IDENT);
 }
 
@@ -88,10 +86,8 @@ uint32_t zoltLogCfgGetSyslogIdent(LogCfg *cfg, char **out) {
     return *out != nullptr ? ZOLTLOG_OK : ZOLTLOG_NO_MEMORY;
 }
 
-// KEPT: the decimal digits of the number are tested as if they were the octal ones, so 0755
-// and 0600 are refused. Pinned by ConfigUnix.PermissionsAreTestedByTheirDecimalDigits.
 uint32_t zoltLogCfgSetLogFilePermissions(LogCfg *cfg, uint64_t mode) {
-    if (cfg == nullptr || mode >= 778 || mode % 100 > 79 || mode % 10 > 7)
+    if (cfg == nullptr || !cfgIsMode(mode))
         return ZOLTLOG_INVALID_ARGUMENT;
     cfg->permissions.mode = static_cast<uint32_t>(mode);
     return changed(cfg, CFG_KEY_PERMISSIONS);

@@ -1,244 +1,238 @@
-// Configuration values between file and record: one function takes a value in, one
-// writes it out, for every kind of key of the table in config_keys.h.
-#include "config.h"
+// Configuration values between file and record: one function takes a value in, one shows
+// it as it is written, for every kind of key of the table in config_keys.h.
+//
+// The unit uses exported operations only: qdlogcfg has it compiled in, so that the tool
+// and the library cannot differ about a value.
+#include "config_keys.h"
 
-#include "cmn_routines.h"
+#include "bounded.h"
 
-#include <stdlib.h>
-#include <string.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
-static const size_t ROLLOVER_TEXT_SIZE = 256;
-static const size_t DAY_TIME_SIZE = 48; // two 64-bit numbers and a colon
-static const size_t OCTAL_SIZE = 16;    // of 32 bits
-static const char APP_MSG_ON[] = "ON";
-static const char APP_MSG_OFF[] = "OFF";
-static const uint64_t SECONDS_PER_HOUR = 3600;
-static const uint64_t SECONDS_PER_MINUTE = 60;
-static const unsigned long HOURS_PER_DAY = 24;
-static const unsigned long MINUTES_PER_HOUR = 60;
+namespace {
 
-void cfgIdText(uint64_t id, char text[CFG_ID_SIZE]) {
-    (void)snprintf(text, CFG_ID_SIZE, "%lu", id);
+const size_t DAY_TIME_SIZE = 48; // two 64-bit numbers and a colon
+const char APP_MSG_ON[] = "ON";
+const char APP_MSG_OFF[] = "OFF";
+const char TRUE_WORD[] = "true";
+const char FALSE_WORD[] = "false";
+const uint64_t SECONDS_PER_HOUR = 3600;
+const uint64_t SECONDS_PER_MINUTE = 60;
+const unsigned long HOURS_PER_DAY = 24;
+const unsigned long MINUTES_PER_HOUR = 60;
+
+template<typename T>
+T *fieldOf(LogCfg *cfg, CfgKeyId id) {
+    return reinterpret_cast<T *>(reinterpret_cast<char *>(cfg) + CFG_KEYS[id].field);
 }
 
-// ---- from the file ------------------------------------------------------------------------
+template<typename T>
+T valueOf(const LogCfg *cfg, CfgKeyId id) {
+    T value;
+    memcpy(&value, reinterpret_cast<const char *>(cfg) + CFG_KEYS[id].field, sizeof value);
+    return value;
+}
 
-static bool isLevelled(const CfgKey *key, unsigned long number) {
-    return number >= key->lowest && number <= key->highest;
+CfgTaken exactlyIf(bool exact) {
+    return exact ? CFG_EXACTLY : CFG_LOOSELY;
+}
+
+bool isDigit(char c, char highest) {
+    return c >= '0' && c <= highest;
+}
+
+// Nothing but digits, whose number would be written as it is read: without a sign.
+bool isPlainNumber(const char *text, unsigned long number) {
+    const char *end = text;
+    while (isDigit(*end, '9'))
+        ++end;
+    return end != text && *end == '\0' && number <= INT64_MAX;
 }
 
 // "hours:minutes", each with blanks and a sign before it at most, anything behind it.
 // dayTimeText is the way back.
-static bool parseDayTime(const char *text, uint64_t *seconds) {
+bool parseDayTime(const char *text, uint64_t *seconds, bool *exact) {
     char *end = nullptr;
     const auto hours = static_cast<unsigned long>(strtol(text, &end, 10));
     if (end == text || *end != ':')
         return false;
+    *exact = isDigit(*text, '9') && isDigit(end[1], '9');
     text = end + 1;
     const auto minutes = static_cast<unsigned long>(strtol(text, &end, 10));
     if (end == text || hours >= HOURS_PER_DAY || minutes >= MINUTES_PER_HOUR)
         return false;
+    *exact = *exact && *end == '\0';
     *seconds = hours * SECONDS_PER_HOUR + minutes * SECONDS_PER_MINUTE;
     return true;
 }
 
-static void dayTimeText(uint64_t seconds, char text[DAY_TIME_SIZE]) {
+void dayTimeText(uint64_t seconds, char text[DAY_TIME_SIZE]) {
     (void)snprintf(text, DAY_TIME_SIZE, "%02lu:%02lu", seconds / SECONDS_PER_HOUR,
                    seconds % SECONDS_PER_HOUR / SECONDS_PER_MINUTE);
 }
 
-static void applyDirectory(LogCfg *cfg, const char *path, bool isDefault) {
-    const bool replaces = isDefault || *path == '/';
-    (void)zoltLogCfgSetDirectory(
-        cfg, path, replaces ? nullptr : cfg->directory + strnlen(cfg->directory, sizeof cfg->directory - 1));
-}
-
-static void applyText(LogCfg *cfg, CfgKeyId id, char *text) {
-    char **field = cfgField<char *>(cfg, id);
-    zoltLogFree(*field);
-    *field = text;
-}
-
-static void applyTextValue(LogCfg *cfg, CfgKeyId id, LogOwned<char> text, bool isDefault,
-                           unsigned long *scratch) {
-    uint64_t seconds = 0;
-    char *end = nullptr;
-    switch (CFG_KEYS[id].kind) {
-    case CFG_DIRECTORY:
-        applyDirectory(cfg, text.get(), isDefault);
-        break;
-    case CFG_NAMES:
-        if (*text.get() != '\0')
-            cfgCopyText(cfgField<char>(cfg, id), sizeof cfg->originatorNames, text.get());
-        break;
-    case CFG_TEXT:
-        if (*text.get() != '\0')
-            applyText(cfg, id, text.release());
-        break;
-    case CFG_ROLLOVER:
-        (void)zoltLogCfgSetRolloverMode(cfg, SettingStringToRolloverModeEnum(text.get()));
-        break;
-    case CFG_DAY_TIME:
-        if (parseDayTime(text.get(), &seconds))
-            *cfgField<uint64_t>(cfg, id) = seconds;
-        break;
-    case CFG_IDENT:
-        (void)zoltLogCfgSetSyslogIdent(cfg, text.get());
-        break;
-    case CFG_FACILITY:
-        (void)zoltLogCfgSetSyslogFacility(cfg, strToFacility(text.get()));
-        break;
-    default: { // CFG_PERMISSIONS
-        // KEPT: what is no octal number sets what "SyslogOpt" left, or 0. Pinned by
-        // ConfigUnix.UnparsablePermissionsSetTheScratchValue.
-        const unsigned long mode = strtoul(text.get(), &end, 8);
-        if (end != text.get())
-            *scratch = mode;
-        (void)zoltLogCfgSetLogFilePermissions(cfg, *scratch);
-        break;
+// The text with its blanks left out is the mode's own words, in either order.
+bool namesModeOnly(const char *text, uint32_t mode) {
+    char plain[CFG_SHOWN_SIZE];
+    size_t length = 0;
+    for (; *text != '\0' && length + 1 < sizeof plain; ++text) {
+        if (*text != ' ')
+            plain[length++] = *text;
     }
-    }
-}
-
-bool cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, bool isDefault, unsigned long *scratch) {
-    const CfgKey *key = &CFG_KEYS[id];
-    auto *word = cfgField<uint32_t>(cfg, id);
-    switch (key->kind) {
-    case CFG_NUMBER32:
-        if (isLevelled(key, storeValueNumber(value)))
-            *word = static_cast<uint32_t>(storeValueNumber(value));
-        return true;
-    case CFG_NUMBER64:
-        if (isLevelled(key, storeValueNumber(value)))
-            *cfgField<uint64_t>(cfg, id) = storeValueNumber(value);
-        return true;
-    case CFG_OPTION:
-        *scratch = storeValueNumber(value);
-        return zoltLogCfgSetSyslogOpt(cfg, static_cast<uint32_t>(*scratch)) == ZOLTLOG_OK;
-    case CFG_FLAG:
-        *word = storeValueBool(value) != 0 ? *word | static_cast<uint32_t>(key->lowest)
-                                           : *word & ~static_cast<uint32_t>(key->lowest);
-        return true;
-    case CFG_BOOLEAN:
-        *word = storeValueBool(value);
-        return true;
-    case CFG_ON_OFF: // trailing blanks count here: the raw value is compared
-        *word = strcmp(value, APP_MSG_ON) == 0 ? 1 : 0;
-        return true;
-    default:
-        break;
-    }
-    LogOwned<char> text(storeValueText(value));
-    if (text == nullptr)
-        return false;
-    applyTextValue(cfg, id, static_cast<LogOwned<char> &&>(text), isDefault, scratch);
-    return true;
-}
-
-// ---- to the file ----------------------------------------------------------------------------
-
-// The text that a text key would write; null when there is none, also for other kinds.
-static const char *ownText(const LogCfg *cfg, CfgKeyId id) {
-    const char *field = reinterpret_cast<const char *>(cfg) + CFG_KEYS[id].field;
-    switch (CFG_KEYS[id].kind) {
-    case CFG_DIRECTORY:
-    case CFG_NAMES:
-        return field;
-    case CFG_TEXT: {
-        const char *text = nullptr;
-        memcpy(&text, field, sizeof text);
-        return text;
-    }
-    default:
-        return nullptr;
-    }
-}
-
-static uint32_t writeNumber(PropertyStore *section, const CfgKey *key, unsigned long number) {
-    return utiSetPropertyAsUlong(section, key->name, &number);
-}
-
-static uint32_t writeBool(PropertyStore *section, const CfgKey *key, bool on) {
-    const uint32_t flag = on ? 1 : 0;
-    return utiSetPropertyAsBool(section, key->name, &flag);
-}
-
-static uint32_t writeIdent(PropertyStore *section, const CfgKey *key, const OsLogSettings *settings) {
-    char ident[sizeof settings->ident + 1];
-    cfgCopyText(ident, sizeof ident, ""); // the field may have no terminator
-    memcpy(ident, settings->ident, sizeof settings->ident);
-    ident[sizeof settings->ident] = '\0';
-    return utiSetPropertyAsStr(section, key->name, ident);
-}
-
-static uint32_t writeValue(const LogCfg *cfg, CfgKeyId id, PropertyStore *section) {
-    const CfgKey *key = &CFG_KEYS[id];
-    const char *field = reinterpret_cast<const char *>(cfg) + key->field;
-    uint32_t word = 0;
-    memcpy(&word, field, sizeof word);
-    char text[ROLLOVER_TEXT_SIZE] = "";
-    static_assert(DAY_TIME_SIZE <= sizeof text && OCTAL_SIZE <= sizeof text);
-    switch (key->kind) {
-    case CFG_NUMBER64: {
-        uint64_t number = 0;
-        memcpy(&number, field, sizeof number);
-        return writeNumber(section, key, number);
-    }
-    case CFG_NUMBER32:
-    case CFG_OPTION:
-        return writeNumber(section, key, word);
-    case CFG_FLAG:
-        return writeBool(section, key, (word & key->lowest) != 0);
-    case CFG_BOOLEAN:
-        return writeBool(section, key, word != 0);
-    case CFG_ON_OFF:
-        return utiSetPropertyAsStr(section, key->name, word == 1 ? APP_MSG_ON : APP_MSG_OFF);
-    case CFG_ROLLOVER:
-        return utiSetPropertyAsStr(section, key->name, RolloverModeEnumToSettingString(word, text));
-    case CFG_DAY_TIME:
-        dayTimeText(cfg->rolloverTime, text);
-        return utiSetPropertyAsStr(section, key->name, text);
-    case CFG_IDENT:
-        return writeIdent(section, key, &cfg->oslog);
-    case CFG_FACILITY: // without a name no text is passed, which the store refuses
-        return utiSetPropertyAsStr(section, key->name, facilityToStr(word));
-    case CFG_PERMISSIONS:
-        (void)snprintf(text, sizeof text, "%o", word);
-        return utiSetPropertyAsStr(section, key->name, text);
-    default:
-        return utiSetPropertyAsStr(section, key->name, ownText(cfg, id));
-    }
-}
-
-static bool isMarked(const LogCfg *cfg, CfgKeyId id) {
-    const bool marked = (cfg->changedMask & CFG_KEYS[id].mask) != 0;
-    return marked && (CFG_KEYS[id].kind != CFG_TEXT || ownText(cfg, id) != nullptr);
-}
-
-// KEPT: "AppMsgLogging" is meant by every bit but the directory's, so each change of another
-// setting writes it too. Pinned by ConfigWrite.EveryChangeButTheDirectoryWritesAppMsgLogging.
-bool cfgWriteKey(const LogCfg *cfg, CfgKeyId id, PropertyStore *section, uint32_t *result) {
-    if ((cfg->removedMask & CFG_KEYS[id].mask) != 0)
-        *result = utiRemoveProperty(section, CFG_KEYS[id].name);
-    else if (isMarked(cfg, id))
-        *result = writeValue(cfg, id, section);
-    else
-        return false;
-    return true;
-}
-
-bool cfgHasLineFeed(const LogCfg *cfg, uint8_t use) {
-    for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
-        const auto id = static_cast<CfgKeyId>(i);
-        const CfgKey *key = &CFG_KEYS[id];
-        if ((key->use & use) == 0 || (cfg->removedMask & key->mask) != 0 || !isMarked(cfg, id))
-            continue;
-        const char *text = ownText(cfg, id);
-        if (text != nullptr && strchr(text, '\n') != nullptr)
-            return true;
-        if (key->kind == CFG_IDENT &&
-            memchr(cfg->oslog.ident, '\n', strnlen(cfg->oslog.ident, sizeof cfg->oslog.ident)) != nullptr)
+    plain[length] = '\0';
+    char shown[CFG_SHOWN_SIZE] = "";
+    (void)RolloverModeEnumToSettingString(mode, shown);
+    char *bar = strstr(shown, " | ");
+    if (bar == nullptr)
+        return strcmp(plain, shown) == 0;
+    *bar = '\0';
+    const char *const words[] = {shown, bar + sizeof " | " - 1};
+    for (int first = 0; first < 2; ++first) {
+        const size_t size = strlen(words[first]);
+        if (strncmp(plain, words[first], size) == 0 && plain[size] == '|' &&
+            strcmp(plain + size + 1, words[1 - first]) == 0)
             return true;
     }
     return false;
+}
+
+// ---- taking a value in -------------------------------------------------------------------
+
+CfgTaken takeRaw(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *state) {
+    const CfgKey *key = &CFG_KEYS[id];
+    auto *word = fieldOf<uint32_t>(cfg, id);
+    if (key->kind == CFG_ON_OFF) { // blanks at the end count
+        *word = strcmp(value, APP_MSG_ON) == 0 ? 1 : 0;
+        return exactlyIf(*word == 1 || strcmp(value, APP_MSG_OFF) == 0);
+    }
+    if (key->kind == CFG_FLAG || key->kind == CFG_BOOLEAN) {
+        const bool on = strcoll(value, TRUE_WORD) == 0;
+        const auto flag = static_cast<uint32_t>(key->lowest);
+        if (key->kind == CFG_BOOLEAN)
+            *word = on ? 1 : 0;
+        else
+            *word = on ? *word | flag : *word & ~flag;
+        return exactlyIf(on || strcmp(value, FALSE_WORD) == 0);
+    }
+    const unsigned long number = strtoul(value, nullptr, 10);
+    if (key->kind == CFG_OPTION) {
+        state->number = number;
+        *word = static_cast<uint32_t>(number);
+        return exactlyIf(isPlainNumber(value, number) && number <= key->highest);
+    }
+    if (number < key->lowest || number > key->highest)
+        return CFG_SKIPPED;
+    if (key->kind == CFG_NUMBER32)
+        *word = static_cast<uint32_t>(number);
+    else
+        *fieldOf<uint64_t>(cfg, id) = number;
+    return exactlyIf(isPlainNumber(value, number));
+}
+
+CfgTaken takeDirectory(LogCfg *cfg, const char *path, bool isBase) {
+    char *end = cfg->directory + strnlen(cfg->directory, sizeof cfg->directory - 1);
+    return cfgPutDirectory(cfg, path, isBase || *path == '/' ? cfg->directory : end) ? CFG_EXACTLY
+                                                                                     : CFG_SKIPPED;
+}
+
+CfgTaken takeOwnText(LogCfg *cfg, CfgKeyId id, const char *text) {
+    char *copy = zoltLogSafeStrdup(text);
+    if (copy == nullptr)
+        return CFG_NO_MEMORY;
+    char **field = fieldOf<char *>(cfg, id);
+    zoltLogFree(*field);
+    *field = copy;
+    return CFG_EXACTLY;
+}
+
+// KEPT: what is no octal number sets what "SyslogOpt" left, or 0. Pinned by
+// ConfigUnix.UnparsablePermissionsSetTheScratchValue.
+CfgTaken takePermissions(LogCfg *cfg, CfgKeyId id, const char *text, CfgSectionState *state) {
+    char *end = nullptr;
+    const unsigned long mode = strtoul(text, &end, 8);
+    if (end != text)
+        state->number = mode;
+    if (!cfgIsMode(state->number))
+        return CFG_SKIPPED;
+    *fieldOf<uint32_t>(cfg, id) = static_cast<uint32_t>(state->number);
+    return exactlyIf(isDigit(*text, '7') && *end == '\0');
+}
+
+} // namespace
+
+CfgTaken cfgTake(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *state) {
+    auto *word = fieldOf<uint32_t>(cfg, id);
+    bool exact = true;
+    switch (CFG_KEYS[id].kind) {
+    case CFG_DIRECTORY:
+        return takeDirectory(cfg, value, state->isBase);
+    case CFG_NAMES:
+        if (*value == '\0')
+            return CFG_SKIPPED;
+        copyBounded(cfg->originatorNames, value);
+        return exactlyIf(strlen(value) < sizeof cfg->originatorNames);
+    case CFG_TEXT:
+        return *value != '\0' ? takeOwnText(cfg, id, value) : CFG_SKIPPED;
+    case CFG_ROLLOVER:
+        *word = SettingStringToRolloverModeEnum(value); // none of the invalid modes
+        return exactlyIf(namesModeOnly(value, *word));
+    case CFG_DAY_TIME:
+        return parseDayTime(value, fieldOf<uint64_t>(cfg, id), &exact) ? exactlyIf(exact) : CFG_SKIPPED;
+    case CFG_IDENT:
+        cfgPutIdent(cfg, value);
+        return exactlyIf(strlen(value) <= sizeof cfg->oslog.ident);
+    case CFG_FACILITY:
+        *word = strToFacility(value);
+        return exactlyIf(strcmp(facilityToStr(*word), value) == 0);
+    case CFG_PERMISSIONS:
+        return takePermissions(cfg, id, value, state);
+    default:
+        return takeRaw(cfg, id, value, state);
+    }
+}
+
+// ---- showing a value ------------------------------------------------------------------------
+
+const char *cfgShow(const LogCfg *cfg, CfgKeyId id, char buffer[CFG_SHOWN_SIZE]) {
+    static_assert(DAY_TIME_SIZE <= CFG_SHOWN_SIZE && sizeof cfg->oslog.ident < CFG_SHOWN_SIZE);
+    const CfgKey *key = &CFG_KEYS[id];
+    const auto word = valueOf<uint32_t>(cfg, id);
+    *buffer = '\0';
+    switch (key->kind) {
+    case CFG_DIRECTORY:
+    case CFG_NAMES:
+        return reinterpret_cast<const char *>(cfg) + key->field;
+    case CFG_TEXT:
+        return valueOf<char *>(cfg, id);
+    case CFG_NUMBER64: // as the store writes numbers, which is signed
+        (void)snprintf(buffer, CFG_SHOWN_SIZE, "%ld", valueOf<long>(cfg, id));
+        break;
+    case CFG_NUMBER32:
+    case CFG_OPTION:
+        (void)snprintf(buffer, CFG_SHOWN_SIZE, "%u", word);
+        break;
+    case CFG_FLAG:
+        return (word & key->lowest) != 0 ? TRUE_WORD : FALSE_WORD;
+    case CFG_BOOLEAN:
+        return word != 0 ? TRUE_WORD : FALSE_WORD;
+    case CFG_ON_OFF:
+        return word == 1 ? APP_MSG_ON : APP_MSG_OFF;
+    case CFG_ROLLOVER:
+        return RolloverModeEnumToSettingString(word, buffer);
+    case CFG_DAY_TIME:
+        dayTimeText(valueOf<uint64_t>(cfg, id), buffer);
+        break;
+    case CFG_IDENT: // the field may have no terminator
+        copyBounded(buffer, sizeof cfg->oslog.ident + 1, cfg->oslog.ident);
+        break;
+    case CFG_FACILITY:
+        return facilityToStr(word);
+    case CFG_PERMISSIONS:
+        (void)snprintf(buffer, CFG_SHOWN_SIZE, "%o", word);
+        break;
+    }
+    return buffer;
 }

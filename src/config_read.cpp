@@ -27,7 +27,7 @@ static pthread_once_t locationOnce = PTHREAD_ONCE_INIT;
 
 static void findLocation() {
     const char *path = secure_getenv(LOCATION_VARIABLE);
-    cfgCopyText(location, sizeof location, path != nullptr && *path != '\0' ? path : LOCATION_DEFAULT);
+    copyBounded(location, sizeof location, path != nullptr && *path != '\0' ? path : LOCATION_DEFAULT);
 }
 
 const char *GetZoltLogCfgLoc(void) {
@@ -118,7 +118,7 @@ static ProductEntry readProduct(const char *mainFile, uint64_t productId) {
 
 static void takeShortNames(LogCfg *cfg, const char *names) {
     if (names != nullptr)
-        cfgCopyText(cfg->productShortNames, sizeof cfg->productShortNames, names);
+        copyBounded(cfg->productShortNames, sizeof cfg->productShortNames, names);
 }
 
 // ---- the keys of a section ------------------------------------------------------------------
@@ -145,21 +145,38 @@ static StoreSection sectionOf(const char *root, SectionValues *values) {
     return {root, KEY_NAMES.name, CFG_KEY_COUNT, values->text, values->found};
 }
 
-// Applies the values of a section in the order of the table; the number of keys found.
-static uint32_t applyValues(LogCfg *cfg, const SectionValues *values, uint8_t use, bool isDefault) {
+bool cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *state, CfgTaken *taken) {
+    CfgTaken became = CFG_SKIPPED;
+    if (cfgIsRaw(CFG_KEYS[id].kind)) {
+        became = cfgTake(cfg, id, value, state);
+    } else {
+        const LogOwned<char> text(storeValueText(value));
+        if (text == nullptr)
+            return false;
+        became = cfgTake(cfg, id, text.get(), state);
+    }
+    if (taken != nullptr)
+        *taken = became;
+    return true;
+}
+
+// Applies the values of a section in the order of the table; the number of keys found. One
+// that cannot be converted counts as not found from then on.
+static uint32_t applyValues(LogCfg *cfg, SectionValues *values, uint8_t use, bool isDefault) {
     uint32_t count = 0;
-    unsigned long scratch = 0;
+    CfgSectionState state = {isDefault, 0};
     for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
         const auto id = static_cast<CfgKeyId>(i);
-        if (values->found[id] && (CFG_KEYS[id].use & use) != 0 &&
-            cfgApplyValue(cfg, id, values->text[id], isDefault, &scratch))
-            ++count;
+        if (!values->found[id] || (CFG_KEYS[id].use & use) == 0)
+            continue;
+        values->found[id] = cfgApplyValue(cfg, id, values->text[id], &state, nullptr);
+        count += values->found[id] ? 1 : 0;
     }
     cfg->changedMask = 0;
     return count;
 }
 
-static void applyOriginator(LogCfg *cfg, const SectionValues *values, const char *section) {
+static void applyOriginator(LogCfg *cfg, SectionValues *values, const char *section) {
     (void)applyValues(cfg, values, CFG_READ_ORIGINATOR, strcmp(section, CFG_DEFAULT) == 0);
 }
 
@@ -173,7 +190,7 @@ static bool replaceText(char **field, const char *text) {
 }
 
 // The record's name is the given one before the file name falls back to it.
-static uint32_t applyLogset(LogCfg *cfg, const SectionValues *values, const char *name) {
+static uint32_t applyLogset(LogCfg *cfg, SectionValues *values, const char *name) {
     cfg->isLogset = 1;
     const uint32_t count = applyValues(cfg, values, CFG_READ_LOGSET, IsDefaultLogSet(name) != 0);
     if (name != nullptr)
@@ -251,15 +268,18 @@ uint32_t GetLogSetCfgSettings(const char *productLocation, const char *logsetNam
 uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter) {
     if (cfg == nullptr || section == nullptr || counter == nullptr)
         return STORE_INVALID_ARGUMENT;
-    unsigned long scratch = 0;
+    CfgSectionState state = {false, 0};
     uint32_t result = STORE_OK;
-    for (const CfgKeyId id : CFG_SECTION_KEYS) {
+    for (const CfgKeyId id : CFG_WRITTEN_LAST) {
         char value[STORE_VALUE_SIZE];
+        CfgTaken taken = CFG_SKIPPED;
         result = storeLookup(section, CFG_KEYS[id].name, value);
-        if (result == STORE_OK && !cfgApplyValue(cfg, id, value, false, &scratch))
+        if (result == STORE_OK && !cfgApplyValue(cfg, id, value, &state, &taken))
             result = STORE_NOT_FOUND;
         if (result == STORE_OK)
             ++*counter;
+        if (taken >= CFG_LOOSELY) // here the setting counts as set by the caller
+            cfg->changedMask |= CFG_KEYS[id].mask;
     }
     return result; // of the last key, the permissions
 }

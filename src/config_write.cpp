@@ -11,9 +11,6 @@
 #include <string.h>
 #include <sys/stat.h>
 
-static const uint8_t FIRST_SECTION_KEY = CFG_KEYS[CFG_KEY_OSLOG_IDENT].written; // and those behind it
-static const uint8_t FILE_NAME_KEY = CFG_KEYS[CFG_KEY_FILE_NAME].written;
-
 // ---- opening for writing ---------------------------------------------------------------
 
 // The file that a location names: the one behind a symbolic link, so that the link stays.
@@ -41,16 +38,45 @@ uint32_t CreatePropertyString(const char *location, const char *section, Propert
 
 // ---- records -----------------------------------------------------------------------------
 
-// Writes or removes the marked keys up to a place among the keys written; the result of
-// the first failure.
-static uint32_t writeKeys(const LogCfg *cfg, uint8_t use, uint8_t before, PropertyStore *section) {
-    for (uint8_t place = 1; place < before; ++place) {
-        for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
-            uint32_t result = STORE_OK;
-            if (CFG_KEYS[i].written == place && (CFG_KEYS[i].use & use) != 0 &&
-                cfgWriteKey(cfg, static_cast<CfgKeyId>(i), section, &result) && result != STORE_OK)
-                return result;
-        }
+static bool isMarked(const LogCfg *cfg, CfgKeyId id) {
+    char buffer[CFG_SHOWN_SIZE];
+    return (cfg->changedMask & CFG_KEYS[id].mask) != 0 &&
+           (CFG_KEYS[id].kind != CFG_TEXT || cfgShow(cfg, id, buffer) != nullptr);
+}
+
+// KEPT: "AppMsgLogging" is meant by every bit but the directory's, so each change of another
+// setting writes it too. Pinned by ConfigWrite.EveryChangeButTheDirectoryWritesAppMsgLogging.
+bool cfgWriteKey(const LogCfg *cfg, CfgKeyId id, PropertyStore *section, uint32_t *result) {
+    char buffer[CFG_SHOWN_SIZE];
+    if ((cfg->removedMask & CFG_KEYS[id].mask) != 0)
+        *result = utiRemoveProperty(section, CFG_KEYS[id].name);
+    else if (isMarked(cfg, id)) // a facility without a name passes no text, which the store refuses
+        *result = utiSetPropertyAsStr(section, CFG_KEYS[id].name, cfgShow(cfg, id, buffer));
+    else
+        return false;
+    return true;
+}
+
+// Whether a text that the masks mark for writing holds a line feed.
+static bool hasLineFeed(const LogCfg *cfg, uint8_t use) {
+    for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
+        const auto id = static_cast<CfgKeyId>(i);
+        char buffer[CFG_SHOWN_SIZE];
+        const char *text = nullptr;
+        if ((CFG_KEYS[id].use & use) != 0 && (cfg->removedMask & CFG_KEYS[id].mask) == 0 && isMarked(cfg, id))
+            text = cfgShow(cfg, id, buffer);
+        if (text != nullptr && strchr(text, '\n') != nullptr)
+            return true;
+    }
+    return false;
+}
+
+// Writes or removes the marked keys; the result of the first failure.
+static uint32_t writeKeys(const LogCfg *cfg, uint8_t use, PropertyStore *section) {
+    for (const CfgKeyId id : CFG_WRITTEN) {
+        uint32_t result = STORE_OK;
+        if ((CFG_KEYS[id].use & use) != 0 && cfgWriteKey(cfg, id, section, &result) && result != STORE_OK)
+            return result;
     }
     return STORE_OK;
 }
@@ -59,18 +85,18 @@ uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section) {
     if (cfg == nullptr || section == nullptr)
         return STORE_INVALID_ARGUMENT;
     uint32_t result = STORE_OK;
-    for (const CfgKeyId id : CFG_SECTION_KEYS)
+    for (const CfgKeyId id : CFG_WRITTEN_LAST)
         (void)cfgWriteKey(cfg, id, section, &result);
     return result;
 }
 
 static uint32_t writeOriginator(LogCfg *cfg, PropertyStore *section) {
-    const uint32_t result = writeKeys(cfg, CFG_WRITE_ORIGINATOR, FIRST_SECTION_KEY, section);
+    const uint32_t result = writeKeys(cfg, CFG_WRITE_ORIGINATOR, section);
     return utipsres2zoltlogres(result == STORE_OK ? osSetCfgSettings(cfg, section) : result);
 }
 
 static uint32_t writeLogset(LogCfg *cfg, PropertyStore *section) {
-    uint32_t result = writeKeys(cfg, CFG_WRITE_LOGSET, FILE_NAME_KEY, section);
+    uint32_t result = writeKeys(cfg, CFG_WRITE_LOGSET, section);
     if (result != STORE_OK)
         return utipsres2zoltlogres(result);
     if ((cfg->removedMask & CFG_KEYS[CFG_KEY_FILE_NAME].mask) != 0) {
@@ -86,7 +112,7 @@ static uint32_t writeLogset(LogCfg *cfg, PropertyStore *section) {
 
 uint32_t zoltLogWriteCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg) {
     if (isProdIdValid(productId) == 0 || isOrigIdValid(originatorId) == 0 || cfg == nullptr ||
-        cfgHasLineFeed(cfg, CFG_WRITE_ORIGINATOR))
+        hasLineFeed(cfg, CFG_WRITE_ORIGINATOR))
         return ZOLTLOG_INVALID_ARGUMENT;
     const GlobalLock lock(TAG_WRITE_CFG);
     char section[CFG_ID_SIZE];
@@ -122,7 +148,7 @@ static uint32_t writeLogsetAt(const char *location, const char *logsetName, LogC
 
 uint32_t zoltLogWritelogSetCfg(uint64_t productId, const char *logsetName, LogCfg *cfg) {
     if (isProdIdValid(productId) == 0 || isLogSetValid(logsetName) == 0 || cfg == nullptr ||
-        strchr(logsetName, '\n') != nullptr || cfgHasLineFeed(cfg, CFG_WRITE_LOGSET))
+        strchr(logsetName, '\n') != nullptr || hasLineFeed(cfg, CFG_WRITE_LOGSET))
         return ZOLTLOG_INVALID_ARGUMENT;
     const GlobalLock lock(TAG_WRITE_LOGSET_CFG);
     char *text = nullptr;

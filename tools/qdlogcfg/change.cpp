@@ -14,21 +14,21 @@ using tools::Output;
 
 namespace {
 
-const Key &requireKey(const std::string &name, const Scope &scope) {
-    const Key *key = findKey(name);
+const CfgKey &requireKey(const std::string &name, const Scope &scope) {
+    const CfgKey *key = findKey(name);
     if (key == nullptr) {
         const std::string near = nearestKey(name);
         throw CommandError(tools::ExitUsage, "there is no setting '" + name + "'" +
                                                  (near.empty() ? "" : "; did you mean " + near + "?"));
     }
-    if (scope.isLogset ? !key->logset : !key->originator)
+    if (!isReadIn(*key, scope.isLogset))
         throw CommandError(tools::ExitUsage, std::string(key->name) + " is no setting of " +
                                                  (scope.isLogset ? "a log set" : "an originator"));
     return *key;
 }
 
 struct Change {
-    const Key *key;
+    const CfgKey *key;
     std::string value;
 };
 
@@ -49,7 +49,7 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
     const size_t equals = argument.find('=');
     if (equals == std::string::npos)
         throw CommandError(tools::ExitUsage, "'" + argument + "' is not of the form KEY=VALUE");
-    const Key &key = requireKey(argument.substr(0, equals), scope);
+    const CfgKey &key = requireKey(argument.substr(0, equals), scope);
     const std::string value = argument.substr(equals + 1);
     constexpr size_t VALUE_LIMIT = 399; // what the library uses of a value
     const std::string utf8 = asUtf8(value);
@@ -74,26 +74,11 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
     Settings scratch;
     InitLogCfg(scope.product.id, scope.isLogset ? 0 : scope.originator,
                scope.isLogset ? scope.logset.c_str() : nullptr, &scratch.cfg);
-    if (key.apply(scratch.cfg, value) != ZOLTLOG_OK)
+    CfgSectionState state = {true, 0};
+    if (cfgTake(&scratch.cfg, idOf(key), value.c_str(), &state) != CFG_EXACTLY)
         throw CommandError(tools::ExitUsage, std::string(key.name) + ": '" + value +
                                                  "' is not allowed; it takes " + key.values);
-    return {&key, key.show(scratch.cfg)};
-}
-
-uint32_t writeKey(PropertyStore &store, const Change &change) {
-    switch (change.key->form) {
-    case Key::BOOLEAN: {
-        const uint32_t flag = change.value == "true" ? 1 : 0;
-        return utiSetPropertyAsBool(&store, change.key->name, &flag);
-    }
-    case Key::NUMBER: {
-        const unsigned long number = decimal(change.value).value_or(0);
-        return utiSetPropertyAsUlong(&store, change.key->name, &number);
-    }
-    case Key::TEXT:
-        break;
-    }
-    return utiSetPropertyAsStr(&store, change.key->name, change.value.c_str());
+    return {&key, shown(scratch.cfg, idOf(key))};
 }
 
 // An open section that is closed with its owner.
@@ -118,16 +103,17 @@ std::string place(const Scope &scope) {
 } // namespace
 
 int getSettings(const Options &options, Output &out) {
-    const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
-    const ConfigFile file = readConfigFile(scope.product.location);
+    const Product product = findProduct(options.product);
+    const ConfigFile file = readConfigFile(product.location);
+    const Scope scope = findScope(product, file, options.originator, options.logset);
     requireReadable(file);
     const std::vector<Effective> settings = effectiveSettings(scope, file);
     Json json;
     json.beginObject();
     for (const std::string &name : options.arguments) {
-        const Key &key = requireKey(name, scope);
+        const CfgKey &key = requireKey(name, scope);
         for (const Effective &setting : settings) {
-            if (setting.key != &key)
+            if (setting.key != idOf(key))
                 continue;
             json.text(key.name, setting.value);
             if (!options.json)
@@ -141,11 +127,13 @@ int getSettings(const Options &options, Output &out) {
 }
 
 int setSettings(const Options &options, Output &out) {
-    const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
+    const Product product = findProduct(options.product);
+    const ConfigFile file = readConfigFile(product.location);
+    const Scope scope = findScope(product, file, options.originator, options.logset);
     std::vector<Change> changes; // all are checked before the first is written
     for (const std::string &argument : options.arguments)
         changes.push_back(checkedChange(argument, scope));
-    requireChangeable(readConfigFile(scope.product.location));
+    requireChangeable(file);
     const std::string verb = options.dryRun ? "would set " : "set ";
     if (options.dryRun) {
         for (const Change &change : changes)
@@ -155,7 +143,8 @@ int setSettings(const Options &options, Output &out) {
     }
     Section section(scope, scope.section());
     for (const Change &change : changes) {
-        const uint32_t result = utipsres2zoltlogres(writeKey(section.store, change));
+        const uint32_t result =
+            utipsres2zoltlogres(utiSetPropertyAsStr(&section.store, change.key->name, change.value.c_str()));
         if (result != ZOLTLOG_OK)
             throw CommandError(tools::ExitUnreadable, std::string(change.key->name) + " was not written to " +
                                                           scope.product.location + ": " +
@@ -167,8 +156,9 @@ int setSettings(const Options &options, Output &out) {
 }
 
 int unsetSettings(const Options &options, Output &out) {
-    const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
-    const ConfigFile file = readConfigFile(scope.product.location);
+    const Product product = findProduct(options.product);
+    const ConfigFile file = readConfigFile(product.location);
+    const Scope scope = findScope(product, file, options.originator, options.logset);
     requireChangeable(file);
     std::vector<std::string> present; // also what is no setting: it should not stand there
     for (const std::string &name : options.arguments) {

@@ -4,11 +4,14 @@
 // Order of sections: findings; lines of a file; the main file; sections of a
 // product; directories and series.
 #include <algorithm>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <set>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "commands.h"
 #include "common/exit_codes.h"
@@ -49,8 +52,8 @@ struct Findings {
     std::vector<Finding> list;
 };
 
-std::string inQuotes(const std::string &text) {
-    return "'" + text + "'";
+std::string inQuotes(std::string_view text) {
+    return "'" + std::string(text) + "'";
 }
 
 // ---- lines of a file ---------------------------------------------------------------
@@ -58,10 +61,10 @@ std::string inQuotes(const std::string &text) {
 constexpr size_t VALUE_LIMIT = 399;
 
 void checkLines(const ConfigFile &file, Findings &findings) {
-    std::map<std::pair<std::string, std::string>, size_t> seen;
-    std::map<std::string, size_t> firstRun;
-    std::string current;
-    std::set<std::string> told;
+    std::unordered_map<std::string_view, size_t> seen; // by section and name, as they stand there
+    std::unordered_map<std::string_view, size_t> firstRun;
+    std::string_view current;
+    std::unordered_set<std::string_view> told;
     for (const ConfigLine &line : file.lines) {
         if (line.continued) {
             findings.error(file.path, line.number,
@@ -99,10 +102,10 @@ void checkLines(const ConfigFile &file, Findings &findings) {
             findings.error(file.path, line.number,
                            "the line ends in a carriage return, which becomes part of the value");
 
-        const auto [earlier, isNew] = seen.try_emplace({line.section, line.name}, line.number);
+        const auto [earlier, isNew] = seen.try_emplace(line.text.substr(0, equals), line.number);
         if (!isNew)
             findings.error(file.path, line.number,
-                           inQuotes(line.section + "." + line.name) + " is given again; only line " +
+                           inQuotes(line.text.substr(0, equals)) + " is given again; only line " +
                                std::to_string(earlier->second) + " counts");
         if (line.section != current) {
             const auto [run, first] = firstRun.try_emplace(line.section, line.number);
@@ -126,7 +129,8 @@ void checkMainFile(const ConfigFile &file, Findings &findings) {
     std::map<uint64_t, std::string> ids;
     std::map<std::string, std::string> locations;
     std::map<std::string, std::string> names;
-    for (const std::string &section : file.sections()) {
+    for (const std::string_view view : file.sections) {
+        const std::string section(view);
         const std::optional<uint64_t> id = decimal(section);
         const bool toolSection = section == "LoggingTools";
         for (const size_t position : file.linesOfSection.at(section)) {
@@ -164,14 +168,14 @@ void checkMainFile(const ConfigFile &file, Findings &findings) {
                            "product " + section + " has no Configuration and counts as not registered");
             continue;
         }
-        if (location->value.find(".conf") == std::string::npos)
+        if (location->value.find(".conf") == std::string_view::npos)
             findings.error(file.path, at,
                            "Configuration holds no \".conf\": log sets of product " + section +
                                " would be looked for elsewhere");
-        if (location->value[0] != '/')
+        if (location->value.substr(0, 1) != "/")
             findings.error(file.path, at, "Configuration is no absolute path: " + inQuotes(location->value));
         if (const ConfigLine *line = file.find(section, "Names")) {
-            for (const std::string &name : namesIn(line->value)) {
+            for (const std::string &name : namesIn(std::string(line->value))) {
                 const auto [owner, isFirst] = names.try_emplace(name, section);
                 if (!isFirst && owner->second != section)
                     findings.warn(file.path, line->number,
@@ -179,7 +183,7 @@ void checkMainFile(const ConfigFile &file, Findings &findings) {
                                       inQuotes(name));
             }
         }
-        const auto [sharer, only] = locations.try_emplace(location->value, section);
+        const auto [sharer, only] = locations.try_emplace(std::string(location->value), section);
         if (!only)
             findings.warn(file.path, at,
                           "products " + sharer->second + " and " + section + " share one configuration file");
@@ -188,63 +192,41 @@ void checkMainFile(const ConfigFile &file, Findings &findings) {
 
 // ---- sections of a product ---------------------------------------------------------
 
-// What the library accepts but a person would not expect.
-void checkMeaning(const ConfigFile &file, const ConfigLine &line, const Key &key, Findings &findings) {
-    const std::string name = key.name;
-    const bool isRaw = key.form != Key::TEXT || name == "AppMsgLogging"; // spaces at the end count
-    const std::string value = isRaw ? line.value : strippedValue(line);
-    const auto warn = [&](const std::string &text) {
-        findings.warn(file.path, line.number, name + ": " + text);
-    };
-    if (key.form == Key::BOOLEAN && value != "true" && value != "false")
-        findings.error(file.path, line.number,
-                       name + " is true or false; " + inQuotes(value) + " reads as false");
-    if (key.form == Key::NUMBER && !decimal(value))
-        findings.error(file.path, line.number, name + ": " + inQuotes(value) + " is no plain number");
-    if (name == "AppMsgLogging" && value != "ON" && value != "OFF")
-        findings.error(file.path, line.number, name + " is ON or OFF; " + inQuotes(value) + " reads as OFF");
-    if (name == "DynaReloadInSec") {
-        const uint64_t seconds = decimal(value).value_or(0);
-        if (seconds > 0 && seconds < 60)
-            warn("intervals below 60 seconds count as 60");
-    }
-    if (name == "RolloverMode") {
-        Settings scratch;
-        InitLogCfg(1, 1, nullptr, &scratch.cfg);
-        if (key.apply(scratch.cfg, value) != ZOLTLOG_OK)
-            findings.error(
-                file.path, line.number, name + ": " + inQuotes(value) + " is read as " + [&] {
-                    char text[256] = "";
-                    return std::string(RolloverModeEnumToSettingString(
-                        SettingStringToRolloverModeEnum(value.c_str()), text));
-                }());
-    }
-    if (name == "SyslogFacility" && strToFacility(value.c_str()) == 0 && value != "LOG_KERN")
-        findings.error(file.path, line.number,
-                       name + ": unknown facility " + inQuotes(value) + " is read as LOG_KERN");
-    if (name == "SyslogOpt" && decimal(value).value_or(0) > UINT32_MAX)
-        findings.error(file.path, line.number, name + ": only the lower 32 bits of " + value + " are used");
-    if (name == "SyslogIdent" && value.size() > sizeof(OsLogSettings::ident))
-        warn("only the first 80 bytes are used");
-    if (name == "FileName" && value.find_first_of("-/") != std::string::npos)
+// What the library accepts but a person would not expect, besides another value.
+void checkMeaning(const ConfigFile &file, const ConfigLine &line, CfgKeyId id, const LogCfg &cfg,
+                  Findings &findings) {
+    const std::string name = CFG_KEYS[id].name;
+    if (id == CFG_KEY_RELOAD && cfg.reloadInterval > 0 && cfg.reloadInterval < 60)
+        findings.warn(file.path, line.number, name + ": intervals below 60 seconds count as 60");
+    if (id == CFG_KEY_FILE_NAME && line.value.find_first_of("-/") != std::string_view::npos)
         findings.error(file.path, line.number, name + ": '-' and '/' make the files' names unreadable");
-    if (name == "LogFilePermissions" &&
-        (value.empty() || value.find_first_not_of("01234567") != std::string::npos))
-        findings.error(file.path, line.number,
-                       name + ": " + inQuotes(value) +
-                           " does not parse; the permissions become the number of SyslogOpt, or 0");
+}
+
+// A value of which the library makes nothing, or something else than it says.
+void checkValue(const ConfigFile &file, const KeyLine &key, CfgKeyId id, const LogCfg &cfg,
+                Findings &findings) {
+    const std::string value = CFG_KEYS[id].name + (": " + inQuotes(key.line->value));
+    const std::string takes = std::string("; it takes ") + CFG_KEYS[id].values;
+    if (key.taken == CFG_SKIPPED)
+        findings.error(file.path, key.line->number, value + " is skipped silently" + takes);
+    else if (key.taken == CFG_LOOSELY)
+        findings.error(file.path, key.line->number,
+                       value + " is read as " + inQuotes(shown(cfg, id)) + takes);
 }
 
 void checkSection(const ConfigFile &file, const std::string &section, bool isLogset, Findings &findings) {
-    const std::vector<bool> taken = accepted(file, section, isLogset);
+    Settings settings;
+    InitLogCfg(1, isLogset ? 0 : 1, nullptr, &settings.cfg);
+    const SectionKeys keys = applySection(settings.cfg, file, section, isLogset);
+    std::unordered_set<std::string_view> seen;
     for (const size_t position : file.linesOfSection.at(section)) {
         const ConfigLine &line = file.lines[position];
-        if (line.continued || file.find(section, line.name) != &line)
+        if (line.continued || !seen.insert(line.name).second)
             continue;
-        const Key *key = findKey(line.name);
+        const CfgKey *key = findKey(line.name);
         if (key == nullptr) {
             const std::string near = nearestKey(line.name);
-            if (isLogset && line.name.find('.') != std::string::npos)
+            if (isLogset && line.name.find('.') != std::string_view::npos)
                 findings.error(file.path, line.number,
                                "the key " + inQuotes(line.name) + " of section " + inQuotes(section) +
                                    " holds a '.': log sets with a '.' in their name cannot be changed");
@@ -254,22 +236,21 @@ void checkSection(const ConfigFile &file, const std::string &section, bool isLog
                                   (near.empty() ? "" : "; did you mean " + near + "?"));
             continue;
         }
-        if (isLogset ? !key->logset : !key->originator) {
+        const CfgKeyId id = idOf(*key);
+        if (!isReadIn(*key, isLogset)) {
             findings.warn(file.path, line.number,
                           std::string(key->name) + " is not read in section " + inQuotes(section));
-            continue;
+        } else if (keys[id].line == &line) {
+            checkValue(file, keys[id], id, settings.cfg, findings);
+            checkMeaning(file, line, id, settings.cfg, findings);
         }
-        if (!taken[static_cast<size_t>(key - keys().data())])
-            findings.error(file.path, line.number,
-                           std::string(key->name) + ": " + inQuotes(line.value) +
-                               " is skipped silently; it takes " + key->values);
-        checkMeaning(file, line, *key, findings);
     }
 }
 
 void checkSections(const ConfigFile &file, Findings &findings) {
     std::map<uint64_t, std::string> originators;
-    for (const std::string &section : file.sections()) {
+    for (const std::string_view view : file.sections) {
+        const std::string section(view);
         const bool isLogset = section.rfind("LOGSET", 0) == 0;
         const ConfigLine &first = file.lines[file.linesOfSection.at(section).front()];
         if (isLogset && section.find('.') == std::string::npos) {
@@ -349,9 +330,9 @@ size_t lineOfBase(const ConfigFile &file, const Scope &scope) {
 void checkSeries(const Product &product, const ConfigFile &file, std::map<std::string, std::string> &series,
                  Findings &findings) {
     std::set<std::string> directoriesTold;
-    for (const Scope &scope : allScopes(product)) {
+    for (const Scope &scope : allScopes(product, file)) {
         Settings settings;
-        if (!readSettings(scope, settings))
+        if (!readSettings(scope, file, settings))
             continue;
         const LogCfg &cfg = settings.cfg;
         const std::string who = "product " + std::to_string(product.id) + ", " + scope.title();
@@ -398,8 +379,8 @@ int checkConfiguration(const Options &options, Output &out) {
     const ConfigFile mainFile = readConfigFile(mainConfigPath());
     if (!mainFile.readable)
         throw CommandError(tools::ExitUnreadable,
-                           mainConfigPath() + " cannot be read: no product is registered");
-    std::vector<Product> products = registeredProducts();
+                           mainConfigPath() + " cannot be read: " + std::strerror(mainFile.cause));
+    std::vector<Product> products = registeredProducts(mainFile);
     if (options.product.empty())
         checkMainFile(mainFile, findings);
     else

@@ -13,62 +13,84 @@ namespace {
 
 constexpr size_t LINE_BYTES = 499;  // are read at a time
 constexpr size_t VALUE_BYTES = 399; // of a value are used
+constexpr std::string_view LOGSET = "LOGSET";
 
-ConfigLine parseLine(std::string text, size_t number, bool continued) {
+bool isComment(std::string_view text) {
+    const size_t first = text.find_first_not_of(' ');
+    return first != std::string_view::npos && text[first] == '#';
+}
+
+// Cut between characters.
+std::string_view usedValue(std::string_view value) {
+    if (value.size() <= VALUE_BYTES)
+        return value;
+    size_t size = VALUE_BYTES;
+    while (size > 0 && (static_cast<unsigned char>(value[size]) & 0xC0U) == 0x80)
+        --size;
+    return value.substr(0, size);
+}
+
+void splitProperty(ConfigLine &line) {
+    const size_t equals = line.text.find('=');
+    line.hasEquals = equals != std::string_view::npos;
+    if (line.comment || !line.hasEquals)
+        return;
+    const std::string_view key = line.text.substr(0, equals);
+    size_t dot = key.find('.');
+    if (dot != std::string_view::npos && key.substr(0, dot) == LOGSET) {
+        const size_t second = key.find('.', dot + 1);
+        if (second != std::string_view::npos)
+            dot = second;
+    }
+    if (dot != std::string_view::npos) {
+        line.section = key.substr(0, dot);
+        line.name = key.substr(dot + 1);
+    } else {
+        line.name = key;
+    }
+    const size_t end = line.text.find('=', equals + 1);
+    line.valueHasEquals = end != std::string_view::npos;
+    line.value =
+        usedValue(line.text.substr(equals + 1, line.valueHasEquals ? end - equals - 1 : std::string::npos));
+}
+
+ConfigLine parseLine(std::string_view text, size_t number, bool continued) {
     ConfigLine line{};
+    const bool complete = text.back() == '\n';
+    if (complete)
+        text.remove_suffix(1);
+    const size_t nul = text.find('\0');
     line.number = number;
     line.continued = continued;
-    line.comment = Iscomment(text.c_str()) == 1;
-    line.blank = std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isspace(c) != 0; });
-    const size_t equals = text.find('=');
-    line.hasEquals = equals != std::string::npos;
-    if (!line.comment && line.hasEquals) {
-        const std::string key = text.substr(0, equals);
-        size_t dot = key.find('.');
-        if (dot != std::string::npos && key.compare(0, dot, "LOGSET") == 0) {
-            const size_t second = key.find('.', dot + 1);
-            if (second != std::string::npos)
-                dot = second;
-        }
-        if (dot != std::string::npos) {
-            line.section = key.substr(0, dot);
-            line.name = key.substr(dot + 1);
-        } else {
-            line.name = key;
-        }
-        const size_t end = text.find('=', equals + 1);
-        line.valueHasEquals = end != std::string::npos;
-        line.value = text.substr(equals + 1, line.valueHasEquals ? end - equals - 1 : std::string::npos);
-        line.value.resize(std::min(line.value.size(), VALUE_BYTES));
-    }
-    line.text = std::move(text);
+    line.hasNul = nul != std::string_view::npos;
+    line.text = text.substr(0, nul);
+    line.comment = isComment(line.text);
+    line.blank =
+        std::all_of(line.text.begin(), line.text.end(), [](unsigned char c) { return std::isspace(c) != 0; });
+    splitProperty(line);
+    const bool isWhole = complete && !line.hasNul;
+    line.hasValue = line.hasEquals && (isWhole || line.text.back() != '=' || line.valueHasEquals);
     return line;
 }
 
-// The next line as the library cuts it; false at the end of the file.
-bool nextLine(FILE *stream, std::string &text) {
-    text.clear();
-    int c = 0;
-    while (text.size() < LINE_BYTES && c != '\n' && (c = std::getc(stream)) != EOF)
-        text += static_cast<char>(c);
-    return !text.empty();
+bool readAll(FILE *stream, std::string &bytes) {
+    char buffer[65536];
+    size_t count = 0;
+    while ((count = std::fread(buffer, 1, sizeof buffer, stream)) > 0)
+        bytes.append(buffer, count);
+    return std::ferror(stream) == 0;
 }
 
 } // namespace
 
-const ConfigLine *ConfigFile::find(const std::string &section, const std::string &name) const {
-    const auto found = firstOfKey.find({section, name});
-    return found != firstOfKey.end() ? &lines[found->second] : nullptr;
-}
-
-std::vector<std::string> ConfigFile::sections() const {
-    std::vector<std::string> result;
-    for (const auto &[section, positions] : linesOfSection)
-        result.push_back(section);
-    std::sort(result.begin(), result.end(), [this](const std::string &a, const std::string &b) {
-        return linesOfSection.at(a).front() < linesOfSection.at(b).front();
-    });
-    return result;
+const ConfigLine *ConfigFile::find(std::string_view section, std::string_view name) const {
+    const auto found = linesOfSection.find(section);
+    if (found == linesOfSection.end())
+        return nullptr;
+    for (const size_t position : found->second)
+        if (lines[position].name == name && lines[position].hasValue)
+            return &lines[position];
+    return nullptr;
 }
 
 ConfigFile readConfigFile(const std::string &path) {
@@ -77,34 +99,55 @@ ConfigFile readConfigFile(const std::string &path) {
     struct stat status;
     file.exists = stat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
     PropertyStore store;
-    if (utiOpenPropertyStore(path.c_str(), "", &store) != 0)
+    errno = 0;
+    const bool opened = utiOpenPropertyStore(path.c_str(), "", &store) == 0;
+    auto bytes = std::make_shared<std::string>();
+    file.readable = opened && readAll(store.stream, *bytes);
+    file.cause = errno;
+    if (opened)
+        utiClosePropertyStore(&store);
+    if (!file.readable)
         return file;
-    file.readable = true;
+    file.bytes = bytes;
+    const std::string_view all = *bytes;
     size_t number = 1;
     bool continued = false;
-    std::string text;
-    while (nextLine(store.stream, text)) {
-        const bool complete = text.back() == '\n';
-        if (complete)
-            text.pop_back();
-        const size_t nul = text.find('\0');
-        ConfigLine line = parseLine(text.substr(0, nul), number, continued);
-        line.hasNul = nul != std::string::npos;
+    for (size_t at = 0; at < all.size();) {
+        const std::string_view most = all.substr(at, LINE_BYTES);
+        const size_t feed = most.find('\n');
+        const std::string_view text = most.substr(0, feed == std::string_view::npos ? feed : feed + 1);
+        at += text.size();
+        const ConfigLine line = parseLine(text, number, continued);
         if (!line.section.empty()) {
-            file.linesOfSection[line.section].push_back(file.lines.size());
-            file.firstOfKey.try_emplace({line.section, line.name}, file.lines.size());
+            std::vector<size_t> &positions = file.linesOfSection[line.section];
+            if (positions.empty())
+                file.sections.push_back(line.section);
+            positions.push_back(file.lines.size());
         }
-        file.lines.push_back(std::move(line));
-        continued = !complete;
-        if (complete)
-            ++number;
+        file.lines.push_back(line);
+        continued = feed == std::string_view::npos;
+        number += continued ? 0 : 1;
     }
     file.unfinished = continued;
-    utiClosePropertyStore(&store);
     return file;
+}
+
+bool localText(std::string_view value, std::string &text) {
+    text = value;
+    const bool plain = std::all_of(value.begin(), value.end(), [](char c) { return (c & 0x80) == 0; });
+    if (!plain) {
+        char *local = nullptr;
+        if (utf82mbs(&local, text.c_str()) != ZOLTLOG_OK)
+            return false;
+        text = local;
+        zoltLogFree(local);
+    }
+    const size_t last = text.find_last_not_of(' ');
+    text.erase(last == std::string::npos ? 0 : last + 1);
+    return true;
 }
 
 std::string strippedValue(const ConfigLine &line) {
     const size_t last = line.value.find_last_not_of(' ');
-    return last == std::string::npos ? "" : line.value.substr(0, last + 1);
+    return std::string(line.value.substr(0, last == std::string_view::npos ? 0 : last + 1));
 }

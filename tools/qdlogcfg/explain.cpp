@@ -51,7 +51,7 @@ struct Lookup {
 
     const Effective &of(const char *name) const {
         for (const Effective &setting : settings)
-            if (setting.key == findKey(name))
+            if (CFG_KEYS[setting.key].name == std::string_view(name))
                 return setting;
         std::abort(); // every key asked for is in the table
     }
@@ -188,18 +188,18 @@ int explainMessage(const Options &options, Output &out) {
                     "configuration is read");
         result.sinks.emplace_back("the system log");
     } else {
-        const Scope scope = findScope(product, options.originator, options.logset);
-        const Scope fileScope =
-            options.fileOriginator.empty() ? scope : findScope(product, options.fileOriginator, "");
         const ConfigFile file = readConfigFile(product.location);
+        const Scope scope = findScope(product, file, options.originator, options.logset);
+        const Scope fileScope =
+            options.fileOriginator.empty() ? scope : findScope(product, file, options.fileOriginator, "");
         if (!file.readable)
             result.note(product.location + " cannot be read: built-in defaults apply");
         Settings settings;
         Settings fileSettings;
         const Lookup lookup{scope, effectiveSettings(scope, file)};
         const Lookup fileLookup{fileScope, effectiveSettings(fileScope, file)};
-        readSettings(scope, settings);
-        readSettings(fileScope, fileSettings);
+        readSettings(scope, file, settings);
+        readSettings(fileScope, file, fileSettings);
         explainLevel(options, settings.cfg, lookup, result);
         if (options.kind == APP && options.severity > 4)
             result.stop("severity " + std::to_string(options.severity) +

@@ -1,32 +1,23 @@
-// The settings that qdlogcfg knows: one row per key of an originator or log set
-// section. Values pass through the library's own accessors, so that what the tool
-// accepts is what the library accepts.
+// The settings that qdlogcfg knows: the library's own table, whose values pass through the
+// library's own functions, so that what the tool accepts is what the library accepts.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "zoltlog.h"
+#include "src/config_keys.h"
 
-struct Key {
-    const char *name;
-    const char *values; // what may be written, for people
-    const char *help;
-    bool originator;
-    bool logset;
-    enum Form { TEXT, NUMBER, BOOLEAN } form; // how the property store writes it
-    // The value of a record as it would be written; empty for an unset text.
-    std::string (*show)(LogCfg &cfg);
-    // Puts a value into a record; the library's result, or ZOLTLOG_INVALID_ARGUMENT.
-    uint32_t (*apply)(LogCfg &cfg, const std::string &value);
-    // Two different values, neither the built-in default, which the library accepts.
-    const char *probeA;
-    const char *probeB;
-};
-
-const std::vector<Key> &keys();
-const Key *findKey(std::string_view name);
+const CfgKey *findKey(std::string_view name);
 // The known key that was probably meant by an unknown one ("" when none is near).
 std::string nearestKey(std::string_view name);
+
+inline CfgKeyId idOf(const CfgKey &key) {
+    return static_cast<CfgKeyId>(&key - CFG_KEYS);
+}
+// Whether the key is read in a section of that sort.
+inline bool isReadIn(const CfgKey &key, bool isLogset) {
+    return (key.use & (isLogset ? CFG_READ_LOGSET : CFG_READ_ORIGINATOR)) != 0;
+}
+// The value of a record as it would be written; empty for an unset text, a number for a
+// facility without a name.
+std::string shown(const LogCfg &cfg, CfgKeyId id);

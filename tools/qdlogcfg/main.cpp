@@ -145,7 +145,7 @@ void addOptions(CLI::App &app, const Command &command, Options &options) {
 
 std::string settingsHelp() {
     std::string text = "Settings:\n";
-    for (const Key &key : keys()) {
+    for (const CfgKey &key : CFG_KEYS) {
         char line[256];
         std::snprintf(line, sizeof line, "  %-24s %s (%s)\n", key.name, key.help, key.values);
         text += line;

@@ -47,8 +47,9 @@ int productAdd(const Options &options, Output &out) {
                                "a name or path with '=', with a line feed, with a blank at its end or longer "
                                "than " +
                                    std::to_string(VALUE_LIMIT) + " bytes could not be read back");
-    requireChangeable(readConfigFile(mainConfigPath()));
-    const std::vector<Product> products = registeredProducts();
+    const ConfigFile mainFile = readConfigFile(mainConfigPath());
+    requireChangeable(mainFile);
+    const std::vector<Product> products = registeredProducts(mainFile);
     const bool known = std::any_of(products.begin(), products.end(),
                                    [&](const Product &product) { return product.id == id; });
     if (options.dryRun) {
@@ -83,7 +84,9 @@ int productRemove(const Options &options, Output &out) {
 }
 
 int productList(const Options &options, Output &out) {
-    const std::vector<Product> products = registeredProducts();
+    const ConfigFile mainFile = readConfigFile(mainConfigPath());
+    requireReadable(mainFile);
+    const std::vector<Product> products = registeredProducts(mainFile);
     if (options.json) {
         Json json;
         json.beginArray();
@@ -105,7 +108,7 @@ int productList(const Options &options, Output &out) {
 int productShow(const Options &options, Output &out) {
     const Product product = findProduct(options.product);
     const ConfigFile file = readConfigFile(product.location);
-    const std::vector<Scope> scopes = allScopes(product);
+    const std::vector<Scope> scopes = allScopes(product, file);
     uint32_t logging = 0;
     const std::string mainPath = mainConfigPath();
     const bool switched = GetProductLoggingLevel(mainPath.c_str(), product.id, &logging) == ZOLTLOG_OK;

@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <charconv>
-#include <memory>
+#include <cstring>
+#include <new>
 #include <set>
 
 #include "common/exit_codes.h"
@@ -11,53 +12,27 @@ namespace {
 
 constexpr char LOGSET_PREFIX[] = "LOGSET.";
 
-struct FreeText {
-    void operator()(char *text) const { zoltLogFree(text); }
-};
-using OwnedText = std::unique_ptr<char, FreeText>;
-
-bool isLogsetSection(const std::string &section) {
-    return section.rfind(LOGSET_PREFIX, 0) == 0;
+bool isLogsetSection(std::string_view section) {
+    return section.substr(0, sizeof LOGSET_PREFIX - 1) == LOGSET_PREFIX;
 }
-
-// The records of all originators and log sets of a product, as the library reads them.
-struct ProductRecords {
-    explicit ProductRecords(const Product &product) : count(0) {
-        const size_t sections = readConfigFile(product.location).sections().size();
-        records.resize(sections + 2); // and the two base records
-        const auto capacity = static_cast<uint32_t>(records.size());
-        if (zoltLogReadProdIDCfg(nullptr, product.id, capacity, records.data(), &count) != ZOLTLOG_OK)
-            count = 0;
-    }
-    ~ProductRecords() {
-        for (uint32_t i = 0; i < count; ++i) {
-            zoltLogFreeCfg(records[i]);
-            zoltLogFree(records[i]);
-        }
-    }
-    ProductRecords(const ProductRecords &) = delete;
-    ProductRecords &operator=(const ProductRecords &) = delete;
-
-    std::vector<LogCfg *> records;
-    uint32_t count;
-};
 
 bool namesHold(const std::string &names, const std::string &name) {
     const std::vector<std::string> list = namesIn(names);
     return std::find(list.begin(), list.end(), name) != list.end();
 }
 
-// What the library reads for a product from the main file; empty when there is nothing.
-std::string mainFileText(uint32_t (*read)(const char *, uint64_t, char **), uint64_t productId) {
-    char *text = nullptr;
-    const bool found = read(GetZoltLogCfgLoc(), productId, &text) == ZOLTLOG_OK;
-    const OwnedText owned(text);
-    return found ? text : "";
+// A text of the main file; nothing when it is absent or cannot be converted.
+std::optional<std::string> mainText(const ConfigFile &file, std::string_view section, const char *key) {
+    const ConfigLine *line = file.find(section, key);
+    std::string text;
+    if (line == nullptr || !localText(line->value, text))
+        return std::nullopt;
+    return text;
 }
 
 } // namespace
 
-std::optional<uint64_t> decimal(const std::string &text) {
+std::optional<uint64_t> decimal(std::string_view text) {
     uint64_t number = 0;
     const char *end = text.data() + text.size();
     const auto parsed = std::from_chars(text.data(), end, number);
@@ -81,24 +56,24 @@ std::string mainConfigPath() {
     return GetZoltLogCfgLoc();
 }
 
-std::vector<Product> registeredProducts() {
+std::vector<Product> registeredProducts(const ConfigFile &mainFile) {
     std::vector<Product> products;
-    const ConfigFile file = readConfigFile(mainConfigPath());
-    requireReadable(file);
-    for (const std::string &section : file.sections()) {
+    for (const std::string_view section : mainFile.sections) {
         const std::optional<uint64_t> id = decimal(section);
-        const ConfigLine *location = file.find(section, "Configuration");
-        if (!id || *id == 0 || std::to_string(*id) != section || location == nullptr)
+        if (!id || *id == 0 || std::to_string(*id) != section)
             continue;
-        products.push_back({*id, mainFileText(GetProductShortName, *id), mainFileText(GetProductCfgPath, *id),
-                            location->number});
+        const std::optional<std::string> location = mainText(mainFile, section, CFG_CONFIGURATION);
+        if (location)
+            products.push_back({*id, mainText(mainFile, section, CFG_PRODUCT_NAMES).value_or(""), *location,
+                                mainFile.find(section, CFG_CONFIGURATION)->number});
     }
     return products;
 }
 
 void requireReadable(const ConfigFile &file) {
     if (file.exists && !file.readable)
-        throw CommandError(tools::ExitUnreadable, file.path + " cannot be read");
+        throw CommandError(tools::ExitUnreadable,
+                           file.path + " cannot be read: " + std::strerror(file.cause));
 }
 
 void requireChangeable(const ConfigFile &file) {
@@ -110,7 +85,9 @@ void requireChangeable(const ConfigFile &file) {
 }
 
 Product findProduct(const std::string &text) {
-    const std::vector<Product> products = registeredProducts();
+    const ConfigFile mainFile = readConfigFile(mainConfigPath());
+    requireReadable(mainFile);
+    const std::vector<Product> products = registeredProducts(mainFile);
     const std::optional<uint64_t> id = decimal(text);
     for (const Product &product : products)
         if (id ? product.id == *id : namesHold(product.names, text))
@@ -136,7 +113,8 @@ std::string Scope::title() const {
     return IsDefaultOriginator(originator) != 0 ? "Default" : "originator " + std::to_string(originator);
 }
 
-Scope findScope(const Product &product, const std::string &originator, const std::string &logset) {
+Scope findScope(const Product &product, const ConfigFile &file, const std::string &originator,
+                const std::string &logset) {
     if (!originator.empty() && !logset.empty())
         throw CommandError(tools::ExitUsage, "give an originator or a log set, not both");
     if (!logset.empty()) {
@@ -155,24 +133,24 @@ Scope findScope(const Product &product, const std::string &originator, const std
             throw CommandError(tools::ExitUsage, "0 is no originator id");
         return {product, false, *id, ""};
     }
-    const ProductRecords all(product);
-    for (uint32_t i = 0; i < all.count; ++i)
-        if (all.records[i]->isLogset == 0 && namesHold(all.records[i]->originatorNames, originator))
-            return {product, false, all.records[i]->originatorId, ""};
+    for (const Scope &scope : allScopes(product, file)) {
+        Settings settings;
+        if (!scope.isLogset && readSettings(scope, file, settings) &&
+            namesHold(settings.cfg.originatorNames, originator))
+            return scope;
+    }
     throw CommandError(tools::ExitUnreadable,
                        "product " + std::to_string(product.id) + " has no originator '" + originator + "'");
 }
 
-std::vector<Scope> allScopes(const Product &product) {
+std::vector<Scope> allScopes(const Product &product, const ConfigFile &file) {
     std::vector<Scope> scopes;
     scopes.push_back({product, false, ZOLTLOG_DEFAULT_ORIGINATOR, ""});
-    const ConfigFile file = readConfigFile(product.location);
     std::vector<Scope> logsets;
     std::set<uint64_t> known = {ZOLTLOG_DEFAULT_ORIGINATOR};
-    for (const std::string &section : file.sections()) {
+    for (const std::string_view section : file.sections) {
         if (isLogsetSection(section)) {
-            const std::string name = section.substr(sizeof LOGSET_PREFIX - 1);
-            const Scope scope{product, true, 0, name};
+            const Scope scope{product, true, 0, std::string(section.substr(sizeof LOGSET_PREFIX - 1))};
             logsets.insert(scope.isBase() ? logsets.begin() : logsets.end(), scope);
         } else if (const std::optional<uint64_t> id = decimal(section)) {
             if (*id != 0 && known.insert(*id).second)
@@ -183,81 +161,111 @@ std::vector<Scope> allScopes(const Product &product) {
     return scopes;
 }
 
-bool readSettings(const Scope &scope, Settings &settings) {
-    zoltLogFreeCfg(&settings.cfg);
-    const uint32_t result = scope.isLogset
-                                ? zoltLogReadlogsetCfg(scope.product.id, scope.logset.c_str(), &settings.cfg)
-                                : zoltLogReadCfg(scope.product.id, scope.originator, &settings.cfg);
-    return result == ZOLTLOG_OK;
+SectionKeys applySection(LogCfg &cfg, const ConfigFile &file, const std::string &section, bool isLogset) {
+    SectionKeys keys;
+    const auto found = file.linesOfSection.find(section);
+    if (found != file.linesOfSection.end()) {
+        for (const size_t position : found->second) {
+            const ConfigLine &line = file.lines[position];
+            const CfgKey *key = findKey(line.name);
+            if (key != nullptr && line.hasValue && isReadIn(*key, isLogset) &&
+                keys[idOf(*key)].line == nullptr)
+                keys[idOf(*key)].line = &line;
+        }
+    }
+    const std::string name = isLogset ? section.substr(sizeof LOGSET_PREFIX - 1) : "";
+    CfgSectionState state = {isLogset ? IsDefaultLogSet(name.c_str()) != 0 : section == CFG_DEFAULT, 0};
+    for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
+        const auto id = static_cast<CfgKeyId>(i);
+        KeyLine &key = keys[id];
+        if (key.line == nullptr)
+            continue;
+        std::string text(key.line->value);
+        key.isText = cfgIsRaw(CFG_KEYS[id].kind) || localText(key.line->value, text);
+        if (key.isText)
+            key.taken = cfgTake(&cfg, id, text.c_str(), &state);
+        if (key.taken == CFG_NO_MEMORY)
+            throw std::bad_alloc();
+    }
+    if (isLogset) {
+        const auto replace = [&name](char *&field) {
+            zoltLogFree(field);
+            field = zoltLogSafeStrdup(name.c_str());
+        };
+        const KeyLine &fileName = keys[CFG_KEY_FILE_NAME];
+        cfg.isLogset = 1;
+        replace(cfg.logsetName);
+        if (fileName.line == nullptr || !fileName.isText || cfg.logsetFilename == nullptr)
+            replace(cfg.logsetFilename);
+    }
+    return keys;
 }
 
-// Reads the section twice, over two records that differ in every setting: what the
-// library took from the section is what came out alike.
-std::vector<bool> accepted(const ConfigFile &file, const std::string &section, bool isLogset) {
-    const std::string name = isLogset ? section.substr(sizeof LOGSET_PREFIX - 1) : "";
-    Settings a;
-    Settings b;
-    InitLogCfg(1, isLogset ? 0 : 1, isLogset ? name.c_str() : nullptr, &a.cfg);
-    InitLogCfg(1, isLogset ? 0 : 1, isLogset ? name.c_str() : nullptr, &b.cfg);
-    for (const Key &key : keys()) {
-        key.apply(a.cfg, key.probeA);
-        key.apply(b.cfg, key.probeB);
-    }
-    for (Settings *settings : {&a, &b}) {
-        if (isLogset)
-            GetLogSetCfgSettings(file.path.c_str(), name.c_str(), &settings->cfg);
-        else
-            GetOriginatorCfgSettings(file.path.c_str(), section.c_str(), &settings->cfg);
-    }
-    std::vector<bool> result;
-    for (const Key &key : keys()) {
-        const ConfigLine *line = file.find(section, key.name);
-        const bool applies = isLogset ? key.logset : key.originator;
-        bool taken = key.show(a.cfg) == key.show(b.cfg);
-        if (key.show == findKey("LogDirectory")->show || key.show == findKey("FileName")->show)
-            taken = line != nullptr && !strippedValue(*line).empty(); // both hold more than the value
-        result.push_back(line != nullptr && applies && taken);
-    }
-    return result;
+namespace {
+
+bool hasKey(const SectionKeys &keys) {
+    return std::any_of(keys.begin(), keys.end(),
+                       [](const KeyLine &key) { return key.line != nullptr && key.isText; });
+}
+
+// The sections of a scope in the order of reading, the base first, each with what it gives;
+// none when the library would not find the settings.
+std::vector<SectionKeys> readSections(const Scope &scope, const ConfigFile &file, Settings &settings) {
+    zoltLogFreeCfg(&settings.cfg);
+    InitLogCfg(scope.product.id, scope.isLogset ? 0 : scope.originator,
+               scope.isLogset ? scope.logset.c_str() : nullptr, &settings.cfg);
+    std::vector<SectionKeys> sections = {
+        applySection(settings.cfg, file, scope.baseSection(), scope.isLogset)};
+    if (!scope.isBase())
+        sections.push_back(applySection(settings.cfg, file, scope.section(), scope.isLogset));
+    const bool isElsewhere = scope.product.location.find(CFG_FILE_MARK) == std::string::npos;
+    if (scope.isLogset && (isElsewhere || !hasKey(sections.back())))
+        sections.clear();
+    return sections;
+}
+
+} // namespace
+
+bool readSettings(const Scope &scope, const ConfigFile &file, Settings &settings) {
+    return !readSections(scope, file, settings).empty();
 }
 
 std::vector<Effective> effectiveSettings(const Scope &scope, const ConfigFile &file) {
     Settings settings;
-    if (!readSettings(scope, settings))
+    const std::vector<SectionKeys> sections = readSections(scope, file, settings);
+    if (sections.empty())
         throw CommandError(tools::ExitUnreadable, scope.title() + " of product " +
                                                       std::to_string(scope.product.id) +
                                                       " has no settings in " + file.path);
-    std::vector<std::string> sections = {scope.baseSection()};
-    if (!scope.isBase())
-        sections.push_back(scope.section());
-
     std::vector<Effective> result;
-    for (const Key &key : keys())
-        if (scope.isLogset ? key.logset : key.originator)
-            result.push_back({&key, key.show(settings.cfg), Effective::BUILT_IN, 0, {}});
-    for (const std::string &section : sections) {
-        const std::vector<bool> taken = accepted(file, section, scope.isLogset);
-        for (Effective &setting : result) {
-            const ConfigLine *line = file.find(section, setting.key->name);
-            const bool inherited = setting.key->name != std::string("FileName") || section == scope.section();
-            if (line == nullptr || !inherited)
+    for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
+        const auto id = static_cast<CfgKeyId>(i);
+        if (!isReadIn(CFG_KEYS[id], scope.isLogset))
+            continue;
+        Effective setting{id, shown(settings.cfg, id), Effective::BUILT_IN, 0, {}};
+        for (size_t at = 0; at < sections.size(); ++at) {
+            const KeyLine &key = sections[at][id];
+            const bool isOwn = at + 1 == sections.size();
+            if (key.line == nullptr || (id == CFG_KEY_FILE_NAME && !isOwn))
                 continue;
-            if (taken[static_cast<size_t>(setting.key - keys().data())]) {
-                setting.from =
-                    section == scope.baseSection() ? Effective::BASE_SECTION : Effective::OWN_SECTION;
-                setting.line = line->number;
+            if (key.taken >= CFG_LOOSELY) {
+                setting.from = at == 0 ? Effective::BASE_SECTION : Effective::OWN_SECTION;
+                setting.line = key.line->number;
             } else {
-                setting.skipped.push_back({line->value, section, line->number});
+                setting.skipped.push_back({std::string(key.line->value),
+                                           at == 0 ? scope.baseSection() : scope.section(),
+                                           key.line->number});
             }
         }
+        result.push_back(std::move(setting));
     }
     return result;
 }
 
 std::string sourceText(const Effective &setting, const Scope &scope) {
     if (setting.from == Effective::BUILT_IN)
-        return setting.key->name == std::string("FileName") && !setting.value.empty() ? "the log set's name"
-                                                                                      : "built-in default";
+        return setting.key == CFG_KEY_FILE_NAME && !setting.value.empty() ? "the log set's name"
+                                                                          : "built-in default";
     const std::string section =
         setting.from == Effective::BASE_SECTION ? scope.baseSection() : scope.section();
     return "section " + section + ", " + scope.product.location + ":" + std::to_string(setting.line);

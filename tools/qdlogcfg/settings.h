@@ -1,6 +1,7 @@
 // Products, their originators and log sets, and where each setting comes from.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <stdexcept>
@@ -35,15 +36,16 @@ struct Product {
 };
 
 std::string mainConfigPath();
-// CommandErrors for a file that is there and cannot be read, and for one that is not
-// safe to add lines to.
+// CommandError for a file that is there and cannot be read.
 void requireReadable(const ConfigFile &file);
+// CommandError for one that is not safe to add lines to, too.
 void requireChangeable(const ConfigFile &file);
-// CommandError when the main file is there and cannot be read.
-std::vector<Product> registeredProducts();
+// The products that the main file registers, in its order.
+std::vector<Product> registeredProducts(const ConfigFile &mainFile);
 // The single names of a list separated by commas or blanks.
 std::vector<std::string> namesIn(const std::string &list);
-// By id or by one of its names; CommandError when there is none.
+// By id or by one of its names; CommandErrors when there is none, and when the main file
+// is there and cannot be read.
 Product findProduct(const std::string &text);
 
 // One section of settings: the originator's, or the log set's.
@@ -59,12 +61,26 @@ struct Scope {
     std::string title() const; // "originator 7", "log set backup", "Default"
 };
 
+// The file is the product's in what follows.
+
 // originator: an id, a name or "Default"; at most one of the two may be given,
 // none means the Default section.
-Scope findScope(const Product &product, const std::string &originator, const std::string &logset);
+Scope findScope(const Product &product, const ConfigFile &file, const std::string &originator,
+                const std::string &logset);
 // Every originator (Default first), then every log set (Default first when it has keys).
-std::vector<Scope> allScopes(const Product &product);
-bool readSettings(const Scope &scope, Settings &settings);
+std::vector<Scope> allScopes(const Product &product, const ConfigFile &file);
+
+// The lines of a section that count, and what the library makes of each.
+struct KeyLine {
+    const ConfigLine *line = nullptr; // null: the key is absent
+    bool isText = true;               // false: it cannot be converted and counts as absent
+    CfgTaken taken = CFG_SKIPPED;
+};
+using SectionKeys = std::array<KeyLine, CFG_KEY_COUNT>;
+// Reads a section over a record, as the library does.
+SectionKeys applySection(LogCfg &cfg, const ConfigFile &file, const std::string &section, bool isLogset);
+// False when the library would not find the scope's settings.
+bool readSettings(const Scope &scope, const ConfigFile &file, Settings &settings);
 
 struct Skipped { // a value that the library ignores
     std::string value;
@@ -73,18 +89,16 @@ struct Skipped { // a value that the library ignores
 };
 
 struct Effective {
-    const Key *key;
+    CfgKeyId key;
     std::string value;
     enum From { BUILT_IN, BASE_SECTION, OWN_SECTION } from;
     size_t line; // in the product's file; 0 when built in
     std::vector<Skipped> skipped;
 };
 
-// Every setting of a scope with its source. The file is the product's.
+// Every setting of a scope with its source.
 std::vector<Effective> effectiveSettings(const Scope &scope, const ConfigFile &file);
 std::string sourceText(const Effective &setting, const Scope &scope);
-// Whether the library takes the value that a section holds for each key of keys().
-std::vector<bool> accepted(const ConfigFile &file, const std::string &section, bool isLogset);
 
 // The whole text as a decimal number.
-std::optional<uint64_t> decimal(const std::string &text);
+std::optional<uint64_t> decimal(std::string_view text);

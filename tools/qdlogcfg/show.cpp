@@ -7,13 +7,14 @@ using tools::Output;
 
 int listScopes(const Options &options, Output &out) {
     const Product product = findProduct(options.product);
-    requireReadable(readConfigFile(product.location));
+    const ConfigFile file = readConfigFile(product.location);
+    requireReadable(file);
     Json json;
     json.beginArray();
     tools::Table table{{{"SECTION"}, {"NAMES"}, {"DIRECTORY"}, {"FILES"}}, {}, true};
-    for (const Scope &scope : allScopes(product)) {
+    for (const Scope &scope : allScopes(product, file)) {
         Settings settings;
-        if (!readSettings(scope, settings))
+        if (!readSettings(scope, file, settings))
             continue;
         const std::string files =
             scope.isLogset ? settings.cfg.logsetFilename : std::to_string(scope.originator);
@@ -40,16 +41,17 @@ int listScopes(const Options &options, Output &out) {
 }
 
 int showSettings(const Options &options, Output &out) {
-    const Scope scope = findScope(findProduct(options.product), options.originator, options.logset);
-    const ConfigFile file = readConfigFile(scope.product.location);
+    const Product product = findProduct(options.product);
+    const ConfigFile file = readConfigFile(product.location);
     requireReadable(file);
+    const Scope scope = findScope(product, file, options.originator, options.logset);
     const std::vector<Effective> settings = effectiveSettings(scope, file);
     if (options.json) {
         Json json;
         json.beginArray();
         for (const Effective &setting : settings) {
             json.beginObject();
-            json.text("key", setting.key->name);
+            json.text("key", CFG_KEYS[setting.key].name);
             json.text("value", setting.value);
             json.text("from", setting.from == Effective::BUILT_IN       ? "built-in"
                               : setting.from == Effective::BASE_SECTION ? scope.baseSection()
@@ -79,7 +81,7 @@ int showSettings(const Options &options, Output &out) {
     for (const Effective &setting : settings) {
         const bool builtIn = setting.from == Effective::BUILT_IN;
         table.rows.push_back(
-            {{setting.key->name},
+            {{CFG_KEYS[setting.key].name},
              {setting.value, builtIn ? tools::Style::Dim : tools::Style::Plain},
              {sourceText(setting, scope), builtIn ? tools::Style::Dim : tools::Style::Plain}});
         for (const Skipped &skipped : setting.skipped)
