@@ -23,6 +23,31 @@ extern "C" {
 #pragma GCC visibility push(default)
 #endif
 
+/* Results of the calls. Every other number is a failure, too. */
+enum {
+    ZOLTLIS_OK = 0,
+    ZOLTLIS_NO_MORE = -1, /* there is no item, or no further one */
+    ZOLTLIS_INVALID_ARGUMENT = -2,
+    ZOLTLIS_NO_MEMORY = -3,
+    ZOLTLIS_FAILED = -4 /* inside the library, or in its catalogues */
+};
+
+/* Types of the items of a block, in the order of the getters */
+enum {
+    ZOLTLIS_ITEM_WIDE_CHAR = 0,
+    ZOLTLIS_ITEM_SIGNED = 1,
+    ZOLTLIS_ITEM_UNSIGNED = 2,
+    ZOLTLIS_ITEM_DOUBLE = 3,
+    ZOLTLIS_ITEM_POINTER = 4,
+    ZOLTLIS_ITEM_WIDE_STRING = 5,
+    ZOLTLIS_ITEM_OS_ERROR = 6,       /* an errno */
+    ZOLTLIS_ITEM_OS_ERROR_OTHER = 7, /* another number of the system */
+    ZOLTLIS_ITEM_DATE_TIME = 8,
+    ZOLTLIS_ITEM_NESTED = 9, /* a block */
+    ZOLTLIS_ITEM_UTF8_STRING = 10,
+    ZOLTLIS_ITEM_NATIVE_STRING = 11 /* in the locale's encoding */
+};
+
 /* Empty when all words are 0 */
 typedef struct ZoltLisBlock {
     uintptr_t word[3];

@@ -60,14 +60,31 @@ extern "C" {
 
 /* ---- constants ------------------------------------------------------- */
 
-/* Message types */
+/* Message types (LogMsg.type) */
 enum {
     ZOLTLOG_MSG_DEBUG = 0,
     ZOLTLOG_MSG_DIAG = 1,
     ZOLTLOG_MSG_APP = 2,
     ZOLTLOG_MSG_CONTEXT = 3,
     ZOLTLOG_MSG_AUDIT = 4,
-    ZOLTLOG_MSG_SECURE_AUDIT = 5
+    ZOLTLOG_MSG_SECURE_AUDIT = 5 /* system log only */
+};
+
+/* Severities of application messages */
+enum {
+    ZOLTLOG_SEVERITY_INFO = 0,
+    ZOLTLOG_SEVERITY_WARNING = 1,
+    ZOLTLOG_SEVERITY_ERROR = 2,
+    ZOLTLOG_SEVERITY_CRITICAL = 3,
+    ZOLTLOG_SEVERITY_EMERGENCY = 4
+};
+
+/* Levels of debug, diagnostic and secure audit messages. A handle passes on the messages
+ * whose level is not above its own; at ZOLTLOG_LEVEL_NONE that is none of them. */
+enum {
+    ZOLTLOG_LEVEL_NONE = 0,  /* of handles and configurations only */
+    ZOLTLOG_LEVEL_FIRST = 1, /* the most important messages */
+    ZOLTLOG_LEVEL_LAST = 6   /* the least important ones */
 };
 
 /* Output flags */
@@ -80,7 +97,7 @@ enum {
     ZOLTLOG_OUT_OSLOGX = 64
 };
 
-/* Rollover mode bits; valid values are 0 to 5 */
+/* Rollover mode bits; IsValidRolloverMode tells which go together */
 enum {
     ZOLTLOG_ROLLOVER_NONE = 0,
     ZOLTLOG_ROLLOVER_FILE_SIZE = 1,
@@ -88,43 +105,136 @@ enum {
     ZOLTLOG_ROLLOVER_PERIODIC = 4
 };
 
-/* Result codes: the values are part of the interface */
-enum {
-    ZOLTLOG_OK = 0,
-    ZOLTLOG_FAILED = 1,
-    ZOLTLOG_LIS_FAILED = 2,
-    ZOLTLOG_INVALID_ARGUMENT = 3,
-    ZOLTLOG_NO_MEMORY = 4,
-    ZOLTLOG_WRITE_FAILED = 5,
-    ZOLTLOG_CFG_NOT_FOUND = 6,
-    ZOLTLOG_NO_MORE = 9,
-    ZOLTLOG_LIS_OTHER = 10,
-    ZOLTLOG_OSLOG_OPEN_FAILED = 22,
-    ZOLTLOG_PRODUCT_EXISTS = 27,
-    ZOLTLOG_SOURCE_SIZE_UNKNOWN = 31,
-    ZOLTLOG_OPEN_FAILED = 32,
-    ZOLTLOG_SHORT_READ = 33,
-    ZOLTLOG_SHORT_WRITE = 34,
-    ZOLTLOG_NO_PRODUCT_CFG = 39,
-    ZOLTLOG_NO_LOG_FILES = 45,
-    ZOLTLOG_DEST_OPEN_FAILED = 47,
-    ZOLTLOG_UNSUPPORTED_HEADER = 48,
-    ZOLTLOG_SECTION_NOT_FOUND = 50,
-    ZOLTLOG_OPEN_DENIED = 51,
-    ZOLTLOG_OPEN_NO_PATH = 52,
-    ZOLTLOG_NO_DIRECTORY = 53,
-    ZOLTLOG_DEVICE_FULL = 54,
-    ZOLTLOG_CFG_CREATE_FAILED = 55,
-    ZOLTLOG_NO_FILE_STATE = 57,
-    ZOLTLOG_SECURE_ON_FILE_HANDLE = 58,
-    ZOLTLOG_NOTHING_TO_WRITE = 61,
-    ZOLTLOG_STORE_RESULT_10 = 64
-};
+/* Versions of records and of the header line above them, which are the same numbers: how
+ * a record is written is told by the version of its file (docs/format-log-file.md) */
+#define ZOLTLOG_RECORD_VERSION_OLDEST 65540u
+#define ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO 65541u    /* application records up to this */
+#define ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX 65542u /* no ids and times up to this */
+#define ZOLTLOG_RECORD_VERSION_ORIGINATOR 65543u          /* what is written for originators */
+#define ZOLTLOG_RECORD_VERSION_LOGSET 65544u              /* what is written for log sets; the newest */
 
 #define ZOLTLOG_DEFAULT_ORIGINATOR 112u
-#define ZOLTLOG_RECORD_VERSION_ORIGINATOR 65543u
-#define ZOLTLOG_RECORD_VERSION_LOGSET 65544u
 #define ZOLTLOG_KEEP_ALL_FILES 4294967295u
+
+/* Kinds of query terms (LogQueryNode.kind), which have no operands */
+enum {
+    ZOLTLOG_TERM_TEXT = 257,      /* value.text */
+    ZOLTLOG_TERM_NUMBER = 258,    /* value.number */
+    ZOLTLOG_TERM_ATTRIBUTE = 259, /* value.number is one of ZOLTLOG_ATTR_... */
+    ZOLTLOG_TERM_NUMBER_2 = 260,  /* read as ZOLTLOG_TERM_NUMBER */
+    ZOLTLOG_TERM_NUMBER_3 = 261   /* read as ZOLTLOG_TERM_NUMBER */
+};
+
+/* Query operators (LogQueryNode.kind), which have two operands */
+enum {
+    ZOLTLOG_OP_AND = 281,
+    ZOLTLOG_OP_OR = 282,
+    ZOLTLOG_OP_LESS = 283,
+    ZOLTLOG_OP_GREATER = 284,
+    ZOLTLOG_OP_LESS_EQUAL = 285,
+    ZOLTLOG_OP_GREATER_EQUAL = 286,
+    ZOLTLOG_OP_EQUAL = 287,
+    ZOLTLOG_OP_NOT_EQUAL = 288
+};
+
+/* Attributes of log files in queries. The codes from ZOLTLOG_ATTR_FIRST to ZOLTLOG_ATTR_LAST
+ * that have no name pass every file of a listing, but for ZOLTLOG_ATTR_NEVER. */
+enum {
+    ZOLTLOG_ATTR_PRODUCT_ID = 263,
+    ZOLTLOG_ATTR_ORIGINATOR_ID = 264,      /* of the header; passes every file of a listing */
+    ZOLTLOG_ATTR_FILE_ORIGINATOR_ID = 265, /* of the file's name; 0 for log sets */
+    ZOLTLOG_ATTR_TIME = 268,               /* creation or modification, seconds since 1970-01-01 UTC */
+    ZOLTLOG_ATTR_CREATION_TIME = 269,      /* seconds since 1970-01-01 UTC */
+    ZOLTLOG_ATTR_NEVER = 276,              /* passes no file */
+    ZOLTLOG_ATTR_HOST_NAME = 278,          /* text */
+    ZOLTLOG_ATTR_LOGSET_NAME = 279,        /* text */
+    ZOLTLOG_ATTR_FIRST = ZOLTLOG_ATTR_PRODUCT_ID,
+    ZOLTLOG_ATTR_LAST = ZOLTLOG_ATTR_LOGSET_NAME
+};
+
+/* LogContextKey.kind: SearchContextTitleInList puts its text in the place of the entry's.
+ * Other kinds only look. */
+enum { ZOLTLOG_CONTEXT_KEY_REPLACE = 3 };
+
+/*
+ * Result codes: X(name, value, text). The values are part of the interface. The enum below
+ * and the names and texts of zoltlog_results.h are made of this list: a further code is
+ * one row.
+ */
+#define ZOLTLOG_RESULTS(X)                                                                                   \
+    X(ZOLTLOG_OK, 0, "success")                                                                              \
+    X(ZOLTLOG_FAILED, 1, "general failure")                                                                  \
+    X(ZOLTLOG_LIS_FAILED, 2, "the localization library failed")                                              \
+    X(ZOLTLOG_INVALID_ARGUMENT, 3, "invalid argument")                                                       \
+    X(ZOLTLOG_NO_MEMORY, 4, "out of memory")                                                                 \
+    X(ZOLTLOG_WRITE_FAILED, 5, "the record could not be written")                                            \
+    X(ZOLTLOG_CFG_NOT_FOUND, 6, "configuration not found, or its file cannot be opened")                     \
+    X(ZOLTLOG_NO_MORE, 9, "no more entries")                                                                 \
+    X(ZOLTLOG_LIS_OTHER, 10, "the localization library failed in another way")                               \
+    X(ZOLTLOG_OSLOG_OPEN_FAILED, 22, "the system log could not be opened")                                   \
+    X(ZOLTLOG_PRODUCT_EXISTS, 27, "the product is registered already")                                       \
+    X(ZOLTLOG_SOURCE_SIZE_UNKNOWN, 31, "the size of the source file cannot be determined")                   \
+    X(ZOLTLOG_OPEN_FAILED, 32, "a log file cannot be opened")                                                \
+    X(ZOLTLOG_SHORT_READ, 33, "the source file could not be read to its end")                                \
+    X(ZOLTLOG_SHORT_WRITE, 34, "the copy could not be written, or the link failed")                          \
+    X(ZOLTLOG_NO_PRODUCT_CFG, 39, "the product has no configuration")                                        \
+    X(ZOLTLOG_NO_LOG_FILES, 45, "no log file was found")                                                     \
+    X(ZOLTLOG_DEST_OPEN_FAILED, 47, "the destination of the copy cannot be opened")                          \
+    X(ZOLTLOG_UNSUPPORTED_HEADER, 48, "the log file's header has an unknown version")                        \
+    X(ZOLTLOG_SECTION_NOT_FOUND, 50, "the product or log set has no section to remove")                      \
+    X(ZOLTLOG_OPEN_DENIED, 51, "the log file cannot be opened: permission denied")                           \
+    X(ZOLTLOG_OPEN_NO_PATH, 52, "the log file cannot be opened: no such path")                               \
+    X(ZOLTLOG_NO_DIRECTORY, 53, "the configuration has no log directory")                                    \
+    X(ZOLTLOG_DEVICE_FULL, 54, "no space is left on the device")                                             \
+    X(ZOLTLOG_CFG_CREATE_FAILED, 55, "the configuration file or its directory cannot be created")            \
+    X(ZOLTLOG_NO_FILE_STATE, 57, "the log handle has no open file")                                          \
+    X(ZOLTLOG_SECURE_ON_FILE_HANDLE, 58, "a secure audit message needs a secure handle")                     \
+    X(ZOLTLOG_NOTHING_TO_WRITE, 61, "nothing to write")                                                      \
+    X(ZOLTLOG_STORE_RESULT_10, 64, "the property store failed")
+
+#define ZOLTLOG_RESULT_VALUE(name, value, text) name = value,
+enum { ZOLTLOG_RESULTS(ZOLTLOG_RESULT_VALUE) };
+#undef ZOLTLOG_RESULT_VALUE
+
+/* Results of the platform services, the system log and dynamic loading */
+enum {
+    ZOLTLOG_OS_OK = 0,
+    ZOLTLOG_OS_LISTING_END = 1,       /* no further file in a directory */
+    ZOLTLOG_OS_FAILED = -1,           /* a system call failed */
+    ZOLTLOG_OS_NOT_LOADED = -2,       /* dynamic loading failed, or a pointer is null in it */
+    ZOLTLOG_OS_INVALID_ARGUMENT = -3, /* a pointer is null */
+    ZOLTLOG_OS_OPEN_FAILED = -6,      /* for a reason other than the next two, also: not a file */
+    ZOLTLOG_OS_OPEN_DENIED = -7,
+    ZOLTLOG_OS_OPEN_NO_PATH = -8
+};
+
+/* How zoltLogOs_open opens a file; any other mode is ZOLTLOG_OS_MODE_READ */
+enum {
+    ZOLTLOG_OS_MODE_APPEND = 0, /* for writing at the end; created if missing */
+    ZOLTLOG_OS_MODE_READ = 1,
+    ZOLTLOG_OS_MODE_TRUNCATE = 2 /* for writing, emptied; created if missing */
+};
+
+/* Results of the property store; utipsres2zoltlogres makes result codes of them */
+enum {
+    ZOLTLOG_STORE_OK = 0,
+    ZOLTLOG_STORE_INVALID_ARGUMENT = 1, /* null, a closed store, a line feed in a text */
+    ZOLTLOG_STORE_NO_FILE = 2,          /* the file cannot be opened */
+    ZOLTLOG_STORE_NOT_FOUND = 3,        /* no such property, or it cannot be converted */
+    ZOLTLOG_STORE_4 = 4,                /* 4, 9 and 10 come from no operation of this store */
+    ZOLTLOG_STORE_NOT_CREATED = 5,      /* the file, its directory or its temporary file */
+    ZOLTLOG_STORE_NOT_WRITTEN = 6,      /* also: removed, renamed; or a buffer is too small */
+    ZOLTLOG_STORE_NO_MORE = 7,          /* no further name */
+    ZOLTLOG_STORE_NO_SECTION = 8,       /* no such section */
+    ZOLTLOG_STORE_9 = 9,
+    ZOLTLOG_STORE_10 = 10
+};
+
+/* What a formatter plug-in is asked for (LogFormatMessageFn) */
+enum {
+    ZOLTLOG_FORMAT_CONSOLE = 0x700, /* a line for the console */
+    ZOLTLOG_FORMAT_OSLOG = 0x600    /* a line for the system log, which adds the time itself */
+};
 
 /* ---- records ---------------------------------------------------------- */
 

@@ -161,7 +161,7 @@ else:
 # ---- headers ------------------------------------------------------------------------
 compilers = [("cc", "c++"), ("clang", "clang++")]
 for c, cxx in [pair for pair in compilers if shutil.which(pair[0]) and shutil.which(pair[1])]:
-    for header in ("zoltlog.h", "zoltlis.h", "qdlis.h"):
+    for header in ("zoltlog.h", "zoltlog_results.h", "zoltlis.h", "qdlis.h"):
         source = f'#include "{header}"\nint main(void) {{ return 0; }}\n'
         for compiler, standard, suffix in ((c, "c11", "c"), (c, "c17", "c"), (cxx, "c++17", "cpp")):
             file = f"alone.{suffix}"

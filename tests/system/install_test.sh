@@ -15,7 +15,7 @@ libdir=$PWD/$(dirname "$(dirname "$pc")")
 for file in libqdul.so libqdul.so.3 libqdlis.so.3 libzoltLogFormatMsg.so.3; do
     [ -e "$libdir/$file" ] || fail "$file is not installed"
 done
-for file in zoltlog.h zoltlis.h zoltformat.h; do
+for file in zoltlog.h zoltlog_results.h zoltlis.h qdlis.h zoltformat.h; do
     [ -e "prefix/include/$file" ] || fail "$file is not installed"
 done
 # Each tool has its manual page, where pages can be made.
@@ -45,7 +45,7 @@ int main(void) {
     LogHandle log;
     if (zoltLogOpen(5, 7, &log) != ZOLTLOG_OK)
         return 1;
-    uint32_t result = zoltLogAppMsg(&log, ZOLTLOG_OUT_STDOUT, 2, 0, "disk %s is %d%% full", "/var", 93);
+    uint32_t result = zoltLogAppMsg(&log, ZOLTLOG_OUT_STDOUT, ZOLTLOG_SEVERITY_ERROR, 0, "disk %s is %d%% full", "/var", 93);
     zoltLogClose(&log);
     return (int)result;
 }
