@@ -102,7 +102,7 @@ void showPattern(const std::string &format, const std::string &pattern, support:
         abort();
     shown->utf8 = utf8;
     const Request request = {1, utf8, false, format.c_str(), nullptr, 0};
-    if (copyArguments(shown, request) != LIS_OK || applyPattern(shown, pattern.c_str()) != LIS_OK)
+    if (copyArguments(shown, request) != ZOLTLIS_OK || applyPattern(shown, pattern.c_str()) != ZOLTLIS_OK)
         abort();
     if (shown->found) {
         ArgumentList args;
@@ -112,7 +112,7 @@ void showPattern(const std::string &format, const std::string &pattern, support:
         addFound(&builder, shown, &args, ENOENT);
         ZoltLisBlock block;
         const int32_t result = finishBlock(&builder, &block, 0);
-        if (result != LIS_OK && result != LIS_INVALID)
+        if (result != ZOLTLIS_OK && result != ZOLTLIS_INVALID_ARGUMENT)
             abort();
         static std::vector<char> buffer(1 << 16);
         size_t size = buffer.size();
@@ -138,7 +138,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (hasLargeNumber(input))
         return 0;
     Program *program;
-    if (compileFormat(format.c_str(), false, &program) != LIS_OK)
+    if (compileFormat(format.c_str(), false, &program) != ZOLTLIS_OK)
         return 0;
     support::Arguments arguments;
     for (int i = 0; i < program->argumentCount; ++i)

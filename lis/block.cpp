@@ -21,20 +21,20 @@ size_t roomFor(size_t size) {
 }
 
 void fail(Builder *builder, LisResult result) {
-    if (builder->result == LIS_OK)
+    if (builder->result == ZOLTLIS_OK)
         builder->result = result;
 }
 
 __attribute__((noinline)) bool growRoom(Builder *builder, size_t more) {
     Storage *storage = builder->storage;
     if (more > SIZE_MAX / 4 - storage->used) {
-        fail(builder, LIS_NO_MEMORY);
+        fail(builder, ZOLTLIS_NO_MEMORY);
         return false;
     }
     const size_t room = padded((storage->used + more) * 2);
     Storage *grown = static_cast<Storage *>(realloc(storage, roomFor(room)));
     if (grown == nullptr) {
-        fail(builder, LIS_NO_MEMORY);
+        fail(builder, ZOLTLIS_NO_MEMORY);
         return false;
     }
     grown->room = room;
@@ -48,7 +48,7 @@ inline bool makeRoom(Builder *builder, size_t more) {
 }
 
 bool adds(const Builder *builder) {
-    return builder->result == LIS_OK && !builder->closed;
+    return builder->result == ZOLTLIS_OK && !builder->closed;
 }
 
 void freeStorage(Storage *storage) {
@@ -60,7 +60,7 @@ void freeStorage(Storage *storage) {
             ItemWord word;
             memcpy(&word, items + at, sizeof word);
             at += sizeof word;
-            if (itemType(word) == ITEM_NESTED)
+            if (itemType(word) == ZOLTLIS_ITEM_NESTED)
                 zoltLisFree(reinterpret_cast<ZoltLisBlock *>(items + at));
             at += padded(itemPayload(word));
         }
@@ -74,21 +74,21 @@ void freeStorage(Storage *storage) {
 
 void startBlock(Builder *builder, bool utf8, size_t expected) {
     const size_t room = padded(expected > FIRST_ROOM ? expected : FIRST_ROOM);
-    *builder = {static_cast<Storage *>(malloc(roomFor(room))), NO_TEXT, false, LIS_OK};
+    *builder = {static_cast<Storage *>(malloc(roomFor(room))), NO_TEXT, false, ZOLTLIS_OK};
     if (builder->storage == nullptr)
-        builder->result = LIS_NO_MEMORY;
+        builder->result = ZOLTLIS_NO_MEMORY;
     else
         *builder->storage = {0, room, utf8, false, 0};
 }
 
 void resumeBlock(Builder *builder, ZoltLisBlock *block) {
-    *builder = {storageOf(block), NO_TEXT, false, LIS_OK};
+    *builder = {storageOf(block), NO_TEXT, false, ZOLTLIS_OK};
     *block = {};
 }
 
 int32_t finishBlock(Builder *builder, ZoltLisBlock *block, int64_t identity) {
     *block = {};
-    if (builder->result != LIS_OK) {
+    if (builder->result != ZOLTLIS_OK) {
         freeStorage(builder->storage);
         builder->storage = nullptr;
         return builder->result;
@@ -96,7 +96,7 @@ int32_t finishBlock(Builder *builder, ZoltLisBlock *block, int64_t identity) {
     block->word[STORAGE] = reinterpret_cast<uintptr_t>(builder->storage);
     block->word[IDENTITY] = static_cast<uintptr_t>(identity);
     block->word[MARK] = BLOCK_MARK;
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 void *addItem(Builder *builder, ItemType type, size_t payload) {
@@ -108,7 +108,7 @@ void *addItem(Builder *builder, ItemType type, size_t payload) {
     const ItemWord word = itemWord(type, payload);
     memcpy(item, &word, sizeof word);
     storage->used += size;
-    storage->nested |= type == ITEM_NESTED;
+    storage->nested |= type == ZOLTLIS_ITEM_NESTED;
     builder->openText = NO_TEXT;
     return item + sizeof word;
 }
@@ -119,7 +119,7 @@ void addLiteral(Builder *builder, const char *bytes, size_t count) {
     if (builder->openText == NO_TEXT) {
         const size_t start = builder->storage->used;
         addNarrow(builder, narrowType(builder), bytes, count);
-        if (builder->result == LIS_OK)
+        if (builder->result == ZOLTLIS_OK)
             builder->openText = start;
         return;
     }
@@ -139,7 +139,7 @@ void addLiteral(Builder *builder, const char *bytes, size_t count) {
 
 char *scratchRoom(Builder *builder, size_t least, size_t *room) {
     if (least > SIZE_MAX / 8) {
-        fail(builder, LIS_NO_MEMORY);
+        fail(builder, ZOLTLIS_NO_MEMORY);
         return nullptr;
     }
     if (!adds(builder) || !makeRoom(builder, sizeof(ItemWord) + padded(least)))
@@ -161,7 +161,7 @@ void addNarrow(Builder *builder, ItemType type, const char *bytes, size_t count)
 
 void addWide(Builder *builder, const wchar_t *text) {
     const size_t size = (wcslen(text) + 1) * sizeof *text;
-    void *payload = addItem(builder, ITEM_WIDE_STRING, size);
+    void *payload = addItem(builder, ZOLTLIS_ITEM_WIDE_STRING, size);
     if (payload != nullptr)
         memcpy(payload, text, size);
 }
@@ -193,29 +193,29 @@ Storage *storageOf(const ZoltLisBlock *block) {
 
 extern "C" int32_t zoltLisFree(ZoltLisBlock *block) {
     if (block == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     freeStorage(storageOf(block));
     *block = {};
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 extern "C" int32_t zoltLisGetTextId(ZoltLisBlock *block, int64_t *identity) {
     if (block == nullptr || identity == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     *identity = static_cast<int64_t>(block->word[IDENTITY]);
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 extern "C" int32_t zoltLisGetArgsBegin(ZoltLisBlock *block, ZoltLisIterator *argument) {
     if (block == nullptr || argument == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     *argument = {};
     Storage *storage = storageOf(block);
     if (storage == nullptr || storage->used == 0)
-        return LIS_NO_MORE;
+        return ZOLTLIS_NO_MORE;
     argument->word[AT] = reinterpret_cast<uintptr_t>(itemsOf(storage));
     argument->word[END] = argument->word[AT] + storage->used;
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 namespace {
@@ -241,18 +241,18 @@ template<typename Plain>
 int32_t getValue(const ZoltLisIterator *argument, ItemType type, Plain *out) {
     const void *payload = payloadOf(argument, type, type);
     if (payload == nullptr || out == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     memcpy(out, payload, sizeof *out);
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 template<typename Pointee>
 int32_t getAddress(const ZoltLisIterator *argument, ItemType type, ItemType otherType, Pointee **out) {
     const void *payload = payloadOf(argument, type, otherType);
     if (payload == nullptr || out == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     *out = static_cast<Pointee *>(const_cast<void *>(payload));
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 } // namespace
@@ -260,59 +260,59 @@ int32_t getAddress(const ZoltLisIterator *argument, ItemType type, ItemType othe
 extern "C" int32_t zoltLisGetNextArg(ZoltLisIterator *argument) {
     const ItemWord *word = current(argument);
     if (word == nullptr)
-        return LIS_NO_MORE;
+        return ZOLTLIS_NO_MORE;
     argument->word[AT] += sizeof *word + padded(itemPayload(*word));
-    return current(argument) == nullptr ? LIS_NO_MORE : LIS_OK;
+    return current(argument) == nullptr ? ZOLTLIS_NO_MORE : ZOLTLIS_OK;
 }
 
 extern "C" int32_t zoltLisGetArgTypeId(ZoltLisIterator *argument, uint32_t *type) {
     const ItemWord *word = current(argument);
     if (word == nullptr || type == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     *type = itemType(*word);
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 extern "C" int32_t zoltLisGetArg_wchar(ZoltLisIterator *argument, wchar_t *out) {
-    return getValue(argument, ITEM_WIDE_CHAR, out);
+    return getValue(argument, ZOLTLIS_ITEM_WIDE_CHAR, out);
 }
 
 extern "C" int32_t zoltLisGetArg_longlong(ZoltLisIterator *argument, int64_t *out) {
-    return getValue(argument, ITEM_SIGNED, out);
+    return getValue(argument, ZOLTLIS_ITEM_SIGNED, out);
 }
 
 extern "C" int32_t zoltLisGetArg_ulonglong(ZoltLisIterator *argument, uint64_t *out) {
-    return getValue(argument, ITEM_UNSIGNED, out);
+    return getValue(argument, ZOLTLIS_ITEM_UNSIGNED, out);
 }
 
 extern "C" int32_t zoltLisGetArg_double(ZoltLisIterator *argument, double *out) {
-    return getValue(argument, ITEM_DOUBLE, out);
+    return getValue(argument, ZOLTLIS_ITEM_DOUBLE, out);
 }
 
 extern "C" int32_t zoltLisGetArg_pointer(ZoltLisIterator *argument, void **out) {
-    return getValue(argument, ITEM_POINTER, out);
+    return getValue(argument, ZOLTLIS_ITEM_POINTER, out);
 }
 
 extern "C" int32_t zoltLisGetArg_wstring(ZoltLisIterator *argument, const wchar_t **out) {
-    return getAddress(argument, ITEM_WIDE_STRING, ITEM_WIDE_STRING, out);
+    return getAddress(argument, ZOLTLIS_ITEM_WIDE_STRING, ZOLTLIS_ITEM_WIDE_STRING, out);
 }
 
 extern "C" int32_t zoltLisGetArg_os_error(ZoltLisIterator *argument, const ZoltLisOsError **out) {
-    return getAddress(argument, ITEM_OS_ERROR, ITEM_OS_ERROR_OTHER, out);
+    return getAddress(argument, ZOLTLIS_ITEM_OS_ERROR, ZOLTLIS_ITEM_OS_ERROR_OTHER, out);
 }
 
 extern "C" int32_t zoltLisGetArg_datetime(ZoltLisIterator *argument, ZoltLisDateTime *out) {
-    return getValue(argument, ITEM_DATE_TIME, out);
+    return getValue(argument, ZOLTLIS_ITEM_DATE_TIME, out);
 }
 
 extern "C" int32_t zoltLisGetArg_lis(ZoltLisIterator *argument, ZoltLisBlock **out) {
-    return getAddress(argument, ITEM_NESTED, ITEM_NESTED, out);
+    return getAddress(argument, ZOLTLIS_ITEM_NESTED, ZOLTLIS_ITEM_NESTED, out);
 }
 
 extern "C" int32_t zoltLisGetArg_utf8string(ZoltLisIterator *argument, const char **out) {
-    return getAddress(argument, ITEM_UTF8_STRING, ITEM_UTF8_STRING, out);
+    return getAddress(argument, ZOLTLIS_ITEM_UTF8_STRING, ZOLTLIS_ITEM_UTF8_STRING, out);
 }
 
 extern "C" int32_t zoltLisGetArg_nativeString(ZoltLisIterator *argument, const char **out) {
-    return getAddress(argument, ITEM_NATIVE_STRING, ITEM_NATIVE_STRING, out);
+    return getAddress(argument, ZOLTLIS_ITEM_NATIVE_STRING, ZOLTLIS_ITEM_NATIVE_STRING, out);
 }

@@ -18,13 +18,13 @@ int64_t identityOf(ZoltLisBlock *block) {
 template<typename Add>
 int32_t addTo(ZoltLisBlock *block, Add add) {
     if (block == nullptr || storageOf(block) == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     const int64_t identity = identityOf(block);
     Builder builder;
     resumeBlock(&builder, block);
     add(&builder);
     const LisResult result = builder.result;
-    builder.result = LIS_OK;
+    builder.result = ZOLTLIS_OK;
     (void)finishBlock(&builder, block, identity);
     return result;
 }
@@ -36,25 +36,25 @@ int32_t addPlain(ZoltLisBlock *block, ItemType type, const Plain &value) {
 
 int32_t addText(ZoltLisBlock *block, ItemType type, const char *text) {
     if (text == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     return addTo(block, [&](Builder *builder) { addNarrow(builder, type, text, strlen(text)); });
 }
 
 // ---- looking a built message up ---------------------------------------------------------
 
 const ArgumentType TYPES[] = {
-    {CLASS_CHAR, FETCH_WINT, 0, false, true},        // ITEM_WIDE_CHAR
-    {CLASS_INTEGER, FETCH_LONG, 64, true, false},    // ITEM_SIGNED
-    {CLASS_INTEGER, FETCH_LONG, 64, false, false},   // ITEM_UNSIGNED
-    {CLASS_FLOAT, FETCH_DOUBLE, 0, true, false},     // ITEM_DOUBLE
-    {CLASS_POINTER, FETCH_POINTER, 0, false, false}, // ITEM_POINTER
-    {CLASS_STRING, FETCH_POINTER, 0, false, true},   // ITEM_WIDE_STRING
-    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ITEM_OS_ERROR
-    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ITEM_OS_ERROR_OTHER
-    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ITEM_DATE_TIME
-    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ITEM_NESTED
-    {CLASS_STRING, FETCH_POINTER, 0, false, false},  // ITEM_UTF8_STRING
-    {CLASS_STRING, FETCH_POINTER, 0, false, false},  // ITEM_NATIVE_STRING
+    {CLASS_CHAR, FETCH_WINT, 0, false, true},        // ZOLTLIS_ITEM_WIDE_CHAR
+    {CLASS_INTEGER, FETCH_LONG, 64, true, false},    // ZOLTLIS_ITEM_SIGNED
+    {CLASS_INTEGER, FETCH_LONG, 64, false, false},   // ZOLTLIS_ITEM_UNSIGNED
+    {CLASS_FLOAT, FETCH_DOUBLE, 0, true, false},     // ZOLTLIS_ITEM_DOUBLE
+    {CLASS_POINTER, FETCH_POINTER, 0, false, false}, // ZOLTLIS_ITEM_POINTER
+    {CLASS_STRING, FETCH_POINTER, 0, false, true},   // ZOLTLIS_ITEM_WIDE_STRING
+    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ZOLTLIS_ITEM_OS_ERROR
+    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ZOLTLIS_ITEM_OS_ERROR_OTHER
+    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ZOLTLIS_ITEM_DATE_TIME
+    {CLASS_OPAQUE, FETCH_POINTER, 0, false, false},  // ZOLTLIS_ITEM_NESTED
+    {CLASS_STRING, FETCH_POINTER, 0, false, false},  // ZOLTLIS_ITEM_UTF8_STRING
+    {CLASS_STRING, FETCH_POINTER, 0, false, false},  // ZOLTLIS_ITEM_NATIVE_STRING
 };
 
 // The arguments of a built block: its items.
@@ -76,16 +76,16 @@ void freeArguments(BuiltArguments *arguments) {
 void readValue(uint32_t type, const char *payload, Value *value) {
     *value = {};
     switch (type) {
-    case ITEM_WIDE_CHAR: {
+    case ZOLTLIS_ITEM_WIDE_CHAR: {
         wchar_t character;
         memcpy(&character, payload, sizeof character);
         value->integer = static_cast<wint_t>(character);
         break;
     }
-    case ITEM_SIGNED:
-    case ITEM_UNSIGNED:
-    case ITEM_DOUBLE:
-    case ITEM_POINTER:
+    case ZOLTLIS_ITEM_SIGNED:
+    case ZOLTLIS_ITEM_UNSIGNED:
+    case ZOLTLIS_ITEM_DOUBLE:
+    case ZOLTLIS_ITEM_POINTER:
         memcpy(value, payload, sizeof(int64_t));
         break;
     default:
@@ -133,7 +133,7 @@ bool readArguments(Storage *storage, BuiltArguments *out) {
 // longer owns them.
 void forgetTaken(const BuiltArguments &arguments) {
     for (int i = 0; i < arguments.count; ++i) {
-        if (arguments.key[i] == 'a' + ITEM_NESTED && arguments.payloads[i] == nullptr)
+        if (arguments.key[i] == 'a' + ZOLTLIS_ITEM_NESTED && arguments.payloads[i] == nullptr)
             *static_cast<ZoltLisBlock *>(const_cast<void *>(arguments.values[i].pointer)) = {};
     }
 }
@@ -143,87 +143,87 @@ LisResult replaceItems(ZoltLisBlock *block, const Shown *shown, BuiltArguments *
     Builder builder;
     startBlock(&builder, storageOf(block)->utf8, storageOf(block)->used);
     addShown(&builder, shown, arguments->values, arguments->payloads, errno);
-    if (builder.result != LIS_OK && builder.storage != nullptr)
+    if (builder.result != ZOLTLIS_OK && builder.storage != nullptr)
         builder.storage->nested = false; // what was copied still belongs to the block
     ZoltLisBlock made;
     const int32_t result = finishBlock(&builder, &made, 0);
-    if (result != LIS_OK)
+    if (result != ZOLTLIS_OK)
         return static_cast<LisResult>(result);
     storageOf(&made)->depth = storageOf(block)->depth;
     forgetTaken(*arguments);
     (void)zoltLisFree(block);
     *block = made;
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 } // namespace
 
 extern "C" int32_t qdlisAddCatalog(const char *package) {
-    return package == nullptr || *package == '\0' ? LIS_INVALID : addCatalog(package);
+    return package == nullptr || *package == '\0' ? ZOLTLIS_INVALID_ARGUMENT : addCatalog(package);
 }
 
 extern "C" int32_t qdlisBegin(ZoltLisBlock *block, uint32_t utf8, int64_t messageNumber) {
     if (block == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     Builder builder;
     startBlock(&builder, utf8 != 0, 0);
     return finishBlock(&builder, block, messageNumber);
 }
 
 extern "C" int32_t qdlisAddWideChar(ZoltLisBlock *block, wchar_t value) {
-    return addPlain(block, ITEM_WIDE_CHAR, value);
+    return addPlain(block, ZOLTLIS_ITEM_WIDE_CHAR, value);
 }
 
 extern "C" int32_t qdlisAddSigned(ZoltLisBlock *block, int64_t value) {
-    return addPlain(block, ITEM_SIGNED, value);
+    return addPlain(block, ZOLTLIS_ITEM_SIGNED, value);
 }
 
 extern "C" int32_t qdlisAddUnsigned(ZoltLisBlock *block, uint64_t value) {
-    return addPlain(block, ITEM_UNSIGNED, value);
+    return addPlain(block, ZOLTLIS_ITEM_UNSIGNED, value);
 }
 
 extern "C" int32_t qdlisAddDouble(ZoltLisBlock *block, double value) {
-    return addPlain(block, ITEM_DOUBLE, value);
+    return addPlain(block, ZOLTLIS_ITEM_DOUBLE, value);
 }
 
 extern "C" int32_t qdlisAddPointer(ZoltLisBlock *block, const void *value) {
-    return addPlain(block, ITEM_POINTER, value);
+    return addPlain(block, ZOLTLIS_ITEM_POINTER, value);
 }
 
 extern "C" int32_t qdlisAddWideString(ZoltLisBlock *block, const wchar_t *text) {
     if (text == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     return addTo(block, [&](Builder *builder) { addWide(builder, text); });
 }
 
 extern "C" int32_t qdlisAddOsError(ZoltLisBlock *block, uint32_t kind, int64_t code) {
     if (kind != QDLIS_ERRNO && kind != QDLIS_OTHER_ERROR)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     const ZoltLisOsError error = {kind, code};
-    return addPlain(block, kind == QDLIS_ERRNO ? ITEM_OS_ERROR : ITEM_OS_ERROR_OTHER, error);
+    return addPlain(block, kind == QDLIS_ERRNO ? ZOLTLIS_ITEM_OS_ERROR : ZOLTLIS_ITEM_OS_ERROR_OTHER, error);
 }
 
 extern "C" int32_t qdlisAddDateTime(ZoltLisBlock *block, int64_t seconds, int64_t nanoseconds) {
     const ZoltLisDateTime time = {seconds, nanoseconds};
-    return addPlain(block, ITEM_DATE_TIME, time);
+    return addPlain(block, ZOLTLIS_ITEM_DATE_TIME, time);
 }
 
 extern "C" int32_t qdlisAddUtf8String(ZoltLisBlock *block, const char *text) {
-    return addText(block, ITEM_UTF8_STRING, text);
+    return addText(block, ZOLTLIS_ITEM_UTF8_STRING, text);
 }
 
 extern "C" int32_t qdlisAddNativeString(ZoltLisBlock *block, const char *text) {
-    return addText(block, ITEM_NATIVE_STRING, text);
+    return addText(block, ZOLTLIS_ITEM_NATIVE_STRING, text);
 }
 
 extern "C" int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested) {
     if (nested == nullptr || nested == block || storageOf(nested) == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     const uint8_t depth = static_cast<uint8_t>(storageOf(nested)->depth + 1);
     if (depth > MAX_NESTING)
-        return LIS_INVALID;
-    const int32_t result = addPlain(block, ITEM_NESTED, *nested);
-    if (result == LIS_OK) {
+        return ZOLTLIS_INVALID_ARGUMENT;
+    const int32_t result = addPlain(block, ZOLTLIS_ITEM_NESTED, *nested);
+    if (result == ZOLTLIS_OK) {
         *nested = {};
         if (storageOf(block)->depth < depth)
             storageOf(block)->depth = depth;
@@ -233,12 +233,12 @@ extern "C" int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested) {
 
 extern "C" int32_t qdlisLookUp(ZoltLisBlock *block) {
     if (block == nullptr || storageOf(block) == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     const int64_t number = identityOf(block);
     if (number == 0)
-        return LIS_OK;
+        return ZOLTLIS_OK;
     BuiltArguments arguments;
-    LisResult result = LIS_NO_MEMORY;
+    LisResult result = ZOLTLIS_NO_MEMORY;
     if (readArguments(storageOf(block), &arguments)) {
         const Shown *shown = nullptr;
         result = findBuiltMessage(number, storageOf(block)->utf8, arguments.key, arguments.types,
@@ -255,14 +255,14 @@ extern "C" int32_t qdlisLookUp(ZoltLisBlock *block) {
 extern "C" int32_t qdlisPatternArguments(const char *pattern, char *letters, size_t size) {
     static const char LETTERS[] = {'-', 'd', 'f', 'c', 's', 'p'}; // in the order of ArgumentClass
     if (pattern == nullptr || letters == nullptr || size == 0)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     Program *program;
     LisResult result = compileFormat(pattern, true, &program);
-    if (result != LIS_OK)
+    if (result != ZOLTLIS_OK)
         return result;
     for (size_t k = 0; k < program->pieceCount; ++k) {
         if (program->pieces[k].shown.letter == 'm')
-            result = LIS_INVALID; // it tells an error of the calling program
+            result = ZOLTLIS_INVALID_ARGUMENT; // it tells an error of the calling program
     }
     size_t i = 0;
     for (; i < static_cast<size_t>(program->argumentCount) && i < size - 1; ++i)

@@ -102,17 +102,17 @@ void lockCatalogs() {
 // own start has failed.
 LisResult resultOf(UErrorCode status) {
     if (U_SUCCESS(status))
-        return LIS_OK;
+        return ZOLTLIS_OK;
     switch (status) {
     case U_MISSING_RESOURCE_ERROR:
     case U_FILE_ACCESS_ERROR:
     case U_INVALID_FORMAT_ERROR:
     case U_RESOURCE_TYPE_MISMATCH:
-        return LIS_NO_MORE;
+        return ZOLTLIS_NO_MORE;
     case U_MEMORY_ALLOCATION_ERROR:
         return LIS_NOT_NOW;
     default:
-        return LIS_CATALOG_FAILED;
+        return ZOLTLIS_FAILED;
     }
 }
 
@@ -123,13 +123,13 @@ LisResult resultOf(UErrorCode status) {
 LisResult addPackage(const char *path, size_t length) {
     char directory[PATH_MAX] = "";
     if (length == 0)
-        return LIS_OK;
+        return ZOLTLIS_OK;
     if (path[0] != '/' && getcwd(directory, sizeof directory) == nullptr)
-        return LIS_CATALOG_FAILED;
+        return ZOLTLIS_FAILED;
     const size_t before = strlen(directory);
     char *package = static_cast<char *>(malloc(before + 1 + length + 1));
     if (package == nullptr)
-        return LIS_NO_MEMORY;
+        return ZOLTLIS_NO_MEMORY;
     char *end = static_cast<char *>(mempcpy(package, directory, before));
     if (before != 0)
         *end++ = '/';
@@ -138,31 +138,31 @@ LisResult addPackage(const char *path, size_t length) {
     for (size_t i = 0; i < catalogs.count; ++i) {
         if (strcmp(catalogs.packages[i], package) == 0) {
             free(package);
-            return LIS_OK;
+            return ZOLTLIS_OK;
         }
     }
     if (catalogs.count == MAX_CATALOGS) {
         free(package);
-        return LIS_CATALOG_FAILED;
+        return ZOLTLIS_FAILED;
     }
     catalogs.packages[catalogs.count++] = package;
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 // Reads QDLIS_CATALOG once, with the mutex held. Surplus entries are left out.
 LisResult readEnvironment() {
     if (catalogs.version != 0)
-        return LIS_OK;
+        return ZOLTLIS_OK;
     const char *list = secure_getenv("QDLIS_CATALOG");
     while (list != nullptr && *list != '\0') {
         const size_t length = strcspn(list, ":");
-        if (addPackage(list, length) == LIS_NO_MEMORY)
-            return LIS_NO_MEMORY;
+        if (addPackage(list, length) == ZOLTLIS_NO_MEMORY)
+            return ZOLTLIS_NO_MEMORY;
         list += length;
         list += *list == ':';
     }
     __atomic_store_n(&catalogs.version, 1, __ATOMIC_RELEASE);
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 // ---- views -------------------------------------------------------------------------------
@@ -201,13 +201,13 @@ LisResult openBundle(const char *package, const char *locale, UResourceBundle **
         bundle = ures_open(package, ROOT, &status);
     }
     const LisResult result = resultOf(status);
-    if (result == LIS_OK) {
+    if (result == ZOLTLIS_OK) {
         *out = bundle;
-        return LIS_OK;
+        return ZOLTLIS_OK;
     }
     ures_close(bundle);
     *out = nullptr;
-    return result == LIS_NO_MORE ? LIS_OK : result;
+    return result == ZOLTLIS_NO_MORE ? ZOLTLIS_OK : result;
 }
 
 void closeView(View *view) {
@@ -233,7 +233,7 @@ LisResult makeView(const char *locale, const char *codeset, View **out) {
     const size_t codesetSize = strlen(codeset) + 1;
     View *view = static_cast<View *>(calloc(1, sizeof(View) + localeSize + codesetSize));
     if (view == nullptr)
-        return LIS_NO_MEMORY;
+        return ZOLTLIS_NO_MEMORY;
     view->version = catalogs.version;
     view->locale = static_cast<char *>(memcpy(view->names, locale, localeSize));
     view->codeset = static_cast<char *>(memcpy(view->names + localeSize, codeset, codesetSize));
@@ -242,7 +242,7 @@ LisResult makeView(const char *locale, const char *codeset, View **out) {
     for (; view->bundleCount < catalogs.count; ++view->bundleCount) {
         const size_t i = view->bundleCount;
         const LisResult result = openBundle(catalogs.packages[i], name, &view->bundles[i]);
-        if (result != LIS_OK) {
+        if (result != ZOLTLIS_OK) {
             closeView(view);
             return result;
         }
@@ -250,7 +250,7 @@ LisResult makeView(const char *locale, const char *codeset, View **out) {
     view->next = catalogs.views;
     __atomic_store_n(&catalogs.views, view, __ATOMIC_RELEASE);
     *out = view;
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 // The view of the process's message locale and the thread's encoding.
@@ -261,11 +261,11 @@ LisResult currentView(View **out) {
     if (version != 0) {
         *out = knownView(locale, codeset, version);
         if (*out != nullptr)
-            return LIS_OK;
+            return ZOLTLIS_OK;
     }
     lockCatalogs();
     LisResult result = readEnvironment();
-    if (result == LIS_OK) {
+    if (result == ZOLTLIS_OK) {
         *out = knownView(locale, codeset, catalogs.version);
         if (*out == nullptr)
             result = makeView(locale, codeset, out);
@@ -289,16 +289,16 @@ LisResult readPattern(const View *view, int64_t number, char **out) {
         int32_t length = 0;
         const UChar *pattern = ures_getStringByKey(view->bundles[i], key, &length, &status);
         const LisResult result = resultOf(status);
-        if (result == LIS_NO_MORE)
+        if (result == ZOLTLIS_NO_MORE)
             continue;
-        if (result != LIS_OK)
+        if (result != ZOLTLIS_OK)
             return result;
         if (length > INT32_MAX / UTF8_PER_UNIT - 1)
             continue;
         const int32_t room = length * UTF8_PER_UNIT + 1;
         char *utf8 = static_cast<char *>(malloc(static_cast<size_t>(room)));
         if (utf8 == nullptr)
-            return LIS_NO_MEMORY;
+            return ZOLTLIS_NO_MEMORY;
         int32_t substitutions = 0;
         u_strToUTF8WithSub(utf8, room, nullptr, pattern, length, '?', &substitutions, &status);
         if (U_FAILURE(status)) {
@@ -306,9 +306,9 @@ LisResult readPattern(const View *view, int64_t number, char **out) {
             return resultOf(status);
         }
         *out = utf8;
-        return LIS_OK;
+        return ZOLTLIS_OK;
     }
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 // The character at *p, which moves behind it; -1 for a byte that starts none.
@@ -394,7 +394,7 @@ LisResult makePieces(Shown *shown, const Program *pattern) {
     startBlock(&texts, shown->utf8, 0);
     shown->texts = texts.storage;
     if (shown->pieces == nullptr || texts.storage == nullptr)
-        return LIS_NO_MEMORY;
+        return ZOLTLIS_NO_MEMORY;
     for (size_t i = 0; i < pattern->pieceCount;) {
         ShownPiece *made = shown->pieces + shown->pieceCount++;
         made->shown = pattern->pieces[i].shown;
@@ -459,7 +459,7 @@ LisResult copyArguments(Shown *shown, const Request &request) {
     int count = request.count;
     if (!request.built) {
         const LisResult result = compileFormat(request.key, false, &program);
-        if (result != LIS_OK)
+        if (result != ZOLTLIS_OK)
             return result;
         arguments = program->arguments;
         count = program->argumentCount;
@@ -470,7 +470,7 @@ LisResult copyArguments(Shown *shown, const Request &request) {
     if (shown->arguments != nullptr && size != 0)
         memcpy(shown->arguments, arguments, size);
     free(program);
-    return shown->arguments != nullptr ? LIS_OK : LIS_NO_MEMORY;
+    return shown->arguments != nullptr ? ZOLTLIS_OK : ZOLTLIS_NO_MEMORY;
 }
 
 // Makes the message what a catalogue's text says; it stays missing when that is no
@@ -478,19 +478,19 @@ LisResult copyArguments(Shown *shown, const Request &request) {
 LisResult applyPattern(Shown *shown, const char *text) {
     Program *pattern = nullptr;
     LisResult result = compileFormat(text, true, &pattern);
-    if (result == LIS_OK && fitPattern(pattern, shown->arguments, shown->argumentCount)) {
+    if (result == ZOLTLIS_OK && fitPattern(pattern, shown->arguments, shown->argumentCount)) {
         result = makePieces(shown, pattern);
         shown->found = true;
     }
     free(pattern);
-    return result == LIS_INVALID ? LIS_OK : result;
+    return result == ZOLTLIS_INVALID_ARGUMENT ? ZOLTLIS_OK : result;
 }
 
 // Looks the message up and fits its pattern.
 LisResult fillMessage(Shown *shown, const View *view, const Request &request) {
     LisResult result = copyArguments(shown, request);
     char *text = nullptr;
-    if (result == LIS_OK)
+    if (result == ZOLTLIS_OK)
         result = readPattern(view, request.number, &text);
     if (text != nullptr)
         result = applyPattern(shown, text);
@@ -505,18 +505,18 @@ LisResult learnMessage(View *view, const Request &request, const Shown **out) {
     unsigned others;
     *out = knownMessage(slot, request, &others);
     if (*out != nullptr)
-        return LIS_OK;
+        return ZOLTLIS_OK;
     const size_t keySize = strlen(request.key) + 1;
     Shown *shown = static_cast<Shown *>(calloc(1, sizeof(Shown) + keySize));
     if (shown == nullptr)
-        return LIS_NO_MEMORY;
+        return ZOLTLIS_NO_MEMORY;
     shown->number = request.number;
     shown->utf8 = request.utf8;
     shown->built = request.built;
     shown->temporary = others >= MAX_IN_SLOT;
     memcpy(shown->format, request.key, keySize);
     const LisResult result = fillMessage(shown, view, request);
-    if (result != LIS_OK) {
+    if (result != ZOLTLIS_OK) {
         freeShown(shown);
         return result;
     }
@@ -525,29 +525,29 @@ LisResult learnMessage(View *view, const Request &request, const Shown **out) {
         __atomic_store_n(slot, shown, __ATOMIC_RELEASE);
     }
     *out = shown;
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 LisResult find(const Request &request, const Shown **out) {
     *out = nullptr;
     View *view;
     LisResult result = currentView(&view);
-    if (result != LIS_OK || view->bundleCount == 0)
-        return result == LIS_NOT_NOW ? LIS_OK : result;
+    if (result != ZOLTLIS_OK || view->bundleCount == 0)
+        return result == LIS_NOT_NOW ? ZOLTLIS_OK : result;
     unsigned others;
     const Shown *shown = knownMessage(slotOf(view, request.number), request, &others);
     if (shown == nullptr) {
         lockCatalogs();
         result = learnMessage(view, request, &shown);
         unlockCatalogs();
-        if (result != LIS_OK)
-            return result == LIS_NOT_NOW ? LIS_OK : result;
+        if (result != ZOLTLIS_OK)
+            return result == LIS_NOT_NOW ? ZOLTLIS_OK : result;
     }
     if (shown->found)
         *out = shown;
     else
         releaseMessage(shown);
-    return LIS_OK;
+    return ZOLTLIS_OK;
 }
 
 } // namespace
@@ -594,7 +594,7 @@ LisResult addCatalog(const char *package) {
     lockCatalogs();
     LisResult result = readEnvironment();
     const size_t before = catalogs.count;
-    if (result == LIS_OK)
+    if (result == ZOLTLIS_OK)
         result = addPackage(package, strlen(package));
     if (catalogs.count != before)
         __atomic_store_n(&catalogs.version, catalogs.version + 1, __ATOMIC_RELEASE);

@@ -373,7 +373,7 @@ void addRendered(Builder *builder, const Conversion &conversion, const Value &va
                 if (raw)
                     addNarrow(builder, narrowType(builder), out, 0);
             } else {
-                builder->result = errno == ENOMEM ? LIS_NO_MEMORY : LIS_INVALID;
+                builder->result = errno == ENOMEM ? ZOLTLIS_NO_MEMORY : ZOLTLIS_INVALID_ARGUMENT;
             }
             return;
         }
@@ -401,15 +401,15 @@ void addConversion(Builder *builder, const Conversion &conversion, const Value &
     switch (type.what) {
     case CLASS_INTEGER: {
         const int64_t number = narrowed(type, value.integer);
-        addValue(builder, type.isSigned ? ITEM_SIGNED : ITEM_UNSIGNED, number);
+        addValue(builder, type.isSigned ? ZOLTLIS_ITEM_SIGNED : ZOLTLIS_ITEM_UNSIGNED, number);
         break;
     }
     case CLASS_FLOAT:
-        addValue(builder, ITEM_DOUBLE, value.real);
+        addValue(builder, ZOLTLIS_ITEM_DOUBLE, value.real);
         break;
     case CLASS_CHAR:
         if (type.wide) {
-            addValue(builder, ITEM_WIDE_CHAR, static_cast<wchar_t>(value.integer));
+            addValue(builder, ZOLTLIS_ITEM_WIDE_CHAR, static_cast<wchar_t>(value.integer));
         } else {
             const char one = static_cast<char>(value.integer);
             addNarrow(builder, narrowType(builder), &one, 1);
@@ -427,7 +427,7 @@ void addConversion(Builder *builder, const Conversion &conversion, const Value &
                       strlen(static_cast<const char *>(value.pointer)));
         break;
     default:
-        addValue(builder, ITEM_POINTER, value.pointer);
+        addValue(builder, ZOLTLIS_ITEM_POINTER, value.pointer);
     }
 }
 
@@ -472,7 +472,7 @@ LisResult compileFormat(const char *format, bool gapsAllowed, Program **out) {
          p = strchr(p + 1, '%'))
         ++percents;
     if (percents == MAX_CONVERSIONS)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     // At most a text before each conversion and one after the last. Without gaps the
     // positions are those of the conversions, their widths and their precisions.
     const size_t pieces = 2 * static_cast<size_t>(percents) + 1;
@@ -481,11 +481,11 @@ LisResult compileFormat(const char *format, bool gapsAllowed, Program **out) {
         sizeof(Program) + pieces * sizeof(Piece) + static_cast<size_t>(limit) * sizeof(ArgumentType);
     Program *program = static_cast<Program *>(calloc(1, room));
     if (program == nullptr)
-        return LIS_NO_MEMORY;
+        return ZOLTLIS_NO_MEMORY;
     program->pieces = reinterpret_cast<Piece *>(program + 1);
     program->arguments = reinterpret_cast<ArgumentType *>(program->pieces + pieces);
     Places places = {program->arguments, limit, 0, false, false};
-    LisResult result = LIS_INVALID;
+    LisResult result = ZOLTLIS_INVALID_ARGUMENT;
     for (const char *p = format; *p != '\0';) {
         Piece *piece = program->pieces + program->pieceCount++;
         piece->text = p;
@@ -518,9 +518,9 @@ LisResult compileFormat(const char *format, bool gapsAllowed, Program **out) {
         if (program->arguments[i].what == CLASS_NONE)
             goto out;
     }
-    result = LIS_OK;
+    result = ZOLTLIS_OK;
 out:
-    if (result == LIS_OK)
+    if (result == ZOLTLIS_OK)
         *out = program;
     else
         free(program);

@@ -19,31 +19,14 @@
 
 // ---- results ------------------------------------------------------------------------
 
-enum LisResult : int32_t {
-    LIS_OK = 0,
-    LIS_NO_MORE = -1, // no item, or no further one
-    LIS_INVALID = -2,
-    LIS_NO_MEMORY = -3,
-    LIS_CATALOG_FAILED = -4,
-    LIS_NOT_NOW = -100 // inside catalog.cpp: ICU has no memory, the message is missing for now
-};
+// ZOLTLIS_..., and one number that does not leave catalog.cpp: ICU has no memory, the
+// message is missing for now.
+using LisResult = int32_t;
+inline constexpr LisResult LIS_NOT_NOW = -100;
 
 // ---- items of a block (block.cpp) -----------------------------------------------------
 
-enum ItemType : uint32_t {
-    ITEM_WIDE_CHAR = 0,
-    ITEM_SIGNED = 1,
-    ITEM_UNSIGNED = 2,
-    ITEM_DOUBLE = 3,
-    ITEM_POINTER = 4,
-    ITEM_WIDE_STRING = 5,
-    ITEM_OS_ERROR = 6,
-    ITEM_OS_ERROR_OTHER = 7,
-    ITEM_DATE_TIME = 8,
-    ITEM_NESTED = 9,
-    ITEM_UTF8_STRING = 10,
-    ITEM_NATIVE_STRING = 11
-};
+using ItemType = uint32_t; // ZOLTLIS_ITEM_...
 
 // An item is a word, type in the low byte and bytes of payload above it, and the
 // payload, padded to whole words.
@@ -109,7 +92,8 @@ inline void addValue(Builder *builder, ItemType type, const Plain &value) {
 }
 
 inline ItemType narrowType(const Builder *builder) {
-    return builder->storage != nullptr && builder->storage->utf8 ? ITEM_UTF8_STRING : ITEM_NATIVE_STRING;
+    return builder->storage != nullptr && builder->storage->utf8 ? ZOLTLIS_ITEM_UTF8_STRING
+                                                                 : ZOLTLIS_ITEM_NATIVE_STRING;
 }
 
 inline size_t padded(size_t size) {

@@ -25,11 +25,11 @@ void addPositional(Builder *builder, const char *format, ArgumentList *args, boo
     Value *values = nullptr;
     Value few[STACK_ARGUMENTS];
     builder->result = compileFormat(format, false, &program);
-    if (builder->result != LIS_OK)
+    if (builder->result != ZOLTLIS_OK)
         return;
     values = fetchAll(program->arguments, program->argumentCount, args, few);
     if (values == nullptr) {
-        builder->result = LIS_NO_MEMORY;
+        builder->result = ZOLTLIS_NO_MEMORY;
         goto out;
     }
     if (rawOnly) {
@@ -79,10 +79,10 @@ inline bool addCommon(Builder *builder, char letter, ArgumentList *args) {
         return true;
     }
     case 'd':
-        addValue(builder, ITEM_SIGNED, int64_t{va_arg(args->list, int)});
+        addValue(builder, ZOLTLIS_ITEM_SIGNED, int64_t{va_arg(args->list, int)});
         return true;
     case 'u':
-        addValue(builder, ITEM_UNSIGNED, uint64_t{va_arg(args->list, unsigned)});
+        addValue(builder, ZOLTLIS_ITEM_UNSIGNED, uint64_t{va_arg(args->list, unsigned)});
         return true;
     default:
         return false;
@@ -96,7 +96,7 @@ void addFormatted(Builder *builder, const char *format, ArgumentList *args, bool
         addPositional(builder, format, args, rawOnly, hostErrno);
         return;
     }
-    for (const char *p = format; builder->result == LIS_OK;) {
+    for (const char *p = format; builder->result == ZOLTLIS_OK;) {
         const char *percent = strchrnul(p, '%');
         if (!rawOnly)
             addLiteral(builder, p, static_cast<size_t>(percent - p));
@@ -109,7 +109,7 @@ void addFormatted(Builder *builder, const char *format, ArgumentList *args, bool
         Conversion conversion;
         p = parseConversion(percent + 1, &conversion);
         if (p == nullptr) {
-            builder->result = LIS_INVALID;
+            builder->result = ZOLTLIS_INVALID_ARGUMENT;
             return;
         }
         const int width = nextSize(conversion.widthFrom, conversion.width, args);
@@ -136,7 +136,7 @@ void addFound(Builder *builder, const Shown *shown, ArgumentList *args, int host
     few[0] = {}; // there may be no argument at all
     Value *values = fetchAll(types, count, args, few);
     if (values == nullptr) {
-        builder->result = LIS_NO_MEMORY;
+        builder->result = ZOLTLIS_NO_MEMORY;
         return;
     }
     addShown(builder, shown, values, nullptr, hostErrno);
@@ -149,7 +149,7 @@ int32_t makeText(ZoltLisBlock *block, bool utf8, int64_t number, const char *for
     const Shown *shown = nullptr;
     if (number != 0) {
         const LisResult result = findMessage(number, utf8, format, &shown);
-        if (result != LIS_OK)
+        if (result != ZOLTLIS_OK)
             return result;
     }
     Builder builder;
@@ -171,7 +171,7 @@ int32_t makeText(ZoltLisBlock *block, bool utf8, int64_t number, const char *for
 extern "C" int32_t zoltLisVEx(ZoltLisBlock *block, uint32_t utf8, int64_t messageNumber, const char *format,
                               va_list args) {
     if (block == nullptr || format == nullptr)
-        return LIS_INVALID;
+        return ZOLTLIS_INVALID_ARGUMENT;
     *block = {};
     ArgumentList list;
     va_copy(list.list, args);

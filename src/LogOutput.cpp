@@ -2,8 +2,6 @@
 
 #include <stdio.h>
 
-static const uint32_t CONSOLE_FORMAT_FLAGS = 0x700;
-
 static bool goesToStandardError(uint32_t type) {
     return type == ZOLTLOG_MSG_DIAG || type == ZOLTLOG_MSG_APP;
 }
@@ -30,7 +28,7 @@ uint32_t OutputToConsole(uint32_t flags, LogMsg *msg, LocalizerList *localizers)
         return ZOLTLOG_INVALID_ARGUMENT;
     char *text = nullptr;
     uint32_t result = ZOLTLOG_OK;
-    const FormatterRequest request = {localizers, nullptr, CONSOLE_FORMAT_FLAGS, msg, nullptr};
+    const FormatterRequest request = {localizers, nullptr, ZOLTLOG_FORMAT_CONSOLE, msg, nullptr};
     switch (renderWithFormatter(&newfmtLib, request, &result, &text)) {
     case FormatterState::Absent:
         return ZOLTLOG_OK;

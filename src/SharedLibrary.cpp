@@ -2,9 +2,6 @@
 
 #include <dlfcn.h>
 
-static const int32_t SHARED_LIB_OK = 0;
-static const int32_t SHARED_LIB_FAILED = -2;
-
 static const char FORMATTER_LIBRARY[] = "libzoltLogFormatMsg";
 static const char FORMATTER_ENTRY[] = "LogFormatMessage";
 
@@ -14,12 +11,12 @@ LogFormatter *newfmtLib;
 
 int32_t SharedLibLoad(void **library, const char *name, char **fileName) {
     if (library == nullptr || name == nullptr)
-        return SHARED_LIB_FAILED;
+        return ZOLTLOG_OS_NOT_LOADED;
     char *file = nullptr;
     if (zoltLogOs_getLibName(name, &file) != 0) {
         if (fileName != nullptr)
             *fileName = nullptr;
-        return SHARED_LIB_FAILED;
+        return ZOLTLOG_OS_NOT_LOADED;
     }
     *library = dlopen(file, RTLD_LAZY);
     if (fileName != nullptr && *library != nullptr) {
@@ -29,28 +26,28 @@ int32_t SharedLibLoad(void **library, const char *name, char **fileName) {
         if (fileName != nullptr)
             *fileName = nullptr;
     }
-    return *library != nullptr ? SHARED_LIB_OK : SHARED_LIB_FAILED;
+    return *library != nullptr ? ZOLTLOG_OS_OK : ZOLTLOG_OS_NOT_LOADED;
 }
 
 int32_t SharedLibUnload(void *library) {
     if (library == nullptr)
-        return SHARED_LIB_FAILED;
+        return ZOLTLOG_OS_NOT_LOADED;
     (void)dlclose(library); // nothing to be done about a library that will not go
-    return SHARED_LIB_OK;
+    return ZOLTLOG_OS_OK;
 }
 
 int32_t SharedLibResolveFunc(void *library, const char *symbol, void **function) {
     if (library == nullptr || symbol == nullptr || symbol[0] == '\0' || function == nullptr)
-        return SHARED_LIB_FAILED;
+        return ZOLTLOG_OS_NOT_LOADED;
     *function = dlsym(library, symbol);
-    return SHARED_LIB_OK;
+    return ZOLTLOG_OS_OK;
 }
 
 FormatterState renderWithFormatter(LogFormatter **slot, const FormatterRequest &request, uint32_t *result,
                                    char **text) {
     // KEPT: the plug-in is loaded anew for every message, each load adding a reference that is never given
     // back, and sh_handle is overwritten each time. Pinned by LogOutput.EachCallAddsAReferenceToThePlugIn.
-    if (SharedLibLoad(&sh_handle, FORMATTER_LIBRARY, nullptr) != SHARED_LIB_OK)
+    if (SharedLibLoad(&sh_handle, FORMATTER_LIBRARY, nullptr) != ZOLTLOG_OS_OK)
         return FormatterState::Absent;
     auto *formatter = static_cast<LogFormatter *>(zoltLogMalloc(sizeof(LogFormatter)));
     if (formatter == nullptr)

@@ -11,8 +11,6 @@
 #include <stdio.h>
 #include <string.h>
 
-static const uint64_t OLDEST_RECORD_VERSION = 65540;
-
 // ---- numbers -------------------------------------------------------------------
 
 uint32_t bin2txt_int(int32_t value, TextBuffer *buffer) {
@@ -27,12 +25,10 @@ uint32_t bin2txt_int(int32_t value, TextBuffer *buffer) {
     return ZOLTLOG_OK;
 }
 
-static const uint32_t HIGHEST_SEVERITY = 4;
-
 uint32_t bin2txt_sev(uint32_t severity, TextBuffer *buffer) {
     if (buffer == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    if (severity > HIGHEST_SEVERITY)
+    if (severity > ZOLTLOG_SEVERITY_EMERGENCY)
         return ZOLTLOG_FAILED;
     return bin2txt_int(static_cast<int32_t>(severity), buffer);
 }
@@ -177,22 +173,6 @@ static char *putString(TextBuffer *buffer, char *at, const Source &source, Strin
 
 // ---- argument blocks -----------------------------------------------------------
 
-// What the localization library tells of an argument's type.
-enum ArgumentKind : uint32_t {
-    ARG_WIDE_CHARACTER = 0,
-    ARG_SIGNED = 1,
-    ARG_UNSIGNED = 2,
-    ARG_DOUBLE = 3,
-    ARG_POINTER = 4,
-    ARG_WIDE_STRING = 5,
-    ARG_OS_ERROR = 6,
-    ARG_OS_ERROR_TOO = 7,
-    ARG_DATE = 8,
-    ARG_BLOCK = 9,
-    ARG_UTF8_STRING = 10,
-    ARG_NATIVE_STRING = 11
-};
-
 static const unsigned DEEPEST_NESTING = 100; // of blocks within blocks
 static const size_t MAX_UTF8_BYTES = 4;      // of one character
 static const size_t MAX_DOUBLE = 400;        // "%f": 309 digits, sign, point of any locale, 6 digits
@@ -274,7 +254,7 @@ static uint32_t putArgument(TextBuffer *buffer, ZoltLisIterator *argument, unsig
     if (zoltLisGetArgTypeId(argument, &kind) != 0)
         return ZOLTLOG_FAILED;
     switch (kind) {
-    case ARG_WIDE_CHARACTER: {
+    case ZOLTLIS_ITEM_WIDE_CHAR: {
         wchar_t wide = 0;
         char bytes[MAX_UTF8_BYTES];
         if (zoltLisGetArg_wchar(argument, &wide) != 0)
@@ -283,63 +263,63 @@ static uint32_t putArgument(TextBuffer *buffer, ZoltLisIterator *argument, unsig
         return length < 0 ? static_cast<uint32_t>(ZOLTLOG_FAILED)
                           : putCounted(buffer, "1", bytes, static_cast<size_t>(length));
     }
-    case ARG_SIGNED: {
+    case ZOLTLIS_ITEM_SIGNED: {
         int64_t value = 0;
         if (zoltLisGetArg_longlong(argument, &value) != 0)
             return ZOLTLOG_FAILED;
         return putNumber(buffer, "i64:", true, static_cast<uint64_t>(value));
     }
-    case ARG_UNSIGNED: {
+    case ZOLTLIS_ITEM_UNSIGNED: {
         uint64_t value = 0;
         if (zoltLisGetArg_ulonglong(argument, &value) != 0)
             return ZOLTLOG_FAILED;
         return putNumber(buffer, "u64:", false, value);
     }
-    case ARG_DOUBLE: {
+    case ZOLTLIS_ITEM_DOUBLE: {
         double value = 0;
         if (zoltLisGetArg_double(argument, &value) != 0)
             return ZOLTLOG_FAILED;
         return putDouble(buffer, value);
     }
-    case ARG_POINTER: {
+    case ZOLTLIS_ITEM_POINTER: {
         void *value = nullptr;
         if (zoltLisGetArg_pointer(argument, &value) != 0)
             return ZOLTLOG_FAILED;
         return putNumber(buffer, "964:", false, reinterpret_cast<uintptr_t>(value));
     }
-    case ARG_WIDE_STRING: {
+    case ZOLTLIS_ITEM_WIDE_STRING: {
         const wchar_t *value = nullptr;
         if (zoltLisGetArg_wstring(argument, &value) != 0)
             return ZOLTLOG_FAILED;
         return putWideString(buffer, value);
     }
-    case ARG_OS_ERROR:
-    case ARG_OS_ERROR_TOO: {
+    case ZOLTLIS_ITEM_OS_ERROR:
+    case ZOLTLIS_ITEM_OS_ERROR_OTHER: {
         const ZoltLisOsError *error = nullptr;
         if (zoltLisGetArg_os_error(argument, &error) != 0 || error == nullptr)
             return ZOLTLOG_FAILED;
         const int32_t code = static_cast<int32_t>(error->code);
         return putNumber(buffer, "D32:", true, static_cast<uint64_t>(static_cast<int64_t>(code)));
     }
-    case ARG_DATE: {
+    case ZOLTLIS_ITEM_DATE_TIME: {
         ZoltLisDateTime value = {0, 0};
         if (zoltLisGetArg_datetime(argument, &value) != 0)
             return ZOLTLOG_FAILED;
         return putNumber(buffer, "C64:", true, static_cast<uint64_t>(value.seconds));
     }
-    case ARG_BLOCK: {
+    case ZOLTLIS_ITEM_NESTED: {
         ZoltLisBlock *nested = nullptr;
         if (zoltLisGetArg_lis(argument, &nested) != 0 || nested == nullptr)
             return ZOLTLOG_FAILED;
         return putBlock(buffer, nested, depth + 1);
     }
-    case ARG_UTF8_STRING: {
+    case ZOLTLIS_ITEM_UTF8_STRING: {
         const char *value = nullptr;
         if (zoltLisGetArg_utf8string(argument, &value) != 0)
             return ZOLTLOG_FAILED;
         return putCounted(buffer, "X", value, value != nullptr ? strlen(value) : 0);
     }
-    case ARG_NATIVE_STRING: {
+    case ZOLTLIS_ITEM_NATIVE_STRING: {
         const char *value = nullptr;
         if (zoltLisGetArg_nativeString(argument, &value) != 0)
             return ZOLTLOG_FAILED;
@@ -413,7 +393,7 @@ static char *putIdentity(char *at, const LogMsg *msg, RecordIdentity *last) {
 static char *putPrefix(char *at, const LogMsg *msg, RecordIdentity *last) {
     // KEPT: records of the older versions have no numbers in front. Pinned by
     // RecordEncoding.OlderVersionsHaveNoPrefix.
-    if (msg->recordVersion < ZOLTLOG_RECORD_VERSION_ORIGINATOR)
+    if (msg->recordVersion <= ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX)
         return at;
     const bool namesItsFile = msg->recordVersion == ZOLTLOG_RECORD_VERSION_ORIGINATOR;
     at = putField(at, msg->type);
@@ -426,8 +406,6 @@ static char *putPrefix(char *at, const LogMsg *msg, RecordIdentity *last) {
     at = putSignedField(at, static_cast<int64_t>(msg->timestamp));
     return putIdentity(at, msg, last);
 }
-
-static const uint64_t FIRST_VERSION_WITH_APP_WHO = 65542;
 
 // What follows the text of a message, by its type.
 struct TypeFields {
@@ -448,11 +426,11 @@ static bool typeFieldsOf(const LogMsg *msg, TypeFields *fields) {
         *fields = {true, true, true, msg->attr.level, msg->who};
         return true;
     case ZOLTLOG_MSG_APP:
-        if (msg->recordVersion >= FIRST_VERSION_WITH_APP_WHO)
+        if (msg->recordVersion > ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO)
             *fields = {true, true, true, msg->attr.severity, msg->who};
         else
             *fields = {false, true, true, msg->attr.severity, nullptr};
-        return msg->attr.severity <= HIGHEST_SEVERITY;
+        return msg->attr.severity <= ZOLTLOG_SEVERITY_EMERGENCY;
     case ZOLTLOG_MSG_CONTEXT:
         *fields = {true, false, true, 0, msg->attr.contextTitle};
         return true;
@@ -495,7 +473,8 @@ static uint32_t putFields(TextBuffer *buffer, const LogMsg *msg, const TypeField
 
 uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, RecordIdentity *identity) {
     startText(buffer);
-    if (msg->recordVersion < OLDEST_RECORD_VERSION || msg->recordVersion > ZOLTLOG_RECORD_VERSION_LOGSET)
+    if (msg->recordVersion < ZOLTLOG_RECORD_VERSION_OLDEST ||
+        msg->recordVersion > ZOLTLOG_RECORD_VERSION_LOGSET)
         return ZOLTLOG_FAILED;
     TypeFields fields;
     if (!typeFieldsOf(msg, &fields))

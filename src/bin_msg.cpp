@@ -29,9 +29,6 @@ FOLLOWS(who, outcome);
 FOLLOWS(outcome, lis);
 #undef FOLLOWS
 
-static const uint32_t LOWEST_LEVEL = 1; // of debug and diagnostic messages
-static const uint32_t HIGHEST_LEVEL = 6;
-
 // Sets of message types, for the getters
 static constexpr uint32_t only(uint32_t type) {
     return 1u << type;
@@ -125,7 +122,7 @@ static uint32_t setWhoAndLevel(LogMsg *msg, const char *who, uint32_t level) {
         return ZOLTLOG_INVALID_ARGUMENT;
     msg->who = const_cast<char *>(who);
     msg->attr.level = level;
-    return level >= LOWEST_LEVEL && level <= HIGHEST_LEVEL ? ZOLTLOG_OK : ZOLTLOG_FAILED;
+    return level >= ZOLTLOG_LEVEL_FIRST && level <= ZOLTLOG_LEVEL_LAST ? ZOLTLOG_OK : ZOLTLOG_FAILED;
 }
 
 uint32_t zoltLogSetDebugAttr(LogMsg *msg, const char *who, uint32_t level) {

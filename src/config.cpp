@@ -45,7 +45,6 @@ static_assert(offsetof(LogCfg, productId) < offsetof(LogCfg, originatorId) &&
               offsetof(LogCfg, logsetOidDebugLogging) < offsetof(LogCfg, logsetOidDiagLogging));
 
 static const uint32_t NO_SETTING = 0xFFFFFFFF; // result of the permission setting's two operations
-static const uint32_t SHORT_NAMES_SELECTOR = 263;
 
 // ---- life cycle ----------------------------------------------------------------------
 
@@ -364,7 +363,7 @@ uint32_t LogCfgGetShortNames(LogCfg *cfg, uint32_t selector, char **out) {
     if (cfg == nullptr || out == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     *out = nullptr;
-    const bool ofProduct = (selector & 0xFFFFU) == SHORT_NAMES_SELECTOR;
+    const bool ofProduct = (selector & 0xFFFFU) == ZOLTLOG_ATTR_PRODUCT_ID;
     char names[sizeof cfg->originatorNames];
     copyBounded(names, sizeof names, ofProduct ? cfg->productShortNames : cfg->originatorNames);
     if (*names == '\0')

@@ -46,7 +46,7 @@ enum CfgUse : uint8_t { // where a key is read and written
 
 enum CfgCopying : uint8_t { CFG_COPIED, CFG_LEFT_OUT }; // by CopyCfg
 
-inline constexpr uint64_t CFG_LEVEL_MAX = 6;
+inline constexpr uint64_t CFG_LEVEL_MAX = ZOLTLOG_LEVEL_LAST;
 inline constexpr uint64_t CFG_RELOAD_MAX = 0x7FFFFFFF;
 inline constexpr uint64_t CFG_NO_MAX = UINT64_MAX;
 inline constexpr uint32_t CFG_ALL_BUT_DIRECTORY = 0x7FFFFFFE; // mask bits

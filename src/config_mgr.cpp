@@ -397,8 +397,7 @@ static bool isFetched(LogListing *listing, LogFileEntry *entry, int64_t *modific
     struct stat status;
     if (stat(path, &status) == 0 && S_ISREG(status.st_mode))
         *modificationTime = status.st_mtime;
-    static constexpr int32_t MODE_READ = 1;
-    if (zoltLogOs_open(&entry->file, path, MODE_READ, MANAGED_FILE_PERMISSIONS) != 0)
+    if (zoltLogOs_open(&entry->file, path, ZOLTLOG_OS_MODE_READ, MANAGED_FILE_PERMISSIONS) != 0)
         return false;
     LogFileHeader header = {};
     const uint32_t result = ReadHeader(entry, &header);

@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 static constexpr int32_t COPY_BLOCK = 1022; // bytes
-static constexpr int32_t DEVICE_FULL = 54;  // value of errorCode
 
 // Both ends of a copy, closed whatever way the copy ends.
 struct CopyEnds {
@@ -43,7 +42,7 @@ static uint32_t copyBytes(CopyEnds *ends, uint64_t remaining) {
         if (zoltLogOs_read(&ends->from, block, length) != length)
             return ZOLTLOG_SHORT_READ;
         if (zoltLogOs_write(&ends->to, block, length) != length)
-            return errorCode == DEVICE_FULL ? ZOLTLOG_DEVICE_FULL : ZOLTLOG_SHORT_WRITE;
+            return errorCode == ZOLTLOG_DEVICE_FULL ? ZOLTLOG_DEVICE_FULL : ZOLTLOG_SHORT_WRITE;
         remaining -= static_cast<uint64_t>(length);
     }
     return ZOLTLOG_OK;
@@ -53,10 +52,10 @@ uint32_t zoltLogCopyFile(const char *path, const char *directory) {
     if (path == nullptr || directory == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     CopyEnds ends;
-    if (zoltLogOs_open(&ends.from, path, OPEN_READ, MANAGED_FILE_PERMISSIONS) != OS_OK)
+    if (zoltLogOs_open(&ends.from, path, ZOLTLOG_OS_MODE_READ, MANAGED_FILE_PERMISSIONS) != ZOLTLOG_OS_OK)
         return ZOLTLOG_OPEN_FAILED;
     uint64_t size = 0;
-    if (zoltLogOs_fsize(&ends.from, &size) != OS_OK)
+    if (zoltLogOs_fsize(&ends.from, &size) != ZOLTLOG_OS_OK)
         return ZOLTLOG_SOURCE_SIZE_UNKNOWN;
     const char *last = strrchr(path, '/');
     const LogOwned<char> destination = joinedPath(directory, last != nullptr ? last : path);
@@ -65,9 +64,9 @@ uint32_t zoltLogCopyFile(const char *path, const char *directory) {
     if (isSameFile(ends.from, destination.get())) // opening it would empty the source
         return ZOLTLOG_DEST_OPEN_FAILED;
     const int32_t opened =
-        zoltLogOs_open(&ends.to, destination.get(), OPEN_TRUNCATE, MANAGED_FILE_PERMISSIONS);
-    if (opened != OS_OK)
-        return opened == OS_OPEN_FAILED ? ZOLTLOG_OPEN_FAILED : ZOLTLOG_DEST_OPEN_FAILED;
+        zoltLogOs_open(&ends.to, destination.get(), ZOLTLOG_OS_MODE_TRUNCATE, MANAGED_FILE_PERMISSIONS);
+    if (opened != ZOLTLOG_OS_OK)
+        return opened == ZOLTLOG_OS_OPEN_FAILED ? ZOLTLOG_OPEN_FAILED : ZOLTLOG_DEST_OPEN_FAILED;
     return copyBytes(&ends, size);
 }
 

@@ -38,21 +38,28 @@ const char *GetZoltLogCfgLoc(void) {
 // ---- single texts -------------------------------------------------------------------------
 
 uint32_t utipsres2zoltlogres(uint32_t storeResult) {
-    static const uint32_t RESULTS[] = {
-        ZOLTLOG_OK,                // 0
-        ZOLTLOG_INVALID_ARGUMENT,  // 1
-        ZOLTLOG_CFG_NOT_FOUND,     // 2
-        ZOLTLOG_CFG_NOT_FOUND,     // 3
-        ZOLTLOG_CFG_NOT_FOUND,     // 4
-        ZOLTLOG_CFG_CREATE_FAILED, // 5
-        ZOLTLOG_FAILED,            // 6
-        ZOLTLOG_NO_MORE,           // 7
-        ZOLTLOG_SECTION_NOT_FOUND, // 8
-        ZOLTLOG_NOTHING_TO_WRITE,  // 9
-        ZOLTLOG_STORE_RESULT_10,   // 10
-    };
-    const size_t count = sizeof RESULTS / sizeof *RESULTS;
-    return storeResult < count ? RESULTS[storeResult] : static_cast<uint32_t>(ZOLTLOG_FAILED);
+    switch (storeResult) {
+    case ZOLTLOG_STORE_OK:
+        return ZOLTLOG_OK;
+    case ZOLTLOG_STORE_INVALID_ARGUMENT:
+        return ZOLTLOG_INVALID_ARGUMENT;
+    case ZOLTLOG_STORE_NO_FILE:
+    case ZOLTLOG_STORE_NOT_FOUND:
+    case ZOLTLOG_STORE_4:
+        return ZOLTLOG_CFG_NOT_FOUND;
+    case ZOLTLOG_STORE_NOT_CREATED:
+        return ZOLTLOG_CFG_CREATE_FAILED;
+    case ZOLTLOG_STORE_NO_MORE:
+        return ZOLTLOG_NO_MORE;
+    case ZOLTLOG_STORE_NO_SECTION:
+        return ZOLTLOG_SECTION_NOT_FOUND;
+    case ZOLTLOG_STORE_9:
+        return ZOLTLOG_NOTHING_TO_WRITE;
+    case ZOLTLOG_STORE_10:
+        return ZOLTLOG_STORE_RESULT_10;
+    default: // ZOLTLOG_STORE_NOT_WRITTEN among them
+        return ZOLTLOG_FAILED;
+    }
 }
 
 uint32_t GetPropertyString(const char *file, const char *section, const char *key, char **out) {
@@ -62,7 +69,7 @@ uint32_t GetPropertyString(const char *file, const char *section, const char *ke
     bool found = false;
     StoreSection wanted = {section, &key, 1, value, &found};
     if (file == nullptr || section == nullptr || key == nullptr ||
-        storeReadSections(file, &wanted, 1) != STORE_OK || !found)
+        storeReadSections(file, &wanted, 1) != ZOLTLOG_STORE_OK || !found)
         return ZOLTLOG_CFG_NOT_FOUND;
     char *text = storeValueText(value[0]);
     if (text == nullptr)
@@ -202,7 +209,7 @@ static uint32_t applyLogset(LogCfg *cfg, SectionValues *values, const char *name
 
 // The result of reading sections: a file that does not open reads as an empty one.
 static uint32_t sectionsResult(uint32_t storeResult) {
-    if (storeResult == STORE_NOT_WRITTEN)
+    if (storeResult == ZOLTLOG_STORE_NOT_WRITTEN)
         return ZOLTLOG_NO_MEMORY;
     const uint32_t result = utipsres2zoltlogres(storeResult);
     return result == ZOLTLOG_CFG_NOT_FOUND ? static_cast<uint32_t>(ZOLTLOG_OK) : result;
@@ -267,16 +274,16 @@ uint32_t GetLogSetCfgSettings(const char *productLocation, const char *logsetNam
 
 uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter) {
     if (cfg == nullptr || section == nullptr || counter == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     CfgSectionState state = {false, 0};
-    uint32_t result = STORE_OK;
+    uint32_t result = ZOLTLOG_STORE_OK;
     for (const CfgKeyId id : CFG_WRITTEN_LAST) {
         char value[STORE_VALUE_SIZE];
         CfgTaken taken = CFG_SKIPPED;
         result = storeLookup(section, CFG_KEYS[id].name, value);
-        if (result == STORE_OK && !cfgApplyValue(cfg, id, value, &state, &taken))
-            result = STORE_NOT_FOUND;
-        if (result == STORE_OK)
+        if (result == ZOLTLOG_STORE_OK && !cfgApplyValue(cfg, id, value, &state, &taken))
+            result = ZOLTLOG_STORE_NOT_FOUND;
+        if (result == ZOLTLOG_STORE_OK)
             ++*counter;
         if (taken >= CFG_LOOSELY) // here the setting counts as set by the caller
             cfg->changedMask |= CFG_KEYS[id].mask;
@@ -455,14 +462,14 @@ static bool isSkipped(const Enumeration *what, const char *name) {
     return strcmp(name, CFG_DEFAULT) == 0 || (!what->logsets && strcmp(name, STORE_LOGSET_TOKEN) == 0);
 }
 
-// A further record from the section of a name; STORE_NOT_WRITTEN when out of memory.
+// A further record from the section of a name; ZOLTLOG_STORE_NOT_WRITTEN when out of memory.
 static uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, const char *name,
                              const LogCfg *base, SectionValues *values, const Collection *all,
                              RecordSet *set) {
     LogCfg *cfg = newRecord();
     if (cfg == nullptr || CopyCfg(cfg, base) != ZOLTLOG_OK) {
         zoltLogFree(cfg);
-        return STORE_NOT_WRITTEN;
+        return ZOLTLOG_STORE_NOT_WRITTEN;
     }
     takeShortNames(cfg, what->shortNames);
     cfg->originatorId = what->logsets ? 0 : strtoull(name, nullptr, 10);
@@ -470,11 +477,11 @@ static uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, c
         dropRecord(cfg);
     } else if (what->logsets && (cfg->logsetName == nullptr || cfg->logsetFilename == nullptr)) {
         dropRecord(cfg);
-        return STORE_NOT_WRITTEN;
+        return ZOLTLOG_STORE_NOT_WRITTEN;
     } else {
         collect(all, set, cfg);
     }
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 static uint32_t collectNames(const Enumeration *what, StoreIndex *index, const LogCfg *base,
@@ -483,26 +490,26 @@ static uint32_t collectNames(const Enumeration *what, StoreIndex *index, const L
     while (hasRoom(all)) {
         uint32_t size = sizeof name;
         const uint32_t result = storeIndexNext(index, what->nameOf, name, &size);
-        if (result == STORE_NO_MORE)
+        if (result == ZOLTLOG_STORE_NO_MORE)
             break;
-        if (result != STORE_OK || isSkipped(what, name)) // a name too long is no name of ours
+        if (result != ZOLTLOG_STORE_OK || isSkipped(what, name)) // a name too long is no name of ours
             continue;
-        if (collectNamed(what, index, name, base, values, all, set) != STORE_OK)
-            return STORE_NOT_WRITTEN;
+        if (collectNamed(what, index, name, base, values, all, set) != ZOLTLOG_STORE_OK)
+            return ZOLTLOG_STORE_NOT_WRITTEN;
     }
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 static uint32_t collectAll(const Enumeration *what, const char *path, const Collection *all) {
     StoreIndex index;
     uint32_t result = storeIndexLoad(&index, path);
-    if (result != STORE_OK)
-        return result == STORE_NO_MORE ? static_cast<uint32_t>(STORE_OK) : result;
+    if (result != ZOLTLOG_STORE_OK)
+        return result == ZOLTLOG_STORE_NO_MORE ? static_cast<uint32_t>(ZOLTLOG_STORE_OK) : result;
     const LogOwned<SectionValues> values(static_cast<SectionValues *>(zoltLogMalloc(sizeof(SectionValues))));
     RecordSet set = recordSet(all, index.runCount);
     LogCfg *first = newRecord();
     LogCfg base = {};
-    result = STORE_NOT_WRITTEN;
+    result = ZOLTLOG_STORE_NOT_WRITTEN;
     if (values != nullptr && first != nullptr &&
         InitLogCfg(what->productId, what->logsets ? 0 : ZOLTLOG_DEFAULT_ORIGINATOR,
                    what->logsets ? CFG_DEFAULT : nullptr, first) == ZOLTLOG_OK) {
@@ -531,7 +538,7 @@ uint32_t GetOriginatorCfg(const char *productFile, uint64_t productId, const cha
         return ZOLTLOG_INVALID_ARGUMENT;
     const Enumeration what = {productId, shortNames, false, true, storeSectionName};
     const Collection all = {capacity, cfgs, count};
-    return hasRoom(&all) ? collectAll(&what, productFile, &all) : static_cast<uint32_t>(STORE_OK);
+    return hasRoom(&all) ? collectAll(&what, productFile, &all) : static_cast<uint32_t>(ZOLTLOG_STORE_OK);
 }
 
 // KEPT: the names come from lines that begin with "LOGSET" also in a store of its own, where
@@ -546,9 +553,9 @@ uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *s
     const Collection all = {capacity, cfgs, count};
     CfgLogsetPlace place = {};
     if (!hasRoom(&all))
-        return STORE_OK;
+        return ZOLTLOG_STORE_OK;
     if (!cfgLogsetPlace(productFile, CFG_DEFAULT, &place))
-        return STORE_NOT_WRITTEN;
+        return ZOLTLOG_STORE_NOT_WRITTEN;
     const uint32_t result = collectAll(&what, place.path, &all);
     cfgLogsetPlaceFree(&place);
     return result;
@@ -556,7 +563,7 @@ uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *s
 
 // ---- all products -----------------------------------------------------------------------------
 
-// Reads every record of one product; STORE_NOT_FOUND when it has no location.
+// Reads every record of one product; ZOLTLOG_STORE_NOT_FOUND when it has no location.
 static uint32_t collectProduct(const StoreIndex *mainFile, uint64_t productId, const Collection *all) {
     char section[CFG_ID_SIZE];
     cfgIdText(productId, section);
@@ -565,13 +572,13 @@ static uint32_t collectProduct(const StoreIndex *mainFile, uint64_t productId, c
     storeIndexRead(mainFile, &wanted);
     const ProductEntry product = takeProduct(&values);
     if (product.location == nullptr)
-        return STORE_NOT_FOUND;
+        return ZOLTLOG_STORE_NOT_FOUND;
     const char *names = product.names.get();
     const uint32_t originators =
         GetOriginatorCfg(product.location.get(), productId, names, all->capacity, all->cfgs, all->count);
     const uint32_t logsets =
         GetLogsetCfg(product.location.get(), productId, names, all->capacity, all->cfgs, all->count);
-    return originators != STORE_OK ? originators : logsets;
+    return originators != ZOLTLOG_STORE_OK ? originators : logsets;
 }
 
 uint32_t zoltLogReadProdIDCfg(const char *mainLocation, uint64_t productId, uint32_t capacity, LogCfg **cfgs,
@@ -581,21 +588,23 @@ uint32_t zoltLogReadProdIDCfg(const char *mainLocation, uint64_t productId, uint
     const GlobalLock lock(TAG_READ_PROD_ID_CFG);
     *count = 0;
     StoreIndex mainFile;
-    if (storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc()) != STORE_OK)
+    if (storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc()) !=
+        ZOLTLOG_STORE_OK)
         return ZOLTLOG_NO_PRODUCT_CFG;
     const Collection all = {capacity, cfgs, count};
     char name[SECTION_NAME_SIZE] = "";
     uint32_t size = sizeof name;
-    uint32_t result = STORE_OK;
+    uint32_t result = ZOLTLOG_STORE_OK;
     bool isFound = false;
-    while (!isFound && (result = storeIndexNext(&mainFile, storeSectionName, name, &size)) == STORE_OK) {
+    while (!isFound &&
+           (result = storeIndexNext(&mainFile, storeSectionName, name, &size)) == ZOLTLOG_STORE_OK) {
         isFound = strtoull(name, nullptr, 10) == productId;
         size = sizeof name;
     }
     if (isFound)
         result = collectProduct(&mainFile, productId, &all);
     storeIndexFree(&mainFile);
-    if (isFound && result == STORE_NOT_FOUND)
+    if (isFound && result == ZOLTLOG_STORE_NOT_FOUND)
         return utipsres2zoltlogres(result);
     return *count > 0 ? ZOLTLOG_OK : ZOLTLOG_NO_PRODUCT_CFG;
 }
@@ -606,19 +615,21 @@ uint32_t zoltLogReadAllCfg(const char *mainLocation, uint32_t capacity, LogCfg *
     const GlobalLock lock(TAG_READ_ALL_CFG);
     *count = 0;
     StoreIndex mainFile;
-    if (storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc()) != STORE_OK)
+    if (storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc()) !=
+        ZOLTLOG_STORE_OK)
         return ZOLTLOG_NO_PRODUCT_CFG;
     const Collection all = {capacity, cfgs, count};
     char name[SECTION_NAME_SIZE] = "";
     uint32_t size = sizeof name;
     bool isAnyRead = false;
-    uint32_t result = STORE_OK;
-    while ((result = storeIndexNext(&mainFile, storeSectionName, name, &size)) == STORE_OK) {
-        isAnyRead = collectProduct(&mainFile, strtoull(name, nullptr, 10), &all) == STORE_OK || isAnyRead;
+    uint32_t result = ZOLTLOG_STORE_OK;
+    while ((result = storeIndexNext(&mainFile, storeSectionName, name, &size)) == ZOLTLOG_STORE_OK) {
+        isAnyRead =
+            collectProduct(&mainFile, strtoull(name, nullptr, 10), &all) == ZOLTLOG_STORE_OK || isAnyRead;
         size = sizeof name;
     }
     storeIndexFree(&mainFile);
-    if (isAnyRead || result == STORE_NO_MORE)
+    if (isAnyRead || result == ZOLTLOG_STORE_NO_MORE)
         return *count > 0 ? ZOLTLOG_OK : ZOLTLOG_NO_PRODUCT_CFG;
     return utipsres2zoltlogres(result);
 }

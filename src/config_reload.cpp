@@ -80,7 +80,7 @@ uint32_t GetProductLoggingLevel(const char *location, uint64_t productId, uint32
     char section[CFG_ID_SIZE];
     cfgIdText(productId, section);
     PropertyStore main;
-    if (location == nullptr || utiOpenPropertyStore(location, section, &main) != STORE_OK)
+    if (location == nullptr || utiOpenPropertyStore(location, section, &main) != ZOLTLOG_STORE_OK)
         return ZOLTLOG_CFG_NOT_FOUND;
     const uint32_t result = utiGetPropertyAsBool(&main, CFG_PRODUCT_APP_MSG, enabled);
     (void)utiClosePropertyStore(&main);

@@ -31,7 +31,7 @@ uint32_t CreatePropertyString(const char *location, const char *section, Propert
     if (location == nullptr || section == nullptr)
         return ZOLTLOG_CFG_NOT_FOUND;
     const LogOwned<char> path = realLocation(location);
-    if (path == nullptr || storeOpenOrCreate(path.get(), section, store) != STORE_OK)
+    if (path == nullptr || storeOpenOrCreate(path.get(), section, store) != ZOLTLOG_STORE_OK)
         return ZOLTLOG_CFG_NOT_FOUND;
     return ZOLTLOG_OK;
 }
@@ -74,17 +74,18 @@ static bool hasLineFeed(const LogCfg *cfg, uint8_t use) {
 // Writes or removes the marked keys; the result of the first failure.
 static uint32_t writeKeys(const LogCfg *cfg, uint8_t use, PropertyStore *section) {
     for (const CfgKeyId id : CFG_WRITTEN) {
-        uint32_t result = STORE_OK;
-        if ((CFG_KEYS[id].use & use) != 0 && cfgWriteKey(cfg, id, section, &result) && result != STORE_OK)
+        uint32_t result = ZOLTLOG_STORE_OK;
+        if ((CFG_KEYS[id].use & use) != 0 && cfgWriteKey(cfg, id, section, &result) &&
+            result != ZOLTLOG_STORE_OK)
             return result;
     }
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section) {
     if (cfg == nullptr || section == nullptr)
-        return STORE_INVALID_ARGUMENT;
-    uint32_t result = STORE_OK;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
+    uint32_t result = ZOLTLOG_STORE_OK;
     for (const CfgKeyId id : CFG_WRITTEN_LAST)
         (void)cfgWriteKey(cfg, id, section, &result);
     return result;
@@ -92,12 +93,12 @@ uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section) {
 
 static uint32_t writeOriginator(LogCfg *cfg, PropertyStore *section) {
     const uint32_t result = writeKeys(cfg, CFG_WRITE_ORIGINATOR, section);
-    return utipsres2zoltlogres(result == STORE_OK ? osSetCfgSettings(cfg, section) : result);
+    return utipsres2zoltlogres(result == ZOLTLOG_STORE_OK ? osSetCfgSettings(cfg, section) : result);
 }
 
 static uint32_t writeLogset(LogCfg *cfg, PropertyStore *section) {
     uint32_t result = writeKeys(cfg, CFG_WRITE_LOGSET, section);
-    if (result != STORE_OK)
+    if (result != ZOLTLOG_STORE_OK)
         return utipsres2zoltlogres(result);
     if ((cfg->removedMask & CFG_KEYS[CFG_KEY_FILE_NAME].mask) != 0) {
         (void)osSetCfgSettings(cfg, section);
@@ -184,7 +185,7 @@ uint32_t zoltLogAddProductCfg(uint64_t productId, const char *names, const char 
         const GlobalLock lock(TAG_ADD_PRODUCT_CFG);
         if (!isRegistered(GetZoltLogCfgLoc(), productId)) {
             uint32_t written = utiSetPropertyAsStr(&store, CFG_CONFIGURATION, location);
-            if (written == STORE_OK)
+            if (written == ZOLTLOG_STORE_OK)
                 written = utiSetPropertyAsStr(&store, CFG_PRODUCT_NAMES, names);
             result = utipsres2zoltlogres(written);
         }
@@ -195,11 +196,11 @@ uint32_t zoltLogAddProductCfg(uint64_t productId, const char *names, const char 
 
 int32_t IsThisLastProductConfiguration(void) {
     PropertyStore store;
-    if (utiOpenPropertyStore(GetZoltLogCfgLoc(), "", &store) != STORE_OK)
+    if (utiOpenPropertyStore(GetZoltLogCfgLoc(), "", &store) != ZOLTLOG_STORE_OK)
         return 0;
     char name[STORE_LINE_MAX + 1] = "";
     uint32_t size = sizeof name;
-    const bool isLast = utiEnumProductId(&store, 0, name, &size) == STORE_NO_MORE;
+    const bool isLast = utiEnumProductId(&store, 0, name, &size) == ZOLTLOG_STORE_NO_MORE;
     (void)utiClosePropertyStore(&store);
     return isLast ? 1 : 0;
 }
@@ -208,16 +209,17 @@ int32_t IsThisLastProductConfiguration(void) {
 // The result is the store's.
 uint32_t RemoveProductRoot(PropertyStore *store, uint64_t productId) {
     if (store == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     char section[CFG_ID_SIZE];
     cfgIdText(productId, section);
     const uint32_t result = utiRemovePropertyRoot(store, section);
-    if (result != STORE_OK && result != STORE_NO_SECTION)
+    if (result != ZOLTLOG_STORE_OK && result != ZOLTLOG_STORE_NO_SECTION)
         return result;
     if (IsThisLastProductConfiguration() == 0)
-        return STORE_OK;
+        return ZOLTLOG_STORE_OK;
     const LogOwned<char> path = realLocation(GetZoltLogCfgLoc());
-    return path != nullptr ? storeRemoveIfEmpty(path.get()) : static_cast<uint32_t>(STORE_NOT_WRITTEN);
+    return path != nullptr ? storeRemoveIfEmpty(path.get())
+                           : static_cast<uint32_t>(ZOLTLOG_STORE_NOT_WRITTEN);
 }
 
 uint32_t zoltLogRemoveProductCfg(uint64_t productId) {
@@ -229,13 +231,13 @@ uint32_t zoltLogRemoveProductCfg(uint64_t productId) {
     if (!isRegistered(GetZoltLogCfgLoc(), productId) ||
         CreatePropertyString(GetZoltLogCfgLoc(), section, &store) != ZOLTLOG_OK)
         return ZOLTLOG_CFG_NOT_FOUND;
-    uint32_t result = STORE_OK;
+    uint32_t result = ZOLTLOG_STORE_OK;
     {
         const GlobalLock lock(TAG_REMOVE_PRODUCT_CFG);
         result = utiRemoveProperty(&store, CFG_CONFIGURATION);
-        if (result == STORE_OK)
+        if (result == ZOLTLOG_STORE_OK)
             result = utiRemoveProperty(&store, CFG_PRODUCT_NAMES);
-        if (result == STORE_OK)
+        if (result == ZOLTLOG_STORE_OK)
             result = RemoveProductRoot(&store, productId);
     }
     (void)utiClosePropertyStore(&store);

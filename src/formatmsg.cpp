@@ -26,22 +26,7 @@
 
 namespace {
 
-// Item types, in the order of their identifiers.
-enum ItemType : uint32_t {
-    ITEM_WIDE_CHAR,
-    ITEM_SIGNED,
-    ITEM_UNSIGNED,
-    ITEM_DOUBLE,
-    ITEM_POINTER,
-    ITEM_WIDE_STRING,
-    ITEM_OS_ERROR,
-    ITEM_OS_ERROR_OTHER,
-    ITEM_DATE_TIME,
-    ITEM_NESTED,
-    ITEM_UTF8_STRING,
-    ITEM_NATIVE_STRING,
-    ITEM_TYPES
-};
+constexpr uint32_t NO_ITEM = ZOLTLIS_ITEM_NATIVE_STRING + 1; // the first number that is no item's
 
 // What the measuring pass adds for types of bounded size.
 const size_t MEASURED_WIDE_CHAR = 2;
@@ -229,29 +214,29 @@ union ItemValue {
 bool readItem(ZoltLisIterator *argument, uint32_t type, ItemValue *value) {
     memset(value, 0, sizeof *value);
     switch (type) {
-    case ITEM_WIDE_CHAR:
+    case ZOLTLIS_ITEM_WIDE_CHAR:
         return zoltLisGetArg_wchar(argument, &value->wideChar) == 0;
-    case ITEM_SIGNED:
+    case ZOLTLIS_ITEM_SIGNED:
         return zoltLisGetArg_longlong(argument, &value->signedNumber) == 0;
-    case ITEM_UNSIGNED:
+    case ZOLTLIS_ITEM_UNSIGNED:
         return zoltLisGetArg_ulonglong(argument, &value->unsignedNumber) == 0;
-    case ITEM_DOUBLE:
+    case ZOLTLIS_ITEM_DOUBLE:
         return zoltLisGetArg_double(argument, &value->real) == 0;
-    case ITEM_POINTER:
+    case ZOLTLIS_ITEM_POINTER:
         return zoltLisGetArg_pointer(argument, &value->pointer) == 0;
-    case ITEM_WIDE_STRING:
+    case ZOLTLIS_ITEM_WIDE_STRING:
         return zoltLisGetArg_wstring(argument, &value->wideString) == 0 && value->wideString != nullptr;
-    case ITEM_OS_ERROR:
-    case ITEM_OS_ERROR_OTHER:
+    case ZOLTLIS_ITEM_OS_ERROR:
+    case ZOLTLIS_ITEM_OS_ERROR_OTHER:
         return zoltLisGetArg_os_error(argument, &value->osError) == 0 && value->osError != nullptr;
-    case ITEM_DATE_TIME:
+    case ZOLTLIS_ITEM_DATE_TIME:
         return zoltLisGetArg_datetime(argument, &value->dateTime) == 0;
-    case ITEM_NESTED:
+    case ZOLTLIS_ITEM_NESTED:
         return zoltLisGetArg_lis(argument, &value->nested) == 0 && value->nested != nullptr;
-    case ITEM_UTF8_STRING:
+    case ZOLTLIS_ITEM_UTF8_STRING:
         return zoltLisGetArg_utf8string(argument, &value->narrowString) == 0 &&
                value->narrowString != nullptr;
-    case ITEM_NATIVE_STRING:
+    case ZOLTLIS_ITEM_NATIVE_STRING:
         return zoltLisGetArg_nativeString(argument, &value->narrowString) == 0 &&
                value->narrowString != nullptr;
     default:
@@ -264,34 +249,34 @@ Outcome appendItem(Sink *sink, ZoltLisIterator *argument, uint32_t type, unsigne
     if (!readItem(argument, type, &value))
         return FAILED;
     switch (type) {
-    case ITEM_WIDE_CHAR:
+    case ZOLTLIS_ITEM_WIDE_CHAR:
         appendWideChar(sink, value.wideChar);
         break;
-    case ITEM_SIGNED:
+    case ZOLTLIS_ITEM_SIGNED:
         appendSigned(sink, value.signedNumber);
         break;
-    case ITEM_UNSIGNED:
+    case ZOLTLIS_ITEM_UNSIGNED:
         appendUnsigned(sink, value.unsignedNumber);
         break;
-    case ITEM_DOUBLE:
+    case ZOLTLIS_ITEM_DOUBLE:
         appendDouble(sink, value.real);
         break;
-    case ITEM_POINTER:
+    case ZOLTLIS_ITEM_POINTER:
         appendPointer(sink, value.pointer);
         break;
-    case ITEM_WIDE_STRING:
+    case ZOLTLIS_ITEM_WIDE_STRING:
         appendWideString(sink, value.wideString);
         break;
-    case ITEM_OS_ERROR:
-    case ITEM_OS_ERROR_OTHER:
+    case ZOLTLIS_ITEM_OS_ERROR:
+    case ZOLTLIS_ITEM_OS_ERROR_OTHER:
         appendSigned(sink, static_cast<int32_t>(value.osError->code)); // the low half of the word
         break;
-    case ITEM_DATE_TIME:
+    case ZOLTLIS_ITEM_DATE_TIME:
         appendDateTime(sink, value.dateTime);
         break;
-    case ITEM_NESTED:
+    case ZOLTLIS_ITEM_NESTED:
         return depth < MAX_NESTING ? renderBlock(sink, value.nested, depth + 1) : FAILED;
-    default: // ITEM_UTF8_STRING, ITEM_NATIVE_STRING
+    default: // ZOLTLIS_ITEM_UTF8_STRING, ZOLTLIS_ITEM_NATIVE_STRING
         append(sink, value.narrowString, strlen(value.narrowString));
     }
     return RENDERED;
@@ -307,10 +292,10 @@ Outcome renderBlock(Sink *sink, ZoltLisBlock *block, unsigned depth) {
     if (zoltLisGetArgsBegin(block, &argument) != 0)
         return RENDERED;
     for (;;) {
-        uint32_t type = ITEM_TYPES;
+        uint32_t type = NO_ITEM;
         if (zoltLisGetArgTypeId(&argument, &type) != 0)
             return FAILED;
-        if (type >= ITEM_TYPES)
+        if (type >= NO_ITEM)
             return RENDERED; // ends the text, with what there is
         if (appendItem(sink, &argument, type, depth) == FAILED)
             return FAILED;
@@ -330,31 +315,31 @@ Outcome measureItem(size_t *total, ZoltLisIterator *argument, uint32_t type, uns
     if (!readItem(argument, type, &value))
         return FAILED;
     switch (type) {
-    case ITEM_WIDE_CHAR:
+    case ZOLTLIS_ITEM_WIDE_CHAR:
         *total += MEASURED_WIDE_CHAR;
         break;
-    case ITEM_DOUBLE:
+    case ZOLTLIS_ITEM_DOUBLE:
         *total += MEASURED_DOUBLE;
         break;
-    case ITEM_WIDE_STRING:
+    case ZOLTLIS_ITEM_WIDE_STRING:
         *total += wcstombs(nullptr, value.wideString, 0) + 1; // -1, not convertible, makes 0
         break;
-    case ITEM_OS_ERROR:
-    case ITEM_OS_ERROR_OTHER:
+    case ZOLTLIS_ITEM_OS_ERROR:
+    case ZOLTLIS_ITEM_OS_ERROR_OTHER:
         *total += MEASURED_OS_ERROR;
         break;
-    case ITEM_DATE_TIME: {
+    case ZOLTLIS_ITEM_DATE_TIME: {
         char text[ASCTIME_ROOM];
         *total += strlen(asctimeText(value.dateTime.seconds, text));
         break;
     }
-    case ITEM_NESTED:
+    case ZOLTLIS_ITEM_NESTED:
         return depth < MAX_NESTING ? measureBlock(total, value.nested, depth + 1) : FAILED;
-    case ITEM_UTF8_STRING:
-    case ITEM_NATIVE_STRING:
+    case ZOLTLIS_ITEM_UTF8_STRING:
+    case ZOLTLIS_ITEM_NATIVE_STRING:
         *total += strlen(value.narrowString) + 1;
         break;
-    default: // ITEM_SIGNED, ITEM_UNSIGNED, ITEM_POINTER
+    default: // ZOLTLIS_ITEM_SIGNED, ZOLTLIS_ITEM_UNSIGNED, ZOLTLIS_ITEM_POINTER
         *total += MEASURED_INTEGER;
     }
     return RENDERED;
@@ -370,10 +355,10 @@ Outcome measureBlock(size_t *total, ZoltLisBlock *block, unsigned depth) {
     if (zoltLisGetArgsBegin(block, &argument) != 0)
         return RENDERED;
     for (;;) {
-        uint32_t type = ITEM_TYPES;
+        uint32_t type = NO_ITEM;
         if (zoltLisGetArgTypeId(&argument, &type) != 0)
             return FAILED;
-        if (type >= ITEM_TYPES)
+        if (type >= NO_ITEM)
             return RENDERED;
         if (measureItem(total, &argument, type, depth) == FAILED)
             return FAILED;
@@ -561,38 +546,38 @@ uint32_t nativeToWide(const char *native, wchar_t **out) {
 // The item of the given type into *out; ZOLTLOG_OK with *out null when memory ended.
 uint32_t itemToWide(ZoltLisIterator *argument, uint32_t type, wchar_t **out) {
     ItemValue value;
-    if (type == ITEM_NESTED || !readItem(argument, type, &value))
+    if (type == ZOLTLIS_ITEM_NESTED || !readItem(argument, type, &value))
         return ZOLTLOG_FAILED;
     switch (type) {
-    case ITEM_WIDE_CHAR:
+    case ZOLTLIS_ITEM_WIDE_CHAR:
         *out = wideFormatted(L"%lc", static_cast<wint_t>(value.wideChar));
         break;
-    case ITEM_SIGNED:
+    case ZOLTLIS_ITEM_SIGNED:
         *out = wideFormatted(L"%lld", static_cast<long long>(value.signedNumber));
         break;
-    case ITEM_UNSIGNED:
+    case ZOLTLIS_ITEM_UNSIGNED:
         *out = wideFormatted(L"%llu", static_cast<unsigned long long>(value.unsignedNumber));
         break;
-    case ITEM_DOUBLE:
+    case ZOLTLIS_ITEM_DOUBLE:
         *out = wideFormatted(L"%f", value.real);
         break;
-    case ITEM_POINTER:
+    case ZOLTLIS_ITEM_POINTER:
         *out = wideFormatted(L"%#llx",
                              static_cast<unsigned long long>(reinterpret_cast<uintptr_t>(value.pointer)));
         break;
-    case ITEM_WIDE_STRING:
+    case ZOLTLIS_ITEM_WIDE_STRING:
         *out = zoltLogWcsDup(value.wideString);
         break;
-    case ITEM_OS_ERROR:
-    case ITEM_OS_ERROR_OTHER:
+    case ZOLTLIS_ITEM_OS_ERROR:
+    case ZOLTLIS_ITEM_OS_ERROR_OTHER:
         *out = wideFormatted(L"%lld", static_cast<long long>(value.osError->code));
         break;
-    case ITEM_DATE_TIME:
+    case ZOLTLIS_ITEM_DATE_TIME:
         *out = wideDate(value.dateTime.seconds);
         break;
-    case ITEM_UTF8_STRING:
+    case ZOLTLIS_ITEM_UTF8_STRING:
         return utf82wcs(out, value.narrowString, -1);
-    default: // ITEM_NATIVE_STRING
+    default: // ZOLTLIS_ITEM_NATIVE_STRING
         return nativeToWide(value.narrowString, out);
     }
     return ZOLTLOG_OK;
@@ -603,7 +588,7 @@ uint32_t itemToWide(ZoltLisIterator *argument, uint32_t type, wchar_t **out) {
 extern "C" uint32_t zoltLogGetArg_asStringW(ZoltLisIterator *argument, wchar_t **out) {
     if (argument == nullptr || out == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    uint32_t type = ITEM_TYPES;
+    uint32_t type = NO_ITEM;
     if (zoltLisGetArgTypeId(argument, &type) != 0)
         return ZOLTLOG_FAILED;
     wchar_t *text = nullptr;

@@ -80,9 +80,6 @@ NameAge ageOfLogName(const char *name);
 
 // ---- the header line -----------------------------------------------------------------
 
-inline constexpr uint64_t OLDEST_HEADER_VERSION = 65540;
-inline constexpr uint64_t LAST_OLD_HEADER_VERSION = 65542; // read, and written on request
-
 inline constexpr size_t HEADER_HOST_SIZE = sizeof(LogFileHeader::hostName);
 // "$Header", version, two ids, two times and a host name, with their separators
 inline constexpr size_t HEADER_LINE_SIZE = 128 + HEADER_HOST_SIZE;

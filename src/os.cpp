@@ -43,9 +43,7 @@ constexpr mode_t PERMISSION_BITS = 07777;
 constexpr int FIRST_FREE_DESCRIPTOR = 3;
 constexpr int OPEN_ATTEMPTS = 100; // rounds against others who remove and create the same name
 
-constexpr size_t PATH_LIMIT = 1024; // longest path that zoltLogOs_mkdirp takes
-constexpr int32_t MKDIRP_FAILED = 1;
-constexpr int32_t MKDIRP_INVALID = 3;
+constexpr size_t PATH_LIMIT = 1024;  // longest path that zoltLogOs_mkdirp takes
 constexpr mode_t MKDIR_BITS = 01777; // what mkdir takes; set-group-id it inherits by itself
 
 constexpr size_t HOST_NAME_CAPACITY = 512;
@@ -54,7 +52,6 @@ constexpr uint64_t LOOPBACK_ID = 0x0100007F;
 constexpr char LIBRARY_VERSION[] = "3.16.1.0";
 constexpr size_t LIBRARY_NAME_EXTRA = 20; // room for ".so.", the major version and the end
 
-constexpr int32_t LISTING_END = 1;
 constexpr size_t ENTRY_NAME_CAPACITY = 8192;
 constexpr size_t ENTRY_RECORD_SIZE = 280; // a directory entry with the system's usual name field
 constexpr size_t ENTRY_CAPACITY = ENTRY_NAME_CAPACITY + ENTRY_RECORD_SIZE;
@@ -79,24 +76,24 @@ int openRetrying(const char *path, int flags, mode_t permissions) {
 
 // Opens what is there or, if the mode says so, makes it. Creation is always exclusive,
 // so that *created is certain: only then may the permissions be set.
-int openOrCreate(const char *path, OpenMode mode, uint32_t permissions, bool *created) {
+int openOrCreate(const char *path, int32_t mode, uint32_t permissions, bool *created) {
     // Not blocking: a FIFO without a partner or a leased file must not hold up the host.
     constexpr int ALWAYS = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     *created = false;
-    if (mode == OPEN_READ)
+    if (mode == ZOLTLOG_OS_MODE_READ)
         return openRetrying(path, O_RDONLY | ALWAYS, 0);
 
-    const int flags = O_WRONLY | O_NOFOLLOW | ALWAYS | (mode == OPEN_TRUNCATE ? 0 : O_APPEND);
+    const int flags = O_WRONLY | O_NOFOLLOW | ALWAYS | (mode == ZOLTLOG_OS_MODE_TRUNCATE ? 0 : O_APPEND);
     for (int attempt = 0; attempt < OPEN_ATTEMPTS; ++attempt) {
         int descriptor = -1;
-        if (mode != OPEN_NEW) {
+        if (mode != OS_MODE_NEW) {
             descriptor = openRetrying(path, flags, 0);
             if (descriptor != -1 || errno != ENOENT)
                 return descriptor;
         }
         descriptor = openRetrying(path, flags | O_CREAT | O_EXCL, permissions & PERMISSION_BITS);
         *created = descriptor != -1;
-        if (descriptor != -1 || errno != EEXIST || mode == OPEN_NEW)
+        if (descriptor != -1 || errno != EEXIST || mode == OS_MODE_NEW)
             return descriptor;
     }
     return -1;
@@ -104,7 +101,7 @@ int openOrCreate(const char *path, OpenMode mode, uint32_t permissions, bool *cr
 
 // Refuses what is not a file, gives a created one its permissions, empties one that is
 // to be truncated. False with errno set on refusal or failure.
-bool settleOpened(int descriptor, OpenMode mode, uint32_t permissions, bool created) {
+bool settleOpened(int descriptor, int32_t mode, uint32_t permissions, bool created) {
     struct stat status;
     if (fstat(descriptor, &status) != 0)
         return false;
@@ -118,7 +115,7 @@ bool settleOpened(int descriptor, OpenMode mode, uint32_t permissions, bool crea
     if (created && (status.st_mode & PERMISSION_BITS) != (permissions & PERMISSION_BITS))
         (void)fchmod(descriptor, permissions & PERMISSION_BITS);
     if (regular)
-        return mode != OPEN_TRUNCATE || status.st_size == 0 || ftruncate(descriptor, 0) == 0;
+        return mode != ZOLTLOG_OS_MODE_TRUNCATE || status.st_size == 0 || ftruncate(descriptor, 0) == 0;
     const int flags = fcntl(descriptor, F_GETFL);
     return flags != -1 && fcntl(descriptor, F_SETFL, flags & ~O_NONBLOCK) == 0;
 }
@@ -128,12 +125,12 @@ bool settleOpened(int descriptor, OpenMode mode, uint32_t permissions, bool crea
 int32_t openResultOfErrno(int error) {
     switch (error) {
     case EACCES:
-        return OS_OPEN_DENIED;
+        return ZOLTLOG_OS_OPEN_DENIED;
     case ENOENT:
     case EFAULT:
-        return OS_OPEN_NO_PATH;
+        return ZOLTLOG_OS_OPEN_NO_PATH;
     default:
-        return OS_OPEN_FAILED;
+        return ZOLTLOG_OS_OPEN_FAILED;
     }
 }
 
@@ -145,13 +142,13 @@ int aboveStdio(int descriptor) {
     return moved;
 }
 
-int32_t openDescriptor(const char *path, OpenMode mode, uint32_t permissions, int *descriptor) {
+int32_t openDescriptor(const char *path, int32_t mode, uint32_t permissions, int *descriptor) {
     bool created = false;
     *descriptor = aboveStdio(openOrCreate(path, mode, permissions, &created));
     if (*descriptor == -1)
         return openResultOfErrno(errno);
     if (settleOpened(*descriptor, mode, permissions, created))
-        return OS_OK;
+        return ZOLTLOG_OS_OK;
     closeKeepingErrno(*descriptor);
     *descriptor = -1;
     return openResultOfErrno(errno);
@@ -170,9 +167,9 @@ int32_t zoltLogOs_initfilehandle(OsFile *file) {
 
 int32_t zoltLogOs_open(OsFile *file, const char *path, int32_t mode, uint32_t permissions) {
     if (zoltLogOs_initfilehandle(file) == 0 || path == nullptr)
-        return OS_INVALID_ARGUMENT;
-    const OpenMode known =
-        mode == OPEN_APPEND || mode == OPEN_TRUNCATE ? static_cast<OpenMode>(mode) : OPEN_READ;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
+    const int32_t known =
+        mode == ZOLTLOG_OS_MODE_APPEND || mode == ZOLTLOG_OS_MODE_TRUNCATE ? mode : ZOLTLOG_OS_MODE_READ;
     return openDescriptor(path, known, permissions, &file->descriptor);
 }
 
@@ -186,7 +183,7 @@ void zoltLogOs_close(OsFile *file) {
 
 int32_t zoltLogOs_read(OsFile *file, void *buffer, int32_t length) {
     if (file == nullptr || length < 0)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     const ssize_t count = read(file->descriptor, buffer, static_cast<size_t>(length));
     file->readPosition = count > 0 ? 0 : -1;
     file->readCount = count > 0 ? static_cast<int32_t>(count) : 0;
@@ -195,7 +192,7 @@ int32_t zoltLogOs_read(OsFile *file, void *buffer, int32_t length) {
 
 int32_t zoltLogOs_write(OsFile *file, const void *buffer, int32_t length) {
     if (file == nullptr || length < 0)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     const ssize_t count = write(file->descriptor, buffer, static_cast<size_t>(length));
     // KEPT: nothing ever takes the mark back, so a later failure of another kind is told
     // as a full device too. Pinned by OsFileHandle.DeviceFullMarkStaysForTheProcess.
@@ -206,16 +203,16 @@ int32_t zoltLogOs_write(OsFile *file, const void *buffer, int32_t length) {
 
 int32_t zoltLogOs_fsize(OsFile *file, uint64_t *size) {
     if (file == nullptr || size == nullptr)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     struct stat status;
     if (fstat(file->descriptor, &status) != 0)
-        return OS_FAILED;
+        return ZOLTLOG_OS_FAILED;
     *size = static_cast<uint64_t>(status.st_size);
-    return OS_OK;
+    return ZOLTLOG_OS_OK;
 }
 
 int32_t zoltLogOs_remove(const char *path) {
-    return path == nullptr ? OS_INVALID_ARGUMENT : remove(path);
+    return path == nullptr ? ZOLTLOG_OS_INVALID_ARGUMENT : remove(path);
 }
 
 // ---- directories --------------------------------------------------------------------
@@ -267,10 +264,10 @@ bool makeLikeParent(char *path) {
 int32_t zoltLogOs_mkdirp(const char *path, uint32_t mode) {
     (void)mode; // by design a new directory takes after its parent
     if (path == nullptr)
-        return MKDIRP_INVALID;
+        return ZOLTLOG_INVALID_ARGUMENT;
     const size_t length = strnlen(path, PATH_LIMIT + 1);
     if (length > PATH_LIMIT)
-        return MKDIRP_INVALID;
+        return ZOLTLOG_INVALID_ARGUMENT;
     if (length == 0)
         return 0;
     char prefix[PATH_LIMIT + 1];
@@ -283,7 +280,7 @@ int32_t zoltLogOs_mkdirp(const char *path, uint32_t mode) {
         struct stat status;
         if (stat(prefix, &status) != 0) {
             if (errno == ENOTDIR || (errno == ENOENT && !makeLikeParent(prefix)))
-                return MKDIRP_FAILED;
+                return ZOLTLOG_FAILED;
         }
         prefix[at] = cut;
     }
@@ -293,7 +290,7 @@ int32_t zoltLogOs_mkdirp(const char *path, uint32_t mode) {
 // ---- host ---------------------------------------------------------------------------
 
 int32_t osGetHostName(char *buffer, size_t length) {
-    return buffer == nullptr ? OS_INVALID_ARGUMENT : gethostname(buffer, length);
+    return buffer == nullptr ? ZOLTLOG_OS_INVALID_ARGUMENT : gethostname(buffer, length);
 }
 
 namespace {
@@ -399,13 +396,13 @@ struct tm *zoltLogOs_gmtime_r(int64_t seconds, struct tm *out) {
 
 int32_t zoltLogOs_getLibName(const char *name, char **out) {
     if (name == nullptr || out == nullptr)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     *out = nullptr;
     const size_t length = strlen(name);
     const size_t capacity = length + LIBRARY_NAME_EXTRA;
     LogOwned<char> text(static_cast<char *>(malloc(capacity)));
     if (text == nullptr)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     memcpy(text.get(), name, length + 1);
 
     char *slash = strrchr(text.get(), '/');
@@ -420,9 +417,9 @@ int32_t zoltLogOs_getLibName(const char *name, char **out) {
     const size_t room = capacity - static_cast<size_t>(end - text.get());
     const int printed = snprintf(end, room, ".so.%.*s", major, LIBRARY_VERSION);
     if (printed < 0 || static_cast<size_t>(printed) >= room)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     *out = text.release();
-    return OS_OK;
+    return ZOLTLOG_OS_OK;
 }
 
 // ---- paths --------------------------------------------------------------------------
@@ -471,32 +468,32 @@ DIR *openDirectory(const char *path) {
 
 int32_t zoltLogOsListLogFilesBegin(OsLogFileCursor *cursor, const char *directory) {
     if (cursor == nullptr || directory == nullptr)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     cursor->directory = nullptr;
     cursor->entry = nullptr;
     cursor->stream = openDirectory(directory);
     if (cursor->stream == nullptr)
-        return OS_FAILED;
+        return ZOLTLOG_OS_FAILED;
     cursor->directory = strdup(directory);
     cursor->entry = static_cast<struct dirent *>(calloc(1, ENTRY_CAPACITY));
     if (cursor->directory == nullptr || cursor->entry == nullptr) {
         zoltLogOsListLogFilesEnd(cursor);
-        return OS_FAILED;
+        return ZOLTLOG_OS_FAILED;
     }
     return zoltLogOsListLogFilesNext(cursor);
 }
 
 int32_t zoltLogOsListLogFilesNext(OsLogFileCursor *cursor) {
     if (cursor == nullptr)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     if (cursor->stream == nullptr || cursor->entry == nullptr)
-        return LISTING_END;
+        return ZOLTLOG_OS_LISTING_END;
     // A stream belongs to one cursor, so that nothing is shared between threads.
     while (const struct dirent *entry = readdir(cursor->stream)) { // NOLINT(concurrency-mt-unsafe)
         if (isLogFileName(entry->d_name) && copyEntry(cursor->entry, entry))
-            return OS_OK;
+            return ZOLTLOG_OS_OK;
     }
-    return LISTING_END;
+    return ZOLTLOG_OS_LISTING_END;
 }
 
 const char *zoltLogOsListLogFilesName(OsLogFileCursor *cursor) {
@@ -531,9 +528,9 @@ void zoltLogOsListLogFilesEnd(OsLogFileCursor *cursor) {
 
 int32_t CopyLogOsListLogFiles(const OsLogFileCursor *source, OsLogFileCursor *destination) {
     if (source == nullptr || destination == nullptr)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     if (source->directory == nullptr || source->entry == nullptr)
-        return OS_FAILED;
+        return ZOLTLOG_OS_FAILED;
     destination->word = source->word;
     destination->stream = nullptr;
     destination->directory = strdup(source->directory);
@@ -541,7 +538,7 @@ int32_t CopyLogOsListLogFiles(const OsLogFileCursor *source, OsLogFileCursor *de
     if (destination->directory == nullptr || destination->entry == nullptr ||
         !copyEntry(destination->entry, source->entry)) {
         zoltLogOsListLogFilesEnd(destination);
-        return OS_FAILED;
+        return ZOLTLOG_OS_FAILED;
     }
-    return OS_OK;
+    return ZOLTLOG_OS_OK;
 }

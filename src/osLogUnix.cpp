@@ -11,44 +11,39 @@ static_assert(offsetof(OsLogSettings, ident) == 0 && offsetof(OsLogSettings, opt
 static_assert(offsetof(OsLogSink, ident) == 0 && sizeof(OsLogSink) == 80);
 static_assert(sizeof OSLOG_DEFAULT_IDENT <= sizeof(OsLogSettings::ident));
 
-static const int32_t OSLOG_OK = 0;
-static const int32_t OSLOG_WRITE_FAILED = -1;
-static const int32_t OSLOG_INVALID_ARGUMENT = -3;
-
-static const uint32_t OSLOG_FORMAT_FLAGS = 0x600;
 static const char OSLOG_LOCALE[] = "en_US";
 static const int SECURE_AUDIT_PRIORITY = LOG_CRIT;
 
 int32_t osLogInitCfg(OsLogSettings *settings) {
     if (settings == nullptr)
-        return OSLOG_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     *settings = {};
     memcpy(settings->ident, OSLOG_DEFAULT_IDENT, sizeof OSLOG_DEFAULT_IDENT);
     settings->facility = OSLOG_DEFAULT_FACILITY;
-    return OSLOG_OK;
+    return ZOLTLOG_OS_OK;
 }
 
 int32_t osLogCopyCfg(OsLogSettings *destination, const OsLogSettings *source) {
     if (destination == nullptr || source == nullptr)
-        return OSLOG_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     OsLogSettings copy = {};
     memcpy(copy.ident, source->ident, strnlen(source->ident, sizeof source->ident));
     // KEPT: the option bits are not copied. Pinned by OsLogSettings.CopyingSettingsLeavesTheOptionsAtZero.
     copy.facility = source->facility;
     *destination = copy;
-    return OSLOG_OK;
+    return ZOLTLOG_OS_OK;
 }
 
 // The identity of a settings record may fill its field with no terminator; the
 // system log keeps the sink's buffer and reads it until closelog.
 int32_t osLogOpen(const OsLogSettings *settings, OsLogSink *sink) {
     if (settings == nullptr || sink == nullptr)
-        return OSLOG_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     const size_t length = strnlen(settings->ident, sizeof sink->ident - 1);
     memcpy(sink->ident, settings->ident, length);
     memset(sink->ident + length, 0, sizeof sink->ident - length);
     openlog(sink->ident, static_cast<int>(settings->option), static_cast<int>(settings->facility));
-    return OSLOG_OK;
+    return ZOLTLOG_OS_OK;
 }
 
 int32_t osLogOpenEx(const OsLogSettings *settings, OsLogSink *sink) {
@@ -57,9 +52,9 @@ int32_t osLogOpenEx(const OsLogSettings *settings, OsLogSink *sink) {
 
 int32_t osLogClose(OsLogSink *sink) {
     if (sink == nullptr)
-        return OSLOG_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     closelog();
-    return OSLOG_OK;
+    return ZOLTLOG_OS_OK;
 }
 
 // The eight-field prefix and the text as one new block, null without memory.
@@ -99,16 +94,16 @@ static void sendToSystemLog(const LogHandle *handle, const LogMsg *msg, const ch
 
 int32_t osLogWrite(LogHandle *handle, LogMsg *msg) {
     if (handle == nullptr || msg == nullptr)
-        return OSLOG_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     char *text = nullptr;
     uint32_t result = ZOLTLOG_FAILED;
-    const FormatterRequest request = {&handle->localizers, OSLOG_LOCALE, OSLOG_FORMAT_FLAGS, msg, handle};
+    const FormatterRequest request = {&handle->localizers, OSLOG_LOCALE, ZOLTLOG_FORMAT_OSLOG, msg, handle};
     if (renderWithFormatter(&fmtLib, request, &result, &text) != FormatterState::Called)
         result = ZOLTLOG_FAILED;
     if (result == ZOLTLOG_OK && text != nullptr)
         sendToSystemLog(handle, msg, text);
     zoltLogFree(text);
-    return result == ZOLTLOG_OK ? OSLOG_OK : OSLOG_WRITE_FAILED;
+    return result == ZOLTLOG_OK ? ZOLTLOG_OS_OK : ZOLTLOG_OS_FAILED;
 }
 
 int32_t sevToSyslogPriority(uint32_t severity) {

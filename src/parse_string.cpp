@@ -4,9 +4,7 @@
 
 #include <cstring>
 
-static constexpr uint32_t KIND_PRODUCT = 263;
 static constexpr uint32_t TITLE_BUCKETS = 200;
-static constexpr uint32_t KEY_REPLACES_TEXT = 3;
 
 static_assert(offsetof(LogContextEntry, next) < offsetof(LogContextEntry, key) &&
                   offsetof(LogContextEntry, key) < offsetof(LogContextEntry, title) &&
@@ -92,7 +90,7 @@ uint64_t GetIdFromName(LogCfg **cfgs, uint32_t count, uint32_t kind, const char 
         const LogCfg *cfg = cfgs[i];
         if (cfg == nullptr)
             continue;
-        const bool product = kind == KIND_PRODUCT;
+        const bool product = kind == ZOLTLOG_ATTR_PRODUCT_ID;
         const char *names = product ? cfg->productShortNames : cfg->originatorNames;
         // KEPT: a configuration without names is passed over even for the plain number of its id.
         // Pinned by IdFromName.ConfigurationWithoutNamesIsPassedOverEvenForItsNumber.
@@ -115,7 +113,7 @@ LogContextEntry *SearchContextTitleInList(const LogContextKey *key, const char *
     while (entry != nullptr && (entry->key[0] != key->key[0] || entry->key[1] != key->key[1] ||
                                 entry->title == nullptr || strcmp(entry->title, title) != 0))
         entry = entry->next;
-    if (entry != nullptr && key->kind == KEY_REPLACES_TEXT) {
+    if (entry != nullptr && key->kind == ZOLTLOG_CONTEXT_KEY_REPLACE) {
         char *copy = zoltLogSafeStrdup(text);
         if (copy != nullptr || text == nullptr) { // out of memory: the old text stays
             zoltLogFree(entry->text);

@@ -82,7 +82,7 @@ static int32_t readLine(OsFile *file, TextBuffer *buffer, int32_t readSize, uint
 // ReadRecord.LastLineWithoutLineFeedIsNotReturned.
 int32_t readrecord(OsFile *file, TextBuffer *buffer) {
     if (file == nullptr || buffer == nullptr)
-        return OS_INVALID_ARGUMENT;
+        return ZOLTLOG_OS_INVALID_ARGUMENT;
     return readLine(file, buffer, READ_SIZE, UINT64_MAX);
 }
 
@@ -167,7 +167,7 @@ int64_t zoltLogOsListLogFilesCreattime(OsLogFileCursor *cursor) {
     const LogOwned<OsFile> file(static_cast<OsFile *>(malloc(sizeof(OsFile)))); // too big for a small stack
     if (path == nullptr || file == nullptr)
         return 0;
-    if (zoltLogOs_open(file.get(), path.get(), OPEN_READ, 0) != OS_OK)
+    if (zoltLogOs_open(file.get(), path.get(), ZOLTLOG_OS_MODE_READ, 0) != ZOLTLOG_OS_OK)
         return 0;
     LogFileHeader header = {};
     const uint32_t result = ReadHeaderEx(file.get(), &header);
@@ -204,7 +204,7 @@ int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char
 
     OsFile file;
     zoltLogOs_initfilehandle(&file);
-    if (zoltLogOs_open(&file, path.get(), OPEN_READ, READ_PERMISSIONS) != OS_OK)
+    if (zoltLogOs_open(&file, path.get(), ZOLTLOG_OS_MODE_READ, READ_PERMISSIONS) != ZOLTLOG_OS_OK)
         return 0;
     LogFileHeader header;
     (void)ReadHeaderEx(&file, &header); // without a header the name is empty

@@ -166,7 +166,7 @@ static bool dropRepeatedNames(ListedDirectory *directory) {
 // The directory's names; an error leaves those read so far.
 static void readNames(FileCatalogue *catalogue, ListedDirectory *directory) {
     OsLogFileCursor cursor = {};
-    if (zoltLogOsListLogFilesBegin(&cursor, directory->path) != OS_OK) {
+    if (zoltLogOsListLogFilesBegin(&cursor, directory->path) != ZOLTLOG_OS_OK) {
         directory->cannotList = true;
         zoltLogOsListLogFilesEnd(&cursor);
         return;
@@ -181,7 +181,7 @@ static void readNames(FileCatalogue *catalogue, ListedDirectory *directory) {
         }
         added->name = kept;
         added->hash = hashText(directory->hash, kept);
-    } while (zoltLogOsListLogFilesNext(&cursor) == OS_OK);
+    } while (zoltLogOsListLogFilesNext(&cursor) == ZOLTLOG_OS_OK);
     zoltLogOsListLogFilesEnd(&cursor);
 
     uint32_t mask = 15;

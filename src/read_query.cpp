@@ -6,7 +6,7 @@
 // Leaves to others: building trees (the caller), reading names and headers (read),
 // choosing the files to ask about (read_list, config_mgr).
 //
-// Order: node kinds and attributes; operators; the attribute mappings; one node;
+// Order: terms; operators; what the attributes mean; one node;
 // the walk; the exported evaluators; host search; time zone shift.
 #include "read_query.h"
 
@@ -19,65 +19,38 @@ static_assert(offsetof(LogQueryNode, kind) < offsetof(LogQueryNode, slot) &&
                   offsetof(LogQueryNode, left) < offsetof(LogQueryNode, right),
               "field order of LogQueryNode");
 
-// ---- node kinds and attributes -----------------------------------------------
-
-enum NodeKind : int32_t {
-    KIND_TEXT = 257,
-    KIND_FIRST_TERM = 257,
-    KIND_ATTRIBUTE = 259,
-    KIND_LAST_TERM = 261
-};
-
-enum Operator : int32_t {
-    OP_AND = 281,
-    OP_OR = 282,
-    OP_LESS = 283,
-    OP_GREATER = 284,
-    OP_LESS_EQUAL = 285,
-    OP_GREATER_EQUAL = 286,
-    OP_EQUAL = 287,
-    OP_NOT_EQUAL = 288
-};
-
-enum Attribute : uint64_t {
-    ATTR_FIRST = 263,
-    ATTR_TIME = 268,
-    ATTR_CREATION_TIME = 269,
-    ATTR_HOST = 278,
-    ATTR_LOGSET = 279,
-    ATTR_LAST = 279
-};
+// ---- terms -----------------------------------------------
 
 static bool isTerm(const LogQueryNode *node) {
-    return node->kind >= KIND_FIRST_TERM && node->kind <= KIND_LAST_TERM;
+    return node->kind >= ZOLTLOG_TERM_TEXT && node->kind <= ZOLTLOG_TERM_NUMBER_3;
 }
 
 // ---- operators ---------------------------------------------------------------
 
 static bool eval(int32_t op, uint64_t a, uint64_t b) {
     switch (op) {
-    case OP_AND:
+    case ZOLTLOG_OP_AND:
         return a != 0 && b != 0;
-    case OP_OR:
+    case ZOLTLOG_OP_OR:
         return a != 0 || b != 0;
-    case OP_LESS:
+    case ZOLTLOG_OP_LESS:
         return a < b;
-    case OP_GREATER:
+    case ZOLTLOG_OP_GREATER:
         return a > b;
-    case OP_LESS_EQUAL:
+    case ZOLTLOG_OP_LESS_EQUAL:
         return a <= b;
-    case OP_GREATER_EQUAL:
+    case ZOLTLOG_OP_GREATER_EQUAL:
         return a >= b;
-    case OP_EQUAL:
+    case ZOLTLOG_OP_EQUAL:
         return a == b;
-    case OP_NOT_EQUAL:
+    case ZOLTLOG_OP_NOT_EQUAL:
         return a != b;
     default:
         return false;
     }
 }
 
-// A text literal as a comparison sees it: cut to the mapping's bound, not copied.
+// A text literal as a comparison sees it: cut to the view's bound, not copied.
 struct Literal {
     const char *text;
     size_t length;
@@ -86,10 +59,10 @@ struct Literal {
 static bool evalString(int32_t op, const char *text, const Literal &literal) {
     const size_t length = strlen(text);
     const bool equal = length == literal.length && memcmp(text, literal.text, length) == 0;
-    return op == OP_EQUAL ? equal : op == OP_NOT_EQUAL && !equal;
+    return op == ZOLTLOG_OP_EQUAL ? equal : op == ZOLTLOG_OP_NOT_EQUAL && !equal;
 }
 
-// ---- attribute mappings ------------------------------------------------------
+// ---- what the attributes mean ------------------------------------------------------
 
 enum Meaning : uint8_t {
     FALSE_ALWAYS,
@@ -102,24 +75,36 @@ enum Meaning : uint8_t {
     LOGSET
 };
 
-struct Mapping {
-    size_t literalLength; // longer text literals are cut
-    Meaning meaning[ATTR_LAST - ATTR_FIRST + 1];
+// What is asked about: a file of a listing, by its name and the file system, or a fetched
+// one, by its header.
+enum View : uint8_t { LISTED_FILE, FETCHED_FILE, VIEWS };
+
+static constexpr size_t LITERAL_LENGTH[VIEWS] = {567, 1079}; // longer text literals are cut
+
+struct Attribute {
+    uint64_t code;
+    Meaning meaning[VIEWS];
 };
 
-// clang-format off
-static constexpr Mapping FILE_NAME_MAPPING = {567, {
-    /* 263 */ PRODUCT, TRUE_ALWAYS, ORIGINATOR, TRUE_ALWAYS, TRUE_ALWAYS,
-    /* 268 */ CREATION_OR_CHANGE, CREATION,
-    /* 270 */ TRUE_ALWAYS, TRUE_ALWAYS, TRUE_ALWAYS, TRUE_ALWAYS, TRUE_ALWAYS, TRUE_ALWAYS,
-    /* 276 */ FALSE_ALWAYS, TRUE_ALWAYS, HOST, LOGSET}};
+static constexpr Attribute ATTRIBUTES[] = {
+    {ZOLTLOG_ATTR_PRODUCT_ID, {PRODUCT, PRODUCT}},
+    {ZOLTLOG_ATTR_ORIGINATOR_ID, {TRUE_ALWAYS, ORIGINATOR}},
+    {ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, {ORIGINATOR, FALSE_ALWAYS}},
+    {ZOLTLOG_ATTR_TIME, {CREATION_OR_CHANGE, CREATION_OR_CHANGE}},
+    {ZOLTLOG_ATTR_CREATION_TIME, {CREATION, CREATION}},
+    {ZOLTLOG_ATTR_NEVER, {FALSE_ALWAYS, FALSE_ALWAYS}},
+    {ZOLTLOG_ATTR_HOST_NAME, {HOST, FALSE_ALWAYS}},
+    {ZOLTLOG_ATTR_LOGSET_NAME, {LOGSET, LOGSET}},
+};
 
-static constexpr Mapping HEADER_MAPPING = {1079, {
-    /* 263 */ PRODUCT, ORIGINATOR, FALSE_ALWAYS, FALSE_ALWAYS, FALSE_ALWAYS,
-    /* 268 */ CREATION_OR_CHANGE, CREATION,
-    /* 270 */ FALSE_ALWAYS, FALSE_ALWAYS, FALSE_ALWAYS, FALSE_ALWAYS, FALSE_ALWAYS, FALSE_ALWAYS,
-    /* 276 */ FALSE_ALWAYS, FALSE_ALWAYS, FALSE_ALWAYS, LOGSET}};
-// clang-format on
+// The other codes of the range are true of every listed file.
+static Meaning meaningOf(uint64_t code, View view) {
+    for (const Attribute &attribute : ATTRIBUTES)
+        if (attribute.code == code)
+            return attribute.meaning[view];
+    const bool known = code >= ZOLTLOG_ATTR_FIRST && code <= ZOLTLOG_ATTR_LAST;
+    return known && view == LISTED_FILE ? TRUE_ALWAYS : FALSE_ALWAYS;
+}
 
 struct FileValues {
     uint64_t productId;
@@ -130,11 +115,9 @@ struct FileValues {
     const char *logsetName; // null: none
 };
 
-static bool compareAttribute(const Mapping &mapping, const FileValues &file, uint64_t attribute, int32_t op,
+static bool compareAttribute(View view, const FileValues &file, uint64_t attribute, int32_t op,
                              uint64_t number, const Literal &literal) {
-    if (attribute < ATTR_FIRST || attribute > ATTR_LAST)
-        return false;
-    switch (mapping.meaning[attribute - ATTR_FIRST]) {
+    switch (meaningOf(attribute, view)) {
     case FALSE_ALWAYS:
         return false;
     case TRUE_ALWAYS:
@@ -164,8 +147,7 @@ static uint32_t slotValue(const uint32_t *table, const LogQueryNode *node) {
     return node->slot > 0 && node->slot < SLOTS ? table[node->slot] : 0;
 }
 
-static bool evaluateNode(const Mapping &mapping, const FileValues &file, const uint32_t *table,
-                         const LogQueryNode *node) {
+static bool evaluateNode(View view, const FileValues &file, const uint32_t *table, const LogQueryNode *node) {
     const LogQueryNode *a = node->left;
     const LogQueryNode *b = node->right;
     if (a == nullptr || b == nullptr)
@@ -174,16 +156,16 @@ static bool evaluateNode(const Mapping &mapping, const FileValues &file, const u
     // KEPT: a text literal is seen only on the right of its attribute; with the operands swapped the
     // comparison meets an empty text, and the operator is never mirrored.
     // Pinned by Query.TextLiteralOnTheLeftComparesAsEmpty and Query.OperatorIsNotMirroredBySwap.
-    if (b->kind == KIND_ATTRIBUTE) {
+    if (b->kind == ZOLTLOG_TERM_ATTRIBUTE) {
         a = node->right;
         b = node->left;
-    } else if (b->kind == KIND_TEXT && b->value.text != nullptr) {
-        literal = {b->value.text, strnlen(b->value.text, mapping.literalLength)};
+    } else if (b->kind == ZOLTLOG_TERM_TEXT && b->value.text != nullptr) {
+        literal = {b->value.text, strnlen(b->value.text, LITERAL_LENGTH[view])};
     }
-    if (a->kind != KIND_ATTRIBUTE)
+    if (a->kind != ZOLTLOG_TERM_ATTRIBUTE)
         return eval(node->kind, slotValue(table, a) - 1, slotValue(table, b) - 1);
     const uint32_t result = slotValue(table, b);
-    return compareAttribute(mapping, file, a->value.number, node->kind,
+    return compareAttribute(view, file, a->value.number, node->kind,
                             result != 0 ? result - 1 : b->value.number, literal);
 }
 
@@ -197,7 +179,7 @@ static bool isPending(const uint32_t *table, const LogQueryNode *operand) {
 // in the tree. Slots are given out in the same order each time, so numbers left by an
 // earlier walk never read as results of this one. A tree of more than SLOTS - 1
 // operators passes no file.
-static bool treePasses(const Mapping &mapping, const FileValues &file, LogQueryNode *root) {
+static bool treePasses(View view, const FileValues &file, LogQueryNode *root) {
     uint32_t table[SLOTS] = {};
     LogQueryNode *path[SLOTS];
     int32_t depth = 0;
@@ -216,7 +198,7 @@ static bool treePasses(const Mapping &mapping, const FileValues &file, LogQueryN
         }
         if (++slot == SLOTS)
             return false;
-        table[slot] = evaluateNode(mapping, file, table, current) ? 2 : 1;
+        table[slot] = evaluateNode(view, file, table, current) ? 2 : 1;
         current->slot = slot;
         --depth;
     } while (slotValue(table, root) == 0);
@@ -233,7 +215,7 @@ int32_t evalTreeToFilterFiles(uint64_t productId, uint64_t originatorId, const c
     const FileValues file = {
         productId, originatorId, static_cast<uint64_t>(creationTime), static_cast<uint64_t>(modificationTime),
         hostName,  logsetName};
-    return treePasses(FILE_NAME_MAPPING, file, query) ? 1 : 0;
+    return treePasses(LISTED_FILE, file, query) ? 1 : 0;
 }
 
 int32_t EvaluateFileCondition(LogListing *listing, const LogFileHeader *header, const char *logsetName,
@@ -250,7 +232,7 @@ int32_t EvaluateFileCondition(LogListing *listing, const LogFileHeader *header, 
                              static_cast<uint64_t>(modificationTime),
                              nullptr,
                              logsetName};
-    return treePasses(HEADER_MAPPING, file, listing->query) ? 1 : 0;
+    return treePasses(FETCHED_FILE, file, listing->query) ? 1 : 0;
 }
 
 // ---- host name ---------------------------------------------------------------
@@ -258,7 +240,7 @@ int32_t EvaluateFileCondition(LogListing *listing, const LogFileHeader *header, 
 static bool mentionsHost(const LogQueryNode *node, int32_t depth) {
     if (node == nullptr || depth == SLOTS)
         return false;
-    if (isTerm(node) && node->kind != KIND_TEXT && node->value.number == ATTR_HOST)
+    if (isTerm(node) && node->kind != ZOLTLOG_TERM_TEXT && node->value.number == ZOLTLOG_ATTR_HOST_NAME)
         return true;
     return mentionsHost(node->left, depth + 1) || mentionsHost(node->right, depth + 1);
 }
@@ -285,7 +267,8 @@ uint32_t updateQueryForTZ(LogQueryNode *query, int64_t tzOffset) {
             continue;
         }
         const uint64_t attribute = left->value.number;
-        if ((attribute == ATTR_TIME || attribute == ATTR_CREATION_TIME) && right->value.number != 0)
+        if ((attribute == ZOLTLOG_ATTR_TIME || attribute == ZOLTLOG_ATTR_CREATION_TIME) &&
+            right->value.number != 0)
             right->value.number -= delta;
         current = waiting[depth--];
         if (current == nullptr)

@@ -146,7 +146,7 @@ StoreText storeLogsetName(StoreText line) {
 
 int storeOpenForReading(const char *path) {
     int descriptor = -1;
-    if (openDescriptor(path, OPEN_READ, 0, &descriptor) != OS_OK)
+    if (openDescriptor(path, ZOLTLOG_OS_MODE_READ, 0, &descriptor) != ZOLTLOG_OS_OK)
         return -1;
     struct stat status;
     if (fstat(descriptor, &status) == 0 &&
@@ -159,7 +159,7 @@ int storeOpenForReading(const char *path) {
 
 uint32_t utiOpenPropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
     if (path == nullptr || root == nullptr || store == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     FILE *stream = nullptr;
     const int descriptor = storeOpenForReading(path);
     if (descriptor >= 0) {
@@ -169,19 +169,19 @@ uint32_t utiOpenPropertyStoreFile(const char *path, const char *root, PropertySt
     }
     store->stream = stream;
     if (stream == nullptr)
-        return STORE_NO_FILE;
+        return ZOLTLOG_STORE_NO_FILE;
     copyBounded(store->root, root);
     copyBounded(store->path, path);
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 uint32_t utiClosePropertyStoreFile(PropertyStore *store) {
     if (store == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     if (store->stream != nullptr)
         (void)fclose(store->stream); // nothing was written through it
     store->stream = nullptr;
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 // The next line from the stream's position on. False at the end.
@@ -240,7 +240,7 @@ void storeReaderFree(StoreReader *reader) {
 
 uint32_t storeLookup(PropertyStore *store, const char *name, char value[STORE_VALUE_SIZE]) {
     if (store == nullptr || store->stream == nullptr || name == nullptr)
-        return STORE_NOT_FOUND;
+        return ZOLTLOG_STORE_NOT_FOUND;
     rewind(store->stream);
     char buffer[STORE_LINE_MAX];
     StoreText line;
@@ -248,9 +248,9 @@ uint32_t storeLookup(PropertyStore *store, const char *name, char value[STORE_VA
         // KEPT: with an empty root the key looked for begins with a '.', although a set
         // writes the name alone. Pinned by PropertyStore.AnEmptyRootLooksForADotAndWritesTheNameAlone.
         if (storeLineHasKey(line, store->root, name) && storeLineValue(line, value))
-            return STORE_OK;
+            return ZOLTLOG_STORE_OK;
     }
-    return STORE_NOT_FOUND;
+    return ZOLTLOG_STORE_NOT_FOUND;
 }
 
 char *storeValueText(const char *value) {
@@ -280,58 +280,59 @@ uint32_t storeValueBool(const char *value) {
 
 uint32_t utiGetPropertyAsUlongFile(PropertyStore *store, const char *name, unsigned long *out) {
     char value[STORE_VALUE_SIZE];
-    if (out == nullptr || storeLookup(store, name, value) != STORE_OK)
-        return STORE_NOT_FOUND;
+    if (out == nullptr || storeLookup(store, name, value) != ZOLTLOG_STORE_OK)
+        return ZOLTLOG_STORE_NOT_FOUND;
     *out = storeValueNumber(value);
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 uint32_t utiGetPropertyAsBoolFile(PropertyStore *store, const char *name, uint32_t *out) {
     char value[STORE_VALUE_SIZE];
-    if (out == nullptr || storeLookup(store, name, value) != STORE_OK)
-        return STORE_NOT_FOUND;
+    if (out == nullptr || storeLookup(store, name, value) != ZOLTLOG_STORE_OK)
+        return ZOLTLOG_STORE_NOT_FOUND;
     *out = storeValueBool(value);
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 uint32_t utiGetPropertyAsStrFile(PropertyStore *store, const char *name, char **out) {
     char value[STORE_VALUE_SIZE];
-    if (out == nullptr || storeLookup(store, name, value) != STORE_OK)
-        return STORE_NOT_FOUND;
+    if (out == nullptr || storeLookup(store, name, value) != ZOLTLOG_STORE_OK)
+        return ZOLTLOG_STORE_NOT_FOUND;
     char *text = storeValueText(value);
     if (text == nullptr)
-        return STORE_NOT_FOUND;
+        return ZOLTLOG_STORE_NOT_FOUND;
     *out = text;
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 // ---- enumerations ----------------------------------------------------------------------
 
-// Hands out a name that differs from the one in the caller's buffer: STORE_OK,
-// STORE_NOT_WRITTEN when the buffer is too small, STORE_NO_MORE when it does not differ.
+// Hands out a name that differs from the one in the caller's buffer: ZOLTLOG_STORE_OK,
+// ZOLTLOG_STORE_NOT_WRITTEN when the buffer is too small, ZOLTLOG_STORE_NO_MORE when it does not differ.
 static uint32_t giveName(StoreText found, char *name, uint32_t *size) {
     if (equals(found, name, strnlen(name, *size)))
-        return STORE_NO_MORE;
+        return ZOLTLOG_STORE_NO_MORE;
     if (found.size >= *size)
-        return STORE_NOT_WRITTEN;
+        return ZOLTLOG_STORE_NOT_WRITTEN;
     memcpy(name, found.text, found.size);
     name[found.size] = '\0';
     *size = static_cast<uint32_t>(found.size);
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 static uint32_t enumerate(PropertyStore *store, StoreText (*nameOf)(StoreText), char *name, uint32_t *size) {
     if (store == nullptr || store->stream == nullptr || name == nullptr || size == nullptr || *size == 0)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     char buffer[STORE_LINE_MAX];
     StoreText line;
     while (readLine(store->stream, buffer, &line)) {
         const StoreText found = nameOf(line);
-        const uint32_t result = found.text != nullptr ? giveName(found, name, size) : STORE_NO_MORE;
-        if (result != STORE_NO_MORE)
+        const uint32_t result =
+            found.text != nullptr ? giveName(found, name, size) : uint32_t{ZOLTLOG_STORE_NO_MORE};
+        if (result != ZOLTLOG_STORE_NO_MORE)
             return result;
     }
-    return STORE_NO_MORE;
+    return ZOLTLOG_STORE_NO_MORE;
 }
 
 uint32_t utiEnumProductIdFile(PropertyStore *store, uint32_t ignored, char *name, uint32_t *size) {
@@ -349,9 +350,10 @@ uint32_t storeIndexNext(StoreIndex *index, StoreText (*nameOf)(StoreText), char 
         const StoreText line = storeLine(index->bytes + index->cursor, index->size - index->cursor);
         index->cursor += line.size;
         const StoreText found = nameOf(line);
-        const uint32_t result = found.text != nullptr ? giveName(found, name, size) : STORE_NO_MORE;
-        if (result != STORE_NO_MORE)
+        const uint32_t result =
+            found.text != nullptr ? giveName(found, name, size) : uint32_t{ZOLTLOG_STORE_NO_MORE};
+        if (result != ZOLTLOG_STORE_NO_MORE)
             return result;
     }
-    return STORE_NO_MORE;
+    return ZOLTLOG_STORE_NO_MORE;
 }

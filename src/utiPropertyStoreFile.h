@@ -16,17 +16,6 @@
 
 #include <string.h>
 
-enum : uint32_t { // store results; utipsres2zoltlogres maps them to the library's
-    STORE_OK = 0,
-    STORE_INVALID_ARGUMENT = 1,
-    STORE_NO_FILE = 2,
-    STORE_NOT_FOUND = 3,
-    STORE_NOT_CREATED = 5,
-    STORE_NOT_WRITTEN = 6,
-    STORE_NO_MORE = 7,
-    STORE_NO_SECTION = 8
-};
-
 inline constexpr size_t STORE_LINE_MAX = 499;          // bytes handled as one line
 inline constexpr size_t STORE_VALUE_SIZE = 400;        // a value read back, with its terminator
 inline constexpr char STORE_LOGSET_TOKEN[] = "LOGSET"; // first token of a log set's lines
@@ -81,7 +70,7 @@ bool storeReaderInit(StoreReader *reader, int descriptor);  // false: out of mem
 bool storeReaderNext(StoreReader *reader, StoreText *line); // line stays until the next call
 void storeReaderFree(StoreReader *reader);                  // the descriptor stays open
 
-// The raw value of a name in the handle's section; STORE_NOT_FOUND when there is none.
+// The raw value of a name in the handle's section; ZOLTLOG_STORE_NOT_FOUND when there is none.
 uint32_t storeLookup(PropertyStore *store, const char *name, char value[STORE_VALUE_SIZE]);
 
 // The value's text as utiGetPropertyAsStr gives it: in the locale's encoding, without
@@ -94,7 +83,7 @@ uint32_t storeValueBool(const char *value);
 // processes that do so at once both keep what they write.
 uint32_t storeOpenOrCreate(const char *path, const char *root, PropertyStore *store);
 
-// Removes a file in which no section is left; STORE_OK also when there is one.
+// Removes a file in which no section is left; ZOLTLOG_STORE_OK also when there is one.
 uint32_t storeRemoveIfEmpty(const char *path);
 
 // ---- many keys at once -----------------------------------------------------------
@@ -108,8 +97,8 @@ struct StoreSection {
     bool *found;
 };
 
-// Reads several sections of one file in one pass over it. STORE_NO_FILE when it cannot
-// be opened, STORE_NOT_WRITTEN when memory runs out.
+// Reads several sections of one file in one pass over it. ZOLTLOG_STORE_NO_FILE when it cannot
+// be opened, ZOLTLOG_STORE_NOT_WRITTEN when memory runs out.
 uint32_t storeReadSections(const char *path, StoreSection *sections, size_t count);
 
 // A whole file in memory with its sections indexed; each line is read once.

@@ -29,15 +29,15 @@ static bool canHoldKeys(const char *root) {
 uint32_t storeReadSections(const char *path, StoreSection *sections, size_t count) {
     static const size_t SECTIONS_MAX = 4;
     if (path == nullptr || count > SECTIONS_MAX)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     size_t rootLengths[SECTIONS_MAX];
     for (size_t i = 0; i < count; ++i)
         rootLengths[i] = strnlen(sections[i].root, sizeof(PropertyStore::root) - 1); // as a handle's
     const int descriptor = storeOpenForReading(path);
     if (descriptor < 0)
-        return STORE_NO_FILE;
+        return ZOLTLOG_STORE_NO_FILE;
     StoreReader reader;
-    uint32_t result = STORE_NOT_WRITTEN;
+    uint32_t result = ZOLTLOG_STORE_NOT_WRITTEN;
     if (storeReaderInit(&reader, descriptor)) {
         StoreText line;
         while (storeReaderNext(&reader, &line)) {
@@ -48,7 +48,7 @@ uint32_t storeReadSections(const char *path, StoreSection *sections, size_t coun
                     takeLine(&sections[i], length, line);
             }
         }
-        result = STORE_OK;
+        result = ZOLTLOG_STORE_OK;
     }
     storeReaderFree(&reader);
     close(descriptor);
@@ -179,16 +179,16 @@ static bool readWhole(StoreIndex *index, int descriptor) {
 uint32_t storeIndexLoad(StoreIndex *index, const char *path) {
     *index = {};
     if (path == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     const int descriptor = storeOpenForReading(path);
     if (descriptor < 0)
-        return STORE_NO_FILE;
+        return ZOLTLOG_STORE_NO_FILE;
     const bool loaded = readWhole(index, descriptor) && findRuns(index) && chainRuns(index);
     close(descriptor);
     if (loaded)
-        return STORE_OK;
+        return ZOLTLOG_STORE_OK;
     storeIndexFree(index);
-    return STORE_NOT_WRITTEN;
+    return ZOLTLOG_STORE_NOT_WRITTEN;
 }
 
 void storeIndexFree(StoreIndex *index) {

@@ -118,10 +118,10 @@ static bool inherit(int descriptor, const struct stat *old) {
 static uint32_t createTemporary(const char *path, const char *root, const struct stat *old,
                                 PropertyStore *temporary) {
     if (path == nullptr || root == nullptr || temporary == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     const size_t length = strlen(path);
     if (length + sizeof TEMPORARY_SUFFIX > sizeof temporary->path)
-        return STORE_NOT_CREATED;
+        return ZOLTLOG_STORE_NOT_CREATED;
     temporary->stream = nullptr;
     memmove(temporary->path, path, length);
     memcpy(temporary->path + length, TEMPORARY_SUFFIX, sizeof TEMPORARY_SUFFIX);
@@ -138,20 +138,20 @@ static uint32_t createTemporary(const char *path, const char *root, const struct
     if (descriptor >= 0)
         descriptor = aboveStdio(descriptor);
     if (descriptor < 0)
-        return STORE_NOT_CREATED;
+        return ZOLTLOG_STORE_NOT_CREATED;
     if (old == nullptr || inherit(descriptor, old))
         temporary->stream = fdopen(descriptor, "w");
     if (temporary->stream == nullptr) {
         close(descriptor);
         (void)unlink(temporary->path);
-        return STORE_NOT_CREATED;
+        return ZOLTLOG_STORE_NOT_CREATED;
     }
-    return STORE_OK;
+    return ZOLTLOG_STORE_OK;
 }
 
 uint32_t utiCreateTmpPropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
     if (path == nullptr || root == nullptr || store == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     struct stat old;
     return createTemporary(path, root, stat(path, &old) == 0 ? &old : nullptr, store);
 }
@@ -221,21 +221,21 @@ static uint32_t beginRewrite(Rewrite *rewrite, const char *path, const char *roo
     *rewrite = {};
     rewrite->source = -1;
     if (!lockDirectory(path, &rewrite->directory))
-        return STORE_NOT_WRITTEN;
+        return ZOLTLOG_STORE_NOT_WRITTEN;
     rewrite->source = storeOpenForReading(path);
     const bool gone = rewrite->source < 0 && errno == ENOENT;
     struct stat old;
-    uint32_t result = STORE_NOT_WRITTEN;
+    uint32_t result = ZOLTLOG_STORE_NOT_WRITTEN;
     if (rewrite->source < 0 ? gone : fstat(rewrite->source, &old) == 0)
         result = createTemporary(path, root, gone ? nullptr : &old, &rewrite->temporary);
-    if (result == STORE_OK) {
+    if (result == ZOLTLOG_STORE_OK) {
         rewrite->buffer = static_cast<char *>(zoltLogMalloc(WRITE_BUFFER_SIZE));
         if (rewrite->buffer == nullptr || !storeReaderInit(&rewrite->reader, rewrite->source)) {
             (void)unlink(rewrite->temporary.path);
-            result = STORE_NOT_WRITTEN;
+            result = ZOLTLOG_STORE_NOT_WRITTEN;
         }
     }
-    if (result != STORE_OK)
+    if (result != ZOLTLOG_STORE_OK)
         endRewrite(rewrite);
     else if (gone)
         putText(rewrite, HEADER);
@@ -259,7 +259,7 @@ static uint32_t commitRewrite(Rewrite *rewrite, const char *path) {
     if (written && rewrite->directory >= 0)
         (void)fsync(rewrite->directory);
     endRewrite(rewrite);
-    return written ? STORE_OK : STORE_NOT_WRITTEN;
+    return written ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_WRITTEN;
 }
 
 // Opens the handle's section in the rewritten file.
@@ -270,7 +270,7 @@ static uint32_t reopen(PropertyStore *store) {
 
 static uint32_t finishChange(Rewrite *rewrite, PropertyStore *store) {
     const uint32_t result = commitRewrite(rewrite, store->path);
-    return result == STORE_OK ? reopen(store) : result;
+    return result == ZOLTLOG_STORE_OK ? reopen(store) : result;
 }
 
 // Gives a rewrite up: after a failed write its temporary file stays, else it goes.
@@ -279,7 +279,7 @@ static uint32_t abandonRewrite(Rewrite *rewrite) {
     if (!failed)
         (void)unlink(rewrite->temporary.path);
     endRewrite(rewrite);
-    return failed ? STORE_NOT_WRITTEN : STORE_OK;
+    return failed ? ZOLTLOG_STORE_NOT_WRITTEN : ZOLTLOG_STORE_OK;
 }
 
 // ---- set ------------------------------------------------------------------------------
@@ -355,10 +355,10 @@ static bool copyAndReplace(Rewrite *rewrite, const char *name, const char *value
 static uint32_t setProperty(PropertyStore *store, const char *name, const char *value) {
     if (!isOpen(store) || name == nullptr || value == nullptr || hasLineFeed(name) || hasLineFeed(value) ||
         hasLineFeed(store->root))
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     Rewrite rewrite;
     const uint32_t result = beginRewrite(&rewrite, store->path, store->root);
-    if (result != STORE_OK)
+    if (result != ZOLTLOG_STORE_OK)
         return result;
     const char *root = rootOrNull(store);
     const bool found =
@@ -370,7 +370,7 @@ static uint32_t setProperty(PropertyStore *store, const char *name, const char *
 
 uint32_t utiSetPropertyAsUlongFile(PropertyStore *store, const char *name, const unsigned long *value) {
     if (value == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     char text[24]; // 19 digits, a sign and the terminator
     // KEPT: numbers are written signed, those of 2^63 and above as negative ones. Pinned by
     // PropertyStore.NumbersOfTheUpperHalfAreWrittenNegative.
@@ -380,16 +380,16 @@ uint32_t utiSetPropertyAsUlongFile(PropertyStore *store, const char *name, const
 
 uint32_t utiSetPropertyAsBoolFile(PropertyStore *store, const char *name, const uint32_t *value) {
     if (value == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     return setProperty(store, name, *value == 1 ? "true" : "false");
 }
 
 uint32_t utiSetPropertyAsStrFile(PropertyStore *store, const char *name, const char *text) {
     if (!isOpen(store) || name == nullptr || text == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     char *utf8 = nullptr;
     if (mbs2utf8(&utf8, text) != ZOLTLOG_OK)
-        return STORE_NOT_FOUND;
+        return ZOLTLOG_STORE_NOT_FOUND;
     const uint32_t result = setProperty(store, name, utf8);
     zoltLogFree(utf8);
     return result;
@@ -399,10 +399,10 @@ uint32_t utiSetPropertyAsStrFile(PropertyStore *store, const char *name, const c
 
 uint32_t utiRemovePropertyFile(PropertyStore *store, const char *name) {
     if (!isOpen(store) || name == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     Rewrite rewrite;
     const uint32_t result = beginRewrite(&rewrite, store->path, store->root);
-    if (result != STORE_OK)
+    if (result != ZOLTLOG_STORE_OK)
         return result;
     bool dropped = false;
     StoreText line;
@@ -421,7 +421,7 @@ uint32_t utiRemovePropertyFile(PropertyStore *store, const char *name) {
 static uint32_t removeSection(PropertyStore *store, const char *section) {
     Rewrite rewrite;
     uint32_t result = beginRewrite(&rewrite, store->path, store->root);
-    if (result != STORE_OK)
+    if (result != ZOLTLOG_STORE_OK)
         return result;
     bool dropped = false;
     StoreText line;
@@ -433,15 +433,15 @@ static uint32_t removeSection(PropertyStore *store, const char *section) {
             putLine(&rewrite, line);
     }
     result = finishChange(&rewrite, store);
-    return result == STORE_OK && !dropped ? STORE_NO_SECTION : result;
+    return result == ZOLTLOG_STORE_OK && !dropped ? uint32_t{ZOLTLOG_STORE_NO_SECTION} : result;
 }
 
 uint32_t utiRemovePropertyRootFile(PropertyStore *store, const char *section) {
     if (section == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     if (strstr(section, CONFIGURATION_SUFFIX) != nullptr)
-        return zoltLogOs_remove(section) == 0 ? STORE_OK : STORE_NOT_WRITTEN;
-    return isOpen(store) ? removeSection(store, section) : STORE_INVALID_ARGUMENT;
+        return zoltLogOs_remove(section) == 0 ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_WRITTEN;
+    return isOpen(store) ? removeSection(store, section) : uint32_t{ZOLTLOG_STORE_INVALID_ARGUMENT};
 }
 
 // ---- creating and removing files ----------------------------------------------------------
@@ -486,14 +486,14 @@ static bool makeFile(const char *path) {
 
 uint32_t utiCreatePropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
     if (path == nullptr || root == nullptr || store == nullptr)
-        return STORE_INVALID_ARGUMENT;
+        return ZOLTLOG_STORE_INVALID_ARGUMENT;
     store->stream = nullptr;
     int lock = -1;
     if (!makeDirectoryOf(path) || !lockDirectory(path, &lock))
-        return STORE_NOT_CREATED;
+        return ZOLTLOG_STORE_NOT_CREATED;
     const bool made = makeFile(path);
     unlockDirectory(lock);
-    return made ? utiOpenPropertyStoreFile(path, root, store) : STORE_NOT_CREATED;
+    return made ? utiOpenPropertyStoreFile(path, root, store) : uint32_t{ZOLTLOG_STORE_NOT_CREATED};
 }
 
 static bool isMissing(const char *path) {
@@ -514,20 +514,21 @@ static bool makeLinkedFile(const char *path) {
 // Makes a file with the header in it, unless another process has done so since.
 static bool makeMissingFile(const char *path, const char *root) {
     Rewrite rewrite;
-    if (beginRewrite(&rewrite, path, root) != STORE_OK)
+    if (beginRewrite(&rewrite, path, root) != ZOLTLOG_STORE_OK)
         return false;
-    return (rewrite.source >= 0 ? abandonRewrite(&rewrite) : commitRewrite(&rewrite, path)) == STORE_OK;
+    return (rewrite.source >= 0 ? abandonRewrite(&rewrite) : commitRewrite(&rewrite, path)) ==
+           ZOLTLOG_STORE_OK;
 }
 
 uint32_t storeOpenOrCreate(const char *path, const char *root, PropertyStore *store) {
     uint32_t result = utiOpenPropertyStoreFile(path, root, store);
-    if (result != STORE_NO_FILE)
+    if (result != ZOLTLOG_STORE_NO_FILE)
         return result;
     if (isMissing(path)) { // a file that is there is never emptied
         struct stat status;
         const bool isLink = lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
         if (!makeDirectoryOf(path) || !(isLink ? makeLinkedFile(path) : makeMissingFile(path, root)))
-            return STORE_NOT_CREATED;
+            return ZOLTLOG_STORE_NOT_CREATED;
     }
     return utiOpenPropertyStoreFile(path, root, store); // another process may have made it
 }
@@ -535,14 +536,14 @@ uint32_t storeOpenOrCreate(const char *path, const char *root, PropertyStore *st
 uint32_t storeRemoveIfEmpty(const char *path) {
     int lock = -1;
     if (!lockDirectory(path, &lock))
-        return STORE_NOT_WRITTEN;
+        return ZOLTLOG_STORE_NOT_WRITTEN;
     PropertyStore store = {};
-    uint32_t result = STORE_OK;
-    if (utiOpenPropertyStoreFile(path, "", &store) == STORE_OK) {
+    uint32_t result = ZOLTLOG_STORE_OK;
+    if (utiOpenPropertyStoreFile(path, "", &store) == ZOLTLOG_STORE_OK) {
         char name[STORE_LINE_MAX + 1] = "";
         uint32_t size = sizeof name;
-        if (utiEnumProductIdFile(&store, 0, name, &size) == STORE_NO_MORE)
-            result = zoltLogOs_remove(path) == 0 ? STORE_OK : STORE_NOT_WRITTEN;
+        if (utiEnumProductIdFile(&store, 0, name, &size) == ZOLTLOG_STORE_NO_MORE)
+            result = zoltLogOs_remove(path) == 0 ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_WRITTEN;
     }
     (void)utiClosePropertyStoreFile(&store);
     unlockDirectory(lock);

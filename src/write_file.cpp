@@ -121,7 +121,7 @@ uint64_t writtenVersion(const LogFileState *state) {
 bool askSize(LogFileState *state, uint64_t *size) {
     const off_t end = lseek(state->file.descriptor, 0, SEEK_END);
     if (end < 0)
-        return zoltLogOs_fsize(&state->file, size) == OS_OK;
+        return zoltLogOs_fsize(&state->file, size) == ZOLTLOG_OS_OK;
     *size = static_cast<uint64_t>(end);
     return true;
 }

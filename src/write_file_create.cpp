@@ -17,13 +17,13 @@
 
 uint32_t resultOfOpen(int32_t opened) {
     switch (opened) {
-    case OS_OK:
+    case ZOLTLOG_OS_OK:
         return ZOLTLOG_OK;
-    case OS_OPEN_DENIED:
+    case ZOLTLOG_OS_OPEN_DENIED:
         return ZOLTLOG_OPEN_DENIED;
-    case OS_OPEN_NO_PATH:
+    case ZOLTLOG_OS_OPEN_NO_PATH:
         return ZOLTLOG_OPEN_NO_PATH;
-    case OS_OPEN_FAILED:
+    case ZOLTLOG_OS_OPEN_FAILED:
         return ZOLTLOG_OPEN_FAILED;
     default:
         return ZOLTLOG_FAILED;
@@ -83,15 +83,15 @@ bool linkNamed(const char *temporary, const char *path) {
 
 // A file under a temporary name; a result of zoltLogOs_open.
 int32_t openTemporary(LogFileState *state, char (&name)[TEMPORARY_SIZE]) {
-    int32_t opened = OS_OPEN_FAILED;
+    int32_t opened = ZOLTLOG_OS_OPEN_FAILED;
     for (int number = 0; number < TEMPORARY_NAMES; ++number) {
         timespec now;
         (void)clock_gettime(CLOCK_MONOTONIC, &now);
         (void)snprintf(name, sizeof name, TEMPORARY_FORMAT, static_cast<int>(LOG_DIRECTORY_LENGTH),
                        state->directory, static_cast<unsigned long>(getpid()),
                        static_cast<unsigned long>(now.tv_nsec), number);
-        opened = openDescriptor(name, OPEN_NEW, state->permissions.mode, &state->file.descriptor);
-        if (opened == OS_OK || errno != EEXIST)
+        opened = openDescriptor(name, OS_MODE_NEW, state->permissions.mode, &state->file.descriptor);
+        if (opened == ZOLTLOG_OS_OK || errno != EEXIST)
             break;
     }
     return opened;
@@ -101,7 +101,7 @@ Creation createByTemporary(LogFileState *state, const char *path, const LogFileH
                            uint32_t *result) {
     char name[TEMPORARY_SIZE];
     const int32_t opened = openTemporary(state, name);
-    if (opened != OS_OK) {
+    if (opened != ZOLTLOG_OS_OK) {
         *result = resultOfOpen(opened);
         return Creation::FAILED;
     }

@@ -193,7 +193,7 @@ int32_t resumeFile(LogFileState *state, const Target *target, Opened *opened, bo
     const bool known = fstat(state->file.descriptor, &status) == 0;
     if (known && !S_ISREG(status.st_mode)) { // a terminal's header would be waited for
         zoltLogOs_close(&state->file);
-        return OS_OPEN_FAILED;
+        return ZOLTLOG_OS_OPEN_FAILED;
     }
     const WriterNotes notes = *notesOf(state); // the header is read into their place
     const bool headerRead = ReadHeaderEx(&state->file, &opened->header) == ZOLTLOG_OK;
@@ -203,8 +203,8 @@ int32_t resumeFile(LogFileState *state, const Target *target, Opened *opened, bo
     const int reader = state->file.descriptor;
     opened->torn = endsInsideLine(reader);
     const int32_t result =
-        zoltLogOs_open(&state->file, target->path.text, OPEN_APPEND, state->permissions.mode);
-    *replaced = result == OS_OK && known && fstat(state->file.descriptor, &found) == 0 &&
+        zoltLogOs_open(&state->file, target->path.text, ZOLTLOG_OS_MODE_APPEND, state->permissions.mode);
+    *replaced = result == ZOLTLOG_OS_OK && known && fstat(state->file.descriptor, &found) == 0 &&
                 (found.st_dev != status.st_dev || found.st_ino != status.st_ino);
     if (*replaced)
         zoltLogOs_close(&state->file);
@@ -217,21 +217,23 @@ uint32_t openTarget(LogFileState *state, const Target *target, const char *hostN
     for (int attempt = 0; attempt < OPEN_ATTEMPTS; ++attempt) {
         *opened = {};
         opened->startTime = target->now;
-        int32_t result = zoltLogOs_open(&state->file, target->path.text, OPEN_READ, state->permissions.mode);
-        if (result == OS_OK) {
+        int32_t result =
+            zoltLogOs_open(&state->file, target->path.text, ZOLTLOG_OS_MODE_READ, state->permissions.mode);
+        if (result == ZOLTLOG_OS_OK) {
             bool replaced = false;
             result = resumeFile(state, target, opened, &replaced);
             if (!replaced)
                 return resultOfOpen(result);
             continue;
         }
-        if (result != OS_OPEN_NO_PATH)
+        if (result != ZOLTLOG_OS_OPEN_NO_PATH)
             return resultOfOpen(result);
         if (target->entry != nullptr) {
             // KEPT: the latest file vanished since it was found: it is made again without
             // a header, and the first message leaves it for a new one. Pinned by
             // WriteFileOpen.VanishedLatestFileIsRecreatedWithoutHeader.
-            result = zoltLogOs_open(&state->file, target->path.text, OPEN_APPEND, state->permissions.mode);
+            result = zoltLogOs_open(&state->file, target->path.text, ZOLTLOG_OS_MODE_APPEND,
+                                    state->permissions.mode);
             return resultOfOpen(result);
         }
         InitializeFileHeader(&opened->header, state, hostName);

@@ -152,13 +152,13 @@ static uint32_t send(LogHandle *handle, const Message &message, const char *text
 
 uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult) {
     switch (lisResult) {
-    case 0:
+    case ZOLTLIS_OK:
         return ZOLTLOG_OK;
-    case -2:
+    case ZOLTLIS_INVALID_ARGUMENT:
         return ZOLTLOG_INVALID_ARGUMENT;
-    case -3:
+    case ZOLTLIS_NO_MEMORY:
         return ZOLTLOG_NO_MEMORY;
-    case -4:
+    case ZOLTLIS_FAILED:
         return ZOLTLOG_LIS_FAILED;
     default:
         return ZOLTLOG_LIS_OTHER;

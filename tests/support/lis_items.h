@@ -32,51 +32,51 @@ inline std::string describe(ZoltLisBlock *block) {
         ZoltLisDateTime time = {};
         ZoltLisBlock *nested = nullptr;
         switch (type) {
-        case 0:
+        case ZOLTLIS_ITEM_WIDE_CHAR:
             result |= zoltLisGetArg_wchar(&item, &character);
             value = std::to_string(static_cast<int>(character));
             break;
-        case 1:
+        case ZOLTLIS_ITEM_SIGNED:
             result |= zoltLisGetArg_longlong(&item, &integer);
             value = std::to_string(integer);
             break;
-        case 2:
+        case ZOLTLIS_ITEM_UNSIGNED:
             result |= zoltLisGetArg_ulonglong(&item, &natural);
             value = std::to_string(natural);
             break;
-        case 3:
+        case ZOLTLIS_ITEM_DOUBLE:
             result |= zoltLisGetArg_double(&item, &real);
             value = std::to_string(real);
             break;
-        case 4:
+        case ZOLTLIS_ITEM_POINTER:
             result |= zoltLisGetArg_pointer(&item, &pointer);
             value = std::to_string(reinterpret_cast<uintptr_t>(pointer));
             break;
-        case 5:
+        case ZOLTLIS_ITEM_WIDE_STRING:
             result |= zoltLisGetArg_wstring(&item, &wide);
             for (; wide != nullptr && *wide != L'\0'; ++wide)
                 value += *wide < 128 ? std::string(1, static_cast<char>(*wide))
                                      : "<" + std::to_string(static_cast<int>(*wide)) + ">";
             break;
-        case 6:
-        case 7:
+        case ZOLTLIS_ITEM_OS_ERROR:
+        case ZOLTLIS_ITEM_OS_ERROR_OTHER:
             result |= zoltLisGetArg_os_error(&item, &error);
             if (error != nullptr)
                 value = std::to_string(error->kind) + "/" + std::to_string(error->code);
             break;
-        case 8:
+        case ZOLTLIS_ITEM_DATE_TIME:
             result |= zoltLisGetArg_datetime(&item, &time);
             value = std::to_string(time.seconds) + "." + std::to_string(time.nanoseconds);
             break;
-        case 9:
+        case ZOLTLIS_ITEM_NESTED:
             result |= zoltLisGetArg_lis(&item, &nested);
             value = nested != nullptr ? "(" + describe(nested) + ")" : "";
             break;
-        case 10:
+        case ZOLTLIS_ITEM_UTF8_STRING:
             result |= zoltLisGetArg_utf8string(&item, &text);
             value = text != nullptr ? text : "";
             break;
-        case 11:
+        case ZOLTLIS_ITEM_NATIVE_STRING:
             result |= zoltLisGetArg_nativeString(&item, &text);
             value = text != nullptr ? text : "";
             break;
