@@ -48,7 +48,7 @@ static void tryLine(std::string_view line, uint64_t version) {
             requireInside(record.block, argument.text);
     }
     // A record is whole only with all its bytes.
-    if (line.size() < 4096 && record.type != TypeDebug) {
+    if (line.size() < 4096 && record.type != ZOLTLOG_MSG_DEBUG) {
         Record shorter;
         require(!parseRecord(line.substr(0, line.size() - 1), version, shorter, fault));
     }
@@ -72,7 +72,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         const std::string_view line = rest.substr(0, feed);
         Header header;
         if (parseHeader(line, header) == HeaderResult::Ok) {
-            require(header.version >= VersionOldest && header.version <= VersionLogSet);
+            require(header.version >= ZOLTLOG_RECORD_VERSION_OLDEST &&
+                    header.version <= ZOLTLOG_RECORD_VERSION_LOGSET);
             requireInside(line, header.host);
         }
         tryLine(line, version);

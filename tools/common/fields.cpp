@@ -11,16 +11,20 @@ struct NameRow {
     const char *name;
 };
 
-constexpr NameRow kinds[] = {{TypeDebug, "debug"},
-                             {TypeDiagnostic, "diagnostic"},
-                             {TypeApplication, "application"},
-                             {TypeContext, "context"},
-                             {TypeAudit, "audit"}};
+constexpr NameRow kinds[] = {{ZOLTLOG_MSG_DEBUG, "debug"},
+                             {ZOLTLOG_MSG_DIAG, "diagnostic"},
+                             {ZOLTLOG_MSG_APP, "application"},
+                             {ZOLTLOG_MSG_CONTEXT, "context"},
+                             {ZOLTLOG_MSG_AUDIT, "audit"}};
 
 // The first name of a value is the one that is shown.
-constexpr NameRow severities[] = {{0, "info"},      {1, "warning"}, {2, "error"}, {3, "critical"},
-                                  {4, "emergency"}, {0, "notice"},  {1, "warn"},  {2, "err"},
-                                  {3, "crit"},      {4, "emerg"},   {4, "fatal"}};
+constexpr NameRow severities[] = {
+    {ZOLTLOG_SEVERITY_INFO, "info"},           {ZOLTLOG_SEVERITY_WARNING, "warning"},
+    {ZOLTLOG_SEVERITY_ERROR, "error"},         {ZOLTLOG_SEVERITY_CRITICAL, "critical"},
+    {ZOLTLOG_SEVERITY_EMERGENCY, "emergency"}, {ZOLTLOG_SEVERITY_INFO, "notice"},
+    {ZOLTLOG_SEVERITY_WARNING, "warn"},        {ZOLTLOG_SEVERITY_ERROR, "err"},
+    {ZOLTLOG_SEVERITY_CRITICAL, "crit"},       {ZOLTLOG_SEVERITY_EMERGENCY, "emerg"},
+    {ZOLTLOG_SEVERITY_EMERGENCY, "fatal"}};
 
 bool parseSmallNumber(std::string_view text, int32_t limit, int32_t &value) {
     int32_t read = 0;
@@ -44,7 +48,7 @@ const char *kindName(uint32_t type) {
 bool parseKind(std::string_view text, uint32_t &type) {
     constexpr size_t shortest = 3;
     int32_t number = 0;
-    if (parseSmallNumber(text, TypeAudit, number)) {
+    if (parseSmallNumber(text, ZOLTLOG_MSG_AUDIT, number)) {
         type = static_cast<uint32_t>(number);
         return true;
     }
@@ -71,7 +75,7 @@ const char *severityName(int32_t severity) {
 }
 
 bool parseSeverity(std::string_view text, int32_t &severity) {
-    if (parseSmallNumber(text, 4, severity))
+    if (parseSmallNumber(text, ZOLTLOG_SEVERITY_EMERGENCY, severity))
         return true;
     for (const NameRow &row : severities) {
         if (text == row.name) {
@@ -157,11 +161,12 @@ FieldValue fieldValue(const Item &item, Field field) {
     case Field::Kind:
         return textOf(kindName(type));
     case Field::Product:
-        return numberOf(record.product, record.product != 0 || record.version == VersionOriginator);
+        return numberOf(record.product,
+                        record.product != 0 || record.version == ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     case Field::Originator:
         return numberOf(record.originator, prefix);
     case Field::FileOriginator:
-        return numberOf(record.fileOriginator, record.version == VersionOriginator);
+        return numberOf(record.fileOriginator, record.version == ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     case Field::MessageId:
         return numberOf(record.messageId, prefix);
     case Field::Pid:
@@ -173,19 +178,19 @@ FieldValue fieldValue(const Item &item, Field field) {
     case Field::Text:
         return textOf(record.text);
     case Field::Who:
-        return textOf(record.who, type <= TypeApplication || (type == TypeUnknown && !record.who.empty()));
+        return textOf(record.who, type <= ZOLTLOG_MSG_APP || (type == TypeUnknown && !record.who.empty()));
     case Field::Subject:
-        return textOf(record.who, type == TypeAudit);
+        return textOf(record.who, type == ZOLTLOG_MSG_AUDIT);
     case Field::Title:
-        return textOf(record.who, type == TypeContext);
+        return textOf(record.who, type == ZOLTLOG_MSG_CONTEXT);
     case Field::Severity:
-        return signedOf(record.number, type == TypeApplication);
+        return signedOf(record.number, type == ZOLTLOG_MSG_APP);
     case Field::Level:
-        return signedOf(record.number, type <= TypeDiagnostic);
+        return signedOf(record.number, type <= ZOLTLOG_MSG_DIAG);
     case Field::Outcome:
-        return signedOf(record.number, type == TypeAudit);
+        return signedOf(record.number, type == ZOLTLOG_MSG_AUDIT);
     case Field::Sev:
-        return textOf(type == TypeApplication ? severityName(record.number) : "", type == TypeApplication);
+        return textOf(type == ZOLTLOG_MSG_APP ? severityName(record.number) : "", type == ZOLTLOG_MSG_APP);
     case Field::Host:
         return textOf(item.origin->host, item.origin->hasHost);
     case Field::LogSet:

@@ -169,12 +169,12 @@ bool takePrefix(Cursor &cursor, uint64_t version, Record &out) {
     uint64_t type = 0;
     if (!cursor.takeField(type))
         return false;
-    out.type = type > TypeAudit ? TypeUnknown : static_cast<uint32_t>(type);
-    if (version == VersionOriginator && !cursor.takeField(out.product))
+    out.type = type > ZOLTLOG_MSG_AUDIT ? TypeUnknown : static_cast<uint32_t>(type);
+    if (version == ZOLTLOG_RECORD_VERSION_ORIGINATOR && !cursor.takeField(out.product))
         return false;
     if (!cursor.takeField(out.originator))
         return false;
-    if (version == VersionOriginator && !cursor.takeField(out.fileOriginator))
+    if (version == ZOLTLOG_RECORD_VERSION_ORIGINATOR && !cursor.takeField(out.fileOriginator))
         return false;
     return cursor.takeField(out.messageId) && cursor.takeSignedField(out.time) && cursor.takeField(out.pid) &&
            cursor.takeField(out.tid);
@@ -189,7 +189,7 @@ uint64_t guessVersion(std::string_view line) {
         else if (!isDigit(c) && c != '-')
             break;
     }
-    return commas == 6 ? VersionLogSet : VersionOriginator;
+    return commas == 6 ? ZOLTLOG_RECORD_VERSION_LOGSET : ZOLTLOG_RECORD_VERSION_ORIGINATOR;
 }
 
 // LENGTH ":" BYTES ","
@@ -220,8 +220,6 @@ bool takeAttribute(Cursor &cursor, Record &out) {
     return true;
 }
 
-constexpr int32_t MaxSeverity = 4;
-
 Damage takeBlock(Cursor &cursor, std::string_view line, Record &out) {
     constexpr std::string_view empty = "(0|)";
     if (cursor.left() == empty.size() && std::memcmp(cursor.at, empty.data(), empty.size()) == 0) {
@@ -243,21 +241,21 @@ Damage takeBlock(Cursor &cursor, std::string_view line, Record &out) {
 
 // What follows the text in a record whose type is known.
 Damage takeFields(Cursor &cursor, std::string_view line, Record &out) {
-    if (out.type != TypeApplication || out.version > VersionLastWithoutWho) {
+    if (out.type != ZOLTLOG_MSG_APP || out.version > ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO) {
         const Damage damage = takeString(cursor, out.who);
         if (damage != Damage::None)
             return damage;
     }
-    if (out.type != TypeContext) {
+    if (out.type != ZOLTLOG_MSG_CONTEXT) {
         const char *const begin = cursor.at;
         if (!takeAttribute(cursor, out) ||
-            (out.type == TypeApplication && (out.number < 0 || out.number > MaxSeverity)) ||
-            (out.type != TypeDebug && !cursor.takeChar(','))) {
+            (out.type == ZOLTLOG_MSG_APP && (out.number < 0 || out.number > ZOLTLOG_SEVERITY_EMERGENCY)) ||
+            (out.type != ZOLTLOG_MSG_DEBUG && !cursor.takeChar(','))) {
             cursor.at = begin;
             return Damage::BadAttribute;
         }
     }
-    return out.type == TypeDebug ? Damage::None : takeBlock(cursor, line, out);
+    return out.type == ZOLTLOG_MSG_DEBUG ? Damage::None : takeBlock(cursor, line, out);
 }
 
 // A record without prefix does not say its type. A number in place of who is an
@@ -266,8 +264,8 @@ Damage takeFields(Cursor &cursor, std::string_view line, Record &out) {
 // look alike and stay unknown.
 Damage takeFieldsByLook(Cursor &cursor, std::string_view line, Record &out) {
     const char *const begin = cursor.at;
-    if (out.version <= VersionLastWithoutWho) {
-        out.type = TypeApplication;
+    if (out.version <= ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO) {
+        out.type = ZOLTLOG_MSG_APP;
         if (takeFields(cursor, line, out) == Damage::None && cursor.left() == 0)
             return Damage::None;
         cursor.at = begin;
@@ -280,13 +278,13 @@ Damage takeFieldsByLook(Cursor &cursor, std::string_view line, Record &out) {
     if (damage != Damage::None)
         return damage;
     if (cursor.left() > 0 && *cursor.at == '(') {
-        out.type = TypeContext;
+        out.type = ZOLTLOG_MSG_CONTEXT;
         return takeBlock(cursor, line, out);
     }
     if (!takeAttribute(cursor, out))
         return Damage::BadAttribute;
     if (cursor.left() == 0) {
-        out.type = TypeDebug;
+        out.type = ZOLTLOG_MSG_DEBUG;
         return Damage::None;
     }
     return cursor.takeChar(',') ? takeBlock(cursor, line, out) : Damage::BadAttribute;
@@ -328,11 +326,11 @@ bool parseRecord(std::string_view line, uint64_t version, Record &out, Fault &fa
 bool parseRecordTime(std::string_view line, uint64_t version, int64_t &time) {
     if (version == 0)
         version = guessVersion(line);
-    if (version <= VersionLastWithoutPrefix)
+    if (version <= ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX)
         return false;
     Cursor cursor{line.data(), line.data() + line.size()};
     uint64_t ignored = 0;
-    const int before = version == VersionOriginator ? 5 : 3;
+    const int before = version == ZOLTLOG_RECORD_VERSION_ORIGINATOR ? 5 : 3;
     for (int i = 0; i < before; ++i) {
         if (!cursor.takeField(ignored))
             return false;
@@ -341,7 +339,7 @@ bool parseRecordTime(std::string_view line, uint64_t version, int64_t &time) {
 }
 
 bool salvageRecord(std::string_view line, uint64_t version, Record &out, size_t &at) {
-    if (version != 0 && version <= VersionLastWithoutPrefix)
+    if (version != 0 && version <= ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX)
         return false; // without a prefix every text with a colon may look like a record
     size_t tries = 0;
     Fault ignored;

@@ -23,6 +23,8 @@
 #include <string_view>
 #include <vector>
 
+#include "zoltlog.h"
+
 namespace tools {
 
 // ---- file names ------------------------------------------------------------------
@@ -45,14 +47,6 @@ bool parseFileName(std::string_view name, FileName &out);
 
 // ---- headers ---------------------------------------------------------------------
 
-enum : uint64_t {
-    VersionOldest = 65540,
-    VersionLastWithoutWho = 65541, // application records have no who up to this version
-    VersionLastWithoutPrefix = 65542,
-    VersionOriginator = 65543,
-    VersionLogSet = 65544,
-};
-
 struct Header {
     uint64_t version = 0; // 0: no header was read
     uint64_t product = 0;
@@ -68,14 +62,8 @@ HeaderResult parseHeader(std::string_view line, Header &out); // line without it
 
 // ---- records ---------------------------------------------------------------------
 
-enum RecordType : uint32_t {
-    TypeDebug = 0,
-    TypeDiagnostic = 1,
-    TypeApplication = 2,
-    TypeContext = 3,
-    TypeAudit = 4,
-    TypeUnknown = 255, // versions without prefix: a type that the fields do not tell
-};
+// The type of a record, ZOLTLOG_MSG_..., that the fields of a version without prefix do not tell.
+constexpr uint32_t TypeUnknown = 255;
 
 struct Record {
     std::string_view line; // all of it, without the line feed
@@ -95,7 +83,7 @@ struct Record {
     bool hasNumber = false;
     std::string_view block; // "(0|)"; empty in debug records
 
-    bool hasPrefix() const { return version > VersionLastWithoutPrefix; }
+    bool hasPrefix() const { return version > ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX; }
 };
 
 enum class Damage {

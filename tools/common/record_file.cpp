@@ -252,7 +252,7 @@ RecordFile::Got RecordFile::judge() {
         }
     }
     if (parseRecord(line, header.version, record, fault)) {
-        if (record.version != VersionOriginator)
+        if (record.version != ZOLTLOG_RECORD_VERSION_ORIGINATOR)
             record.product = header.product != 0 ? header.product : name.product;
         return Got::Record;
     }
@@ -260,7 +260,7 @@ RecordFile::Got RecordFile::judge() {
     Record found;
     if (salvageRecord(line, header.version, found, at)) {
         pending = found;
-        if (pending.version != VersionOriginator)
+        if (pending.version != ZOLTLOG_RECORD_VERSION_ORIGINATOR)
             pending.product = header.product != 0 ? header.product : name.product;
         salvagePending = true;
     }
@@ -308,7 +308,8 @@ RecordFile::Got RecordFile::previous() {
         return Got::End;
     const uint64_t version = header.version;
     Got got = judge();
-    if (got == Got::Damaged && version == VersionOriginator && parseRecord(line, 0, record, fault)) {
+    if (got == Got::Damaged && version == ZOLTLOG_RECORD_VERSION_ORIGINATOR &&
+        parseRecord(line, 0, record, fault)) {
         salvagePending = false; // a part of the file that a further header line begins
         record.product = name.product;
         got = Got::Record;
@@ -362,7 +363,8 @@ bool RecordFile::timeAt(uint64_t from, uint64_t limit, int64_t &time, uint64_t &
 
 uint64_t RecordFile::findTime(int64_t since) const {
     uint64_t end = 0;
-    if (!lines.size(end) || (header.version != 0 && header.version <= VersionLastWithoutPrefix))
+    if (!lines.size(end) ||
+        (header.version != 0 && header.version <= ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX))
         return dataBegin;
     const int64_t wanted = since - OrderSlack;
     uint64_t low = dataBegin;          // all records before it are earlier than `wanted`

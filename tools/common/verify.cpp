@@ -38,11 +38,11 @@ bool verifyFile(const std::string &path, const std::function<void(const Finding 
         tell(false, 0, 0, "the file has no header line");
     const bool originatorName = name.kind == FileName::Kind::Originator;
     const bool logSetName = name.kind == FileName::Kind::LogSet;
-    if ((originatorName && header.version == VersionLogSet) ||
-        (logSetName && header.version == VersionOriginator))
+    if ((originatorName && header.version == ZOLTLOG_RECORD_VERSION_LOGSET) ||
+        (logSetName && header.version == ZOLTLOG_RECORD_VERSION_ORIGINATOR))
         tell(true, 0, 0,
              "the header has version " + number(header.version) + ", which does not fit the file name");
-    if (originatorName && header.version != 0 && header.version != VersionLogSet) {
+    if (originatorName && header.version != 0 && header.version != ZOLTLOG_RECORD_VERSION_LOGSET) {
         if (header.product != name.product)
             tell(true, 0, 0,
                  "the header has product " + number(header.product) + ", the name " + number(name.product));
@@ -78,7 +78,8 @@ bool verifyFile(const std::string &path, const std::function<void(const Finding 
             ++counts.salvaged;
             tell(false, file.offset, file.offset, "a whole record follows in the same line");
         }
-        if (record.version == VersionOriginator && header.version == VersionOriginator) {
+        if (record.version == ZOLTLOG_RECORD_VERSION_ORIGINATOR &&
+            header.version == ZOLTLOG_RECORD_VERSION_ORIGINATOR) {
             if (record.product != header.product)
                 tell(true, file.offset, file.offset, "the record has product " + number(record.product));
             if (record.fileOriginator != header.originator)

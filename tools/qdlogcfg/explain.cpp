@@ -72,7 +72,7 @@ void explainLevel(const Options &options, const LogCfg &cfg, const Lookup &looku
     const char *key = diagnostic ? "DiagnosticLevel" : "DebugLevel";
     const uint32_t highest = diagnostic ? cfg.diagLevel : cfg.debugLevel;
     const std::string level = "level " + std::to_string(options.level);
-    if (options.level < 1 || options.level > 6)
+    if (options.level < ZOLTLOG_LEVEL_FIRST || options.level > ZOLTLOG_LEVEL_LAST)
         result.stop(level + " is outside 1 to 6: the call gives " + tools::resultMessage(ZOLTLOG_FAILED));
     else if (options.level > highest)
         result.stop(level + " is above the highest level that is written, " + std::to_string(highest),
@@ -201,7 +201,7 @@ int explainMessage(const Options &options, Output &out) {
         readSettings(scope, file, settings);
         readSettings(fileScope, file, fileSettings);
         explainLevel(options, settings.cfg, lookup, result);
-        if (options.kind == APP && options.severity > 4)
+        if (options.kind == APP && options.severity > ZOLTLOG_SEVERITY_EMERGENCY)
             result.stop("severity " + std::to_string(options.severity) +
                         " is outside 0 to 4: the call gives " + tools::resultMessage(ZOLTLOG_FAILED));
         if (options.kind == APP && settings.cfg.appMsgLogging != 1)

@@ -32,7 +32,6 @@ struct Target {
 // The id that a text is, or that the configuration gives to a name; 0: none. The
 // records to look through are read by `read` only when they are needed.
 constexpr uint32_t MostRecords = 4096;
-constexpr uint32_t ProductNames = 263; // the kind of GetIdFromName; any other: originators
 template<typename Read>
 uint64_t idOf(const std::string &text, uint32_t kind, Read read) {
     uint64_t id = 0;
@@ -49,7 +48,7 @@ uint64_t idOf(const std::string &text, uint32_t kind, Read read) {
 }
 
 bool resolve(const Settings &settings, Target &target) {
-    target.product = idOf(settings.product, ProductNames, [](LogCfg **records, uint32_t *count) {
+    target.product = idOf(settings.product, ZOLTLOG_ATTR_PRODUCT_ID, [](LogCfg **records, uint32_t *count) {
         return zoltLogReadAllCfg(nullptr, MostRecords, records, count);
     });
     if (target.product == 0) {

@@ -40,7 +40,6 @@ bool notEmpty(const std::string &value, std::string &out, std::string &error) {
 }
 
 constexpr const char *kinds[] = {"app", "diag", "debug", "audit"};
-constexpr int32_t HighestSeverity = 4;
 
 // Also the full names, as in the other tools
 bool setKind(Settings &settings, const char *value, std::string &error) {
@@ -56,7 +55,7 @@ bool setKind(Settings &settings, const char *value, std::string &error) {
 
 bool setSeverity(Settings &settings, const char *value, std::string &error) {
     int32_t severity = 0;
-    if (!tools::parseSeverity(value, severity) || severity < 0 || severity > HighestSeverity) {
+    if (!tools::parseSeverity(value, severity) || severity < 0 || severity > ZOLTLOG_SEVERITY_EMERGENCY) {
         error = std::string("'") + value + "' is none of info, warning, error, critical, emergency, 0 to 4";
         return false;
     }
@@ -106,7 +105,9 @@ const tools::Option<Settings> options[] = {
      setSeverity},
     {'L', "level", "LEVEL",
      "of diag and debug: 1 (default) to 6; messages above the configured\nlevel are not written",
-     [](Settings &s, const char *v, std::string &e) { return number32(v, 1, 6, s.level, e); }},
+     [](Settings &s, const char *v, std::string &e) {
+         return number32(v, ZOLTLOG_LEVEL_FIRST, ZOLTLOG_LEVEL_LAST, s.level, e);
+     }},
     {'w', "who", "TEXT", "of app, diag and debug: the reporting component", setText<&Settings::who>},
     {'i', "id", "NUMBER", "message id (default: the messages are numbered)", setId},
     {'x', "context", "TOKEN", "open a context with this token for the messages", setText<&Settings::context>},
@@ -171,7 +172,7 @@ std::string completions(const std::string &what) {
         for (const char *kind : kinds)
             text += std::string(kind) + "\n";
     if (what == "severities")
-        for (int32_t severity = 0; severity <= HighestSeverity; ++severity)
+        for (int32_t severity = 0; severity <= ZOLTLOG_SEVERITY_EMERGENCY; ++severity)
             text += std::string(tools::severityName(severity)) + "\n";
     return text;
 }

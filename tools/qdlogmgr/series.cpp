@@ -57,8 +57,6 @@ static std::string resolved(const std::string &directory) {
 namespace {
 
 constexpr uint32_t MAX_CONFIGURATIONS = 65536;
-constexpr uint32_t PRODUCT_KIND = 263; // of GetIdFromName
-constexpr uint32_t ORIGINATOR_KIND = 265;
 
 struct Configurations {
     Configurations() : items(MAX_CONFIGURATIONS, nullptr) {}
@@ -92,7 +90,8 @@ struct Wanted {
 bool resolveNames(const Options &options, Configurations &all, Wanted &wanted, Problems &problems) {
     wanted.logset = options.logset;
     if (!options.product.empty() && !wholeNumber(options.product, wanted.product)) {
-        wanted.product = GetIdFromName(all.items.data(), all.count, PRODUCT_KIND, options.product.c_str());
+        wanted.product =
+            GetIdFromName(all.items.data(), all.count, ZOLTLOG_ATTR_PRODUCT_ID, options.product.c_str());
         if (wanted.product == 0) {
             problems.push_back("there is no product '" + options.product + "'");
             return false;
@@ -105,7 +104,7 @@ bool resolveNames(const Options &options, Configurations &all, Wanted &wanted, P
                 (wanted.product == 0 || all.items[i]->productId == wanted.product))
                 ofProduct.push_back(all.items[i]);
         wanted.originator = GetIdFromName(ofProduct.data(), static_cast<uint32_t>(ofProduct.size()),
-                                          ORIGINATOR_KIND, options.originator.c_str());
+                                          ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, options.originator.c_str());
         if (wanted.originator == 0) {
             problems.push_back("there is no originator '" + options.originator + "'");
             return false;
@@ -150,8 +149,8 @@ constexpr int64_t MS_PER_SECOND = 1000;
 
 std::string doubtOf(const FileName &name, const tools::Header &header) {
     if (name.kind == FileName::Kind::LogSet)
-        return header.version == tools::VersionLogSet ? "" : "its header is not a log set's";
-    if (header.version == tools::VersionLogSet)
+        return header.version == ZOLTLOG_RECORD_VERSION_LOGSET ? "" : "its header is not a log set's";
+    if (header.version == ZOLTLOG_RECORD_VERSION_LOGSET)
         return "its header is a log set's";
     if (header.product != name.product || header.originator != name.originator)
         return "its header says product " + std::to_string(header.product) + ", originator " +

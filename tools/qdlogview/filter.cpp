@@ -94,10 +94,10 @@ bool Filter::selectsRest(const Item &item) {
     if (byRank) {
         // Severities rank application records, levels debug and diagnostic ones; other
         // records have no rank.
-        if (record.type == tools::TypeApplication) {
+        if (record.type == ZOLTLOG_MSG_APP) {
             if (!hasPriority || record.number < lowestPriority || record.number > highestPriority)
                 return false;
-        } else if (record.type <= tools::TypeDiagnostic) {
+        } else if (record.type <= ZOLTLOG_MSG_DIAG) {
             if (!hasLevel || record.number < lowestLevel || record.number > highestLevel)
                 return false;
         } else {
@@ -106,16 +106,16 @@ bool Filter::selectsRest(const Item &item) {
     }
     if (!inRanges(pids, record.pid) || !inRanges(tids, record.tid) || !inRanges(messageIds, record.messageId))
         return false;
-    if (hasOutcome && (record.type != tools::TypeAudit || record.number != outcome))
+    if (hasOutcome && (record.type != ZOLTLOG_MSG_AUDIT || record.number != outcome))
         return false;
-    if (!who.empty() && ((record.type > tools::TypeApplication && record.type != tools::TypeUnknown) ||
-                         !who.matches(record.who)))
+    if (!who.empty() &&
+        ((record.type > ZOLTLOG_MSG_APP && record.type != tools::TypeUnknown) || !who.matches(record.who)))
         return false;
-    if (!subject.empty() && (record.type != tools::TypeAudit || !subject.matches(record.who)))
+    if (!subject.empty() && (record.type != ZOLTLOG_MSG_AUDIT || !subject.matches(record.who)))
         return false;
     if (!context.empty() &&
-        !context.matches(record.type == tools::TypeContext ? record.who : record.context) &&
-        !(record.type == tools::TypeContext && context.matches(record.context)))
+        !context.matches(record.type == ZOLTLOG_MSG_CONTEXT ? record.who : record.context) &&
+        !(record.type == ZOLTLOG_MSG_CONTEXT && context.matches(record.context)))
         return false;
     if (!host.empty() && !host.matches(item.origin->host))
         return false;

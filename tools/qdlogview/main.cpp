@@ -41,8 +41,8 @@ int complete(const std::string &what) {
         for (const tools::FieldRow &row : tools::fieldTable)
             names.emplace_back(row.name);
     } else if (what == "kinds") {
-        for (const uint32_t kind : {tools::TypeDebug, tools::TypeDiagnostic, tools::TypeApplication,
-                                    tools::TypeContext, tools::TypeAudit})
+        for (const uint32_t kind :
+             {ZOLTLOG_MSG_DEBUG, ZOLTLOG_MSG_DIAG, ZOLTLOG_MSG_APP, ZOLTLOG_MSG_CONTEXT, ZOLTLOG_MSG_AUDIT})
             names.emplace_back(tools::kindName(kind));
     } else if (what == "severities") {
         for (int32_t severity = 0; severity <= 4; ++severity)

@@ -185,18 +185,18 @@ namespace {
 
 Style styleOf(const Record &record) {
     switch (record.type) {
-    case tools::TypeApplication: {
+    case ZOLTLOG_MSG_APP: {
         constexpr Style bySeverity[] = {Style::Plain, Style::Yellow, Style::Red, Style::BoldRed,
                                         Style::BoldRed};
         return bySeverity[record.number];
     }
-    case tools::TypeDebug:
+    case ZOLTLOG_MSG_DEBUG:
         return Style::Dim;
-    case tools::TypeDiagnostic:
+    case ZOLTLOG_MSG_DIAG:
         return Style::Cyan;
-    case tools::TypeContext:
+    case ZOLTLOG_MSG_CONTEXT:
         return Style::Blue;
-    case tools::TypeAudit:
+    case ZOLTLOG_MSG_AUDIT:
         return Style::Magenta;
     default:
         return Style::Plain;
@@ -213,11 +213,11 @@ void Printer::printShort(const Item &item) {
     appendTime(item, false);
     to += ' ';
     to += tools::styleOn(style);
-    if (record.type == tools::TypeApplication)
+    if (record.type == ZOLTLOG_MSG_APP)
         to += tools::severityName(record.number);
     else
         to += tools::kindName(record.type);
-    if (record.type <= tools::TypeDiagnostic)
+    if (record.type <= ZOLTLOG_MSG_DIAG)
         appendNumber(to, record.number);
     to += tools::styleOff(style);
     to += ' ';
@@ -236,7 +236,7 @@ void Printer::printShort(const Item &item) {
     }
     to += ": ";
     appendHits(record.text);
-    if (record.type == tools::TypeAudit)
+    if (record.type == ZOLTLOG_MSG_AUDIT)
         to += " (outcome " + std::to_string(record.number) + ")";
     to += '\n';
 }

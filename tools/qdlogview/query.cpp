@@ -394,42 +394,22 @@ bool Query::gaveUp() const {
 
 namespace {
 
-// The library's codes for query trees
-enum : int32_t {
-    TermText = 257,
-    TermNumber = 258,
-    TermAttribute = 259,
-    AttributeProduct = 263,
-    AttributeOriginator = 265, // of the file name; 0 for log sets
-    AttributeTime = 268,       // creation time or modification time
-    AttributeCreation = 269,
-    AttributeHost = 278,
-    AttributeLogSet = 279,
-    OperatorAnd = 281,
-    OperatorOr = 282,
-    OperatorLess = 283,
-    OperatorGreater = 284,
-    OperatorLessEqual = 285,
-    OperatorGreaterEqual = 286,
-    OperatorEqual = 287,
-    OperatorNotEqual = 288,
-};
 constexpr int MaxOperators = 199; // what the library's walk supports
 
 int32_t operatorOf(QueryNode::Compare compare, bool negated) {
     switch (compare) {
     case QueryNode::Compare::Equal:
-        return negated ? OperatorNotEqual : OperatorEqual;
+        return negated ? ZOLTLOG_OP_NOT_EQUAL : ZOLTLOG_OP_EQUAL;
     case QueryNode::Compare::NotEqual:
-        return negated ? OperatorEqual : OperatorNotEqual;
+        return negated ? ZOLTLOG_OP_EQUAL : ZOLTLOG_OP_NOT_EQUAL;
     case QueryNode::Compare::Less:
-        return negated ? OperatorGreaterEqual : OperatorLess;
+        return negated ? ZOLTLOG_OP_GREATER_EQUAL : ZOLTLOG_OP_LESS;
     case QueryNode::Compare::LessEqual:
-        return negated ? OperatorGreater : OperatorLessEqual;
+        return negated ? ZOLTLOG_OP_GREATER : ZOLTLOG_OP_LESS_EQUAL;
     case QueryNode::Compare::Greater:
-        return negated ? OperatorLessEqual : OperatorGreater;
+        return negated ? ZOLTLOG_OP_LESS_EQUAL : ZOLTLOG_OP_GREATER;
     case QueryNode::Compare::GreaterEqual:
-        return negated ? OperatorLess : OperatorGreaterEqual;
+        return negated ? ZOLTLOG_OP_LESS : ZOLTLOG_OP_GREATER_EQUAL;
     default:
         return 0;
     }
@@ -453,22 +433,22 @@ LogQueryNode *FileQuery::operation(int32_t kind, LogQueryNode *left, LogQueryNod
 
 LogQueryNode *FileQuery::compare(int32_t attribute, int32_t kind, uint64_t number) {
     LogQueryNode term = {};
-    term.kind = TermAttribute;
+    term.kind = ZOLTLOG_TERM_ATTRIBUTE;
     term.value.number = static_cast<uint64_t>(attribute);
     LogQueryNode *const left = keep(term);
-    term.kind = TermNumber;
+    term.kind = ZOLTLOG_TERM_NUMBER;
     term.value.number = number;
     return operation(kind, left, keep(term));
 }
 
 LogQueryNode *FileQuery::compareText(int32_t attribute, const std::string &text) {
     LogQueryNode term = {};
-    term.kind = TermAttribute;
+    term.kind = ZOLTLOG_TERM_ATTRIBUTE;
     term.value.number = static_cast<uint64_t>(attribute);
     LogQueryNode *const left = keep(term);
-    term.kind = TermText;
+    term.kind = ZOLTLOG_TERM_TEXT;
     term.value.text = text.c_str(); // the query outlives the tree
-    return operation(OperatorEqual, left, keep(term));
+    return operation(ZOLTLOG_OP_EQUAL, left, keep(term));
 }
 
 // Null: no file can be left out because of this node.
@@ -484,7 +464,7 @@ LogQueryNode *FileQuery::project(const Query &query, int at, bool negated) {
             return left != nullptr ? left : right;
         if (left == nullptr || right == nullptr)
             return nullptr;
-        return operation(isAnd ? OperatorAnd : OperatorOr, left, right);
+        return operation(isAnd ? ZOLTLOG_OP_AND : ZOLTLOG_OP_OR, left, right);
     }
     if (node.kind != QueryNode::Kind::Compare)
         return nullptr;
@@ -492,18 +472,20 @@ LogQueryNode *FileQuery::project(const Query &query, int at, bool negated) {
     const int32_t kind = operatorOf(node.compare, negated);
     switch (node.field) {
     case Field::Product: // every record of a file has the product of its name
-        return kind != 0 ? compare(AttributeProduct, kind, node.number) : nullptr;
+        return kind != 0 ? compare(ZOLTLOG_ATTR_PRODUCT_ID, kind, node.number) : nullptr;
     case Field::FileOriginator: // log sets have none, and the name filter sees 0
-        return kind != 0 && !negated && (kind == OperatorEqual || kind == OperatorGreater) && node.number > 0
-                   ? compare(AttributeOriginator, kind, node.number)
+        return kind != 0 && !negated && (kind == ZOLTLOG_OP_EQUAL || kind == ZOLTLOG_OP_GREATER) &&
+                       node.number > 0
+                   ? compare(ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, kind, node.number)
                    : nullptr;
     case Field::LogSet:
-        return kind == OperatorEqual && !negated ? compareText(AttributeLogSet, node.text) : nullptr;
+        return kind == ZOLTLOG_OP_EQUAL && !negated ? compareText(ZOLTLOG_ATTR_LOGSET_NAME, node.text)
+                                                    : nullptr;
     case Field::Host:
-        if (kind != OperatorEqual || negated || node.text.find(' ') != std::string::npos)
+        if (kind != ZOLTLOG_OP_EQUAL || negated || node.text.find(' ') != std::string::npos)
             return nullptr;
         needsHost = true;
-        return compareText(AttributeHost, node.text);
+        return compareText(ZOLTLOG_ATTR_HOST_NAME, node.text);
     case Field::Ts:
     case Field::Time: {
         // A file with a record at or after a time was modified then or later; one with
@@ -513,10 +495,12 @@ LogQueryNode *FileQuery::project(const Query &query, int at, bool negated) {
         const int64_t seconds = node.value / 1000;
         if (negated || seconds <= room)
             return nullptr;
-        if (kind == OperatorGreater || kind == OperatorGreaterEqual)
-            return compare(AttributeTime, OperatorGreaterEqual, static_cast<uint64_t>(seconds - room));
-        if (kind == OperatorLess || kind == OperatorLessEqual)
-            return compare(AttributeCreation, OperatorLessEqual, static_cast<uint64_t>(seconds + room));
+        if (kind == ZOLTLOG_OP_GREATER || kind == ZOLTLOG_OP_GREATER_EQUAL)
+            return compare(ZOLTLOG_ATTR_TIME, ZOLTLOG_OP_GREATER_EQUAL,
+                           static_cast<uint64_t>(seconds - room));
+        if (kind == ZOLTLOG_OP_LESS || kind == ZOLTLOG_OP_LESS_EQUAL)
+            return compare(ZOLTLOG_ATTR_CREATION_TIME, ZOLTLOG_OP_LESS_EQUAL,
+                           static_cast<uint64_t>(seconds + room));
         return nullptr;
     }
     default:

@@ -28,8 +28,6 @@ using tools::FileName;
 namespace {
 
 constexpr uint32_t MaxConfigurations = 4096;
-constexpr uint32_t ProductKind = 263; // of GetIdFromName
-constexpr uint32_t OriginatorKind = 265;
 
 struct Configurations {
     Configurations() : items(MaxConfigurations, nullptr) {}
@@ -85,7 +83,7 @@ bool Sources::resolve(const Settings &settings) {
         std::vector<LogCfg *> some;
         std::copy_if(all.items.begin(), all.items.begin() + all.count, std::back_inserter(some),
                      [&](const LogCfg *cfg) {
-                         return kind == ProductKind || !hasProduct || cfg->productId == product;
+                         return kind == ZOLTLOG_ATTR_PRODUCT_ID || !hasProduct || cfg->productId == product;
                      });
         id = GetIdFromName(some.data(), static_cast<uint32_t>(some.size()), kind, name.c_str());
         if (id == 0)
@@ -93,11 +91,12 @@ bool Sources::resolve(const Settings &settings) {
                                GetZoltLogCfgLoc());
         return id != 0;
     };
-    return (!hasProduct || productIsId || idOf(ProductKind, settings.product, "product", product)) &&
+    return (!hasProduct || productIsId ||
+            idOf(ZOLTLOG_ATTR_PRODUCT_ID, settings.product, "product", product)) &&
            (!hasOriginator || originatorIsId ||
-            idOf(OriginatorKind, settings.originator, "originator", originator)) &&
-           (fileOriginatorIsId ||
-            idOf(OriginatorKind, settings.fileOriginator, "originator", wantedFileOriginator));
+            idOf(ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, settings.originator, "originator", originator)) &&
+           (fileOriginatorIsId || idOf(ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, settings.fileOriginator, "originator",
+                                       wantedFileOriginator));
 }
 
 // Rules from the configuration. An originator's records may be in files of other
