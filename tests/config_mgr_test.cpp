@@ -17,12 +17,6 @@
 
 namespace {
 
-constexpr int32_t TEXT = 257;
-constexpr int32_t NUMBER = 258;
-constexpr int32_t ATTRIBUTE = 259;
-constexpr int32_t EQUAL = 287;
-constexpr int32_t NOT_EQUAL = 288;
-
 using Names = std::vector<std::string>;
 
 // ---- calls of the library that a test watches or makes fail ----------------------
@@ -601,19 +595,19 @@ TEST_F(Fetch, FileWithoutHeaderIsSkippedSilently) {
 
 TEST_F(Fetch, QuerySeesTheHeaderNotTheName) {
     support::writeFile(counted("101-7", 0), "$Header 65543,5,6,10,0,hostA\n");
-    LogQueryNode attribute = term(ATTRIBUTE, 264);
-    LogQueryNode value = term(NUMBER, 6);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_ORIGINATOR_ID);
+    LogQueryNode value = term(ZOLTLOG_TERM_NUMBER, 6);
     LogQueryNode query = {};
-    query.kind = EQUAL;
+    query.kind = ZOLTLOG_OP_EQUAL;
     query.left = &attribute;
     query.right = &value;
     for (const auto &[code, number, passes] :
-         std::vector<std::tuple<uint64_t, uint64_t, bool>>{{264, 6, true},
-                                                           {264, 7, false},
-                                                           {263, 5, true},
-                                                           {263, 101, false},
-                                                           {269, 10, true},
-                                                           {269, 11, false}}) {
+         std::vector<std::tuple<uint64_t, uint64_t, bool>>{{ZOLTLOG_ATTR_ORIGINATOR_ID, 6, true},
+                                                           {ZOLTLOG_ATTR_ORIGINATOR_ID, 7, false},
+                                                           {ZOLTLOG_ATTR_PRODUCT_ID, 5, true},
+                                                           {ZOLTLOG_ATTR_PRODUCT_ID, 101, false},
+                                                           {ZOLTLOG_ATTR_CREATION_TIME, 10, true},
+                                                           {ZOLTLOG_ATTR_CREATION_TIME, 11, false}}) {
         freeList(listing.files);
         give({counted("101-7", 0)});
         attribute.value.number = code;
@@ -626,21 +620,21 @@ TEST_F(Fetch, QuerySeesTheHeaderNotTheName) {
 TEST_F(Fetch, LogSetFileTakesProductAndTimeFromItsName) {
     setenv("TZ", "UTC", 1);
     support::writeFile("101-setA-240305101500.log", "$Header 65544,0,hostA\n");
-    LogQueryNode attribute = term(ATTRIBUTE, 263);
-    LogQueryNode value = term(NUMBER, 101);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_PRODUCT_ID);
+    LogQueryNode value = term(ZOLTLOG_TERM_NUMBER, 101);
     LogQueryNode query = {};
-    query.kind = EQUAL;
+    query.kind = ZOLTLOG_OP_EQUAL;
     query.left = &attribute;
     query.right = &value;
     listing.query = &query;
     give({"101-setA-240305101500.log"});
     EXPECT_EQ(fetchAll().size(), 1u);
-    attribute.value.number = 269;
+    attribute.value.number = ZOLTLOG_ATTR_CREATION_TIME;
     value.value.number = 1709633700;
     listing.next = listing.files;
     EXPECT_EQ(fetchAll().size(), 1u);
-    attribute.value.number = 279;
-    value.kind = TEXT;
+    attribute.value.number = ZOLTLOG_ATTR_LOGSET_NAME;
+    value.kind = ZOLTLOG_TERM_TEXT;
     value.value.text = "setA";
     listing.next = listing.files;
     EXPECT_EQ(fetchAll().size(), 1u);
@@ -649,17 +643,17 @@ TEST_F(Fetch, LogSetFileTakesProductAndTimeFromItsName) {
 TEST_F(Fetch, LogSetNameIsResetForEveryEntry) {
     support::writeFile("101-setA-240305101500.log", "$Header 65544,0,hostA\n");
     writeLog(counted("101-7", 0), 10);
-    LogQueryNode attribute = term(ATTRIBUTE, 279);
-    LogQueryNode value = term(TEXT, 0);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_LOGSET_NAME);
+    LogQueryNode value = term(ZOLTLOG_TERM_TEXT, 0);
     value.value.text = "setA";
     LogQueryNode query = {};
-    query.kind = EQUAL;
+    query.kind = ZOLTLOG_OP_EQUAL;
     query.left = &attribute;
     query.right = &value;
     listing.query = &query;
     give({"101-setA-240305101500.log", counted("101-7", 0)});
     EXPECT_EQ(fetchAll(), (Names{"101-setA-240305101500.log"}));
-    query.kind = NOT_EQUAL;
+    query.kind = ZOLTLOG_OP_NOT_EQUAL;
     listing.next = listing.files;
     EXPECT_EQ(fetchAll(), (Names{counted("101-7", 0)}));
 }
@@ -670,10 +664,10 @@ TEST_F(Fetch, ModificationTimeIsCarriedOver) {
     const timespec times[2] = {{5000, 0}, {5000, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, counted("101-7", 0).c_str(), times, 0), 0);
     noStatusOf = counted("101-7", 1);
-    LogQueryNode attribute = term(ATTRIBUTE, 268);
-    LogQueryNode value = term(NUMBER, 5000);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_TIME);
+    LogQueryNode value = term(ZOLTLOG_TERM_NUMBER, 5000);
     LogQueryNode query = {};
-    query.kind = EQUAL;
+    query.kind = ZOLTLOG_OP_EQUAL;
     query.left = &attribute;
     query.right = &value;
     listing.query = &query;

@@ -603,25 +603,27 @@ TEST(Config, TheFirstShortNameEndsAtACommaElseAtABlank) {
         std::snprintf(record.cfg.originatorNames, sizeof record.cfg.originatorNames, "%s", names);
         std::snprintf(record.cfg.productShortNames, sizeof record.cfg.productShortNames, "%s", "product");
         char *out = nullptr;
-        uint32_t result = LogCfgGetShortNames(&record.cfg, 264, &out);
+        uint32_t result = LogCfgGetShortNames(&record.cfg, ZOLTLOG_ATTR_ORIGINATOR_ID, &out);
         EXPECT_EQ(text(result, out), first) << names;
     }
     Record record;
     std::snprintf(record.cfg.originatorNames, sizeof record.cfg.originatorNames, "%s", "originator");
     std::snprintf(record.cfg.productShortNames, sizeof record.cfg.productShortNames, "%s", "product");
-    for (const uint32_t selector : {263U, 0x10000U + 263, 0xFFFF0107U}) {
+    for (const uint32_t selector :
+         {uint32_t{ZOLTLOG_ATTR_PRODUCT_ID}, 0x10000U + ZOLTLOG_ATTR_PRODUCT_ID, 0xFFFF0107U}) {
         char *out = nullptr;
         const uint32_t result = LogCfgGetShortNames(&record.cfg, selector, &out);
         EXPECT_EQ(text(result, out), "0:product");
     }
-    for (const uint32_t selector : {0U, 262U, 0x01070000U, 263U << 1U}) {
+    for (const uint32_t selector :
+         {0U, ZOLTLOG_ATTR_PRODUCT_ID - 1U, 0x01070000U, uint32_t{ZOLTLOG_ATTR_PRODUCT_ID} << 1U}) {
         char *out = nullptr;
         const uint32_t result = LogCfgGetShortNames(&record.cfg, selector, &out);
         EXPECT_EQ(text(result, out), "0:originator");
     }
     char *out = nullptr;
-    EXPECT_EQ(LogCfgGetShortNames(nullptr, 263, &out), 3U);
-    EXPECT_EQ(LogCfgGetShortNames(&record.cfg, 263, nullptr), 3U);
+    EXPECT_EQ(LogCfgGetShortNames(nullptr, ZOLTLOG_ATTR_PRODUCT_ID, &out), 3U);
+    EXPECT_EQ(LogCfgGetShortNames(&record.cfg, ZOLTLOG_ATTR_PRODUCT_ID, nullptr), 3U);
 }
 
 TEST(Config, RolloverModesAreReadByTheirWords) {

@@ -33,17 +33,6 @@
 
 namespace {
 
-constexpr int32_t OK = 0;
-constexpr int32_t FAILED = -1;
-constexpr int32_t INVALID_ARGUMENT = -3;
-constexpr int32_t OPEN_FAILED = -6;
-constexpr int32_t OPEN_DENIED = -7;
-constexpr int32_t OPEN_NO_PATH = -8;
-constexpr int32_t LISTING_END = 1;
-constexpr int32_t APPEND = 0;
-constexpr int32_t READ = 1;
-constexpr int32_t TRUNCATE = 2;
-
 template<typename Function>
 Function *real(const char *name) {
     return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
@@ -197,12 +186,12 @@ TEST(OsFileHandle, InitialisedHandleIsClosedAndUnread) {
 
 TEST(OsFileHandle, OpenSetsAHandleOfUninitialisedMemory) {
     File file;
-    EXPECT_EQ(OPEN_NO_PATH, zoltLogOs_open(&file, "missing", READ, 0));
+    EXPECT_EQ(ZOLTLOG_OS_OPEN_NO_PATH, zoltLogOs_open(&file, "missing", ZOLTLOG_OS_MODE_READ, 0));
     EXPECT_EQ(-1, file.descriptor);
     EXPECT_EQ(-1, file.readPosition);
     EXPECT_EQ(0, file.readCount);
     std::memset(static_cast<OsFile *>(&file), 0x5A, sizeof(OsFile));
-    EXPECT_EQ(OK, zoltLogOs_open(&file, "new", APPEND, 0600));
+    EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "new", ZOLTLOG_OS_MODE_APPEND, 0600));
     EXPECT_GT(file.descriptor, 2);
     EXPECT_EQ(-1, file.readPosition);
     EXPECT_EQ(0, file.readCount);
@@ -212,20 +201,20 @@ TEST(OsFileHandle, NullArgumentsAreInvalid) {
     File file;
     char byte = 0;
     uint64_t size = 0;
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_open(&file, nullptr, APPEND, 0600));
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_open(nullptr, "f", APPEND, 0600));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_open(&file, nullptr, ZOLTLOG_OS_MODE_APPEND, 0600));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_open(nullptr, "f", ZOLTLOG_OS_MODE_APPEND, 0600));
     EXPECT_FALSE(support::exists("f"));
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_read(nullptr, &byte, 1));
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_write(nullptr, &byte, 1));
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_fsize(nullptr, &size));
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_fsize(&file, nullptr));
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_remove(nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_read(nullptr, &byte, 1));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_write(nullptr, &byte, 1));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_fsize(nullptr, &size));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_fsize(&file, nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_remove(nullptr));
     zoltLogOs_close(nullptr);
 }
 
 TEST(OsFileHandle, CloseClosesAndMarksTheHandle) {
     File file;
-    ASSERT_EQ(OK, zoltLogOs_open(&file, "f", APPEND, 0600));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0600));
     const int descriptor = file.descriptor;
     zoltLogOs_close(&file);
     EXPECT_EQ(-1, file.descriptor);
@@ -247,7 +236,7 @@ TEST(OsFileHandle, CloseLeavesDescriptorZeroOpen) {
 TEST(OsFileHandle, ReadTellsCountAndState) {
     support::writeFile("f", "abcdef");
     File file;
-    ASSERT_EQ(OK, zoltLogOs_open(&file, "f", READ, 0));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_READ, 0));
     char bytes[8] = {};
     EXPECT_EQ(4, zoltLogOs_read(&file, bytes, 4));
     EXPECT_STREQ("abcd", bytes);
@@ -274,7 +263,7 @@ TEST(OsFileHandle, FailedReadIsMinusOneAndEndsReading) {
 
 TEST(OsFileHandle, WriteReturnsTheCount) {
     File file;
-    ASSERT_EQ(OK, zoltLogOs_open(&file, "f", APPEND, 0600));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0600));
     EXPECT_EQ(3, zoltLogOs_write(&file, "abc", 3));
     EXPECT_EQ(0, zoltLogOs_write(&file, "", 0));
     EXPECT_EQ("abc", support::readFile("f"));
@@ -282,7 +271,7 @@ TEST(OsFileHandle, WriteReturnsTheCount) {
 
 TEST(OsFileHandle, ShortWriteIsToldAndNotContinued) {
     File file;
-    ASSERT_EQ(OK, zoltLogOs_open(&file, "f", APPEND, 0600));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0600));
     writeLimit = 2;
     writes = 0;
     EXPECT_EQ(2, zoltLogOs_write(&file, "abcdef", 6));
@@ -314,7 +303,7 @@ TEST(OsFileHandle, ShortReadIsToldAndNotContinued) {
 TEST(OsFileHandle, OnlyAFullDeviceSetsTheMark) {
     EXPECT_EQ(0, errorCode);
     File file;
-    ASSERT_EQ(OK, zoltLogOs_open(&file, "f", APPEND, 0600));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0600));
     for (int error : {EIO, EINTR, EDQUOT, EFBIG, EBADF}) {
         writeError = error;
         EXPECT_EQ(-1, zoltLogOs_write(&file, "abc", 3));
@@ -327,7 +316,7 @@ TEST(OsFileHandle, OnlyAFullDeviceSetsTheMark) {
 
 TEST(OsFileHandle, DeviceFullMarkStaysForTheProcess) {
     File file;
-    ASSERT_EQ(OK, zoltLogOs_open(&file, "f", APPEND, 0600));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0600));
     writeError = ENOSPC;
     EXPECT_EQ(-1, zoltLogOs_write(&file, "abc", 3));
     writeError = EIO;
@@ -340,7 +329,7 @@ TEST(OsFileHandle, DeviceFullMarkStaysForTheProcess) {
 
 TEST(OsFileHandle, FullDeviceIsNoticedForReal) {
     File file;
-    if (zoltLogOs_open(&file, "/dev/full", APPEND, 0600) != OK)
+    if (zoltLogOs_open(&file, "/dev/full", ZOLTLOG_OS_MODE_APPEND, 0600) != ZOLTLOG_OS_OK)
         GTEST_SKIP() << "no /dev/full";
     EXPECT_EQ(-1, zoltLogOs_write(&file, "abc", 3));
     EXPECT_EQ(54, errorCode);
@@ -349,12 +338,12 @@ TEST(OsFileHandle, FullDeviceIsNoticedForReal) {
 TEST(OsFileHandle, SizeIsThatOfTheOpenFile) {
     support::writeFile("f", "12345");
     File file;
-    ASSERT_EQ(OK, zoltLogOs_open(&file, "f", READ, 0));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_READ, 0));
     uint64_t size = 99;
-    EXPECT_EQ(OK, zoltLogOs_fsize(&file, &size));
+    EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_fsize(&file, &size));
     EXPECT_EQ(5u, size);
     zoltLogOs_close(&file);
-    EXPECT_EQ(FAILED, zoltLogOs_fsize(&file, &size));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, zoltLogOs_fsize(&file, &size));
     EXPECT_EQ(5u, size);
 }
 
@@ -363,9 +352,9 @@ TEST(OsFileHandle, SizeOfASparseFileBeyond32BitsIsWhole) {
     if (truncate("f", 5000000000) != 0)
         GTEST_SKIP() << "no file of this size here";
     File file;
-    ASSERT_EQ(OK, zoltLogOs_open(&file, "f", READ, 0));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_READ, 0));
     uint64_t size = 0;
-    EXPECT_EQ(OK, zoltLogOs_fsize(&file, &size));
+    EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_fsize(&file, &size));
     EXPECT_EQ(5000000000u, size);
 }
 
@@ -383,11 +372,11 @@ TEST(OsFileHandle, RemoveRemovesFilesAndEmptyDirectories) {
 
 TEST(OsOpen, AppendModeCreatesAndWritesAtTheEnd) {
     File file;
-    ASSERT_EQ(OK, zoltLogOs_open(&file, "f", 0, 0640));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", 0, 0640));
     EXPECT_EQ(O_WRONLY, flagsOf(file.descriptor) & O_ACCMODE);
     EXPECT_EQ(3, zoltLogOs_write(&file, "abc", 3));
     File second;
-    ASSERT_EQ(OK, zoltLogOs_open(&second, "f", 0, 0640));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&second, "f", 0, 0640));
     EXPECT_EQ(3, zoltLogOs_write(&second, "def", 3));
     EXPECT_EQ(3, zoltLogOs_write(&file, "ghi", 3));
     EXPECT_EQ("abcdefghi", support::readFile("f"));
@@ -399,7 +388,7 @@ TEST(OsOpen, TruncateModeCreatesOrEmpties) {
     support::writeFile("f", "old content");
     for (const char *path : {"f", "new"}) {
         File file;
-        ASSERT_EQ(OK, zoltLogOs_open(&file, path, 2, 0640));
+        ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, path, 2, 0640));
         EXPECT_EQ(O_WRONLY, flagsOf(file.descriptor) & O_ACCMODE);
         EXPECT_EQ(0, flagsOf(file.descriptor) & O_APPEND);
         EXPECT_EQ(3, zoltLogOs_write(&file, "new", 3));
@@ -411,10 +400,10 @@ TEST(OsOpen, EveryOtherModeReadsAndCreatesNothing) {
     support::writeFile("f", "abc");
     for (int32_t mode : {1, 3, 4, -1, INT32_MAX, INT32_MIN}) {
         File file;
-        ASSERT_EQ(OK, zoltLogOs_open(&file, "f", mode, 0)) << mode;
+        ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", mode, 0)) << mode;
         EXPECT_EQ(O_RDONLY, flagsOf(file.descriptor) & O_ACCMODE) << mode;
         EXPECT_EQ(-1, zoltLogOs_write(&file, "x", 1));
-        EXPECT_EQ(OPEN_NO_PATH, zoltLogOs_open(&file, "missing", mode, 0600)) << mode;
+        EXPECT_EQ(ZOLTLOG_OS_OPEN_NO_PATH, zoltLogOs_open(&file, "missing", mode, 0600)) << mode;
         EXPECT_FALSE(support::exists("missing"));
     }
     EXPECT_EQ("abc", support::readFile("f"));
@@ -425,12 +414,15 @@ TEST(OsOpen, ErrnoDecidesTheResult) {
         int error;
         int32_t result;
     } rows[] = {
-        {EACCES, OPEN_DENIED}, {ENOENT, OPEN_NO_PATH}, {EFAULT, OPEN_NO_PATH}, {EPERM, OPEN_FAILED},
-        {EROFS, OPEN_FAILED},  {ENOTDIR, OPEN_FAILED}, {EISDIR, OPEN_FAILED},  {EMFILE, OPEN_FAILED},
-        {ENFILE, OPEN_FAILED}, {ENOSPC, OPEN_FAILED},  {ELOOP, OPEN_FAILED},   {EWOULDBLOCK, OPEN_FAILED},
+        {EACCES, ZOLTLOG_OS_OPEN_DENIED},  {ENOENT, ZOLTLOG_OS_OPEN_NO_PATH},
+        {EFAULT, ZOLTLOG_OS_OPEN_NO_PATH}, {EPERM, ZOLTLOG_OS_OPEN_FAILED},
+        {EROFS, ZOLTLOG_OS_OPEN_FAILED},   {ENOTDIR, ZOLTLOG_OS_OPEN_FAILED},
+        {EISDIR, ZOLTLOG_OS_OPEN_FAILED},  {EMFILE, ZOLTLOG_OS_OPEN_FAILED},
+        {ENFILE, ZOLTLOG_OS_OPEN_FAILED},  {ENOSPC, ZOLTLOG_OS_OPEN_FAILED},
+        {ELOOP, ZOLTLOG_OS_OPEN_FAILED},   {EWOULDBLOCK, ZOLTLOG_OS_OPEN_FAILED},
     };
     for (const auto &row : rows) {
-        for (int32_t mode : {APPEND, READ, TRUNCATE}) {
+        for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_READ, ZOLTLOG_OS_MODE_TRUNCATE}) {
             File file;
             openError = row.error;
             openErrors = 1000000;
@@ -444,11 +436,11 @@ TEST(OsOpen, ErrnoDecidesTheResult) {
 TEST(OsOpen, RealPathsGiveTheResultsToo) {
     support::writeFile("file", "");
     File file;
-    for (int32_t mode : {APPEND, TRUNCATE, READ}) {
-        EXPECT_EQ(OPEN_NO_PATH, zoltLogOs_open(&file, "no/such/f", mode, 0600));
-        EXPECT_EQ(OPEN_NO_PATH, zoltLogOs_open(&file, "", mode, 0600));
-        EXPECT_EQ(OPEN_FAILED, zoltLogOs_open(&file, "file/f", mode, 0600));
-        EXPECT_EQ(OPEN_FAILED, zoltLogOs_open(&file, std::string(5000, 'x').c_str(), mode, 0600));
+    for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_TRUNCATE, ZOLTLOG_OS_MODE_READ}) {
+        EXPECT_EQ(ZOLTLOG_OS_OPEN_NO_PATH, zoltLogOs_open(&file, "no/such/f", mode, 0600));
+        EXPECT_EQ(ZOLTLOG_OS_OPEN_NO_PATH, zoltLogOs_open(&file, "", mode, 0600));
+        EXPECT_EQ(ZOLTLOG_OS_OPEN_FAILED, zoltLogOs_open(&file, "file/f", mode, 0600));
+        EXPECT_EQ(ZOLTLOG_OS_OPEN_FAILED, zoltLogOs_open(&file, std::string(5000, 'x').c_str(), mode, 0600));
     }
 }
 
@@ -457,10 +449,10 @@ TEST(OsOpen, MissingPermissionIsDenied) {
     support::writeFile("closed/f", "x");
     ASSERT_EQ(0, chmod("closed", 0));
     EXPECT_TRUE(support::asOrdinaryUser([] {
-        for (int32_t mode : {APPEND, READ, TRUNCATE}) {
+        for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_READ, ZOLTLOG_OS_MODE_TRUNCATE}) {
             File file;
-            EXPECT_EQ(OPEN_DENIED, zoltLogOs_open(&file, "closed/f", mode, 0600));
-            EXPECT_EQ(OPEN_DENIED, zoltLogOs_open(&file, "closed/new", mode, 0600));
+            EXPECT_EQ(ZOLTLOG_OS_OPEN_DENIED, zoltLogOs_open(&file, "closed/f", mode, 0600));
+            EXPECT_EQ(ZOLTLOG_OS_OPEN_DENIED, zoltLogOs_open(&file, "closed/new", mode, 0600));
         }
     }));
     chmod("closed", 0700);
@@ -468,14 +460,14 @@ TEST(OsOpen, MissingPermissionIsDenied) {
 
 TEST(OsOpen, InterruptedOpenIsRepeated) {
     support::writeFile("f", "abc");
-    for (int32_t mode : {READ, APPEND, TRUNCATE}) {
+    for (int32_t mode : {ZOLTLOG_OS_MODE_READ, ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_TRUNCATE}) {
         for (const char *path : {"f", "new"}) {
-            if (mode == READ && std::strcmp(path, "new") == 0)
+            if (mode == ZOLTLOG_OS_MODE_READ && std::strcmp(path, "new") == 0)
                 continue;
             File file;
             openError = EINTR;
             openErrors = 5;
-            EXPECT_EQ(OK, zoltLogOs_open(&file, path, mode, 0600));
+            EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, path, mode, 0600));
             EXPECT_EQ(0, openErrors);
         }
     }
@@ -484,10 +476,10 @@ TEST(OsOpen, InterruptedOpenIsRepeated) {
 TEST(OsOpen, CreatedFilesHaveExactlyThePermissionsUnderAnyUmask) {
     for (mode_t mask : {0, 022, 027, 077, 0777}) {
         for (uint32_t permissions : {0660u, 0640u, 0600u, 0666u, 0u, 07777u, 01644u, 04711u}) {
-            for (int32_t mode : {APPEND, TRUNCATE}) {
+            for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_TRUNCATE}) {
                 umask(mask);
                 File file;
-                EXPECT_EQ(OK, zoltLogOs_open(&file, "f", mode, permissions));
+                EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", mode, permissions));
                 EXPECT_EQ(permissions, modeOf("f")) << std::oct << mask;
                 EXPECT_EQ(mask, umaskNow());
                 unlink("f");
@@ -499,47 +491,48 @@ TEST(OsOpen, CreatedFilesHaveExactlyThePermissionsUnderAnyUmask) {
 
 TEST(OsOpen, BitsBeyondPermissionsAreIgnored) {
     File file;
-    EXPECT_EQ(OK, zoltLogOs_open(&file, "f", APPEND, 0xFFFF0000u | 0640u));
+    EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0xFFFF0000u | 0640u));
     EXPECT_EQ(0640u, modeOf("f"));
 }
 
 TEST(OsOpen, ExistingFilesKeepTheirPermissions) {
     support::writeFile("f", "abc");
     ASSERT_EQ(0, chmod("f", 0604));
-    for (int32_t mode : {APPEND, TRUNCATE, READ}) {
+    for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_TRUNCATE, ZOLTLOG_OS_MODE_READ}) {
         File file;
-        EXPECT_EQ(OK, zoltLogOs_open(&file, "f", mode, 0660));
+        EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", mode, 0660));
         EXPECT_EQ(0604u, modeOf("f"));
     }
 }
 
 TEST(OsOpen, FileThatAppearsMeanwhileIsOpenedAndKeepsItsPermissions) {
-    for (int32_t mode : {APPEND, TRUNCATE}) {
+    for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_TRUNCATE}) {
         beforeCreate = [](const char *path) {
             beforeCreate = nullptr;
             support::writeFile(path, "theirs");
             chmod(path, 0604);
         };
         File file;
-        EXPECT_EQ(OK, zoltLogOs_open(&file, "f", mode, 0660));
+        EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", mode, 0660));
         EXPECT_EQ(0604u, modeOf("f"));
-        EXPECT_EQ(mode == APPEND ? "theirs" : "", support::readFile("f"));
+        EXPECT_EQ(mode == ZOLTLOG_OS_MODE_APPEND ? "theirs" : "", support::readFile("f"));
         unlink("f");
     }
 }
 
 TEST(OsOpen, NameThatComesAndGoesForEverEndsAsAFailure) {
     // Taken at every creation, gone at every look.
-    const bool endsAtAll = secondsOf([] {
-                               openError = ENOENT;
-                               File file;
-                               beforeCreate = [](const char *) {
-                                   openErrors = 2; // this creation and the next look
-                                   openError = EEXIST;
-                               };
-                               EXPECT_EQ(0, symlink("nowhere", "f"));
-                               EXPECT_EQ(OPEN_FAILED, zoltLogOs_open(&file, "f", APPEND, 0600));
-                           }) < 5;
+    const bool endsAtAll =
+        secondsOf([] {
+            openError = ENOENT;
+            File file;
+            beforeCreate = [](const char *) {
+                openErrors = 2; // this creation and the next look
+                openError = EEXIST;
+            };
+            EXPECT_EQ(0, symlink("nowhere", "f"));
+            EXPECT_EQ(ZOLTLOG_OS_OPEN_FAILED, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0600));
+        }) < 5;
     EXPECT_TRUE(endsAtAll);
 }
 
@@ -547,7 +540,7 @@ TEST(OsOpen, PermissionsThatCannotBeSetDoNotFailTheOpen) {
     umask(077);
     fchmodError = EPERM;
     File file;
-    EXPECT_EQ(OK, zoltLogOs_open(&file, "f", APPEND, 0660));
+    EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0660));
     EXPECT_EQ(0600u, modeOf("f"));
     umask(022);
 }
@@ -556,7 +549,7 @@ TEST(OsOpen, FileThatCannotBeExaminedIsClosedAgain) {
     const size_t before = support::openDescriptors();
     fstatError = EIO;
     File file;
-    EXPECT_EQ(OPEN_FAILED, zoltLogOs_open(&file, "f", APPEND, 0660));
+    EXPECT_EQ(ZOLTLOG_OS_OPEN_FAILED, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0660));
     EXPECT_EQ(-1, file.descriptor);
     fstatError = 0;
     EXPECT_EQ(before, support::openDescriptors());
@@ -574,9 +567,11 @@ TEST(OsOpen, OnlyFilesAndCharacterDevicesAreTakenAndNothingBlocks) {
     ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address));
     const size_t before = support::openDescriptors();
     for (const char *path : {"directory", ".", "fifo", "read_fifo", "socket"}) {
-        for (int32_t mode : {APPEND, READ, TRUNCATE}) {
+        for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_READ, ZOLTLOG_OS_MODE_TRUNCATE}) {
             File file;
-            EXPECT_LT(secondsOf([&] { EXPECT_EQ(OPEN_FAILED, zoltLogOs_open(&file, path, mode, 0660)); }),
+            EXPECT_LT(secondsOf([&] {
+                          EXPECT_EQ(ZOLTLOG_OS_OPEN_FAILED, zoltLogOs_open(&file, path, mode, 0660));
+                      }),
                       1.0);
             EXPECT_EQ(-1, file.descriptor) << path;
         }
@@ -587,9 +582,9 @@ TEST(OsOpen, OnlyFilesAndCharacterDevicesAreTakenAndNothingBlocks) {
 }
 
 TEST(OsOpen, CharacterDeviceIsTakenAndBlocksLikeAnyOther) {
-    for (int32_t mode : {APPEND, READ, TRUNCATE}) {
+    for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_READ, ZOLTLOG_OS_MODE_TRUNCATE}) {
         File file;
-        ASSERT_EQ(OK, zoltLogOs_open(&file, "/dev/null", mode, 0660));
+        ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "/dev/null", mode, 0660));
         EXPECT_EQ(0, flagsOf(file.descriptor) & O_NONBLOCK);
     }
 }
@@ -602,67 +597,70 @@ TEST(OsOpen, SymbolicLinksAreNotFollowedForWriting) {
     ASSERT_EQ(0, symlink("directory", "to_directory"));
     ASSERT_EQ(0, symlink("/dev/null", "to_device"));
     for (const char *path : {"to_file", "dangling", "to_directory", "to_device"}) {
-        for (int32_t mode : {APPEND, TRUNCATE}) {
+        for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_TRUNCATE}) {
             File file;
-            EXPECT_EQ(OPEN_FAILED, zoltLogOs_open(&file, path, mode, 0660)) << path;
+            EXPECT_EQ(ZOLTLOG_OS_OPEN_FAILED, zoltLogOs_open(&file, path, mode, 0660)) << path;
         }
     }
     EXPECT_EQ("precious", support::readFile("victim"));
     EXPECT_FALSE(support::exists("created_by_link"));
     File file; // inside a linked directory is another matter
-    EXPECT_EQ(OK, zoltLogOs_open(&file, "to_directory/f", APPEND, 0660));
+    EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "to_directory/f", ZOLTLOG_OS_MODE_APPEND, 0660));
 }
 
 TEST(OsOpen, SymbolicLinksAreFollowedForReading) {
     support::writeFile("target", "abc");
     ASSERT_EQ(0, symlink("target", "link"));
     File file;
-    EXPECT_EQ(OK, zoltLogOs_open(&file, "link", READ, 0));
+    EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "link", ZOLTLOG_OS_MODE_READ, 0));
 }
 
 TEST(OsOpen, LinkPlantedBetweenLookAndCreationIsNotFollowed) {
     support::writeFile("victim", "precious");
     beforeCreate = [](const char *path) { (void)!symlink("victim", path); };
-    for (int32_t mode : {APPEND, TRUNCATE}) {
+    for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_TRUNCATE}) {
         File file;
-        EXPECT_EQ(OPEN_FAILED, zoltLogOs_open(&file, "f", mode, 0660));
+        EXPECT_EQ(ZOLTLOG_OS_OPEN_FAILED, zoltLogOs_open(&file, "f", mode, 0660));
         unlink("f");
     }
     EXPECT_EQ("precious", support::readFile("victim"));
 }
 
 TEST(OsOpen, DescriptorsCloseOnExec) {
-    for (int32_t mode : {APPEND, READ, TRUNCATE}) {
+    for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_READ, ZOLTLOG_OS_MODE_TRUNCATE}) {
         File file;
-        ASSERT_EQ(OK, zoltLogOs_open(&file, mode == READ ? "/dev/null" : "f", mode, 0660));
+        ASSERT_EQ(ZOLTLOG_OS_OK,
+                  zoltLogOs_open(&file, mode == ZOLTLOG_OS_MODE_READ ? "/dev/null" : "f", mode, 0660));
         EXPECT_TRUE(closesOnExec(file.descriptor));
     }
 }
 
 TEST(OsOpen, DescriptorsOfStandardStreamsAreNeverTaken) {
-    EXPECT_EQ(0, support::inChild([] {
-                  support::writeFile("x-1.log", "");
-                  close(0);
-                  close(1);
-                  close(2);
-                  for (int32_t mode : {APPEND, READ, TRUNCATE}) {
-                      File file;
-                      if (zoltLogOs_open(&file, mode == READ ? "x-1.log" : "f", mode, 0660) != OK)
-                          return 1;
-                      if (file.descriptor <= 2 || !closesOnExec(file.descriptor))
-                          return 2;
-                  }
-                  OsLogFileCursor cursor = {};
-                  if (zoltLogOsListLogFilesBegin(&cursor, "./") != OK || dirfd(cursor.stream) <= 2 ||
-                      !closesOnExec(dirfd(cursor.stream)))
-                      return 3;
-                  zoltLogOsListLogFilesEnd(&cursor);
-                  for (int descriptor : {0, 1, 2}) {
-                      if (fcntl(descriptor, F_GETFD) != -1)
-                          return 4;
-                  }
-                  return 0;
-              }));
+    EXPECT_EQ(
+        0, support::inChild([] {
+            support::writeFile("x-1.log", "");
+            close(0);
+            close(1);
+            close(2);
+            for (int32_t mode : {ZOLTLOG_OS_MODE_APPEND, ZOLTLOG_OS_MODE_READ, ZOLTLOG_OS_MODE_TRUNCATE}) {
+                File file;
+                if (zoltLogOs_open(&file, mode == ZOLTLOG_OS_MODE_READ ? "x-1.log" : "f", mode, 0660) !=
+                    ZOLTLOG_OS_OK)
+                    return 1;
+                if (file.descriptor <= 2 || !closesOnExec(file.descriptor))
+                    return 2;
+            }
+            OsLogFileCursor cursor = {};
+            if (zoltLogOsListLogFilesBegin(&cursor, "./") != ZOLTLOG_OS_OK || dirfd(cursor.stream) <= 2 ||
+                !closesOnExec(dirfd(cursor.stream)))
+                return 3;
+            zoltLogOsListLogFilesEnd(&cursor);
+            for (int descriptor : {0, 1, 2}) {
+                if (fcntl(descriptor, F_GETFD) != -1)
+                    return 4;
+            }
+            return 0;
+        }));
 }
 
 // The host's other threads rely on the umask, which all threads share.
@@ -686,7 +684,7 @@ TEST(OsOpen, OtherThreadsNeverSeeAnotherUmask) {
     });
     for (int i = 0; i < 300 || made < 300; ++i) {
         File file;
-        ASSERT_EQ(OK, zoltLogOs_open(&file, "ours", APPEND, 0666));
+        ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "ours", ZOLTLOG_OS_MODE_APPEND, 0666));
         ASSERT_EQ(0666u, modeOf("ours"));
         unlink("ours");
         ASSERT_EQ(0, zoltLogOs_mkdirp("./d/e", 0));
@@ -911,7 +909,7 @@ TEST(HostName, IsTheSystems) {
     EXPECT_STREQ("some-host", name);
     hostNameFails = true;
     EXPECT_EQ(-1, osGetHostName(name, sizeof name));
-    EXPECT_EQ(INVALID_ARGUMENT, osGetHostName(nullptr, 10));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, osGetHostName(nullptr, 10));
 }
 
 TEST(HostId, Ipv4AddressIsReadLittleEndian) {
@@ -1088,7 +1086,7 @@ TEST(LibraryName, StemIsCutAndTheMajorVersionAppended) {
     };
     for (const auto &row : rows) {
         char *out = nullptr;
-        EXPECT_EQ(OK, zoltLogOs_getLibName(row.name, &out)) << row.name;
+        EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOs_getLibName(row.name, &out)) << row.name;
         EXPECT_STREQ(row.expected, out);
         zoltLogFree(out);
     }
@@ -1097,12 +1095,12 @@ TEST(LibraryName, StemIsCutAndTheMajorVersionAppended) {
 TEST(LibraryName, NullOrNoMemoryIsInvalid) {
     char sentinel;
     char *out = &sentinel;
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_getLibName(nullptr, &out));
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_getLibName("x", nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_getLibName(nullptr, &out));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_getLibName("x", nullptr));
     if (!support::allocationsCanFail())
         GTEST_SKIP() << "allocations cannot fail here";
     const support::FailingAllocation failing(0);
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOs_getLibName("x", &out));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOs_getLibName("x", &out));
     EXPECT_EQ(nullptr, out);
 }
 
@@ -1114,9 +1112,9 @@ std::vector<std::string> listed(const char *directory) {
     std::vector<std::string> names;
     OsLogFileCursor cursor = {};
     int32_t result = zoltLogOsListLogFilesBegin(&cursor, directory);
-    for (; result == OK; result = zoltLogOsListLogFilesNext(&cursor))
+    for (; result == ZOLTLOG_OS_OK; result = zoltLogOsListLogFilesNext(&cursor))
         names.emplace_back(zoltLogOsListLogFilesName(&cursor));
-    EXPECT_EQ(LISTING_END, result);
+    EXPECT_EQ(ZOLTLOG_OS_LISTING_END, result);
     zoltLogOsListLogFilesEnd(&cursor);
     std::sort(names.begin(), names.end());
     return names;
@@ -1144,19 +1142,19 @@ TEST(Listing, LongestNamesAreListedWhole) {
 TEST(Listing, DirectoryWithoutLogFilesEndsAtOnce) {
     OsLogFileCursor cursor = {};
     support::writeFile("other", "");
-    EXPECT_EQ(LISTING_END, zoltLogOsListLogFilesBegin(&cursor, "./"));
-    EXPECT_EQ(LISTING_END, zoltLogOsListLogFilesNext(&cursor));
+    EXPECT_EQ(ZOLTLOG_OS_LISTING_END, zoltLogOsListLogFilesBegin(&cursor, "./"));
+    EXPECT_EQ(ZOLTLOG_OS_LISTING_END, zoltLogOsListLogFilesNext(&cursor));
     zoltLogOsListLogFilesEnd(&cursor);
 }
 
 TEST(Listing, FailedReadingIsAnEnd) {
     support::writeFile("a-1.log", "");
     OsLogFileCursor cursor = {};
-    ASSERT_EQ(OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
     readdirError = EIO;
-    EXPECT_EQ(LISTING_END, zoltLogOsListLogFilesNext(&cursor));
+    EXPECT_EQ(ZOLTLOG_OS_LISTING_END, zoltLogOsListLogFilesNext(&cursor));
     zoltLogOsListLogFilesEnd(&cursor);
-    EXPECT_EQ(LISTING_END, zoltLogOsListLogFilesBegin(&cursor, "./"));
+    EXPECT_EQ(ZOLTLOG_OS_LISTING_END, zoltLogOsListLogFilesBegin(&cursor, "./"));
     zoltLogOsListLogFilesEnd(&cursor);
 }
 
@@ -1164,7 +1162,7 @@ TEST(Listing, BeginKeepsThePathAsGivenAndLeavesTheFirstWordAlone) {
     support::writeFile("a-1.log", "");
     OsLogFileCursor cursor;
     std::memset(&cursor, 0x5A, sizeof cursor);
-    EXPECT_EQ(OK, zoltLogOsListLogFilesBegin(&cursor, ".//"));
+    EXPECT_EQ(ZOLTLOG_OS_OK, zoltLogOsListLogFilesBegin(&cursor, ".//"));
     EXPECT_STREQ(".//", cursor.directory);
     EXPECT_EQ(UINT64_C(0x5A5A5A5A5A5A5A5A), cursor.word);
     EXPECT_NE(nullptr, cursor.stream);
@@ -1179,11 +1177,11 @@ TEST(Listing, BeginKeepsThePathAsGivenAndLeavesTheFirstWordAlone) {
 
 TEST(Listing, NullArgumentsAreInvalid) {
     OsLogFileCursor cursor = {};
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOsListLogFilesBegin(nullptr, "./"));
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOsListLogFilesBegin(&cursor, nullptr));
-    EXPECT_EQ(INVALID_ARGUMENT, zoltLogOsListLogFilesNext(nullptr));
-    EXPECT_EQ(INVALID_ARGUMENT, CopyLogOsListLogFiles(nullptr, &cursor));
-    EXPECT_EQ(INVALID_ARGUMENT, CopyLogOsListLogFiles(&cursor, nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOsListLogFilesBegin(nullptr, "./"));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOsListLogFilesBegin(&cursor, nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, zoltLogOsListLogFilesNext(nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, CopyLogOsListLogFiles(nullptr, &cursor));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, CopyLogOsListLogFiles(&cursor, nullptr));
     EXPECT_EQ(nullptr, zoltLogOsListLogFilesName(nullptr));
     EXPECT_EQ(nullptr, zoltLogOsListLogFilesName(&cursor));
     EXPECT_EQ(0, zoltLogOsListLogFilesModtime(nullptr));
@@ -1199,7 +1197,8 @@ TEST(Listing, DirectoryThatCannotBeOpenedFails) {
     OsLogFileCursor cursor;
     std::memset(&cursor, 0x5A, sizeof cursor);
     for (const char *path : {"missing/", "file", "fifo", ""}) {
-        EXPECT_LT(secondsOf([&] { EXPECT_EQ(FAILED, zoltLogOsListLogFilesBegin(&cursor, path)); }), 1.0);
+        EXPECT_LT(secondsOf([&] { EXPECT_EQ(ZOLTLOG_OS_FAILED, zoltLogOsListLogFilesBegin(&cursor, path)); }),
+                  1.0);
         EXPECT_EQ(nullptr, cursor.directory);
         EXPECT_EQ(nullptr, cursor.stream);
         EXPECT_EQ(nullptr, cursor.entry);
@@ -1214,7 +1213,7 @@ TEST(Listing, WithoutMemoryFailsAndLeavesNothingBehind) {
     for (long passing = 0; passing < 3; ++passing) { // stream, path, entry
         OsLogFileCursor cursor = {};
         const support::FailingAllocation failing(passing);
-        EXPECT_EQ(FAILED, zoltLogOsListLogFilesBegin(&cursor, "./")) << passing;
+        EXPECT_EQ(ZOLTLOG_OS_FAILED, zoltLogOsListLogFilesBegin(&cursor, "./")) << passing;
         EXPECT_TRUE(failing.happened());
         EXPECT_EQ(nullptr, cursor.directory);
         EXPECT_EQ(nullptr, cursor.stream);
@@ -1228,7 +1227,7 @@ TEST(Listing, ModificationTimeIsThatOfARegularFile) {
     const utimbuf times = {1000000000, 1234567890};
     ASSERT_EQ(0, utime("a-1.log", &times));
     OsLogFileCursor cursor = {};
-    ASSERT_EQ(OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
     EXPECT_EQ(1234567890, zoltLogOsListLogFilesModtime(&cursor));
     unlink("a-1.log");
     EXPECT_EQ(0, zoltLogOsListLogFilesModtime(&cursor));
@@ -1252,7 +1251,7 @@ TEST(Listing, NamesAreJoinedToTheDirectoryWithoutSeparator) {
     const utimbuf times = {1000000000, 1234567890};
     ASSERT_EQ(0, utime("da-1.log", &times));
     OsLogFileCursor cursor = {};
-    ASSERT_EQ(OK, zoltLogOsListLogFilesBegin(&cursor, "d"));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOsListLogFilesBegin(&cursor, "d"));
     EXPECT_EQ(1234567890, zoltLogOsListLogFilesModtime(&cursor));
     zoltLogOsListLogFilesEnd(&cursor);
 }
@@ -1262,13 +1261,13 @@ TEST(Listing, CopyRemembersTheEntryWithoutAStream) {
     const utimbuf times = {1000000000, 1234567890};
     ASSERT_EQ(0, utime("a-1.log", &times));
     OsLogFileCursor cursor = {};
-    ASSERT_EQ(OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
     cursor.word = 77;
     OsLogFileCursor copy;
     std::memset(&copy, 0x5A, sizeof copy);
     ASSERT_EQ(0, CopyLogOsListLogFiles(&cursor, &copy));
     const ino_t inode = cursor.entry->d_ino;
-    EXPECT_EQ(LISTING_END, zoltLogOsListLogFilesNext(&cursor));
+    EXPECT_EQ(ZOLTLOG_OS_LISTING_END, zoltLogOsListLogFilesNext(&cursor));
     zoltLogOsListLogFilesEnd(&cursor);
     EXPECT_EQ(77u, copy.word);
     EXPECT_STREQ("./", copy.directory);
@@ -1276,7 +1275,7 @@ TEST(Listing, CopyRemembersTheEntryWithoutAStream) {
     EXPECT_EQ(inode, copy.entry->d_ino);
     EXPECT_STREQ("a-1.log", zoltLogOsListLogFilesName(&copy));
     EXPECT_EQ(1234567890, zoltLogOsListLogFilesModtime(&copy));
-    EXPECT_EQ(LISTING_END, zoltLogOsListLogFilesNext(&copy));
+    EXPECT_EQ(ZOLTLOG_OS_LISTING_END, zoltLogOsListLogFilesNext(&copy));
     EXPECT_STREQ("a-1.log", zoltLogOsListLogFilesName(&copy));
     OsLogFileCursor second = {}; // of a copy
     ASSERT_EQ(0, CopyLogOsListLogFiles(&copy, &second));
@@ -1294,7 +1293,7 @@ TEST(Listing, CopyIsBoundedByItsBlock) {
     cursor.directory = directory.data();
     std::memcpy(storage.data() + offsetof(struct dirent, d_name), longName.c_str(), longName.size() + 1);
     OsLogFileCursor copy = {};
-    EXPECT_EQ(FAILED, CopyLogOsListLogFiles(&cursor, &copy));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, CopyLogOsListLogFiles(&cursor, &copy));
     EXPECT_EQ(nullptr, copy.entry);
     EXPECT_EQ(nullptr, copy.directory);
     storage[offsetof(struct dirent, d_name) + 8000] = '\0'; // fits
@@ -1306,14 +1305,14 @@ TEST(Listing, CopyIsBoundedByItsBlock) {
 TEST(Listing, CopyOfAnEndedListingOrWithoutMemoryFails) {
     OsLogFileCursor cursor = {};
     OsLogFileCursor copy = {};
-    EXPECT_EQ(FAILED, CopyLogOsListLogFiles(&cursor, &copy));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, CopyLogOsListLogFiles(&cursor, &copy));
     if (!support::allocationsCanFail())
         GTEST_SKIP() << "allocations cannot fail here";
     support::writeFile("a-1.log", "x");
-    ASSERT_EQ(OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
     for (long passing = 0; passing < 2; ++passing) {
         const support::FailingAllocation failing(passing);
-        EXPECT_EQ(FAILED, CopyLogOsListLogFiles(&cursor, &copy));
+        EXPECT_EQ(ZOLTLOG_OS_FAILED, CopyLogOsListLogFiles(&cursor, &copy));
         EXPECT_TRUE(failing.happened());
         EXPECT_EQ(nullptr, copy.entry);
         EXPECT_EQ(nullptr, copy.directory);
@@ -1324,7 +1323,7 @@ TEST(Listing, CopyOfAnEndedListingOrWithoutMemoryFails) {
 TEST(Listing, CreationTimeIsThatOfTheHeader) {
     support::writeFile("a-1.log", "$Header 65543,5,7,1709300702,3600,hostA\n1,2,3\n");
     OsLogFileCursor cursor = {};
-    ASSERT_EQ(OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
+    ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOsListLogFilesBegin(&cursor, "./"));
     const size_t before = support::openDescriptors();
     EXPECT_EQ(1709300702, zoltLogOsListLogFilesCreattime(&cursor));
     EXPECT_EQ(before, support::openDescriptors());

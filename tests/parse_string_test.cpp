@@ -146,33 +146,33 @@ class IdFromName : public testing::Test {
 };
 
 TEST_F(IdFromName, Kind263SelectsProducts) {
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 263, "front"), 5u);
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 263, "db"), 6u);
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 263, "6"), 6u);
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 263, "server"), 0u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_PRODUCT_ID, "front"), 5u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_PRODUCT_ID, "db"), 6u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_PRODUCT_ID, "6"), 6u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_PRODUCT_ID, "server"), 0u);
 }
 
 TEST_F(IdFromName, AnyOtherKindSelectsOriginators) {
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 265, "store"), 8u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, "store"), 8u);
     EXPECT_EQ(GetIdFromName(cfgs, 2, 0, "8"), 8u);
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 264, "web"), 0u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_ORIGINATOR_ID, "web"), 0u);
 }
 
 TEST_F(IdFromName, FirstConfigurationWins) {
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 265, "server"), 7u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, "server"), 7u);
 }
 
 TEST_F(IdFromName, ConfigurationWithoutNamesIsPassedOverEvenForItsNumber) {
     two.originatorNames[0] = '\0';
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 265, "8"), 0u);
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 263, "6"), 6u); // the other list is still there
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, "8"), 0u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_PRODUCT_ID, "6"), 6u); // the other list is still there
 }
 
 TEST_F(IdFromName, NothingFoundOrNothingGivenIsZero) {
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 263, "none"), 0u);
-    EXPECT_EQ(GetIdFromName(cfgs, 0, 263, "web"), 0u);
-    EXPECT_EQ(GetIdFromName(nullptr, 2, 263, "web"), 0u);
-    EXPECT_EQ(GetIdFromName(cfgs, 2, 263, nullptr), 0u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_PRODUCT_ID, "none"), 0u);
+    EXPECT_EQ(GetIdFromName(cfgs, 0, ZOLTLOG_ATTR_PRODUCT_ID, "web"), 0u);
+    EXPECT_EQ(GetIdFromName(nullptr, 2, ZOLTLOG_ATTR_PRODUCT_ID, "web"), 0u);
+    EXPECT_EQ(GetIdFromName(cfgs, 2, ZOLTLOG_ATTR_PRODUCT_ID, nullptr), 0u);
 }
 
 class ContextTitles : public testing::Test {

@@ -16,12 +16,6 @@
 
 namespace {
 
-constexpr int32_t TEXT = 257;
-constexpr int32_t NUMBER = 258;
-constexpr int32_t ATTRIBUTE = 259;
-constexpr int32_t AND = 281;
-constexpr int32_t EQUAL = 287;
-
 int64_t testTime = 0; // 0: the real time
 
 std::map<std::string, int> opened; // by name, while counting
@@ -151,7 +145,7 @@ LogQueryNode term(int32_t kind, uint64_t value) {
 
 LogQueryNode textTerm(const char *value) {
     LogQueryNode node = {};
-    node.kind = TEXT;
+    node.kind = ZOLTLOG_TERM_TEXT;
     node.value.text = value;
     return node;
 }
@@ -378,13 +372,13 @@ TEST_F(Listing, QueryOverProductAndOriginator) {
     file("101-7-1-240301-0000000000.log", 10);
     file("101-8-1-240301-0000000000.log", 20);
     file("102-7-1-240301-0000000000.log", 30);
-    LogQueryNode productAttribute = term(ATTRIBUTE, 263);
-    LogQueryNode product = term(NUMBER, 101);
-    LogQueryNode originatorAttribute = term(ATTRIBUTE, 265);
-    LogQueryNode seven = term(NUMBER, 7);
-    LogQueryNode left = join(EQUAL, &product, &productAttribute); // the attribute on the right
-    LogQueryNode right = join(EQUAL, &originatorAttribute, &seven);
-    LogQueryNode query = join(AND, &left, &right);
+    LogQueryNode productAttribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_PRODUCT_ID);
+    LogQueryNode product = term(ZOLTLOG_TERM_NUMBER, 101);
+    LogQueryNode originatorAttribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_FILE_ORIGINATOR_ID);
+    LogQueryNode seven = term(ZOLTLOG_TERM_NUMBER, 7);
+    LogQueryNode left = join(ZOLTLOG_OP_EQUAL, &product, &productAttribute); // the attribute on the right
+    LogQueryNode right = join(ZOLTLOG_OP_EQUAL, &originatorAttribute, &seven);
+    LogQueryNode query = join(ZOLTLOG_OP_AND, &left, &right);
     listing.query = &query;
     ASSERT_EQ(list(), 0u);
     EXPECT_EQ(names(), (Names{"101-7-1-240301-0000000000.log"}));
@@ -394,16 +388,16 @@ TEST_F(Listing, QueryOverTimesUsesCreationAndModification) {
     originator(101, 7);
     file("101-7-1-240301-0000000000.log", 1000);
     modified("101-7-1-240301-0000000000.log", 5000);
-    LogQueryNode attribute = term(ATTRIBUTE, 268);
-    LogQueryNode value = term(NUMBER, 5000);
-    LogQueryNode query = join(EQUAL, &attribute, &value);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_TIME);
+    LogQueryNode value = term(ZOLTLOG_TERM_NUMBER, 5000);
+    LogQueryNode query = join(ZOLTLOG_OP_EQUAL, &attribute, &value);
     listing.query = &query;
     EXPECT_EQ(list(), 0u);
     value.value.number = 1000;
     EXPECT_EQ(list(), 0u);
     value.value.number = 1001;
     EXPECT_EQ(list(), 45u);
-    attribute.value.number = 269;
+    attribute.value.number = ZOLTLOG_ATTR_CREATION_TIME;
     value.value.number = 5000;
     EXPECT_EQ(list(), 45u);
 }
@@ -412,17 +406,17 @@ TEST_F(Listing, QueryOfALogSetSeesItsNameAndOriginatorZero) {
     setenv("TZ", "UTC", 1);
     logset(101, "the set", "setA");
     logsetFile("101-setA-240305101500.log");
-    LogQueryNode attribute = term(ATTRIBUTE, 279);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_LOGSET_NAME);
     LogQueryNode name = textTerm("the set");
-    LogQueryNode byName = join(EQUAL, &attribute, &name);
-    LogQueryNode originatorAttribute = term(ATTRIBUTE, 265);
-    LogQueryNode zero = term(NUMBER, 0);
-    LogQueryNode byOriginator = join(EQUAL, &originatorAttribute, &zero);
-    LogQueryNode timeAttribute = term(ATTRIBUTE, 269);
-    LogQueryNode created = term(NUMBER, 1709633700);
-    LogQueryNode byTime = join(EQUAL, &timeAttribute, &created);
-    LogQueryNode both = join(AND, &byName, &byOriginator);
-    LogQueryNode query = join(AND, &both, &byTime);
+    LogQueryNode byName = join(ZOLTLOG_OP_EQUAL, &attribute, &name);
+    LogQueryNode originatorAttribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_FILE_ORIGINATOR_ID);
+    LogQueryNode zero = term(ZOLTLOG_TERM_NUMBER, 0);
+    LogQueryNode byOriginator = join(ZOLTLOG_OP_EQUAL, &originatorAttribute, &zero);
+    LogQueryNode timeAttribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_CREATION_TIME);
+    LogQueryNode created = term(ZOLTLOG_TERM_NUMBER, 1709633700);
+    LogQueryNode byTime = join(ZOLTLOG_OP_EQUAL, &timeAttribute, &created);
+    LogQueryNode both = join(ZOLTLOG_OP_AND, &byName, &byOriginator);
+    LogQueryNode query = join(ZOLTLOG_OP_AND, &both, &byTime);
     listing.query = &query;
     EXPECT_EQ(list(), 0u);
     name.value.text = "setA"; // the file name is not the log set's name
@@ -432,9 +426,9 @@ TEST_F(Listing, QueryOfALogSetSeesItsNameAndOriginatorZero) {
 TEST_F(Listing, ALogSetComparisonIsFalseForOriginatorFiles) {
     originator(101, 7);
     file("101-7-1-240301-0000000000.log", 1000);
-    LogQueryNode attribute = term(ATTRIBUTE, 279);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_LOGSET_NAME);
     LogQueryNode name = textTerm("setA");
-    LogQueryNode query = join(288, &attribute, &name); // not equal
+    LogQueryNode query = join(ZOLTLOG_OP_NOT_EQUAL, &attribute, &name);
     listing.query = &query;
     EXPECT_EQ(list(), 45u);
 }
@@ -448,30 +442,30 @@ TEST_F(Listing, HostQueryOpensEachHeader) {
     logsetFile("101-setA-240305101501.log", "hostA");
     support::writeFile("101-7-3-240301-0000000000.log", "no header\n"); // an empty host name
     ASSERT_EQ(symlink("nowhere", "101-7-4-240301-0000000000.log"), 0);  // cannot be opened: left out
-    LogQueryNode attribute = term(ATTRIBUTE, 278);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_HOST_NAME);
     LogQueryNode host = textTerm("hostB");
-    LogQueryNode query = join(EQUAL, &attribute, &host);
+    LogQueryNode query = join(ZOLTLOG_OP_EQUAL, &attribute, &host);
     listing.query = &query;
     ASSERT_EQ(list(), 0u);
     EXPECT_EQ(names(), (Names{"101-7-2-240301-0000000000.log", "101-setA-240305101500.log"}));
     host.value.text = "";
     ASSERT_EQ(list(), 0u);
     EXPECT_EQ(names(), (Names{"101-7-3-240301-0000000000.log"}));
-    query.kind = 288; // not equal to an empty name
+    query.kind = ZOLTLOG_OP_NOT_EQUAL; // to an empty name
     ASSERT_EQ(list(), 0u);
     EXPECT_EQ(names().size(), 4u);
 }
 
-TEST_F(Listing, AnyTermOf278MakesUnreadableFilesDropOut) {
+TEST_F(Listing, AnyTermOfTheHostNamesCodeMakesUnreadableFilesDropOut) {
     originator(101, 7);
     ASSERT_EQ(symlink("nowhere", "101-7-4-240301-0000000000.log"), 0);
-    LogQueryNode attribute = term(ATTRIBUTE, 263);
-    LogQueryNode value = term(NUMBER, 278);
-    LogQueryNode query = join(288, &attribute, &value);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_PRODUCT_ID);
+    LogQueryNode value = term(ZOLTLOG_TERM_NUMBER, ZOLTLOG_ATTR_HOST_NAME);
+    LogQueryNode query = join(ZOLTLOG_OP_NOT_EQUAL, &attribute, &value);
     listing.query = &query;
     EXPECT_EQ(list(), 45u);
-    value.value.number = 279;
-    query.value.number = 278; // an operator's value is not read
+    value.value.number = ZOLTLOG_ATTR_LOGSET_NAME;
+    query.value.number = ZOLTLOG_ATTR_HOST_NAME; // an operator's value is not read
     EXPECT_EQ(list(), 0u);
 }
 
@@ -490,9 +484,9 @@ TEST_F(Listing, EachHeaderIsReadOnceHoweverManyConfigurationsAskForIt) {
     EXPECT_EQ(opened["101-8-1-240301-0000000001.log"], 0); // of nobody's series
     opened.clear();
     // Also when the file is refused each time.
-    LogQueryNode attribute = term(ATTRIBUTE, 278);
+    LogQueryNode attribute = term(ZOLTLOG_TERM_ATTRIBUTE, ZOLTLOG_ATTR_HOST_NAME);
     LogQueryNode host = textTerm("nobody");
-    LogQueryNode query = join(EQUAL, &attribute, &host);
+    LogQueryNode query = join(ZOLTLOG_OP_EQUAL, &attribute, &host);
     listing.query = &query;
     counting = true;
     ASSERT_EQ(list(), 45u);

@@ -10,31 +10,29 @@
 
 namespace {
 
-constexpr int32_t TEXT = 257;
-constexpr int32_t NUMBER = 258;
-constexpr int32_t ATTRIBUTE = 259;
-constexpr int32_t AND = 281;
-constexpr int32_t OR = 282;
-constexpr int32_t LESS = 283;
-constexpr int32_t GREATER = 284;
-constexpr int32_t LESS_EQUAL = 285;
-constexpr int32_t GREATER_EQUAL = 286;
-constexpr int32_t EQUAL = 287;
-constexpr int32_t NOT_EQUAL = 288;
-const std::vector<int32_t> OPERATORS = {AND,   OR,        LESS, GREATER, LESS_EQUAL, GREATER_EQUAL,
-                                        EQUAL, NOT_EQUAL, 280,  289,     0};
+const std::vector<int32_t> OPERATORS = {ZOLTLOG_OP_AND,
+                                        ZOLTLOG_OP_OR,
+                                        ZOLTLOG_OP_LESS,
+                                        ZOLTLOG_OP_GREATER,
+                                        ZOLTLOG_OP_LESS_EQUAL,
+                                        ZOLTLOG_OP_GREATER_EQUAL,
+                                        ZOLTLOG_OP_EQUAL,
+                                        ZOLTLOG_OP_NOT_EQUAL,
+                                        280,
+                                        289,
+                                        0};
 
 // Builds trees; the nodes live as long as the builder.
 class Trees {
   public:
-    LogQueryNode *number(uint64_t value, int32_t kind = NUMBER) {
+    LogQueryNode *number(uint64_t value, int32_t kind = ZOLTLOG_TERM_NUMBER) {
         LogQueryNode *node = make(kind);
         node->value.number = value;
         return node;
     }
-    LogQueryNode *attribute(uint64_t code) { return number(code, ATTRIBUTE); }
+    LogQueryNode *attribute(uint64_t code) { return number(code, ZOLTLOG_TERM_ATTRIBUTE); }
     LogQueryNode *text(const char *value) {
-        LogQueryNode *node = make(TEXT);
+        LogQueryNode *node = make(ZOLTLOG_TERM_TEXT);
         node->value.text = value;
         return node;
     }
@@ -42,7 +40,7 @@ class Trees {
         LogQueryNode *node = make(kind);
         node->left = left;
         node->right = right;
-        node->value.number = 278; // not read for operators
+        node->value.number = ZOLTLOG_ATTR_HOST_NAME; // not read for operators
         return node;
     }
 
@@ -84,63 +82,63 @@ bool byHeader(LogQueryNode *query, const File &file) {
 // ---- the plain recursive evaluator that the library's walk is compared with ------
 
 bool isTerm(const LogQueryNode *node) {
-    return node->kind >= 257 && node->kind <= 261;
+    return node->kind >= ZOLTLOG_TERM_TEXT && node->kind <= ZOLTLOG_TERM_NUMBER_3;
 }
 
 bool compare(int32_t op, uint64_t a, uint64_t b) {
     switch (op) {
-    case AND:
+    case ZOLTLOG_OP_AND:
         return a && b;
-    case OR:
+    case ZOLTLOG_OP_OR:
         return a || b;
-    case LESS:
+    case ZOLTLOG_OP_LESS:
         return a < b;
-    case GREATER:
+    case ZOLTLOG_OP_GREATER:
         return a > b;
-    case LESS_EQUAL:
+    case ZOLTLOG_OP_LESS_EQUAL:
         return a <= b;
-    case GREATER_EQUAL:
+    case ZOLTLOG_OP_GREATER_EQUAL:
         return a >= b;
-    case EQUAL:
+    case ZOLTLOG_OP_EQUAL:
         return a == b;
-    case NOT_EQUAL:
+    case ZOLTLOG_OP_NOT_EQUAL:
         return a != b;
     }
     return false;
 }
 
 bool compareText(int32_t op, const std::string &a, const std::string &b) {
-    return op == EQUAL ? a == b : op == NOT_EQUAL && a != b;
+    return op == ZOLTLOG_OP_EQUAL ? a == b : op == ZOLTLOG_OP_NOT_EQUAL && a != b;
 }
 
 bool plain(const LogQueryNode *node, const File &file, bool header) {
     const LogQueryNode *a = node->left;
     const LogQueryNode *b = node->right;
     std::string literal;
-    if (b->kind == ATTRIBUTE)
+    if (b->kind == ZOLTLOG_TERM_ATTRIBUTE)
         std::swap(a, b);
-    else if (b->kind == TEXT)
+    else if (b->kind == ZOLTLOG_TERM_TEXT)
         literal = std::string(b->value.text).substr(0, header ? 1079 : 567);
     // A term beside a sub-result reads as not evaluated, minus 1.
     const auto truth = [&](const LogQueryNode *operand) -> uint64_t {
         return isTerm(operand) ? UINT32_MAX : plain(operand, file, header);
     };
     const int32_t op = node->kind;
-    if (a->kind != ATTRIBUTE)
+    if (a->kind != ZOLTLOG_TERM_ATTRIBUTE)
         return compare(op, truth(a), truth(b));
     const uint64_t value = isTerm(b) ? b->value.number : truth(b);
     const auto created = static_cast<uint64_t>(file.created);
     const auto modified = static_cast<uint64_t>(file.modified);
     switch (a->value.number) {
-    case 263:
+    case ZOLTLOG_ATTR_PRODUCT_ID:
         return compare(op, file.product, value);
-    case 264:
+    case ZOLTLOG_ATTR_ORIGINATOR_ID:
         return header ? compare(op, file.originator, value) : true;
-    case 265:
+    case ZOLTLOG_ATTR_FILE_ORIGINATOR_ID:
         return header ? false : compare(op, file.originator, value);
-    case 268:
+    case ZOLTLOG_ATTR_TIME:
         return compare(op, created, value) || compare(op, modified, value);
-    case 269:
+    case ZOLTLOG_ATTR_CREATION_TIME:
         return compare(op, created, value);
     case 266:
     case 267:
@@ -152,9 +150,9 @@ bool plain(const LogQueryNode *node, const File &file, bool header) {
     case 275:
     case 277:
         return !header;
-    case 278:
+    case ZOLTLOG_ATTR_HOST_NAME:
         return !header && compareText(op, file.host, literal);
-    case 279:
+    case ZOLTLOG_ATTR_LOGSET_NAME:
         return file.set != nullptr && compareText(op, file.set, literal);
     }
     return false;
@@ -169,17 +167,23 @@ TEST(Query, EveryNumericOperatorOnTheProductInBothMappings) {
         int32_t op;
         bool below, same, above, zero; // product 101 compared with 102, 101, 100, 0
     };
-    const Row rows[] = {{AND, true, true, true, false},         {OR, true, true, true, true},
-                        {LESS, true, false, false, false},      {GREATER, false, false, true, true},
-                        {LESS_EQUAL, true, true, false, false}, {GREATER_EQUAL, false, true, true, true},
-                        {EQUAL, false, true, false, false},     {NOT_EQUAL, true, false, true, true},
-                        {280, false, false, false, false},      {289, false, false, false, false},
+    const Row rows[] = {{ZOLTLOG_OP_AND, true, true, true, false},
+                        {ZOLTLOG_OP_OR, true, true, true, true},
+                        {ZOLTLOG_OP_LESS, true, false, false, false},
+                        {ZOLTLOG_OP_GREATER, false, false, true, true},
+                        {ZOLTLOG_OP_LESS_EQUAL, true, true, false, false},
+                        {ZOLTLOG_OP_GREATER_EQUAL, false, true, true, true},
+                        {ZOLTLOG_OP_EQUAL, false, true, false, false},
+                        {ZOLTLOG_OP_NOT_EQUAL, true, false, true, true},
+                        {280, false, false, false, false},
+                        {289, false, false, false, false},
                         {0, false, false, false, false}};
     for (const Row &row : rows) {
         for (const auto &[value, expected] : std::vector<std::pair<uint64_t, bool>>{
                  {102, row.below}, {101, row.same}, {100, row.above}, {0, row.zero}}) {
             Trees trees;
-            LogQueryNode *query = trees.op(row.op, trees.attribute(263), trees.number(value));
+            LogQueryNode *query =
+                trees.op(row.op, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(value));
             EXPECT_EQ(byName(query, {}), expected) << row.op << " " << value;
             EXPECT_EQ(byHeader(query, {}), expected) << row.op << " " << value;
         }
@@ -190,7 +194,8 @@ TEST(Query, OperandsAreUnsigned) {
     Trees trees;
     File old;
     old.created = -1;
-    EXPECT_TRUE(byName(trees.op(GREATER, trees.attribute(269), trees.number(5)), old));
+    EXPECT_TRUE(byName(
+        trees.op(ZOLTLOG_OP_GREATER, trees.attribute(ZOLTLOG_ATTR_CREATION_TIME), trees.number(5)), old));
 }
 
 TEST(Query, AttributesOfTheFileNameMapping) {
@@ -200,23 +205,37 @@ TEST(Query, AttributesOfTheFileNameMapping) {
         uint64_t equalTo;
         bool equal, notEqual, lessThanZero;
     };
-    const Row rows[] = {
-        {262, 0, false, false, false},       {263, 101, true, false, false},  {264, 7, true, true, true},
-        {265, 7, true, false, false},        {266, 0, true, true, true},      {267, 0, true, true, true},
-        {268, 1000, true, true, false},      {269, 1000, true, false, false}, {270, 0, true, true, true},
-        {271, 0, true, true, true},          {272, 0, true, true, true},      {273, 0, true, true, true},
-        {274, 0, true, true, true},          {275, 0, true, true, true},      {276, 0, false, false, false},
-        {277, 0, true, true, true},          {280, 0, false, false, false},   {0, 0, false, false, false},
-        {UINT64_MAX, 0, false, false, false}};
+    const Row rows[] = {{262, 0, false, false, false},
+                        {ZOLTLOG_ATTR_PRODUCT_ID, 101, true, false, false},
+                        {ZOLTLOG_ATTR_ORIGINATOR_ID, 7, true, true, true},
+                        {ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, 7, true, false, false},
+                        {266, 0, true, true, true},
+                        {267, 0, true, true, true},
+                        {ZOLTLOG_ATTR_TIME, 1000, true, true, false},
+                        {ZOLTLOG_ATTR_CREATION_TIME, 1000, true, false, false},
+                        {270, 0, true, true, true},
+                        {271, 0, true, true, true},
+                        {272, 0, true, true, true},
+                        {273, 0, true, true, true},
+                        {274, 0, true, true, true},
+                        {275, 0, true, true, true},
+                        {ZOLTLOG_ATTR_NEVER, 0, false, false, false},
+                        {277, 0, true, true, true},
+                        {280, 0, false, false, false},
+                        {0, 0, false, false, false},
+                        {UINT64_MAX, 0, false, false, false}};
     for (const Row &row : rows) {
         Trees trees;
-        EXPECT_EQ(byName(trees.op(EQUAL, trees.attribute(row.attribute), trees.number(row.equalTo)), {}),
-                  row.equal)
+        EXPECT_EQ(
+            byName(trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(row.attribute), trees.number(row.equalTo)), {}),
+            row.equal)
             << row.attribute;
-        EXPECT_EQ(byName(trees.op(NOT_EQUAL, trees.attribute(row.attribute), trees.number(row.equalTo)), {}),
-                  row.notEqual)
+        EXPECT_EQ(
+            byName(trees.op(ZOLTLOG_OP_NOT_EQUAL, trees.attribute(row.attribute), trees.number(row.equalTo)),
+                   {}),
+            row.notEqual)
             << row.attribute;
-        EXPECT_EQ(byName(trees.op(LESS, trees.attribute(row.attribute), trees.number(0)), {}),
+        EXPECT_EQ(byName(trees.op(ZOLTLOG_OP_LESS, trees.attribute(row.attribute), trees.number(0)), {}),
                   row.lessThanZero)
             << row.attribute;
     }
@@ -228,32 +247,50 @@ TEST(Query, AttributesOfTheHeaderMapping) {
         uint64_t equalTo;
         bool equal, notEqual;
     };
-    const Row rows[] = {{262, 0, false, false},  {263, 101, true, false},  {264, 7, true, false},
-                        {265, 7, false, false},  {266, 0, false, false},   {267, 0, false, false},
-                        {268, 1000, true, true}, {269, 1000, true, false}, {270, 0, false, false},
-                        {271, 0, false, false},  {272, 0, false, false},   {273, 0, false, false},
-                        {274, 0, false, false},  {275, 0, false, false},   {276, 0, false, false},
-                        {277, 0, false, false},  {280, 0, false, false}};
+    const Row rows[] = {{262, 0, false, false},
+                        {ZOLTLOG_ATTR_PRODUCT_ID, 101, true, false},
+                        {ZOLTLOG_ATTR_ORIGINATOR_ID, 7, true, false},
+                        {ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, 7, false, false},
+                        {266, 0, false, false},
+                        {267, 0, false, false},
+                        {ZOLTLOG_ATTR_TIME, 1000, true, true},
+                        {ZOLTLOG_ATTR_CREATION_TIME, 1000, true, false},
+                        {270, 0, false, false},
+                        {271, 0, false, false},
+                        {272, 0, false, false},
+                        {273, 0, false, false},
+                        {274, 0, false, false},
+                        {275, 0, false, false},
+                        {ZOLTLOG_ATTR_NEVER, 0, false, false},
+                        {277, 0, false, false},
+                        {280, 0, false, false}};
     for (const Row &row : rows) {
         Trees trees;
-        EXPECT_EQ(byHeader(trees.op(EQUAL, trees.attribute(row.attribute), trees.number(row.equalTo)), {}),
-                  row.equal)
-            << row.attribute;
         EXPECT_EQ(
-            byHeader(trees.op(NOT_EQUAL, trees.attribute(row.attribute), trees.number(row.equalTo)), {}),
-            row.notEqual)
+            byHeader(trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(row.attribute), trees.number(row.equalTo)),
+                     {}),
+            row.equal)
+            << row.attribute;
+        EXPECT_EQ(byHeader(trees.op(ZOLTLOG_OP_NOT_EQUAL, trees.attribute(row.attribute),
+                                    trees.number(row.equalTo)),
+                           {}),
+                  row.notEqual)
             << row.attribute;
     }
     Trees trees;
-    for (const int32_t op : {EQUAL, NOT_EQUAL})
-        EXPECT_FALSE(byHeader(trees.op(op, trees.attribute(278), trees.text("hostA")), {}));
+    for (const int32_t op : {ZOLTLOG_OP_EQUAL, ZOLTLOG_OP_NOT_EQUAL})
+        EXPECT_FALSE(
+            byHeader(trees.op(op, trees.attribute(ZOLTLOG_ATTR_HOST_NAME), trees.text("hostA")), {}));
 }
 
-TEST(Query, Attribute268TriesCreationThenModification) {
+TEST(Query, TheTimeTriesCreationThenModification) {
     Trees trees;
-    LogQueryNode *created = trees.op(EQUAL, trees.attribute(268), trees.number(1000));
-    LogQueryNode *modified = trees.op(EQUAL, trees.attribute(268), trees.number(2000));
-    LogQueryNode *neither = trees.op(EQUAL, trees.attribute(268), trees.number(1500));
+    LogQueryNode *created =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_TIME), trees.number(1000));
+    LogQueryNode *modified =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_TIME), trees.number(2000));
+    LogQueryNode *neither =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_TIME), trees.number(1500));
     for (const auto filter : {byName, byHeader}) {
         EXPECT_TRUE(filter(created, {}));
         EXPECT_TRUE(filter(modified, {}));
@@ -261,9 +298,10 @@ TEST(Query, Attribute268TriesCreationThenModification) {
     }
 }
 
-TEST(Query, Attribute269KnowsCreationOnly) {
+TEST(Query, TheCreationTimeKnowsCreationOnly) {
     Trees trees;
-    LogQueryNode *modified = trees.op(EQUAL, trees.attribute(269), trees.number(2000));
+    LogQueryNode *modified =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_CREATION_TIME), trees.number(2000));
     EXPECT_FALSE(byName(modified, {}));
     EXPECT_FALSE(byHeader(modified, {}));
 }
@@ -271,19 +309,23 @@ TEST(Query, Attribute269KnowsCreationOnly) {
 TEST(Query, HostNameComparesByEqualAndNotEqualOnly) {
     for (const int32_t op : OPERATORS) {
         Trees trees;
-        EXPECT_EQ(byName(trees.op(op, trees.attribute(278), trees.text("hostA")), {}), op == EQUAL) << op;
-        EXPECT_EQ(byName(trees.op(op, trees.attribute(278), trees.text("hostB")), {}), op == NOT_EQUAL) << op;
+        EXPECT_EQ(byName(trees.op(op, trees.attribute(ZOLTLOG_ATTR_HOST_NAME), trees.text("hostA")), {}),
+                  op == ZOLTLOG_OP_EQUAL)
+            << op;
+        EXPECT_EQ(byName(trees.op(op, trees.attribute(ZOLTLOG_ATTR_HOST_NAME), trees.text("hostB")), {}),
+                  op == ZOLTLOG_OP_NOT_EQUAL)
+            << op;
     }
 }
 
 TEST(Query, LogSetNameComparesByEqualAndNotEqualOnlyInBothMappings) {
     for (const int32_t op : OPERATORS) {
         Trees trees;
-        LogQueryNode *same = trees.op(op, trees.attribute(279), trees.text("setA"));
-        LogQueryNode *other = trees.op(op, trees.attribute(279), trees.text("setAB"));
+        LogQueryNode *same = trees.op(op, trees.attribute(ZOLTLOG_ATTR_LOGSET_NAME), trees.text("setA"));
+        LogQueryNode *other = trees.op(op, trees.attribute(ZOLTLOG_ATTR_LOGSET_NAME), trees.text("setAB"));
         for (const auto filter : {byName, byHeader}) {
-            EXPECT_EQ(filter(same, {}), op == EQUAL) << op;
-            EXPECT_EQ(filter(other, {}), op == NOT_EQUAL) << op;
+            EXPECT_EQ(filter(same, {}), op == ZOLTLOG_OP_EQUAL) << op;
+            EXPECT_EQ(filter(other, {}), op == ZOLTLOG_OP_NOT_EQUAL) << op;
         }
     }
 }
@@ -292,8 +334,10 @@ TEST(Query, WithoutALogSetNameItsComparisonsAreFalse) {
     File file;
     file.set = nullptr;
     Trees trees;
-    EXPECT_FALSE(byName(trees.op(EQUAL, trees.attribute(279), trees.text("setA")), file));
-    EXPECT_FALSE(byName(trees.op(NOT_EQUAL, trees.attribute(279), trees.text("setA")), file));
+    EXPECT_FALSE(byName(
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_LOGSET_NAME), trees.text("setA")), file));
+    EXPECT_FALSE(byName(
+        trees.op(ZOLTLOG_OP_NOT_EQUAL, trees.attribute(ZOLTLOG_ATTR_LOGSET_NAME), trees.text("setA")), file));
 }
 
 TEST(Query, LongLiteralsAreCutToTheMappingsBuffer) {
@@ -301,7 +345,8 @@ TEST(Query, LongLiteralsAreCutToTheMappingsBuffer) {
     const std::string cutByName = text.substr(0, 567);
     const std::string cutByHeader = text.substr(0, 1079);
     Trees trees;
-    LogQueryNode *query = trees.op(EQUAL, trees.attribute(279), trees.text(text.c_str()));
+    LogQueryNode *query =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_LOGSET_NAME), trees.text(text.c_str()));
     File file;
     file.set = cutByName.c_str();
     EXPECT_TRUE(byName(query, file));
@@ -313,47 +358,65 @@ TEST(Query, LongLiteralsAreCutToTheMappingsBuffer) {
 
 TEST(Query, NumericComparisonMayHaveItsAttributeOnTheRight) {
     Trees trees;
-    EXPECT_TRUE(byName(trees.op(EQUAL, trees.number(101), trees.attribute(263)), {}));
-    EXPECT_FALSE(byName(trees.op(EQUAL, trees.number(102), trees.attribute(263)), {}));
-    EXPECT_TRUE(byHeader(trees.op(EQUAL, trees.number(101), trees.attribute(263)), {}));
+    EXPECT_TRUE(
+        byName(trees.op(ZOLTLOG_OP_EQUAL, trees.number(101), trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID)), {}));
+    EXPECT_FALSE(
+        byName(trees.op(ZOLTLOG_OP_EQUAL, trees.number(102), trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID)), {}));
+    EXPECT_TRUE(byHeader(
+        trees.op(ZOLTLOG_OP_EQUAL, trees.number(101), trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID)), {}));
 }
 
 TEST(Query, OperatorIsNotMirroredBySwap) {
     Trees trees;
     // "100 < product" is evaluated as "product < 100".
-    EXPECT_FALSE(byName(trees.op(LESS, trees.number(100), trees.attribute(263)), {}));
-    EXPECT_TRUE(byName(trees.op(LESS, trees.number(200), trees.attribute(263)), {}));
+    EXPECT_FALSE(
+        byName(trees.op(ZOLTLOG_OP_LESS, trees.number(100), trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID)), {}));
+    EXPECT_TRUE(
+        byName(trees.op(ZOLTLOG_OP_LESS, trees.number(200), trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID)), {}));
 }
 
 TEST(Query, TextLiteralOnTheLeftComparesAsEmpty) {
     Trees trees;
-    EXPECT_FALSE(byName(trees.op(EQUAL, trees.text("setA"), trees.attribute(279)), {}));
-    EXPECT_TRUE(byName(trees.op(NOT_EQUAL, trees.text("setA"), trees.attribute(279)), {}));
+    EXPECT_FALSE(byName(
+        trees.op(ZOLTLOG_OP_EQUAL, trees.text("setA"), trees.attribute(ZOLTLOG_ATTR_LOGSET_NAME)), {}));
+    EXPECT_TRUE(byName(
+        trees.op(ZOLTLOG_OP_NOT_EQUAL, trees.text("setA"), trees.attribute(ZOLTLOG_ATTR_LOGSET_NAME)), {}));
     File nameless;
     nameless.set = "";
-    EXPECT_TRUE(byName(trees.op(EQUAL, trees.text("setA"), trees.attribute(279)), nameless));
-    EXPECT_FALSE(byHeader(trees.op(EQUAL, trees.text("setA"), trees.attribute(279)), {}));
+    EXPECT_TRUE(byName(
+        trees.op(ZOLTLOG_OP_EQUAL, trees.text("setA"), trees.attribute(ZOLTLOG_ATTR_LOGSET_NAME)), nameless));
+    EXPECT_FALSE(byHeader(
+        trees.op(ZOLTLOG_OP_EQUAL, trees.text("setA"), trees.attribute(ZOLTLOG_ATTR_LOGSET_NAME)), {}));
 }
 
 TEST(Query, TwoAttributesCompareTheRightOneWithTheLeftOnesCode) {
     Trees trees;
     File file;
-    file.product = 269;
-    EXPECT_TRUE(byName(trees.op(EQUAL, trees.attribute(269), trees.attribute(263)), file));
-    EXPECT_FALSE(byName(trees.op(EQUAL, trees.attribute(268), trees.attribute(263)), file));
+    file.product = ZOLTLOG_ATTR_CREATION_TIME;
+    EXPECT_TRUE(byName(trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_CREATION_TIME),
+                                trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID)),
+                       file));
+    EXPECT_FALSE(byName(trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_TIME),
+                                 trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID)),
+                        file));
 }
 
 TEST(Query, AllNumericLiteralKindsAreNumbers) {
-    for (const int32_t kind : {258, 260, 261}) {
+    for (const int32_t kind : {ZOLTLOG_TERM_NUMBER, ZOLTLOG_TERM_NUMBER_2, ZOLTLOG_TERM_NUMBER_3}) {
         Trees trees;
-        EXPECT_TRUE(byName(trees.op(EQUAL, trees.attribute(263), trees.number(101, kind)), {})) << kind;
+        EXPECT_TRUE(byName(
+            trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(101, kind)),
+            {}))
+            << kind;
     }
 }
 
 TEST(Query, ProductAndOriginator) {
     Trees trees;
-    LogQueryNode *query = trees.op(AND, trees.op(EQUAL, trees.attribute(263), trees.number(101)),
-                                   trees.op(EQUAL, trees.attribute(265), trees.number(7)));
+    LogQueryNode *query = trees.op(
+        ZOLTLOG_OP_AND,
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(101)),
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_FILE_ORIGINATOR_ID), trees.number(7)));
     File file;
     EXPECT_TRUE(byName(query, file));
     file.originator = 8;
@@ -369,20 +432,23 @@ TEST(Query, AttributeComparedWithASubResultTakesItsTruthValue) {
     Trees trees;
     File file;
     file.product = 1;
-    LogQueryNode *yes = trees.op(EQUAL, trees.attribute(269), trees.number(1000));
-    EXPECT_TRUE(byName(trees.op(EQUAL, trees.attribute(263), yes), file));
-    LogQueryNode *no = trees.op(EQUAL, trees.attribute(269), trees.number(1));
-    EXPECT_FALSE(byName(trees.op(EQUAL, trees.attribute(263), no), file));
+    LogQueryNode *yes =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_CREATION_TIME), trees.number(1000));
+    EXPECT_TRUE(byName(trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), yes), file));
+    LogQueryNode *no =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_CREATION_TIME), trees.number(1));
+    EXPECT_FALSE(byName(trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), no), file));
 }
 
 TEST(Query, LiteralBesideASubResultCountsAsNotEvaluatedMinusOne) {
     Trees trees;
-    LogQueryNode *yes = trees.op(EQUAL, trees.attribute(263), trees.number(101));
+    LogQueryNode *yes =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(101));
     // The literal's own value is not looked at: it is true to "and" and equal to no truth value.
-    EXPECT_TRUE(byName(trees.op(AND, yes, trees.number(0)), {}));
-    EXPECT_FALSE(byName(trees.op(EQUAL, yes, trees.number(1)), {}));
-    EXPECT_TRUE(byName(trees.op(LESS, yes, trees.number(0)), {}));
-    EXPECT_TRUE(byName(trees.op(EQUAL, trees.number(3), trees.number(4)), {})); // two literals
+    EXPECT_TRUE(byName(trees.op(ZOLTLOG_OP_AND, yes, trees.number(0)), {}));
+    EXPECT_FALSE(byName(trees.op(ZOLTLOG_OP_EQUAL, yes, trees.number(1)), {}));
+    EXPECT_TRUE(byName(trees.op(ZOLTLOG_OP_LESS, yes, trees.number(0)), {}));
+    EXPECT_TRUE(byName(trees.op(ZOLTLOG_OP_EQUAL, trees.number(3), trees.number(4)), {})); // two literals
 }
 
 // ---- the walk --------------------------------------------------------------------
@@ -397,15 +463,17 @@ TEST(Query, NullListingOrHeaderPassesNothing) {
     EXPECT_EQ(EvaluateFileCondition(nullptr, &header, "", 0), 0);
     Trees trees;
     LogListing listing = {};
-    listing.query = trees.op(OR, trees.number(1), trees.number(1));
+    listing.query = trees.op(ZOLTLOG_OP_OR, trees.number(1), trees.number(1));
     EXPECT_EQ(EvaluateFileCondition(&listing, nullptr, "", 0), 0);
 }
 
 TEST(Query, SlotsAreHandedOutBottomUpLeftFirst) {
     Trees trees;
-    LogQueryNode *left = trees.op(EQUAL, trees.attribute(263), trees.number(101));
-    LogQueryNode *right = trees.op(EQUAL, trees.attribute(263), trees.number(102));
-    LogQueryNode *root = trees.op(OR, left, right);
+    LogQueryNode *left =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(101));
+    LogQueryNode *right =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(102));
+    LogQueryNode *root = trees.op(ZOLTLOG_OP_OR, left, right);
     EXPECT_TRUE(byName(root, {}));
     EXPECT_EQ(left->slot, 1);
     EXPECT_EQ(right->slot, 2);
@@ -418,8 +486,9 @@ TEST(Query, SlotsAreHandedOutBottomUpLeftFirst) {
 
 TEST(Query, SlotsOutsideTheTableReadAsNotEvaluated) {
     Trees trees;
-    LogQueryNode *left = trees.op(EQUAL, trees.attribute(263), trees.number(101));
-    LogQueryNode *root = trees.op(AND, left, left);
+    LogQueryNode *left =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(101));
+    LogQueryNode *root = trees.op(ZOLTLOG_OP_AND, left, left);
     left->slot = -5;
     root->slot = 123456;
     EXPECT_TRUE(byName(root, {}));
@@ -428,16 +497,18 @@ TEST(Query, SlotsOutsideTheTableReadAsNotEvaluated) {
 TEST(Query, TreeOf199OperatorsIsEvaluatedAndALargerOnePassesNothing) {
     for (const bool leftDeep : {true, false}) {
         Trees trees;
-        LogQueryNode *root = trees.op(EQUAL, trees.attribute(263), trees.number(101));
+        LogQueryNode *root =
+            trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(101));
         int operators = 1;
         for (; operators < 199; operators += 2) {
-            LogQueryNode *more = trees.op(EQUAL, trees.attribute(263), trees.number(101));
-            root = leftDeep ? trees.op(AND, root, more) : trees.op(AND, more, root);
+            LogQueryNode *more =
+                trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(101));
+            root = leftDeep ? trees.op(ZOLTLOG_OP_AND, root, more) : trees.op(ZOLTLOG_OP_AND, more, root);
         }
         ASSERT_EQ(operators, 199);
         EXPECT_TRUE(byName(root, {}));
         EXPECT_TRUE(byName(root, {}));
-        LogQueryNode *larger = trees.op(OR, root, trees.number(1));
+        LogQueryNode *larger = trees.op(ZOLTLOG_OP_OR, root, trees.number(1));
         EXPECT_FALSE(byName(larger, {}));
         EXPECT_FALSE(byHeader(larger, {}));
     }
@@ -445,14 +516,15 @@ TEST(Query, TreeOf199OperatorsIsEvaluatedAndALargerOnePassesNothing) {
 
 TEST(Query, VeryDeepOrIncompleteTreesDoNoHarm) {
     Trees trees;
-    LogQueryNode *deep = trees.op(EQUAL, trees.attribute(263), trees.number(101));
+    LogQueryNode *deep =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(101));
     for (int i = 0; i < 100000; ++i)
-        deep = trees.op(AND, deep, trees.number(1));
+        deep = trees.op(ZOLTLOG_OP_AND, deep, trees.number(1));
     EXPECT_FALSE(byName(deep, {}));
-    EXPECT_FALSE(byName(trees.op(AND, nullptr, nullptr), {}));
-    EXPECT_FALSE(byName(trees.op(AND, trees.attribute(263), nullptr), {}));
+    EXPECT_FALSE(byName(trees.op(ZOLTLOG_OP_AND, nullptr, nullptr), {}));
+    EXPECT_FALSE(byName(trees.op(ZOLTLOG_OP_AND, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), nullptr), {}));
     EXPECT_FALSE(byName(trees.number(1), {}));
-    EXPECT_FALSE(byName(trees.attribute(264), {}));
+    EXPECT_FALSE(byName(trees.attribute(ZOLTLOG_ATTR_ORIGINATOR_ID), {}));
 }
 
 TEST(Query, RandomTreesAgreeWithAPlainEvaluation) {
@@ -472,8 +544,8 @@ TEST(Query, RandomTreesAgreeWithAPlainEvaluation) {
             case 3:
                 return trees.text(texts[pick(4)]);
             default: {
-                const uint64_t values[] = {0, 1, 7, 101, 1000, 2000, 278, UINT64_MAX};
-                const int32_t kinds[] = {258, 260, 261};
+                const uint64_t values[] = {0, 1, 7, 101, 1000, 2000, ZOLTLOG_ATTR_HOST_NAME, UINT64_MAX};
+                const int32_t kinds[] = {ZOLTLOG_TERM_NUMBER, ZOLTLOG_TERM_NUMBER_2, ZOLTLOG_TERM_NUMBER_3};
                 return trees.number(values[pick(8)], kinds[pick(3)]);
             }
             }
@@ -548,7 +620,8 @@ class QueryTimeZone : public testing::Test {
 };
 
 TEST_F(QueryTimeZone, SubtractsTheDifferenceFromTimes) {
-    LogQueryNode *query = trees.op(GREATER, trees.attribute(268), trees.number(100000));
+    LogQueryNode *query =
+        trees.op(ZOLTLOG_OP_GREATER, trees.attribute(ZOLTLOG_ATTR_TIME), trees.number(100000));
     EXPECT_EQ(updateQueryForTZ(query, 3600), 0u); // delta -7200 - 3600 = -10800
     EXPECT_EQ(query->right->value.number, 110800u);
     EXPECT_EQ(updateQueryForTZ(query, 3600), 0u); // twice subtracts twice
@@ -556,42 +629,53 @@ TEST_F(QueryTimeZone, SubtractsTheDifferenceFromTimes) {
 }
 
 TEST_F(QueryTimeZone, ChangesBothTimeAttributesAndNothingElse) {
-    LogQueryNode *time = trees.op(GREATER, trees.attribute(268), trees.number(50000));
-    LogQueryNode *creation = trees.op(LESS, trees.attribute(269), trees.number(60000));
-    LogQueryNode *product = trees.op(EQUAL, trees.attribute(263), trees.number(70000));
-    LogQueryNode *none = trees.op(EQUAL, trees.attribute(269), trees.number(0));
-    LogQueryNode *swapped = trees.op(LESS, trees.number(80000), trees.attribute(268));
-    LogQueryNode *query = trees.op(AND, trees.op(AND, time, creation),
-                                   trees.op(OR, trees.op(OR, product, none), trees.op(OR, swapped, swapped)));
+    LogQueryNode *time =
+        trees.op(ZOLTLOG_OP_GREATER, trees.attribute(ZOLTLOG_ATTR_TIME), trees.number(50000));
+    LogQueryNode *creation =
+        trees.op(ZOLTLOG_OP_LESS, trees.attribute(ZOLTLOG_ATTR_CREATION_TIME), trees.number(60000));
+    LogQueryNode *product =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(70000));
+    LogQueryNode *none =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_CREATION_TIME), trees.number(0));
+    LogQueryNode *swapped =
+        trees.op(ZOLTLOG_OP_LESS, trees.number(80000), trees.attribute(ZOLTLOG_ATTR_TIME));
+    LogQueryNode *query = trees.op(ZOLTLOG_OP_AND, trees.op(ZOLTLOG_OP_AND, time, creation),
+                                   trees.op(ZOLTLOG_OP_OR, trees.op(ZOLTLOG_OP_OR, product, none),
+                                            trees.op(ZOLTLOG_OP_OR, swapped, swapped)));
     EXPECT_EQ(updateQueryForTZ(query, -3600), 0u); // delta -3600
     EXPECT_EQ(time->right->value.number, 53600u);
     EXPECT_EQ(creation->right->value.number, 63600u);
     EXPECT_EQ(product->right->value.number, 70000u);
     EXPECT_EQ(none->right->value.number, 0u);
     EXPECT_EQ(swapped->left->value.number, 80000u);
-    EXPECT_EQ(swapped->right->value.number, 268u);
+    EXPECT_EQ(swapped->right->value.number, uint64_t{ZOLTLOG_ATTR_TIME});
 }
 
 TEST_F(QueryTimeZone, StopsWhereAnOperandIsMissing) {
     EXPECT_EQ(updateQueryForTZ(nullptr, 0), 1u);
     EXPECT_EQ(updateQueryForTZ(trees.number(1), 0), 1u);
-    EXPECT_EQ(updateQueryForTZ(trees.op(AND, trees.number(1), nullptr), 0), 1u);
-    EXPECT_EQ(updateQueryForTZ(trees.op(AND, nullptr, trees.number(1)), 0), 1u);
+    EXPECT_EQ(updateQueryForTZ(trees.op(ZOLTLOG_OP_AND, trees.number(1), nullptr), 0), 1u);
+    EXPECT_EQ(updateQueryForTZ(trees.op(ZOLTLOG_OP_AND, nullptr, trees.number(1)), 0), 1u);
 }
 
 TEST_F(QueryTimeZone, ATermBesideAnOperatorStopsTheWalkAfterTheRightSide) {
-    LogQueryNode *time = trees.op(GREATER, trees.attribute(268), trees.number(50000));
-    LogQueryNode *query = trees.op(AND, trees.number(1), time);
+    LogQueryNode *time =
+        trees.op(ZOLTLOG_OP_GREATER, trees.attribute(ZOLTLOG_ATTR_TIME), trees.number(50000));
+    LogQueryNode *query = trees.op(ZOLTLOG_OP_AND, trees.number(1), time);
     EXPECT_EQ(updateQueryForTZ(query, 0), 1u);
     EXPECT_EQ(time->right->value.number, 57200u); // the right side came first
-    LogQueryNode *untouched = trees.op(GREATER, trees.attribute(268), trees.number(50000));
-    EXPECT_EQ(updateQueryForTZ(trees.op(AND, untouched, trees.number(1)), 0), 1u);
+    LogQueryNode *untouched =
+        trees.op(ZOLTLOG_OP_GREATER, trees.attribute(ZOLTLOG_ATTR_TIME), trees.number(50000));
+    EXPECT_EQ(updateQueryForTZ(trees.op(ZOLTLOG_OP_AND, untouched, trees.number(1)), 0), 1u);
     EXPECT_EQ(untouched->right->value.number, 50000u);
 }
 
 TEST_F(QueryTimeZone, EndlessRightChainsStop) {
-    LogQueryNode *chain = trees.op(EQUAL, trees.attribute(263), trees.number(1));
+    LogQueryNode *chain =
+        trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(1));
     for (int i = 0; i < 5000; ++i)
-        chain = trees.op(AND, trees.op(EQUAL, trees.attribute(263), trees.number(1)), chain);
+        chain = trees.op(
+            ZOLTLOG_OP_AND,
+            trees.op(ZOLTLOG_OP_EQUAL, trees.attribute(ZOLTLOG_ATTR_PRODUCT_ID), trees.number(1)), chain);
     EXPECT_EQ(updateQueryForTZ(chain, 0), 1u);
 }
