@@ -6,7 +6,6 @@
 
 namespace tools {
 
-const char *resultText(uint32_t result);    // "unknown result" for a code that the library does not have
 std::string resultMessage(uint32_t result); // "no log file was found (45)"
 // Why the main configuration file gave nothing: that it cannot be read, else the result.
 std::string configurationProblem(const char *path, uint32_t result);
