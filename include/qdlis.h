@@ -20,11 +20,12 @@
  * until the process ends. A catalogue that could not be read when it was first needed
  * (it is not there, it is damaged, memory had ended) is missing until then.
  *
- * Results are those of zoltlis.h: 0, or
- *     -1  there is no item, or no further one
- *     -2  invalid argument: a null pointer, an invalid format, an item of another type
- *     -3  out of memory
- *     -4  the catalogues cannot be read, for another reason than that one is missing
+ * Results are those of zoltlis.h, ZOLTLIS_...:
+ *     _NO_MORE           there is no item, or no further one
+ *     _INVALID_ARGUMENT  a null pointer, an invalid format, an item of another type
+ *     _NO_MEMORY
+ *     _FAILED            the catalogues cannot be read, for another reason than that one is
+ *                        missing
  *
  * Calls may come from any thread; a block belongs to the thread that uses it.
  * setlocale must not be called at the same time as any of them.
@@ -46,12 +47,12 @@ extern "C" {
  * Adds a catalogue after those of the environment variable QDLIS_CATALOG (a list
  * of paths separated by colons, read at the first use and not in set-user-id
  * programs). The first catalogue that has a message is used. A relative path
- * starts at the current directory. Adding one twice does nothing. -2: null or
- * empty. -4: there are 32 already, or there is no current directory.
+ * starts at the current directory. Adding one twice does nothing. _INVALID_ARGUMENT: null or
+ * empty. _FAILED: there are 32 already, or there is no current directory.
  */
 int32_t qdlisAddCatalog(const char *package);
 
-/* Kinds of operating-system errors: the item types 6 and 7 */
+/* Kinds of operating-system errors: ZOLTLIS_ITEM_OS_ERROR and ZOLTLIS_ITEM_OS_ERROR_OTHER */
 enum { QDLIS_ERRNO = 0, QDLIS_OTHER_ERROR = 1 };
 
 /*
@@ -64,7 +65,7 @@ int32_t qdlisBegin(ZoltLisBlock *block, uint32_t utf8, int64_t messageNumber);
 
 /*
  * Each adds one item at the end of a block from qdlisBegin. Texts are copied; a
- * null text is -2. After a failure the block is as it was.
+ * null text is _INVALID_ARGUMENT. After a failure the block is as it was.
  */
 int32_t qdlisAddWideChar(ZoltLisBlock *block, wchar_t value);
 int32_t qdlisAddSigned(ZoltLisBlock *block, int64_t value);
@@ -79,7 +80,7 @@ int32_t qdlisAddNativeString(ZoltLisBlock *block, const char *text);
 
 /*
  * Adds a block as one item of another. The outer block owns it from then on:
- * nested becomes empty. -2: it is empty, the outer block itself, or
+ * nested becomes empty. _INVALID_ARGUMENT: it is empty, the outer block itself, or
  * more than 16 blocks would lie in one another.
  */
 int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested);
@@ -88,7 +89,7 @@ int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested);
  * Ends a block that was begun with a message number: looks the message up and
  * puts its items in the place of the arguments. Integers, doubles, characters,
  * strings and pointers are shown by the conversions of their kind; OS errors,
- * dates and nested blocks by %N$s, at most once each. 0 also when no catalogue
+ * dates and nested blocks by %N$s, at most once each. _OK also when no catalogue
  * has a fitting message: the block then stays as it is, the number and its raw
  * arguments. Without effect on other blocks.
  */
@@ -97,7 +98,7 @@ int32_t qdlisLookUp(ZoltLisBlock *block);
 /*
  * Tells what arguments a pattern takes: one letter for each position from 1, "d"
  * integer, "f" floating point, "c" character, "s" string, "p" pointer, "-" not
- * used; ended by a NUL and cut to size. -2: the pattern is invalid ("%n", "%m",
+ * used; ended by a NUL and cut to size. _INVALID_ARGUMENT: the pattern is invalid ("%n", "%m",
  * an unknown conversion, one position with two types, only some conversions with
  * positions, a null argument, size 0).
  */

@@ -5,7 +5,7 @@
  * A localization text is a block of three words: a message's identity and a
  * list of typed items (pieces of text and argument values). The block is zeroed
  * by the caller, filled by zoltLisVEx or zoltLisTextV, walked with an iterator
- * and released with zoltLisFree. Every call returns 0 for success.
+ * and released with zoltLisFree. Every call returns ZOLTLIS_OK or another ZOLTLIS_...
  */
 #ifndef ZOLTLIS_H
 #define ZOLTLIS_H
@@ -58,24 +58,23 @@ typedef struct ZoltLisIterator {
     uintptr_t word[8];
 } ZoltLisIterator;
 
-/* The error code is the word at byte offset 8 */
+/* An error of the operating system */
 typedef struct ZoltLisOsError {
-    uint64_t kind;
-    int64_t code;
+    uint64_t kind; /* the library's own */
+    int64_t code;  /* an errno, for ZOLTLIS_ITEM_OS_ERROR */
 } ZoltLisOsError;
 
-/* The first 64-bit word is seconds since the epoch */
 typedef struct ZoltLisDateTime {
-    int64_t seconds;
-    int64_t nanoseconds;
+    int64_t seconds;     /* since 1970-01-01 UTC */
+    int64_t nanoseconds; /* 0 to 999999999 */
 } ZoltLisDateTime;
 
 /*
  * Builds the block of message messageNumber: its catalogue text when there is one
  * that fits the arguments of format, else the number and the raw arguments. Number 0
  * stands for no message: the block is format's own text. utf8: the texts are UTF-8,
- * else in the locale's encoding. Results other than 0: -2 invalid argument or format,
- * -3 out of memory, -4 failure inside the library; the block then stays empty.
+ * else in the locale's encoding. ZOLTLIS_INVALID_ARGUMENT (also for a format),
+ * ZOLTLIS_NO_MEMORY, ZOLTLIS_FAILED: the block then stays empty.
  */
 int32_t zoltLisVEx(ZoltLisBlock *block, uint32_t utf8, int64_t messageNumber, const char *format,
                    va_list args);
@@ -85,11 +84,11 @@ int32_t zoltLisTextV(ZoltLisBlock *block, const char *reference, va_list args);
 int32_t zoltLisFree(ZoltLisBlock *block);
 /* Yields 0 when the text is whole, or the number of a message without a catalogue */
 int32_t zoltLisGetTextId(ZoltLisBlock *block, int64_t *identity);
-/* Puts the iterator on the first item; not 0 when there is none */
+/* Puts the iterator on the first item; ZOLTLIS_NO_MORE when there is none */
 int32_t zoltLisGetArgsBegin(ZoltLisBlock *block, ZoltLisIterator *argument);
-/* Moves to the next item; not 0 after the last */
+/* Moves to the next item; ZOLTLIS_NO_MORE after the last */
 int32_t zoltLisGetNextArg(ZoltLisIterator *argument);
-/* The current item's type: 0 to 11 in the order of the getters, where OS errors are 6 and 7 */
+/* The current item's type: ZOLTLIS_ITEM_... */
 int32_t zoltLisGetArgTypeId(ZoltLisIterator *argument, uint32_t *type);
 /* The current item's value. Pointers stay valid until the block is released */
 int32_t zoltLisGetArg_wchar(ZoltLisIterator *argument, wchar_t *out);

@@ -5,17 +5,17 @@
  * A program opens a log handle for a product id and an originator id, sends
  * messages through it and closes it:
  *
- *     LogHandle log;
- *     if (zoltLogOpen(5, 7, &log) == ZOLTLOG_OK) {
- *         zoltLogAppMsg(&log, 0, 1, 0, "disk %s is %d%% full", "/var", 93);
- *         zoltLogClose(&log);
- *     }
+ *     LogHandle log = {0};
+ *     if (zoltLogOpen(5, 7, &log) == ZOLTLOG_OK)
+ *         zoltLogAppMsg(&log, 0, ZOLTLOG_SEVERITY_WARNING, 0, "disk %s is %d%% full", "/var", 93);
+ *     zoltLogClose(&log);
  *
  * Conventions, which hold for every operation unless it says otherwise:
  *
  * 1. Results. Operations return ZOLTLOG_OK (0) or one of the result codes
- *    below. Pointers are checked first: a null pointer where a value is needed
- *    is ZOLTLOG_INVALID_ARGUMENT. On failure outputs are left alone.
+ *    below, whose names and texts zoltlog_results.h has. Pointers are checked
+ *    first: a null pointer where a value is needed is ZOLTLOG_INVALID_ARGUMENT.
+ *    On failure outputs are left alone.
  * 2. Ownership. Handles, context handles, LogCfg records, listings and cursors
  *    are storage of the caller; the library zeroes them when it fills them and
  *    frees only what it allocated inside them. A text or block that an operation
@@ -236,241 +236,264 @@ enum {
     ZOLTLOG_FORMAT_OSLOG = 0x600    /* a line for the system log, which adds the time itself */
 };
 
-/* ---- records ---------------------------------------------------------- */
+/* ---- records ----------------------------------------------------------
+ *
+ * Texts end with a NUL. "Owned" is a text of zoltLogMalloc that belongs to the record and goes
+ * with the operation that releases it; "borrowed" is one that belongs to somebody else and
+ * must outlive the record. A pointer may be null unless its comment says otherwise. Room
+ * named reserved, word or info is 0 and not used.
+ */
 
 typedef struct LocalizerList {
-    uint64_t count;
-    void *first;
+    uint64_t count; /* 0: empty */
+    void *first;    /* the formatter plug-in's; null when empty */
 } LocalizerList;
 
+/* One message; see "message record" below */
 typedef struct LogMsg {
-    uint32_t ownsStrings;
-    uint64_t recordVersion;
-    uint32_t type;
-    uint64_t productId;
-    uint64_t originatorId;
-    uint64_t fileOriginatorId;
-    uint64_t messageId;
-    uint64_t timestamp; /* milliseconds since 1970-01-01 UTC */
-    uint64_t processId;
-    uint64_t threadId;
-    char *contextToken;
-    char *text;
+    uint32_t ownsStrings;      /* 0; 1: contextToken and who are the record's to free, too */
+    uint64_t recordVersion;    /* ZOLTLOG_RECORD_VERSION_...; the writer sets it */
+    uint32_t type;             /* ZOLTLOG_MSG_... */
+    uint64_t productId;        /* of the handle's log file; 0 when it has none */
+    uint64_t originatorId;     /* the handle's */
+    uint64_t fileOriginatorId; /* of the file it goes to; the writer sets it */
+    uint64_t messageId;        /* the caller's, else the handle's sequence number */
+    uint64_t timestamp;        /* milliseconds since 1970-01-01 UTC */
+    uint64_t processId;        /* getPID() */
+    uint64_t threadId;         /* getTID() */
+    char *contextToken;        /* borrowed; null outside of contexts */
+    char *text;                /* owned; null: none, or the one that lis gives */
     uint64_t reserved[4];
-    uint32_t utf8;
+    uint32_t utf8; /* not 0: the texts are UTF-8; zoltLogMsg sets it to the handle's */
     union {
-        uint32_t severity;  /* application */
-        uint32_t level;     /* debug, diagnostic, secure audit */
-        char *contextTitle; /* context: owned */
+        uint32_t severity;  /* application: ZOLTLOG_SEVERITY_... */
+        uint32_t level;     /* debug, diagnostic, secure audit: 1 to 6 */
+        char *contextTitle; /* context: its token, owned */
     } attr;
-    char *who; /* debug, diagnostic, application: who; audit, secure audit: subject */
-    uint32_t outcome;
-    ZoltLisBlock lis;
+    char *who;        /* debug, diagnostic, application: who; audit, secure audit: subject; borrowed */
+    uint32_t outcome; /* audit, secure audit: any number */
+    ZoltLisBlock lis; /* catalogue reference and arguments, owned; zeros: none */
 } LogMsg;
 
+/* What openlog is given */
 typedef struct OsLogSettings {
-    char ident[80];
-    uint32_t option;
-    uint32_t facility;
+    char ident[80];    /* identity; without a NUL when it fills the field */
+    uint32_t option;   /* LOG_... option bits of <syslog.h> */
+    uint32_t facility; /* LOG_USER and so on, as <syslog.h> has them */
 } OsLogSettings;
 
 typedef struct OsLogSink {
-    char ident[80];
+    char ident[80]; /* the identity that openlog holds while the sink is open; up to 79 bytes */
 } OsLogSink;
 
 typedef struct FileSecuritySetting {
-    uint32_t mode;
+    uint32_t mode; /* permission bits of a file: 0660 by default */
 } FileSecuritySetting;
 
+/* The settings of an originator or a log set; docs/format-config.md has the keys */
 typedef struct LogCfg {
-    uint64_t productId;
-    uint64_t originatorId;
-    uint32_t debugLevel;
-    uint32_t diagLevel;
-    uint32_t secureAuditLevel;
-    uint32_t outputFlags;
-    char directory[1025];
-    FileSecuritySetting permissions;
-    uint64_t maxFileSizeKB;
-    uint32_t rolloverMode;
-    uint64_t rolloverPeriod; /* seconds */
-    uint64_t rolloverTime;   /* seconds after local midnight */
-    uint64_t numberOfLogFiles;
-    uint32_t logRecycling;
-    OsLogSettings oslog;
-    char productShortNames[1025];
-    char originatorNames[1025];
-    char *l10nLib;
+    uint64_t productId;              /* not 0 */
+    uint64_t originatorId;           /* not 0; ZOLTLOG_DEFAULT_ORIGINATOR: the "Default" section */
+    uint32_t debugLevel;             /* highest that is written, ZOLTLOG_LEVEL_NONE to _LAST */
+    uint32_t diagLevel;              /* the same of diagnostic messages */
+    uint32_t secureAuditLevel;       /* the same of secure audit messages; any number, no key */
+    uint32_t outputFlags;            /* ZOLTLOG_OUT_... */
+    char directory[1025];            /* of the log files; ends in "/", or is empty */
+    FileSecuritySetting permissions; /* of new log files */
+    uint64_t maxFileSizeKB;          /* 1024 bytes each, not 0 */
+    uint32_t rolloverMode;           /* ZOLTLOG_ROLLOVER_... */
+    uint64_t rolloverPeriod;         /* seconds, not 0 */
+    uint64_t rolloverTime;           /* seconds after local midnight */
+    uint64_t numberOfLogFiles;       /* of a series that are kept, not 0; ZOLTLOG_KEEP_ALL_FILES */
+    uint32_t logRecycling;           /* 0 or 1: surplus files are removed at a rollover */
+    OsLogSettings oslog;             /* of the system log */
+    char productShortNames[1025];    /* separated by commas; empty: none */
+    char originatorNames[1025];      /* the same */
+    char *l10nLib;                   /* owned, as all texts below */
     char *l10nResource;
     char *l10nResourceDir;
-    uint32_t changedMask;
-    uint32_t removedMask;
-    uint32_t reloadInterval; /* seconds */
-    char *logsetName;
-    uint32_t isLogset;
-    char *logsetFilename;
-    uint32_t appMsgLogging;
-    char *logsetOidAppMsgLogging;
-    char *logsetOidDebugLogging;
-    char *logsetOidDiagLogging;
+    uint32_t changedMask;         /* a bit for each setting that a writing operation writes ... */
+    uint32_t removedMask;         /* ... or removes */
+    uint32_t reloadInterval;      /* seconds between looks for a changed file, below 2^31; 0: never */
+    char *logsetName;             /* null: an originator's record */
+    uint32_t isLogset;            /* 0 or 1 */
+    char *logsetFilename;         /* first part of the log set's file names */
+    uint32_t appMsgLogging;       /* 0 or 1; filters nothing in this library */
+    char *logsetOidAppMsgLogging; /* originators, as the key of the log set lists them */
+    char *logsetOidDebugLogging;  /* the same */
+    char *logsetOidDiagLogging;   /* the same */
 } LogCfg;
 
+/* An open file of the platform services */
 typedef struct OsFile {
-    int32_t descriptor;
-    char buffer[32768];
-    int32_t readPosition;
-    int32_t readCount;
+    int32_t descriptor;   /* -1: closed */
+    char buffer[32768];   /* what readrecord has read ahead */
+    int32_t readPosition; /* of the next byte in the buffer; -1: nothing is read ahead */
+    int32_t readCount;    /* valid bytes of the buffer, 0 to 32768 */
 } OsFile;
 
+/* A place in a directory's log files; the fields are the platform services' own */
 typedef struct OsLogFileCursor {
     uint64_t word;
-    char *directory;
-    DIR *stream;
-    struct dirent *entry;
+    char *directory;      /* owned; as it was given */
+    DIR *stream;          /* owned; null in a copy */
+    struct dirent *entry; /* owned; the current file */
 } OsLogFileCursor;
 
 typedef struct LogHandle LogHandle;
 
-/* Year is the year - 2000, month 1 to 12 */
+/* Local time as file names have it */
 typedef struct LogFileDate {
-    int32_t year, month, day, hour, minute, second;
+    int32_t year;   /* less 2000 */
+    int32_t month;  /* 1 to 12 */
+    int32_t day;    /* 1 to 31 */
+    int32_t hour;   /* 0 to 23 */
+    int32_t minute; /* 0 to 59 */
+    int32_t second; /* 0 to 60 */
 } LogFileDate;
 
 /* One open series; shared by the handles in its list. Only the library changes it */
 typedef struct LogFileState {
-    char directory[1025]; /* ends in "/" */
-    FileSecuritySetting permissions;
-    uint64_t maxFileSizeKB;
-    uint32_t rolloverMode;
-    uint32_t logRecycling;
-    uint64_t rolloverPeriod;
-    uint64_t rolloverTime;
+    char directory[1025];            /* ends in "/" */
+    FileSecuritySetting permissions; /* of new files */
+    uint64_t maxFileSizeKB;          /* 1024 bytes each */
+    uint32_t rolloverMode;           /* ZOLTLOG_ROLLOVER_... */
+    uint32_t logRecycling;           /* 0 or 1 */
+    uint64_t rolloverPeriod;         /* seconds */
+    uint64_t rolloverTime;           /* seconds after local midnight */
     uint64_t productId;
     uint64_t fileOriginatorId;
-    uint64_t headerVersion;
-    LogFileDate date;
-    int64_t counter;
-    int64_t nextRolloverTime; /* seconds */
-    int64_t fileStartTime;    /* seconds */
-    int64_t lastReopenTime;   /* milliseconds */
-    OsFile file;              /* descriptor -1 when closed; the writer keeps notes in the buffer */
-    LogHandle *handles;
-    uint32_t isLogset;
-    char *logsetName;     /* owned */
-    char *logsetFilename; /* owned */
+    uint64_t headerVersion;   /* of the open file: ZOLTLOG_RECORD_VERSION_..., or what an old file holds */
+    LogFileDate date;         /* in the open file's name */
+    int64_t counter;          /* in the open file's name; an originator's series only */
+    int64_t nextRolloverTime; /* seconds since 1970-01-01 UTC; of the timed modes */
+    int64_t fileStartTime;    /* the same; 0: no file was opened yet */
+    int64_t lastReopenTime;   /* milliseconds since 1970-01-01 UTC */
+    OsFile file;              /* descriptor -1 when closed; the buffer is the writer's own */
+    LogHandle *handles;       /* the first; the next is its nextOnFile */
+    uint32_t isLogset;        /* 0 or 1 */
+    char *logsetName;         /* owned */
+    char *logsetFilename;     /* owned */
 } LogFileState;
 
 /* Filled and kept by the library; the caller may set utf8 after the open */
 struct LogHandle {
-    LogFileState *file; /* null: secure, closed, or a context that could not be made */
-    uint32_t debugLevel;
-    uint32_t diagLevel;
-    uint32_t secureAuditLevel;
-    uint32_t outputFlags;
-    uint32_t noContext; /* 1 plain handle, 0 context handle */
-    LogMsg contextMsg;
+    LogFileState *file;        /* null: secure, closed, or a context that could not be made */
+    uint32_t debugLevel;       /* highest that is passed on, ZOLTLOG_LEVEL_... */
+    uint32_t diagLevel;        /* the same */
+    uint32_t secureAuditLevel; /* the same */
+    uint32_t outputFlags;      /* ZOLTLOG_OUT_... */
+    uint32_t noContext;        /* 1 plain handle, 0 context handle */
+    LogMsg contextMsg;         /* of a context handle */
     OsLogSink oslog;
-    LogHandle *nextOnFile;
+    LogHandle *nextOnFile; /* in the list of its file state */
     LocalizerList localizers;
-    uint64_t sequenceNumber;
-    int64_t cfgTimestamp;    /* seconds */
-    int64_t lastReloadCheck; /* seconds */
-    uint32_t reloadInterval; /* seconds */
-    LogCfg *cfgCopy;
-    uint32_t utf8; /* not 0: texts passed in are UTF-8 */
-    uint64_t originatorId;
+    uint64_t sequenceNumber; /* that the next message gets */
+    int64_t cfgTimestamp;    /* of the configuration that holds, seconds since 1970-01-01 UTC */
+    int64_t lastReloadCheck; /* seconds since 1970-01-01 UTC */
+    uint32_t reloadInterval; /* seconds; 0: never */
+    LogCfg *cfgCopy;         /* owned; of a secure handle only */
+    uint32_t utf8;           /* not 0: texts passed in are UTF-8 */
+    uint64_t originatorId;   /* stamped on the messages */
 };
 
+/* The first line of a log file */
 typedef struct LogFileHeader {
-    uint64_t version;
-    uint64_t productId;
-    uint64_t originatorId;
+    uint64_t version;      /* ZOLTLOG_RECORD_VERSION_... */
+    uint64_t productId;    /* 0 when read from a log set's header, as the next two are */
+    uint64_t originatorId; /* the file originator's */
     uint64_t creationTime; /* seconds since 1970-01-01 UTC */
-    char hostName[512];
-    int64_t tzOffset; /* seconds; -1 when the header carries none */
+    char hostName[512];    /* without a NUL when it fills the field */
+    int64_t tzOffset;      /* seconds to add to the writer's local time to get UTC; -1: not told */
 } LogFileHeader;
 
+/* A listed or found log file: one block, of zoltLogMalloc */
 typedef struct LogFileEntry {
-    struct LogFileEntry *next;
-    uint64_t headerVersion;
-    OsFile file;
-    uint64_t info[8]; /* zeroed, unused */
-    int64_t creationTime;
-    int64_t tzOffset;
-    char directory[1025];
-    char name[1]; /* the name runs on to the end of the block */
+    struct LogFileEntry *next; /* in a listing */
+    uint64_t headerVersion;    /* ReadHeader sets it; 0 before */
+    OsFile file;               /* closed unless it was fetched */
+    uint64_t info[8];
+    int64_t creationTime; /* seconds since 1970-01-01 UTC; 0: not known */
+    int64_t tzOffset;     /* as the header has it; ReadHeader sets it */
+    char directory[1025]; /* ends in "/" */
+    char name[1];         /* the name runs on to the end of the block */
 } LogFileEntry;
 
+/* A node of a query tree; see "Query trees" below. The caller owns all of it */
 typedef struct LogQueryNode {
-    int32_t kind;
-    int32_t slot;
+    int32_t kind; /* ZOLTLOG_TERM_... or ZOLTLOG_OP_... */
+    int32_t slot; /* 0 in a new tree; the evaluation writes it */
     union {
-        uint64_t number;
-        const char *text;
+        uint64_t number;  /* of a term; ZOLTLOG_ATTR_... of an attribute */
+        const char *text; /* of a text term, borrowed */
     } value;
     uint64_t reserved;
-    struct LogQueryNode *left;
+    struct LogQueryNode *left; /* operands of an operator */
     struct LogQueryNode *right;
 } LogQueryNode;
 
 typedef struct LogListing {
     uint64_t word;
-    LogFileEntry *files;
-    LogFileEntry *next; /* fetch position */
-    LogQueryNode *query;
-    uint32_t unsupportedHeader;
+    LogFileEntry *files;        /* the list; its entries are the caller's to free */
+    LogFileEntry *next;         /* fetch position */
+    LogQueryNode *query;        /* borrowed; null: every file passes */
+    uint32_t unsupportedHeader; /* 1: a file with another header version was passed over */
 } LogListing;
 
+/* An entry of a table of context titles; title and text are owned */
 typedef struct LogContextEntry {
-    struct LogContextEntry *next;
-    uint64_t key[2];
+    struct LogContextEntry *next; /* in its chain */
+    uint64_t key[2];              /* the caller's meaning */
     char *title;
     char *text;
 } LogContextEntry;
 
 typedef struct LogContextKey {
-    uint64_t key[2];
-    uint32_t kind;
+    uint64_t key[2]; /* the caller's meaning */
+    uint32_t kind;   /* ZOLTLOG_CONTEXT_KEY_REPLACE or any other number */
 } LogContextKey;
 
+/* A growing text; see "record encoding". It must not be moved while in use */
 typedef struct TextBuffer {
-    char inlineStorage[4096];
-    char *data;
-    uint64_t free;
-    uint64_t capacity;
+    char inlineStorage[4096]; /* where data begins */
+    char *data;               /* inlineStorage, or a block that free_text_msg frees */
+    uint64_t free;            /* bytes */
+    uint64_t capacity;        /* bytes at data; capacity - free are in use */
 } TextBuffer;
 
+/* A section of a configuration file */
 typedef struct PropertyStore {
-    FILE *stream;
-    char root[400];
-    char path[400];
+    FILE *stream;   /* owned; null: closed */
+    char root[400]; /* the section; may be empty */
+    char path[400]; /* of the file */
 } PropertyStore;
 
 typedef struct LogLockHolder {
-    uint64_t thread;
-    const char *tag;
+    uint64_t thread; /* getTID() */
+    const char *tag; /* borrowed; told by its address */
 } LogLockHolder;
 
+/* A lock; zeros before its first use */
 typedef struct LogLock {
     pthread_mutex_t mutex;
-    int32_t initialized;
-    int32_t savedCancelState;
-    int32_t depth;
-    LogLockHolder holders[10];
+    int32_t initialized;       /* not 0: the mutex is made */
+    int32_t savedCancelState;  /* of the holding thread, as pthread_setcancelstate gave it */
+    int32_t depth;             /* acquisitions that are held, 0 to 10 */
+    LogLockHolder holders[10]; /* the first depth of them */
 } LogLock;
 
 /* What fmtLib and newfmtLib point at during a call */
 typedef struct LogFormatter {
-    void *library;
-    void *entry;
+    void *library; /* handle of dlopen */
+    void *entry;   /* LogFormatMessageFn */
 } LogFormatter;
 
 /* ---- exported data ---------------------------------------------------- */
 
 /* The library's lock. Only the operations of the lock change it. */
 extern LogLock zoltLogMutex;
-/* 54 from the first write on that failed because the device was full, for the rest of
- * the process; 0 before. Look at it after a failed write only. */
+/* ZOLTLOG_DEVICE_FULL from the first write on that failed because the device was full, for
+ * the rest of the process; 0 before. Look at it after a failed write only. */
 extern int32_t errorCode;
 extern void *sh_handle;
 extern LogFormatter *fmtLib;
@@ -505,8 +528,9 @@ uint32_t zoltLogInitMsg(LogMsg *msg, LogHandle *handle, uint32_t type, const cha
  * Each stores the attributes of one type of message; texts are borrowed. The type
  * itself is not looked at. ZOLTLOG_INVALID_ARGUMENT for a null record or who; a
  * null subject is accepted and written as an empty one. The levels of debug and
- * diagnostic messages run from 1 to 6: another one is stored too, and the result is
- * ZOLTLOG_FAILED. Severities are 0 to 4; another one is refused by the encoder.
+ * diagnostic messages run from ZOLTLOG_LEVEL_FIRST to ZOLTLOG_LEVEL_LAST: another one is
+ * stored too, and the result is ZOLTLOG_FAILED. A severity that is no ZOLTLOG_SEVERITY_...
+ * is refused by the encoder.
  */
 uint32_t zoltLogSetDebugAttr(LogMsg *msg, const char *who, uint32_t level);
 uint32_t zoltLogSetDiagAttr(LogMsg *msg, const char *who, uint32_t level);
@@ -562,10 +586,15 @@ uint32_t zoltLogGetMsgLis(LogMsg *msg, ZoltLisBlock **out);
 
 /*
  * Opens a handle on the series of log files of an originator, or of a log set. The
- * record is the caller's: it is zeroed, filled from the configuration, and must stay
- * where it is until it is closed, since all handles of one series are chained. A record
- * that is open must be closed before it is opened again. Of its fields the caller sets
- * only utf8, if its texts are UTF-8. Handles of one originator share one open file.
+ * record is the caller's, and zeros at first: it is zeroed, filled from the configuration,
+ * and must stay where it is until it is closed, since all handles of one series are
+ * chained. A record that is open must be closed before it is opened again. Of its fields
+ * the caller sets only utf8, if its texts are UTF-8.
+ *
+ * The handles of a process on one originator's series share one open file, if that series
+ * is the one that the library remembers: the first that is opened while none is
+ * remembered, until its last handle is closed. Handles on other series, and on log sets,
+ * have an open file each.
  *
  * zoltLogOpen: messages are stamped and filtered by the originator's settings and go to
  * its own series. zoltLogOpen2: to the series of fileOriginatorId. zoltLogOpenLogSet: to
@@ -575,14 +604,15 @@ uint32_t zoltLogGetMsgLis(LogMsg *msg, ZoltLisBlock **out);
  * (see zoltLogOpenFile). The host's name and number are asked for, which may wait for the
  * name service, with the lock held.
  *
- *   ZOLTLOG_INVALID_ARGUMENT  an id of 0, a null name or handle (the record is untouched)
+ *   ZOLTLOG_INVALID_ARGUMENT  an id of 0, a null name or handle; the record is untouched
  *   ZOLTLOG_CFG_NOT_FOUND     the product is not registered, or has no such log set
  *   ZOLTLOG_NO_MEMORY
  *   ZOLTLOG_OSLOG_OPEN_FAILED the system log could not be opened; the handle is open
  *   and those of zoltLogOpenFile
  *
- * After a failure zoltLogClose must be called: the handle may hold a file state. Such a
- * handle can be used; each message then tries to open the file again.
+ * After a failure zoltLogClose must be called, since the handle may hold a file state; for
+ * a record that is untouched and zeros that does no harm (ZOLTLOG_INVALID_ARGUMENT). A handle
+ * that holds a file state can be used; each message then tries to open the file again.
  */
 uint32_t zoltLogOpen(uint64_t productId, uint64_t originatorId, LogHandle *handle);
 uint32_t zoltLogOpen2(uint64_t productId, uint64_t originatorId, uint64_t fileOriginatorId,
@@ -684,7 +714,7 @@ int32_t isLogOpen(const LogHandle *handle);
  *
  * A message is filtered when its level is above the handle's level of its family:
  * the call returns ZOLTLOG_OK, writes nothing, and costs next to nothing; no
- * sequence number is used. Levels run from 1 (most important) to 6.
+ * sequence number is used. Levels run from ZOLTLOG_LEVEL_FIRST to ZOLTLOG_LEVEL_LAST.
  *
  * Results, of all families:
  *   ZOLTLOG_OK                written, and copied where the output flags say; or filtered
@@ -700,9 +730,8 @@ int32_t isLogOpen(const LogHandle *handle);
  */
 
 /*
- * Application messages, never filtered. severity is 0 (information), 1 (warning),
- * 2 (error), 3 (critical) or 4 (emergency); another one cannot be written
- * (ZOLTLOG_FAILED). The calls without who give "".
+ * Application messages, never filtered. severity is one of ZOLTLOG_SEVERITY_...; another
+ * one cannot be written (ZOLTLOG_FAILED). The calls without who give "".
  */
 uint32_t zoltLogAppMsg(LogHandle *handle, uint32_t flags, uint32_t severity, int64_t messageNumber,
                        const char *format, ...);
@@ -753,8 +782,8 @@ uint32_t zoltLogAuditMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags
  * Secure audit messages, to the system log only, through a handle of
  * zoltLogSecureOpen (ZOLTLOG_SECURE_ON_FILE_HANDLE for any other). Filtered by the
  * handle's secure audit level, always by catalogue as audit messages are, message
- * id 0. 4294967295 when the system log did not get the message, for want of the
- * formatter plug-in in particular.
+ * id 0. The result is ZOLTLOG_OS_FAILED as an unsigned number (4294967295) when the system
+ * log did not get the message, for want of the formatter plug-in in particular.
  * In zoltLogSecureAuditMsgL the block stays with the caller, who frees it, in one
  * case: when the record cannot be initialised, which is a result of zoltLogInitMsg.
  */
@@ -812,9 +841,9 @@ uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char 
  */
 uint32_t zoltLogDestroyContext(LogHandle *context);
 /*
- * The result code for a result of the localization library: 0 ZOLTLOG_OK,
- * -2 ZOLTLOG_INVALID_ARGUMENT, -3 ZOLTLOG_NO_MEMORY, -4 ZOLTLOG_LIS_FAILED, any
- * other ZOLTLOG_LIS_OTHER.
+ * The result code for a result of the localization library (zoltlis.h): of ZOLTLIS_OK
+ * ZOLTLOG_OK, of ZOLTLIS_INVALID_ARGUMENT ZOLTLOG_INVALID_ARGUMENT, of ZOLTLIS_NO_MEMORY
+ * ZOLTLOG_NO_MEMORY, of ZOLTLIS_FAILED ZOLTLOG_LIS_FAILED, of any other ZOLTLOG_LIS_OTHER.
  */
 uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult);
 
@@ -823,9 +852,10 @@ uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult);
 /*
  * Encodes the message as one record: a line of UTF-8 that ends in a line feed and
  * holds no other (docs/format-log-file.md has the grammar). The caller has set
- * recordVersion, 65540 to 65544, and for 65543 fileOriginatorId. The buffer need not
- * be initialised. Takes no lock; a record below 4000 bytes whose texts are plain
- * ASCII, or UTF-8 already, needs no memory.
+ * recordVersion, a ZOLTLOG_RECORD_VERSION_..., and fileOriginatorId when that is
+ * ZOLTLOG_RECORD_VERSION_ORIGINATOR. The buffer need not be initialised. Takes no lock. A
+ * record without a localization block needs no memory when its texts are plain ASCII, or
+ * UTF-8 already, and have at most 3800 bytes together.
  *
  * On ZOLTLOG_OK the record is the first capacity - free bytes at data, and the
  * caller releases the buffer with free_text_msg. After a failure the buffer is
@@ -835,7 +865,7 @@ uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult);
  * "**UNABLE TO PROCESS LOG MESSAGE**" and is no failure.
  *
  *   ZOLTLOG_FAILED            other record version; secure audit or unknown message
- *                             type; severity above 4; a localization block that
+ *                             type; no ZOLTLOG_SEVERITY_...; a localization block that
  *                             cannot be read, or holds an argument of unknown kind
  *                             or a wide text that is none
  *   ZOLTLOG_INVALID_ARGUMENT  null message or buffer
@@ -854,7 +884,7 @@ uint32_t zoltLogMsgSerialize(LogMsg *msg, TextBuffer *buffer);
  * makes every line feed a carriage return and appends one line feed
  * (ZOLTLOG_NO_MEMORY when it cannot). free_text_msg leaves an empty buffer.
  * bin2txt_int appends the number and a comma; bin2txt_sev a severity and a comma, or
- * is ZOLTLOG_FAILED above 4; both ZOLTLOG_NO_MEMORY.
+ * is ZOLTLOG_FAILED above ZOLTLOG_SEVERITY_EMERGENCY; both ZOLTLOG_NO_MEMORY.
  */
 void init_text_msg(TextBuffer *buffer);
 char *text_msg_alloc(TextBuffer *buffer, uint64_t n);
@@ -878,9 +908,9 @@ void InitializeFileHeader(LogFileHeader *header, const LogFileState *state, cons
 
 /*
  * Writes the header's line to the state's open file, with one write. A line feed in the
- * host's name becomes a carriage return. ZOLTLOG_FAILED for a version that is not
- * 65540 to 65544, and when the line cannot be written whole; ZOLTLOG_INVALID_ARGUMENT
- * for a null pointer. Takes no lock.
+ * host's name becomes a carriage return. ZOLTLOG_FAILED for a version outside
+ * ZOLTLOG_RECORD_VERSION_OLDEST to ZOLTLOG_RECORD_VERSION_LOGSET, and when the line cannot
+ * be written whole; ZOLTLOG_INVALID_ARGUMENT for a null pointer. Takes no lock.
  */
 uint32_t WriteFileHeader(LogFileState *state, const LogFileHeader *header);
 
@@ -959,8 +989,8 @@ uint32_t zoltLogCloseFile(LogHandle *handle);
  */
 uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMsg *msg);
 
-/* 1 for the modes that a series can have: 0, size, local time, period, or size with one of
- * the latter two. 0 for any other, with which a series does not roll over at all. */
+/* 1 for the modes that a series can have: none, size, local time, period, or size with one
+ * of the latter two. 0 for any other, with which a series does not roll over at all. */
 int32_t IsValidRolloverMode(uint32_t mode);
 
 /* ---- configuration record -------------------------------------- */
@@ -970,16 +1000,18 @@ int32_t IsValidRolloverMode(uint32_t mode);
  * owns. These operations take no lock: a record belongs to the calling thread.
  *
  * InitLogCfg sets the defaults; with a log set name (an empty one is a name) the record
- * is a log set's. What the record held is forgotten, not freed. 3 null record, 4 memory.
+ * is a log set's. What the record held is forgotten, not freed.
+ * ZOLTLOG_INVALID_ARGUMENT: null record; ZOLTLOG_NO_MEMORY.
  * CopyCfg copies what further originators inherit: not recycling, the reload interval,
  * the system-log option, the secure audit level and what belongs to a log set; both masks
- * of the copy are 0. 3 null, 4 memory (the copy is then empty).
- * zoltLogFreeCfg frees the owned texts and zeroes the record. 3 null.
+ * of the copy are 0. ZOLTLOG_INVALID_ARGUMENT: null; ZOLTLOG_NO_MEMORY: the copy is empty.
+ * zoltLogFreeCfg frees the owned texts and zeroes the record. ZOLTLOG_INVALID_ARGUMENT: null.
  * CopyFileSecuritySetting, FreeFileSecuritySetting: 0, or 0xFFFFFFFF for null.
- * IsDefaultOriginator, IsDefaultLogSet: 1 for 112 and "Default", else 0.
+ * IsDefaultOriginator, IsDefaultLogSet: 1 for ZOLTLOG_DEFAULT_ORIGINATOR and "Default", else 0.
  * LogCfgGetShortNames hands out the first of the product's names (low 16 bits of the
- * selector 263) or else of the originator's: up to the first comma, or blank where there
- * is no comma; null with 0 when there are none. 3 null, 4 memory. */
+ * selector ZOLTLOG_ATTR_PRODUCT_ID) or else of the originator's: up to the first comma, or
+ * blank where there is no comma; null with ZOLTLOG_OK when there are none.
+ * ZOLTLOG_INVALID_ARGUMENT: null; ZOLTLOG_NO_MEMORY. */
 uint32_t InitLogCfg(uint64_t productId, uint64_t originatorId, const char *logsetName, LogCfg *cfg);
 uint32_t CopyCfg(LogCfg *destination, const LogCfg *source);
 uint32_t zoltLogFreeCfg(LogCfg *cfg);
@@ -989,7 +1021,8 @@ int32_t IsDefaultOriginator(uint64_t originatorId);
 int32_t IsDefaultLogSet(const char *name);
 uint32_t LogCfgGetShortNames(LogCfg *cfg, uint32_t selector, char **out);
 /* Rollover modes and the words of the configuration file. The first finds "FileSize",
- * "LocalTime" and "Periodic" anywhere in a text (null: 0); LocalTime excludes Periodic.
+ * "LocalTime" and "Periodic" anywhere in a text (null: ZOLTLOG_ROLLOVER_NONE); LocalTime
+ * excludes Periodic.
  * The second appends "None" or words joined by " | " to the text in the buffer, which
  * needs 32 bytes of room, and returns the buffer. */
 uint32_t SettingStringToRolloverModeEnum(const char *text);
@@ -997,19 +1030,20 @@ char *RolloverModeEnumToSettingString(uint32_t mode, char *buffer);
 
 /* Accessors. Each Set, Enable and Disable marks its setting in the record's changedMask,
  * for the writing operations; a rejected value changes nothing. Nothing sets removedMask
- * but the caller. Results: 0, 3 for a null argument or a value out of range.
+ * but the caller. Results: ZOLTLOG_OK; ZOLTLOG_INVALID_ARGUMENT for a null argument or a
+ * value out of range.
  *
- *   RolloverMode        0 to 5 (ZOLTLOG_ROLLOVER_...)
+ *   RolloverMode        ZOLTLOG_ROLLOVER_... that go together (IsValidRolloverMode)
  *   MaxFileSize         kilobytes, not 0
  *   RolloverPeriod      seconds, not 0
  *   RolloverTime        seconds after local midnight, not checked
  *   NumberOfLogFiles    not 0
- *   DebugLevel, DiagLevel  0 to 6
+ *   DebugLevel, DiagLevel  ZOLTLOG_LEVEL_NONE to ZOLTLOG_LEVEL_LAST
  *   DynaSetting         seconds between reload checks, below 2^31; 0 for never
  *   LogRecycling, LogToStdout, LogToStderr, LogToOslog, LogToOslogX  switches;
  *                       OslogX marks nothing
  *   AppMsgLogging       a switch; marks every setting but the directory
- *   Flags               ZOLTLOG_OUT_... bits, the four switches at once; 3 when negative */
+ *   Flags               ZOLTLOG_OUT_... bits, the four switches at once; not negative */
 uint32_t zoltLogCfgSetRolloverMode(LogCfg *cfg, uint32_t mode);
 uint32_t zoltLogCfgGetRolloverMode(LogCfg *cfg, uint32_t *mode);
 uint32_t zoltLogCfgSetMaxFileSize(LogCfg *cfg, uint64_t kilobytes);
@@ -1040,10 +1074,11 @@ uint32_t zoltLogCfgEnableLogToOslogX(LogCfg *cfg);
 uint32_t zoltLogCfgDisableLogToOslogX(LogCfg *cfg);
 uint32_t zoltLogCfgSetFlags(LogCfg *cfg, int32_t flags);
 uint32_t zoltLogCfgGetFlags(LogCfg *cfg, uint32_t *flags);
-/* Texts. A setter stores a copy and may be given the field's own text; 3 for null or an
- * empty text, 4 memory. A getter hands out a copy, or null with 0 when the text is unset;
- * 4 memory. zoltLogCfgGetL10nLib hands out the library's file name ("libx" gives
- * "libx.so.3") and returns 4 with null when it is unset. */
+/* Texts. A setter stores a copy and may be given the field's own text;
+ * ZOLTLOG_INVALID_ARGUMENT for null or an empty text, ZOLTLOG_NO_MEMORY. A getter hands out a
+ * copy, or null with ZOLTLOG_OK when the text is unset; ZOLTLOG_NO_MEMORY.
+ * zoltLogCfgGetL10nLib hands out the library's file name ("libx" gives "libx.so.3") and
+ * returns ZOLTLOG_NO_MEMORY with null when it is unset. */
 uint32_t zoltLogCfgSetL10nLib(LogCfg *cfg, const char *text);
 uint32_t zoltLogCfgGetL10nLib(LogCfg *cfg, char **out);
 uint32_t zoltLogCfgSetL10nResource(LogCfg *cfg, const char *text);
@@ -1059,9 +1094,9 @@ uint32_t zoltLogCfgGetLogsetOIDDebugLogging(LogCfg *cfg, char **out);
 uint32_t zoltLogCfgSetLogsetOIDDiagLogging(LogCfg *cfg, const char *text);
 uint32_t zoltLogCfgGetLogsetOIDDiagLogging(LogCfg *cfg, char **out);
 /* The log directory. "/" is added at the end when missing, each doubled backslash becomes
- * one. The text goes to the start of the field, or to the destination in it. 3 when it is
- * null or empty, does not fit, or the destination is elsewhere. The getter hands out a
- * copy (null, also with 0, when memory runs out). */
+ * one. The text goes to the start of the field, or to the destination in it.
+ * ZOLTLOG_INVALID_ARGUMENT when it is null or empty, does not fit, or the destination is
+ * elsewhere. The getter hands out a copy (null, also with ZOLTLOG_OK, when memory runs out). */
 uint32_t zoltLogCfgSetDirectory(LogCfg *cfg, const char *path,
                                 char *destination); /* destination: null, or inside cfg->directory */
 uint32_t zoltLogCfgGetDirectory(LogCfg *cfg, char **out);
@@ -1075,80 +1110,105 @@ const char *GetZoltLogCfgLoc(void);
  * the "Default" section, then the own one. Invalid values are skipped; changedMask is 0.
  * Release the record with zoltLogFreeCfg whatever the result.
  *
- * zoltLogReadCfg reads an originator, zoltLogReadlogsetCfg a log set. 3 an invalid id or
- * name or a null record; 4 memory; 6 the product is not registered (the record keeps the
- * defaults), or no key found for the log set. Sections of an originator may be absent. */
+ * zoltLogReadCfg reads an originator, zoltLogReadlogsetCfg a log set. Sections of an
+ * originator may be absent.
+ *   ZOLTLOG_INVALID_ARGUMENT  an invalid id or name, or a null record
+ *   ZOLTLOG_NO_MEMORY
+ *   ZOLTLOG_CFG_NOT_FOUND     the product is not registered (the record keeps the defaults),
+ *                             or no key was found for the log set */
 uint32_t zoltLogReadCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg);
 uint32_t zoltLogReadlogsetCfg(uint64_t productId, const char *logsetName, LogCfg *cfg);
 /* Reading all records of one product, or of all, into an array of capacity pointers. Each
  * record is the caller's: zoltLogFreeCfg, then zoltLogFree. *count is set also on failure.
  * A null location means the main file. Inherited by copy, further records lack what
- * CopyCfg leaves out. 3 null array or count; 6 the product has no "Configuration"; 39
- * nothing found, also when the main file cannot be opened. */
+ * CopyCfg leaves out.
+ *   ZOLTLOG_INVALID_ARGUMENT  null array or count
+ *   ZOLTLOG_CFG_NOT_FOUND     the product has no "Configuration"
+ *   ZOLTLOG_NO_PRODUCT_CFG    nothing found, also when the main file cannot be opened */
 uint32_t zoltLogReadProdIDCfg(const char *location, uint64_t productId, uint32_t capacity, LogCfg **cfgs,
                               uint32_t *count);
 uint32_t zoltLogReadAllCfg(const char *location, uint32_t capacity, LogCfg **cfgs, uint32_t *count);
-/* Resource directory of the tools, a copy. 3 null, 6 not configured. */
+/* Resource directory of the tools, a copy. ZOLTLOG_INVALID_ARGUMENT: null;
+ * ZOLTLOG_CFG_NOT_FOUND: not configured. */
 uint32_t zoltLogCfgGetToolsResDir(char **out);
 /* Single texts of a file: by section and key; a product's "Configuration" and "Names". A
- * copy is handed out. 3 null output; 6 the file does not open, the key is absent or its
- * text cannot be converted. No lock is taken. */
+ * copy is handed out. ZOLTLOG_INVALID_ARGUMENT: null output; ZOLTLOG_CFG_NOT_FOUND: the file
+ * does not open, the key is absent or its text cannot be converted. No lock is taken. */
 uint32_t GetPropertyString(const char *file, const char *section, const char *key, char **out);
 uint32_t GetProductCfgPath(const char *file, uint64_t productId, char **out);
 uint32_t GetProductShortName(const char *file, uint64_t productId, char **out);
 /* Steps of reading, for callers that hold the lock. GetOriginatorCfgSettings reads one
- * section over a record: 0 also when there is none. GetLogSetCfgSettings does so for a log
- * set and returns the number of keys found; it replaces the record's log set name.
+ * section over a record: ZOLTLOG_OK also when there is none. GetLogSetCfgSettings does so for
+ * a log set and returns the number of keys found; it replaces the record's log set name.
  * GetOriginatorCfg and GetLogsetCfg append every record of a kind to an array and return
- * results of the property store: 0, 2 when the file does not open, 6 memory; 3 null. */
+ * results of the property store: ZOLTLOG_STORE_OK, ZOLTLOG_STORE_NO_FILE when the file does
+ * not open, ZOLTLOG_STORE_NOT_WRITTEN when memory runs out; ZOLTLOG_INVALID_ARGUMENT for
+ * null. */
 uint32_t GetOriginatorCfgSettings(const char *productFile, const char *section, LogCfg *cfg);
 uint32_t GetLogSetCfgSettings(const char *location, const char *logsetName, LogCfg *cfg);
 uint32_t GetOriginatorCfg(const char *productFile, uint64_t productId, const char *shortNames,
                           uint32_t capacity, LogCfg **cfgs, uint32_t *count);
 uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *shortNames, uint32_t capacity,
                       LogCfg **cfgs, uint32_t *count);
-/* Result of the property store as a result code: 0, 1 is 3, 2 to 4 are 6, 5 is 55, 6 is 1,
- * 7 is 9, 8 is 50, 9 is 61, 10 is 64, any other 1. */
+/* The result code for a result of the property store:
+ *   ZOLTLOG_STORE_OK                              ZOLTLOG_OK
+ *   ZOLTLOG_STORE_INVALID_ARGUMENT                ZOLTLOG_INVALID_ARGUMENT
+ *   ZOLTLOG_STORE_NO_FILE, _NOT_FOUND, _4         ZOLTLOG_CFG_NOT_FOUND
+ *   ZOLTLOG_STORE_NOT_CREATED                     ZOLTLOG_CFG_CREATE_FAILED
+ *   ZOLTLOG_STORE_NO_MORE                         ZOLTLOG_NO_MORE
+ *   ZOLTLOG_STORE_NO_SECTION                      ZOLTLOG_SECTION_NOT_FOUND
+ *   ZOLTLOG_STORE_9                               ZOLTLOG_NOTHING_TO_WRITE
+ *   ZOLTLOG_STORE_10                              ZOLTLOG_STORE_RESULT_10
+ *   ZOLTLOG_STORE_NOT_WRITTEN, any other number   ZOLTLOG_FAILED */
 uint32_t utipsres2zoltlogres(uint32_t storeResult);
 /* Writing. The settings that a record's changedMask marks are written into its section,
  * those that removedMask marks are removed from it; removal wins. Each key is one safe
  * rewrite of the file, the first failure ends the call. Texts that are null are not
  * written. "AppMsgLogging" is written with every change but the directory's alone.
  *
- * 3 an invalid id or name, a null record, or a text with a line feed (nothing changes
- * then); 6 the product is not registered or, for an originator, its file cannot be opened
- * or made (for a log set that is 1); 1 writing failed, the old file stands; 55 the
- * temporary file cannot be made. A log set gives 61 when nothing is marked, or when the
- * removal of "FileName" is; a written "FileName" leaves the system-log and permission keys
- * to another call. */
+ * A written "FileName" leaves the system-log and permission keys to another call.
+ *   ZOLTLOG_INVALID_ARGUMENT   an invalid id or name, a null record, or a text with a line
+ *                              feed (nothing changes then)
+ *   ZOLTLOG_CFG_NOT_FOUND      the product is not registered or, for an originator, its file
+ *                              cannot be opened or made
+ *   ZOLTLOG_FAILED             writing failed, the old file stands; for a log set also: its
+ *                              file cannot be opened or made
+ *   ZOLTLOG_CFG_CREATE_FAILED  the temporary file cannot be made
+ *   ZOLTLOG_NOTHING_TO_WRITE   of a log set: nothing is marked, or the removal of "FileName" */
 uint32_t zoltLogWriteCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg);
 uint32_t zoltLogWritelogSetCfg(uint64_t productId, const char *logsetName, LogCfg *cfg);
 /* Registers a product in the main file, which is made if missing, and unregisters one,
  * with all keys of its section; its own file stays. The main file goes with its last
- * section. 3 an invalid id, null or a line feed; 27 registered already; 6 the main file
- * cannot be opened or made, or the product is not registered; else as for writing. */
+ * section.
+ *   ZOLTLOG_INVALID_ARGUMENT  an invalid id, null or a line feed
+ *   ZOLTLOG_PRODUCT_EXISTS    it is registered already
+ *   ZOLTLOG_CFG_NOT_FOUND     the main file cannot be opened or made, or the product is not
+ *                             registered
+ *   and those of writing */
 uint32_t zoltLogAddProductCfg(uint64_t productId, const char *names, const char *location);
 uint32_t zoltLogRemoveProductCfg(uint64_t productId);
 /* Opens a section for writing; the file is made, with its directory, if there is none. Of
- * a symbolic link the file behind it is opened. 3 null store, 6 any failure. The caller
- * closes the store. RemoveProductRoot removes what is left of a product's section, and the
- * main file if no section is left in it (result of the property store).
+ * a symbolic link the file behind it is opened. ZOLTLOG_INVALID_ARGUMENT: null store;
+ * ZOLTLOG_CFG_NOT_FOUND: any failure. The caller closes the store. RemoveProductRoot removes what is left of
+ * a product's section, and the main file if no section is left in it (result of the property store).
  * IsThisLastProductConfiguration: 1 when the main file opens and holds no section. */
 uint32_t CreatePropertyString(const char *location, const char *section, PropertyStore *store);
 uint32_t RemoveProductRoot(PropertyStore *store, uint64_t productId);
 int32_t IsThisLastProductConfiguration(void);
 /* Lets a handle's levels and reload interval follow the product's file: at most once per
  * interval (60 seconds at least) it is read again if its modification time has changed.
- * Always 0. Cheap when nothing is due: no system call, and no time call when the interval
+ * Always ZOLTLOG_OK. Cheap when nothing is due: no system call, and no time call when the interval
  * is 0. The lock is taken for reading and adopting only. */
 uint32_t zoltDynaLoadConfig(LogHandle *handle);
-/* The product's own switch in the main file: 1 for "true". 3 null output, 6 not there. */
+/* The product's own switch in the main file: 1 for "true". ZOLTLOG_INVALID_ARGUMENT: null
+ * output; ZOLTLOG_CFG_NOT_FOUND: it is not there. */
 uint32_t GetProductLoggingLevel(const char *location, uint64_t productId, uint32_t *enabled);
 
 /* System-log settings and log file permissions, as the accessors above. An identity is cut
  * to 80 bytes and then has no terminator in the record. Permissions are accepted below 778
  * when the last two decimal digits are at most 79 and the last one at most 7: 0660, 0640,
- * 0644 and 0777 are, 0755 and 0600 are not (3). Facilities are not checked. */
+ * 0644 and 0777 are, 0755 and 0600 are not (ZOLTLOG_INVALID_ARGUMENT). Facilities are not
+ * checked. */
 uint32_t zoltLogCfgSetSyslogFacility(LogCfg *cfg, uint32_t facility);
 uint32_t zoltLogCfgGetSyslogFacility(LogCfg *cfg, uint32_t *facility);
 uint32_t zoltLogCfgSetSyslogOpt(LogCfg *cfg, uint32_t option);
@@ -1157,13 +1217,14 @@ uint32_t zoltLogCfgSetSyslogIdent(LogCfg *cfg, const char *ident);
 uint32_t zoltLogCfgGetSyslogIdent(LogCfg *cfg, char **out);
 uint32_t zoltLogCfgSetLogFilePermissions(LogCfg *cfg, uint64_t mode);
 uint32_t zoltLogCfgGetLogFilePermissions(LogCfg *cfg, uint64_t *mode);
-/* "LOG_USER" and 8, and so on; 0 for a name that is null or unknown, null for a number
- * without a name. */
+/* "LOG_USER" and LOG_USER, and so on; 0 for a name that is null or unknown, null for a
+ * number without a name. */
 uint32_t strToFacility(const char *name);
 const char *facilityToStr(uint32_t facility);
 /* The four keys of a section that belong to the operating system; results of the property
- * store, 1 for null. Reading adds the number of keys found to the counter and gives 3 when
- * "LogFilePermissions" is absent. Writing gives the result of the last change made. */
+ * store, ZOLTLOG_STORE_INVALID_ARGUMENT for null. Reading adds the number of keys found to
+ * the counter and gives ZOLTLOG_STORE_NOT_FOUND when "LogFilePermissions" is absent. Writing gives the result
+ * of the last change made. */
 uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter);
 uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section);
 
@@ -1171,14 +1232,18 @@ uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section);
 
 /* One section (root) of a file of lines "section.name=value"; docs/format-config.md has the
  * syntax. The handle belongs to its caller and to one thread; no lock is taken in the
- * process. Results: 0; 1 null argument, closed handle or a line feed in a text; 2 the file
- * cannot be opened; 3 the property is not there or cannot be converted; 5 the file, its
- * directory or its temporary file cannot be made; 6 writing, renaming or removing failed or
- * the buffer is too small; 7 no further name; 8 no such section.
+ * process. Results are ZOLTLOG_STORE_...:
+ *   _INVALID_ARGUMENT  null argument, closed handle or a line feed in a text
+ *   _NO_FILE           the file cannot be opened
+ *   _NOT_FOUND         the property is not there or cannot be converted
+ *   _NOT_CREATED       the file, its directory or its temporary file cannot be made
+ *   _NOT_WRITTEN       writing, renaming or removing failed, or the buffer is too small
+ *   _NO_MORE           no further name
+ *   _NO_SECTION        no such section
  *
  * Open and Create open a section; Create empties or makes the file, with its directory, and
  * needs a "/" in the path. Root and path are kept up to 399 bytes; a path longer than 395
- * cannot be changed (5). Close may be called again.
+ * cannot be changed (_NOT_CREATED). Close may be called again.
  * CreateTmp makes path + ".tmp" anew, with the mode and owner of the file at path.
  * Set and Remove rewrite the file safely: under a lock on its directory (10 seconds at
  * most) they read it anew, write the temporary file to the disk and rename it; after a
@@ -1246,7 +1311,8 @@ int32_t readrecord(OsFile *file, TextBuffer *buffer);
  *                               begin with the word "$Header"; ReadHeader leaves the
  *                               header alone when the file has no line at all
  *   ZOLTLOG_INVALID_ARGUMENT    null pointer
- *   ZOLTLOG_UNSUPPORTED_HEADER  a version other than 65540 to 65544, or none
+ *   ZOLTLOG_UNSUPPORTED_HEADER  no version, or one outside ZOLTLOG_RECORD_VERSION_OLDEST to
+ *                               ZOLTLOG_RECORD_VERSION_LOGSET
  */
 uint32_t ReadHeaderEx(OsFile *file, LogFileHeader *header);
 uint32_t ReadHeader(LogFileEntry *entry, LogFileHeader *header);
@@ -1323,11 +1389,13 @@ int32_t zoltLogFindLatestLogSL(const char *directory, uint64_t productId, const 
  * of one second come in an order fixed by their paths, not by age. Left out silently:
  * names that are not of the series, directories that cannot be listed, files modified
  * more than 86400 seconds in the future, and files that cannot be opened when the
- * query has a term of value 278. Files of all hosts are listed. The caller frees each
- * entry with zoltLogFree; the listing's other fields are left alone.
- *   Results: 3 no array or listing; 45 no file was listed (files is then null);
- *   1 the listing could not be made. When memory runs out within a directory the rest
- *   of that directory is missing from the list and the result is 0.
+ * query has a term of value ZOLTLOG_ATTR_HOST_NAME. Files of all hosts are listed. The
+ * caller frees each entry with zoltLogFree; the listing's other fields are left alone.
+ *   ZOLTLOG_INVALID_ARGUMENT  no array or listing
+ *   ZOLTLOG_NO_LOG_FILES      no file was listed (files is then null)
+ *   ZOLTLOG_FAILED            the listing could not be made. When memory runs out within a
+ *                             directory the rest of that directory is missing from the
+ *                             list and the result is ZOLTLOG_OK.
  * list_log_files: the same without the fetch position; 0 listed, 1 nothing listed or
  * count 0, -1 no listing.
  */
@@ -1335,27 +1403,27 @@ uint32_t GetLogFiles(LogCfg **cfgs, uint32_t count, LogListing *listing);
 int32_t list_log_files(LogListing *listing, LogCfg **cfgs, uint32_t count);
 
 /*
- * Query trees, built by the caller from LogQueryNode. A term has kind 257 (text:
- * value.text), 258, 260 or 261 (number: value.number) or 259 (attribute: its code in
- * value.number) and no operands. An operator has two operands and the kind 281 and,
- * 282 or, 283 <, 284 >, 285 <=, 286 >=, 287 ==, 288 != on unsigned 64-bit numbers;
- * texts know 287 and 288 only; any other operator is false. slot is written by the
- * evaluation and is 0 in a new tree; the same tree may be evaluated again and again.
- * A tree of more than 199 operators passes no file.
+ * Query trees, built by the caller from LogQueryNode. A term (ZOLTLOG_TERM_...) has a value
+ * and no operands, an operator (ZOLTLOG_OP_...) two operands. Numbers are compared as
+ * unsigned 64-bit ones; texts know ZOLTLOG_OP_EQUAL and ZOLTLOG_OP_NOT_EQUAL only; any other
+ * operator is false. slot is written by the evaluation and is 0 in a new tree; the same
+ * tree may be evaluated again and again. A tree of more than 199 operators passes no file.
  *
- *   code      when listing                         when fetching (from the header)
- *   263       product id of the name               product id
- *   264       true                                 originator id
- *   265       originator id of the name,           false
- *             0 for a log set's file
- *   268       creation time, or else modification  the same
- *   269       creation time                        creation time
- *   266 267   true                                 false
- *   270-275   true                                 false
- *   277       true                                 false
- *   278       host name (text)                     false
- *   279       log set name (text), false without   log set's name in the file name
- *   other     false                                false
+ *   ZOLTLOG_ATTR_...      when listing                       when fetching (from the header)
+ *   _PRODUCT_ID           product id of the name             product id
+ *   _ORIGINATOR_ID        true                               originator id
+ *   _FILE_ORIGINATOR_ID   originator id of the name,         false
+ *                         0 for a log set's file
+ *   _TIME                 creation time, or else             the same
+ *                         modification
+ *   _CREATION_TIME        creation time                      creation time
+ *   _NEVER                false                              false
+ *   _HOST_NAME            host name (text)                   false
+ *   _LOGSET_NAME          log set name (text), false         log set's name in the file name
+ *                         without
+ *   from _FIRST to _LAST  true                               false
+ *   without a name
+ *   other                 false                              false
  *
  * The attribute of a comparison stands on the left. On the right it works for
  * numbers, but the operator is not mirrored (5 < attribute is read as attribute < 5);
@@ -1367,10 +1435,10 @@ int32_t list_log_files(LogListing *listing, LogCfg **cfgs, uint32_t count);
  * null tree passes everything. logsetName may be null.
  * EvaluateFileCondition: 1 when the header passes listing->query as when fetching,
  * else 0; a listing without a query passes everything, a null listing nothing.
- * updateQueryForTZ: moves the numbers (other than 0) that 268 and 269 on the left are
- * compared with by the given offset less getLocalTZOffsetFromGMT(), in place: calling
- * it twice moves them twice. 0 when the whole tree was walked; 1 when the walk stopped
- * at a node without two operands. It suits trees whose operators have either two terms
+ * updateQueryForTZ: moves the numbers (other than 0) that ZOLTLOG_ATTR_TIME and
+ * ZOLTLOG_ATTR_CREATION_TIME on the left are compared with by the given offset less
+ * getLocalTZOffsetFromGMT(), in place: calling it twice moves them twice. 0 when the whole tree was walked; 1
+ * when the walk stopped at a node without two operands. It suits trees whose operators have either two terms
  * or two operators as operands.
  */
 int32_t evalTreeToFilterFiles(uint64_t productId, uint64_t originatorId, const char *hostName,
@@ -1392,13 +1460,13 @@ uint32_t updateQueryForTZ(LogQueryNode *query, int64_t tzOffset);
  * id2names: id when the text is the decimal number id, or is no number and a name of
  * the list; else 0. list may be null.
  * GetIdFromName: the id of the first configuration that the text names: of a product
- * (by number or short name) for kind 263, of an originator for any other kind; 0 when
- * none does. A configuration without names is passed over, also for its number.
+ * (by number or short name) for the kind ZOLTLOG_ATTR_PRODUCT_ID, of an originator for any
+ * other; 0 when none does. A configuration without names is passed over, also for its number.
  * LeftRightTrim: a copy of the text without any blank, which the caller frees with
  * zoltLogFree; null for a null text or without memory.
  * SearchContextTitleInList: the entry of a table of 200 chains (chain number:
- * HashString of the title) with this title and both key words, else null. With key
- * kind 3 its text is replaced by a copy of the given one.
+ * HashString of the title) with this title and both key words, else null. With the key
+ * kind ZOLTLOG_CONTEXT_KEY_REPLACE its text is replaced by a copy of the given one.
  */
 uint32_t HashString(const char *text, uint32_t modulus);
 int32_t DoesNameMatch(const char *list, const char *name);
@@ -1428,12 +1496,17 @@ LogContextEntry *SearchContextTitleInList(const LogContextKey *key, const char *
  * of a product (originatorId 0), of an originator (productId 0) or of everything (both
  * 0; up to 1024 configurations). The listing is zeroed first. Its entries are the
  * caller's, to be freed with zoltLogFree; the newest of a series' surplus comes first.
- *   Results: 0 (the list may be empty); 3 no listing; 4; 1 files could not be examined
- *   for want of descriptors or memory (nothing is listed then); 45 no log file at all;
- *   results of zoltLogReadCfg and zoltLogReadAllCfg. A file whose header an input error
- *   hides is neither counted nor listed, since its age is not known.
- * zoltLogGetManageableLogFilesSL: of one log set's series. 3 also without a product or
- * name; results of zoltLogReadlogsetCfg.
+ * A file whose header an input error hides is neither counted nor listed, since its age
+ * is not known.
+ *   ZOLTLOG_OK                the list may be empty
+ *   ZOLTLOG_INVALID_ARGUMENT  no listing
+ *   ZOLTLOG_NO_MEMORY
+ *   ZOLTLOG_FAILED            files could not be examined for want of descriptors or memory;
+ *                             nothing is listed then
+ *   ZOLTLOG_NO_LOG_FILES      there is no log file at all
+ *   and those of zoltLogReadCfg and zoltLogReadAllCfg
+ * zoltLogGetManageableLogFilesSL: of one log set's series. ZOLTLOG_INVALID_ARGUMENT also
+ * without a product or name; results of zoltLogReadlogsetCfg.
  *
  * The directory is taken as it is: files that other hosts write into a shared
  * directory belong to the same series, count, and may be the surplus ones. Series that
@@ -1443,13 +1516,12 @@ LogContextEntry *SearchContextTitleInList(const LogContextKey *key, const char *
  *
  * zoltLogFetchNextFileEx: the next entry whose file can be opened, has a header that is
  * understood and passes listing->query (null: everything passes). The entry stays the
- * listing's. 3 no listing or place; 9 no further file, again and again. A file with
- * another header version sets listing->unsupportedHeader. A file that is not a regular
- * one is judged by the modification time of the file before it.
- * zoltLogFetchNextFile: the same, giving the path in a zeroed buffer of 8192 bytes that
- * the caller releases with zoltLogFreeBuffer; 4 without memory (the file is not lost:
- * the next call gives it).
- * zoltLogFreeBuffer: frees the buffer, if any, and sets the pointer to null.
+ * listing's. ZOLTLOG_INVALID_ARGUMENT: no listing or place; ZOLTLOG_NO_MORE: no further file,
+ * again and again. A file with another header version sets listing->unsupportedHeader. A file that is not a
+ * regular one is judged by the modification time of the file before it. zoltLogFetchNextFile: the same,
+ * giving the path in a zeroed buffer of 8192 bytes that the caller releases with zoltLogFreeBuffer;
+ * ZOLTLOG_NO_MEMORY (the file is not lost: the next call gives it). zoltLogFreeBuffer: frees the buffer, if
+ * any, and sets the pointer to null.
  */
 uint32_t zoltLogGetManageableLogFiles(uint64_t productId, uint64_t originatorId, LogListing *listing);
 uint32_t zoltLogGetManageableLogFilesSL(uint64_t productId, const char *logsetName, LogListing *listing);
@@ -1464,15 +1536,22 @@ void zoltLogFreeBuffer(char **buffer);
  * under its own name, replacing what is there; a path without a slash is appended to
  * the directory as it is. The copy has the permissions 660. A failed copy leaves what
  * was copied so far.
- *   Results: 3; 4; 32 the file cannot be opened, or the destination for a reason other
- *   than permission or a missing path; 31 its size is unknown; 47 the destination cannot
- *   be opened for one of those two reasons, or is the file itself; 33 the file ended
- *   early; 54 the device is full (once a write of this process has met a full device,
- *   any failed write counts as that); 34 any other failed write.
- * zoltLogCopyFileEx: makes a hard link to the file in the directory. 3 also for a path
- * without a slash; 34 when the link cannot be made.
- * zoltLogDeleteFile: removes a file; 3 no path. When it cannot be removed this is told
- * on standard output and the result is 0 all the same.
+ *   ZOLTLOG_INVALID_ARGUMENT     null
+ *   ZOLTLOG_NO_MEMORY
+ *   ZOLTLOG_OPEN_FAILED          the file cannot be opened, or the destination for a reason
+ *                                other than permission or a missing path
+ *   ZOLTLOG_SOURCE_SIZE_UNKNOWN  of the file
+ *   ZOLTLOG_DEST_OPEN_FAILED     the destination cannot be opened for one of those two
+ *                                reasons, or is the file itself
+ *   ZOLTLOG_SHORT_READ           the file ended early
+ *   ZOLTLOG_DEVICE_FULL          the device is full (once a write of this process has met a
+ *                                full device, any failed write counts as that)
+ *   ZOLTLOG_SHORT_WRITE          any other failed write
+ * zoltLogCopyFileEx: makes a hard link to the file in the directory.
+ * ZOLTLOG_INVALID_ARGUMENT also for a path without a slash; ZOLTLOG_SHORT_WRITE when the link
+ * cannot be made.
+ * zoltLogDeleteFile: removes a file; ZOLTLOG_INVALID_ARGUMENT: no path. When it cannot be
+ * removed this is told on standard output and the result is ZOLTLOG_OK all the same.
  */
 uint32_t zoltLogCopyFile(const char *path, const char *directory);
 uint32_t zoltLogCopyFileEx(const char *path, const char *directory);
@@ -1484,7 +1563,7 @@ uint32_t zoltLogDeleteFile(const char *path);
  * a name say; its configuration is that of found_config, and a series without one has
  * no surplus. Without memory the list becomes empty.
  * found_config: the first configuration of the product and originator, else the first
- * of the product's default originator (112), else null.
+ * of the product's default originator (ZOLTLOG_DEFAULT_ORIGINATOR), else null.
  * found_configSL: the first configuration of the product with this log set file name,
  * else the first of the product's log set "Default", else null. Configurations without
  * a log set do not count.
@@ -1507,23 +1586,24 @@ void FreeConfigArray(LogCfg **cfgs, uint32_t count);
  * the items, else nothing does. An item's type decides its look, and what the
  * measuring pass counts for it:
  *
- *     type                        look                              counted
- *     0     wide character        as "%lc"                          2
- *     1     signed integer        decimal                           20
- *     2     unsigned integer      decimal                           20
- *     3     double                as "%f"                           15
- *     4     pointer               0x and lower-case hexadecimal     20
- *     5     wide string           in the locale's encoding          its bytes + 1
- *     6, 7  OS error              its code, 32 bits, in decimal     10
- *     8     date and time         local time as asctime gives it,   asctime's length
- *                                 newline included, and a blank
- *     9     nested text           by the same rules, in place       as measured
- *     10    UTF-8 string          as it is                          its bytes + 1
- *     11    native string         as it is                          its bytes + 1
+ *     ZOLTLIS_ITEM_...   look                                 counted
+ *     _WIDE_CHAR         as "%lc"                             2
+ *     _SIGNED            decimal                              20
+ *     _UNSIGNED          decimal                              20
+ *     _DOUBLE            as "%f"                              15
+ *     _POINTER           0x and lower-case hexadecimal        20
+ *     _WIDE_STRING       in the locale's encoding             its bytes + 1
+ *     _OS_ERROR and      its code, 32 bits, in decimal        10
+ *     _OS_ERROR_OTHER
+ *     _DATE_TIME         local time as asctime gives it,      asctime's length
+ *                        newline included, and a blank
+ *     _NESTED            by the same rules, in place          as measured
+ *     _UTF8_STRING       as it is                             its bytes + 1
+ *     _NATIVE_STRING     as it is                             its bytes + 1
  *
  * The prefix counts 51 and each comma 1. A wide character or string that the locale's
- * encoding lacks adds nothing, nor does a time that asctime cannot show. A type above
- * 11 ends the text, with what there is until then. Blocks nested more than 32 deep
+ * encoding lacks adds nothing, nor does a time that asctime cannot show. Any other
+ * type ends the text, with what there is until then. Blocks nested more than 32 deep
  * are a failure.
  */
 
@@ -1586,17 +1666,17 @@ wchar_t *zoltLogWcsDup(const wchar_t *text);
  */
 uint32_t LogOutputBasedOnFlags(LogHandle *handle, LogMsg *msg, uint32_t flags);
 /*
- * Prints a record on standard output and standard error, by the same two flags. 0,
- * also when the plug-in cannot be loaded and nothing is printed; the plug-in's own
- * result when it fails; ZOLTLOG_NO_MEMORY; ZOLTLOG_INVALID_ARGUMENT for a null record.
+ * Prints a record on standard output and standard error, by the same two flags.
+ * ZOLTLOG_OK, also when the plug-in cannot be loaded and nothing is printed; the plug-in's
+ * own result when it fails; ZOLTLOG_NO_MEMORY; ZOLTLOG_INVALID_ARGUMENT for a null record.
  * "(null)" is printed when the plug-in gives no text or lacks its entry.
  */
 uint32_t OutputToConsole(uint32_t flags, LogMsg *msg, LocalizerList *localizers);
 
 /*
  * The system log (syslog). Settings are an identity, option bits and a facility as
- * openlog takes them. Results: 0, and -3 for a null argument.
- * osLogInitCfg sets the defaults: "Qorvanix", no option, facility 8 (user).
+ * openlog takes them. Results: ZOLTLOG_OS_OK, and ZOLTLOG_OS_INVALID_ARGUMENT for null.
+ * osLogInitCfg sets the defaults: "Qorvanix", no option, facility LOG_USER.
  * osLogCopyCfg copies identity and facility; the copy's options are 0.
  * osLogOpen and osLogOpenEx, which are the same, call openlog with the identity (at
  * most 79 bytes of it) in the sink, which must live until osLogClose: closelog.
@@ -1610,28 +1690,30 @@ int32_t osLogOpenEx(const OsLogSettings *settings, OsLogSink *sink);
 int32_t osLogClose(OsLogSink *sink);
 /*
  * Sends an application message, at the priority of its severity, or a secure audit
- * message, at priority 2 (critical), to the system log; other types are not sent.
+ * message, at priority LOG_CRIT, to the system log; other types are not sent.
  * When the handle's output flags hold ZOLTLOG_OUT_OSLOGX, a secure audit line begins
  * with eight values: product id, originator id (of the handle's configuration copy),
  * message id, process id, thread id, context token, subject, outcome; the commas
- * between them, and a blank after the last. 0 when sent or nothing was to be sent; -1
- * when the plug-in is missing, lacks its entry or fails; -3 for a null argument.
+ * between them, and a blank after the last. ZOLTLOG_OS_OK when sent or nothing was to be
+ * sent; ZOLTLOG_OS_FAILED when the plug-in is missing, lacks its entry or fails;
+ * ZOLTLOG_OS_INVALID_ARGUMENT for null.
  */
 int32_t osLogWrite(LogHandle *handle, LogMsg *msg);
-/* The priority of an application message: severity 1 is 4, 2 is 3, 3 is 2, 4 is 0; any other 6. */
+/* The priority of an application message: LOG_WARNING of a warning, LOG_ERR of an error,
+ * LOG_CRIT of a critical one, LOG_EMERG of an emergency; LOG_INFO of any other severity. */
 int32_t sevToSyslogPriority(uint32_t severity);
-/* 0 when the path begins with '/', else -1, also for null. */
+/* ZOLTLOG_OS_OK when the path begins with '/', else ZOLTLOG_OS_FAILED, also for null. */
 int32_t osLogIsFullPath(const char *path);
 
 /*
- * Dynamic loading. Results: 0 and -2. None takes a lock.
+ * Dynamic loading. Results: ZOLTLOG_OS_OK and ZOLTLOG_OS_NOT_LOADED. None takes a lock.
  * SharedLibLoad loads the library of a base name (its file name is that of
- * zoltLogOs_getLibName) through the loader's search; -2 for a null library or name,
- * or when it cannot be loaded: *library is then null. The file name is handed out
+ * zoltLogOs_getLibName) through the loader's search; _NOT_LOADED for a null library or
+ * name, or when it cannot be loaded: *library is then null. The file name is handed out
  * when fileName is not null (null on failure); the caller frees it.
- * SharedLibUnload gives one reference back; -2 for null.
- * SharedLibResolveFunc looks a symbol up: *function is null, and the result 0, when
- * the library lacks it; -2 for a null library or function, a null or empty symbol.
+ * SharedLibUnload gives one reference back; _NOT_LOADED for null.
+ * SharedLibResolveFunc looks a symbol up: *function is null, and the result _OK, when the
+ * library lacks it; _NOT_LOADED for a null library or function, a null or empty symbol.
  */
 int32_t SharedLibLoad(void **library, const char *name, char **fileName);
 int32_t SharedLibUnload(void *library);
@@ -1640,16 +1722,10 @@ int32_t SharedLibResolveFunc(void *library, const char *symbol, void **function)
 /* ---- platform services ----------------------------------
  *
  * None of these takes the lock: what an argument points at belongs to the calling
- * thread. Unless something else is said, results are those of this layer:
- *    0  success
- *   -1  a system call failed
- *   -3  a pointer is null
- *   -6  open failed for a reason other than the next two
- *   -7  open failed: permission denied
- *   -8  open failed: the path does not exist
+ * thread. Unless something else is said, results are those of this layer, ZOLTLOG_OS_...
  */
 
-/* The host's name, as gethostname gives it: 0, or -1 when it fails. A name that fills
+/* The host's name, as gethostname gives it: _OK, or _FAILED when that fails. A name that fills
  * the whole buffer comes without a terminating zero. */
 int32_t osGetHostName(char *buffer, size_t length);
 
@@ -1668,7 +1744,7 @@ uint64_t getPID(void);
 /* The calling thread's pthread_self(). */
 uint64_t getTID(void);
 
-/* Nothing to do on this system: 0. */
+/* Nothing to do on this system: ZOLTLOG_OS_OK. */
 int32_t osSocketStartup(void);
 void osSocketCleanup(void);
 
@@ -1677,15 +1753,15 @@ void osSocketCleanup(void);
 int32_t zoltLogOs_initfilehandle(OsFile *file);
 
 /*
- * Opens a file. mode 0: for writing at the end, created if missing. Mode 2: for writing,
- * emptied, created if missing. Any other: for reading. The handle may be uninitialised
- * memory; its fields but the buffer are set in any case, the descriptor to -1 on failure.
+ * Opens a file in a ZOLTLOG_OS_MODE_... The handle may be uninitialised memory; its fields
+ * but the buffer are set in any case, the descriptor to -1 on failure: _OPEN_DENIED,
+ * _OPEN_NO_PATH, _OPEN_FAILED; _INVALID_ARGUMENT for null.
  *
  * A file that the call creates has exactly the given permissions (octal 7777 at most),
  * whatever the process's umask, which is not touched; an existing one keeps its own.
  * Only a regular file or a character device is opened, never waiting for anything: a
- * FIFO, socket or directory is -6. For writing, so is a symbolic link as the last
- * component. The descriptor is above 2 and closes on exec.
+ * FIFO, socket or directory is _OPEN_FAILED. For writing, so is a symbolic link as the
+ * last component. The descriptor is above 2 and closes on exec.
  */
 int32_t zoltLogOs_open(OsFile *file, const char *path, int32_t mode, uint32_t permissions);
 
@@ -1693,8 +1769,8 @@ int32_t zoltLogOs_open(OsFile *file, const char *path, int32_t mode, uint32_t pe
 void zoltLogOs_close(OsFile *file);
 
 /*
- * One read, one write: the count of bytes, which may be short, or -1 with errno set (-3
- * for a null handle or a negative length). A read sets the handle's readPosition to 0 and
+ * One read, one write: the count of bytes, which may be short, or _FAILED with errno set
+ * (_INVALID_ARGUMENT for a null handle or a negative length). A read sets the handle's readPosition to 0 and
  * readCount to the count, or to -1 and 0 at the end or on failure. A write that fails
  * because the device is full sets errorCode.
  */
@@ -1704,7 +1780,7 @@ int32_t zoltLogOs_write(OsFile *file, const void *buffer, int32_t length);
 /* Size in bytes of an open file. On failure *size is left alone. */
 int32_t zoltLogOs_fsize(OsFile *file, uint64_t *size);
 
-/* Removes a file or an empty directory: 0 or -1 with errno set. */
+/* Removes a file or an empty directory: _OK, or _FAILED with errno set. */
 int32_t zoltLogOs_remove(const char *path);
 
 /* Broken-down local time or UTC of seconds since 1970-01-01 UTC: out, or null when out is
@@ -1717,23 +1793,24 @@ struct tm *zoltLogOs_gmtime_r(int64_t seconds, struct tm *out);
  * not used: a new directory has exactly the permissions of its parent, whatever the
  * umask, also when others may write there. What exists is left as it is. A relative path
  * whose first component is missing is a failure, unless it starts with "./".
- * 0; 1 a directory cannot be made, or a file is in the way; 3 null, or more than 1024
- * bytes.
+ * Results are not those of this layer: ZOLTLOG_OK; ZOLTLOG_FAILED: a directory cannot be
+ * made, or a file is in the way; ZOLTLOG_INVALID_ARGUMENT: null, or more than 1024 bytes.
  */
 int32_t zoltLogOs_mkdirp(const char *path, uint32_t mode);
 
 /*
  * File name of a shared library of this system: of the name's last component, what comes
  * before its first '.', without a final "D" and then a final "ST", with ".so.3" appended.
- * *out is the caller's. -3: null, or out of memory.
+ * *out is the caller's. _INVALID_ARGUMENT: null, or out of memory.
  */
 int32_t zoltLogOs_getLibName(const char *name, char **out);
 
 /*
  * Goes through the files of a directory whose names hold a '-' and end in ".log", in no
  * particular order. Begin moves to the first one; it may be given uninitialised memory,
- * of which it leaves the first word alone. Begin and Next: 0 with a current file, 1 at
- * the end, -1 when Begin fails. After a 0 or a 1 the cursor is released with End.
+ * of which it leaves the first word alone. Begin and Next: _OK with a current file,
+ * _LISTING_END at the end, _FAILED when Begin fails. After the first two the cursor is
+ * released with End.
  * directory is put before the names as it stands: give it with its final '/'.
  *
  * Of the current file: its name, which lives until the next move; the creation time that
@@ -1742,7 +1819,7 @@ int32_t zoltLogOs_getLibName(const char *name, char **out);
  *
  * CopyLogOsListLogFiles makes the destination, which may be uninitialised, remember the
  * source's current file; Next on a copy is the end, and it is released with End, too.
- * -1: out of memory, or no current file.
+ * _FAILED: out of memory, or no current file.
  */
 int32_t zoltLogOsListLogFilesBegin(OsLogFileCursor *cursor, const char *directory);
 int32_t zoltLogOsListLogFilesNext(OsLogFileCursor *cursor);

@@ -190,6 +190,20 @@ TEST(FaultRecord, ARecordWithinTheInlineStorageNeedsNoMemory) {
     allocations = 0;
     EXPECT_EQ(encode(msg, written, &writtenSize), 0u);
     EXPECT_EQ(allocations, 0);
+    // Texts of 3800 bytes together; a version with all numbers, which are as long as they get.
+    const std::string text(3700, 't');
+    const std::string who(60, 'w');
+    const std::string token(40, 'c');
+    LogMsg longest = exampleMessage(text.c_str());
+    longest.recordVersion = ZOLTLOG_RECORD_VERSION_ORIGINATOR;
+    longest.productId = longest.originatorId = longest.fileOriginatorId = longest.messageId = UINT64_MAX;
+    longest.timestamp = longest.processId = longest.threadId = UINT64_MAX;
+    longest.who = const_cast<char *>(who.c_str());
+    longest.contextToken = const_cast<char *>(token.c_str());
+    allocations = 0;
+    EXPECT_EQ(encode(longest, written, &writtenSize), 0u);
+    EXPECT_EQ(allocations, 0);
+    EXPECT_GT(writtenSize, 3900u);
 }
 
 TEST(FaultRecord, ALongRecordWithoutMemoryIsRefused) {
