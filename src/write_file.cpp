@@ -6,7 +6,7 @@
 // names and header (write_file_name), creation (write_file_create), removal of surplus
 // files (write_file_recycle), encoding (bin2txt).
 //
-//   States          the remembered state, handle lists, release
+//   States          the register of writers, the remembered state, handle lists, release
 //   Rollover        check, roll over, contexts in the new file
 //   Writing         one record, the periodic reopen
 //   Operations      zoltLogOpenFile ... zoltLogCreateContextToFile
@@ -20,6 +20,7 @@
 #include "text_msg.h"
 
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <unistd.h>
@@ -73,6 +74,49 @@ constexpr int64_t SIZE_KNOWN_FOR_NS = NS_PER_SECOND;
 
 // ---- states ----------------------------------------------------------------------------
 
+// The writers, by the addresses of their states.
+constexpr size_t REGISTER_CHAINS = 64;
+Writer *writers[REGISTER_CHAINS];
+
+Writer **chainOf(const LogFileState *state) {
+    const auto address = reinterpret_cast<uintptr_t>(state);
+    return &writers[(address >> 4 ^ address >> 16) % REGISTER_CHAINS];
+}
+
+// Null: the state was not opened here.
+Writer *writerOf(const LogFileState *state) {
+    Writer *writer = *chainOf(state);
+    while (writer != nullptr && writer->state != state)
+        writer = writer->next;
+    return writer;
+}
+
+// The state's writer, a new one if it has none; null without memory.
+Writer *makeWriter(LogFileState *state) {
+    Writer *writer = writerOf(state);
+    if (writer != nullptr)
+        return writer;
+    writer = static_cast<Writer *>(calloc(1, sizeof(Writer)));
+    if (writer == nullptr)
+        return nullptr;
+    Writer **chain = chainOf(state);
+    writer->state = state;
+    writer->next = *chain;
+    *chain = writer;
+    return writer;
+}
+
+void forgetWriter(const LogFileState *state) {
+    for (Writer **at = chainOf(state); *at != nullptr; at = &(*at)->next) {
+        if ((*at)->state == state) {
+            Writer *forgotten = *at;
+            *at = forgotten->next;
+            free(forgotten);
+            return;
+        }
+    }
+}
+
 // The state of an originator series that a later open of the same series shares.
 LogFileState *rememberedState;
 
@@ -103,6 +147,7 @@ bool removeHandleFromFile(LogFileState *state, const LogHandle *handle) {
 
 void releaseState(LogFileState *state) {
     zoltLogOs_close(&state->file);
+    forgetWriter(state);
     if (rememberedState == state)
         rememberedState = nullptr;
     zoltLogFree(state->logsetName);
@@ -135,27 +180,28 @@ bool reachesLimit(const LogFileState *state, uint64_t size, uint64_t length) {
 // since the last answer could not have filled the file. The time is taken before the
 // question, so that nothing is appended unseen in between. The gap between this check
 // and the write, in which others may append, is the same as with a question each time.
-bool isFull(LogFileState *state, uint64_t length) {
-    WriterNotes *notes = notesOf(state);
+bool isFull(Writer *writer, uint64_t length) {
+    LogFileState *state = writer->state;
     const int64_t now = monotonicNs();
-    const int64_t age = now - notes->sizeAskedAt;
-    if (notes->sizeAskedAt != 0 && age >= 0 && age < SIZE_KNOWN_FOR_NS) {
+    const int64_t age = now - writer->sizeAskedAt;
+    if (writer->sizeAskedAt != 0 && age >= 0 && age < SIZE_KNOWN_FOR_NS) {
         const uint64_t most =
-            notes->sizeThen + notes->ownSince + static_cast<uint64_t>(age) * APPENDED_PER_NS;
+            writer->sizeThen + writer->ownSince + static_cast<uint64_t>(age) * APPENDED_PER_NS;
         if (!reachesLimit(state, most, length))
             return false;
     }
     uint64_t size = 0;
     if (!askSize(state, &size))
         return false;
-    notes->sizeAskedAt = now;
-    notes->sizeThen = size;
-    notes->ownSince = 0;
+    writer->sizeAskedAt = now;
+    writer->sizeThen = size;
+    writer->ownSince = 0;
     return reachesLimit(state, size, length);
 }
 
 // A new file is to be started before a record of the given length is written.
-bool isRolloverDue(LogFileState *state, uint64_t length) {
+bool isRolloverDue(Writer *writer, uint64_t length) {
+    LogFileState *state = writer->state;
     // A file that is closed after a failed rollover or reopen is tried again each time.
     if (state->headerVersion != writtenVersion(state) || state->file.descriptor == -1)
         return true;
@@ -168,7 +214,7 @@ bool isRolloverDue(LogFileState *state, uint64_t length) {
     if ((state->rolloverMode & TIMED_MODES) != 0 && time(nullptr) >= state->nextRolloverTime)
         return true;
     return (state->rolloverMode & ZOLTLOG_ROLLOVER_FILE_SIZE) != 0 && state->maxFileSizeKB != 0 &&
-           isFull(state, length);
+           isFull(writer, length);
 }
 
 // The waits of one rollover of a log set.
@@ -179,17 +225,16 @@ struct NameWait {
 
 // The name of a log set's file tells its second: a file that is full within it leaves no
 // name for the next one before the clock moves on. False when the time is up.
-bool waitForNextName(LogFileState *state, NameWait *wait) {
-    WriterNotes *notes = notesOf(state);
+bool waitForNextName(Writer *writer, NameWait *wait) {
     if (wait->deadline == 0)
-        *wait = {monotonicNs() + LOGSET_WAIT_NS, notes->nameSecond};
-    while (time(nullptr) == notes->nameSecond) {
+        *wait = {monotonicNs() + LOGSET_WAIT_NS, writer->nameSecond};
+    while (time(nullptr) == writer->nameSecond) {
         if (monotonicNs() >= wait->deadline) {
             // A clock that stood still all the time is not waited for again. Otherwise
             // others filled the files of the seconds in between, and the next message
             // has its own chance.
-            if (notes->nameSecond == wait->second)
-                notes->stoppedSecond = notes->nameSecond;
+            if (writer->nameSecond == wait->second)
+                writer->stoppedSecond = writer->nameSecond;
             return false;
         }
         sleepNs(LOGSET_WAIT_STEP_NS);
@@ -199,19 +244,20 @@ bool waitForNextName(LogFileState *state, NameWait *wait) {
 
 // Starts the next file that is fit to be written to. When none can be opened the file
 // stays closed.
-void rollOver(LogFileState *state) {
+void rollOver(Writer *writer) {
+    LogFileState *state = writer->state;
     NameWait wait = {};
     zoltLogOs_close(&state->file);
     for (int round = 0; round < ROLL_ROUNDS; ++round) {
         bool created = false;
         // A file made here just now is as fit as any: were it due already, by a period of
         // nothing or a clock gone mad, so would be the next.
-        if (openNextFile(state, &created) != ZOLTLOG_OK || created || !isRolloverDue(state, 0))
+        if (openNextFile(writer, &created) != ZOLTLOG_OK || created || !isRolloverDue(writer, 0))
             break;
         // KEPT: a log set's rollover holds up the message, and all others of the process,
         // until the clock shows another second, at most LOGSET_WAIT_NS; then the record
         // goes into the full file. Pinned by WriteFileLogset.RolloverWithinASecondWaits.
-        if (state->isLogset != 0 && !waitForNextName(state, &wait))
+        if (state->isLogset != 0 && !waitForNextName(writer, &wait))
             break;
         zoltLogOs_close(&state->file);
     }
@@ -219,41 +265,43 @@ void rollOver(LogFileState *state) {
         (void)recycleLogFiles(state);
 }
 
-uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver);
+uint32_t writeRecord(Writer *writer, LogMsg *msg, bool mayRollOver);
 
 // Every file of an originator series begins with the contexts that are open: all are
 // tried, in the order of the handle list. The first failure.
-uint32_t rewriteContexts(LogFileState *state) {
+uint32_t rewriteContexts(Writer *writer) {
     uint32_t result = ZOLTLOG_OK;
-    for (LogHandle *handle = state->handles; handle != nullptr; handle = handle->nextOnFile) {
+    for (LogHandle *handle = writer->state->handles; handle != nullptr; handle = handle->nextOnFile) {
         if (handle->noContext != 0)
             continue;
-        const uint32_t written = writeRecord(state, &handle->contextMsg, false);
+        const uint32_t written = writeRecord(writer, &handle->contextMsg, false);
         if (result == ZOLTLOG_OK)
             result = written;
     }
     return result;
 }
 
-bool clockStandsStill(LogFileState *state) {
-    WriterNotes *notes = notesOf(state);
-    return state->isLogset != 0 && notes->stoppedSecond != 0 && state->file.descriptor != -1 &&
-           state->headerVersion == writtenVersion(state) && time(nullptr) == notes->stoppedSecond;
+bool clockStandsStill(const Writer *writer) {
+    const LogFileState *state = writer->state;
+    return state->isLogset != 0 && writer->stoppedSecond != 0 && state->file.descriptor != -1 &&
+           state->headerVersion == writtenVersion(state) && time(nullptr) == writer->stoppedSecond;
 }
 
-void rollOverIfDue(LogFileState *state, uint64_t length) {
-    if (!isRolloverDue(state, length) || clockStandsStill(state))
+void rollOverIfDue(Writer *writer, uint64_t length) {
+    const LogFileState *state = writer->state;
+    if (!isRolloverDue(writer, length) || clockStandsStill(writer))
         return;
-    rollOver(state);
+    rollOver(writer);
     if (state->isLogset == 0 && state->file.descriptor != -1)
-        (void)rewriteContexts(state);
+        (void)rewriteContexts(writer);
 }
 
 // Others may have moved or removed the file: from time to time the current name is
 // opened anew.
 // KEPT: the name of a log set's file tells its second, so for a log set this starts a
 // new file. Pinned by WriteFileLogset.PeriodicReopenStartsANewFile.
-void reopenIfOld(LogFileState *state, const LogMsg *msg) {
+void reopenIfOld(Writer *writer, const LogMsg *msg) {
+    LogFileState *state = writer->state;
     const auto sent = static_cast<int64_t>(msg->timestamp);
     if (state->lastReopenTime == 0 || state->file.descriptor == -1 || sent < REOPEN_AFTER_MS ||
         sent - REOPEN_AFTER_MS <= state->lastReopenTime)
@@ -261,69 +309,64 @@ void reopenIfOld(LogFileState *state, const LogMsg *msg) {
     const int64_t startTime = state->fileStartTime;
     zoltLogOs_close(&state->file);
     --state->counter; // counts up to the same name again, unless the day is another
-    if (openNextFile(state, nullptr) != ZOLTLOG_OK)
+    if (openNextFile(writer, nullptr) != ZOLTLOG_OK)
         return;
     state->lastReopenTime = sent;
     if (state->isLogset == 0 && state->fileStartTime != startTime)
-        (void)rewriteContexts(state);
+        (void)rewriteContexts(writer);
 }
 
 // ---- writing ---------------------------------------------------------------------------
 
 // One write of all bytes.
-uint32_t appendBytes(LogFileState *state, const char *bytes, uint64_t length) {
-    WriterNotes *notes = notesOf(state);
+uint32_t appendBytes(Writer *writer, const char *bytes, uint64_t length) {
     const int32_t written =
-        length <= INT32_MAX ? zoltLogOs_write(&state->file, bytes, static_cast<int32_t>(length)) : -1;
+        length <= INT32_MAX ? zoltLogOs_write(&writer->state->file, bytes, static_cast<int32_t>(length)) : -1;
     if (written > 0)
-        notes->ownSince += static_cast<uint64_t>(written);
+        writer->ownSince += static_cast<uint64_t>(written);
     if (written >= 0 && static_cast<uint64_t>(written) == length)
         return ZOLTLOG_OK;
     if (written > 0)
-        notes->torn = 1;
+        writer->torn = true;
     return __atomic_load_n(&errorCode, __ATOMIC_RELAXED) == ZOLTLOG_DEVICE_FULL ? ZOLTLOG_DEVICE_FULL
                                                                                 : ZOLTLOG_WRITE_FAILED;
 }
 
 // Ends the line in which an earlier write was cut off.
-uint32_t endTornLine(LogFileState *state) {
-    const uint32_t result = appendBytes(state, "\n", 1);
+uint32_t endTornLine(Writer *writer) {
+    const uint32_t result = appendBytes(writer, "\n", 1);
     if (result == ZOLTLOG_OK)
-        notesOf(state)->torn = 0;
+        writer->torn = false;
     return result;
 }
 
-uint32_t appendRecord(LogFileState *state, const TextBuffer *buffer) {
-    WriterNotes *notes = notesOf(state);
-    if (notes->torn != 0) {
-        const uint32_t result = endTornLine(state);
+uint32_t appendRecord(Writer *writer, const TextBuffer *buffer) {
+    if (writer->torn) {
+        const uint32_t result = endTornLine(writer);
         if (result != ZOLTLOG_OK)
             return result;
     }
-    const uint32_t result = appendBytes(state, buffer->data, textLength(buffer));
+    const uint32_t result = appendBytes(writer, buffer->data, textLength(buffer));
     // At once, so that other processes do not continue the torn line either. On a full
     // device it fails and remains to be done before the next record.
-    if (notes->torn != 0)
-        (void)endTornLine(state);
+    if (writer->torn)
+        (void)endTornLine(writer);
     return result;
 }
 
-uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver) {
-    if (state == nullptr)
-        return ZOLTLOG_NO_FILE_STATE;
-    if (msg == nullptr)
-        return ZOLTLOG_FAILED;
+uint32_t writeRecord(Writer *writer, LogMsg *msg, bool mayRollOver) {
+    const LogFileState *state = writer->state;
     msg->recordVersion = writtenVersion(state);
     msg->fileOriginatorId = state->fileOriginatorId;
     TextBuffer buffer;
-    uint32_t result = serializeMsg(msg, &buffer, &notesOf(state)->identity);
+    uint32_t result = serializeMsg(msg, &buffer, &writer->identity);
     if (result != ZOLTLOG_OK)
         return result;
     if (mayRollOver) {
-        rollOverIfDue(state, textLength(&buffer));
-        reopenIfOld(state, msg);
+        rollOverIfDue(writer, textLength(&buffer));
+        reopenIfOld(writer, msg);
     }
-    result = appendRecord(state, &buffer);
+    result = appendRecord(writer, &buffer);
     if (isOnHeap(&buffer))
         free_text_msg(&buffer);
     return result;
@@ -332,7 +375,16 @@ uint32_t writeRecord(LogFileState *state, LogMsg *msg, bool mayRollOver) {
 } // namespace
 
 uint32_t zoltLogWriteMsgWithRolloverToFile(LogFileState *state, LogMsg *msg) {
-    return writeRecord(state, msg, true);
+    if (state == nullptr)
+        return ZOLTLOG_NO_FILE_STATE;
+    if (msg == nullptr)
+        return ZOLTLOG_FAILED;
+    Writer *known = writerOf(state);
+    if (known != nullptr)
+        return writeRecord(known, msg, true);
+    Writer passing = {}; // the state was never opened: nothing is remembered from call to call
+    passing.state = state;
+    return writeRecord(&passing, msg, true);
 }
 
 // ---- operations ------------------------------------------------------------------------
@@ -345,6 +397,12 @@ struct LogsetNames {
     char *filename = nullptr;
 };
 
+void freeNames(LogsetNames *names) {
+    zoltLogFree(names->name);
+    zoltLogFree(names->filename);
+    *names = {};
+}
+
 uint32_t copyLogsetNames(const LogCfg *first, const LogCfg *second, LogsetNames *names) {
     const char *name = first->logsetName != nullptr ? first->logsetName : second->logsetName;
     const char *filename = first->logsetFilename != nullptr ? first->logsetFilename : second->logsetFilename;
@@ -356,35 +414,36 @@ uint32_t copyLogsetNames(const LogCfg *first, const LogCfg *second, LogsetNames 
     names->filename = zoltLogSafeStrdup(filename);
     if (names->filename != nullptr && (names->name != nullptr || name == nullptr))
         return ZOLTLOG_OK;
-    zoltLogFree(names->name);
-    zoltLogFree(names->filename);
+    freeNames(names);
     return ZOLTLOG_NO_MEMORY;
 }
 
-// The state that the handle writes through: the one it came with, or the remembered one
-// of the same series, which then replaces it.
-LogFileState *adoptState(LogHandle *handle, const LogCfg *fileCfg) {
+// The writer of the state that the handle came with, or of the remembered one of the same
+// series, which then replaces it; null without memory.
+Writer *adoptState(LogHandle *handle, const LogCfg *fileCfg) {
     LogFileState *state = handle->file;
-    if (state == rememberedState || state->handles != nullptr || notesOf(state)->opened != 0)
-        return state; // opened before
+    Writer *writer = makeWriter(state);
+    if (writer == nullptr || state == rememberedState || state->handles != nullptr || writer->opened)
+        return writer; // opened before
     state->productId = fileCfg->productId;
     state->fileOriginatorId = fileCfg->originatorId;
     (void)zoltLogOs_initfilehandle(&state->file);
     if (fileCfg->isLogset != 0)
-        return state;
+        return writer;
     if (rememberedState == nullptr) {
         rememberedState = state;
     } else if (rememberedState->productId == state->productId &&
                rememberedState->fileOriginatorId == state->fileOriginatorId) {
+        forgetWriter(state);
         zoltLogFree(state);
-        state = rememberedState;
-        handle->file = state;
+        handle->file = rememberedState;
+        return writerOf(rememberedState);
     }
-    return state;
+    return writer;
 }
 
-void configureState(LogFileState *state, const LogCfg *cfg) {
-    const bool opened = notesOf(state)->opened != 0;
+void configureState(const Writer *writer, const LogCfg *cfg) {
+    LogFileState *state = writer->state;
     const bool rescheduled = state->rolloverMode != cfg->rolloverMode ||
                              state->rolloverPeriod != cfg->rolloverPeriod ||
                              state->rolloverTime != cfg->rolloverTime;
@@ -396,7 +455,7 @@ void configureState(LogFileState *state, const LogCfg *cfg) {
     state->logRecycling = cfg->logRecycling;
     state->rolloverPeriod = cfg->rolloverPeriod;
     state->rolloverTime = cfg->rolloverTime;
-    if (!opened) {
+    if (!writer->opened) {
         state->counter = cfg->rolloverMode == ZOLTLOG_ROLLOVER_FILE_SIZE ? -1 : 0;
         state->date = {};
         (void)CopyFileSecuritySetting(&state->permissions, cfg->permissions.mode);
@@ -431,8 +490,13 @@ uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileC
     const uint32_t copied = copyLogsetNames(originatorCfg, fileCfg, &names);
     if (copied != ZOLTLOG_OK)
         return copied;
-    LogFileState *state = adoptState(handle, fileCfg);
-    configureState(state, fileCfg);
+    Writer *writer = adoptState(handle, fileCfg);
+    if (writer == nullptr) {
+        freeNames(&names);
+        return ZOLTLOG_NO_MEMORY;
+    }
+    LogFileState *state = writer->state;
+    configureState(writer, fileCfg);
     configureHandle(handle, originatorCfg);
     addHandleToFile(state, handle);
     if (names.filename != nullptr) {
@@ -441,9 +505,9 @@ uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileC
         state->logsetName = names.name;
         state->logsetFilename = names.filename;
     }
-    if (notesOf(state)->opened != 0)
+    if (writer->opened)
         return ZOLTLOG_OK;
-    return openLatestFile(state);
+    return openLatestFile(writer);
 }
 
 uint32_t zoltLogCloseFile(LogHandle *handle) {
@@ -492,7 +556,7 @@ uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMs
     context->utf8 = parent->utf8;
     context->noContext = 1;
     context->sequenceNumber = 1;
-    const uint32_t result = writeRecord(parent->file, &context->contextMsg, true);
+    const uint32_t result = zoltLogWriteMsgWithRolloverToFile(parent->file, &context->contextMsg);
     if (result != ZOLTLOG_OK) {
         context->file = nullptr; // on no list, it must not keep what may go before it does
         return result;

@@ -10,32 +10,25 @@
 inline constexpr size_t HOST_NAME_SIZE = HEADER_HOST_SIZE;
 using HostName = char[HOST_NAME_SIZE + 1];
 
-// ---- notes -------------------------------------------------------------------------
+// ---- the writer of a series -------------------------------------------------------
 
-// What the writer remembers of a series besides the fields of its state. It lies in the
-// read buffer of the state's file, which only serves while a header is read: a file
-// that is open for writing never reads. A zero-filled state has empty notes.
-struct __attribute__((may_alias)) WriterNotes {
+// What the writer keeps of a series besides the exported state, which its caller may have
+// allocated: it lies beside the state and is found by its address.
+struct Writer {
+    LogFileState *state;
+    Writer *next;          // of its chain in the register
     uint64_t sizeThen;     // of the open file, when last asked
-    uint64_t ownSince;     // bytes that this state has appended since
+    uint64_t ownSince;     // bytes that were appended here since
     int64_t sizeAskedAt;   // monotonic ns, taken before asking; 0 when not asked yet
     int64_t nameSecond;    // log set: the second that the file's name tells
     int64_t stoppedSecond; // log set: where the clock stood still while the next second was waited for
-    uint32_t opened;       // a file of the series was opened once
-    uint32_t torn;         // the open file ends inside a line
+    bool opened;           // a file of the series was opened once
+    bool torn;             // the open file ends inside a line
     RecordIdentity identity;
     uint64_t hostId;     // as the name service gave it for hostName
     int64_t hostKnownAt; // monotonic ns, taken after asking; 0 when not asked yet
     HostName hostName;
 };
-
-inline WriterNotes *notesOf(LogFileState *state) {
-    constexpr size_t BUFFER = offsetof(LogFileState, file) + offsetof(OsFile, buffer);
-    constexpr size_t OFFSET = (alignof(WriterNotes) - BUFFER % alignof(WriterNotes)) % alignof(WriterNotes);
-    static_assert((BUFFER + OFFSET) % alignof(WriterNotes) == 0);
-    static_assert(OFFSET + sizeof(WriterNotes) <= sizeof(OsFile::buffer));
-    return reinterpret_cast<WriterNotes *>(state->file.buffer + OFFSET);
-}
 
 inline constexpr int64_t NS_PER_SECOND = 1000000000;
 int64_t monotonicNs();
@@ -45,10 +38,10 @@ void sleepNs(long ns); // below a second
 
 // Opens the next file of the series. On failure no file is open and the state still
 // tells of the one before. *created, which may be null, says that the file was made here.
-uint32_t openNextFile(LogFileState *state, bool *created);
+uint32_t openNextFile(Writer *writer, bool *created);
 
 // Opens the file that the series continues in: its latest one, or the first.
-uint32_t openLatestFile(LogFileState *state);
+uint32_t openLatestFile(Writer *writer);
 
 // Sets when a LocalTime or Periodic rollover of the open file is due.
 void setNextRollover(LogFileState *state, int64_t now);

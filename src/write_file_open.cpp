@@ -104,20 +104,20 @@ int64_t nextCounter(const LogFileState *state, const LogFileDate *today) {
 
 // The number of this host, which a rollover soon after another does not ask for again:
 // the name service may be slow, and all messages of the process wait for it.
-uint64_t hostIdOf(LogFileState *state, const HostName &hostName) {
-    WriterNotes *notes = notesOf(state);
-    if (notes->hostKnownAt != 0 && monotonicNs() - notes->hostKnownAt < HOST_KNOWN_FOR_NS &&
-        strcmp(notes->hostName, hostName) == 0)
-        return notes->hostId;
+uint64_t hostIdOf(Writer *writer, const HostName &hostName) {
+    if (writer->hostKnownAt != 0 && monotonicNs() - writer->hostKnownAt < HOST_KNOWN_FOR_NS &&
+        strcmp(writer->hostName, hostName) == 0)
+        return writer->hostId;
     (void)osSocketStartup();
-    notes->hostId = osGetHostID();
+    writer->hostId = osGetHostID();
     osSocketCleanup();
-    notes->hostKnownAt = notes->hostId != 0 ? monotonicNs() : 0;
-    memcpy(notes->hostName, hostName, sizeof hostName);
-    return notes->hostId;
+    writer->hostKnownAt = writer->hostId != 0 ? monotonicNs() : 0;
+    memcpy(writer->hostName, hostName, sizeof hostName);
+    return writer->hostId;
 }
 
-uint32_t chooseNewFile(LogFileState *state, const HostName &hostName, Target *target) {
+uint32_t chooseNewFile(Writer *writer, const HostName &hostName, Target *target) {
+    const LogFileState *state = writer->state;
     tm local;
     if (zoltLogOs_localtime_r(target->now, &local) == nullptr)
         return ZOLTLOG_FAILED;
@@ -133,7 +133,7 @@ uint32_t chooseNewFile(LogFileState *state, const HostName &hostName, Target *ta
         name.setLength = strlen(state->logsetFilename);
     } else {
         name.originator = state->fileOriginatorId;
-        name.host = hostIdOf(state, hostName);
+        name.host = hostIdOf(writer, hostName);
         if (name.host == 0)
             return ZOLTLOG_FAILED;
         name.counter = static_cast<uint64_t>(target->counter);
@@ -195,9 +195,7 @@ int32_t resumeFile(LogFileState *state, const Target *target, Opened *opened, bo
         zoltLogOs_close(&state->file);
         return ZOLTLOG_OS_OPEN_FAILED;
     }
-    const WriterNotes notes = *notesOf(state); // the header is read into their place
     const bool headerRead = ReadHeaderEx(&state->file, &opened->header) == ZOLTLOG_OK;
-    *notesOf(state) = notes;
     opened->startTime = startTimeOf(state, target, &opened->header, headerRead);
     // Kept open meanwhile, so that a removed file's number is not given to a new one.
     const int reader = state->file.descriptor;
@@ -253,7 +251,8 @@ uint32_t openTarget(LogFileState *state, const Target *target, const char *hostN
 }
 
 // Opens a file of the series: the given latest one, or else the next one.
-uint32_t openSeriesFile(LogFileState *state, const LogFileEntry *entry, bool *created) {
+uint32_t openSeriesFile(Writer *writer, const LogFileEntry *entry, bool *created) {
+    LogFileState *state = writer->state;
     if (created != nullptr)
         *created = false;
     if (state->directory[0] == '\0')
@@ -272,7 +271,7 @@ uint32_t openSeriesFile(LogFileState *state, const LogFileEntry *entry, bool *cr
     target.now = time(nullptr);
     target.entry = entry;
     uint32_t result =
-        entry != nullptr ? chooseExistingFile(state, &target) : chooseNewFile(state, hostName, &target);
+        entry != nullptr ? chooseExistingFile(state, &target) : chooseNewFile(writer, hostName, &target);
     if (result != ZOLTLOG_OK)
         return result;
 
@@ -287,11 +286,10 @@ uint32_t openSeriesFile(LogFileState *state, const LogFileEntry *entry, bool *cr
     state->fileStartTime = opened.startTime;
     state->lastReopenTime = opened.startTime * MS_PER_SECOND;
     setNextRollover(state, target.now);
-    WriterNotes *notes = notesOf(state);
-    notes->opened = 1;
-    notes->torn = opened.torn ? 1 : 0;
-    notes->sizeAskedAt = 0;
-    notes->nameSecond = target.now;
+    writer->opened = true;
+    writer->torn = opened.torn;
+    writer->sizeAskedAt = 0;
+    writer->nameSecond = target.now;
     if (created != nullptr)
         *created = opened.created;
     return ZOLTLOG_OK;
@@ -310,11 +308,12 @@ void sleepNs(long ns) {
     (void)nanosleep(&pause, nullptr);
 }
 
-uint32_t openNextFile(LogFileState *state, bool *created) {
-    return openSeriesFile(state, nullptr, created);
+uint32_t openNextFile(Writer *writer, bool *created) {
+    return openSeriesFile(writer, nullptr, created);
 }
 
-uint32_t openLatestFile(LogFileState *state) {
+uint32_t openLatestFile(Writer *writer) {
+    const LogFileState *state = writer->state;
     LogFileEntry *entry = nullptr;
     const auto now = static_cast<uint64_t>(time(nullptr));
     const int32_t found = state->isLogset != 0
@@ -322,7 +321,7 @@ uint32_t openLatestFile(LogFileState *state) {
                                                        state->logsetFilename, 0, now, &entry)
                               : zoltLogFindLatestLog(state->directory, state->productId,
                                                      state->fileOriginatorId, 0, now, &entry);
-    const uint32_t result = openSeriesFile(state, found != 0 ? entry : nullptr, nullptr);
+    const uint32_t result = openSeriesFile(writer, found != 0 ? entry : nullptr, nullptr);
     zoltLogFree(entry);
     return result;
 }

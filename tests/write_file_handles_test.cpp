@@ -237,6 +237,25 @@ TEST_F(WriteFileHandles, HandleOnNoListOfAUsedStateLeavesItAlone) {
     EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
 }
 
+TEST_F(WriteFileHandles, StateThatWasNeverOpenedIsWrittenThroughAllTheSame) {
+    auto *state = static_cast<LogFileState *>(calloc(1, sizeof(LogFileState)));
+    state->file.descriptor = -1;
+    strcpy(state->directory, "./logs/");
+    state->permissions.mode = 0660;
+    state->productId = 5;
+    state->fileOriginatorId = 7;
+    state->rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
+    state->maxFileSizeKB = 1;
+    LogHandle handle = {};
+    handle.file = state;
+    handle.originatorId = 7;
+    handle.noContext = 1;
+    for (const size_t length : {500u, 400u, 100u})
+        EXPECT_EQ(send(&handle, std::string(length, 'x')), 0u);
+    EXPECT_EQ(logFiles().size(), 2u);
+    EXPECT_EQ(zoltLogCloseFile(&handle), 1u) << "on no list";
+}
+
 TEST_F(WriteFileHandles, OpeningAnOpenHandleAgainListsItOnce) {
     LogHandle handle;
     LogCfg cfg = settings();

@@ -1,8 +1,6 @@
 // Opening a series: the first file, resuming the latest, what is refused.
 #include "write_series.h"
 
-#include "src/write_file.h"
-
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -23,6 +21,7 @@ std::function<void()> onNextSleep;
 bool withoutUnnamed;
 bool withoutLinks;
 bool withoutProc;
+int64_t monotonicShift; // seconds
 
 namespace {
 
@@ -86,6 +85,13 @@ int renameat2(int fromDir, const char *from, int toDir, const char *to, unsigned
     runOnce(&onNextCreation);
     return real<int (*)(int, const char *, int, const char *, unsigned)>("renameat2")(fromDir, from, toDir,
                                                                                       to, flags);
+}
+
+int clock_gettime(clockid_t clock, timespec *out) noexcept {
+    const int result = real<int (*)(clockid_t, timespec *)>("clock_gettime")(clock, out);
+    if (clock == CLOCK_MONOTONIC)
+        out->tv_sec += monotonicShift;
+    return result;
 }
 
 int nanosleep(const timespec *pause, timespec *rest) {
@@ -318,10 +324,10 @@ TEST_F(WriteFileHost, IsNotLookedUpForFilesSoonAfterEachOther) {
 
 TEST_F(WriteFileHost, IsLookedUpAgainTenSecondsLater) {
     hostAddress = "10.0.0.6";
-    notesOf(handle.file)->hostKnownAt -= 9 * NS_PER_SECOND;
+    monotonicShift += 9;
     rollOver();
     EXPECT_EQ(hostLookUps, 0);
-    notesOf(handle.file)->hostKnownAt -= NS_PER_SECOND;
+    monotonicShift += 1;
     rollOver();
     EXPECT_EQ(hostLookUps, 1);
     EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000002.log");
