@@ -2,9 +2,12 @@
 // lock wrongly once would go on with records half written.
 #include "lockUnix.h"
 
+#include "os_process.h"
+
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <ctime>
 #include <pthread.h>
 #include <sched.h>
 
@@ -21,15 +24,29 @@ alignas(64) LogLock zoltLogMutex;
 
 namespace {
 
-constexpr int32_t MAX_DEPTH = sizeof(LogLock::holders) / sizeof(LogLockHolder);
-static_assert(MAX_DEPTH == 10);
-
-// Guards the creation and destruction of every lock's mutex.
-pthread_mutex_t creation = PTHREAD_MUTEX_INITIALIZER;
-
 void require(bool holds) {
     if (!holds)
         abort();
+}
+
+// The calling thread holds the lock. Asked without holding it: only the thread itself
+// ever stores its own number there.
+bool isHeldBy(const LogLock *lock, uint64_t thread) {
+    return __atomic_load_n(&lock->holders[0].thread, __ATOMIC_RELAXED) == thread;
+}
+
+void setHolder(LogLockHolder *holder, uint64_t thread, const char *tag) {
+    __atomic_store_n(&holder->thread, thread, __ATOMIC_RELAXED);
+    holder->tag = tag;
+}
+
+// ---- creation ------------------------------------------------------------------------
+
+constexpr long WAIT_NS = 50000; // between two looks at what another thread does in no time
+
+void waitALittle() {
+    const struct timespec time = {0, WAIT_NS};
+    (void)nanosleep(&time, nullptr);
 }
 
 void makeRecursive(pthread_mutex_t *mutex) {
@@ -44,39 +61,111 @@ bool isCreated(const LogLock *lock) {
     return __atomic_load_n(&lock->initialized, __ATOMIC_ACQUIRE) != 0;
 }
 
-// Called with creation held. The mutex is complete before anybody can see that it is.
+bool heldForFork; // guarded by the right to create
+
+// The right to create and destroy the mutexes of locks, one thread at a time. No mutex, so
+// that the child of a fork finds it free. Waiting sleeps: a thread that must not be
+// preempted would keep a yielding one from the processor for ever.
+struct Creating {
+    explicit Creating(uint64_t self) {
+        uint64_t creator = 0;
+        while (!__atomic_compare_exchange_n(&processPage.creator, &creator, self, false, __ATOMIC_ACQUIRE,
+                                            __ATOMIC_RELAXED)) {
+            if (creator == self) { // between the handlers of its fork
+                nested = true;
+                return;
+            }
+            creator = 0;
+            waitALittle();
+        }
+    }
+    ~Creating() {
+        if (!nested)
+            release();
+    }
+    Creating(const Creating &) = delete;
+    Creating &operator=(const Creating &) = delete;
+
+    static void release() { __atomic_store_n(&processPage.creator, 0, __ATOMIC_RELEASE); }
+
+    bool nested = false;
+};
+
+// The mutex is complete before anybody can see that it is.
 void create(LogLock *lock) {
     makeRecursive(&lock->mutex);
     __atomic_store_n(&lock->initialized, 1, __ATOMIC_RELEASE);
 }
 
 // The first acquisition may be made by many threads at once: one of them creates.
-[[gnu::noinline]] void createOnce(LogLock *lock) {
-    require(pthread_mutex_lock(&creation) == 0);
-    if (!isCreated(lock))
-        create(lock);
-    require(pthread_mutex_unlock(&creation) == 0);
+[[gnu::noinline]] void createOnce(LogLock *lock, uint64_t self) {
+    const Creating right(self);
+    if (isCreated(lock))
+        return;
+    create(lock);
+    if (right.nested && lock == &zoltLogMutex) { // too late for beforeFork
+        require(pthread_mutex_lock(&lock->mutex) == 0);
+        heldForFork = true;
+    }
 }
 
-// ---- fork: the forking thread owns the lock while the process is copied, so that the
-// child finds it, and what it guards, at rest --------------------------------------
+// ---- processes: a child never waits for a thread that is only in its parent ---------------
+//
+// A forking thread owns the lock while the process is copied, so that the child finds what
+// it guards at rest. The handlers of the host may run before or after these and use the
+// lock too. Children of _Fork and clone find the lock as it is at that moment.
 
-bool heldForFork;    // guarded by creation
+enum : uint32_t { UNKNOWN_PROCESS = 0, ADOPTING = 1, OUR_PROCESS = 2 }; // ProcessPage::lockState
+
 bool someoneLooksOn; // a thread waits awake, see lookOn
 
+// The first use of the global lock in a new process. Its mutex knows its owner by the
+// kernel's thread number, which is another one here, so it is made anew. It stays held when
+// the thread that made the process held it, and only that thread has come along.
+[[gnu::noinline]] void adoptProcess(uint64_t self) {
+    uint32_t state = UNKNOWN_PROCESS;
+    if (!__atomic_compare_exchange_n(&processPage.lockState, &state, ADOPTING, false, __ATOMIC_ACQUIRE,
+                                     __ATOMIC_ACQUIRE)) {
+        while (__atomic_load_n(&processPage.lockState, __ATOMIC_ACQUIRE) != OUR_PROCESS)
+            waitALittle();
+        return;
+    }
+    LogLock *const lock = &zoltLogMutex;
+    __atomic_store_n(&someoneLooksOn, false, __ATOMIC_RELAXED);
+    heldForFork = false;
+    if (isCreated(lock)) {
+        makeRecursive(&lock->mutex);
+        if (lock->depth > 0 && isHeldBy(lock, self)) {
+            require(pthread_mutex_lock(&lock->mutex) == 0);
+        } else {
+            lock->depth = 0;
+            for (LogLockHolder &holder : lock->holders)
+                setHolder(&holder, 0, nullptr);
+        }
+    }
+    __atomic_store_n(&processPage.lockState, OUR_PROCESS, __ATOMIC_RELEASE);
+}
+
+void knowProcess(uint64_t self) {
+    if (__atomic_load_n(&processPage.lockState, __ATOMIC_ACQUIRE) != OUR_PROCESS)
+        adoptProcess(self);
+}
+
 void beforeFork() {
+    const uint64_t self = getTID();
+    knowProcess(self);
     for (;;) {
-        // The lock comes before creation, as in a thread that holds it when it first
-        // uses another lock.
+        // The lock comes before the right to create, as in a thread that holds it when it
+        // first uses another lock.
         const bool created = isCreated(&zoltLogMutex);
         if (created)
             require(pthread_mutex_lock(&zoltLogMutex.mutex) == 0);
-        require(pthread_mutex_lock(&creation) == 0);
+        Creating right(self);
         if (created == isCreated(&zoltLogMutex)) {
             heldForFork = created;
+            right.nested = true; // kept until the fork is done
             return;
         }
-        require(pthread_mutex_unlock(&creation) == 0);
         if (created)
             require(pthread_mutex_unlock(&zoltLogMutex.mutex) == 0);
     }
@@ -84,26 +173,20 @@ void beforeFork() {
 
 void afterForkInParent() {
     const bool held = heldForFork;
-    require(pthread_mutex_unlock(&creation) == 0);
+    heldForFork = false;
+    Creating::release();
     if (held)
         require(pthread_mutex_unlock(&zoltLogMutex.mutex) == 0);
 }
 
-// The mutex knows its owner by the kernel's thread number, which is another one in the
-// child. It is made anew, and held when the forking thread held the lock.
 void afterForkInChild() {
-    __atomic_store_n(&someoneLooksOn, false, __ATOMIC_RELAXED); // that thread is not here
-    if (heldForFork) {
-        makeRecursive(&zoltLogMutex.mutex);
-        if (zoltLogMutex.depth > 0)
-            require(pthread_mutex_lock(&zoltLogMutex.mutex) == 0);
-    }
-    require(pthread_mutex_unlock(&creation) == 0);
+    knowProcess(getTID());
 }
 
 [[gnu::constructor]] void surviveFork() {
-    // Short of memory at load: the library works, but only a child of a process that
-    // is not logging at that moment can log.
+    knowProcess(getTID());
+    // Short of memory at load: the library works, but a child may find what the lock
+    // guards in the midst of a change.
     (void)pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
 }
 
@@ -111,21 +194,9 @@ void afterForkInChild() {
 
 int32_t zoltLogLockInit(LogLock *lock) {
     require(lock != nullptr);
-    require(pthread_mutex_lock(&creation) == 0);
+    const Creating right(getTID());
     create(lock);
-    require(pthread_mutex_unlock(&creation) == 0);
     return 0;
-}
-
-// The calling thread holds the lock. Asked without holding it: only the thread itself
-// ever stores its own number there.
-static bool isHeldBy(const LogLock *lock, uint64_t thread) {
-    return __atomic_load_n(&lock->holders[0].thread, __ATOMIC_RELAXED) == thread;
-}
-
-static void setHolder(LogLockHolder *holder, uint64_t thread, const char *tag) {
-    __atomic_store_n(&holder->thread, thread, __ATOMIC_RELAXED);
-    holder->tag = tag;
 }
 
 // ---- contention ----------------------------------------------------------------------
@@ -190,26 +261,31 @@ static void acquire(LogLock *lock) {
 void zoltLogLock(LogLock *lock, const char *tag) {
     require(lock != nullptr);
     const uint64_t self = getTID();
+    knowProcess(self);
     if (!isCreated(lock))
-        createOnce(lock);
+        createOnce(lock, self);
     if (!isHeldBy(lock, self)) {
         acquire(lock);
         require(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &lock->savedCancelState) == 0);
     }
-    require(lock->depth < MAX_DEPTH);
+    require(lock->depth < MAX_LOCK_DEPTH);
     setHolder(&lock->holders[lock->depth], self, tag);
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
     ++lock->depth;
 }
 
 int32_t zoltLogUnlock(LogLock *lock, const char *tag) {
-    require(lock != nullptr && lock->depth > 0);
-    const int32_t depth = lock->depth - 1;
+    require(lock != nullptr);
+    const uint64_t self = getTID();
+    knowProcess(self); // a thread may have forked with the lock held
+    require(lock->depth > 0);
+    const int32_t depth = --lock->depth;
+    __atomic_signal_fence(__ATOMIC_SEQ_CST); // an observer never sees an entry without a tag
     LogLockHolder *holder = &lock->holders[depth];
     require(isCreated(lock));
-    require(holder->thread == getTID());
+    require(holder->thread == self);
     require(holder->tag == tag); // the same object, not an equal text
     setHolder(holder, 0, nullptr);
-    lock->depth = depth;
     if (depth == 0) {
         require(pthread_setcancelstate(lock->savedCancelState, nullptr) == 0);
         require(pthread_mutex_unlock(&lock->mutex) == 0);
@@ -219,11 +295,12 @@ int32_t zoltLogUnlock(LogLock *lock, const char *tag) {
 
 int32_t zoltLogDestroyLock(LogLock *lock) {
     require(lock != nullptr);
-    require(pthread_mutex_lock(&creation) == 0);
+    const uint64_t self = getTID();
+    knowProcess(self);
+    const Creating right(self);
     require(isCreated(lock) && lock->depth == 0);
     require(pthread_mutex_destroy(&lock->mutex) == 0);
     __atomic_store_n(&lock->initialized, 0, __ATOMIC_RELEASE);
-    require(pthread_mutex_unlock(&creation) == 0);
     return 0;
 }
 

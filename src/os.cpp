@@ -1,12 +1,12 @@
-// Platform services: the only unit that talks to the system about files, directories,
-// the host's name and number, and the process's identity. It knows nothing of the
-// lock, of messages or of what is in the files.
+// Platform services: the only unit that talks to the system about files, directories and
+// the host's name and number. It knows nothing of the lock, of messages or of what is in
+// the files.
 //
 //   Descriptors      opening, the exact permissions, what is refused
 //   File handles     zoltLogOs_open ... zoltLogOs_remove
 //   Directories      zoltLogOs_mkdirp
 //   Host             name and numeric identifier
-//   Process, time    process and thread identity, broken-down time
+//   Time             broken-down time
 //   Library names    zoltLogOs_getLibName
 //   Paths            directory and name joined
 //   Listing          the log files of a directory
@@ -19,7 +19,6 @@
 #include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -354,33 +353,7 @@ int32_t osSocketStartup(void) {
 
 void osSocketCleanup(void) {}
 
-// ---- process, time ------------------------------------------------------------------
-
-namespace {
-
-// getpid is a system call and every message asks for it, so the number is kept; 0
-// while it is unknown or cannot be kept, because no handler would correct it in a child.
-uint64_t knownPid;
-
-void refreshPid() {
-    __atomic_store_n(&knownPid, static_cast<uint64_t>(getpid()), __ATOMIC_RELAXED);
-}
-
-[[gnu::constructor]] void keepPidRight() {
-    if (pthread_atfork(nullptr, nullptr, refreshPid) == 0)
-        refreshPid();
-}
-
-} // namespace
-
-uint64_t getPID(void) {
-    const uint64_t known = __atomic_load_n(&knownPid, __ATOMIC_RELAXED);
-    return known != 0 ? known : static_cast<uint64_t>(getpid());
-}
-
-uint64_t getTID(void) {
-    return static_cast<uint64_t>(pthread_self());
-}
+// ---- time ---------------------------------------------------------------------------
 
 struct tm *zoltLogOs_localtime_r(int64_t seconds, struct tm *out) {
     const time_t time = seconds;
