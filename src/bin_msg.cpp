@@ -70,7 +70,12 @@ uint64_t GetNextSequenceNumber(LogHandle *handle) {
 }
 
 uint32_t initMsgLocked(LogMsg *msg, LogHandle *handle, uint32_t type) {
-    return initWithoutText(msg, handle, type, handle->sequenceNumber++);
+    uint64_t number;
+    {
+        const NestedLock lock(TAG_GET_NEXT_SEQUENCE_NUMBER);
+        number = handle->sequenceNumber++;
+    }
+    return initWithoutText(msg, handle, type, number);
 }
 
 uint32_t initMsgWithOwnedText(LogMsg *msg, LogHandle *handle, uint32_t type, char *ownedText) {

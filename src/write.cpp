@@ -174,6 +174,7 @@ uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg) {
     if (isSecureOnFile(handle, msg))
         return ZOLTLOG_SECURE_ON_FILE_HANDLE;
     msg->utf8 = handle->utf8;
+    const NestedLock lock(TAG_MSG);
     uint32_t written = ZOLTLOG_OK;
     if (msg->type != ZOLTLOG_MSG_SECURE_AUDIT)
         written = zoltLogWriteMsgWithRolloverToFile(handle->file, msg);

@@ -4,12 +4,19 @@
 #include "support/log_records.h"
 #include "zoltlog.h"
 
+#include <csignal>
+#include <cstring>
 #include <dlfcn.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <set>
 #include <string>
+#include <sys/ptrace.h>
+#include <sys/uio.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 std::set<std::string> taken;
@@ -152,4 +159,84 @@ TEST_F(LockTagsInUse, AreThoseOfTheOperations) {
         EXPECT_EQ(1u, taken.count(row.tag)) << row.tag << ", took " << testing::PrintToString(taken);
         EXPECT_EQ(0, zoltLogMutex.depth) << row.tag;
     }
+}
+
+// ---- nesting -----------------------------------------------------------------------------
+
+namespace {
+
+using Stack = std::vector<std::string>; // tags, the outermost first
+
+Stack stackOf(pid_t process) {
+    LogLock lock;
+    iovec here = {&lock, sizeof lock};
+    iovec there = {&zoltLogMutex, sizeof lock};
+    if (process_vm_readv(process, &here, 1, &there, 1, 0) != static_cast<ssize_t>(sizeof lock))
+        return {"unreadable"};
+    Stack stack;
+    for (int i = 0; i < lock.depth; ++i) {
+        char tag[64] = "";
+        iovec text = {tag, sizeof tag - 1};
+        iovec place = {const_cast<char *>(lock.holders[i].tag), sizeof tag - 1};
+        process_vm_readv(process, &text, 1, &place, 1, 0);
+        stack.emplace_back(tag);
+    }
+    return stack;
+}
+
+// Runs body in a child, one instruction after the other: what the lock's record shows on
+// the way, as a support tool sees it that looks in between. Empty where nothing may be traced.
+std::vector<Stack> stacksDuring(const std::function<void()> &body) {
+    const pid_t child = fork();
+    if (child == 0) {
+        if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0)
+            _exit(1);
+        raise(SIGSTOP);
+        body();
+        _exit(0);
+    }
+    std::vector<Stack> stacks;
+    int status = 0;
+    while (waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
+        const Stack stack = stackOf(child);
+        if (stacks.empty() || stacks.back() != stack)
+            stacks.push_back(stack);
+        if (ptrace(PTRACE_SINGLESTEP, child, nullptr, nullptr) != 0)
+            break;
+    }
+    EXPECT_TRUE(WIFEXITED(status));
+    return WEXITSTATUS(status) == 0 ? stacks : std::vector<Stack>();
+}
+
+} // namespace
+
+TEST_F(LockTagsInUse, NestAsTheOperationsDo) {
+    zoltLogSetDiagLevel(&handle, 4);
+    ZoltLisBlock block = {};
+    const char MSG[] = "zoltLogMsg()";
+    const char NEXT[] = "GetNextSequenceNumber()";
+    const struct {
+        const char *tag;
+        std::function<void()> call;
+    } families[] = {
+        {"zoltLogAppMsg2LEx()", [&] { zoltLogAppMsg2LEx(&handle, 1, 0, 1, "mgr", "text", &block); }},
+        {"zoltLogDiagMsg2L()", [&] { zoltLogDiagMsg2L(&handle, 1, 0, 1, "mgr", "text", &block); }},
+        {"zoltLogAuditMsg2L()", [&] { zoltLogAuditMsg2L(&handle, 1, 0, "mary", 1, &block); }},
+        {"zoltLogSecureAuditMsgL()", [&] { zoltLogSecureAuditMsgL(&secure, 0, "mary", 1, &block); }},
+        {"zoltLogDebugMsg2V()", [&] { zoltLogDebugMsg(&handle, 0, 1, "mgr", "text"); }},
+        {"zoltLogFormattedDebugMsg()", [&] { zoltLogFormattedDebugMsg(&handle, 0, 1, "mgr", "text"); }},
+    };
+    for (const auto &family : families) {
+        const std::string outer = family.tag;
+        const std::vector<Stack> stacks = stacksDuring(family.call);
+        if (stacks.empty())
+            GTEST_SKIP() << "no process may be traced here";
+        EXPECT_EQ((std::vector<Stack>{{}, {outer}, {outer, NEXT}, {outer}, {outer, MSG}, {outer}, {}}),
+                  stacks)
+            << outer;
+    }
+    LogHandle context = {};
+    const std::string create = "zoltLogCreateContextToFile()";
+    EXPECT_EQ((std::vector<Stack>{{}, {NEXT}, {}, {create}, {create, "zoltLogAddLogToFile()"}, {create}, {}}),
+              stacksDuring([&] { zoltLogCreateContext(&handle, &context, "T1", 0, "text"); }));
 }
