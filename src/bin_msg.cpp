@@ -3,6 +3,7 @@
 #include "bin_msg.h"
 
 #include "lockUnix.h"
+#include "os_process.h"
 
 #include <string.h>
 #include <sys/time.h>
@@ -44,12 +45,13 @@ static constexpr uint32_t BOTH_AUDITS = only(ZOLTLOG_MSG_AUDIT) | SECURE_AUDIT_O
 // ---- initialisation and release ------------------------------------------------
 
 // Everything but the text.
-static uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type, uint64_t number) {
+static uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type, uint64_t number,
+                                uint64_t thread) {
     memset(msg, 0, sizeof *msg);
     msg->type = type;
     msg->messageId = number;
-    msg->processId = getPID();
-    msg->threadId = getTID();
+    msg->processId = currentProcess();
+    msg->threadId = thread;
     if (handle->file != nullptr) {
         msg->productId = handle->file->productId;
         msg->originatorId = handle->originatorId;
@@ -75,13 +77,13 @@ uint32_t initMsgLocked(LogMsg *msg, LogHandle *handle, uint32_t type) {
         const NestedLock lock(TAG_GET_NEXT_SEQUENCE_NUMBER);
         number = handle->sequenceNumber++;
     }
-    return initWithoutText(msg, handle, type, number);
+    return initWithoutText(msg, handle, type, number, zoltLogMutex.holders[0].thread);
 }
 
 uint32_t initMsgWithOwnedText(LogMsg *msg, LogHandle *handle, uint32_t type, char *ownedText) {
     uint32_t result = ZOLTLOG_INVALID_ARGUMENT;
     if (msg != nullptr && handle != nullptr)
-        result = initWithoutText(msg, handle, type, GetNextSequenceNumber(handle));
+        result = initWithoutText(msg, handle, type, GetNextSequenceNumber(handle), currentThread());
     if (result == ZOLTLOG_OK)
         msg->text = ownedText;
     else
@@ -92,7 +94,8 @@ uint32_t initMsgWithOwnedText(LogMsg *msg, LogHandle *handle, uint32_t type, cha
 uint32_t zoltLogInitMsg(LogMsg *msg, LogHandle *handle, uint32_t type, const char *defaultText) {
     if (msg == nullptr || handle == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    const uint32_t result = initWithoutText(msg, handle, type, GetNextSequenceNumber(handle));
+    const uint32_t result =
+        initWithoutText(msg, handle, type, GetNextSequenceNumber(handle), currentThread());
     if (result != ZOLTLOG_OK || defaultText == nullptr)
         return result;
     msg->text = zoltLogSafeStrdup(defaultText);

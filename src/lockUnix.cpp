@@ -152,7 +152,7 @@ void knowProcess(uint64_t self) {
 }
 
 void beforeFork() {
-    const uint64_t self = getTID();
+    const uint64_t self = currentThread();
     knowProcess(self);
     for (;;) {
         // The lock comes before the right to create, as in a thread that holds it when it
@@ -180,11 +180,11 @@ void afterForkInParent() {
 }
 
 void afterForkInChild() {
-    knowProcess(getTID());
+    knowProcess(currentThread());
 }
 
 [[gnu::constructor]] void surviveFork() {
-    knowProcess(getTID());
+    knowProcess(currentThread());
     // Short of memory at load: the library works, but a child may find what the lock
     // guards in the midst of a change.
     (void)pthread_atfork(beforeFork, afterForkInParent, afterForkInChild);
@@ -194,7 +194,7 @@ void afterForkInChild() {
 
 int32_t zoltLogLockInit(LogLock *lock) {
     require(lock != nullptr);
-    const Creating right(getTID());
+    const Creating right(currentThread());
     create(lock);
     return 0;
 }
@@ -260,7 +260,7 @@ static void acquire(LogLock *lock) {
 // message has several, are counted by depth.
 void zoltLogLock(LogLock *lock, const char *tag) {
     require(lock != nullptr);
-    const uint64_t self = getTID();
+    const uint64_t self = currentThread();
     knowProcess(self);
     if (!isCreated(lock))
         createOnce(lock, self);
@@ -276,7 +276,7 @@ void zoltLogLock(LogLock *lock, const char *tag) {
 
 int32_t zoltLogUnlock(LogLock *lock, const char *tag) {
     require(lock != nullptr);
-    const uint64_t self = getTID();
+    const uint64_t self = currentThread();
     knowProcess(self); // a thread may have forked with the lock held
     require(lock->depth > 0);
     const int32_t depth = --lock->depth;
@@ -295,7 +295,7 @@ int32_t zoltLogUnlock(LogLock *lock, const char *tag) {
 
 int32_t zoltLogDestroyLock(LogLock *lock) {
     require(lock != nullptr);
-    const uint64_t self = getTID();
+    const uint64_t self = currentThread();
     knowProcess(self);
     const Creating right(self);
     require(isCreated(lock) && lock->depth == 0);

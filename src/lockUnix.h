@@ -23,23 +23,22 @@ struct GlobalLock {
 // zoltLogMutex: the lock's record shows it, and that is all there is to do. The fences keep
 // the compiler from leaving out what only an observer of the record sees.
 struct NestedLock {
-    explicit NestedLock(const char *tag) {
-        LogLock *const lock = &zoltLogMutex;
-        const int32_t depth = lock->depth;
+    explicit NestedLock(const char *tag) : depth(zoltLogMutex.depth) {
         if (depth >= MAX_LOCK_DEPTH)
             abort();
-        lock->holders[depth] = {lock->holders[0].thread, tag};
+        zoltLogMutex.holders[depth] = {zoltLogMutex.holders[0].thread, tag};
         __atomic_signal_fence(__ATOMIC_SEQ_CST);
-        lock->depth = depth + 1;
+        zoltLogMutex.depth = depth + 1;
         __atomic_signal_fence(__ATOMIC_SEQ_CST);
     }
     ~NestedLock() {
-        LogLock *const lock = &zoltLogMutex;
         __atomic_signal_fence(__ATOMIC_SEQ_CST);
-        const int32_t depth = --lock->depth;
+        zoltLogMutex.depth = depth;
         __atomic_signal_fence(__ATOMIC_SEQ_CST);
-        lock->holders[depth] = {};
+        zoltLogMutex.holders[depth] = {};
     }
     NestedLock(const NestedLock &) = delete;
     NestedLock &operator=(const NestedLock &) = delete;
+
+    const int32_t depth; // without it
 };

@@ -28,16 +28,17 @@ void wipe() {
 
 } // namespace
 
-uint64_t getPID(void) {
-    uint64_t pid = __atomic_load_n(&processPage.pid, __ATOMIC_RELAXED);
-    if (pid == 0) {
-        pid = static_cast<uint64_t>(getpid());
-        if (isWiped) // else a clone would keep its parent's number
-            __atomic_store_n(&processPage.pid, pid, __ATOMIC_RELAXED);
-    }
+uint64_t askForPid() {
+    const auto pid = static_cast<uint64_t>(getpid());
+    if (isWiped) // else a clone would keep its parent's number
+        __atomic_store_n(&processPage.pid, pid, __ATOMIC_RELAXED);
     return pid;
 }
 
+uint64_t getPID(void) {
+    return currentProcess();
+}
+
 uint64_t getTID(void) {
-    return static_cast<uint64_t>(pthread_self());
+    return currentThread();
 }

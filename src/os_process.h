@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <pthread.h>
 
 inline constexpr size_t PROCESS_PAGE_SIZE = 4096;
 
@@ -15,3 +16,15 @@ struct alignas(PROCESS_PAGE_SIZE) ProcessPage {
 };
 
 extern ProcessPage processPage;
+
+uint64_t askForPid();
+
+// getPID and getTID, for the way of a message.
+inline uint64_t currentProcess() {
+    const uint64_t pid = __atomic_load_n(&processPage.pid, __ATOMIC_RELAXED);
+    return pid != 0 ? pid : askForPid();
+}
+
+inline uint64_t currentThread() {
+    return static_cast<uint64_t>(pthread_self());
+}
