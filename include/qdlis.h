@@ -81,7 +81,7 @@ int32_t qdlisAddNativeString(ZoltLisBlock *block, const char *text);
 /*
  * Adds a block as one item of another. The outer block owns it from then on:
  * nested becomes empty. _INVALID_ARGUMENT: it is empty, the outer block itself, or
- * more than 16 blocks would lie in one another.
+ * more than ZOLTLIS_MAX_NESTING blocks would lie in one another.
  */
 int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested);
 

@@ -53,6 +53,10 @@ typedef struct ZoltLisBlock {
     uintptr_t word[3];
 } ZoltLisBlock;
 
+/* How many blocks may lie in one another below the outermost; a deeper one is taken
+   for damaged: it has no text and no record */
+enum { ZOLTLIS_MAX_NESTING = 32 };
+
 /* Filled by zoltLisGetArgsBegin */
 typedef struct ZoltLisIterator {
     uintptr_t word[8];

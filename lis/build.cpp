@@ -220,7 +220,7 @@ extern "C" int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested) {
     if (nested == nullptr || nested == block || storageOf(nested) == nullptr)
         return ZOLTLIS_INVALID_ARGUMENT;
     const uint8_t depth = static_cast<uint8_t>(storageOf(nested)->depth + 1);
-    if (depth > MAX_NESTING)
+    if (depth > ZOLTLIS_MAX_NESTING)
         return ZOLTLIS_INVALID_ARGUMENT;
     const int32_t result = addPlain(block, ZOLTLIS_ITEM_NESTED, *nested);
     if (result == ZOLTLIS_OK) {

@@ -52,7 +52,7 @@ struct Storage {
 };
 
 const size_t NO_TEXT = SIZE_MAX;
-const uint8_t MAX_NESTING = 16; // of blocks in blocks
+static_assert(ZOLTLIS_MAX_NESTING < UINT8_MAX);
 
 // A block under construction.
 struct Builder {

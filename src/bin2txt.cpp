@@ -173,9 +173,8 @@ static char *putString(TextBuffer *buffer, char *at, const Source &source, Strin
 
 // ---- argument blocks -----------------------------------------------------------
 
-static const unsigned DEEPEST_NESTING = 100; // of blocks within blocks
-static const size_t MAX_UTF8_BYTES = 4;      // of one character
-static const size_t MAX_DOUBLE = 400;        // "%f": 309 digits, sign, point of any locale, 6 digits
+static const size_t MAX_UTF8_BYTES = 4; // of one character
+static const size_t MAX_DOUBLE = 400;   // "%f": 309 digits, sign, point of any locale, 6 digits
 
 static uint32_t putNumber(TextBuffer *buffer, const char *tag, bool isSigned, uint64_t value) {
     char *at = reserve(buffer, strlen(tag) + MAX_DECIMAL + 1);
@@ -346,7 +345,7 @@ static uint32_t putBlock(TextBuffer *buffer, ZoltLisBlock *block, unsigned depth
     if (isEmpty(block))
         return append(buffer, "(0|),", 5);
     int64_t identity = 0;
-    if (depth > DEEPEST_NESTING || zoltLisGetTextId(block, &identity) != 0)
+    if (depth > ZOLTLIS_MAX_NESTING || zoltLisGetTextId(block, &identity) != 0)
         return ZOLTLOG_FAILED;
     uint32_t result = putNumber(buffer, "(", false, static_cast<uint64_t>(identity));
     ZoltLisIterator argument = {};
@@ -379,6 +378,7 @@ static char *putSignedField(char *at, int64_t value) {
     return at;
 }
 
+// A message takes 1.022 times as long when these numbers are written anew for each.
 static char *putIdentity(char *at, const LogMsg *msg, RecordIdentity *last) {
     if (last->length == 0 || last->process != msg->processId || last->thread != msg->threadId) {
         char *const end = putField(putField(last->text, msg->processId), msg->threadId);

@@ -37,9 +37,6 @@ const size_t MEASURED_PREFIX = 51;
 
 const size_t MEASURE_FAILED = SIZE_MAX;
 
-// Deeper nesting than this is taken for a damaged block and fails the pass.
-const unsigned MAX_NESTING = 32;
-
 const size_t INTEGER_ROOM = 24; // "-9223372036854775808", "0xffffffffffffffff"
 const size_t DOUBLE_ROOM = 400; // -1.8e308 in "%f": 317 characters and a locale's decimal point
 const size_t ASCTIME_ROOM = 26; // what asctime_r may write
@@ -275,7 +272,7 @@ Outcome appendItem(Sink *sink, ZoltLisIterator *argument, uint32_t type, unsigne
         appendDateTime(sink, value.dateTime);
         break;
     case ZOLTLIS_ITEM_NESTED:
-        return depth < MAX_NESTING ? renderBlock(sink, value.nested, depth + 1) : FAILED;
+        return depth < ZOLTLIS_MAX_NESTING ? renderBlock(sink, value.nested, depth + 1) : FAILED;
     default: // ZOLTLIS_ITEM_UTF8_STRING, ZOLTLIS_ITEM_NATIVE_STRING
         append(sink, value.narrowString, strlen(value.narrowString));
     }
@@ -334,7 +331,7 @@ Outcome measureItem(size_t *total, ZoltLisIterator *argument, uint32_t type, uns
         break;
     }
     case ZOLTLIS_ITEM_NESTED:
-        return depth < MAX_NESTING ? measureBlock(total, value.nested, depth + 1) : FAILED;
+        return depth < ZOLTLIS_MAX_NESTING ? measureBlock(total, value.nested, depth + 1) : FAILED;
     case ZOLTLIS_ITEM_UTF8_STRING:
     case ZOLTLIS_ITEM_NATIVE_STRING:
         *total += strlen(value.narrowString) + 1;

@@ -641,6 +641,22 @@ TEST(ArgumentBlocks, NestedBlocksAreFollowedByACommaOnly) {
     EXPECT_EQ(recordWithBlock(&outer), "(9|u64:1|(8|),u64:3|)\n");
 }
 
+TEST(ArgumentBlocks, NestToTheLimitAndNoDeeper) {
+    std::vector<FakeBlock> blocks(ZOLTLIS_MAX_NESTING + 2);
+    for (size_t i = 1; i < blocks.size(); ++i) {
+        FakeArgument nested{9};
+        nested.nested = &blocks[i - 1];
+        blocks[i].arguments = {nested};
+        blocks[i].identity = 1;
+    }
+    blocks[0].identity = 1;
+    std::string expected = "(1|";
+    for (int i = 0; i < ZOLTLIS_MAX_NESTING; ++i)
+        expected = "(1|" + expected + "),";
+    EXPECT_EQ(recordWithBlock(&blocks[ZOLTLIS_MAX_NESTING]), expected + ")\n");
+    EXPECT_EQ(recordWithBlock(&blocks[ZOLTLIS_MAX_NESTING + 1]), "result 1");
+}
+
 TEST(ArgumentBlocks, ABlockThatHoldsItselfFails) {
     FakeBlock block;
     FakeArgument nested{9};

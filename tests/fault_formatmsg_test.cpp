@@ -22,6 +22,8 @@ struct Script {
     bool nullPointers = false;
     int textResult = 0;
     int freed = 0;
+    int depth = -1; // of the innermost block, which has no items; -1: there is none
+    int begun = 0;  // blocks whose items were begun
 };
 Script script;
 
@@ -97,7 +99,7 @@ int32_t zoltLisGetTextId(ZoltLisBlock *block, int64_t *identity) {
     return get("id", identity, block == &nested ? int64_t{0} : script.identity);
 }
 int32_t zoltLisGetArgsBegin(ZoltLisBlock *, ZoltLisIterator *argument) {
-    if (fails("begin") || script.types.empty())
+    if (fails("begin") || script.types.empty() || script.begun++ == script.depth)
         return -1;
     *argument = {};
     return 0;
@@ -214,6 +216,15 @@ TEST(FaultStrncatlis, AnUnknownTypeHasNoWideText) {
     script.failing = "type";
     EXPECT_EQ(1u, zoltLogGetArg_asStringW(&item, &wide));
     EXPECT_EQ(nullptr, wide);
+}
+
+TEST(FaultStrncatlis, BlocksNestToTheLimitAndNoDeeper) {
+    script.types = {9};
+    script.depth = ZOLTLIS_MAX_NESTING;
+    EXPECT_EQ("", text());
+    script.depth = ZOLTLIS_MAX_NESTING + 1;
+    script.begun = 0;
+    EXPECT_EQ("failed", text());
 }
 
 TEST(FaultStrncatlis, ABlockThatContainsItselfFails) {

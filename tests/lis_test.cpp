@@ -407,10 +407,10 @@ TEST(BuiltBlock, RefusesNullAndEmptyArguments) {
     EXPECT_EQ(0, zoltLisFree(&block));
 }
 
-TEST(BuiltBlock, NestsSixteenDeepAndNoDeeper) {
+TEST(BuiltBlock, NestsToTheLimitAndNoDeeper) {
     ZoltLisBlock block = {};
     ASSERT_EQ(0, lisText(&block, "x"));
-    for (int depth = 0; depth < 16; ++depth) {
+    for (int depth = 0; depth < ZOLTLIS_MAX_NESTING; ++depth) {
         ZoltLisBlock outer = {};
         ASSERT_EQ(0, qdlisBegin(&outer, 0, 0));
         ASSERT_EQ(0, qdlisAddBlock(&outer, &block)) << depth;
