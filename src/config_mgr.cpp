@@ -9,8 +9,8 @@
 // reduction; the two searches for surplus files; fetching.
 #include "config_mgr.h"
 
+#include "hash_table.h"
 #include "log_name.h"
-#include "owned.h"
 #include "read.h"
 #include "read_list.h"
 
@@ -126,32 +126,20 @@ static bool addCandidate(Candidates *candidates, int64_t creationTime, const cha
 
 // Gives each candidate the number of its series. False without memory.
 static bool numberSeries(Candidates *candidates, Grown<Series> *series) {
-    static constexpr uint32_t NONE = UINT32_MAX;
-    uint32_t mask = 15;
-    while (mask < candidates->count * 2 && mask < NONE / 2)
-        mask = mask * 2 + 1;
-    const LogOwned<uint32_t> table(
-        static_cast<uint32_t *>(zoltLogMalloc((mask + size_t{1}) * sizeof(uint32_t))));
-    if (table == nullptr)
-        return false;
-    std::fill_n(table.get(), mask + size_t{1}, NONE);
+    PositionTable table;
     for (Candidate &file : *candidates) {
-        uint64_t hash = (file.productId * 0x9E3779B97F4A7C15u ^ file.originatorId) * 0xC2B2AE3D27D4EB4Fu;
-        uint32_t slot = static_cast<uint32_t>(hash >> 32) & mask;
-        while (table.get()[slot] != NONE) {
-            const Series &known = series->items[table.get()[slot]];
-            if (known.productId == file.productId && known.originatorId == file.originatorId)
-                break;
-            slot = (slot + 1) & mask;
-        }
-        if (table.get()[slot] == NONE) {
-            table.get()[slot] = static_cast<uint32_t>(series->count);
+        const uint64_t hash = hashOfNumbers(file.productId, file.originatorId);
+        file.series = table.find(hash, [&](uint32_t at) {
+            const Series &known = series->items[at];
+            return known.productId == file.productId && known.originatorId == file.originatorId;
+        });
+        if (file.series == PositionTable::NOWHERE) {
+            file.series = static_cast<uint32_t>(series->count);
             Series *added = series->add();
-            if (added == nullptr)
+            if (added == nullptr || !table.add(hash, file.series))
                 return false;
             *added = {file.productId, file.originatorId, 0, 0};
         }
-        file.series = table.get()[slot];
         ++series->items[file.series].length;
     }
     return true;

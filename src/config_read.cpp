@@ -506,7 +506,7 @@ static uint32_t collectAll(const Enumeration *what, const char *path, const Coll
     if (result != ZOLTLOG_STORE_OK)
         return result == ZOLTLOG_STORE_NO_MORE ? static_cast<uint32_t>(ZOLTLOG_STORE_OK) : result;
     const LogOwned<SectionValues> values(static_cast<SectionValues *>(zoltLogMalloc(sizeof(SectionValues))));
-    RecordSet set = recordSet(all, index.runCount);
+    RecordSet set = recordSet(all, static_cast<uint32_t>(index.runs.count));
     LogCfg *first = newRecord();
     LogCfg base = {};
     result = ZOLTLOG_STORE_NOT_WRITTEN;

@@ -8,13 +8,17 @@
 // The order of a listing is that of a table of 300 chains, filled at the head in the
 // order in which configurations and directories yield the files, read from the first
 // chain to the last and sorted stably by creation time. The table is not kept: each
-// file carries the number of its chain, and duplicates are found by a finer hash.
+// file carries the number of its chain, and duplicates are found by a hash of their own.
 //
-// Order: texts; directories (reading one, finding its files); examining a file;
+// A directory is read once for all configurations that name it, and only names of the
+// series that these ask for are kept: what else lies there costs no more than its split.
+//
+// Order: texts; directories (the series asked for, reading the names); examining a file;
 // admission; insertion; gathering; the exported operations.
 #include "read_list.h"
 
 #include "bounded.h"
+#include "hash_table.h"
 #include "os.h"
 #include "parse_string.h"
 #include "read.h"
@@ -25,6 +29,7 @@
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -70,47 +75,57 @@ static const char *keepText(FileCatalogue *catalogue, const char *text) {
 
 // ---- directories -------------------------------------------------------------
 
-static constexpr uint32_t NOWHERE = UINT32_MAX;
+static constexpr uint32_t NOWHERE = PositionTable::NOWHERE;
 
 struct ListedName {
     const char *name;
-    uint64_t hash;         // hashText of directory and name
-    uint64_t productId;    // of a name that splits into two ids, else 0
-    uint64_t originatorId; //
-    uint64_t setProductId; // of a name that splits into product and log set, else 0
-    const char *set;       // its log set
-    uint32_t nextOfIds;    // chain of the index by ids
-    uint32_t nextOfSet;    // chain of the index by log set
-    bool listed;           // already in the catalogue
-    bool timesKnown;       // modificationTime is filled in
-    bool headerKnown;      // the header was looked for: what follows is filled in
-    bool opened;           // the file could be opened
-    bool uncertain;        // its header could not be read for an error, not for its content
+    uint32_t nextOfIds; // the next name of its originator series, or NOWHERE
+    uint32_t nextOfSet; // the next name of its log set series, or NOWHERE
+    bool listed;        // already in the catalogue
+    bool timesKnown;    // modificationTime is filled in
+    bool headerKnown;   // the header was looked for: what follows is filled in
+    bool opened;        // the file could be opened
+    bool uncertain;     // its header could not be read for an error, not for its content
     int64_t modificationTime;
     int64_t creationTime; // of the header
     const char *hostName; // of the header; null: not kept
 };
 
+// What the names of a configuration's files have in common. A name can be of one
+// originator series and of one log set series.
+struct SeriesKey {
+    uint64_t productId;
+    uint64_t originatorId; // 0 for a log set
+    const char *set;       // its file name; null for an originator
+};
+
+// A series that a configuration asks for, and the chain of its names in the order of
+// the directory.
+struct ListedSeries {
+    SeriesKey key;
+    uint32_t first;
+    uint32_t last;
+};
+
 struct ListedDirectory {
     ListedDirectory *next;
     const char *path; // of the first configuration that named it
-    uint64_t hash;    // of path
+    uint64_t hash;    // hashText of path
+    Grown<ListedSeries> series;
+    PositionTable seriesTable;
     Grown<ListedName> names;
+    PositionTable nameTable;
+    bool hasOriginators; // among its series
+    bool hasSets;        // among its series
+    bool isRead;
     bool cannotList;
     bool memoryRanOut;
-    bool splitById; // what the names are split by so far
-    bool splitBySet;
-    uint32_t *byIds; // chain heads, mask + 1 of them
-    uint32_t *bySet;
-    uint32_t mask;
 };
 
 FileCatalogue::~FileCatalogue() {
     while (directories != nullptr) {
         ListedDirectory *next = directories->next;
-        zoltLogFree(directories->byIds);
-        zoltLogFree(directories->bySet);
-        directories->names.~Grown<ListedName>();
+        directories->~ListedDirectory();
         zoltLogFree(directories);
         directories = next;
     }
@@ -122,138 +137,136 @@ FileCatalogue::~FileCatalogue() {
     zoltLogFree(reader);
 }
 
-static uint32_t idsSlot(uint64_t productId, uint64_t originatorId, uint32_t mask) {
-    const uint64_t mixed = (productId * 0x9E3779B97F4A7C15u ^ originatorId) * 0xC2B2AE3D27D4EB4Fu;
-    return static_cast<uint32_t>(mixed >> 32) & mask;
+static uint64_t hashOfSeries(const SeriesKey &key) {
+    return hashOfNumbers(key.productId,
+                         key.set != nullptr ? hashOfBytes(key.set, strlen(key.set)) : key.originatorId);
 }
 
-static uint32_t setSlot(uint64_t productId, const char *set, uint32_t mask) {
-    return idsSlot(productId, hashText(0, set), mask);
-}
-
-static uint32_t *makeHeads(uint32_t mask) {
-    auto *heads = static_cast<uint32_t *>(zoltLogMalloc((mask + size_t{1}) * sizeof(uint32_t)));
-    if (heads != nullptr)
-        std::fill_n(heads, mask + size_t{1}, NOWHERE);
-    return heads;
-}
-
-// Takes out names that the directory yielded twice, as it may while others change it.
-static bool dropRepeatedNames(ListedDirectory *directory) {
-    uint32_t *heads = makeHeads(directory->mask);
-    if (heads == nullptr)
+static bool isSameSeries(const SeriesKey &a, const SeriesKey &b) {
+    if (a.productId != b.productId || a.originatorId != b.originatorId)
         return false;
-    uint32_t kept = 0;
-    for (ListedName &found : directory->names) {
-        uint32_t slot = static_cast<uint32_t>(found.hash ^ found.hash >> 32) & directory->mask;
-        const ListedName *same = nullptr;
-        while (heads[slot] != NOWHERE && same == nullptr) {
-            const ListedName &other = directory->names.items[heads[slot]];
-            if (other.hash == found.hash && strcmp(other.name, found.name) == 0)
-                same = &other;
-            slot = (slot + 1) & directory->mask;
-        }
-        if (same != nullptr)
-            continue;
-        heads[slot] = kept;
-        directory->names.items[kept++] = found;
+    return a.set == nullptr || b.set == nullptr ? a.set == b.set : strcmp(a.set, b.set) == 0;
+}
+
+static uint32_t findSeries(const ListedDirectory *directory, const SeriesKey &key, uint64_t hash) {
+    return directory->seriesTable.find(
+        hash, [&](uint32_t at) { return isSameSeries(directory->series.items[at].key, key); });
+}
+
+// The series of a configuration's files; false when it has none.
+static bool seriesOf(const LogCfg *cfg, SeriesKey *key) {
+    if (cfg->isLogset == 0)
+        *key = {cfg->productId, cfg->originatorId, nullptr};
+    else
+        *key = {cfg->productId, 0, cfg->logsetFilename};
+    return cfg->isLogset == 0 || cfg->logsetFilename != nullptr;
+}
+
+// Notes before the directory is read that a configuration's files are asked for.
+static void askFor(ListedDirectory *directory, const LogCfg *cfg) {
+    SeriesKey key;
+    if (!seriesOf(cfg, &key))
+        return;
+    const uint64_t hash = hashOfSeries(key);
+    if (findSeries(directory, key, hash) != NOWHERE)
+        return;
+    ListedSeries *added = directory->series.add();
+    if (added == nullptr ||
+        !directory->seriesTable.add(hash, static_cast<uint32_t>(added - directory->series.items))) {
+        directory->memoryRanOut = true;
+        return;
     }
-    directory->names.count = kept;
-    zoltLogFree(heads);
+    *added = {key, NOWHERE, NOWHERE};
+    (key.set != nullptr ? directory->hasSets : directory->hasOriginators) = true;
+}
+
+// The series asked for that a name belongs to, or NOWHERE.
+static uint32_t originatorSeriesOf(const ListedDirectory *directory, const char *name) {
+    SeriesKey key = {0, 0, nullptr};
+    if (!directory->hasOriginators || getidfromfilename(name, &key.productId, &key.originatorId) == 0)
+        return NOWHERE;
+    return findSeries(directory, key, hashOfSeries(key));
+}
+
+static uint32_t logsetSeriesOf(const ListedDirectory *directory, const char *name) {
+    char set[LOGSET_NAME_ROOM];
+    char dateTime[DATE_TIME_ROOM] = "";
+    set[0] = '\0';
+    SeriesKey key = {0, 0, set};
+    if (!directory->hasSets || getSLidfromfilename(name, &key.productId, set, dateTime) == 0)
+        return NOWHERE;
+    return findSeries(directory, key, hashOfSeries(key));
+}
+
+static void appendToSeries(ListedDirectory *directory, uint32_t series, uint32_t ListedName::*next,
+                           uint32_t name) {
+    if (series == NOWHERE)
+        return;
+    ListedSeries &chain = directory->series.items[series];
+    uint32_t *end = chain.first == NOWHERE ? &chain.first : &(directory->names.items[chain.last].*next);
+    *end = name;
+    chain.last = name;
+}
+
+// Keeps a name of the series asked for, once: a directory may yield a name twice while
+// others change it. False without memory.
+static bool keepName(FileCatalogue *catalogue, ListedDirectory *directory, const char *name) {
+    const uint32_t ofIds = originatorSeriesOf(directory, name);
+    const uint32_t ofSet = logsetSeriesOf(directory, name);
+    if (ofIds == NOWHERE && ofSet == NOWHERE)
+        return true;
+    Grown<ListedName> &names = directory->names;
+    const uint64_t hash = hashOfBytes(name, strlen(name));
+    const auto isSame = [&](uint32_t at) { return strcmp(names.items[at].name, name) == 0; };
+    if (directory->nameTable.find(hash, isSame) != NOWHERE)
+        return true;
+    const char *kept = keepText(catalogue, name);
+    ListedName *added = kept != nullptr && names.count < NOWHERE - 1 ? names.add() : nullptr;
+    const auto at = static_cast<uint32_t>(names.count - 1);
+    if (added == nullptr || !directory->nameTable.add(hash, at))
+        return false;
+    added->name = kept;
+    added->nextOfIds = NOWHERE;
+    added->nextOfSet = NOWHERE;
+    appendToSeries(directory, ofIds, &ListedName::nextOfIds, at);
+    appendToSeries(directory, ofSet, &ListedName::nextOfSet, at);
     return true;
 }
 
 // The directory's names; an error leaves those read so far.
 static void readNames(FileCatalogue *catalogue, ListedDirectory *directory) {
+    directory->isRead = true;
     OsLogFileCursor cursor = {};
-    if (zoltLogOsListLogFilesBegin(&cursor, directory->path) != ZOLTLOG_OS_OK) {
+    if (zoltLogOsListLogFilesBegin(&cursor, directory->path) == ZOLTLOG_OS_OK) {
+        do {
+            directory->memoryRanOut = !keepName(catalogue, directory, zoltLogOsListLogFilesName(&cursor));
+        } while (!directory->memoryRanOut && zoltLogOsListLogFilesNext(&cursor) == ZOLTLOG_OS_OK);
+    } else {
         directory->cannotList = true;
-        zoltLogOsListLogFilesEnd(&cursor);
-        return;
     }
-    do {
-        const char *name = zoltLogOsListLogFilesName(&cursor);
-        const char *kept = keepText(catalogue, name);
-        ListedName *added = kept != nullptr ? directory->names.add() : nullptr;
-        if (added == nullptr || directory->names.count == NOWHERE) {
-            directory->memoryRanOut = true;
-            break;
-        }
-        added->name = kept;
-        added->hash = hashText(directory->hash, kept);
-    } while (zoltLogOsListLogFilesNext(&cursor) == ZOLTLOG_OS_OK);
     zoltLogOsListLogFilesEnd(&cursor);
-
-    uint32_t mask = 15;
-    while (mask < directory->names.count * 2 && mask < NOWHERE / 2)
-        mask = mask * 2 + 1;
-    directory->mask = mask;
-    if (!dropRepeatedNames(directory)) {
-        directory->memoryRanOut = true;
-        directory->names.count = 0;
-    }
 }
 
-static ListedDirectory *openDirectory(FileCatalogue *catalogue, const char *path) {
-    const uint64_t hash = hashText(0, path);
-    for (ListedDirectory *known = catalogue->directories; known != nullptr; known = known->next)
-        if (known->hash == hash && strcmp(known->path, path) == 0)
-            return known;
-    auto *directory = static_cast<ListedDirectory *>(calloc(1, sizeof(ListedDirectory)));
-    if (directory == nullptr)
-        return nullptr;
-    directory->path = path;
+static ListedDirectory *findDirectory(const FileCatalogue *catalogue, const char *path, uint64_t hash) {
+    ListedDirectory *known = catalogue->directories;
+    while (known != nullptr && (known->hash != hash || strcmp(known->path, path) != 0))
+        known = known->next;
+    return known;
+}
+
+// The record of a configuration's directory, made when there is none; null without memory.
+static ListedDirectory *directoryOf(FileCatalogue *catalogue, const LogCfg *cfg) {
+    const uint64_t hash = hashText(0, cfg->directory);
+    ListedDirectory *directory = findDirectory(catalogue, cfg->directory, hash);
+    void *room = directory == nullptr ? zoltLogMalloc(sizeof(ListedDirectory)) : nullptr;
+    if (room == nullptr)
+        return directory;
+    directory = new (room) ListedDirectory();
+    directory->path = cfg->directory;
     directory->hash = hash;
     directory->next = catalogue->directories;
     catalogue->directories = directory;
-    readNames(catalogue, directory);
     return directory;
-}
-
-// The chains are built from the last name to the first, so that they run in the order
-// of the directory.
-static bool indexByIds(ListedDirectory *directory) {
-    if (directory->splitById)
-        return true;
-    directory->byIds = makeHeads(directory->mask);
-    if (directory->byIds == nullptr)
-        return false;
-    for (auto i = static_cast<uint32_t>(directory->names.count); i-- > 0;) {
-        ListedName &name = directory->names.items[i];
-        if (getidfromfilename(name.name, &name.productId, &name.originatorId) == 0) {
-            name.productId = 0;
-            continue;
-        }
-        uint32_t *head = &directory->byIds[idsSlot(name.productId, name.originatorId, directory->mask)];
-        name.nextOfIds = *head;
-        *head = i;
-    }
-    directory->splitById = true;
-    return true;
-}
-
-static bool indexBySet(FileCatalogue *catalogue, ListedDirectory *directory) {
-    if (directory->splitBySet)
-        return true;
-    directory->bySet = makeHeads(directory->mask);
-    if (directory->bySet == nullptr)
-        return false;
-    for (auto i = static_cast<uint32_t>(directory->names.count); i-- > 0;) {
-        ListedName &name = directory->names.items[i];
-        char set[LOGSET_NAME_ROOM];
-        char dateTime[DATE_TIME_ROOM] = "";
-        set[0] = '\0';
-        if (getSLidfromfilename(name.name, &name.setProductId, set, dateTime) == 0 ||
-            (name.set = keepText(catalogue, set)) == nullptr) {
-            name.setProductId = 0;
-            continue;
-        }
-        uint32_t *head = &directory->bySet[setSlot(name.setProductId, name.set, directory->mask)];
-        name.nextOfSet = *head;
-        *head = i;
-    }
-    directory->splitBySet = true;
-    return true;
 }
 
 // ---- examining a file --------------------------------------------------------
@@ -397,9 +410,9 @@ LogFileEntry *makeEntry(const char *directory, const char *name, int64_t creatio
     return entry;
 }
 
-static bool insertFile(FileCatalogue *catalogue, const char *directory, ListedName *name,
+static bool insertFile(FileCatalogue *catalogue, const ListedDirectory *directory, ListedName *name,
                        int64_t creationTime, bool withEntry) {
-    LogFileEntry *entry = withEntry ? makeEntry(directory, name->name, creationTime) : nullptr;
+    LogFileEntry *entry = withEntry ? makeEntry(directory->path, name->name, creationTime) : nullptr;
     if (withEntry && entry == nullptr)
         return false;
     ListedFile *file = catalogue->files.add();
@@ -408,9 +421,9 @@ static bool insertFile(FileCatalogue *catalogue, const char *directory, ListedNa
         return false;
     }
     *file = {creationTime,
-             directory,
+             directory->path,
              name->name,
-             static_cast<uint32_t>(name->hash % TABLE_BUCKETS),
+             static_cast<uint32_t>(hashText(directory->hash, name->name) % TABLE_BUCKETS),
              static_cast<uint32_t>(catalogue->files.count),
              name->uncertain,
              entry};
@@ -424,27 +437,20 @@ static bool insertFile(FileCatalogue *catalogue, const char *directory, ListedNa
 static bool gatherFilesOf(Examination *examination, ListedDirectory *directory, const LogCfg *cfg,
                           bool withEntries) {
     FileCatalogue *catalogue = examination->catalogue;
-    const bool logset = cfg->isLogset != 0;
-    if (logset && cfg->logsetFilename == nullptr)
+    SeriesKey key;
+    if (!seriesOf(cfg, &key))
         return true;
-    if (!(logset ? indexBySet(catalogue, directory) : indexByIds(directory)))
-        return false;
-    uint32_t at = logset ? directory->bySet[setSlot(cfg->productId, cfg->logsetFilename, directory->mask)]
-                         : directory->byIds[idsSlot(cfg->productId, cfg->originatorId, directory->mask)];
+    const uint32_t series = findSeries(directory, key, hashOfSeries(key));
+    uint32_t at = series != NOWHERE ? directory->series.items[series].first : NOWHERE;
     while (at != NOWHERE) {
         ListedName *name = &directory->names.items[at];
-        at = logset ? name->nextOfSet : name->nextOfIds;
-        const bool matches =
-            logset ? name->setProductId == cfg->productId && strcmp(name->set, cfg->logsetFilename) == 0
-                   : name->productId == cfg->productId && name->originatorId == cfg->originatorId;
+        at = key.set != nullptr ? name->nextOfSet : name->nextOfIds;
         int64_t creationTime = 0;
-        if (!matches)
-            continue;
         if (name->listed) {
             catalogue->marked = true;
         } else if (isAdmitted(examination, cfg, name, &creationTime)) {
             catalogue->marked = true;
-            if (!insertFile(catalogue, directory->path, name, creationTime, withEntries))
+            if (!insertFile(catalogue, directory, name, creationTime, withEntries))
                 return false;
         }
     }
@@ -467,9 +473,16 @@ bool gatherLogFiles(FileCatalogue *catalogue, LogCfg **cfgs, uint32_t count, Log
     const bool needHost = queryMentionsHost(query);
     const int64_t now = time(nullptr);
     for (uint32_t i = 0; i < count; ++i) {
+        ListedDirectory *directory = cfgs[i] != nullptr ? directoryOf(catalogue, cfgs[i]) : nullptr;
+        if (directory != nullptr)
+            askFor(directory, cfgs[i]);
+    }
+    for (uint32_t i = 0; i < count; ++i) {
         if (cfgs[i] == nullptr)
             continue;
-        ListedDirectory *directory = openDirectory(catalogue, cfgs[i]->directory);
+        ListedDirectory *directory = directoryOf(catalogue, cfgs[i]);
+        if (directory != nullptr && !directory->isRead && !directory->memoryRanOut)
+            readNames(catalogue, directory);
         if (directory != nullptr && directory->cannotList)
             continue;
         Examination examination = {catalogue, cfgs[i]->directory, -1, query, needHost, now};

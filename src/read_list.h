@@ -3,40 +3,8 @@
 // entries, the search for surplus files only those that it yields.
 #pragma once
 
+#include "grown.h"
 #include "zoltlog.h"
-
-#include <cstdlib>
-
-inline constexpr size_t GROWN_FIRST_ROOM = 64;
-
-// A growable array of plain records. add() gives null when memory runs out, and the
-// array then stays as it was; records move when it grows.
-template<class Record>
-struct Grown {
-    Grown() = default;
-    ~Grown() { free(items); }
-    Grown(const Grown &) = delete;
-    Grown &operator=(const Grown &) = delete;
-
-    Record *add() {
-        if (count == capacity) {
-            const size_t room = capacity == 0 ? GROWN_FIRST_ROOM : capacity * 2;
-            auto *moved = static_cast<Record *>(realloc(items, room * sizeof(Record)));
-            if (moved == nullptr)
-                return nullptr;
-            items = moved;
-            capacity = room;
-        }
-        items[count] = Record();
-        return &items[count++];
-    }
-    Record *begin() { return items; }
-    Record *end() { return items + count; }
-
-    Record *items = nullptr;
-    size_t count = 0;
-    size_t capacity = 0;
-};
 
 struct ListedFile {
     int64_t creationTime;  // seconds

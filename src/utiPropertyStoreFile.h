@@ -12,6 +12,8 @@
 // A line's text ends at a NUL byte; copying a line keeps what follows it.
 #pragma once
 
+#include "grown.h"
+#include "hash_table.h"
 #include "zoltlog.h"
 
 #include <string.h>
@@ -105,18 +107,15 @@ uint32_t storeReadSections(const char *path, StoreSection *sections, size_t coun
 struct StoreRun { // consecutive lines of one section
     size_t begin, end;
     size_t nameSize;
-    uint32_t hash;
-    uint32_t next; // next run of the same section, by position + 1; 0 at the last one
+    uint32_t next; // the next run of the same section by its position, or NOWHERE
     uint32_t last; // of a section's first run: its last run, by position
 };
 struct StoreIndex {
-    char *bytes;
-    size_t size;
-    StoreRun *runs;
-    uint32_t runCount, runCapacity;
-    uint32_t *slots; // first run of a section, by position + 1; 0 when free
-    uint32_t slotCount;
-    size_t cursor; // where the enumeration goes on
+    char *bytes = nullptr;
+    size_t size = 0;
+    Grown<StoreRun> runs;
+    PositionTable sections; // the first run of each
+    size_t cursor = 0;      // where the enumeration goes on
 };
 uint32_t storeIndexLoad(StoreIndex *index, const char *path); // results of storeReadSections
 void storeIndexFree(StoreIndex *index);

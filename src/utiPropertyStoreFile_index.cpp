@@ -76,36 +76,12 @@ static size_t filingLength(StoreText line) {
     return length;
 }
 
-static uint32_t hashOf(const char *text, size_t size) {
-    uint32_t hash = 2166136261U;
-    for (size_t i = 0; i < size; ++i)
-        hash = (hash ^ static_cast<unsigned char>(text[i])) * 16777619U;
-    return hash ^ (hash >> 15U);
-}
-
-// The slot of a section's first run, or the free slot where it belongs.
-static uint32_t slotOf(const StoreIndex *index, const char *name, size_t size, uint32_t hash) {
-    const uint32_t mask = index->slotCount - 1;
-    for (uint32_t slot = hash & mask;; slot = (slot + 1) & mask) {
-        const uint32_t position = index->slots[slot];
-        if (position == 0)
-            return slot;
-        const StoreRun *run = &index->runs[position - 1];
-        if (run->hash == hash && run->nameSize == size && memcmp(index->bytes + run->begin, name, size) == 0)
-            return slot;
-    }
-}
-
-static bool growRuns(StoreIndex *index) {
-    const uint32_t capacity = index->runCapacity == 0 ? 1024 : index->runCapacity * 2;
-    if (capacity > UINT32_MAX / 8)
-        return false;
-    void *runs = realloc(index->runs, capacity * sizeof *index->runs);
-    if (runs == nullptr)
-        return false;
-    index->runs = static_cast<StoreRun *>(runs);
-    index->runCapacity = capacity;
-    return true;
+// A section's first run by its position, or NOWHERE.
+static uint32_t firstRunOf(const StoreIndex *index, const char *name, size_t size, uint64_t hash) {
+    return index->sections.find(hash, [&](uint32_t at) {
+        const StoreRun &run = index->runs.items[at];
+        return run.nameSize == size && memcmp(index->bytes + run.begin, name, size) == 0;
+    });
 }
 
 // Finds the runs of lines of one section.
@@ -123,34 +99,34 @@ static bool findRuns(StoreIndex *index) {
             previousLength = filingLength(line);
             previous = text;
             if (previousLength > 0) {
-                if (index->runCount == index->runCapacity && !growRuns(index))
+                StoreRun *added = index->runs.add();
+                if (added == nullptr)
                     return false;
-                index->runs[index->runCount++] = {at, 0, previousLength, hashOf(text, previousLength), 0, 0};
+                *added = {at, 0, previousLength, PositionTable::NOWHERE, 0};
             }
         }
         at += line.size;
         if (previousLength > 0)
-            index->runs[index->runCount - 1].end = at;
+            index->runs.items[index->runs.count - 1].end = at;
     }
     return true;
 }
 
 static bool chainRuns(StoreIndex *index) {
-    index->slotCount = 16;
-    while (index->slotCount < index->runCount * 2)
-        index->slotCount *= 2;
-    index->slots = static_cast<uint32_t *>(calloc(index->slotCount, sizeof *index->slots));
-    if (index->slots == nullptr)
+    if (index->runs.count >= PositionTable::NOWHERE)
         return false;
-    for (uint32_t i = 0; i < index->runCount; ++i) {
-        StoreRun *run = &index->runs[i];
+    for (uint32_t i = 0; i < index->runs.count; ++i) {
+        StoreRun *run = &index->runs.items[i];
         run->last = i;
-        uint32_t *slot = &index->slots[slotOf(index, index->bytes + run->begin, run->nameSize, run->hash)];
-        if (*slot == 0) {
-            *slot = i + 1;
+        const char *name = index->bytes + run->begin;
+        const uint64_t hash = hashOfBytes(name, run->nameSize);
+        const uint32_t known = firstRunOf(index, name, run->nameSize, hash);
+        if (known == PositionTable::NOWHERE) {
+            if (!index->sections.add(hash, i))
+                return false;
         } else {
-            StoreRun *first = &index->runs[*slot - 1];
-            index->runs[first->last].next = i + 1;
+            StoreRun *first = &index->runs.items[known];
+            index->runs.items[first->last].next = i;
             first->last = i;
         }
     }
@@ -177,7 +153,7 @@ static bool readWhole(StoreIndex *index, int descriptor) {
 }
 
 uint32_t storeIndexLoad(StoreIndex *index, const char *path) {
-    *index = {};
+    storeIndexFree(index);
     if (path == nullptr)
         return ZOLTLOG_STORE_INVALID_ARGUMENT;
     const int descriptor = storeOpenForReading(path);
@@ -193,19 +169,19 @@ uint32_t storeIndexLoad(StoreIndex *index, const char *path) {
 
 void storeIndexFree(StoreIndex *index) {
     free(index->bytes);
-    free(index->runs);
-    free(index->slots);
-    *index = {};
+    index->bytes = nullptr;
+    index->size = index->cursor = 0;
+    index->runs.clear();
+    index->sections.clear();
 }
 
 void storeIndexRead(const StoreIndex *index, StoreSection *section) {
     if (!canHoldKeys(section->root))
         return;
     const size_t length = strlen(section->root);
-    const uint32_t hash = hashOf(section->root, length);
-    uint32_t position = index->slots[slotOf(index, section->root, length, hash)];
-    while (position != 0) {
-        const StoreRun *run = &index->runs[position - 1];
+    uint32_t position = firstRunOf(index, section->root, length, hashOfBytes(section->root, length));
+    while (position != PositionTable::NOWHERE) {
+        const StoreRun *run = &index->runs.items[position];
         for (size_t at = run->begin; at < run->end;) {
             const StoreText line = storeLine(index->bytes + at, run->end - at);
             if (line.size > length + 1)
