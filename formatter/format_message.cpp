@@ -1,6 +1,9 @@
 // The formatter plug-in: a message record as one line that is safe to show.
 #include "zoltformat.h"
 
+#include "grown.h"
+#include "utf8.h"
+
 #include <langinfo.h>
 #include <limits.h>
 #include <memory>
@@ -20,36 +23,16 @@ using HeapText = std::unique_ptr<char, HeapFree>;
 // The line being made. Running out of memory is remembered, so that only the end
 // has to ask.
 struct Line {
-    HeapText data;
-    size_t length;
-    size_t capacity; // without the terminator
-    bool failed;
+    Grown<char> text; // without a terminator
+    bool failed = false;
 };
 
 } // namespace
 
-static const size_t FIRST_CAPACITY = 255;
 static const size_t LONGEST_PIECE = 64; // of appendFormatted
 
 static void append(Line *line, const char *bytes, size_t count) {
-    if (line->failed)
-        return;
-    if (line->data == nullptr || count > line->capacity - line->length) {
-        size_t capacity = line->capacity + line->capacity / 2 + count;
-        if (capacity < FIRST_CAPACITY)
-            capacity = FIRST_CAPACITY;
-        char *data = static_cast<char *>(realloc(line->data.get(), capacity + 1));
-        if (data == nullptr) {
-            line->failed = true;
-            return;
-        }
-        (void)line->data.release(); // realloc has taken it
-        line->data.reset(data);
-        line->capacity = capacity;
-    }
-    memcpy(line->data.get() + line->length, bytes, count);
-    line->length += count;
-    line->data.get()[line->length] = '\0';
+    line->failed = line->failed || !line->text.append(bytes, count);
 }
 
 static void append(Line *line, const char *text) {
@@ -70,7 +53,7 @@ static void appendFormatted(Line *line, const char *format, ...) {
 
 // A blank before every part but the first
 static void startPart(Line *line) {
-    if (line->length > 0)
+    if (line->text.count > 0)
         append(line, " ");
 }
 
@@ -104,27 +87,12 @@ static void appendEscaped(Line *line, uint32_t character) {
 }
 
 // The length of the well-formed UTF-8 character at text, 0 when there is none.
-// Text ends in a zero, which is no continuation byte.
 static size_t decodeUtf8(const char *text, uint32_t *character) {
-    const auto byte = [text](size_t index) { return static_cast<unsigned char>(text[index]); };
-    const uint32_t first = byte(0);
-    if (first < 0x80) {
-        *character = first;
-        return 1;
-    }
-    const size_t length = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : 2;
-    if (first < 0xc2 || first > 0xf4)
+    size_t length = 0;
+    const int32_t found = nextUtf8(text, &length, SIZE_MAX); // text ends in a zero
+    if (found < 0)
         return 0;
-    uint32_t value = first & (0x7fu >> length);
-    for (size_t index = 1; index < length; ++index) {
-        if ((byte(index) & 0xc0) != 0x80)
-            return 0;
-        value = value << 6 | (byte(index) & 0x3fu);
-    }
-    static const uint32_t smallest[] = {0x80, 0x800, 0x10000};
-    if (value < smallest[length - 2] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff))
-        return 0;
-    *character = value;
+    *character = static_cast<uint32_t>(found);
     return length;
 }
 
@@ -276,14 +244,14 @@ uint32_t LogFormatMessage(LocalizerList *, uint64_t, const char *, uint64_t, uin
     if (msg == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     const bool utf8 = msg->utf8 != 0;
-    Line line = {};
+    Line line;
     if ((formatFlags & ZOLTFORMAT_TIME) != 0)
         appendTime(&line, msg->timestamp);
     if ((formatFlags & ZOLTFORMAT_KIND) != 0)
         appendKind(&line, msg);
     if ((formatFlags & ZOLTFORMAT_SOURCE) != 0)
         appendSource(&line, msg, utf8);
-    if (line.length > 0)
+    if (line.text.count > 0)
         append(&line, ": ");
     const HeapText ofBlock = msg->text == nullptr && !isEmpty(msg->lis) ? textOfBlock(&msg->lis) : nullptr;
     const char *wording = msg->text != nullptr ? msg->text : ofBlock.get();
@@ -291,8 +259,9 @@ uint32_t LogFormatMessage(LocalizerList *, uint64_t, const char *, uint64_t, uin
         appendText(&line, wording, utf8);
     else
         append(&line, "(no text)");
+    append(&line, "", 1); // the terminator
     if (line.failed)
         return ZOLTLOG_NO_MEMORY;
-    *text = line.data.release();
+    *text = line.text.release();
     return ZOLTLOG_OK;
 }

@@ -13,6 +13,7 @@
 // a child never finds it, or a lock inside ICU, taken by a thread it does not have.
 
 #include "lis.h"
+#include "utf8.h"
 
 #include <langinfo.h>
 #include <limits.h>
@@ -311,18 +312,6 @@ LisResult readPattern(const View *view, int64_t number, char **out) {
     return ZOLTLIS_OK;
 }
 
-// The character at *p, which moves behind it; -1 for a byte that starts none.
-wchar_t nextCharacter(const char **p, const char *end) {
-    const unsigned char lead = static_cast<unsigned char>(*(*p)++);
-    const int following = lead < 0xc0 ? 0 : lead < 0xe0 ? 1 : lead < 0xf0 ? 2 : 3;
-    if (end - *p < following || (following == 0 && lead >= 0x80))
-        return -1;
-    wchar_t character = following == 0 ? lead : lead & (0x3f >> following);
-    for (int i = 0; i < following; ++i)
-        character = character << 6 | (*(*p)++ & 0x3f);
-    return character;
-}
-
 // Adds text in UTF-8 in the encoding that the block's texts have; a
 // character that the encoding lacks becomes a question mark.
 void addPatternText(Builder *builder, const char *utf8, size_t size, bool asUtf8) {
@@ -331,9 +320,9 @@ void addPatternText(Builder *builder, const char *utf8, size_t size, bool asUtf8
         return;
     }
     mbstate_t state = {};
-    for (const char *p = utf8; p < utf8 + size;) {
+    for (size_t at = 0; at < size;) {
         char native[MB_LEN_MAX];
-        size_t length = wcrtomb(native, nextCharacter(&p, utf8 + size), &state);
+        size_t length = wcrtomb(native, nextUtf8(utf8, &at, size), &state);
         if (length == static_cast<size_t>(-1)) {
             native[0] = '?';
             length = 1;

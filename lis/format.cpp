@@ -13,6 +13,7 @@
 
 #include "lis.h"
 
+#include <charconv>
 #include <errno.h>
 #include <limits.h>
 #include <stdio.h>
@@ -30,15 +31,14 @@ bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-// A decimal number at *p, which moves behind it; -1 when it is beyond INT_MAX.
+// A decimal number at *p, which moves behind it; -1 when it is beyond INT_MAX, 0 when
+// there is none.
 int number(const char **p) {
-    int value = 0;
-    bool over = false;
-    for (; isDigit(**p); ++*p) {
-        over = over || __builtin_mul_overflow(value, 10, &value) ||
-               __builtin_add_overflow(value, **p - '0', &value);
-    }
-    return over ? -1 : value;
+    const char *const end = *p + strspn(*p, "0123456789");
+    unsigned value = 0;
+    const auto read = std::from_chars(*p, end, value);
+    *p = end;
+    return read.ec == std::errc::result_out_of_range || value > INT_MAX ? -1 : static_cast<int>(value);
 }
 
 // "number$" at *p: the index it names. FROM_NEXT, with *p as it was, when there

@@ -2,6 +2,7 @@
 
 #include "lis.h"
 
+#include <charconv>
 #include <errno.h>
 #include <stdlib.h>
 
@@ -188,7 +189,7 @@ extern "C" int32_t zoltLisTextV(ZoltLisBlock *block, const char *reference, va_l
 
 namespace {
 
-const size_t MAX_DIGITS = 20; // of a 64-bit number
+const size_t MAX_DIGITS = 20; // of a 64-bit number, with its sign
 
 // Text that is put together in the caller's room.
 struct PlainText {
@@ -203,19 +204,10 @@ struct PlainText {
         memcpy(at, bytes, count);
         at += count;
     }
-    void putUnsigned(uint64_t value, bool negative) {
-        char digits[1 + MAX_DIGITS];
-        char *first = digits + sizeof digits;
-        do {
-            *--first = static_cast<char>('0' + value % 10);
-            value /= 10;
-        } while (value != 0);
-        if (negative)
-            *--first = '-';
-        put(first, static_cast<size_t>(digits + sizeof digits - first));
-    }
-    void putSigned(int64_t value) {
-        putUnsigned(value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value), value < 0);
+    template<typename Number>
+    void putNumber(Number value) {
+        char digits[MAX_DIGITS];
+        put(digits, static_cast<size_t>(std::to_chars(digits, digits + sizeof digits, value).ptr - digits));
     }
 };
 
@@ -229,10 +221,10 @@ const char *putCommon(PlainText *text, const char *p, ArgumentList *args) {
     }
     switch (*p) {
     case 'd':
-        text->putSigned(isLong ? va_arg(args->list, int64_t) : va_arg(args->list, int));
+        text->putNumber(isLong ? va_arg(args->list, int64_t) : va_arg(args->list, int));
         return p + 1;
     case 'u':
-        text->putUnsigned(isLong ? va_arg(args->list, uint64_t) : va_arg(args->list, unsigned), false);
+        text->putNumber(isLong ? va_arg(args->list, uint64_t) : va_arg(args->list, unsigned));
         return p + 1;
     case 's': {
         if (isLong)

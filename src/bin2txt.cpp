@@ -173,8 +173,7 @@ static char *putString(TextBuffer *buffer, char *at, const Source &source, Strin
 
 // ---- argument blocks -----------------------------------------------------------
 
-static const size_t MAX_UTF8_BYTES = 4; // of one character
-static const size_t MAX_DOUBLE = 400;   // "%f": 309 digits, sign, point of any locale, 6 digits
+static const size_t MAX_DOUBLE = 400; // "%f": 309 digits, sign, point of any locale, 6 digits
 
 static uint32_t putNumber(TextBuffer *buffer, const char *tag, bool isSigned, uint64_t value) {
     char *at = reserve(buffer, strlen(tag) + MAX_DECIMAL + 1);
@@ -202,36 +201,7 @@ static uint32_t putDouble(TextBuffer *buffer, double value) {
 
 // The bytes of one character, or -1 when it is none. NUL has none, as in a string.
 static int encodeUtf8(wchar_t wide, char *out) {
-    const uint32_t character = static_cast<uint32_t>(static_cast<int32_t>(wide));
-    const auto tail = [character](unsigned shift) {
-        return static_cast<char>(0x80 | ((character >> shift) & 0x3f));
-    };
-    if (character == 0)
-        return 0;
-    if (character < 0x80) {
-        out[0] = static_cast<char>(character);
-        return 1;
-    }
-    if (character < 0x800) {
-        out[0] = static_cast<char>(0xc0 | (character >> 6));
-        out[1] = tail(0);
-        return 2;
-    }
-    if (character < 0x10000) {
-        if (character >= 0xd800 && character <= 0xdfff)
-            return -1;
-        out[0] = static_cast<char>(0xe0 | (character >> 12));
-        out[1] = tail(6);
-        out[2] = tail(0);
-        return 3;
-    }
-    if (character > 0x10ffff)
-        return -1;
-    out[0] = static_cast<char>(0xf0 | (character >> 18));
-    out[1] = tail(12);
-    out[2] = tail(6);
-    out[3] = tail(0);
-    return 4;
+    return wide == L'\0' ? 0 : putUtf8(wide, out);
 }
 
 static uint32_t putWideString(TextBuffer *buffer, const wchar_t *wide) {
@@ -255,7 +225,7 @@ static uint32_t putArgument(TextBuffer *buffer, ZoltLisIterator *argument, unsig
     switch (kind) {
     case ZOLTLIS_ITEM_WIDE_CHAR: {
         wchar_t wide = 0;
-        char bytes[MAX_UTF8_BYTES];
+        char bytes[U8_MAX_LENGTH];
         if (zoltLisGetArg_wchar(argument, &wide) != 0)
             return ZOLTLOG_FAILED;
         const int length = encodeUtf8(wide, bytes);

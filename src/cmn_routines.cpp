@@ -172,20 +172,31 @@ LogOwned<T> zeroed(int32_t count) {
     return LogOwned<T>(static_cast<T *>(calloc(static_cast<size_t>(count) + 1, sizeof(T))));
 }
 
-// utf8 -> UTF-16; length -1 for a terminated text. failure is the result for a text
-// that is not UTF-8: the directions differ in it.
-uint32_t utf8ToUtf16(const char *utf8, int32_t length, uint32_t failure, LogOwned<UChar> *out,
-                     int32_t *units) {
+// What an ICU conversion makes, in *out with a zero behind it, and how many units that
+// is. It is run twice, first without room, to measure. failure is the result for a text
+// that it refuses: the directions differ in it.
+template<typename Unit, typename Convert>
+uint32_t convertTwice(LogOwned<Unit> *out, int32_t *count, uint32_t failure, Convert convert) {
     UErrorCode status = U_ZERO_ERROR;
-    u_strFromUTF8(nullptr, 0, units, utf8, length, &status);
+    convert(nullptr, 0, count, &status);
     if (!measured(status))
         return failure;
-    *out = zeroed<UChar>(*units);
+    *out = zeroed<Unit>(*count);
     if (*out == nullptr)
         return ZOLTLOG_NO_MEMORY;
+    int32_t written = 0;
     status = U_ZERO_ERROR;
-    u_strFromUTF8(out->get(), *units + 1, nullptr, utf8, length, &status);
+    convert(out->get(), *count + 1, &written, &status);
     return U_SUCCESS(status) ? uint32_t{ZOLTLOG_OK} : failure;
+}
+
+// length -1 for a terminated text
+uint32_t utf8ToUtf16(const char *utf8, int32_t length, uint32_t failure, LogOwned<UChar> *out,
+                     int32_t *units) {
+    return convertTwice(out, units, failure,
+                        [&](UChar *to, int32_t room, int32_t *count, UErrorCode *status) {
+                            u_strFromUTF8(to, room, count, utf8, length, status);
+                        });
 }
 
 } // namespace
@@ -195,57 +206,43 @@ uint32_t utf82wcs(wchar_t **out, const char *utf8, int32_t length) {
         return ZOLTLOG_INVALID_ARGUMENT;
     *out = nullptr;
     LogOwned<UChar> utf16;
+    LogOwned<wchar_t> wide;
     int32_t units = 0;
-    const uint32_t result = utf8ToUtf16(utf8, length, ZOLTLOG_FAILED, &utf16, &units);
+    uint32_t result = utf8ToUtf16(utf8, length, ZOLTLOG_FAILED, &utf16, &units);
     if (result != ZOLTLOG_OK)
         return result;
     units = u_strlen(utf16.get());
-    UErrorCode status = U_ZERO_ERROR;
     int32_t count = 0;
-    u_strToWCS(nullptr, 0, &count, utf16.get(), units, &status);
-    if (!measured(status))
-        return ZOLTLOG_FAILED;
-    LogOwned<wchar_t> wide = zeroed<wchar_t>(count);
-    if (wide == nullptr)
-        return ZOLTLOG_NO_MEMORY;
-    status = U_ZERO_ERROR;
-    u_strToWCS(wide.get(), count + 1, nullptr, utf16.get(), units, &status);
-    if (U_FAILURE(status))
-        return ZOLTLOG_FAILED;
-    *out = wide.release();
-    return ZOLTLOG_OK;
+    result = convertTwice(&wide, &count, ZOLTLOG_FAILED,
+                          [&](wchar_t *to, int32_t room, int32_t *made, UErrorCode *status) {
+                              u_strToWCS(to, room, made, utf16.get(), units, status);
+                          });
+    if (result == ZOLTLOG_OK)
+        *out = wide.release();
+    return result;
 }
 
 uint32_t wcs2utf8(char **out, const wchar_t *wide) {
     if (out == nullptr || wide == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     *out = nullptr;
-    UErrorCode status = U_ZERO_ERROR;
+    LogOwned<UChar> utf16;
+    LogOwned<char> utf8;
     int32_t units = 0;
-    u_strFromWCS(nullptr, 0, &units, wide, -1, &status);
-    if (!measured(status))
-        return ZOLTLOG_FAILED;
-    const LogOwned<UChar> utf16 = zeroed<UChar>(units);
-    if (utf16 == nullptr)
-        return ZOLTLOG_NO_MEMORY;
-    status = U_ZERO_ERROR;
-    u_strFromWCS(utf16.get(), units + 1, nullptr, wide, -1, &status);
-    if (U_FAILURE(status))
-        return ZOLTLOG_FAILED;
-    status = U_ZERO_ERROR;
+    uint32_t result = convertTwice(&utf16, &units, ZOLTLOG_FAILED,
+                                   [&](UChar *to, int32_t room, int32_t *made, UErrorCode *status) {
+                                       u_strFromWCS(to, room, made, wide, -1, status);
+                                   });
+    if (result != ZOLTLOG_OK)
+        return result;
     int32_t size = 0;
-    u_strToUTF8(nullptr, 0, &size, utf16.get(), units, &status);
-    if (!measured(status))
-        return ZOLTLOG_FAILED;
-    LogOwned<char> utf8 = zeroed<char>(size);
-    if (utf8 == nullptr)
-        return ZOLTLOG_NO_MEMORY;
-    status = U_ZERO_ERROR;
-    u_strToUTF8(utf8.get(), size + 1, nullptr, utf16.get(), units, &status);
-    if (U_FAILURE(status))
-        return ZOLTLOG_FAILED;
-    *out = utf8.release();
-    return ZOLTLOG_OK;
+    result = convertTwice(&utf8, &size, ZOLTLOG_FAILED,
+                          [&](char *to, int32_t room, int32_t *made, UErrorCode *status) {
+                              u_strToUTF8(to, room, made, utf16.get(), units, status);
+                          });
+    if (result == ZOLTLOG_OK)
+        *out = utf8.release();
+    return result;
 }
 
 uint32_t mbs2utf8(char **out, const char *narrow) {
@@ -274,25 +271,22 @@ uint32_t utf82mbs(char **out, const char *utf8) {
         return ZOLTLOG_INVALID_ARGUMENT;
     *out = nullptr;
     LogOwned<UChar> utf16;
+    LogOwned<char> narrow;
     int32_t units = 0;
-    const uint32_t result = utf8ToUtf16(utf8, -1, ZOLTLOG_INVALID_ARGUMENT, &utf16, &units);
+    uint32_t result = utf8ToUtf16(utf8, -1, ZOLTLOG_INVALID_ARGUMENT, &utf16, &units);
     if (result != ZOLTLOG_OK)
         return result;
-    UErrorCode status = U_ZERO_ERROR;
-    const std::unique_ptr<UConverter, decltype(&ucnv_close)> converter(ucnv_open(nullptr, &status),
+    UErrorCode opened = U_ZERO_ERROR;
+    const std::unique_ptr<UConverter, decltype(&ucnv_close)> converter(ucnv_open(nullptr, &opened),
                                                                        ucnv_close);
-    if (U_FAILURE(status))
+    if (U_FAILURE(opened))
         return ZOLTLOG_INVALID_ARGUMENT;
-    const int32_t size = ucnv_fromUChars(converter.get(), nullptr, 0, utf16.get(), units, &status);
-    if (!measured(status))
-        return ZOLTLOG_INVALID_ARGUMENT;
-    LogOwned<char> narrow = zeroed<char>(size);
-    if (narrow == nullptr)
-        return ZOLTLOG_NO_MEMORY;
-    status = U_ZERO_ERROR;
-    ucnv_fromUChars(converter.get(), narrow.get(), size + 1, utf16.get(), units, &status);
-    if (U_FAILURE(status))
-        return ZOLTLOG_INVALID_ARGUMENT;
-    *out = narrow.release();
-    return ZOLTLOG_OK;
+    int32_t size = 0;
+    result = convertTwice(&narrow, &size, ZOLTLOG_INVALID_ARGUMENT,
+                          [&](char *to, int32_t room, int32_t *made, UErrorCode *status) {
+                              *made = ucnv_fromUChars(converter.get(), to, room, utf16.get(), units, status);
+                          });
+    if (result == ZOLTLOG_OK)
+        *out = narrow.release();
+    return result;
 }

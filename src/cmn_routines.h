@@ -3,6 +3,7 @@
 #pragma once
 
 #include "owned.h"
+#include "utf8.h"
 #include "zoltlog.h"
 
 #include <cstdlib>
@@ -27,33 +28,8 @@ inline bool isPlainAscii(const char *text, size_t length) {
     return true;
 }
 
-// Length of the well-formed UTF-8 character that text begins with, 0 if there is none;
-// length is at least 1. The first two bytes decide about forms that are too long,
-// surrogates and the upper end.
-inline size_t utf8CharacterLength(const char *text, size_t length) {
-    const auto byte = [text](size_t at) { return static_cast<uint8_t>(text[at]); };
-    const uint8_t lead = byte(0);
-    if (lead < 0x80)
-        return 1;
-    if (lead < 0xC2 || lead > 0xF4)
-        return 0;
-    const size_t size = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    if (length < size)
-        return 0;
-    const uint8_t low = lead == 0xE0 ? 0xA0 : lead == 0xF0 ? 0x90 : 0x80;
-    const uint8_t high = lead == 0xED ? 0x9F : lead == 0xF4 ? 0x8F : 0xBF;
-    if (byte(1) < low || byte(1) > high)
-        return 0;
-    for (size_t at = 2; at < size; ++at) {
-        if ((byte(at) & 0xC0u) != 0x80)
-            return 0;
-    }
-    return size;
-}
-
-// Well-formed UTF-8 as both the C library and ICU take it: shortest forms, no
-// surrogates, nothing above U+10FFFF. In a UTF-8 locale mbs2utf8 returns such a text
-// unchanged and refuses any other.
+// Well-formed UTF-8. In a UTF-8 locale mbs2utf8 returns such a text unchanged and refuses
+// any other.
 inline bool isValidUtf8(const char *text, size_t length) {
     const auto isAscii = [text](size_t at) { return (static_cast<uint8_t>(text[at]) & 0x80u) == 0; };
     size_t at = 0;
@@ -63,10 +39,8 @@ inline bool isValidUtf8(const char *text, size_t length) {
         while (at < length && isAscii(at))
             ++at;
         while (at < length && !isAscii(at)) {
-            const size_t size = utf8CharacterLength(text + at, length - at);
-            if (size == 0)
+            if (nextUtf8(text, &at, length) < 0)
                 return false;
-            at += size;
         }
     }
     return true;

@@ -4,7 +4,7 @@
 // (formats, catalogues) to the localization library and relies on nothing but
 // the calls of zoltlis.h.
 //
-//   1. the look of each item type      appendItem, appendWide..., digits
+//   1. the look of each item type      appendItem, appendWide..., appendNumber
 //   2. where text goes                 Sink: a fixed buffer that cuts, or one that grows
 //   3. one item's share of the bound   measureItem
 //   4. the two passes                  renderBlock, measureBlock
@@ -16,6 +16,7 @@
 #include "cmn_routines.h"
 #include "qdlis.h"
 
+#include <charconv>
 #include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -89,39 +90,17 @@ void append(Sink *sink, const char *bytes, size_t count) {
 
 // ---- the look of each item type ------------------------------------------------
 
-// Writes value backwards, ending before end; yields the first digit.
-char *digits(uint64_t value, unsigned radix, char *end) {
-    do {
-        *--end = "0123456789abcdef"[value % radix];
-        value /= radix;
-    } while (value != 0);
-    return end;
-}
-
-void appendUnsigned(Sink *sink, uint64_t value) {
+template<typename Number>
+void appendNumber(Sink *sink, Number value) {
     char text[INTEGER_ROOM];
-    char *end = text + sizeof text;
-    const char *start = digits(value, 10, end);
-    append(sink, start, static_cast<size_t>(end - start));
-}
-
-void appendSigned(Sink *sink, int64_t value) {
-    char text[INTEGER_ROOM];
-    char *end = text + sizeof text;
-    const uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-    char *start = digits(magnitude, 10, end);
-    if (value < 0)
-        *--start = '-';
-    append(sink, start, static_cast<size_t>(end - start));
+    append(sink, text, static_cast<size_t>(std::to_chars(text, text + sizeof text, value).ptr - text));
 }
 
 void appendPointer(Sink *sink, const void *value) {
-    char text[INTEGER_ROOM];
-    char *end = text + sizeof text;
-    char *start = digits(reinterpret_cast<uintptr_t>(value), 16, end);
-    *--start = 'x';
-    *--start = '0';
-    append(sink, start, static_cast<size_t>(end - start));
+    char text[INTEGER_ROOM] = {'0', 'x'};
+    const auto number = reinterpret_cast<uintptr_t>(value);
+    append(sink, text,
+           static_cast<size_t>(std::to_chars(text + 2, text + sizeof text, number, 16).ptr - text));
 }
 
 void appendDouble(Sink *sink, double value) {
@@ -250,10 +229,10 @@ Outcome appendItem(Sink *sink, ZoltLisIterator *argument, uint32_t type, unsigne
         appendWideChar(sink, value.wideChar);
         break;
     case ZOLTLIS_ITEM_SIGNED:
-        appendSigned(sink, value.signedNumber);
+        appendNumber(sink, value.signedNumber);
         break;
     case ZOLTLIS_ITEM_UNSIGNED:
-        appendUnsigned(sink, value.unsignedNumber);
+        appendNumber(sink, value.unsignedNumber);
         break;
     case ZOLTLIS_ITEM_DOUBLE:
         appendDouble(sink, value.real);
@@ -266,7 +245,7 @@ Outcome appendItem(Sink *sink, ZoltLisIterator *argument, uint32_t type, unsigne
         break;
     case ZOLTLIS_ITEM_OS_ERROR:
     case ZOLTLIS_ITEM_OS_ERROR_OTHER:
-        appendSigned(sink, static_cast<int32_t>(value.osError->code)); // the low half of the word
+        appendNumber(sink, static_cast<int32_t>(value.osError->code)); // the low half of the word
         break;
     case ZOLTLIS_ITEM_DATE_TIME:
         appendDateTime(sink, value.dateTime);
