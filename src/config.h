@@ -3,6 +3,7 @@
 
 #include "bounded.h"
 #include "config_keys.h"
+#include "owned.h"
 #include "utiPropertyStoreFile.h"
 
 // A field of a record by its key.
@@ -20,13 +21,12 @@ inline void cfgIdText(uint64_t id, char text[CFG_ID_SIZE]) {
 bool cfgIsFile(const char *location); // holds ".conf": log sets are sections of it
 
 // The store of a product's log sets and the section of one of them: "LOGSET.x" in the
-// location itself, or x in location + "\LOGSET". Null when out of memory.
+// location itself, or x in location + "\LOGSET". False when out of memory.
 struct CfgLogsetPlace {
-    char *path;
-    char *section;
+    LogOwned<char> path;
+    LogOwned<char> section;
 };
 bool cfgLogsetPlace(const char *location, const char *logsetName, CfgLogsetPlace *place);
-void cfgLogsetPlaceFree(CfgLogsetPlace *place);
 
 // Fills a record's field from a value as it stands in the file. False when it cannot be
 // converted, as if the key were absent. *taken, if not null, tells what became of it.

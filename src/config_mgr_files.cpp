@@ -58,7 +58,7 @@ uint32_t zoltLogCopyFile(const char *path, const char *directory) {
     if (zoltLogOs_fsize(&ends.from, &size) != ZOLTLOG_OS_OK)
         return ZOLTLOG_SOURCE_SIZE_UNKNOWN;
     const char *last = strrchr(path, '/');
-    const LogOwned<char> destination = joinedPath(directory, last != nullptr ? last : path);
+    const LogOwned<char> destination = joinedText(directory, last != nullptr ? last : path);
     if (destination == nullptr)
         return ZOLTLOG_NO_MEMORY;
     if (isSameFile(ends.from, destination.get())) // opening it would empty the source
@@ -76,7 +76,7 @@ uint32_t zoltLogCopyFileEx(const char *path, const char *directory) {
     const char *last = strrchr(path, '/');
     if (last == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    const LogOwned<char> destination = joinedPath(directory, last);
+    const LogOwned<char> destination = joinedText(directory, last);
     if (destination == nullptr)
         return ZOLTLOG_NO_MEMORY;
     return link(path, destination.get()) == 0 ? ZOLTLOG_OK : ZOLTLOG_SHORT_WRITE;

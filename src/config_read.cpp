@@ -232,43 +232,25 @@ bool cfgIsFile(const char *productLocation) {
     return strstr(productLocation, CFG_FILE_MARK) != nullptr;
 }
 
-static char *joined(const char *first, const char *second, const char *third) {
-    const size_t size = strlen(first) + strlen(second) + strlen(third) + 1;
-    auto *text = static_cast<char *>(zoltLogMalloc(size));
-    if (text != nullptr)
-        (void)snprintf(text, size, "%s%s%s", first, second, third);
-    return text;
-}
-
 bool cfgLogsetPlace(const char *productLocation, const char *logsetName, CfgLogsetPlace *place) {
     const bool isFile = cfgIsFile(productLocation);
-    place->path = joined(productLocation, isFile ? "" : CFG_LOGSET_FILE, "");
-    place->section = isFile ? joined(STORE_LOGSET_TOKEN, ".", logsetName) : zoltLogSafeStrdup(logsetName);
-    if (place->path != nullptr && place->section != nullptr)
-        return true;
-    cfgLogsetPlaceFree(place);
-    return false;
-}
-
-void cfgLogsetPlaceFree(CfgLogsetPlace *place) {
-    zoltLogFree(place->path);
-    zoltLogFree(place->section);
-    *place = {};
+    place->path = joinedText(productLocation, isFile ? "" : CFG_LOGSET_FILE);
+    place->section = joinedText(isFile ? STORE_LOGSET_PREFIX : "", logsetName);
+    return place->path != nullptr && place->section != nullptr;
 }
 
 uint32_t GetLogSetCfgSettings(const char *productLocation, const char *logsetName, LogCfg *cfg) {
-    CfgLogsetPlace place = {};
+    CfgLogsetPlace place;
     if (productLocation == nullptr || cfg == nullptr ||
         !cfgLogsetPlace(productLocation, logsetName != nullptr ? logsetName : CFG_DEFAULT, &place))
         return 0;
     const LogOwned<SectionValues> values(static_cast<SectionValues *>(zoltLogMalloc(sizeof(SectionValues))));
     uint32_t count = 0;
     if (values != nullptr) {
-        StoreSection wanted = sectionOf(place.section, values.get());
-        (void)storeReadSections(place.path, &wanted, 1);
+        StoreSection wanted = sectionOf(place.section.get(), values.get());
+        (void)storeReadSections(place.path.get(), &wanted, 1);
         count = applyLogset(cfg, values.get(), logsetName);
     }
-    cfgLogsetPlaceFree(&place);
     return count;
 }
 
@@ -450,9 +432,8 @@ static bool readOver(const Enumeration *what, const StoreIndex *index, const cha
         applyOriginator(cfg, values, name);
         return true;
     }
-    char section[sizeof STORE_LOGSET_TOKEN + SECTION_NAME_SIZE];
-    (void)snprintf(section, sizeof section, "%s%s%s", what->inFile ? STORE_LOGSET_TOKEN : "",
-                   what->inFile ? "." : "", name);
+    char section[sizeof STORE_LOGSET_PREFIX + SECTION_NAME_SIZE];
+    (void)snprintf(section, sizeof section, "%s%s", what->inFile ? STORE_LOGSET_PREFIX : "", name);
     StoreSection wanted = sectionOf(section, values);
     storeIndexRead(index, &wanted);
     return applyLogset(cfg, values, name) > 0;
@@ -472,7 +453,7 @@ static uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, c
         return ZOLTLOG_STORE_NOT_WRITTEN;
     }
     takeShortNames(cfg, what->shortNames);
-    cfg->originatorId = what->logsets ? 0 : strtoull(name, nullptr, 10);
+    cfg->originatorId = what->logsets ? 0 : storeValueNumber(name);
     if (!readOver(what, index, name, values, cfg)) {
         dropRecord(cfg);
     } else if (what->logsets && (cfg->logsetName == nullptr || cfg->logsetFilename == nullptr)) {
@@ -551,13 +532,12 @@ uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *s
     const bool inFile = cfgIsFile(productFile);
     const Enumeration what = {productId, shortNames, true, inFile, storeLogsetName};
     const Collection all = {capacity, cfgs, count};
-    CfgLogsetPlace place = {};
+    CfgLogsetPlace place;
     if (!hasRoom(&all))
         return ZOLTLOG_STORE_OK;
     if (!cfgLogsetPlace(productFile, CFG_DEFAULT, &place))
         return ZOLTLOG_STORE_NOT_WRITTEN;
-    const uint32_t result = collectAll(&what, place.path, &all);
-    cfgLogsetPlaceFree(&place);
+    const uint32_t result = collectAll(&what, place.path.get(), &all);
     return result;
 }
 
@@ -598,7 +578,7 @@ uint32_t zoltLogReadProdIDCfg(const char *mainLocation, uint64_t productId, uint
     bool isFound = false;
     while (!isFound &&
            (result = storeIndexNext(&mainFile, storeSectionName, name, &size)) == ZOLTLOG_STORE_OK) {
-        isFound = strtoull(name, nullptr, 10) == productId;
+        isFound = storeValueNumber(name) == productId;
         size = sizeof name;
     }
     if (isFound)
@@ -624,8 +604,7 @@ uint32_t zoltLogReadAllCfg(const char *mainLocation, uint32_t capacity, LogCfg *
     bool isAnyRead = false;
     uint32_t result = ZOLTLOG_STORE_OK;
     while ((result = storeIndexNext(&mainFile, storeSectionName, name, &size)) == ZOLTLOG_STORE_OK) {
-        isAnyRead =
-            collectProduct(&mainFile, strtoull(name, nullptr, 10), &all) == ZOLTLOG_STORE_OK || isAnyRead;
+        isAnyRead = collectProduct(&mainFile, storeValueNumber(name), &all) == ZOLTLOG_STORE_OK || isAnyRead;
         size = sizeof name;
     }
     storeIndexFree(&mainFile);

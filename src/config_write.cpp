@@ -134,16 +134,15 @@ uint32_t zoltLogWriteCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg)
 // KEPT: a store that cannot be opened is 1 here and 6 for an originator. Pinned by
 // ConfigWrite.AStoreThatDoesNotOpenIsToldDifferentlyForLogsets.
 static uint32_t writeLogsetAt(const char *location, const char *logsetName, LogCfg *cfg) {
-    CfgLogsetPlace place = {};
+    CfgLogsetPlace place;
     PropertyStore store;
     if (!cfgLogsetPlace(location, logsetName, &place))
         return ZOLTLOG_NO_MEMORY;
     uint32_t result = ZOLTLOG_FAILED;
-    if (CreatePropertyString(place.path, place.section, &store) == ZOLTLOG_OK) {
+    if (CreatePropertyString(place.path.get(), place.section.get(), &store) == ZOLTLOG_OK) {
         result = writeLogset(cfg, &store);
         (void)utiClosePropertyStore(&store);
     }
-    cfgLogsetPlaceFree(&place);
     return result;
 }
 

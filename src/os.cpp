@@ -8,7 +8,6 @@
 //   Host             name and numeric identifier
 //   Time             broken-down time
 //   Library names    zoltLogOs_getLibName
-//   Paths            directory and name joined
 //   Listing          the log files of a directory
 #include "os.h"
 
@@ -395,17 +394,6 @@ int32_t zoltLogOs_getLibName(const char *name, char **out) {
     return ZOLTLOG_OS_OK;
 }
 
-// ---- paths --------------------------------------------------------------------------
-
-LogOwned<char> joinedPath(const char *directory, const char *name) {
-    const size_t directoryLength = strlen(directory);
-    const size_t nameSize = strlen(name) + 1;
-    LogOwned<char> path(static_cast<char *>(malloc(directoryLength + nameSize)));
-    if (path != nullptr)
-        memcpy(mempcpy(path.get(), directory, directoryLength), name, nameSize);
-    return path;
-}
-
 // ---- listing ------------------------------------------------------------------------
 
 namespace {
@@ -476,7 +464,7 @@ const char *zoltLogOsListLogFilesName(OsLogFileCursor *cursor) {
 LogOwned<char> currentPath(const OsLogFileCursor *cursor) {
     if (cursor == nullptr || cursor->directory == nullptr || cursor->entry == nullptr)
         return nullptr;
-    return joinedPath(cursor->directory, cursor->entry->d_name);
+    return joinedText(cursor->directory, cursor->entry->d_name);
 }
 
 int64_t zoltLogOsListLogFilesModtime(OsLogFileCursor *cursor) {

@@ -23,9 +23,5 @@ int aboveStdio(int descriptor);
 // The one place where an open's errno becomes a result of this layer.
 int32_t openResultOfErrno(int error);
 
-// Directory and name as one path, null when out of memory. The directory is used as it
-// stands: whoever lists a directory gives it with its final '/'.
-LogOwned<char> joinedPath(const char *directory, const char *name);
-
 // The path of a cursor's current file; null also when it has none.
 LogOwned<char> currentPath(const OsLogFileCursor *cursor);

@@ -198,7 +198,7 @@ int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char
     const char *name = zoltLogOsListLogFilesName(cursor);
     if (name == nullptr)
         return 0;
-    const LogOwned<char> path = joinedPath(directory, name);
+    const LogOwned<char> path = joinedText(directory, name);
     if (path == nullptr)
         return 0;
 

@@ -18,9 +18,10 @@
 
 #include <string.h>
 
-inline constexpr size_t STORE_LINE_MAX = 499;          // bytes handled as one line
-inline constexpr size_t STORE_VALUE_SIZE = 400;        // a value read back, with its terminator
-inline constexpr char STORE_LOGSET_TOKEN[] = "LOGSET"; // first token of a log set's lines
+inline constexpr size_t STORE_LINE_MAX = 499;            // bytes handled as one line
+inline constexpr size_t STORE_VALUE_SIZE = 400;          // a value read back, with its terminator
+inline constexpr char STORE_LOGSET_TOKEN[] = "LOGSET";   // first token of a log set's lines
+inline constexpr char STORE_LOGSET_PREFIX[] = "LOGSET."; // the same with what ends it
 inline constexpr size_t STORE_LOGSET_TOKEN_LENGTH = sizeof STORE_LOGSET_TOKEN - 1;
 
 struct StoreText { // bytes of a file, not terminated
