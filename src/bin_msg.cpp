@@ -194,107 +194,41 @@ static bool mayRead(const LogMsg *msg, const void *out, uint32_t types) {
     return types == ANY_TYPE || (msg->type <= ZOLTLOG_MSG_SECURE_AUDIT && (types & only(msg->type)) != 0);
 }
 
-template<typename T>
-static uint32_t readField(const LogMsg *msg, T *out, uint32_t types, T LogMsg::*field) {
-    if (!mayRead(msg, out, types))
-        return ZOLTLOG_INVALID_ARGUMENT;
-    *out = msg->*field;
-    return ZOLTLOG_OK;
-}
+// One row each: name, type of the value, message types that have it, field of LogMsg.
+// clang-format off
+#define GETTERS(GETTER)                                                                   \
+    GETTER(zoltLogGetMsgType,             uint32_t, ANY_TYPE,          type)              \
+    GETTER(zoltLogGetMsgProductId,        uint64_t, ANY_TYPE,          productId)         \
+    GETTER(zoltLogGetMsgOriginatorId,     uint64_t, ANY_TYPE,          originatorId)      \
+    GETTER(zoltLogGetMsgFid,              uint64_t, ANY_TYPE,          fileOriginatorId)  \
+    GETTER(zoltLogGetMsgTimestamp,        uint64_t, ANY_TYPE,          timestamp)         \
+    GETTER(zoltLogGetMsgPid,              uint64_t, ANY_TYPE,          processId)         \
+    GETTER(zoltLogGetMsgTid,              uint64_t, ANY_TYPE,          threadId)          \
+    GETTER(zoltLogGetMsgContextToken,     char *,   ANY_TYPE,          contextToken)      \
+    GETTER(zoltLogGetMsgText,             char *,   ANY_TYPE,          text)              \
+    GETTER(zoltLogGetMsgAppAttrWho,       char *,   APP_ONLY,          who)               \
+    GETTER(zoltLogGetMsgAppAttrSeverity,  uint32_t, APP_ONLY,          attr.severity)     \
+    GETTER(zoltLogGetMsgDebugAttrWho,     char *,   DEBUG_ONLY,        who)               \
+    GETTER(zoltLogGetMsgDebugAttrLevel,   uint32_t, DEBUG_ONLY,        attr.level)        \
+    GETTER(zoltLogGetMsgDebugLevel,       uint32_t, DEBUG_ONLY,        attr.level)        \
+    GETTER(zoltLogGetMsgDiagAttrWho,      char *,   DIAG_ONLY,         who)               \
+    GETTER(zoltLogGetMsgDiagAttrLevel,    uint32_t, DIAG_ONLY,         attr.level)        \
+    GETTER(zoltLogGetMsgDiagLevel,        uint32_t, DIAG_ONLY,         attr.level)        \
+    GETTER(zoltLogGetMsgAuditAttrSubject, char *,   BOTH_AUDITS,       who)               \
+    GETTER(zoltLogGetMsgAuditAttrOutcome, uint32_t, BOTH_AUDITS,       outcome)           \
+    GETTER(zoltLogGetMsgAuditLevel,       uint32_t, SECURE_AUDIT_ONLY, attr.level)        \
+    GETTER(zoltLogGetMsgContextAttrToken, char *,   CONTEXT_ONLY,      attr.contextTitle)
+// clang-format on
 
-static uint32_t readAttributeNumber(const LogMsg *msg, uint32_t *out, uint32_t types) {
-    if (!mayRead(msg, out, types))
-        return ZOLTLOG_INVALID_ARGUMENT;
-    *out = msg->attr.level; // severity and level are one word
-    return ZOLTLOG_OK;
-}
-
-uint32_t zoltLogGetMsgType(const LogMsg *msg, uint32_t *out) {
-    return readField(msg, out, ANY_TYPE, &LogMsg::type);
-}
-
-uint32_t zoltLogGetMsgProductId(const LogMsg *msg, uint64_t *out) {
-    return readField(msg, out, ANY_TYPE, &LogMsg::productId);
-}
-
-uint32_t zoltLogGetMsgOriginatorId(const LogMsg *msg, uint64_t *out) {
-    return readField(msg, out, ANY_TYPE, &LogMsg::originatorId);
-}
-
-uint32_t zoltLogGetMsgFid(const LogMsg *msg, uint64_t *out) {
-    return readField(msg, out, ANY_TYPE, &LogMsg::fileOriginatorId);
-}
-
-uint32_t zoltLogGetMsgTimestamp(const LogMsg *msg, uint64_t *out) {
-    return readField(msg, out, ANY_TYPE, &LogMsg::timestamp);
-}
-
-uint32_t zoltLogGetMsgPid(const LogMsg *msg, uint64_t *out) {
-    return readField(msg, out, ANY_TYPE, &LogMsg::processId);
-}
-
-uint32_t zoltLogGetMsgTid(const LogMsg *msg, uint64_t *out) {
-    return readField(msg, out, ANY_TYPE, &LogMsg::threadId);
-}
-
-uint32_t zoltLogGetMsgContextToken(const LogMsg *msg, char **out) {
-    return readField(msg, out, ANY_TYPE, &LogMsg::contextToken);
-}
-
-uint32_t zoltLogGetMsgText(const LogMsg *msg, char **out) {
-    return readField(msg, out, ANY_TYPE, &LogMsg::text);
-}
-
-uint32_t zoltLogGetMsgAppAttrWho(const LogMsg *msg, char **out) {
-    return readField(msg, out, APP_ONLY, &LogMsg::who);
-}
-
-uint32_t zoltLogGetMsgAppAttrSeverity(const LogMsg *msg, uint32_t *out) {
-    return readAttributeNumber(msg, out, APP_ONLY);
-}
-
-uint32_t zoltLogGetMsgDebugAttrWho(const LogMsg *msg, char **out) {
-    return readField(msg, out, DEBUG_ONLY, &LogMsg::who);
-}
-
-uint32_t zoltLogGetMsgDebugAttrLevel(const LogMsg *msg, uint32_t *out) {
-    return readAttributeNumber(msg, out, DEBUG_ONLY);
-}
-
-uint32_t zoltLogGetMsgDebugLevel(const LogMsg *msg, uint32_t *out) {
-    return readAttributeNumber(msg, out, DEBUG_ONLY);
-}
-
-uint32_t zoltLogGetMsgDiagAttrWho(const LogMsg *msg, char **out) {
-    return readField(msg, out, DIAG_ONLY, &LogMsg::who);
-}
-
-uint32_t zoltLogGetMsgDiagAttrLevel(const LogMsg *msg, uint32_t *out) {
-    return readAttributeNumber(msg, out, DIAG_ONLY);
-}
-
-uint32_t zoltLogGetMsgDiagLevel(const LogMsg *msg, uint32_t *out) {
-    return readAttributeNumber(msg, out, DIAG_ONLY);
-}
-
-uint32_t zoltLogGetMsgAuditAttrSubject(const LogMsg *msg, char **out) {
-    return readField(msg, out, BOTH_AUDITS, &LogMsg::who);
-}
-
-uint32_t zoltLogGetMsgAuditAttrOutcome(const LogMsg *msg, uint32_t *out) {
-    return readField(msg, out, BOTH_AUDITS, &LogMsg::outcome);
-}
-
-uint32_t zoltLogGetMsgAuditLevel(const LogMsg *msg, uint32_t *out) {
-    return readAttributeNumber(msg, out, SECURE_AUDIT_ONLY);
-}
-
-uint32_t zoltLogGetMsgContextAttrToken(const LogMsg *msg, char **out) {
-    if (!mayRead(msg, out, CONTEXT_ONLY))
-        return ZOLTLOG_INVALID_ARGUMENT;
-    *out = msg->attr.contextTitle;
-    return ZOLTLOG_OK;
-}
+#define GETTER_OF_FIELD(name, valueType, types, field)                                                       \
+    uint32_t name(const LogMsg *msg, valueType *out) {                                                       \
+        if (!mayRead(msg, out, types))                                                                       \
+            return ZOLTLOG_INVALID_ARGUMENT;                                                                 \
+        *out = msg->field;                                                                                   \
+        return ZOLTLOG_OK;                                                                                   \
+    }
+GETTERS(GETTER_OF_FIELD)
+#undef GETTER_OF_FIELD
 
 uint32_t zoltLogGetMsgLis(LogMsg *msg, ZoltLisBlock **out) {
     if (!mayRead(msg, out, ANY_TYPE))
