@@ -137,20 +137,36 @@ enum {
     ZOLTLOG_OP_NOT_EQUAL = 288
 };
 
-/* Attributes of log files in queries. The codes from ZOLTLOG_ATTR_FIRST to ZOLTLOG_ATTR_LAST
- * that have no name pass every file of a listing, but for ZOLTLOG_ATTR_NEVER. */
+/*
+ * Attributes of log files in queries: X(name, code, listed, fetched). The last two tell what
+ * of a file the attribute is compared with, when files are listed (their names and the file
+ * system decide) and when one is fetched (its header does):
+ *
+ *   PRODUCT, ORIGINATOR  ids; the originator of a name is 0 for log sets
+ *   CREATION, CHANGE     seconds since 1970-01-01 UTC; of two values one has to satisfy
+ *   HOST, LOGSET         texts
+ *   ALL, NONE            nothing: every file passes, or none
+ *
+ * The codes from ZOLTLOG_ATTR_FIRST to ZOLTLOG_ATTR_LAST that have no row are (ALL, NONE),
+ * other numbers (NONE, NONE). A further attribute is one row, behind the others.
+ */
+#define ZOLTLOG_ATTRIBUTES(X)                                                                                \
+    X(ZOLTLOG_ATTR_PRODUCT_ID, 263, PRODUCT, PRODUCT)                                                        \
+    X(ZOLTLOG_ATTR_ORIGINATOR_ID, 264, ALL, ORIGINATOR)                                                      \
+    X(ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, 265, ORIGINATOR, NONE)                                                \
+    X(ZOLTLOG_ATTR_TIME, 268, CREATION | CHANGE, CREATION | CHANGE)                                          \
+    X(ZOLTLOG_ATTR_CREATION_TIME, 269, CREATION, CREATION)                                                   \
+    X(ZOLTLOG_ATTR_NEVER, 276, NONE, NONE)                                                                   \
+    X(ZOLTLOG_ATTR_HOST_NAME, 278, HOST, NONE)                                                               \
+    X(ZOLTLOG_ATTR_LOGSET_NAME, 279, LOGSET, LOGSET)
+
+#define ZOLTLOG_ATTRIBUTE_CODE(name, code, listed, fetched) name = code,
 enum {
-    ZOLTLOG_ATTR_PRODUCT_ID = 263,
-    ZOLTLOG_ATTR_ORIGINATOR_ID = 264,      /* of the header; passes every file of a listing */
-    ZOLTLOG_ATTR_FILE_ORIGINATOR_ID = 265, /* of the file's name; 0 for log sets */
-    ZOLTLOG_ATTR_TIME = 268,               /* creation or modification, seconds since 1970-01-01 UTC */
-    ZOLTLOG_ATTR_CREATION_TIME = 269,      /* seconds since 1970-01-01 UTC */
-    ZOLTLOG_ATTR_NEVER = 276,              /* passes no file */
-    ZOLTLOG_ATTR_HOST_NAME = 278,          /* text */
-    ZOLTLOG_ATTR_LOGSET_NAME = 279,        /* text */
+    ZOLTLOG_ATTRIBUTES(ZOLTLOG_ATTRIBUTE_CODE) ZOLTLOG_ATTR_END, /* behind the last one */
     ZOLTLOG_ATTR_FIRST = ZOLTLOG_ATTR_PRODUCT_ID,
-    ZOLTLOG_ATTR_LAST = ZOLTLOG_ATTR_LOGSET_NAME
+    ZOLTLOG_ATTR_LAST = ZOLTLOG_ATTR_END - 1
 };
+#undef ZOLTLOG_ATTRIBUTE_CODE
 
 /* LogContextKey.kind: SearchContextTitleInList puts its text in the place of the entry's.
  * Other kinds only look. */

@@ -64,15 +64,16 @@ static bool evalString(int32_t op, const char *text, const Literal &literal) {
 
 // ---- what the attributes mean ------------------------------------------------------
 
-enum Meaning : uint8_t {
-    FALSE_ALWAYS,
-    TRUE_ALWAYS,
-    PRODUCT,
-    ORIGINATOR,
-    CREATION_OR_CHANGE,
-    CREATION,
-    HOST,
-    LOGSET
+// What of a file an attribute is compared with: it holds when it holds for one of them.
+enum Compared : uint32_t {
+    NONE = 0,
+    ALL = 1, // holds for every file
+    PRODUCT = 2,
+    ORIGINATOR = 4,
+    CREATION = 8,
+    CHANGE = 16,
+    HOST = 32,
+    LOGSET = 64
 };
 
 // What is asked about: a file of a listing, by its name and the file system, or a fetched
@@ -83,27 +84,21 @@ static constexpr size_t LITERAL_LENGTH[VIEWS] = {567, 1079}; // longer text lite
 
 struct Attribute {
     uint64_t code;
-    Meaning meaning[VIEWS];
+    uint32_t compared[VIEWS]; // with these
 };
 
 static constexpr Attribute ATTRIBUTES[] = {
-    {ZOLTLOG_ATTR_PRODUCT_ID, {PRODUCT, PRODUCT}},
-    {ZOLTLOG_ATTR_ORIGINATOR_ID, {TRUE_ALWAYS, ORIGINATOR}},
-    {ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, {ORIGINATOR, FALSE_ALWAYS}},
-    {ZOLTLOG_ATTR_TIME, {CREATION_OR_CHANGE, CREATION_OR_CHANGE}},
-    {ZOLTLOG_ATTR_CREATION_TIME, {CREATION, CREATION}},
-    {ZOLTLOG_ATTR_NEVER, {FALSE_ALWAYS, FALSE_ALWAYS}},
-    {ZOLTLOG_ATTR_HOST_NAME, {HOST, FALSE_ALWAYS}},
-    {ZOLTLOG_ATTR_LOGSET_NAME, {LOGSET, LOGSET}},
+#define ATTRIBUTE_ROW(name, code, listed, fetched) {name, {listed, fetched}},
+    ZOLTLOG_ATTRIBUTES(ATTRIBUTE_ROW)
+#undef ATTRIBUTE_ROW
 };
 
-// The other codes of the range are true of every listed file.
-static Meaning meaningOf(uint64_t code, View view) {
+static uint32_t comparedWith(uint64_t code, View view) {
     for (const Attribute &attribute : ATTRIBUTES)
         if (attribute.code == code)
-            return attribute.meaning[view];
+            return attribute.compared[view];
     const bool known = code >= ZOLTLOG_ATTR_FIRST && code <= ZOLTLOG_ATTR_LAST;
-    return known && view == LISTED_FILE ? TRUE_ALWAYS : FALSE_ALWAYS;
+    return known && view == LISTED_FILE ? ALL : NONE;
 }
 
 struct FileValues {
@@ -117,25 +112,13 @@ struct FileValues {
 
 static bool compareAttribute(View view, const FileValues &file, uint64_t attribute, int32_t op,
                              uint64_t number, const Literal &literal) {
-    switch (meaningOf(attribute, view)) {
-    case FALSE_ALWAYS:
-        return false;
-    case TRUE_ALWAYS:
-        return true;
-    case PRODUCT:
-        return eval(op, file.productId, number);
-    case ORIGINATOR:
-        return eval(op, file.originatorId, number);
-    case CREATION_OR_CHANGE:
-        return eval(op, file.creationTime, number) || eval(op, file.modificationTime, number);
-    case CREATION:
-        return eval(op, file.creationTime, number);
-    case HOST:
-        return evalString(op, file.hostName != nullptr ? file.hostName : "", literal);
-    case LOGSET:
-        return file.logsetName != nullptr && evalString(op, file.logsetName, literal);
-    }
-    return false;
+    const uint32_t with = comparedWith(attribute, view);
+    return (with & ALL) != 0 || ((with & PRODUCT) != 0 && eval(op, file.productId, number)) ||
+           ((with & ORIGINATOR) != 0 && eval(op, file.originatorId, number)) ||
+           ((with & CREATION) != 0 && eval(op, file.creationTime, number)) ||
+           ((with & CHANGE) != 0 && eval(op, file.modificationTime, number)) ||
+           ((with & HOST) != 0 && evalString(op, file.hostName != nullptr ? file.hostName : "", literal)) ||
+           ((with & LOGSET) != 0 && file.logsetName != nullptr && evalString(op, file.logsetName, literal));
 }
 
 // ---- one node ----------------------------------------------------------------
@@ -240,7 +223,8 @@ int32_t EvaluateFileCondition(LogListing *listing, const LogFileHeader *header, 
 static bool mentionsHost(const LogQueryNode *node, int32_t depth) {
     if (node == nullptr || depth == SLOTS)
         return false;
-    if (isTerm(node) && node->kind != ZOLTLOG_TERM_TEXT && node->value.number == ZOLTLOG_ATTR_HOST_NAME)
+    if (isTerm(node) && node->kind != ZOLTLOG_TERM_TEXT &&
+        (comparedWith(node->value.number, LISTED_FILE) & HOST) != 0)
         return true;
     return mentionsHost(node->left, depth + 1) || mentionsHost(node->right, depth + 1);
 }
@@ -250,6 +234,11 @@ bool queryMentionsHost(const LogQueryNode *node) {
 }
 
 // ---- time zone ---------------------------------------------------------------
+
+static bool comparesTime(uint64_t attribute) {
+    return ((comparedWith(attribute, LISTED_FILE) | comparedWith(attribute, FETCHED_FILE)) &
+            (CREATION | CHANGE)) != 0;
+}
 
 uint32_t updateQueryForTZ(LogQueryNode *query, int64_t tzOffset) {
     const auto delta = static_cast<uint64_t>(getLocalTZOffsetFromGMT()) - static_cast<uint64_t>(tzOffset);
@@ -267,8 +256,7 @@ uint32_t updateQueryForTZ(LogQueryNode *query, int64_t tzOffset) {
             continue;
         }
         const uint64_t attribute = left->value.number;
-        if ((attribute == ZOLTLOG_ATTR_TIME || attribute == ZOLTLOG_ATTR_CREATION_TIME) &&
-            right->value.number != 0)
+        if (comparesTime(attribute) && right->value.number != 0)
             right->value.number -= delta;
         current = waiting[depth--];
         if (current == nullptr)
