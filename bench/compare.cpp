@@ -155,7 +155,8 @@ Contender ours(const std::string &name, uint64_t originator, uint32_t mode, std:
 }
 
 void plainMessage(int number) {
-    check(zoltLogAppMsg(&handle, 0, 1, 0, MESSAGE_FORMAT, number, MESSAGE_TEXT), "zoltLogAppMsg");
+    check(zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, MESSAGE_FORMAT, number, MESSAGE_TEXT),
+          "zoltLogAppMsg");
 }
 
 const std::string OURS = "zoltLogAppMsg, size rollover";
@@ -167,7 +168,8 @@ std::vector<Contender> ourContenders() {
             ours(OURS_NO_ROLLOVER, 8, ZOLTLOG_ROLLOVER_NONE, plainMessage),
             ours(OURS_CATALOGUE, 9, ZOLTLOG_ROLLOVER_FILE_SIZE,
                  [](int number) {
-                     check(zoltLogAppMsg(&handle, 0, 1, 1001, "Disk %s is %d%% full", MESSAGE_TEXT, number),
+                     check(zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 1001, "Disk %s is %d%% full",
+                                         MESSAGE_TEXT, number),
                            "zoltLogAppMsg");
                  }),
             {"zoltLogAppMsg in a context",
@@ -234,7 +236,7 @@ double processes(int count) {
             if (write(ready[1], &byte, 1) != 1 || read(go[0], &byte, 1) != 1)
                 _exit(1);
             for (int i = 0; i < each; ++i)
-                zoltLogAppMsg(&mine, 0, 1, 0, MESSAGE_FORMAT, i, MESSAGE_TEXT);
+                zoltLogAppMsg(&mine, 0, ZOLTLOG_SEVERITY_WARNING, 0, MESSAGE_FORMAT, i, MESSAGE_TEXT);
             zoltLogClose(&mine);
             _exit(0);
         }

@@ -223,7 +223,7 @@ void rolloverWithRecycling(benchmark::State &state) {
         fail("zoltLogOpen", opened);
     const std::string text(1100, 'x');
     const auto logOne = [&] {
-        const uint32_t result = zoltLogAppMsg(&log, 0, 1, 0, "%s", text.c_str());
+        const uint32_t result = zoltLogAppMsg(&log, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", text.c_str());
         if (result != 0)
             fail("zoltLogAppMsg", result);
     };

@@ -11,7 +11,7 @@
  * Looks at the load every MILLISECONDS (1000), ROUNDS times or for ever (0), and tells
  * on standard output when its debug level changes.
  */
-#include "zoltlog.h"
+#include "zoltlog_results.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -22,11 +22,11 @@ static const double HIGH_LOAD = 8.0;
 static void watch(LogHandle *log) {
     double loads[3];
     if (getloadavg(loads, 3) != 3) {
-        zoltLogAppMsgEx(log, 0, 2, "load", 0, "the load cannot be read");
+        zoltLogAppMsgEx(log, 0, ZOLTLOG_SEVERITY_ERROR, "load", 0, "the load cannot be read");
         return;
     }
     if (loads[0] > HIGH_LOAD)
-        zoltLogAppMsgEx(log, 0, 1, "load", 0, "the load is %.2f", loads[0]);
+        zoltLogAppMsgEx(log, 0, ZOLTLOG_SEVERITY_WARNING, "load", 0, "the load is %.2f", loads[0]);
     zoltLogDiagMsg(log, 0, 3, "load", 0, "load of the last minute: %.2f", loads[0]);
     /* Costs next to nothing while the level is below 4: nothing is formatted. */
     zoltLogDebugMsg(log, 0, 4, "load", "loads of 1, 5 and 15 minutes: %.2f %.2f %.2f", loads[0], loads[1],
@@ -44,7 +44,7 @@ int main(int argc, char **argv) {
     LogHandle log = {0};
     const uint32_t result = zoltLogOpen(strtoull(argv[1], NULL, 10), strtoull(argv[2], NULL, 10), &log);
     if (result != ZOLTLOG_OK) {
-        fprintf(stderr, "agent: the log cannot be opened: result %u\n", result);
+        fprintf(stderr, "agent: the log cannot be opened: %s\n", qdulResultText(result));
         zoltLogClose(&log);
         return 3;
     }

@@ -10,7 +10,7 @@
  *
  * NAMES are the short names of the product, separated by commas.
  */
-#include "zoltlog.h"
+#include "zoltlog_results.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -97,8 +97,8 @@ static int install(uint64_t product, const char *names, const char *file, const 
     if (result == ZOLTLOG_OK)
         result = setUpLogset(product, directory);
     if (result != ZOLTLOG_OK) {
-        fprintf(stderr, "installer: product %llu cannot be set up: result %u\n", (unsigned long long)product,
-                result);
+        fprintf(stderr, "installer: product %llu cannot be set up: %s\n", (unsigned long long)product,
+                qdulResultText(result));
         return 1;
     }
     printf("product %llu is registered; its settings are in %s\n", (unsigned long long)product, file);
@@ -111,7 +111,7 @@ int main(int argc, char **argv) {
     if (argc == 3 && strcmp(argv[1], "remove") == 0) {
         const uint32_t result = zoltLogRemoveProductCfg(strtoull(argv[2], NULL, 10));
         if (result != ZOLTLOG_OK)
-            fprintf(stderr, "installer: the product cannot be removed: result %u\n", result);
+            fprintf(stderr, "installer: the product cannot be removed: %s\n", qdulResultText(result));
         return result == ZOLTLOG_OK ? 0 : 1;
     }
     fprintf(stderr, "usage: installer register PRODUCT NAMES CONFIGURATION-FILE LOG-DIRECTORY\n"

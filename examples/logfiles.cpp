@@ -8,7 +8,7 @@
 //   logfiles newest PRODUCT [COUNT]   the newest COUNT (10) records of each series
 //   logfiles surplus PRODUCT          the files that may be removed
 //   logfiles archive PRODUCT DIR      copies those to DIR and deletes them
-#include "zoltlog.h"
+#include "zoltlog_results.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -202,8 +202,8 @@ int main(int argc, char **argv) {
     }
     Configurations configurations(product);
     if (configurations.result != ZOLTLOG_OK) {
-        std::fprintf(stderr, "logfiles: product %llu has no configuration: result %u\n",
-                     static_cast<unsigned long long>(product), configurations.result);
+        std::fprintf(stderr, "logfiles: product %llu has no configuration: %s\n",
+                     static_cast<unsigned long long>(product), qdulResultText(configurations.result));
         return 3;
     }
     if (command == "list")

@@ -9,7 +9,7 @@
  *
  * Tells that USER has logged in from HOST. With -e the line comes on standard error too.
  */
-#include "zoltlog.h"
+#include "zoltlog_results.h"
 
 #include <stdio.h>
 #include <stdlib.h>
@@ -42,13 +42,13 @@ int main(int argc, char **argv) {
     if (result == ZOLTLOG_OK)
         result = zoltLogSecureOpen(product, originator, &cfg, &log);
     if (result != ZOLTLOG_OK) {
-        fprintf(stderr, "secure_audit: the log cannot be opened: result %u\n", result);
+        fprintf(stderr, "secure_audit: the log cannot be opened: %s\n", qdulResultText(result));
         return 3;
     }
     result = zoltLogSecureAuditMsg(&log, LEVEL, user, OUTCOME_SUCCESS, MSG_LOGGED_IN,
                                    "User %s logged in from %s", user, host);
     if (result != ZOLTLOG_OK)
-        fprintf(stderr, "secure_audit: the message was not sent: result %u\n", result);
+        fprintf(stderr, "secure_audit: the message was not sent: %s\n", qdulResultText(result));
     zoltLogClose(&log); /* ZOLTLOG_INVALID_ARGUMENT, since there is no file; all is released */
     zoltLogFreeCfg(&cfg);
     return result == ZOLTLOG_OK ? 0 : 1;

@@ -8,7 +8,7 @@
 //
 // A request is the path of a text file: the server counts its lines and words. At the
 // end it tells on standard output how many messages of each kind it has sent.
-#include "zoltlog.h"
+#include "zoltlog_results.h"
 
 #include <atomic>
 #include <chrono>
@@ -26,8 +26,6 @@
 namespace {
 
 constexpr int64_t MSG_ACCESS_DENIED = 1005; // "Access of user %1$s to %2$s denied"
-constexpr uint32_t INFORMATION = 0;
-constexpr uint32_t WARNING = 1;
 constexpr uint64_t MANY_LINES = 10000;
 constexpr unsigned long MOST_THREADS = 1000;
 
@@ -85,7 +83,9 @@ void serve(LogHandle *log, const std::string &path, uint64_t number, Counts &cou
     std::ifstream file(path);
     if (!file) {
         sent(counts.application,
-             zoltLogAppMsgEx(request, 0, WARNING, "files", 0, "%s cannot be read", path.c_str()), counts);
+             zoltLogAppMsgEx(request, 0, ZOLTLOG_SEVERITY_WARNING, "files", 0, "%s cannot be read",
+                             path.c_str()),
+             counts);
         const char *user = std::getenv("USER");
         sent(counts.audit,
              zoltLogAuditMsg(request, 0, user != nullptr ? user : "unknown", 1, MSG_ACCESS_DENIED,
@@ -103,11 +103,11 @@ void serve(LogHandle *log, const std::string &path, uint64_t number, Counts &cou
     }
     if (lines > MANY_LINES)
         sent(counts.application,
-             zoltLogAppMsgEx(request, 0, WARNING, "files", 0, "%s is long: %llu lines", path.c_str(),
-                             static_cast<unsigned long long>(lines)),
+             zoltLogAppMsgEx(request, 0, ZOLTLOG_SEVERITY_WARNING, "files", 0, "%s is long: %llu lines",
+                             path.c_str(), static_cast<unsigned long long>(lines)),
              counts);
     sent(counts.application,
-         zoltLogAppMsgEx(request, 0, INFORMATION, "files", 0, "%s has %llu lines and %llu words",
+         zoltLogAppMsgEx(request, 0, ZOLTLOG_SEVERITY_INFO, "files", 0, "%s has %llu lines and %llu words",
                          path.c_str(), static_cast<unsigned long long>(lines),
                          static_cast<unsigned long long>(words)),
          counts);
@@ -133,7 +133,7 @@ int main(int argc, char **argv) {
     }
     Log log(product, originator);
     if (log.result != ZOLTLOG_OK) {
-        std::fprintf(stderr, "server: the log cannot be opened: result %u\n", log.result);
+        std::fprintf(stderr, "server: the log cannot be opened: %s\n", qdulResultText(log.result));
         return 3;
     }
     Counts counts;
