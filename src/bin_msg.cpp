@@ -8,28 +8,6 @@
 #include <string.h>
 #include <sys/time.h>
 
-// Callers hold LogMsg records in their own storage: the order of the fields is fixed.
-#define FOLLOWS(earlier, later) static_assert(offsetof(LogMsg, earlier) < offsetof(LogMsg, later), #later)
-static_assert(offsetof(LogMsg, ownsStrings) == 0, "first field");
-FOLLOWS(ownsStrings, recordVersion);
-FOLLOWS(recordVersion, type);
-FOLLOWS(type, productId);
-FOLLOWS(productId, originatorId);
-FOLLOWS(originatorId, fileOriginatorId);
-FOLLOWS(fileOriginatorId, messageId);
-FOLLOWS(messageId, timestamp);
-FOLLOWS(timestamp, processId);
-FOLLOWS(processId, threadId);
-FOLLOWS(threadId, contextToken);
-FOLLOWS(contextToken, text);
-FOLLOWS(text, reserved);
-FOLLOWS(reserved, utf8);
-FOLLOWS(utf8, attr);
-FOLLOWS(attr, who);
-FOLLOWS(who, outcome);
-FOLLOWS(outcome, lis);
-#undef FOLLOWS
-
 // Sets of message types, for the getters
 static constexpr uint32_t only(uint32_t type) {
     return 1u << type;

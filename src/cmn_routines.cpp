@@ -13,12 +13,6 @@
 #include <unicode/ucnv.h>
 #include <unicode/ustring.h>
 
-static_assert(offsetof(LocalizerList, count) == 0);
-static_assert(offsetof(LocalizerList, count) < offsetof(LocalizerList, first));
-static_assert(offsetof(LogCfg, productId) == 0);
-static_assert(offsetof(LogCfg, productId) < offsetof(LogCfg, originatorId));
-static_assert(offsetof(LogHandle, file) == 0);
-
 // ---- identifiers --------------------------------------------------------------------
 
 int32_t isProdIdValid(uint64_t productId) {

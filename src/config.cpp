@@ -14,36 +14,6 @@
 
 #include <string.h>
 
-static_assert(offsetof(LogCfg, productId) < offsetof(LogCfg, originatorId) &&
-              offsetof(LogCfg, originatorId) < offsetof(LogCfg, debugLevel) &&
-              offsetof(LogCfg, debugLevel) < offsetof(LogCfg, diagLevel) &&
-              offsetof(LogCfg, diagLevel) < offsetof(LogCfg, secureAuditLevel) &&
-              offsetof(LogCfg, secureAuditLevel) < offsetof(LogCfg, outputFlags) &&
-              offsetof(LogCfg, outputFlags) < offsetof(LogCfg, directory) &&
-              offsetof(LogCfg, directory) < offsetof(LogCfg, permissions) &&
-              offsetof(LogCfg, permissions) < offsetof(LogCfg, maxFileSizeKB) &&
-              offsetof(LogCfg, maxFileSizeKB) < offsetof(LogCfg, rolloverMode) &&
-              offsetof(LogCfg, rolloverMode) < offsetof(LogCfg, rolloverPeriod) &&
-              offsetof(LogCfg, rolloverPeriod) < offsetof(LogCfg, rolloverTime) &&
-              offsetof(LogCfg, rolloverTime) < offsetof(LogCfg, numberOfLogFiles) &&
-              offsetof(LogCfg, numberOfLogFiles) < offsetof(LogCfg, logRecycling) &&
-              offsetof(LogCfg, logRecycling) < offsetof(LogCfg, oslog) &&
-              offsetof(LogCfg, oslog) < offsetof(LogCfg, productShortNames) &&
-              offsetof(LogCfg, productShortNames) < offsetof(LogCfg, originatorNames) &&
-              offsetof(LogCfg, originatorNames) < offsetof(LogCfg, l10nLib) &&
-              offsetof(LogCfg, l10nLib) < offsetof(LogCfg, l10nResource) &&
-              offsetof(LogCfg, l10nResource) < offsetof(LogCfg, l10nResourceDir) &&
-              offsetof(LogCfg, l10nResourceDir) < offsetof(LogCfg, changedMask) &&
-              offsetof(LogCfg, changedMask) < offsetof(LogCfg, removedMask) &&
-              offsetof(LogCfg, removedMask) < offsetof(LogCfg, reloadInterval) &&
-              offsetof(LogCfg, reloadInterval) < offsetof(LogCfg, logsetName) &&
-              offsetof(LogCfg, logsetName) < offsetof(LogCfg, isLogset) &&
-              offsetof(LogCfg, isLogset) < offsetof(LogCfg, logsetFilename) &&
-              offsetof(LogCfg, logsetFilename) < offsetof(LogCfg, appMsgLogging) &&
-              offsetof(LogCfg, appMsgLogging) < offsetof(LogCfg, logsetOidAppMsgLogging) &&
-              offsetof(LogCfg, logsetOidAppMsgLogging) < offsetof(LogCfg, logsetOidDebugLogging) &&
-              offsetof(LogCfg, logsetOidDebugLogging) < offsetof(LogCfg, logsetOidDiagLogging));
-
 static const uint32_t NO_SETTING = 0xFFFFFFFF; // result of the permission setting's two operations
 
 // ---- life cycle ----------------------------------------------------------------------

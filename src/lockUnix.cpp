@@ -11,14 +11,6 @@
 #include <pthread.h>
 #include <sched.h>
 
-static_assert(offsetof(LogLock, mutex) == 0);
-static_assert(offsetof(LogLock, mutex) < offsetof(LogLock, initialized));
-static_assert(offsetof(LogLock, initialized) < offsetof(LogLock, savedCancelState));
-static_assert(offsetof(LogLock, savedCancelState) < offsetof(LogLock, depth));
-static_assert(offsetof(LogLock, depth) < offsetof(LogLock, holders));
-static_assert(offsetof(LogLockHolder, thread) == 0);
-static_assert(offsetof(LogLockHolder, thread) < offsetof(LogLockHolder, tag));
-
 // Aligned, so that what a message writes of it is in as few cache lines as it can be.
 alignas(64) LogLock zoltLogMutex;
 

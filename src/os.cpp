@@ -22,16 +22,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static_assert(offsetof(OsFile, descriptor) == 0);
-static_assert(offsetof(OsFile, descriptor) < offsetof(OsFile, buffer));
-static_assert(offsetof(OsFile, buffer) < offsetof(OsFile, readPosition));
-static_assert(offsetof(OsFile, readPosition) < offsetof(OsFile, readCount));
-static_assert(sizeof(OsFile::buffer) == 32768);
-static_assert(offsetof(OsLogFileCursor, word) == 0);
-static_assert(offsetof(OsLogFileCursor, word) < offsetof(OsLogFileCursor, directory));
-static_assert(offsetof(OsLogFileCursor, directory) < offsetof(OsLogFileCursor, stream));
-static_assert(offsetof(OsLogFileCursor, stream) < offsetof(OsLogFileCursor, entry));
-
 int32_t errorCode;
 
 namespace {

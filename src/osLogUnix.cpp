@@ -6,9 +6,6 @@
 #include <string.h>
 #include <syslog.h>
 
-static_assert(offsetof(OsLogSettings, ident) == 0 && offsetof(OsLogSettings, option) == 80 &&
-              offsetof(OsLogSettings, facility) == 84);
-static_assert(offsetof(OsLogSink, ident) == 0 && sizeof(OsLogSink) == 80);
 static_assert(sizeof OSLOG_DEFAULT_IDENT <= sizeof(OsLogSettings::ident));
 
 static const char OSLOG_LOCALE[] = "en_US";

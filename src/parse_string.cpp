@@ -6,12 +6,6 @@
 
 static constexpr uint32_t TITLE_BUCKETS = 200;
 
-static_assert(offsetof(LogContextEntry, next) < offsetof(LogContextEntry, key) &&
-                  offsetof(LogContextEntry, key) < offsetof(LogContextEntry, title) &&
-                  offsetof(LogContextEntry, title) < offsetof(LogContextEntry, text),
-              "field order of LogContextEntry");
-static_assert(offsetof(LogContextKey, key) < offsetof(LogContextKey, kind), "field order of LogContextKey");
-
 // ---- hash --------------------------------------------------------------------
 
 uint64_t hashText(uint64_t seed, const char *text) {

@@ -15,24 +15,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-#define FOLLOWS(record, earlier, later)                                                                      \
-    static_assert(offsetof(record, earlier) < offsetof(record, later), #record "::" #later)
-static_assert(offsetof(LogFileHeader, version) == 0, "first field");
-FOLLOWS(LogFileHeader, version, productId);
-FOLLOWS(LogFileHeader, productId, originatorId);
-FOLLOWS(LogFileHeader, originatorId, creationTime);
-FOLLOWS(LogFileHeader, creationTime, hostName);
-FOLLOWS(LogFileHeader, hostName, tzOffset);
-static_assert(offsetof(LogFileEntry, next) == 0, "first field");
-FOLLOWS(LogFileEntry, next, headerVersion);
-FOLLOWS(LogFileEntry, headerVersion, file);
-FOLLOWS(LogFileEntry, file, info);
-FOLLOWS(LogFileEntry, info, creationTime);
-FOLLOWS(LogFileEntry, creationTime, tzOffset);
-FOLLOWS(LogFileEntry, tzOffset, directory);
-FOLLOWS(LogFileEntry, directory, name);
-#undef FOLLOWS
-
 // ---- the record reader ---------------------------------------------------------
 
 static const int32_t NO_MEMORY_FOR_RECORD = -1;

@@ -33,12 +33,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static_assert(offsetof(LogListing, word) < offsetof(LogListing, files) &&
-                  offsetof(LogListing, files) < offsetof(LogListing, next) &&
-                  offsetof(LogListing, next) < offsetof(LogListing, query) &&
-                  offsetof(LogListing, query) < offsetof(LogListing, unsupportedHeader),
-              "field order of LogListing");
-
 static constexpr uint32_t TABLE_BUCKETS = 300;
 static constexpr int64_t FUTURE_LIMIT = 86400; // seconds a modification may lie ahead of now
 

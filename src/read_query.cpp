@@ -12,13 +12,6 @@
 
 #include <cstring>
 
-static_assert(offsetof(LogQueryNode, kind) < offsetof(LogQueryNode, slot) &&
-                  offsetof(LogQueryNode, slot) < offsetof(LogQueryNode, value) &&
-                  offsetof(LogQueryNode, value) < offsetof(LogQueryNode, reserved) &&
-                  offsetof(LogQueryNode, reserved) < offsetof(LogQueryNode, left) &&
-                  offsetof(LogQueryNode, left) < offsetof(LogQueryNode, right),
-              "field order of LogQueryNode");
-
 // ---- terms -----------------------------------------------
 
 static bool isTerm(const LogQueryNode *node) {

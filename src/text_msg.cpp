@@ -5,11 +5,6 @@
 #include <stdlib.h>
 #include <string.h>
 
-static_assert(offsetof(TextBuffer, inlineStorage) == 0, "field order");
-static_assert(offsetof(TextBuffer, inlineStorage) < offsetof(TextBuffer, data), "field order");
-static_assert(offsetof(TextBuffer, data) < offsetof(TextBuffer, free), "field order");
-static_assert(offsetof(TextBuffer, free) < offsetof(TextBuffer, capacity), "field order");
-
 // No reservation is larger, so that no sum of sizes overflows.
 static const uint64_t LARGEST_RESERVATION = UINT64_MAX / 4;
 

@@ -21,9 +21,6 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-static_assert(offsetof(PropertyStore, stream) == 0 && offsetof(PropertyStore, root) == sizeof(FILE *) &&
-              offsetof(PropertyStore, path) == sizeof(FILE *) + 400 && sizeof(PropertyStore::path) == 400);
-
 // ---- lines and their parts -------------------------------------------------------
 
 // The text of a line is what precedes its first NUL byte.

@@ -12,27 +12,6 @@
 #include <cstddef>
 #include <cstdlib>
 
-#define FOLLOWS(earlier, later)                                                                              \
-    static_assert(offsetof(LogHandle, earlier) < offsetof(LogHandle, later), #later)
-static_assert(offsetof(LogHandle, file) == 0);
-FOLLOWS(file, debugLevel);
-FOLLOWS(debugLevel, diagLevel);
-FOLLOWS(diagLevel, secureAuditLevel);
-FOLLOWS(secureAuditLevel, outputFlags);
-FOLLOWS(outputFlags, noContext);
-FOLLOWS(noContext, contextMsg);
-FOLLOWS(contextMsg, oslog);
-FOLLOWS(oslog, nextOnFile);
-FOLLOWS(nextOnFile, localizers);
-FOLLOWS(localizers, sequenceNumber);
-FOLLOWS(sequenceNumber, cfgTimestamp);
-FOLLOWS(cfgTimestamp, lastReloadCheck);
-FOLLOWS(lastReloadCheck, reloadInterval);
-FOLLOWS(reloadInterval, cfgCopy);
-FOLLOWS(cfgCopy, utf8);
-FOLLOWS(utf8, originatorId);
-#undef FOLLOWS
-
 // ---- open and close ----------------------------------------------------------------
 
 namespace {

@@ -25,30 +25,6 @@
 #include <ctime>
 #include <unistd.h>
 
-#define FOLLOWS(earlier, later)                                                                              \
-    static_assert(offsetof(LogFileState, earlier) < offsetof(LogFileState, later), #later)
-static_assert(offsetof(LogFileState, directory) == 0);
-FOLLOWS(directory, permissions);
-FOLLOWS(permissions, maxFileSizeKB);
-FOLLOWS(maxFileSizeKB, rolloverMode);
-FOLLOWS(rolloverMode, logRecycling);
-FOLLOWS(logRecycling, rolloverPeriod);
-FOLLOWS(rolloverPeriod, rolloverTime);
-FOLLOWS(rolloverTime, productId);
-FOLLOWS(productId, fileOriginatorId);
-FOLLOWS(fileOriginatorId, headerVersion);
-FOLLOWS(headerVersion, date);
-FOLLOWS(date, counter);
-FOLLOWS(counter, nextRolloverTime);
-FOLLOWS(nextRolloverTime, fileStartTime);
-FOLLOWS(fileStartTime, lastReopenTime);
-FOLLOWS(lastReopenTime, file);
-FOLLOWS(file, handles);
-FOLLOWS(handles, isLogset);
-FOLLOWS(isLogset, logsetName);
-FOLLOWS(logsetName, logsetFilename);
-#undef FOLLOWS
-
 namespace {
 
 constexpr uint64_t BYTES_PER_KB = 1024;

@@ -7,14 +7,6 @@
 #include <cstring>
 #include <ctime>
 
-static_assert(offsetof(LogFileHeader, version) == 0);
-static_assert(offsetof(LogFileHeader, version) < offsetof(LogFileHeader, productId));
-static_assert(offsetof(LogFileHeader, productId) < offsetof(LogFileHeader, originatorId));
-static_assert(offsetof(LogFileHeader, originatorId) < offsetof(LogFileHeader, creationTime));
-static_assert(offsetof(LogFileHeader, creationTime) < offsetof(LogFileHeader, hostName));
-static_assert(offsetof(LogFileHeader, hostName) < offsetof(LogFileHeader, tzOffset));
-static_assert(sizeof(LogFileHeader::hostName) == 512);
-
 // ---- paths ---------------------------------------------------------------------------
 
 namespace {
