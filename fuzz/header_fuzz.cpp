@@ -37,16 +37,16 @@ static uint32_t expectedHeader(const std::string &line, LogFileHeader *header) {
         return 1;
     }
     switch (header->version) {
-    case 65543:
+    case ZOLTLOG_RECORD_VERSION_ORIGINATOR:
         sscanf(text, "%*s %*u,%lu,%lu,%lu,%ld,%511s", &header->productId, &header->originatorId,
                &header->creationTime, &header->tzOffset, header->hostName);
         return 0;
-    case 65544:
+    case ZOLTLOG_RECORD_VERSION_LOGSET:
         sscanf(text, "%*s %*u,%lu,%511s", reinterpret_cast<uint64_t *>(&header->tzOffset), header->hostName);
         return 0;
-    case 65540:
-    case 65541:
-    case 65542:
+    case ZOLTLOG_RECORD_VERSION_OLDEST:
+    case ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO:
+    case ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX:
         sscanf(text, "%*s %*u,%lu,%lu,%lu,%511s", &header->productId, &header->originatorId,
                &header->creationTime, header->hostName);
         return 0;

@@ -81,16 +81,16 @@ TEST_F(LogOutput, FlagsAndTypeDecideWhereAMessageGoes) {
 TEST_F(LogOutput, FlagsOfTheCallAndOfTheHandleAddUp) {
     use("recording");
     message(2);
-    handle.outputFlags = 1;
+    handle.outputFlags = ZOLTLOG_OUT_STDOUT;
     output(2);
     EXPECT_EQ("hello\n", out);
     EXPECT_EQ("hello\n", err);
 }
 
 TEST_F(LogOutput, NullArgumentsAreRefused) {
-    EXPECT_EQ(3u, LogOutputBasedOnFlags(nullptr, &msg, 1));
-    EXPECT_EQ(3u, LogOutputBasedOnFlags(&handle, nullptr, 1));
-    EXPECT_EQ(3u, OutputToConsole(1, nullptr, &handle.localizers));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, LogOutputBasedOnFlags(nullptr, &msg, 1));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, LogOutputBasedOnFlags(&handle, nullptr, 1));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, OutputToConsole(1, nullptr, &handle.localizers));
 }
 
 TEST_F(LogOutput, WithoutThePlugInNothingIsPrintedAndAllIsWell) {

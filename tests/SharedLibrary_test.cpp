@@ -10,8 +10,8 @@ TEST(SharedLibrary, LoadingNeedsAPlaceForTheHandleAndAName) {
     void *library = nullptr;
     char untouched = 0;
     char *file = &untouched;
-    EXPECT_EQ(-2, SharedLibLoad(nullptr, "libqdlis", &file));
-    EXPECT_EQ(-2, SharedLibLoad(&library, nullptr, &file));
+    EXPECT_EQ(ZOLTLOG_OS_NOT_LOADED, SharedLibLoad(nullptr, "libqdlis", &file));
+    EXPECT_EQ(ZOLTLOG_OS_NOT_LOADED, SharedLibLoad(&library, nullptr, &file));
 }
 
 TEST(SharedLibrary, TheFileNameIsHandedOut) {
@@ -34,7 +34,7 @@ TEST(SharedLibrary, AMissingLibraryGivesNullForHandleAndFileName) {
     char something = 0;
     void *library = &something;
     char *file = &something;
-    EXPECT_EQ(-2, SharedLibLoad(&library, "libqdulDoesNotExist", &file));
+    EXPECT_EQ(ZOLTLOG_OS_NOT_LOADED, SharedLibLoad(&library, "libqdulDoesNotExist", &file));
     EXPECT_EQ(nullptr, library);
     EXPECT_EQ(nullptr, file);
 }
@@ -44,23 +44,23 @@ TEST(SharedLibrary, TheCurrentDirectoryIsNotSearched) {
                                    "/tests/plugins/recording/libzoltLogFormatMsg.so.3",
                                "libqdulOnlyHere.so.3");
     void *library = nullptr;
-    EXPECT_EQ(-2, SharedLibLoad(&library, "libqdulOnlyHere", nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_NOT_LOADED, SharedLibLoad(&library, "libqdulOnlyHere", nullptr));
     EXPECT_EQ(0, SharedLibLoad(&library, "./libqdulOnlyHere", nullptr)); // asked for by its path
     EXPECT_EQ(0, SharedLibUnload(library));
 }
 
 TEST(SharedLibrary, UnloadingNullFails) {
-    EXPECT_EQ(-2, SharedLibUnload(nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_NOT_LOADED, SharedLibUnload(nullptr));
 }
 
 TEST(SharedLibrary, ResolvingChecksItsArguments) {
     void *library = nullptr;
     ASSERT_EQ(0, SharedLibLoad(&library, "libqdlis", nullptr));
     void *function = nullptr;
-    EXPECT_EQ(-2, SharedLibResolveFunc(nullptr, "zoltLisFree", &function));
-    EXPECT_EQ(-2, SharedLibResolveFunc(library, nullptr, &function));
-    EXPECT_EQ(-2, SharedLibResolveFunc(library, "", &function));
-    EXPECT_EQ(-2, SharedLibResolveFunc(library, "zoltLisFree", nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_NOT_LOADED, SharedLibResolveFunc(nullptr, "zoltLisFree", &function));
+    EXPECT_EQ(ZOLTLOG_OS_NOT_LOADED, SharedLibResolveFunc(library, nullptr, &function));
+    EXPECT_EQ(ZOLTLOG_OS_NOT_LOADED, SharedLibResolveFunc(library, "", &function));
+    EXPECT_EQ(ZOLTLOG_OS_NOT_LOADED, SharedLibResolveFunc(library, "zoltLisFree", nullptr));
     EXPECT_EQ(0, SharedLibUnload(library));
 }
 

@@ -127,7 +127,7 @@ static LogMsg exampleMessage(uint64_t version) {
     msg.threadId = 4243;
     msg.text = text("Disk full, 2 of 3");
     msg.who = text("mgr");
-    msg.attr.severity = 3;
+    msg.attr.severity = ZOLTLOG_SEVERITY_CRITICAL;
     return msg;
 }
 
@@ -145,7 +145,7 @@ static std::string encode(LogMsg msg) {
 static const char PREFIX[] = "5,7,7,12,1700000000123,4242,4243,"; // after the type
 
 static std::string recordWithBlock(FakeBlock *fake) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.lis = *fake->handed();
     const std::string record = encode(msg);
     const std::string before = std::string("2,") + PREFIX + "0:,17:Disk full, 2 of 3,3:mgr,3,";
@@ -164,19 +164,21 @@ static std::string recordWithArgument(FakeArgument argument) {
 // ---- the whole record
 
 TEST(RecordEncoding, ExampleInAnOriginatorsFile) {
-    EXPECT_EQ(encode(exampleMessage(65543)),
+    EXPECT_EQ(encode(exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR)),
               "2,5,7,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)\n");
 }
 
 TEST(RecordEncoding, ExampleInALogSetsFile) {
-    EXPECT_EQ(encode(exampleMessage(65544)),
+    EXPECT_EQ(encode(exampleMessage(ZOLTLOG_RECORD_VERSION_LOGSET)),
               "2,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)\n");
 }
 
 TEST(RecordEncoding, OlderVersionsHaveNoPrefix) {
-    EXPECT_EQ(encode(exampleMessage(65540)), "0:,17:Disk full, 2 of 3,3,(0|)\n");
-    EXPECT_EQ(encode(exampleMessage(65541)), "0:,17:Disk full, 2 of 3,3,(0|)\n");
-    EXPECT_EQ(encode(exampleMessage(65542)), "0:,17:Disk full, 2 of 3,3:mgr,3,(0|)\n");
+    EXPECT_EQ(encode(exampleMessage(ZOLTLOG_RECORD_VERSION_OLDEST)), "0:,17:Disk full, 2 of 3,3,(0|)\n");
+    EXPECT_EQ(encode(exampleMessage(ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO)),
+              "0:,17:Disk full, 2 of 3,3,(0|)\n");
+    EXPECT_EQ(encode(exampleMessage(ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX)),
+              "0:,17:Disk full, 2 of 3,3:mgr,3,(0|)\n");
 }
 
 TEST(RecordEncoding, UnknownVersionsFail) {
@@ -185,15 +187,15 @@ TEST(RecordEncoding, UnknownVersionsFail) {
 }
 
 TEST(RecordEncoding, NullArgumentsAreInvalid) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     TextBuffer buffer;
-    EXPECT_EQ(zoltLogMsgSerialize(nullptr, &buffer), 3u);
+    EXPECT_EQ(zoltLogMsgSerialize(nullptr, &buffer), ZOLTLOG_INVALID_ARGUMENT);
     free_text_msg(&buffer);
-    EXPECT_EQ(zoltLogMsgSerialize(&msg, nullptr), 3u);
+    EXPECT_EQ(zoltLogMsgSerialize(&msg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(RecordEncoding, EveryTypeInAnOriginatorsFile) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.text = text("t");
     msg.contextToken = text("T1");
     msg.outcome = 9;
@@ -212,7 +214,7 @@ TEST(RecordEncoding, EveryTypeInAnOriginatorsFile) {
 }
 
 TEST(RecordEncoding, EveryTypeInALogSetsFile) {
-    LogMsg msg = exampleMessage(65544);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_LOGSET);
     msg.text = text("t");
     const std::string prefix = "7,12,1700000000123,4242,4243,";
     msg.outcome = 4000000000;
@@ -229,7 +231,7 @@ TEST(RecordEncoding, EveryTypeInALogSetsFile) {
 }
 
 TEST(RecordEncoding, SecureAuditAndUnknownTypesFail) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     for (const uint32_t type : {5u, 6u, 4294967295u}) {
         msg.type = type;
         EXPECT_EQ(encode(msg), "result 1");
@@ -237,8 +239,8 @@ TEST(RecordEncoding, SecureAuditAndUnknownTypesFail) {
 }
 
 TEST(RecordEncoding, SeveritiesAboveFourFail) {
-    LogMsg msg = exampleMessage(65543);
-    for (uint32_t severity = 0; severity <= 4; ++severity) {
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    for (uint32_t severity = 0; severity <= ZOLTLOG_SEVERITY_EMERGENCY; ++severity) {
         msg.attr.severity = severity;
         EXPECT_EQ(encode(msg), std::string("2,") + PREFIX + "0:,17:Disk full, 2 of 3,3:mgr," +
                                    std::to_string(severity) + ",(0|)\n");
@@ -250,7 +252,7 @@ TEST(RecordEncoding, SeveritiesAboveFourFail) {
 }
 
 TEST(RecordEncoding, LevelsAreWrittenAsTheyAre) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.type = ZOLTLOG_MSG_DIAG;
     msg.text = text("t");
     msg.attr.level = 17;
@@ -261,7 +263,7 @@ TEST(RecordEncoding, LevelsAreWrittenAsTheyAre) {
 }
 
 TEST(RecordEncoding, NumbersHaveTheirWholeRange) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.text = nullptr;
     msg.productId = UINT64_MAX;
     msg.originatorId = 18446744073709551614u;
@@ -275,14 +277,14 @@ TEST(RecordEncoding, NumbersHaveTheirWholeRange) {
 }
 
 TEST(RecordEncoding, NullAndEmptyStringsAreZeroLength) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.text = text("");
     msg.who = nullptr;
     EXPECT_EQ(encode(msg), std::string("2,") + PREFIX + "0:,0:,0:,3,(0|)\n");
 }
 
 TEST(RecordEncoding, LineFeedsBecomeCarriageReturnsAndKeepTheLength) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.text = text("a\nb");
     EXPECT_EQ(encode(msg), std::string("2,") + PREFIX + "0:,3:a\rb,3:mgr,3,(0|)\n");
     msg.text = text("\n\r\n");
@@ -296,7 +298,7 @@ TEST(RecordEncoding, ALineFeedIsFoundWhereverItStands) {
         for (size_t at = 0; at < length; ++at) {
             std::string body(length, 'a');
             body[at] = '\n';
-            LogMsg msg = exampleMessage(65543);
+            LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
             msg.text = body.data();
             std::string shown = body;
             shown[at] = '\r';
@@ -312,7 +314,7 @@ TEST(RecordEncoding, AByteThatIsNoTextIsFoundWhereverItStands) {
         for (size_t at = 0; at < length; ++at) {
             std::string body(length, 'a');
             body[at] = '\xff';
-            LogMsg msg = exampleMessage(65543);
+            LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
             msg.text = body.data();
             ASSERT_EQ(encode(msg),
                       std::string("2,") + PREFIX + "0:,33:**UNABLE TO PROCESS LOG MESSAGE**,3:mgr,3,(0|)\n");
@@ -321,13 +323,13 @@ TEST(RecordEncoding, AByteThatIsNoTextIsFoundWhereverItStands) {
 }
 
 TEST(RecordEncoding, HostileTextsStayInsideTheirField) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.text = text("9999:,%n%s\x1b[2J\b,(0|)");
     EXPECT_EQ(encode(msg), std::string("2,") + PREFIX + "0:,20:9999:,%n%s\x1b[2J\b,(0|),3:mgr,3,(0|)\n");
 }
 
 TEST(RecordEncoding, RecordsOfEveryLengthAroundTheInlineStorageAreWhole) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     for (size_t length = 3900; length < 4300; ++length) {
         const std::string body(length, 'x');
         msg.text = text(body.c_str());
@@ -337,7 +339,7 @@ TEST(RecordEncoding, RecordsOfEveryLengthAroundTheInlineStorageAreWhole) {
 }
 
 TEST(RecordEncoding, AMegabyteIsWrittenWhole) {
-    LogMsg msg = exampleMessage(65544);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_LOGSET);
     const std::string body(1 << 20, 'y');
     msg.text = text(body.c_str());
     msg.who = msg.text;
@@ -347,22 +349,22 @@ TEST(RecordEncoding, AMegabyteIsWrittenWhole) {
 
 TEST(RecordEncoding, TheBufferCanBeReleasedAfterAFailure) {
     const std::string body(10000, 'x');
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.text = text(body.c_str());
-    msg.attr.severity = 5;
+    msg.attr.severity = ZOLTLOG_SEVERITY_EMERGENCY + 1;
     TextBuffer buffer;
-    EXPECT_EQ(zoltLogMsgSerialize(&msg, &buffer), 1u);
+    EXPECT_EQ(zoltLogMsgSerialize(&msg, &buffer), ZOLTLOG_FAILED);
     EXPECT_EQ(buffer.data, buffer.inlineStorage);
     free_text_msg(&buffer);
     msg.recordVersion = 0;
     memset(&buffer, 0xab, sizeof buffer);
-    EXPECT_EQ(zoltLogMsgSerialize(&msg, &buffer), 1u);
+    EXPECT_EQ(zoltLogMsgSerialize(&msg, &buffer), ZOLTLOG_FAILED);
     free_text_msg(&buffer);
 }
 
 TEST(RecordEncoding, AnEmptyBlockCostsNoLocalizationCall) {
     localizationCalls = 0;
-    encode(exampleMessage(65543));
+    encode(exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR));
     EXPECT_EQ(localizationCalls, 0);
 }
 
@@ -376,7 +378,7 @@ TEST(DecimalNumbers, EqualThoseOfPrintf) {
     std::mt19937_64 random(1);
     for (int i = 0; i < 2000; ++i)
         values.push_back(random() >> (random() % 64));
-    LogMsg msg = exampleMessage(65544);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_LOGSET);
     for (const uint64_t value : values) {
         char expected[100];
         msg.messageId = value;
@@ -394,7 +396,7 @@ TEST(DecimalNumbers, AppendedNumbersEndInAComma) {
     EXPECT_EQ(bin2txt_int(2147483647, &buffer), 0u);
     EXPECT_EQ(bin2txt_sev(0, &buffer), 0u);
     EXPECT_EQ(bin2txt_sev(4, &buffer), 0u);
-    EXPECT_EQ(bin2txt_sev(5, &buffer), 1u);
+    EXPECT_EQ(bin2txt_sev(5, &buffer), ZOLTLOG_FAILED);
     EXPECT_EQ(std::string(buffer.data, 4096 - buffer.free), "0,-2147483648,2147483647,0,4,");
 }
 
@@ -455,7 +457,7 @@ class EveryLocale : public testing::TestWithParam<const char *> {};
 TEST_P(EveryLocale, StringsAreWrittenAsConversionWouldWriteThem) {
     ASSERT_TRUE(support::useLocale(GetParam()));
     std::mt19937_64 random(20261120);
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     for (int i = 0; i < 20000; ++i) {
         const std::string token = randomText(&random);
         const std::string body = randomText(&random);
@@ -474,7 +476,7 @@ INSTANTIATE_TEST_SUITE_P(RecordEncoding, EveryLocale,
                                          "de_DE.ISO-8859-1", "ja_JP.EUC-JP"));
 
 TEST(RecordEncoding, NativeTextsAreConverted) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.text = text("gr\xfc\xdf dich");
     ASSERT_TRUE(support::useLocale("de_DE.ISO-8859-1"));
     EXPECT_EQ(encode(msg), std::string("2,") + PREFIX + "0:,11:gr\xc3\xbc\xc3\x9f dich,3:mgr,3,(0|)\n");
@@ -488,7 +490,7 @@ TEST(RecordEncoding, NativeTextsAreConverted) {
 
 TEST(RecordEncoding, ATextThatCannotBeConvertedIsReplaced) {
     ASSERT_TRUE(support::useLocale("C.UTF-8"));
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.text = text("bad \xff byte");
     EXPECT_EQ(encode(msg),
               std::string("2,") + PREFIX + "0:,33:**UNABLE TO PROCESS LOG MESSAGE**,3:mgr,3,(0|)\n");
@@ -501,7 +503,7 @@ TEST(RecordEncoding, ATextThatCannotBeConvertedIsReplaced) {
 }
 
 TEST(RecordEncoding, WithTheUtf8FlagBytesAreCopiedAsTheyAre) {
-    LogMsg msg = exampleMessage(65543);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.utf8 = 1;
     msg.text = text("\xff\xfe not utf-8");
     msg.who = text("gr\xc3\xbc\xc3\x9f");
@@ -705,7 +707,7 @@ TEST(ArgumentBlocks, EveryFailureOfTheLocalizationLibraryFails) {
 TEST(ArgumentBlocks, EveryTypeButDebugCarriesItsBlock) {
     FakeBlock fake;
     fake.identity = 3;
-    LogMsg msg = exampleMessage(65544);
+    LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_LOGSET);
     msg.lis = *fake.handed();
     const auto tail = [&](uint32_t type) {
         msg.type = type;
@@ -722,7 +724,7 @@ TEST(ArgumentBlocks, EveryTypeButDebugCarriesItsBlock) {
 
 TEST(FormatDocument, ExamplesAreWhatIsWritten) {
     const std::string document = support::readFile(support::sourceDirectory() + "/docs/format-log-file.md");
-    LogMsg context = exampleMessage(65543);
+    LogMsg context = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     FakeBlock fake;
     fake.identity = 42;
     fake.arguments = {{1, 7}, {10}, {3}};
@@ -732,6 +734,7 @@ TEST(FormatDocument, ExamplesAreWhatIsWritten) {
     context.text = nullptr;
     context.attr.contextTitle = text("T1");
     context.lis = *fake.handed();
-    for (const LogMsg &msg : {exampleMessage(65543), exampleMessage(65544), context})
+    for (const LogMsg &msg : {exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR),
+                              exampleMessage(ZOLTLOG_RECORD_VERSION_LOGSET), context})
         EXPECT_NE(document.find("    " + encode(msg)), std::string::npos) << encode(msg);
 }

@@ -58,7 +58,7 @@ TEST(MessageRecord, InitialisationFillsIdsTimeAndText) {
     text[0] = 'X'; // the record has a copy
     EXPECT_EQ(msg.ownsStrings, 0u);
     EXPECT_EQ(msg.recordVersion, 0u);
-    EXPECT_EQ(msg.type, 1u);
+    EXPECT_EQ(msg.type, ZOLTLOG_MSG_DIAG);
     EXPECT_EQ(msg.productId, 5u);
     EXPECT_EQ(msg.originatorId, 7u);
     EXPECT_EQ(msg.fileOriginatorId, 0u);
@@ -80,7 +80,7 @@ TEST(MessageRecord, EveryInitialisationTakesASequenceNumber) {
     LogHandle handle = plainHandle();
     for (uint64_t number = 41; number < 45; ++number) {
         LogMsg msg;
-        EXPECT_EQ(zoltLogInitMsg(&msg, &handle, 2, nullptr), 0u);
+        EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, nullptr), 0u);
         EXPECT_EQ(msg.messageId, number);
         EXPECT_EQ(msg.text, nullptr);
     }
@@ -91,8 +91,8 @@ TEST(MessageRecord, NullRecordOrHandleIsInvalidAndTakesNoNumber) {
     LogHandle handle = plainHandle();
     LogMsg msg = {};
     msg.type = 77;
-    EXPECT_EQ(zoltLogInitMsg(nullptr, &handle, 2, "x"), 3u);
-    EXPECT_EQ(zoltLogInitMsg(&msg, nullptr, 2, "x"), 3u);
+    EXPECT_EQ(zoltLogInitMsg(nullptr, &handle, ZOLTLOG_MSG_APP, "x"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogInitMsg(&msg, nullptr, ZOLTLOG_MSG_APP, "x"), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(handle.sequenceNumber, 41u);
     EXPECT_EQ(msg.type, 77u);
 }
@@ -101,7 +101,7 @@ TEST(MessageRecord, AHandleWithoutAFileGivesNoIds) {
     LogHandle handle = plainHandle();
     handle.file = nullptr;
     LogMsg msg;
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, 5, nullptr), 0u);
+    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_SECURE_AUDIT, nullptr), 0u);
     EXPECT_EQ(msg.productId, 0u);
     EXPECT_EQ(msg.originatorId, 0u);
     EXPECT_EQ(msg.messageId, 41u);
@@ -114,7 +114,7 @@ TEST(MessageRecord, AContextHandleLendsItsToken) {
     handle.contextMsg.type = ZOLTLOG_MSG_CONTEXT;
     handle.contextMsg.attr.contextTitle = token;
     LogMsg msg;
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, 2, "x"), 0u);
+    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"), 0u);
     EXPECT_EQ(msg.contextToken, token); // borrowed
     EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
     EXPECT_STREQ(token, "T1");
@@ -124,7 +124,7 @@ TEST(MessageRecord, AContextHandleWithoutContextMessageFails) {
     LogHandle handle = plainHandle();
     handle.noContext = 0; // but its context message is of type 0
     LogMsg msg;
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, 2, "x"), 3u);
+    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(msg.text, nullptr);
     EXPECT_EQ(handle.sequenceNumber, 42u);
 }
@@ -133,10 +133,10 @@ TEST(MessageRecord, MillisecondsAreCutNotRounded) {
     LogHandle handle = plainHandle();
     LogMsg msg;
     fakeNow = {1, 999999};
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, 2, nullptr), 0u);
+    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, nullptr), 0u);
     EXPECT_EQ(msg.timestamp, 1999u);
     fakeNow = {4102444800, 0};
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, 2, nullptr), 0u);
+    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, nullptr), 0u);
     EXPECT_EQ(msg.timestamp, 4102444800000u);
 }
 
@@ -159,11 +159,11 @@ TEST(MessageRecord, LevelsOutsideOneToSixAreStoredAndFail) {
 TEST(MessageRecord, ANullWhoComesBeforeABadLevel) {
     LogMsg msg = recordOfType(1);
     msg.attr.level = 2;
-    EXPECT_EQ(zoltLogSetDiagAttr(&msg, nullptr, 7), 3u);
-    EXPECT_EQ(zoltLogSetDebugAttr(&msg, nullptr, 0), 3u);
+    EXPECT_EQ(zoltLogSetDiagAttr(&msg, nullptr, 7), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogSetDebugAttr(&msg, nullptr, 0), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(msg.attr.level, 2u);
-    EXPECT_EQ(zoltLogSetDiagAttr(nullptr, "w", 1), 3u);
-    EXPECT_EQ(zoltLogSetDebugAttr(nullptr, "w", 1), 3u);
+    EXPECT_EQ(zoltLogSetDiagAttr(nullptr, "w", 1), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogSetDebugAttr(nullptr, "w", 1), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(MessageRecord, ApplicationAttributesAreNotLimited) {
@@ -171,12 +171,12 @@ TEST(MessageRecord, ApplicationAttributesAreNotLimited) {
     EXPECT_EQ(zoltLogSetAppAttr(&msg, 9), 0u);
     EXPECT_EQ(msg.attr.severity, 9u);
     EXPECT_EQ(msg.who, nullptr);
-    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 4), 0u);
+    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_EMERGENCY), 0u);
     EXPECT_EQ(msg.attr.severity, 4u);
     EXPECT_STREQ(msg.who, "mgr");
-    EXPECT_EQ(zoltLogSetAppAttr(nullptr, 1), 3u);
-    EXPECT_EQ(zoltLogSetAppAttrEx(nullptr, "w", 1), 3u);
-    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, nullptr, 1), 3u);
+    EXPECT_EQ(zoltLogSetAppAttr(nullptr, ZOLTLOG_SEVERITY_WARNING), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogSetAppAttrEx(nullptr, "w", ZOLTLOG_SEVERITY_WARNING), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, nullptr, ZOLTLOG_SEVERITY_WARNING), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(msg.attr.severity, 4u);
 }
 
@@ -188,7 +188,7 @@ TEST(MessageRecord, AuditAttributesAcceptANullSubject) {
     EXPECT_EQ(zoltLogSetAuditAttr(&msg, nullptr, 3), 0u);
     EXPECT_EQ(msg.who, nullptr);
     EXPECT_EQ(msg.outcome, 3u);
-    EXPECT_EQ(zoltLogSetAuditAttr(nullptr, "root", 2), 3u);
+    EXPECT_EQ(zoltLogSetAuditAttr(nullptr, "root", 2), ZOLTLOG_INVALID_ARGUMENT);
 
     LogMsg secure = recordOfType(5);
     EXPECT_EQ(zoltLogSetSecureAuditAttr(&secure, 99, "root", 2), 0u);
@@ -197,7 +197,7 @@ TEST(MessageRecord, AuditAttributesAcceptANullSubject) {
     EXPECT_EQ(secure.outcome, 2u);
     EXPECT_EQ(zoltLogSetSecureAuditAttr(&secure, 1, nullptr, 2), 0u);
     EXPECT_EQ(secure.who, nullptr);
-    EXPECT_EQ(zoltLogSetSecureAuditAttr(nullptr, 1, "root", 2), 3u);
+    EXPECT_EQ(zoltLogSetSecureAuditAttr(nullptr, 1, "root", 2), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(MessageRecord, AContextTokenIsAnOwnedCopyThatReplacesAnEarlierOne) {
@@ -210,9 +210,9 @@ TEST(MessageRecord, AContextTokenIsAnOwnedCopyThatReplacesAnEarlierOne) {
     EXPECT_STREQ(msg.attr.contextTitle, "first");
     EXPECT_EQ(zoltLogSetContextAttr(&msg, "second"), 0u);
     EXPECT_STREQ(msg.attr.contextTitle, "second");
-    EXPECT_EQ(zoltLogSetContextAttr(&msg, nullptr), 3u);
+    EXPECT_EQ(zoltLogSetContextAttr(&msg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_STREQ(msg.attr.contextTitle, "second");
-    EXPECT_EQ(zoltLogSetContextAttr(nullptr, "x"), 3u);
+    EXPECT_EQ(zoltLogSetContextAttr(nullptr, "x"), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
 }
 
@@ -273,13 +273,14 @@ static const struct {
     uint32_t types; // bit of each allowed type
     size_t field;
 } NUMBER_GETTERS[] = {
-    {"AppAttrSeverity", zoltLogGetMsgAppAttrSeverity, 1u << 2, offsetof(LogMsg, attr)},
-    {"DebugAttrLevel", zoltLogGetMsgDebugAttrLevel, 1u << 0, offsetof(LogMsg, attr)},
-    {"DebugLevel", zoltLogGetMsgDebugLevel, 1u << 0, offsetof(LogMsg, attr)},
-    {"DiagAttrLevel", zoltLogGetMsgDiagAttrLevel, 1u << 1, offsetof(LogMsg, attr)},
-    {"DiagLevel", zoltLogGetMsgDiagLevel, 1u << 1, offsetof(LogMsg, attr)},
-    {"AuditAttrOutcome", zoltLogGetMsgAuditAttrOutcome, 1u << 4 | 1u << 5, offsetof(LogMsg, outcome)},
-    {"AuditLevel", zoltLogGetMsgAuditLevel, 1u << 5, offsetof(LogMsg, attr)},
+    {"AppAttrSeverity", zoltLogGetMsgAppAttrSeverity, 1u << ZOLTLOG_MSG_APP, offsetof(LogMsg, attr)},
+    {"DebugAttrLevel", zoltLogGetMsgDebugAttrLevel, 1u << ZOLTLOG_MSG_DEBUG, offsetof(LogMsg, attr)},
+    {"DebugLevel", zoltLogGetMsgDebugLevel, 1u << ZOLTLOG_MSG_DEBUG, offsetof(LogMsg, attr)},
+    {"DiagAttrLevel", zoltLogGetMsgDiagAttrLevel, 1u << ZOLTLOG_MSG_DIAG, offsetof(LogMsg, attr)},
+    {"DiagLevel", zoltLogGetMsgDiagLevel, 1u << ZOLTLOG_MSG_DIAG, offsetof(LogMsg, attr)},
+    {"AuditAttrOutcome", zoltLogGetMsgAuditAttrOutcome,
+     1u << ZOLTLOG_MSG_AUDIT | 1u << ZOLTLOG_MSG_SECURE_AUDIT, offsetof(LogMsg, outcome)},
+    {"AuditLevel", zoltLogGetMsgAuditLevel, 1u << ZOLTLOG_MSG_SECURE_AUDIT, offsetof(LogMsg, attr)},
 };
 static const struct {
     const char *name;
@@ -287,11 +288,12 @@ static const struct {
     uint32_t types;
     size_t field;
 } TEXT_GETTERS[] = {
-    {"AppAttrWho", zoltLogGetMsgAppAttrWho, 1u << 2, offsetof(LogMsg, who)},
-    {"DebugAttrWho", zoltLogGetMsgDebugAttrWho, 1u << 0, offsetof(LogMsg, who)},
-    {"DiagAttrWho", zoltLogGetMsgDiagAttrWho, 1u << 1, offsetof(LogMsg, who)},
-    {"AuditAttrSubject", zoltLogGetMsgAuditAttrSubject, 1u << 4 | 1u << 5, offsetof(LogMsg, who)},
-    {"ContextAttrToken", zoltLogGetMsgContextAttrToken, 1u << 3, offsetof(LogMsg, attr)},
+    {"AppAttrWho", zoltLogGetMsgAppAttrWho, 1u << ZOLTLOG_MSG_APP, offsetof(LogMsg, who)},
+    {"DebugAttrWho", zoltLogGetMsgDebugAttrWho, 1u << ZOLTLOG_MSG_DEBUG, offsetof(LogMsg, who)},
+    {"DiagAttrWho", zoltLogGetMsgDiagAttrWho, 1u << ZOLTLOG_MSG_DIAG, offsetof(LogMsg, who)},
+    {"AuditAttrSubject", zoltLogGetMsgAuditAttrSubject,
+     1u << ZOLTLOG_MSG_AUDIT | 1u << ZOLTLOG_MSG_SECURE_AUDIT, offsetof(LogMsg, who)},
+    {"ContextAttrToken", zoltLogGetMsgContextAttrToken, 1u << ZOLTLOG_MSG_CONTEXT, offsetof(LogMsg, attr)},
 };
 
 static bool allowed(uint32_t types, uint32_t type) {
@@ -327,8 +329,8 @@ TEST(MessageRecord, GettersCheckBothPointers) {
     uint64_t wide;
     char *pointer;
     ZoltLisBlock *block;
-    EXPECT_EQ(zoltLogGetMsgType(nullptr, &number), 3u);
-    EXPECT_EQ(zoltLogGetMsgType(&msg, nullptr), 3u);
+    EXPECT_EQ(zoltLogGetMsgType(nullptr, &number), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogGetMsgType(&msg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     for (auto *get : {zoltLogGetMsgProductId, zoltLogGetMsgOriginatorId, zoltLogGetMsgFid,
                       zoltLogGetMsgTimestamp, zoltLogGetMsgPid, zoltLogGetMsgTid}) {
         EXPECT_EQ(get(nullptr, &wide), 3u);
@@ -338,8 +340,8 @@ TEST(MessageRecord, GettersCheckBothPointers) {
         EXPECT_EQ(get(nullptr, &pointer), 3u);
         EXPECT_EQ(get(&msg, nullptr), 3u);
     }
-    EXPECT_EQ(zoltLogGetMsgLis(nullptr, &block), 3u);
-    EXPECT_EQ(zoltLogGetMsgLis(&msg, nullptr), 3u);
+    EXPECT_EQ(zoltLogGetMsgLis(nullptr, &block), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogGetMsgLis(&msg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     for (uint32_t type = 0; type < 6; ++type) {
         msg.type = type;
         for (const auto &getter : NUMBER_GETTERS) {
@@ -410,7 +412,7 @@ TEST(MessageRecord, AFailedReleaseOfTheBlockIsTold) {
     msg.lis.word[0] = 1;
     msg.text = strdup("text");
     releaseResult = -1;
-    EXPECT_EQ(zoltLogFreeMsg(&msg), 1u);
+    EXPECT_EQ(zoltLogFreeMsg(&msg), ZOLTLOG_FAILED);
     EXPECT_EQ(blocksReleased, 1);
     EXPECT_EQ(msg.lis.word[0], 0u);
     EXPECT_EQ(msg.text, nullptr);

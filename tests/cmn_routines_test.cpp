@@ -180,7 +180,7 @@ TEST(Memory, StrdupCopiesExactly) {
 
 TEST(Memory, ErrorMessageIsFreed) {
     EXPECT_EQ(0u, zoltLogResFreeErrorMessage(zoltLogSafeStrdup("message"))); // leak checker's business
-    EXPECT_EQ(3u, zoltLogResFreeErrorMessage(nullptr));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogResFreeErrorMessage(nullptr));
 }
 
 TEST(Memory, LocalizerListIsEmptied) {
@@ -188,7 +188,7 @@ TEST(Memory, LocalizerListIsEmptied) {
     EXPECT_EQ(0u, InitializeLocalizerList(&list));
     EXPECT_EQ(0u, list.count);
     EXPECT_EQ(nullptr, list.first);
-    EXPECT_EQ(3u, InitializeLocalizerList(nullptr));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, InitializeLocalizerList(nullptr));
 }
 
 // ---- time --------------------------------------------------------------------------------
@@ -342,9 +342,9 @@ TEST(TimeZoneToOffset, ZeroHoursCountAsNegative) {
 TEST(TimeZoneToOffset, OtherTextsAndNullAreRefused) {
     int64_t offset = 77;
     for (const char *text : {"UTC+1", "XGMT", "", "gmt", "GM", " GMT", "G"})
-        EXPECT_EQ(1u, TimeZoneToOffset(text, &offset)) << text;
-    EXPECT_EQ(1u, TimeZoneToOffset(nullptr, &offset));
-    EXPECT_EQ(1u, TimeZoneToOffset("GMT", nullptr));
+        EXPECT_EQ(ZOLTLOG_FAILED, TimeZoneToOffset(text, &offset)) << text;
+    EXPECT_EQ(ZOLTLOG_FAILED, TimeZoneToOffset(nullptr, &offset));
+    EXPECT_EQ(ZOLTLOG_FAILED, TimeZoneToOffset("GMT", nullptr));
     EXPECT_EQ(77, offset);
 }
 
@@ -353,14 +353,14 @@ TEST(TimeZoneToOffset, OtherTextsAndNullAreRefused) {
 TEST(Conversions, NullArgumentsAreInvalid) {
     char *text = nullptr;
     wchar_t *wide = nullptr;
-    EXPECT_EQ(3u, utf82wcs(nullptr, "x", -1));
-    EXPECT_EQ(3u, utf82wcs(&wide, nullptr, -1));
-    EXPECT_EQ(3u, utf82mbs(nullptr, "x"));
-    EXPECT_EQ(3u, utf82mbs(&text, nullptr));
-    EXPECT_EQ(3u, wcs2utf8(nullptr, L"x"));
-    EXPECT_EQ(3u, wcs2utf8(&text, nullptr));
-    EXPECT_EQ(3u, mbs2utf8(nullptr, "x"));
-    EXPECT_EQ(3u, mbs2utf8(&text, nullptr));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, utf82wcs(nullptr, "x", -1));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, utf82wcs(&wide, nullptr, -1));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, utf82mbs(nullptr, "x"));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, utf82mbs(&text, nullptr));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, wcs2utf8(nullptr, L"x"));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, wcs2utf8(&text, nullptr));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, mbs2utf8(nullptr, "x"));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, mbs2utf8(&text, nullptr));
 }
 
 TEST(Conversions, EmptyTextIsEmptyTextInEveryLocale) {
@@ -546,21 +546,21 @@ TEST(Conversions, WithoutMemoryFailAndRecover) {
     {
         for (long passing : {0, 1}) { // UTF-16, result
             const support::FailingAllocation failing(passing);
-            EXPECT_EQ(4u, utf82wcs(&wide, "abc", -1));
+            EXPECT_EQ(ZOLTLOG_NO_MEMORY, utf82wcs(&wide, "abc", -1));
             EXPECT_EQ(nullptr, wide);
         }
         for (long passing : {0, 1}) {
             const support::FailingAllocation failing(passing);
-            EXPECT_EQ(4u, wcs2utf8(&text, L"abc"));
+            EXPECT_EQ(ZOLTLOG_NO_MEMORY, wcs2utf8(&text, L"abc"));
             EXPECT_EQ(nullptr, text);
         }
         for (long passing : {0, 1, 2}) { // wide, UTF-16, result
             const support::FailingAllocation failing(passing);
-            EXPECT_EQ(4u, mbs2utf8(&text, "\xE4"));
+            EXPECT_EQ(ZOLTLOG_NO_MEMORY, mbs2utf8(&text, "\xE4"));
             EXPECT_EQ(nullptr, text);
         }
         const support::FailingAllocation failing(0);
-        EXPECT_EQ(4u, mbs2utf8(&text, "plain"));
+        EXPECT_EQ(ZOLTLOG_NO_MEMORY, mbs2utf8(&text, "plain"));
         EXPECT_EQ(nullptr, text);
     }
     bool reachedEnd = false;

@@ -82,26 +82,26 @@ TEST(ConfigUnix, NullArgumentsAreRefused) {
     uint32_t word = 0;
     uint64_t mode = 0;
     char *text = nullptr;
-    EXPECT_EQ(zoltLogCfgSetSyslogFacility(nullptr, 8), 3U);
-    EXPECT_EQ(zoltLogCfgGetSyslogFacility(nullptr, &word), 3U);
-    EXPECT_EQ(zoltLogCfgGetSyslogFacility(cfg, nullptr), 3U);
-    EXPECT_EQ(zoltLogCfgSetSyslogOpt(nullptr, 8), 3U);
-    EXPECT_EQ(zoltLogCfgGetSyslogOpt(nullptr, &word), 3U);
-    EXPECT_EQ(zoltLogCfgGetSyslogOpt(cfg, nullptr), 3U);
-    EXPECT_EQ(zoltLogCfgSetSyslogIdent(nullptr, "x"), 3U);
-    EXPECT_EQ(zoltLogCfgSetSyslogIdent(cfg, nullptr), 3U);
-    EXPECT_EQ(zoltLogCfgGetSyslogIdent(nullptr, &text), 3U);
-    EXPECT_EQ(zoltLogCfgGetSyslogIdent(cfg, nullptr), 3U);
-    EXPECT_EQ(zoltLogCfgSetLogFilePermissions(nullptr, 432), 3U);
-    EXPECT_EQ(zoltLogCfgGetLogFilePermissions(nullptr, &mode), 3U);
-    EXPECT_EQ(zoltLogCfgGetLogFilePermissions(cfg, nullptr), 3U);
+    EXPECT_EQ(zoltLogCfgSetSyslogFacility(nullptr, 8), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetSyslogFacility(nullptr, &word), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetSyslogFacility(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetSyslogOpt(nullptr, 8), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetSyslogOpt(nullptr, &word), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetSyslogOpt(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetSyslogIdent(nullptr, "x"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetSyslogIdent(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetSyslogIdent(nullptr, &text), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetSyslogIdent(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetLogFilePermissions(nullptr, 432), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetLogFilePermissions(nullptr, &mode), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetLogFilePermissions(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(cfg->changedMask, 0U);
     Section section;
-    EXPECT_EQ(osGetCfgSettings(nullptr, &section.store, &word), 1U);
-    EXPECT_EQ(osGetCfgSettings(cfg, nullptr, &word), 1U);
-    EXPECT_EQ(osGetCfgSettings(cfg, &section.store, nullptr), 1U);
-    EXPECT_EQ(osSetCfgSettings(nullptr, &section.store), 1U);
-    EXPECT_EQ(osSetCfgSettings(cfg, nullptr), 1U);
+    EXPECT_EQ(osGetCfgSettings(nullptr, &section.store, &word), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(osGetCfgSettings(cfg, nullptr, &word), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(osGetCfgSettings(cfg, &section.store, nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(osSetCfgSettings(nullptr, &section.store), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(osSetCfgSettings(cfg, nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
 }
 
 TEST(ConfigUnix, AnIdentityFillsItsFieldAndNoMore) {
@@ -163,7 +163,7 @@ TEST(ConfigUnix, AbsentPermissionsAreTheStoresResult) {
     Section section("7.SyslogOpt=3\n");
     Record record;
     uint32_t counter = 0;
-    EXPECT_EQ(osGetCfgSettings(&record.cfg, &section.store, &counter), 3U);
+    EXPECT_EQ(osGetCfgSettings(&record.cfg, &section.store, &counter), ZOLTLOG_STORE_NOT_FOUND);
     EXPECT_EQ(counter, 1U);
     EXPECT_EQ(record.cfg.oslog.option, 3U);
     EXPECT_EQ(record.cfg.permissions.mode, 0660U);
@@ -240,7 +240,7 @@ TEST(ConfigUnix, AFacilityWithoutANameIsRefusedByTheStore) {
     Section section("7.a=1\n");
     Record record;
     zoltLogCfgSetSyslogFacility(&record.cfg, 40);
-    EXPECT_EQ(osSetCfgSettings(&record.cfg, &section.store), 1U);
+    EXPECT_EQ(osSetCfgSettings(&record.cfg, &section.store), ZOLTLOG_STORE_INVALID_ARGUMENT);
     EXPECT_EQ(support::readFile("p.conf"), "7.a=1\n");
     zoltLogCfgSetLogFilePermissions(&record.cfg, 0640); // the last call's result counts
     EXPECT_EQ(osSetCfgSettings(&record.cfg, &section.store), 0U);

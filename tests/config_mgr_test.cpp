@@ -404,20 +404,20 @@ class Manageable : public testing::Test {
 };
 
 TEST_F(Manageable, MissingHandleIsInvalid) {
-    EXPECT_EQ(zoltLogGetManageableLogFiles(101, 7, nullptr), 3u);
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(101, "web", nullptr), 3u);
+    EXPECT_EQ(zoltLogGetManageableLogFiles(101, 7, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogGetManageableLogFilesSL(101, "web", nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(Manageable, HandleIsZeroedFirst) {
     memset(&listing, 0x55, sizeof listing);
-    EXPECT_EQ(zoltLogGetManageableLogFiles(999, 7, &listing), 6u);
+    EXPECT_EQ(zoltLogGetManageableLogFiles(999, 7, &listing), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_EQ(listing.files, nullptr);
     EXPECT_EQ(listing.next, nullptr);
     EXPECT_EQ(listing.query, nullptr);
     EXPECT_EQ(listing.word, 0u);
     EXPECT_EQ(listing.unsupportedHeader, 0u);
     memset(&listing, 0x55, sizeof listing);
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(999, "web", &listing), 6u);
+    EXPECT_EQ(zoltLogGetManageableLogFilesSL(999, "web", &listing), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_EQ(listing.files, nullptr);
 }
 
@@ -432,9 +432,9 @@ TEST_F(Manageable, OneOriginatorKeepsItsNumber) {
 }
 
 TEST_F(Manageable, NothingListedIs45) {
-    EXPECT_EQ(zoltLogGetManageableLogFiles(101, 7, &listing), 45u);
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(101, "web", &listing), 45u);
-    EXPECT_EQ(zoltLogGetManageableLogFiles(0, 0, &listing), 45u);
+    EXPECT_EQ(zoltLogGetManageableLogFiles(101, 7, &listing), ZOLTLOG_NO_LOG_FILES);
+    EXPECT_EQ(zoltLogGetManageableLogFilesSL(101, "web", &listing), ZOLTLOG_NO_LOG_FILES);
+    EXPECT_EQ(zoltLogGetManageableLogFiles(0, 0, &listing), ZOLTLOG_NO_LOG_FILES);
 }
 
 TEST_F(Manageable, NoSurplusIsAnEmptyListAndSuccess) {
@@ -442,7 +442,7 @@ TEST_F(Manageable, NoSurplusIsAnEmptyListAndSuccess) {
     EXPECT_EQ(zoltLogGetManageableLogFiles(101, 7, &listing), 0u);
     EXPECT_EQ(listing.files, nullptr);
     LogFileEntry *entry = nullptr;
-    EXPECT_EQ(zoltLogFetchNextFileEx(&listing, &entry), 9u);
+    EXPECT_EQ(zoltLogFetchNextFileEx(&listing, &entry), ZOLTLOG_NO_MORE);
 }
 
 TEST_F(Manageable, AnyProductAndOriginator) {
@@ -481,8 +481,8 @@ TEST_F(Manageable, LogSetFilesByTheirNames) {
 }
 
 TEST_F(Manageable, LogSetNeedsProductAndName) {
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(0, "web", &listing), 3u);
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(101, nullptr, &listing), 3u);
+    EXPECT_EQ(zoltLogGetManageableLogFilesSL(0, "web", &listing), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogGetManageableLogFilesSL(101, nullptr, &listing), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(Manageable, BurstWithinOneSecondNeverYieldsTheNewest) {
@@ -542,10 +542,10 @@ class Fetch : public testing::Test {
 TEST_F(Fetch, MissingArgumentsAreInvalid) {
     LogFileEntry *entry = nullptr;
     char *path = nullptr;
-    EXPECT_EQ(zoltLogFetchNextFileEx(nullptr, &entry), 3u);
-    EXPECT_EQ(zoltLogFetchNextFileEx(&listing, nullptr), 3u);
-    EXPECT_EQ(zoltLogFetchNextFile(nullptr, &path), 3u);
-    EXPECT_EQ(zoltLogFetchNextFile(&listing, nullptr), 3u);
+    EXPECT_EQ(zoltLogFetchNextFileEx(nullptr, &entry), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogFetchNextFileEx(&listing, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogFetchNextFile(nullptr, &path), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogFetchNextFile(&listing, nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(Fetch, YieldsEachFileThenNineForEver) {
@@ -555,9 +555,9 @@ TEST_F(Fetch, YieldsEachFileThenNineForEver) {
     EXPECT_EQ(fetchAll(), (Names{counted("101-7", 1), counted("101-7", 0)}));
     LogFileEntry *entry = nullptr;
     for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(zoltLogFetchNextFileEx(&listing, &entry), 9u);
+        EXPECT_EQ(zoltLogFetchNextFileEx(&listing, &entry), ZOLTLOG_NO_MORE);
     EXPECT_EQ(entry, nullptr);
-    EXPECT_EQ(listing.files->headerVersion, 65543u);
+    EXPECT_EQ(listing.files->headerVersion, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(listing.files->file.descriptor, -1);
 }
 
@@ -695,7 +695,7 @@ TEST_F(Fetch, PathIsDirectoryThenNameIn8192ZeroedBytes) {
     EXPECT_EQ(path, nullptr);
     zoltLogFreeBuffer(&path);
     zoltLogFreeBuffer(nullptr);
-    EXPECT_EQ(zoltLogFetchNextFile(&listing, &path), 9u);
+    EXPECT_EQ(zoltLogFetchNextFile(&listing, &path), ZOLTLOG_NO_MORE);
     EXPECT_EQ(path, nullptr);
 }
 
@@ -766,15 +766,15 @@ TEST_F(Copy, HasPermissions660AndReplacesWhatWasThere) {
 }
 
 TEST_F(Copy, MissingArgumentsAreInvalid) {
-    EXPECT_EQ(zoltLogCopyFile(nullptr, "to"), 3u);
-    EXPECT_EQ(zoltLogCopyFile("from.log", nullptr), 3u);
-    EXPECT_EQ(zoltLogCopyFileEx(nullptr, "to"), 3u);
-    EXPECT_EQ(zoltLogCopyFileEx("from.log", nullptr), 3u);
+    EXPECT_EQ(zoltLogCopyFile(nullptr, "to"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCopyFile("from.log", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCopyFileEx(nullptr, "to"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCopyFileEx("from.log", nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(Copy, SourceThatCannotBeOpenedIs32) {
-    EXPECT_EQ(zoltLogCopyFile("missing.log", "to"), 32u);
-    EXPECT_EQ(zoltLogCopyFile("to", "to"), 32u);
+    EXPECT_EQ(zoltLogCopyFile("missing.log", "to"), ZOLTLOG_OPEN_FAILED);
+    EXPECT_EQ(zoltLogCopyFile("to", "to"), ZOLTLOG_OPEN_FAILED);
 }
 
 TEST_F(Copy, SizeThatCannotBeToldIs31) {
@@ -783,14 +783,16 @@ TEST_F(Copy, SizeThatCannotBeToldIs31) {
 }
 
 TEST_F(Copy, DestinationThatCannotBeOpenedIs47Or32) {
-    EXPECT_EQ(zoltLogCopyFile((here() + "from.log").c_str(), "missing"), 47u); // no such path
+    EXPECT_EQ(zoltLogCopyFile((here() + "from.log").c_str(), "missing"),
+              ZOLTLOG_DEST_OPEN_FAILED); // no such path
     support::makeDirectory("to/from.log");
     EXPECT_EQ(copy(), 32u); // any other failure
 }
 
 TEST_F(Copy, DestinationDeniedIs47) {
     chmod("to", 0500);
-    EXPECT_TRUE(support::asOrdinaryUser([] { EXPECT_EQ(zoltLogCopyFile("./from.log", "to"), 47u); }));
+    EXPECT_TRUE(support::asOrdinaryUser(
+        [] { EXPECT_EQ(zoltLogCopyFile("./from.log", "to"), ZOLTLOG_DEST_OPEN_FAILED); }));
     chmod("to", 0700);
 }
 
@@ -828,7 +830,7 @@ TEST_F(Copy, FullDeviceEndsWith54) {
 
 TEST_F(Copy, OntoItselfIsRefusedAndNothingIsLost) {
     EXPECT_EQ(zoltLogCopyFile((here() + "from.log").c_str(), here().substr(0, here().size() - 1).c_str()),
-              47u);
+              ZOLTLOG_DEST_OPEN_FAILED);
     EXPECT_EQ(support::readFile("from.log"), content);
     ASSERT_EQ(link("from.log", "to/from.log"), 0);
     EXPECT_EQ(copy(), 47u);
@@ -852,15 +854,15 @@ TEST_F(Copy, ByLinkMakesAHardLink) {
 }
 
 TEST_F(Copy, ByLinkFailsWith34) {
-    EXPECT_EQ(zoltLogCopyFileEx("./missing.log", "to"), 34u);
-    EXPECT_EQ(zoltLogCopyFileEx("./from.log", "missing"), 34u);
+    EXPECT_EQ(zoltLogCopyFileEx("./missing.log", "to"), ZOLTLOG_SHORT_WRITE);
+    EXPECT_EQ(zoltLogCopyFileEx("./from.log", "missing"), ZOLTLOG_SHORT_WRITE);
     support::writeFile("to/from.log", "there");
-    EXPECT_EQ(zoltLogCopyFileEx("./from.log", "to"), 34u);
+    EXPECT_EQ(zoltLogCopyFileEx("./from.log", "to"), ZOLTLOG_SHORT_WRITE);
     EXPECT_EQ(support::readFile("to/from.log"), "there");
 }
 
 TEST_F(Copy, ByLinkRefusesAPathWithoutSlash) {
-    EXPECT_EQ(zoltLogCopyFileEx("from.log", "to"), 3u);
+    EXPECT_EQ(zoltLogCopyFileEx("from.log", "to"), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(Delete, RemovesTheFileAndSaysNothing) {
@@ -875,5 +877,5 @@ TEST(Delete, AMissingFileIsToldAndGivesZero) {
 }
 
 TEST(Delete, NoPathIsInvalid) {
-    EXPECT_EQ(zoltLogDeleteFile(nullptr), 3u);
+    EXPECT_EQ(zoltLogDeleteFile(nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }

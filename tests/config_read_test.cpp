@@ -282,7 +282,7 @@ TEST(ConfigRead, AValueThatIsSkippedLeavesTheInheritedOne) {
         Read read;
         ASSERT_EQ(read.originator(7), 0U);
         EXPECT_EQ(field(read.cfg, row.key), row.field);
-        EXPECT_EQ(read.cfg.outputFlags, 1U); // the rest of the section is read
+        EXPECT_EQ(read.cfg.outputFlags, ZOLTLOG_OUT_STDOUT); // the rest of the section is read
     }
 }
 
@@ -333,7 +333,7 @@ TEST(ConfigRead, NumbersDoNotDependOnTheLocale) {
         EXPECT_EQ(read.cfg.maxFileSizeKB, 1U);
         EXPECT_EQ(read.cfg.numberOfLogFiles, 1U);
         EXPECT_EQ(read.cfg.rolloverTime, 3660U);
-        EXPECT_EQ(read.cfg.outputFlags, 1U);
+        EXPECT_EQ(read.cfg.outputFlags, ZOLTLOG_OUT_STDOUT);
     }
 }
 
@@ -349,9 +349,9 @@ TEST(ConfigRead, AnOriginatorInheritsFromDefault) {
     EXPECT_EQ(read.cfg.productId, 5U);
     EXPECT_EQ(read.cfg.originatorId, 7U);
     EXPECT_EQ(read.cfg.debugLevel, 5U);
-    EXPECT_EQ(read.cfg.rolloverMode, 1U);
+    EXPECT_EQ(read.cfg.rolloverMode, ZOLTLOG_ROLLOVER_FILE_SIZE);
     EXPECT_EQ(read.cfg.logRecycling, 0U);
-    EXPECT_EQ(read.cfg.outputFlags, 1U);
+    EXPECT_EQ(read.cfg.outputFlags, ZOLTLOG_OUT_STDOUT);
     EXPECT_STREQ(read.cfg.productShortNames, "five");
 }
 
@@ -381,18 +381,18 @@ TEST(ConfigRead, AbsentSectionsReadAsEmpty) {
 TEST(ConfigRead, ResultsOfReadingOneOriginator) {
     registerProduct("6.Names=six\n");
     LogCfg cfg = {};
-    EXPECT_EQ(zoltLogReadCfg(0, 7, &cfg), 3U);
-    EXPECT_EQ(zoltLogReadCfg(5, 0, &cfg), 3U);
-    EXPECT_EQ(zoltLogReadCfg(5, 7, nullptr), 3U);
+    EXPECT_EQ(zoltLogReadCfg(0, 7, &cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogReadCfg(5, 0, &cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogReadCfg(5, 7, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     LogCfg fresh;
     InitLogCfg(6, 7, nullptr, &fresh);
-    EXPECT_EQ(zoltLogReadCfg(6, 7, &cfg), 6U); // no "Configuration"
+    EXPECT_EQ(zoltLogReadCfg(6, 7, &cfg), ZOLTLOG_CFG_NOT_FOUND); // no "Configuration"
     EXPECT_EQ(everyField(cfg), everyField(fresh));
     zoltLogFreeCfg(&cfg);
-    EXPECT_EQ(zoltLogReadCfg(9, 7, &cfg), 6U);
+    EXPECT_EQ(zoltLogReadCfg(9, 7, &cfg), ZOLTLOG_CFG_NOT_FOUND);
     zoltLogFreeCfg(&cfg);
     ASSERT_EQ(unlink("main.conf"), 0);
-    EXPECT_EQ(zoltLogReadCfg(5, 7, &cfg), 6U);
+    EXPECT_EQ(zoltLogReadCfg(5, 7, &cfg), ZOLTLOG_CFG_NOT_FOUND);
     zoltLogFreeCfg(&cfg);
     zoltLogFreeCfg(&fresh);
 }
@@ -461,10 +461,10 @@ TEST(ConfigRead, ResultsOfReadingOneLogset) {
     EXPECT_EQ(read.logset("default"), 6U);
     EXPECT_EQ(read.logset(""), 6U);
     LogCfg cfg = {};
-    EXPECT_EQ(zoltLogReadlogsetCfg(0, "bill", &cfg), 3U);
-    EXPECT_EQ(zoltLogReadlogsetCfg(5, nullptr, &cfg), 3U);
-    EXPECT_EQ(zoltLogReadlogsetCfg(5, "bill", nullptr), 3U);
-    EXPECT_EQ(zoltLogReadlogsetCfg(6, "bill", &cfg), 6U);
+    EXPECT_EQ(zoltLogReadlogsetCfg(0, "bill", &cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogReadlogsetCfg(5, nullptr, &cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogReadlogsetCfg(5, "bill", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogReadlogsetCfg(6, "bill", &cfg), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_STREQ(cfg.logsetName, "bill");
     zoltLogFreeCfg(&cfg);
 }
@@ -510,9 +510,9 @@ TEST(ConfigRead, TheSettingsOfASectionAreCounted) {
     EXPECT_EQ(cfg.debugLevel, 3U);
     EXPECT_EQ(cfg.logsetFilename, nullptr); // no key of an originator
     EXPECT_EQ(GetOriginatorCfgSettings("missing.conf", "7", &cfg), 0U);
-    EXPECT_EQ(GetOriginatorCfgSettings(nullptr, "7", &cfg), 3U);
-    EXPECT_EQ(GetOriginatorCfgSettings("product.conf", nullptr, &cfg), 3U);
-    EXPECT_EQ(GetOriginatorCfgSettings("product.conf", "7", nullptr), 3U);
+    EXPECT_EQ(GetOriginatorCfgSettings(nullptr, "7", &cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(GetOriginatorCfgSettings("product.conf", nullptr, &cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(GetOriginatorCfgSettings("product.conf", "7", nullptr), ZOLTLOG_INVALID_ARGUMENT);
     zoltLogFreeCfg(&cfg);
 }
 
@@ -531,17 +531,17 @@ TEST(ConfigRead, SingleTextsAreFoundByFileSectionAndKey) {
     EXPECT_STREQ(text, "/usr/share/res");
     zoltLogFree(text);
     text = nullptr;
-    EXPECT_EQ(GetProductCfgPath("main.conf", 6, &text), 6U);
-    EXPECT_EQ(GetProductCfgPath("missing.conf", 5, &text), 6U);
-    EXPECT_EQ(GetProductCfgPath("main.conf", 5, nullptr), 3U);
-    EXPECT_EQ(GetProductShortName("main.conf", 6, &text), 6U);
-    EXPECT_EQ(GetPropertyString("main.conf", "5", "Nothing", &text), 6U);
-    EXPECT_EQ(GetPropertyString("main.conf", "5", "Names", nullptr), 3U);
-    EXPECT_EQ(GetPropertyString(nullptr, "5", "Names", &text), 6U);
-    EXPECT_EQ(zoltLogCfgGetToolsResDir(nullptr), 3U);
+    EXPECT_EQ(GetProductCfgPath("main.conf", 6, &text), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(GetProductCfgPath("missing.conf", 5, &text), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(GetProductCfgPath("main.conf", 5, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(GetProductShortName("main.conf", 6, &text), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(GetPropertyString("main.conf", "5", "Nothing", &text), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(GetPropertyString("main.conf", "5", "Names", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(GetPropertyString(nullptr, "5", "Names", &text), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(zoltLogCfgGetToolsResDir(nullptr), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(text, nullptr);
     ASSERT_EQ(unlink("main.conf"), 0);
-    EXPECT_EQ(zoltLogCfgGetToolsResDir(&text), 6U);
+    EXPECT_EQ(zoltLogCfgGetToolsResDir(&text), ZOLTLOG_CFG_NOT_FOUND);
 }
 
 TEST(ConfigRead, StoreResultsAreTranslated) {
@@ -684,10 +684,10 @@ TEST(ConfigRead, ResultsOfCollecting) {
     EXPECT_EQ(found.all(), "39 ");
     EXPECT_EQ(found.product(5), "39 ");
     uint32_t count = 42;
-    EXPECT_EQ(zoltLogReadAllCfg(nullptr, 4, nullptr, &count), 3U);
-    EXPECT_EQ(zoltLogReadAllCfg(nullptr, 4, found.cfgs.data(), nullptr), 3U);
-    EXPECT_EQ(zoltLogReadProdIDCfg(nullptr, 5, 4, nullptr, &count), 3U);
-    EXPECT_EQ(zoltLogReadProdIDCfg(nullptr, 5, 4, found.cfgs.data(), nullptr), 3U);
+    EXPECT_EQ(zoltLogReadAllCfg(nullptr, 4, nullptr, &count), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogReadAllCfg(nullptr, 4, found.cfgs.data(), nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogReadProdIDCfg(nullptr, 5, 4, nullptr, &count), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogReadProdIDCfg(nullptr, 5, 4, found.cfgs.data(), nullptr), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(count, 42U);
     // a section name that is too long ends the enumeration of the main file
     support::writeFile("main.conf", std::string(81, 'x') + ".a=1\n");

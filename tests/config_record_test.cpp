@@ -166,7 +166,7 @@ TEST(Config, ANameMakesALogsetRecord) {
         EXPECT_EQ(cfg.changedMask, 0U);
         zoltLogFreeCfg(&cfg);
     }
-    EXPECT_EQ(InitLogCfg(5, 7, "x", nullptr), 3U);
+    EXPECT_EQ(InitLogCfg(5, 7, "x", nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(Config, FreeingZeroesTheRecord) {
@@ -182,7 +182,7 @@ TEST(Config, FreeingZeroesTheRecord) {
     const LogCfg zero = {};
     EXPECT_EQ(memcmp(cfg, &zero, sizeof zero), 0);
     EXPECT_EQ(zoltLogFreeCfg(cfg), 0U);
-    EXPECT_EQ(zoltLogFreeCfg(nullptr), 3U);
+    EXPECT_EQ(zoltLogFreeCfg(nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(Config, CopyLeavesOutWhatItIsToldTo) {
@@ -191,11 +191,11 @@ TEST(Config, CopyLeavesOutWhatItIsToldTo) {
     cfg->debugLevel = 3;
     cfg->diagLevel = 4;
     cfg->secureAuditLevel = 5;
-    cfg->outputFlags = 69;
+    cfg->outputFlags = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_OSLOG | ZOLTLOG_OUT_OSLOGX;
     cfg->appMsgLogging = 0;
     cfg->numberOfLogFiles = 9;
     cfg->maxFileSizeKB = 11;
-    cfg->rolloverMode = 5;
+    cfg->rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC;
     cfg->rolloverPeriod = 60;
     cfg->rolloverTime = 61;
     cfg->logRecycling = 1;
@@ -221,11 +221,11 @@ TEST(Config, CopyLeavesOutWhatItIsToldTo) {
     EXPECT_EQ(copy.originatorId, 7U);
     EXPECT_EQ(copy.debugLevel, 3U);
     EXPECT_EQ(copy.diagLevel, 4U);
-    EXPECT_EQ(copy.outputFlags, 69U);
+    EXPECT_EQ(copy.outputFlags, uint32_t{ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_OSLOG | ZOLTLOG_OUT_OSLOGX});
     EXPECT_EQ(copy.appMsgLogging, 0U);
     EXPECT_EQ(copy.numberOfLogFiles, 9U);
     EXPECT_EQ(copy.maxFileSizeKB, 11U);
-    EXPECT_EQ(copy.rolloverMode, 5U);
+    EXPECT_EQ(copy.rolloverMode, uint32_t{ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC});
     EXPECT_EQ(copy.rolloverPeriod, 60U);
     EXPECT_EQ(copy.rolloverTime, 61U);
     EXPECT_EQ(copy.permissions.mode, 0640U);
@@ -252,8 +252,8 @@ TEST(Config, CopyLeavesOutWhatItIsToldTo) {
     EXPECT_EQ(copy.changedMask, 0U);
     EXPECT_EQ(copy.removedMask, 0U);
     zoltLogFreeCfg(&copy);
-    EXPECT_EQ(CopyCfg(nullptr, cfg), 3U);
-    EXPECT_EQ(CopyCfg(&copy, nullptr), 3U);
+    EXPECT_EQ(CopyCfg(nullptr, cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(CopyCfg(&copy, nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(Config, CopyTakesAnIdentityWithoutTerminator) {
@@ -440,7 +440,7 @@ TEST(Config, AppMsgLoggingMarksEverythingButTheDirectory) {
 TEST(Config, OslogXMarksNothing) {
     Record record;
     EXPECT_EQ(zoltLogCfgEnableLogToOslogX(&record.cfg), 0U);
-    EXPECT_EQ(record.cfg.outputFlags, 64U);
+    EXPECT_EQ(record.cfg.outputFlags, ZOLTLOG_OUT_OSLOGX);
     EXPECT_EQ(record.cfg.changedMask, 0U);
 }
 
@@ -456,12 +456,12 @@ TEST(Config, FlagsAreSetTogether) {
     EXPECT_EQ(cfg->outputFlags, 0U);
     EXPECT_EQ(zoltLogCfgSetFlags(cfg, 2), 0U);
     cfg->changedMask = 0;
-    EXPECT_EQ(zoltLogCfgSetFlags(cfg, -1), 3U);
-    EXPECT_EQ(cfg->outputFlags, 2U);
+    EXPECT_EQ(zoltLogCfgSetFlags(cfg, -1), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(cfg->outputFlags, ZOLTLOG_OUT_STDERR);
     EXPECT_EQ(cfg->changedMask, 0U);
-    EXPECT_EQ(zoltLogCfgSetFlags(nullptr, 1), 3U);
-    EXPECT_EQ(zoltLogCfgGetFlags(nullptr, &flags), 3U);
-    EXPECT_EQ(zoltLogCfgGetFlags(cfg, nullptr), 3U);
+    EXPECT_EQ(zoltLogCfgSetFlags(nullptr, 1), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetFlags(nullptr, &flags), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetFlags(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 // ---- texts -----------------------------------------------------------------------------------
@@ -524,7 +524,7 @@ TEST(Config, TheLocalizationLibraryIsGivenAsAFileName) {
     EXPECT_EQ(get(zoltLogCfgGetL10nLib, &record.cfg), "0:/opt/x/libfoo.so.3");
     Record unset;
     char *out = &unset.cfg.directory[0];
-    EXPECT_EQ(zoltLogCfgGetL10nLib(&unset.cfg, &out), 4U);
+    EXPECT_EQ(zoltLogCfgGetL10nLib(&unset.cfg, &out), ZOLTLOG_NO_MEMORY);
     EXPECT_EQ(out, nullptr);
 }
 
@@ -560,20 +560,21 @@ TEST(Config, ADirectoryThatDoesNotFitChangesNothing) {
     LogCfg *cfg = &record.cfg;
     EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "/d", nullptr), 0U);
     cfg->changedMask = 0;
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, std::string(1024, 'x').c_str(), nullptr), 3U);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, std::string(5000, 'x').c_str(), nullptr), 3U);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, std::string(1022, 'x').c_str(), cfg->directory + 3), 3U);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "x", cfg->directory + 1023), 3U);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "x", cfg->directory + 1025), 3U);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "x", cfg->oslog.ident), 3U);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "", nullptr), 3U);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, nullptr, nullptr), 3U);
-    EXPECT_EQ(zoltLogCfgSetDirectory(nullptr, "x", nullptr), 3U);
+    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, std::string(1024, 'x').c_str(), nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, std::string(5000, 'x').c_str(), nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, std::string(1022, 'x').c_str(), cfg->directory + 3),
+              ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "x", cfg->directory + 1023), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "x", cfg->directory + 1025), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "x", cfg->oslog.ident), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, nullptr, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgSetDirectory(nullptr, "x", nullptr), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_STREQ(cfg->directory, "/d/");
     EXPECT_EQ(cfg->changedMask, 0U);
     char *out = nullptr;
-    EXPECT_EQ(zoltLogCfgGetDirectory(nullptr, &out), 3U);
-    EXPECT_EQ(zoltLogCfgGetDirectory(cfg, nullptr), 3U);
+    EXPECT_EQ(zoltLogCfgGetDirectory(nullptr, &out), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCfgGetDirectory(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     const std::string longest(1023, 'x');
     EXPECT_EQ(zoltLogCfgSetDirectory(cfg, longest.c_str(), nullptr), 0U);
     EXPECT_EQ(cfg->directory, longest + "/");
@@ -622,8 +623,8 @@ TEST(Config, TheFirstShortNameEndsAtACommaElseAtABlank) {
         EXPECT_EQ(text(result, out), "0:originator");
     }
     char *out = nullptr;
-    EXPECT_EQ(LogCfgGetShortNames(nullptr, ZOLTLOG_ATTR_PRODUCT_ID, &out), 3U);
-    EXPECT_EQ(LogCfgGetShortNames(&record.cfg, ZOLTLOG_ATTR_PRODUCT_ID, nullptr), 3U);
+    EXPECT_EQ(LogCfgGetShortNames(nullptr, ZOLTLOG_ATTR_PRODUCT_ID, &out), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(LogCfgGetShortNames(&record.cfg, ZOLTLOG_ATTR_PRODUCT_ID, nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(Config, RolloverModesAreReadByTheirWords) {

@@ -234,10 +234,10 @@ TEST(ConfigReload, TheProductsSwitchIsABoolean) {
     EXPECT_EQ(GetProductLoggingLevel("main.conf", 6, &enabled), 0U);
     EXPECT_EQ(enabled, 0U);
     enabled = 9;
-    EXPECT_EQ(GetProductLoggingLevel("main.conf", 7, &enabled), 6U);
-    EXPECT_EQ(GetProductLoggingLevel("main.conf", 8, &enabled), 6U);
-    EXPECT_EQ(GetProductLoggingLevel("missing.conf", 5, &enabled), 6U);
-    EXPECT_EQ(GetProductLoggingLevel(nullptr, 5, &enabled), 6U);
-    EXPECT_EQ(GetProductLoggingLevel("main.conf", 5, nullptr), 3U);
+    EXPECT_EQ(GetProductLoggingLevel("main.conf", 7, &enabled), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(GetProductLoggingLevel("main.conf", 8, &enabled), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(GetProductLoggingLevel("missing.conf", 5, &enabled), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(GetProductLoggingLevel(nullptr, 5, &enabled), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(GetProductLoggingLevel("main.conf", 5, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(enabled, 9U);
 }

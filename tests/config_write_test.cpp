@@ -47,8 +47,8 @@ void setEverything(LogCfg *cfg) {
     cfg->debugLevel = 3;
     cfg->diagLevel = 4;
     cfg->reloadInterval = 90;
-    cfg->outputFlags = 1;
-    cfg->rolloverMode = 5;
+    cfg->outputFlags = ZOLTLOG_OUT_STDOUT;
+    cfg->rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC;
     cfg->logRecycling = 1;
     cfg->maxFileSizeKB = 20;
     cfg->rolloverTime = 3660;
@@ -150,8 +150,8 @@ TEST(ConfigWrite, WhatIsWrittenIsReadBack) {
     EXPECT_EQ(back.debugLevel, 3U);
     EXPECT_EQ(back.diagLevel, 4U);
     EXPECT_EQ(back.reloadInterval, 90U);
-    EXPECT_EQ(back.outputFlags, 1U);
-    EXPECT_EQ(back.rolloverMode, 5U);
+    EXPECT_EQ(back.outputFlags, ZOLTLOG_OUT_STDOUT);
+    EXPECT_EQ(back.rolloverMode, uint32_t{ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC});
     EXPECT_EQ(back.logRecycling, 1U);
     EXPECT_EQ(back.maxFileSizeKB, 20U);
     EXPECT_EQ(back.rolloverTime, 3660U);
@@ -188,7 +188,7 @@ TEST(ConfigWrite, AFreshRecordWritesNothing) {
     ASSERT_EQ(zoltLogReadCfg(5, 7, &cfg), 0U);
     EXPECT_EQ(zoltLogWriteCfg(5, 7, &cfg), 0U);
     EXPECT_EQ(readFile("product.conf"), "");
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &cfg), 61U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &cfg), ZOLTLOG_NOTHING_TO_WRITE);
     EXPECT_EQ(readFile("product.conf"), "");
     zoltLogFreeCfg(&cfg);
 }
@@ -226,13 +226,13 @@ TEST(ConfigWrite, ResultsOfWritingAnOriginator) {
     registerProduct();
     Record record;
     zoltLogCfgSetDebugLevel(&record.cfg, 3);
-    EXPECT_EQ(zoltLogWriteCfg(0, 7, &record.cfg), 3U);
-    EXPECT_EQ(zoltLogWriteCfg(5, 0, &record.cfg), 3U);
-    EXPECT_EQ(zoltLogWriteCfg(5, 7, nullptr), 3U);
-    EXPECT_EQ(zoltLogWriteCfg(6, 7, &record.cfg), 6U);
+    EXPECT_EQ(zoltLogWriteCfg(0, 7, &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogWriteCfg(5, 0, &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogWriteCfg(6, 7, &record.cfg), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_EQ(readFile("product.conf"), "");
     support::makeDirectory("product.conf.tmp/full");
-    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 55U); // the store's 5
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), ZOLTLOG_CFG_CREATE_FAILED); // the store's 5
     EXPECT_EQ(zoltLogMutex.depth, 0);
 }
 
@@ -240,8 +240,8 @@ TEST(ConfigWrite, AFailureOfTheSystemLogKeysIsTheResult) {
     registerProduct();
     Record record;
     zoltLogCfgSetSyslogFacility(&record.cfg, 40); // has no name
-    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 3U);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 3U);
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(ConfigWrite, ALineFeedIsRefusedAndNothingChanges) {
@@ -249,7 +249,7 @@ TEST(ConfigWrite, ALineFeedIsRefusedAndNothingChanges) {
     const auto check = [](LogCfg *cfg) {
         cfg->changedMask |= 0x20;
         const size_t files = support::openDescriptors();
-        EXPECT_EQ(zoltLogWriteCfg(5, 7, cfg), 3U);
+        EXPECT_EQ(zoltLogWriteCfg(5, 7, cfg), ZOLTLOG_INVALID_ARGUMENT);
         EXPECT_EQ(readFile("product.conf"), "");
         EXPECT_EQ(support::openDescriptors(), files);
     };
@@ -270,12 +270,12 @@ TEST(ConfigWrite, ALineFeedIsRefusedAndNothingChanges) {
                               zoltLogCfgSetLogsetOIDDebugLogging, zoltLogCfgSetLogsetOIDDiagLogging}) {
         Record record("bill");
         setter(&record.cfg, "x\ny");
-        EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 3U);
+        EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
         EXPECT_EQ(readFile("product.conf"), "");
     }
     Record logset("bill");
     zoltLogCfgSetDebugLevel(&logset.cfg, 1);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bi\nll", &logset.cfg), 3U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bi\nll", &logset.cfg), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(readFile("product.conf"), "");
 }
 
@@ -316,7 +316,7 @@ TEST(ConfigWrite, AFileNameCannotBeRemoved) {
     setEverything(&record.cfg);
     record.cfg.removedMask = 0x8000000;
     record.cfg.changedMask = 0x40000;
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 61U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_NOTHING_TO_WRITE);
     EXPECT_EQ(readFile("product.conf"), "LOGSET.bill.FileName=b\nLOGSET.bill.SyslogIdent=me\n");
 }
 
@@ -335,13 +335,13 @@ TEST(ConfigWrite, ResultsOfWritingALogset) {
     registerProduct();
     Record record("bill");
     zoltLogCfgSetDebugLevel(&record.cfg, 3);
-    EXPECT_EQ(zoltLogWritelogSetCfg(0, "bill", &record.cfg), 3U);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, nullptr, &record.cfg), 3U);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", nullptr), 3U);
-    EXPECT_EQ(zoltLogWritelogSetCfg(6, "bill", &record.cfg), 6U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(0, "bill", &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, nullptr, &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogWritelogSetCfg(6, "bill", &record.cfg), ZOLTLOG_CFG_NOT_FOUND);
     record.cfg.changedMask = 0;
-    EXPECT_EQ(zoltLogWritelogSetCfg(6, "bill", &record.cfg), 6U); // before 61
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 61U);
+    EXPECT_EQ(zoltLogWritelogSetCfg(6, "bill", &record.cfg), ZOLTLOG_CFG_NOT_FOUND); // before 61
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_NOTHING_TO_WRITE);
     record.cfg.removedMask = 0x20;
     EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U);
     EXPECT_EQ(readFile("product.conf"), "");
@@ -352,8 +352,8 @@ TEST(ConfigWrite, AStoreThatDoesNotOpenIsToldDifferentlyForLogsets) {
     writeFile("taken.conf", ""); // no directory
     Record record;
     zoltLogCfgSetDebugLevel(&record.cfg, 3);
-    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 6U);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 1U);
+    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_FAILED);
 }
 
 TEST(ConfigWrite, LogsetsOfALocationThatIsNoFileHaveAStoreOfTheirOwn) {
@@ -379,12 +379,12 @@ TEST(ConfigWrite, ASectionIsOpenedOrItsFileMade) {
     EXPECT_STREQ(store.path, "./a/b/new.conf");
     utiClosePropertyStore(&store);
     EXPECT_EQ(readFile("a/b/new.conf"), std::string(HEADER) + "5.x=1\n"); // not emptied
-    EXPECT_EQ(CreatePropertyString("./x.conf", "5", nullptr), 3U);
-    EXPECT_EQ(CreatePropertyString("nodirectory.conf", "5", &store), 6U);
-    EXPECT_EQ(CreatePropertyString(nullptr, "5", &store), 6U);
-    EXPECT_EQ(CreatePropertyString("./x.conf", nullptr, &store), 6U);
+    EXPECT_EQ(CreatePropertyString("./x.conf", "5", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(CreatePropertyString("nodirectory.conf", "5", &store), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(CreatePropertyString(nullptr, "5", &store), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_EQ(CreatePropertyString("./x.conf", nullptr, &store), ZOLTLOG_CFG_NOT_FOUND);
     support::makeDirectory("dir.conf");
-    EXPECT_EQ(CreatePropertyString("./dir.conf", "5", &store), 6U);
+    EXPECT_EQ(CreatePropertyString("./dir.conf", "5", &store), ZOLTLOG_CFG_NOT_FOUND);
 }
 
 TEST(ConfigWrite, ASymbolicLinkStays) {
@@ -417,7 +417,7 @@ TEST(ConfigWrite, AnUnreadableFileIsNotEmptied) {
     ASSERT_EQ(chmod("secret.conf", 0200), 0);
     EXPECT_TRUE(support::asOrdinaryUser([] {
         PropertyStore store;
-        EXPECT_EQ(CreatePropertyString("./secret.conf", "5", &store), 6U);
+        EXPECT_EQ(CreatePropertyString("./secret.conf", "5", &store), ZOLTLOG_CFG_NOT_FOUND);
     }));
     ASSERT_EQ(chmod("secret.conf", 0600), 0);
     EXPECT_EQ(readFile("secret.conf"), "5.a=1\n");
@@ -430,7 +430,7 @@ TEST(ConfigWrite, AProductIsRegisteredAndRemoved) {
     EXPECT_EQ(zoltLogAddProductCfg(5, "five, cinq", "/five.conf"), 0U);
     EXPECT_EQ(readFile("etc/main.conf"),
               std::string(HEADER) + "5.Configuration=/five.conf\n5.Names=five, cinq\n");
-    EXPECT_EQ(zoltLogAddProductCfg(5, "again", "/other.conf"), 27U);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "again", "/other.conf"), ZOLTLOG_PRODUCT_EXISTS);
     EXPECT_EQ(zoltLogAddProductCfg(6, "", "/six.conf"), 0U);
     EXPECT_EQ(readFile("etc/main.conf"), std::string(HEADER) +
                                              "5.Configuration=/five.conf\n5.Names=five, cinq\n"
@@ -438,11 +438,11 @@ TEST(ConfigWrite, AProductIsRegisteredAndRemoved) {
     EXPECT_EQ(IsThisLastProductConfiguration(), 0);
     EXPECT_EQ(zoltLogRemoveProductCfg(5), 0U);
     EXPECT_EQ(readFile("etc/main.conf"), std::string(HEADER) + "6.Configuration=/six.conf\n6.Names=\n");
-    EXPECT_EQ(zoltLogRemoveProductCfg(5), 6U);
+    EXPECT_EQ(zoltLogRemoveProductCfg(5), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_EQ(zoltLogRemoveProductCfg(6), 0U);
     EXPECT_FALSE(exists("etc/main.conf")); // the last one takes the file along
     EXPECT_FALSE(exists("etc/main.conf.tmp"));
-    EXPECT_EQ(zoltLogRemoveProductCfg(6), 6U);
+    EXPECT_EQ(zoltLogRemoveProductCfg(6), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_FALSE(exists("etc/main.conf"));
     EXPECT_EQ(zoltLogMutex.depth, 0);
 }
@@ -468,16 +468,16 @@ TEST(ConfigWrite, TheLastProductTakesTheFileBehindTheLink) {
 
 TEST(ConfigWrite, ResultsOfRegistration) {
     setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1);
-    EXPECT_EQ(zoltLogAddProductCfg(0, "n", "l"), 3U);
-    EXPECT_EQ(zoltLogAddProductCfg(5, nullptr, "l"), 3U);
-    EXPECT_EQ(zoltLogAddProductCfg(5, "n", nullptr), 3U);
-    EXPECT_EQ(zoltLogAddProductCfg(5, "n\nm", "l"), 3U);
-    EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l\n"), 3U);
-    EXPECT_EQ(zoltLogRemoveProductCfg(0), 3U);
-    EXPECT_EQ(zoltLogRemoveProductCfg(5), 6U);
+    EXPECT_EQ(zoltLogAddProductCfg(0, "n", "l"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogAddProductCfg(5, nullptr, "l"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "n", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "n\nm", "l"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l\n"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogRemoveProductCfg(0), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogRemoveProductCfg(5), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_FALSE(exists("main.conf"));
     writeFile("main.conf", "5.Names=only\n");
-    EXPECT_EQ(zoltLogRemoveProductCfg(5), 6U);
+    EXPECT_EQ(zoltLogRemoveProductCfg(5), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l"), 0U);
     EXPECT_EQ(readFile("main.conf"), "5.Names=n\n5.Configuration=l\n");
 }
@@ -485,7 +485,7 @@ TEST(ConfigWrite, ResultsOfRegistration) {
 TEST(ConfigWrite, AMainFileThatCannotBeMadeIsResult6) {
     writeFile("plain", "");
     setenv("ZOLTLOG_CFG_LOC", "./plain/main.conf", 1);
-    EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l"), 6U);
+    EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l"), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_EQ(IsThisLastProductConfiguration(), 0); // a file that does not open
 }
 
@@ -494,7 +494,7 @@ TEST(ConfigWrite, TheRootOfAProductIsRemoved) {
     setenv("ZOLTLOG_CFG_LOC", "main.conf", 1);
     PropertyStore store;
     ASSERT_EQ(utiOpenPropertyStore("main.conf", "5", &store), 0U);
-    EXPECT_EQ(RemoveProductRoot(nullptr, 5), 1U);
+    EXPECT_EQ(RemoveProductRoot(nullptr, 5), ZOLTLOG_STORE_INVALID_ARGUMENT);
     EXPECT_EQ(RemoveProductRoot(&store, 5), 0U);
     EXPECT_EQ(readFile("main.conf"), "# c\n6.a=1\n");
     EXPECT_EQ(RemoveProductRoot(&store, 5), 0U); // nothing left of it

@@ -215,7 +215,7 @@ TEST(FaultConfigRewrite, AFullDiskIsStoreResult6) {
         ASSERT_EQ(utiOpenPropertyStore("s.conf", "9", &store), 0U);
         {
             Fault active(row.call, row.number, ENOSPC);
-            EXPECT_EQ(utiSetPropertyAsStr(&store, "new", "1"), 6U);
+            EXPECT_EQ(utiSetPropertyAsStr(&store, "new", "1"), ZOLTLOG_STORE_NOT_WRITTEN);
         }
         EXPECT_EQ(readFile("s.conf"), before);
         EXPECT_EQ(exists("s.conf.tmp"), row.leavesTemporary);
@@ -310,7 +310,7 @@ TEST(LongFaultConfigRewrite, TheWaitForTheLockIsBounded) {
     ASSERT_EQ(flock(held, LOCK_EX), 0);
     PropertyStore store;
     ASSERT_EQ(utiOpenPropertyStore("s.conf", "5", &store), 0U);
-    EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "2"), 6U);
+    EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "2"), ZOLTLOG_STORE_NOT_WRITTEN);
     EXPECT_EQ(readFile("s.conf"), "5.a=1\n");
     close(held);
     EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "2"), 0U);

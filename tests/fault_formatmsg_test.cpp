@@ -184,7 +184,7 @@ TEST(FaultStrncatlis, AFailingGetterOfEveryTypeFailsThePass) {
         wchar_t *wide = nullptr;
         ZoltLisIterator item = {{type == 9 ? 0u : 1u}};
         script.failAfter = 0;
-        EXPECT_EQ(1u, zoltLogGetArg_asStringW(&item, &wide)) << type;
+        EXPECT_EQ(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &wide)) << type;
         EXPECT_EQ(nullptr, wide);
     }
 }
@@ -212,9 +212,9 @@ TEST(FaultStrncatlis, AnUnknownTypeHasNoWideText) {
     script.types = {12};
     ZoltLisIterator item = {};
     wchar_t *wide = nullptr;
-    EXPECT_EQ(1u, zoltLogGetArg_asStringW(&item, &wide));
+    EXPECT_EQ(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &wide));
     script.failing = "type";
-    EXPECT_EQ(1u, zoltLogGetArg_asStringW(&item, &wide));
+    EXPECT_EQ(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &wide));
     EXPECT_EQ(nullptr, wide);
 }
 

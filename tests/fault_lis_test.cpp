@@ -166,7 +166,7 @@ TEST_F(FaultLis, AnItemThatCannotBeAddedLeavesTheBlockAsItWas) {
     ASSERT_EQ(0, qdlisBegin(&block, 0, 42));
     ASSERT_EQ(0, qdlisAddSigned(&block, 7));
     allowed = 0;
-    EXPECT_EQ(-3, qdlisAddNativeString(&block, LONG_TEXT));
+    EXPECT_EQ(ZOLTLIS_NO_MEMORY, qdlisAddNativeString(&block, LONG_TEXT));
     allowed = -1;
     EXPECT_EQ("id=42 1:7", support::describe(&block));
     EXPECT_EQ(0, qdlisAddNativeString(&block, "x"));

@@ -247,7 +247,7 @@ TEST_F(FaultListing, AnAllocationThatFailsWhileFetchingLosesNoFile) {
     failAt = all - 1;
     calls = 0;
     armed = true;
-    EXPECT_EQ(zoltLogFetchNextFile(&listing, &path), 4u);
+    EXPECT_EQ(zoltLogFetchNextFile(&listing, &path), ZOLTLOG_NO_MEMORY);
     armed = false;
     EXPECT_EQ(path, nullptr);
     ASSERT_EQ(zoltLogFetchNextFile(&listing, &path), 0u);

@@ -105,25 +105,26 @@ ZoltLisBlock blockOf(const char *format, ...) {
 TEST_F(FaultMessages, MessageCallsFreeWhatTheyMade) {
     const std::string longText(9000, 'x'); // needs a larger record
     const char *text = longText.c_str();
-    exhaust("app", [&] { return zoltLogAppMsg(&handle, 0, 1, 0, "%s %d", text, 1); });
-    exhaust("app by number", [&] { return zoltLogAppMsg(&handle, 0, 1, 42, "%s %d", text, 1); });
+    exhaust("app", [&] { return zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s %d", text, 1); });
+    exhaust("app by number",
+            [&] { return zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 42, "%s %d", text, 1); });
     exhaust("diag", [&] { return zoltLogDiagMsg(&handle, 0, 1, "mgr", 0, "%s", text); });
     exhaust("debug", [&] { return zoltLogDebugMsg(&handle, 0, 1, "mgr", "%s", text); });
     exhaust("formatted debug", [&] { return zoltLogFormattedDebugMsg(&handle, 0, 1, "mgr", text); });
     exhaust("audit", [&] { return zoltLogAuditMsg(&handle, 0, "alice", 0, 42, "%s", text); });
     exhaust("app block", [&] {
         ZoltLisBlock block = blockOf("%s", text);
-        return zoltLogAppMsg2L(&handle, 1, 0, 1, nullptr, &block);
+        return zoltLogAppMsg2L(&handle, 1, 0, ZOLTLOG_SEVERITY_WARNING, nullptr, &block);
     });
     exhaust("app text", [&] {
         ZoltLisBlock block = blockOf("%s", text);
-        return zoltLogAppMsg2L(&handle, 1, 0, 1, "ready", &block);
+        return zoltLogAppMsg2L(&handle, 1, 0, ZOLTLOG_SEVERITY_WARNING, "ready", &block);
     });
     exhaust("audit block", [&] {
         ZoltLisBlock block = blockOf("%s", text);
         return zoltLogAuditMsg2L(&handle, 1, 0, "alice", 1, &block);
     });
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 1, 0, "%s", "after all that"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "after all that"));
     for (const logs::Record &record : logs::records())
         EXPECT_TRUE(record.whole);
     EXPECT_EQ("after all that", logs::records().back().text);

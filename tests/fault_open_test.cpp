@@ -63,7 +63,7 @@ TEST_F(FaultOpen, RolloverNeedsNoMemory) {
     ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
     LogMsg msg;
     ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, std::string(1000, 'x').c_str()), 0u);
-    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 3), 0u);
+    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL), 0u);
     const support::FailingAllocation failing(0);
     EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
     EXPECT_FALSE(support::FailingAllocation::happened());

@@ -105,7 +105,7 @@ static long failEach(const std::function<void(bool mayFail)> &operation) {
 
 static LogMsg exampleMessage(const char *text) {
     LogMsg msg = {};
-    msg.recordVersion = 65544;
+    msg.recordVersion = ZOLTLOG_RECORD_VERSION_LOGSET;
     msg.type = ZOLTLOG_MSG_APP;
     msg.originatorId = 7;
     msg.messageId = 12;
@@ -331,7 +331,7 @@ TEST(FaultRead, AHeaderWithoutMemoryIsNoHeader) {
         const uint32_t result = ReadHeader(&entry, &header);
         const bool hit = mayFail && allocations >= wanted;
         EXPECT_EQ(result, hit ? 1u : 0u);
-        EXPECT_EQ(header.version, hit ? 0u : 65544u); // zeroed
+        EXPECT_EQ(header.version, hit ? 0u : ZOLTLOG_RECORD_VERSION_LOGSET); // zeroed
         zoltLogOs_close(&entry.file);
     });
 }

@@ -141,7 +141,7 @@ struct FaultWrite : testing::Test {
     }
     void openSized(uint64_t kilobytes, const char *directory = "./logs/") {
         LogCfg cfg = settings();
-        cfg.rolloverMode = 1;
+        cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
         cfg.maxFileSizeKB = kilobytes;
         strcpy(cfg.directory, directory);
         ASSERT_EQ(open(&handle, cfg), 0u);
@@ -339,7 +339,7 @@ Scenario runScenario(const char *directory) {
     Scenario scenario;
     LogHandle handle;
     LogCfg cfg = settings();
-    cfg.rolloverMode = 1;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 1;
     strcpy(cfg.directory, directory);
     scenario.results.push_back(open(&handle, cfg));

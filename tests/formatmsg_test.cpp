@@ -371,7 +371,7 @@ TEST(ListxtSvnprintf, LeavesTheTextAloneWhenTheFormatIsInvalid) {
     EXPECT_EQ(mark, text);
     EXPECT_EQ(0u, listxt_svnprintf(&text, nullptr, args));
     EXPECT_EQ(mark, text);
-    EXPECT_EQ(3u, listxt_svnprintf(nullptr, "x", args));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, listxt_svnprintf(nullptr, "x", args));
 }
 
 // ---- appending ---------------------------------------------------------------------------
@@ -419,14 +419,14 @@ TEST(Fstrncat, NullPointersAreLeftAlone) {
 TEST(GetArgAsStringW, NullPointersAreRefused) {
     wchar_t *text = nullptr;
     ZoltLisIterator item = {};
-    EXPECT_EQ(3u, zoltLogGetArg_asStringW(nullptr, &text));
-    EXPECT_EQ(3u, zoltLogGetArg_asStringW(&item, nullptr));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetArg_asStringW(nullptr, &text));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetArg_asStringW(&item, nullptr));
 }
 
 TEST(GetArgAsStringW, FailsWhereThereIsNoItem) {
     wchar_t *text = nullptr;
     ZoltLisIterator item = {};
-    EXPECT_EQ(1u, zoltLogGetArg_asStringW(&item, &text));
+    EXPECT_EQ(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &text));
     EXPECT_EQ(nullptr, text);
 }
 

@@ -51,19 +51,19 @@ struct Formatter : testing::Test {
 };
 
 TEST_F(Formatter, TheConsoleSeesTimeKindSourceAndText) {
-    msg.attr.severity = 2;
+    msg.attr.severity = ZOLTLOG_SEVERITY_ERROR;
     msg.contextToken = copy("req-17");
     EXPECT_EQ("2024-03-01 13:45:02.123+00:00 ERROR mgr [req-17]: Disk full, 2 of 3", line(0x700));
 }
 
 TEST_F(Formatter, TheSystemLogSeesTheSameWithoutTheTime) {
-    msg.attr.severity = 2;
+    msg.attr.severity = ZOLTLOG_SEVERITY_ERROR;
     msg.contextToken = copy("req-17");
     EXPECT_EQ("ERROR mgr [req-17]: Disk full, 2 of 3", line(0x600));
 }
 
 TEST_F(Formatter, EachFlagAddsOnePart) {
-    msg.attr.severity = 0;
+    msg.attr.severity = ZOLTLOG_SEVERITY_INFO;
     msg.contextToken = copy("T1");
     EXPECT_EQ("Disk full, 2 of 3", line(0));
     EXPECT_EQ("2024-03-01 13:45:02.123+00:00: Disk full, 2 of 3", line(ZOLTFORMAT_TIME));

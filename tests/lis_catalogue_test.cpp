@@ -265,9 +265,9 @@ TEST(Catalogue, IsAddedLaterAndOnlyOnce) {
 TEST(Catalogue, ThirtyTwoAreTheMost) {
     for (int i = 0; i < 32; ++i)
         EXPECT_EQ(0, qdlisAddCatalog(("/nowhere/" + std::to_string(i)).c_str())) << i;
-    EXPECT_EQ(-4, qdlisAddCatalog("/nowhere/more"));
-    EXPECT_EQ(-2, qdlisAddCatalog(nullptr));
-    EXPECT_EQ(-2, qdlisAddCatalog(""));
+    EXPECT_EQ(ZOLTLIS_FAILED, qdlisAddCatalog("/nowhere/more"));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddCatalog(nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddCatalog(""));
     EXPECT_EQ("id=1 1:7", items(0, 1, "%d", 7));
 }
 

@@ -245,7 +245,7 @@ TEST(LisBlock, FreeingAnEmptyOneIsASuccess) {
     ZoltLisBlock block = {};
     EXPECT_EQ(0, zoltLisFree(&block));
     EXPECT_TRUE(isZero(block));
-    EXPECT_EQ(-2, zoltLisFree(nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisFree(nullptr));
 }
 
 TEST(LisBlock, FreeingTwiceIsHarmless) {
@@ -312,21 +312,21 @@ TEST(LisIterator, GettersRefuseOtherTypes) {
     ZoltLisBlock *nested;
     const char *text;
     int64_t integer;
-    EXPECT_EQ(-2, zoltLisGetArg_wchar(&item, &character));
-    EXPECT_EQ(-2, zoltLisGetArg_ulonglong(&item, &natural));
-    EXPECT_EQ(-2, zoltLisGetArg_double(&item, &real));
-    EXPECT_EQ(-2, zoltLisGetArg_pointer(&item, &pointer));
-    EXPECT_EQ(-2, zoltLisGetArg_wstring(&item, &wide));
-    EXPECT_EQ(-2, zoltLisGetArg_os_error(&item, &error));
-    EXPECT_EQ(-2, zoltLisGetArg_datetime(&item, &time));
-    EXPECT_EQ(-2, zoltLisGetArg_lis(&item, &nested));
-    EXPECT_EQ(-2, zoltLisGetArg_utf8string(&item, &text));
-    EXPECT_EQ(-2, zoltLisGetArg_nativeString(&item, &text));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_wchar(&item, &character));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_ulonglong(&item, &natural));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_double(&item, &real));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_pointer(&item, &pointer));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_wstring(&item, &wide));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_os_error(&item, &error));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_datetime(&item, &time));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_lis(&item, &nested));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_utf8string(&item, &text));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_nativeString(&item, &text));
     EXPECT_EQ(0, zoltLisGetArg_longlong(&item, &integer));
     EXPECT_EQ(7, integer);
     ASSERT_EQ(0, zoltLisGetNextArg(&item));
-    EXPECT_EQ(-2, zoltLisGetArg_longlong(&item, &integer));
-    EXPECT_EQ(-2, zoltLisGetArg_utf8string(&item, &text));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_longlong(&item, &integer));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_utf8string(&item, &text));
     EXPECT_EQ(0, zoltLisGetArg_nativeString(&item, &text));
     EXPECT_STREQ("x", text);
     EXPECT_EQ(0, zoltLisFree(&block));
@@ -338,15 +338,15 @@ TEST(LisIterator, NullPointersAreRefused) {
     ZoltLisIterator item;
     uint32_t type;
     int64_t number;
-    EXPECT_EQ(-2, zoltLisGetTextId(nullptr, &number));
-    EXPECT_EQ(-2, zoltLisGetTextId(&block, nullptr));
-    EXPECT_EQ(-2, zoltLisGetArgsBegin(nullptr, &item));
-    EXPECT_EQ(-2, zoltLisGetArgsBegin(&block, nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetTextId(nullptr, &number));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetTextId(&block, nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArgsBegin(nullptr, &item));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArgsBegin(&block, nullptr));
     ASSERT_EQ(0, zoltLisGetArgsBegin(&block, &item));
-    EXPECT_EQ(-2, zoltLisGetArgTypeId(nullptr, &type));
-    EXPECT_EQ(-2, zoltLisGetArgTypeId(&item, nullptr));
-    EXPECT_EQ(-2, zoltLisGetArg_longlong(nullptr, &number));
-    EXPECT_EQ(-2, zoltLisGetArg_longlong(&item, nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArgTypeId(nullptr, &type));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArgTypeId(&item, nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_longlong(nullptr, &number));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, zoltLisGetArg_longlong(&item, nullptr));
     EXPECT_NE(0, zoltLisGetNextArg(nullptr));
     EXPECT_EQ(0, zoltLisFree(&block));
 }
@@ -389,20 +389,20 @@ TEST(BuiltBlock, GrowsWithItsItems) {
 
 TEST(BuiltBlock, RefusesNullAndEmptyArguments) {
     ZoltLisBlock empty = {};
-    EXPECT_EQ(-2, qdlisBegin(nullptr, 0, 1));
-    EXPECT_EQ(-2, qdlisAddSigned(nullptr, 1));
-    EXPECT_EQ(-2, qdlisAddSigned(&empty, 1)); // not begun
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisBegin(nullptr, 0, 1));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddSigned(nullptr, 1));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddSigned(&empty, 1)); // not begun
     ZoltLisBlock block = {};
     ASSERT_EQ(0, qdlisBegin(&block, 0, 7));
-    EXPECT_EQ(-2, qdlisAddWideString(&block, nullptr));
-    EXPECT_EQ(-2, qdlisAddUtf8String(&block, nullptr));
-    EXPECT_EQ(-2, qdlisAddNativeString(&block, nullptr));
-    EXPECT_EQ(-2, qdlisAddOsError(&block, 2, 0));
-    EXPECT_EQ(-2, qdlisAddBlock(&block, nullptr));
-    EXPECT_EQ(-2, qdlisAddBlock(&block, &block));
-    EXPECT_EQ(-2, qdlisAddBlock(&block, &empty));
-    EXPECT_EQ(-2, qdlisLookUp(nullptr));
-    EXPECT_EQ(-2, qdlisLookUp(&empty));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddWideString(&block, nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddUtf8String(&block, nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddNativeString(&block, nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddOsError(&block, 2, 0));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddBlock(&block, nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddBlock(&block, &block));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddBlock(&block, &empty));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisLookUp(nullptr));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisLookUp(&empty));
     EXPECT_EQ("id=7", describe(&block));
     EXPECT_EQ(0, zoltLisFree(&block));
 }
@@ -418,7 +418,7 @@ TEST(BuiltBlock, NestsToTheLimitAndNoDeeper) {
     }
     ZoltLisBlock outer = {};
     ASSERT_EQ(0, qdlisBegin(&outer, 0, 0));
-    EXPECT_EQ(-2, qdlisAddBlock(&outer, &block));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisAddBlock(&outer, &block));
     EXPECT_FALSE(isZero(block));
     EXPECT_EQ(0, zoltLisFree(&outer));
     EXPECT_EQ(0, zoltLisFree(&block));
@@ -451,8 +451,9 @@ TEST(PatternArguments, AreCutToTheBuffer) {
 TEST(PatternArguments, OfInvalidPatternsAreRefused) {
     char letters[16];
     for (const char *pattern : {"%n", "%1$n", "%m", "%", "%q", "%1$s %s", "%1$s %1$d", "%9999$d", "%y"})
-        EXPECT_EQ(-2, qdlisPatternArguments(pattern, letters, sizeof letters)) << pattern;
-    EXPECT_EQ(-2, qdlisPatternArguments(nullptr, letters, sizeof letters));
-    EXPECT_EQ(-2, qdlisPatternArguments("x", nullptr, 4));
-    EXPECT_EQ(-2, qdlisPatternArguments("x", letters, 0));
+        EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisPatternArguments(pattern, letters, sizeof letters))
+            << pattern;
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisPatternArguments(nullptr, letters, sizeof letters));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisPatternArguments("x", nullptr, 4));
+    EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisPatternArguments("x", letters, 0));
 }

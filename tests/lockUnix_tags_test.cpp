@@ -115,12 +115,14 @@ TEST_F(LockTagsInUse, AreThoseOfTheOperations) {
          [&] {
              LogMsg msg;
              EXPECT_EQ(0u, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "text"));
-             EXPECT_EQ(0u, zoltLogSetAppAttrEx(&msg, "mgr", 3));
+             EXPECT_EQ(0u, zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL));
              EXPECT_EQ(0u, zoltLogMsg(&handle, 0, &msg));
              zoltLogFreeMsg(&msg);
          }},
         {"zoltLogAppMsg2LEx()",
-         [&] { EXPECT_EQ(0u, zoltLogAppMsg2LEx(&handle, 1, 0, 1, "mgr", "text", &block)); }},
+         [&] {
+             EXPECT_EQ(0u, zoltLogAppMsg2LEx(&handle, 1, 0, ZOLTLOG_SEVERITY_WARNING, "mgr", "text", &block));
+         }},
         {"zoltLogDiagMsg2L()",
          [&] {
              handle.diagLevel = 4;

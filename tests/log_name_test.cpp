@@ -170,19 +170,21 @@ TEST(LogName, WhatTheRestDoesNotTellIsLeft) {
 // ---- the header line -----------------------------------------------------------------
 
 TEST(HeaderLineForms, EveryLineIsReadBackByBothReadings) {
-    const uint64_t versions[] = {65540, 65541, 65542, 65543, 65544};
+    const uint64_t versions[] = {ZOLTLOG_RECORD_VERSION_OLDEST, ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO,
+                                 ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX,
+                                 ZOLTLOG_RECORD_VERSION_ORIGINATOR, ZOLTLOG_RECORD_VERSION_LOGSET};
     for (int i = 0; i < 20000; ++i) {
         HeaderLine header = {};
         header.version = versions[i % 5];
         const std::string host(static_cast<size_t>(between(1, 511)), static_cast<char>(between('!', '~')));
         header.host = host.c_str();
         header.hostLength = host.size();
-        if (header.version != 65544) {
+        if (header.version != ZOLTLOG_RECORD_VERSION_LOGSET) {
             header.product = anyNumber();
             header.originator = anyNumber();
             header.created = anyNumber();
         }
-        header.hasZone = header.version >= 65543;
+        header.hasZone = header.version >= ZOLTLOG_RECORD_VERSION_ORIGINATOR;
         if (header.hasZone)
             header.zone = static_cast<int64_t>(anyNumber()) * (chance() % 2 != 0 ? 1 : -1);
         const std::string line = lineOf(header);

@@ -16,7 +16,7 @@ TEST(OsLogSettings, TheDefaultsAreIdentityAndUserFacility) {
         EXPECT_EQ('\0', settings.ident[index]);
     EXPECT_EQ(0u, settings.option);
     EXPECT_EQ(8u, settings.facility);
-    EXPECT_EQ(-3, osLogInitCfg(nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, osLogInitCfg(nullptr));
 }
 
 TEST(OsLogSettings, CopyingSettingsLeavesTheOptionsAtZero) {
@@ -48,8 +48,8 @@ TEST(OsLogSettings, CopyingToItselfKeepsTheIdentity) {
 
 TEST(OsLogSettings, CopyingNeedsBothRecords) {
     OsLogSettings settings = {};
-    EXPECT_EQ(-3, osLogCopyCfg(nullptr, &settings));
-    EXPECT_EQ(-3, osLogCopyCfg(&settings, nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, osLogCopyCfg(nullptr, &settings));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, osLogCopyCfg(&settings, nullptr));
 }
 
 struct OsLog : testing::Test {
@@ -88,7 +88,7 @@ TEST_F(OsLog, AnIdentityThatFillsItsFieldIsCutToStayTerminated) {
 
 TEST_F(OsLog, ClosingClosesTheSystemLog) {
     OsLogSink sink = {};
-    EXPECT_EQ(-3, osLogClose(nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, osLogClose(nullptr));
     EXPECT_EQ(0, sinks::closed);
     EXPECT_EQ(0, osLogClose(&sink));
     EXPECT_EQ(1, sinks::closed);
@@ -130,8 +130,8 @@ TEST_F(OsLog, OnlyApplicationAndSecureAuditMessagesAreSent) {
 TEST_F(OsLog, WritingChecksItsArguments) {
     LogHandle handle = {};
     LogMsg msg = {};
-    EXPECT_EQ(-3, osLogWrite(nullptr, &msg));
-    EXPECT_EQ(-3, osLogWrite(&handle, nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, osLogWrite(nullptr, &msg));
+    EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, osLogWrite(&handle, nullptr));
 }
 
 TEST_F(OsLog, AFailingPlugInFailsTheWrite) {
@@ -141,11 +141,11 @@ TEST_F(OsLog, AFailingPlugInFailsTheWrite) {
     msg.type = ZOLTLOG_MSG_APP;
     msg.text = text;
     sinks::formatter = sinks::testFormatter("failing");
-    EXPECT_EQ(-1, osLogWrite(&handle, &msg));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, osLogWrite(&handle, &msg));
     sinks::formatter = sinks::testFormatter("no_entry");
-    EXPECT_EQ(-1, osLogWrite(&handle, &msg));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, osLogWrite(&handle, &msg));
     sinks::formatter = "";
-    EXPECT_EQ(-1, osLogWrite(&handle, &msg));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, osLogWrite(&handle, &msg));
     sinks::formatter = sinks::testFormatter("no_text");
     EXPECT_EQ(0, osLogWrite(&handle, &msg));
     EXPECT_TRUE(sinks::sent.empty());
@@ -157,7 +157,7 @@ struct SecureAudit : OsLog {
         cfg.productId = 5;
         cfg.originatorId = 7;
         handle.cfgCopy = &cfg;
-        handle.outputFlags = 68;
+        handle.outputFlags = ZOLTLOG_OUT_OSLOG | ZOLTLOG_OUT_OSLOGX;
         msg.type = ZOLTLOG_MSG_SECURE_AUDIT;
         msg.messageId = 12;
         msg.processId = 4242;
@@ -204,14 +204,14 @@ TEST_F(SecureAudit, WithoutAConfigurationCopyTheIdsAreZero) {
 }
 
 TEST_F(SecureAudit, WithoutFlag64TheTextGoesAlone) {
-    handle.outputFlags = 4;
+    handle.outputFlags = ZOLTLOG_OUT_OSLOG;
     const sinks::Sent &sent = write();
     EXPECT_EQ(2, sent.priority);
     EXPECT_EQ("removed %s user %n", sent.text);
 }
 
 TEST_F(SecureAudit, TheFlagIsReadFromTheHandleNotFromTheCall) {
-    handle.outputFlags = 4;
+    handle.outputFlags = ZOLTLOG_OUT_OSLOG;
     EXPECT_EQ(0u, LogOutputBasedOnFlags(&handle, &msg, 68));
     EXPECT_EQ("removed %s user %n", sinks::sent.at(0).text);
 }
@@ -225,9 +225,9 @@ TEST_F(SecureAudit, AVeryLongTextIsSentWhole) {
 TEST(OsLogIsFullPath, ASlashInFrontMakesAPathFull) {
     EXPECT_EQ(0, osLogIsFullPath("/var/log"));
     EXPECT_EQ(0, osLogIsFullPath("/"));
-    EXPECT_EQ(-1, osLogIsFullPath("var/log"));
-    EXPECT_EQ(-1, osLogIsFullPath(""));
-    EXPECT_EQ(-1, osLogIsFullPath(nullptr));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, osLogIsFullPath("var/log"));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, osLogIsFullPath(""));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, osLogIsFullPath(nullptr));
 }
 
 } // namespace

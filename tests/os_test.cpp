@@ -365,7 +365,7 @@ TEST(OsFileHandle, RemoveRemovesFilesAndEmptyDirectories) {
     EXPECT_EQ(0, zoltLogOs_remove("d"));
     EXPECT_FALSE(support::exists("f"));
     EXPECT_FALSE(support::exists("d"));
-    EXPECT_EQ(-1, zoltLogOs_remove("f"));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, zoltLogOs_remove("f"));
 }
 
 // ---- opening -----------------------------------------------------------------------------
@@ -908,7 +908,7 @@ TEST(HostName, IsTheSystems) {
     EXPECT_EQ(0, osGetHostName(name, sizeof name));
     EXPECT_STREQ("some-host", name);
     hostNameFails = true;
-    EXPECT_EQ(-1, osGetHostName(name, sizeof name));
+    EXPECT_EQ(ZOLTLOG_OS_FAILED, osGetHostName(name, sizeof name));
     EXPECT_EQ(ZOLTLOG_OS_INVALID_ARGUMENT, osGetHostName(nullptr, 10));
 }
 

@@ -114,7 +114,7 @@ void expectConsecutiveCounters() {
 }
 
 LogCfg sized(LogCfg cfg, uint64_t kilobytes) {
-    cfg.rolloverMode = 1;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = kilobytes;
     return cfg;
 }

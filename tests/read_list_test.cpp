@@ -162,8 +162,8 @@ LogQueryNode join(int32_t op, LogQueryNode *left, LogQueryNode *right) {
 
 TEST_F(Listing, MissingArgumentsAreInvalid) {
     LogCfg *one = nullptr;
-    EXPECT_EQ(GetLogFiles(nullptr, 1, &listing), 3u);
-    EXPECT_EQ(GetLogFiles(&one, 1, nullptr), 3u);
+    EXPECT_EQ(GetLogFiles(nullptr, 1, &listing), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(GetLogFiles(&one, 1, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(list_log_files(nullptr, &one, 1), -1);
 }
 
@@ -173,7 +173,7 @@ TEST_F(Listing, CountZeroListsNothing) {
     LogFileEntry stale = {};
     listing.files = &stale;
     listing.next = &stale;
-    EXPECT_EQ(GetLogFiles(cfgs.data(), 0, &listing), 45u);
+    EXPECT_EQ(GetLogFiles(cfgs.data(), 0, &listing), ZOLTLOG_NO_LOG_FILES);
     EXPECT_EQ(listing.files, nullptr);
     EXPECT_EQ(listing.next, &stale); // the fetch position is set on success only
     listing.next = nullptr;

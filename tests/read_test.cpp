@@ -154,16 +154,16 @@ static uint32_t readHeaderOf(const std::string &bytes) {
 
 TEST(ReadHeaderEx, OriginatorHeader) {
     EXPECT_EQ(readHeaderOf("$Header 65543,101,7,1400000000,-18000,hostA\n"), 0u);
-    EXPECT_HEADER(65543, 101, 7, 1400000000, -18000, "hostA");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 101, 7, 1400000000, -18000, "hostA");
     EXPECT_EQ(readHeaderOf("$Header 65543,5,7,1709300702,3600,hostA\nrecord\n"), 0u);
-    EXPECT_HEADER(65543, 5, 7, 1709300702, 3600, "hostA");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 5, 7, 1709300702, 3600, "hostA");
 }
 
 TEST(ReadHeaderEx, LogSetHeader) {
     EXPECT_EQ(readHeaderOf("$Header 65544,3600,hostB\n"), 0u);
-    EXPECT_HEADER(65544, 0, 0, 0, 3600, "hostB");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, 3600, "hostB");
     EXPECT_EQ(readHeaderOf("$Header 65544,-18000,hostB\n"), 0u);
-    EXPECT_HEADER(65544, 0, 0, 0, -18000, "hostB");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, -18000, "hostB");
 }
 
 TEST(ReadHeaderEx, OlderHeadersHaveNoOffset) {
@@ -226,42 +226,43 @@ TEST(ReadHeaderEx, AShortHeaderLeavesTheRestZero) {
     };
     for (const auto &c : cases) {
         EXPECT_EQ(readHeaderOf(c.line), 0u) << c.line;
-        EXPECT_HEADER(65543, c.product, c.originator, c.created, c.offset, c.host);
+        EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, c.product, c.originator, c.created, c.offset,
+                      c.host);
     }
     EXPECT_EQ(readHeaderOf("$Header 65544\n"), 0u);
-    EXPECT_HEADER(65544, 0, 0, 0, -1, "");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, -1, "");
     EXPECT_EQ(readHeaderOf("$Header 65544,\n"), 0u);
-    EXPECT_HEADER(65544, 0, 0, 0, -1, "");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, -1, "");
     EXPECT_EQ(readHeaderOf("$Header 65544,7200\n"), 0u);
-    EXPECT_HEADER(65544, 0, 0, 0, 7200, "");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, 7200, "");
     EXPECT_EQ(readHeaderOf("$Header 65540,1,2\n"), 0u);
-    EXPECT_HEADER(65540, 1, 2, 0, -1, "");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_OLDEST, 1, 2, 0, -1, "");
 }
 
 TEST(ReadHeaderEx, BlanksAndSignsAreTakenAsScanfTakesThem) {
     EXPECT_EQ(readHeaderOf("  \t$Header \t 65543, 101,\t7,+14, -60,   host more words\n"), 0u);
-    EXPECT_HEADER(65543, 101, 7, 14, -60, "host");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 101, 7, 14, -60, "host");
     EXPECT_EQ(readHeaderOf("$Header\r65543,1,2,3,4,host\r\n"), 0u); // a CR is read as a line feed
-    EXPECT_HEADER(65543, 1, 2, 3, 4, "host");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 1, 2, 3, 4, "host");
     EXPECT_EQ(readHeaderOf("$Header 65543,-1,2,3,4,host\n"), 0u);
-    EXPECT_HEADER(65543, UINT64_MAX, 2, 3, 4, "host");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, UINT64_MAX, 2, 3, 4, "host");
     EXPECT_EQ(readHeaderOf("$Header 65543,+ 1,2,3,4,host\n"), 0u);
-    EXPECT_HEADER(65543, 0, 0, 0, -1, "");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 0, 0, 0, -1, "");
 }
 
 TEST(ReadHeaderEx, NumbersAreWholeAndSaturate) {
     EXPECT_EQ(readHeaderOf("$Header 65543,18446744073709551615,18446744073709551614,9999999999,"
                            "-9223372036854775808,h\n"),
               0u);
-    EXPECT_HEADER(65543, UINT64_MAX, UINT64_MAX - 1, 9999999999, INT64_MIN, "h");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, UINT64_MAX, UINT64_MAX - 1, 9999999999, INT64_MIN, "h");
     EXPECT_EQ(readHeaderOf("$Header 65543,18446744073709551616,99999999999999999999999,1,"
                            "9223372036854775808,h\n"),
               0u);
-    EXPECT_HEADER(65543, UINT64_MAX, UINT64_MAX, 1, INT64_MAX, "h");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, UINT64_MAX, UINT64_MAX, 1, INT64_MAX, "h");
     EXPECT_EQ(readHeaderOf("$Header 65543,1,2,3,-9223372036854775809,h\n"), 0u);
-    EXPECT_HEADER(65543, 1, 2, 3, INT64_MIN, "h");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 1, 2, 3, INT64_MIN, "h");
     EXPECT_EQ(readHeaderOf("$Header 65544,-18446744073709551616,h\n"), 0u);
-    EXPECT_HEADER(65544, 0, 0, 0, -1, "h");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, -1, "h");
 }
 
 TEST(ReadHeaderEx, TheHostNameIsCutToItsField) {
@@ -283,20 +284,20 @@ TEST(ReadHeaderEx, ReadingStopsAtTheBoundOfALine) {
     OsFile endless; // a device that never ends
     zoltLogOs_initfilehandle(&endless);
     ASSERT_EQ(zoltLogOs_open(&endless, "/dev/zero", 1, 0660), 0);
-    EXPECT_EQ(ReadHeaderEx(&endless, &header), 1u);
+    EXPECT_EQ(ReadHeaderEx(&endless, &header), ZOLTLOG_FAILED);
     zoltLogOs_close(&endless);
 }
 
 TEST(ReadHeaderEx, ChecksItsPointers) {
     Opened opened("$Header 65544,3600,hostB\n");
-    EXPECT_EQ(ReadHeaderEx(nullptr, &header), 3u);
-    EXPECT_EQ(ReadHeaderEx(&opened.file, nullptr), 3u);
+    EXPECT_EQ(ReadHeaderEx(nullptr, &header), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(ReadHeaderEx(&opened.file, nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST(ReadHeaderEx, AFileThatCannotBeReadHasNoHeader) {
     OsFile file;
     zoltLogOs_initfilehandle(&file);
-    EXPECT_EQ(ReadHeaderEx(&file, &header), 1u);
+    EXPECT_EQ(ReadHeaderEx(&file, &header), ZOLTLOG_FAILED);
     EXPECT_HEADER(0, 0, 0, 0, 0, "");
 }
 
@@ -306,7 +307,7 @@ TEST(ReadHeaderEx, ReadingStartsAtTheFilesOffset) {
     opened.file.readPosition = 0; // something stale is buffered
     opened.file.readCount = 3;
     EXPECT_EQ(ReadHeaderEx(&opened.file, &header), 0u);
-    EXPECT_HEADER(65544, 0, 0, 0, 3600, "hostB");
+    EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, 3600, "hostB");
     TextBuffer buffer;
     init_text_msg(&buffer);
     EXPECT_EQ(readrecord(&opened.file, &buffer), 1); // and goes on behind the header
@@ -335,10 +336,10 @@ TEST(ReadHeader, CopiesVersionAndOffsetIntoTheEntry) {
         const char *line;
         uint64_t version;
         int64_t offset;
-    } cases[] = {{"$Header 65543,101,7,1400000000,-18000,hostA\n", 65543, -18000},
-                 {"$Header 65544,3600,hostB\n", 65544, 3600},
-                 {"$Header 65540,101,7,1400000000,hostA\n", 65540, -1},
-                 {"$Header 65542,101,7,1400000000,hostA\n", 65542, -1}};
+    } cases[] = {{"$Header 65543,101,7,1400000000,-18000,hostA\n", ZOLTLOG_RECORD_VERSION_ORIGINATOR, -18000},
+                 {"$Header 65544,3600,hostB\n", ZOLTLOG_RECORD_VERSION_LOGSET, 3600},
+                 {"$Header 65540,101,7,1400000000,hostA\n", ZOLTLOG_RECORD_VERSION_OLDEST, -1},
+                 {"$Header 65542,101,7,1400000000,hostA\n", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX, -1}};
     for (const auto &c : cases) {
         LogFileEntry *entry = entryOf(c.line);
         memset(&header, 0x55, sizeof header);
@@ -354,7 +355,7 @@ TEST(ReadHeader, CopiesVersionAndOffsetIntoTheEntry) {
 TEST(ReadHeader, AnEmptyFileLeavesTheHeaderAlone) {
     LogFileEntry *entry = entryOf("");
     memset(&header, 0x55, sizeof header);
-    EXPECT_EQ(ReadHeader(entry, &header), 1u);
+    EXPECT_EQ(ReadHeader(entry, &header), ZOLTLOG_FAILED);
     EXPECT_EQ(header.version, 0x5555555555555555u);
     EXPECT_EQ(entry->headerVersion, 9u);
     closeEntry(entry);
@@ -364,7 +365,7 @@ TEST(ReadHeader, AReadErrorIsNoHeaderAndZeroesIt) {
     LogFileEntry *entry = entryOf("");
     zoltLogOs_close(&entry->file);
     memset(&header, 0x55, sizeof header);
-    EXPECT_EQ(ReadHeader(entry, &header), 1u);
+    EXPECT_EQ(ReadHeader(entry, &header), ZOLTLOG_FAILED);
     EXPECT_HEADER(0, 0, 0, 0, -1, "");
     EXPECT_EQ(entry->tzOffset, -1);
     closeEntry(entry);
@@ -372,12 +373,12 @@ TEST(ReadHeader, AReadErrorIsNoHeaderAndZeroesIt) {
 
 TEST(ReadHeader, UnusableHeadersLeaveTheVersionOfTheEntry) {
     LogFileEntry *entry = entryOf("$Header 65545,1,2,3,4,h\n");
-    EXPECT_EQ(ReadHeader(entry, &header), 48u);
+    EXPECT_EQ(ReadHeader(entry, &header), ZOLTLOG_UNSUPPORTED_HEADER);
     EXPECT_EQ(entry->headerVersion, 9u);
     EXPECT_EQ(entry->tzOffset, -1);
     closeEntry(entry);
     entry = entryOf("$Headers 65543,1,2,3,4,h\n");
-    EXPECT_EQ(ReadHeader(entry, &header), 1u);
+    EXPECT_EQ(ReadHeader(entry, &header), ZOLTLOG_FAILED);
     EXPECT_EQ(entry->headerVersion, 9u);
     EXPECT_EQ(entry->tzOffset, -1);
     closeEntry(entry);
@@ -385,9 +386,9 @@ TEST(ReadHeader, UnusableHeadersLeaveTheVersionOfTheEntry) {
 
 TEST(ReadHeader, ChecksEachPointer) {
     LogFileEntry *entry = entryOf("$Header 65544,3600,hostB\n");
-    EXPECT_EQ(ReadHeader(nullptr, nullptr), 3u);
-    EXPECT_EQ(ReadHeader(entry, nullptr), 3u);
-    EXPECT_EQ(ReadHeader(nullptr, &header), 3u);
+    EXPECT_EQ(ReadHeader(nullptr, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(ReadHeader(entry, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(ReadHeader(nullptr, &header), ZOLTLOG_INVALID_ARGUMENT);
     closeEntry(entry);
 }
 

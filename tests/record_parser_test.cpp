@@ -143,7 +143,7 @@ static std::ostream &operator<<(std::ostream &out, const Refused &refused) {
     return out << tools::damageText(refused.damage) << " at " << refused.at;
 }
 
-static Refused refused(std::string_view line, uint64_t version = 65543) {
+static Refused refused(std::string_view line, uint64_t version = ZOLTLOG_RECORD_VERSION_ORIGINATOR) {
     Record record;
     Fault fault;
     EXPECT_FALSE(tools::parseRecord(line, version, record, fault)) << line;
@@ -153,8 +153,8 @@ static Refused refused(std::string_view line, uint64_t version = 65543) {
 // ---- records -------------------------------------------------------------------
 
 TEST(RecordParser, ReadsARecordOfAnOriginatorsFile) {
-    const Record record = parsed(Example43, 65543);
-    EXPECT_EQ(record.type, 2u);
+    const Record record = parsed(Example43, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    EXPECT_EQ(record.type, ZOLTLOG_MSG_APP);
     EXPECT_EQ(record.product, 5u);
     EXPECT_EQ(record.originator, 7u);
     EXPECT_EQ(record.fileOriginator, 7u);
@@ -172,8 +172,8 @@ TEST(RecordParser, ReadsARecordOfAnOriginatorsFile) {
 }
 
 TEST(RecordParser, ReadsARecordOfALogSetsFile) {
-    const Record record = parsed(Example44, 65544);
-    EXPECT_EQ(record.type, 2u);
+    const Record record = parsed(Example44, ZOLTLOG_RECORD_VERSION_LOGSET);
+    EXPECT_EQ(record.type, ZOLTLOG_MSG_APP);
     EXPECT_EQ(record.product, 0u);
     EXPECT_EQ(record.originator, 7u);
     EXPECT_EQ(record.messageId, 12u);
@@ -186,30 +186,30 @@ TEST(RecordParser, ReadsARecordOfALogSetsFile) {
 
 TEST(RecordParser, EveryTypeHasItsFields) {
     const std::string prefix = ",5,7,8,1,1000,2,3,4:job7,2:hi,";
-    const Record debug = parsed("0" + prefix + "3:net,6", 65543);
-    EXPECT_EQ(debug.type, 0u);
+    const Record debug = parsed("0" + prefix + "3:net,6", ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    EXPECT_EQ(debug.type, ZOLTLOG_MSG_DEBUG);
     EXPECT_EQ(debug.context, "job7");
     EXPECT_EQ(debug.who, "net");
     EXPECT_EQ(debug.number, 6);
     EXPECT_EQ(debug.block, "");
-    const Record diagnostic = parsed("1" + prefix + "3:net,4,(0|)", 65543);
-    EXPECT_EQ(diagnostic.type, 1u);
+    const Record diagnostic = parsed("1" + prefix + "3:net,4,(0|)", ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    EXPECT_EQ(diagnostic.type, ZOLTLOG_MSG_DIAG);
     EXPECT_EQ(diagnostic.fileOriginator, 8u);
     EXPECT_EQ(diagnostic.number, 4);
     EXPECT_EQ(diagnostic.block, "(0|)");
-    const Record context = parsed("3" + prefix + "5:title,(12|i32:-5|)", 65543);
-    EXPECT_EQ(context.type, 3u);
+    const Record context = parsed("3" + prefix + "5:title,(12|i32:-5|)", ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    EXPECT_EQ(context.type, ZOLTLOG_MSG_CONTEXT);
     EXPECT_EQ(context.who, "title");
     EXPECT_FALSE(context.hasNumber);
     EXPECT_EQ(context.block, "(12|i32:-5|)");
-    const Record audit = parsed("4" + prefix + "5:alice,-1,(0|)", 65543);
-    EXPECT_EQ(audit.type, 4u);
+    const Record audit = parsed("4" + prefix + "5:alice,-1,(0|)", ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    EXPECT_EQ(audit.type, ZOLTLOG_MSG_AUDIT);
     EXPECT_EQ(audit.who, "alice");
     EXPECT_EQ(audit.number, -1);
 }
 
 TEST(RecordParser, EmptyStringsAreEmpty) {
-    const Record record = parsed("2,5,7,7,1,1,1,1,0:,0:,0:,0,(0|)", 65543);
+    const Record record = parsed("2,5,7,7,1,1,1,1,0:,0:,0:,0,(0|)", ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(record.context, "");
     EXPECT_EQ(record.text, "");
     EXPECT_EQ(record.who, "");
@@ -217,7 +217,8 @@ TEST(RecordParser, EmptyStringsAreEmpty) {
 }
 
 TEST(RecordParser, TextsMayHoldWhatLooksLikeFields) {
-    const Record record = parsed("2,5,7,7,1,1,1,1,0:,15:x,3:mgr,3,(0|) ,5:a,b,c,2,(0|)", 65543);
+    const Record record =
+        parsed("2,5,7,7,1,1,1,1,0:,15:x,3:mgr,3,(0|) ,5:a,b,c,2,(0|)", ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(record.text, "x,3:mgr,3,(0|) ");
     EXPECT_EQ(record.who, "a,b,c");
     EXPECT_EQ(record.number, 2);
@@ -226,7 +227,7 @@ TEST(RecordParser, TextsMayHoldWhatLooksLikeFields) {
 TEST(RecordParser, LargestAndSmallestNumbersAreRead) {
     const Record record = parsed("2,18446744073709551615,18446744073709551615,0,18446744073709551615,"
                                  "-9223372036854775808,18446744073709551615,0,0:,0:,0:,0,(0|)",
-                                 65543);
+                                 ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(record.product, UINT64_MAX);
     EXPECT_EQ(record.messageId, UINT64_MAX);
     EXPECT_EQ(record.time, INT64_MIN);
@@ -237,9 +238,9 @@ TEST(RecordParser, LargestAndSmallestNumbersAreRead) {
 }
 
 TEST(RecordParser, OldApplicationRecordsHaveNoWho) {
-    for (const uint64_t version : {65540u, 65541u}) {
+    for (const uint64_t version : {ZOLTLOG_RECORD_VERSION_OLDEST, ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO}) {
         const Record record = parsed("3:ctx,4:text,2,(0|)", version);
-        EXPECT_EQ(record.type, 2u);
+        EXPECT_EQ(record.type, ZOLTLOG_MSG_APP);
         EXPECT_EQ(record.context, "ctx");
         EXPECT_EQ(record.text, "text");
         EXPECT_EQ(record.who, "");
@@ -249,20 +250,25 @@ TEST(RecordParser, OldApplicationRecordsHaveNoWho) {
 }
 
 TEST(RecordParser, RecordsWithoutPrefixAreToldApartByTheirFields) {
-    EXPECT_EQ(parsed("0:,4:text,3:who,6", 65540).type, 0u);        // no block: debug
-    EXPECT_EQ(parsed("0:,4:text,5:title,(3|)", 65541).type, 3u);   // no number: context
-    EXPECT_EQ(parsed("0:,4:text,3:who,2,(0|)", 65540).type, 255u); // diagnostic or audit
-    const Record record = parsed("0:,4:text,3:mgr,2,(0|)", 65542);
-    EXPECT_EQ(record.type, 255u);
+    EXPECT_EQ(parsed("0:,4:text,3:who,6", ZOLTLOG_RECORD_VERSION_OLDEST).type,
+              ZOLTLOG_MSG_DEBUG); // no block: debug
+    EXPECT_EQ(parsed("0:,4:text,5:title,(3|)", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO).type,
+              ZOLTLOG_MSG_CONTEXT); // no number: context
+    EXPECT_EQ(parsed("0:,4:text,3:who,2,(0|)", ZOLTLOG_RECORD_VERSION_OLDEST).type,
+              tools::TypeUnknown); // diagnostic or audit
+    const Record record = parsed("0:,4:text,3:mgr,2,(0|)", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX);
+    EXPECT_EQ(record.type, tools::TypeUnknown);
     EXPECT_EQ(record.who, "mgr");
     EXPECT_EQ(record.number, 2);
-    EXPECT_EQ(parsed("0:,4:text,3:who,6", 65542).type, 0u);
-    EXPECT_EQ(refused("0:,4:text,2,(0|)", 65542), (Refused{Damage::BadLength, 10}));
+    EXPECT_EQ(parsed("0:,4:text,3:who,6", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX).type,
+              ZOLTLOG_MSG_DEBUG);
+    EXPECT_EQ(refused("0:,4:text,2,(0|)", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX),
+              (Refused{Damage::BadLength, 10}));
 }
 
 TEST(RecordParser, WithoutAHeaderTheNumbersTellTheVersion) {
-    EXPECT_EQ(parsed(Example43, 0).version, 65543u);
-    EXPECT_EQ(parsed(Example44, 0).version, 65544u);
+    EXPECT_EQ(parsed(Example43, 0).version, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    EXPECT_EQ(parsed(Example44, 0).version, ZOLTLOG_RECORD_VERSION_LOGSET);
     EXPECT_EQ(parsed(Example44, 0).messageId, 12u);
 }
 
@@ -288,20 +294,20 @@ TEST(RecordParser, DamageIsNamedWithItsPlace) {
 
 TEST(RecordParser, NoCutOfARecordIsTakenForARecord) {
     const std::string line = "3,5,7,7,1,1,1,1,2:ab,4:text,5:title,(1|A3:abc|(2|i32:1|),)";
-    parsed(line, 65543);
+    parsed(line, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     for (size_t length = 0; length < line.size(); ++length)
         refused(line.substr(0, length));
 }
 
 TEST(RecordParser, TimeAloneIsReadFromThePrefix) {
     int64_t time = 0;
-    EXPECT_TRUE(tools::parseRecordTime(Example43, 65543, time));
+    EXPECT_TRUE(tools::parseRecordTime(Example43, ZOLTLOG_RECORD_VERSION_ORIGINATOR, time));
     EXPECT_EQ(time, 1700000000123);
     time = 0;
-    EXPECT_TRUE(tools::parseRecordTime(Example44, 65544, time));
+    EXPECT_TRUE(tools::parseRecordTime(Example44, ZOLTLOG_RECORD_VERSION_LOGSET, time));
     EXPECT_EQ(time, 1700000000123);
-    EXPECT_FALSE(tools::parseRecordTime("0:,0:,2,(0|)", 65541, time));
-    EXPECT_FALSE(tools::parseRecordTime("2,5,7,7,12", 65543, time));
+    EXPECT_FALSE(tools::parseRecordTime("0:,0:,2,(0|)", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO, time));
+    EXPECT_FALSE(tools::parseRecordTime("2,5,7,7,12", ZOLTLOG_RECORD_VERSION_ORIGINATOR, time));
 }
 
 TEST(RecordParser, ARecordGluedToATornOneIsFound) {
@@ -309,15 +315,16 @@ TEST(RecordParser, ARecordGluedToATornOneIsFound) {
         const std::string line = Example43.substr(0, cut) + Example43;
         Record record;
         Fault fault;
-        ASSERT_FALSE(tools::parseRecord(line, 65543, record, fault)) << line;
+        ASSERT_FALSE(tools::parseRecord(line, ZOLTLOG_RECORD_VERSION_ORIGINATOR, record, fault)) << line;
         size_t at = 0;
-        ASSERT_TRUE(tools::salvageRecord(line, 65543, record, at)) << line;
+        ASSERT_TRUE(tools::salvageRecord(line, ZOLTLOG_RECORD_VERSION_ORIGINATOR, record, at)) << line;
         EXPECT_EQ(at, cut);
         EXPECT_EQ(record.line, Example43);
     }
     Record record;
     size_t at = 0;
-    EXPECT_FALSE(tools::salvageRecord(Example43.substr(0, 40), 65543, record, at));
+    EXPECT_FALSE(
+        tools::salvageRecord(Example43.substr(0, 40), ZOLTLOG_RECORD_VERSION_ORIGINATOR, record, at));
 }
 
 // ---- argument blocks -----------------------------------------------------------
@@ -538,7 +545,8 @@ void roundTrip(int rounds) {
     ASSERT_TRUE(support::useLocale("en_US.UTF-8"));
     std::setlocale(LC_NUMERIC, "C");
     for (int round = 0; round < rounds; ++round) {
-        const uint64_t version = below(2) == 0 ? 65543 : 65544;
+        const uint64_t version =
+            below(2) == 0 ? ZOLTLOG_RECORD_VERSION_ORIGINATOR : ZOLTLOG_RECORD_VERSION_LOGSET;
         const std::string context = randomBytes(8);
         const std::string text = randomBytes(below(20) == 0 ? 9000 : 60);
         const std::string who = randomBytes(10);
@@ -574,7 +582,7 @@ void roundTrip(int rounds) {
         if (testing::Test::HasFailure())
             return;
         EXPECT_EQ(record.type, msg.type);
-        if (version == 65543) {
+        if (version == ZOLTLOG_RECORD_VERSION_ORIGINATOR) {
             EXPECT_EQ(record.product, msg.productId);
             EXPECT_EQ(record.fileOriginator, msg.fileOriginatorId);
         }
@@ -666,7 +674,7 @@ TEST(FileNames, OtherNamesAreRefused) {
 TEST(Headers, AllVersionsAreRead) {
     Header header;
     ASSERT_EQ(tools::parseHeader("$Header 65543,5,7,1709300702,-7200,hostA", header), HeaderResult::Ok);
-    EXPECT_EQ(header.version, 65543u);
+    EXPECT_EQ(header.version, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(header.product, 5u);
     EXPECT_EQ(header.originator, 7u);
     EXPECT_EQ(header.created, 1709300702);
@@ -674,7 +682,7 @@ TEST(Headers, AllVersionsAreRead) {
     EXPECT_EQ(header.offset, -7200);
     EXPECT_EQ(header.host, "hostA");
     ASSERT_EQ(tools::parseHeader("$Header 65544,3600,hostB", header), HeaderResult::Ok);
-    EXPECT_EQ(header.version, 65544u);
+    EXPECT_EQ(header.version, ZOLTLOG_RECORD_VERSION_LOGSET);
     EXPECT_EQ(header.product, 0u);
     EXPECT_EQ(header.created, 0);
     EXPECT_EQ(header.offset, 3600);
@@ -714,7 +722,7 @@ TEST(RecordFile, RecordsComeWithTheirOffsets) {
     support::writeFile(LogName, HeaderLine + record(1, 1000) + "\n" + record(2, 2000) + "\n");
     RecordFile file;
     ASSERT_TRUE(file.open(LogName));
-    EXPECT_EQ(file.header.version, 65543u);
+    EXPECT_EQ(file.header.version, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(file.header.host, "hostA");
     EXPECT_EQ(file.name.product, 5u);
     ASSERT_EQ(file.next(), RecordFile::Got::Record);
@@ -771,7 +779,7 @@ TEST(RecordFile, AFurtherHeaderLineBeginsAnotherPart) {
     EXPECT_EQ(file.next(), RecordFile::Got::Header);
     EXPECT_EQ(file.header.host, "hostB");
     EXPECT_EQ(file.next(), RecordFile::Got::Record);
-    EXPECT_EQ(file.record.version, 65544u);
+    EXPECT_EQ(file.record.version, ZOLTLOG_RECORD_VERSION_LOGSET);
     EXPECT_EQ(file.next(), RecordFile::Got::End);
 }
 
@@ -781,7 +789,7 @@ TEST(RecordFile, AFileWithoutHeaderIsRead) {
     ASSERT_TRUE(file.open(LogName));
     EXPECT_EQ(file.header.version, 0u);
     ASSERT_EQ(file.next(), RecordFile::Got::Record);
-    EXPECT_EQ(file.record.version, 65543u);
+    EXPECT_EQ(file.record.version, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
 }
 
 TEST(RecordFile, WhatCannotBeReadSaysWhy) {

@@ -78,7 +78,8 @@ class Recycling : public testing::Test {
     // Writes a message that fills a file, so that each one begins a new file.
     static uint32_t fill(LogHandle *log, int number) {
         const std::string text(1100, static_cast<char>('a' + number % 26));
-        return zoltLogAppMsg2(log, static_cast<uint64_t>(number), 0, 1, 0, "%s", text.c_str());
+        return zoltLogAppMsg2(log, static_cast<uint64_t>(number), 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s",
+                              text.c_str());
     }
     Names logs() { return support::listFiles("logs"); }
     static uint64_t counterOf(const std::string &name) {
@@ -275,7 +276,8 @@ TEST_F(Recycling, TwoProcessesLoseNothingOutsideRemovedFiles) {
     LogHandle log;
     bool written = zoltLogOpen(5, 7, &log) == 0;
     for (int i = 0; i < MESSAGES && written; ++i)
-        written = zoltLogAppMsg2(&log, static_cast<uint64_t>(i), 0, 1, 0, "writer %d %0300d", mine, i) == 0;
+        written = zoltLogAppMsg2(&log, static_cast<uint64_t>(i), 0, ZOLTLOG_SEVERITY_WARNING, 0,
+                                 "writer %d %0300d", mine, i) == 0;
     if (other == 0) {
         zoltLogClose(&log);
         _exit(written ? 0 : 1);

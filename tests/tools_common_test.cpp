@@ -281,7 +281,7 @@ TEST(Fields, AHeldItemOutlivesItsLine) {
     std::string line = "2,5,7,7,12,1700000000123,4242,4243,2:cx,17:Disk full, 2 of 3,3:mgr,3,(0|)";
     Item item;
     Fault fault;
-    ASSERT_TRUE(parseRecord(line, 65543, item.record, fault));
+    ASSERT_TRUE(parseRecord(line, ZOLTLOG_RECORD_VERSION_ORIGINATOR, item.record, fault));
     item.origin = &origin;
     std::vector<HeldItem> held;
     held.reserve(1);

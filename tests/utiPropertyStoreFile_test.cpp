@@ -338,7 +338,7 @@ TEST(PropertyStore, TextThatCannotBeConvertedIsNotFound) {
     ASSERT_TRUE(support::useLocale("C.UTF-8"));
     EXPECT_EQ(valueIn("5.a=\xFF\xFE\n", "5", "a"), "(3)");
     Store store("5");
-    EXPECT_EQ(utiSetPropertyAsStr(&store.handle, "a", "\xFF\xFE"), 3U);
+    EXPECT_EQ(utiSetPropertyAsStr(&store.handle, "a", "\xFF\xFE"), ZOLTLOG_STORE_NOT_FOUND);
     EXPECT_EQ(readFile(FILE_NAME), "5.a=\xFF\xFE\n");
 }
 
@@ -365,7 +365,7 @@ TEST(PropertyStore, NumbersAreDecimal) {
             unsigned long out = 42;
             EXPECT_EQ(utiGetPropertyAsUlong(&store.handle, "a", &out), 0U);
             EXPECT_EQ(out, number);
-            EXPECT_EQ(utiGetPropertyAsUlong(&store.handle, "b", &out), 3U);
+            EXPECT_EQ(utiGetPropertyAsUlong(&store.handle, "b", &out), ZOLTLOG_STORE_NOT_FOUND);
             EXPECT_EQ(out, number);
         }
     }
@@ -381,7 +381,7 @@ TEST(PropertyStore, OnlyTheWordTrueIsTrue) {
         uint32_t out = 42;
         EXPECT_EQ(utiGetPropertyAsBool(&store.handle, "a", &out), 0U);
         EXPECT_EQ(out, flag);
-        EXPECT_EQ(utiGetPropertyAsBool(&store.handle, "b", &out), 3U);
+        EXPECT_EQ(utiGetPropertyAsBool(&store.handle, "b", &out), ZOLTLOG_STORE_NOT_FOUND);
     }
 }
 
@@ -433,31 +433,31 @@ TEST(PropertyStore, TheHeaderHoldsNoKeysAndNoSections) {
     ASSERT_EQ(utiCreatePropertyStore("./store.conf", "", &store), 0U);
     char name[80] = "";
     uint32_t size = sizeof name;
-    EXPECT_EQ(utiEnumProductId(&store, 0, name, &size), 7U);
+    EXPECT_EQ(utiEnumProductId(&store, 0, name, &size), ZOLTLOG_STORE_NO_MORE);
     utiClosePropertyStore(&store);
 }
 
 TEST(PropertyStore, CreatingNeedsADirectoryThatCanBeMade) {
     PropertyStore store;
-    EXPECT_EQ(utiCreatePropertyStore("nameonly.conf", "5", &store), 5U);
+    EXPECT_EQ(utiCreatePropertyStore("nameonly.conf", "5", &store), ZOLTLOG_STORE_NOT_CREATED);
     EXPECT_EQ(store.stream, nullptr);
     writeFile("plain", "");
-    EXPECT_EQ(utiCreatePropertyStore("./plain/x.conf", "5", &store), 5U);
+    EXPECT_EQ(utiCreatePropertyStore("./plain/x.conf", "5", &store), ZOLTLOG_STORE_NOT_CREATED);
     support::makeDirectory("taken.conf");
-    EXPECT_EQ(utiCreatePropertyStore("./taken.conf", "5", &store), 5U);
+    EXPECT_EQ(utiCreatePropertyStore("./taken.conf", "5", &store), ZOLTLOG_STORE_NOT_CREATED);
     ASSERT_EQ(mkfifo("pipe.conf", 0600), 0);
-    EXPECT_EQ(utiCreatePropertyStore("./pipe.conf", "5", &store), 5U);
+    EXPECT_EQ(utiCreatePropertyStore("./pipe.conf", "5", &store), ZOLTLOG_STORE_NOT_CREATED);
 }
 
 TEST(PropertyStore, OpeningWhatIsNoFileFails) {
     PropertyStore store;
-    EXPECT_EQ(utiOpenPropertyStore("missing.conf", "5", &store), 2U);
+    EXPECT_EQ(utiOpenPropertyStore("missing.conf", "5", &store), ZOLTLOG_STORE_NO_FILE);
     EXPECT_EQ(store.stream, nullptr);
     support::makeDirectory("dir.conf");
-    EXPECT_EQ(utiOpenPropertyStore("dir.conf", "5", &store), 2U);
+    EXPECT_EQ(utiOpenPropertyStore("dir.conf", "5", &store), ZOLTLOG_STORE_NO_FILE);
     ASSERT_EQ(mkfifo("pipe.conf", 0600), 0);
-    EXPECT_EQ(utiOpenPropertyStore("pipe.conf", "5", &store), 2U);
-    EXPECT_EQ(utiOpenPropertyStore("/dev/zero", "5", &store), 2U);
+    EXPECT_EQ(utiOpenPropertyStore("pipe.conf", "5", &store), ZOLTLOG_STORE_NO_FILE);
+    EXPECT_EQ(utiOpenPropertyStore("/dev/zero", "5", &store), ZOLTLOG_STORE_NO_FILE);
     ASSERT_EQ(utiOpenPropertyStore("/dev/null", "5", &store), 0U);
     EXPECT_EQ(utiClosePropertyStore(&store), 0U);
 }
@@ -469,7 +469,7 @@ TEST(PropertyStore, ClosingTwiceIsHarmless) {
     EXPECT_EQ(utiClosePropertyStore(&store), 0U);
     EXPECT_EQ(store.stream, nullptr);
     EXPECT_EQ(utiClosePropertyStore(&store), 0U);
-    EXPECT_EQ(utiClosePropertyStore(nullptr), 1U);
+    EXPECT_EQ(utiClosePropertyStore(nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
 }
 
 TEST(PropertyStore, RootAndPathAreBounded) {
@@ -481,7 +481,7 @@ TEST(PropertyStore, RootAndPathAreBounded) {
     EXPECT_EQ(std::string(store.path), path.substr(0, 399));
     EXPECT_EQ(std::string(store.root), times('r', 399));
     // The cut path names another file, which must not be made.
-    EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "2"), 5U);
+    EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "2"), ZOLTLOG_STORE_NOT_CREATED);
     utiClosePropertyStore(&store);
     EXPECT_EQ(readFile(path), "5.a=1\n");
     EXPECT_EQ(support::listFiles(times('d', 200)), std::vector<std::string>{times('f', 200)});
@@ -498,41 +498,41 @@ TEST(PropertyStore, NullArgumentsAreRefused) {
     char name[8] = "";
     uint32_t size = sizeof name;
     uint32_t zero = 0;
-    EXPECT_EQ(utiOpenPropertyStore(nullptr, "5", s), 1U);
-    EXPECT_EQ(utiOpenPropertyStore(FILE_NAME, nullptr, s), 1U);
-    EXPECT_EQ(utiOpenPropertyStore(FILE_NAME, "5", nullptr), 1U);
-    EXPECT_EQ(utiCreatePropertyStore(nullptr, "5", s), 1U);
-    EXPECT_EQ(utiCreatePropertyStore("./x.conf", nullptr, s), 1U);
-    EXPECT_EQ(utiCreatePropertyStore("./x.conf", "5", nullptr), 1U);
-    EXPECT_EQ(utiCreateTmpPropertyStore(nullptr, "5", &none), 1U);
-    EXPECT_EQ(utiCreateTmpPropertyStore(FILE_NAME, nullptr, &none), 1U);
-    EXPECT_EQ(utiCreateTmpPropertyStore(FILE_NAME, "5", nullptr), 1U);
-    EXPECT_EQ(utiSetPropertyAsStr(s, nullptr, "x"), 1U);
-    EXPECT_EQ(utiSetPropertyAsStr(s, "a", nullptr), 1U);
-    EXPECT_EQ(utiSetPropertyAsStr(nullptr, "a", "x"), 1U);
-    EXPECT_EQ(utiSetPropertyAsStr(&none, "a", "x"), 1U);
-    EXPECT_EQ(utiSetPropertyAsUlong(s, "a", nullptr), 1U);
-    EXPECT_EQ(utiSetPropertyAsUlong(s, nullptr, &number), 1U);
-    EXPECT_EQ(utiSetPropertyAsBool(s, "a", nullptr), 1U);
-    EXPECT_EQ(utiSetPropertyAsBool(nullptr, "a", &flag), 1U);
-    EXPECT_EQ(utiRemoveProperty(s, nullptr), 1U);
-    EXPECT_EQ(utiRemoveProperty(nullptr, "a"), 1U);
-    EXPECT_EQ(utiRemoveProperty(&none, "a"), 1U);
-    EXPECT_EQ(utiRemovePropertyRoot(s, nullptr), 1U);
-    EXPECT_EQ(utiRemovePropertyRoot(nullptr, "5"), 1U);
-    EXPECT_EQ(utiRemovePropertyRoot(&none, "5"), 1U);
-    EXPECT_EQ(utiGetPropertyAsStr(nullptr, "a", &text), 3U);
-    EXPECT_EQ(utiGetPropertyAsStr(&none, "a", &text), 3U);
-    EXPECT_EQ(utiGetPropertyAsStr(s, nullptr, &text), 3U);
-    EXPECT_EQ(utiGetPropertyAsStr(s, "a", nullptr), 3U);
-    EXPECT_EQ(utiGetPropertyAsUlong(s, "a", nullptr), 3U);
-    EXPECT_EQ(utiGetPropertyAsBool(s, "a", nullptr), 3U);
-    EXPECT_EQ(utiEnumProductId(nullptr, 0, name, &size), 1U);
-    EXPECT_EQ(utiEnumProductId(&none, 0, name, &size), 1U);
-    EXPECT_EQ(utiEnumProductId(s, 0, nullptr, &size), 1U);
-    EXPECT_EQ(utiEnumProductId(s, 0, name, nullptr), 1U);
-    EXPECT_EQ(utiEnumProductId(s, 0, name, &zero), 1U);
-    EXPECT_EQ(utiEnumLogsetForProductId(s, 0, name, &zero), 1U);
+    EXPECT_EQ(utiOpenPropertyStore(nullptr, "5", s), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiOpenPropertyStore(FILE_NAME, nullptr, s), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiOpenPropertyStore(FILE_NAME, "5", nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiCreatePropertyStore(nullptr, "5", s), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiCreatePropertyStore("./x.conf", nullptr, s), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiCreatePropertyStore("./x.conf", "5", nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiCreateTmpPropertyStore(nullptr, "5", &none), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiCreateTmpPropertyStore(FILE_NAME, nullptr, &none), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiCreateTmpPropertyStore(FILE_NAME, "5", nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiSetPropertyAsStr(s, nullptr, "x"), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiSetPropertyAsStr(s, "a", nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiSetPropertyAsStr(nullptr, "a", "x"), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiSetPropertyAsStr(&none, "a", "x"), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiSetPropertyAsUlong(s, "a", nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiSetPropertyAsUlong(s, nullptr, &number), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiSetPropertyAsBool(s, "a", nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiSetPropertyAsBool(nullptr, "a", &flag), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiRemoveProperty(s, nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiRemoveProperty(nullptr, "a"), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiRemoveProperty(&none, "a"), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiRemovePropertyRoot(s, nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiRemovePropertyRoot(nullptr, "5"), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiRemovePropertyRoot(&none, "5"), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiGetPropertyAsStr(nullptr, "a", &text), ZOLTLOG_STORE_NOT_FOUND);
+    EXPECT_EQ(utiGetPropertyAsStr(&none, "a", &text), ZOLTLOG_STORE_NOT_FOUND);
+    EXPECT_EQ(utiGetPropertyAsStr(s, nullptr, &text), ZOLTLOG_STORE_NOT_FOUND);
+    EXPECT_EQ(utiGetPropertyAsStr(s, "a", nullptr), ZOLTLOG_STORE_NOT_FOUND);
+    EXPECT_EQ(utiGetPropertyAsUlong(s, "a", nullptr), ZOLTLOG_STORE_NOT_FOUND);
+    EXPECT_EQ(utiGetPropertyAsBool(s, "a", nullptr), ZOLTLOG_STORE_NOT_FOUND);
+    EXPECT_EQ(utiEnumProductId(nullptr, 0, name, &size), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiEnumProductId(&none, 0, name, &size), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiEnumProductId(s, 0, nullptr, &size), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiEnumProductId(s, 0, name, nullptr), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiEnumProductId(s, 0, name, &zero), ZOLTLOG_STORE_INVALID_ARGUMENT);
+    EXPECT_EQ(utiEnumLogsetForProductId(s, 0, name, &zero), ZOLTLOG_STORE_INVALID_ARGUMENT);
     EXPECT_EQ(Iscomment(nullptr), 0);
     EXPECT_EQ(text, nullptr);
     EXPECT_EQ(readFile(FILE_NAME), "5.a=1\n");
@@ -604,14 +604,14 @@ TEST(PropertyStore, ATemporaryFileThatCannotBeMadeIsResult5) {
     writeFile(FILE_NAME, "5.a=1\n");
     support::makeDirectory("store.conf.tmp/full");
     Store store("5");
-    EXPECT_EQ(utiSetPropertyAsStr(&store.handle, "a", "2"), 5U);
-    EXPECT_EQ(utiRemoveProperty(&store.handle, "b"), 5U);
-    EXPECT_EQ(utiRemovePropertyRoot(&store.handle, "5"), 5U);
+    EXPECT_EQ(utiSetPropertyAsStr(&store.handle, "a", "2"), ZOLTLOG_STORE_NOT_CREATED);
+    EXPECT_EQ(utiRemoveProperty(&store.handle, "b"), ZOLTLOG_STORE_NOT_CREATED);
+    EXPECT_EQ(utiRemovePropertyRoot(&store.handle, "5"), ZOLTLOG_STORE_NOT_CREATED);
     EXPECT_EQ(readFile(FILE_NAME), "5.a=1\n");
     EXPECT_EQ(get(&store.handle, "a"), "1");
     PropertyStore temporary;
-    EXPECT_EQ(utiCreateTmpPropertyStore(times('p', 396).c_str(), "5", &temporary), 5U);
-    EXPECT_EQ(utiCreateTmpPropertyStore("missing/store.conf", "5", &temporary), 5U);
+    EXPECT_EQ(utiCreateTmpPropertyStore(times('p', 396).c_str(), "5", &temporary), ZOLTLOG_STORE_NOT_CREATED);
+    EXPECT_EQ(utiCreateTmpPropertyStore("missing/store.conf", "5", &temporary), ZOLTLOG_STORE_NOT_CREATED);
 }
 
 TEST(PropertyStore, AStaleTemporaryFileDisturbsNothing) {
@@ -629,8 +629,8 @@ TEST(PropertyStore, ATextWithConfNamesAFileToRemove) {
     Store store("5");
     EXPECT_EQ(utiRemovePropertyRoot(&store.handle, "other.conf"), 0U);
     EXPECT_FALSE(exists("other.conf"));
-    EXPECT_EQ(utiRemovePropertyRoot(&store.handle, "other.conf"), 6U);
-    EXPECT_EQ(utiRemovePropertyRoot(nullptr, "other.conf"), 6U);
+    EXPECT_EQ(utiRemovePropertyRoot(&store.handle, "other.conf"), ZOLTLOG_STORE_NOT_WRITTEN);
+    EXPECT_EQ(utiRemovePropertyRoot(nullptr, "other.conf"), ZOLTLOG_STORE_NOT_WRITTEN);
     EXPECT_EQ(readFile(FILE_NAME), "5.a=1\n");
 }
 

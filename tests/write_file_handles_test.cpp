@@ -64,11 +64,11 @@ TEST_F(WriteFileHandles, ClosedHandleHasNoFile) {
     EXPECT_EQ(zoltLogCloseFile(&two), 0u);
     EXPECT_EQ(two.file, nullptr);
     EXPECT_EQ(two.nextOnFile, nullptr);
-    EXPECT_EQ(zoltLogCloseFile(&two), 3u);
+    EXPECT_EQ(zoltLogCloseFile(&two), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(send(&two, "nowhere"), 57u);
     EXPECT_EQ(zoltLogCloseFile(&one), 0u);
     EXPECT_EQ(one.file, nullptr);
-    EXPECT_EQ(zoltLogCloseFile(nullptr), 3u);
+    EXPECT_EQ(zoltLogCloseFile(nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(WriteFileHandles, OriginatorsShareTheFileOfAnother) {
@@ -137,7 +137,7 @@ TEST_F(WriteFileHandles, ReusedStateIsReconfigured) {
     LogCfg cfg = settings();
     strcpy(cfg.directory, "./other/");
     cfg.maxFileSizeKB = 3;
-    cfg.rolloverMode = 1;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.rolloverTime = 99;
     cfg.rolloverPeriod = 98;
     cfg.permissions.mode = 0600;
@@ -145,7 +145,7 @@ TEST_F(WriteFileHandles, ReusedStateIsReconfigured) {
     const LogFileState *state = one.file;
     EXPECT_STREQ(state->directory, "./other/");
     EXPECT_EQ(state->maxFileSizeKB, 3u);
-    EXPECT_EQ(state->rolloverMode, 1u);
+    EXPECT_EQ(state->rolloverMode, ZOLTLOG_ROLLOVER_FILE_SIZE);
     EXPECT_EQ(state->logRecycling, 0u);
     EXPECT_EQ(state->rolloverTime, 99u);
     EXPECT_EQ(state->rolloverPeriod, 98u);
@@ -162,7 +162,7 @@ TEST_F(WriteFileHandles, ChangedScheduleOfAReusedStateIsComputedAnew) {
     LogHandle handles[4];
     ASSERT_EQ(open(&handles[0], settings()), 0u);
     LogCfg cfg = settings();
-    cfg.rolloverMode = 4;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_PERIODIC;
     cfg.rolloverPeriod = 1000;
     ASSERT_EQ(open(&handles[1], cfg), 0u);
     const LogFileState *state = handles[0].file;
@@ -170,7 +170,7 @@ TEST_F(WriteFileHandles, ChangedScheduleOfAReusedStateIsComputedAnew) {
     cfg.rolloverPeriod = 2000;
     ASSERT_EQ(open(&handles[2], cfg), 0u);
     EXPECT_EQ(state->nextRolloverTime, localTime(2024, 3, 1, 10) + 2000);
-    cfg.rolloverMode = 2;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_LOCAL_TIME;
     cfg.rolloverTime = uint64_t{11} * 3600;
     ASSERT_EQ(open(&handles[3], cfg), 0u);
     EXPECT_EQ(state->nextRolloverTime, localTime(2024, 3, 1, 11));
@@ -223,7 +223,7 @@ TEST_F(WriteFileHandles, HandleOnNoListClosesWith1AndFreesItsState) {
     LogHandle handle = {};
     handle.file = static_cast<LogFileState *>(calloc(1, sizeof(LogFileState)));
     handle.file->file.descriptor = -1;
-    EXPECT_EQ(zoltLogCloseFile(&handle), 1u);
+    EXPECT_EQ(zoltLogCloseFile(&handle), ZOLTLOG_FAILED);
     EXPECT_EQ(handle.file, nullptr);
 }
 
@@ -232,7 +232,7 @@ TEST_F(WriteFileHandles, HandleOnNoListOfAUsedStateLeavesItAlone) {
     ASSERT_EQ(open(&handle, settings()), 0u);
     LogHandle stranger = {};
     stranger.file = handle.file;
-    EXPECT_EQ(zoltLogCloseFile(&stranger), 1u);
+    EXPECT_EQ(zoltLogCloseFile(&stranger), ZOLTLOG_FAILED);
     EXPECT_EQ(send(&handle, "one"), 0u);
     EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
 }
@@ -276,7 +276,7 @@ TEST_F(WriteFileHandles, ContextTakesAfterItsParent) {
     LogCfg cfg = settings();
     cfg.debugLevel = 3;
     cfg.diagLevel = 4;
-    cfg.outputFlags = 66;
+    cfg.outputFlags = ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOGX;
     cfg.reloadInterval = 61;
     ASSERT_EQ(open(&parent, cfg), 0u);
     parent.secureAuditLevel = 5;
@@ -294,7 +294,7 @@ TEST_F(WriteFileHandles, ContextTakesAfterItsParent) {
     EXPECT_EQ(context.debugLevel, 3u);
     EXPECT_EQ(context.diagLevel, 4u);
     EXPECT_EQ(context.secureAuditLevel, 5u);
-    EXPECT_EQ(context.outputFlags, 66u);
+    EXPECT_EQ(context.outputFlags, uint32_t{ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOGX});
     EXPECT_EQ(context.utf8, 1u);
     EXPECT_STREQ(context.oslog.ident, "ident");
     EXPECT_EQ(context.localizers.count, 2u);
@@ -331,7 +331,7 @@ TEST_F(WriteFileHandles, ContextOutlivesItsParent) {
     LogHandle context;
     LogHandle nested;
     LogCfg cfg = settings();
-    cfg.rolloverMode = 1;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 1;
     ASSERT_EQ(open(&parent, cfg), 0u);
     ASSERT_EQ(createContext(&parent, &context, "T1"), 0u);
@@ -366,10 +366,10 @@ TEST_F(WriteFileHandles, NullArgumentsOfAContextAreInvalid) {
     LogHandle parent = {};
     LogHandle context = {};
     LogMsg msg = {};
-    EXPECT_EQ(zoltLogCreateContextToFile(nullptr, &context, &msg), 3u);
-    EXPECT_EQ(zoltLogCreateContextToFile(&parent, nullptr, &msg), 3u);
-    EXPECT_EQ(zoltLogCreateContextToFile(&parent, &context, nullptr), 3u);
-    EXPECT_EQ(zoltLogCreateContextToFile(&parent, &parent, &msg), 3u);
+    EXPECT_EQ(zoltLogCreateContextToFile(nullptr, &context, &msg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCreateContextToFile(&parent, nullptr, &msg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCreateContextToFile(&parent, &context, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogCreateContextToFile(&parent, &parent, &msg), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(WriteFileHandles, ContextMessageOfTheCallersOwnRecordIsTakenOver) {
@@ -415,7 +415,7 @@ TEST_F(WriteFileHandles, AnyOrderOfOpeningAndClosingIsSound) {
             slot->open = slot->context = true;
         } else {
             LogCfg cfg = settings(7 + random() % 3);
-            cfg.rolloverMode = 1;
+            cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
             cfg.maxFileSizeKB = 4;
             EXPECT_EQ(open(&slot->handle, cfg), 0u);
             slot->open = true;

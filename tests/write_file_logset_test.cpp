@@ -46,9 +46,9 @@ TEST_F(WriteFileLogset, WorkedExampleComesOutByteForByte) {
     msg.timestamp = 1700000000123;
     msg.processId = 4242;
     msg.threadId = 4243;
-    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 3), 0u);
+    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL), 0u);
     EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), 0u);
-    EXPECT_EQ(msg.recordVersion, 65544u);
+    EXPECT_EQ(msg.recordVersion, ZOLTLOG_RECORD_VERSION_LOGSET);
     zoltLogFreeMsg(&msg);
     EXPECT_EQ(support::readFile(FIRST),
               "$Header 65544,0,hostA\n"
@@ -101,7 +101,7 @@ TEST_F(WriteFileLogset, LogsetAndOriginatorSeriesDoNotMix) {
 
 TEST_F(WriteFileLogset, RolloverBySizeTakesTheNameOfItsSecond) {
     LogCfg cfg = logsetSettings();
-    cfg.rolloverMode = 1;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 1;
     ASSERT_EQ(open(&handle, cfg), 0u);
     advance(58);
@@ -112,7 +112,7 @@ TEST_F(WriteFileLogset, RolloverBySizeTakesTheNameOfItsSecond) {
 
 TEST_F(WriteFileLogset, ContextsAreNotRewritten) {
     LogCfg cfg = logsetSettings();
-    cfg.rolloverMode = 1;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 1;
     ASSERT_EQ(open(&handle, cfg), 0u);
     LogHandle context = {};
@@ -130,7 +130,7 @@ TEST_F(WriteFileLogset, ContextsAreNotRewritten) {
 TEST_F(WriteFileLogset, RolloverWithinASecondWaits) {
     fakeMs = -1; // the real clock
     LogCfg cfg = logsetSettings();
-    cfg.rolloverMode = 1;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 1;
     ASSERT_EQ(open(&handle, cfg), 0u);
     const double start = monotonic();
@@ -149,7 +149,7 @@ TEST_F(WriteFileLogset, RolloverWithinASecondWaits) {
 
 TEST_F(WriteFileLogset, WaitingEndsAfterTwoSecondsAndTheRecordGoesIntoTheFullFile) {
     LogCfg cfg = logsetSettings();
-    cfg.rolloverMode = 1;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 1;
     ASSERT_EQ(open(&handle, cfg), 0u);
     ASSERT_EQ(send(&handle, std::string(1100, 'x')), 0u);
@@ -208,7 +208,7 @@ TEST_F(WriteFileLogset, PeriodCountsFromTheTimeOfTheName) {
     support::makeDirectory("logs");
     support::writeFile("logs/5-backup-240301134400.log", "$Header 65544,0,hostA\n");
     LogCfg cfg = logsetSettings();
-    cfg.rolloverMode = 4;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_PERIODIC;
     cfg.rolloverPeriod = 100;
     ASSERT_EQ(open(&handle, cfg), 0u);
     EXPECT_EQ(handle.file->nextRolloverTime, localTime(2024, 3, 1, 13, 45, 40));

@@ -193,16 +193,18 @@ TEST(WriteFileHeader, LinesOfAllVersions) {
         uint64_t version;
         const char *line;
     } rows[] = {
-        {65540, "$Header 65540,5,7,1709300702,hostA\n"}, {65541, "$Header 65541,5,7,1709300702,hostA\n"},
-        {65542, "$Header 65542,5,7,1709300702,hostA\n"}, {65543, "$Header 65543,5,7,1709300702,3600,hostA\n"},
-        {65544, "$Header 65544,3600,hostA\n"},
+        {ZOLTLOG_RECORD_VERSION_OLDEST, "$Header 65540,5,7,1709300702,hostA\n"},
+        {ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO, "$Header 65541,5,7,1709300702,hostA\n"},
+        {ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX, "$Header 65542,5,7,1709300702,hostA\n"},
+        {ZOLTLOG_RECORD_VERSION_ORIGINATOR, "$Header 65543,5,7,1709300702,3600,hostA\n"},
+        {ZOLTLOG_RECORD_VERSION_LOGSET, "$Header 65544,3600,hostA\n"},
     };
     for (const auto &row : rows) {
         const Written written = writeHeader(headerOf(row.version));
         EXPECT_EQ(written.result, 0u) << row.version;
         EXPECT_EQ(written.bytes, row.line);
     }
-    LogFileHeader eastern = headerOf(65544);
+    LogFileHeader eastern = headerOf(ZOLTLOG_RECORD_VERSION_LOGSET);
     eastern.tzOffset = -3600;
     EXPECT_EQ(writeHeader(eastern).bytes, "$Header 65544,-3600,hostA\n");
 }
@@ -216,7 +218,7 @@ TEST(WriteFileHeader, UnknownVersionsAreNotWritten) {
 }
 
 TEST(WriteFileHeader, ExtremeNumbersAreWrittenWhole) {
-    LogFileHeader header = headerOf(65543);
+    LogFileHeader header = headerOf(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     header.productId = UINT64_MAX;
     header.originatorId = UINT64_MAX;
     header.creationTime = UINT64_MAX;
@@ -228,10 +230,10 @@ TEST(WriteFileHeader, ExtremeNumbersAreWrittenWhole) {
 TEST(WriteFileHeader, FailedWriteIs1) {
     auto *state = static_cast<LogFileState *>(calloc(1, sizeof(LogFileState)));
     state->file.descriptor = -1;
-    const LogFileHeader header = headerOf(65543);
-    EXPECT_EQ(WriteFileHeader(state, &header), 1u);
-    EXPECT_EQ(WriteFileHeader(nullptr, &header), 3u);
-    EXPECT_EQ(WriteFileHeader(state, nullptr), 3u);
+    const LogFileHeader header = headerOf(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    EXPECT_EQ(WriteFileHeader(state, &header), ZOLTLOG_FAILED);
+    EXPECT_EQ(WriteFileHeader(nullptr, &header), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(WriteFileHeader(state, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     free(state);
 }
 
@@ -244,7 +246,7 @@ TEST(WriteFileHeader, IsFilledFromTheState) {
     LogFileHeader header;
     memset(&header, 0xFF, sizeof header);
     InitializeFileHeader(&header, state, "hostA");
-    EXPECT_EQ(header.version, 65543u);
+    EXPECT_EQ(header.version, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(header.productId, 5u);
     EXPECT_EQ(header.originatorId, 7u);
     EXPECT_EQ(header.creationTime, 1709300702u);
@@ -253,7 +255,7 @@ TEST(WriteFileHeader, IsFilledFromTheState) {
     setClock(1719300702); // in summer
     state->isLogset = 1;
     InitializeFileHeader(&header, state, "hostB");
-    EXPECT_EQ(header.version, 65544u);
+    EXPECT_EQ(header.version, ZOLTLOG_RECORD_VERSION_LOGSET);
     EXPECT_EQ(header.tzOffset, -7200);
     EXPECT_STREQ(header.hostName, "hostB");
     free(state);
@@ -265,7 +267,7 @@ TEST(WriteFileHeader, HostNameIsCutTo512Bytes) {
         LogFileHeader header;
         InitializeFileHeader(&header, state, std::string(length, 'h').c_str());
         header.tzOffset = 0x5A5A5A5A;
-        header.version = 65544;
+        header.version = ZOLTLOG_RECORD_VERSION_LOGSET;
         const std::string expected =
             "$Header 65544,1515870810," + std::string(length < 512 ? length : 512, 'h') + "\n";
         EXPECT_EQ(writeHeader(header).bytes, expected) << length;
@@ -285,7 +287,7 @@ TEST(WriteFileHeader, HostNameOf512BytesStartsASeries) {
 }
 
 TEST(WriteFileHeader, StaysOneLineWhateverTheHostIsCalled) {
-    LogFileHeader header = headerOf(65544);
+    LogFileHeader header = headerOf(ZOLTLOG_RECORD_VERSION_LOGSET);
     strcpy(header.hostName, "a,b\n%s\r\n\xff");
     EXPECT_EQ(writeHeader(header).bytes, "$Header 65544,3600,a,b\r%s\r\r\xff\n");
 }

@@ -131,10 +131,10 @@ mode_t modeOf(const std::string &path) {
 TEST_F(WriteFileOpen, NullArgumentsAreInvalid) {
     LogCfg cfg = settings();
     LogHandle empty = {};
-    EXPECT_EQ(zoltLogOpenFile(nullptr, &cfg, &cfg), 3u);
-    EXPECT_EQ(zoltLogOpenFile(&empty, nullptr, &cfg), 3u);
-    EXPECT_EQ(zoltLogOpenFile(&empty, &cfg, nullptr), 3u);
-    EXPECT_EQ(zoltLogOpenFile(&empty, &cfg, &cfg), 3u) << "no state to fill";
+    EXPECT_EQ(zoltLogOpenFile(nullptr, &cfg, &cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogOpenFile(&empty, nullptr, &cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogOpenFile(&empty, &cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogOpenFile(&empty, &cfg, &cfg), ZOLTLOG_INVALID_ARGUMENT) << "no state to fill";
 }
 
 TEST_F(WriteFileOpen, EmptyDirectoryIs53AndCloseReleasesTheState) {
@@ -142,7 +142,7 @@ TEST_F(WriteFileOpen, EmptyDirectoryIs53AndCloseReleasesTheState) {
     cfg.directory[0] = '\0';
     EXPECT_EQ(open(&handle, cfg), 53u);
     EXPECT_NE(handle.file, nullptr);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 1u) << "on no list";
+    EXPECT_EQ(zoltLogCloseFile(&handle), ZOLTLOG_FAILED) << "on no list";
     EXPECT_EQ(handle.file, nullptr);
 }
 
@@ -150,7 +150,7 @@ TEST_F(WriteFileOpen, FirstFileHasHeaderAndIsNamedByDateAndCounterZero) {
     ASSERT_EQ(open(&handle, settings()), 0u);
     EXPECT_EQ(logFiles(), Names{FIRST});
     EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
-    EXPECT_EQ(handle.file->headerVersion, 65543u);
+    EXPECT_EQ(handle.file->headerVersion, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(handle.file->counter, 0);
     EXPECT_EQ(handle.file->fileStartTime, 1709300702);
     EXPECT_EQ(handle.file->lastReopenTime, 1709300702000);
@@ -168,9 +168,9 @@ TEST_F(WriteFileOpen, WorkedExampleComesOutByteForByte) {
     msg.timestamp = 1700000000123;
     msg.processId = 4242;
     msg.threadId = 4243;
-    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 3), 0u);
+    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL), 0u);
     EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), 0u);
-    EXPECT_EQ(msg.recordVersion, 65543u);
+    EXPECT_EQ(msg.recordVersion, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(msg.fileOriginatorId, 7u);
     zoltLogFreeMsg(&msg);
     EXPECT_EQ(support::readFile(path(FIRST)),
@@ -183,7 +183,7 @@ TEST_F(WriteFileOpen, HandleIsFilledFromTheOriginatorsSettings) {
     originator.debugLevel = 2;
     originator.diagLevel = 4;
     originator.secureAuditLevel = 6;
-    originator.outputFlags = 66;
+    originator.outputFlags = ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOGX;
     originator.reloadInterval = 90;
     LogCfg file = settings(9);
     file.debugLevel = 1;
@@ -191,7 +191,7 @@ TEST_F(WriteFileOpen, HandleIsFilledFromTheOriginatorsSettings) {
     EXPECT_EQ(handle.debugLevel, 2u);
     EXPECT_EQ(handle.diagLevel, 4u);
     EXPECT_EQ(handle.secureAuditLevel, 0u);
-    EXPECT_EQ(handle.outputFlags, 66u);
+    EXPECT_EQ(handle.outputFlags, uint32_t{ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOGX});
     EXPECT_EQ(handle.originatorId, 7u);
     EXPECT_EQ(handle.reloadInterval, 90u);
     EXPECT_EQ(handle.noContext, 1u);
@@ -275,7 +275,7 @@ TEST_F(WriteFileOpen, LargeIdsSurviveAResume) {
     hostAddress = "10.0.0.200"; // 0xC800000A, above 2^31
     LogCfg cfg = settings(5000000000);
     cfg.productId = 18446744073709551615u;
-    cfg.rolloverMode = 1;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 1;
     const std::string stem = "18446744073709551615-5000000000-3355443210-240301-";
     support::makeDirectory("logs");
@@ -357,7 +357,7 @@ TEST_F(WriteFileOpen, EveryRecordHasItsOwnProcessAndThread) {
     for (const auto &pair : pairs) {
         LogMsg msg;
         ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"), 0u);
-        ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 3), 0u);
+        ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL), 0u);
         msg.processId = pair[0];
         msg.threadId = pair[1];
         ASSERT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
@@ -394,7 +394,7 @@ TEST_F(WriteFileOpen, OlderHeaderVersionIsResumedAndLeftAtTheFirstWrite) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65542,5,7,1709300000,hostA\n");
     ASSERT_EQ(open(&handle, settings()), 0u);
-    EXPECT_EQ(handle.file->headerVersion, 65542u);
+    EXPECT_EQ(handle.file->headerVersion, ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX);
     EXPECT_EQ(logFiles(), Names{FIRST});
     ASSERT_EQ(send(&handle, "one"), 0u);
     EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65542,5,7,1709300000,hostA\n");
@@ -413,7 +413,7 @@ TEST_F(WriteFileOpen, AbsurdCreationTimeCountsAsNow) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,18446744073709551615,0,hostA\n");
     LogCfg cfg = settings();
-    cfg.rolloverMode = 4;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_PERIODIC;
     cfg.rolloverPeriod = 18446744073709551615u;
     ASSERT_EQ(open(&handle, cfg), 0u);
     EXPECT_EQ(handle.file->fileStartTime, 1709300702);
@@ -458,7 +458,7 @@ TEST_F(WriteFileOpen, FileReplacedWhileItsHeaderIsReadIsReadAgain) {
         support::writeFile(path(FIRST), "$Header 65543,5,7,1709300001,0,hostA\n");
     };
     ASSERT_EQ(open(&handle, settings()), 0u);
-    EXPECT_EQ(handle.file->headerVersion, 65543u);
+    EXPECT_EQ(handle.file->headerVersion, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(handle.file->fileStartTime, 1709300001);
 }
 
@@ -533,7 +533,7 @@ TEST_F(WriteFileOpen, DanglingSymbolicLinkAtTheNextNameIs32AndTheLoopEnds) {
     support::makeDirectory("logs");
     ASSERT_EQ(open(&handle, settings()), 0u);
     ASSERT_EQ(symlink("../victim", path(SECOND).c_str()), 0);
-    handle.file->headerVersion = 65542; // leave this file
+    handle.file->headerVersion = ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX; // leave this file
     const size_t descriptors = support::openDescriptors();
     EXPECT_EQ(send(&handle, "one"), 5u);
     EXPECT_EQ(handle.file->file.descriptor, -1);
@@ -554,7 +554,7 @@ TEST_F(WriteFileOpen, WhatIsNoFileAtTheNextNameStopsTheSeriesUntilItIsGone) {
     for (const auto &plant : plants) {
         ASSERT_EQ(open(&handle, settings()), 0u);
         ASSERT_EQ(plant(), 0);
-        handle.file->headerVersion = 65542; // leave this file
+        handle.file->headerVersion = ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX; // leave this file
         const double before = monotonic();
         EXPECT_EQ(send(&handle, "lost"), 5u);
         EXPECT_LT(monotonic() - before, 1.0);

@@ -32,9 +32,9 @@ struct WriteFileRollover : testing::Test {
             LogMsg msg;
             zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, std::string(length, 'x').c_str());
             --handle.sequenceNumber;
-            msg.recordVersion = 65543;
+            msg.recordVersion = ZOLTLOG_RECORD_VERSION_ORIGINATOR;
             msg.fileOriginatorId = 7;
-            zoltLogSetAppAttrEx(&msg, "mgr", 3);
+            zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL);
             TextBuffer buffer;
             zoltLogMsgSerialize(&msg, &buffer);
             const size_t record = buffer.capacity - buffer.free;
@@ -146,7 +146,7 @@ TEST_F(WriteFileRollover, EveryMessageExactlyOnceOverManyFiles) {
 
 TEST_F(WriteFileRollover, InvalidModeSwitchesRolloverOff) {
     openSized(1, 6);
-    EXPECT_EQ(handle.file->rolloverMode, 6u);
+    EXPECT_EQ(handle.file->rolloverMode, uint32_t{ZOLTLOG_ROLLOVER_LOCAL_TIME | ZOLTLOG_ROLLOVER_PERIODIC});
     ASSERT_EQ(send(&handle, std::string(3000, 'x')), 0u);
     EXPECT_EQ(handle.file->rolloverMode, 0u);
     ASSERT_EQ(send(&handle, "one"), 0u);
@@ -180,7 +180,7 @@ TEST_F(WriteFileRollover, FilesOfOlderVersionsArePassedOver) {
 
 TEST_F(WriteFileRollover, PeriodOfNothingDoesNotLoop) {
     LogCfg cfg = settings();
-    cfg.rolloverMode = 4;
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_PERIODIC;
     cfg.rolloverPeriod = 0;
     ASSERT_EQ(open(&handle, cfg), 0u);
     ASSERT_EQ(send(&handle, "one"), 0u);
@@ -195,7 +195,7 @@ TEST_F(WriteFileRollover, RecordThatCannotBeEncodedRollsNothing) {
     LogMsg msg;
     ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, std::string(2000, 'x').c_str()), 0u);
     ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 5), 0u);
-    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), 1u);
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), ZOLTLOG_FAILED);
     zoltLogFreeMsg(&msg);
     EXPECT_EQ(logFiles().size(), 1u);
     EXPECT_EQ(textsIn(FIRST), Texts{});
@@ -204,9 +204,9 @@ TEST_F(WriteFileRollover, RecordThatCannotBeEncodedRollsNothing) {
 TEST_F(WriteFileRollover, NullStateIs57AndNullMessage1) {
     openSized(1);
     LogMsg msg = {};
-    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(nullptr, &msg), 57u);
-    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(nullptr, nullptr), 57u);
-    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, nullptr), 1u);
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(nullptr, &msg), ZOLTLOG_NO_FILE_STATE);
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(nullptr, nullptr), ZOLTLOG_NO_FILE_STATE);
+    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, nullptr), ZOLTLOG_FAILED);
 }
 
 // ---- contexts ------------------------------------------------------------------------------

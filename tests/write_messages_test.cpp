@@ -526,7 +526,7 @@ TEST_F(WriteMessages, ApplicationAndAuditMessagesAreNeverFiltered) {
     zoltLogClose(&handle);
     ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
     fresh();
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 0, 0, "%s", "x"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_INFO, 0, "%s", "x"));
     EXPECT_EQ(0u, zoltLogAuditMsg(&handle, 0, "alice", 0, 42, "%s", "x"));
     EXPECT_EQ(2u, fresh());
 }
@@ -773,9 +773,11 @@ TEST_F(WriteMessages, AFailedLookupIsTheResultAndNothingIsSent) {
 
 TEST_F(WriteMessages, ATextThatCannotBeFormattedLeavesTheMessageWithoutText) {
     lis::failTextV = -3;
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 1, 0, "%s", "x"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "x"));
     EXPECT_EQ(0u, zoltLogDebugMsg(&handle, 0, 1, "mgr", "%s", "x"));
-    EXPECT_EQ(3u, zoltLogAppMsg(&handle, ZOLTLOG_KEEP_LOCAL_TEXT, 1, 42, "%s", "x")); // it has to be there
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT,
+              zoltLogAppMsg(&handle, ZOLTLOG_KEEP_LOCAL_TEXT, ZOLTLOG_SEVERITY_WARNING, 42, "%s",
+                            "x")); // it has to be there
     lis::failTextV = 0;
     const std::vector<logs::Record> records = logs::records();
     ASSERT_EQ(2u, records.size());
@@ -806,7 +808,7 @@ TEST_F(WriteMessages, ASecureAuditBlockStaysWithTheCallerWhenInitialisationFails
     secure.noContext = 0;
     block = blockOf("block %s", "x");
     const ZoltLisBlock before = block;
-    EXPECT_EQ(3u, zoltLogSecureAuditMsgL(&secure, 1, "alice", 0, &block));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogSecureAuditMsgL(&secure, 1, "alice", 0, &block));
     EXPECT_EQ(0, memcmp(&before, &block, sizeof block));
     EXPECT_EQ(1, lis::open);
     zoltLisFree(&block);
@@ -848,8 +850,8 @@ TEST_F(WriteMessages, ASecureAuditMessageWithoutThePlugInFails) {
 }
 
 TEST_F(WriteMessages, OrdinaryMessagesThroughASecureHandleHaveNoFile) {
-    EXPECT_EQ(57u, zoltLogAppMsg(&secure, 0, 1, 0, "%s", "x"));
-    EXPECT_EQ(57u, zoltLogAuditMsg(&secure, 0, "alice", 0, 42, "%s", "x"));
+    EXPECT_EQ(ZOLTLOG_NO_FILE_STATE, zoltLogAppMsg(&secure, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "x"));
+    EXPECT_EQ(ZOLTLOG_NO_FILE_STATE, zoltLogAuditMsg(&secure, 0, "alice", 0, 42, "%s", "x"));
     EXPECT_EQ(0u, zoltLogDebugMsg(&secure, 0, 1, "mgr", "%s", "x")); // its debug level is 0
 }
 
@@ -859,9 +861,9 @@ TEST_F(WriteMessages, FlagsOfTheCallSelectTheOutputs) {
     std::string err;
     const std::string out = support::captured(1, [&] {
         err = support::captured(2, [&] {
-            EXPECT_EQ(0u, zoltLogAppMsg(&handle, 1, 3, 0, "%s", "first"));
+            EXPECT_EQ(0u, zoltLogAppMsg(&handle, 1, ZOLTLOG_SEVERITY_CRITICAL, 0, "%s", "first"));
             EXPECT_EQ(0u, zoltLogDiagMsg(&handle, 2, 1, "mgr", 0, "%s", "second"));
-            EXPECT_EQ(0u, zoltLogAppMsg(&handle, 4, 3, 0, "%s", "third"));
+            EXPECT_EQ(0u, zoltLogAppMsg(&handle, 4, ZOLTLOG_SEVERITY_CRITICAL, 0, "%s", "third"));
             EXPECT_EQ(0u, zoltLogAuditMsg(&handle, 7, "alice", 0, 42, "%s", "fourth"));
             EXPECT_EQ(0u, zoltLogDebugMsg(&handle, 7, 1, "mgr", "%s", "fifth"));
         });
@@ -892,8 +894,8 @@ TEST_F(WriteMessages, AContextWritesItsRecordAndItsMessagesCarryItsToken) {
     ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "request %d of %s", 17, "host b"));
     EXPECT_EQ(2u, sequence(&handle));
     EXPECT_EQ(1u, sequence(&context));
-    EXPECT_EQ(0u, zoltLogAppMsg(&context, 0, 1, 0, "%s", "through the context"));
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 1, 0, "%s", "through the parent"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&context, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "through the context"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "through the parent"));
     const std::vector<logs::Record> records = logs::records();
     ASSERT_EQ(3u, records.size());
     EXPECT_EQ(3u, records[0].type);
@@ -942,7 +944,7 @@ TEST_F(WriteMessages, ContextsNest) {
     ASSERT_EQ(0u, zoltLogCreateContext(&handle, &outer, "outer", 0, "%s", "o"));
     ASSERT_EQ(0u, zoltLogCreateContext(&outer, &inner, "inner", 0, "%s", "i"));
     EXPECT_EQ(2u, sequence(&outer));
-    EXPECT_EQ(0u, zoltLogAppMsg(&inner, 0, 1, 0, "%s", "m"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&inner, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "m"));
     const std::vector<logs::Record> records = logs::records();
     ASSERT_EQ(3u, records.size());
     EXPECT_EQ("", records[0].token);
@@ -963,7 +965,7 @@ TEST_F(WriteMessages, AnInnerContextMayOutliveItsOuterOne) {
     EXPECT_EQ(0u, zoltLogDestroyContext(&outer));
     memset(static_cast<void *>(&outer), 0x55, sizeof outer);
     EXPECT_STREQ("outer", inner.contextMsg.contextToken);
-    EXPECT_EQ(0u, zoltLogAppMsg(&inner, 0, 1, 0, "%s", "m"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&inner, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "m"));
     ASSERT_EQ(0u, zoltLogCreateContext(&inner, &innermost, "innermost", 0, "%s", "i"));
     EXPECT_EQ("inner", logs::records().back().token);
     EXPECT_EQ(0u, zoltLogDestroyContext(&inner));
@@ -972,7 +974,7 @@ TEST_F(WriteMessages, AnInnerContextMayOutliveItsOuterOne) {
 
 TEST_F(WriteMessages, AContextStartsWithTheParentsLevelsAndKeepsItsOwn) {
     LogHandle context;
-    handle.outputFlags = 1;
+    handle.outputFlags = ZOLTLOG_OUT_STDOUT;
     std::string out = support::captured(
         1, [&] { ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o")); });
     EXPECT_EQ("", out) << "context records are not copied";
@@ -1003,7 +1005,7 @@ TEST_F(WriteMessages, OpenContextsAreRewrittenIntoEveryNewFile) {
     const auto rollOnce = [&] {
         const size_t before = logs::files().size();
         while (logs::files().size() == before)
-            ASSERT_EQ(0u, zoltLogAppMsg(&contexts[2], 0, 1, 0, "%s", filler.c_str()));
+            ASSERT_EQ(0u, zoltLogAppMsg(&contexts[2], 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", filler.c_str()));
     };
     const auto tokensOfLast = [] {
         const logs::File file = logs::files().back();
@@ -1038,7 +1040,7 @@ TEST_F(WriteMessages, AContextMayOutliveItsParent) {
     ASSERT_EQ(0u, zoltLogCreateContext(parent.get(), &context, "T1", 0, "%s", "o"));
     EXPECT_EQ(0u, zoltLogClose(parent.get()));
     parent.reset();
-    EXPECT_EQ(0u, zoltLogAppMsg(&context, 0, 1, 0, "%s", "after the parent"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&context, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "after the parent"));
     EXPECT_EQ("T1", logs::records().back().token);
     EXPECT_EQ(0u, zoltLogDestroyContext(&context));
 }
@@ -1047,13 +1049,13 @@ TEST_F(WriteMessages, AContextRefusesNullArguments) {
     LogHandle context;
     memset(static_cast<void *>(&context), 0x55, sizeof context);
     const LogHandle untouched = context;
-    EXPECT_EQ(3u, zoltLogCreateContext(nullptr, &context, "T1", 0, "%s", "o"));
-    EXPECT_EQ(3u, zoltLogCreateContext(&handle, nullptr, "T1", 0, "%s", "o"));
-    EXPECT_EQ(3u, zoltLogCreateContext(&handle, &context, "T1", 0, nullptr));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(nullptr, &context, "T1", 0, "%s", "o"));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, nullptr, "T1", 0, "%s", "o"));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, "T1", 0, nullptr));
     EXPECT_EQ(0, memcmp(&untouched, &context, sizeof context));
-    EXPECT_EQ(3u, zoltLogCreateContext(&handle, &handle, "T1", 0, "%s", "o"));
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 1, 0, "%s", "the handle lives"));
-    EXPECT_EQ(3u, zoltLogDestroyContext(nullptr));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &handle, "T1", 0, "%s", "o"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "the handle lives"));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogDestroyContext(nullptr));
 }
 
 TEST_F(WriteMessages, AContextThatFailsHoldsNothing) {
@@ -1063,30 +1065,30 @@ TEST_F(WriteMessages, AContextThatFailsHoldsNothing) {
         EXPECT_EQ(0, lis::open);
         EXPECT_EQ(nullptr, context.file);
         EXPECT_EQ(nullptr, context.contextMsg.text);
-        EXPECT_EQ(3u, zoltLogDestroyContext(&context));
+        EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogDestroyContext(&context));
         EXPECT_EQ(0u, fresh());
         expectLockFree();
     };
     memset(static_cast<void *>(&context), 0x55, sizeof context);
-    EXPECT_EQ(3u, zoltLogCreateContext(&handle, &context, nullptr, 0, "%s", "o"));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, nullptr, 0, "%s", "o"));
     expectClosed("null token");
     EXPECT_EQ(2u, sequence(&handle));
 
     lis::failWith = -4;
-    EXPECT_EQ(2u, zoltLogCreateContext(&handle, &context, "T1", 42, "%s", "o"));
+    EXPECT_EQ(ZOLTLOG_LIS_FAILED, zoltLogCreateContext(&handle, &context, "T1", 42, "%s", "o"));
     lis::failWith = 0;
     expectClosed("failed lookup");
 
     lis::failTextV = -3;
-    EXPECT_EQ(4u, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
+    EXPECT_EQ(ZOLTLOG_NO_MEMORY, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
     lis::failTextV = 0;
     expectClosed("no memory for the block");
 
-    EXPECT_EQ(57u, zoltLogCreateContext(&secure, &context, "T1", 0, "%s", "o"));
+    EXPECT_EQ(ZOLTLOG_NO_FILE_STATE, zoltLogCreateContext(&secure, &context, "T1", 0, "%s", "o"));
     expectClosed("a secure parent");
 
     handle.noContext = 0;
-    EXPECT_EQ(3u, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
+    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
     handle.noContext = 1;
     expectClosed("a parent that cannot log");
 }
@@ -1096,7 +1098,7 @@ TEST_F(WriteMessages, DestroyingAContextTwiceDoesNoHarm) {
     ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
     EXPECT_EQ(0u, zoltLogDestroyContext(&context));
     EXPECT_NE(0u, zoltLogDestroyContext(&context));
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 1, 0, "%s", "the parent lives"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "the parent lives"));
 }
 
 } // namespace

@@ -97,7 +97,7 @@ inline uint32_t send(LogHandle *handle, const std::string &text) {
     LogMsg msg;
     uint32_t result = zoltLogInitMsg(&msg, handle, ZOLTLOG_MSG_APP, text.c_str());
     if (result == ZOLTLOG_OK)
-        result = zoltLogSetAppAttrEx(&msg, "mgr", 3);
+        result = zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL);
     if (result == ZOLTLOG_OK)
         result = zoltLogMsg(handle, 0, &msg);
     zoltLogFreeMsg(&msg);

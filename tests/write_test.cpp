@@ -78,7 +78,7 @@ ZoltLisBlock blockOf(const char *format, ...) {
 LogMsg appMessage(LogHandle *handle, const char *text) {
     LogMsg msg;
     EXPECT_EQ(zoltLogInitMsg(&msg, handle, ZOLTLOG_MSG_APP, text), 0u);
-    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 3), 0u);
+    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL), 0u);
     return msg;
 }
 
@@ -89,15 +89,15 @@ LogMsg appMessage(LogHandle *handle, const char *text) {
 TEST_F(Write, InvalidArgumentsOfOpenLeaveTheRecordUntouched) {
     memset(static_cast<void *>(&handle), 0x5A, sizeof handle);
     const LogHandle before = handle;
-    EXPECT_EQ(zoltLogOpen(0, 7, &handle), 3u);
-    EXPECT_EQ(zoltLogOpen(5, 0, &handle), 3u);
-    EXPECT_EQ(zoltLogOpen2(5, 7, 0, &handle), 3u);
-    EXPECT_EQ(zoltLogOpenLogSet(0, 7, "backup", &handle), 3u);
-    EXPECT_EQ(zoltLogOpenLogSet(5, 0, "backup", &handle), 3u);
-    EXPECT_EQ(zoltLogOpenLogSet(5, 7, nullptr, &handle), 3u);
+    EXPECT_EQ(zoltLogOpen(0, 7, &handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogOpen(5, 0, &handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogOpen2(5, 7, 0, &handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogOpenLogSet(0, 7, "backup", &handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogOpenLogSet(5, 0, "backup", &handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogOpenLogSet(5, 7, nullptr, &handle), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(memcmp(&handle, &before, sizeof handle), 0);
-    EXPECT_EQ(zoltLogOpen(5, 7, nullptr), 3u);
-    EXPECT_EQ(zoltLogOpenLogSet(5, 7, "backup", nullptr), 3u);
+    EXPECT_EQ(zoltLogOpen(5, 7, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogOpenLogSet(5, 7, "backup", nullptr), ZOLTLOG_INVALID_ARGUMENT);
     handle = {};
 }
 
@@ -134,29 +134,29 @@ TEST_F(Write, Open2TagsWithOneOriginatorAndWritesToTheFileOfAnother) {
 
 TEST_F(Write, UnknownProductIs6AndTheHandleIsZero) {
     memset(static_cast<void *>(&handle), 0x5A, sizeof handle);
-    EXPECT_EQ(zoltLogOpen(6, 7, &handle), 6u);
+    EXPECT_EQ(zoltLogOpen(6, 7, &handle), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_TRUE(isZero(handle));
-    EXPECT_EQ(zoltLogClose(&handle), 3u);
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(Write, NoLogDirectoryIs53AndCloseReleasesTheState) {
     support::writeFile("product.conf", "Default.DebugLevel=1\n");
-    EXPECT_EQ(zoltLogOpen(5, 7, &handle), 53u);
+    EXPECT_EQ(zoltLogOpen(5, 7, &handle), ZOLTLOG_NO_DIRECTORY);
     EXPECT_EQ(isLogOpen(&handle), 1);
-    EXPECT_EQ(zoltLogClose(&handle), 1u);
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_FAILED);
     EXPECT_EQ(isLogOpen(&handle), 0);
 }
 
 TEST_F(Write, FailedOpenKeepsItsStateUntilClose) {
     support::writeFile("product.conf", "Default.LogDirectory=/proc/none/\n");
-    EXPECT_EQ(zoltLogOpen(5, 7, &handle), 1u);
+    EXPECT_EQ(zoltLogOpen(5, 7, &handle), ZOLTLOG_FAILED);
     EXPECT_EQ(isLogOpen(&handle), 1);
     EXPECT_EQ(zoltLogClose(&handle), 0u);
 }
 
 TEST_F(Write, SystemLogIsOpenedWhenTheOriginatorAsksForIt) {
     ASSERT_EQ(zoltLogOpen(5, 8, &handle), 0u);
-    EXPECT_EQ(handle.outputFlags, 4u);
+    EXPECT_EQ(handle.outputFlags, ZOLTLOG_OUT_OSLOG);
     ASSERT_EQ(sinks::opened.size(), 1u);
     EXPECT_EQ(sinks::opened[0].text, "eight");
     EXPECT_EQ(sinks::opened[0].ident, handle.oslog.ident);
@@ -166,7 +166,7 @@ TEST_F(Write, SystemLogIsOpenedWhenTheOriginatorAsksForIt) {
 }
 
 TEST_F(Write, CloseOfNullIs3) {
-    EXPECT_EQ(zoltLogClose(nullptr), 3u);
+    EXPECT_EQ(zoltLogClose(nullptr), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(isLogOpen(nullptr), 0);
 }
 
@@ -194,7 +194,7 @@ TEST_F(Write, DefaultLogsetAndMissingLogset) {
     ASSERT_EQ(zoltLogOpenLogSet(5, 7, "Default", &handle), 0u);
     EXPECT_EQ(support::listFiles("log"), series::Names{"5-Default-240301134502.log"});
     EXPECT_EQ(zoltLogClose(&handle), 0u);
-    EXPECT_EQ(zoltLogOpenLogSet(5, 7, "nowhere", &handle), 6u);
+    EXPECT_EQ(zoltLogOpenLogSet(5, 7, "nowhere", &handle), ZOLTLOG_CFG_NOT_FOUND);
     EXPECT_EQ(isLogOpen(&handle), 0);
 }
 
@@ -207,7 +207,7 @@ struct WriteSecure : Write {
         sinks::formatter = sinks::testFormatter("recording");
         InitLogCfg(1, 2, nullptr, &cfg);
         cfg.secureAuditLevel = 6;
-        cfg.outputFlags = 67;
+        cfg.outputFlags = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOGX;
         cfg.debugLevel = 5;
         cfg.diagLevel = 5;
     }
@@ -227,10 +227,10 @@ struct WriteSecure : Write {
 } // namespace
 
 TEST_F(WriteSecure, InvalidArguments) {
-    EXPECT_EQ(zoltLogSecureOpen(0, 7, &cfg, &handle), 3u);
-    EXPECT_EQ(zoltLogSecureOpen(5, 0, &cfg, &handle), 3u);
-    EXPECT_EQ(zoltLogSecureOpen(5, 7, nullptr, &handle), 3u);
-    EXPECT_EQ(zoltLogSecureOpen(5, 7, &cfg, nullptr), 3u);
+    EXPECT_EQ(zoltLogSecureOpen(0, 7, &cfg, &handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogSecureOpen(5, 0, &cfg, &handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogSecureOpen(5, 7, nullptr, &handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogSecureOpen(5, 7, &cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(cfg.productId, 1u);
 }
 
@@ -243,24 +243,24 @@ TEST_F(WriteSecure, IsFilledFromTheCallersRecord) {
     EXPECT_EQ(handle.diagLevel, 0u);
     EXPECT_EQ(handle.noContext, 1u);
     EXPECT_EQ(handle.reloadInterval, 0u);
-    EXPECT_EQ(handle.outputFlags, 68u);
+    EXPECT_EQ(handle.outputFlags, uint32_t{ZOLTLOG_OUT_OSLOG | ZOLTLOG_OUT_OSLOGX});
     ASSERT_NE(handle.cfgCopy, nullptr);
     EXPECT_EQ(handle.cfgCopy->productId, 5u);
     EXPECT_EQ(handle.cfgCopy->originatorId, 7u);
     EXPECT_FALSE(support::exists("log"));
     EXPECT_EQ(sinks::opened.size(), 1u);
-    EXPECT_EQ(zoltLogClose(&handle), 3u);
-    cfg.outputFlags = 3;
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
+    cfg.outputFlags = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_STDERR;
     ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
-    EXPECT_EQ(handle.outputFlags, 4u);
-    EXPECT_EQ(zoltLogClose(&handle), 3u);
+    EXPECT_EQ(handle.outputFlags, ZOLTLOG_OUT_OSLOG);
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(WriteSecure, WritesTheIdsIntoTheRecord) {
     ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
     EXPECT_EQ(cfg.productId, 5u);
     EXPECT_EQ(cfg.originatorId, 7u);
-    EXPECT_EQ(zoltLogClose(&handle), 3u);
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(WriteSecure, NumbersFromZero) {
@@ -268,7 +268,7 @@ TEST_F(WriteSecure, NumbersFromZero) {
     ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
     EXPECT_EQ(zoltLogGetSequenceNumber(&handle, &number), 0u);
     EXPECT_EQ(number, 0u);
-    EXPECT_EQ(zoltLogClose(&handle), 3u);
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
     ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
     EXPECT_EQ(zoltLogGetSequenceNumber(&handle, &number), 0u);
     EXPECT_EQ(number, 1u);
@@ -276,7 +276,7 @@ TEST_F(WriteSecure, NumbersFromZero) {
 
 TEST_F(WriteSecure, CloseTellsAnInvalidArgument) {
     ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
-    EXPECT_EQ(zoltLogClose(&handle), 3u);
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(handle.cfgCopy, nullptr);
     EXPECT_EQ(sinks::closed, 1);
 }
@@ -286,7 +286,7 @@ TEST_F(WriteSecure, SecureAuditGoesToTheSystemLogOnly) {
     EXPECT_EQ(sendAudit(), 0u);
     EXPECT_EQ(sinks::sent.size(), 1u);
     EXPECT_FALSE(support::exists("log"));
-    EXPECT_EQ(zoltLogClose(&handle), 3u);
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(WriteSecure, SecureAuditThroughAFileHandleIs58AndWritesNothing) {
@@ -301,18 +301,18 @@ TEST_F(WriteSecure, OrdinaryMessageThroughASecureHandleIs57) {
     LogMsg msg = appMessage(&handle, "one");
     EXPECT_EQ(msg.productId, 0u);
     EXPECT_EQ(msg.originatorId, 0u);
-    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 57u);
+    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), ZOLTLOG_NO_FILE_STATE);
     EXPECT_EQ(sinks::sent.size(), 1u) << "the sinks get it all the same";
     zoltLogFreeMsg(&msg);
-    EXPECT_EQ(zoltLogClose(&handle), 3u);
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 // ---- dispatch --------------------------------------------------------------------------------
 
 TEST_F(Write, NullHandleOrMessageIs3) {
     LogMsg msg = {};
-    EXPECT_EQ(zoltLogMsg(nullptr, 0, &msg), 3u);
-    EXPECT_EQ(zoltLogMsg(&handle, 0, nullptr), 3u);
+    EXPECT_EQ(zoltLogMsg(nullptr, 0, &msg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogMsg(&handle, 0, nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(Write, Utf8FlagOfTheHandleGoesIntoTheMessage) {
@@ -377,7 +377,7 @@ TEST_F(Write, FileFailureWinsOverTheOutputs) {
     support::captured(1, [&] { output = zoltLogMsg(&handle, 1, &msg); });
     EXPECT_NE(output, 0u) << "the plug-in's result";
     EXPECT_NE(output, 1u);
-    msg.attr.severity = 5; // cannot be encoded
+    msg.attr.severity = ZOLTLOG_SEVERITY_EMERGENCY + 1; // cannot be encoded
     uint32_t both = 0;
     support::captured(1, [&] { both = zoltLogMsg(&handle, 1, &msg); });
     EXPECT_EQ(both, 1u);
@@ -388,8 +388,9 @@ TEST_F(Write, OutputsAreServedAlsoWhenTheFileFails) {
     sinks::formatter = sinks::testFormatter("recording");
     ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
     LogMsg msg = appMessage(&handle, "one");
-    msg.attr.severity = 5;
-    EXPECT_EQ(support::captured(1, [&] { EXPECT_EQ(zoltLogMsg(&handle, 1, &msg), 1u); }), "one\n");
+    msg.attr.severity = ZOLTLOG_SEVERITY_EMERGENCY + 1;
+    EXPECT_EQ(support::captured(1, [&] { EXPECT_EQ(zoltLogMsg(&handle, 1, &msg), ZOLTLOG_FAILED); }),
+              "one\n");
     zoltLogFreeMsg(&msg);
 }
 
@@ -459,9 +460,9 @@ TEST_F(Write, SequenceNumbersCountUpAndWrap) {
     EXPECT_EQ(zoltLogSetSequenceNumber(&handle, UINT64_MAX), 0u);
     EXPECT_EQ(GetNextSequenceNumber(&handle), UINT64_MAX);
     EXPECT_EQ(GetNextSequenceNumber(&handle), 0u);
-    EXPECT_EQ(zoltLogSetSequenceNumber(nullptr, 1), 3u);
-    EXPECT_EQ(zoltLogGetSequenceNumber(nullptr, &number), 3u);
-    EXPECT_EQ(zoltLogGetSequenceNumber(&handle, nullptr), 3u);
+    EXPECT_EQ(zoltLogSetSequenceNumber(nullptr, 1), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogGetSequenceNumber(nullptr, &number), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_EQ(zoltLogGetSequenceNumber(&handle, nullptr), ZOLTLOG_INVALID_ARGUMENT);
 }
 
 TEST_F(Write, SequenceNumberGetterUsesTheSettersTag) {
