@@ -1131,7 +1131,8 @@ const char *GetZoltLogCfgLoc(void);
  *   ZOLTLOG_INVALID_ARGUMENT  an invalid id or name, or a null record
  *   ZOLTLOG_NO_MEMORY
  *   ZOLTLOG_CFG_NOT_FOUND     the product is not registered (the record keeps the defaults),
- *                             or no key was found for the log set */
+ *                             a file is there and cannot be read, or no key was found for
+ *                             the log set. A product's file that is not there is empty */
 uint32_t zoltLogReadCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg);
 uint32_t zoltLogReadlogsetCfg(uint64_t productId, const char *logsetName, LogCfg *cfg);
 /* Reading all records of one product, or of all, into an array of capacity pointers. Each
@@ -1139,6 +1140,7 @@ uint32_t zoltLogReadlogsetCfg(uint64_t productId, const char *logsetName, LogCfg
  * A null location means the main file. Inherited by copy, further records lack what
  * CopyCfg leaves out.
  *   ZOLTLOG_INVALID_ARGUMENT  null array or count
+ *   ZOLTLOG_NO_MEMORY         the records read so far stay in the array
  *   ZOLTLOG_CFG_NOT_FOUND     the product has no "Configuration"
  *   ZOLTLOG_NO_PRODUCT_CFG    nothing found, also when the main file cannot be opened */
 uint32_t zoltLogReadProdIDCfg(const char *location, uint64_t productId, uint32_t capacity, LogCfg **cfgs,
@@ -1148,8 +1150,9 @@ uint32_t zoltLogReadAllCfg(const char *location, uint32_t capacity, LogCfg **cfg
  * ZOLTLOG_CFG_NOT_FOUND: not configured. */
 uint32_t zoltLogCfgGetToolsResDir(char **out);
 /* Single texts of a file: by section and key; a product's "Configuration" and "Names". A
- * copy is handed out. ZOLTLOG_INVALID_ARGUMENT: null output; ZOLTLOG_CFG_NOT_FOUND: the file
- * does not open, the key is absent or its text cannot be converted. No lock is taken. */
+ * copy is handed out. ZOLTLOG_INVALID_ARGUMENT: null output; ZOLTLOG_NO_MEMORY;
+ * ZOLTLOG_CFG_NOT_FOUND: the file does not open or cannot be read, the key is absent or its text cannot be
+ * converted. No lock is taken. */
 uint32_t GetPropertyString(const char *file, const char *section, const char *key, char **out);
 uint32_t GetProductCfgPath(const char *file, uint64_t productId, char **out);
 uint32_t GetProductShortName(const char *file, uint64_t productId, char **out);
@@ -1178,43 +1181,51 @@ uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *s
  *   ZOLTLOG_STORE_NOT_WRITTEN, any other number   ZOLTLOG_FAILED */
 uint32_t utipsres2zoltlogres(uint32_t storeResult);
 /* Writing. The settings that a record's changedMask marks are written into its section,
- * those that removedMask marks are removed from it; removal wins. Each key is one safe
- * rewrite of the file, the first failure ends the call. Texts that are null are not
- * written. "AppMsgLogging" is written with every change but the directory's alone.
+ * those that removedMask marks are removed from it; removal wins. A call is one safe rewrite
+ * of the file, or changes nothing. Texts that are null are not written. "AppMsgLogging" is
+ * written with every change but the directory's alone.
+ *
+ * Writers of a file follow one another, also those of other processes; a call waits for the
+ * others ten seconds at most, without the library's lock. A file that this process has read
+ * and that is gone is not begun anew; that of a new product is made.
  *
  * A written "FileName" leaves the system-log and permission keys to another call.
- *   ZOLTLOG_INVALID_ARGUMENT   an invalid id or name, a null record, or a text with a line
- *                              feed (nothing changes then)
+ *   ZOLTLOG_INVALID_ARGUMENT   an invalid id or name, a null record, a text with a line feed,
+ *                              a line of more than 499 bytes, a log set name with '=', '.',
+ *                              '/', a control character or a blank at an end
+ *   ZOLTLOG_NO_MEMORY
  *   ZOLTLOG_CFG_NOT_FOUND      the product is not registered or, for an originator, its file
  *                              cannot be opened or made
- *   ZOLTLOG_FAILED             writing failed, the old file stands; for a log set also: its
- *                              file cannot be opened or made
- *   ZOLTLOG_CFG_CREATE_FAILED  the temporary file cannot be made
+ *   ZOLTLOG_FAILED             writing failed or another writer did not finish, the old file
+ *                              stands; for a log set also: its file cannot be opened or made
+ *   ZOLTLOG_CFG_CREATE_FAILED  the new file cannot be made, or not with the old one's owner
+ *                              and access list
  *   ZOLTLOG_NOTHING_TO_WRITE   of a log set: nothing is marked, or the removal of "FileName" */
 uint32_t zoltLogWriteCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg);
 uint32_t zoltLogWritelogSetCfg(uint64_t productId, const char *logsetName, LogCfg *cfg);
 /* Registers a product in the main file, which is made if missing, and unregisters one,
  * with all keys of its section; its own file stays. The main file goes with its last
  * section.
- *   ZOLTLOG_INVALID_ARGUMENT  an invalid id, null or a line feed
- *   ZOLTLOG_PRODUCT_EXISTS    it is registered already
+ *   ZOLTLOG_INVALID_ARGUMENT  an invalid id, null, a line feed or a line of more than 499 bytes
+ *   ZOLTLOG_PRODUCT_EXISTS    it is registered already, maybe a moment ago by another process
  *   ZOLTLOG_CFG_NOT_FOUND     the main file cannot be opened or made, or the product is not
  *                             registered
  *   and those of writing */
 uint32_t zoltLogAddProductCfg(uint64_t productId, const char *names, const char *location);
 uint32_t zoltLogRemoveProductCfg(uint64_t productId);
 /* Opens a section for writing; the file is made, with its directory, if there is none. Of
- * a symbolic link the file behind it is opened. ZOLTLOG_INVALID_ARGUMENT: null store;
- * ZOLTLOG_CFG_NOT_FOUND: any failure. The caller closes the store. RemoveProductRoot removes what is left of
- * a product's section, and the main file if no section is left in it (result of the property store).
- * IsThisLastProductConfiguration: 1 when the main file opens and holds no section. */
+ * a symbolic link the file behind it is opened, or made. ZOLTLOG_INVALID_ARGUMENT: null store;
+ * ZOLTLOG_NO_MEMORY; ZOLTLOG_CFG_NOT_FOUND: any other failure. The caller closes the store. RemoveProductRoot
+ * removes what is left of a product's section, and the main file if no section is left in it (result of the
+ * property store). IsThisLastProductConfiguration: 1 when the main file opens and holds no section. */
 uint32_t CreatePropertyString(const char *location, const char *section, PropertyStore *store);
 uint32_t RemoveProductRoot(PropertyStore *store, uint64_t productId);
 int32_t IsThisLastProductConfiguration(void);
 /* Lets a handle's levels and reload interval follow the product's file: at most once per
- * interval (60 seconds at least) it is read again if its modification time has changed.
- * Always ZOLTLOG_OK. Cheap when nothing is due: no system call, and no time call when the interval
- * is 0. The lock is taken for reading and adopting only. */
+ * interval (60 seconds at least) it is read again if its modification time has changed. A
+ * reload that fails changes nothing and is tried again at the next interval. Always ZOLTLOG_OK. Cheap when
+ * nothing is due: no system call, and no time call when the interval is 0. The lock is taken for reading and
+ * adopting only. */
 uint32_t zoltDynaLoadConfig(LogHandle *handle);
 /* The product's own switch in the main file: 1 for "true". ZOLTLOG_INVALID_ARGUMENT: null
  * output; ZOLTLOG_CFG_NOT_FOUND: it is not there. */
@@ -1260,10 +1271,14 @@ uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section);
  * Open and Create open a section; Create empties or makes the file, with its directory, and
  * needs a "/" in the path. Root and path are kept up to 399 bytes; a path longer than 395
  * cannot be changed (_NOT_CREATED). Close may be called again.
- * CreateTmp makes path + ".tmp" anew, with the mode and owner of the file at path.
- * Set and Remove rewrite the file safely: under a lock on its directory (10 seconds at
- * most) they read it anew, write the temporary file to the disk and rename it; after a
- * failure the file and the handle are as before. They then open the handle anew.
+ * CreateTmp makes path + ".tmp" anew, with the mode and owner of the file at path, and takes no lock.
+ * Set and Remove rewrite the file safely: they wait for other writers (ten seconds at most),
+ * read it anew, write the new file (path + ".tmp") to the disk and rename it, or make the
+ * change again when somebody else has changed the file meanwhile; after a failure the file
+ * and the handle are as before. A file that has gone since the handle was opened is waited
+ * for half a second; then the change is refused (_NOT_WRITTEN). A last line without a line
+ * feed gets one before a line is added. Owner, mode and access list are the old file's or the
+ * change is refused (_NOT_CREATED). They then open the handle anew.
  * RemoveRoot removes a section, or the file itself that a text with ".conf" in it names.
  * Get gives the first line of the key. A text is a new block without trailing spaces, a
  * number is decimal, a flag is 1 for "true" alone.

@@ -28,10 +28,10 @@ struct CfgLogsetPlace {
 };
 bool cfgLogsetPlace(const char *location, const char *logsetName, CfgLogsetPlace *place);
 
-// Fills a record's field from a value as it stands in the file. False when it cannot be
-// converted, as if the key were absent. *taken, if not null, tells what became of it.
-bool cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *state, CfgTaken *taken);
+// The library's result for one of the store's, those included that only the units know.
+uint32_t cfgResultOf(uint32_t storeResult);
 
-// Writes or removes one key as the record's masks tell. *result is the store's; false
-// when the masks leave the key alone.
-bool cfgWriteKey(const LogCfg *cfg, CfgKeyId id, PropertyStore *section, uint32_t *result);
+// Fills a record's field from a value as it stands in the file and tells what became of it.
+// ZOLTLOG_CFG_NOT_FOUND when it cannot be converted, as if the key were absent;
+// ZOLTLOG_NO_MEMORY.
+uint32_t cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *state, CfgTaken *taken);

@@ -22,17 +22,18 @@ static const size_t SECTION_NAME_SIZE = 81; // enumerated names have at most 80 
 // ---- location --------------------------------------------------------------------------
 
 // A path longer than PATH_MAX cannot be opened; what is kept of it cannot either.
-static char location[PATH_MAX + 1];
+static char chosenLocation[PATH_MAX + 1];
 static pthread_once_t locationOnce = PTHREAD_ONCE_INIT;
 
 static void findLocation() {
     const char *path = secure_getenv(LOCATION_VARIABLE);
-    copyBounded(location, sizeof location, path != nullptr && *path != '\0' ? path : LOCATION_DEFAULT);
+    copyBounded(chosenLocation, sizeof chosenLocation,
+                path != nullptr && *path != '\0' ? path : LOCATION_DEFAULT);
 }
 
 const char *GetZoltLogCfgLoc(void) {
     (void)pthread_once(&locationOnce, findLocation);
-    return location;
+    return chosenLocation;
 }
 
 // ---- single texts -------------------------------------------------------------------------
@@ -62,20 +63,44 @@ uint32_t utipsres2zoltlogres(uint32_t storeResult) {
     }
 }
 
+uint32_t cfgResultOf(uint32_t storeResult) {
+    switch (storeResult) {
+    case STORE_NO_MEMORY:
+        return ZOLTLOG_NO_MEMORY;
+    case STORE_UNREADABLE:
+        return ZOLTLOG_CFG_NOT_FOUND;
+    case STORE_EXISTS:
+        return ZOLTLOG_PRODUCT_EXISTS;
+    default: // of those that only the units know among themselves: a general failure
+        return utipsres2zoltlogres(storeResult);
+    }
+}
+
+// A value as text; a null text, and no failure, when it cannot be converted.
+static uint32_t takeText(const char *value, LogOwned<char> *text) {
+    char *converted = nullptr;
+    const uint32_t result = storeValueText(value, &converted);
+    text->reset(converted);
+    return result == ZOLTLOG_NO_MEMORY ? result : static_cast<uint32_t>(ZOLTLOG_OK);
+}
+
 uint32_t GetPropertyString(const char *file, const char *section, const char *key, char **out) {
     if (out == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
+    if (file == nullptr || section == nullptr || key == nullptr)
+        return ZOLTLOG_CFG_NOT_FOUND;
     char value[1][STORE_VALUE_SIZE];
     bool found = false;
     StoreSection wanted = {section, &key, 1, value, &found};
-    if (file == nullptr || section == nullptr || key == nullptr ||
-        storeReadSections(file, &wanted, 1) != ZOLTLOG_STORE_OK || !found)
-        return ZOLTLOG_CFG_NOT_FOUND;
-    char *text = storeValueText(value[0]);
-    if (text == nullptr)
-        return ZOLTLOG_CFG_NOT_FOUND;
-    *out = text;
-    return ZOLTLOG_OK;
+    LogOwned<char> text;
+    uint32_t result = cfgResultOf(storeReadSections(file, &wanted, 1));
+    if (result == ZOLTLOG_OK && found)
+        result = takeText(value[0], &text);
+    if (result == ZOLTLOG_OK && text == nullptr)
+        result = ZOLTLOG_CFG_NOT_FOUND;
+    if (result == ZOLTLOG_OK)
+        *out = text.release();
+    return result;
 }
 
 uint32_t GetProductCfgPath(const char *file, uint64_t productId, char **out) {
@@ -107,20 +132,23 @@ struct ProductValues {
     bool found[PRODUCT_KEY_COUNT];
 };
 
-static ProductEntry takeProduct(const ProductValues *values) {
-    ProductEntry entry;
-    entry.location.reset(values->found[0] ? storeValueText(values->text[0]) : nullptr);
-    entry.names.reset(values->found[1] ? storeValueText(values->text[1]) : nullptr);
-    return entry;
+// ZOLTLOG_CFG_NOT_FOUND when there is no location.
+static uint32_t takeProduct(const ProductValues *values, ProductEntry *entry) {
+    uint32_t result =
+        values->found[0] ? takeText(values->text[0], &entry->location) : static_cast<uint32_t>(ZOLTLOG_OK);
+    if (result == ZOLTLOG_OK && values->found[1])
+        result = takeText(values->text[1], &entry->names);
+    return result == ZOLTLOG_OK && entry->location == nullptr ? static_cast<uint32_t>(ZOLTLOG_CFG_NOT_FOUND)
+                                                              : result;
 }
 
-static ProductEntry readProduct(const char *mainFile, uint64_t productId) {
+static uint32_t readProduct(const char *mainFile, uint64_t productId, ProductEntry *entry) {
     char section[CFG_ID_SIZE];
     cfgIdText(productId, section);
     ProductValues values = {};
     StoreSection wanted = {section, PRODUCT_KEYS, PRODUCT_KEY_COUNT, values.text, values.found};
-    (void)storeReadSections(mainFile, &wanted, 1);
-    return takeProduct(&values);
+    const uint32_t result = cfgResultOf(storeReadSections(mainFile, &wanted, 1));
+    return result == ZOLTLOG_OK ? takeProduct(&values, entry) : result;
 }
 
 static void takeShortNames(LogCfg *cfg, const char *names) {
@@ -152,39 +180,44 @@ static StoreSection sectionOf(const char *root, SectionValues *values) {
     return {root, KEY_NAMES.name, CFG_KEY_COUNT, values->text, values->found};
 }
 
-bool cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *state, CfgTaken *taken) {
-    CfgTaken became = CFG_SKIPPED;
+uint32_t cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *state, CfgTaken *taken) {
+    *taken = CFG_SKIPPED;
     if (cfgIsRaw(CFG_KEYS[id].kind)) {
-        became = cfgTake(cfg, id, value, state);
+        *taken = cfgTake(cfg, id, value, state);
     } else {
-        const LogOwned<char> text(storeValueText(value));
+        LogOwned<char> text;
+        if (takeText(value, &text) != ZOLTLOG_OK)
+            return ZOLTLOG_NO_MEMORY;
         if (text == nullptr)
-            return false;
-        became = cfgTake(cfg, id, text.get(), state);
+            return ZOLTLOG_CFG_NOT_FOUND;
+        *taken = cfgTake(cfg, id, text.get(), state);
     }
-    if (taken != nullptr)
-        *taken = became;
-    return true;
+    return *taken == CFG_NO_MEMORY ? ZOLTLOG_NO_MEMORY : ZOLTLOG_OK;
 }
 
-// Applies the values of a section in the order of the table; the number of keys found. One
-// that cannot be converted counts as not found from then on.
-static uint32_t applyValues(LogCfg *cfg, SectionValues *values, uint8_t use, bool isDefault) {
-    uint32_t count = 0;
-    CfgSectionState state = {isDefault, 0};
+// Applies the values of a section in the order of the table and counts the keys found. One
+// that cannot be converted counts as not found from then on. ZOLTLOG_NO_MEMORY or OK.
+static uint32_t applyValues(LogCfg *cfg, SectionValues *values, uint8_t use, bool isBase, uint32_t *count) {
+    CfgSectionState state = {isBase, 0};
+    *count = 0;
+    cfg->changedMask = 0;
     for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
         const auto id = static_cast<CfgKeyId>(i);
         if (!values->found[id] || (CFG_KEYS[id].use & use) == 0)
             continue;
-        values->found[id] = cfgApplyValue(cfg, id, values->text[id], &state, nullptr);
-        count += values->found[id] ? 1 : 0;
+        CfgTaken taken = CFG_SKIPPED;
+        const uint32_t result = cfgApplyValue(cfg, id, values->text[id], &state, &taken);
+        if (result == ZOLTLOG_NO_MEMORY)
+            return result;
+        values->found[id] = result == ZOLTLOG_OK;
+        *count += values->found[id] ? 1 : 0;
     }
-    cfg->changedMask = 0;
-    return count;
+    return ZOLTLOG_OK;
 }
 
-static void applyOriginator(LogCfg *cfg, SectionValues *values, const char *section) {
-    (void)applyValues(cfg, values, CFG_READ_ORIGINATOR, strcmp(section, CFG_DEFAULT) == 0);
+static uint32_t applyOriginator(LogCfg *cfg, SectionValues *values, const char *section) {
+    uint32_t count = 0;
+    return applyValues(cfg, values, CFG_READ_ORIGINATOR, strcmp(section, CFG_DEFAULT) == 0, &count);
 }
 
 static bool replaceText(char **field, const char *text) {
@@ -197,35 +230,40 @@ static bool replaceText(char **field, const char *text) {
 }
 
 // The record's name is the given one before the file name falls back to it.
-static uint32_t applyLogset(LogCfg *cfg, SectionValues *values, const char *name) {
+static uint32_t applyLogset(LogCfg *cfg, SectionValues *values, const char *name, uint32_t *count) {
     cfg->isLogset = 1;
-    const uint32_t count = applyValues(cfg, values, CFG_READ_LOGSET, IsDefaultLogSet(name) != 0);
-    if (name != nullptr)
-        (void)replaceText(&cfg->logsetName, name);
-    if (cfg->logsetName != nullptr && (!values->found[CFG_KEY_FILE_NAME] || cfg->logsetFilename == nullptr))
-        (void)replaceText(&cfg->logsetFilename, cfg->logsetName);
-    return count;
+    const uint32_t result = applyValues(cfg, values, CFG_READ_LOGSET, IsDefaultLogSet(name) != 0, count);
+    if (result != ZOLTLOG_OK)
+        return result;
+    if (name != nullptr && !replaceText(&cfg->logsetName, name))
+        return ZOLTLOG_NO_MEMORY;
+    if (cfg->logsetName != nullptr && (!values->found[CFG_KEY_FILE_NAME] || cfg->logsetFilename == nullptr) &&
+        !replaceText(&cfg->logsetFilename, cfg->logsetName))
+        return ZOLTLOG_NO_MEMORY;
+    return ZOLTLOG_OK;
 }
 
-// The result of reading sections: a file that does not open reads as an empty one.
-static uint32_t sectionsResult(uint32_t storeResult) {
-    if (storeResult == ZOLTLOG_STORE_NOT_WRITTEN)
-        return ZOLTLOG_NO_MEMORY;
-    const uint32_t result = utipsres2zoltlogres(storeResult);
-    return result == ZOLTLOG_CFG_NOT_FOUND ? static_cast<uint32_t>(ZOLTLOG_OK) : result;
+// Reads sections of a product's file: one that is not there reads as an empty one, one that
+// is there and cannot be read is a failure.
+static uint32_t readSections(const char *path, StoreSection *sections, size_t count) {
+    const uint32_t result = storeReadSections(path, sections, count);
+    return result == ZOLTLOG_STORE_NO_FILE ? static_cast<uint32_t>(ZOLTLOG_OK) : cfgResultOf(result);
+}
+
+static LogOwned<SectionValues> newValues(size_t count) {
+    return LogOwned<SectionValues>(
+        static_cast<SectionValues *>(zoltLogMalloc(count * sizeof(SectionValues))));
 }
 
 uint32_t GetOriginatorCfgSettings(const char *productFile, const char *section, LogCfg *cfg) {
     if (productFile == nullptr || section == nullptr || cfg == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    const LogOwned<SectionValues> values(static_cast<SectionValues *>(zoltLogMalloc(sizeof(SectionValues))));
+    const LogOwned<SectionValues> values = newValues(1);
     if (values == nullptr)
         return ZOLTLOG_NO_MEMORY;
     StoreSection wanted = sectionOf(section, values.get());
-    const uint32_t result = sectionsResult(storeReadSections(productFile, &wanted, 1));
-    if (result == ZOLTLOG_OK)
-        applyOriginator(cfg, values.get(), section);
-    return result;
+    const uint32_t result = readSections(productFile, &wanted, 1);
+    return result == ZOLTLOG_OK ? applyOriginator(cfg, values.get(), section) : result;
 }
 
 bool cfgIsFile(const char *productLocation) {
@@ -239,18 +277,28 @@ bool cfgLogsetPlace(const char *productLocation, const char *logsetName, CfgLogs
     return place->path != nullptr && place->section != nullptr;
 }
 
-uint32_t GetLogSetCfgSettings(const char *productLocation, const char *logsetName, LogCfg *cfg) {
+static uint32_t readLogset(const char *productLocation, const char *logsetName, LogCfg *cfg,
+                           uint32_t *count) {
     CfgLogsetPlace place;
-    if (productLocation == nullptr || cfg == nullptr ||
-        !cfgLogsetPlace(productLocation, logsetName != nullptr ? logsetName : CFG_DEFAULT, &place))
-        return 0;
-    const LogOwned<SectionValues> values(static_cast<SectionValues *>(zoltLogMalloc(sizeof(SectionValues))));
-    uint32_t count = 0;
+    *count = 0;
+    if (!cfgLogsetPlace(productLocation, logsetName != nullptr ? logsetName : CFG_DEFAULT, &place))
+        return ZOLTLOG_NO_MEMORY;
+    const LogOwned<SectionValues> values = newValues(1);
+    uint32_t result = ZOLTLOG_NO_MEMORY;
     if (values != nullptr) {
         StoreSection wanted = sectionOf(place.section.get(), values.get());
-        (void)storeReadSections(place.path.get(), &wanted, 1);
-        count = applyLogset(cfg, values.get(), logsetName);
+        result = readSections(place.path.get(), &wanted, 1);
+        if (result == ZOLTLOG_OK)
+            result = applyLogset(cfg, values.get(), logsetName, count);
     }
+    return result;
+}
+
+uint32_t GetLogSetCfgSettings(const char *productLocation, const char *logsetName, LogCfg *cfg) {
+    uint32_t count = 0;
+    if (productLocation == nullptr || cfg == nullptr ||
+        readLogset(productLocation, logsetName, cfg, &count) != ZOLTLOG_OK)
+        return 0;
     return count;
 }
 
@@ -263,7 +311,7 @@ uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter
         char value[STORE_VALUE_SIZE];
         CfgTaken taken = CFG_SKIPPED;
         result = storeLookup(section, CFG_KEYS[id].name, value);
-        if (result == ZOLTLOG_STORE_OK && !cfgApplyValue(cfg, id, value, &state, &taken))
+        if (result == ZOLTLOG_STORE_OK && cfgApplyValue(cfg, id, value, &state, &taken) != ZOLTLOG_OK)
             result = ZOLTLOG_STORE_NOT_FOUND;
         if (result == ZOLTLOG_STORE_OK)
             ++*counter;
@@ -278,8 +326,7 @@ uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter
 // Reads the default section and, for any other originator, its own one over it.
 static uint32_t readOriginator(const char *productFile, uint64_t originatorId, LogCfg *cfg) {
     static const size_t SECTIONS = 2;
-    const LogOwned<SectionValues> values(
-        static_cast<SectionValues *>(zoltLogMalloc(SECTIONS * sizeof(SectionValues))));
+    const LogOwned<SectionValues> values = newValues(SECTIONS);
     if (values == nullptr)
         return ZOLTLOG_NO_MEMORY;
     char section[CFG_ID_SIZE];
@@ -287,9 +334,9 @@ static uint32_t readOriginator(const char *productFile, uint64_t originatorId, L
     StoreSection wanted[SECTIONS] = {sectionOf(CFG_DEFAULT, values.get()),
                                      sectionOf(section, values.get() + 1)};
     const size_t count = IsDefaultOriginator(originatorId) != 0 ? 1 : SECTIONS;
-    const uint32_t result = sectionsResult(storeReadSections(productFile, wanted, count));
+    uint32_t result = readSections(productFile, wanted, count);
     for (size_t i = 0; result == ZOLTLOG_OK && i < count; ++i)
-        applyOriginator(cfg, values.get() + i, wanted[i].root);
+        result = applyOriginator(cfg, values.get() + i, wanted[i].root);
     return result;
 }
 
@@ -298,9 +345,10 @@ uint32_t zoltLogReadCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg) 
         return ZOLTLOG_INVALID_ARGUMENT;
     const GlobalLock lock(TAG_READ_CFG);
     (void)InitLogCfg(productId, originatorId, nullptr, cfg);
-    const ProductEntry product = readProduct(GetZoltLogCfgLoc(), productId);
-    if (product.location == nullptr)
-        return ZOLTLOG_CFG_NOT_FOUND;
+    ProductEntry product;
+    const uint32_t result = readProduct(GetZoltLogCfgLoc(), productId, &product);
+    if (result != ZOLTLOG_OK)
+        return result;
     takeShortNames(cfg, product.names.get());
     return readOriginator(product.location.get(), originatorId, cfg);
 }
@@ -313,28 +361,37 @@ uint32_t zoltLogReadlogsetCfg(uint64_t productId, const char *logsetName, LogCfg
     const LogOwned<char> name(zoltLogSafeStrdup(logsetName));
     if (name == nullptr || InitLogCfg(productId, 0, name.get(), cfg) != ZOLTLOG_OK)
         return ZOLTLOG_NO_MEMORY;
-    const ProductEntry product = readProduct(GetZoltLogCfgLoc(), productId);
-    if (product.location == nullptr)
-        return ZOLTLOG_CFG_NOT_FOUND;
+    ProductEntry product;
+    uint32_t result = readProduct(GetZoltLogCfgLoc(), productId, &product);
+    if (result != ZOLTLOG_OK)
+        return result;
+    const char *location = product.location.get();
     takeShortNames(cfg, product.names.get());
-    uint32_t count = GetLogSetCfgSettings(product.location.get(), CFG_DEFAULT, cfg);
-    if (IsDefaultLogSet(name.get()) == 0) {
-        if (!cfgIsFile(product.location.get())) {
-            (void)replaceText(&cfg->logsetName, name.get());
-            (void)replaceText(&cfg->logsetFilename, name.get());
-        }
-        count = GetLogSetCfgSettings(product.location.get(), name.get(), cfg);
+    uint32_t count = 0;
+    result = readLogset(location, CFG_DEFAULT, cfg, &count);
+    if (result == ZOLTLOG_OK && IsDefaultLogSet(name.get()) == 0) {
+        if (!cfgIsFile(location) &&
+            (!replaceText(&cfg->logsetName, name.get()) || !replaceText(&cfg->logsetFilename, name.get())))
+            return ZOLTLOG_NO_MEMORY;
+        result = readLogset(location, name.get(), cfg, &count);
     }
-    return count > 0 ? ZOLTLOG_OK : ZOLTLOG_CFG_NOT_FOUND;
+    return result == ZOLTLOG_OK && count == 0 ? static_cast<uint32_t>(ZOLTLOG_CFG_NOT_FOUND) : result;
 }
 
 // ---- all of a product -----------------------------------------------------------------------
+
+// The records of an array by name, so that a large one is not searched for each new record.
+struct RecordSet {
+    uint32_t *slots; // positions in the array + 1; 0 when free
+    uint32_t size;   // a power of two, more than twice what is in it; 0 at first
+};
 
 // Where records are collected: an array of the caller's, filled up to its capacity.
 struct Collection {
     uint32_t capacity;
     LogCfg **cfgs;
     uint32_t *count;
+    RecordSet set;
 };
 
 static LogCfg *newRecord() {
@@ -358,13 +415,6 @@ static bool isSame(const LogCfg *a, const LogCfg *b) {
     return a->logsetName != nullptr && strcmp(a->logsetName, b->logsetName) == 0;
 }
 
-// The records of an array by name, so that a large one is not searched for each new record.
-// Without memory for it the array is searched.
-struct RecordSet {
-    uint32_t *slots; // positions in the array + 1; 0 when free
-    uint32_t size;   // a power of two, more than twice what will be in it
-};
-
 static uint32_t hashOfRecord(const LogCfg *cfg) {
     uint64_t hash = cfg->productId * 31 + (cfg->isLogset == 0 ? cfg->originatorId : 0);
     const char *name = cfg->isLogset != 0 && cfg->logsetName != nullptr ? cfg->logsetName : "";
@@ -382,35 +432,36 @@ static uint32_t *slotOfRecord(const RecordSet *set, LogCfg *const *cfgs, const L
     return &set->slots[at];
 }
 
-static RecordSet recordSet(const Collection *all, uint32_t more) {
-    RecordSet set = {nullptr, 64};
-    const uint64_t most = static_cast<uint64_t>(*all->count) + more;
-    while (set.size < 2 * most + 8 && set.size < UINT32_MAX / 2)
-        set.size *= 2;
-    set.slots = static_cast<uint32_t *>(calloc(set.size, sizeof *set.slots));
-    for (uint32_t i = 0; set.slots != nullptr && i < *all->count; ++i)
-        *slotOfRecord(&set, all->cfgs, all->cfgs[i]) = i + 1;
-    return set;
+// Room for one more; a larger set takes all records of the array over.
+static bool growSet(Collection *all) {
+    static const uint32_t FIRST_SIZE = 64;
+    RecordSet larger = {nullptr, all->set.size == 0 ? FIRST_SIZE : all->set.size};
+    while (larger.size / 2 <= *all->count + 1 && larger.size < UINT32_MAX / 2)
+        larger.size *= 2;
+    if (larger.size == all->set.size)
+        return true;
+    larger.slots = static_cast<uint32_t *>(calloc(larger.size, sizeof *larger.slots));
+    if (larger.slots == nullptr)
+        return false;
+    for (uint32_t i = 0; i < *all->count; ++i)
+        *slotOfRecord(&larger, all->cfgs, all->cfgs[i]) = i + 1;
+    free(all->set.slots);
+    all->set = larger;
+    return true;
 }
 
-static bool isCollected(const Collection *all, const RecordSet *set, const LogCfg *cfg) {
-    if (set->slots != nullptr)
-        return *slotOfRecord(set, all->cfgs, cfg) != 0;
-    uint32_t i = 0;
-    while (i < *all->count && !isSame(all->cfgs[i], cfg))
-        ++i;
-    return i < *all->count;
-}
-
-// Appends a record, or drops it when the array has one of the same name.
-static void collect(const Collection *all, RecordSet *set, LogCfg *cfg) {
-    if (isCollected(all, set, cfg)) {
+// Appends a record, or drops it when the array has one of the same name. False when out of
+// memory; the record is dropped then too.
+static bool collect(Collection *all, LogCfg *cfg) {
+    const bool isRoom = growSet(all);
+    uint32_t *slot = isRoom ? slotOfRecord(&all->set, all->cfgs, cfg) : nullptr;
+    if (slot == nullptr || *slot != 0) {
         dropRecord(cfg);
-        return;
+        return isRoom;
     }
     all->cfgs[(*all->count)++] = cfg;
-    if (set->slots != nullptr)
-        *slotOfRecord(set, all->cfgs, cfg) = *all->count;
+    *slot = *all->count;
+    return true;
 }
 
 // One kind of record of one product's store: its sections are enumerated, and each is read
@@ -423,142 +474,193 @@ struct Enumeration {
     StoreText (*nameOf)(StoreText);
 };
 
-// Reads a section over a record. False when it is a log set without any key.
-static bool readOver(const Enumeration *what, const StoreIndex *index, const char *name,
-                     SectionValues *values, LogCfg *cfg) {
+// Reads a section over a record; ZOLTLOG_NO_MORE when it is a log set without any key.
+static uint32_t readOver(const Enumeration *what, const StoreIndex *index, const char *name,
+                         SectionValues *values, LogCfg *cfg) {
     if (!what->logsets) {
         StoreSection wanted = sectionOf(name, values);
         storeIndexRead(index, &wanted);
-        applyOriginator(cfg, values, name);
-        return true;
+        return applyOriginator(cfg, values, name);
     }
     char section[sizeof STORE_LOGSET_PREFIX + SECTION_NAME_SIZE];
     (void)snprintf(section, sizeof section, "%s%s", what->inFile ? STORE_LOGSET_PREFIX : "", name);
     StoreSection wanted = sectionOf(section, values);
     storeIndexRead(index, &wanted);
-    return applyLogset(cfg, values, name) > 0;
+    uint32_t count = 0;
+    const uint32_t result = applyLogset(cfg, values, name, &count);
+    return result == ZOLTLOG_OK && count == 0 ? static_cast<uint32_t>(ZOLTLOG_NO_MORE) : result;
 }
 
 static bool isSkipped(const Enumeration *what, const char *name) {
     return strcmp(name, CFG_DEFAULT) == 0 || (!what->logsets && strcmp(name, STORE_LOGSET_TOKEN) == 0);
 }
 
-// A further record from the section of a name; ZOLTLOG_STORE_NOT_WRITTEN when out of memory.
+// Collects a record, of which readOver told the result. A log set without any key is none.
+static uint32_t collectRead(Collection *all, LogCfg *cfg, uint32_t result) {
+    if (result == ZOLTLOG_OK)
+        return collect(all, cfg) ? ZOLTLOG_OK : ZOLTLOG_NO_MEMORY;
+    dropRecord(cfg);
+    return result == ZOLTLOG_NO_MORE ? static_cast<uint32_t>(ZOLTLOG_OK) : result;
+}
+
 static uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, const char *name,
-                             const LogCfg *base, SectionValues *values, const Collection *all,
-                             RecordSet *set) {
+                             const LogCfg *base, SectionValues *values, Collection *all) {
     LogCfg *cfg = newRecord();
     if (cfg == nullptr || CopyCfg(cfg, base) != ZOLTLOG_OK) {
         zoltLogFree(cfg);
-        return ZOLTLOG_STORE_NOT_WRITTEN;
+        return ZOLTLOG_NO_MEMORY;
     }
     takeShortNames(cfg, what->shortNames);
     cfg->originatorId = what->logsets ? 0 : storeValueNumber(name);
-    if (!readOver(what, index, name, values, cfg)) {
-        dropRecord(cfg);
-    } else if (what->logsets && (cfg->logsetName == nullptr || cfg->logsetFilename == nullptr)) {
-        dropRecord(cfg);
-        return ZOLTLOG_STORE_NOT_WRITTEN;
-    } else {
-        collect(all, set, cfg);
-    }
-    return ZOLTLOG_STORE_OK;
+    return collectRead(all, cfg, readOver(what, index, name, values, cfg));
 }
 
 static uint32_t collectNames(const Enumeration *what, StoreIndex *index, const LogCfg *base,
-                             SectionValues *values, const Collection *all, RecordSet *set) {
+                             SectionValues *values, Collection *all) {
     char name[SECTION_NAME_SIZE] = "";
-    while (hasRoom(all)) {
+    uint32_t result = ZOLTLOG_OK;
+    index->cursor = 0;
+    while (result == ZOLTLOG_OK && hasRoom(all)) {
         uint32_t size = sizeof name;
-        const uint32_t result = storeIndexNext(index, what->nameOf, name, &size);
-        if (result == ZOLTLOG_STORE_NO_MORE)
+        const uint32_t found = storeIndexNext(index, what->nameOf, name, &size);
+        if (found == ZOLTLOG_STORE_NO_MORE)
             break;
-        if (result != ZOLTLOG_STORE_OK || isSkipped(what, name)) // a name too long is no name of ours
-            continue;
-        if (collectNamed(what, index, name, base, values, all, set) != ZOLTLOG_STORE_OK)
-            return ZOLTLOG_STORE_NOT_WRITTEN;
+        if (found == ZOLTLOG_STORE_OK && !isSkipped(what, name)) // a name too long is no name of ours
+            result = collectNamed(what, index, name, base, values, all);
     }
-    return ZOLTLOG_STORE_OK;
+    return result;
 }
 
-static uint32_t collectAll(const Enumeration *what, const char *path, const Collection *all) {
-    StoreIndex index;
-    uint32_t result = storeIndexLoad(&index, path);
-    if (result != ZOLTLOG_STORE_OK)
-        return result == ZOLTLOG_STORE_NO_MORE ? static_cast<uint32_t>(ZOLTLOG_STORE_OK) : result;
-    const LogOwned<SectionValues> values(static_cast<SectionValues *>(zoltLogMalloc(sizeof(SectionValues))));
-    RecordSet set = recordSet(all, static_cast<uint32_t>(index.runs.count));
+// Every record of one kind, the default one first; ZOLTLOG_NO_MEMORY or OK.
+static uint32_t collectKind(const Enumeration *what, StoreIndex *index, Collection *all) {
+    if (!hasRoom(all))
+        return ZOLTLOG_OK;
+    const LogOwned<SectionValues> values = newValues(1);
     LogCfg *first = newRecord();
-    LogCfg base = {};
-    result = ZOLTLOG_STORE_NOT_WRITTEN;
-    if (values != nullptr && first != nullptr &&
+    if (values == nullptr || first == nullptr ||
         InitLogCfg(what->productId, what->logsets ? 0 : ZOLTLOG_DEFAULT_ORIGINATOR,
-                   what->logsets ? CFG_DEFAULT : nullptr, first) == ZOLTLOG_OK) {
-        takeShortNames(first, what->shortNames);
-        const bool found = readOver(what, &index, CFG_DEFAULT, values.get(), first);
-        if (CopyCfg(&base, first) == ZOLTLOG_OK) {
-            if (found && hasRoom(all)) {
-                collect(all, &set, first);
-                first = nullptr;
-            }
-            result = collectNames(what, &index, &base, values.get(), all, &set);
-            (void)zoltLogFreeCfg(&base);
-        }
+                   what->logsets ? CFG_DEFAULT : nullptr, first) != ZOLTLOG_OK) {
         if (first != nullptr)
-            (void)zoltLogFreeCfg(first);
+            dropRecord(first);
+        return ZOLTLOG_NO_MEMORY;
     }
-    zoltLogFree(first);
-    free(set.slots);
+    takeShortNames(first, what->shortNames);
+    uint32_t result = readOver(what, index, CFG_DEFAULT, values.get(), first);
+    LogCfg base = {};
+    if (result == ZOLTLOG_NO_MEMORY || CopyCfg(&base, first) != ZOLTLOG_OK) {
+        dropRecord(first);
+        return ZOLTLOG_NO_MEMORY;
+    }
+    result = collectRead(all, first, result);
+    if (result == ZOLTLOG_OK)
+        result = collectNames(what, index, &base, values.get(), all);
+    (void)zoltLogFreeCfg(&base);
+    return result;
+}
+
+static Enumeration originatorsOf(uint64_t productId, const char *shortNames) {
+    return {productId, shortNames, false, true, storeSectionName};
+}
+
+// KEPT: the names come from lines that begin with "LOGSET" also in a store of its own, where
+// sections have plain names, so only the default log set is found there. Pinned by
+// ConfigRead.LogsetsOfALocationThatIsNoFileAreNotListed.
+static Enumeration logsetsOf(uint64_t productId, const char *shortNames, const char *location) {
+    return {productId, shortNames, true, cfgIsFile(location), storeLogsetName};
+}
+
+static uint32_t collectFile(const Enumeration *what, const char *path, Collection *all) {
+    StoreIndex index;
+    uint32_t result =
+        hasRoom(all) ? storeIndexLoad(&index, path) : static_cast<uint32_t>(ZOLTLOG_STORE_NO_MORE);
+    if (result == ZOLTLOG_STORE_NO_MORE)
+        return ZOLTLOG_OK;
+    if (result != ZOLTLOG_STORE_OK)
+        return cfgResultOf(result);
+    result = collectKind(what, &index, all);
     storeIndexFree(&index);
     return result;
+}
+
+static uint32_t collectLogsets(const Enumeration *what, const char *location, Collection *all) {
+    CfgLogsetPlace place;
+    if (!cfgLogsetPlace(location, CFG_DEFAULT, &place))
+        return ZOLTLOG_NO_MEMORY;
+    const uint32_t result = collectFile(what, place.path.get(), all);
+    return result;
+}
+
+// Both kinds; a file that holds both is read once.
+static uint32_t collectBoth(uint64_t productId, const char *location, const char *names, Collection *all) {
+    const Enumeration originators = originatorsOf(productId, names);
+    const Enumeration logsets = logsetsOf(productId, names, location);
+    if (!logsets.inFile) {
+        const uint32_t result = collectFile(&originators, location, all);
+        const uint32_t second = collectLogsets(&logsets, location, all);
+        return result != ZOLTLOG_OK ? result : second;
+    }
+    StoreIndex index;
+    uint32_t result =
+        hasRoom(all) ? storeIndexLoad(&index, location) : static_cast<uint32_t>(ZOLTLOG_STORE_NO_MORE);
+    if (result == ZOLTLOG_STORE_NO_MORE)
+        return ZOLTLOG_OK;
+    if (result != ZOLTLOG_STORE_OK)
+        return cfgResultOf(result);
+    result = collectKind(&originators, &index, all);
+    if (result == ZOLTLOG_OK)
+        result = collectKind(&logsets, &index, all);
+    storeIndexFree(&index);
+    return result;
+}
+
+// What these two tell: a result of the store, the records collected so far stay.
+static uint32_t asStoreResult(uint32_t result) {
+    switch (result) {
+    case ZOLTLOG_OK:
+        return ZOLTLOG_STORE_OK;
+    case ZOLTLOG_CFG_NOT_FOUND:
+        return ZOLTLOG_STORE_NO_FILE;
+    default:
+        return ZOLTLOG_STORE_NOT_WRITTEN;
+    }
 }
 
 uint32_t GetOriginatorCfg(const char *productFile, uint64_t productId, const char *shortNames,
                           uint32_t capacity, LogCfg **cfgs, uint32_t *count) {
     if (productFile == nullptr || cfgs == nullptr || count == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    const Enumeration what = {productId, shortNames, false, true, storeSectionName};
-    const Collection all = {capacity, cfgs, count};
-    return hasRoom(&all) ? collectAll(&what, productFile, &all) : static_cast<uint32_t>(ZOLTLOG_STORE_OK);
+    const Enumeration what = originatorsOf(productId, shortNames);
+    Collection all = {capacity, cfgs, count, {}};
+    const uint32_t result = collectFile(&what, productFile, &all);
+    free(all.set.slots);
+    return asStoreResult(result);
 }
 
-// KEPT: the names come from lines that begin with "LOGSET" also in a store of its own, where
-// sections have plain names, so only the default log set is found there. Pinned by
-// ConfigRead.LogsetsOfALocationThatIsNoFileAreNotListed.
 uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *shortNames, uint32_t capacity,
                       LogCfg **cfgs, uint32_t *count) {
     if (productFile == nullptr || cfgs == nullptr || count == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    const bool inFile = cfgIsFile(productFile);
-    const Enumeration what = {productId, shortNames, true, inFile, storeLogsetName};
-    const Collection all = {capacity, cfgs, count};
-    CfgLogsetPlace place;
-    if (!hasRoom(&all))
-        return ZOLTLOG_STORE_OK;
-    if (!cfgLogsetPlace(productFile, CFG_DEFAULT, &place))
-        return ZOLTLOG_STORE_NOT_WRITTEN;
-    const uint32_t result = collectAll(&what, place.path.get(), &all);
-    return result;
+    const Enumeration what = logsetsOf(productId, shortNames, productFile);
+    Collection all = {capacity, cfgs, count, {}};
+    const uint32_t result = collectLogsets(&what, productFile, &all);
+    free(all.set.slots);
+    return asStoreResult(result);
 }
 
 // ---- all products -----------------------------------------------------------------------------
 
-// Reads every record of one product; ZOLTLOG_STORE_NOT_FOUND when it has no location.
-static uint32_t collectProduct(const StoreIndex *mainFile, uint64_t productId, const Collection *all) {
+// Reads every record of one product; ZOLTLOG_CFG_NOT_FOUND when it has no location, too.
+static uint32_t collectProduct(const StoreIndex *mainFile, uint64_t productId, Collection *all,
+                               bool *hasLocation) {
     char section[CFG_ID_SIZE];
     cfgIdText(productId, section);
     ProductValues values = {};
     StoreSection wanted = {section, PRODUCT_KEYS, PRODUCT_KEY_COUNT, values.text, values.found};
     storeIndexRead(mainFile, &wanted);
-    const ProductEntry product = takeProduct(&values);
-    if (product.location == nullptr)
-        return ZOLTLOG_STORE_NOT_FOUND;
-    const char *names = product.names.get();
-    const uint32_t originators =
-        GetOriginatorCfg(product.location.get(), productId, names, all->capacity, all->cfgs, all->count);
-    const uint32_t logsets =
-        GetLogsetCfg(product.location.get(), productId, names, all->capacity, all->cfgs, all->count);
-    return originators != ZOLTLOG_STORE_OK ? originators : logsets;
+    ProductEntry product;
+    const uint32_t result = takeProduct(&values, &product);
+    *hasLocation = result == ZOLTLOG_OK;
+    return *hasLocation ? collectBoth(productId, product.location.get(), product.names.get(), all) : result;
 }
 
 uint32_t zoltLogReadProdIDCfg(const char *mainLocation, uint64_t productId, uint32_t capacity, LogCfg **cfgs,
@@ -568,24 +670,24 @@ uint32_t zoltLogReadProdIDCfg(const char *mainLocation, uint64_t productId, uint
     const GlobalLock lock(TAG_READ_PROD_ID_CFG);
     *count = 0;
     StoreIndex mainFile;
-    if (storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc()) !=
-        ZOLTLOG_STORE_OK)
-        return ZOLTLOG_NO_PRODUCT_CFG;
-    const Collection all = {capacity, cfgs, count};
+    uint32_t result = storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc());
+    if (result != ZOLTLOG_STORE_OK)
+        return result == STORE_NO_MEMORY ? ZOLTLOG_NO_MEMORY : ZOLTLOG_NO_PRODUCT_CFG;
+    Collection all = {capacity, cfgs, count, {}};
     char name[SECTION_NAME_SIZE] = "";
     uint32_t size = sizeof name;
-    uint32_t result = ZOLTLOG_STORE_OK;
     bool isFound = false;
-    while (!isFound &&
-           (result = storeIndexNext(&mainFile, storeSectionName, name, &size)) == ZOLTLOG_STORE_OK) {
+    while (!isFound && storeIndexNext(&mainFile, storeSectionName, name, &size) == ZOLTLOG_STORE_OK) {
         isFound = storeValueNumber(name) == productId;
         size = sizeof name;
     }
-    if (isFound)
-        result = collectProduct(&mainFile, productId, &all);
+    bool hasLocation = true;
+    result = isFound ? collectProduct(&mainFile, productId, &all, &hasLocation)
+                     : static_cast<uint32_t>(ZOLTLOG_OK);
     storeIndexFree(&mainFile);
-    if (isFound && result == ZOLTLOG_STORE_NOT_FOUND)
-        return utipsres2zoltlogres(result);
+    free(all.set.slots);
+    if (result == ZOLTLOG_NO_MEMORY || !hasLocation)
+        return result;
     return *count > 0 ? ZOLTLOG_OK : ZOLTLOG_NO_PRODUCT_CFG;
 }
 
@@ -595,20 +697,29 @@ uint32_t zoltLogReadAllCfg(const char *mainLocation, uint32_t capacity, LogCfg *
     const GlobalLock lock(TAG_READ_ALL_CFG);
     *count = 0;
     StoreIndex mainFile;
-    if (storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc()) !=
-        ZOLTLOG_STORE_OK)
-        return ZOLTLOG_NO_PRODUCT_CFG;
-    const Collection all = {capacity, cfgs, count};
+    const uint32_t loaded =
+        storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc());
+    if (loaded != ZOLTLOG_STORE_OK)
+        return loaded == STORE_NO_MEMORY ? ZOLTLOG_NO_MEMORY : ZOLTLOG_NO_PRODUCT_CFG;
+    Collection all = {capacity, cfgs, count, {}};
     char name[SECTION_NAME_SIZE] = "";
     uint32_t size = sizeof name;
     bool isAnyRead = false;
-    uint32_t result = ZOLTLOG_STORE_OK;
-    while ((result = storeIndexNext(&mainFile, storeSectionName, name, &size)) == ZOLTLOG_STORE_OK) {
-        isAnyRead = collectProduct(&mainFile, storeValueNumber(name), &all) == ZOLTLOG_STORE_OK || isAnyRead;
+    bool isOutOfMemory = false;
+    uint32_t found = ZOLTLOG_STORE_OK;
+    while (!isOutOfMemory &&
+           (found = storeIndexNext(&mainFile, storeSectionName, name, &size)) == ZOLTLOG_STORE_OK) {
+        bool hasLocation = false;
+        const uint32_t result = collectProduct(&mainFile, storeValueNumber(name), &all, &hasLocation);
+        isAnyRead = result == ZOLTLOG_OK || isAnyRead;
+        isOutOfMemory = result == ZOLTLOG_NO_MEMORY;
         size = sizeof name;
     }
     storeIndexFree(&mainFile);
-    if (isAnyRead || result == ZOLTLOG_STORE_NO_MORE)
+    free(all.set.slots);
+    if (isOutOfMemory)
+        return ZOLTLOG_NO_MEMORY;
+    if (isAnyRead || found == ZOLTLOG_STORE_NO_MORE)
         return *count > 0 ? ZOLTLOG_OK : ZOLTLOG_NO_PRODUCT_CFG;
-    return utipsres2zoltlogres(result);
+    return utipsres2zoltlogres(found);
 }

@@ -23,24 +23,21 @@ static void store(T *field, T value) {
     __atomic_store_n(field, value, __ATOMIC_RELAXED);
 }
 
-// Whether the product's file has changed since the handle last saw it. A file whose status
-// cannot be told counts as unchanged: the handle keeps its levels.
-static bool isFileChanged(LogHandle *handle) {
+// The time at which the product's file was changed last; the one that the handle knows when
+// that cannot be told: the handle keeps its levels.
+static int64_t fileTime(const LogHandle *handle) {
     char *location = nullptr;
     if (GetProductCfgPath(GetZoltLogCfgLoc(), handle->file->productId, &location) != ZOLTLOG_OK)
-        return false;
+        return load(&handle->cfgTimestamp);
     struct stat status;
     const bool known = stat(location, &status) == 0;
     zoltLogFree(location);
-    const int64_t modified = known ? status.st_mtime : load(&handle->cfgTimestamp);
-    if (modified == load(&handle->cfgTimestamp))
-        return false;
-    store(&handle->cfgTimestamp, modified);
-    return true;
+    return known ? status.st_mtime : load(&handle->cfgTimestamp);
 }
 
-// Adopts the levels and the interval, and nothing else.
-static void reload(LogHandle *handle) {
+// Adopts the levels and the interval, and nothing else. What cannot be read leaves them, and
+// is tried again when the next check is due.
+static void reload(LogHandle *handle, int64_t modified) {
     LogCfg cfg = {};
     const LogFileState *file = handle->file;
     // A handle on a log set was opened with the log set's settings.
@@ -52,6 +49,7 @@ static void reload(LogHandle *handle) {
         store(&handle->debugLevel, cfg.debugLevel);
         store(&handle->diagLevel, cfg.diagLevel);
         store(&handle->reloadInterval, cfg.reloadInterval);
+        store(&handle->cfgTimestamp, modified);
     }
     (void)zoltLogFreeCfg(&cfg);
 }
@@ -69,8 +67,9 @@ uint32_t zoltDynaLoadConfig(LogHandle *handle) {
     if (now - load(&handle->lastReloadCheck) <= interval)
         return ZOLTLOG_OK;
     store(&handle->lastReloadCheck, now);
-    if (isFileChanged(handle))
-        reload(handle);
+    const int64_t modified = fileTime(handle);
+    if (modified != load(&handle->cfgTimestamp))
+        reload(handle, modified);
     return ZOLTLOG_OK;
 }
 

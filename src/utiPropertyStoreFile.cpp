@@ -141,14 +141,71 @@ StoreText storeLogsetName(StoreText line) {
 
 // ---- opening and reading lines -----------------------------------------------------
 
+// Hashes of the paths opened so far; a later one may take the place of an earlier one.
+static const size_t READ_PATHS = 256;
+static uint64_t readPaths[READ_PATHS];
+
+static uint64_t hashOfPath(const char *path) {
+    uint64_t hash = 14695981039346656037U;
+    for (; *path != '\0'; ++path)
+        hash = (hash ^ static_cast<unsigned char>(*path)) * 1099511628211U;
+    return hash != 0 ? hash : 1;
+}
+
+static void notePath(const char *path, bool isThere) {
+    const uint64_t hash = hashOfPath(path);
+    __atomic_store_n(&readPaths[(hash >> 32U) % READ_PATHS], isThere ? hash : 0, __ATOMIC_RELAXED);
+}
+
+bool storeWasRead(const char *path) {
+    const uint64_t hash = hashOfPath(path);
+    return __atomic_load_n(&readPaths[(hash >> 32U) % READ_PATHS], __ATOMIC_RELAXED) == hash;
+}
+
+void storeForget(const char *path) {
+    notePath(path, false);
+}
+
+uint32_t storeReadWhole(int descriptor, char **bytes, size_t *size) {
+    static const size_t LEAST_ROOM = 4096;
+    struct stat status;
+    if (fstat(descriptor, &status) != 0)
+        return STORE_UNREADABLE;
+    size_t room = (S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) : 0) + LEAST_ROOM;
+    LogOwned<char> block(static_cast<char *>(malloc(room)));
+    size_t used = 0;
+    while (block != nullptr) {
+        const ssize_t count = read(descriptor, block.get() + used, room - used);
+        if (count == 0) {
+            *bytes = block.release();
+            *size = used;
+            return ZOLTLOG_STORE_OK;
+        }
+        if (count < 0 && errno != EINTR)
+            return STORE_UNREADABLE;
+        used += count > 0 ? static_cast<size_t>(count) : 0;
+        if (used == room) { // it grew meanwhile
+            room *= 2;
+            auto *larger = static_cast<char *>(realloc(block.get(), room));
+            if (larger == nullptr)
+                break;
+            (void)block.release();
+            block.reset(larger);
+        }
+    }
+    return STORE_NO_MEMORY;
+}
+
 int storeOpenForReading(const char *path) {
     int descriptor = -1;
     if (openDescriptor(path, ZOLTLOG_OS_MODE_READ, 0, &descriptor) != ZOLTLOG_OS_OK)
         return -1;
     struct stat status;
     if (fstat(descriptor, &status) == 0 &&
-        (S_ISREG(status.st_mode) || (S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3))))
+        (S_ISREG(status.st_mode) || (S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3)))) {
+        notePath(path, true);
         return descriptor;
+    }
     close(descriptor);
     errno = EINVAL;
     return -1;
@@ -250,19 +307,22 @@ uint32_t storeLookup(PropertyStore *store, const char *name, char value[STORE_VA
     return ZOLTLOG_STORE_NOT_FOUND;
 }
 
-char *storeValueText(const char *value) {
-    char *text = nullptr;
-    if (isPlainAscii(value, strlen(value)) && localeKeepsAscii())
-        text = zoltLogSafeStrdup(value);
-    else if (utf82mbs(&text, value) != ZOLTLOG_OK)
-        return nullptr;
-    if (text != nullptr) {
-        size_t length = strlen(text);
-        while (length > 0 && text[length - 1] == ' ')
-            --length;
-        text[length] = '\0';
+uint32_t storeValueText(const char *value, char **out) {
+    *out = nullptr;
+    if (isPlainAscii(value, strlen(value)) && localeKeepsAscii()) {
+        *out = zoltLogSafeStrdup(value);
+        if (*out == nullptr)
+            return ZOLTLOG_NO_MEMORY;
+    } else {
+        const uint32_t result = utf82mbs(out, value);
+        if (result != ZOLTLOG_OK)
+            return result;
     }
-    return text;
+    size_t length = strlen(*out);
+    while (length > 0 && (*out)[length - 1] == ' ')
+        --length;
+    (*out)[length] = '\0';
+    return ZOLTLOG_OK;
 }
 
 unsigned long storeValueNumber(const char *value) {
@@ -295,8 +355,8 @@ uint32_t utiGetPropertyAsStrFile(PropertyStore *store, const char *name, char **
     char value[STORE_VALUE_SIZE];
     if (out == nullptr || storeLookup(store, name, value) != ZOLTLOG_STORE_OK)
         return ZOLTLOG_STORE_NOT_FOUND;
-    char *text = storeValueText(value);
-    if (text == nullptr)
+    char *text = nullptr;
+    if (storeValueText(value, &text) != ZOLTLOG_OK)
         return ZOLTLOG_STORE_NOT_FOUND;
     *out = text;
     return ZOLTLOG_STORE_OK;

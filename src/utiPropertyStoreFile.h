@@ -18,6 +18,15 @@
 
 #include <string.h>
 
+// Results among the units; the exported operations tell them as a failure to write.
+inline constexpr uint32_t STORE_NO_MEMORY = 100;
+inline constexpr uint32_t STORE_UNREADABLE = 101;  // the file is there and cannot be read
+inline constexpr uint32_t STORE_BUSY = 102;        // another writer did not finish in time
+inline constexpr uint32_t STORE_CHANGED = 103;     // the file is not the one that was read, each time
+inline constexpr uint32_t STORE_EXISTS = 104;      // a key that must be absent is there
+inline constexpr uint32_t STORE_UNCHANGED = 105;   // a rewrite has nothing to change
+inline constexpr uint32_t STORE_REMOVE_FILE = 106; // a rewrite leaves no section: the file goes
+
 inline constexpr size_t STORE_LINE_MAX = 499;            // bytes handled as one line
 inline constexpr size_t STORE_VALUE_SIZE = 400;          // a value read back, with its terminator
 inline constexpr char STORE_LOGSET_TOKEN[] = "LOGSET";   // first token of a log set's lines
@@ -77,17 +86,78 @@ void storeReaderFree(StoreReader *reader);                  // the descriptor st
 uint32_t storeLookup(PropertyStore *store, const char *name, char value[STORE_VALUE_SIZE]);
 
 // The value's text as utiGetPropertyAsStr gives it: in the locale's encoding, without
-// trailing spaces, a new block; null when it cannot be converted.
-char *storeValueText(const char *value);
+// trailing spaces, a new block. ZOLTLOG_NO_MEMORY, or another failure when it cannot be
+// converted; the text is null then.
+uint32_t storeValueText(const char *value, char **text);
 unsigned long storeValueNumber(const char *value);
 uint32_t storeValueBool(const char *value);
 
-// Opens a section for writing and makes the file when there is none, so that two
-// processes that do so at once both keep what they write.
-uint32_t storeOpenOrCreate(const char *path, const char *root, PropertyStore *store);
+// Whether this process has opened a file of this path for reading; forgets about one that
+// it removed. It may not know of one.
+bool storeWasRead(const char *path);
+void storeForget(const char *path);
 
-// Removes a file in which no section is left; ZOLTLOG_STORE_OK also when there is one.
-uint32_t storeRemoveIfEmpty(const char *path);
+// Reads a descriptor to its end into a block of its own: ZOLTLOG_STORE_OK, STORE_UNREADABLE or
+// STORE_NO_MEMORY.
+uint32_t storeReadWhole(int descriptor, char **bytes, size_t *size);
+
+// ---- rewrites ----------------------------------------------------------------------
+
+struct StoreSource { // the file as it is; without one size is 0
+    char *bytes;
+    size_t size;
+    bool exists;
+};
+struct StoreOutput;
+void storePut(StoreOutput *out, const char *text, size_t size);
+
+enum StoreMissing : uint8_t { // what becomes of a file that is not there, after a moment
+    STORE_REFUSE_MISSING,
+    STORE_MAKE_UNKNOWN, // it is made unless this process has read it before
+    STORE_MAKE_MISSING
+};
+
+struct StoreRewriting {
+    // Puts the new content out: ZOLTLOG_STORE_OK; STORE_UNCHANGED, STORE_REMOVE_FILE or a failure.
+    // Called again when somebody else has changed the file meanwhile.
+    uint32_t (*make)(const StoreSource *source, StoreOutput *out, void *context);
+    void *context;
+    StoreMissing missing;
+    const char *tag; // of the global lock, held while the new file takes the name; null: not held
+};
+// Waits for other writers and makes one rewrite. Nothing is changed when it fails:
+// ZOLTLOG_STORE_NOT_CREATED when no new file can be made, ZOLTLOG_STORE_NOT_WRITTEN, STORE_NO_MEMORY,
+// STORE_BUSY, STORE_CHANGED, or what make tells.
+uint32_t storeRewrite(const char *path, const StoreRewriting *how);
+
+// Makes or empties a file in place, through a link if the path is one.
+uint32_t storeMakeAnew(const char *path, const char *content);
+
+enum StoreAction : uint8_t {
+    STORE_SET,            // as utiSetPropertyAsStrFile, the value in UTF-8
+    STORE_REMOVE,         // as utiRemovePropertyFile
+    STORE_REMOVE_SECTION, // as utiRemovePropertyRootFile; name is the section
+    STORE_REQUIRE_ABSENT, // fails with STORE_EXISTS when the key has a value
+    STORE_DROP_FILE       // removes the file when no section is left
+};
+struct StoreChange {
+    StoreAction action;
+    const char *name;
+    const char *value;
+};
+// Makes changes to one section in order, in one rewrite, or none of them. *dropped, if not
+// null, tells whether a removal found something. root may be empty.
+struct StoreChanges {
+    const char *root;
+    const StoreChange *changes;
+    size_t count;
+    bool always; // rewrite also when nothing changes
+    bool dropped;
+};
+uint32_t storeChange(const char *path, StoreChanges *changes, StoreMissing missing, const char *tag);
+
+// Makes the file with its header, and its directory, when there is none.
+uint32_t storeMakeMissing(const char *path);
 
 // ---- many keys at once -----------------------------------------------------------
 
@@ -101,7 +171,7 @@ struct StoreSection {
 };
 
 // Reads several sections of one file in one pass over it. ZOLTLOG_STORE_NO_FILE when it cannot
-// be opened, ZOLTLOG_STORE_NOT_WRITTEN when memory runs out.
+// be opened because there is none, STORE_UNREADABLE, STORE_NO_MEMORY.
 uint32_t storeReadSections(const char *path, StoreSection *sections, size_t count);
 
 // A whole file in memory with its sections indexed; each line is read once.

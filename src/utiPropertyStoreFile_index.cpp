@@ -26,6 +26,14 @@ static bool canHoldKeys(const char *root) {
     return strchr(root, '=') == nullptr;
 }
 
+// Why a file did not open: there is none, or it is there all the same.
+static uint32_t resultOfOpening() {
+    if (errno == ENOMEM)
+        return STORE_NO_MEMORY;
+    return errno == ENOENT || errno == ENOTDIR ? static_cast<uint32_t>(ZOLTLOG_STORE_NO_FILE)
+                                               : STORE_UNREADABLE;
+}
+
 uint32_t storeReadSections(const char *path, StoreSection *sections, size_t count) {
     static const size_t SECTIONS_MAX = 4;
     if (path == nullptr || count > SECTIONS_MAX)
@@ -35,9 +43,9 @@ uint32_t storeReadSections(const char *path, StoreSection *sections, size_t coun
         rootLengths[i] = strnlen(sections[i].root, sizeof(PropertyStore::root) - 1); // as a handle's
     const int descriptor = storeOpenForReading(path);
     if (descriptor < 0)
-        return ZOLTLOG_STORE_NO_FILE;
+        return resultOfOpening();
     StoreReader reader;
-    uint32_t result = ZOLTLOG_STORE_NOT_WRITTEN;
+    uint32_t result = STORE_NO_MEMORY;
     if (storeReaderInit(&reader, descriptor)) {
         StoreText line;
         while (storeReaderNext(&reader, &line)) {
@@ -48,7 +56,7 @@ uint32_t storeReadSections(const char *path, StoreSection *sections, size_t coun
                     takeLine(&sections[i], length, line);
             }
         }
-        result = ZOLTLOG_STORE_OK;
+        result = reader.failed ? STORE_UNREADABLE : static_cast<uint32_t>(ZOLTLOG_STORE_OK);
     }
     storeReaderFree(&reader);
     close(descriptor);
@@ -133,38 +141,20 @@ static bool chainRuns(StoreIndex *index) {
     return true;
 }
 
-// Reads the whole file; a file that grows meanwhile is read as far as it was told.
-static bool readWhole(StoreIndex *index, int descriptor) {
-    struct stat status;
-    if (fstat(descriptor, &status) != 0)
-        return false;
-    const size_t expected = S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) : 0;
-    index->bytes = static_cast<char *>(calloc(expected + 1, 1));
-    if (index->bytes == nullptr)
-        return false;
-    while (index->size < expected) {
-        const ssize_t count = read(descriptor, index->bytes + index->size, expected - index->size);
-        if (count > 0)
-            index->size += static_cast<size_t>(count);
-        else if (count == 0 || errno != EINTR)
-            break;
-    }
-    return true;
-}
-
 uint32_t storeIndexLoad(StoreIndex *index, const char *path) {
     storeIndexFree(index);
     if (path == nullptr)
         return ZOLTLOG_STORE_INVALID_ARGUMENT;
     const int descriptor = storeOpenForReading(path);
     if (descriptor < 0)
-        return ZOLTLOG_STORE_NO_FILE;
-    const bool loaded = readWhole(index, descriptor) && findRuns(index) && chainRuns(index);
+        return resultOfOpening();
+    uint32_t result = storeReadWhole(descriptor, &index->bytes, &index->size);
+    if (result == ZOLTLOG_STORE_OK && !(findRuns(index) && chainRuns(index)))
+        result = STORE_NO_MEMORY;
     close(descriptor);
-    if (loaded)
-        return ZOLTLOG_STORE_OK;
-    storeIndexFree(index);
-    return ZOLTLOG_STORE_NOT_WRITTEN;
+    if (result != ZOLTLOG_STORE_OK)
+        storeIndexFree(index);
+    return result;
 }
 
 void storeIndexFree(StoreIndex *index) {

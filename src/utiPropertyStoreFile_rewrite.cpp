@@ -1,551 +1,494 @@
-// Changes of a property store file. A file is never changed in place: its lines go,
-// changed, to path + ".tmp", which then takes its place.
+// The rewrite of a property store file: one writer at a time, a file of its own, published
+// whole. What a change makes of the lines is utiPropertyStoreFile_change.cpp's.
 //
-// Sections: the lock between processes; the temporary file; a rewrite from begin to
-// end; set; remove; creating and removing files.
+// Sections: the temporary file and its lock; attributes of the new file; reading the old
+// one; publishing; a rewrite from begin to end.
 //
-// A rewrite holds an advisory lock on the file's directory and reads the file anew
-// under it, so that two processes lose nothing of each other's change. The new file
-// has the old one's mode and owner, is on the disk before it gets the name, and
-// until then the old one stays as it was. When a step fails the handle keeps its
-// stream and stays usable. After a failed write the temporary file stays behind;
-// the next rewrite unlinks it first.
+// path + ".tmp" is the new file and the lock in one: a writer makes it and holds a lock on
+// it until it has taken the name of the old one. Only those who may make files in the
+// directory, and so may change the configuration, can hold it; nobody else can keep them
+// waiting. One that a killed writer left behind has no lock and is removed. Where the file
+// system has no locks the name alone is one, and a file that nobody touched for
+// STALE_SECONDS counts as left behind.
+//
+// Others may change the file without this lock, an editor for one. Just before the new file
+// takes the name the old one must still be the one that was read; otherwise the change is
+// made again from what is there now.
 #include "utiPropertyStoreFile.h"
 
-#include "bounded.h"
 #include "cmn_routines.h"
+#include "lockUnix.h"
 #include "os.h"
 
-#include <errno.h>
+#include <cerrno>
+#include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
-#include <stdlib.h>
-#include <sys/file.h>
 #include <sys/stat.h>
-#include <time.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
-static const char TEMPORARY_SUFFIX[] = ".tmp";
-static const char CONFIGURATION_SUFFIX[] = ".conf"; // tells a file from a section on removal
-static const mode_t NEW_FILE_MODE = 0666;           // less the process's umask
-static const uint32_t NEW_DIRECTORY_MODE = 0755;    // a directory takes its parent's mode instead
-static const long LOCK_WAIT_MS = 10000;
-static const long LOCK_POLL_MS = 2;
-static const int CREATE_ATTEMPTS = 3; // each unlinks what stands in the way
-static const size_t WRITE_BUFFER_SIZE = 32768;
+namespace {
 
-static const char HEADER[] = "###############################################\n"
-                             "# Caution! Do not update/modify file by hand. \n"
-                             "# Use qdlogcfg tool to update/modify this file\n"
-                             "###############################################\n";
+const char TEMPORARY_SUFFIX[] = ".tmp";
+const mode_t NEW_FILE_MODE = 0666; // less the process's umask
+const mode_t LOCK_MODE = 0600;     // until the file has the old one's
+const long WAIT_MS = 10000;        // for other writers, and for changes that are made again
+const long POLL_MS = 2;
+const long MISSING_MS = 100; // for a file that may be away for an instant
+const long AWAY_MS = 500;    // for one that is known to have been there
+const long STALE_SECONDS = 10;
+const size_t WRITE_BUFFER_SIZE = 32768;
+const char ACCESS_LIST[] = "system.posix_acl_access";
+const size_t ACCESS_LIST_SIZE = 65536; // no attribute is larger
 
-// ---- the lock between processes ------------------------------------------------------
-
-static long monotonicMilliseconds() {
+long monotonicMilliseconds() {
     struct timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
     return now.tv_sec * 1000 + now.tv_nsec / 1000000;
 }
 
-// The directory of a path, in a buffer as large as a handle's path; false if it does not fit.
-static bool directoryOf(const char *path, char (&directory)[sizeof(PropertyStore::path)]) {
-    const char *slash = strrchr(path, '/');
-    if (slash == nullptr)
-        path = ".";
-    size_t length = slash == nullptr ? 1 : static_cast<size_t>(slash - path);
-    if (length == 0)
-        length = 1; // "/"
-    if (length >= sizeof directory)
+void pauseShortly() {
+    const struct timespec pause = {0, POLL_MS * 1000000};
+    nanosleep(&pause, nullptr);
+}
+
+bool isSameFile(const struct stat *a, const struct stat *b) {
+    return a->st_dev == b->st_dev && a->st_ino == b->st_ino;
+}
+
+// Nothing was written to it either.
+bool isUntouched(const struct stat *before, const struct stat *now) {
+    return isSameFile(before, now) && before->st_size == now->st_size &&
+           before->st_mtim.tv_sec == now->st_mtim.tv_sec && before->st_mtim.tv_nsec == now->st_mtim.tv_nsec;
+}
+
+// ---- the temporary file and its lock ----------------------------------------------------
+
+struct Temporary {
+    char path[sizeof(PropertyStore::path)];
+    int descriptor;
+    bool isForNew; // made with the mode of a new file
+};
+
+bool temporaryPath(const char *path, char (&temporary)[sizeof(PropertyStore::path)]) {
+    const size_t length = strlen(path);
+    if (length + sizeof TEMPORARY_SUFFIX > sizeof temporary)
         return false;
-    memcpy(directory, path, length);
-    directory[length] = '\0';
+    memmove(temporary, path, length);
+    memcpy(temporary + length, TEMPORARY_SUFFIX, sizeof TEMPORARY_SUFFIX);
     return true;
 }
 
-// Locks a directory and waits for it at most LOCK_WAIT_MS; false when that passed. Where
-// a directory cannot be read or the file system has no such locks there is none:
-// *descriptor is -1 then, and the rename alone keeps readers safe.
-static bool lockDirectory(const char *path, int *descriptor) {
-    *descriptor = -1;
-    char directory[sizeof(PropertyStore::path)];
-    if (!directoryOf(path, directory))
-        return true;
-    const int opened = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    const int locked = opened >= 0 ? aboveStdio(opened) : -1;
-    if (locked < 0)
-        return true;
-    const long start = monotonicMilliseconds();
-    while (flock(locked, LOCK_EX | LOCK_NB) != 0) {
-        const bool busy = errno == EWOULDBLOCK;
-        if (!busy && errno != EINTR) {
-            close(locked);
-            return true;
-        }
-        if (monotonicMilliseconds() - start > LOCK_WAIT_MS) {
-            close(locked);
-            return false;
-        }
-        const struct timespec pause = {0, LOCK_POLL_MS * 1000000};
-        if (busy)
-            nanosleep(&pause, nullptr);
-    }
-    *descriptor = locked;
-    return true;
+enum Locking { LOCKED, HELD, NO_LOCKS };
+
+Locking lockFile(int descriptor) {
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    int result = -1;
+    do
+        result = fcntl(descriptor, F_OFD_SETLK, &lock);
+    while (result != 0 && errno == EINTR);
+    if (result == 0)
+        return LOCKED;
+    return errno == EAGAIN || errno == EACCES ? HELD : NO_LOCKS;
 }
 
-static void unlockDirectory(int descriptor) {
-    if (descriptor < 0)
+// The lock ends here also when a child forked meanwhile still has the descriptor.
+void closeTemporary(Temporary *temporary) {
+    if (temporary->descriptor < 0)
         return;
-    flock(descriptor, LOCK_UN); // a child forked meanwhile may still hold the descriptor
-    close(descriptor);
+    struct flock lock = {};
+    lock.l_type = F_UNLCK;
+    lock.l_whence = SEEK_SET;
+    (void)fcntl(temporary->descriptor, F_OFD_SETLK, &lock);
+    (void)close(temporary->descriptor); // its content is given up or known to be on the disk
+    temporary->descriptor = -1;
 }
 
-// ---- the temporary file --------------------------------------------------------------
+bool hasItsName(const Temporary *temporary) {
+    struct stat opened;
+    struct stat named;
+    return fstat(temporary->descriptor, &opened) == 0 && lstat(temporary->path, &named) == 0 &&
+           isSameFile(&opened, &named);
+}
 
-// The new file's mode and owner are the old one's, or the file is not made at all: it
-// might become unreadable to those who read the old one, or readable to others.
-static bool inherit(int descriptor, const struct stat *old) {
+// Makes the file and locks it. False when somebody else was faster, or with errno when it
+// cannot be made; *failed tells which.
+bool makeTemporary(Temporary *temporary, bool *failed) {
+    const int made = open(temporary->path, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                          temporary->isForNew ? NEW_FILE_MODE : LOCK_MODE);
+    *failed = made < 0 && errno != EEXIST && errno != EINTR;
+    if (made < 0)
+        return false;
+    temporary->descriptor = aboveStdio(made);
+    if (temporary->descriptor < 0) {
+        *failed = true;
+        (void)unlink(temporary->path);
+        return false;
+    }
+    if (lockFile(temporary->descriptor) != HELD && hasItsName(temporary))
+        return true;
+    closeTemporary(temporary);
+    return false;
+}
+
+bool isStale(const struct stat *status) {
+    return status->st_mtim.tv_sec + STALE_SECONDS < time(nullptr);
+}
+
+// Removes what stands under the temporary file's name unless a writer is at work on it. False
+// when it is none and stays.
+bool removeLeftover(const char *path) {
+    struct stat named;
+    if (lstat(path, &named) != 0)
+        return true;
+    if (!S_ISREG(named.st_mode)) // planted: no writer makes such a one
+        return unlink(path) == 0 || errno == ENOENT;
+    const int descriptor = open(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (descriptor < 0) {
+        if (isStale(&named))
+            (void)unlink(path);
+        return true;
+    }
+    struct stat opened;
+    const Locking locking = lockFile(descriptor);
+    if (locking != HELD && (locking == LOCKED || isStale(&named)) && fstat(descriptor, &opened) == 0 &&
+        lstat(path, &named) == 0 && isSameFile(&opened, &named))
+        (void)unlink(path);
+    close(descriptor);
+    return true;
+}
+
+// Waits until nobody else writes, at most until the end.
+uint32_t takeTemporary(const char *path, long end, Temporary *temporary) {
+    temporary->descriptor = -1;
+    if (!temporaryPath(path, temporary->path))
+        return ZOLTLOG_STORE_NOT_CREATED;
+    for (;;) {
+        bool failed = false;
+        struct stat status;
+        temporary->isForNew = stat(path, &status) != 0;
+        if (makeTemporary(temporary, &failed))
+            return ZOLTLOG_STORE_OK;
+        if (failed || !removeLeftover(temporary->path))
+            return ZOLTLOG_STORE_NOT_CREATED;
+        if (lstat(temporary->path, &status) != 0)
+            continue;
+        if (monotonicMilliseconds() > end)
+            return STORE_BUSY;
+        pauseShortly();
+    }
+}
+
+void dropTemporary(Temporary *temporary) {
+    if (temporary->descriptor >= 0 && hasItsName(temporary))
+        (void)unlink(temporary->path);
+    closeTemporary(temporary);
+}
+
+// ---- attributes of the new file -------------------------------------------------------------
+
+// The access list is the old one's, or there is none, as there.
+bool copyAccessList(int from, int to) {
+    const LogOwned<char> list(static_cast<char *>(zoltLogMalloc(ACCESS_LIST_SIZE)));
+    if (list == nullptr)
+        return false;
+    const ssize_t size = fgetxattr(from, ACCESS_LIST, list.get(), ACCESS_LIST_SIZE);
+    if (size >= 0)
+        return fsetxattr(to, ACCESS_LIST, list.get(), static_cast<size_t>(size), 0) == 0;
+    if (errno != ENODATA && errno != EOPNOTSUPP)
+        return false;
+    // The directory may have given the new file one.
+    return fremovexattr(to, ACCESS_LIST) == 0 || errno == ENODATA || errno == EOPNOTSUPP;
+}
+
+// The new file's owner, access list and mode are the old one's, or the change is refused: the
+// file might become unreadable to those who read the old one, or readable to others.
+bool inherit(int descriptor, int source, const struct stat *old) {
     struct stat made;
     if (fstat(descriptor, &made) != 0)
         return false;
     if ((made.st_uid != old->st_uid || made.st_gid != old->st_gid) &&
         fchown(descriptor, old->st_uid, old->st_gid) != 0)
         return false;
-    return fchmod(descriptor, old->st_mode & 07777U) == 0;
+    return copyAccessList(source, descriptor) && fchmod(descriptor, old->st_mode & 07777U) == 0;
 }
 
-// Makes path + ".tmp" anew, never through a link, for a handle of its own. old is the
-// file that it will replace, or null.
-static uint32_t createTemporary(const char *path, const char *root, const struct stat *old,
-                                PropertyStore *temporary) {
-    if (path == nullptr || root == nullptr || temporary == nullptr)
-        return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    const size_t length = strlen(path);
-    if (length + sizeof TEMPORARY_SUFFIX > sizeof temporary->path)
-        return ZOLTLOG_STORE_NOT_CREATED;
-    temporary->stream = nullptr;
-    memmove(temporary->path, path, length);
-    memcpy(temporary->path + length, TEMPORARY_SUFFIX, sizeof TEMPORARY_SUFFIX);
-    copyBounded(temporary->root, root);
+} // namespace
 
-    const mode_t mode = old != nullptr ? old->st_mode & 0777U : NEW_FILE_MODE;
-    int descriptor = -1;
-    for (int attempt = 0; descriptor < 0 && attempt < CREATE_ATTEMPTS; ++attempt) {
-        (void)unlink(temporary->path); // a stale or planted one; the open tells what remains
-        descriptor = open(temporary->path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
-        if (descriptor < 0 && errno != EEXIST && errno != EINTR)
-            break;
-    }
-    if (descriptor >= 0)
-        descriptor = aboveStdio(descriptor);
-    if (descriptor < 0)
-        return ZOLTLOG_STORE_NOT_CREATED;
-    if (old == nullptr || inherit(descriptor, old))
-        temporary->stream = fdopen(descriptor, "w");
-    if (temporary->stream == nullptr) {
-        close(descriptor);
-        (void)unlink(temporary->path);
-        return ZOLTLOG_STORE_NOT_CREATED;
-    }
-    return ZOLTLOG_STORE_OK;
-}
+// ---- writing --------------------------------------------------------------------------------
 
-uint32_t utiCreateTmpPropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
-    if (path == nullptr || root == nullptr || store == nullptr)
-        return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    struct stat old;
-    return createTemporary(path, root, stat(path, &old) == 0 ? &old : nullptr, store);
-}
-
-// ---- a rewrite from begin to end --------------------------------------------------------
-
-struct Rewrite {
-    int directory; // locked, or -1
-    int source;    // the current file, or -1 when it is gone
-    PropertyStore temporary;
-    StoreReader reader;
+struct StoreOutput {
+    int descriptor;
     char *buffer; // what is not written yet
     size_t used;
     bool failed; // a write failed
 };
 
-static void flushRewrite(Rewrite *rewrite) {
+namespace {
+
+void flush(StoreOutput *out) {
     size_t written = 0;
-    while (!rewrite->failed && written < rewrite->used) {
-        const ssize_t count =
-            write(fileno(rewrite->temporary.stream), rewrite->buffer + written, rewrite->used - written);
+    while (!out->failed && written < out->used) {
+        const ssize_t count = write(out->descriptor, out->buffer + written, out->used - written);
         if (count > 0)
             written += static_cast<size_t>(count);
         else if (count == 0 || errno != EINTR)
-            rewrite->failed = true;
+            out->failed = true;
     }
-    rewrite->used = 0;
+    out->used = 0;
 }
 
-static void put(Rewrite *rewrite, const char *text, size_t size) {
-    while (size > 0 && !rewrite->failed) {
-        size_t part = WRITE_BUFFER_SIZE - rewrite->used;
+} // namespace
+
+void storePut(StoreOutput *out, const char *text, size_t size) {
+    while (size > 0 && !out->failed) {
+        size_t part = WRITE_BUFFER_SIZE - out->used;
         if (part > size)
             part = size;
-        memcpy(rewrite->buffer + rewrite->used, text, part);
-        rewrite->used += part;
+        memcpy(out->buffer + out->used, text, part);
+        out->used += part;
         text += part;
         size -= part;
-        if (rewrite->used == WRITE_BUFFER_SIZE)
-            flushRewrite(rewrite);
+        if (out->used == WRITE_BUFFER_SIZE)
+            flush(out);
     }
 }
 
-static void putText(Rewrite *rewrite, const char *text) {
-    put(rewrite, text, strlen(text));
-}
+// ---- a rewrite from begin to end --------------------------------------------------------------
 
-static void putLine(Rewrite *rewrite, StoreText line) {
-    put(rewrite, line.text, line.size);
-}
+namespace {
 
-// Releases everything but the temporary file's name.
-static void endRewrite(Rewrite *rewrite) {
-    if (rewrite->temporary.stream != nullptr)
-        (void)fclose(rewrite->temporary.stream); // its content is given up or already closed
-    rewrite->temporary.stream = nullptr;
+struct Rewrite {
+    const char *path;
+    const StoreRewriting *how;
+    long end; // of all waiting
+    Temporary temporary;
+    int source; // the file, or -1 when there is none
+    struct stat old;
+    StoreSource content;
+    bool failedWriting; // then the temporary file stays behind
+};
+
+void endSource(Rewrite *rewrite) {
     if (rewrite->source >= 0)
         close(rewrite->source);
-    storeReaderFree(&rewrite->reader);
-    zoltLogFree(rewrite->buffer);
-    unlockDirectory(rewrite->directory);
-}
-
-// Takes the lock, opens the file as it is now and makes the temporary file. A file that is
-// gone is begun anew. On failure nothing is held.
-static uint32_t beginRewrite(Rewrite *rewrite, const char *path, const char *root) {
-    *rewrite = {};
     rewrite->source = -1;
-    if (!lockDirectory(path, &rewrite->directory))
+    free(rewrite->content.bytes);
+    rewrite->content = {};
+}
+
+// Opens the file as it is now. One that is away is waited for: shortly when it may be a new
+// one, longer when it was there before, and then it is not begun anew.
+uint32_t openSource(Rewrite *rewrite) {
+    const StoreMissing missing = rewrite->how->missing;
+    const bool isKnown =
+        missing == STORE_REFUSE_MISSING || (missing == STORE_MAKE_UNKNOWN && storeWasRead(rewrite->path));
+    const long end = monotonicMilliseconds() + (isKnown ? AWAY_MS : MISSING_MS);
+    while ((rewrite->source = storeOpenForReading(rewrite->path)) < 0) {
+        if (errno == ENOMEM)
+            return STORE_NO_MEMORY;
+        if (errno != ENOENT)
+            return ZOLTLOG_STORE_NOT_WRITTEN;
+        if (monotonicMilliseconds() > end)
+            return isKnown ? static_cast<uint32_t>(ZOLTLOG_STORE_NOT_WRITTEN)
+                           : static_cast<uint32_t>(ZOLTLOG_STORE_OK);
+        pauseShortly();
+    }
+    return ZOLTLOG_STORE_OK;
+}
+
+uint32_t readSource(Rewrite *rewrite) {
+    uint32_t result = openSource(rewrite);
+    if (result != ZOLTLOG_STORE_OK || rewrite->source < 0)
+        return result;
+    if (fstat(rewrite->source, &rewrite->old) != 0)
         return ZOLTLOG_STORE_NOT_WRITTEN;
-    rewrite->source = storeOpenForReading(path);
-    const bool gone = rewrite->source < 0 && errno == ENOENT;
-    struct stat old;
-    uint32_t result = ZOLTLOG_STORE_NOT_WRITTEN;
-    if (rewrite->source < 0 ? gone : fstat(rewrite->source, &old) == 0)
-        result = createTemporary(path, root, gone ? nullptr : &old, &rewrite->temporary);
-    if (result == ZOLTLOG_STORE_OK) {
-        rewrite->buffer = static_cast<char *>(zoltLogMalloc(WRITE_BUFFER_SIZE));
-        if (rewrite->buffer == nullptr || !storeReaderInit(&rewrite->reader, rewrite->source)) {
-            (void)unlink(rewrite->temporary.path);
-            result = ZOLTLOG_STORE_NOT_WRITTEN;
-        }
-    }
-    if (result != ZOLTLOG_STORE_OK)
-        endRewrite(rewrite);
-    else if (gone)
-        putText(rewrite, HEADER);
-    return result;
+    rewrite->content.exists = true;
+    result = storeReadWhole(rewrite->source, &rewrite->content.bytes, &rewrite->content.size);
+    return result == STORE_UNREADABLE ? static_cast<uint32_t>(ZOLTLOG_STORE_NOT_WRITTEN) : result;
 }
 
-// Puts the temporary file on the disk and in the place of the file; ends the rewrite.
-static uint32_t commitRewrite(Rewrite *rewrite, const char *path) {
-    flushRewrite(rewrite);
-    bool written = !rewrite->failed && !rewrite->reader.failed;
-    written = written && (fsync(fileno(rewrite->temporary.stream)) == 0 || errno == EINVAL); // not a disk
-    FILE *stream = rewrite->temporary.stream;
-    rewrite->temporary.stream = nullptr;
-    written = fclose(stream) == 0 && written;
-    if (written && rename(rewrite->temporary.path, path) != 0) {
+// Writes the new content; the file is empty before.
+uint32_t writeContent(Rewrite *rewrite) {
+    const LogOwned<char> buffer(static_cast<char *>(zoltLogMalloc(WRITE_BUFFER_SIZE)));
+    if (buffer == nullptr)
+        return STORE_NO_MEMORY;
+    StoreOutput out = {rewrite->temporary.descriptor, buffer.get(), 0, false};
+    const uint32_t result = rewrite->how->make(&rewrite->content, &out, rewrite->how->context);
+    if (result != ZOLTLOG_STORE_OK)
+        return result;
+    flush(&out);
+    const int descriptor = rewrite->temporary.descriptor;
+    const bool synced = !out.failed && (fsync(descriptor) == 0 || errno == EINVAL); // not a disk
+    rewrite->failedWriting = !synced;
+    return synced ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_WRITTEN;
+}
+
+uint32_t giveAttributes(const Rewrite *rewrite) {
+    if (!rewrite->content.exists)
+        return rewrite->temporary.isForNew ? static_cast<uint32_t>(ZOLTLOG_STORE_OK)
+                                           : STORE_CHANGED; // it went meanwhile
+    return inherit(rewrite->temporary.descriptor, rewrite->source, &rewrite->old) ? ZOLTLOG_STORE_OK
+                                                                                  : ZOLTLOG_STORE_NOT_CREATED;
+}
+
+// The file under the name is still the one that was read.
+bool isCurrent(const Rewrite *rewrite) {
+    struct stat now;
+    if (stat(rewrite->path, &now) != 0)
+        return !rewrite->content.exists && errno == ENOENT;
+    return rewrite->content.exists && isUntouched(&rewrite->old, &now);
+}
+
+// A name that somebody has taken meanwhile is not taken from him.
+bool nameNewFile(const Rewrite *rewrite) {
+    if (link(rewrite->temporary.path, rewrite->path) == 0) {
         (void)unlink(rewrite->temporary.path);
-        written = false;
+        return true;
     }
-    // From here on the new file is the file. That its name outlasts a loss of power cannot
-    // be promised when this fails, which is no reason to call the change a failure.
-    if (written && rewrite->directory >= 0)
-        (void)fsync(rewrite->directory);
-    endRewrite(rewrite);
-    return written ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_WRITTEN;
+    return errno != EEXIST && rename(rewrite->temporary.path, rewrite->path) == 0;
 }
 
-// Opens the handle's section in the rewritten file.
-static uint32_t reopen(PropertyStore *store) {
-    (void)utiClosePropertyStoreFile(store);
-    return utiOpenPropertyStoreFile(store->path, store->root, store);
+// Gives the new file the name. STORE_CHANGED when the old one is no longer what was read.
+uint32_t takeName(Rewrite *rewrite) {
+    if (!hasItsName(&rewrite->temporary) || !isCurrent(rewrite))
+        return STORE_CHANGED;
+    if (rewrite->content.exists ? rename(rewrite->temporary.path, rewrite->path) == 0 : nameNewFile(rewrite))
+        return ZOLTLOG_STORE_OK;
+    return errno == EEXIST ? STORE_CHANGED : static_cast<uint32_t>(ZOLTLOG_STORE_NOT_WRITTEN);
 }
 
-static uint32_t finishChange(Rewrite *rewrite, PropertyStore *store) {
-    const uint32_t result = commitRewrite(rewrite, store->path);
-    return result == ZOLTLOG_STORE_OK ? reopen(store) : result;
+uint32_t publish(Rewrite *rewrite) {
+    if (rewrite->how->tag == nullptr)
+        return takeName(rewrite);
+    const GlobalLock lock(rewrite->how->tag);
+    return takeName(rewrite);
 }
 
-// Gives a rewrite up: after a failed write its temporary file stays, else it goes.
-static uint32_t abandonRewrite(Rewrite *rewrite) {
-    const bool failed = rewrite->failed || rewrite->reader.failed;
-    if (!failed)
-        (void)unlink(rewrite->temporary.path);
-    endRewrite(rewrite);
-    return failed ? ZOLTLOG_STORE_NOT_WRITTEN : ZOLTLOG_STORE_OK;
-}
-
-// ---- set ------------------------------------------------------------------------------
-
-static bool isOpen(const PropertyStore *store) {
-    return store != nullptr && store->stream != nullptr;
-}
-
-static bool hasLineFeed(const char *text) {
-    return strchr(text, '\n') != nullptr;
-}
-
-static const char *rootOrNull(const PropertyStore *store) {
-    return *store->root != '\0' ? store->root : nullptr;
-}
-
-static void putProperty(Rewrite *rewrite, const char *root, const char *name, const char *value) {
-    if (root != nullptr) {
-        putText(rewrite, root);
-        put(rewrite, ".", 1);
-    }
-    putText(rewrite, name);
-    put(rewrite, "=", 1);
-    putText(rewrite, value);
-    put(rewrite, "\n", 1);
-}
-
-// Copies the lines and puts the property into the first run of its section's lines: in
-// the place of the line with its key, or else behind the run. True when it was put.
-// KEPT: a key that stands in a later run only is put a second time, into the first run.
-// Pinned by PropertyStore.SetChangesTheFirstRunOnly.
-// KEPT: the section of a log set's line is the text between its first two dots, so a log
-// set with a dot in its name gets every set appended. Pinned by
-// PropertyStore.ADottedLogsetNameIsAppendedEachTime.
-static bool copyAndPut(Rewrite *rewrite, const char *root, const char *name, const char *value) {
-    bool inRun = false;
-    bool found = false;
-    StoreText line;
-    while (!rewrite->failed && storeReaderNext(&rewrite->reader, &line)) {
-        const bool ours = !found && storeLineInSection(line, root, ".=");
-        if (ours && storeLineHasKey(line, root, name)) {
-            putProperty(rewrite, root, name, value);
-            found = true;
-            continue;
-        }
-        if (inRun && !ours && !found) {
-            putProperty(rewrite, root, name, value);
-            found = true;
-        }
-        inRun = ours;
-        putLine(rewrite, line);
-    }
-    return found;
-}
-
-// Without a section: replaces every line whose first token is the name.
-static bool copyAndReplace(Rewrite *rewrite, const char *name, const char *value) {
-    bool found = false;
-    StoreText line;
-    while (!rewrite->failed && storeReaderNext(&rewrite->reader, &line)) {
-        if (storeLineHasFirstToken(line, name)) {
-            putProperty(rewrite, nullptr, name, value);
-            found = true;
-        } else {
-            putLine(rewrite, line);
-        }
-    }
-    return found;
-}
-
-// KEPT: the property is put at the very end also when the last line has no line feed, and
-// joins it then. Pinned by PropertyStore.AnUnfinishedLastLineIsJoined.
-static uint32_t setProperty(PropertyStore *store, const char *name, const char *value) {
-    if (!isOpen(store) || name == nullptr || value == nullptr || hasLineFeed(name) || hasLineFeed(value) ||
-        hasLineFeed(store->root))
-        return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    Rewrite rewrite;
-    const uint32_t result = beginRewrite(&rewrite, store->path, store->root);
-    if (result != ZOLTLOG_STORE_OK)
-        return result;
-    const char *root = rootOrNull(store);
-    const bool found =
-        root != nullptr ? copyAndPut(&rewrite, root, name, value) : copyAndReplace(&rewrite, name, value);
-    if (!found)
-        putProperty(&rewrite, root, name, value);
-    return finishChange(&rewrite, store);
-}
-
-uint32_t utiSetPropertyAsUlongFile(PropertyStore *store, const char *name, const unsigned long *value) {
-    if (value == nullptr)
-        return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    char text[24]; // 19 digits, a sign and the terminator
-    // KEPT: numbers are written signed, those of 2^63 and above as negative ones. Pinned by
-    // PropertyStore.NumbersOfTheUpperHalfAreWrittenNegative.
-    (void)snprintf(text, sizeof text, "%ld", static_cast<long>(*value));
-    return setProperty(store, name, text);
-}
-
-uint32_t utiSetPropertyAsBoolFile(PropertyStore *store, const char *name, const uint32_t *value) {
-    if (value == nullptr)
-        return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    return setProperty(store, name, *value == 1 ? "true" : "false");
-}
-
-uint32_t utiSetPropertyAsStrFile(PropertyStore *store, const char *name, const char *text) {
-    if (!isOpen(store) || name == nullptr || text == nullptr)
-        return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    char *utf8 = nullptr;
-    if (mbs2utf8(&utf8, text) != ZOLTLOG_OK)
-        return ZOLTLOG_STORE_NOT_FOUND;
-    const uint32_t result = setProperty(store, name, utf8);
-    zoltLogFree(utf8);
-    return result;
-}
-
-// ---- remove -----------------------------------------------------------------------------
-
-uint32_t utiRemovePropertyFile(PropertyStore *store, const char *name) {
-    if (!isOpen(store) || name == nullptr)
-        return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    Rewrite rewrite;
-    const uint32_t result = beginRewrite(&rewrite, store->path, store->root);
-    if (result != ZOLTLOG_STORE_OK)
-        return result;
-    bool dropped = false;
-    StoreText line;
-    while (!rewrite.failed && storeReaderNext(&rewrite.reader, &line)) {
-        if (storeLineHasKey(line, rootOrNull(store), name))
-            dropped = true;
-        else
-            putLine(&rewrite, line);
-    }
-    if (dropped)
-        return finishChange(&rewrite, store);
-    flushRewrite(&rewrite);
-    return abandonRewrite(&rewrite);
-}
-
-static uint32_t removeSection(PropertyStore *store, const char *section) {
-    Rewrite rewrite;
-    uint32_t result = beginRewrite(&rewrite, store->path, store->root);
-    if (result != ZOLTLOG_STORE_OK)
-        return result;
-    bool dropped = false;
-    StoreText line;
-    while (!rewrite.failed && storeReaderNext(&rewrite.reader, &line)) {
-        if (memchr(line.text, '.', strnlen(line.text, line.size)) != nullptr &&
-            storeLineInSection(line, section, "."))
-            dropped = true;
-        else
-            putLine(&rewrite, line);
-    }
-    result = finishChange(&rewrite, store);
-    return result == ZOLTLOG_STORE_OK && !dropped ? uint32_t{ZOLTLOG_STORE_NO_SECTION} : result;
-}
-
-uint32_t utiRemovePropertyRootFile(PropertyStore *store, const char *section) {
-    if (section == nullptr)
-        return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    if (strstr(section, CONFIGURATION_SUFFIX) != nullptr)
-        return zoltLogOs_remove(section) == 0 ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_WRITTEN;
-    return isOpen(store) ? removeSection(store, section) : uint32_t{ZOLTLOG_STORE_INVALID_ARGUMENT};
-}
-
-// ---- creating and removing files ----------------------------------------------------------
-
-// Makes the directory of a path, which must name one.
-static bool makeDirectoryOf(const char *path) {
+// That the name outlasts a loss of power cannot be promised when this fails, which is no
+// reason to call the change a failure.
+void syncDirectory(const char *path) {
     const char *slash = strrchr(path, '/');
-    if (slash == nullptr)
-        return false;
-    const auto length = static_cast<size_t>(slash - path);
-    const LogOwned<char> directory(static_cast<char *>(zoltLogMalloc(length + 1)));
-    if (directory == nullptr)
-        return false;
-    memcpy(directory.get(), path, length);
-    directory.get()[length] = '\0';
-    return zoltLogOs_mkdirp(directory.get(), NEW_DIRECTORY_MODE) == 0;
-}
-
-static bool writeHeader(int descriptor) {
-    size_t written = 0;
-    while (written < sizeof HEADER - 1) {
-        const ssize_t count = write(descriptor, HEADER + written, sizeof HEADER - 1 - written);
-        if (count > 0)
-            written += static_cast<size_t>(count);
-        else if (count == 0 || errno != EINTR)
-            return false;
+    const size_t length = slash == nullptr ? 0 : static_cast<size_t>(slash - path);
+    char directory[sizeof(PropertyStore::path)] = ".";
+    if (length >= sizeof directory)
+        return;
+    if (slash != nullptr) {
+        memcpy(directory, path, length);
+        directory[length] = '\0';
     }
-    return fsync(descriptor) == 0 || errno == EINVAL;
+    if (slash == path)
+        memcpy(directory, "/", 2);
+    const int descriptor = open(directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0)
+        return;
+    (void)fsync(descriptor);
+    close(descriptor);
 }
 
-// Makes or empties a file and writes the header, through a link if the path is one.
-static bool makeFile(const char *path) {
+uint32_t removeFile(Rewrite *rewrite) {
+    if (!isCurrent(rewrite))
+        return STORE_CHANGED;
+    storeForget(rewrite->path);
+    return zoltLogOs_remove(rewrite->path) == 0 ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_WRITTEN;
+}
+
+uint32_t rewriteOnce(Rewrite *rewrite) {
+    uint32_t result = readSource(rewrite);
+    if (result == ZOLTLOG_STORE_OK)
+        result = giveAttributes(rewrite);
+    if (result == ZOLTLOG_STORE_OK)
+        result = writeContent(rewrite);
+    if (result == ZOLTLOG_STORE_OK)
+        result = publish(rewrite);
+    else if (result == STORE_REMOVE_FILE)
+        result = removeFile(rewrite);
+    endSource(rewrite);
+    return result;
+}
+
+} // namespace
+
+uint32_t storeRewrite(const char *path, const StoreRewriting *how) {
+    Rewrite rewrite = {};
+    rewrite.path = path;
+    rewrite.how = how;
+    rewrite.source = -1;
+    rewrite.end = monotonicMilliseconds() + WAIT_MS;
+    uint32_t result = STORE_CHANGED;
+    while (result == STORE_CHANGED && monotonicMilliseconds() <= rewrite.end) {
+        result = takeTemporary(path, rewrite.end, &rewrite.temporary);
+        if (result != ZOLTLOG_STORE_OK)
+            return result;
+        result = rewriteOnce(&rewrite);
+        if (result == ZOLTLOG_STORE_OK) {
+            if (hasItsName(&rewrite.temporary)) // the file itself went
+                (void)unlink(rewrite.temporary.path);
+            syncDirectory(path);
+            closeTemporary(&rewrite.temporary);
+        } else if (rewrite.failedWriting) {
+            closeTemporary(&rewrite.temporary);
+        } else {
+            dropTemporary(&rewrite.temporary);
+        }
+    }
+    return result == STORE_UNCHANGED ? static_cast<uint32_t>(ZOLTLOG_STORE_OK) : result;
+}
+
+// ---- making files -------------------------------------------------------------------------------
+
+uint32_t storeMakeAnew(const char *path, const char *content) {
+    Temporary temporary;
+    uint32_t result = takeTemporary(path, monotonicMilliseconds() + WAIT_MS, &temporary);
+    if (result != ZOLTLOG_STORE_OK)
+        return result;
     int descriptor =
         open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, NEW_FILE_MODE);
     if (descriptor >= 0)
         descriptor = aboveStdio(descriptor);
-    if (descriptor < 0)
-        return false;
-    const bool written = writeHeader(descriptor);
-    return close(descriptor) == 0 && written;
+    if (descriptor < 0) {
+        dropTemporary(&temporary);
+        return ZOLTLOG_STORE_NOT_CREATED;
+    }
+    const LogOwned<char> buffer(static_cast<char *>(zoltLogMalloc(WRITE_BUFFER_SIZE)));
+    StoreOutput out = {descriptor, buffer.get(), 0, buffer == nullptr};
+    storePut(&out, content, strlen(content));
+    flush(&out);
+    const bool synced = !out.failed && (fsync(descriptor) == 0 || errno == EINVAL);
+    const bool closed = close(descriptor) == 0;
+    dropTemporary(&temporary);
+    return synced && closed ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_CREATED;
 }
 
-uint32_t utiCreatePropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
+uint32_t utiCreateTmpPropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
     if (path == nullptr || root == nullptr || store == nullptr)
         return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    store->stream = nullptr;
-    int lock = -1;
-    if (!makeDirectoryOf(path) || !lockDirectory(path, &lock))
+    char temporary[sizeof store->path];
+    if (!temporaryPath(path, temporary))
         return ZOLTLOG_STORE_NOT_CREATED;
-    const bool made = makeFile(path);
-    unlockDirectory(lock);
-    return made ? utiOpenPropertyStoreFile(path, root, store) : uint32_t{ZOLTLOG_STORE_NOT_CREATED};
-}
-
-static bool isMissing(const char *path) {
-    struct stat status;
-    return stat(path, &status) != 0 && errno == ENOENT;
-}
-
-// Gives a link to nowhere its file, unless another process has done so since.
-static bool makeLinkedFile(const char *path) {
-    int lock = -1;
-    if (!lockDirectory(path, &lock))
-        return false;
-    const bool made = !isMissing(path) || makeFile(path);
-    unlockDirectory(lock);
-    return made;
-}
-
-// Makes a file with the header in it, unless another process has done so since.
-static bool makeMissingFile(const char *path, const char *root) {
-    Rewrite rewrite;
-    if (beginRewrite(&rewrite, path, root) != ZOLTLOG_STORE_OK)
-        return false;
-    return (rewrite.source >= 0 ? abandonRewrite(&rewrite) : commitRewrite(&rewrite, path)) ==
-           ZOLTLOG_STORE_OK;
-}
-
-uint32_t storeOpenOrCreate(const char *path, const char *root, PropertyStore *store) {
-    uint32_t result = utiOpenPropertyStoreFile(path, root, store);
-    if (result != ZOLTLOG_STORE_NO_FILE)
-        return result;
-    if (isMissing(path)) { // a file that is there is never emptied
-        struct stat status;
-        const bool isLink = lstat(path, &status) == 0 && S_ISLNK(status.st_mode);
-        if (!makeDirectoryOf(path) || !(isLink ? makeLinkedFile(path) : makeMissingFile(path, root)))
-            return ZOLTLOG_STORE_NOT_CREATED;
+    store->stream = nullptr;
+    const size_t rootLength = strnlen(root, sizeof store->root - 1); // the arguments may be the handle's own
+    memmove(store->root, root, rootLength);
+    store->root[rootLength] = '\0';
+    const int source = storeOpenForReading(path);
+    struct stat old = {};
+    const bool isThere = source >= 0 && fstat(source, &old) == 0;
+    (void)unlink(temporary); // a stale or planted one; the open tells what remains
+    int descriptor = open(temporary, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                          isThere ? old.st_mode & 0777U : NEW_FILE_MODE);
+    if (descriptor >= 0)
+        descriptor = aboveStdio(descriptor);
+    if (descriptor >= 0 && (!isThere || inherit(descriptor, source, &old)))
+        store->stream = fdopen(descriptor, "w");
+    if (descriptor >= 0 && store->stream == nullptr) {
+        close(descriptor);
+        (void)unlink(temporary);
     }
-    return utiOpenPropertyStoreFile(path, root, store); // another process may have made it
-}
-
-uint32_t storeRemoveIfEmpty(const char *path) {
-    int lock = -1;
-    if (!lockDirectory(path, &lock))
-        return ZOLTLOG_STORE_NOT_WRITTEN;
-    PropertyStore store = {};
-    uint32_t result = ZOLTLOG_STORE_OK;
-    if (utiOpenPropertyStoreFile(path, "", &store) == ZOLTLOG_STORE_OK) {
-        char name[STORE_LINE_MAX + 1] = "";
-        uint32_t size = sizeof name;
-        if (utiEnumProductIdFile(&store, 0, name, &size) == ZOLTLOG_STORE_NO_MORE)
-            result = zoltLogOs_remove(path) == 0 ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_WRITTEN;
-    }
-    (void)utiClosePropertyStoreFile(&store);
-    unlockDirectory(lock);
-    return result;
+    if (source >= 0)
+        close(source);
+    memcpy(store->path, temporary, strlen(temporary) + 1);
+    return store->stream != nullptr ? ZOLTLOG_STORE_OK : ZOLTLOG_STORE_NOT_CREATED;
 }

@@ -206,8 +206,8 @@ TEST(FaultConfigRewrite, AFullDiskIsStoreResult6) {
         const char *call;
         int number;
         bool leavesTemporary;
-    } rows[] = {{"write", 1, true}, {"write", 2, true},  {"write", 4, true},
-                {"fsync", 1, true}, {"fclose", 1, true}, {"rename", 1, false}};
+    } rows[] = {
+        {"write", 1, true}, {"write", 2, true}, {"write", 4, true}, {"fsync", 1, true}, {"rename", 1, false}};
     for (const auto &row : rows) {
         SCOPED_TRACE(std::string(row.call) + std::to_string(row.number));
         writeFile("s.conf", before);
@@ -268,6 +268,7 @@ TEST(FaultConfigRewrite, APlantedLinkIsNotFollowed) {
     writeFile("s.conf", "5.a=1\n");
     PropertyStore store;
     ASSERT_EQ(utiOpenPropertyStore("s.conf", "5", &store), 0U);
+    writeFile("s.conf.tmp", "left behind by a killed writer");
     std::string name = "s.conf.tmp";
     plant = &name;
     EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "2"), 0U);
@@ -303,11 +304,13 @@ TEST(FaultConfigRewrite, TheNewFileIsOnTheDiskBeforeItTakesTheName) {
     utiClosePropertyStore(&store);
 }
 
-// A process that holds the directory's lock for good stops a change after its bounded wait.
+// A writer that never ends stops the others after a bounded wait.
 TEST(LongFaultConfigRewrite, TheWaitForTheLockIsBounded) {
     writeFile("s.conf", "5.a=1\n");
-    const int held = open(".", O_RDONLY | O_DIRECTORY);
-    ASSERT_EQ(flock(held, LOCK_EX), 0);
+    const int held = open("s.conf.tmp", O_RDWR | O_CREAT, 0600);
+    struct flock lock = {};
+    lock.l_type = F_WRLCK;
+    ASSERT_EQ(fcntl(held, F_OFD_SETLK, &lock), 0);
     PropertyStore store;
     ASSERT_EQ(utiOpenPropertyStore("s.conf", "5", &store), 0U);
     EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "2"), ZOLTLOG_STORE_NOT_WRITTEN);

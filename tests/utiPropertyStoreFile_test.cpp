@@ -12,6 +12,7 @@
 #include <random>
 #include <string>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -124,8 +125,8 @@ const Case CASES[] = {
     {"section token ends at '='", "5=x\n6.a=1\n", "5", Op::SET, "a", "2", 0, "5=x\n5.a=2\n6.a=1\n"},
     {"delimiters before the token are skipped", ".5.x=1\n6.a=1\n", "5", Op::SET, "a", "2", 0, ".5.x=1\n5.a=2\n6.a=1\n"},
     {"tab before is another section", "\t5.a=1\n", "5", Op::SET, "a", "2", 0, "\t5.a=1\n5.a=2\n"},
-    {"an unfinished last line is joined", "5.a=1\n6.a=1", "7", Op::SET, "b", "2", 0, "5.a=1\n6.a=17.b=2\n"},
-    {"also in its own section", "5.a=1", "5", Op::SET, "b", "2", 0, "5.a=15.b=2\n"},
+    {"an unfinished last line is ended", "5.a=1\n6.a=1", "7", Op::SET, "b", "2", 0, "5.a=1\n6.a=1\n7.b=2\n"},
+    {"also in its own section", "5.a=1", "5", Op::SET, "b", "2", 0, "5.a=1\n5.b=2\n"},
     {"unfinished other section behind", "5.a=1\n6.a=1", "5", Op::SET, "b", "2", 0, "5.a=1\n5.b=2\n6.a=1"},
     // set: log sets
     {"log set key", "LOGSET.x.a=1\n", "LOGSET.x", Op::SET, "a", "2", 0, "LOGSET.x.a=2\n"},
@@ -217,11 +218,11 @@ TEST(PropertyStore, ADottedLogsetNameIsAppendedEachTime) {
     EXPECT_EQ(get(&store.handle, "a"), "1");
 }
 
-TEST(PropertyStore, AnUnfinishedLastLineIsJoined) {
+TEST(PropertyStore, AnUnfinishedLastLineIsEndedBeforeALineIsAdded) {
     writeFile(FILE_NAME, "5.a=1");
     Store store("6");
     EXPECT_EQ(utiSetPropertyAsStr(&store.handle, "b", "2"), 0U);
-    EXPECT_EQ(readFile(FILE_NAME), "5.a=16.b=2\n");
+    EXPECT_EQ(readFile(FILE_NAME), "5.a=1\n6.b=2\n");
 }
 
 TEST(PropertyStore, AnEmptyRootLooksForADotAndWritesTheNameAlone) {
@@ -667,12 +668,27 @@ TEST(PropertyStore, AChangeIsMadeToTheFileAsItIsNow) {
     EXPECT_EQ(readFile(FILE_NAME), "5.a=3\n6.b=2\n");
 }
 
-TEST(PropertyStore, AFileThatIsGoneIsBegunAnew) {
+TEST(PropertyStore, AFileThatIsGoneIsNotBegunAnew) {
     writeFile(FILE_NAME, "5.a=1\n");
     Store store("5");
     ASSERT_EQ(unlink(FILE_NAME), 0);
+    EXPECT_EQ(utiSetPropertyAsStr(&store.handle, "b", "2"), 6U);
+    EXPECT_FALSE(exists(FILE_NAME));
+    EXPECT_FALSE(exists("store.conf.tmp"));
+}
+
+// An editor that moves it away and back.
+TEST(PropertyStore, AFileThatIsAwayForAnInstantIsWaitedFor) {
+    writeFile(FILE_NAME, "5.a=1\n");
+    Store store("5");
+    ASSERT_EQ(rename(FILE_NAME, "away"), 0);
+    std::thread editor([] {
+        usleep(20000);
+        EXPECT_EQ(rename("away", FILE_NAME), 0);
+    });
     EXPECT_EQ(utiSetPropertyAsStr(&store.handle, "b", "2"), 0U);
-    EXPECT_EQ(readFile(FILE_NAME), std::string(HEADER) + "5.b=2\n");
+    editor.join();
+    EXPECT_EQ(readFile(FILE_NAME), "5.a=1\n5.b=2\n");
 }
 
 // ---- enumerations ----------------------------------------------------------------------------
@@ -855,7 +871,7 @@ uint32_t set(File *file, const std::string &root, const std::string &name, const
         }
     }
     if (!found)
-        result += property;
+        result += (result.empty() || result.back() == '\n' ? "" : "\n") + property;
     file->bytes = result;
     return 0;
 }

@@ -272,30 +272,16 @@ class Qdlogcfg(unittest.TestCase):
             os.chmod("locked", 0o755)
             os.chmod(".", mode_here)
 
-    def test_a_last_line_without_a_line_feed_is_told_and_not_changed(self):
+    def test_a_last_line_without_a_line_feed_is_ended_first(self):
         self.register()
-        unfinished = read("server.conf") + "7.DebugLevel=1"
-        write("server.conf", unfinished)
-        texts = [finding["text"] for finding in self.check()]
-        self.assertTrue(any("no line feed" in text for text in texts), texts)
-        for command in [("set", "-p", "5", "DebugLevel=3"), ("set", "-p", "5", "--dry-run", "DebugLevel=3"),
-                        ("unset", "-p", "5", "-o", "7", "DebugLevel"),
-                        ("unset", "-p", "5", "-o", "7", "--dry-run", "DebugLevel")]:
-            status, out, err = run(*command)
-            self.assertEqual((status, out), (3, ""), command)
-            self.assertIn("no line feed", err)
-            self.assertEqual(read("server.conf"), unfinished)
-        write("server.conf", unfinished + "\n")
-        self.ok("set", "-p", "5", "DebugLevel=3")
-        unfinished = read("main.conf") + "6.Names=x"
-        write("main.conf", unfinished)
-        for command in [("product", "add", "7", "-n", "x", "-f", f"{HERE}/x.conf"),
-                        ("product", "add", "7", "-n", "x", "-f", f"{HERE}/x.conf", "--dry-run")]:
-            status, _, err = run(*command)
-            self.assertEqual(status, 3)
-            self.assertIn("no line feed", err)
-            self.assertEqual(read("main.conf"), unfinished)
-        self.assertTrue(any("no line feed" in finding["text"] for finding in self.check()))
+        before = read("server.conf")
+        write("server.conf", before + "7.DebugLevel=1")
+        self.ok("set", "-p", "5", "-o", "8", "DebugLevel=3")
+        self.assertEqual(read("server.conf"), before + "7.DebugLevel=1\n8.DebugLevel=3\n")
+        before = read("main.conf")
+        write("main.conf", before + "6.Names=x")
+        self.ok("product", "add", "7", "-n", "x", "-f", f"{HERE}/x.conf")
+        self.assertEqual(read("main.conf"), before + f"6.Names=x\n7.Configuration={HERE}/x.conf\n7.Names=x\n")
 
     def test_a_file_that_cannot_be_read_is_no_empty_one(self):
         os.mkdir("main.conf")

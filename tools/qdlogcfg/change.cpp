@@ -133,7 +133,7 @@ int setSettings(const Options &options, Output &out) {
     std::vector<Change> changes; // all are checked before the first is written
     for (const std::string &argument : options.arguments)
         changes.push_back(checkedChange(argument, scope));
-    requireChangeable(file);
+    requireReadable(file);
     const std::string verb = options.dryRun ? "would set " : "set ";
     if (options.dryRun) {
         for (const Change &change : changes)
@@ -159,7 +159,7 @@ int unsetSettings(const Options &options, Output &out) {
     const Product product = findProduct(options.product);
     const ConfigFile file = readConfigFile(product.location);
     const Scope scope = findScope(product, file, options.originator, options.logset);
-    requireChangeable(file);
+    requireReadable(file);
     std::vector<std::string> present; // also what is no setting: it should not stand there
     for (const std::string &name : options.arguments) {
         if (file.find(scope.section(), name) != nullptr)

@@ -117,9 +117,6 @@ void checkLines(const ConfigFile &file, Findings &findings) {
             current = line.section;
         }
     }
-    if (file.unfinished)
-        findings.error(file.path, file.lines.back().number,
-                       "the last line has no line feed: the next change would be joined to it");
 }
 
 // ---- the main file -----------------------------------------------------------------

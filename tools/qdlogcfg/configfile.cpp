@@ -128,7 +128,6 @@ ConfigFile readConfigFile(const std::string &path) {
         continued = feed == std::string_view::npos;
         number += continued ? 0 : 1;
     }
-    file.unfinished = continued;
     return file;
 }
 

@@ -25,10 +25,9 @@ struct ConfigLine {
 
 struct ConfigFile {
     std::string path;
-    bool exists;     // also when it cannot be read
-    bool readable;   // the library can read it
-    int cause;       // errno of what cannot be read
-    bool unfinished; // no line feed at its end
+    bool exists;   // also when it cannot be read
+    bool readable; // the library can read it
+    int cause;     // errno of what cannot be read
     std::shared_ptr<const std::string> bytes;
     std::vector<ConfigLine> lines;
     std::vector<std::string_view> sections; // in order of appearance, each once

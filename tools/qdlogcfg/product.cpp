@@ -48,7 +48,7 @@ int productAdd(const Options &options, Output &out) {
                                "than " +
                                    std::to_string(VALUE_LIMIT) + " bytes could not be read back");
     const ConfigFile mainFile = readConfigFile(mainConfigPath());
-    requireChangeable(mainFile);
+    requireReadable(mainFile);
     const std::vector<Product> products = registeredProducts(mainFile);
     const bool known = std::any_of(products.begin(), products.end(),
                                    [&](const Product &product) { return product.id == id; });

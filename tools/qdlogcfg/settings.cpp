@@ -76,14 +76,6 @@ void requireReadable(const ConfigFile &file) {
                            file.path + " cannot be read: " + std::strerror(file.cause));
 }
 
-void requireChangeable(const ConfigFile &file) {
-    requireReadable(file);
-    if (file.unfinished)
-        throw CommandError(tools::ExitUnreadable,
-                           file.path + ": the last line has no line feed, so that a change would be joined "
-                                       "to it; end that line first");
-}
-
 Product findProduct(const std::string &text) {
     const ConfigFile mainFile = readConfigFile(mainConfigPath());
     requireReadable(mainFile);

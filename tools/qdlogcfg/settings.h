@@ -38,8 +38,6 @@ struct Product {
 std::string mainConfigPath();
 // CommandError for a file that is there and cannot be read.
 void requireReadable(const ConfigFile &file);
-// CommandError for one that is not safe to add lines to, too.
-void requireChangeable(const ConfigFile &file);
 // The products that the main file registers, in its order.
 std::vector<Product> registeredProducts(const ConfigFile &mainFile);
 // The single names of a list separated by commas or blanks.
