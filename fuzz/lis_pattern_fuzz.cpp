@@ -8,6 +8,7 @@
 #include "lis/format.cpp"
 #include "lis/text.cpp"
 
+#include "lis/bundle.cpp"
 #include "lis/catalog.cpp"
 
 #include <clocale>

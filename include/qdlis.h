@@ -17,8 +17,13 @@
  * and how they look: "%1$08x" shows an integer of any length in hexadecimal.
  * A pattern that names an argument that is not there, or shows one as something
  * that it is not, counts as a missing message. Messages that were used stay in memory
- * until the process ends. A catalogue that could not be read when it was first needed
- * (it is not there, it is damaged, memory had ended) is missing until then.
+ * until the process ends.
+ *
+ * A file is read once, whole, when its locale is first needed; one that is not there, cut
+ * or damaged then is missing until the process ends, and its locale's parents serve. What
+ * a file holds never makes a program crash. Install a new one beside the old and rename
+ * it (genrb writes in place; `qdliscat install` does this): whoever reads meanwhile has
+ * the whole old one or the whole new one.
  *
  * Results are those of zoltlis.h, ZOLTLIS_...:
  *     _NO_MORE           there is no item, or no further one

@@ -12,6 +12,7 @@
 // Everything lives until the process ends. The mutex is held across fork, so that
 // a child never finds it, or a lock inside ICU, taken by a thread it does not have.
 
+#include "bundle.h"
 #include "lis.h"
 #include "utf8.h"
 
@@ -21,7 +22,6 @@
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
-#include <unicode/ures.h>
 #include <unicode/ustring.h>
 #include <unistd.h>
 #include <wchar.h>
@@ -57,7 +57,6 @@ const size_t MAX_CATALOGS = 32;
 const unsigned SLOT_BITS = 12;   // of a view
 const unsigned MAX_IN_SLOT = 32; // messages of one slot beyond these are not kept
 const size_t KEY_ROOM = 24;      // a 64-bit number
-const size_t LOCALE_ROOM = 160;  // a locale's name; a longer one is served by root
 const int32_t UTF8_PER_UNIT = 3; // bytes of UTF-8 for one UTF-16 unit, at most
 const char ROOT[] = "root";
 
@@ -67,7 +66,7 @@ struct View {
     const char *locale; // as setlocale tells it
     const char *codeset;
     size_t bundleCount;
-    UResourceBundle *bundles[MAX_CATALOGS]; // null: no such catalogue
+    Bundle *bundles[MAX_CATALOGS]; // null: no such catalogue
     Shown *slots[1 << SLOT_BITS];
     char names[]; // of locale and codeset
 };
@@ -95,26 +94,6 @@ void lockCatalogs() {
 // locks of those first, as their threads do when they look a message up with one held.
 [[gnu::constructor]] void surviveFork() {
     (void)pthread_atfork(lockCatalogs, unlockCatalogs, unlockCatalogs);
-}
-
-// What a failure of ICU means for a message: a catalogue that is missing or
-// damaged, or that lacks the message, is no failure. Without memory the message is
-// shown without its catalogue rather than lost: ICU may well fail for good once its
-// own start has failed.
-LisResult resultOf(UErrorCode status) {
-    if (U_SUCCESS(status))
-        return ZOLTLIS_OK;
-    switch (status) {
-    case U_MISSING_RESOURCE_ERROR:
-    case U_FILE_ACCESS_ERROR:
-    case U_INVALID_FORMAT_ERROR:
-    case U_RESOURCE_TYPE_MISMATCH:
-        return ZOLTLIS_NO_MORE;
-    case U_MEMORY_ALLOCATION_ERROR:
-        return LIS_NOT_NOW;
-    default:
-        return ZOLTLIS_FAILED;
-    }
 }
 
 // ---- the list of catalogues ------------------------------------------------------------
@@ -191,29 +170,9 @@ void icuLocale(const char *name, char (&out)[LOCALE_ROOM]) {
         memcpy(out, ROOT, sizeof ROOT);
 }
 
-// The bundle of a package in a locale; null without a failure when there is none.
-LisResult openBundle(const char *package, const char *locale, UResourceBundle **out) {
-    UErrorCode status = U_ZERO_ERROR;
-    UResourceBundle *bundle = ures_open(package, locale, &status);
-    if (status == U_USING_DEFAULT_WARNING && strcmp(locale, ROOT) != 0) {
-        // Nothing for this locale: ICU fell back to the locale of the environment.
-        ures_close(bundle);
-        status = U_ZERO_ERROR;
-        bundle = ures_open(package, ROOT, &status);
-    }
-    const LisResult result = resultOf(status);
-    if (result == ZOLTLIS_OK) {
-        *out = bundle;
-        return ZOLTLIS_OK;
-    }
-    ures_close(bundle);
-    *out = nullptr;
-    return result == ZOLTLIS_NO_MORE ? ZOLTLIS_OK : result;
-}
-
 void closeView(View *view) {
     for (size_t i = 0; i < view->bundleCount; ++i)
-        ures_close(view->bundles[i]);
+        closeBundle(view->bundles[i]);
     free(view);
 }
 
@@ -284,16 +243,10 @@ LisResult readPattern(const View *view, int64_t number, char **out) {
     snprintf(key, sizeof key, "%ld", number);
     *out = nullptr;
     for (size_t i = 0; i < view->bundleCount; ++i) {
-        if (view->bundles[i] == nullptr)
-            continue;
-        UErrorCode status = U_ZERO_ERROR;
         int32_t length = 0;
-        const UChar *pattern = ures_getStringByKey(view->bundles[i], key, &length, &status);
-        const LisResult result = resultOf(status);
-        if (result == ZOLTLIS_NO_MORE)
+        const UChar *pattern = findText(view->bundles[i], key, &length);
+        if (pattern == nullptr)
             continue;
-        if (result != ZOLTLIS_OK)
-            return result;
         if (length > INT32_MAX / UTF8_PER_UNIT - 1)
             continue;
         const int32_t room = length * UTF8_PER_UNIT + 1;
@@ -301,10 +254,11 @@ LisResult readPattern(const View *view, int64_t number, char **out) {
         if (utf8 == nullptr)
             return ZOLTLIS_NO_MEMORY;
         int32_t substitutions = 0;
+        UErrorCode status = U_ZERO_ERROR;
         u_strToUTF8WithSub(utf8, room, nullptr, pattern, length, '?', &substitutions, &status);
         if (U_FAILURE(status)) {
             free(utf8);
-            return resultOf(status);
+            return ZOLTLIS_FAILED;
         }
         *out = utf8;
         return ZOLTLIS_OK;

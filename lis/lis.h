@@ -3,6 +3,7 @@
 //   block.cpp    storage of a block: its items, the iterator, the getters
 //   format.cpp   printf formats: their grammar, and what they make of arguments
 //   text.cpp     zoltLisVEx and zoltLisTextV: a block from a format
+//   bundle.cpp   the files of message catalogues
 //   catalog.cpp  message catalogues: lookup, fitting a pattern to a format, caches
 //   build.cpp    the calls of qdlis.h: a block item by item
 //
@@ -19,8 +20,8 @@
 
 // ---- results ------------------------------------------------------------------------
 
-// ZOLTLIS_..., and one number that does not leave catalog.cpp: ICU has no memory, the
-// message is missing for now.
+// ZOLTLIS_..., and one number that does not leave catalog.cpp: there is no memory or no
+// descriptor left, the message is missing for now.
 using LisResult = int32_t;
 inline constexpr LisResult LIS_NOT_NOW = -100;
 
@@ -213,6 +214,8 @@ void fetchValue(const ArgumentType &type, ArgumentList *args, Value *value);
 // Adds the items that format makes of the arguments. rawOnly: its arguments
 // only, in the order of the argument list.
 void addFormatted(Builder *builder, const char *format, ArgumentList *args, bool rawOnly, int hostErrno);
+
+const size_t LOCALE_ROOM = 160; // a locale's name; a longer one is served by root
 
 // ---- catalogues (catalog.cpp) ------------------------------------------------------------------
 

@@ -5,8 +5,10 @@
 #include <clocale>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -51,12 +53,21 @@ std::string text(int64_t number, const char *format, Values... values) {
 }
 
 // Compiles a catalogue into the current directory: <name>/<locale>.res.
-void compile(const std::string &name, const std::string &locale, const std::string &messages) {
+void compile(const std::string &name, const std::string &locale, const std::string &messages,
+             const std::string &version = "2") {
     support::makeDirectory(name);
     support::writeFile(locale + ".txt", locale + " {\n" + messages + "\n}\n");
-    const support::Finished done =
-        support::run({"genrb", "-q", "-e", "UTF-8", "-s", ".", "-d", name, locale + ".txt"});
+    const support::Finished done = support::run(
+        {"genrb", "-q", "--formatVersion", version, "-e", "UTF-8", "-s", ".", "-d", name, locale + ".txt"});
     ASSERT_EQ(0, done.status) << done.out << done.err;
+}
+
+// Runs body, with its expectations, in a child: 0 when all hold.
+int inChild(const std::function<void()> &body) {
+    return support::inChild([&] {
+        body();
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
 }
 
 std::string here(const std::string &name) {
@@ -132,6 +143,144 @@ TEST(Catalogue, DamagedMeansTheFallbackText) {
     support::writeFile("bad/root.res", std::string(100, '\xa5'));
     ASSERT_EQ(0, qdlisAddCatalog(here("bad").c_str()));
     EXPECT_EQ("[Cannot find catalog for message id=42] 7,x", text(42, "%d %s", 7, "x"));
+}
+
+TEST(Catalogue, EveryCutOfABundleMeansTheParentsText) {
+    compile("cut", "root", "1 { \"root 1\" } 2 { \"root 2\" }");
+    compile("cut", "de", "1 { \"de 1\" } 2 { \"de 2\" }");
+    const std::string whole = support::readFile("cut/de.res");
+    ASSERT_LT(50u, whole.size());
+    ASSERT_TRUE(support::useLocale("de_DE.UTF-8"));
+    for (size_t size = 0; size < whole.size(); ++size) {
+        support::writeFile("cut/de.res", whole.substr(0, size));
+        const int status = inChild([] {
+            EXPECT_EQ(0, qdlisAddCatalog("cut"));
+            EXPECT_EQ("root 1", text(1, "x"));
+            EXPECT_EQ("root 2", text(2, "x"));
+        });
+        ASSERT_EQ(0, status) << size << " of " << whole.size() << " bytes";
+    }
+}
+
+TEST(Catalogue, ChangedBytesOfABundleAreNoHarm) {
+    compile("changed", "root", "1 { \"text of one\" } 2 { \"\" } 300 { \"text of three hundred\" }");
+    const std::string whole = support::readFile("changed/root.res");
+    for (unsigned at = 0; at < whole.size(); ++at) {
+        const int status = inChild([&] {
+            const unsigned char values[] = {0x00, 0x01, 0x7f, 0x80, 0xdf, 0xff};
+            for (const unsigned char value : values) {
+                std::string bytes = whole;
+                bytes[at] = static_cast<char>(value);
+                const std::string name = "changed" + std::to_string(value);
+                support::makeDirectory(name);
+                support::writeFile(name + "/root.res", bytes);
+                ASSERT_EQ(0, qdlisAddCatalog(name.c_str()));
+                for (const int64_t number : {1, 2, 3, 300})
+                    (void)text(number, "x");
+            }
+        });
+        ASSERT_EQ(0, status) << "byte " << at;
+    }
+}
+
+TEST(Catalogue, OnlyARegularFileIsOpened) {
+    support::makeDirectory("odd");
+    ASSERT_EQ(0, mkfifo("odd/root.res", 0600)); // opening it would block
+    ASSERT_EQ(0, qdlisAddCatalog("odd"));
+    EXPECT_EQ("id=1", items(0, 1, "x"));
+}
+
+// Lengths around those where a bundle tells them in another way.
+TEST(Catalogue, TextsOfEveryLengthAreWholeInEveryVersionOfTheFile) {
+    const size_t lengths[] = {1, 2, 39, 40, 41, 1022, 1023, 1024, 1025, 65535, 65536, 200000};
+    std::string messages;
+    for (const size_t length : lengths) {
+        const std::string body(length - 1, 'm'); // no end of another text, which would share its units
+        messages += std::to_string(length) + " { \"" + body + static_cast<char>('A' + length % 26) + "\" }\n";
+    }
+    for (const char *version : {"1", "2", "3"}) {
+        const std::string name = std::string("version") + version;
+        compile(name, "root", messages, version);
+        const int status = inChild([&] {
+            ASSERT_EQ(0, qdlisAddCatalog(name.c_str()));
+            for (const size_t length : lengths) {
+                const std::string expected =
+                    std::string(length - 1, 'm') + static_cast<char>('A' + length % 26);
+                ASSERT_TRUE("id=0 11:" + expected == items(0, static_cast<int64_t>(length), "x")) << length;
+            }
+        });
+        EXPECT_EQ(0, status) << "version " << version;
+    }
+}
+
+// Beyond 64 KB of keys a bundle's table is another one.
+TEST(Catalogue, AMessageIsFoundAmongManyKeys) {
+    std::string messages;
+    for (int number = 1; number <= 500; ++number) {
+        const std::string text = std::to_string(number);
+        messages += text + " { \"number " + text + "\" }\n" + text + std::string(200, 'x') + " { \"\" }\n";
+    }
+    for (const char *version : {"1", "2", "3"}) {
+        compile(std::string("large") + version, "root", messages, version);
+        EXPECT_EQ(0, inChild([&] {
+                      ASSERT_EQ(0, qdlisAddCatalog((std::string("large") + version).c_str()));
+                      for (int number = 1; number <= 500; ++number)
+                          ASSERT_EQ("id=0 11:number " + std::to_string(number), items(0, number, "x"));
+                      EXPECT_EQ("id=501", items(0, 501, "x"));
+                  }));
+    }
+}
+
+TEST(Catalogue, APackageMayBeOneFile) {
+    compile("one", "root", "1 { \"root 1\" } 2 { \"root 2\" }");
+    compile("one", "de", "1 { \"de 1\" }");
+    support::writeFile("list.txt", "de.res\nroot.res\n");
+    support::makeDirectory("packed");
+    support::makeDirectory("temporary");
+    const support::Finished done = support::run({"pkgdata", "-q", "-m", "common", "-p", "one", "-s", "one",
+                                                 "-d", "packed", "-T", "temporary", "list.txt"});
+    ASSERT_EQ(0, done.status) << done.out << done.err;
+    ASSERT_TRUE(support::useLocale("de_DE.UTF-8"));
+    const std::string whole = support::readFile("packed/one.dat");
+    const auto read = [] {
+        EXPECT_EQ(0, qdlisAddCatalog("packed/one"));
+        return text(1, "x") + ", " + text(2, "x");
+    };
+    EXPECT_EQ(0, inChild([&] { EXPECT_EQ("de 1, root 2", read()); }));
+    const size_t padding = 16; // at the most, behind the last bundle
+    for (size_t size = 0; size + padding <= whole.size(); size += 3) {
+        support::writeFile("packed/one.dat", whole.substr(0, size));
+        ASSERT_EQ(0, inChild([&] { EXPECT_NE("de 1, root 2", read()); })) << size;
+    }
+}
+
+TEST(Catalogue, ALocaleIsServedInItsScriptBeforeItsLanguage) {
+    compile("scripts", "root", "1 { \"root 1\" } 2 { \"root 2\" } 3 { \"root 3\" }");
+    compile("scripts", "zh", "1 { \"simplified 1\" } 2 { \"simplified 2\" }");
+    compile("scripts", "zh_Hant", "1 { \"traditional 1\" }");
+    ASSERT_TRUE(support::useLocale("zh_TW.UTF-8"));
+    ASSERT_EQ(0, qdlisAddCatalog("scripts"));
+    EXPECT_EQ("traditional 1", text(1, "x"));
+    EXPECT_EQ("simplified 2", text(2, "x"));
+    EXPECT_EQ("root 3", text(3, "x"));
+}
+
+TEST(Catalogue, ALocaleMayNameAnotherOneInItsPlace) {
+    compile("names", "root", "1 { \"root 1\" } 2 { \"root 2\" }");
+    compile("names", "de", "\"%%ALIAS\" { \"nds\" }");
+    compile("names", "nds", "1 { \"nds 1\" }");
+    ASSERT_TRUE(support::useLocale("de_DE.UTF-8"));
+    ASSERT_EQ(0, qdlisAddCatalog("names"));
+    EXPECT_EQ("nds 1", text(1, "x"));
+    EXPECT_EQ("root 2", text(2, "x"));
+}
+
+TEST(Catalogue, LocalesThatNameEachOtherEnd) {
+    compile("names", "de", "\"%%ALIAS\" { \"nds\" }");
+    compile("names", "nds", "\"%%ALIAS\" { \"de\" }");
+    ASSERT_TRUE(support::useLocale("de_DE.UTF-8"));
+    ASSERT_EQ(0, qdlisAddCatalog("names"));
+    EXPECT_EQ("id=3", items(0, 3, "x"));
 }
 
 TEST(Catalogue, AMessageThatIsNoTextIsMissing) {
