@@ -118,6 +118,16 @@ class Qdliscat(unittest.TestCase):
             status, _, err = run("check", "m")
             self.assertIn(status, (0, 1), (content, err))
 
+    def test_every_cut_of_a_bundle_is_a_finding(self):
+        compile_messages("m", root='1 { "%1$s and %2$d" } 2 { "more" }')
+        with open("m/root.res", "rb") as file:
+            whole = file.read()
+        self.assertEqual(self.problems("m"), [])
+        for size in range(len(whole)):
+            with open("m/root.res", "wb") as file:
+                file.write(whole[:size])
+            self.assertNotEqual(self.problems("m"), [], f"{size} of {len(whole)} bytes")
+
     def test_damaged_data_files_are_a_finding_and_no_crash(self):
         random.seed(6)
         for size in (0, 1, 3, 8, 40, 300):

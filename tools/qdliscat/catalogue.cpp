@@ -1,9 +1,9 @@
-// Reading message catalogues.
-//
-// A damaged bundle can make ICU read beyond it, so every bundle is read by a child
-// process that hands its entries over; a child that crashes or hangs is a finding.
+// Reading message catalogues, as the localization library reads them: a bundle that is
+// damaged is a finding here and missing there.
 
 #include "qdliscat/catalogue.h"
+
+#include "lis/bundle.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,7 +14,6 @@
 #include <fstream>
 #include <iterator>
 #include <sys/wait.h>
-#include <unicode/ures.h>
 #include <unicode/ustring.h>
 #include <unistd.h>
 
@@ -23,43 +22,6 @@ namespace qdliscat {
 namespace fs = std::filesystem;
 
 namespace {
-
-constexpr unsigned READ_SECONDS = 20;          // for one bundle
-constexpr size_t MOST_BYTES = size_t{1} << 28; // that a bundle may hand over
-constexpr int EXIT_NOT_OPENED = 10;            // of the reading child; its output is the reason
-
-// ---- handing entries over ----------------------------------------------------------
-
-void put(std::string &out, const std::string &text) {
-    const auto size = static_cast<uint32_t>(text.size());
-    out.append(reinterpret_cast<const char *>(&size), sizeof size);
-    out += text;
-}
-
-bool take(const std::string &in, size_t &at, std::string &text) {
-    uint32_t size = 0;
-    if (in.size() - at < sizeof size)
-        return false;
-    std::memcpy(&size, in.data() + at, sizeof size);
-    at += sizeof size;
-    if (in.size() - at < size)
-        return false;
-    text = in.substr(at, size);
-    at += size;
-    return true;
-}
-
-bool writeAll(int descriptor, const std::string &bytes) {
-    for (size_t at = 0; at < bytes.size();) {
-        const ssize_t count = write(descriptor, bytes.data() + at, bytes.size() - at);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0)
-            return false;
-        at += static_cast<size_t>(count);
-    }
-    return true;
-}
 
 std::string toUtf8(const UChar *text, int32_t length) {
     std::string utf8(static_cast<size_t>(length) * 3 + 1, '\0');
@@ -72,79 +34,26 @@ std::string toUtf8(const UChar *text, int32_t length) {
     return utf8;
 }
 
-// What the child does: its exit status.
-int handOver(const std::string &package, const std::string &locale, int descriptor) {
-    alarm(READ_SECONDS);
-    UErrorCode status = U_ZERO_ERROR;
-    UResourceBundle *bundle = ures_openDirect(package.c_str(), locale.c_str(), &status);
-    std::string out;
-    if (U_FAILURE(status)) {
-        writeAll(descriptor, u_errorName(status));
-        return EXIT_NOT_OPENED;
-    }
-    ures_resetIterator(bundle);
-    UResourceBundle *entry = nullptr;
-    while (ures_hasNext(bundle) != 0) {
-        entry = ures_getNextResource(bundle, entry, &status);
-        if (U_FAILURE(status)) {
-            writeAll(descriptor, u_errorName(status));
-            return EXIT_NOT_OPENED;
-        }
-        const char *key = ures_getKey(entry);
-        int32_t length = 0;
-        const UChar *text =
-            ures_getType(entry) == URES_STRING ? ures_getString(entry, &length, &status) : nullptr;
-        put(out, key != nullptr ? key : "");
-        put(out, text != nullptr ? "t" : "-");
-        put(out, text != nullptr ? toUtf8(text, length) : "");
-    }
-    ures_close(entry);
-    ures_close(bundle);
-    return writeAll(descriptor, out) ? 0 : 1;
-}
-
-std::string readAll(int descriptor) {
-    std::string bytes;
-    char buffer[65536];
-    for (;;) {
-        const ssize_t count = read(descriptor, buffer, sizeof buffer);
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count <= 0 || bytes.size() > MOST_BYTES)
-            return bytes;
-        bytes.append(buffer, static_cast<size_t>(count));
-    }
-}
-
 Bundle readBundle(const std::string &package, const std::string &locale) {
     Bundle bundle{locale, "", {}};
-    int ends[2];
-    if (pipe(ends) != 0) {
-        bundle.failure = std::strerror(errno);
+    ::Bundle *opened = nullptr;
+    const LisResult result = openOwnBundle(package.c_str(), locale.c_str(), &opened);
+    if (opened == nullptr) {
+        bundle.failure = result == LIS_NOT_NOW ? "no memory or no descriptor is left"
+                                               : "it is damaged, cut or no bundle of this machine's kind";
         return bundle;
     }
-    const pid_t child = fork();
-    if (child == 0) {
-        close(ends[0]);
-        _exit(handOver(package, locale, ends[1]));
+    const uint32_t count = entryCount(opened);
+    for (uint32_t i = 0; i < count && bundle.failure.empty(); ++i) {
+        int32_t length = 0;
+        const UChar *text = nullptr;
+        const char *key = entryAt(opened, i, &text, &length);
+        if (key == nullptr)
+            bundle.failure = "it is damaged";
+        else
+            bundle.entries[key] = {text != nullptr, text != nullptr ? toUtf8(text, length) : ""};
     }
-    close(ends[1]);
-    const std::string bytes = child > 0 ? readAll(ends[0]) : "";
-    close(ends[0]);
-    int waited = -1;
-    while (child > 0 && waitpid(child, &waited, 0) < 0 && errno == EINTR) {
-    }
-    if (WIFEXITED(waited) && WEXITSTATUS(waited) == EXIT_NOT_OPENED) {
-        bundle.failure = bytes;
-    } else if (!WIFEXITED(waited) || WEXITSTATUS(waited) != 0) {
-        bundle.failure = "damaged: reading it fails";
-    } else {
-        std::string key;
-        std::string kind;
-        std::string text;
-        for (size_t at = 0; take(bytes, at, key) && take(bytes, at, kind) && take(bytes, at, text);)
-            bundle.entries[key] = {kind == "t", text};
-    }
+    closeBundle(opened);
     return bundle;
 }
 
