@@ -1945,9 +1945,10 @@ uint32_t TimeZoneToOffset(const char *text, int64_t *offset);
 /*
  * Conversions between UTF-8, wide characters and multibyte text. *out is a new text for
  * zoltLogFree, null on failure. length is the number of bytes, or -1 for a terminated
- * text; the wide text ends at the first zero in it. mbs2utf8 reads the calling thread's
- * locale (LC_CTYPE); utf82mbs writes the code page that is ICU's default, which on many
- * systems is UTF-8 whatever the locale.
+ * text; the wide text ends at the first zero in it. Multibyte text is in the code page of
+ * the calling thread's locale (LC_CTYPE), so that a text there and back is the same. In a
+ * locale of ASCII or UTF-8, utf82mbs writes the code page that is ICU's default, mostly
+ * UTF-8. What a code page lacks becomes its substitute.
  *
  * ZOLTLOG_NO_MEMORY; a text that cannot be converted (not well-formed, a surrogate, a
  * number beyond U+10FFFF) is ZOLTLOG_FAILED, with utf82mbs ZOLTLOG_INVALID_ARGUMENT.

@@ -260,10 +260,47 @@ uint32_t mbs2utf8(char **out, const char *narrow) {
     return wcs2utf8(out, wide.get());
 }
 
+namespace {
+
+// The locale's code page; null when that is ASCII or UTF-8, for which ICU's default
+// converter, mostly UTF-8, stands.
+const char *ownCodePage() {
+    const char *page = nl_langinfo(CODESET);
+    return strcmp(page, "UTF-8") == 0 || strcmp(page, "ANSI_X3.4-1968") == 0 ? nullptr : page;
+}
+
+// As the C library has it, so that mbs2utf8 gives the same text back: ICU's converters of
+// the same names write 288 characters of EUC-JP differently or not at all, 11 of Shift_JIS.
+// *out stays null when the code page lacks a character.
+uint32_t utf8ToLocale(char **out, const char *utf8) {
+    wchar_t *converted = nullptr;
+    const uint32_t result = utf82wcs(&converted, utf8, -1);
+    const LogOwned<wchar_t> wide(converted);
+    if (result != ZOLTLOG_OK)
+        return result == ZOLTLOG_FAILED ? uint32_t{ZOLTLOG_INVALID_ARGUMENT} : result;
+    const size_t size = wcstombs(nullptr, wide.get(), 0);
+    if (size == static_cast<size_t>(-1))
+        return ZOLTLOG_OK;
+    LogOwned<char> narrow(static_cast<char *>(zoltLogMalloc(size + 1)));
+    if (narrow == nullptr)
+        return ZOLTLOG_NO_MEMORY;
+    if (wcstombs(narrow.get(), wide.get(), size + 1) == size) // else the locale has changed
+        *out = narrow.release();
+    return ZOLTLOG_OK;
+}
+
+} // namespace
+
 uint32_t utf82mbs(char **out, const char *utf8) {
     if (out == nullptr || utf8 == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     *out = nullptr;
+    const char *const page = ownCodePage();
+    if (page != nullptr) {
+        const uint32_t converted = utf8ToLocale(out, utf8);
+        if (converted != ZOLTLOG_OK || *out != nullptr)
+            return converted;
+    }
     LogOwned<UChar> utf16;
     LogOwned<char> narrow;
     int32_t units = 0;
@@ -271,8 +308,7 @@ uint32_t utf82mbs(char **out, const char *utf8) {
     if (result != ZOLTLOG_OK)
         return result;
     UErrorCode opened = U_ZERO_ERROR;
-    const std::unique_ptr<UConverter, decltype(&ucnv_close)> converter(ucnv_open(nullptr, &opened),
-                                                                       ucnv_close);
+    const std::unique_ptr<UConverter, decltype(&ucnv_close)> converter(ucnv_open(page, &opened), ucnv_close);
     if (U_FAILURE(opened))
         return ZOLTLOG_INVALID_ARGUMENT;
     int32_t size = 0;

@@ -459,8 +459,8 @@ TEST(MultibyteToUtf8, InAMultibyteLocaleCharactersHaveSeveralBytes) {
     EXPECT_EQ("1", fromMultibyte("\xC6 "));
 }
 
-TEST(Utf8ToMultibyte, TheConverterHasNoName) {
-    for (const char *name : {"C", "C.UTF-8", "de_DE.ISO-8859-1", "ja_JP.EUC-JP"}) {
+TEST(Utf8ToMultibyte, TheConverterHasNoNameInLocalesOfAsciiAndUtf8) {
+    for (const char *name : {"C", "C.UTF-8", "en_US.UTF-8"}) {
         ASSERT_TRUE(support::useLocale(name));
         namelessConverters = 0;
         EXPECT_EQ("0:abc ~\x7F\x01", toMultibyte("abc ~\x7F\x01"));
@@ -468,27 +468,45 @@ TEST(Utf8ToMultibyte, TheConverterHasNoName) {
     }
 }
 
-TEST(Utf8ToMultibyte, ICUsOwnDefaultIsUtf8OrTheLocalesCodePage) {
+TEST(Utf8ToMultibyte, WritesTheCodePageOfTheLocale) {
     const struct {
         const char *locale;
         const char *utf8;
         const char *expected;
     } rows[] = {
-        {"C", "a\xC3\xA4z", "0:a\x1Az"},
-        {"C.UTF-8", "a\xC3\xA4z", "0:a\xC3\xA4z"},
         {"de_DE.ISO-8859-1", "Gr\xC3\xBC\xC3\x9F", "0:Gr\xFC\xDF"},
+        {"de_DE.ISO-8859-1", "x\xE2\x82\xACz", "0:x\x1Az"}, // the page's substitute
         {"ja_JP.EUC-JP", "a\xE6\x97\xA5\xE6\x9C\xAC", "0:a\xC6\xFC\xCB\xDC"},
+        {"ja_JP.EUC-JP", "\xC2\xA3", "0:\xA1\xF2"}, // a pound sign
+        {"ja_JP.SHIFT_JIS", "\xE8\xA1\xA8\xC2\xA5", "0:\x95\x5C\x5C"},
+        {"ja_JP.EUC-JP", "\xE4", "3"},
     };
     for (const auto &row : rows) {
-        EXPECT_EQ(0, support::inChild([&] { // ICU decides once
-                      if (!support::useLocale(row.locale))
-                          return 1;
-                      const bool always = std::strcmp(ucnv_getDefaultName(), "UTF-8") == 0;
-                      return toMultibyte(row.utf8) == (always ? std::string("0:") + row.utf8 : row.expected)
-                                 ? 0
-                                 : 2;
-                  }))
-            << row.locale;
+        ASSERT_TRUE(support::useLocale(row.locale)) << row.locale;
+        EXPECT_EQ(row.expected, toMultibyte(row.utf8)) << row.locale;
+    }
+}
+
+TEST(Conversions, EveryCharacterOfALocaleIsTheSameThereAndBack) {
+    for (const char *name : {"de_DE.ISO-8859-1", "ja_JP.EUC-JP", "ja_JP.SHIFT_JIS", "en_US.UTF-8"}) {
+        ASSERT_TRUE(support::useLocale(name)) << name;
+        int characters = 0;
+        for (wchar_t wide = 1; wide < 0x30000; ++wide) {
+            char narrow[2 * MB_LEN_MAX] = "";
+            wchar_t back = 0;
+            mbstate_t state = {};
+            const size_t length = wcrtomb(narrow, wide, &state);
+            if (length == static_cast<size_t>(-1) || mbtowc(&back, narrow, length) <= 0 || back != wide)
+                continue; // not of this locale, or written as another one's bytes
+            narrow[length] = '\0';
+            ++characters;
+            char *utf8 = nullptr;
+            ASSERT_EQ(0u, mbs2utf8(&utf8, narrow)) << name << " " << static_cast<uint32_t>(wide);
+            ASSERT_EQ(std::string("0:") + narrow, toMultibyte(utf8))
+                << name << " " << static_cast<uint32_t>(wide);
+            zoltLogFree(utf8);
+        }
+        EXPECT_GT(characters, 200) << name;
     }
 }
 

@@ -335,6 +335,34 @@ TEST(PropertyStore, ValuesAreUtf8InTheFile) {
     EXPECT_EQ(readFile(FILE_NAME), "5.a=gr\xC3\xBC\xC3\x9F\n");
 }
 
+TEST(PropertyStore, AValueIsTheSameTextHoweverOftenItIsReadAndWritten) {
+    const struct {
+        const char *locale;
+        const char *text;
+        const char *utf8;
+    } rows[] = {
+        {"de_DE.ISO-8859-1", "gr\xFC\xDF", "gr\xC3\xBC\xC3\x9F"},
+        {"ja_JP.EUC-JP", "\xC6\xFC\xA1\xF2", "\xE6\x97\xA5\xC2\xA3"},                    // with a pound sign
+        {"ja_JP.SHIFT_JIS", "\x95\x5C\x8E\xA6\x5C", "\xE8\xA1\xA8\xE7\xA4\xBA\xC2\xA5"}, // with a yen sign
+        {"en_US.UTF-8", "gr\xC3\xBC\xC3\x9F", "gr\xC3\xBC\xC3\x9F"},
+    };
+    for (const auto &row : rows) {
+        ASSERT_TRUE(support::useLocale(row.locale));
+        writeFile(FILE_NAME, "");
+        Store store("5");
+        std::string value = row.text;
+        for (int round = 0; round < 3; ++round) {
+            ASSERT_EQ(utiSetPropertyAsStr(&store.handle, "a", value.c_str()), 0U) << row.locale;
+            EXPECT_EQ(readFile(FILE_NAME), std::string("5.a=") + row.utf8 + "\n") << row.locale;
+            char *read = nullptr;
+            ASSERT_EQ(utiGetPropertyAsStr(&store.handle, "a", &read), 0U) << row.locale;
+            value = read;
+            zoltLogFree(read);
+            EXPECT_EQ(value, row.text) << row.locale;
+        }
+    }
+}
+
 TEST(PropertyStore, TextThatCannotBeConvertedIsNotFound) {
     ASSERT_TRUE(support::useLocale("C.UTF-8"));
     EXPECT_EQ(valueIn("5.a=\xFF\xFE\n", "5", "a"), "(3)");
