@@ -8,7 +8,6 @@
 #include "lis/format.cpp"
 #include "lis/text.cpp"
 
-#include "lis/bundle.cpp"
 #include "lis/catalog.cpp"
 
 #include <clocale>

@@ -45,7 +45,6 @@ const size_t HEADER_LEAST = 24;
 const size_t LARGEST_FILE = size_t{1} << 28;
 const size_t PATH_ROOM = 4096 + 256;
 const int MAX_CHAIN = 8; // locales; keeps aliases that name each other from going on
-const char ROOT[] = "root";
 
 enum ResourceType : uint32_t { TEXT = 0, TABLE = 2, TABLE32 = 4, TABLE16 = 5, TEXT2 = 6 };
 enum IndexWord : size_t { INDEX_LENGTH = 1, KEYS_END = 2, RESOURCES_END = 3, BUNDLE_END = 4, ATTRIBUTES = 6 };

@@ -10,6 +10,8 @@
 
 #include <unicode/umachine.h>
 
+const char ROOT[] = "root"; // the last locale of every chain
+
 // A bundle, and behind it those of the locales that its own falls back to.
 struct Bundle;
 

@@ -58,7 +58,6 @@ const unsigned SLOT_BITS = 12;   // of a view
 const unsigned MAX_IN_SLOT = 32; // messages of one slot beyond these are not kept
 const size_t KEY_ROOM = 24;      // a 64-bit number
 const int32_t UTF8_PER_UNIT = 3; // bytes of UTF-8 for one UTF-16 unit, at most
-const char ROOT[] = "root";
 
 struct View {
     View *next;
