@@ -85,7 +85,8 @@ int32_t qdlisAddNativeString(ZoltLisBlock *block, const char *text);
 
 /*
  * Adds a block as one item of another. The outer block owns it from then on:
- * nested becomes empty. _INVALID_ARGUMENT: it is empty, the outer block itself, or
+ * nested becomes empty. _INVALID_ARGUMENT: it is empty, the outer block itself,
+ * one of the two lies in another block already, or
  * more than ZOLTLIS_MAX_NESTING blocks would lie in one another.
  */
 int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested);

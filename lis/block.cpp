@@ -78,7 +78,7 @@ void startBlock(Builder *builder, bool utf8, size_t expected) {
     if (builder->storage == nullptr)
         builder->result = ZOLTLIS_NO_MEMORY;
     else
-        *builder->storage = {0, room, utf8, false, 0};
+        *builder->storage = {0, room, utf8, false, false, 0};
 }
 
 void resumeBlock(Builder *builder, ZoltLisBlock *block) {

@@ -149,6 +149,7 @@ LisResult replaceItems(ZoltLisBlock *block, const Shown *shown, BuiltArguments *
     const int32_t result = finishBlock(&builder, &made, 0);
     if (result != ZOLTLIS_OK)
         return static_cast<LisResult>(result);
+    storageOf(&made)->inner = storageOf(block)->inner;
     storageOf(&made)->depth = storageOf(block)->depth;
     forgetTaken(*arguments);
     (void)zoltLisFree(block);
@@ -217,13 +218,19 @@ extern "C" int32_t qdlisAddNativeString(ZoltLisBlock *block, const char *text) {
 }
 
 extern "C" int32_t qdlisAddBlock(ZoltLisBlock *block, ZoltLisBlock *nested) {
-    if (nested == nullptr || nested == block || storageOf(nested) == nullptr)
+    if (block == nullptr || nested == nullptr || nested == block)
         return ZOLTLIS_INVALID_ARGUMENT;
-    const uint8_t depth = static_cast<uint8_t>(storageOf(nested)->depth + 1);
+    // A block inside of another is reached by a pointer of its getter: adding to it would
+    // pass the limit or close a circle, taking it away would pull it from under its owner.
+    Storage *inner = storageOf(nested);
+    if (inner == nullptr || storageOf(block) == nullptr || inner->inner || storageOf(block)->inner)
+        return ZOLTLIS_INVALID_ARGUMENT;
+    const uint8_t depth = static_cast<uint8_t>(inner->depth + 1);
     if (depth > ZOLTLIS_MAX_NESTING)
         return ZOLTLIS_INVALID_ARGUMENT;
     const int32_t result = addPlain(block, ZOLTLIS_ITEM_NESTED, *nested);
     if (result == ZOLTLIS_OK) {
+        inner->inner = true;
         *nested = {};
         if (storageOf(block)->depth < depth)
             storageOf(block)->depth = depth;

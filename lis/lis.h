@@ -49,6 +49,7 @@ struct Storage {
     size_t room;
     bool utf8;     // narrow texts are UTF-8, else in the locale's multibyte encoding
     bool nested;   // some item is a nested block, which belongs to this one
+    bool inner;    // lies in another block, which it belongs to
     uint8_t depth; // how deep nested blocks go below this one
 };
 

@@ -11,6 +11,7 @@
 
 #include "hash_table.h"
 #include "log_name.h"
+#include "owned.h"
 #include "read.h"
 #include "read_list.h"
 
@@ -258,8 +259,11 @@ static bool mayListFilesOf(const LogCfg *cfg, uint64_t productId, uint64_t origi
 // was found, which is all that they could add.
 static uint32_t gatherFilesOfSeries(FileCatalogue *catalogue, LogCfg **cfgs, uint32_t count,
                                     uint64_t productId, uint64_t originatorId) {
-    LogCfg *wanted[MAX_CONFIGURATIONS] = {};
-    LogCfg *others[MAX_CONFIGURATIONS] = {};
+    const LogOwned<LogCfg *> both(static_cast<LogCfg **>(calloc(2 * size_t{count}, sizeof(LogCfg *))));
+    if (both == nullptr)
+        return ZOLTLOG_NO_MEMORY;
+    LogCfg **wanted = both.get();
+    LogCfg **others = wanted + count;
     for (uint32_t i = 0; i < count; ++i)
         (mayListFilesOf(cfgs[i], productId, originatorId) ? wanted : others)[i] = cfgs[i];
     if (!gatherLogFiles(catalogue, wanted, count, nullptr, false))

@@ -10,21 +10,18 @@
 
 static constexpr int32_t COPY_BLOCK = 1022; // bytes
 
-// Both ends of a copy, closed whatever way the copy ends.
+// Both ends of a copy, on the heap for their buffers' size, closed and freed whatever way
+// the copy ends.
 struct CopyEnds {
-    CopyEnds() {
-        zoltLogOs_initfilehandle(&from);
-        zoltLogOs_initfilehandle(&to);
-    }
-    ~CopyEnds() {
-        zoltLogOs_close(&from);
-        zoltLogOs_close(&to);
-    }
-    CopyEnds(const CopyEnds &) = delete;
-    CopyEnds &operator=(const CopyEnds &) = delete;
-
     OsFile from;
     OsFile to;
+};
+struct CopyEndsFree {
+    void operator()(CopyEnds *ends) const {
+        zoltLogOs_close(&ends->from);
+        zoltLogOs_close(&ends->to);
+        zoltLogFree(ends);
+    }
 };
 
 // Whether a path leads to the file that is open.
@@ -51,23 +48,28 @@ static uint32_t copyBytes(CopyEnds *ends, uint64_t remaining) {
 uint32_t zoltLogCopyFile(const char *path, const char *directory) {
     if (path == nullptr || directory == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    CopyEnds ends;
-    if (zoltLogOs_open(&ends.from, path, ZOLTLOG_OS_MODE_READ, MANAGED_FILE_PERMISSIONS) != ZOLTLOG_OS_OK)
+    const std::unique_ptr<CopyEnds, CopyEndsFree> ends(
+        static_cast<CopyEnds *>(zoltLogMalloc(sizeof(CopyEnds))));
+    if (ends == nullptr)
+        return ZOLTLOG_NO_MEMORY;
+    zoltLogOs_initfilehandle(&ends->from);
+    zoltLogOs_initfilehandle(&ends->to);
+    if (zoltLogOs_open(&ends->from, path, ZOLTLOG_OS_MODE_READ, MANAGED_FILE_PERMISSIONS) != ZOLTLOG_OS_OK)
         return ZOLTLOG_OPEN_FAILED;
     uint64_t size = 0;
-    if (zoltLogOs_fsize(&ends.from, &size) != ZOLTLOG_OS_OK)
+    if (zoltLogOs_fsize(&ends->from, &size) != ZOLTLOG_OS_OK)
         return ZOLTLOG_SOURCE_SIZE_UNKNOWN;
     const char *last = strrchr(path, '/');
     const LogOwned<char> destination = joinedText(directory, last != nullptr ? last : path);
     if (destination == nullptr)
         return ZOLTLOG_NO_MEMORY;
-    if (isSameFile(ends.from, destination.get())) // opening it would empty the source
+    if (isSameFile(ends->from, destination.get())) // opening it would empty the source
         return ZOLTLOG_DEST_OPEN_FAILED;
     const int32_t opened =
-        zoltLogOs_open(&ends.to, destination.get(), ZOLTLOG_OS_MODE_TRUNCATE, MANAGED_FILE_PERMISSIONS);
+        zoltLogOs_open(&ends->to, destination.get(), ZOLTLOG_OS_MODE_TRUNCATE, MANAGED_FILE_PERMISSIONS);
     if (opened != ZOLTLOG_OS_OK)
         return opened == ZOLTLOG_OS_OPEN_FAILED ? ZOLTLOG_OPEN_FAILED : ZOLTLOG_DEST_OPEN_FAILED;
-    return copyBytes(&ends, size);
+    return copyBytes(ends.get(), size);
 }
 
 uint32_t zoltLogCopyFileEx(const char *path, const char *directory) {

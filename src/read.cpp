@@ -36,7 +36,9 @@ static char *appendLine(TextBuffer *buffer, const char *bytes, size_t length) {
 // As readrecord, in reads of at most readSize; 0 also when the line is longer than limit.
 static int32_t readLine(OsFile *file, TextBuffer *buffer, int32_t readSize, uint64_t limit) {
     for (uint64_t taken = 0;;) {
-        if (file->readPosition < 0 || file->readPosition >= file->readCount) {
+        // A read into memory of the caller's own may have counted more than the buffer holds.
+        constexpr auto ROOM = static_cast<int32_t>(sizeof file->buffer);
+        if (file->readPosition < 0 || file->readPosition >= file->readCount || file->readCount > ROOM) {
             const int32_t count = zoltLogOs_read(file, file->buffer, readSize);
             if (count < 1)
                 return count;
@@ -184,13 +186,15 @@ int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char
     if (path == nullptr)
         return 0;
 
-    OsFile file;
-    zoltLogOs_initfilehandle(&file);
-    if (zoltLogOs_open(&file, path.get(), ZOLTLOG_OS_MODE_READ, READ_PERMISSIONS) != ZOLTLOG_OS_OK)
+    const LogOwned<OsFile> file(static_cast<OsFile *>(zoltLogMalloc(sizeof(OsFile)))); // large for a stack
+    if (file == nullptr)
+        return 0;
+    zoltLogOs_initfilehandle(file.get());
+    if (zoltLogOs_open(file.get(), path.get(), ZOLTLOG_OS_MODE_READ, READ_PERMISSIONS) != ZOLTLOG_OS_OK)
         return 0;
     LogFileHeader header;
-    (void)ReadHeaderEx(&file, &header); // without a header the name is empty
-    zoltLogOs_close(&file);
+    (void)ReadHeaderEx(file.get(), &header); // without a header the name is empty
+    zoltLogOs_close(file.get());
     memcpy(hostName, header.hostName, sizeof header.hostName);
     return 1;
 }

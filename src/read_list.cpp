@@ -373,7 +373,7 @@ static bool isAdmitted(Examination *examination, const LogCfg *cfg, ListedName *
     } else {
         *creationTime = name->creationTime;
     }
-    if (name->modificationTime - FUTURE_LIMIT > examination->now)
+    if (name->modificationTime > examination->now + FUTURE_LIMIT)
         return false;
     if (examination->needHost && !name->opened)
         return false;

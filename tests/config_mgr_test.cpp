@@ -9,6 +9,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -764,6 +765,25 @@ TEST_F(Copy, HasPermissions660AndReplacesWhatWasThere) {
     EXPECT_EQ(copy(), 0u);
     EXPECT_EQ(support::readFile("to/from.log"), content);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__) // whose frames are larger
+TEST_F(Copy, FitsOnASmallStack) {
+    support::writeFile("small", std::string(5000, 's'));
+    pthread_attr_t attributes;
+    pthread_t thread;
+    pthread_attr_init(&attributes);
+    ASSERT_EQ(pthread_attr_setstacksize(&attributes, 48 * 1024), 0);
+    const auto copy = [](void *) -> void * {
+        return reinterpret_cast<void *>(static_cast<uintptr_t>(zoltLogCopyFile("./small", "to")));
+    };
+    void *result = &thread;
+    ASSERT_EQ(pthread_create(&thread, &attributes, copy, nullptr), 0);
+    ASSERT_EQ(pthread_join(thread, &result), 0);
+    pthread_attr_destroy(&attributes);
+    EXPECT_EQ(result, nullptr);
+    EXPECT_EQ(support::readFile("to/small"), std::string(5000, 's'));
+}
+#endif
 
 TEST_F(Copy, MissingArgumentsAreInvalid) {
     EXPECT_EQ(zoltLogCopyFile(nullptr, "to"), ZOLTLOG_INVALID_ARGUMENT);

@@ -354,7 +354,7 @@ TEST(FaultRead, AnEntryWithoutMemoryIsNull) {
         EXPECT_STREQ(hostName, found ? "hostB" : "");
         refused += !found;
     });
-    EXPECT_EQ(refused, 1);
+    EXPECT_EQ(refused, 2); // the path, the file
     zoltLogOsListLogFilesEnd(&cursor);
 }
 

@@ -407,6 +407,30 @@ TEST(BuiltBlock, RefusesNullAndEmptyArguments) {
     EXPECT_EQ(0, zoltLisFree(&block));
 }
 
+TEST(BuiltBlock, OneInsideOfAnotherTakesNoBlockAndIsNotMoved) {
+    ZoltLisBlock outer = {};
+    ZoltLisBlock inner = {};
+    ZoltLisBlock other = {};
+    ASSERT_EQ(0, qdlisBegin(&outer, 0, 0));
+    ASSERT_EQ(0, qdlisBegin(&inner, 0, 0));
+    ASSERT_EQ(0, qdlisBegin(&other, 0, 0));
+    ASSERT_EQ(0, qdlisAddBlock(&outer, &inner));
+    ZoltLisIterator item = {};
+    ZoltLisBlock *inside = nullptr;
+    ASSERT_EQ(0, zoltLisGetArgsBegin(&outer, &item));
+    ASSERT_EQ(0, zoltLisGetArg_lis(&item, &inside));
+    EXPECT_EQ(-2, qdlisAddBlock(inside, &other));
+    EXPECT_EQ(-2, qdlisAddBlock(inside, &outer)); // a circle
+    EXPECT_EQ(-2, qdlisAddBlock(&outer, inside)); // its place may move meanwhile
+    EXPECT_EQ(-2, qdlisAddBlock(&other, inside));
+    EXPECT_FALSE(isZero(outer));
+    EXPECT_FALSE(isZero(other));
+    EXPECT_FALSE(isZero(*inside));
+    EXPECT_EQ(0, qdlisAddSigned(inside, 7)); // values may still be added
+    EXPECT_EQ(0, zoltLisFree(&outer));
+    EXPECT_EQ(0, zoltLisFree(&other));
+}
+
 TEST(BuiltBlock, NestsToTheLimitAndNoDeeper) {
     ZoltLisBlock block = {};
     ASSERT_EQ(0, lisText(&block, "x"));

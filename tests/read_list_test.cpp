@@ -33,6 +33,17 @@ extern "C" time_t time(time_t *out) {
     return value;
 }
 
+static int64_t fakeModification = 0; // 0: the real one
+
+extern "C" int fstat(int descriptor, struct stat *status) {
+    using Function = int (*)(int, struct stat *);
+    static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fstat"));
+    const int result = real(descriptor, status);
+    if (result == 0 && fakeModification != 0)
+        status->st_mtime = fakeModification;
+    return result;
+}
+
 static int countedOpen(const char *path, int result) {
     if (counting) {
         const char *name = strrchr(path, '/');
@@ -325,6 +336,36 @@ TEST_F(Listing, ADayInTheFutureIsTheLimit) {
     modified("101-setA-240301000001.log", testTime + 86400);
     ASSERT_EQ(list(), 0u);
     EXPECT_EQ(names(), (Names{"101-7-1-240301-0000000000.log", "101-setA-240301000001.log"}));
+}
+
+TEST_F(Listing, TheOldestModificationTimeThatThereIsIsNotInTheFuture) {
+    originator(101, 7);
+    file("101-7-1-240301-1.log", 5);
+    fakeModification = INT64_MIN;
+    EXPECT_EQ(list(), 0u);
+    fakeModification = 0;
+}
+
+// All of one value under HashString, some of them of a series that is asked for.
+TEST_F(Listing, NamesOfOneHashAreAllListedOnceAndInTheirOrder) {
+    std::vector<std::string> colliding;
+    for (unsigned i = 0; i < 256; ++i) {
+        std::string end;
+        for (unsigned bit = 0; bit < 8; ++bit)
+            end += (i >> bit & 1u) != 0 ? "Aa" : "BB";
+        colliding.push_back("101-7-" + end + ".log");
+        file(colliding.back(), static_cast<int64_t>(1000 - i));
+        support::writeFile("5-" + end + ".log", "");
+    }
+    originator(101, 7);
+    originator(101, 7); // each name is found for both
+    ASSERT_EQ(list(), 0u);
+    size_t count = 0;
+    for (const LogFileEntry *entry = listing.files; entry != nullptr; entry = entry->next, ++count) {
+        ASSERT_LT(count, colliding.size());
+        EXPECT_EQ(colliding[colliding.size() - 1 - count], entry->name);
+    }
+    EXPECT_EQ(count, colliding.size());
 }
 
 TEST_F(Listing, LogSetFilesMatchByFileNameAndTakeTheirTimeFromTheName) {

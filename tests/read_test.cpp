@@ -106,6 +106,21 @@ TEST(ReadRecord, ALineMayBeAnyNumberOfReadsLong) {
     EXPECT_EQ(recordsOf("a\n" + line + "\nb\n"), (Records{"a", line, "b", "0"}));
 }
 
+TEST(ReadRecord, AReadIntoMemoryOfTheCallersOwnLeavesNothingToReadAhead) {
+    std::string lines;
+    for (int i = 0; i < 25000; ++i)
+        lines += "abcdefg\n";
+    Opened opened(lines);
+    std::string own(100000, 'x');
+    ASSERT_EQ(zoltLogOs_read(&opened.file, own.data(), 100000), 100000); // more than the buffer holds
+    TextBuffer buffer;
+    init_text_msg(&buffer);
+    EXPECT_EQ(readrecord(&opened.file, &buffer), 1);
+    EXPECT_STREQ(buffer.data, "abcdefg");
+    EXPECT_LE(opened.file.readCount, static_cast<int32_t>(sizeof opened.file.buffer));
+    free_text_msg(&buffer);
+}
+
 TEST(ReadRecord, TheRecordIsAppendedToTheBuffer) {
     Opened opened("one\ntwo\n");
     TextBuffer buffer;
