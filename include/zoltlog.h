@@ -506,6 +506,12 @@ typedef struct LogFormatter {
 
 /* ---- exported data ---------------------------------------------------- */
 
+/*
+ * The names zoltLogMutex, errorCode, sh_handle, fmtLib and newfmtLib are reserved: a program
+ * that defines one itself takes the library's place. The library writes the last four only
+ * where they have the sizes that they have here, and never decides anything by them.
+ */
+
 /* The library's lock. Only the operations of the lock change it. */
 extern LogLock zoltLogMutex;
 /* ZOLTLOG_DEVICE_FULL from the first write on that failed because the device was full, for

@@ -1,5 +1,7 @@
 #include "SharedLibrary.h"
 
+#include "os.h"
+
 #include <dlfcn.h>
 
 static const char FORMATTER_LIBRARY[] = "libzoltLogFormatMsg";
@@ -43,17 +45,27 @@ int32_t SharedLibResolveFunc(void *library, const char *symbol, void **function)
     return ZOLTLOG_OS_OK;
 }
 
+// Writes an exported word, unless the host has something else of that name.
+template<typename Word>
+static void writeWord(Word **word, Word *value) {
+    if (hasSize(word, sizeof *word))
+        *word = value;
+}
+
 FormatterState renderWithFormatter(LogFormatter **slot, const FormatterRequest &request, uint32_t *result,
                                    char **text) {
     // KEPT: the plug-in is loaded anew for every message, each load adding a reference that is never given
     // back, and sh_handle is overwritten each time. Pinned by LogOutput.EachCallAddsAReferenceToThePlugIn.
-    if (SharedLibLoad(&sh_handle, FORMATTER_LIBRARY, nullptr) != ZOLTLOG_OS_OK)
+    void *library = nullptr;
+    const int32_t loaded = SharedLibLoad(&library, FORMATTER_LIBRARY, nullptr);
+    writeWord(&sh_handle, library);
+    if (loaded != ZOLTLOG_OS_OK)
         return FormatterState::Absent;
     auto *formatter = static_cast<LogFormatter *>(zoltLogMalloc(sizeof(LogFormatter)));
     if (formatter == nullptr)
         return FormatterState::NoMemory;
-    *formatter = {sh_handle, nullptr};
-    *slot = formatter;
+    *formatter = {library, nullptr};
+    writeWord(slot, formatter);
     (void)SharedLibResolveFunc(formatter->library, FORMATTER_ENTRY, &formatter->entry);
     FormatterState state = FormatterState::Called;
     if (formatter->entry == nullptr) {
@@ -65,7 +77,7 @@ FormatterState renderWithFormatter(LogFormatter **slot, const FormatterRequest &
         *result = format(request.localizers, 0, request.locale, 0, request.formatFlags, 0, request.msg,
                          request.handle, text);
     }
-    *slot = nullptr;
+    writeWord(slot, static_cast<LogFormatter *>(nullptr));
     zoltLogFree(formatter);
     return state;
 }

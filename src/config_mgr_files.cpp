@@ -39,7 +39,7 @@ static uint32_t copyBytes(CopyEnds *ends, uint64_t remaining) {
         if (zoltLogOs_read(&ends->from, block, length) != length)
             return ZOLTLOG_SHORT_READ;
         if (zoltLogOs_write(&ends->to, block, length) != length)
-            return errorCode == ZOLTLOG_DEVICE_FULL ? ZOLTLOG_DEVICE_FULL : ZOLTLOG_SHORT_WRITE;
+            return wasDeviceFull() ? ZOLTLOG_DEVICE_FULL : ZOLTLOG_SHORT_WRITE;
         remaining -= static_cast<uint64_t>(length);
     }
     return ZOLTLOG_OK;

@@ -15,7 +15,9 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <link.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -26,7 +28,6 @@ int32_t errorCode;
 
 namespace {
 
-constexpr int32_t ERROR_CODE_DEVICE_FULL = ZOLTLOG_DEVICE_FULL;
 constexpr mode_t PERMISSION_BITS = 07777;
 constexpr int FIRST_FREE_DESCRIPTOR = 3;
 constexpr int OPEN_ATTEMPTS = 100; // rounds against others who remove and create the same name
@@ -178,6 +179,36 @@ int32_t zoltLogOs_read(OsFile *file, void *buffer, int32_t length) {
     return static_cast<int32_t>(count);
 }
 
+bool hasSize(const void *object, size_t size) {
+    Dl_info found;
+    const ElfW(Sym) *symbol = nullptr;
+    return dladdr1(object, &found, reinterpret_cast<void **>(const_cast<ElfW(Sym) **>(&symbol)),
+                   RTLD_DL_SYMENT) != 0 &&
+           found.dli_saddr == object && symbol != nullptr && symbol->st_size == size;
+}
+
+namespace {
+
+bool deviceWasFull = false;
+bool mayWriteErrorCode = false;
+
+// At load, since asking takes the loader's lock.
+[[gnu::constructor]] void lookAtErrorCode() {
+    mayWriteErrorCode = hasSize(&errorCode, sizeof errorCode);
+}
+
+void noteFullDevice() {
+    __atomic_store_n(&deviceWasFull, true, __ATOMIC_RELAXED);
+    if (mayWriteErrorCode)
+        __atomic_store_n(&errorCode, int32_t{ZOLTLOG_DEVICE_FULL}, __ATOMIC_RELAXED);
+}
+
+} // namespace
+
+bool wasDeviceFull() {
+    return __atomic_load_n(&deviceWasFull, __ATOMIC_RELAXED);
+}
+
 int32_t zoltLogOs_write(OsFile *file, const void *buffer, int32_t length) {
     if (file == nullptr || length < 0)
         return ZOLTLOG_OS_INVALID_ARGUMENT;
@@ -185,7 +216,7 @@ int32_t zoltLogOs_write(OsFile *file, const void *buffer, int32_t length) {
     // KEPT: nothing ever takes the mark back, so a later failure of another kind is told
     // as a full device too. Pinned by OsFileHandle.DeviceFullMarkStaysForTheProcess.
     if (count == -1 && errno == ENOSPC)
-        __atomic_store_n(&errorCode, ERROR_CODE_DEVICE_FULL, __ATOMIC_RELAXED);
+        noteFullDevice();
     return static_cast<int32_t>(count);
 }
 

@@ -20,6 +20,14 @@ int32_t openDescriptor(const char *path, int32_t mode, uint32_t permissions, int
 // close-on-exec. Returns the one to use, or -1 with errno set and the old one closed.
 int aboveStdio(int descriptor);
 
+// Whether an exported name leads to an object of that size. A program that defines such a
+// name itself takes the library's place, and what it has there may be anything.
+bool hasSize(const void *object, size_t size);
+
+// A write of this process has failed because the device was full. (errorCode says so to
+// others; it may be the host's.)
+bool wasDeviceFull();
+
 // The one place where an open's errno becomes a result of this layer.
 int32_t openResultOfErrno(int error);
 

@@ -304,8 +304,7 @@ uint32_t appendBytes(Writer *writer, const char *bytes, uint64_t length) {
         return ZOLTLOG_OK;
     if (written > 0)
         writer->torn = true;
-    return __atomic_load_n(&errorCode, __ATOMIC_RELAXED) == ZOLTLOG_DEVICE_FULL ? ZOLTLOG_DEVICE_FULL
-                                                                                : ZOLTLOG_WRITE_FAILED;
+    return wasDeviceFull() ? ZOLTLOG_DEVICE_FULL : ZOLTLOG_WRITE_FAILED;
 }
 
 // Ends the line in which an earlier write was cut off.

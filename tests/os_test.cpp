@@ -314,6 +314,13 @@ TEST(OsFileHandle, OnlyAFullDeviceSetsTheMark) {
     EXPECT_EQ(54, errorCode);
 }
 
+TEST(OsFileHandle, AProgramsOwnObjectsOfTheExportedNamesAreNotWritten) {
+    const support::Finished done = support::run({support::buildDirectory() + "/tests/own_names"});
+    if (done.status == 77)
+        GTEST_SKIP() << "no /dev/full";
+    EXPECT_EQ(0, done.status) << done.out << done.err;
+}
+
 TEST(OsFileHandle, DeviceFullMarkStaysForTheProcess) {
     File file;
     ASSERT_EQ(ZOLTLOG_OS_OK, zoltLogOs_open(&file, "f", ZOLTLOG_OS_MODE_APPEND, 0600));
