@@ -73,16 +73,16 @@ tell "The configuration: one product with three components and a log set." \
     "replaced every second."
 cfg() { "$bin/qdlogcfg" "$@" >/dev/null || fail "qdlogcfg $*"; }
 cfg product add 5 --names demo --file "$out/etc/demo.conf"
-cfg set -p demo "LogDirectory=$out/log" RolloverMode=FileSize MaxLogFileSizeKB=64 \
+cfg set -P demo "LogDirectory=$out/log" RolloverMode=FileSize MaxLogFileSizeKB=64 \
     DiagnosticLevel=3
-cfg set -p demo -o $SERVER OIDNames=server MaxLogFileSizeKB=24
-cfg set -p demo -o $IMPORT OIDNames=import MaxLogFileSizeKB=128 NumberOfLogFiles=3
-cfg set -p demo -o $NOISY OIDNames=noisy MaxLogFileSizeKB=16 NumberOfLogFiles=$KEPT LogRecycle=true
-cfg set -p demo -l Default "LogDirectory=$out/log" RolloverMode=Periodic RolloverPeriodInSeconds=1 \
+cfg set -P demo -u $SERVER OIDNames=server MaxLogFileSizeKB=24
+cfg set -P demo -u $IMPORT OIDNames=import MaxLogFileSizeKB=128 NumberOfLogFiles=3
+cfg set -P demo -u $NOISY OIDNames=noisy MaxLogFileSizeKB=16 NumberOfLogFiles=$KEPT LogRecycle=true
+cfg set -P demo -L Default "LogDirectory=$out/log" RolloverMode=Periodic RolloverPeriodInSeconds=1 \
     DiagnosticLevel=3
-cfg set -p demo -l jobs FileName=nightly
+cfg set -P demo -L jobs FileName=nightly
 run sed '/^#/d' "$out/etc/demo.conf"
-run "$bin/qdlogcfg" explain -p demo -o server -k diag --level 2
+run "$bin/qdlogcfg" explain -P demo -u server -k diag --level 2
 
 # ---- messages ----------------------------------------------------------------
 
@@ -118,19 +118,19 @@ tell "qdlogger sends real text: $lines lines of this machine's package log (and 
     "Each line is a message." \
     "First to the component 'import', under the context 'import-1'; then the same as" \
     "diagnostic messages of two jobs to the log set; then to the component 'noisy'."
-"$bin/qdlogger" -p demo -o import -w import -x import-1 <"$out/scratch/text" || fail "qdlogger"
+"$bin/qdlogger" -P demo -u import -t import -x import-1 <"$out/scratch/text" || fail "qdlogger"
 half=$(((lines + 1) / 2))
-head -n "$half" "$out/scratch/text" | "$bin/qdlogger" -p demo -o import -l jobs -k diag -w job-1 || fail "qdlogger"
+head -n "$half" "$out/scratch/text" | "$bin/qdlogger" -P demo -u import -L jobs -k diag -t job-1 || fail "qdlogger"
 sleep 1.1 # the period of the log set's files
-tail -n +$((half + 1)) "$out/scratch/text" | "$bin/qdlogger" -p demo -o noisy -l jobs -k diag -w job-2 ||
+tail -n +$((half + 1)) "$out/scratch/text" | "$bin/qdlogger" -P demo -u noisy -L jobs -k diag -t job-2 ||
     fail "qdlogger"
-"$bin/qdlogger" -p demo -o noisy <"$out/scratch/text" || fail "qdlogger"
+"$bin/qdlogger" -P demo -u noisy <"$out/scratch/text" || fail "qdlogger"
 echo "     sent: $lines to import, $lines to the log set, $lines to noisy"
 
 tell "Copies on the console are made on request, here with --stdout."
-run "$bin/qdlogger" -p demo -o import --stdout -s warning -w demo 'disk /var is 93% full'
-run "$bin/qdlogger" -p demo -o import --stdout -k diag -L 2 -w demo 'a line with an escape: '$'\e''[31m'
-run "$bin/qdlogger" -p demo -o import --stdout -k audit --subject alice --outcome 0 'an audit message is not copied'
+run "$bin/qdlogger" -P demo -u import --stdout -p warning -t demo 'disk /var is 93% full'
+run "$bin/qdlogger" -P demo -u import --stdout -k diag -l 2 -t demo 'a line with an escape: '$'\e''[31m'
+run "$bin/qdlogger" -P demo -u import --stdout -k audit --subject alice --outcome 0 'an audit message is not copied'
 extra_application=1 extra_diagnostic=1 extra_audit=1
 
 tell "A secure audit message goes to the system log only (and with -e to standard error)." \
@@ -145,10 +145,10 @@ fi
 
 tell "The files: name = product, component, host, day, counter; or product, log set, time."
 if have qdlogmgr; then # no more than five files of each series
-    run "$bin/qdlogmgr" list -p demo | awk '$1 == 5 { series = $1 $2 $3; if (series != last) { more(); last = series }
+    run "$bin/qdlogmgr" list -P demo | awk '$1 == 5 { series = $1 $2 $3; if (series != last) { more(); last = series }
             if (++n > 5) next } { print } END { more() }
         function more() { if (n > 5) printf "     ...  %d more\n", n - 5; n = 0 }'
-    run "$bin/qdlogmgr" usage -p demo
+    run "$bin/qdlogmgr" usage -P demo
 else
     run "$examples/logfiles" list 5
 fi
@@ -166,7 +166,7 @@ fi
 tell "Surplus files: more than the configuration keeps (NumberOfLogFiles=3 of 'import')." \
     "They may be archived or removed; with LogRecycle=true this happens by itself, as for 'noisy'."
 if have qdlogmgr; then
-    run "$bin/qdlogmgr" surplus -p demo
+    run "$bin/qdlogmgr" surplus -P demo
 else
     run "$examples/logfiles" surplus 5
 fi
@@ -213,7 +213,10 @@ grep -qF -- "${last:0:60}" "$(find "$out/log" -name "5-$NOISY-*.log" | LC_ALL=C 
 [ "$(files "5-$SERVER-*.log")" -gt 1 ] || fail "the server's files did not roll over"
 [ "$(files "5-nightly-*.log")" -gt 1 ] || fail "the log set's files did not roll over"
 if have qdlogmgr; then
-    run "$bin/qdlogmgr" verify -p demo || fail "qdlogmgr found problems in the files"
+    run "$bin/qdlogmgr" verify -P demo || fail "qdlogmgr found problems in the files"
+fi
+if have qdlogview; then
+    run "$bin/qdlogview" -P demo --gaps || fail "qdlogview found gaps in the sequence numbers"
 fi
 for file in "$out"/log/*.log; do
     [ "$(grep -c '^\$Header ' "$file")" = 1 ] || fail "$file does not have exactly one header line"
@@ -226,7 +229,7 @@ Everything adds up: of $checked messages not one is missing, in $(files '*.log')
 
   configuration   $out/etc
   log files       $out/log
-  more            ZOLTLOG_CFG_LOC=$ZOLTLOG_CFG_LOC $bin/qdlogcfg show -p demo
+  more            ZOLTLOG_CFG_LOC=$ZOLTLOG_CFG_LOC $bin/qdlogcfg show -P demo
 TEXT
 if have qdlogview; then
     echo "                  ZOLTLOG_CFG_LOC=$ZOLTLOG_CFG_LOC $bin/qdlogview -P demo"

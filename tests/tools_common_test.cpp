@@ -2,7 +2,7 @@
 // fields, verification.
 #include "common/fields.h"
 #include "common/json.h"
-#include "common/option_table.h"
+#include "common/options.h"
 #include "common/result_text.h"
 #include "common/terminal.h"
 #include "common/utf8.h"
@@ -176,76 +176,81 @@ TEST(ResultTexts, AMessageIsTheTextAndTheNumber) {
 // ---- options -------------------------------------------------------------------
 
 namespace {
-struct Chosen {
+
+struct Chosen : CommonOptions {
     bool flag = false;
     std::string text;
-};
-constexpr Option<Chosen> optionTable[] = {
-    {'f', "flag", nullptr, "a flag", [](Chosen &to, const char *, std::string &) { return to.flag = true; },
-     "Group"},
-    {0, "text", "TEXT", "a text\nof two lines",
-     [](Chosen &to, const char *value, std::string &error) {
-         to.text = value;
-         error = "'bad' is bad";
-         return to.text != "bad";
-     }},
+    std::vector<std::string> each;
+    std::optional<uint32_t> number;
+    std::string order;
 };
 
-bool chosen(std::vector<std::string> words, Chosen &to, std::vector<std::string> &operands,
-            std::string &error) {
+bool takeText(Chosen &to, const char *value, std::string &error) {
+    to.text = value;
+    to.order += 't';
+    error = "'bad' is bad";
+    return to.text != "bad";
+}
+
+bool takeFlag(Chosen &to, const char *, std::string &) {
+    to.order += 'f';
+    return to.flag = true;
+}
+
+constexpr unsigned OTHER = FirstOwn;
+const Option optionTable[] = {
+    {"-f,--flag", TakesEvery, nullptr, "a flag", set<takeFlag>, "Group"},
+    {"-x,--text,--words", TakesEvery, "TEXT", "a text\nof two lines", set<takeText>},
+    {"--each", TakesEvery, "ITEM", "may be given often", set<&Chosen::each>},
+    {"--number", OTHER, "N", "1 to 6", setWithin<&Chosen::number, 1, 6>},
+};
+const Command oneCommand[] = {{"", TakesEvery | OTHER, 0, "[WORD]...", 0, AnyNumber, "", nullptr}};
+
+// The exit status, or -1 when the words are understood.
+int chosen(std::vector<std::string> words, Chosen &to) {
+    const Tool tool = {"tool", "About.\n", rowsOf<Option>(optionTable), rowsOf<Command>(oneCommand), ""};
     words.insert(words.begin(), "tool");
     std::vector<char *> argv;
     argv.reserve(words.size() + 1);
     for (std::string &word : words)
         argv.push_back(word.data());
     argv.push_back(nullptr);
-    return parseOptions(optionTable, static_cast<int>(words.size()), argv.data(), to, operands, error);
+    return parseCommandLine(tool, static_cast<int>(words.size()), argv.data(), to).value_or(-1);
 }
+
 } // namespace
 
 TEST(Options, FlagsTextsAndOperandsInAnyOrder) {
     Chosen to;
-    std::vector<std::string> operands;
-    std::string error;
-    ASSERT_TRUE(chosen({"one", "-f", "--text", "-2h", "two", "--", "-f"}, to, operands, error)) << error;
+    ASSERT_EQ(chosen({"one", "-f", "--text", "-2h", "[a,b]", "++", "-", "--", "-f", "{}"}, to), -1);
     EXPECT_TRUE(to.flag);
     EXPECT_EQ(to.text, "-2h");
-    EXPECT_EQ(operands, (std::vector<std::string>{"one", "two", "-f"}));
+    EXPECT_EQ(to.operands, (std::vector<std::string>{"one", "[a,b]", "++", "-", "-f", "{}"}));
 }
 
-TEST(Options, WrongUsageIsNamed) {
+TEST(Options, TheLastOneCountsAndListsGrow) {
     Chosen to;
-    std::vector<std::string> operands;
-    std::string error;
-    EXPECT_FALSE(chosen({"--nothing"}, to, operands, error));
-    EXPECT_EQ(error, "option --nothing is not understood");
-    EXPECT_FALSE(chosen({"-x"}, to, operands, error));
-    EXPECT_EQ(error, "option -x is not understood");
-    EXPECT_FALSE(chosen({"--text"}, to, operands, error));
-    EXPECT_EQ(error, "option --text needs an argument");
-    EXPECT_FALSE(chosen({"--text=bad"}, to, operands, error));
-    EXPECT_EQ(error, "--text: 'bad' is bad");
+    ASSERT_EQ(chosen({"-xone", "--each", "[a,b]", "-fxtwo", "--each=", "--words=a=b", "--each={}"}, to), -1);
+    EXPECT_EQ(to.text, "a=b");
+    EXPECT_EQ(to.order, "tftt");
+    EXPECT_EQ(to.each, (std::vector<std::string>{"[a,b]", "", "{}"}));
 }
 
-TEST(Options, HelpAndListComeFromTheTable) {
-    std::string help;
-    appendHelp(help, optionTable);
-    EXPECT_EQ(help, "\nGroup:\n"
-                    "  -f, --flag                a flag\n"
-                    "      --text=TEXT           a text\n"
-                    "                            of two lines\n");
-    std::string list;
-    appendOptionNames(list, optionTable);
-    EXPECT_EQ(list, "--flag\n-f\n--text=\n");
+TEST(Options, NumbersHaveBounds) {
+    for (const char *bad : {"0", "7", "", "-1", "x", "1x", " 1", "18446744073709551617"}) {
+        Chosen to;
+        EXPECT_EQ(chosen({"--number", bad}, to), 2) << bad;
+    }
+    Chosen to;
+    ASSERT_EQ(chosen({"--number", "6"}, to), -1);
+    EXPECT_EQ(to.number, 6u);
 }
 
 // ---- fields --------------------------------------------------------------------
 
-TEST(Fields, TheTableIsInTheOrderOfTheEnumeration) {
-    for (size_t i = 0; i < FieldCount; ++i) {
-        EXPECT_EQ(static_cast<size_t>(fieldTable[i].field), i);
-        EXPECT_EQ(findField(fieldTable[i].name), &fieldTable[i]);
-    }
+TEST(Fields, EachHasANameOfItsOwn) {
+    for (const FieldRow &row : allFields())
+        EXPECT_EQ(findField(row.name), &row);
     EXPECT_EQ(findField("nothing"), nullptr);
 }
 
@@ -276,6 +281,51 @@ TEST(Fields, KindsAndSeveritiesByNameAndNumber) {
     EXPECT_STREQ(severityName(4), "emergency");
 }
 
+TEST(Fields, OneScaleForEveryKindWithWorseOnesAbove) {
+    const char *const order[] = {"debug",   "diagnostic", "info",     "audit",
+                                 "warning", "error",      "critical", "emergency"};
+    int32_t before = 0;
+    for (const char *name : order) {
+        int32_t rank = 0;
+        const char *shown = nullptr;
+        ASSERT_TRUE(parseRank(name, rank, shown)) << name;
+        EXPECT_STREQ(shown, name);
+        EXPECT_GT(rank, before) << name;
+        before = rank;
+    }
+    int32_t context = 0;
+    int32_t info = 0;
+    const char *name = nullptr;
+    EXPECT_TRUE(parseRank("info", info, name));
+    EXPECT_TRUE(parseRank("context", context, name));
+    EXPECT_EQ(context, info);
+    EXPECT_STREQ(name, "context");
+    for (int32_t severity = 0; severity <= 4; ++severity) { // as writers give them
+        int32_t rank = 0;
+        ASSERT_TRUE(parseRank(std::to_string(severity), rank, name));
+        EXPECT_STREQ(name, severityName(severity));
+        Record record;
+        record.type = ZOLTLOG_MSG_APP;
+        record.number = severity;
+        int32_t ofRecord = 0;
+        ASSERT_TRUE(rankOf(record, ofRecord, name));
+        EXPECT_EQ(ofRecord, rank);
+        EXPECT_STREQ(name, severityName(severity));
+    }
+    for (const uint32_t type :
+         {ZOLTLOG_MSG_DEBUG, ZOLTLOG_MSG_DIAG, ZOLTLOG_MSG_CONTEXT, ZOLTLOG_MSG_AUDIT}) {
+        Record record;
+        record.type = type;
+        int32_t rank = 0;
+        ASSERT_TRUE(rankOf(record, rank, name));
+        EXPECT_STREQ(name, kindName(type));
+    }
+    Record unknown;
+    EXPECT_FALSE(rankOf(unknown, info, name));
+    for (const char *bad : {"", "5", "81", "bad", "-1"})
+        EXPECT_FALSE(parseRank(bad, info, name)) << bad;
+}
+
 TEST(Fields, AHeldItemOutlivesItsLine) {
     Origin origin;
     std::string line = "2,5,7,7,12,1700000000123,4242,4243,2:cx,17:Disk full, 2 of 3,3:mgr,3,(0|)";
@@ -287,12 +337,12 @@ TEST(Fields, AHeldItemOutlivesItsLine) {
     held.reserve(1);
     held.emplace_back(item);
     line.assign(line.size(), 'x');
-    EXPECT_EQ(fieldValue(held[0].item, Field::Text).text, "Disk full, 2 of 3");
-    EXPECT_EQ(fieldValue(held[0].item, Field::Who).text, "mgr");
-    EXPECT_EQ(fieldValue(held[0].item, Field::Context).text, "cx");
-    EXPECT_EQ(fieldValue(held[0].item, Field::Sev).text, "critical");
-    EXPECT_FALSE(fieldValue(held[0].item, Field::Outcome).present);
-    EXPECT_FALSE(fieldValue(held[0].item, Field::Block).present);
+    EXPECT_EQ(findField("text")->value(held[0].item).text, "Disk full, 2 of 3");
+    EXPECT_EQ(findField("who")->value(held[0].item).text, "mgr");
+    EXPECT_EQ(findField("context")->value(held[0].item).text, "cx");
+    EXPECT_EQ(findField("sev")->value(held[0].item).text, "critical");
+    EXPECT_FALSE(findField("outcome")->value(held[0].item).present);
+    EXPECT_FALSE(findField("block")->value(held[0].item).present);
 }
 
 // ---- verification --------------------------------------------------------------

@@ -16,6 +16,7 @@ done
 [ -s out/etc/zoltlog.conf ] || fail "no configuration"
 ls out/log/5-7-*.log out/log/5-8-*.log out/log/5-9-*.log out/log/5-nightly-*.log >/dev/null || fail "no log files"
 grep -q 'WARNING demo: disk /var is 93% full' said || fail "no console copy"
+grep -q ', 0 gaps' said || fail "gaps are told where nothing is missing"
 ! grep -q $'\e' said || fail "control characters in the output"
 [ "$(grep -c '^[0-9]*\. ' said)" = 9 ] || fail "not all steps are told"
 

@@ -78,4 +78,4 @@ done
 for tool in prefix/bin/*; do
     "$tool" --version >/dev/null || fail "$tool does not run"
 done
-prefix/bin/qdlogger -p test --stdout hello | grep -q 'INFO: hello$' || fail "qdlogger does not find the plug-in"
+prefix/bin/qdlogger -P test --stdout hello | grep -q 'INFO: hello$' || fail "qdlogger does not find the plug-in"

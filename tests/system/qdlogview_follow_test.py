@@ -246,7 +246,7 @@ class Follow(unittest.TestCase):
         os.makedirs("log", exist_ok=True)
 
     def logger(self, *words):
-        return subprocess.Popen([QDLOGGER, "--config=zoltlog.conf", "-p", "server", "-o", "7", *words],
+        return subprocess.Popen([QDLOGGER, "--config=zoltlog.conf", "-P", "server", "-u", "7", *words],
                                 stdin=subprocess.PIPE, env=self.environment)
 
     def files(self):
@@ -318,19 +318,19 @@ class Follow(unittest.TestCase):
     def test_what_the_library_writes_is_shown(self):
         self.configure()
         for words, text in [
-            (["-s", "error", "-w", "disk"], "one, with a comma"),
-            (["-k", "diag", "-L", "2"], "two: ä€"),
-            (["-k", "debug", "-L", "5"], "three"),
-            (["-l", "jobs"], "four"),
+            (["-p", "error", "-t", "disk"], "one, with a comma"),
+            (["-k", "diag", "-l", "2"], "two: ä€"),
+            (["-k", "debug", "-l", "5"], "three"),
+            (["-L", "jobs"], "four"),
         ]:
-            logger = subprocess.run([QDLOGGER, "--config=zoltlog.conf", "-p", "server", "-o", "7", "--utf8", *words, text],
+            logger = subprocess.run([QDLOGGER, "--config=zoltlog.conf", "-P", "server", "-u", "7", "--utf8", *words, text],
                                     env=self.environment)
             self.assertEqual(logger.returncode, 0)
         done = subprocess.run([QDLOGVIEW, "--config=zoltlog.conf", "-P", "server", "-o", "json"], capture_output=True,
                               env=self.environment)
         rows = [json.loads(line) for line in done.stdout.decode().splitlines()]
         self.assertEqual([row["text"] for row in rows], ["one, with a comma", "two: ä€", "three", "four"])
-        self.assertEqual((rows[0]["sev"], rows[0]["who"]), ("error", "disk"))
+        self.assertEqual((rows[0]["severity_text"], rows[0]["who"]), ("error", "disk"))
         self.assertEqual((rows[1]["kind"], rows[1]["level"]), ("diagnostic", 2))
         self.assertEqual((rows[2]["kind"], rows[2]["level"]), ("debug", 5))
         self.assertEqual((rows[3]["logset"], rows[3]["product"], rows[3]["originator"]), ("nightly", 5, 7))

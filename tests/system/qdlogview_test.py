@@ -5,9 +5,11 @@ import io
 import json
 import os
 import pty
+import pty
 import re
 import resource
 import subprocess
+import time
 import unittest
 
 BUILD = os.environ["QDUL_BUILD"]
@@ -55,6 +57,10 @@ def write(path, *lines):
     return path
 
 
+def rfc3339(milliseconds):
+    return time.strftime("%Y-%m-%dT%H:%M:%S", time.gmtime(milliseconds // 1000)) + f".{milliseconds % 1000:03d}Z"
+
+
 class View(unittest.TestCase):
     maxDiff = None
 
@@ -98,9 +104,15 @@ class View(unittest.TestCase):
         for words, expected in [
             ([], [1, 2, 3, 4, 5, 6, 7, 8, 9]),
             (["-p", "error"], [2, 7]),
-            (["--priority=info"], [1, 2, 7, 8]),
+            (["--priority=info"], [1, 2, 5, 6, 7, 8, 9]),
+            (["--severity=context"], [1, 2, 5, 6, 7, 8, 9]),
+            (["-p", "audit"], [2, 6, 7, 8, 9]),
+            (["-p", "diag"], [1, 2, 3, 5, 6, 7, 8, 9]),
+            (["-p", "debug"], [1, 2, 3, 4, 5, 6, 7, 8, 9]),
             (["-p", "warning..error"], [2, 8]),
+            (["-p", "debug..diagnostic"], [3, 4]),
             (["-p", "3"], [7]),
+            (["-p", "70"], [7]),
             (["-l", "3"], [3]),
             (["--level=6"], [3, 4]),
             (["-l", "4..6"], [4]),
@@ -146,6 +158,11 @@ class View(unittest.TestCase):
             ('severity >= 2 and (who = "mgr" or text ~ "disk")', [7]),
             ("severity >= error", [2, 7]),
             ("sev = emergency", [7]),
+            ("severity_text = info", [1]),
+            ("severity_text in (context, warn)", [5, 8]),
+            ("severity_text > audit", [2, 7, 8]),
+            ("severity < 30", [3, 4]),
+            ("severity = info", [1, 5]),
             ("kind = audit and outcome != 0", [6]),
             ("not kind = audit and not kind = app", [3, 4, 5]),
             ("!(pid = 42)", [2]),
@@ -253,7 +270,7 @@ class View(unittest.TestCase):
               record(1, version=65541, number=2, text=b"no who"), record(1, version=65541, kind=0, number=3))
         out = self.view("-o", "json", ".")
         first, second = map(json.loads, out.splitlines())
-        self.assertEqual((first["kind"], first["text"], first["severity"]), ("application", "no who", 2))
+        self.assertEqual((first["kind"], first["text"], first["severity"]), ("application", "no who", 60))
         self.assertNotIn("ts", first)
         self.assertEqual((second["kind"], second["who"], second["level"]), ("debug", "mgr", 3))
         self.assertEqual(second["host"], "hostOld")
@@ -303,7 +320,8 @@ class View(unittest.TestCase):
         self.assertEqual(self.ids("-n", "3", "."), [6, 7, 8])
         self.assertEqual(self.ids("-n3", "-r", "."), [8, 7, 6])
         self.assertEqual(self.ids("-n", "all", "."), [1, 2, 3, 4, 5, 6, 7, 8])
-        self.assertEqual(self.ids("-n", "0", ".", status=1), [])
+        self.view("-n", "0", ".", status=2)
+        self.assertIn("-n 0 shows nothing without -f", self.errors)
         self.assertEqual(self.ids("-m", "3", "."), [1, 2, 3])
         self.assertEqual(self.ids("-m2", "-r", "."), [8, 7])
         self.assertEqual(self.ids("-n", "4", "-m", "2", "."), [5, 6])
@@ -315,7 +333,7 @@ class View(unittest.TestCase):
         self.assertEqual(self.ids("-", "-n2", stdin=text), [2, 3])
         self.assertEqual(self.ids("-", "-r", stdin=text), [3, 2, 1])
         self.assertEqual(self.view("-", "--count", stdin=text), "3\n")
-        self.assertIn("1 problems", self.view("-", "--verify", stdin=text + b"rubbish\n", status=1))
+        self.assertIn("1 problem in 1 file", self.view("-", "--verify", stdin=text + b"rubbish\n", status=1))
 
     def test_neighbours_of_matches(self):
         write(name(), header(), *[record(id, text=b"hit" if id in (5, 6, 12) else b"other") for id in range(1, 16)])
@@ -357,7 +375,8 @@ class View(unittest.TestCase):
             f"2024-03-01T13:45:05.000Z [{path}@{offset}]",
             f"    ts={T0 + 3000}", "    type=1", "    kind=diagnostic", "    product=5", "    originator=7",
             "    file_originator=7", "    msgid=3", "    pid=42", "    tid=43", "    context=job-1",
-            "    text=cache miss", "    who=mgr", "    level=3", "    host=hostA"])
+            "    text=cache miss", "    who=mgr", "    severity=20", "    severity_text=diagnostic", "    level=3",
+            "    host=hostA"])
         out = self.view("-o", "full", "--fields=who,text", "--message-id", "3", ".")
         self.assertEqual(out.splitlines()[1:], ["    who=mgr", "    text=cache miss"])
 
@@ -369,7 +388,7 @@ class View(unittest.TestCase):
         self.assertEqual(rows[1], {
             "ts": T0 + 2000, "time": "2024-03-01T13:45:04.000Z", "type": 2, "kind": "application", "product": 5,
             "originator": 7, "file_originator": 7, "msgid": 2, "pid": 50, "tid": 43, "text": "Disk full, 2 of 3",
-            "who": "store", "severity": 2, "sev": "error", "host": "hostA", "file": path,
+            "who": "store", "severity": 60, "severity_text": "error", "host": "hostA", "file": path,
             "offset": len(header()) + len(record(1, text=b"started"))})
         self.assertEqual((rows[5]["subject"], rows[5]["outcome"]), ("alice", 1))
         self.assertNotIn("who", rows[5])
@@ -410,6 +429,65 @@ class View(unittest.TestCase):
         out = self.view("-o", "csv", "--fields=msgid,who", "-n1", ".")
         self.assertEqual(out, "msgid,who\r\n3,mgr\r\n")
 
+    def test_texts_of_several_lines_are_shown_as_lines(self):
+        write(name(), header(), record(1, text=b"one\rtwo\r\rfour\r", kind=4, who=b"bob"), record(2, text="gr\u00fc\u00dfe\rzwei".encode()))
+        indentation = " " * len("2024-03-01 13:45:03.000 audit 5/7 bob[42]: ")
+        short = self.view(".").splitlines()
+        self.assertEqual(short[0][len(indentation):], "one")
+        self.assertEqual(short[1:4], [indentation + "two", indentation, indentation + "four (outcome 0)"])
+        self.assertEqual(short[5], " " * len("2024-03-01 13:45:03.000 info 5/7 mgr[42]: ") + "zwei")
+        self.assertEqual(self.view("--color=always", "--message-id=2", ".").splitlines()[1], short[5])
+        self.assertIn("    text=gr\u00fc\u00dfe\n         zwei\n", self.view("-o", "full", "--message-id=2", "."))
+        self.assertEqual(self.view("--template={text}|{text_lines}", "--message-id=2", "."), "gr\u00fc\u00dfe\\rzwei|gr\u00fc\u00dfe\nzwei\n")
+        rows = list(csv.reader(io.StringIO(self.view("-o", "csv", "--fields=text_lines,msgid", "."), newline="")))
+        self.assertEqual(rows, [["text_lines", "msgid"], ["one\ntwo\n\nfour\n", "1"], ["gr\u00fc\u00dfe\nzwei", "2"]])
+        row = json.loads(self.view("--json", "--fields=text_lines", "--message-id=2", "."))
+        self.assertEqual(row, {"text_lines": "gr\u00fc\u00dfe\nzwei"})
+        row = json.loads(self.view("--json", "--message-id=2", "."))
+        self.assertEqual((row["text"], row["text_lines"]), ("gr\u00fc\u00dfe\rzwei", "gr\u00fc\u00dfe\nzwei"))
+
+    def test_csv_is_utf8_whatever_the_texts_are(self):
+        write(name(), header(), record(1, text=b"a\xffb", who=b"\xe4\xc3\xa4"))
+        self.assertEqual(self.view("-o", "csv", "--fields=text,who", "."), "text,who\r\na\ufffdb,\ufffd\u00e4\r\n")
+
+    def test_json_holds_nothing_that_steers_a_terminal(self):
+        text = "a\u009b31m\u202eb\x7f\u2028"
+        write(name(), header(), record(1, text=text.encode()))
+        out = self.view("--json", ".")
+        self.assertTrue(all(c == "\n" or " " <= c <= "~" for c in out), out)
+        self.assertEqual(json.loads(out)["text"], text)
+
+    def on_a_terminal(self, *words, **environment):
+        """What a user sees who runs it on a terminal."""
+        master, slave = pty.openpty()
+        done = subprocess.run([QDLOGVIEW, *words], stdin=slave, stdout=slave, stderr=subprocess.PIPE,
+                              env={**self.environment, "TERM": "xterm", **environment})
+        os.close(slave)
+        seen = b""
+        try:
+            while chunk := os.read(master, 65536):
+                seen += chunk
+        except OSError:  # the other end is closed
+            pass
+        os.close(master)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        return seen.decode()
+
+    def test_csv_on_a_terminal_is_escaped(self):
+        write(name(), header(), record(1, text=b"a\x1b[31m"))
+        self.assertIn("a\\e[31m\r", self.on_a_terminal("-o", "csv", "--fields=text", "--no-pager", "."))
+
+    def test_a_pager_that_does_not_start_does_not_hide_the_output(self):
+        self.example()
+        for pager in ("/nowhere/pager", "'", "cat", "head -n 100"):
+            self.assertIn("disk slow", self.on_a_terminal(".", PAGER=pager), pager)
+
+    def test_the_cursor_that_is_shown_cannot_steer_a_terminal(self):
+        path = write("a\u009bb\u202e.log", header(), record(1))
+        line = self.view("--show-cursor", path).splitlines()[-1]
+        self.assertIn("a%C2%9Bb%E2%80%AE.log@", line)
+        self.assertEqual(self.ids("--after-cursor", line.split(": ")[1], path, status=1), [])
+
     def test_raw_output_is_a_log_file_again(self):
         self.merged()
         raw = subprocess.run([QDLOGVIEW, "-o", "raw", "."], capture_output=True, env=self.environment).stdout
@@ -422,16 +500,17 @@ class View(unittest.TestCase):
 
     def test_templates(self):
         self.example()
-        out = self.view("--template", r"{time}\t{who}:{{{text}}}{severity}", "--message-id=2,3", "--utc", ".")
-        self.assertEqual(out, "2024-03-01T13:45:04.000Z\tstore:{Disk full, 2 of 3}2\n"
-                              "2024-03-01T13:45:05.000Z\tmgr:{cache miss}\n")
+        out = self.view("--template", r"{time}\t{who}:{{{text}}}{severity_text}", "--message-id=2,3", "--utc", ".")
+        self.assertEqual(out, "2024-03-01T13:45:04.000Z\tstore:{Disk full, 2 of 3}error\n"
+                              "2024-03-01T13:45:05.000Z\tmgr:{cache miss}diagnostic\n")
         self.view("--template={nothing}", ".", status=2)
         self.assertIn("'nothing' is not a field", self.errors)
         self.view("--template={text", ".", status=2)
 
     def test_control_characters_are_escaped(self):
         write(name(), header(), record(1, text=b"a\x1b[31m\r\xff\xe2\x80\xae", who=b"w\x07"))
-        line = "info 5/7 w\\x07[42]: a\\e[31m\\r\\xff\\u{202e}\n"
+        before = "2024-03-01 13:45:03.000 info 5/7 w\\x07[42]: "
+        line = before + "a\\e[31m\n" + len(before) * " " + "\\xff\\u{202e}\n"
         self.assertTrue(self.view(".").endswith(line))
         out = subprocess.run([QDLOGVIEW, "--raw", "."], capture_output=True, env=self.environment).stdout
         self.assertTrue(out.endswith(b"info 5/7 w\x07[42]: a\x1b[31m\r\xff\xe2\x80\xae\n"), out)
@@ -563,7 +642,8 @@ class View(unittest.TestCase):
         stats = json.loads(self.view("--stats", "-o", "json", "."))
         self.assertEqual(stats["records"], 9)
         self.assertEqual(stats["kind"], {"application": 4, "audit": 2, "debug": 1, "diagnostic": 1, "context": 1})
-        self.assertEqual(stats["severity"], {"info": 1, "warning": 1, "error": 1, "emergency": 1})
+        self.assertEqual(stats["severity"], {"info": 1, "warning": 1, "error": 1, "emergency": 1,
+                                             "debug": 1, "diagnostic": 1, "context": 1, "audit": 2})
         self.assertEqual(stats["who"], {"mgr": 3, "store": 2, "net": 1})
         self.assertEqual(stats["first"], "2024-03-01T13:45:03.000Z")
         self.assertEqual(stats["last"], "2024-03-01T13:45:11.000Z")
@@ -588,10 +668,10 @@ class View(unittest.TestCase):
               record(1, time=T0 + 60000), record(2, time=T0 + 61000))  # the process opened its log again
         rows = [json.loads(line) for line in self.view("--gaps", "-o", "json", ".", status=1).splitlines()]
         self.assertEqual([(row["pid"], row["first"], row["last"]) for row in rows], [(42, 4, 5), (42, 8, 9), (77, 3, 3)])
-        self.assertEqual(rows[0]["after_ts"], T0 + 3000)
-        self.assertEqual(rows[0]["before_ts"], T0 + 6000)
+        self.assertEqual(rows[0]["after"], rfc3339(T0 + 3000))
+        self.assertEqual(rows[0]["before"], rfc3339(T0 + 6000))
         out = self.view("--gaps", ".", status=1)
-        self.assertIn("4..5  5/7   42  hostA", out)
+        self.assertIn("4..5  5/7   42  hostA  -", out)
         self.assertIn("3 gaps", out)
 
     def test_two_handles_of_a_process_are_no_gap(self):
@@ -600,6 +680,53 @@ class View(unittest.TestCase):
         lines = sorted(first + second, key=lambda line: int(line.split(b",")[5]))
         write(name(0), header(), *lines)
         self.assertIn("0 gaps", self.view("--gaps", "."))
+
+    def test_every_context_counts_from_one(self):
+        lines = []
+        for context in range(40):  # more than the runs that one counter keeps
+            token = f"job-{context}".encode()
+            lines += [record(id, context=token, time=T0 + context * 100 + id) for id in range(1, 9)]
+            lines.append(record(context + 1, time=T0 + context * 100 + 50))
+        write(name(0), header(), *lines)
+        self.assertIn("360 records of 41 counters, 0 gaps", self.view("--gaps", "."))
+
+    def test_the_context_record_at_the_top_of_a_new_file_is_no_gap(self):
+        begin = record(3, kind=3, who=b"job-1", time=T0 + 30)
+        write(name(0), header(), *[record(id, time=T0 + id * 10) for id in (1, 2)], begin,
+              *[record(id, time=T0 + id * 10) for id in (4, 5)],
+              record(1, time=T0 + 60), record(2, time=T0 + 61))  # opened again
+        write(name(1), header(), begin, *[record(id, time=T0 + 100 + id * 10) for id in (6, 7)])
+        self.assertIn("10 records of 1 counter, 0 gaps", self.view("--gaps", "."))
+
+    def test_the_run_that_was_not_used_longest_is_forgotten(self):
+        lines = [record(1, time=T0)]
+        for other in range(1, 40):  # handles that were opened once
+            lines.append(record(1, time=T0 + other * 10))
+            lines.append(record(other + 1, time=T0 + other * 10 + 1))
+        lines.append(record(42, time=T0 + 500))  # 41 is missing
+        write(name(0), header(), *lines)
+        rows = [json.loads(line) for line in self.view("--gaps", "--json", ".", status=1).splitlines()]
+        self.assertEqual([(row["first"], row["last"]) for row in rows], [(41, 41)])
+
+    def test_three_lines_and_a_file_that_were_removed_are_told_exactly(self):
+        token = b"job-7"
+        kept = []
+        for counter in range(4):
+            lines = []
+            for id in range(counter * 10 + 1, counter * 10 + 11):
+                lines.append(record(id, time=T0 + id * 10))
+                lines.append(record(id, context=token, time=T0 + id * 10 + 1))
+            kept.append(lines)
+        del kept[0][8]  # record 5 of the handle
+        del kept[3][13]  # record 37 of the context
+        del kept[3][12]  # record 37 of the handle
+        for counter in (0, 2, 3):
+            write(name(counter), header(), *kept[counter])
+        rows = [json.loads(line) for line in self.view("--gaps", "--json", ".", status=1).splitlines()]
+        self.assertEqual([(row["missing"], row.get("context"), row["first"], row["last"]) for row in rows],
+                         [("records", None, 5, 5), ("records", None, 11, 20), ("records", None, 37, 37),
+                          ("records", "job-7", 11, 20), ("records", "job-7", 37, 37), ("files", None, 1, 1)])
+        self.assertIn("job-7", self.view("--gaps", ".", status=1))
 
     def test_gaps_in_file_counters(self):
         for counter in (3, 4, 7):
@@ -626,7 +753,7 @@ class View(unittest.TestCase):
             f"{path}@{glued + 20 + len(record(5))}: problem: a number is missing or too large (line of 7 bytes)",
         ])
         self.assertTrue(out.splitlines()[-1].startswith("2 files, 4 records, "))
-        self.assertTrue(out.splitlines()[-1].endswith("3 problems in 1 files, 1 notes"))
+        self.assertTrue(out.splitlines()[-1].endswith("3 problems in 1 file, 1 note"))
         rows = [json.loads(line) for line in self.view("--verify", "-o", "json", ".", status=1).splitlines()]
         self.assertEqual([row["offset"] for row in rows[:-1]], [torn, glued, glued + 20, glued + 20 + len(record(5))])
         self.assertEqual(rows[-1]["bad_files"], 1)
@@ -664,7 +791,8 @@ class View(unittest.TestCase):
                       ["-i"], ["-v"], ["-A", "1"], ["-f", "-r"], ["--count", "--stats"], ["-F", "x"], ["-o", "template"],
                       ["--utc", "--writer-time"], ["--color=maybe"], ["--fields=x"], ["--outcome", "x"],
                       ["--timeout", "5s"], ["-f", "--timeout", "x"], ["--cursor-file=x", "-r"], ["--complete", "x"],
-                      ["-f", "-U", "now"], ["-f", "-g", "x", "-C", "1"], ["-f", "--count"], ["-o", "csv", "--stats"], ["--template=x", "-o", "json"]):
+                      ["-f", "-U", "now"], ["-f", "-g", "x", "-C", "1"], ["-f", "--count"], ["-o", "csv", "--stats"], ["--template=x", "-o", "json"],
+                      ["--json", "-o", "csv"], ["--since", ""], ["-P", ""], ["--fields=text"]):
             with self.subTest(words=words):
                 self.view(*words, ".", status=2)
                 self.assertIn("Try 'qdlogview --help'", self.errors)
@@ -714,10 +842,41 @@ class View(unittest.TestCase):
         self.assertIn("missing.conf", self.errors)
         self.configure()
         self.view("--config=zoltlog.conf", "-P", "nobody", status=3)
-        self.assertIn("no product 'nobody' is configured", self.errors)
+        self.assertIn("there is no product 'nobody' in zoltlog.conf", self.errors)
         self.view("--config=zoltlog.conf", "-P", "8", status=3)
         self.view("--config=zoltlog.conf", "-P", "5", "-u", "nobody", status=3)
-        self.assertIn("no originator 'nobody' is configured", self.errors)
+        self.assertIn("product 5 has no originator 'nobody'", self.errors)
+
+    def test_names_stand_beside_the_ids(self):
+        self.configure()
+        row = json.loads(self.view("--config=zoltlog.conf", "--json", "--message-id=2"))
+        self.assertEqual((row["product"], row["product_name"], row["originator"], row["originator_name"]),
+                         (5, "server", 9, "net"))
+        self.assertIn(" info 5(server)/9(net) mgr[42]: ", self.view("--config=zoltlog.conf", "--message-id=2"))
+        self.assertIn("    originator_name=net\n", self.view("--config=zoltlog.conf", "-o", "full", "--message-id=2"))
+        self.assertEqual(self.view("--config=zoltlog.conf", "-o", "csv", "--fields=product_name,originator_name", "--message-id=4", "log"),
+                         "product_name,originator_name\r\n,\r\n")
+
+    def test_what_keeps_the_configuration_from_being_read_is_told(self):
+        self.configure()
+        os.rename("server.conf", "away.conf")
+        cause = "configuration .*/server.conf: No such file or directory"
+        for words in (["-P", "server"], ["-P", "5"], ["-P", "5", "-u", "disk"], ["-P", "srv", "-L", "jobs"], []):
+            self.view("--config=zoltlog.conf", *words, status=3)
+            self.assertRegex(self.errors, cause, words)
+        os.rename("away.conf", "server.conf")
+        for words in (["-L", "nosuch"], ["-P", "5", "-L", "nosuch"]):
+            self.view("--config=zoltlog.conf", *words, status=3)
+            self.assertIn("there is no log set 'nosuch' in the configuration zoltlog.conf", self.errors)
+        self.view("-L", "nosuch", "log", status=1)
+        self.assertIn("no log files were found of log set 'nosuch'", self.errors)
+
+    def test_verification_reads_a_pipe(self):
+        text = header() + record(1) + record(2)
+        whole = self.view("--verify", "-", stdin=text)
+        self.assertIn(f"1 file, 2 records, {len(text)}B: 0 problems in 0 files, 0 notes\n", whole)
+        out = self.view("--verify", "-", stdin=text + record(3)[:20], status=1)
+        self.assertIn(f"-@{len(text)}: problem: the file ends within a record, at {len(text) + 20}\n", out)
 
     def test_completion_lists_what_can_be_said(self):
         self.configure()
@@ -728,7 +887,7 @@ class View(unittest.TestCase):
         self.assertEqual(self.view("--complete", "kinds").split(),
                          ["debug", "diagnostic", "application", "context", "audit"])
         self.assertEqual(self.view("--complete", "severities").split(),
-                         ["info", "warning", "error", "critical", "emergency"])
+                         ["debug", "diagnostic", "info", "context", "audit", "warning", "error", "critical", "emergency"])
         self.assertIn("--since=", self.view("--complete", "options").split())
         self.assertIn("file_originator", self.view("--complete", "fields").split())
         self.assertIn("json", self.view("--complete", "outputs").split())

@@ -1,6 +1,8 @@
 #include "common/fields.h"
 
-#include <charconv>
+#include "common/number_text.h"
+
+#include <iterator>
 
 namespace tools {
 
@@ -27,11 +29,10 @@ constexpr NameRow severities[] = {
     {ZOLTLOG_SEVERITY_EMERGENCY, "fatal"}};
 
 bool parseSmallNumber(std::string_view text, int32_t limit, int32_t &value) {
-    int32_t read = 0;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), read);
-    if (result.ec != std::errc() || result.ptr != text.data() + text.size() || read < 0 || read > limit)
+    uint32_t read = 0;
+    if (!parseNumber(text, read) || read > static_cast<uint32_t>(limit))
         return false;
-    value = read;
+    value = static_cast<int32_t>(read);
     return true;
 }
 
@@ -86,42 +87,66 @@ bool parseSeverity(std::string_view text, int32_t &severity) {
     return false;
 }
 
-// ---- fields ------------------------------------------------------------------------
+// ---- one scale for every kind of record ----------------------------------------------
 
-const FieldRow fieldTable[FieldCount] = {
-    {Field::Ts, FieldType::Signed, "ts", "time stamp, milliseconds since 1970-01-01 UTC"},
-    {Field::Time, FieldType::Time, "time", "time stamp as a time"},
-    {Field::Type, FieldType::Number, "type", "message type: 0 debug to 4 audit"},
-    {Field::Kind, FieldType::Text, "kind", "debug, diagnostic, application, context, audit"},
-    {Field::Product, FieldType::Number, "product", "product id"},
-    {Field::Originator, FieldType::Number, "originator", "originator id"},
-    {Field::FileOriginator, FieldType::Number, "file_originator", "originator id of the file"},
-    {Field::MessageId, FieldType::Number, "msgid", "the caller's message id, or the sequence number"},
-    {Field::Pid, FieldType::Number, "pid", "process id"},
-    {Field::Tid, FieldType::Number, "tid", "thread id"},
-    {Field::Context, FieldType::Text, "context", "context token"},
-    {Field::Text, FieldType::Text, "text", "message text"},
-    {Field::Who, FieldType::Text, "who", "reporting component (debug, diagnostic, application)"},
-    {Field::Subject, FieldType::Text, "subject", "subject (audit)"},
-    {Field::Title, FieldType::Text, "title", "context title (context)"},
-    {Field::Severity, FieldType::Signed, "severity", "0 info to 4 emergency (application)"},
-    {Field::Level, FieldType::Signed, "level", "1 to 6 (debug, diagnostic)"},
-    {Field::Outcome, FieldType::Signed, "outcome", "outcome (audit)"},
-    {Field::Sev, FieldType::Text, "sev", "severity by name (application)"},
-    {Field::Host, FieldType::Text, "host", "host name of the writer"},
-    {Field::LogSet, FieldType::Text, "logset", "log set of the file"},
-    {Field::Block, FieldType::Text, "block", "argument block, when it is not empty"},
-    {Field::File, FieldType::Text, "file", "path of the file"},
-    {Field::Offset, FieldType::Number, "offset", "position in the file"},
+namespace {
+
+// The first row of a word is the one that is shown; what is found by name is found here.
+constexpr NameRow ranks[] = {
+    {RANK_DEBUG, "debug"},  {RANK_DIAGNOSTIC, "diagnostic"}, {RANK_INFO, "info"},
+    {RANK_INFO, "context"}, {RANK_AUDIT, "audit"},           {RANK_WARNING, "warning"},
+    {RANK_ERROR, "error"},  {RANK_CRITICAL, "critical"},     {RANK_EMERGENCY, "emergency"},
 };
+constexpr size_t INFO_ROW = 2;
 
-const FieldRow *findField(std::string_view name) {
-    for (const FieldRow &row : fieldTable) {
-        if (name == row.name)
-            return &row;
-    }
-    return nullptr;
+// The row of a severity as writers give it.
+const NameRow &rankOfSeverity(int32_t severity) {
+    constexpr size_t firstWorse = 5; // warning
+    return ranks[severity == 0 ? INFO_ROW : firstWorse + static_cast<size_t>(severity) - 1];
 }
+
+} // namespace
+
+bool rankOf(const Record &record, int32_t &rank, const char *&name) {
+    if (record.type == TypeUnknown)
+        return false;
+    constexpr size_t rowOfKind[] = {0, 1, INFO_ROW, 3, 4};
+    const NameRow &row =
+        record.type == ZOLTLOG_MSG_APP ? rankOfSeverity(record.number) : ranks[rowOfKind[record.type]];
+    rank = row.value;
+    name = row.name;
+    return true;
+}
+
+bool parseRank(std::string_view text, int32_t &rank, const char *&name) {
+    int32_t severity = 0;
+    const NameRow *found = nullptr;
+    if (parseSeverity(text, severity))
+        found = &rankOfSeverity(severity);
+    int32_t number = 0;
+    const bool isNumber = parseSmallNumber(text, RANK_EMERGENCY, number);
+    uint32_t kind = 0;
+    for (const NameRow &row : ranks) {
+        const bool named = row.name == text || (!isNumber && parseKind(text, kind) &&
+                                                row.name == std::string_view(kindName(kind)));
+        if (found == nullptr && (named || (isNumber && row.value == number)))
+            found = &row;
+    }
+    if (found == nullptr)
+        return false;
+    rank = found->value;
+    name = found->name;
+    return true;
+}
+
+std::vector<const char *> rankNames() {
+    std::vector<const char *> names;
+    for (const NameRow &row : ranks)
+        names.push_back(row.name);
+    return names;
+}
+
+// ---- fields ------------------------------------------------------------------------
 
 namespace {
 
@@ -146,63 +171,140 @@ FieldValue textOf(std::string_view text, bool present = true) {
     return value;
 }
 
+bool hasWho(const Record &record) {
+    return record.type <= ZOLTLOG_MSG_APP || (record.type == TypeUnknown && !record.who.empty());
+}
+
+FieldValue severity(const Item &item) {
+    int32_t rank = 0;
+    const char *name = nullptr;
+    const bool present = rankOf(item.record, rank, name);
+    return signedOf(rank, present);
+}
+
+FieldValue severityText(const Item &item) {
+    int32_t rank = 0;
+    const char *name = "";
+    const bool present = rankOf(item.record, rank, name);
+    return textOf(name, present);
+}
+
+FieldValue productName(const Item &item) {
+    const std::string_view name =
+        item.origin->names != nullptr ? item.origin->names->product(item.record.product) : "";
+    return textOf(name, !name.empty());
+}
+
+FieldValue originatorName(const Item &item) {
+    const Record &record = item.record;
+    const std::string_view name = item.origin->names != nullptr
+                                      ? item.origin->names->originator(record.product, record.originator)
+                                      : "";
+    return textOf(name, !name.empty());
+}
+
+FieldValue textLines(const Item &item) {
+    FieldValue value = textOf(item.record.text);
+    value.lines = true;
+    return value;
+}
+
+FieldValue timeStamp(const Item &item) {
+    return signedOf(item.record.time, item.record.hasPrefix());
+}
+
+const FieldRow fieldTable[] = {
+    {"ts", FieldType::Signed, FieldRole::TimeStamp, timeStamp,
+     "time stamp, milliseconds since 1970-01-01 UTC"},
+    {"time", FieldType::Time, FieldRole::TimeStamp, timeStamp, "time stamp as a time"},
+    {"type", FieldType::Number, FieldRole::Type,
+     [](const Item &item) { return numberOf(item.record.type, item.record.type != TypeUnknown); },
+     "message type: 0 debug to 4 audit"},
+    {"kind", FieldType::Text, FieldRole::Kind,
+     [](const Item &item) { return textOf(kindName(item.record.type)); },
+     "debug, diagnostic, application, context, audit"},
+    {"product", FieldType::Id, FieldRole::Product,
+     [](const Item &item) {
+         const Record &record = item.record;
+         return numberOf(record.product,
+                         record.product != 0 || record.version == ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+     },
+     "product id"},
+    {"product_name", FieldType::Text, FieldRole::Plain, productName,
+     "first name of the product in the configuration"},
+    {"originator", FieldType::Id, FieldRole::Plain,
+     [](const Item &item) { return numberOf(item.record.originator, item.record.hasPrefix()); },
+     "originator id"},
+    {"originator_name", FieldType::Text, FieldRole::Plain, originatorName,
+     "first name of the originator in the configuration"},
+    {"file_originator", FieldType::Id, FieldRole::FileOriginator,
+     [](const Item &item) {
+         return numberOf(item.record.fileOriginator,
+                         item.record.version == ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+     },
+     "originator id of the file"},
+    {"msgid", FieldType::Id, FieldRole::Plain,
+     [](const Item &item) { return numberOf(item.record.messageId, item.record.hasPrefix()); },
+     "the caller's message id, or the sequence number", "message_id"},
+    {"pid", FieldType::Id, FieldRole::Plain,
+     [](const Item &item) { return numberOf(item.record.pid, item.record.hasPrefix()); }, "process id"},
+    {"tid", FieldType::Id, FieldRole::Plain,
+     [](const Item &item) { return numberOf(item.record.tid, item.record.hasPrefix()); }, "thread id",
+     "thread"},
+    {"context", FieldType::Text, FieldRole::Plain,
+     [](const Item &item) { return textOf(item.record.context, !item.record.context.empty()); },
+     "context token"},
+    {"text", FieldType::Text, FieldRole::MessageText,
+     [](const Item &item) { return textOf(item.record.text); }, "message text"},
+    {"text_lines", FieldType::Text, FieldRole::TextLines, textLines, "message text with its line feeds"},
+    {"who", FieldType::Text, FieldRole::Plain,
+     [](const Item &item) { return textOf(item.record.who, hasWho(item.record)); },
+     "reporting component (debug, diagnostic, application)"},
+    {"subject", FieldType::Text, FieldRole::Plain,
+     [](const Item &item) { return textOf(item.record.who, item.record.type == ZOLTLOG_MSG_AUDIT); },
+     "subject (audit)"},
+    {"title", FieldType::Text, FieldRole::Plain,
+     [](const Item &item) { return textOf(item.record.who, item.record.type == ZOLTLOG_MSG_CONTEXT); },
+     "context title (context)"},
+    {"severity", FieldType::Signed, FieldRole::Severity, severity,
+     "10 debug to 80 emergency, for every kind; larger is worse"},
+    {"severity_text", FieldType::Text, FieldRole::SeverityName, severityText, "severity by name", "sev"},
+    {"level", FieldType::Signed, FieldRole::Plain,
+     [](const Item &item) { return signedOf(item.record.number, item.record.type <= ZOLTLOG_MSG_DIAG); },
+     "1 to 6 (debug, diagnostic)"},
+    {"outcome", FieldType::Signed, FieldRole::Plain,
+     [](const Item &item) { return signedOf(item.record.number, item.record.type == ZOLTLOG_MSG_AUDIT); },
+     "outcome (audit)"},
+    {"host", FieldType::Text, FieldRole::Host,
+     [](const Item &item) { return textOf(item.origin->host, item.origin->hasHost); },
+     "host name of the writer"},
+    {"logset", FieldType::Text, FieldRole::LogSet,
+     [](const Item &item) { return textOf(item.origin->logSet, !item.origin->logSet.empty()); },
+     "log set of the file"},
+    {"block", FieldType::Text, FieldRole::Plain,
+     [](const Item &item) {
+         const std::string_view block = item.record.block;
+         return textOf(block, !block.empty() && block != "(0|)");
+     },
+     "argument block, when it is not empty"},
+    {"file", FieldType::Text, FieldRole::Place, [](const Item &item) { return textOf(item.origin->path); },
+     "path of the file"},
+    {"offset", FieldType::Number, FieldRole::Place, [](const Item &item) { return numberOf(item.offset); },
+     "position in the file"},
+};
+
 } // namespace
 
-FieldValue fieldValue(const Item &item, Field field) {
-    const Record &record = item.record;
-    const bool prefix = record.hasPrefix();
-    const uint32_t type = record.type;
-    switch (field) {
-    case Field::Ts:
-    case Field::Time:
-        return signedOf(record.time, prefix);
-    case Field::Type:
-        return numberOf(type, type != TypeUnknown);
-    case Field::Kind:
-        return textOf(kindName(type));
-    case Field::Product:
-        return numberOf(record.product,
-                        record.product != 0 || record.version == ZOLTLOG_RECORD_VERSION_ORIGINATOR);
-    case Field::Originator:
-        return numberOf(record.originator, prefix);
-    case Field::FileOriginator:
-        return numberOf(record.fileOriginator, record.version == ZOLTLOG_RECORD_VERSION_ORIGINATOR);
-    case Field::MessageId:
-        return numberOf(record.messageId, prefix);
-    case Field::Pid:
-        return numberOf(record.pid, prefix);
-    case Field::Tid:
-        return numberOf(record.tid, prefix);
-    case Field::Context:
-        return textOf(record.context, !record.context.empty());
-    case Field::Text:
-        return textOf(record.text);
-    case Field::Who:
-        return textOf(record.who, type <= ZOLTLOG_MSG_APP || (type == TypeUnknown && !record.who.empty()));
-    case Field::Subject:
-        return textOf(record.who, type == ZOLTLOG_MSG_AUDIT);
-    case Field::Title:
-        return textOf(record.who, type == ZOLTLOG_MSG_CONTEXT);
-    case Field::Severity:
-        return signedOf(record.number, type == ZOLTLOG_MSG_APP);
-    case Field::Level:
-        return signedOf(record.number, type <= ZOLTLOG_MSG_DIAG);
-    case Field::Outcome:
-        return signedOf(record.number, type == ZOLTLOG_MSG_AUDIT);
-    case Field::Sev:
-        return textOf(type == ZOLTLOG_MSG_APP ? severityName(record.number) : "", type == ZOLTLOG_MSG_APP);
-    case Field::Host:
-        return textOf(item.origin->host, item.origin->hasHost);
-    case Field::LogSet:
-        return textOf(item.origin->logSet, !item.origin->logSet.empty());
-    case Field::Block:
-        return textOf(record.block, !record.block.empty() && record.block != "(0|)");
-    case Field::File:
-        return textOf(item.origin->path);
-    case Field::Offset:
-        return numberOf(item.offset);
+FieldList allFields() {
+    return {std::begin(fieldTable), std::end(fieldTable)};
+}
+
+Field findField(std::string_view name) {
+    for (const FieldRow &row : fieldTable) {
+        if (name == row.name || (row.alias != nullptr && name == row.alias))
+            return &row;
     }
-    return {};
+    return nullptr;
 }
 
 HeldItem::HeldItem(const Item &from) : bytes(from.record.line), item(from) {

@@ -4,8 +4,11 @@
 #include "common/record.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 namespace tools {
 
@@ -18,7 +21,42 @@ const char *severityName(int32_t severity); // info warning error critical emerg
 bool parseSeverity(std::string_view text,
                    int32_t &severity); // also warn, err, crit, emerg, fatal, the number
 
+// ---- one scale for every kind of record ----------------------------------------------
+
+// Larger is worse. Debug, diagnostic, context and audit records have one place each, the
+// severity of an application record says its place.
+enum Rank : int32_t {
+    RANK_DEBUG = 10,
+    RANK_DIAGNOSTIC = 20,
+    RANK_INFO = 30, // and context
+    RANK_AUDIT = 40,
+    RANK_WARNING = 50,
+    RANK_ERROR = 60,
+    RANK_CRITICAL = 70,
+    RANK_EMERGENCY = 80,
+};
+
+bool rankOf(const Record &record, int32_t &rank, const char *&name); // false: an unknown kind
+// A name of the scale, its other spellings, its number, or 0 to 4 as writers give them.
+bool parseRank(std::string_view text, int32_t &rank, const char *&name);
+std::vector<const char *> rankNames(); // from debug to emergency
+
 // ---- fields ------------------------------------------------------------------------
+
+// The names behind ids; "" for an id without one.
+struct IdNames {
+    std::map<uint64_t, std::string> products;
+    std::map<std::pair<uint64_t, uint64_t>, std::string> originators; // by product and originator
+
+    std::string_view product(uint64_t id) const {
+        const auto found = products.find(id);
+        return found != products.end() ? std::string_view(found->second) : std::string_view();
+    }
+    std::string_view originator(uint64_t product, uint64_t id) const {
+        const auto found = originators.find({product, id});
+        return found != originators.end() ? std::string_view(found->second) : std::string_view();
+    }
+};
 
 // Where a record was found. Held by its reader; records point at it.
 struct Origin {
@@ -30,6 +68,7 @@ struct Origin {
     bool hasOffset = false;
     int64_t offset = 0;     // of the writer's zone, as in the header
     std::string headerLine; // without its line feed; "" when the file has none
+    const IdNames *names = nullptr;
 };
 
 struct Item {
@@ -38,53 +77,58 @@ struct Item {
     const Origin *origin = nullptr;
 };
 
-enum class Field {
-    Ts,
-    Time,
-    Type,
-    Kind,
-    Product,
-    Originator,
-    FileOriginator,
-    MessageId,
-    Pid,
-    Tid,
-    Context,
+enum class FieldType {
+    Id,     // uint64, a name rather than an amount: json may show it as a text
+    Number, // uint64
+    Signed, // int64
+    Time,   // milliseconds since 1970-01-01 UTC
     Text,
-    Who,
-    Subject,
-    Title,
-    Severity,
-    Level,
-    Outcome,
-    Sev,
-    Host,
-    LogSet,
-    Block,
-    File,
-    Offset,
 };
-constexpr size_t FieldCount = 24;
-
-enum class FieldType { Number, Signed, Time, Text };
-
-struct FieldRow {
-    Field field;
-    FieldType type;
-    const char *name;
-    const char *help;
-};
-extern const FieldRow fieldTable[FieldCount]; // in the order of enum Field
-
-const FieldRow *findField(std::string_view name); // null: no such field
 
 struct FieldValue {
     bool present = false;
-    uint64_t number = 0; // Number
-    int64_t value = 0;   // Signed, Time (milliseconds)
+    uint64_t number = 0; // Id, Number
+    int64_t value = 0;   // Signed, Time
     std::string_view text;
+    bool lines = false; // the carriage returns of the text stand for line feeds
 };
-FieldValue fieldValue(const Item &item, Field field);
+
+// What queries and output do with a field beyond its type.
+enum class FieldRole {
+    Plain,
+    TimeStamp, // ts and time: tells which files can have a record
+    Type,
+    Kind,
+    Severity,
+    SeverityName,
+    Product,
+    FileOriginator,
+    LogSet,
+    Host,
+    MessageText,
+    TextLines,
+    Place, // file and offset: in the title of full output
+};
+
+// A field is one row: all that queries, outputs, completion and the test of the manual
+// page know of it.
+struct FieldRow {
+    const char *name;
+    FieldType type;
+    FieldRole role;
+    FieldValue (*value)(const Item &item);
+    const char *help;
+    const char *alias = nullptr; // another name that is understood
+};
+using Field = const FieldRow *;
+
+struct FieldList {
+    const FieldRow *first, *last;
+    const FieldRow *begin() const { return first; }
+    const FieldRow *end() const { return last; }
+};
+FieldList allFields();
+Field findField(std::string_view name); // null: no such field
 
 // A copy of a record that outlives its reader's buffer.
 struct HeldItem {

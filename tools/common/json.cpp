@@ -1,5 +1,6 @@
 #include "common/json.h"
 
+#include "common/time_text.h"
 #include "common/utf8.h"
 
 #include <cmath>
@@ -12,6 +13,7 @@ namespace tools {
 struct Json::State {
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer{buffer};
+    std::string text; // being written
 };
 
 Json::Json() : state(std::make_unique<State>()) {}
@@ -19,24 +21,12 @@ Json::~Json() = default;
 
 namespace {
 
-void writeText(Json::State &state, std::string_view text) {
-    state.writer.String(text.data() != nullptr ? text.data() : "",
-                        static_cast<rapidjson::SizeType>(text.size()));
-}
-
-std::string repaired(std::string_view text) {
-    std::string out;
-    for (size_t at = 0; at < text.size();) {
-        const Utf8Char c = decodeUtf8(text, at);
-        if (c.length == 0) {
-            out += "\xef\xbf\xbd";
-            ++at;
-        } else {
-            out.append(text, at, c.length);
-            at += c.length;
-        }
-    }
-    return out;
+// Valid JSON whatever the text holds; false when it is not UTF-8.
+bool writeText(Json::State &state, std::string_view text) {
+    state.text.clear();
+    const bool valid = appendJsonText(state.text, text);
+    state.writer.RawValue(state.text.data(), state.text.size(), rapidjson::kStringType);
+    return valid;
 }
 
 // What a byte needs within a JSON string.
@@ -46,15 +36,22 @@ struct ByteKinds {
     ByteKind kind[256];
     constexpr ByteKinds() : kind() {
         for (int i = 0; i < 256; ++i)
-            kind[i] = i >= 0x80                           ? ByteKind::Utf8
-                      : i < 0x20 || i == '"' || i == '\\' ? ByteKind::Escape
-                                                          : ByteKind::Plain;
+            kind[i] = i >= 0x80                                        ? ByteKind::Utf8
+                      : i < 0x20 || i == '"' || i == '\\' || i == 0x7f ? ByteKind::Escape
+                                                                       : ByteKind::Plain;
     }
 };
 constexpr ByteKinds byteKinds;
 
-void appendEscapedByte(std::string &out, unsigned char byte) {
+// A character of 16 bits as \u202E.
+void appendUnit(std::string &out, char32_t value) {
     constexpr char digits[] = "0123456789ABCDEF";
+    out += "\\u";
+    for (int shift = 12; shift >= 0; shift -= 4)
+        out += digits[(value >> shift) & 15];
+}
+
+void appendEscapedByte(std::string &out, unsigned char byte) {
     switch (byte) {
     case '"':
         out += "\\\"";
@@ -72,9 +69,7 @@ void appendEscapedByte(std::string &out, unsigned char byte) {
         out += "\\t";
         break;
     default:
-        out += "\\u00";
-        out += digits[byte >> 4];
-        out += digits[byte & 15];
+        appendUnit(out, byte);
     }
 }
 
@@ -92,12 +87,18 @@ bool appendJsonText(std::string &out, std::string_view text) {
             ++at;
             continue;
         }
-        const size_t length = kind == ByteKind::Utf8 ? decodeUtf8(text, at).length : 0;
-        if (length != 0) {
-            at += length;
+        const Utf8Char character = kind == ByteKind::Utf8 ? decodeUtf8(text, at) : Utf8Char{0, 0};
+        const bool steers = character.length != 0 && steersTerminal(character.value);
+        if (character.length != 0 && !steers) {
+            at += character.length;
             continue;
         }
         out.append(text, plain, at - plain);
+        if (steers) { // the same text, and nothing that a terminal would obey
+            appendUnit(out, character.value);
+            plain = at += character.length;
+            continue;
+        }
         if (kind == ByteKind::Escape) {
             appendEscapedByte(out, byte);
         } else {
@@ -135,20 +136,13 @@ void Json::endArray() {
     state->writer.EndArray();
 }
 void Json::key(std::string_view name) {
-    const std::string fixed =
-        findInvalidUtf8(name) == std::string_view::npos ? std::string() : repaired(name);
-    const std::string_view written = fixed.empty() ? name : fixed;
-    state->writer.Key(written.data() != nullptr ? written.data() : "",
-                      static_cast<rapidjson::SizeType>(written.size()));
+    writeText(*state, name);
 }
 
 void Json::text(std::string_view name, std::string_view value) {
     key(name);
-    if (findInvalidUtf8(value) == std::string_view::npos) {
-        writeText(*state, value);
+    if (writeText(*state, value))
         return;
-    }
-    writeText(*state, repaired(value));
     key(std::string(name) + "_hex");
     writeText(*state, hexText(value));
 }
@@ -181,11 +175,16 @@ void Json::null(std::string_view name) {
     state->writer.Null();
 }
 
+void Json::time(std::string_view name, int64_t milliseconds) {
+    TimeFormatter formatter;
+    formatter.mode = TimeFormatter::Mode::Utc;
+    std::string written;
+    formatter.appendRfc3339(written, milliseconds);
+    text(name, written);
+}
+
 void Json::textElement(std::string_view value) {
-    if (findInvalidUtf8(value) == std::string_view::npos)
-        writeText(*state, value);
-    else
-        writeText(*state, repaired(value));
+    writeText(*state, value);
 }
 
 void Json::numberElement(uint64_t value) {
@@ -199,6 +198,12 @@ std::string_view Json::written() const {
 void Json::clear() {
     state->buffer.Clear();
     state->writer.Reset(state->buffer);
+}
+
+void writeLine(Output &out, Json &json) {
+    out.buffer += json.written();
+    out.write("\n");
+    json.clear();
 }
 
 } // namespace tools

@@ -1,6 +1,8 @@
 // JSON output of the tools: objects and arrays written in order into a buffer.
 #pragma once
 
+#include "common/terminal.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -36,6 +38,7 @@ struct Json {
     void real(std::string_view name, double value); // infinities and NaN as null
     void flag(std::string_view name, bool value);
     void null(std::string_view name);
+    void time(std::string_view name, int64_t milliseconds); // "2024-03-01T12:45:02.123Z"
 
     // Elements of an array
     void textElement(std::string_view value);
@@ -49,5 +52,8 @@ struct Json {
   private:
     std::unique_ptr<State> state;
 };
+
+// Writes the text made so far and a line feed, and begins a new one.
+void writeLine(Output &out, Json &json);
 
 } // namespace tools

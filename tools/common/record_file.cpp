@@ -17,9 +17,13 @@ bool LineReader::open(const std::string &path) {
     begin = scanned = valid = 0;
     base = 0;
     skipping = false;
+    struct stat status {};
+    if (path != "-" && (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))) {
+        error = status.st_mode == 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+        return false;
+    }
     descriptor = path == "-" ? fcntl(0, F_DUPFD_CLOEXEC, 3)
                              : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
-    struct stat status {};
     if (descriptor < 0 || fstat(descriptor, &status) != 0) {
         error = errno;
         close();
@@ -72,6 +76,40 @@ bool LineReader::size(uint64_t &bytes) const {
     return true;
 }
 
+bool LineReader::dataAt(uint64_t offset, uint64_t &data) const {
+    const off_t found = lseek(descriptor, static_cast<off_t>(offset), SEEK_DATA);
+    data = found >= 0 ? static_cast<uint64_t>(found) : offset;
+    return found >= 0 || errno != ENXIO; // a file system that does not know has no holes
+}
+
+bool LineReader::lastLineFeed(uint64_t limit, uint64_t end, uint64_t &at) const {
+    constexpr uint64_t smallest = 64UL * 1024;
+    std::string block;
+    for (uint64_t step = smallest; end > limit;) {
+        step = std::min(step, end - limit);
+        uint64_t data = 0;
+        if (!dataAt(end - step, data) || data >= end) { // nothing but a hole
+            end -= step;
+            step = std::max(smallest, step * 2);
+            continue;
+        }
+        if (step > smallest) {
+            step /= 2;
+            continue;
+        }
+        block.resize(static_cast<size_t>(step));
+        if (readAt(end - step, block.data(), block.size()) != static_cast<int64_t>(block.size()))
+            return false;
+        const size_t feed = block.rfind('\n');
+        if (feed != std::string::npos) {
+            at = end - step + feed;
+            return true;
+        }
+        end -= step;
+    }
+    return false;
+}
+
 // Makes room behind `valid` and reads; Line means that there is more to scan.
 LineReader::Got LineReader::refill() {
     if (buffer == nullptr) {
@@ -90,6 +128,16 @@ LineReader::Got LineReader::refill() {
         std::memcpy(larger.get(), buffer.get(), valid);
         buffer = std::move(larger);
         capacity *= 2;
+    }
+    if (skipping && seekable) { // the holes of a line that is too long
+        const uint64_t place = base + valid;
+        uint64_t data = place;
+        if (!dataAt(place, data))
+            size(data);
+        if (data > place) {
+            base = data;
+            begin = scanned = valid = 0;
+        }
     }
     for (;;) {
         const ssize_t got = seekable ? pread(descriptor, buffer.get() + valid, capacity - valid,
@@ -149,6 +197,7 @@ void BackwardReader::start(const LineReader &lines, uint64_t end) {
 bool BackwardReader::previous(std::string_view &line, uint64_t &offset) {
     // buffer[0, left) is what was read and not handed out; it ends behind a line feed,
     // except before the first call.
+    tooLong = false;
     size_t searched = 0; // bytes at the end of it that hold no line feed that begins a line
     for (;;) {
         const size_t end = left > 0 ? left - 1 : 0; // without the line feed that ends the line
@@ -168,10 +217,14 @@ bool BackwardReader::previous(std::string_view &line, uint64_t &offset) {
                 return false;
             continue; // the unended rest of the file
         }
-        if (base == 0 || left >= MaxLine)
+        if (base == 0)
             return false;
+        if (left >= MaxLine)
+            return skipLine(line, offset);
         searched = end;
-        const size_t length = static_cast<size_t>(std::min<uint64_t>(base, std::max(BlockSize / 16, left)));
+        constexpr size_t smallest = BlockSize / 16;
+        const size_t wanted = std::min(std::max(smallest, left), MaxLine - left + smallest);
+        const auto length = static_cast<size_t>(std::min<uint64_t>(base, wanted));
         std::string larger(length, '\0');
         const int64_t got = source->readAt(base - length, larger.data(), length);
         if (got != static_cast<int64_t>(length))
@@ -181,6 +234,16 @@ bool BackwardReader::previous(std::string_view &line, uint64_t &offset) {
         base -= length;
         left += length;
     }
+}
+
+bool BackwardReader::skipLine(std::string_view &line, uint64_t &offset) {
+    uint64_t feed = 0;
+    base = source->lastLineFeed(0, base, feed) ? feed + 1 : 0;
+    std::string().swap(buffer);
+    left = 0;
+    line = {};
+    offset = base;
+    return tooLong = true;
 }
 
 // ---- records ---------------------------------------------------------------------
@@ -306,6 +369,11 @@ RecordFile::Got RecordFile::previous() {
     }
     if (!backward.previous(line, offset))
         return Got::End;
+    if (backward.tooLong) {
+        fault = {Damage::TooLong, 0};
+        salvaged = false;
+        return Got::Damaged;
+    }
     const uint64_t version = header.version;
     Got got = judge();
     if (got == Got::Damaged && version == ZOLTLOG_RECORD_VERSION_ORIGINATOR &&
@@ -332,6 +400,8 @@ bool RecordFile::timeAt(uint64_t from, uint64_t limit, int64_t &time, uint64_t &
     bool lineStart = from <= dataBegin;
     from = lineStart ? dataBegin : from - 1; // so that a line that begins at `from` is seen
     for (size_t step = firstStep; from < limit; step = std::min(step * 2, lastStep)) {
+        if (!lineStart && !lines.dataAt(from, from))
+            return false;
         block.resize(step);
         const int64_t got = lines.readAt(from, block.data(), step);
         if (got <= 0)
@@ -392,11 +462,16 @@ bool RecordFile::inOrder() const {
     const uint64_t length = end - dataBegin;
     const uint64_t count = std::min(samples, length / spacing + 1);
     int64_t latest = INT64_MIN;
+    uint64_t seen = 0; // no sample before it: a line may be longer than the distance of samples
     for (uint64_t i = 0; i <= count; ++i) {
         int64_t time = 0;
-        uint64_t where = 0;
-        if (i == count ? !lastTime(time) : !timeAt(dataBegin + length / count * i, end, time, where))
+        const uint64_t place = dataBegin + length / count * i;
+        if (i < count && place < seen)
             continue;
+        if (i == count ? !lastTime(time) : !timeAt(place, end, time, seen)) {
+            seen = end;
+            continue;
+        }
         if (wentBack(latest, time))
             return false;
         latest = std::max(latest, time);
@@ -408,18 +483,8 @@ uint64_t RecordFile::completeEnd() const {
     uint64_t end = 0;
     if (!lines.size(end))
         return dataBegin;
-    char block[4096];
-    while (end > dataBegin) {
-        const size_t length = static_cast<size_t>(std::min<uint64_t>(sizeof block, end - dataBegin));
-        const int64_t got = lines.readAt(end - length, block, length);
-        if (got != static_cast<int64_t>(length))
-            return dataBegin;
-        const void *feed = memrchr(block, '\n', length);
-        if (feed != nullptr)
-            return end - length + static_cast<size_t>(static_cast<const char *>(feed) - block) + 1;
-        end -= length;
-    }
-    return dataBegin;
+    uint64_t feed = 0;
+    return lines.lastLineFeed(dataBegin, end, feed) ? feed + 1 : dataBegin;
 }
 
 bool RecordFile::firstTime(int64_t &time) const {

@@ -13,8 +13,9 @@
 namespace tools {
 
 constexpr size_t BlockSize = 256UL * 1024;
-constexpr size_t MaxLine =
-    256UL * 1024 * 1024; // a longer line is handed out in one piece of this size, then skipped
+// A longer line is handed out in one piece of this size, then skipped: what is read must
+// fit into memory, whatever a file holds.
+constexpr size_t MaxLine = 16UL * 1024 * 1024;
 
 // Records of several processes may be in the file a little out of order.
 constexpr int64_t OrderSlack = 10000; // milliseconds
@@ -37,7 +38,8 @@ struct LineReader {
     LineReader(const LineReader &) = delete;
     LineReader &operator=(const LineReader &) = delete;
 
-    // "-" is standard input. False: errno in `error`. Only regular files and pipes.
+    // "-" is standard input, which may be a pipe; else only regular files are opened: opening
+    // a terminal, a FIFO or a device could block or have effects. False: errno in `error`.
     bool open(const std::string &path);
     void close();
     bool isOpen() const { return descriptor >= 0; }
@@ -51,6 +53,11 @@ struct LineReader {
     // Reads at an offset without moving; the number of bytes, or -1.
     int64_t readAt(uint64_t offset, char *buffer, size_t length) const;
     bool size(uint64_t &bytes) const;
+    // The first place at or behind an offset that is not in a hole of a sparse file; false
+    // when only a hole follows.
+    bool dataAt(uint64_t offset, uint64_t &data) const;
+    // The last line feed in [limit, end); holes are passed over, not read. False: none.
+    bool lastLineFeed(uint64_t limit, uint64_t end, uint64_t &at) const;
 
     size_t blockSize = BlockSize; // of the buffer that the first next() makes
     int descriptor = -1;
@@ -73,13 +80,18 @@ struct LineReader {
 struct BackwardReader {
     void start(const LineReader &lines,
                uint64_t end); // `end`: where to begin, at a line's start or the file's end
-    // False at the begin of the file, or after a failed read.
+    // False at the begin of the file, or after a failed read. A line longer than MaxLine is
+    // left out: tooLong is set and the line is empty.
     bool previous(std::string_view &line, uint64_t &offset);
 
     const LineReader *source = nullptr;
     std::string buffer; // bytes [base, base + size) of the file
     uint64_t base = 0;
     size_t left = 0; // bytes of the buffer that were not handed out yet
+    bool tooLong = false;
+
+  private:
+    bool skipLine(std::string_view &line, uint64_t &offset);
 };
 
 // ---- records ---------------------------------------------------------------------

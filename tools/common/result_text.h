@@ -7,7 +7,5 @@
 namespace tools {
 
 std::string resultMessage(uint32_t result); // "no log file was found (45)"
-// Why the main configuration file gave nothing: that it cannot be read, else the result.
-std::string configurationProblem(const char *path, uint32_t result);
 
 } // namespace tools

@@ -108,13 +108,12 @@ void appendStyled(std::string &out, Style style, std::string_view text, bool col
 
 // ---- escaping ------------------------------------------------------------------
 
-namespace {
-
-// Characters that do something to a terminal or to the order of what it shows.
-bool isHarmful(char32_t c) {
+bool steersTerminal(char32_t c) {
     return c < 0x20 || (c >= 0x7f && c <= 0x9f) || c == 0x061c || (c >= 0x200e && c <= 0x200f) ||
            (c >= 0x2028 && c <= 0x202e) || (c >= 0x2066 && c <= 0x2069) || c == 0xfeff;
 }
+
+namespace {
 
 void appendEscape(std::string &out, char32_t c) {
     char text[16];
@@ -150,7 +149,7 @@ void appendEscaped(std::string &out, std::string_view text) {
             continue;
         }
         const Utf8Char c = decodeUtf8(text, at);
-        if (c.length != 0 && !isHarmful(c.value)) {
+        if (c.length != 0 && !steersTerminal(c.value)) {
             at += c.length;
             continue;
         }
@@ -266,8 +265,8 @@ bool Pager::start() {
     if (child > 0 || isatty(1) == 0)
         return false;
     const char *chosen = getenv("PAGER");
-    const std::string_view command = chosen != nullptr ? chosen : "less";
-    if (command.empty() || command == "cat" || environment("TERM") == "dumb")
+    const std::string_view name = chosen != nullptr ? chosen : "less";
+    if (name.empty() || name == "cat" || environment("TERM") == "dumb")
         return false;
     int ends[2];
     if (pipe2(ends, O_CLOEXEC) != 0)
@@ -285,8 +284,10 @@ bool Pager::start() {
     if (child == 0) {
         dup2(ends[0], 0);
         setenv("LESS", "FRSXMK", 0);
+        // What a pager that does not start or does not understand leaves unread is shown.
+        constexpr char command[] = "sh -c \"$1\"\ncase $? in 2|126|127) exec cat ;; esac";
         if (chosen != nullptr)
-            execl("/bin/sh", "sh", "-c", chosen, nullptr);
+            execl("/bin/sh", "sh", "-c", command, "sh", chosen, nullptr);
         else
             execlp("less", "less", nullptr);
         execlp("more", "more", nullptr);

@@ -53,6 +53,9 @@ const char *styleOff(Style style);
 
 // ---- escaping ------------------------------------------------------------------
 
+// Characters that do something to a terminal or to the order of what it shows.
+bool steersTerminal(char32_t character);
+
 // Appends text so that it cannot steer a terminal nor fake a line: control
 // characters as \r, \t, \e, \x07 ..., C1 controls, line separators and direction
 // overrides as \u{2028}, bytes that are not UTF-8 as \xHH, a backslash as it is.

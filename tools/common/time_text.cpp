@@ -440,6 +440,13 @@ void TimeFormatter::appendRfc3339(std::string &out, int64_t time) {
     appendDigits(out, std::abs(minutes) % 60, 2);
 }
 
+int64_t timeBetween(int64_t first, int64_t last) {
+    int64_t span = 0;
+    if (__builtin_sub_overflow(last, first, &span))
+        return last > first ? INT64_MAX : -INT64_MAX;
+    return span;
+}
+
 std::string formatTime(int64_t time, Zone zone) {
     TimeFormatter formatter;
     formatter.mode = zone == Zone::Utc ? TimeFormatter::Mode::Utc : TimeFormatter::Mode::Local;

@@ -53,6 +53,10 @@ struct TimeFormatter {
     char date[16] = "";
 };
 
+// How long after `first` the time `last` is; the most that there is when that has no
+// place in 64 bits.
+int64_t timeBetween(int64_t first, int64_t last);
+
 std::string formatTime(int64_t time, Zone zone); // 2024-03-01 13:45:02.123
 std::string formatSpan(int64_t milliseconds);    // 2h30m, 1.5s, 3d4h: the two largest units
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 
 namespace tools {
@@ -45,6 +46,20 @@ inline size_t findInvalidUtf8(std::string_view text) {
         at += c.length;
     }
     return std::string_view::npos;
+}
+
+// The text with U+FFFD for every byte that is not part of a valid character.
+inline std::string repairedUtf8(std::string_view text) {
+    std::string out;
+    for (size_t at = 0; at < text.size();) {
+        const Utf8Char c = decodeUtf8(text, at);
+        if (c.length == 0)
+            out += "\xef\xbf\xbd";
+        else
+            out.append(text, at, c.length);
+        at += c.length != 0 ? c.length : 1;
+    }
+    return out;
 }
 
 } // namespace tools

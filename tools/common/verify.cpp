@@ -34,7 +34,7 @@ bool verifyFile(const std::string &path, const std::function<void(const Finding 
         tell(false, 0, 0, "the file is empty");
         return true;
     }
-    if (header.version == 0)
+    if (header.version == 0 && file.lines.seekable)
         tell(false, 0, 0, "the file has no header line");
     const bool originatorName = name.kind == FileName::Kind::Originator;
     const bool logSetName = name.kind == FileName::Kind::LogSet;
@@ -61,10 +61,14 @@ bool verifyFile(const std::string &path, const std::function<void(const Finding 
             problem = file.problem;
             return false;
         }
+        const bool atBegin = file.offset == 0 && !file.lines.seekable; // a pipe's header is not read ahead
         if (got == RecordFile::Got::Header) {
-            tell(false, file.offset, file.offset, "a further header line");
+            if (!atBegin)
+                tell(false, file.offset, file.offset, "a further header line");
             continue;
         }
+        if (atBegin)
+            tell(false, 0, 0, "the file has no header line");
         if (got == RecordFile::Got::Damaged) {
             ++counts.damaged;
             tell(true, file.offset, file.offset + file.fault.at,
@@ -89,14 +93,20 @@ bool verifyFile(const std::string &path, const std::function<void(const Finding 
         if (!record.hasPrefix())
             continue;
         if (wentBack(latest, record.time))
-            tell(false, file.offset, file.offset, "time goes back by " + formatSpan(latest - record.time));
+            tell(false, file.offset, file.offset,
+                 "time goes back by " + formatSpan(timeBetween(record.time, latest)));
         latest = record.time; // tell a jump once, not for all that follows
         counts.first = counts.hasTimes ? std::min(counts.first, record.time) : record.time;
         counts.last = counts.hasTimes ? std::max(counts.last, record.time) : record.time;
         counts.hasTimes = true;
     }
+    const uint64_t at = file.lines.position();
+    if (!file.lines.seekable) {
+        counts.bytes = at + file.lines.unended();
+        if (counts.bytes == 0)
+            tell(false, 0, 0, "the file is empty");
+    }
     if (file.lines.unended() > 0) {
-        const uint64_t at = file.lines.position();
         tell(true, at, at + file.lines.unended(), damageText(Damage::NoLineFeed));
     }
     return true;

@@ -1,15 +1,16 @@
 // qdliscat: checks and shows message catalogues.
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
 
 #include "common/exit_codes.h"
-#include "common/terminal.h"
+#include "common/json.h"
+#include "common/options.h"
 #include "qdliscat/catalogue.h"
 #include "qdliscat/check.h"
 
@@ -17,22 +18,11 @@ namespace {
 
 using namespace qdliscat;
 
-const char *const FOOTER =
-    "\nA catalogue is a package (a directory of .res bundles, or a .dat file), some bundles\n"
-    "(.res) or some sources (.txt, compiled with genrb for the check).\n"
-    "\nExamples:\n"
-    "  qdliscat check /usr/share/diskd/messages\n"
-    "  qdliscat check --complete root.txt de.txt\n"
-    "  qdliscat show 1001 /usr/share/diskd/messages\n"
-    "\nExit status: 0 all is right, 1 problems were found or the message is missing,\n"
-    "2 wrong usage, 3 a catalogue could not be read.\n";
-
-struct Options {
+struct Options : tools::CommonOptions {
     std::vector<std::string> catalogues;
     std::string number;
     std::string locale = "root";
-    bool complete = false;
-    bool quiet = false;
+    bool translated = false;
 };
 
 // "messages: de: 1001: argument 2 is a text, in root an integer"
@@ -45,14 +35,10 @@ void printProblem(tools::Output &out, const std::string &title, const Problem &p
     out.write(tools::escaped(problem.text) + "\n");
 }
 
-std::string counted(size_t count, const char *what) {
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 int runCheck(const Options &options, const std::vector<Catalogue> &catalogues, tools::Output &out) {
     size_t found = 0;
     for (const Catalogue &catalogue : catalogues) {
-        const std::vector<Problem> problems = check(catalogue, options.complete);
+        const std::vector<Problem> problems = check(catalogue, options.translated);
         for (const Problem &problem : problems)
             printProblem(out, catalogue.title, problem);
         found += problems.size();
@@ -63,9 +49,10 @@ int runCheck(const Options &options, const std::vector<Catalogue> &catalogues, t
                 static_cast<size_t>(std::count_if(bundle.entries.begin(), bundle.entries.end(), isMessage));
         }
         if (!options.quiet)
-            out.write(tools::escaped(catalogue.title) + ": " + counted(catalogue.bundles.size(), "locale") +
-                      ", " + counted(messages, "message") + ", " + counted(problems.size(), "problem") +
-                      "\n");
+            out.write(tools::escaped(catalogue.title) + ": " +
+                      tools::counted(catalogue.bundles.size(), "locale") + ", " +
+                      tools::counted(messages, "message") + ", " +
+                      tools::counted(problems.size(), "problem") + "\n");
     }
     return found == 0 ? tools::ExitOk : tools::ExitNothing;
 }
@@ -78,7 +65,8 @@ int runShow(const Options &options, const std::vector<Catalogue> &catalogues, to
                 const auto entry = bundle.entries.find(key);
                 if (entry == bundle.entries.end())
                     continue;
-                out.write(bundle.locale + "\t" + key + "\t" + tools::escaped(entry->second.text) + "\n");
+                out.write(tools::escaped(bundle.locale) + "\t" + key + "\t" +
+                          tools::escaped(entry->second.text) + "\n");
                 found = true;
             }
         }
@@ -116,53 +104,72 @@ int runList(const Options &options, const std::vector<Catalogue> &catalogues, to
     return found ? tools::ExitOk : tools::ExitNothing;
 }
 
+// ---- commands and options ------------------------------------------------------------
+
+enum Takes : unsigned {
+    EVERY = tools::TakesEvery,
+    CHECK = tools::FirstOwn,
+    LIST = CHECK << 1,
+};
+
+struct Command : tools::Command {
+    int (*run)(const Options &, const std::vector<Catalogue> &, tools::Output &);
+};
+
+constexpr size_t ANY = tools::AnyNumber;
+
+const Command COMMANDS[] = {
+    {{"check", EVERY | CHECK | tools::TakesQuiet, 0, "CATALOGUE...", 1, ANY,
+      "Check keys, patterns and that every locale shows the same",
+      "qdliscat check /usr/share/diskd/messages"},
+     runCheck},
+    {{"show", EVERY, 0, "NUMBER CATALOGUE...", 2, ANY,
+      "Show one message, and the advice on it, in every locale", "qdliscat show 1001 messages"},
+     runShow},
+    {{"list", EVERY | LIST, 0, "CATALOGUE...", 1, ANY, "List the messages as a locale's users read them",
+      "qdliscat list --locale de messages"},
+     runList},
+};
+
+const tools::Option OPTIONS[] = {
+    {"--complete", CHECK, nullptr, "messages that are not translated are problems too",
+     tools::set<&Options::translated>, "Checking"},
+    {"--locale", LIST, "LOCALE", "as de or de_AT (default root)", tools::set<&Options::locale>, "Listing"},
+};
+
+const tools::Tool TOOL = {
+    "qdliscat",
+    "Checks and shows message catalogues: packages (a directory of .res bundles, or a\n"
+    ".dat file), bundles (.res) or sources (.txt, compiled with genrb for the check).\n",
+    tools::rowsOf<tools::Option>(OPTIONS),
+    tools::rowsOf<tools::Command>(COMMANDS),
+    "Exit status: 0 all is right, 1 problems were found or the message is missing,\n"
+    "2 wrong usage, 3 a catalogue could not be read, 4 the output is incomplete.\n",
+};
+
 int run(int argc, char **argv) {
     Options options;
-    CLI::App app("Checks and shows message catalogues.", "qdliscat");
-    app.footer(FOOTER);
-    app.set_version_flag("--version", std::string("qdliscat ") + QDUL_VERSION);
-    app.require_subcommand(1);
-
-    CLI::App *checkCommand = app.add_subcommand(
-        "check", "Check that every locale shows the same arguments, keys are decimal and patterns valid");
-    checkCommand->add_option("CATALOGUE", options.catalogues, "Packages, bundles or sources")->required();
-    checkCommand->add_flag("--complete", options.complete,
-                           "Messages that are not translated are problems too");
-    checkCommand->add_flag("-q,--quiet", options.quiet, "Only problems, no totals");
-
-    CLI::App *showCommand =
-        app.add_subcommand("show", "Show one message, and the advice on it, in every locale");
-    showCommand->add_option("NUMBER", options.number, "Message number")->required();
-    showCommand->add_option("CATALOGUE", options.catalogues, "Packages, bundles or sources")->required();
-
-    CLI::App *listCommand = app.add_subcommand("list", "List the messages as a locale's users read them");
-    listCommand->add_option("-l,--locale", options.locale, "Locale, as de or de_AT (default root)");
-    listCommand->add_option("CATALOGUE", options.catalogues, "Packages, bundles or sources")->required();
-
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        return app.exit(error) == 0 ? tools::ExitOk : tools::ExitUsage;
+    if (const auto status = tools::parseCommandLine(TOOL, argc, argv, options))
+        return *status;
+    const auto &command = static_cast<const Command &>(*options.command);
+    options.catalogues = options.operands;
+    if (command.run == runShow) {
+        options.number = options.catalogues.front();
+        options.catalogues.erase(options.catalogues.begin());
+        if (!isNumber(options.number))
+            return tools::usageError(TOOL, options, "'" + options.number + "' is no message number");
     }
-    if (showCommand->parsed() && !isNumber(options.number)) {
-        std::fprintf(stderr, "qdliscat: '%s' is no message number\n", options.number.c_str());
-        return tools::ExitUsage;
-    }
-
     const LoadResult loaded = load(options.catalogues);
     if (loaded.state != Loaded::Ok) {
-        std::fprintf(stderr, "qdliscat: %s\n", loaded.failure.c_str());
+        std::fprintf(stderr, "qdliscat: %s\n", tools::escaped(loaded.failure).c_str());
         return loaded.state == Loaded::DoesNotCompile ? tools::ExitNothing : tools::ExitUnreadable;
     }
     tools::Output out;
-    int status = tools::ExitOk;
-    if (checkCommand->parsed())
-        status = runCheck(options, loaded.catalogues, out);
-    else if (showCommand->parsed())
-        status = runShow(options, loaded.catalogues, out);
-    else if (listCommand->parsed())
-        status = runList(options, loaded.catalogues, out);
-    return out.flush() ? status : static_cast<int>(tools::ExitPartial);
+    const int status = command.run(options, loaded.catalogues, out);
+    if (out.flush())
+        return status;
+    std::fprintf(stderr, "qdliscat: the output could not be written: %s\n", std::strerror(out.error));
+    return tools::ExitPartial;
 }
 
 } // namespace

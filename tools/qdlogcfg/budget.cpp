@@ -1,4 +1,5 @@
 // qdlogcfg budget: the most disk that each series can take, against free space.
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <map>
@@ -77,9 +78,37 @@ struct Volume {
     bool fits() const { return !unbounded && growth <= free; }
 };
 
-} // namespace
+struct Budget {
+    std::vector<Series> series;
+    std::map<dev_t, Volume> volumes;
 
-int showBudget(const Options &options, Output &out) {
+    bool fits() const {
+        return std::all_of(volumes.begin(), volumes.end(),
+                           [](const auto &entry) { return entry.second.fits(); });
+    }
+};
+
+void addToVolume(Budget &budget, const Series &series) {
+    const std::string place = nearestExisting(series.directory);
+    struct stat status;
+    struct statvfs space;
+    if (place.empty() || stat(place.c_str(), &status) != 0 || statvfs(place.c_str(), &space) != 0)
+        return;
+    Volume &volume = budget.volumes[status.st_dev];
+    if (volume.where.empty())
+        volume.where = place;
+    volume.free = static_cast<uint64_t>(space.f_bavail) * space.f_frsize;
+    volume.used += series.used;
+    const uint64_t growth = series.bound > series.used ? series.bound - series.used : 0;
+    volume.growth = growth > UINT64_MAX - volume.growth ? UINT64_MAX : volume.growth + growth;
+    volume.unbounded = volume.unbounded || !series.why.empty();
+    if (volume.bound + series.bound < volume.bound)
+        volume.unbounded = true;
+    else
+        volume.bound += series.bound;
+}
+
+Budget collect(const Options &options) {
     std::vector<Product> products;
     if (options.product.empty()) {
         const ConfigFile mainFile = readConfigFile(mainConfigPath());
@@ -88,8 +117,7 @@ int showBudget(const Options &options, Output &out) {
     } else {
         products.push_back(findProduct(options.product));
     }
-    std::vector<Series> all;
-    std::map<dev_t, Volume> volumes;
+    Budget budget;
     for (const Product &product : products) {
         const ConfigFile file = readConfigFile(product.location);
         requireReadable(file);
@@ -97,71 +125,54 @@ int showBudget(const Options &options, Output &out) {
             Settings settings;
             if (!readSettings(scope, file, settings) || settings.cfg.directory[0] == '\0')
                 continue;
-            const Series series = seriesOf(scope, settings.cfg);
-            all.push_back(series);
-            const std::string place = nearestExisting(series.directory);
-            struct stat status;
-            struct statvfs space;
-            if (place.empty() || stat(place.c_str(), &status) != 0 || statvfs(place.c_str(), &space) != 0)
-                continue;
-            Volume &volume = volumes[status.st_dev];
-            if (volume.where.empty())
-                volume.where = place;
-            volume.free = static_cast<uint64_t>(space.f_bavail) * space.f_frsize;
-            volume.used += series.used;
-            const uint64_t growth = series.bound > series.used ? series.bound - series.used : 0;
-            volume.growth = growth > UINT64_MAX - volume.growth ? UINT64_MAX : volume.growth + growth;
-            volume.unbounded = volume.unbounded || !series.why.empty();
-            if (volume.bound + series.bound < volume.bound)
-                volume.unbounded = true;
-            else
-                volume.bound += series.bound;
+            budget.series.push_back(seriesOf(scope, settings.cfg));
+            addToVolume(budget, budget.series.back());
         }
     }
-    bool fits = true;
-    for (const auto &[device, volume] : volumes)
-        fits = fits && volume.fits();
+    return budget;
+}
 
-    if (options.json) {
-        Json json;
+void showAsJson(const Budget &budget, Output &out) {
+    Json json;
+    json.beginObject();
+    json.key("series");
+    json.beginArray();
+    for (const Series &series : budget.series) {
         json.beginObject();
-        json.key("series");
-        json.beginArray();
-        for (const Series &series : all) {
-            json.beginObject();
-            json.text("series", series.who);
-            json.text("directory", series.directory);
-            json.number("used_bytes", series.used);
-            if (series.why.empty()) {
-                json.number("files", series.files);
-                json.number("file_bytes", series.fileBytes);
-                json.number("most_bytes", series.bound);
-            } else {
-                json.null("most_bytes");
-                json.text("why", series.why);
-            }
-            json.endObject();
+        json.text("series", series.who);
+        json.text("directory", series.directory);
+        json.number("used_bytes", series.used);
+        if (series.why.empty()) {
+            json.number("files", series.files);
+            json.number("file_bytes", series.fileBytes);
+            json.number("most_bytes", series.bound);
+        } else {
+            json.null("most_bytes");
+            json.text("why", series.why);
         }
-        json.endArray();
-        json.key("volumes");
-        json.beginArray();
-        for (const auto &[device, volume] : volumes) {
-            json.beginObject();
-            json.text("holds", volume.where);
-            json.number("free_bytes", volume.free);
-            json.number("used_bytes", volume.used);
-            if (volume.unbounded)
-                json.null("most_bytes");
-            else
-                json.number("most_bytes", volume.bound);
-            json.endObject();
-        }
-        json.endArray();
-        json.flag("fits", fits);
         json.endObject();
-        writeJson(out, json);
-        return fits ? tools::ExitOk : tools::ExitNothing;
     }
+    json.endArray();
+    json.key("volumes");
+    json.beginArray();
+    for (const auto &[device, volume] : budget.volumes) {
+        json.beginObject();
+        json.text("holds", volume.where);
+        json.number("free_bytes", volume.free);
+        json.number("used_bytes", volume.used);
+        if (volume.unbounded)
+            json.null("most_bytes");
+        else
+            json.number("most_bytes", volume.bound);
+        json.endObject();
+    }
+    json.endArray();
+    json.flag("fits", budget.fits());
+    json.endObject();
+    writeJson(out, json);
+}
+
+void showAsTable(const Budget &budget, bool color, Output &out) {
     tools::Table table{{{"SERIES"},
                         {"DIRECTORY"},
                         {"FILES", tools::Align::Right},
@@ -170,7 +181,7 @@ int showBudget(const Options &options, Output &out) {
                         {"AT MOST", tools::Align::Right}},
                        {},
                        true};
-    for (const Series &series : all) {
+    for (const Series &series : budget.series) {
         const tools::Style style = series.why.empty() ? tools::Style::Plain : tools::Style::Yellow;
         table.rows.push_back({{series.who},
                               {series.directory},
@@ -179,12 +190,22 @@ int showBudget(const Options &options, Output &out) {
                               {readableSize(series.used)},
                               {series.why.empty() ? readableSize(series.bound) : series.why, style}});
     }
-    tools::printTable(out, table, options.color);
-    for (const auto &[device, volume] : volumes)
-        out.write("the volume of " + volume.where + " has " + readableSize(volume.free) +
+    tools::printTable(out, table, color);
+    for (const auto &[device, volume] : budget.volumes)
+        out.write("the volume of " + tools::escaped(volume.where) + " has " + readableSize(volume.free) +
                   " free; its series have " + readableSize(volume.used) + " and take " +
                   (volume.unbounded ? "any amount" : "at most " + readableSize(volume.bound)) +
                   (volume.fits() ? "\n" : ": this may not fit\n"));
     out.write("originators without a section of their own write series like Default's, one each\n");
-    return fits ? tools::ExitOk : tools::ExitNothing;
+}
+
+} // namespace
+
+int showBudget(const Options &options, Output &out) {
+    const Budget budget = collect(options);
+    if (options.json)
+        showAsJson(budget, out);
+    else
+        showAsTable(budget, options.color, out);
+    return budget.fits() ? tools::ExitOk : tools::ExitNothing;
 }

@@ -6,14 +6,11 @@
 #include <vector>
 
 #include "common/json.h"
-#include "common/terminal.h"
+#include "common/options.h"
 #include "settings.h"
 
-struct Options {
-    // of every command
-    bool json = false;
+struct Options : tools::CommonOptions {
     bool dryRun = false;
-    bool color = false;
     // which section of settings
     std::string product;
     std::string originator;

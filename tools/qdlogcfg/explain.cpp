@@ -174,6 +174,93 @@ void explainSinks(const Options &options, const LogCfg &cfg, const Lookup &looku
     }
 }
 
+void explainSecureAudit(Explanation &result) {
+    result.note("a secure audit message goes through a handle of zoltLogSecureOpen; it is never written "
+                "to a file");
+    result.note("the program's own record decides the level and the system-log settings; no "
+                "configuration is read");
+    result.sinks.emplace_back("the system log");
+}
+
+void explainLogMessage(const Options &options, const Product &product, Explanation &result) {
+    const ConfigFile file = readConfigFile(product.location);
+    const Scope scope = findScope(product, file, options.originator, options.logset);
+    const Scope fileScope =
+        options.fileOriginator.empty() ? scope : findScope(product, file, options.fileOriginator, "");
+    if (!file.readable)
+        result.note(product.location + " cannot be read: built-in defaults apply");
+    Settings settings;
+    Settings fileSettings;
+    const Lookup lookup{scope, effectiveSettings(scope, file)};
+    const Lookup fileLookup{fileScope, effectiveSettings(fileScope, file)};
+    readSettings(scope, file, settings);
+    readSettings(fileScope, file, fileSettings);
+    explainLevel(options, settings.cfg, lookup, result);
+    if (options.kind == APP && options.severity > 4)
+        result.stop("severity " + std::to_string(options.severity) + " is outside 0 to 4: the call gives " +
+                    tools::resultMessage(ZOLTLOG_FAILED));
+    if (options.kind == APP && settings.cfg.appMsgLogging != 1)
+        result.note("application messages are written all the same: this setting filters nothing",
+                    lookup.source("AppMsgLogging"));
+    explainFile(fileScope, fileSettings.cfg, fileLookup, result);
+    if (!result.stopped)
+        explainSinks(options, settings.cfg, lookup, result);
+}
+
+void showAsJson(const Explanation &result, Output &out) {
+    Json json;
+    json.beginObject();
+    json.flag("written", !result.stopped);
+    if (result.file.empty())
+        json.null("file");
+    else
+        json.text("file", result.file);
+    json.key("sinks");
+    json.beginArray();
+    for (const std::string &sink : result.sinks)
+        json.textElement(sink);
+    json.endArray();
+    json.key("steps");
+    json.beginArray();
+    for (const Step &step : result.steps) {
+        json.beginObject();
+        json.text("kind", step.kind == Step::GOOD ? "ok" : step.kind == Step::STOPS ? "stops" : "note");
+        json.text("text", step.text);
+        if (!step.source.empty())
+            json.text("source", step.source);
+        json.endObject();
+    }
+    json.endArray();
+    json.endObject();
+    writeJson(out, json);
+}
+
+void showAsText(const Explanation &result, bool color, Output &out) {
+    for (const Step &step : result.steps) {
+        std::string line;
+        tools::appendStyled(line,
+                            step.kind == Step::GOOD    ? tools::Style::Green
+                            : step.kind == Step::STOPS ? tools::Style::BoldRed
+                                                       : tools::Style::Dim,
+                            step.kind == Step::GOOD    ? "yes   "
+                            : step.kind == Step::STOPS ? "NO    "
+                                                       : "note  ",
+                            color);
+        tools::appendEscaped(line, step.text);
+        if (!step.source.empty())
+            line += "\n        " + tools::escaped(step.source);
+        out.write(line + "\n");
+    }
+    std::string copies;
+    for (const std::string &sink : result.sinks)
+        copies += (copies.empty() ? "" : " and ") + sink;
+    if (result.stopped)
+        out.write("the message is NOT written\n");
+    else
+        out.write("the message goes to " + (result.file.empty() ? copies : tools::escaped(result.file)) +
+                  (result.file.empty() || copies.empty() ? "" : ", with a copy to " + copies) + "\n");
+}
+
 } // namespace
 
 int explainMessage(const Options &options, Output &out) {
@@ -181,91 +268,17 @@ int explainMessage(const Options &options, Output &out) {
     Explanation result;
     result.good("product " + std::to_string(product.id) + " is registered",
                 mainConfigPath() + ":" + std::to_string(product.line));
-    if (options.kind == "secure-audit") {
-        result.note("a secure audit message goes through a handle of zoltLogSecureOpen; it is never written "
-                    "to a file");
-        result.note("the program's own record decides the level and the system-log settings; no "
-                    "configuration is read");
-        result.sinks.emplace_back("the system log");
-    } else {
-        const ConfigFile file = readConfigFile(product.location);
-        const Scope scope = findScope(product, file, options.originator, options.logset);
-        const Scope fileScope =
-            options.fileOriginator.empty() ? scope : findScope(product, file, options.fileOriginator, "");
-        if (!file.readable)
-            result.note(product.location + " cannot be read: built-in defaults apply");
-        Settings settings;
-        Settings fileSettings;
-        const Lookup lookup{scope, effectiveSettings(scope, file)};
-        const Lookup fileLookup{fileScope, effectiveSettings(fileScope, file)};
-        readSettings(scope, file, settings);
-        readSettings(fileScope, file, fileSettings);
-        explainLevel(options, settings.cfg, lookup, result);
-        if (options.kind == APP && options.severity > ZOLTLOG_SEVERITY_EMERGENCY)
-            result.stop("severity " + std::to_string(options.severity) +
-                        " is outside 0 to 4: the call gives " + tools::resultMessage(ZOLTLOG_FAILED));
-        if (options.kind == APP && settings.cfg.appMsgLogging != 1)
-            result.note("application messages are written all the same: this setting filters nothing",
-                        lookup.source("AppMsgLogging"));
-        explainFile(fileScope, fileSettings.cfg, fileLookup, result);
-        if (!result.stopped)
-            explainSinks(options, settings.cfg, lookup, result);
-    }
+    if (options.kind == "secure-audit")
+        explainSecureAudit(result);
+    else
+        explainLogMessage(options, product, result);
     if (result.stopped) {
         result.file.clear();
         result.sinks.clear();
     }
-
-    if (options.json) {
-        Json json;
-        json.beginObject();
-        json.flag("written", !result.stopped);
-        if (result.file.empty())
-            json.null("file");
-        else
-            json.text("file", result.file);
-        json.key("sinks");
-        json.beginArray();
-        for (const std::string &sink : result.sinks)
-            json.textElement(sink);
-        json.endArray();
-        json.key("steps");
-        json.beginArray();
-        for (const Step &step : result.steps) {
-            json.beginObject();
-            json.text("kind", step.kind == Step::GOOD ? "ok" : step.kind == Step::STOPS ? "stops" : "note");
-            json.text("text", step.text);
-            if (!step.source.empty())
-                json.text("source", step.source);
-            json.endObject();
-        }
-        json.endArray();
-        json.endObject();
-        writeJson(out, json);
-    } else {
-        for (const Step &step : result.steps) {
-            std::string line;
-            tools::appendStyled(line,
-                                step.kind == Step::GOOD    ? tools::Style::Green
-                                : step.kind == Step::STOPS ? tools::Style::BoldRed
-                                                           : tools::Style::Dim,
-                                step.kind == Step::GOOD    ? "yes   "
-                                : step.kind == Step::STOPS ? "NO    "
-                                                           : "note  ",
-                                options.color);
-            tools::appendEscaped(line, step.text);
-            if (!step.source.empty())
-                line += "\n        " + tools::escaped(step.source);
-            out.write(line + "\n");
-        }
-        std::string copies;
-        for (const std::string &sink : result.sinks)
-            copies += (copies.empty() ? "" : " and ") + sink;
-        if (result.stopped)
-            out.write("the message is NOT written\n");
-        else
-            out.write("the message goes to " + (result.file.empty() ? copies : result.file) +
-                      (result.file.empty() || copies.empty() ? "" : ", with a copy to " + copies) + "\n");
-    }
+    if (options.json)
+        showAsJson(result, out);
+    else
+        showAsText(result, options.color, out);
     return result.stopped ? tools::ExitNothing : tools::ExitOk;
 }

@@ -1,13 +1,12 @@
 // qdlogger: sends messages to the logs of a product from a shell or a pipe.
-#include <charconv>
 #include <clocale>
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
 
+#include "common/configurations.h"
 #include "common/exit_codes.h"
 #include "common/result_text.h"
 #include "input.h"
@@ -17,56 +16,27 @@ namespace qdlogger {
 
 namespace {
 
-// ---- the log ------------------------------------------------------------------------
-
-const char *configPath() {
-    const char *path = std::getenv("ZOLTLOG_CFG_LOC");
-    return path != nullptr ? path : "/etc/qd/zoltlog.conf";
+void complain(const Settings &settings, const std::string &text) {
+    if (!settings.quiet)
+        std::fprintf(stderr, "qdlogger: %s\n", tools::escaped(text).c_str());
 }
+
+// ---- the log ------------------------------------------------------------------------
 
 struct Target {
     uint64_t product = 0;
-    uint64_t originator = 0;
+    uint64_t originator = ZOLTLOG_DEFAULT_ORIGINATOR;
 };
 
-// The id that a text is, or that the configuration gives to a name; 0: none. The
-// records to look through are read by `read` only when they are needed.
-constexpr uint32_t MostRecords = 4096;
-template<typename Read>
-uint64_t idOf(const std::string &text, uint32_t kind, Read read) {
-    uint64_t id = 0;
-    const char *const end = text.data() + text.size();
-    const auto [stop, failure] = std::from_chars(text.data(), end, id);
-    if (failure == std::errc() && stop == end)
-        return id;
-    std::vector<LogCfg *> records(MostRecords);
-    uint32_t count = 0;
-    id = read(records.data(), &count) == ZOLTLOG_OK ? GetIdFromName(records.data(), count, kind, text.c_str())
-                                                    : 0;
-    FreeConfigArray(records.data(), count);
-    return id;
-}
-
 bool resolve(const Settings &settings, Target &target) {
-    target.product = idOf(settings.product, ZOLTLOG_ATTR_PRODUCT_ID, [](LogCfg **records, uint32_t *count) {
-        return zoltLogReadAllCfg(nullptr, MostRecords, records, count);
-    });
-    if (target.product == 0) {
-        std::fprintf(stderr, "qdlogger: there is no product '%s' in %s\n", settings.product.c_str(),
-                     configPath());
-        return false;
-    }
-    target.originator = ZOLTLOG_DEFAULT_ORIGINATOR;
-    if (!settings.originator.empty())
-        target.originator = idOf(settings.originator, 0, [&target](LogCfg **records, uint32_t *count) {
-            return zoltLogReadProdIDCfg(nullptr, target.product, MostRecords, records, count);
-        });
-    if (target.originator == 0) {
-        std::fprintf(stderr, "qdlogger: product %llu has no originator '%s'\n",
-                     static_cast<unsigned long long>(target.product), settings.originator.c_str());
-        return false;
-    }
-    return true;
+    std::string problem;
+    target.product = tools::findProduct(settings.product, problem);
+    if (target.product != 0 && !settings.originator.empty())
+        target.originator = tools::findOriginator(settings.originator, target.product, problem);
+    if (target.product != 0 && target.originator != 0)
+        return true;
+    complain(settings, problem);
+    return false;
 }
 
 struct Log {
@@ -151,8 +121,8 @@ void send(Sender &sender, const char *text) {
     }
     ++sender.sent;
     if (result != ZOLTLOG_OK && sender.failed++ == 0)
-        std::fprintf(stderr, "qdlogger: message %llu was not written: %s\n",
-                     static_cast<unsigned long long>(sender.sent), tools::resultMessage(result).c_str());
+        complain(settings, "message " + std::to_string(sender.sent) +
+                               " was not written: " + tools::resultMessage(result));
 }
 
 // ---- the program ------------------------------------------------------------------------
@@ -163,17 +133,16 @@ int conclude(const Sender &sender, int inputError) {
     if (sender.failed > 0) {
         status = tools::ExitPartial;
         if (sender.sent > 1)
-            std::fprintf(stderr, "qdlogger: %llu of %llu messages were not written\n",
-                         static_cast<unsigned long long>(sender.failed),
-                         static_cast<unsigned long long>(sender.sent));
+            complain(sender.settings, std::to_string(sender.failed) + " of " + std::to_string(sender.sent) +
+                                          " messages were not written");
     }
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         if ((sender.settings.outputFlags & ZOLTLOG_OUT_STDOUT) != 0)
-            std::fprintf(stderr, "qdlogger: standard output cannot be written\n");
+            complain(sender.settings, "standard output cannot be written");
         status = tools::ExitPartial;
     }
     if (inputError != 0) {
-        std::fprintf(stderr, "qdlogger: standard input cannot be read: %s\n", std::strerror(inputError));
+        complain(sender.settings, std::string("standard input cannot be read: ") + std::strerror(inputError));
         status = tools::ExitUnreadable;
     }
     return status;
@@ -187,10 +156,9 @@ int run(const Settings &settings) {
     Log log;
     const uint32_t opened = open(settings, target, texts, log);
     if (opened != ZOLTLOG_OK) {
-        const std::string set = settings.logset ? ", log set '" + *settings.logset + "'," : "";
-        std::fprintf(stderr, "qdlogger: the log of product %llu%s cannot be opened (configuration %s): %s\n",
-                     static_cast<unsigned long long>(target.product), set.c_str(), configPath(),
-                     tools::resultMessage(opened).c_str());
+        complain(settings, "the log of product " + std::to_string(target.product) +
+                               (settings.logset ? ", log set '" + *settings.logset + "'," : "") +
+                               " cannot be opened: " + tools::configurationProblem(target.product, opened));
         close(log);
         return tools::ExitUnreadable;
     }
@@ -218,19 +186,7 @@ int main(int argc, char **argv) {
     // When nobody reads the copies, the messages still have to reach their file.
     std::signal(SIGPIPE, SIG_IGN);
     qdlogger::Settings settings;
-    std::string error;
-    if (!qdlogger::parse(argc, argv, settings, error)) {
-        std::fprintf(stderr, "qdlogger: %s\nTry 'qdlogger --help'.\n", error.c_str());
-        return tools::ExitUsage;
-    }
-    if (settings.help || settings.version || !settings.complete.empty()) {
-        const std::string text = settings.help      ? qdlogger::helpText()
-                                 : settings.version ? "qdlogger " QDUL_VERSION "\n"
-                                                    : qdlogger::completions(settings.complete);
-        std::fputs(text.c_str(), stdout);
-        return std::fflush(stdout) == 0 ? tools::ExitOk : tools::ExitPartial;
-    }
-    if (settings.config)
-        setenv("ZOLTLOG_CFG_LOC", settings.config->c_str(), 1);
+    if (const auto status = qdlogger::parse(argc, argv, settings))
+        return *status;
     return qdlogger::run(settings);
 }

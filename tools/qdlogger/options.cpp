@@ -1,48 +1,22 @@
 #include "options.h"
 
-#include <charconv>
 #include <vector>
 
 #include "common/fields.h"
-#include "common/option_table.h"
 
 namespace qdlogger {
 
 namespace {
 
+using tools::set;
+using tools::setWithin;
+
 // ---- values ----------------------------------------------------------------------
-
-bool number(const std::string &value, uint64_t from, uint64_t to, uint64_t &out, std::string &error) {
-    const char *const end = value.data() + value.size();
-    const auto [stop, failure] = std::from_chars(value.data(), end, out);
-    if (failure == std::errc() && stop == end && out >= from && out <= to)
-        return true;
-    error = "'" + value + "' is not a number from " + std::to_string(from) + " to " + std::to_string(to);
-    return false;
-}
-
-bool number32(const std::string &value, uint64_t from, uint64_t to, std::optional<uint32_t> &out,
-              std::string &error) {
-    uint64_t parsed = 0;
-    if (!number(value, from, to, parsed, error))
-        return false;
-    out = static_cast<uint32_t>(parsed);
-    return true;
-}
-
-bool notEmpty(const std::string &value, std::string &out, std::string &error) {
-    if (value.empty()) {
-        error = "it must not be empty";
-        return false;
-    }
-    out = value;
-    return true;
-}
 
 constexpr const char *kinds[] = {"app", "diag", "debug", "audit"};
 
 // Also the full names, as in the other tools
-bool setKind(Settings &settings, const char *value, std::string &error) {
+bool takeKind(Settings &settings, const char *value, std::string &error) {
     uint32_t kind = 0;
     if (tools::parseKind(value, kind) && (kind == ZOLTLOG_MSG_APP || kind == ZOLTLOG_MSG_DIAG ||
                                           kind == ZOLTLOG_MSG_DEBUG || kind == ZOLTLOG_MSG_AUDIT)) {
@@ -53,9 +27,9 @@ bool setKind(Settings &settings, const char *value, std::string &error) {
     return false;
 }
 
-bool setSeverity(Settings &settings, const char *value, std::string &error) {
+bool takeSeverity(Settings &settings, const char *value, std::string &error) {
     int32_t severity = 0;
-    if (!tools::parseSeverity(value, severity) || severity < 0 || severity > ZOLTLOG_SEVERITY_EMERGENCY) {
+    if (!tools::parseSeverity(value, severity)) {
         error = std::string("'") + value + "' is none of info, warning, error, critical, emergency, 0 to 4";
         return false;
     }
@@ -63,63 +37,59 @@ bool setSeverity(Settings &settings, const char *value, std::string &error) {
     return true;
 }
 
-bool setId(Settings &settings, const char *value, std::string &error) {
-    uint64_t parsed = 0;
-    if (!number(value, 0, UINT64_MAX, parsed, error))
-        return false;
-    settings.id = parsed;
-    return true;
-}
-
-template<std::optional<std::string> Settings::*Field>
-bool setText(Settings &settings, const char *value, std::string &) {
-    settings.*Field = value;
-    return true;
-}
 template<uint32_t Flag>
 bool addOutput(Settings &settings, const char *, std::string &) {
     settings.outputFlags |= Flag;
     return true;
 }
-template<bool Settings::*Field>
-bool setFlag(Settings &settings, const char *, std::string &) {
-    return settings.*Field = true;
-}
 
-// ---- the table ---------------------------------------------------------------------
+// ---- the tables --------------------------------------------------------------------
 
-const tools::Option<Settings> options[] = {
-    {'p', "product", "PRODUCT", "the product, by id or name (required)",
-     [](Settings &s, const char *v, std::string &e) { return notEmpty(v, s.product, e); }, "Where to"},
-    {'o', "originator", "ORIGINATOR", "its component, by id or name (default 112, the default originator)",
-     [](Settings &s, const char *v, std::string &e) { return notEmpty(v, s.originator, e); }},
-    {'l', "logset", "NAME", "write to the files of this log set", setText<&Settings::logset>},
-    {0, "stdout", nullptr, "copies to standard output, by the formatter plug-in (not of audit)",
-     addOutput<ZOLTLOG_OUT_STDOUT>},
-    {0, "stderr", nullptr, "copies to standard error (app and diag)", addOutput<ZOLTLOG_OUT_STDERR>},
-    {0, "syslog", nullptr, "copies to the system log (app)", addOutput<ZOLTLOG_OUT_OSLOG>},
-    {'c', "config", "FILE", "main configuration file (default ZOLTLOG_CFG_LOC, else\n/etc/qd/zoltlog.conf)",
-     setText<&Settings::config>},
-    {'k', "kind", "KIND", "app (default), diag, debug or audit", setKind, "What"},
-    {'s', "severity", "SEVERITY", "of app: info (default), warning, error, critical, emergency,\nor 0 to 4",
-     setSeverity},
-    {'L', "level", "LEVEL",
-     "of diag and debug: 1 (default) to 6; messages above the configured\nlevel are not written",
-     [](Settings &s, const char *v, std::string &e) {
-         return number32(v, ZOLTLOG_LEVEL_FIRST, ZOLTLOG_LEVEL_LAST, s.level, e);
-     }},
-    {'w', "who", "TEXT", "of app, diag and debug: the reporting component", setText<&Settings::who>},
-    {'i', "id", "NUMBER", "message id (default: the messages are numbered)", setId},
-    {'x', "context", "TOKEN", "open a context with this token for the messages", setText<&Settings::context>},
-    {0, "subject", "TEXT", "of audit: who did it", setText<&Settings::subject>},
-    {0, "outcome", "NUMBER", "of audit: how it ended (default 0)",
-     [](Settings &s, const char *v, std::string &e) { return number32(v, 0, UINT32_MAX, s.outcome, e); }},
-    {0, "utf8", nullptr, "the input is UTF-8, whatever the locale", setFlag<&Settings::utf8>},
-    {'h', "help", nullptr, "show this help", setFlag<&Settings::help>, "Other"},
-    {'V', "version", nullptr, "show the version", setFlag<&Settings::version>},
-    {0, "complete", "WHAT", "what a shell can complete: options, kinds, severities",
-     [](Settings &s, const char *v, std::string &e) { return notEmpty(v, s.complete, e); }},
+constexpr unsigned Every = tools::TakesEvery;
+
+const tools::Command commands[] = {
+    {"", Every | tools::TakesQuiet | tools::TakesConfig | tools::TakesCompletion, 0, "[MESSAGE]...", 0,
+     tools::AnyNumber, "", nullptr},
 };
+
+const tools::Option options[] = {
+    {"-P,--product", Every, "PRODUCT", "the product, by id or name (required)", set<&Settings::product>,
+     "Where to"},
+    {"-u,--originator", Every, "ORIGINATOR",
+     "its component, by id or name (default 112,\nthe default originator)", set<&Settings::originator>},
+    {"-L,--logset", Every, "NAME", "write to the files of this log set", set<&Settings::logset>},
+    {"--stdout", Every, nullptr, "copies to standard output, by the formatter\nplug-in (not of audit)",
+     set<addOutput<ZOLTLOG_OUT_STDOUT>>},
+    {"--stderr", Every, nullptr, "copies to standard error (app and diag)",
+     set<addOutput<ZOLTLOG_OUT_STDERR>>},
+    {"--syslog", Every, nullptr, "copies to the system log (app)", set<addOutput<ZOLTLOG_OUT_OSLOG>>},
+    {"-k,--kind", Every, "KIND", "app (default), diag, debug or audit", set<takeKind>, "What"},
+    {"-p,--priority,--severity", Every, "SEV",
+     "of app: info (default), warning, error,\ncritical, emergency, or 0 to 4", set<takeSeverity>},
+    {"-l,--level", Every, "LEVEL",
+     "of diag and debug: 1 (default) to 6; messages above\nthe configured level are not written",
+     setWithin<&Settings::level, ZOLTLOG_LEVEL_FIRST, ZOLTLOG_LEVEL_LAST>},
+    {"-t,--who", Every, "TEXT", "of app, diag and debug: the reporting component", set<&Settings::who>},
+    {"--id", Every, "NUMBER", "message id (default: the messages are numbered)", set<&Settings::id>},
+    {"-x,--context", Every, "TOKEN", "open a context with this token for the messages",
+     set<&Settings::context>},
+    {"--subject", Every, "TEXT", "of audit: who did it", set<&Settings::subject>},
+    {"--outcome", Every, "NUMBER", "of audit: how it ended (default 0)",
+     setWithin<&Settings::outcome, 0, UINT32_MAX>},
+    {"--utf8", Every, nullptr, "the input is UTF-8, whatever the locale", set<&Settings::utf8>},
+};
+
+bool complete(tools::CommonOptions &settings, std::vector<std::string> &words, int &) {
+    if (settings.complete == "kinds") {
+        words.assign(std::begin(kinds), std::end(kinds));
+    } else if (settings.complete == "severities") {
+        for (int32_t severity = 0; severity <= ZOLTLOG_SEVERITY_EMERGENCY; ++severity)
+            words.emplace_back(tools::severityName(severity));
+    } else {
+        return false;
+    }
+    return true;
+}
 
 // What is wrong with the options together, or ""
 std::string contradiction(const Settings &settings) {
@@ -128,7 +98,7 @@ std::string contradiction(const Settings &settings) {
     if (settings.product.empty())
         return "--product is required";
     if (settings.severity && !app)
-        return "--severity is for app messages";
+        return "--priority is for app messages";
     if (settings.level && (app || audit))
         return "--level is for diag and debug messages";
     if (settings.who && audit)
@@ -140,41 +110,26 @@ std::string contradiction(const Settings &settings) {
 
 } // namespace
 
-bool parse(int argc, char **argv, Settings &settings, std::string &error) {
-    std::vector<std::string> words;
-    if (!tools::parseOptions(options, argc, argv, settings, words, error))
-        return false;
-    if (settings.help || settings.version || !settings.complete.empty())
-        return true;
-    for (const std::string &word : words)
+std::optional<int> parse(int argc, char **argv, Settings &settings) {
+    const tools::Tool tool = {
+        "qdlogger",
+        "Sends messages to the logs of a product: the words of the command line as one\n"
+        "message, or without words each line of standard input as one message.\n",
+        tools::rowsOf<tools::Option>(options),
+        tools::rowsOf<tools::Command>(commands),
+        "Exit status: 0 all messages were written, or dropped by their level; 2 wrong\n"
+        "usage; 3 the configuration, the log or the input cannot be opened or read;\n"
+        "4 some messages were not written.\n",
+        complete,
+    };
+    if (const auto status = tools::parseCommandLine(tool, argc, argv, settings))
+        return status;
+    for (const std::string &word : settings.operands)
         settings.message = settings.message ? *settings.message + " " + word : word;
-    error = contradiction(settings);
-    return error.empty();
-}
-
-std::string helpText() {
-    std::string text =
-        "Usage: qdlogger --product=PRODUCT [OPTION]... [MESSAGE]...\n"
-        "Sends messages to the logs of a product: the words of the command line as one message,\n"
-        "or without words each line of standard input as one message.\n";
-    tools::appendHelp(text, options);
-    text += "\nExit status: 0 all messages were written, or dropped by their level; 2 wrong usage;\n"
-            "3 the configuration, the log or the input cannot be opened or read; 4 some messages\n"
-            "were not written.\n";
-    return text;
-}
-
-std::string completions(const std::string &what) {
-    std::string text;
-    if (what == "options")
-        tools::appendOptionNames(text, options);
-    if (what == "kinds")
-        for (const char *kind : kinds)
-            text += std::string(kind) + "\n";
-    if (what == "severities")
-        for (int32_t severity = 0; severity <= ZOLTLOG_SEVERITY_EMERGENCY; ++severity)
-            text += std::string(tools::severityName(severity)) + "\n";
-    return text;
+    const std::string error = contradiction(settings);
+    if (error.empty())
+        return {};
+    return tools::usageError(tool, settings, error);
 }
 
 } // namespace qdlogger

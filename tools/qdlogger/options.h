@@ -5,11 +5,12 @@
 #include <optional>
 #include <string>
 
+#include "common/options.h"
 #include "zoltlog.h"
 
 namespace qdlogger {
 
-struct Settings {
+struct Settings : tools::CommonOptions {
     std::string product;    // id or name
     std::string originator; // id or name; "": the default originator
     std::optional<std::string> logset;
@@ -22,19 +23,11 @@ struct Settings {
     std::optional<std::string> subject;
     std::optional<uint32_t> outcome;
     uint32_t outputFlags = 0;
-    std::optional<std::string> config;
     bool utf8 = false;
-    bool help = false;
-    bool version = false;
-    std::string complete;               // what a shell wants to complete
     std::optional<std::string> message; // the words of the command line; none: standard input
 };
 
-// False with an error text: wrong usage.
-bool parse(int argc, char **argv, Settings &settings, std::string &error);
-std::string helpText();
-// The words for a shell's completion: options, kinds, severities; a line each. Empty
-// for anything else.
-std::string completions(const std::string &what);
+// The exit status to end with, or nothing: the settings hold what was asked for.
+std::optional<int> parse(int argc, char **argv, Settings &settings);
 
 } // namespace qdlogger

@@ -16,6 +16,7 @@ struct Run {
     std::vector<Series> series;
     tools::Output &out;
     Problems problems;
+    size_t failures; // files that something could not be done with
 };
 
 int listFiles(Run &run);
@@ -45,14 +46,13 @@ std::string reasonToKeep(const File &file);
 struct Report {
     explicit Report(Run &theRun);
     void tell(const char *action, const Choice &choice, const std::string &detail = "");
+    // Tells once that something could not be done: as json, else at the end on standard error.
+    void fail(const char *action, const Choice &choice, const std::string &why);
     void finish(); // ends the JSON text
 
     Run &run;
     tools::Json json;
 };
-
-// Writes the JSON text made so far.
-void writeJson(tools::Output &out, tools::Json &json);
 
 // Removes the file if it is still the one that was looked at. False with the reason.
 bool removeFile(const File &file, std::string &error);
@@ -62,6 +62,6 @@ bool removeFile(const File &file, std::string &error);
 int finish(Run &run, size_t done);
 
 std::string timeText(const Run &run, int64_t milliseconds);
-void jsonFile(Run &run, tools::Json &json, const Choice &choice); // members of a file
+void jsonFile(tools::Json &json, const Choice &choice); // members of a file
 
 } // namespace qdlogmgr

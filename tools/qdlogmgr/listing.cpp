@@ -43,7 +43,7 @@ static int showFiles(Run &run, const std::vector<Choice> &choices) {
         json.beginArray();
         for (const Choice &choice : choices) {
             json.beginObject();
-            jsonFile(run, json, choice);
+            jsonFile(json, choice);
             json.text("state", stateOf(choice));
             json.flag("surplus", choice.file->surplus);
             if (!choice.file->doubtful.empty())
@@ -51,7 +51,7 @@ static int showFiles(Run &run, const std::vector<Choice> &choices) {
             json.endObject();
         }
         json.endArray();
-        writeJson(run.out, json);
+        writeLine(run.out, json);
     } else if (!choices.empty() && !run.options.quiet) {
         tools::Table table;
         table.columns = {{"SERIES"}, {"FILE"}, {"SIZE", Align::Right}, {"FIRST"}, {"LAST"}, {"STATE"}};
@@ -133,7 +133,7 @@ void usageAsJson(Run &run, const std::map<std::string, Volume> &volumes) {
         const Sums sums = sumsOf(series);
         json.beginObject();
         json.number("product", series.product);
-        json.text("productName", series.productName);
+        json.text("product_name", series.productName);
         if (series.isLogset)
             json.text("logset", series.logset);
         else
@@ -141,8 +141,8 @@ void usageAsJson(Run &run, const std::map<std::string, Volume> &volumes) {
         json.text("directory", series.directory);
         json.number("files", series.files.size());
         json.number("size", series.size());
-        json.number("surplusFiles", sums.surplusFiles);
-        json.number("surplusSize", sums.surplusSize);
+        json.number("surplus_files", sums.surplusFiles);
+        json.number("surplus_size", sums.surplusSize);
         if (series.configured)
             json.number("keep", series.keep);
         else
@@ -163,7 +163,7 @@ void usageAsJson(Run &run, const std::map<std::string, Volume> &volumes) {
     }
     json.endArray();
     json.endObject();
-    writeJson(run.out, json);
+    writeLine(run.out, json);
 }
 
 void usageAsTable(Run &run, const std::map<std::string, Volume> &volumes) {

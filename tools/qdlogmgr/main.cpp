@@ -74,20 +74,7 @@ std::string timeText(const Run &run, int64_t milliseconds) {
     return tools::formatTime(milliseconds, run.options.zone());
 }
 
-void writeJson(tools::Output &out, tools::Json &json) {
-    out.write(std::string(json.written()) + "\n");
-    json.clear();
-}
-
-static std::string jsonTime(const Run &run, int64_t milliseconds) {
-    tools::TimeFormatter formatter;
-    formatter.mode = run.options.utc ? tools::TimeFormatter::Mode::Utc : tools::TimeFormatter::Mode::Local;
-    std::string text;
-    formatter.appendRfc3339(text, milliseconds);
-    return text;
-}
-
-void jsonFile(Run &run, tools::Json &json, const Choice &choice) {
+void jsonFile(tools::Json &json, const Choice &choice) {
     const Series &series = *choice.series;
     const File &file = *choice.file;
     json.number("product", series.product);
@@ -98,13 +85,13 @@ void jsonFile(Run &run, tools::Json &json, const Choice &choice) {
     json.text("path", file.path);
     json.number("size", file.size);
     if (file.hasTimes) {
-        json.text("first", jsonTime(run, file.first));
-        json.text("last", jsonTime(run, file.last));
+        json.time("first", file.first);
+        json.time("last", file.last);
     } else {
         json.null("first");
         json.null("last");
     }
-    json.text("modified", jsonTime(run, file.modified));
+    json.time("modified", file.modified);
 }
 
 Report::Report(Run &theRun) : run(theRun) {
@@ -116,7 +103,7 @@ void Report::tell(const char *action, const Choice &choice, const std::string &d
     if (run.options.json) {
         json.beginObject();
         json.text("action", action);
-        jsonFile(run, json, choice);
+        jsonFile(json, choice);
         if (!detail.empty())
             json.text("detail", detail);
         json.endObject();
@@ -132,11 +119,19 @@ void Report::tell(const char *action, const Choice &choice, const std::string &d
     run.out.write(line + "\n");
 }
 
+void Report::fail(const char *action, const Choice &choice, const std::string &why) {
+    ++run.failures;
+    if (run.options.json)
+        tell(action, choice, why);
+    else
+        run.problems.push_back(choice.file->path + ": " + why);
+}
+
 void Report::finish() {
     if (!run.options.json)
         return;
     json.endArray();
-    writeJson(run.out, json);
+    writeLine(run.out, json);
 }
 
 // ---- removing one file -----------------------------------------------------------
@@ -166,6 +161,8 @@ int finish(Run &run, size_t done) {
     run.out.flush();
     for (const std::string &problem : run.problems)
         std::fprintf(stderr, "qdlogmgr: %s\n", tools::escaped(problem).c_str());
+    if (run.failures != 0)
+        return tools::ExitPartial;
     if (!run.problems.empty())
         return done != 0 ? tools::ExitPartial : tools::ExitUnreadable;
     if (done == 0 && !run.options.quiet)
@@ -180,19 +177,18 @@ int main(int argc, char **argv) {
     using namespace qdlogmgr;
     std::setlocale(LC_ALL, "");
     Options options;
-    const Command *command = nullptr;
-    if (const auto status = parseCommandLine(argc, argv, options, command))
+    if (const auto status = parseCommandLine(argc, argv, options))
         return *status;
-    if (!options.config.empty())
-        setenv("ZOLTLOG_CFG_LOC", options.config.c_str(), 1); // before the library reads it, once
     tools::Output out;
-    Run run{options, {}, out, {}};
+    Run run{options, {}, out, {}, 0};
     int status = tools::ExitUnreadable;
     if (findSeries(options, run.series, run.problems))
-        status = command->run(run);
+        status = static_cast<const Command *>(options.command)->run(run);
     else
         finish(run, 0);
-    if (!out.flush() && out.error != EPIPE)
+    if (!out.flush() && out.error != EPIPE) {
+        std::fprintf(stderr, "qdlogmgr: the output could not be written: %s\n", strerror(out.error));
         status = tools::ExitPartial;
+    }
     return status;
 }

@@ -5,107 +5,87 @@
 #include "common/exit_codes.h"
 #include "qdlogmgr/commands.h"
 
-#include <CLI/CLI.hpp>
-#include <algorithm>
-#include <cstdio>
-#include <unistd.h>
-
 namespace qdlogmgr {
 
 namespace {
 
+using tools::set;
+
 // ---- the tables ------------------------------------------------------------------
 
 enum Takes : unsigned {
-    EVERY = 1,    // all commands
-    FILES = 2,    // which files of the series
-    TARGET = 4,   // where copies go
-    LINK = 8,     //
-    REPLACE = 16, //
-    VACUUM = 32,  // limits
-    REMOVAL = 64, // it removes files
-    TABLE = 128,  // it shows a table of files
-    PAGED = 256,  // its output may be long
+    EVERY = tools::TakesEvery,
+    FILES = tools::FirstOwn, // which files of the series
+    TARGET = FILES << 1,     // where copies go
+    LINK = FILES << 2,
+    REPLACE = FILES << 3,
+    VACUUM = FILES << 4,  // limits
+    REMOVAL = FILES << 5, // it removes files
+    TABLE = FILES << 6,   // it shows a table of files
+    CHANGES = FILES << 7, // it can be tried dry
+    COMMON = EVERY | tools::TakesJson | tools::TakesPages | tools::TakesQuiet | tools::TakesConfig |
+             tools::TakesCompletion,
 };
+
+constexpr size_t ANY = tools::AnyNumber;
 
 const Command COMMANDS[] = {
-    {"list", listFiles, EVERY | FILES | TABLE | PAGED, "List the log files of the series",
-     "qdlogmgr list --product 5"},
-    {"surplus", listSurplus, EVERY | TABLE | PAGED,
-     "List the files beyond the number that the configuration keeps", "qdlogmgr surplus --product 5 --json"},
-    {"usage", showUsage, EVERY | PAGED, "Show what each series takes on disk", "qdlogmgr usage"},
-    {"verify", verifyFiles, EVERY | FILES | PAGED, "Check names, headers, records and counters of the files",
-     "qdlogmgr verify --product 5 --originator 7"},
-    {"copy", copyFiles, EVERY | FILES | TARGET | REPLACE,
-     "Copy files into a directory and compare the copies", "qdlogmgr copy --product 5 --to /srv/save"},
-    {"archive", archiveFiles, EVERY | FILES | TARGET | LINK | REMOVAL,
-     "Move surplus files into a directory: copied (or linked), compared, then removed",
-     "qdlogmgr archive --product 5 --to /srv/archive"},
-    {"delete", deleteFiles, EVERY | FILES | REMOVAL, "Remove surplus files, or the files asked for",
-     "qdlogmgr delete --product 5 --originator 7 --older-than 30d --dry-run"},
-    {"vacuum", vacuumFiles, EVERY | VACUUM | REMOVAL,
-     "Remove the oldest files of each series until it fits the limits",
-     "qdlogmgr vacuum --product 5 --size 1G"},
+    {{"list", COMMON | FILES | TABLE, 0, "[FILE]...", 0, ANY, "List the log files of the series",
+      "qdlogmgr list --product 5"},
+     listFiles},
+    {{"surplus", COMMON | TABLE, 0, "", 0, 0, "List the files beyond the number that is to be kept",
+      "qdlogmgr surplus --product 5 --json"},
+     listSurplus},
+    {{"usage", COMMON, 0, "", 0, 0, "Show what each series takes on disk", "qdlogmgr usage"}, showUsage},
+    {{"verify", COMMON | FILES, 0, "[FILE]...", 0, ANY,
+      "Check names, headers, records and counters of the files",
+      "qdlogmgr verify --product 5 --originator 7"},
+     verifyFiles},
+    {{"copy", COMMON | FILES | TARGET | REPLACE | CHANGES, TARGET, "[FILE]...", 0, ANY,
+      "Copy files into a directory and compare the copies", "qdlogmgr copy --product 5 --to /srv/save"},
+     copyFiles},
+    {{"archive", COMMON | FILES | TARGET | LINK | REMOVAL | CHANGES, TARGET, "[FILE]...", 0, ANY,
+      "Move surplus files: copied (or linked), compared, then removed",
+      "qdlogmgr archive --product 5 --to /srv/archive"},
+     archiveFiles},
+    {{"delete", COMMON | FILES | REMOVAL | CHANGES, 0, "[FILE]...", 0, ANY,
+      "Remove surplus files, or the files asked for",
+      "qdlogmgr delete --product 5 --originator 7 --older-than 30d --dry-run"},
+     deleteFiles},
+    {{"vacuum", COMMON | VACUUM | REMOVAL | CHANGES, 0, "", 0, 0,
+      "Remove the oldest files of each series until it fits", "qdlogmgr vacuum --product 5 --size 1G"},
+     vacuumFiles},
 };
 
-struct Option {
-    const char *names;
-    unsigned of;       // commands that take any of these
-    const char *value; // name of its value; null: a flag
-    const char *help;
-    void (*add)(CLI::App &, const Option &, Options &);
-};
-
-template<auto Member>
-void add(CLI::App &app, const Option &option, Options &options) {
-    using Type = std::remove_reference_t<decltype(options.*Member)>;
-    if constexpr (std::is_same_v<Type, bool>)
-        app.add_flag(option.names, options.*Member, option.help);
-    else
-        app.add_option(option.names, options.*Member, option.help)->type_name(option.value);
-}
-
-// An option may be given as often as there are values; each takes one.
-template<auto Member>
-void addEach(CLI::App &app, const Option &option, Options &options) {
-    app.add_option(option.names, options.*Member, option.help)
-        ->type_name(option.value)
-        ->allow_extra_args(false);
-}
-
-const Option OPTIONS[] = {
-    {"-p,--product", EVERY, "PRODUCT", "Series of this product (id or name)", add<&Options::product>},
-    {"-o,--originator", EVERY, "ORIGINATOR", "Series of this originator (id or name)",
-     add<&Options::originator>},
-    {"-l,--logset", EVERY, "NAME", "Series of this log set", add<&Options::logset>},
+const tools::Option OPTIONS[] = {
+    {"-P,--product", EVERY, "PRODUCT", "series of this product (id or name)", set<&Options::product>,
+     "Which series"},
+    {"-u,--originator", EVERY, "ORIGINATOR", "series of this originator (id or name)",
+     set<&Options::originator>},
+    {"-L,--logset", EVERY, "NAME", "series of this log set", set<&Options::logset>},
     {"-D,--directory", EVERY, "DIRECTORY",
-     "Series in this directory, configured or not, instead of the configured directories",
-     addEach<&Options::directories>},
-    {"-a,--all", REMOVAL, nullptr, "All configured series, when nothing else selects them",
-     add<&Options::all>},
-    {"files", FILES, "FILE", "Only these files of the series (names or paths)", add<&Options::files>},
-    {"-s,--surplus", FILES, nullptr, "Only surplus files", add<&Options::surplusOnly>},
-    {"--older-than", FILES, "TIME", "Only files last written before this time, or longer ago than this (30d)",
-     add<&Options::olderThan>},
-    {"-k,--keep", FILES, "N", "All files but the newest N of each series", add<&Options::keep>},
-    {"-t,--to", TARGET, "DIRECTORY", "The directory that the files go to", add<&Options::to>},
-    {"--link", LINK, nullptr, "Make hard links instead of copies", add<&Options::link>},
-    {"--replace", REPLACE, nullptr, "Replace files of the same name in the directory",
-     add<&Options::replace>},
-    {"--size", VACUUM, "SIZE", "The most that each series may take (512K, 1G)", add<&Options::vacuumSize>},
-    {"--age", VACUUM, "SPAN", "Remove files last written longer ago than this (12h, 30d)",
-     add<&Options::vacuumAge>},
-    {"--count", VACUUM, "N", "The most files that each series may have", add<&Options::vacuumCount>},
-    {"-n,--dry-run", REMOVAL | TARGET, nullptr, "Say what would be done, and do nothing",
-     add<&Options::dryRun>},
-    {"-j,--json", EVERY, nullptr, "Write JSON", add<&Options::json>},
-    {"-P,--paths", TABLE, nullptr, "Show whole paths", add<&Options::paths>},
-    {"-u,--utc", EVERY, nullptr, "Times in UTC", add<&Options::utc>},
-    {"-q,--quiet", EVERY, nullptr, "Print errors only", add<&Options::quiet>},
-    {"--no-pager", PAGED, nullptr, "Never start a pager", add<&Options::noPager>},
-    {"--color", EVERY, "WHEN", "auto, always or never", add<&Options::colorText>},
-    {"-c,--config", EVERY, "FILE",
-     "Main configuration file (default: ZOLTLOG_CFG_LOC, else /etc/qd/zoltlog.conf)", add<&Options::config>},
+     "series in this directory, configured or not, instead\nof the configured directories",
+     set<&Options::directories>},
+    {"-a,--all", REMOVAL, nullptr, "all configured series, when nothing else selects\nthem",
+     set<&Options::all>},
+
+    {"-s,--surplus", FILES, nullptr, "only surplus files", set<&Options::surplusOnly>, "Which files"},
+    {"--older-than", FILES, "TIME",
+     "only files last written before this time, or longer\nago than this (30d)", set<&Options::olderThan>},
+    {"--keep", FILES, "N", "all files but the newest N of each series", set<&Options::keep>},
+
+    {"-o,--to", TARGET, "DIRECTORY", "the directory that the files go to", set<&Options::to>, "What to do"},
+    {"--link", LINK, nullptr, "make hard links instead of copies", set<&Options::link>},
+    {"--replace", REPLACE, nullptr, "replace files of the same name in the directory",
+     set<&Options::replace>},
+    {"--size", VACUUM, "SIZE", "the most that each series may take (512K, 1G)", set<&Options::vacuumSize>},
+    {"--age", VACUUM, "SPAN", "remove files last written longer ago than this (12h,\n30d)",
+     set<&Options::vacuumAge>},
+    {"--count", VACUUM, "N", "the most files that each series may have", set<&Options::vacuumCount>},
+    {"--dry-run", CHANGES, nullptr, "say what would be done, and do nothing", set<&Options::dryRun>},
+
+    {"--paths", TABLE, nullptr, "show whole paths", set<&Options::paths>, "How to show it"},
+    {"--utc", EVERY, nullptr, "times in UTC", set<&Options::utc>},
 };
 
 // ---- values ----------------------------------------------------------------------
@@ -121,14 +101,9 @@ bool parsePast(const std::string &text, const Options &options, int64_t &time, s
     return tools::parseTimeText(text, options.now, options.zone(), time, error);
 }
 
-bool understand(Options &options, const Command &command, std::string &error) {
+bool understand(Options &options, std::string &error) {
+    const unsigned takes = options.command->takes;
     options.now = tools::currentTime();
-    tools::ColorMode color = tools::ColorMode::Auto;
-    if (!tools::parseColorMode(options.colorText, color)) {
-        error = "--color is auto, always or never";
-        return false;
-    }
-    options.color = tools::colorWanted(color, isatty(1) != 0);
     if (!options.olderThan.empty() && !parsePast(options.olderThan, options, options.olderThanTime, error))
         return false;
     if (!options.vacuumAge.empty()) {
@@ -145,17 +120,13 @@ bool understand(Options &options, const Command &command, std::string &error) {
         error = "--originator and --logset exclude each other";
         return false;
     }
-    if ((command.takes & TARGET) != 0 && options.to.empty()) {
-        error = "say where to with --to DIRECTORY";
-        return false;
-    }
-    if ((command.takes & VACUUM) != 0 && options.vacuumSize.empty() && options.vacuumAge.empty() &&
+    if ((takes & VACUUM) != 0 && options.vacuumSize.empty() && options.vacuumAge.empty() &&
         !options.vacuumCount.has_value()) {
         error = "give a limit: --size, --age or --count";
         return false;
     }
     const bool selects = !options.product.empty() || !options.directories.empty();
-    if ((command.takes & REMOVAL) != 0 && !selects && !options.all) {
+    if ((takes & REMOVAL) != 0 && !selects && !options.all) {
         error = "say which series: --product, --directory, or --all for every configured one";
         return false;
     }
@@ -164,45 +135,22 @@ bool understand(Options &options, const Command &command, std::string &error) {
 
 } // namespace
 
-std::optional<int> parseCommandLine(int argc, char **argv, Options &options, const Command *&command) {
-    CLI::App app("Finds, copies, archives, verifies and removes log files.", "qdlogmgr");
-    app.set_version_flag("-V,--version", "qdlogmgr " QDUL_VERSION);
-    app.require_subcommand(1);
-    app.footer("Exit status: 0 done, 1 nothing matched or problems found, 2 wrong usage, 3 files or the\n"
-               "configuration cannot be read, 4 done only in part.");
-    for (const Command &one : COMMANDS) {
-        CLI::App *sub = app.add_subcommand(one.name, one.help);
-        for (const Option &option : OPTIONS)
-            if ((option.of & one.takes) != 0)
-                option.add(*sub, option, options);
-        sub->footer(std::string("Example:\n  ") + one.example);
-        sub->callback([&command, &one] { command = &one; });
-    }
-    const auto refuse = [](const std::string &why) {
-        std::fprintf(stderr, "qdlogmgr: %s\nTry 'qdlogmgr --help'.\n", tools::escaped(why).c_str());
-        return tools::ExitUsage;
+std::optional<int> parseCommandLine(int argc, char **argv, Options &options) {
+    const tools::Tool tool = {
+        "qdlogmgr",
+        "Finds, copies, archives, verifies and removes log files.\n",
+        tools::rowsOf<tools::Option>(OPTIONS),
+        tools::rowsOf<tools::Command>(COMMANDS),
+        "Exit status: 0 done, 1 nothing matched or problems found, 2 wrong usage, 3 files\n"
+        "or the configuration cannot be read, 4 done only in part.\n",
     };
-    if (argc < 2)
-        return refuse("a command is needed");
-    const std::string first = argv[1];
-    if ((first.empty() || first.front() != '-') &&
-        std::none_of(std::begin(COMMANDS), std::end(COMMANDS),
-                     [&](const Command &one) { return first == one.name; }))
-        return refuse("there is no command '" + first + "'");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError &error) {
-        if (error.get_exit_code() == 0) { // --help, --version
-            app.exit(error);
-            return tools::ExitOk;
-        }
-        return refuse(error.what());
-    }
+    if (const auto status = tools::parseCommandLine(tool, argc, argv, options))
+        return status;
+    options.files = options.operands;
     std::string error;
-    if (understand(options, *command, error))
+    if (understand(options, error))
         return {};
-    std::fprintf(stderr, "qdlogmgr %s: %s\n", command->name, tools::escaped(error).c_str());
-    return tools::ExitUsage;
+    return tools::usageError(tool, options, error);
 }
 
 } // namespace qdlogmgr

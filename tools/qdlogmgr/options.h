@@ -1,7 +1,7 @@
 // What the command line of qdlogmgr asks for.
 #pragma once
 
-#include "common/terminal.h"
+#include "common/options.h"
 #include "common/time_text.h"
 
 #include <cstdint>
@@ -11,9 +11,8 @@
 
 namespace qdlogmgr {
 
-struct Options {
+struct Options : tools::CommonOptions {
     // Which series
-    std::string config;
     std::string product; // id or name
     std::string originator;
     std::string logset; // name or file name
@@ -36,15 +35,10 @@ struct Options {
     bool dryRun = false;
 
     // How to show it
-    bool json = false;
     bool utc = false;
     bool paths = false;
-    bool quiet = false;
-    bool noPager = false;
-    std::string colorText = "auto";
 
     // Made of the above
-    bool color = false;
     int64_t now = 0;              // milliseconds
     int64_t olderThanTime = 0;    // of olderThan
     int64_t vacuumOldest = 0;     // of vacuumAge
@@ -55,15 +49,11 @@ struct Options {
 
 struct Run; // commands.h
 
-struct Command {
-    const char *name;
+struct Command : tools::Command {
     int (*run)(Run &);
-    unsigned takes; // groups of options, options.cpp
-    const char *help;
-    const char *example;
 };
 
-// The exit status to end with, or nothing and the command to run.
-std::optional<int> parseCommandLine(int argc, char **argv, Options &options, const Command *&command);
+// The exit status to end with, or nothing: options.command is a Command to run.
+std::optional<int> parseCommandLine(int argc, char **argv, Options &options);
 
 } // namespace qdlogmgr

@@ -22,8 +22,7 @@ bool remove(Run &run, Report &report, const Choice &choice) {
     }
     std::string error;
     if (!removeFile(*choice.file, error)) {
-        run.problems.push_back(choice.file->path + ": " + error);
-        report.tell("failed", choice, error);
+        report.fail("failed", choice, error);
         return false;
     }
     report.tell("deleted", choice);
@@ -75,7 +74,8 @@ int vacuumFiles(Run &run) {
     }
     report.finish();
     tellSum(run, removed, bytes);
-    if (removed == 0 && run.problems.empty() && !run.series.empty()) { // which is what was asked for
+    if (removed == 0 && run.problems.empty() && run.failures == 0 &&
+        !run.series.empty()) { // which is what was asked for
         if (!options.json && !options.quiet)
             run.out.write("nothing to remove\n");
         return tools::ExitOk;

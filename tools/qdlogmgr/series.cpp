@@ -2,12 +2,11 @@
 // surplus and newest; the search.
 #include "qdlogmgr/series.h"
 
+#include "common/configurations.h"
 #include "common/record_file.h"
-#include "common/result_text.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -35,11 +34,6 @@ uint64_t Series::size() const {
     return total;
 }
 
-static bool wholeNumber(const std::string &text, uint64_t &value) {
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-    return result.ec == std::errc() && result.ptr == text.data() + text.size() && !text.empty();
-}
-
 // The directory as the system names it, with a slash at its end; "" when there is none.
 static std::string resolved(const std::string &directory) {
     char *real = realpath(directory.c_str(), nullptr);
@@ -56,30 +50,6 @@ static std::string resolved(const std::string &directory) {
 
 namespace {
 
-constexpr uint32_t MAX_CONFIGURATIONS = 65536;
-
-struct Configurations {
-    Configurations() : items(MAX_CONFIGURATIONS, nullptr) {}
-    ~Configurations() { FreeConfigArray(items.data(), count); }
-    Configurations(const Configurations &) = delete;
-    Configurations &operator=(const Configurations &) = delete;
-
-    const LogCfg *const *begin() const { return items.data(); }
-    const LogCfg *const *end() const { return items.data() + count; }
-
-    std::vector<LogCfg *> items;
-    uint32_t count = 0;
-};
-
-struct OneConfiguration {
-    OneConfiguration() = default;
-    ~OneConfiguration() { zoltLogFreeCfg(&cfg); }
-    OneConfiguration(const OneConfiguration &) = delete;
-    OneConfiguration &operator=(const OneConfiguration &) = delete;
-
-    LogCfg cfg = {};
-};
-
 // What the options' names stand for; 0: any.
 struct Wanted {
     uint64_t product = 0;
@@ -87,30 +57,16 @@ struct Wanted {
     std::string logset;
 };
 
-bool resolveNames(const Options &options, Configurations &all, Wanted &wanted, Problems &problems) {
+bool resolveNames(const Options &options, Wanted &wanted, Problems &problems) {
+    std::string problem;
     wanted.logset = options.logset;
-    if (!options.product.empty() && !wholeNumber(options.product, wanted.product)) {
-        wanted.product =
-            GetIdFromName(all.items.data(), all.count, ZOLTLOG_ATTR_PRODUCT_ID, options.product.c_str());
-        if (wanted.product == 0) {
-            problems.push_back("there is no product '" + options.product + "'");
-            return false;
-        }
-    }
-    if (!options.originator.empty() && !wholeNumber(options.originator, wanted.originator)) {
-        std::vector<LogCfg *> ofProduct;
-        for (uint32_t i = 0; i < all.count; ++i)
-            if (all.items[i]->isLogset == 0 &&
-                (wanted.product == 0 || all.items[i]->productId == wanted.product))
-                ofProduct.push_back(all.items[i]);
-        wanted.originator = GetIdFromName(ofProduct.data(), static_cast<uint32_t>(ofProduct.size()),
-                                          ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, options.originator.c_str());
-        if (wanted.originator == 0) {
-            problems.push_back("there is no originator '" + options.originator + "'");
-            return false;
-        }
-    }
-    return true;
+    if (!options.product.empty())
+        wanted.product = tools::findProduct(options.product, problem);
+    if (problem.empty() && !options.originator.empty())
+        wanted.originator = tools::findOriginator(options.originator, wanted.product, problem);
+    if (!problem.empty())
+        problems.push_back(problem);
+    return problem.empty();
 }
 
 void takeConfiguration(Series &series, const LogCfg &cfg) {
@@ -125,7 +81,7 @@ void takeConfiguration(Series &series, const LogCfg &cfg) {
 
 // Joins a series with the configuration that writes into its directory, if there is one.
 // An originator without a section of its own has the default one's settings.
-void configure(Series &series, const Configurations &all) {
+void configure(Series &series, const tools::Configurations &all) {
     for (const LogCfg *cfg : all) {
         if (cfg->productId != series.product || (cfg->isLogset != 0) != series.isLogset)
             continue;
@@ -137,7 +93,7 @@ void configure(Series &series, const Configurations &all) {
     }
     if (series.isLogset)
         return;
-    OneConfiguration one;
+    tools::Configuration one;
     if (zoltLogReadCfg(series.product, series.originator, &one.cfg) == ZOLTLOG_OK &&
         resolved(one.cfg.directory) == series.directory)
         takeConfiguration(series, one.cfg);
@@ -302,15 +258,20 @@ void markSurplus(Series &series, int64_t now) {
 // ---- the search ------------------------------------------------------------------
 
 bool findSeries(const Options &options, std::vector<Series> &series, Problems &problems) {
-    Configurations all;
-    const uint32_t read = zoltLogReadAllCfg(nullptr, MAX_CONFIGURATIONS, all.items.data(), &all.count);
-    if (read != ZOLTLOG_OK && options.directories.empty()) {
-        problems.push_back(tools::configurationProblem(GetZoltLogCfgLoc(), read));
+    Wanted wanted;
+    if (!resolveNames(options, wanted, problems))
+        return true; // nothing matches
+    const tools::Configurations all;
+    if (all.result != ZOLTLOG_OK && options.directories.empty()) {
+        problems.push_back(tools::configurationProblem(wanted.product, all.result));
         return false;
     }
-    Wanted wanted;
-    if (!resolveNames(options, all, wanted, problems))
-        return true; // nothing matches
+    if (wanted.product != 0 && options.directories.empty() &&
+        std::none_of(all.begin(), all.end(),
+                     [&](const LogCfg *cfg) { return cfg->productId == wanted.product; })) {
+        problems.push_back(tools::configurationProblem(wanted.product, ZOLTLOG_CFG_NOT_FOUND));
+        return false;
+    }
 
     std::set<std::string> directories;
     for (const std::string &directory : options.directories) {
@@ -326,6 +287,8 @@ bool findSeries(const Options &options, std::vector<Series> &series, Problems &p
                 directories.insert(resolved(cfg->directory));
     directories.erase(""); // configured, but nothing was ever written there
 
+    if (wanted.product == 0 && options.directories.empty())
+        problems = tools::unreadableConfigurations();
     std::map<Key, Series> found;
     for (const std::string &directory : directories)
         readDirectory(directory, wanted, found, problems);
@@ -339,6 +302,11 @@ bool findSeries(const Options &options, std::vector<Series> &series, Problems &p
         markSurplus(one, options.now);
         series.push_back(std::move(one));
     }
+    if (series.empty() && !wanted.logset.empty() && problems.empty() &&
+        std::none_of(all.begin(), all.end(), [&](const LogCfg *cfg) {
+            return cfg->isLogset != 0 && cfg->logsetName != nullptr && wanted.logset == cfg->logsetName;
+        }))
+        problems.push_back("there is no log set '" + wanted.logset + "'");
     return !directories.empty() || problems.empty();
 }
 

@@ -158,8 +158,7 @@ int copyFiles(Run &run) {
             ++copied;
             continue;
         }
-        run.problems.push_back(choice.file->path + ": " + error);
-        report.tell("failed", choice, error);
+        report.fail("failed", choice, error);
     }
     std::string error;
     if (!options.dryRun && copied != 0 && !syncDirectory(options.to, error))
@@ -189,15 +188,14 @@ int archiveFiles(Run &run) {
             there.push_back(choice);
             continue;
         }
-        run.problems.push_back(choice.file->path + ": " + error);
-        report.tell("failed", choice, error);
+        report.fail("failed", choice, error);
     }
     std::string error;
     if (!options.dryRun && !there.empty() && !syncDirectory(options.to, error))
         run.problems.push_back(options.to + ": " + error);
 
     size_t done = 0;
-    const bool complete = run.problems.empty();
+    const bool complete = run.problems.empty() && run.failures == 0;
     for (const Choice &choice : there) {
         if (options.dryRun) {
             report.tell("would archive", choice);
@@ -208,8 +206,7 @@ int archiveFiles(Run &run) {
             report.tell("archived", choice);
             ++done;
         } else {
-            run.problems.push_back(choice.file->path + ": " + error);
-            report.tell("copied, not removed", choice, error);
+            report.fail("copied, not removed", choice, error);
         }
     }
     report.finish();

@@ -80,7 +80,7 @@ void showAsJson(Run &run, const Checked &checked) {
     }
     json.endArray();
     json.endObject();
-    writeJson(run.out, json);
+    writeLine(run.out, json);
 }
 
 void showAsText(Run &run, const Checked &checked) {

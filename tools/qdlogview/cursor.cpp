@@ -17,7 +17,8 @@ constexpr size_t KeptApart = 8; // newest files of a series that get an entry of
 std::string quoted(const std::string &path) {
     std::string out;
     for (const char c : path) {
-        if (c == '%' || c == ';' || c == '@' || static_cast<unsigned char>(c) < 0x20) {
+        if (c == '%' || c == ';' || c == '@' || static_cast<unsigned char>(c) < 0x20 ||
+            static_cast<unsigned char>(c) >= 0x7f) {
             char hex[8];
             std::snprintf(hex, sizeof hex, "%%%02X", static_cast<unsigned>(static_cast<unsigned char>(c)));
             out += hex;

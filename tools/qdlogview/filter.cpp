@@ -92,15 +92,15 @@ bool Filter::selectsRest(const Item &item) {
     if (kindMask != 0 && (kindMask & maskOf(record.type)) == 0)
         return false;
     if (byRank) {
-        // Severities rank application records, levels debug and diagnostic ones; other
-        // records have no rank.
-        if (record.type == ZOLTLOG_MSG_APP) {
-            if (!hasPriority || record.number < lowestPriority || record.number > highestPriority)
+        // Debug and diagnostic records by their level when one is asked for, all others,
+        // and without a level these too, by their severity.
+        int32_t rank = 0;
+        const char *name = nullptr;
+        if (hasLevel && record.type <= ZOLTLOG_MSG_DIAG) {
+            if (record.number < lowestLevel || record.number > highestLevel)
                 return false;
-        } else if (record.type <= ZOLTLOG_MSG_DIAG) {
-            if (!hasLevel || record.number < lowestLevel || record.number > highestLevel)
-                return false;
-        } else {
+        } else if (!hasPriority || !rankOf(record, rank, name) || rank < lowestPriority ||
+                   rank > highestPriority) {
             return false;
         }
     }

@@ -1,4 +1,5 @@
 // qdlogview: reads, filters, follows and exports log files.
+#include "common/configurations.h"
 #include "common/exit_codes.h"
 #include "common/terminal.h"
 #include "qdlogview/reports.h"
@@ -6,8 +7,10 @@
 #include "qdlogview/sources.h"
 #include "qdlogview/view.h"
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <sys/resource.h>
@@ -17,47 +20,8 @@ namespace qdlogview {
 
 namespace {
 
-int usageError(const std::string &text) {
-    std::fprintf(stderr, "qdlogview: %s\nTry 'qdlogview --help'.\n", tools::escaped(text).c_str());
-    return tools::ExitUsage;
-}
-
 void complain(const std::string &text) {
     std::fprintf(stderr, "qdlogview: %s\n", tools::escaped(text).c_str());
-}
-
-int printText(const std::string &text) {
-    tools::Output out;
-    out.write(text);
-    return out.flush() ? tools::ExitOk : tools::ExitPartial;
-}
-
-int complete(const std::string &what) {
-    std::string text;
-    std::vector<std::string> names;
-    if (what == "options") {
-        appendOptionList(text);
-    } else if (what == "fields") {
-        for (const tools::FieldRow &row : tools::fieldTable)
-            names.emplace_back(row.name);
-    } else if (what == "kinds") {
-        for (const uint32_t kind :
-             {ZOLTLOG_MSG_DEBUG, ZOLTLOG_MSG_DIAG, ZOLTLOG_MSG_APP, ZOLTLOG_MSG_CONTEXT, ZOLTLOG_MSG_AUDIT})
-            names.emplace_back(tools::kindName(kind));
-    } else if (what == "severities") {
-        for (int32_t severity = 0; severity <= 4; ++severity)
-            names.emplace_back(tools::severityName(severity));
-    } else if (what == "outputs") {
-        names = {"short", "full", "json", "csv", "raw", "template"};
-    } else if (what == "products" || what == "originators" || what == "logsets") {
-        if (!configuredNames(what, names))
-            return tools::ExitUnreadable; // completion stays silent
-    } else {
-        return usageError("--complete: '" + what + "' is not known");
-    }
-    for (const std::string &name : names)
-        text += name + "\n";
-    return printText(text);
 }
 
 // Many files may have to be open at once to merge them.
@@ -69,31 +33,82 @@ void allowManyFiles() {
     }
 }
 
+// What one run of the program found, and how it ended.
+struct Outcome {
+    tools::ExitCode status = tools::ExitOk;
+    int outputError = 0; // errno
+    std::vector<std::string> problems;
+    std::vector<Reader::DamagedFile> damaged;
+};
+
+void report(const Settings &settings, const Sources &sources, Filter &filter, const Cursor &cursor,
+            const ReadRange &range, tools::Output &out, Outcome &outcome) {
+    Reader reader(range, false);
+    for (const SourceFile &file : sources.files) {
+        const uint64_t from = cursor.startOf(file);
+        if (from != UINT64_MAX)
+            reader.add(file, from);
+    }
+    reader.prepare();
+    ReportRun run{settings, sources, reader, filter, out, outcome.problems};
+    outcome.status = runReport(run);
+    outcome.problems.insert(outcome.problems.end(), reader.problems.begin(), reader.problems.end());
+    outcome.damaged = reader.damaged;
+}
+
+void show(const Settings &settings, Sources &sources, Filter &filter, const Cursor &cursor,
+          const ReadRange &range, Printer &printer, tools::Output &out, Outcome &outcome) {
+    if (settings.follow || !settings.cursorFile.empty())
+        installStopSignals();
+    View view(settings, sources, filter, printer, out, cursor, range);
+    outcome.status = view.show() ? tools::ExitOk : tools::ExitNothing;
+    outcome.problems.insert(outcome.problems.end(), view.problems.begin(), view.problems.end());
+    outcome.damaged = view.damaged;
+}
+
+void tellFindings(const Settings &settings, const Sources &sources, const Filter &filter,
+                  const Outcome &outcome) {
+    for (const std::string &problem : outcome.problems)
+        complain(problem);
+    for (const Reader::DamagedFile &file : outcome.damaged)
+        complain(file.path + ": " + tools::counted(file.lines, "damaged line") + " left out, at " +
+                 std::to_string(file.firstOffset) + " first (see --verify)");
+    if (filter.gaveUp())
+        complain("a regular expression was too complex for some texts; they count as not matching");
+    if (outcome.status != tools::ExitNothing || settings.report != Report::None || !outcome.problems.empty())
+        return;
+    if (sources.files.empty())
+        complain("no log files were found" +
+                 (settings.logSet.empty() ? "" : " of log set '" + settings.logSet + "'"));
+    else
+        complain("no record matches in " + tools::counted(sources.files.size(), "file"));
+}
+
+int conclude(const Settings &settings, const Sources &sources, const Filter &filter, const Outcome &outcome) {
+    if (outcome.outputError != 0) {
+        complain(std::string("the output could not be written: ") + std::strerror(outcome.outputError));
+        return tools::ExitPartial;
+    }
+    if (!settings.quiet)
+        tellFindings(settings, sources, filter, outcome);
+    if (!outcome.problems.empty())
+        return tools::ExitUnreadable;
+    if (!outcome.damaged.empty() || filter.gaveUp())
+        return tools::ExitPartial;
+    return outcome.status;
+}
+
 int run(int argc, char **argv) {
     Settings settings;
+    if (const auto status = parseCommandLine(argc, argv, settings))
+        return *status;
     std::string error;
-    if (!parseCommandLine(argc, argv, settings, error) || !checkSettings(settings, error))
-        return usageError(error);
-    if (settings.help) {
-        std::string text;
-        appendUsage(text);
-        return printText(text);
-    }
-    if (settings.version)
-        return printText("qdlogview " QDUL_VERSION "\n");
-    if (!settings.complete.empty()) {
-        if (!settings.config.empty())
-            setenv("ZOLTLOG_CFG_LOC", settings.config.c_str(), 1);
-        return complete(settings.complete);
-    }
-
-    const int64_t now = tools::currentTime();
     Filter filter;
     Cursor cursor;
-    if (!filter.build(settings, now, error))
-        return usageError(error);
+    if (!filter.build(settings, tools::currentTime(), error))
+        return usageError(settings, error);
     if (!settings.afterCursor.empty() && !cursor.parse(settings.afterCursor, error))
-        return usageError("--after-cursor: " + error);
+        return usageError(settings, "--after-cursor: " + error);
     if (!settings.cursorFile.empty() && settings.afterCursor.empty() &&
         !cursor.load(settings.cursorFile, error)) {
         complain(error);
@@ -103,11 +118,11 @@ int run(int argc, char **argv) {
 
     const FileQuery fileQuery(filter.query);
     Sources sources;
+    Outcome outcome;
     const bool found = sources.find(settings, fileQuery);
-    std::vector<std::string> problems = sources.problems;
-    std::vector<Reader::DamagedFile> damaged;
+    outcome.problems = sources.problems;
     if (!found) {
-        for (const std::string &problem : problems)
+        for (const std::string &problem : outcome.problems)
             complain(problem);
         return tools::ExitUnreadable;
     }
@@ -116,87 +131,27 @@ int run(int argc, char **argv) {
     filter.hasProduct = sources.hasProduct;
     filter.product = sources.product;
 
-    const bool isReport = settings.report != Report::None;
-    const bool machine = settings.format == Format::Json || settings.format == Format::Csv ||
-                         settings.format == Format::Raw || settings.format == Format::Template;
-    const bool color = !machine && tools::colorWanted(settings.color, isatty(1) != 0);
+    settings.color = settings.color && (settings.format == Format::Short || settings.format == Format::Full);
     tools::Pager pager;
-    if (!settings.noPager && !settings.follow)
-        pager.start();
-    tools::ExitCode status = tools::ExitOk;
-    bool outputFailed = false;
     {
         tools::Output out;
-        const ReadRange range{filter.hasRange, filter.since, filter.until, settings.scan};
-        if (isReport) {
-            Reader reader(range, false);
-            for (const SourceFile &file : sources.files) {
-                const uint64_t from = cursor.startOf(file);
-                if (from != UINT64_MAX)
-                    reader.add(file, from);
-            }
-            reader.prepare();
-            switch (settings.report) {
-            case Report::Count:
-                status = reportCount(settings, reader, filter, out);
-                break;
-            case Report::Stats:
-                status = reportStats(settings, reader, filter, out, color);
-                break;
-            case Report::Values:
-                status = reportValues(settings, reader, filter, out, color);
-                break;
-            case Report::Gaps:
-                status = reportGaps(settings, reader, filter, out, color);
-                break;
-            default:
-                status = reportVerify(settings, sources, out, color, problems);
-                break;
-            }
-            problems.insert(problems.end(), reader.problems.begin(), reader.problems.end());
-            damaged = reader.damaged;
-        } else {
-            Printer printer(settings, out, color, filter);
-            if (!printer.prepare(error))
-                return usageError(error);
-            if (settings.follow || !settings.cursorFile.empty())
-                installStopSignals();
-            View view(settings, sources, filter, printer, out, cursor, range);
-            status = view.show() ? tools::ExitOk : tools::ExitNothing;
-            problems.insert(problems.end(), view.problems.begin(), view.problems.end());
-            damaged = view.damaged;
-        }
+        Printer printer(settings, out, settings.color, filter);
+        if (!printer.prepare(error))
+            return usageError(settings, error);
+        if (!settings.noPager && !settings.follow)
+            pager.start();
+        const tools::IdNames names = tools::configuredIdNames();
+        const ReadRange range{filter.hasRange, filter.since, filter.until, settings.scan, &names};
+        if (settings.report != Report::None)
+            report(settings, sources, filter, cursor, range, out, outcome);
+        else
+            show(settings, sources, filter, cursor, range, printer, out, outcome);
         out.flush();
-        outputFailed = out.error != 0 && !(out.error == EPIPE && pager.child > 0);
+        if (out.error != EPIPE || pager.child <= 0) // the user may leave the pager early
+            outcome.outputError = out.error;
     }
     pager.finish();
-
-    if (outputFailed) {
-        complain("the output could not be written");
-        return tools::ExitPartial;
-    }
-    if (!settings.quiet) {
-        for (const std::string &problem : problems)
-            complain(problem);
-        for (const Reader::DamagedFile &file : damaged)
-            complain(file.path + ": " + std::to_string(file.lines) +
-                     (file.lines == 1 ? " damaged line" : " damaged lines") + " left out, at " +
-                     std::to_string(file.firstOffset) + " first (see --verify)");
-        if (filter.gaveUp())
-            complain("a regular expression was too complex for some texts; they count as not matching");
-        if (status == tools::ExitNothing && !isReport && problems.empty()) {
-            if (sources.files.empty())
-                complain("no log files were found");
-            else
-                complain("no record matches in " + std::to_string(sources.files.size()) +
-                         (sources.files.size() == 1 ? " file" : " files"));
-        }
-    }
-    if (!problems.empty())
-        return tools::ExitUnreadable;
-    if (!damaged.empty() || filter.gaveUp())
-        return tools::ExitPartial;
-    return status;
+    return conclude(settings, sources, filter, outcome);
 }
 
 } // namespace

@@ -1,14 +1,18 @@
 #include "qdlogview/printer.h"
 
+#include "common/csv.h"
 #include "common/json.h"
+#include "common/number_text.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
+#include <unistd.h>
 
 namespace qdlogview {
 
+using tools::appendNumber;
 using tools::Field;
+using tools::FieldRole;
 using tools::FieldRow;
 using tools::FieldType;
 using tools::FieldValue;
@@ -16,28 +20,19 @@ using tools::Item;
 using tools::Record;
 using tools::Style;
 
-namespace {
-
-template<typename T>
-void appendNumber(std::string &out, T value) {
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, value);
-    out.append(digits, static_cast<size_t>(end.ptr - digits));
-}
-
-} // namespace
-
 Printer::Printer(const Settings &chosen, tools::Output &output, bool useColor, Filter &chosenFilter)
-    : settings(chosen), out(output), color(useColor), filter(chosenFilter) {
+    : settings(chosen), out(output), color(useColor), filter(chosenFilter), escapeCsv(isatty(1) != 0) {
     formatter.mode = settings.utc ? tools::TimeFormatter::Mode::Utc : tools::TimeFormatter::Mode::Local;
     utc.mode = tools::TimeFormatter::Mode::Utc;
     fields = settings.fields;
     if (fields.empty()) {
-        for (const FieldRow &row : tools::fieldTable)
-            fields.push_back(row.field);
+        for (const FieldRow &row : tools::allFields()) {
+            if (row.role != FieldRole::TextLines || settings.format == Format::Json)
+                fields.push_back(&row); // else the text is shown in lines, or as it is stored
+        }
     }
     for (const Field field : fields)
-        keys.push_back(std::string(",\"") + tools::fieldTable[static_cast<size_t>(field)].name + "\":");
+        keys.push_back(std::string(",\"") + field->name + "\":");
 }
 
 bool Printer::prepare(std::string &error) {
@@ -55,15 +50,15 @@ bool Printer::prepare(std::string &error) {
         } else if (c == '{') {
             const size_t end = layout.find('}', i);
             const std::string name = layout.substr(i + 1, end == std::string::npos ? end : end - i - 1);
-            const FieldRow *row = end == std::string::npos ? nullptr : tools::findField(name);
-            if (row == nullptr) {
+            const Field field = end == std::string::npos ? nullptr : tools::findField(name);
+            if (field == nullptr) {
                 error = end == std::string::npos ? "--template: '}' is missing"
                                                  : "--template: '" + name + "' is not a field";
                 return false;
             }
             pieces.push_back(piece);
             piece = {};
-            pieces.push_back({"", true, row->field});
+            pieces.push_back({"", field});
             i = end;
         } else {
             piece.text += c;
@@ -78,7 +73,7 @@ void Printer::begin() {
         return;
     for (size_t i = 0; i < fields.size(); ++i) {
         out.buffer += i > 0 ? "," : "";
-        out.buffer += tools::fieldTable[static_cast<size_t>(fields[i])].name;
+        out.buffer += fields[i]->name;
     }
     out.write("\r\n");
 }
@@ -133,11 +128,41 @@ void Printer::appendTime(const Item &item, bool rfc3339) {
         formatter.appendShort(out.buffer, item.record.time);
 }
 
-void Printer::appendText(std::string_view text) {
+// With `lines` the carriage returns are the line feeds that the writer replaced.
+void Printer::appendText(std::string_view text, bool lines) {
+    if (lines) {
+        for (size_t end = text.find('\r'); end != std::string_view::npos; end = text.find('\r')) {
+            appendText(text.substr(0, end));
+            out.buffer += '\n';
+            text.remove_prefix(end + 1);
+        }
+    }
     if (settings.rawText)
         out.buffer += text;
     else
         tools::appendEscaped(out.buffer, text);
+}
+
+void Printer::appendLines(std::string_view text, size_t indentation) {
+    if (!text.empty() && text.back() == '\r')
+        text.remove_suffix(1);
+    for (size_t end = text.find('\r'); end != std::string_view::npos; end = text.find('\r')) {
+        appendHits(text.substr(0, end));
+        out.buffer += '\n';
+        out.buffer.append(indentation, ' ');
+        text.remove_prefix(end + 1);
+    }
+    appendHits(text);
+}
+
+// 5, or 5(server)
+void Printer::appendId(uint64_t id, std::string_view name) {
+    appendNumber(out.buffer, id);
+    if (name.empty())
+        return;
+    out.buffer += '(';
+    appendText(name);
+    out.buffer += ')';
 }
 
 void Printer::appendHits(std::string_view text) {
@@ -159,11 +184,11 @@ void Printer::appendHits(std::string_view text) {
 }
 
 void Printer::appendField(const Item &item, Field field) {
-    const FieldRow &row = tools::fieldTable[static_cast<size_t>(field)];
-    const FieldValue value = fieldValue(item, field);
+    const FieldValue value = field->value(item);
     if (!value.present)
         return;
-    switch (row.type) {
+    switch (field->type) {
+    case FieldType::Id:
     case FieldType::Number:
         appendNumber(out.buffer, value.number);
         break;
@@ -174,7 +199,7 @@ void Printer::appendField(const Item &item, Field field) {
         appendTime(item, true);
         break;
     case FieldType::Text:
-        appendText(value.text);
+        appendText(value.text, value.lines);
         break;
     }
 }
@@ -205,25 +230,27 @@ Style styleOf(const Record &record) {
 
 } // namespace
 
-// 2024-03-01 13:45:02.123 error 5/7 mgr[4242] (job-77): Disk full
+// 2024-03-01 13:45:02.123 error 5(server)/7 mgr[4242] (job-77): Disk full
 void Printer::printShort(const Item &item) {
     const Record &record = item.record;
     std::string &to = out.buffer;
     const Style style = color ? styleOf(record) : Style::Plain;
+    const size_t begin = to.size();
+    int32_t rank = 0;
+    const char *word = "unknown";
+    rankOf(record, rank, word);
     appendTime(item, false);
     to += ' ';
     to += tools::styleOn(style);
-    if (record.type == ZOLTLOG_MSG_APP)
-        to += tools::severityName(record.number);
-    else
-        to += tools::kindName(record.type);
+    to += word;
     if (record.type <= ZOLTLOG_MSG_DIAG)
         appendNumber(to, record.number);
     to += tools::styleOff(style);
     to += ' ';
-    appendNumber(to, record.product);
+    const tools::IdNames *names = item.origin->names;
+    appendId(record.product, names != nullptr ? names->product(record.product) : "");
     to += '/';
-    appendNumber(to, record.originator);
+    appendId(record.originator, names != nullptr ? names->originator(record.product, record.originator) : "");
     to += ' ';
     appendText(record.who);
     to += '[';
@@ -235,7 +262,12 @@ void Printer::printShort(const Item &item) {
         to += ')';
     }
     to += ": ";
-    appendHits(record.text);
+    if (record.text.find('\r') == std::string_view::npos || settings.rawText) {
+        appendHits(record.text);
+    } else {
+        const size_t invisible = std::strlen(tools::styleOn(style)) + std::strlen(tools::styleOff(style));
+        appendLines(record.text, tools::displayWidth(std::string_view(to).substr(begin)) - invisible);
+    }
     if (record.type == ZOLTLOG_MSG_AUDIT)
         to += " (outcome " + std::to_string(record.number) + ")";
     to += '\n';
@@ -247,17 +279,16 @@ void Printer::printFull(const Item &item) {
     appendText(item.origin->path);
     out.buffer += "@" + std::to_string(item.offset) + "]\n";
     for (const Field field : fields) {
-        if (settings.fields.empty() &&
-            (field == Field::Time || field == Field::File || field == Field::Offset))
+        if (settings.fields.empty() && (field->role == FieldRole::Place || field->type == FieldType::Time))
             continue; // in the title
-        if (!fieldValue(item, field).present)
+        if (!field->value(item).present)
             continue;
         out.buffer += "    ";
-        tools::appendStyled(out.buffer, Style::Bold, tools::fieldTable[static_cast<size_t>(field)].name,
-                            color);
+        tools::appendStyled(out.buffer, Style::Bold, field->name, color);
         out.buffer += '=';
-        if (field == Field::Text)
-            appendHits(item.record.text);
+        if (field->role == FieldRole::TextLines ||
+            (field->role == FieldRole::MessageText && !settings.rawText))
+            appendLines(item.record.text, std::strlen("    =") + std::strlen(field->name));
         else
             appendField(item, field);
         out.buffer += '\n';
@@ -266,7 +297,7 @@ void Printer::printFull(const Item &item) {
 
 void Printer::printTemplate(const Item &item) {
     for (const Piece &piece : pieces) {
-        if (piece.isField)
+        if (piece.field != nullptr)
             appendField(item, piece.field);
         else
             out.buffer += piece.text;
@@ -275,6 +306,12 @@ void Printer::printTemplate(const Item &item) {
 }
 
 // ---- json, csv, raw --------------------------------------------------------------
+
+// The writer made carriage returns of line feeds.
+void Printer::withLineFeeds(std::string_view text) {
+    scratch = text;
+    std::replace(scratch.begin(), scratch.end(), '\r', '\n');
+}
 
 // The hot way of the export: written by hand into the output's buffer. Every member
 // begins with a comma; the first one's becomes the brace.
@@ -287,12 +324,13 @@ void Printer::jsonText(std::string_view key, std::string_view value) {
 }
 
 void Printer::jsonField(const Item &item, Field field, std::string_view key) {
-    const FieldValue value = fieldValue(item, field);
+    const FieldValue value = field->value(item);
     if (!value.present)
         return;
-    switch (tools::fieldTable[static_cast<size_t>(field)].type) {
+    switch (field->type) {
+    case FieldType::Id:
     case FieldType::Number: {
-        const bool asText = settings.idsAsText && field != Field::Type && field != Field::Offset;
+        const bool asText = settings.idsAsText && field->type == FieldType::Id;
         out.buffer += key;
         if (asText)
             out.buffer += '"';
@@ -312,11 +350,11 @@ void Printer::jsonField(const Item &item, Field field, std::string_view key) {
         out.buffer += '"';
         break;
     case FieldType::Text:
-        jsonText(key, value.text);
-        if (field == Field::Text && std::memchr(value.text.data(), '\r', value.text.size()) != nullptr) {
-            scratch = value.text; // the writer made carriage returns of line feeds
-            std::replace(scratch.begin(), scratch.end(), '\r', '\n');
-            jsonText(",\"text_lines\":", scratch);
+        if (!value.lines) {
+            jsonText(key, value.text);
+        } else if (!settings.fields.empty() || value.text.find('\r') != std::string_view::npos) {
+            withLineFeeds(value.text); // without --fields only where it differs from the text
+            jsonText(key, scratch);
         }
         break;
     }
@@ -340,24 +378,20 @@ void Printer::printCsv(const Item &item) {
     for (size_t i = 0; i < fields.size(); ++i) {
         if (i > 0)
             out.buffer += ',';
-        const FieldRow &row = tools::fieldTable[static_cast<size_t>(fields[i])];
-        const FieldValue value = fieldValue(item, fields[i]);
+        const FieldRow &row = *fields[i];
+        const FieldValue value = row.value(item);
         if (!value.present)
             continue;
         if (row.type == FieldType::Time) {
             utc.appendRfc3339(out.buffer, value.value);
         } else if (row.type != FieldType::Text) {
             appendField(item, fields[i]);
-        } else if (value.text.find_first_of(",\"\r\n") == std::string_view::npos) {
-            out.buffer += value.text;
+        } else if (escapeCsv) {
+            tools::appendCsv(out.buffer, tools::escaped(value.text));
         } else {
-            out.buffer += '"';
-            for (const char c : value.text) {
-                if (c == '"')
-                    out.buffer += '"';
-                out.buffer += c;
-            }
-            out.buffer += '"';
+            if (value.lines)
+                withLineFeeds(value.text);
+            tools::appendCsv(out.buffer, value.lines ? scratch : value.text);
         }
     }
     out.buffer += "\r\n";

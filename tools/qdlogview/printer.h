@@ -32,10 +32,14 @@ struct Printer {
     void printTemplate(const tools::Item &item);
 
     void appendTime(const tools::Item &item, bool rfc3339);
-    void appendText(std::string_view text); // escaped unless --raw
-    void appendHits(std::string_view text); // the same, matches of -g in colour
+    void appendText(std::string_view text, bool lines = false); // escaped unless --raw
+    void appendHits(std::string_view text);                     // the same, matches of -g in colour
+    // A text of several lines, those after the first below it.
+    void appendLines(std::string_view text, size_t indentation);
+    void appendId(uint64_t id, std::string_view name);
     void appendField(const tools::Item &item, tools::Field field);
     void jsonField(const tools::Item &item, tools::Field field, std::string_view key);
+    void withLineFeeds(std::string_view text); // into scratch
     void jsonText(std::string_view key, std::string_view value);
 
     const Settings &settings;
@@ -48,13 +52,13 @@ struct Printer {
     std::vector<std::string> keys;             // json: ,"name": of each field
     const tools::Origin *lastOrigin = nullptr; // raw: whose header was written last
 
-    struct Piece { // of a template: a text, or a field
+    struct Piece { // of a template: a text, or (not null) a field
         std::string text;
-        bool isField = false;
-        tools::Field field{};
+        tools::Field field = nullptr;
     };
     std::vector<Piece> pieces;
     std::string scratch;
+    const bool escapeCsv; // on a terminal
 };
 
 } // namespace qdlogview

@@ -2,15 +2,15 @@
 // filter. Sections: tokens, parser, evaluation, projection.
 #include "qdlogview/query.h"
 
+#include "common/number_text.h"
 #include "common/record_file.h"
 
 #include <algorithm>
 #include <cctype>
-#include <charconv>
 
 namespace qdlogview {
 
-using tools::Field;
+using tools::FieldRole;
 using tools::FieldType;
 using tools::FieldValue;
 using tools::Item;
@@ -84,12 +84,6 @@ constexpr CompareRow compares[] = {
     {">", QueryNode::Compare::Greater},   {">=", QueryNode::Compare::GreaterEqual},
     {"~", QueryNode::Compare::Match},     {"!~", QueryNode::Compare::NoMatch},
 };
-
-template<typename T>
-bool wholeNumber(std::string_view text, T &value) {
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-    return result.ec == std::errc() && result.ptr == text.data() + text.size();
-}
 
 // ---- parser ----------------------------------------------------------------------
 
@@ -181,16 +175,12 @@ struct Parser {
             return fail("a field is missing");
         if (token.kind != Token::Kind::Word)
             return fail("a field name is expected");
-        const std::string name = token.text == "message_id" ? "msgid"
-                                 : token.text == "thread"   ? "tid"
-                                                            : token.text;
-        const tools::FieldRow *row = tools::findField(name);
-        if (row == nullptr)
+        QueryNode node;
+        node.field = tools::findField(token.text);
+        if (node.field == nullptr)
             return fail("'" + token.text + "' is not a field");
         advance();
-        QueryNode node;
-        node.field = row->field;
-        node.type = row->type;
+        node.type = node.field->type;
         if (isWord("in"))
             return parseList(node);
         for (const CompareRow &each : compares) {
@@ -247,22 +237,24 @@ struct Parser {
             return false;
         }
         case FieldType::Signed: {
-            int32_t severity = 0;
-            if (node.field == Field::Severity && tools::parseSeverity(text, severity)) {
-                node.value = severity;
+            int32_t rank = 0;
+            const char *name = nullptr;
+            if (node.field->role == FieldRole::Severity && tools::parseRank(text, rank, name)) {
+                node.value = rank;
                 return true;
             }
-            if (wholeNumber(text, node.value))
+            if (tools::parseNumber(text, node.value))
                 return true;
             break;
         }
+        case FieldType::Id:
         case FieldType::Number: {
             uint32_t type = 0;
-            if (node.field == Field::Type && tools::parseKind(text, type)) {
+            if (node.field->role == FieldRole::Type && tools::parseKind(text, type)) {
                 node.number = type;
                 return true;
             }
-            if (wholeNumber(text, node.number))
+            if (tools::parseNumber(text, node.number))
                 return true;
             break;
         }
@@ -273,22 +265,26 @@ struct Parser {
 
     // Kinds and severities by name are compared as numbers.
     bool takeText(QueryNode &node, const std::string &text, size_t where) {
-        if (node.field == Field::Kind) {
+        if (node.field->role == FieldRole::Kind) {
             uint32_t type = 0;
             if (!tools::parseKind(text, type)) {
                 fail("'" + text + "' is not a kind", where);
                 return false;
             }
             node.text = tools::kindName(type);
-        } else if (node.field == Field::Sev) {
-            int32_t severity = 0;
-            if (!tools::parseSeverity(text, severity)) {
+        } else if (node.field->role == FieldRole::SeverityName) {
+            int32_t rank = 0;
+            const char *name = nullptr;
+            if (!tools::parseRank(text, rank, name)) {
                 fail("'" + text + "' is not a severity", where);
                 return false;
             }
-            node.field = Field::Severity;
-            node.type = FieldType::Signed;
-            node.value = severity;
+            node.text = name;
+            if (node.compare != QueryNode::Compare::Equal && node.compare != QueryNode::Compare::NotEqual) {
+                node.field = tools::findField("severity");
+                node.type = FieldType::Signed;
+                node.value = rank;
+            }
         } else {
             node.text = text;
         }
@@ -360,17 +356,18 @@ bool Query::evaluate(int at, const Item &item) {
     case QueryNode::Kind::Not:
         return !evaluate(node.left, item);
     case QueryNode::Kind::Has:
-        return fieldValue(item, node.field).present;
+        return node.field->value(item).present;
     case QueryNode::Kind::Compare:
         break;
     }
-    const FieldValue value = fieldValue(item, node.field);
+    const FieldValue value = node.field->value(item);
     if (!value.present)
         return false;
     if (node.regex >= 0)
         return regexes[static_cast<size_t>(node.regex)].matches(value.text) ==
                (node.compare == QueryNode::Compare::Match);
     switch (node.type) {
+    case FieldType::Id:
     case FieldType::Number:
         return compareWith(node.compare, value.number, node.number);
     case FieldType::Signed:
@@ -470,24 +467,23 @@ LogQueryNode *FileQuery::project(const Query &query, int at, bool negated) {
         return nullptr;
 
     const int32_t kind = operatorOf(node.compare, negated);
-    switch (node.field) {
-    case Field::Product: // every record of a file has the product of its name
+    switch (node.field->role) {
+    case FieldRole::Product: // every record of a file has the product of its name
         return kind != 0 ? compare(ZOLTLOG_ATTR_PRODUCT_ID, kind, node.number) : nullptr;
-    case Field::FileOriginator: // log sets have none, and the name filter sees 0
+    case FieldRole::FileOriginator: // log sets have none, and the name filter sees 0
         return kind != 0 && !negated && (kind == ZOLTLOG_OP_EQUAL || kind == ZOLTLOG_OP_GREATER) &&
                        node.number > 0
                    ? compare(ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, kind, node.number)
                    : nullptr;
-    case Field::LogSet:
+    case FieldRole::LogSet:
         return kind == ZOLTLOG_OP_EQUAL && !negated ? compareText(ZOLTLOG_ATTR_LOGSET_NAME, node.text)
                                                     : nullptr;
-    case Field::Host:
+    case FieldRole::Host:
         if (kind != ZOLTLOG_OP_EQUAL || negated || node.text.find(' ') != std::string::npos)
             return nullptr;
         needsHost = true;
         return compareText(ZOLTLOG_ATTR_HOST_NAME, node.text);
-    case Field::Ts:
-    case Field::Time: {
+    case FieldRole::TimeStamp: {
         // A file with a record at or after a time was modified then or later; one with
         // a record at or before it was created before. Both in seconds, with room for
         // records of several processes that are a little out of order.

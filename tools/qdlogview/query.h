@@ -36,7 +36,7 @@ struct QueryNode {
     Kind kind = Kind::Has;
     Compare compare = Compare::Equal;
     int left = -1, right = -1; // And, Or; Not: left
-    tools::Field field = tools::Field::Text;
+    tools::Field field = nullptr;
     tools::FieldType type = tools::FieldType::Text;
     bool isSigned = false;
     uint64_t number = 0;

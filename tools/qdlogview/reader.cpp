@@ -143,6 +143,7 @@ void Reader::newOrigin(Stream &stream) {
     origin.logSet = std::string(file.name.logSet);
     origin.host = file.host;
     origin.hasHost = file.header.version != 0;
+    origin.names = range.names;
     origin.hasOffset = file.header.hasOffset;
     origin.offset = file.header.offset;
     if (file.header.version != 0 && file.lines.seekable && stream.origins.empty()) {

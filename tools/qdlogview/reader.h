@@ -18,6 +18,7 @@ struct ReadRange {
     bool limited = false;
     int64_t since = INT64_MIN, until = INT64_MAX; // milliseconds
     bool scan = false;                            // do not trust the order of times within files
+    const tools::IdNames *names = nullptr;        // of the records' ids
 };
 
 // One file being read.

@@ -1,4 +1,5 @@
-// What qdlogview tells instead of records.
+// What qdlogview tells instead of records. Each report collects first, and then shows
+// what it found as json or as a table.
 #pragma once
 
 #include "common/exit_codes.h"
@@ -7,17 +8,53 @@
 #include "qdlogview/reader.h"
 #include "qdlogview/settings.h"
 
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
 namespace qdlogview {
 
-// Each returns the exit status as far as its own findings go.
-tools::ExitCode reportCount(const Settings &settings, Reader &reader, Filter &filter, tools::Output &out);
-tools::ExitCode reportStats(const Settings &settings, Reader &reader, Filter &filter, tools::Output &out,
-                            bool color);
-tools::ExitCode reportValues(const Settings &settings, Reader &reader, Filter &filter, tools::Output &out,
-                             bool color);
-tools::ExitCode reportGaps(const Settings &settings, Reader &reader, Filter &filter, tools::Output &out,
-                           bool color);
-tools::ExitCode reportVerify(const Settings &settings, const Sources &sources, tools::Output &out, bool color,
-                             std::vector<std::string> &problems);
+struct ReportRun {
+    const Settings &settings;
+    const Sources &sources;
+    Reader &reader;
+    Filter &filter;
+    tools::Output &out;
+    std::vector<std::string> &problems; // files that cannot be read
+};
+
+// The report that the settings ask for; the exit status as far as its own findings go.
+tools::ExitCode runReport(ReportRun &run);
+
+tools::ExitCode reportStats(ReportRun &run);
+tools::ExitCode reportGaps(ReportRun &run);
+tools::ExitCode reportVerify(ReportRun &run);
+
+// ---- used by several reports -------------------------------------------------------
+
+// All records that the filter leaves, file after file.
+template<typename F>
+void eachSelected(ReportRun &run, const F &take) {
+    uint64_t taken = 0;
+    run.reader.each([&](const tools::Item &item) {
+        if (!run.filter.selects(item) || !run.filter.hits(item))
+            return true;
+        take(item);
+        ++taken;
+        return run.settings.maxCount == 0 || taken < run.settings.maxCount;
+    });
+}
+
+inline tools::Zone zoneOf(const Settings &settings) {
+    return settings.utc ? tools::Zone::Utc : tools::Zone::Local;
+}
+
+// How often each value of a field occurs.
+using Counts = std::unordered_map<std::string, uint64_t>;
+std::string valueText(const tools::Item &item, tools::Field field, const tools::FieldValue &value,
+                      tools::TimeFormatter &formatter);
+std::vector<std::pair<std::string, uint64_t>> sortedByCount(const Counts &counts);
 
 } // namespace qdlogview

@@ -1,27 +1,17 @@
 // The option table of qdlogview.
 #include "qdlogview/settings.h"
 
-#include "common/option_table.h"
+#include "common/exit_codes.h"
+#include "qdlogview/sources.h"
 
-#include <charconv>
+#include <algorithm>
 #include <string_view>
 
 namespace qdlogview {
 
 namespace {
 
-template<typename T>
-bool wholeNumber(std::string_view text, T &value) {
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-    return result.ec == std::errc() && result.ptr == text.data() + text.size() && !text.empty();
-}
-
-bool takeNumber(const char *text, uint64_t &value, std::string &error) {
-    if (wholeNumber(text, value))
-        return true;
-    error = std::string("'") + text + "' is not a number";
-    return false;
-}
+using tools::set;
 
 // Calls take for every item of a list with commas.
 template<typename F>
@@ -37,20 +27,22 @@ bool eachItem(std::string_view list, const F &take) {
 }
 
 // 5, 5..9, 5.., ..9, and lists of these
-bool takeRanges(const char *text, std::vector<NumberRange> &ranges, std::string &error) {
-    return eachItem(text, [&](std::string_view item) {
+template<auto Member>
+bool takeRanges(Settings &settings, const char *value, std::string &error) {
+    return eachItem(value, [&](std::string_view item) {
         NumberRange range{0, UINT64_MAX};
         const size_t dots = item.find("..");
         const std::string_view first = item.substr(0, dots);
         const std::string_view last = dots != std::string_view::npos ? item.substr(dots + 2) : first;
         const bool good =
-            (dots != std::string_view::npos && first.empty()) || wholeNumber(first, range.first);
-        if (!good || (!(dots != std::string_view::npos && last.empty()) && !wholeNumber(last, range.last)) ||
+            (dots != std::string_view::npos && first.empty()) || tools::parseNumber(first, range.first);
+        if (!good ||
+            (!(dots != std::string_view::npos && last.empty()) && !tools::parseNumber(last, range.last)) ||
             range.first > range.last || item == "..") {
             error = "'" + std::string(item) + "' is not a number or a range such as 5..9";
             return false;
         }
-        ranges.push_back(range);
+        (settings.*Member).push_back(range);
         return true;
     });
 }
@@ -60,16 +52,18 @@ bool takePriority(Settings &settings, const char *value, std::string &error) {
     const std::string_view text = value;
     const size_t dots = text.find("..");
     settings.hasPriority = true;
-    settings.highestPriority = 4;
-    bool good = tools::parseSeverity(text.substr(0, dots), settings.lowestPriority);
+    settings.highestPriority = tools::RANK_EMERGENCY;
+    const char *name = nullptr;
+    bool good = tools::parseRank(text.substr(0, dots), settings.lowestPriority, name);
     if (good && dots != std::string_view::npos) {
-        good = tools::parseSeverity(text.substr(dots + 2), settings.highestPriority);
+        good = tools::parseRank(text.substr(dots + 2), settings.highestPriority, name);
         if (settings.lowestPriority > settings.highestPriority)
             std::swap(settings.lowestPriority, settings.highestPriority);
     }
     if (!good)
         error = "'" + std::string(text) +
-                "' is not a severity (info, warning, error, critical, emergency, 0 to 4)";
+                "' is not a severity (debug, diagnostic, info, context, audit, warning, error, critical, "
+                "emergency)";
     return good;
 }
 
@@ -78,10 +72,10 @@ bool takeLevel(Settings &settings, const char *value, std::string &error) {
     const size_t dots = text.find("..");
     settings.hasLevel = true;
     settings.lowestLevel = INT32_MIN;
-    bool good = wholeNumber(text.substr(0, dots), settings.highestLevel);
+    bool good = tools::parseNumber(text.substr(0, dots), settings.highestLevel);
     if (good && dots != std::string_view::npos) {
         settings.lowestLevel = settings.highestLevel;
-        good = wholeNumber(text.substr(dots + 2), settings.highestLevel);
+        good = tools::parseNumber(text.substr(dots + 2), settings.highestLevel);
     }
     if (!good)
         error = "'" + std::string(text) + "' is not a level such as 3, or a range such as 2..4";
@@ -101,20 +95,17 @@ bool takeKinds(Settings &settings, const char *value, std::string &error) {
     });
 }
 
-bool takeField(const char *value, tools::Field &field, std::string &error) {
-    const tools::FieldRow *row = tools::findField(value);
-    if (row == nullptr) {
-        error = std::string("'") + value + "' is not a field (--complete fields lists them)";
-        return false;
-    }
-    field = row->field;
-    return true;
+bool findField(std::string_view name, tools::Field &field, std::string &error) {
+    field = tools::findField(name);
+    if (field == nullptr)
+        error = "'" + std::string(name) + "' is not a field (--complete fields lists them)";
+    return field != nullptr;
 }
 
 bool takeFields(Settings &settings, const char *value, std::string &error) {
     return eachItem(value, [&](std::string_view item) {
-        tools::Field field{};
-        if (!takeField(std::string(item).c_str(), field, error))
+        tools::Field field = nullptr;
+        if (!findField(item, field, error))
             return false;
         settings.fields.push_back(field);
         return true;
@@ -141,7 +132,7 @@ bool takeFormat(Settings &settings, const char *value, std::string &error) {
     return false;
 }
 
-bool takeReport(Settings &settings, Report report, std::string &error) {
+bool setReport(Settings &settings, Report report, std::string &error) {
     if (settings.report != Report::None && settings.report != report) {
         error = "only one of --count, --stats, --field, --gaps and --verify can be asked for";
         return false;
@@ -150,210 +141,184 @@ bool takeReport(Settings &settings, Report report, std::string &error) {
     return true;
 }
 
-#define SET [](Settings & settings, const char *value, std::string &error) -> bool
-#define UNUSED                                                                                               \
-    (void)settings;                                                                                          \
-    (void)value;                                                                                             \
-    (void)error
-#define FLAG(member)                                                                                         \
-    SET {                                                                                                    \
-        UNUSED;                                                                                              \
-        return settings.member = true;                                                                       \
-    }
-#define TEXT(member)                                                                                         \
-    SET {                                                                                                    \
-        UNUSED;                                                                                              \
-        settings.member = value;                                                                             \
-        return true;                                                                                         \
-    }
-#define LIST(member)                                                                                         \
-    SET {                                                                                                    \
-        UNUSED;                                                                                              \
-        settings.member.emplace_back(value);                                                                 \
-        return true;                                                                                         \
-    }
-#define RANGES(member)                                                                                       \
-    SET {                                                                                                    \
-        UNUSED;                                                                                              \
-        return takeRanges(value, settings.member, error);                                                    \
-    }
-#define REPORT(kind)                                                                                         \
-    SET {                                                                                                    \
-        UNUSED;                                                                                              \
-        return takeReport(settings, Report::kind, error);                                                    \
-    }
+template<Report Kind>
+bool takeReport(Settings &settings, const char *, std::string &error) {
+    return setReport(settings, Kind, error);
+}
 
-constexpr tools::Option<Settings> table[] = {
-    {'D', "directory", "DIR", "read the log files of a directory, as if it\nwere an operand", LIST(paths),
-     "Files"},
-    {'P', "product", "ID|NAME",
-     "of this product; without files and directories the\nconfiguration says where they are", TEXT(product)},
-    {'L', "logset", "NAME", "files of this log set", TEXT(logSet)},
-    {0, "file-originator", "ID|NAME", "files of this originator", TEXT(fileOriginator)},
-    {0, "config", "FILE", "configuration file in place of the usual one", TEXT(config)},
+bool takeValuesOf(Settings &settings, const char *value, std::string &error) {
+    return findField(value, settings.valuesOf, error) && setReport(settings, Report::Values, error);
+}
 
-    {'S', "since", "TIME",
-     "records at or after a time: 2024-03-01 13:45,\n13:45, yesterday, -2h30m, '2 hours ago', @EPOCH",
-     TEXT(since), "Records"},
-    {'U', "until", "TIME", "records at or before a time", TEXT(until)},
-    {'k', "kind", "KIND,...", "debug, diagnostic, application, context, audit",
-     SET{return takeKinds(settings, value, error);
-} // namespace
-} // namespace qdlogview
-, {'p', "priority", "SEV",
-   "application records of this severity and worse, or\nof a range: error, warning..error",
-   SET{return takePriority(settings, value, error);
+bool takeOutcome(Settings &settings, const char *value, std::string &error) {
+    error = std::string("'") + value + "' is not a number";
+    return settings.hasOutcome = tools::parseNumber(value, settings.outcome);
 }
-}
-, {'l', "level", "N", "debug and diagnostic records of this level and\nbelow, or of a range: 3, 2..4",
-   SET{return takeLevel(settings, value, error);
-}
-}
-, {'u', "originator", "ID|NAME", "records of this originator", TEXT(originator)},
-    {'t', "who", "PATTERN", "records of this component (*, ? and [] match)", LIST(who)},
-    {'c', "context", "PATTERN", "records of this context, and the record of the\ncontext itself",
-     LIST(context)},
-    {0, "pid", "N", "records of these processes: 5, 5..9, 5,7", RANGES(pids)},
-    {0, "tid", "N", "records of these threads", RANGES(tids)},
-    {0, "message-id", "N", "records with these message ids", RANGES(messageIds)},
-    {0, "subject", "PATTERN", "audit records of this subject", LIST(subject)},
-    {0, "outcome", "N", "audit records with this outcome",
-     SET{if (wholeNumber(value, settings.outcome)) return settings.hasOutcome = true;
-error = std::string("'") + value + "' is not a number";
-return false;
-}
-}
-, {0, "host", "PATTERN", "records written on this host", LIST(host)},
-    {'w', "where", "QUERY",
-     "records for which a query holds, for example\n'severity >= error and (who = mgr or text ~ \"disk\")'",
-     TEXT(where)},
-    {'g', "grep", "REGEX", "records whose text matches", SET{UNUSED;
-settings.grep = value;
-return settings.hasGrep = true;
-}
-}
-, {'i', "ignore-case", nullptr, "-g without regard to upper and lower case", FLAG(ignoreCase)},
-    {'v', "invert-match", nullptr, "records whose text does not match -g", FLAG(invert)},
-    {'A', "after-context", "N", "also N records after each match of -g",
-     SET{return takeNumber(value, settings.after, error);
-}
-}
-, {'B', "before-context", "N", "also N records before each match of -g",
-   SET{return takeNumber(value, settings.before, error);
-}
-}
-, {'C', "around", "N", "-A N -B N",
-   SET{return takeNumber(value, settings.before, error) && takeNumber(value, settings.after, error);
-}
-}
-,
 
-    {'n', "lines", "N", "the last N records only (all: no limit)", SET{settings.hasLines = true;
-settings.lines = AllLines;
-return std::string_view(value) == "all" || takeNumber(value, settings.lines, error);
+bool takeGrep(Settings &settings, const char *value, std::string &) {
+    settings.grep = value;
+    return settings.hasGrep = true;
 }
-, "Order and amount"
-}
-, {'m', "max-count", "N", "stop after N records",
-   SET{if (!takeNumber(value, settings.maxCount, error)) return false;
-error = "0 records would be nothing";
-return settings.maxCount > 0;
-}
-}
-, {'r', "reverse", nullptr, "newest records first", FLAG(reverse)},
-    {'f', "follow", nullptr,
-     "go on with new records as they are written, over\nrollovers (begins with the last 10)", FLAG(follow)},
-    {0, "timeout", "SPAN", "stop following after a time: 90s, 5m",
-     SET{if (!tools::parseSpanText(value, settings.timeout, error)) return false;
-error = "0 is no time";
-return settings.timeout > 0;
-}
-}
-, {0, "scan", nullptr, "look for times in whole files, also where they are\nin order", FLAG(scan)},
 
-    {0,        "after-cursor", "CURSOR", "go on behind a place that --show-cursor told", TEXT(afterCursor),
-     "Cursors"},
-    {0, "cursor-file", "FILE", "go on behind the place in FILE, and keep the place\nreached there",
-     TEXT(cursorFile)},
-    {0, "show-cursor", nullptr, "tell the place reached at the end", FLAG(showCursor)},
+bool takeAround(Settings &settings, const char *value, std::string &error) {
+    error = std::string("'") + value + "' is not a number";
+    return tools::parseNumber(value, settings.after) && tools::parseNumber(value, settings.before);
+}
 
-    {'o', "output", "FORMAT", "short, full, json, csv, raw, template",
-     SET{return takeFormat(settings, value, error);
+bool takeLines(Settings &settings, const char *value, std::string &error) {
+    settings.hasLines = true;
+    settings.lines = AllLines;
+    error = std::string("'") + value + "' is not a number";
+    return std::string_view(value) == "all" || tools::parseNumber(value, settings.lines);
 }
-, "Output"
-}
-, {0, "template", "TEXT", "a line for each record: '{time} {kind} {text}'", SET{settings.layout = value;
-return takeFormat(settings, "template", error);
-}
-}
-, {0, "fields", "FIELD,...", "only these fields in full, json and csv",
-   SET{return takeFields(settings, value, error);
-}
-}
-, {0, "utc", nullptr, "times in UTC, also those of -S and -U", FLAG(utc)},
-    {0, "writer-time", nullptr, "times in the writer's local time", FLAG(writerTime)},
-    {0, "ids-as-text", nullptr, "ids as texts in json (for readers that round large\nnumbers)",
-     FLAG(idsAsText)},
-    {0, "with-line", nullptr, "the stored line as field \"line\" in json", FLAG(withLine)},
-    {0, "raw", nullptr, "control characters of texts as they are (short,\nfull, template)", FLAG(rawText)},
-    {0, "color", "WHEN", "auto, always, never",
-     SET{if (tools::parseColorMode(value, settings.color)) return true;
-error = std::string("'") + value + "' is not auto, always or never";
-return false;
-}
-}
-, {0, "no-pager", nullptr, "do not pass the output through a pager", FLAG(noPager)},
-    {'q', "quiet", nullptr, "no warnings and notes", FLAG(quiet)},
 
-    {0, "count", nullptr, "only the number of records", REPORT(Count), "Instead of records"},
-    {0, "stats", nullptr, "counts by kind, severity, originator and component", REPORT(Stats)},
-    {'F', "field", "FIELD", "the values of a field and how often each occurs",
-     SET{return takeField(value, settings.valuesOf, error) && takeReport(settings, Report::Values, error);
+bool takeMaxCount(Settings &settings, const char *value, std::string &error) {
+    error = std::string("'") + value + "' is not a number from 1 on";
+    return tools::parseNumber(value, settings.maxCount) && settings.maxCount > 0;
 }
-}
-, {0, "gaps", nullptr, "sequence numbers and files that are missing", REPORT(Gaps)},
-    {0, "verify", nullptr, "check every record; tell what is torn and where", REPORT(Verify)},
-    {0, "complete", "WHAT",
-     "what a shell can complete: options, fields, kinds,\nseverities, outputs, products, originators, "
-     "logsets",
-     TEXT(complete)},
-    {'h', "help", nullptr, "this text", FLAG(help)}, {0, "version", nullptr, "the version", FLAG(version)},
-}
-;
 
-#undef SET
-#undef UNUSED
-#undef FLAG
-#undef TEXT
-#undef LIST
-#undef RANGES
-#undef REPORT
-
-} // namespace
-
-bool parseCommandLine(int argc, char **argv, Settings &settings, std::string &error) {
-    std::vector<std::string> operands;
-    if (!tools::parseOptions(table, argc, argv, settings, operands, error))
+bool takeTimeout(Settings &settings, const char *value, std::string &error) {
+    if (!tools::parseSpanText(value, settings.timeout, error))
         return false;
-    settings.paths.insert(settings.paths.end(), operands.begin(), operands.end());
+    error = "0 is no time";
+    return settings.timeout > 0;
+}
+
+bool takeTemplate(Settings &settings, const char *value, std::string &error) {
+    settings.layout = value;
+    return takeFormat(settings, "template", error);
+}
+
+// ---- the tables --------------------------------------------------------------------
+
+constexpr unsigned Every = tools::TakesEvery;
+
+const tools::Command commands[] = {
+    {"",
+     Every | tools::TakesJson | tools::TakesPages | tools::TakesQuiet | tools::TakesConfig |
+         tools::TakesCompletion,
+     0, "[FILE|DIRECTORY]...", 0, tools::AnyNumber, "", nullptr},
+};
+
+const tools::Option table[] = {
+    {"-D,--directory", Every, "DIR", "read the log files of a directory, as if it\nwere an operand",
+     set<&Settings::paths>, "Files"},
+    {"-P,--product", Every, "ID|NAME",
+     "of this product; without files and directories the\nconfiguration says where they are",
+     set<&Settings::product>},
+    {"-L,--logset", Every, "NAME", "files of this log set", set<&Settings::logSet>},
+    {"--file-originator", Every, "ID|NAME", "files of this originator", set<&Settings::fileOriginator>},
+
+    {"-S,--since", Every, "TIME",
+     "records at or after a time: 2024-03-01 13:45,\n13:45, yesterday, -2h30m, '2 hours ago', @EPOCH",
+     set<&Settings::since>, "Records"},
+    {"-U,--until", Every, "TIME", "records at or before a time", set<&Settings::until>},
+    {"-k,--kind", Every, "KIND,...", "debug, diagnostic, application, context, audit", set<takeKinds>},
+    {"-p,--priority,--severity", Every, "SEV",
+     "records of this severity and worse, whatever their\nkind, or of a range: error, audit..error",
+     set<takePriority>},
+    {"-l,--level", Every, "N",
+     "debug and diagnostic records of this level and\nbelow, or of a range: 3, 2..4", set<takeLevel>},
+    {"-u,--originator", Every, "ID|NAME", "records of this originator", set<&Settings::originator>},
+    {"-t,--who", Every, "PATTERN", "records of this component (*, ? and [] match)", set<&Settings::who>},
+    {"-c,--context", Every, "PATTERN", "records of this context, and the record of the\ncontext itself",
+     set<&Settings::context>},
+    {"--pid", Every, "N", "records of these processes: 5, 5..9, 5,7", set<takeRanges<&Settings::pids>>},
+    {"--tid", Every, "N", "records of these threads", set<takeRanges<&Settings::tids>>},
+    {"--message-id", Every, "N", "records with these message ids", set<takeRanges<&Settings::messageIds>>},
+    {"--subject", Every, "PATTERN", "audit records of this subject", set<&Settings::subject>},
+    {"--outcome", Every, "N", "audit records with this outcome", set<takeOutcome>},
+    {"--host", Every, "PATTERN", "records written on this host", set<&Settings::host>},
+    {"-w,--where", Every, "QUERY",
+     "records for which a query holds, for example\n'severity >= error and (who = mgr or text ~ \"disk\")'",
+     set<&Settings::where>},
+    {"-g,--grep", Every, "REGEX", "records whose text matches", set<takeGrep>},
+    {"-i,--ignore-case", Every, nullptr, "-g without regard to upper and lower case",
+     set<&Settings::ignoreCase>},
+    {"-v,--invert-match", Every, nullptr, "records whose text does not match -g", set<&Settings::invert>},
+    {"-A,--after-context", Every, "N", "also N records after each match of -g", set<&Settings::after>},
+    {"-B,--before-context", Every, "N", "also N records before each match of -g", set<&Settings::before>},
+    {"-C,--around", Every, "N", "-A N -B N", set<takeAround>},
+
+    {"-n,--lines", Every, "N", "the last N records only (all: no limit)", set<takeLines>, "Order and amount"},
+    {"-m,--max-count", Every, "N", "stop after N records", set<takeMaxCount>},
+    {"-r,--reverse", Every, nullptr, "newest records first", set<&Settings::reverse>},
+    {"-f,--follow", Every, nullptr,
+     "go on with new records as they are written, over\nrollovers (begins with the last 10)",
+     set<&Settings::follow>},
+    {"--timeout", Every, "SPAN", "stop following after a time: 90s, 5m", set<takeTimeout>},
+    {"--scan", Every, nullptr, "look for times in whole files, also where they are\nin order",
+     set<&Settings::scan>},
+
+    {"--after-cursor", Every, "CURSOR", "go on behind a place that --show-cursor told",
+     set<&Settings::afterCursor>, "Cursors"},
+    {"--cursor-file", Every, "FILE", "go on behind the place in FILE, and keep the place\nreached there",
+     set<&Settings::cursorFile>},
+    {"--show-cursor", Every, nullptr, "tell the place reached at the end", set<&Settings::showCursor>},
+
+    {"-o,--output", Every, "FORMAT", "short, full, json, csv, raw, template", set<takeFormat>, "Output"},
+    {"--template", Every, "TEXT", "a line for each record: '{time} {kind} {text}'", set<takeTemplate>},
+    {"--fields", Every, "FIELD,...", "only these fields in full, json and csv", set<takeFields>},
+    {"--utc", Every, nullptr, "times in UTC, also those of -S and -U", set<&Settings::utc>},
+    {"--writer-time", Every, nullptr, "times in the writer's local time", set<&Settings::writerTime>},
+    {"--ids-as-text", Every, nullptr, "ids as texts in json (for readers that round large\nnumbers)",
+     set<&Settings::idsAsText>},
+    {"--with-line", Every, nullptr, "the stored line as field \"line\" in json", set<&Settings::withLine>},
+    {"--raw", Every, nullptr, "control characters of texts as they are (short,\nfull, template)",
+     set<&Settings::rawText>},
+
+    {"--count", Every, nullptr, "only the number of records", set<takeReport<Report::Count>>,
+     "Instead of records"},
+    {"--stats", Every, nullptr, "counts by kind, severity, originator and component",
+     set<takeReport<Report::Stats>>},
+    {"-F,--field", Every, "FIELD", "the values of a field and how often each occurs", set<takeValuesOf>},
+    {"--gaps", Every, nullptr, "sequence numbers and files that are missing", set<takeReport<Report::Gaps>>},
+    {"--verify", Every, nullptr, "check every record; tell what is torn and where",
+     set<takeReport<Report::Verify>>},
+};
+
+bool complete(tools::CommonOptions &settings, std::vector<std::string> &words, int &status) {
+    const std::string &what = settings.complete;
+    if (what == "fields") {
+        for (const tools::FieldRow &row : tools::allFields())
+            words.emplace_back(row.name);
+    } else if (what == "kinds") {
+        for (const uint32_t kind :
+             {ZOLTLOG_MSG_DEBUG, ZOLTLOG_MSG_DIAG, ZOLTLOG_MSG_APP, ZOLTLOG_MSG_CONTEXT, ZOLTLOG_MSG_AUDIT})
+            words.emplace_back(tools::kindName(kind));
+    } else if (what == "severities") {
+        for (const char *name : tools::rankNames())
+            words.emplace_back(name);
+    } else if (what == "outputs") {
+        for (const FormatRow &row : formats)
+            words.emplace_back(row.name);
+    } else if (what == "products" || what == "originators" || what == "logsets") {
+        if (!configuredNames(what, words))
+            status = tools::ExitUnreadable; // completion stays silent
+    } else {
+        return false;
+    }
     return true;
 }
 
-void appendUsage(std::string &out) {
-    out += "usage: qdlogview [OPTIONS] [FILE|DIRECTORY]...\n"
-           "Shows, filters, follows and exports log files. Without files and directories it\n"
-           "reads those of all products that are configured; - is standard input.\n";
-    tools::appendHelp(out, table);
-    out += "\nExit status: 0 records were shown, 1 none matched or --verify and --gaps found\n"
-           "something, 2 wrong usage, 3 a file or the configuration could not be read,\n"
-           "4 the output is not complete.\n";
+tools::Tool makeTool() {
+    return {
+        "qdlogview",
+        "Shows, filters, follows and exports log files. Without files and directories it\n"
+        "reads those of all products that are configured; - is standard input.\n",
+        tools::rowsOf<tools::Option>(table),
+        tools::rowsOf<tools::Command>(commands),
+        "--complete knows options, fields, kinds, severities, outputs, products,\n"
+        "originators and logsets.\n\n"
+        "Exit status: 0 records were shown, 1 none matched or --verify and --gaps found\n"
+        "something, 2 wrong usage, 3 a file or the configuration could not be read,\n"
+        "4 the output is not complete.\n",
+        complete,
+    };
 }
 
-void appendOptionList(std::string &out) {
-    tools::appendOptionNames(out, table);
-}
-
-bool checkSettings(const Settings &settings, std::string &error) {
+// What cannot go together, or "".
+std::string contradiction(const Settings &settings) {
     const bool reading = settings.report == Report::None;
     const bool cursor = !settings.afterCursor.empty() || !settings.cursorFile.empty() || settings.showCursor;
     const bool aroundMatches = settings.before > 0 || settings.after > 0;
@@ -361,6 +326,9 @@ bool checkSettings(const Settings &settings, std::string &error) {
         bool wrong;
         const char *text;
     } rows[] = {
+        {settings.json && settings.hasFormat && settings.format != Format::Json,
+         "--json is -o json; it excludes another format"},
+        {settings.hasLines && settings.lines == 0 && !settings.follow, "-n 0 shows nothing without -f"},
         {settings.utc && settings.writerTime, "--utc and --writer-time exclude each other"},
         {!settings.hasGrep && (settings.invert || settings.ignoreCase || aroundMatches),
          "-i, -v, -A, -B and -C need -g"},
@@ -374,18 +342,38 @@ bool checkSettings(const Settings &settings, std::string &error) {
         {aroundMatches && (settings.reverse || settings.follow),
          "-A, -B and -C cannot be used with -r and -f"},
         {!settings.layout.empty() && settings.format != Format::Template, "--template needs -o template"},
+        {!settings.fields.empty() && settings.report == Report::None && settings.format != Format::Full &&
+             settings.format != Format::Csv && settings.format != Format::Json && !settings.json,
+         "--fields is for full, csv and json"},
         {settings.format == Format::Template && settings.layout.empty(), "-o template needs --template"},
         {settings.format == Format::Csv && settings.report != Report::None &&
              settings.report != Report::Values,
          "csv is for records and --field"},
     };
     for (const auto &row : rows) {
-        if (row.wrong) {
-            error = row.text;
-            return false;
-        }
+        if (row.wrong)
+            return row.text;
     }
-    return true;
+    return "";
+}
+
+} // namespace
+
+int usageError(const Settings &settings, const std::string &why) {
+    return tools::usageError(makeTool(), settings, why);
+}
+
+std::optional<int> parseCommandLine(int argc, char **argv, Settings &settings) {
+    const tools::Tool tool = makeTool();
+    if (const auto status = tools::parseCommandLine(tool, argc, argv, settings))
+        return status;
+    settings.paths.insert(settings.paths.end(), settings.operands.begin(), settings.operands.end());
+    const std::string error = contradiction(settings);
+    if (!error.empty())
+        return tools::usageError(tool, settings, error);
+    if (settings.json)
+        settings.format = Format::Json;
+    return {};
 }
 
 } // namespace qdlogview

@@ -2,10 +2,11 @@
 #pragma once
 
 #include "common/fields.h"
-#include "common/terminal.h"
+#include "common/options.h"
 #include "common/time_text.h"
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,11 +22,10 @@ struct NumberRange {
 constexpr uint64_t AllLines = UINT64_MAX;
 
 // One object, grouped by meaning and not by size.
-struct Settings { // NOLINT(clang-analyzer-optin.performance.Padding)
+struct Settings : tools::CommonOptions { // NOLINT(clang-analyzer-optin.performance.Padding)
     // Which files
     std::vector<std::string> paths; // files and directories
-    std::string config;
-    std::string product; // id or name
+    std::string product;            // id or name
     std::string fileOriginator;
     std::string logSet;
 
@@ -33,7 +33,7 @@ struct Settings { // NOLINT(clang-analyzer-optin.performance.Padding)
     std::string since, until;
     std::vector<uint32_t> kinds;
     bool hasPriority = false;
-    int32_t lowestPriority = 0, highestPriority = 4;
+    int32_t lowestPriority = 0, highestPriority = 0; // of enum Rank
     bool hasLevel = false;
     int32_t lowestLevel = 0, highestLevel = 0;
     std::string originator;                               // id or name
@@ -67,22 +67,17 @@ struct Settings { // NOLINT(clang-analyzer-optin.performance.Padding)
     std::vector<tools::Field> fields;
     bool utc = false, writerTime = false;
     bool rawText = false, idsAsText = false, withLine = false;
-    tools::ColorMode color = tools::ColorMode::Auto;
-    bool noPager = false, quiet = false;
 
     // Instead of records
     Report report = Report::None;
-    tools::Field valuesOf = tools::Field::Text;
-    std::string complete;
-    bool help = false, version = false;
+    tools::Field valuesOf = nullptr;
 };
 
-// False with an error text: wrong usage.
-bool parseCommandLine(int argc, char **argv, Settings &settings, std::string &error);
-void appendUsage(std::string &out);
-void appendOptionList(std::string &out); // for completion and the test of the manual
+// The exit status to end with, or nothing: the settings hold what was asked for, and
+// nothing in them excludes anything else.
+std::optional<int> parseCommandLine(int argc, char **argv, Settings &settings);
 
-// Conditions that come to naught together; false with an error text.
-bool checkSettings(const Settings &settings, std::string &error);
+// Tells a wrong usage; the exit status.
+int usageError(const Settings &settings, const std::string &why);
 
 } // namespace qdlogview

@@ -2,14 +2,12 @@
 // filter, completion.
 #include "qdlogview/sources.h"
 
+#include "common/configurations.h"
 #include "common/record_file.h"
-#include "common/result_text.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <climits>
-#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
@@ -27,32 +25,6 @@ using tools::FileName;
 
 namespace {
 
-constexpr uint32_t MaxConfigurations = 4096;
-
-struct Configurations {
-    Configurations() : items(MaxConfigurations, nullptr) {}
-    ~Configurations() { FreeConfigArray(items.data(), count); }
-    Configurations(const Configurations &) = delete;
-    Configurations &operator=(const Configurations &) = delete;
-
-    std::vector<LogCfg *> items;
-    uint32_t count = 0;
-};
-
-struct OneConfiguration {
-    OneConfiguration() = default;
-    ~OneConfiguration() { zoltLogFreeCfg(&cfg); }
-    OneConfiguration(const OneConfiguration &) = delete;
-    OneConfiguration &operator=(const OneConfiguration &) = delete;
-
-    LogCfg cfg = {};
-};
-
-bool wholeNumber(const std::string &text, uint64_t &value) {
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-    return result.ec == std::errc() && result.ptr == text.data() + text.size() && !text.empty();
-}
-
 std::string withSlash(std::string directory) {
     if (directory.empty() || directory.back() != '/')
         directory += '/';
@@ -65,38 +37,25 @@ std::string withSlash(std::string directory) {
 bool Sources::resolve(const Settings &settings) {
     hasProduct = !settings.product.empty();
     hasOriginator = !settings.originator.empty();
-    const bool productIsId = wholeNumber(settings.product, product);
-    const bool originatorIsId = wholeNumber(settings.originator, originator);
-    const bool fileOriginatorIsId =
-        settings.fileOriginator.empty() || wholeNumber(settings.fileOriginator, wantedFileOriginator);
-    if ((!hasProduct || productIsId) && (!hasOriginator || originatorIsId) && fileOriginatorIsId)
-        return true;
+    std::string problem;
+    if (hasProduct)
+        product = tools::findProduct(settings.product, problem);
+    if (problem.empty() && hasOriginator)
+        originator = tools::findOriginator(settings.originator, product, problem);
+    if (problem.empty() && !settings.fileOriginator.empty())
+        wantedFileOriginator = tools::findOriginator(settings.fileOriginator, product, problem);
+    if (!problem.empty())
+        problems.push_back(problem);
+    return problem.empty();
+}
 
-    Configurations all;
-    const uint32_t result = zoltLogReadAllCfg(nullptr, MaxConfigurations, all.items.data(), &all.count);
-    if (result != ZOLTLOG_OK) {
-        problems.push_back(tools::configurationProblem(GetZoltLogCfgLoc(), result));
-        return false;
-    }
-    const auto idOf = [&](uint32_t kind, const std::string &name, const char *what, uint64_t &id) {
-        // Originators have their names within a product.
-        std::vector<LogCfg *> some;
-        std::copy_if(all.items.begin(), all.items.begin() + all.count, std::back_inserter(some),
-                     [&](const LogCfg *cfg) {
-                         return kind == ZOLTLOG_ATTR_PRODUCT_ID || !hasProduct || cfg->productId == product;
-                     });
-        id = GetIdFromName(some.data(), static_cast<uint32_t>(some.size()), kind, name.c_str());
-        if (id == 0)
-            problems.push_back("no " + std::string(what) + " '" + name + "' is configured in " +
-                               GetZoltLogCfgLoc());
-        return id != 0;
-    };
-    return (!hasProduct || productIsId ||
-            idOf(ZOLTLOG_ATTR_PRODUCT_ID, settings.product, "product", product)) &&
-           (!hasOriginator || originatorIsId ||
-            idOf(ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, settings.originator, "originator", originator)) &&
-           (fileOriginatorIsId || idOf(ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, settings.fileOriginator, "originator",
-                                       wantedFileOriginator));
+// Tells that nothing is known of a log set, unless its configuration cannot be read.
+bool Sources::lacksLogSet(const std::string &name, uint32_t result) {
+    problems.push_back(tools::configurationProblem(product, result));
+    const tools::Configurations all(product);
+    if (all.result == ZOLTLOG_OK)
+        problems.back() = "there is no log set '" + name + "' in the configuration " + GetZoltLogCfgLoc();
+    return false;
 }
 
 // Rules from the configuration. An originator's records may be in files of other
@@ -104,7 +63,7 @@ bool Sources::resolve(const Settings &settings) {
 // file originator or a log set is named.
 bool Sources::addConfigured(const Settings &settings) {
     const auto failed = [&](uint32_t result) {
-        problems.push_back(tools::configurationProblem(GetZoltLogCfgLoc(), result));
+        problems.push_back(tools::configurationProblem(product, result));
         return false;
     };
     const auto add = [&](const LogCfg &cfg) {
@@ -117,7 +76,7 @@ bool Sources::addConfigured(const Settings &settings) {
     };
     uint32_t result = ZOLTLOG_OK;
     if (hasProduct && wantedFileOriginator != 0 && settings.logSet.empty()) {
-        OneConfiguration one;
+        tools::Configuration one;
         result = zoltLogReadCfg(product, wantedFileOriginator, &one.cfg);
         if (result != ZOLTLOG_OK)
             return failed(result);
@@ -126,10 +85,10 @@ bool Sources::addConfigured(const Settings &settings) {
         return true;
     }
     if (hasProduct && !settings.logSet.empty()) {
-        OneConfiguration one;
+        tools::Configuration one;
         result = zoltLogReadlogsetCfg(product, settings.logSet.c_str(), &one.cfg);
         if (result != ZOLTLOG_OK)
-            return failed(result);
+            return lacksLogSet(settings.logSet, result);
         one.cfg.productId = product;
         wantedLogSet = one.cfg.logsetFilename != nullptr && one.cfg.logsetFilename[0] != '\0'
                            ? one.cfg.logsetFilename
@@ -137,30 +96,38 @@ bool Sources::addConfigured(const Settings &settings) {
         add(one.cfg);
         return true;
     }
-    Configurations all;
-    result = hasProduct
-                 ? zoltLogReadProdIDCfg(nullptr, product, MaxConfigurations, all.items.data(), &all.count)
-                 : zoltLogReadAllCfg(nullptr, MaxConfigurations, all.items.data(), &all.count);
+    const tools::Configurations all(product);
     std::set<uint64_t> products;
-    for (uint32_t i = 0; i < all.count; ++i) {
-        const LogCfg &cfg = *all.items[i];
+    bool knowsLogSet = false;
+    for (const LogCfg *each : all) {
+        const LogCfg &cfg = *each;
         products.insert(cfg.productId);
         add(cfg);
-        if (cfg.isLogset != 0 && cfg.logsetName != nullptr && settings.logSet == cfg.logsetName &&
-            cfg.logsetFilename != nullptr && cfg.logsetFilename[0] != '\0')
+        const bool hasFile =
+            cfg.isLogset != 0 && cfg.logsetFilename != nullptr && cfg.logsetFilename[0] != '\0';
+        const bool isNamed =
+            cfg.isLogset != 0 && cfg.logsetName != nullptr && settings.logSet == cfg.logsetName;
+        knowsLogSet = knowsLogSet || isNamed || (hasFile && settings.logSet == cfg.logsetFilename);
+        if (isNamed && hasFile)
             wantedLogSet = cfg.logsetFilename;
     }
+    if (!settings.logSet.empty() && !knowsLogSet)
+        return lacksLogSet(settings.logSet, all.result);
     if (hasProduct)
         products.insert(product);
+    else
+        problems = tools::unreadableConfigurations();
     // Originators without a section of their own write where the default settings say.
     for (const uint64_t each : products) {
-        OneConfiguration one;
+        tools::Configuration one;
         const uint32_t found = zoltLogReadCfg(each, ZOLTLOG_DEFAULT_ORIGINATOR, &one.cfg);
         one.cfg.productId = each;
         if (found == ZOLTLOG_OK)
             add(one.cfg);
     }
-    return rules.empty() && result != ZOLTLOG_OK ? failed(result) : true;
+    if (!rules.empty() || all.result == ZOLTLOG_OK)
+        return true;
+    return problems.empty() ? failed(all.result) : false;
 }
 
 // ---- rules and listing -----------------------------------------------------------
@@ -331,8 +298,6 @@ void Sources::addNamed(const std::string &path, bool follow) {
 
 bool Sources::find(const Settings &settings, const FileQuery &fileQuery) {
     query = &fileQuery;
-    if (!settings.config.empty())
-        setenv("ZOLTLOG_CFG_LOC", settings.config.c_str(), 1); // before the library looks for it
     if (!resolve(settings))
         return false;
     wantedLogSet = settings.logSet;
@@ -394,34 +359,21 @@ void Sources::findNew(std::vector<SourceFile> &found) {
 // ---- completion ------------------------------------------------------------------
 
 bool configuredNames(const std::string &what, std::vector<std::string> &names) {
-    Configurations all;
-    if (zoltLogReadAllCfg(nullptr, MaxConfigurations, all.items.data(), &all.count) != ZOLTLOG_OK)
+    const tools::Configurations all;
+    if (all.result != ZOLTLOG_OK)
         return false;
     std::set<std::string> found;
-    const auto addList = [&](const char *list) {
-        std::string item;
-        for (const char *c = list;; ++c) {
-            if (*c == ',' || *c == '\0') {
-                if (!item.empty())
-                    found.insert(item);
-                item.clear();
-                if (*c == '\0')
-                    break;
-            } else if (*c != ' ') {
-                item += *c;
-            }
-        }
-    };
-    for (uint32_t i = 0; i < all.count; ++i) {
-        const LogCfg &cfg = *all.items[i];
+    for (const LogCfg *cfg : all) {
         if (what == "products") {
-            found.insert(std::to_string(cfg.productId));
-            addList(cfg.productShortNames);
-        } else if (what == "originators" && cfg.isLogset == 0) {
-            found.insert(std::to_string(cfg.originatorId));
-            addList(cfg.originatorNames);
-        } else if (what == "logsets" && cfg.isLogset != 0 && cfg.logsetName != nullptr) {
-            found.insert(cfg.logsetName);
+            found.insert(std::to_string(cfg->productId));
+            for (const std::string &name : tools::namesOf(cfg->productShortNames))
+                found.insert(name);
+        } else if (what == "originators" && cfg->isLogset == 0) {
+            found.insert(std::to_string(cfg->originatorId));
+            for (const std::string &name : tools::namesOf(cfg->originatorNames))
+                found.insert(name);
+        } else if (what == "logsets" && cfg->isLogset != 0 && cfg->logsetName != nullptr) {
+            found.insert(cfg->logsetName);
         }
     }
     names.assign(found.begin(), found.end());

@@ -54,6 +54,7 @@ struct Sources {
   private:
     bool resolve(const Settings &settings);
     bool addConfigured(const Settings &settings);
+    bool lacksLogSet(const std::string &name, uint32_t result);
     void addRule(DirectoryRule rule);
     void addNamed(const std::string &path, bool follow);
     bool list(const DirectoryRule &rule, std::vector<SourceFile> &found);

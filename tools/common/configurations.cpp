@@ -1,0 +1,176 @@
+#include "common/configurations.h"
+
+#include "common/number_text.h"
+#include "common/result_text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <unistd.h>
+
+namespace tools {
+
+namespace {
+
+// What the library reads for a product from the main file; "" when there is nothing.
+std::string mainFileText(uint32_t (*read)(const char *, uint64_t, char **), uint64_t product) {
+    char *text = nullptr;
+    const bool found = read(GetZoltLogCfgLoc(), product, &text) == ZOLTLOG_OK;
+    std::string copy = found && text != nullptr ? text : "";
+    zoltLogFree(text);
+    return copy;
+}
+
+// That a file cannot be read, or "".
+std::string unreadable(const std::string &path) {
+    return access(path.c_str(), R_OK) == 0 ? "" : "configuration " + path + ": " + std::strerror(errno);
+}
+
+std::set<uint64_t> registeredProducts() {
+    std::set<uint64_t> ids;
+    std::ifstream file(GetZoltLogCfgLoc());
+    for (std::string line; std::getline(file, line);) {
+        uint64_t id = 0;
+        if (parseNumber(std::string_view(line).substr(0, line.find('.')), id) && id != 0)
+            ids.insert(id);
+    }
+    return ids;
+}
+
+// The product that the main file gives this name to, also when the product's own file
+// cannot be read; 0: none.
+uint64_t registeredProduct(const std::string &name) {
+    for (const uint64_t id : registeredProducts()) {
+        if (DoesNameMatch(mainFileText(GetProductShortName, id).c_str(), name.c_str()) != 0)
+            return id;
+    }
+    return 0;
+}
+
+uint64_t findName(const Configurations &all, uint64_t product, uint32_t kind, const std::string &text) {
+    std::vector<LogCfg *> some;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(some), [&](const LogCfg *cfg) {
+        return kind == ZOLTLOG_ATTR_PRODUCT_ID ||
+               (cfg->isLogset == 0 && (product == 0 || cfg->productId == product));
+    });
+    return GetIdFromName(some.data(), static_cast<uint32_t>(some.size()), kind, text.c_str());
+}
+
+} // namespace
+
+Configurations::Configurations(uint64_t product) : result(ZOLTLOG_OK) {
+    uint32_t count = 0;
+    for (uint32_t capacity = 1024;; capacity *= 8) { // a full array may lack some
+        records.resize(capacity);
+        result = product != 0 ? zoltLogReadProdIDCfg(nullptr, product, capacity, records.data(), &count)
+                              : zoltLogReadAllCfg(nullptr, capacity, records.data(), &count);
+        if (count < capacity)
+            break;
+        FreeConfigArray(records.data(), count);
+    }
+    records.resize(count);
+}
+
+Configurations::~Configurations() {
+    FreeConfigArray(records.data(), static_cast<uint32_t>(records.size()));
+}
+
+uint64_t findProduct(const std::string &text, std::string &problem) {
+    uint64_t id = 0;
+    if (parseNumber(text, id)) {
+        if (id == 0)
+            problem = "0 is no product id";
+        return id;
+    }
+    const Configurations all;
+    id = findName(all, 0, ZOLTLOG_ATTR_PRODUCT_ID, text);
+    if (id != 0)
+        return id;
+    const uint64_t registered = registeredProduct(text);
+    problem = configurationProblem(registered, all.result);
+    if (registered == 0 && unreadable(GetZoltLogCfgLoc()).empty())
+        problem = "there is no product '" + text + "' in " + GetZoltLogCfgLoc();
+    return 0;
+}
+
+uint64_t findOriginator(const std::string &text, uint64_t product, std::string &problem) {
+    uint64_t id = 0;
+    if (parseNumber(text, id)) {
+        if (id == 0)
+            problem = "0 is no originator id";
+        return id;
+    }
+    const Configurations all(product);
+    id = findName(all, product, ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, text);
+    if (id != 0)
+        return id;
+    if (all.result != ZOLTLOG_OK)
+        problem = configurationProblem(product, all.result);
+    else if (product != 0)
+        problem = "product " + std::to_string(product) + " has no originator '" + text + "'";
+    else
+        problem = "there is no originator '" + text + "' in the configuration " + GetZoltLogCfgLoc();
+    return 0;
+}
+
+std::string configurationProblem(uint64_t product, uint32_t result) {
+    const std::string main = GetZoltLogCfgLoc();
+    std::string problem = unreadable(main);
+    if (problem.empty() && product != 0) {
+        const std::string file = mainFileText(GetProductCfgPath, product);
+        problem = file.empty() ? "product " + std::to_string(product) + " is not registered in " + main
+                               : unreadable(file);
+    }
+    if (problem.empty() && product == 0) {
+        const std::vector<std::string> problems = unreadableConfigurations();
+        problem = problems.empty() ? "" : problems.front();
+    }
+    return problem.empty() ? "configuration " + main + ": " + resultMessage(result) : problem;
+}
+
+std::vector<std::string> unreadableConfigurations() {
+    std::vector<std::string> problems;
+    for (const uint64_t id : registeredProducts()) {
+        const std::string file = mainFileText(GetProductCfgPath, id);
+        const std::string problem = file.empty() ? "" : unreadable(file);
+        if (!problem.empty())
+            problems.push_back(problem);
+    }
+    return problems;
+}
+
+IdNames configuredIdNames() {
+    IdNames names;
+    for (const LogCfg *cfg : Configurations()) {
+        for (const std::string &name : namesOf(cfg->productShortNames)) {
+            names.products.emplace(cfg->productId, name); // the first stays
+        }
+        if (cfg->isLogset != 0)
+            continue;
+        for (const std::string &name : namesOf(cfg->originatorNames))
+            names.originators.emplace(std::pair(cfg->productId, cfg->originatorId), name);
+    }
+    return names;
+}
+
+std::vector<std::string> namesOf(const char *list) {
+    std::vector<std::string> names;
+    std::string name;
+    for (const char *c = list;; ++c) {
+        if (*c != ',' && *c != '\0') {
+            if (*c != ' ')
+                name += *c;
+            continue;
+        }
+        if (!name.empty())
+            names.push_back(name);
+        name.clear();
+        if (*c == '\0')
+            return names;
+    }
+}
+
+} // namespace tools
