@@ -218,16 +218,21 @@ static void appendSource(Line *line, const LogMsg *msg, bool utf8) {
     }
 }
 
-// The wording of a record that has only its localization block
+// The wording of a record that has only its localization block, whole: what the
+// measuring pass tells is a bound for most, and a large number passes it.
 static HeapText textOfBlock(ZoltLisBlock *block) {
     size_t size = 0;
     (void)strncatlis(nullptr, &size, block);
     if (size == 0 || size == SIZE_MAX)
         return nullptr;
-    HeapText text(static_cast<char *>(calloc(1, size)));
-    if (text != nullptr && strncatlis(text.get(), &size, block) == nullptr)
-        text.reset();
-    return text;
+    for (size_t room = size + 1;; room *= 2) {
+        HeapText text(static_cast<char *>(calloc(1, room)));
+        size_t word = room;
+        if (text == nullptr || strncatlis(text.get(), &word, block) == nullptr)
+            return nullptr;
+        if (strlen(text.get()) < room - 1) // else it may have been cut
+            return text;
+    }
 }
 
 static bool isEmpty(const ZoltLisBlock &block) {

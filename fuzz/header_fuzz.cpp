@@ -32,10 +32,8 @@ static uint32_t expectedHeader(const std::string &line, LogFileHeader *header) {
     header->tzOffset = -1;
     const char *text = line.c_str();
     sscanf(text, "%20s %lu", word, &header->version);
-    if (strcmp(word, "$Header") != 0) {
-        header->version = 0;
+    if (strcmp(word, "$Header") != 0)
         return 1;
-    }
     switch (header->version) {
     case ZOLTLOG_RECORD_VERSION_ORIGINATOR:
         sscanf(text, "%*s %*u,%lu,%lu,%lu,%ld,%511s", &header->productId, &header->originatorId,

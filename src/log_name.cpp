@@ -225,6 +225,7 @@ namespace {
 
 constexpr char HEADER_WORD[] = "$Header";
 constexpr size_t HEADER_WORD_LENGTH = sizeof HEADER_WORD - 1;
+constexpr ptrdiff_t LONGEST_WORD = 20; // of a line's first word; what follows is read on from there
 
 // What stands between the version and the host's name.
 struct Layout {
@@ -323,14 +324,19 @@ HeaderParsed parseHeaderLine(const char *line, size_t length, HeaderReading read
     out->host = "";
     if (!exact)
         text.at = skipBlanks(text.at);
-    if (text.left() < HEADER_WORD_LENGTH || memcmp(text.at, HEADER_WORD, HEADER_WORD_LENGTH) != 0)
-        return HeaderParsed::NO_HEADER;
-    text.at += HEADER_WORD_LENGTH;
-    if (exact ? !text.take(' ') : text.left() != 0 && !isBlank(*text.at))
-        return HeaderParsed::NO_HEADER;
-    if (!exact)
+    const char *const word = text.at;
+    while (text.left() != 0 && !isBlank(*text.at) && text.at - word < LONGEST_WORD)
+        ++text.at;
+    const bool isHeader = static_cast<size_t>(text.at - word) == HEADER_WORD_LENGTH &&
+                          memcmp(word, HEADER_WORD, HEADER_WORD_LENGTH) == 0;
+    // A line with another first word tells a version too, to those who read leniently.
+    if (!exact && text.at != word)
         (void)scanUnsigned(&text.at, ANY_WIDTH, &out->version); // none: 0, which is unknown
-    else if (!takeExactly(&text, &out->version))
+    if (!isHeader)
+        return HeaderParsed::NO_HEADER;
+    if (exact && !text.take(' '))
+        return HeaderParsed::NO_HEADER;
+    if (exact && !takeExactly(&text, &out->version))
         return HeaderParsed::MALFORMED;
     const Layout *layout = layoutOf(out->version);
     if (layout == nullptr)

@@ -84,9 +84,9 @@ static uint32_t parseHeader(const char *record, LogFileHeader *header) {
     header->tzOffset = NO_OFFSET;
     HeaderLine line;
     const HeaderParsed parsed = parseHeaderLine(record, strlen(record), HeaderReading::LENIENT, &line);
+    header->version = line.version;
     if (parsed == HeaderParsed::NO_HEADER)
         return ZOLTLOG_FAILED;
-    header->version = line.version;
     if (parsed != HeaderParsed::OK)
         return ZOLTLOG_UNSUPPORTED_HEADER;
     header->productId = line.product;

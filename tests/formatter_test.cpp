@@ -218,6 +218,11 @@ TEST_F(Formatter, ARecordWithoutTextHasItsBlockRendered) {
     EXPECT_EQ("12 files in /tmp", line(0));
     EXPECT_EQ("12 files in /tmp", line(0)); // the block is left alone
     zoltLisFree(&msg.lis);
+    fill("%f and %f", 1e20, 1e300); // longer than a number is measured
+    char expected[400];
+    std::snprintf(expected, sizeof expected, "%f and %f", 1e20, 1e300);
+    EXPECT_EQ(expected, line(0));
+    zoltLisFree(&msg.lis);
 }
 
 TEST_F(Formatter, ALongTextIsWhole) {

@@ -204,13 +204,25 @@ TEST(ReadHeaderEx, AHeaderWordWithoutVersionIsUnsupported) {
     EXPECT_EQ(readHeaderOf(std::string("$Header\0 65543\n", 15)), 48u);
 }
 
-TEST(ReadHeaderEx, OtherFirstWordsAreNoHeader) {
-    for (const char *line :
-         {"$Headers 65543,101,7,1400000000,-18000,hostA\n", "$Heade 65543,1,2,3,4,h\n",
-          "$header 65543,1,2,3,4,h\n", "Header 65543,1,2,3,4,h\n", "\n", "   \n", "$Header,65543,1,2,3,4,h\n",
-          "$Header65543,1,2,3,4,h\n", "$HeaderHeaderHeaderHeaderHeader 65543\n", "2,5,7,7,12,0:,0:,\n"}) {
-        EXPECT_EQ(readHeaderOf(line), 1u) << line;
-        EXPECT_HEADER(0, 0, 0, 0, -1, "");
+TEST(ReadHeaderEx, OtherFirstWordsAreNoHeaderAndTellAVersionAllTheSame) {
+    const struct {
+        const char *line;
+        uint64_t version;
+    } rows[] = {
+        {"$Headers 65543,101,7,1400000000,-18000,hostA\n", 65543},
+        {"$Heade 65543,1,2,3,4,h\n", 65543},
+        {"$header 65543,1,2,3,4,h\n", 65543},
+        {"Header 65543,1,2,3,4,h\n", 65543},
+        {"\n", 0},
+        {"   \n", 0},
+        {"$Header,65543,1,2,3,4,h\n", 4}, // the word ends after 20 characters
+        {"$Header65543,1,2,3,4,h\n", 0},
+        {"$HeaderHeaderHeaderHeaderHeader 65543\n", 0},
+        {"2,5,7,7,12,0:,0:,\n", 0},
+    };
+    for (const auto &row : rows) {
+        EXPECT_EQ(readHeaderOf(row.line), 1u) << row.line;
+        EXPECT_HEADER(row.version, 0, 0, 0, -1, "");
     }
 }
 
