@@ -947,8 +947,15 @@ uint32_t WriteFileHeader(LogFileState *state, const LogFileHeader *header);
  * Missing directories are made with the permissions of their parents. A file appears
  * under its name with its header line in it and the exact permissions of the settings,
  * whatever the umask; symbolic links, FIFOs, sockets and directories are refused, never
- * followed, and never waited for. A latest file that ends inside a line is continued on
- * a new line; one without a header that this writer makes is left at the first message.
+ * followed, and never waited for; so is, in a directory that all may write, a file that
+ * belongs neither to the effective user nor to the directory's owner nor to root. A latest
+ * file that ends inside a line is continued on a new line; one without a header that this
+ * writer makes is left at the first message; one that may only be written is continued as
+ * if it had been started now.
+ *
+ * The host's number is looked up before the lock is taken, unless the series is open
+ * already. The open file carries a shared flock and, for moments, locks of bytes far behind
+ * its end, by which other writers know of this one (docs/promises.md).
  *
  *   ZOLTLOG_INVALID_ARGUMENT  null pointer, no state, a log set without a name
  *   ZOLTLOG_NO_DIRECTORY      fileCfg has no log directory
@@ -967,9 +974,12 @@ uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileC
  * the record would bring the file to maxFileSizeKB or past it, by local time once a day,
  * or by period. Several processes may write one series at the same time. The open
  * contexts of an originator's series are written again at the top of each new file; a
- * log set's files do not have them. Ten minutes after it was opened, by the messages'
- * time stamps, the file is opened anew by name, so that one that others removed or moved
- * is replaced by one with a header; for a log set this starts a new file each time.
+ * log set's files do not have them. A rollover whose next name is free goes on at the latest
+ * file of the series when others have brought that further than this writer. A file that
+ * was removed is left, and the record written into the next one, when the file was not
+ * looked at for 0.9 seconds. Ten minutes after it was opened, by the messages' time stamps,
+ * the file is opened anew by name, so that one that others moved is replaced by one with a
+ * header; for a log set this starts a new file each time.
  *
  * The names of a log set's files tell the second: when a file is full within its second
  * the call waits for the next one, at most two seconds, with the lock held, and writes

@@ -38,8 +38,13 @@ static uint32_t copyBytes(CopyEnds *ends, uint64_t remaining) {
         const int32_t length = remaining < sizeof block ? static_cast<int32_t>(remaining) : COPY_BLOCK;
         if (zoltLogOs_read(&ends->from, block, length) != length)
             return ZOLTLOG_SHORT_READ;
-        if (zoltLogOs_write(&ends->to, block, length) != length)
-            return wasDeviceFull() ? ZOLTLOG_DEVICE_FULL : ZOLTLOG_SHORT_WRITE;
+        // When less is taken, going on with the rest tells the reason, or succeeds.
+        for (int32_t done = 0; done < length;) {
+            const int32_t written = zoltLogOs_write(&ends->to, block + done, length - done);
+            if (written <= 0)
+                return wasDeviceFull() ? ZOLTLOG_DEVICE_FULL : ZOLTLOG_SHORT_WRITE;
+            done += written;
+        }
         remaining -= static_cast<uint64_t>(length);
     }
     return ZOLTLOG_OK;

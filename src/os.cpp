@@ -72,6 +72,12 @@ int openOrCreate(const char *path, int32_t mode, uint32_t permissions, bool *cre
     if (mode == ZOLTLOG_OS_MODE_READ)
         return openRetrying(path, O_RDONLY | ALWAYS, 0);
 
+    if (mode == OS_MODE_RESUME) {
+        const int descriptor = openRetrying(path, O_RDWR | O_APPEND | O_NOFOLLOW | ALWAYS, 0);
+        return descriptor == -1 && errno == EACCES
+                   ? openRetrying(path, O_WRONLY | O_APPEND | O_NOFOLLOW | ALWAYS, 0)
+                   : descriptor;
+    }
     const int flags = O_WRONLY | O_NOFOLLOW | ALWAYS | (mode == ZOLTLOG_OS_MODE_TRUNCATE ? 0 : O_APPEND);
     for (int attempt = 0; attempt < OPEN_ATTEMPTS; ++attempt) {
         int descriptor = -1;

@@ -8,6 +8,8 @@
 // How openDescriptor opens a file: ZOLTLOG_OS_MODE_..., or for writing, created;
 // ZOLTLOG_OS_OPEN_FAILED with EEXIST if the name is taken.
 inline constexpr int32_t OS_MODE_NEW = 3;
+// For writing at the end of a file that exists, and for reading if that is allowed.
+inline constexpr int32_t OS_MODE_RESUME = 4;
 
 // Opens a regular file or character device and nothing else, without ever blocking.
 // A file that the call creates has exactly the given permissions, whatever the

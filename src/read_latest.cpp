@@ -2,59 +2,43 @@
 // alone. The grammar of the names is in log_name.h.
 #include "read.h"
 
-#include "log_name.h"
-
+#include <errno.h>
 #include <string.h>
 
 // ---- the best name so far ------------------------------------------------------
-
-// A cursor of its own that stands on the remembered name.
-struct Remembered {
-    bool found;
-    OsLogFileCursor cursor;
-    struct dirent entry;
-};
-
-// false when the name is longer than a directory entry holds.
-static bool rememberName(Remembered *best, const char *name) {
-    const size_t size = strlen(name) + 1;
-    if (size > sizeof best->entry.d_name)
-        return false;
-    memcpy(best->entry.d_name, name, size);
-    best->found = true;
-    return true;
-}
-
-static LogFileEntry *allocRemembered(Remembered *best, const char *directory) {
-    if (!best->found)
-        return nullptr;
-    best->cursor.directory = const_cast<char *>(directory); // only read
-    best->cursor.entry = &best->entry;
-    return alloc_file(&best->cursor);
-}
 
 // What a series makes of a name: whether it is later than every one before.
 // KEEP_SEARCHING and LATER go on, STOP gives the search up.
 enum Verdict { KEEP_SEARCHING, LATER, STOP };
 
-// Lists the directory once and remembers the last name that judge calls LATER.
-// null when there is none or when the search was given up.
+// Lists the directory once and stores the last name that judge calls LATER. NONE when there
+// is none, when the search was given up, or when the directory is not there to be listed.
 template<typename Judge>
-static LogFileEntry *searchDirectory(const char *directory, Judge judge) {
-    Remembered best = {};
+static Latest searchDirectory(const char *directory, char (&best)[LATEST_NAME_ROOM], Judge judge) {
     OsLogFileCursor cursor = {};
+    bool found = false;
     bool givenUp = false;
     if (directory == nullptr)
-        return nullptr;
-    for (int32_t result = zoltLogOsListLogFilesBegin(&cursor, directory); result == 0 && !givenUp;
-         result = zoltLogOsListLogFilesNext(&cursor)) {
+        return Latest::NONE;
+    int32_t result = zoltLogOsListLogFilesBegin(&cursor, directory);
+    if (result < 0 && errno != ENOENT && errno != ENOTDIR && errno != EACCES) {
+        return Latest::UNCERTAIN;
+    }
+    for (; result == 0 && !givenUp; result = zoltLogOsListLogFilesNext(&cursor)) {
         const char *name = zoltLogOsListLogFilesName(&cursor);
         const Verdict verdict = judge(name);
-        givenUp = verdict == STOP || (verdict == LATER && !rememberName(&best, name));
+        const size_t size = strlen(name) + 1;
+        givenUp = verdict == STOP || (verdict == LATER && size > sizeof best);
+        if (verdict == LATER && !givenUp) {
+            memcpy(best, name, size);
+            found = true;
+        }
     }
     zoltLogOsListLogFilesEnd(&cursor);
-    return givenUp ? nullptr : allocRemembered(&best, directory);
+    return found && !givenUp ? Latest::FOUND : Latest::NONE;
 }
+
+static const size_t PREFIX_ROOM = LATEST_NAME_ROOM; // no name is longer
 
 // ---- days ----------------------------------------------------------------------
 
@@ -75,36 +59,27 @@ static const int64_t FIRST_YEAR = 2000;
 
 // ---- originator series ---------------------------------------------------------
 
-static const size_t ORIGINATOR_PREFIX_ROOM = 64; // three numbers, each with its '-'
+static int64_t dayOf(const LogFileDate &date) {
+    return dayNumber(FIRST_YEAR + date.year, date.month, date.day);
+}
 
-int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t originatorId, uint64_t from,
-                             uint64_t to, LogFileEntry **out) {
-    (void)from; // neither bounds the search
-    (void)to;
-    if (out == nullptr)
-        return 0;
-    osSocketStartup();
-    const uint64_t hostId = osGetHostID();
-    osSocketCleanup();
-
-    LogName series = {};
-    series.product = productId;
-    series.originator = originatorId;
-    series.host = hostId;
-    char prefix[ORIGINATOR_PREFIX_ROOM];
-    const size_t prefixLength = formSeriesPrefix(prefix, sizeof prefix, &series);
-
+static Latest findOfOriginator(const char *directory, const char *prefix, size_t prefixLength,
+                               const LogFileDate *lastDay, LatestLog *latest) {
+    const int64_t last = lastDay != nullptr ? dayOf(*lastDay) : INT64_MAX;
     bool any = false;
     int64_t bestDay = 0;
     uint64_t bestCounter = 0;
-    *out = searchDirectory(directory, [&](const char *name) {
+    latest->time = 0;
+    return searchDirectory(directory, latest->name, [&](const char *name) {
         if (strncmp(name, prefix, prefixLength) != 0)
             return KEEP_SEARCHING;
         LogFileDate date = {};
         uint64_t counter = 0;
         if (!scanDateAndCounter(name + prefixLength, CounterDigits::TEN, &date, &counter))
             return KEEP_SEARCHING;
-        const int64_t day = dayNumber(FIRST_YEAR + date.year, date.month, date.day);
+        const int64_t day = dayOf(date);
+        if (day > last)
+            return KEEP_SEARCHING;
         if (any && (day < bestDay || (day == bestDay && counter <= bestCounter)))
             return KEEP_SEARCHING;
         any = true;
@@ -112,12 +87,9 @@ int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t
         bestCounter = counter;
         return LATER;
     });
-    return *out != nullptr;
 }
 
 // ---- log set series ------------------------------------------------------------
-
-static const size_t LOGSET_PREFIX_ROOM = 8192; // longer than any name of a directory
 
 // Local times of two names are compared through convert_time only when they lie
 // this close: no zone's standard offset ever moved by as much.
@@ -138,6 +110,79 @@ static bool plainSeconds(const char *token, int64_t *seconds) {
     return true;
 }
 
+static Latest findOfLogset(const char *directory, const char *prefix, size_t prefixLength,
+                           LatestLog *latest) {
+    int64_t bestPlain = INT64_MIN;
+    latest->time = 0;
+    return searchDirectory(directory, latest->name, [&](const char *name) {
+        if (strncmp(name, prefix, prefixLength) != 0)
+            return KEEP_SEARCHING;
+        uint64_t productId = 0;
+        char nameOfSet[LOGSET_NAME_ROOM];
+        char dateTime[DATE_TIME_ROOM] = "";
+        nameOfSet[0] = '\0';
+        // KEPT: a name of the series that cannot be split ends the search with nothing.
+        // Pinned by LatestLogSet.ANameThatCannotBeSplitEndsTheSearch.
+        if (getSLidfromfilename(name, &productId, nameOfSet, dateTime) != 1)
+            return STOP;
+        int64_t plain = INT64_MIN;
+        const bool isPlain = plainSeconds(dateTime, &plain);
+        if (isPlain && bestPlain != INT64_MIN && plain < bestPlain - CLOSE_SECONDS)
+            return KEEP_SEARCHING;
+        const int64_t time = dateTime[0] != '\0' ? convert_time(dateTime) : -1;
+        if (time <= latest->time)
+            return KEEP_SEARCHING;
+        latest->time = time;
+        bestPlain = isPlain ? plain : INT64_MIN;
+        return LATER;
+    });
+}
+
+// ---- both ----------------------------------------------------------------------
+
+Latest findLatestLog(const char *directory, const LogName *series, const LogFileDate *lastDay,
+                     LatestLog *latest) {
+    char prefix[PREFIX_ROOM];
+    const size_t prefixLength = formSeriesPrefix(prefix, sizeof prefix, series);
+    if (prefixLength == 0)
+        return Latest::NONE; // no file has so long a name
+    return series->set != nullptr ? findOfLogset(directory, prefix, prefixLength, latest)
+                                  : findOfOriginator(directory, prefix, prefixLength, lastDay, latest);
+}
+
+// The entry of the file that was found, which is the caller's to free; null without memory
+// and when there is none.
+static LogFileEntry *findEntry(const char *directory, const LogName *series, int64_t *time) {
+    LatestLog latest;
+    if (findLatestLog(directory, series, nullptr, &latest) != Latest::FOUND)
+        return nullptr;
+    struct dirent record = {};
+    static_assert(sizeof record.d_name >= sizeof latest.name);
+    memcpy(record.d_name, latest.name, strlen(latest.name) + 1);
+    OsLogFileCursor cursor = {};
+    cursor.directory = const_cast<char *>(directory); // only read
+    cursor.entry = &record;
+    *time = latest.time;
+    return alloc_file(&cursor);
+}
+
+int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t originatorId, uint64_t from,
+                             uint64_t to, LogFileEntry **out) {
+    (void)from; // neither bounds the search
+    (void)to;
+    if (out == nullptr)
+        return 0;
+    LogName series = {};
+    series.product = productId;
+    series.originator = originatorId;
+    osSocketStartup();
+    series.host = osGetHostID();
+    osSocketCleanup();
+    int64_t time;
+    *out = findEntry(directory, &series, &time);
+    return *out != nullptr;
+}
+
 int32_t zoltLogFindLatestLogSL(const char *directory, uint64_t productId, const char *logsetName,
                                uint64_t from, uint64_t to, LogFileEntry **out) {
     (void)from; // neither bounds the search
@@ -151,38 +196,11 @@ int32_t zoltLogFindLatestLogSL(const char *directory, uint64_t productId, const 
     series.product = productId;
     series.set = logsetName;
     series.setLength = strlen(logsetName);
-    char prefix[LOGSET_PREFIX_ROOM];
-    const size_t prefixLength = formSeriesPrefix(prefix, sizeof prefix, &series);
-    if (prefixLength == 0)
-        return 0; // no file has so long a name
-
-    int64_t bestTime = 0;
-    int64_t bestPlain = INT64_MIN;
-    LogFileEntry *entry = searchDirectory(directory, [&](const char *name) {
-        if (strncmp(name, prefix, prefixLength) != 0)
-            return KEEP_SEARCHING;
-        uint64_t product64 = 0;
-        char nameOfSet[LOGSET_NAME_ROOM];
-        char dateTime[DATE_TIME_ROOM] = "";
-        nameOfSet[0] = '\0';
-        // KEPT: a name of the series that cannot be split ends the search with nothing.
-        // Pinned by LatestLogSet.ANameThatCannotBeSplitEndsTheSearch.
-        if (getSLidfromfilename(name, &product64, nameOfSet, dateTime) != 1)
-            return STOP;
-        int64_t plain = INT64_MIN;
-        const bool isPlain = plainSeconds(dateTime, &plain);
-        if (isPlain && bestPlain != INT64_MIN && plain < bestPlain - CLOSE_SECONDS)
-            return KEEP_SEARCHING;
-        const int64_t time = dateTime[0] != '\0' ? convert_time(dateTime) : -1;
-        if (time <= bestTime)
-            return KEEP_SEARCHING;
-        bestTime = time;
-        bestPlain = isPlain ? plain : INT64_MIN;
-        return LATER;
-    });
+    int64_t time;
+    LogFileEntry *entry = findEntry(directory, &series, &time);
     if (entry == nullptr)
         return 0;
-    entry->creationTime = bestTime;
+    entry->creationTime = time;
     *out = entry;
     return 1;
 }

@@ -336,6 +336,7 @@ static void learnHeader(Examination *examination, ListedName *name) {
     if (descriptor == -1) {
         if (isStarvation(errno))
             examination->catalogue->starved = true;
+        name->uncertain = errno != ENOENT; // that one is gone, any other may be the newest
         return;
     }
     reader->descriptor = aboveStdio(descriptor);

@@ -167,6 +167,7 @@ uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg) {
     if (isSecureOnFile(handle, msg))
         return ZOLTLOG_SECURE_ON_FILE_HANDLE;
     msg->utf8 = handle->utf8;
+    refreshHost();
     const GlobalLock lock(TAG_MSG);
     // From here on the text is the only form of the wording. The block is released at the
     // end: the record's strings may lie in it.

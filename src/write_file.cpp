@@ -3,16 +3,17 @@
 //
 // Owns: the log file state and its list of handles, rollover, the periodic reopen,
 // writing, contexts in new files. Leaves to others: opening one file (write_file_open),
-// names and header (write_file_name), creation (write_file_create), removal of surplus
+// names and header (write_file_name), creation (write_file_create), locks that writers and
+// recyclers keep (write_file_hold), the host's number (write_file_host), removal of surplus
 // files (write_file_recycle), encoding (bin2txt).
 //
 //   States          the register of writers, the remembered state, handle lists, release
-//   Rollover        check, roll over, contexts in the new file
-//   Writing         one record, the periodic reopen
+//   Looking         whether the open file is still there, and what others appended
+//   Rollover        check, roll over, contexts in the new file, the periodic reopen
+//   Writing         one record
 //   Operations      zoltLogOpenFile ... zoltLogCreateContextToFile
 //
-// Everything here runs under the global lock. Looking for the host's name and number
-// at a new file may ask the name service and take its time, with the lock held.
+// Everything here runs under the global lock, but for the look-up of the host's number.
 #include "write_file.h"
 
 #include "lockUnix.h"
@@ -23,6 +24,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -35,6 +37,9 @@ constexpr int64_t REOPEN_AFTER_MS = 600000;
 // New files tried in one rollover. Each round but the last meets a file that exists and
 // is full or old already; only a clock that jumps between days could go on for ever.
 constexpr int ROLL_ROUNDS = 100000;
+
+// Files in a row that vanish while a record is written to them.
+constexpr int REWRITES = 10;
 
 // For how long a log set's rollover waits for the next second, in real time.
 constexpr int64_t LOGSET_WAIT_NS = 2 * NS_PER_SECOND;
@@ -70,8 +75,15 @@ Writer *writerOf(const LogFileState *state) {
 // The state's writer, a new one if it has none; null without memory.
 Writer *makeWriter(LogFileState *state) {
     Writer *writer = writerOf(state);
-    if (writer != nullptr)
+    if (writer != nullptr) {
+        if (state->handles == nullptr && writer->opened) { // of a state that its caller freed
+            Writer *const next = writer->next;
+            *writer = {};
+            writer->state = state;
+            writer->next = next;
+        }
         return writer;
+    }
     writer = static_cast<Writer *>(calloc(1, sizeof(Writer)));
     if (writer == nullptr)
         return nullptr;
@@ -135,24 +147,64 @@ uint64_t writtenVersion(const LogFileState *state) {
     return state->isLogset != 0 ? ZOLTLOG_RECORD_VERSION_LOGSET : ZOLTLOG_RECORD_VERSION_ORIGINATOR;
 }
 
-// ---- rollover --------------------------------------------------------------------------
+// ---- looking ---------------------------------------------------------------------------
 
-// The size of the open file. Its end is asked for first because that is the cheapest
-// question; the position it moves means nothing to a file opened for appending.
-bool askSize(LogFileState *state, uint64_t *size) {
-    const off_t end = lseek(state->file.descriptor, 0, SEEK_END);
-    if (end < 0)
-        return zoltLogOs_fsize(&state->file, size) == ZOLTLOG_OS_OK;
-    *size = static_cast<uint64_t>(end);
+enum class Looked { HERE, GONE, UNKNOWN };
+
+// Whether the open file has a name still. Learns its size, and when there are bytes in it
+// that this writer did not append, whether they end inside a line.
+Looked look(Writer *writer) {
+    const int descriptor = writer->state->file.descriptor;
+    struct stat status;
+    writer->lookedAt = coarseNs();
+    if (fstat(descriptor, &status) != 0)
+        return Looked::UNKNOWN;
+    if (status.st_nlink == 0)
+        return Looked::GONE;
+    const auto size = static_cast<uint64_t>(status.st_size);
+    if (size != writer->sizeThen + writer->ownSince && writer->readable && !writer->torn)
+        writer->torn = endsInsideLine(descriptor);
+    writer->sizeThen = size;
+    writer->ownSince = 0;
+    return Looked::HERE;
+}
+
+bool isLookDue(const Writer *writer) {
+    return !writer->held || coarseNs() - writer->lookedAt >= LOOK_EVERY_NS;
+}
+
+// Before a message: a file that was not looked at for a while may be gone, and is then
+// closed. The mark keeps one that is there until the message is written. True: so looked at.
+bool lookIfDue(Writer *writer) {
+    const int descriptor = writer->state->file.descriptor;
+    if (descriptor == -1 || !isLookDue(writer))
+        return false;
+    const Taken mark = takeMark(descriptor, writer->readable);
+    writer->marked = mark == Taken::YES;
+    if (mark == Taken::BY_ANOTHER || look(writer) == Looked::GONE)
+        closeFile(writer);
+    else if (!writer->held)
+        writer->held = takeHold(descriptor) != Taken::BY_ANOTHER;
     return true;
 }
+
+// After a message that was written: its file is gone, and the message with it. Asked when
+// the file was looked at before the message too, or when writing took so long that it was
+// not looked at for a while; in between nobody removes it.
+bool isLost(Writer *writer, bool looked) {
+    if (!looked && !isLookDue(writer))
+        return false;
+    return look(writer) == Looked::GONE;
+}
+
+// ---- rollover --------------------------------------------------------------------------
 
 bool reachesLimit(const LogFileState *state, uint64_t size, uint64_t length) {
     return (size + length) / BYTES_PER_KB >= state->maxFileSizeKB;
 }
 
-// The limit is reached with the record. Other processes append to the file as well, so
-// its size is the file system's to tell; it is not asked while even APPENDED_PER_NS
+// The limit is reached with the record, or the file is gone. Other processes append to the
+// file as well, so its size is the file system's to tell; it is not asked while even APPENDED_PER_NS
 // since the last answer could not have filled the file. The time is taken before the
 // question, so that nothing is appended unseen in between. The gap between this check
 // and the write, in which others may append, is the same as with a question each time.
@@ -166,13 +218,16 @@ bool isFull(Writer *writer, uint64_t length) {
         if (!reachesLimit(state, most, length))
             return false;
     }
-    uint64_t size = 0;
-    if (!askSize(state, &size))
+    switch (look(writer)) {
+    case Looked::HERE:
+        writer->sizeAskedAt = now;
+        return reachesLimit(state, writer->sizeThen, length);
+    case Looked::GONE:
+        closeFile(writer);
+        return true;
+    default:
         return false;
-    writer->sizeAskedAt = now;
-    writer->sizeThen = size;
-    writer->ownSince = 0;
-    return reachesLimit(state, size, length);
+    }
 }
 
 // A new file is to be started before a record of the given length is written.
@@ -218,14 +273,49 @@ bool waitForNextName(Writer *writer, NameWait *wait) {
     return monotonicNs() < wait->deadline;
 }
 
+uint32_t writeRecord(Writer *writer, LogMsg *msg, bool mayRollOver);
+
+// Every file of an originator series begins with the contexts that are open: all are
+// tried, in the order of the handle list.
+void rewriteContexts(Writer *writer) {
+    for (LogHandle *handle = writer->state->handles; handle != nullptr; handle = handle->nextOnFile)
+        if (handle->noContext == 0)
+            (void)writeRecord(writer, &handle->contextMsg, false);
+}
+
+bool isSameDate(const LogFileDate &a, const LogFileDate &b) {
+    return a.year == b.year && a.month == b.month && a.day == b.day;
+}
+
+// The contexts that are open have their records in the open file.
+void noteContexts(Writer *writer) {
+    writer->contextsDate = writer->state->date;
+    writer->contextsCounter = writer->state->counter;
+    writer->contextsStart = writer->state->fileStartTime;
+}
+
+// Writes the open contexts into a file that was just opened, unless it is the one that has
+// them already: it may have been closed for want of descriptors only.
+void bringContexts(Writer *writer, bool created) {
+    const LogFileState *state = writer->state;
+    if (state->isLogset != 0 || state->file.descriptor == -1)
+        return;
+    const bool there = !created && isSameDate(writer->contextsDate, state->date) &&
+                       writer->contextsCounter == state->counter &&
+                       writer->contextsStart == state->fileStartTime;
+    noteContexts(writer);
+    if (!there)
+        rewriteContexts(writer);
+}
+
 // Starts the next file that is fit to be written to. When none can be opened the file
 // stays closed.
 void rollOver(Writer *writer) {
     LogFileState *state = writer->state;
     NameWait wait = {};
-    zoltLogOs_close(&state->file);
+    bool created = false;
+    closeFile(writer);
     for (int round = 0; round < ROLL_ROUNDS; ++round) {
-        bool created = false;
         // A file made here just now is as fit as any: were it due already, by a period of
         // nothing or a clock gone mad, so would be the next.
         if (openNextFile(writer, &created) != ZOLTLOG_OK || created || !isRolloverDue(writer, 0))
@@ -235,26 +325,10 @@ void rollOver(Writer *writer) {
         // goes into the full file. Pinned by WriteFileLogset.RolloverWithinASecondWaits.
         if (state->isLogset != 0 && !waitForNextName(writer, &wait))
             break;
-        zoltLogOs_close(&state->file);
+        closeFile(writer);
     }
-    if (state->logRecycling != 0)
-        (void)recycleLogFiles(state);
-}
-
-uint32_t writeRecord(Writer *writer, LogMsg *msg, bool mayRollOver);
-
-// Every file of an originator series begins with the contexts that are open: all are
-// tried, in the order of the handle list. The first failure.
-uint32_t rewriteContexts(Writer *writer) {
-    uint32_t result = ZOLTLOG_OK;
-    for (LogHandle *handle = writer->state->handles; handle != nullptr; handle = handle->nextOnFile) {
-        if (handle->noContext != 0)
-            continue;
-        const uint32_t written = writeRecord(writer, &handle->contextMsg, false);
-        if (result == ZOLTLOG_OK)
-            result = written;
-    }
-    return result;
+    (void)recycleLogFiles(state);
+    bringContexts(writer, created);
 }
 
 bool clockStandsStill(const Writer *writer) {
@@ -264,12 +338,8 @@ bool clockStandsStill(const Writer *writer) {
 }
 
 void rollOverIfDue(Writer *writer, uint64_t length) {
-    const LogFileState *state = writer->state;
-    if (!isRolloverDue(writer, length) || clockStandsStill(writer))
-        return;
-    rollOver(writer);
-    if (state->isLogset == 0 && state->file.descriptor != -1)
-        (void)rewriteContexts(writer);
+    if (isRolloverDue(writer, length) && !clockStandsStill(writer))
+        rollOver(writer);
 }
 
 // Others may have moved or removed the file: from time to time the current name is
@@ -282,33 +352,59 @@ void reopenIfOld(Writer *writer, const LogMsg *msg) {
     if (state->lastReopenTime == 0 || state->file.descriptor == -1 || sent < REOPEN_AFTER_MS ||
         sent - REOPEN_AFTER_MS <= state->lastReopenTime)
         return;
-    const int64_t startTime = state->fileStartTime;
-    zoltLogOs_close(&state->file);
-    --state->counter; // counts up to the same name again, unless the day is another
-    if (openNextFile(writer, nullptr) != ZOLTLOG_OK)
-        return;
+    closeFile(writer);
+    writer->sameName = true;
+    bool created;
+    if (openNextFile(writer, &created) != ZOLTLOG_OK)
+        return; // the next message tries again
     state->lastReopenTime = sent;
-    if (state->isLogset == 0 && state->fileStartTime != startTime)
-        (void)rewriteContexts(writer);
+    if (created)
+        (void)recycleLogFiles(state);
+    bringContexts(writer, created);
 }
 
 // ---- writing ---------------------------------------------------------------------------
 
-// One write of all bytes.
+// One write of all bytes. When the system takes less than that, going on with the rest
+// tells the reason; what is then complete all the same, with nobody's bytes in between,
+// was written.
 uint32_t appendBytes(Writer *writer, const char *bytes, uint64_t length) {
-    const int32_t written =
-        length <= INT32_MAX ? zoltLogOs_write(&writer->state->file, bytes, static_cast<int32_t>(length)) : -1;
-    if (written > 0)
+    OsFile *file = &writer->state->file;
+    uint64_t done = 0;
+    off_t end = -1; // of what was written so far
+    bool whole = length <= INT32_MAX;
+    while (whole && done < length) {
+        const int32_t written = zoltLogOs_write(file, bytes + done, static_cast<int32_t>(length - done));
+        if (written <= 0)
+            break;
+        done += static_cast<uint64_t>(written);
         writer->ownSince += static_cast<uint64_t>(written);
-    if (written >= 0 && static_cast<uint64_t>(written) == length)
+        if (done == length && end == -1)
+            return ZOLTLOG_OK;
+        const off_t now = lseek(file->descriptor, 0, SEEK_CUR);
+        whole = end == -1 || now == end + written;
+        end = now;
+    }
+    if (whole && done == length)
         return ZOLTLOG_OK;
-    if (written > 0)
-        writer->torn = true;
+    writer->torn = writer->torn || (done > 0 && done < length);
+    // To be asked before the next message.
+    writer->lookedAt = 0;
+    writer->sizeAskedAt = 0;
     return wasDeviceFull() ? ZOLTLOG_DEVICE_FULL : ZOLTLOG_WRITE_FAILED;
 }
 
-// Ends the line in which an earlier write was cut off.
+// Ends the line in which a write was cut off, unless another writer has done so.
 uint32_t endTornLine(Writer *writer) {
+    const int descriptor = writer->state->file.descriptor;
+    const LineEndLock onlyHere(descriptor);
+    struct stat status;
+    if (writer->readable && fstat(descriptor, &status) == 0 &&
+        static_cast<uint64_t>(status.st_size) != writer->sizeThen + writer->ownSince &&
+        !endsInsideLine(descriptor)) {
+        writer->torn = false;
+        return ZOLTLOG_OK;
+    }
     const uint32_t result = appendBytes(writer, "\n", 1);
     if (result == ZOLTLOG_OK)
         writer->torn = false;
@@ -329,6 +425,26 @@ uint32_t appendRecord(Writer *writer, const TextBuffer *buffer) {
     return result;
 }
 
+// Rolls over when it is due and writes the record into a file that still has its name when
+// this returns with 0.
+uint32_t writeWithRollover(Writer *writer, const LogMsg *msg, const TextBuffer *buffer) {
+    // From here on, or from when another file is opened, until the end a file that was not
+    // looked at for a while is marked.
+    const bool looked = lookIfDue(writer);
+    rollOverIfDue(writer, textLength(buffer));
+    reopenIfOld(writer, msg);
+    uint32_t result = appendRecord(writer, buffer);
+    for (int again = 0; result == ZOLTLOG_OK && isLost(writer, looked || again > 0); ++again) {
+        closeFile(writer);
+        rollOver(writer);
+        result = ZOLTLOG_WRITE_FAILED;
+        if (again < REWRITES)
+            result = appendRecord(writer, buffer);
+    }
+    endMark(writer);
+    return result;
+}
+
 uint32_t writeRecord(Writer *writer, LogMsg *msg, bool mayRollOver) {
     const LogFileState *state = writer->state;
     msg->recordVersion = writtenVersion(state);
@@ -337,11 +453,7 @@ uint32_t writeRecord(Writer *writer, LogMsg *msg, bool mayRollOver) {
     uint32_t result = serializeMsg(msg, &buffer, &writer->identity);
     if (result != ZOLTLOG_OK)
         return result;
-    if (mayRollOver) {
-        rollOverIfDue(writer, textLength(&buffer));
-        reopenIfOld(writer, msg);
-    }
-    result = appendRecord(writer, &buffer);
+    result = mayRollOver ? writeWithRollover(writer, msg, &buffer) : appendRecord(writer, &buffer);
     if (isOnHeap(&buffer))
         free_text_msg(&buffer);
     return result;
@@ -360,6 +472,15 @@ uint32_t zoltLogWriteMsgWithRolloverToFile(LogFileState *state, LogMsg *msg) {
     Writer passing = {}; // the state was never opened: nothing is remembered from call to call
     passing.state = state;
     return writeRecord(&passing, msg, true);
+}
+
+void lookUpHostAgain() {
+    HostNumber host;
+    if (!__atomic_exchange_n(&hostOutOfDate, false, __ATOMIC_RELAXED))
+        return; // another thread does
+    lookUpHost(&host);
+    const GlobalLock lock(TAG_OPEN_FILE);
+    keepHost(&host);
 }
 
 // ---- operations ------------------------------------------------------------------------
@@ -417,6 +538,17 @@ Writer *adoptState(LogHandle *handle, const LogCfg *fileCfg) {
     return writer;
 }
 
+// The file is open that an open of the state with these settings leads to.
+bool isOpen(const LogFileState *state, const LogCfg *cfg) {
+    const GlobalLock lock(TAG_OPEN_FILE);
+    const LogFileState *other = rememberedState;
+    if (writerOf(state) == nullptr && other != nullptr && other->productId == cfg->productId &&
+        other->fileOriginatorId == cfg->originatorId)
+        state = other;
+    const Writer *writer = writerOf(state);
+    return writer != nullptr && writer->opened;
+}
+
 void configureState(const Writer *writer, const LogCfg *cfg) {
     LogFileState *state = writer->state;
     const bool rescheduled = state->rolloverMode != cfg->rolloverMode ||
@@ -459,7 +591,14 @@ uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileC
         return ZOLTLOG_INVALID_ARGUMENT;
     if (fileCfg->directory[0] == '\0')
         return ZOLTLOG_NO_DIRECTORY;
+    HostNumber host;
+    const bool hostNeeded = fileCfg->isLogset == 0 && !isOpen(handle->file, fileCfg);
+    if (hostNeeded)
+        lookUpHost(&host);
     const GlobalLock lock(TAG_OPEN_FILE);
+    if (hostNeeded)
+        keepHost(&host);
+    (void)compareClocks();
     // First what can fail: a state that is remembered is also on a handle's way to release.
     LogsetNames names;
     const uint32_t copied = copyLogsetNames(originatorCfg, fileCfg, &names);
@@ -482,7 +621,10 @@ uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileC
     }
     if (writer->opened)
         return ZOLTLOG_OK;
-    return openLatestFile(writer);
+    const uint32_t result = openLatestFile(writer);
+    endMark(writer);
+    noteContexts(writer);
+    return result;
 }
 
 uint32_t zoltLogCloseFile(LogHandle *handle) {

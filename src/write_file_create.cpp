@@ -2,7 +2,9 @@
 // it, also when several processes start it at the same moment. It is made without a
 // name, or under a name that listings skip, and then linked; a link never replaces a
 // file and never follows a symbolic link, so exactly one process creates the file and
-// the others learn that the name is taken.
+// the others learn that the name is taken. Where none of this is to be had, the file is made
+// under its name and gets its header then: somebody may see it empty for an instant, and
+// leave it for one of his own.
 #include "write_file.h"
 
 #include "os.h"
@@ -39,7 +41,7 @@ constexpr int TEMPORARY_NAMES = 100; // names tried before giving up
 constexpr char TEMPORARY_FORMAT[] = "%.*s.new-%lu-%lu-%d";
 constexpr size_t TEMPORARY_SIZE = LOG_DIRECTORY_LENGTH + 64;
 
-void closeFile(LogFileState *state) {
+void closeMade(LogFileState *state) {
     const int error = errno;
     zoltLogOs_close(&state->file);
     errno = error;
@@ -56,7 +58,7 @@ bool openUnnamed(LogFileState *state) {
         return false;
     if (fchmod(state->file.descriptor, state->permissions.mode & PERMISSION_BITS) == 0)
         return true;
-    closeFile(state);
+    closeMade(state);
     return false;
 }
 
@@ -79,6 +81,26 @@ bool linkNamed(const char *temporary, const char *path) {
     (void)unlink(temporary);
     errno = error;
     return false;
+}
+
+// Neither links nor such renames are to be had here.
+bool lacksExclusiveNaming(int error) {
+    return error == EINVAL || error == ENOSYS || error == EOPNOTSUPP || error == EPERM;
+}
+
+Creation createPlainly(LogFileState *state, const char *path, const LogFileHeader *header, uint32_t *result) {
+    const int32_t opened =
+        openDescriptor(path, OS_MODE_NEW, state->permissions.mode, &state->file.descriptor);
+    if (opened != ZOLTLOG_OS_OK) {
+        *result = resultOfOpen(opened);
+        return errno == EEXIST ? Creation::NAME_TAKEN : Creation::FAILED;
+    }
+    *result = WriteFileHeader(state, header);
+    if (*result == ZOLTLOG_OK)
+        return Creation::CREATED;
+    (void)unlink(path);
+    closeMade(state);
+    return Creation::FAILED;
 }
 
 // A file under a temporary name; a result of zoltLogOs_open.
@@ -108,14 +130,16 @@ Creation createByTemporary(LogFileState *state, const char *path, const LogFileH
     *result = WriteFileHeader(state, header);
     if (*result != ZOLTLOG_OK) {
         (void)unlink(name);
-        closeFile(state);
+        closeMade(state);
         return Creation::FAILED;
     }
     if (linkNamed(name, path))
         return Creation::CREATED;
-    closeFile(state);
+    closeMade(state);
     if (errno == EEXIST)
         return Creation::NAME_TAKEN;
+    if (lacksExclusiveNaming(errno))
+        return createPlainly(state, path, header, result);
     *result = resultOfOpen(openResultOfErrno(errno));
     return Creation::FAILED;
 }
@@ -126,12 +150,12 @@ Creation createLogFile(LogFileState *state, const char *path, const LogFileHeade
     if (openUnnamed(state)) {
         *result = WriteFileHeader(state, header);
         if (*result != ZOLTLOG_OK) {
-            closeFile(state);
+            closeMade(state);
             return Creation::FAILED;
         }
         if (linkUnnamed(state, path))
             return Creation::CREATED;
-        closeFile(state);
+        closeMade(state);
         if (errno == EEXIST)
             return Creation::NAME_TAKEN;
     }

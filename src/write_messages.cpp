@@ -16,6 +16,7 @@
 #include "formatmsg.h"
 #include "lockUnix.h"
 #include "write.h"
+#include "write_file.h"
 
 // ---- texts and blocks of a call --------------------------------------------------
 
@@ -119,6 +120,7 @@ static uint32_t setAttributes(LogMsg *record, const Message &message) {
 // place for the caller to decide upon when the record could not be initialised.
 static uint32_t sendText(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
     uint32_t result;
+    refreshHost();
     {
         const GlobalLock lock(message.lockTag);
         LogMsg record;

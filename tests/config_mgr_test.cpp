@@ -28,6 +28,7 @@ std::vector<size_t> writes; //
 int shortReadAt = -1;       // which read (from 0) gives one byte less
 int failWriteAt = -1;       // which write fails ...
 int writeError = 0;         // ... with this, or 0: takes one byte less
+int errorAfterShort = 0;    // and the one that goes on with the rest fails with this
 int statusCallsLeft = -1;   // fstat fails once these are used up; -1: never
 
 } // namespace
@@ -51,7 +52,12 @@ extern "C" ssize_t write(int descriptor, const void *buffer, size_t length) {
     if (!watching)
         return real(descriptor, buffer, length);
     writes.push_back(length);
-    if (static_cast<int>(writes.size()) - 1 != failWriteAt)
+    const int index = static_cast<int>(writes.size()) - 1;
+    if (errorAfterShort != 0 && failWriteAt != -1 && index == failWriteAt + 1) {
+        errno = errorAfterShort;
+        return -1;
+    }
+    if (index != failWriteAt)
         return real(descriptor, buffer, length);
     if (writeError == 0)
         return real(descriptor, buffer, length - 1);
@@ -829,10 +835,23 @@ TEST_F(Copy, ShortReadEndsWith33AndLeavesThePartialCopy) {
     EXPECT_EQ(support::readFile("to/from.log"), content.substr(0, 1022));
 }
 
-TEST_F(Copy, ShortWriteEndsWith34) {
+TEST_F(Copy, ShortWriteGoesOnWithTheRest) {
     failWriteAt = 1;
+    EXPECT_EQ(copy(), 0u);
+    EXPECT_EQ(support::readFile("to/from.log"), content);
+}
+
+TEST_F(Copy, ShortWriteEndsWith34WhenTheRestFails) {
+    failWriteAt = 1;
+    errorAfterShort = EIO;
     EXPECT_EQ(copy(), 34u);
     EXPECT_EQ(support::readFile("to/from.log"), content.substr(0, 2043));
+}
+
+TEST_F(Copy, ShortWriteOnAFullDeviceEndsWith54) {
+    failWriteAt = 1;
+    errorAfterShort = ENOSPC;
+    EXPECT_EQ(copy(), 54u);
 }
 
 TEST_F(Copy, FailedWriteEndsWith34) {

@@ -21,8 +21,10 @@ struct WriteFault {
     int error = 0;
     ssize_t bytes = -1; // of each write, none when -1
     int times = 0;
+    int errorAfter = 0; // of the one write that follows
 };
 WriteFault writeFault;
+std::function<void()> onShortWrite;
 
 // All calls of the writer are counted; the one with this number fails.
 bool counting;
@@ -56,7 +58,14 @@ ssize_t write(int descriptor, const void *bytes, size_t length) {
             return -1;
         }
         const size_t part = static_cast<size_t>(writeFault.bytes);
-        return part == 0 ? 0 : call(descriptor, bytes, part < length ? part : length);
+        if (writeFault.times == 0 && writeFault.errorAfter != 0)
+            writeFault = {writeFault.errorAfter, -1, 1, 0};
+        const ssize_t written = part == 0 ? 0 : call(descriptor, bytes, part < length ? part : length);
+        std::function<void()> hook;
+        hook.swap(onShortWrite);
+        if (hook)
+            hook();
+        return written;
     }
     if (descriptor > 2 && failsNow())
         return -1;
@@ -152,10 +161,10 @@ struct FaultWrite : testing::Test {
 };
 
 void failWrites(int error, int times = 1) {
-    writeFault = {error, -1, times};
+    writeFault = {error, -1, times, 0};
 }
-void shortenWrites(ssize_t count, int times = 1) {
-    writeFault = {0, count, times};
+void shortenWrites(ssize_t count, int times = 1, int errorAfter = 0) {
+    writeFault = {0, count, times, errorAfter};
 }
 
 } // namespace
@@ -195,15 +204,38 @@ TEST_F(FaultWrite, OnceFullTheDeviceCountsAsFullAtEveryFailure) {
     EXPECT_EQ(send(&handle, "kept"), 0u);
 }
 
-TEST_F(FaultWrite, ShortWriteIs5AndTheTornRecordIsEndedAtOnce) {
+TEST_F(FaultWrite, ShortWriteTellsItsReasonAtOnceAndTheTornRecordIsEnded) {
     openSized(100);
     ASSERT_EQ(send(&handle, "one"), 0u);
     const std::string before = bytes(FIRST);
-    shortenWrites(10);
+    shortenWrites(10, 1, EIO);
     EXPECT_EQ(send(&handle, "torn"), 5u);
     EXPECT_EQ(bytes(FIRST), before + "2,5,7,7,2," + "\n");
     EXPECT_EQ(send(&handle, "two"), 0u);
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"one", "", "two"}));
+    shortenWrites(10, 1, ENOSPC);
+    EXPECT_EQ(send(&handle, "torn"), 54u);
+    EXPECT_EQ(send(&handle, "three"), 0u);
+    EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"one", "", "two", "", "three"}));
+}
+
+TEST_F(FaultWrite, ShortWritesThatGoOnMakeAWholeRecord) {
+    openSized(100);
+    shortenWrites(10, 3);
+    EXPECT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"one", "two"}));
+}
+
+TEST_F(FaultWrite, RecordThatAnotherWriterCameBetweenIsNotAccepted) {
+    openSized(100);
+    const std::string before = bytes(FIRST);
+    shortenWrites(10);
+    onShortWrite = [&] { support::writeFile("logs/" + std::string(FIRST), bytes(FIRST) + "another\n"); };
+    EXPECT_EQ(send(&handle, "lost"), 5u);
+    EXPECT_EQ(bytes(FIRST).compare(0, before.size() + 18, before + "2,5,7,7,1,another\n"), 0);
+    EXPECT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"", "", "one"}));
 }
 
 TEST_F(FaultWrite, ShortWriteOfNothingLeavesNoTrace) {
@@ -310,17 +342,12 @@ TEST_F(FaultWrite, SizeThatCannotBeToldRollsNothing) {
     ASSERT_EQ(send(&handle, std::string(800, 'x')), 0u);
     failingCall = 1;
     failingError = EIO;
-    failingCalls = 2; // the question for the end and the one for the status
     counting = true;
     calls = 0;
     ASSERT_EQ(send(&handle, std::string(800, 'y')), 0u);
     counting = false;
     EXPECT_EQ(logFiles(), Names{FIRST});
-    failingCalls = 1; // the status is told
-    counting = true;
-    calls = 0;
     ASSERT_EQ(send(&handle, std::string(800, 'z')), 0u);
-    counting = false;
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{std::string(800, 'x'), std::string(800, 'y')}));
     EXPECT_EQ(textsIn("logs/" + std::string(SECOND)), Texts{std::string(800, 'z')});
 }

@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <set>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -240,6 +241,7 @@ TEST(WriteRace, SizeIsAskedAtEveryMessageThatCouldReachTheLimit) {
     LogHandle handle;
     ASSERT_EQ(open(&handle, sized(settings(), 1000)), 0u);
     // With 1 MB of room the time of a few hundred microseconds is enough to fill it.
+    ASSERT_EQ(send(&handle, "first"), 0u);
     sizeQuestions = 0;
     for (int message = 0; message < 50; ++message) {
         usleep(200);
@@ -320,9 +322,9 @@ int open(const char *path, int flags, ...) {
     return real(path, flags, mode);
 }
 
-off_t lseek(int descriptor, off_t offset, int whence) noexcept {
+int fstat(int descriptor, struct stat *status) noexcept {
     ++sizeQuestions;
-    static const auto real = reinterpret_cast<off_t (*)(int, off_t, int)>(dlsym(RTLD_NEXT, "lseek"));
-    return real(descriptor, offset, whence);
+    static const auto real = reinterpret_cast<int (*)(int, struct stat *)>(dlsym(RTLD_NEXT, "fstat"));
+    return real(descriptor, status);
 }
 }

@@ -168,7 +168,7 @@ TEST_F(WriteFileLogset, WaitingEndsAfterTwoSecondsAndTheRecordGoesIntoTheFullFil
     EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134503.log")).size(), 2u);
 }
 
-TEST_F(WriteFileLogset, FileOfTheSameSecondStartsAtZero) {
+TEST_F(WriteFileLogset, FileOfTheSameSecondStartsWithItsSecond) {
     LogHandle second;
     ASSERT_EQ(open(&handle, logsetSettings()), 0u);
     ASSERT_EQ(open(&second, logsetSettings()), 0u);
@@ -178,8 +178,8 @@ TEST_F(WriteFileLogset, FileOfTheSameSecondStartsAtZero) {
     ASSERT_EQ(send(&handle, "one"), 0u);
     EXPECT_EQ(handle.file->fileStartTime, 1709300712);
     ASSERT_EQ(send(&second, "two"), 0u);
-    EXPECT_EQ(second.file->fileStartTime, 0);
-    EXPECT_EQ(second.file->lastReopenTime, 0);
+    EXPECT_EQ(second.file->fileStartTime, 1709300712);
+    EXPECT_EQ(second.file->lastReopenTime, 1709300712000);
     EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134512.log")).size(), 3u);
     EXPECT_EQ(logFiles().size(), 2u);
     EXPECT_EQ(zoltLogCloseFile(&second), 0u);
@@ -215,4 +215,37 @@ TEST_F(WriteFileLogset, PeriodCountsFromTheTimeOfTheName) {
     advance(38);
     ASSERT_EQ(send(&handle, "one"), 0u);
     EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134540.log")).size(), 2u);
+}
+
+// ---- the start of a file ------------------------------------------------------------------
+
+TEST_F(WriteFileLogset, StartOfAResumedFileIsReadAsStandardTime) {
+    setZone("CET-1CEST,M3.5.0,M10.5.0/3");
+    setClock(localTime(2024, 7, 1, 13, 45, 2));
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    EXPECT_EQ(handle.file->fileStartTime, localTime(2024, 7, 1, 13, 45, 2));
+    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    EXPECT_EQ(handle.file->fileStartTime, localTime(2024, 7, 1, 14, 45, 2));
+}
+
+TEST_F(WriteFileLogset, TimedRolloverGoesOnInTheFileThatAnotherWriterHasBegun) {
+    setZone("CET-1CEST,M3.5.0,M10.5.0/3");
+    setClock(localTime(2024, 7, 1, 13, 45, 2));
+    LogCfg cfg = logsetSettings();
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_PERIODIC;
+    cfg.rolloverPeriod = 100;
+    LogHandle second;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    advance(50);
+    ASSERT_EQ(open(&second, cfg), 0u);
+    second.file->nextRolloverTime = handle.file->nextRolloverTime;
+    advance(50);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    advance(3);
+    ASSERT_EQ(send(&second, "two"), 0u);
+    EXPECT_EQ(logFiles(), (Names{"5-backup-240701134502.log", "5-backup-240701134642.log"}));
+    EXPECT_EQ(second.file->fileStartTime, localTime(2024, 7, 1, 13, 46, 42));
+    EXPECT_EQ(second.file->nextRolloverTime, handle.file->nextRolloverTime);
+    EXPECT_EQ(zoltLogCloseFile(&second), 0u);
 }

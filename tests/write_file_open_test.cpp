@@ -1,12 +1,17 @@
 // Opening a series: the first file, resuming the latest, what is refused.
 #include "write_series.h"
 
+#include <atomic>
+#include <csignal>
 #include <fcntl.h>
+#include <ifaddrs.h>
 #include <pthread.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 
 using namespace series;
@@ -14,14 +19,17 @@ using namespace series;
 // ---- hooks into the system calls ---------------------------------------------------------------
 
 // Each runs once, before the next call of its kind on a log file.
-std::function<void()> onNextRead;     // opening for reading
 std::function<void()> onNextAppend;   // opening for appending
 std::function<void()> onNextCreation; // giving a new file its name
 std::function<void()> onNextSleep;
+std::function<void()> onNextWrite; // after it
 bool withoutUnnamed;
 bool withoutLinks;
 bool withoutProc;
+bool withoutRenames;    // that replace nothing
+int failOpens;          // errno of every open
 int64_t monotonicShift; // seconds
+std::string interfaceAddress = "192.0.2.1";
 
 namespace {
 
@@ -51,12 +59,14 @@ int open(const char *path, int flags, ...) {
     va_start(args, flags);
     const mode_t mode = va_arg(args, mode_t);
     va_end(args);
+    if (failOpens != 0) {
+        errno = failOpens;
+        return -1;
+    }
     if ((flags & O_TMPFILE) == O_TMPFILE && withoutUnnamed) {
         errno = EOPNOTSUPP;
         return -1;
     }
-    if (isLogFile(path) && (flags & O_ACCMODE) == O_RDONLY)
-        runOnce(&onNextRead);
     if (isLogFile(path) && (flags & O_APPEND) != 0)
         runOnce(&onNextAppend);
     return real<int (*)(const char *, int, mode_t)>("open")(path, flags, mode);
@@ -82,6 +92,10 @@ int link(const char *from, const char *to) noexcept {
 }
 
 int renameat2(int fromDir, const char *from, int toDir, const char *to, unsigned flags) noexcept {
+    if (withoutRenames) {
+        errno = EINVAL;
+        return -1;
+    }
     runOnce(&onNextCreation);
     return real<int (*)(int, const char *, int, const char *, unsigned)>("renameat2")(fromDir, from, toDir,
                                                                                       to, flags);
@@ -89,10 +103,31 @@ int renameat2(int fromDir, const char *from, int toDir, const char *to, unsigned
 
 int clock_gettime(clockid_t clock, timespec *out) noexcept {
     const int result = real<int (*)(clockid_t, timespec *)>("clock_gettime")(clock, out);
-    if (clock == CLOCK_MONOTONIC)
+    if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE)
         out->tv_sec += monotonicShift;
     return result;
 }
+
+ssize_t write(int descriptor, const void *bytes, size_t length) {
+    const ssize_t written = real<ssize_t (*)(int, const void *, size_t)>("write")(descriptor, bytes, length);
+    if (descriptor > 2)
+        runOnce(&onNextWrite);
+    return written;
+}
+
+int getifaddrs(ifaddrs **list) noexcept {
+    static sockaddr_in address;
+    static ifaddrs entry;
+    address = {};
+    address.sin_family = AF_INET;
+    inet_pton(AF_INET, interfaceAddress.c_str(), &address.sin_addr);
+    entry = {};
+    entry.ifa_addr = reinterpret_cast<sockaddr *>(&address);
+    *list = &entry;
+    return 0;
+}
+
+void freeifaddrs(ifaddrs *) noexcept {}
 
 int nanosleep(const timespec *pause, timespec *rest) {
     runOnce(&onNextSleep);
@@ -322,25 +357,64 @@ TEST_F(WriteFileHost, IsNotLookedUpForFilesSoonAfterEachOther) {
     EXPECT_EQ(logFiles().back(), "5-7-83886090-240301-0000000005.log");
 }
 
-TEST_F(WriteFileHost, IsLookedUpAgainTenSecondsLater) {
+TEST_F(WriteFileHost, IsLookedUpAfterTheRolloverThatFindsItAnHourOld) {
     hostAddress = "10.0.0.6";
-    monotonicShift += 9;
+    monotonicShift += 3599;
     rollOver();
+    ASSERT_EQ(send(&handle, "small"), 0u);
     EXPECT_EQ(hostLookUps, 0);
     monotonicShift += 1;
     rollOver();
+    EXPECT_EQ(hostLookUps, 0);
+    EXPECT_EQ(logFiles().back(), "5-7-83886090-240301-0000000003.log");
+    rollOver(); // looked up before this message
     EXPECT_EQ(hostLookUps, 1);
-    EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000002.log");
+    EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000004.log");
     rollOver();
     EXPECT_EQ(hostLookUps, 1);
 }
 
-TEST_F(WriteFileHost, IsLookedUpAtOnceUnderAnotherName) {
+TEST_F(WriteFileHost, IsLookedUpAfterTheRolloverThatFindsAnotherName) {
     hostName = "hostB";
     hostAddress = "10.0.0.6";
     rollOver();
+    EXPECT_EQ(hostLookUps, 0);
+    EXPECT_EQ(logFiles().back(), "5-7-83886090-240301-0000000001.log");
+    rollOver();
     EXPECT_EQ(hostLookUps, 1);
-    EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000001.log");
+    EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000002.log");
+}
+
+TEST_F(WriteFileHost, IsLookedUpAfterTheRolloverThatFindsOtherAddresses) {
+    interfaceAddress = "192.0.2.2";
+    rollOver();
+    EXPECT_EQ(hostLookUps, 0);
+    rollOver();
+    EXPECT_EQ(hostLookUps, 1);
+    rollOver();
+    EXPECT_EQ(hostLookUps, 1);
+}
+
+TEST_F(WriteFileHost, SlowNameServiceDelaysOnlyWhoOpensASeries) {
+    std::atomic<int> asked{0};
+    std::atomic<bool> answered{false};
+    onHostLookUp = [&] {
+        ++asked;
+        while (!answered)
+            usleep(1000);
+    };
+    LogHandle other;
+    std::thread opener([&] { EXPECT_EQ(open(&other, settings(8)), 0u); });
+    while (asked == 0)
+        usleep(1000);
+    rollOver(); // while the question is open
+    monotonicShift += 3600;
+    rollOver();
+    EXPECT_EQ(asked, 1);
+    answered = true;
+    opener.join();
+    EXPECT_EQ(zoltLogCloseFile(&other), 0u);
+    onHostLookUp = nullptr;
 }
 
 TEST_F(WriteFileHost, IsLookedUpAgainWhenTheSeriesIsOpened) {
@@ -348,6 +422,13 @@ TEST_F(WriteFileHost, IsLookedUpAgainWhenTheSeriesIsOpened) {
     hostAddress = "10.0.0.6";
     ASSERT_EQ(open(&handle, settings()), 0u);
     EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000000.log");
+}
+
+TEST_F(WriteFileHost, IsNotLookedUpForAnotherHandleOfAnOpenSeries) {
+    LogHandle second;
+    ASSERT_EQ(open(&second, settings()), 0u);
+    EXPECT_EQ(hostLookUps, 0);
+    EXPECT_EQ(zoltLogCloseFile(&second), 0u);
 }
 
 TEST_F(WriteFileOpen, EveryRecordHasItsOwnProcessAndThread) {
@@ -440,7 +521,7 @@ TEST_F(WriteFileOpen, StartTimeZeroDoesNotLookUnopened) {
 TEST_F(WriteFileOpen, VanishedLatestFileIsRecreatedWithoutHeader) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
-    onNextRead = [this] { unlink(path(FIRST).c_str()); };
+    onNextAppend = [this] { unlink(path(FIRST).c_str()); };
     ASSERT_EQ(open(&handle, settings()), 0u);
     EXPECT_EQ(support::readFile(path(FIRST)), "");
     EXPECT_TRUE(support::exists(path(FIRST)));
@@ -637,13 +718,30 @@ TEST_F(WriteFileOpen, HardLinkToAnotherFileIsPassedOverAndTheFileUntouched) {
 TEST_F(WriteFileOpen, UnreadableFileIs51) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
-    for (const mode_t mode : {0, 0222}) { // also when it could be appended to
-        chmod(path(FIRST).c_str(), mode);
-        EXPECT_TRUE(support::asOrdinaryUser([&] { expectRefused(&handle, 51); })) << mode;
-        EXPECT_EQ(support::listFiles("logs"), Names{FIRST});
-        chmod(path(FIRST).c_str(), 0600);
-        EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300000,0,hostA\n");
-    }
+    chmod(path(FIRST).c_str(), 0);
+    EXPECT_TRUE(support::asOrdinaryUser([&] { expectRefused(&handle, 51); }));
+    EXPECT_EQ(support::listFiles("logs"), Names{FIRST});
+    chmod(path(FIRST).c_str(), 0600);
+    EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300000,0,hostA\n");
+}
+
+TEST_F(WriteFileOpen, FileThatMayOnlyBeWrittenIsAppendedTo) {
+    support::makeDirectory("logs");
+    const std::string before = "$Header 65543,5,7,1709298000,0,hostA\n";
+    support::writeFile(path(FIRST), before);
+    chmod(path(FIRST).c_str(), 0222);
+    EXPECT_TRUE(support::asOrdinaryUser([&] {
+        ASSERT_EQ(open(&handle, settings()), 0u);
+        EXPECT_EQ(handle.file->headerVersion, 65543u);
+        EXPECT_EQ(handle.file->fileStartTime, 1709300702) << "now";
+        EXPECT_EQ(send(&handle, "one"), 0u);
+        monotonicShift += 2;
+        EXPECT_EQ(send(&handle, "two"), 0u);
+    }));
+    chmod(path(FIRST).c_str(), 0600);
+    EXPECT_EQ(support::readFile(path(FIRST)).compare(0, before.size(), before), 0);
+    EXPECT_EQ(textsIn(path(FIRST)), (Texts{"one", "two"}));
+    EXPECT_EQ(logFiles(), Names{FIRST});
 }
 
 TEST_F(WriteFileOpen, UnwritableFileIs51) {
@@ -769,4 +867,252 @@ TEST_F(WriteFileOpen, TakenNameIsNeverReplacedHoweverTheFileIsMade) {
         EXPECT_EQ(textsIn(directory + FIRST), Texts{"one"});
         ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
     }
+}
+
+TEST_F(WriteFileOpen, WithoutAnyOfTheseTheFileIsMadeUnderItsName) {
+    withoutUnnamed = true;
+    withoutLinks = true;
+    withoutRenames = true;
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    EXPECT_EQ(logFiles(), Names{FIRST});
+    EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
+    EXPECT_EQ(modeOf(path(FIRST)), 0660u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, LiveFileShowsUnderItsName) {
+    for (int way = 0; way < 2; ++way) {
+        withoutUnnamed = way == 1;
+        support::makeDirectory("logs");
+        ASSERT_EQ(open(&handle, settings()), 0u);
+        char shown[4096] = "";
+        const std::string link = "/proc/self/fd/" + std::to_string(handle.file->file.descriptor);
+        ASSERT_GT(readlink(link.c_str(), shown, sizeof shown - 1), 0);
+        char *here = get_current_dir_name();
+        EXPECT_EQ(std::string(shown), std::string(here) + "/logs/" + FIRST);
+        free(here);
+        ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+        unlink(path(FIRST).c_str());
+    }
+}
+
+TEST_F(WriteFileOpen, CountersGoOnBeyondTheLargestSignedNumber) {
+    const std::string stem = "5-7-83886090-240301-";
+    support::makeDirectory("logs");
+    support::writeFile("logs/" + stem + "9223372036854775807.log", "$Header 65543,5,7,1709300702,0,hostA\n");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    handle.file->headerVersion = 0; // leave the file
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/" + stem + "9223372036854775808.log"), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, AfterTheLastOfAllCountersNoFileFollows) {
+    const std::string last = "5-7-83886090-240301-18446744073709551615.log";
+    support::makeDirectory("logs");
+    support::writeFile("logs/" + last, "$Header 65543,5,7,1709300702,0,hostA\n");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    handle.file->headerVersion = 0; // leave the file
+    EXPECT_EQ(send(&handle, "one"), 5u);
+    EXPECT_EQ(logFiles(), Names{last});
+}
+
+// ---- files of others ----------------------------------------------------------------------------
+
+namespace {
+
+constexpr uid_t STRANGER = 12345;
+constexpr uid_t OWNER = 23456;
+
+bool isRoot() {
+    return geteuid() == 0;
+}
+
+} // namespace
+
+TEST_F(WriteFileOpen, FileOfAStrangerInADirectoryForAllIsRefused) {
+    if (!isRoot())
+        GTEST_SKIP() << "needs to give files away";
+    for (const mode_t mode : {01777, 0777}) {
+        support::makeDirectory("logs");
+        chmod("logs", mode);
+        support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
+        chmod(path(FIRST).c_str(), 0666);
+        ASSERT_EQ(chown(path(FIRST).c_str(), STRANGER, STRANGER), 0);
+        EXPECT_EQ(open(&handle, settings()), 32u) << std::oct << mode;
+        EXPECT_EQ(send(&handle, "secret"), 5u);
+        EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300000,0,hostA\n");
+        EXPECT_EQ(logFiles(), Names{FIRST}) << "the next counter is not taken either";
+        EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    }
+}
+
+TEST_F(WriteFileOpen, FileOfAStrangerAtTheNextNameIsRefused) {
+    if (!isRoot())
+        GTEST_SKIP() << "needs to give files away";
+    support::makeDirectory("logs");
+    chmod("logs", 01777);
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    support::writeFile(path(SECOND), "$Header 65543,5,7,1709300000,0,hostA\n");
+    chmod(path(SECOND).c_str(), 0666);
+    ASSERT_EQ(chown(path(SECOND).c_str(), STRANGER, STRANGER), 0);
+    handle.file->headerVersion = 0; // leave the file
+    EXPECT_EQ(send(&handle, "secret"), 5u);
+    EXPECT_EQ(support::readFile(path(SECOND)), "$Header 65543,5,7,1709300000,0,hostA\n");
+    EXPECT_EQ(logFiles(), (Names{FIRST, SECOND}));
+}
+
+TEST_F(WriteFileOpen, FilesOfTheDirectorysOwnerAndOfRootAreContinued) {
+    if (!isRoot())
+        GTEST_SKIP() << "needs to give files away";
+    const struct {
+        mode_t directory;
+        uid_t owner;
+        uid_t file;
+    } rows[] = {{01777, OWNER, OWNER}, {01777, OWNER, 0}, {0775, OWNER, STRANGER}, {0770, 0, STRANGER}};
+    for (const auto &row : rows) {
+        support::makeDirectory("logs");
+        chmod("logs", row.directory);
+        ASSERT_EQ(chown("logs", row.owner, row.owner), 0);
+        support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
+        ASSERT_EQ(chown(path(FIRST).c_str(), row.file, row.file), 0);
+        EXPECT_EQ(open(&handle, settings()), 0u) << std::oct << row.directory << " " << row.file;
+        EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+        ASSERT_EQ(unlink(path(FIRST).c_str()), 0);
+    }
+}
+
+// ---- lines that others left -----------------------------------------------------------------------
+
+namespace {
+
+void appendTo(const std::string &file, const std::string &bytes) {
+    const int descriptor = open(file.c_str(), O_WRONLY | O_APPEND);
+    ASSERT_NE(descriptor, -1);
+    EXPECT_EQ(write(descriptor, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    close(descriptor);
+}
+
+} // namespace
+
+TEST_F(WriteFileOpen, TornRecordOfAnotherIsEndedAtTheFirstMessageAfterASecond) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    appendTo(path(FIRST), "2,5,7,7,9,17093");
+    monotonicShift += 1;
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(textsIn(path(FIRST)), (Texts{"one", "", "two"}));
+    EXPECT_EQ(support::readFile(path(FIRST)).find("\n\n"), std::string::npos);
+}
+
+TEST_F(WriteFileOpen, TornRecordOfAnotherIsEndedWheneverTheSizeIsAsked) {
+    LogCfg cfg = settings();
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
+    cfg.maxFileSizeKB = 2; // so small that it is asked each time
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    appendTo(path(FIRST), "2,5,7,7,9,17093");
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(textsIn(path(FIRST)), (Texts{"one", "", "two"}));
+}
+
+TEST_F(WriteFileOpen, TornRecordOfAnotherIsEndedAfterAFailureOfOnesOwn) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    struct rlimit old;
+    getrlimit(RLIMIT_FSIZE, &old);
+    struct rlimit limited = old;
+    limited.rlim_cur = 1;
+    signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
+    EXPECT_EQ(send(&handle, "lost"), 5u);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &old), 0);
+    appendTo(path(FIRST), "2,5,7,7,9,17093");
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(textsIn(path(FIRST)), (Texts{"one", "", "two"}));
+}
+
+TEST_F(WriteFileOpen, TornRecordIsEndedOnceByAllItsWriters) {
+    LogHandle second;
+    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    ASSERT_EQ(open(&second, logsetSettings()), 0u);
+    const std::string file = "logs/" + logFiles().at(0);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_EQ(send(&second, "two"), 0u);
+    appendTo(file, "2,7,9,17093");
+    monotonicShift += 1;
+    // The other one comes between the look and the end of the line.
+    onNextSleep = [&] { EXPECT_EQ(send(&second, "three"), 0u); };
+    ASSERT_EQ(send(&handle, "four"), 0u);
+    const std::string bytes = support::readFile(file);
+    EXPECT_EQ(bytes.find("\n\n"), std::string::npos) << bytes;
+    EXPECT_EQ(support::lines(bytes).size(), 6u) << bytes;
+    EXPECT_EQ(zoltLogCloseFile(&second), 0u);
+}
+
+// ---- contexts and the reopen ------------------------------------------------------------------------
+
+TEST_F(WriteFileOpen, RetryOfAFailedReopenDoesNotRepeatTheContexts) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    LogHandle context = {};
+    ASSERT_EQ(zoltLogInitMsg(&context.contextMsg, &handle, ZOLTLOG_MSG_CONTEXT, "about"), 0u);
+    ASSERT_EQ(zoltLogSetContextAttr(&context.contextMsg, "T"), 0u);
+    ASSERT_EQ(zoltLogCreateContextToFile(&handle, &context, &context.contextMsg), 0u);
+    advance(601);
+    failOpens = EMFILE;
+    EXPECT_EQ(send(&handle, "lost"), 5u);
+    failOpens = 0;
+    EXPECT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(logFiles(), Names{FIRST});
+    size_t contexts = 0;
+    for (const std::string &line : support::lines(support::readFile(path(FIRST))))
+        contexts += line.compare(0, 2, "3,") == 0 ? 1 : 0;
+    EXPECT_EQ(contexts, 1u);
+    EXPECT_EQ(zoltLogDestroyContext(&context), 0u);
+}
+
+// ---- the series goes on at its latest file ------------------------------------------------------------
+
+TEST_F(WriteFileOpen, RolloverWhoseNextNameWasRecycledGoesOnAtTheLatestFile) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    support::writeFile("logs/5-7-83886090-240301-0000000007.log", "$Header 65543,5,7,1709300000,0,hostA\n");
+    handle.file->headerVersion = 0; // leave the file
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn("logs/5-7-83886090-240301-0000000007.log"), Texts{"one"});
+    EXPECT_EQ(handle.file->counter, 7);
+    EXPECT_EQ(logFiles().size(), 2u);
+}
+
+TEST_F(WriteFileOpen, LatestFileThatIsFullIsFollowedByTheNextOne) {
+    LogCfg cfg = settings();
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
+    cfg.maxFileSizeKB = 1;
+    ASSERT_EQ(open(&handle, cfg), 0u);
+    support::writeFile("logs/5-7-83886090-240301-0000000007.log",
+                       "$Header 65543,5,7,1709300000,0,hostA\n" + std::string(1100, 'x') + "\n");
+    ASSERT_EQ(send(&handle, std::string(1000, 'y')), 0u);
+    EXPECT_EQ(textsIn("logs/5-7-83886090-240301-0000000008.log"), Texts{std::string(1000, 'y')});
+    EXPECT_EQ(logFiles().size(), 3u);
+}
+
+TEST_F(WriteFileOpen, FileThatVanishedIsLeftAndTheRecordWrittenAgain) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    monotonicShift += 1;
+    // Between the write and the look after it.
+    onNextWrite = [this] { unlink(path(FIRST).c_str()); };
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(logFiles(), Names{SECOND});
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{"two"});
+}
+
+TEST_F(WriteFileOpen, WriteThatTookASecondIsFollowedByALook) {
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    onNextWrite = [this] {
+        monotonicShift += 1;
+        unlink(path(FIRST).c_str());
+    };
+    ASSERT_EQ(send(&handle, "two"), 0u);
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{"two"});
 }

@@ -304,12 +304,24 @@ TEST_F(WriteFileTime, ClockSetForwardAYearRollsOnce) {
 
 // ---- the periodic reopen -------------------------------------------------------------------
 
-TEST_F(WriteFileTime, RemovedFileIsRecreatedWithHeaderAfterTenMinutes) {
+TEST_F(WriteFileTime, RemovedFileIsLeftAtTheFirstMessageASecondAfterTheLastLook) {
+    openTimed(0, 0);
+    ASSERT_EQ(send(&handle, "looks"), 0u);
+    ASSERT_EQ(unlink(("logs/" + file("240301")).c_str()), 0);
+    ASSERT_EQ(send(&handle, "lost"), 0u);
+    EXPECT_EQ(logFiles(), Names{});
+    usleep(1000000);
+    ASSERT_EQ(send(&handle, "kept"), 0u);
+    EXPECT_EQ(logFiles(), Names{file("240301", 1)});
+    EXPECT_EQ(textsIn("logs/" + file("240301", 1)), Texts{"kept"});
+}
+
+TEST_F(WriteFileTime, MovedFileIsRecreatedWithHeaderAfterTenMinutes) {
     openTimed(0, 0);
     const std::string path = "logs/" + file("240301");
-    ASSERT_EQ(unlink(path.c_str()), 0);
+    ASSERT_EQ(rename(path.c_str(), "moved"), 0);
     advance(600);
-    ASSERT_EQ(send(&handle, "lost"), 0u);
+    ASSERT_EQ(send(&handle, "elsewhere"), 0u);
     EXPECT_EQ(logFiles(), Names{}) << "not more than 600000 ms";
     fakeMs += 1;
     ASSERT_EQ(send(&handle, "kept"), 0u);

@@ -55,6 +55,7 @@ inline std::string hostName = "hostA";
 inline std::string hostAddress = "10.0.0.5"; // host id 83886090; "" fails, "::..." is IPv6
 inline bool hostNameFails = false;
 inline int hostLookUps = 0;
+inline std::function<void()> onHostLookUp; // what a look-up does first
 constexpr uint64_t HOST_ID = 83886090;
 
 // ---- series ------------------------------------------------------------------------
@@ -171,6 +172,8 @@ int gethostname(char *buffer, size_t length) noexcept {
 
 int getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **list) {
     ++series::hostLookUps;
+    if (series::onHostLookUp)
+        series::onHostLookUp();
     if (series::hostAddress.empty())
         return EAI_AGAIN;
     struct Result {

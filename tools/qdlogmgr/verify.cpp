@@ -3,6 +3,7 @@
 #include "common/exit_codes.h"
 #include "qdlogmgr/commands.h"
 
+#include <algorithm>
 #include <map>
 
 namespace qdlogmgr {
@@ -44,7 +45,16 @@ void checkFile(Run &run, const File &file, Checked &checked) {
         tell(checked, file, 0, true, file.doubtful);
 }
 
-// The files of one host and day are numbered without gaps; only the oldest may be gone.
+// Files from this one to the newest of its series.
+uint64_t filesFrom(const Series &series, const File &file) {
+    const auto place = [](const File &one) { return std::make_pair(one.dateOfName, one.counter); };
+    return static_cast<uint64_t>(std::count_if(series.files.begin(), series.files.end(),
+                                               [&](const File &one) { return !(place(one) < place(file)); }));
+}
+
+// The files of one host and day are numbered without gaps; only the oldest may be gone, and
+// with recycling those beyond the number to keep: one that a writer held is older than
+// others that are gone.
 void checkCounters(const Series &series, Checked &checked) {
     std::map<std::pair<uint64_t, uint64_t>, std::map<uint64_t, const File *>> days;
     for (const File &file : series.files)
@@ -54,7 +64,7 @@ void checkCounters(const Series &series, Checked &checked) {
         const File *before = nullptr;
         for (const auto &[counter, file] : files) {
             if (before != nullptr && counter != before->counter + 1)
-                tell(checked, *file, 0, true,
+                tell(checked, *file, 0, !series.recycles || filesFrom(series, *file) < series.keep,
                      "missing before it: counters " + std::to_string(before->counter + 1) + " to " +
                          std::to_string(counter - 1) + " of its day");
             before = file;
