@@ -548,8 +548,9 @@ uint32_t zoltLogInitMsg(LogMsg *msg, LogHandle *handle, uint32_t type, const cha
 
 /*
  * Each stores the attributes of one type of message; texts are borrowed. The type
- * itself is not looked at. ZOLTLOG_INVALID_ARGUMENT for a null record or who; a
- * null subject is accepted and written as an empty one. The levels of debug and
+ * itself is not looked at. ZOLTLOG_INVALID_ARGUMENT for a null record, or a null who
+ * of a debug or diagnostic message; a null who of an application message and a null
+ * subject are stored, and written as empty ones. The levels of debug and
  * diagnostic messages run from ZOLTLOG_LEVEL_FIRST to ZOLTLOG_LEVEL_LAST: another one is
  * stored too, and the result is ZOLTLOG_FAILED. A severity that is no ZOLTLOG_SEVERITY_...
  * is refused by the encoder.

@@ -127,7 +127,7 @@ uint32_t zoltLogSetAppAttr(LogMsg *msg, uint32_t severity) {
 }
 
 uint32_t zoltLogSetAppAttrEx(LogMsg *msg, const char *who, uint32_t severity) {
-    if (msg == nullptr || who == nullptr)
+    if (msg == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     msg->who = const_cast<char *>(who);
     msg->attr.severity = severity;

@@ -7,6 +7,7 @@
 #include "config.h"
 
 #include "lockUnix.h"
+#include "owned.h"
 
 #include <sys/stat.h>
 #include <time.h>
@@ -35,15 +36,31 @@ static int64_t fileTime(const LogHandle *handle) {
     return known ? status.st_mtime : load(&handle->cfgTimestamp);
 }
 
+// Whose settings a handle follows, as its file tells at the moment: an open or a close of
+// another handle may change the file's fields.
+struct Source {
+    uint64_t productId;
+    bool isLogset;
+    LogOwned<char> logsetName;
+};
+
+static Source sourceOf(const LogHandle *handle) {
+    const GlobalLock lock(TAG_DYNA_LOAD_CONFIG);
+    const LogFileState *file = handle->file;
+    const bool isLogset = file->isLogset != 0;
+    return {file->productId, isLogset,
+            LogOwned<char>(isLogset ? zoltLogSafeStrdup(file->logsetName) : nullptr)};
+}
+
 // Adopts the levels and the interval, and nothing else. What cannot be read leaves them, and
 // is tried again when the next check is due.
 static void reload(LogHandle *handle, int64_t modified) {
+    const Source source = sourceOf(handle);
     LogCfg cfg = {};
-    const LogFileState *file = handle->file;
     // A handle on a log set was opened with the log set's settings.
-    const uint32_t result = file->isLogset != 0
-                                ? zoltLogReadlogsetCfg(file->productId, file->logsetName, &cfg)
-                                : zoltLogReadCfg(file->productId, handle->originatorId, &cfg);
+    const uint32_t result = source.isLogset
+                                ? zoltLogReadlogsetCfg(source.productId, source.logsetName.get(), &cfg)
+                                : zoltLogReadCfg(source.productId, handle->originatorId, &cfg);
     if (result == ZOLTLOG_OK) {
         const GlobalLock lock(TAG_DYNA_LOAD_CONFIG);
         store(&handle->debugLevel, cfg.debugLevel);

@@ -667,8 +667,9 @@ uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMs
     context->localizers = parent->localizers;
     context->oslog = parent->oslog;
     context->reloadInterval = parent->reloadInterval;
-    context->cfgTimestamp = parent->cfgTimestamp;
-    context->lastReloadCheck = parent->lastReloadCheck;
+    // A reload stores these two without the lock.
+    context->cfgTimestamp = __atomic_load_n(&parent->cfgTimestamp, __ATOMIC_RELAXED);
+    context->lastReloadCheck = __atomic_load_n(&parent->lastReloadCheck, __ATOMIC_RELAXED);
     context->cfgCopy = parent->cfgCopy;
     context->utf8 = parent->utf8;
     context->noContext = 1;

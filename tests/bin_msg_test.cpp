@@ -176,8 +176,14 @@ TEST(MessageRecord, ApplicationAttributesAreNotLimited) {
     EXPECT_STREQ(msg.who, "mgr");
     EXPECT_EQ(zoltLogSetAppAttr(nullptr, ZOLTLOG_SEVERITY_WARNING), ZOLTLOG_INVALID_ARGUMENT);
     EXPECT_EQ(zoltLogSetAppAttrEx(nullptr, "w", ZOLTLOG_SEVERITY_WARNING), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, nullptr, ZOLTLOG_SEVERITY_WARNING), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(msg.attr.severity, 4u);
+}
+
+TEST(MessageRecord, ApplicationAttributesAcceptANullWho) {
+    LogMsg msg = recordOfType(ZOLTLOG_MSG_APP);
+    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_EMERGENCY), 0u);
+    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, nullptr, ZOLTLOG_SEVERITY_WARNING), 0u);
+    EXPECT_EQ(msg.who, nullptr);
+    EXPECT_EQ(msg.attr.severity, 1u);
 }
 
 TEST(MessageRecord, AuditAttributesAcceptANullSubject) {

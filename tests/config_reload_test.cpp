@@ -2,6 +2,7 @@
 #include "support/support.h"
 #include "zoltlog.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -14,7 +15,8 @@
 
 namespace {
 
-time_t now = 1000000;
+std::atomic<time_t> now{1000000};
+std::atomic<time_t> step{0}; // by which each look at the clock moves it on
 thread_local int timeCalls, statCalls;
 bool statFails;
 
@@ -22,9 +24,10 @@ bool statFails;
 
 extern "C" time_t time(time_t *out) noexcept {
     ++timeCalls;
+    const time_t seconds = now += step;
     if (out != nullptr)
-        *out = now;
-    return now;
+        *out = seconds;
+    return seconds;
 }
 
 extern "C" int stat(const char *path, struct stat *status) noexcept {
@@ -224,6 +227,50 @@ TEST(ConfigReload, ThreadsMayCheckOneHandleAtOnce) {
     EXPECT_EQ(h.handle.debugLevel, 3U);
     EXPECT_EQ(h.handle.diagLevel, 4U);
     EXPECT_EQ(zoltLogMutex.depth, 0);
+}
+
+// A handle reloads in some threads, while others open and close handles of the same series
+// and make contexts of it.
+TEST(ConfigReload, GoesOnBesideOpensAndContextsOfOtherThreads) {
+    registerProduct();
+    const std::string settings = "7.DebugLevel=3\n7.DynaReloadInSec=60\n7.LogDirectory=./log/\n";
+    const std::string logset = "LOGSET.set.DebugLevel=3\nLOGSET.set.DynaReloadInSec=60\n"
+                               "LOGSET.set.LogDirectory=./log/\n";
+    writeProduct(settings + logset, 5);
+    step = 61; // every look is due
+    LogHandle own = {};
+    LogHandle set = {};
+    ASSERT_EQ(zoltLogOpen(5, 7, &own), 0U);
+    ASSERT_EQ(zoltLogOpenLogSet(5, 7, "set", &set), 0U);
+    std::thread threads[3];
+    for (LogHandle *handle : {&own, &set}) {
+        threads[handle == &own ? 0 : 1] = std::thread([handle] {
+            for (int i = 0; i < 200; ++i) {
+                const timespec times[2] = {{6 + i, 0}, {6 + i, 0}};
+                utimensat(AT_FDCWD, "product.conf", times, 0);
+                EXPECT_EQ(zoltDynaLoadConfig(handle), 0U);
+            }
+        });
+    }
+    threads[2] = std::thread([&own, &set] {
+        for (int i = 0; i < 200; ++i) {
+            LogHandle second = {};
+            EXPECT_EQ(zoltLogOpen(5, 7, &second), 0U);
+            for (LogHandle *parent : {&own, &set}) {
+                LogHandle context = {};
+                EXPECT_EQ(zoltLogCreateContext(parent, &context, "T", 0, "work"), 0U);
+                EXPECT_EQ(zoltLogDestroyContext(&context), 0U);
+            }
+            EXPECT_EQ(zoltLogClose(&second), 0U);
+        }
+    });
+    for (std::thread &thread : threads)
+        thread.join();
+    step = 0;
+    EXPECT_EQ(own.debugLevel, 3U);
+    EXPECT_EQ(set.debugLevel, 3U);
+    EXPECT_EQ(zoltLogClose(&own), 0U);
+    EXPECT_EQ(zoltLogClose(&set), 0U);
 }
 
 TEST(ConfigReload, TheProductsSwitchIsABoolean) {
