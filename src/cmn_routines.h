@@ -52,23 +52,62 @@ inline bool localeIsUtf8() {
     return charset[0] == 'U' && strcmp(charset, "UTF-8") == 0;
 }
 
-// Finds out by converting.
-[[gnu::noinline]] inline bool multibyteKeepsAscii() {
-    // Where national and vendors' sets differ from ASCII, and a letter for those that
-    // share nothing with it. (btowc would not tell: it takes ASCII for granted.)
-    constexpr char TELLING[] = "A#$@[\\]^`{|}~";
-    wchar_t wide[sizeof TELLING];
-    return mbstowcs(wide, TELLING, sizeof TELLING) == sizeof TELLING - 1 &&
-           wcscmp(wide, L"A#$@[\\]^`{|}~") == 0;
+// Character sets that were asked about; a process uses one or two. What does not find a
+// place is asked about again.
+struct KnownCharset {
+    enum : uint32_t { FREE = 0, TAKEN = 1, READY = 2 };
+    uint32_t state;
+    bool keepsAscii;
+    char name[24];
+};
+
+inline KnownCharset knownCharsets[16];
+
+// Finds out by converting. (btowc would not tell: it takes ASCII for granted.)
+inline bool convertsAsciiToItself() {
+    constexpr int BYTES = 127;
+    char text[BYTES + 1];
+    for (int at = 0; at < BYTES; ++at)
+        text[at] = static_cast<char>(at + 1);
+    text[BYTES] = '\0';
+    wchar_t wide[BYTES + 1];
+    if (mbstowcs(wide, text, BYTES + 1) != BYTES)
+        return false;
+    for (int at = 0; at < BYTES; ++at)
+        if (wide[at] != at + 1)
+            return false;
+    return true;
 }
 
-// The bytes below 128 mean in the calling thread's multibyte encoding what they mean in
+// Whether all bytes below 128 of the locale's character set, which has this name, are
+// ASCII. Finds out once for each set.
+[[gnu::noinline]] inline bool charsetKeepsAscii(const char *charset) {
+    const size_t size = strlen(charset) + 1;
+    if (size > sizeof(KnownCharset::name))
+        return convertsAsciiToItself();
+    for (KnownCharset &known : knownCharsets) {
+        uint32_t state = __atomic_load_n(&known.state, __ATOMIC_ACQUIRE);
+        if (state == KnownCharset::READY && memcmp(known.name, charset, size) == 0)
+            return known.keepsAscii;
+        if (state != KnownCharset::FREE ||
+            !__atomic_compare_exchange_n(&known.state, &state, KnownCharset::TAKEN, false, __ATOMIC_RELAXED,
+                                         __ATOMIC_RELAXED))
+            continue;
+        known.keepsAscii = convertsAsciiToItself();
+        memcpy(known.name, charset, size);
+        __atomic_store_n(&known.state, KnownCharset::READY, __ATOMIC_RELEASE);
+        return known.keepsAscii;
+    }
+    return convertsAsciiToItself();
+}
+
+// The bytes below 128 mean in the calling thread's multibyte encoding what they do in
 // ASCII (in Shift_JIS, for one, they do not).
 inline bool localeKeepsAscii() {
     const char *charset = nl_langinfo(CODESET);
     if (strcmp(charset, charset[0] == 'U' ? "UTF-8" : "ANSI_X3.4-1968") == 0)
         return true;
-    return multibyteKeepsAscii();
+    return charsetKeepsAscii(charset);
 }
 
 // The text, in the locale's multibyte encoding, is its own UTF-8 form: mbs2utf8 would

@@ -24,6 +24,7 @@ namespace {
 time_t fixedTime = 0;                   // what time() says, if not 0
 const char *defaultConverter = nullptr; // what ICU opens without a name, if not its own choice
 int namelessConverters = 0;
+int conversions = 0; // calls of mbstowcs
 } // namespace
 
 extern "C" time_t time(time_t *out) noexcept {
@@ -33,6 +34,13 @@ extern "C" time_t time(time_t *out) noexcept {
     if (out != nullptr)
         *out = result;
     return result;
+}
+
+extern "C" size_t mbstowcs(wchar_t *wide, const char *text, size_t size) noexcept {
+    static auto *const real =
+        reinterpret_cast<size_t (*)(wchar_t *, const char *, size_t)>(dlsym(RTLD_NEXT, "mbstowcs"));
+    ++conversions;
+    return real(wide, text, size);
 }
 
 // ICU's own choice depends on how it was built: always UTF-8, or the locale's code page.
@@ -633,16 +641,51 @@ TEST(Shortcuts, LocaleIsUtf8FollowsSetlocale) {
 }
 
 TEST(Shortcuts, AsciiBytesOfALocaleThatMeansOthersAreConverted) {
+    const struct {
+        const char *language;
+        const char *charset;
+        const char *native;
+        const char *utf8;
+    } rows[] = {
+        {"ja_JP", "SHIFT_JIS", "\\", "\xC2\xA5"}, // a yen sign
+        {"ar_EG", "IBM864", "50%", "50\xD9\xAA"}, // an Arabic percent sign
+        {"vi_VN", "VISCII", "\x02", "\xE1\xBA\xB2"}, {"vi_VN", "TCVN5712-1", "\x01", "\xC3\x9A"},
+        {"ru_RU", "IBM856", "\x1A", "\x1C"},         {"th_TH", "IBM1161", "\x7F", "\x1A"},
+    };
     const std::string where = std::filesystem::current_path().string();
-    const support::Finished made = support::run({"localedef", "--no-archive", "-c", "--no-warnings=ascii",
-                                                 "-i", "ja_JP", "-f", "SHIFT_JIS", where + "/ja_JP.SJIS"});
     setenv("LOCPATH", where.c_str(), 1);
-    if (std::setlocale(LC_ALL, "ja_JP.SJIS") == nullptr)
-        GTEST_SKIP() << "no such locale can be made here: " << made.err;
-    EXPECT_FALSE(localeKeepsAscii());
-    EXPECT_FALSE(isUtf8AsItIs("\\", 1));
-    EXPECT_EQ("0:\xC2\xA5", fromMultibyte("\\")); // a yen sign
-    EXPECT_EQ(fromMultibyteTheLongWay("\\"), fromMultibyte("\\"));
+    int made = 0;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.charset);
+        const std::string name = std::string(row.language) + "." + row.charset;
+        support::run({"localedef", "--no-archive", "-c", "--no-warnings=ascii", "-i", row.language, "-f",
+                      row.charset, where + "/" + name});
+        if (std::setlocale(LC_ALL, name.c_str()) == nullptr)
+            continue;
+        ++made;
+        EXPECT_FALSE(localeKeepsAscii());
+        EXPECT_FALSE(isUtf8AsItIs(row.native, strlen(row.native)));
+        EXPECT_EQ(std::string("0:") + row.utf8, fromMultibyte(row.native));
+        EXPECT_EQ(fromMultibyteTheLongWay(row.native), fromMultibyte(row.native));
+    }
+    std::setlocale(LC_ALL, "C");
+    EXPECT_TRUE(localeKeepsAscii());
+    if (made == 0)
+        GTEST_SKIP() << "no such locale can be made here";
+}
+
+// What takes a conversion to find out is found out once for a character set.
+TEST(Shortcuts, TheMeaningOfAsciiBytesIsAskedOnceForEachCharset) {
+    for (const char *name : {"ja_JP.EUC-JP", "de_DE.ISO-8859-1"}) {
+        ASSERT_TRUE(support::useLocale(name));
+        EXPECT_TRUE(localeKeepsAscii()); // at the latest here
+    }
+    conversions = 0;
+    for (const char *name : {"ja_JP.EUC-JP", "de_DE.ISO-8859-1", "en_US.UTF-8", "C"}) {
+        ASSERT_TRUE(support::useLocale(name));
+        EXPECT_TRUE(localeKeepsAscii());
+    }
+    EXPECT_EQ(0, conversions);
 }
 
 namespace {
