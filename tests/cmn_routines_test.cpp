@@ -19,29 +19,29 @@
 
 #include "support/failing_allocations.h"
 #include "support/support.h"
+#include "support/syscalls.h"
 
 namespace {
 time_t fixedTime = 0;                   // what time() says, if not 0
 const char *defaultConverter = nullptr; // what ICU opens without a name, if not its own choice
 int namelessConverters = 0;
-int conversions = 0; // calls of mbstowcs
+int conversions; // calls of mbstowcs
+
+const bool PREPARED = support::eachCase([] {
+    fixedTime = 0;
+    defaultConverter = nullptr;
+    libc::time.hook = [](time_t *out) {
+        if (fixedTime == 0)
+            return libc::time.real(out);
+        if (out != nullptr)
+            *out = fixedTime;
+        return fixedTime;
+    };
+});
+
 } // namespace
 
-extern "C" time_t time(time_t *out) noexcept {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    const time_t result = fixedTime != 0 ? fixedTime : now.tv_sec;
-    if (out != nullptr)
-        *out = result;
-    return result;
-}
-
-extern "C" size_t mbstowcs(wchar_t *wide, const char *text, size_t size) noexcept {
-    static auto *const real =
-        reinterpret_cast<size_t (*)(wchar_t *, const char *, size_t)>(dlsym(RTLD_NEXT, "mbstowcs"));
-    ++conversions;
-    return real(wide, text, size);
-}
+SUPPORT_CALL(size_t, mbstowcs, (wchar_t * wide, const char *text, size_t size), (wide, text, size), noexcept)
 
 // ICU's own choice depends on how it was built: always UTF-8, or the locale's code page.
 #define TEXT_OF(name) TEXT_OF_EXPANDED(name)
@@ -681,6 +681,10 @@ TEST(Shortcuts, TheMeaningOfAsciiBytesIsAskedOnceForEachCharset) {
         EXPECT_TRUE(localeKeepsAscii()); // at the latest here
     }
     conversions = 0;
+    libc::mbstowcs.hook = [](wchar_t *wide, const char *bytes, size_t size) {
+        ++conversions;
+        return libc::mbstowcs.real(wide, bytes, size);
+    };
     for (const char *name : {"ja_JP.EUC-JP", "de_DE.ISO-8859-1", "en_US.UTF-8", "C"}) {
         ASSERT_TRUE(support::useLocale(name));
         EXPECT_TRUE(localeKeepsAscii());

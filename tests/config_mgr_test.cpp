@@ -392,7 +392,7 @@ class Manageable : public testing::Test {
     void SetUp() override {
         setenv("TZ", "UTC", 1);
         support::makeDirectory("logs");
-        setenv("ZOLTLOG_CFG_LOC", (here() + "main.conf").c_str(), 1);
+        setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1);
         support::writeFile("main.conf", "101.Configuration=" + here() + "p101.conf\n101.Names=web\n" +
                                             "102.Configuration=" + here() + "p102.conf\n102.Names=db\n");
         support::writeFile("p101.conf",

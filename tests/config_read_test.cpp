@@ -1,5 +1,6 @@
 // Reading the configuration: location, sections, keys, inheritance, collections.
 #include "src/config_keys.h"
+#include "support/cases.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -29,20 +30,20 @@ void writeProduct(const std::string &bytes) {
 
 } // namespace
 
-TEST(ConfigRead, TheVariableOfTheFirstCallDecides) {
+FRESH_TEST(ConfigRead, TheVariableOfTheFirstCallDecides) {
     setenv("ZOLTLOG_CFG_LOC", "one.conf", 1);
     EXPECT_STREQ(GetZoltLogCfgLoc(), "one.conf");
     setenv("ZOLTLOG_CFG_LOC", "two.conf", 1);
     EXPECT_STREQ(GetZoltLogCfgLoc(), "one.conf");
 }
 
-TEST(ConfigRead, WithoutTheVariableTheMainFileIsTheSystems) {
+FRESH_TEST(ConfigRead, WithoutTheVariableTheMainFileIsTheSystems) {
     EXPECT_STREQ(GetZoltLogCfgLoc(), "/etc/qd/zoltlog.conf");
     setenv("ZOLTLOG_CFG_LOC", "late.conf", 1);
     EXPECT_STREQ(GetZoltLogCfgLoc(), "/etc/qd/zoltlog.conf");
 }
 
-TEST(ConfigRead, AnEmptyVariableCountsAsUnset) {
+FRESH_TEST(ConfigRead, AnEmptyVariableCountsAsUnset) {
     setenv("ZOLTLOG_CFG_LOC", "", 1);
     EXPECT_STREQ(GetZoltLogCfgLoc(), "/etc/qd/zoltlog.conf");
 }

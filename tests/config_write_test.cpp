@@ -1,5 +1,6 @@
 // Writing the configuration: records, registration of products.
 #include "src/config_keys.h"
+#include "support/cases.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -425,7 +426,7 @@ TEST(ConfigWrite, AnUnreadableFileIsNotEmptied) {
 
 // ---- registration --------------------------------------------------------------------------------------
 
-TEST(ConfigWrite, AProductIsRegisteredAndRemoved) {
+FRESH_TEST(ConfigWrite, AProductIsRegisteredAndRemoved) {
     setenv("ZOLTLOG_CFG_LOC", "./etc/main.conf", 1);
     EXPECT_EQ(zoltLogAddProductCfg(5, "five, cinq", "/five.conf"), 0U);
     EXPECT_EQ(readFile("etc/main.conf"),
@@ -482,7 +483,7 @@ TEST(ConfigWrite, ResultsOfRegistration) {
     EXPECT_EQ(readFile("main.conf"), "5.Names=n\n5.Configuration=l\n");
 }
 
-TEST(ConfigWrite, AMainFileThatCannotBeMadeIsResult6) {
+FRESH_TEST(ConfigWrite, AMainFileThatCannotBeMadeIsResult6) {
     writeFile("plain", "");
     setenv("ZOLTLOG_CFG_LOC", "./plain/main.conf", 1);
     EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l"), ZOLTLOG_CFG_NOT_FOUND);

@@ -132,7 +132,7 @@ class FaultListing : public testing::Test {
         free(here);
         support::makeDirectory("logs");
         support::makeDirectory("to");
-        setenv("ZOLTLOG_CFG_LOC", (home + "main.conf").c_str(), 1);
+        setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1);
         support::writeFile("main.conf", "5.Configuration=" + home + "p5.conf\n5.Names=web\n");
         support::writeFile("p5.conf", "Default.LogDirectory=" + home + "logs/\nDefault.NumberOfLogFiles=3\n" +
                                           "LOGSET.Default.LogDirectory=" + home +

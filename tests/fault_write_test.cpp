@@ -40,97 +40,66 @@ bool failsNow() {
     return true;
 }
 
-template<typename F>
-F real(const char *name) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
+const bool FAULTS_PREPARED = support::eachCase([] {
+    writeFault = {};
+    onShortWrite = nullptr;
+    errorCode = 0; // once it says that the device is full, it stays so
+    counting = false;
+    failingCalls = 1;
+    libc::write.hook = [](int descriptor, const void *bytes, size_t length) -> ssize_t {
+        if (descriptor > 2 && writeFault.times > 0) {
+            --writeFault.times;
+            if (writeFault.bytes < 0) {
+                errno = writeFault.error;
+                return -1;
+            }
+            const size_t part = static_cast<size_t>(writeFault.bytes);
+            if (writeFault.times == 0 && writeFault.errorAfter != 0)
+                writeFault = {writeFault.errorAfter, -1, 1, 0};
+            const ssize_t written =
+                part == 0 ? 0 : libc::write.real(descriptor, bytes, std::min(part, length));
+            std::function<void()> hook;
+            hook.swap(onShortWrite);
+            if (hook)
+                hook();
+            return written;
+        }
+        return descriptor > 2 && failsNow() ? -1 : libc::write.real(descriptor, bytes, length);
+    };
+    libc::open.hook = [](const char *path, int flags, mode_t mode) {
+        return failsNow() ? -1 : libc::open.real(path, flags, mode);
+    };
+    libc::read.hook = [](int descriptor, void *bytes, size_t length) -> ssize_t {
+        return failsNow() ? -1 : libc::read.real(descriptor, bytes, length);
+    };
+    libc::pread.hook = [](int descriptor, void *bytes, size_t length, off_t offset) -> ssize_t {
+        return failsNow() ? -1 : libc::pread.real(descriptor, bytes, length, offset);
+    };
+    libc::lseek.hook = [](int descriptor, off_t offset, int whence) -> off_t {
+        return failsNow() ? -1 : libc::lseek.real(descriptor, offset, whence);
+    };
+    libc::fstat.hook = [](int descriptor, struct stat *status) {
+        return failsNow() ? -1 : libc::fstat.real(descriptor, status);
+    };
+    libc::stat.hook = [](const char *path, struct stat *status) {
+        return failsNow() ? -1 : libc::stat.real(path, status);
+    };
+    libc::fchmod.hook = [](int descriptor, mode_t mode) {
+        return failsNow() ? -1 : libc::fchmod.real(descriptor, mode);
+    };
+    libc::linkat.hook = [](int fromDir, const char *from, int toDir, const char *to, int flags) {
+        return failsNow() ? -1 : libc::linkat.real(fromDir, from, toDir, to, flags);
+    };
+    libc::link.hook = [](const char *from, const char *to) {
+        return failsNow() ? -1 : libc::link.real(from, to);
+    };
+    libc::unlink.hook = [](const char *path) { return failsNow() ? -1 : libc::unlink.real(path); };
+    libc::mkdir.hook = [](const char *path, mode_t mode) {
+        return failsNow() ? -1 : libc::mkdir.real(path, mode);
+    };
+});
 
 } // namespace
-
-extern "C" {
-
-ssize_t write(int descriptor, const void *bytes, size_t length) {
-    static const auto call = real<ssize_t (*)(int, const void *, size_t)>("write");
-    if (descriptor > 2 && writeFault.times > 0) {
-        --writeFault.times;
-        if (writeFault.bytes < 0) {
-            errno = writeFault.error;
-            return -1;
-        }
-        const size_t part = static_cast<size_t>(writeFault.bytes);
-        if (writeFault.times == 0 && writeFault.errorAfter != 0)
-            writeFault = {writeFault.errorAfter, -1, 1, 0};
-        const ssize_t written = part == 0 ? 0 : call(descriptor, bytes, part < length ? part : length);
-        std::function<void()> hook;
-        hook.swap(onShortWrite);
-        if (hook)
-            hook();
-        return written;
-    }
-    if (descriptor > 2 && failsNow())
-        return -1;
-    return call(descriptor, bytes, length);
-}
-
-int open(const char *path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = va_arg(args, mode_t);
-    va_end(args);
-    static const auto call = real<int (*)(const char *, int, mode_t)>("open");
-    return failsNow() ? -1 : call(path, flags, mode);
-}
-
-ssize_t read(int descriptor, void *bytes, size_t length) {
-    static const auto call = real<ssize_t (*)(int, void *, size_t)>("read");
-    return failsNow() ? -1 : call(descriptor, bytes, length);
-}
-
-ssize_t pread(int descriptor, void *bytes, size_t length, off_t offset) {
-    static const auto call = real<ssize_t (*)(int, void *, size_t, off_t)>("pread");
-    return failsNow() ? -1 : call(descriptor, bytes, length, offset);
-}
-
-off_t lseek(int descriptor, off_t offset, int whence) noexcept {
-    static const auto call = real<off_t (*)(int, off_t, int)>("lseek");
-    return failsNow() ? -1 : call(descriptor, offset, whence);
-}
-
-int fstat(int descriptor, struct stat *status) noexcept {
-    static const auto call = real<int (*)(int, struct stat *)>("fstat");
-    return failsNow() ? -1 : call(descriptor, status);
-}
-
-int stat(const char *path, struct stat *status) noexcept {
-    static const auto call = real<int (*)(const char *, struct stat *)>("stat");
-    return failsNow() ? -1 : call(path, status);
-}
-
-int fchmod(int descriptor, mode_t mode) noexcept {
-    static const auto call = real<int (*)(int, mode_t)>("fchmod");
-    return failsNow() ? -1 : call(descriptor, mode);
-}
-
-int linkat(int fromDir, const char *from, int toDir, const char *to, int flags) noexcept {
-    static const auto call = real<int (*)(int, const char *, int, const char *, int)>("linkat");
-    return failsNow() ? -1 : call(fromDir, from, toDir, to, flags);
-}
-
-int link(const char *from, const char *to) noexcept {
-    static const auto call = real<int (*)(const char *, const char *)>("link");
-    return failsNow() ? -1 : call(from, to);
-}
-
-int unlink(const char *path) noexcept {
-    static const auto call = real<int (*)(const char *)>("unlink");
-    return failsNow() ? -1 : call(path);
-}
-
-int mkdir(const char *path, mode_t mode) noexcept {
-    static const auto call = real<int (*)(const char *, mode_t)>("mkdir");
-    return failsNow() ? -1 : call(path, mode);
-}
-}
 
 namespace {
 

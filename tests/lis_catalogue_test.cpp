@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "qdlis.h"
+#include "support/cases.h"
 #include "support/lis_items.h"
 #include "support/support.h"
 #include "zoltlog.h"
@@ -79,7 +80,7 @@ std::string here(const std::string &name) {
 
 } // namespace
 
-TEST(Catalogue, EnvironmentNamesItsPackages) {
+FRESH_TEST(Catalogue, EnvironmentNamesItsPackages) {
     compile("first", "root", "1 { \"first\" }");
     compile("second", "root", "1 { \"second\" } 2 { \"two\" }");
     setenv("QDLIS_CATALOG", (":" + here("missing") + ":" + here("first") + "::" + here("second")).c_str(), 1);
@@ -88,7 +89,7 @@ TEST(Catalogue, EnvironmentNamesItsPackages) {
     EXPECT_EQ("id=3", items(0, 3, "x"));
 }
 
-TEST(Catalogue, OneNumberIsShownInTheWordsOfEachLocale) {
+FRESH_TEST(Catalogue, OneNumberIsShownInTheWordsOfEachLocale) {
     ASSERT_EQ(0, qdlisAddCatalog(sample().c_str()));
     EXPECT_EQ("id=0 11:Disk  11:/var 11: is  1:93 11:% full", items(0, 1001, "%s %d", "/var", 93));
     ASSERT_TRUE(support::useLocale("de_DE.UTF-8"));
@@ -98,20 +99,20 @@ TEST(Catalogue, OneNumberIsShownInTheWordsOfEachLocale) {
     EXPECT_EQ("Disk /var is 93% full", text(1001, "%s %d", "/var", 93));
 }
 
-TEST(Catalogue, OnlyTheMessageCategoryChoosesTheWords) {
+FRESH_TEST(Catalogue, OnlyTheMessageCategoryChoosesTheWords) {
     ASSERT_EQ(0, qdlisAddCatalog(sample().c_str()));
     ASSERT_TRUE(support::useLocale("de_DE.UTF-8"));
     std::setlocale(LC_MESSAGES, "C");
     EXPECT_EQ("Disk /var is 93% full", text(1001, "%s %d", "/var", 93));
 }
 
-TEST(Catalogue, AMessageThatALocaleLacksComesFromRoot) {
+FRESH_TEST(Catalogue, AMessageThatALocaleLacksComesFromRoot) {
     ASSERT_EQ(0, qdlisAddCatalog(sample().c_str()));
     ASSERT_TRUE(support::useLocale("de_DE.UTF-8"));
     EXPECT_EQ("Shutting down", text(1007, "x"));
 }
 
-TEST(Catalogue, AMessageFallsBackFromRegionToLanguageToRoot) {
+FRESH_TEST(Catalogue, AMessageFallsBackFromRegionToLanguageToRoot) {
     compile("three", "root", "1 { \"root 1\" } 2 { \"root 2\" } 3 { \"root 3\" }");
     compile("three", "de", "1 { \"de 1\" } 2 { \"de 2\" }");
     compile("three", "de_DE", "1 { \"de_DE 1\" }");
@@ -124,28 +125,28 @@ TEST(Catalogue, AMessageFallsBackFromRegionToLanguageToRoot) {
     EXPECT_EQ("id=4", items(0, 4, "x"));
 }
 
-TEST(Catalogue, ALocaleWithoutWordsGetsRootAndNotTheEnvironmentsLocale) {
+FRESH_TEST(Catalogue, ALocaleWithoutWordsGetsRootAndNotTheEnvironmentsLocale) {
     ASSERT_TRUE(support::useLocale("de_DE.UTF-8")); // and LC_ALL says so too
     ASSERT_NE(nullptr, std::setlocale(LC_MESSAGES, "ja_JP.EUC-JP"));
     ASSERT_EQ(0, qdlisAddCatalog(sample().c_str()));
     EXPECT_EQ("Disk /var is 93% full", text(1001, "%s %d", "/var", 93));
 }
 
-TEST(Catalogue, RemovedMeansTheFallbackText) {
+FRESH_TEST(Catalogue, RemovedMeansTheFallbackText) {
     compile("gone", "root", "42 { \"%1$d and %2$s\" }");
     ASSERT_EQ(0, unlink("gone/root.res"));
     ASSERT_EQ(0, qdlisAddCatalog(here("gone").c_str()));
     EXPECT_EQ("[Cannot find catalog for message id=42] 7,x", text(42, "%d %s", 7, "x"));
 }
 
-TEST(Catalogue, DamagedMeansTheFallbackText) {
+FRESH_TEST(Catalogue, DamagedMeansTheFallbackText) {
     support::makeDirectory("bad");
     support::writeFile("bad/root.res", std::string(100, '\xa5'));
     ASSERT_EQ(0, qdlisAddCatalog(here("bad").c_str()));
     EXPECT_EQ("[Cannot find catalog for message id=42] 7,x", text(42, "%d %s", 7, "x"));
 }
 
-TEST(Catalogue, EveryCutOfABundleMeansTheParentsText) {
+FRESH_TEST(Catalogue, EveryCutOfABundleMeansTheParentsText) {
     compile("cut", "root", "1 { \"root 1\" } 2 { \"root 2\" }");
     compile("cut", "de", "1 { \"de 1\" } 2 { \"de 2\" }");
     const std::string whole = support::readFile("cut/de.res");
@@ -162,7 +163,7 @@ TEST(Catalogue, EveryCutOfABundleMeansTheParentsText) {
     }
 }
 
-TEST(Catalogue, ChangedBytesOfABundleAreNoHarm) {
+FRESH_TEST(Catalogue, ChangedBytesOfABundleAreNoHarm) {
     compile("changed", "root", "1 { \"text of one\" } 2 { \"\" } 300 { \"text of three hundred\" }");
     const std::string whole = support::readFile("changed/root.res");
     for (unsigned at = 0; at < whole.size(); ++at) {
@@ -183,7 +184,7 @@ TEST(Catalogue, ChangedBytesOfABundleAreNoHarm) {
     }
 }
 
-TEST(Catalogue, OnlyARegularFileIsOpened) {
+FRESH_TEST(Catalogue, OnlyARegularFileIsOpened) {
     support::makeDirectory("odd");
     ASSERT_EQ(0, mkfifo("odd/root.res", 0600)); // opening it would block
     ASSERT_EQ(0, qdlisAddCatalog("odd"));
@@ -191,7 +192,7 @@ TEST(Catalogue, OnlyARegularFileIsOpened) {
 }
 
 // Lengths around those where a bundle tells them in another way.
-TEST(Catalogue, TextsOfEveryLengthAreWholeInEveryVersionOfTheFile) {
+FRESH_TEST(Catalogue, TextsOfEveryLengthAreWholeInEveryVersionOfTheFile) {
     const size_t lengths[] = {1, 2, 39, 40, 41, 1022, 1023, 1024, 1025, 65535, 65536, 200000};
     std::string messages;
     for (const size_t length : lengths) {
@@ -214,7 +215,7 @@ TEST(Catalogue, TextsOfEveryLengthAreWholeInEveryVersionOfTheFile) {
 }
 
 // Beyond 64 KB of keys a bundle's table is another one.
-TEST(Catalogue, AMessageIsFoundAmongManyKeys) {
+FRESH_TEST(Catalogue, AMessageIsFoundAmongManyKeys) {
     std::string messages;
     for (int number = 1; number <= 500; ++number) {
         const std::string text = std::to_string(number);
@@ -231,7 +232,7 @@ TEST(Catalogue, AMessageIsFoundAmongManyKeys) {
     }
 }
 
-TEST(Catalogue, APackageMayBeOneFile) {
+FRESH_TEST(Catalogue, APackageMayBeOneFile) {
     compile("one", "root", "1 { \"root 1\" } 2 { \"root 2\" }");
     compile("one", "de", "1 { \"de 1\" }");
     support::writeFile("list.txt", "de.res\nroot.res\n");
@@ -254,7 +255,7 @@ TEST(Catalogue, APackageMayBeOneFile) {
     }
 }
 
-TEST(Catalogue, ALocaleIsServedInItsScriptBeforeItsLanguage) {
+FRESH_TEST(Catalogue, ALocaleIsServedInItsScriptBeforeItsLanguage) {
     compile("scripts", "root", "1 { \"root 1\" } 2 { \"root 2\" } 3 { \"root 3\" }");
     compile("scripts", "zh", "1 { \"simplified 1\" } 2 { \"simplified 2\" }");
     compile("scripts", "zh_Hant", "1 { \"traditional 1\" }");
@@ -265,7 +266,7 @@ TEST(Catalogue, ALocaleIsServedInItsScriptBeforeItsLanguage) {
     EXPECT_EQ("root 3", text(3, "x"));
 }
 
-TEST(Catalogue, ALocaleMayNameAnotherOneInItsPlace) {
+FRESH_TEST(Catalogue, ALocaleMayNameAnotherOneInItsPlace) {
     compile("names", "root", "1 { \"root 1\" } 2 { \"root 2\" }");
     compile("names", "de", "\"%%ALIAS\" { \"nds\" }");
     compile("names", "nds", "1 { \"nds 1\" }");
@@ -275,7 +276,7 @@ TEST(Catalogue, ALocaleMayNameAnotherOneInItsPlace) {
     EXPECT_EQ("root 2", text(2, "x"));
 }
 
-TEST(Catalogue, LocalesThatNameEachOtherEnd) {
+FRESH_TEST(Catalogue, LocalesThatNameEachOtherEnd) {
     compile("names", "de", "\"%%ALIAS\" { \"nds\" }");
     compile("names", "nds", "\"%%ALIAS\" { \"de\" }");
     ASSERT_TRUE(support::useLocale("de_DE.UTF-8"));
@@ -283,7 +284,7 @@ TEST(Catalogue, LocalesThatNameEachOtherEnd) {
     EXPECT_EQ("id=3", items(0, 3, "x"));
 }
 
-TEST(Catalogue, AMessageThatIsNoTextIsMissing) {
+FRESH_TEST(Catalogue, AMessageThatIsNoTextIsMissing) {
     compile("odd", "root", "1 { a { \"in a table\" } } 2:int { 5 } 3 { \"text\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("odd").c_str()));
     EXPECT_EQ("id=1", items(0, 1, "x"));
@@ -291,20 +292,20 @@ TEST(Catalogue, AMessageThatIsNoTextIsMissing) {
     EXPECT_EQ("id=0 11:text", items(0, 3, "x"));
 }
 
-TEST(Catalogue, NegativeAndLargeNumbersAreKeysToo) {
+FRESH_TEST(Catalogue, NegativeAndLargeNumbersAreKeysToo) {
     compile("odd", "root", "\"-5\" { \"minus\" } 9223372036854775807 { \"large\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("odd").c_str()));
     EXPECT_EQ("minus", text(-5, "x"));
     EXPECT_EQ("large", text(INT64_MAX, "x"));
 }
 
-TEST(Catalogue, AnEmptyPatternIsATextWithoutItems) {
+FRESH_TEST(Catalogue, AnEmptyPatternIsATextWithoutItems) {
     compile("odd", "root", "1 { \"\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("odd").c_str()));
     EXPECT_EQ("id=0", items(0, 1, "%d", 7));
 }
 
-TEST(Catalogue, PatternsDecideHowArgumentsLook) {
+FRESH_TEST(Catalogue, PatternsDecideHowArgumentsLook) {
     compile("looks", "root",
             "1 { \"%1$08x\" } 2 { \"%1$.2f\" } 3 { \"[%2$-6s|%1$d]\" } 4 { \"%2$*1$d\" } 5 { \"%d %s\" }"
             "6 { \"%1$d%1$d\" } 7 { \"100%% of %2$s\" } 8 { \"%1$u\" } 9 { \"%1$i\" } 10 { \"%1$c%2$c\" }"
@@ -328,7 +329,7 @@ TEST(Catalogue, PatternsDecideHowArgumentsLook) {
     EXPECT_EQ("id=0 5:wide 11:narrow", items(0, 11, "%ls%s", L"wide", "narrow"));
 }
 
-TEST(Catalogue, PatternsThatDoNotFitCountAsMissing) {
+FRESH_TEST(Catalogue, PatternsThatDoNotFitCountAsMissing) {
     compile("misfits", "root",
             "1 { \"%1$s\" } 2 { \"%3$d\" } 3 { \"%1$n\" } 4 { \"%1$f\" } 5 { \"%1$d %d\" } 6 { \"%m\" }"
             "7 { \"93% full\" } 8 { \"%2$*1$d\" } 9 { \"%1$s %1$d\" } 10 { \"%1$p\" } 11 { \"%9999$d\" }");
@@ -342,7 +343,7 @@ TEST(Catalogue, PatternsThatDoNotFitCountAsMissing) {
     EXPECT_EQ("id=8 1:5 1:7", items(0, 8, "%ld %d", 5L, 7));
 }
 
-TEST(Catalogue, EachFormatOfANumberIsFittedOnItsOwn) {
+FRESH_TEST(Catalogue, EachFormatOfANumberIsFittedOnItsOwn) {
     compile("one", "root", "1 { \"<%1$d>\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("one").c_str()));
     for (int round = 0; round < 2; ++round) {
@@ -354,7 +355,7 @@ TEST(Catalogue, EachFormatOfANumberIsFittedOnItsOwn) {
     }
 }
 
-TEST(Catalogue, TheSameBufferWithAnotherFormatIsAnotherFormat) {
+FRESH_TEST(Catalogue, TheSameBufferWithAnotherFormatIsAnotherFormat) {
     compile("one", "root", "1 { \"<%1$d>\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("one").c_str()));
     char format[8] = "%d";
@@ -363,7 +364,7 @@ TEST(Catalogue, TheSameBufferWithAnotherFormatIsAnotherFormat) {
     EXPECT_EQ("id=1 11:x", items(0, 1, format, "x"));
 }
 
-TEST(Catalogue, ManyFormatsOfOneNumberAreAllServed) {
+FRESH_TEST(Catalogue, ManyFormatsOfOneNumberAreAllServed) {
     compile("one", "root", "1 { \"<%1$d>\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("one").c_str()));
     for (int round = 0; round < 2; ++round) {
@@ -375,13 +376,13 @@ TEST(Catalogue, ManyFormatsOfOneNumberAreAllServed) {
     }
 }
 
-TEST(Catalogue, AnInvalidFormatIsRefusedThoughTheMessageIsThere) {
+FRESH_TEST(Catalogue, AnInvalidFormatIsRefusedThoughTheMessageIsThere) {
     ASSERT_EQ(0, qdlisAddCatalog(sample().c_str()));
     EXPECT_EQ("result -2", items(0, 1001, "%n", 7));
     EXPECT_EQ("result -2", items(0, 1001, "%n", 7));
 }
 
-TEST(Catalogue, TextsAreInTheEncodingOfTheLocale) {
+FRESH_TEST(Catalogue, TextsAreInTheEncodingOfTheLocale) {
     ASSERT_EQ(0, qdlisAddCatalog(sample().c_str()));
     ASSERT_TRUE(support::useLocale("de_DE.UTF-8"));
     EXPECT_EQ("id=0 11:H\xc3\xb6rt auf Port  2:80", items(0, 1003, "%u", 80));
@@ -393,7 +394,7 @@ TEST(Catalogue, TextsAreInTheEncodingOfTheLocale) {
     EXPECT_EQ("id=0 10:H\xc3\xb6rt auf Port  2:80", items(1, 1003, "%u", 80));
 }
 
-TEST(Catalogue, TextsOutsideTheFirstPlaneAreWhole) {
+FRESH_TEST(Catalogue, TextsOutsideTheFirstPlaneAreWhole) {
     compile("far", "root", "1 { \"\\U0001F600 \\u20AC\" } 2 { \"\\uD800x\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("far").c_str()));
     EXPECT_EQ("id=0 11:? ?", items(0, 1, "x"));
@@ -403,7 +404,7 @@ TEST(Catalogue, TextsOutsideTheFirstPlaneAreWhole) {
     EXPECT_EQ("id=0 11:\xf0\x9f\x98\x80 \xe2\x82\xac", items(0, 1, "x"));
 }
 
-TEST(Catalogue, IsAddedLaterAndOnlyOnce) {
+FRESH_TEST(Catalogue, IsAddedLaterAndOnlyOnce) {
     EXPECT_EQ("id=1001 11:/var 1:93", items(0, 1001, "%s %d", "/var", 93));
     ASSERT_EQ(0, qdlisAddCatalog(sample().c_str()));
     for (int i = 0; i < 100; ++i)
@@ -411,7 +412,7 @@ TEST(Catalogue, IsAddedLaterAndOnlyOnce) {
     EXPECT_EQ("Disk /var is 93% full", text(1001, "%s %d", "/var", 93));
 }
 
-TEST(Catalogue, ThirtyTwoAreTheMost) {
+FRESH_TEST(Catalogue, ThirtyTwoAreTheMost) {
     for (int i = 0; i < 32; ++i)
         EXPECT_EQ(0, qdlisAddCatalog(("/nowhere/" + std::to_string(i)).c_str())) << i;
     EXPECT_EQ(ZOLTLIS_FAILED, qdlisAddCatalog("/nowhere/more"));
@@ -420,7 +421,7 @@ TEST(Catalogue, ThirtyTwoAreTheMost) {
     EXPECT_EQ("id=1 1:7", items(0, 1, "%d", 7));
 }
 
-TEST(Catalogue, ThreadsReadItAtTheSameTime) {
+FRESH_TEST(Catalogue, ThreadsReadItAtTheSameTime) {
     compile("many", "root", "1 { \"<%1$d>\" } 2 { \"(%1$d)\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("many").c_str()));
     std::atomic<int> wrong{0};
@@ -441,7 +442,7 @@ TEST(Catalogue, ThreadsReadItAtTheSameTime) {
     EXPECT_EQ(0, wrong.load());
 }
 
-TEST(Catalogue, AForkedChildLooksMessagesUpWhileOtherThreadsDo) {
+FRESH_TEST(Catalogue, AForkedChildLooksMessagesUpWhileOtherThreadsDo) {
     compile("many", "root", "1 { \"<%1$d>\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("many").c_str()));
     std::atomic<bool> stop{false};
@@ -462,7 +463,7 @@ TEST(Catalogue, AForkedChildLooksMessagesUpWhileOtherThreadsDo) {
     busy.join();
 }
 
-TEST(Catalogue, AForkWaitsForTheLogLockBeforeItHoldsTheCatalogues) {
+FRESH_TEST(Catalogue, AForkWaitsForTheLogLockBeforeItHoldsTheCatalogues) {
     compile("many", "root", "1 { \"<%1$d>\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("many").c_str()));
     static const char TAG[] = "several calls of the program";
@@ -483,7 +484,7 @@ TEST(Catalogue, AForkWaitsForTheLogLockBeforeItHoldsTheCatalogues) {
     alarm(0);
 }
 
-TEST(CatalogueBuilt, ItemsMoveToTheirPlaces) {
+FRESH_TEST(CatalogueBuilt, ItemsMoveToTheirPlaces) {
     compile("built", "root",
             "1 { \"%2$s: error %1$s at %3$s in %4$s, %5$d, 0x%6$x, %7$s %8$s %9$ls %10$f %11$c %12$p\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("built").c_str()));
@@ -512,7 +513,7 @@ TEST(CatalogueBuilt, ItemsMoveToTheirPlaces) {
     EXPECT_EQ(0, zoltLisFree(&block));
 }
 
-TEST(CatalogueBuilt, ANestedBlockThatIsNotShownIsReleased) {
+FRESH_TEST(CatalogueBuilt, ANestedBlockThatIsNotShownIsReleased) {
     compile("built", "root", "1 { \"only %1$d\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("built").c_str()));
     ZoltLisBlock inner = {};
@@ -526,7 +527,7 @@ TEST(CatalogueBuilt, ANestedBlockThatIsNotShownIsReleased) {
     EXPECT_EQ(0, zoltLisFree(&block));
 }
 
-TEST(CatalogueBuilt, WhatDoesNotFitStaysAsItIs) {
+FRESH_TEST(CatalogueBuilt, WhatDoesNotFitStaysAsItIs) {
     compile("built", "root", "1 { \"%1$s %1$s\" } 2 { \"%1$10s\" } 3 { \"%1$d\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("built").c_str()));
     for (int number : {1, 2, 3, 4}) { // twice, with a width, as an integer, no message
@@ -541,7 +542,7 @@ TEST(CatalogueBuilt, WhatDoesNotFitStaysAsItIs) {
     }
 }
 
-TEST(CatalogueBuilt, AFormatThatLooksLikeItsKeyIsAnotherMessage) {
+FRESH_TEST(CatalogueBuilt, AFormatThatLooksLikeItsKeyIsAnotherMessage) {
     compile("built", "root", "1 { \"%1$d\" }");
     ASSERT_EQ(0, qdlisAddCatalog(here("built").c_str()));
     ZoltLisBlock block = {};

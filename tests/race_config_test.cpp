@@ -1,4 +1,5 @@
 // Configuration files under several processes and threads at once.
+#include "support/cases.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -116,7 +117,7 @@ TEST(LongRaceConfig, TwoWritersAndAReaderLoseAndTearNothing) {
 }
 
 // Eight processes register a product each, in a directory without a main file.
-TEST(RaceConfig, ProductsRegisteredAtOnceAreAllThere) {
+FRESH_TEST(RaceConfig, ProductsRegisteredAtOnceAreAllThere) {
     for (int round = 0; round < 10; ++round) {
         const std::string main = "./dir" + std::to_string(round) + "/main.conf";
         std::vector<pid_t> children;
@@ -204,7 +205,7 @@ TEST(RaceConfig, ThreadsReadAndWriteAtOnce) {
     EXPECT_EQ(zoltLogMutex.depth, 0);
 }
 
-TEST(RaceConfig, TheLocationIsDecidedOnceAmongThreads) {
+FRESH_TEST(RaceConfig, TheLocationIsDecidedOnceAmongThreads) {
     setenv("ZOLTLOG_CFG_LOC", "first.conf", 1);
     std::vector<std::thread> threads;
     for (int i = 0; i < 64; ++i)

@@ -19,6 +19,21 @@ namespace {
 bool withoutUnnamed; // as on a file system that has no unnamed files
 std::atomic<int> sizeQuestions;
 
+const bool HOOKED = support::eachCase([] {
+    withoutUnnamed = false;
+    libc::open.hook = [](const char *path, int flags, mode_t mode) {
+        if (withoutUnnamed && (flags & O_TMPFILE) == O_TMPFILE) {
+            errno = EOPNOTSUPP;
+            return -1;
+        }
+        return libc::open.real(path, flags, mode);
+    };
+    libc::fstat.hook = [](int descriptor, struct stat *status) {
+        ++sizeQuestions;
+        return libc::fstat.real(descriptor, status);
+    };
+});
+
 const size_t LONGEST_RECORD = 120;
 
 // Runs body in count processes at once; their exit statuses are 0.
@@ -303,28 +318,4 @@ TEST(WriteRace, ThreadsOpenSendContextAndCloseAtOnce) {
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(common.sequenceNumber, 361u);
     EXPECT_EQ(zoltLogCloseFile(&common), 0u);
-}
-
-// ---- replaced functions --------------------------------------------------------------------------
-
-extern "C" {
-
-int open(const char *path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = va_arg(args, mode_t);
-    va_end(args);
-    if (withoutUnnamed && (flags & O_TMPFILE) == O_TMPFILE) {
-        errno = EOPNOTSUPP;
-        return -1;
-    }
-    static const auto real = reinterpret_cast<int (*)(const char *, int, mode_t)>(dlsym(RTLD_NEXT, "open"));
-    return real(path, flags, mode);
-}
-
-int fstat(int descriptor, struct stat *status) noexcept {
-    ++sizeQuestions;
-    static const auto real = reinterpret_cast<int (*)(int, struct stat *)>(dlsym(RTLD_NEXT, "fstat"));
-    return real(descriptor, status);
-}
 }

@@ -1,16 +1,15 @@
 // The search for the latest file of a series. This program gives the host its
 // address, counts opened files and makes large directories.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
@@ -19,46 +18,46 @@
 #include <sys/stat.h>
 #include <vector>
 
-static const char *hostAddress = "10.0.0.5"; // id 0x0500000A
+static const char *hostAddress; // at first "10.0.0.5", id 0x0500000A
 static bool hostHasNoName;
 static int opens; // of log files
 
-extern "C" {
-int getaddrinfo(const char *, const char *, const struct addrinfo *, struct addrinfo **out) {
-    static struct addrinfo entry;
-    static struct sockaddr_in ipv4;
-    static struct sockaddr_in6 ipv6;
+static int lookUpHost(const char *, const char *, const addrinfo *, addrinfo **out) {
+    static addrinfo entry;
+    static sockaddr_in ipv4;
+    static sockaddr_in6 ipv6;
     entry = {};
     if (inet_pton(AF_INET, hostAddress, &ipv4.sin_addr) == 1) {
         entry.ai_family = AF_INET;
-        entry.ai_addr = reinterpret_cast<struct sockaddr *>(&ipv4);
+        entry.ai_addr = reinterpret_cast<sockaddr *>(&ipv4);
     } else {
         inet_pton(AF_INET6, hostAddress, &ipv6.sin6_addr);
         entry.ai_family = AF_INET6;
-        entry.ai_addr = reinterpret_cast<struct sockaddr *>(&ipv6);
+        entry.ai_addr = reinterpret_cast<sockaddr *>(&ipv6);
     }
     *out = &entry;
     return 0;
 }
-void freeaddrinfo(struct addrinfo *) noexcept {}
-int gethostname(char *name, size_t length) noexcept {
-    if (hostHasNoName)
-        return -1;
-    snprintf(name, length, "testhost");
-    return 0;
-}
-int open(const char *path, int flags, ...) {
-    static const auto realOpen = reinterpret_cast<int (*)(const char *, int, ...)>(dlsym(RTLD_NEXT, "open"));
-    va_list rest;
-    va_start(rest, flags);
-    const mode_t mode = va_arg(rest, mode_t);
-    va_end(rest);
-    const size_t length = strlen(path);
-    if (length > 4 && strcmp(path + length - 4, ".log") == 0)
-        ++opens;
-    return realOpen(path, flags, mode);
-}
-}
+
+static const bool PREPARED = support::eachCase([] {
+    hostAddress = "10.0.0.5";
+    hostHasNoName = false;
+    opens = 0;
+    libc::getaddrinfo.hook = lookUpHost;
+    libc::freeaddrinfo.hook = [](addrinfo *) {};
+    libc::gethostname.hook = [](char *name, size_t size) {
+        if (hostHasNoName)
+            return -1;
+        snprintf(name, size, "testhost");
+        return 0;
+    };
+    libc::open.hook = [](const char *path, int flags, mode_t mode) {
+        const size_t length = strlen(path);
+        if (length > 4 && strcmp(path + length - 4, ".log") == 0)
+            ++opens;
+        return libc::open.real(path, flags, mode);
+    };
+});
 
 static const std::string HOST = "83886090"; // of 10.0.0.5
 

@@ -1,10 +1,10 @@
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <map>
@@ -23,53 +23,42 @@ bool counting = false;
 
 } // namespace
 
-// What the library sees of the clock and of files.
-extern "C" time_t time(time_t *out) {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    const time_t value = testTime != 0 ? testTime : now.tv_sec;
-    if (out != nullptr)
-        *out = value;
-    return value;
-}
+static int64_t fakeModification; // 0: the real one
 
-static int64_t fakeModification = 0; // 0: the real one
-
-extern "C" int fstat(int descriptor, struct stat *status) {
-    using Function = int (*)(int, struct stat *);
-    static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fstat"));
-    const int result = real(descriptor, status);
-    if (result == 0 && fakeModification != 0)
-        status->st_mtime = fakeModification;
-    return result;
-}
-
-static int countedOpen(const char *path, int result) {
+static void countOpened(const char *path) {
     if (counting) {
         const char *name = strrchr(path, '/');
         ++opened[name != nullptr ? name + 1 : path];
     }
-    return result;
 }
 
-extern "C" int openat(int directory, const char *path, int flags, ...) {
-    using Function = int (*)(int, const char *, int, ...);
-    static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "openat"));
-    return countedOpen(path, real(directory, path, flags));
-}
-
-extern "C" int open(const char *path, int flags, ...) {
-    using Function = int (*)(const char *, int, ...);
-    static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "open"));
-    unsigned mode = 0;
-    if ((flags & O_CREAT) != 0) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, unsigned);
-        va_end(args);
-    }
-    return countedOpen(path, real(path, flags, mode));
-}
+static const bool PREPARED = support::eachCase([] {
+    testTime = 0;
+    opened.clear();
+    counting = false;
+    libc::time.hook = [](time_t *out) {
+        if (testTime == 0)
+            return libc::time.real(out);
+        if (out != nullptr)
+            *out = testTime;
+        return static_cast<time_t>(testTime);
+    };
+    fakeModification = 0;
+    libc::fstat.hook = [](int descriptor, struct stat *status) {
+        const int result = libc::fstat.real(descriptor, status);
+        if (result == 0 && fakeModification != 0)
+            status->st_mtime = fakeModification;
+        return result;
+    };
+    libc::openat.hook = [](int directory, const char *path, int flags, mode_t mode) {
+        countOpened(path);
+        return libc::openat.real(directory, path, flags, mode);
+    };
+    libc::open.hook = [](const char *path, int flags, mode_t mode) {
+        countOpened(path);
+        return libc::open.real(path, flags, mode);
+    };
+});
 
 namespace {
 

@@ -1,5 +1,6 @@
 // Reading log files: lines, headers, entries, names, date texts.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <climits>
@@ -14,16 +15,16 @@
 // The clock of the date texts; 0: the real one.
 static time_t fakeNow;
 
-extern "C" {
-time_t time(time_t *out) noexcept {
-    struct timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    const time_t result = fakeNow != 0 ? fakeNow : now.tv_sec;
-    if (out != nullptr)
-        *out = result;
-    return result;
-}
-}
+static const bool PREPARED = support::eachCase([] {
+    fakeNow = 0;
+    libc::time.hook = [](time_t *out) {
+        if (fakeNow == 0)
+            return libc::time.real(out);
+        if (out != nullptr)
+            *out = fakeNow;
+        return fakeNow;
+    };
+});
 
 // An open file of the given bytes.
 struct Opened {

@@ -1,12 +1,12 @@
 // Log recycling, through the writer: what a directory holds after each rollover.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <set>
@@ -20,59 +20,56 @@
 
 namespace {
 
-int64_t shiftOfClock = 0;     // seconds
-int64_t shiftOfAllClocks = 0; // seconds; time goes on
-int64_t shiftOfWallClock = 0; // seconds; of CLOCK_REALTIME alone
-std::string cannotBeOpened;   // file name, from its directory
+int64_t shiftOfClock;       // seconds
+int64_t shiftOfAllClocks;   // seconds; time goes on
+int64_t shiftOfWallClock;   // seconds; of CLOCK_REALTIME alone
+std::string cannotBeOpened; // file name, from its directory
 int errorOfOpening;
 std::string cannotBeRemoved; // file name
 
-} // namespace
-
-extern "C" time_t time(time_t *out) {
+timespec shiftedNow() {
     timespec now;
     clock_gettime(CLOCK_REALTIME, &now);
     now.tv_sec += shiftOfClock;
-    if (out != nullptr)
-        *out = now.tv_sec;
-    return now.tv_sec;
+    return now;
 }
 
-extern "C" int gettimeofday(timeval *out, void *) noexcept {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    out->tv_sec = now.tv_sec + shiftOfClock;
-    out->tv_usec = now.tv_nsec / 1000;
-    return 0;
-}
-
-extern "C" int clock_gettime(clockid_t clock, timespec *out) noexcept {
-    static const auto real =
-        reinterpret_cast<int (*)(clockid_t, timespec *)>(dlsym(RTLD_NEXT, "clock_gettime"));
-    const int result = real(clock, out);
-    out->tv_sec += shiftOfAllClocks + (clock == CLOCK_REALTIME ? shiftOfWallClock : 0);
-    return result;
-}
-
-extern "C" int openat(int directory, const char *path, int flags, ...) {
-    static const auto real =
-        reinterpret_cast<int (*)(int, const char *, int, ...)>(dlsym(RTLD_NEXT, "openat"));
-    if (cannotBeOpened == path) {
+const bool PREPARED = support::eachCase([] {
+    shiftOfClock = shiftOfAllClocks = shiftOfWallClock = 0;
+    cannotBeOpened.clear();
+    cannotBeRemoved.clear();
+    libc::time.hook = [](time_t *out) {
+        const time_t shifted = shiftedNow().tv_sec;
+        if (out != nullptr)
+            *out = shifted;
+        return shifted;
+    };
+    libc::gettimeofday.hook = [](timeval *out, void *) {
+        const timespec now = shiftedNow();
+        *out = {now.tv_sec, now.tv_nsec / 1000};
+        return 0;
+    };
+    libc::clock_gettime.hook = [](clockid_t clock, timespec *out) {
+        const int result = libc::clock_gettime.real(clock, out);
+        out->tv_sec += shiftOfAllClocks + (clock == CLOCK_REALTIME ? shiftOfWallClock : 0);
+        return result;
+    };
+    libc::openat.hook = [](int directory, const char *path, int flags, mode_t mode) {
+        if (cannotBeOpened != path)
+            return libc::openat.real(directory, path, flags, mode);
         errno = errorOfOpening;
         return -1;
-    }
-    return real(directory, path, flags);
-}
-
-extern "C" int remove(const char *path) noexcept {
-    static const auto real = reinterpret_cast<int (*)(const char *)>(dlsym(RTLD_NEXT, "remove"));
-    const char *name = strrchr(path, '/');
-    if (name != nullptr && cannotBeRemoved == name + 1) {
+    };
+    libc::remove.hook = [](const char *path) {
+        const char *name = strrchr(path, '/');
+        if (name == nullptr || cannotBeRemoved != name + 1)
+            return libc::remove.real(path);
         errno = EACCES;
         return -1;
-    }
-    return real(path);
-}
+    };
+});
+
+} // namespace
 
 namespace {
 
@@ -86,7 +83,7 @@ class Recycling : public testing::Test {
         home = std::string(here) + "/";
         free(here);
         support::makeDirectory("logs");
-        setenv("ZOLTLOG_CFG_LOC", (home + "main.conf").c_str(), 1);
+        setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1);
         support::writeFile("main.conf", "5.Configuration=" + home + "p5.conf\n5.Names=web\n");
         configure("true", "3");
     }

@@ -29,7 +29,7 @@ bool withoutProc;
 bool withoutRenames;    // that replace nothing
 int failOpens;          // errno of every open
 int64_t monotonicShift; // seconds
-std::string interfaceAddress = "192.0.2.1";
+std::string interfaceAddress;
 
 namespace {
 
@@ -40,82 +40,12 @@ void runOnce(std::function<void()> *hook) {
         taken();
 }
 
-template<typename F>
-F real(const char *name) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
-
 bool isLogFile(const char *path) {
     const size_t length = strlen(path);
     return length > 4 && strcmp(path + length - 4, ".log") == 0;
 }
 
-} // namespace
-
-extern "C" {
-
-int open(const char *path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = va_arg(args, mode_t);
-    va_end(args);
-    if (failOpens != 0) {
-        errno = failOpens;
-        return -1;
-    }
-    if ((flags & O_TMPFILE) == O_TMPFILE && withoutUnnamed) {
-        errno = EOPNOTSUPP;
-        return -1;
-    }
-    if (isLogFile(path) && (flags & O_APPEND) != 0)
-        runOnce(&onNextAppend);
-    return real<int (*)(const char *, int, mode_t)>("open")(path, flags, mode);
-}
-
-int linkat(int fromDir, const char *from, int toDir, const char *to, int flags) noexcept {
-    if (withoutProc) {
-        errno = ENOENT;
-        return -1;
-    }
-    runOnce(&onNextCreation);
-    return real<int (*)(int, const char *, int, const char *, int)>("linkat")(fromDir, from, toDir, to,
-                                                                              flags);
-}
-
-int link(const char *from, const char *to) noexcept {
-    if (withoutLinks) {
-        errno = EPERM;
-        return -1;
-    }
-    runOnce(&onNextCreation);
-    return real<int (*)(const char *, const char *)>("link")(from, to);
-}
-
-int renameat2(int fromDir, const char *from, int toDir, const char *to, unsigned flags) noexcept {
-    if (withoutRenames) {
-        errno = EINVAL;
-        return -1;
-    }
-    runOnce(&onNextCreation);
-    return real<int (*)(int, const char *, int, const char *, unsigned)>("renameat2")(fromDir, from, toDir,
-                                                                                      to, flags);
-}
-
-int clock_gettime(clockid_t clock, timespec *out) noexcept {
-    const int result = real<int (*)(clockid_t, timespec *)>("clock_gettime")(clock, out);
-    if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE)
-        out->tv_sec += monotonicShift;
-    return result;
-}
-
-ssize_t write(int descriptor, const void *bytes, size_t length) {
-    const ssize_t written = real<ssize_t (*)(int, const void *, size_t)>("write")(descriptor, bytes, length);
-    if (descriptor > 2)
-        runOnce(&onNextWrite);
-    return written;
-}
-
-int getifaddrs(ifaddrs **list) noexcept {
+int listInterfaces(ifaddrs **list) {
     static sockaddr_in address;
     static ifaddrs entry;
     address = {};
@@ -127,13 +57,73 @@ int getifaddrs(ifaddrs **list) noexcept {
     return 0;
 }
 
-void freeifaddrs(ifaddrs *) noexcept {}
+int hookedOpen(const char *path, int flags, mode_t mode) {
+    if (failOpens != 0) {
+        errno = failOpens;
+        return -1;
+    }
+    if ((flags & O_TMPFILE) == O_TMPFILE && withoutUnnamed) {
+        errno = EOPNOTSUPP;
+        return -1;
+    }
+    if (isLogFile(path) && (flags & O_APPEND) != 0)
+        runOnce(&onNextAppend);
+    return libc::open.real(path, flags, mode);
+}
 
-int nanosleep(const timespec *pause, timespec *rest) {
-    runOnce(&onNextSleep);
-    return real<int (*)(const timespec *, timespec *)>("nanosleep")(pause, rest);
-}
-}
+const bool HOOKED = support::eachCase([] {
+    for (std::function<void()> *hook : {&onNextAppend, &onNextCreation, &onNextSleep, &onNextWrite})
+        *hook = nullptr;
+    withoutUnnamed = withoutLinks = withoutProc = withoutRenames = false;
+    failOpens = 0;
+    monotonicShift = 0;
+    interfaceAddress = "192.0.2.1";
+    libc::open.hook = hookedOpen;
+    libc::linkat.hook = [](int fromDir, const char *from, int toDir, const char *to, int flags) {
+        if (withoutProc) {
+            errno = ENOENT;
+            return -1;
+        }
+        runOnce(&onNextCreation);
+        return libc::linkat.real(fromDir, from, toDir, to, flags);
+    };
+    libc::link.hook = [](const char *from, const char *to) {
+        if (withoutLinks) {
+            errno = EPERM;
+            return -1;
+        }
+        runOnce(&onNextCreation);
+        return libc::link.real(from, to);
+    };
+    libc::renameat2.hook = [](int fromDir, const char *from, int toDir, const char *to, unsigned flags) {
+        if (withoutRenames) {
+            errno = EINVAL;
+            return -1;
+        }
+        runOnce(&onNextCreation);
+        return libc::renameat2.real(fromDir, from, toDir, to, flags);
+    };
+    libc::clock_gettime.hook = [](clockid_t clock, timespec *out) {
+        const int result = libc::clock_gettime.real(clock, out);
+        if (clock == CLOCK_MONOTONIC || clock == CLOCK_MONOTONIC_COARSE)
+            out->tv_sec += monotonicShift;
+        return result;
+    };
+    libc::write.hook = [](int descriptor, const void *bytes, size_t length) {
+        const ssize_t written = libc::write.real(descriptor, bytes, length);
+        if (descriptor > 2)
+            runOnce(&onNextWrite);
+        return written;
+    };
+    libc::nanosleep.hook = [](const timespec *pause, timespec *rest) {
+        runOnce(&onNextSleep);
+        return libc::nanosleep.real(pause, rest);
+    };
+    libc::getifaddrs.hook = listInterfaces;
+    libc::freeifaddrs.hook = [](ifaddrs *) {};
+});
+
+} // namespace
 
 namespace {
 

@@ -1,9 +1,9 @@
 // For the tests of the writer: a clock and a host that the test decides on, settings
-// made by hand, handles opened on them, and messages whose bytes are known. Included
-// once per test program, since it defines the functions that it replaces.
+// made by hand, handles opened on them, and messages whose bytes are known.
 #pragma once
 
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <arpa/inet.h>
@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dlfcn.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <netdb.h>
@@ -24,7 +23,7 @@ namespace series {
 
 // ---- clock -------------------------------------------------------------------------
 
-inline int64_t fakeMs = -1; // milliseconds since the epoch; -1: the real clock
+inline int64_t fakeMs; // milliseconds since the epoch; -1: the real clock
 
 inline void setClock(int64_t seconds) {
     fakeMs = seconds * 1000;
@@ -51,12 +50,72 @@ inline int64_t localTime(int year, int month, int day, int hour = 0, int minute 
 
 // ---- host --------------------------------------------------------------------------
 
-inline std::string hostName = "hostA";
-inline std::string hostAddress = "10.0.0.5"; // host id 83886090; "" fails, "::..." is IPv6
-inline bool hostNameFails = false;
-inline int hostLookUps = 0;
+inline std::string hostName;    // at first "hostA"
+inline std::string hostAddress; // at first that of HOST_ID; "" fails, "::..." is IPv6
+inline bool hostNameFails;
+inline int hostLookUps;
 inline std::function<void()> onHostLookUp; // what a look-up does first
-constexpr uint64_t HOST_ID = 83886090;
+constexpr uint64_t HOST_ID = 83886090;     // 10.0.0.5
+
+inline int lookUpHost(const char *, const char *, const addrinfo *, addrinfo **list) {
+    ++hostLookUps;
+    if (onHostLookUp)
+        onHostLookUp();
+    if (hostAddress.empty())
+        return EAI_AGAIN;
+    struct Result {
+        addrinfo info;
+        sockaddr_in v4;
+        sockaddr_in6 v6;
+    };
+    static thread_local Result storage;
+    Result *result = &storage;
+    *result = {};
+    if (inet_pton(AF_INET, hostAddress.c_str(), &result->v4.sin_addr) == 1) {
+        result->info.ai_family = AF_INET;
+        result->info.ai_addr = reinterpret_cast<sockaddr *>(&result->v4);
+    } else {
+        inet_pton(AF_INET6, hostAddress.c_str(), &result->v6.sin6_addr);
+        result->info.ai_family = AF_INET6;
+        result->info.ai_addr = reinterpret_cast<sockaddr *>(&result->v6);
+    }
+    *list = &result->info;
+    return 0;
+}
+
+// ---- what every case begins with -----------------------------------------------------
+
+inline const bool PREPARED = support::eachCase([] {
+    fakeMs = -1;
+    libc::time.hook = [](time_t *out) {
+        if (fakeMs < 0)
+            return libc::time.real(out);
+        if (out != nullptr)
+            *out = fakeMs / 1000;
+        return static_cast<time_t>(fakeMs / 1000);
+    };
+    libc::gettimeofday.hook = [](timeval *out, void *zone) {
+        if (fakeMs < 0)
+            return libc::gettimeofday.real(out, zone);
+        *out = {fakeMs / 1000, fakeMs % 1000 * 1000};
+        return 0;
+    };
+    hostName = "hostA";
+    hostAddress = "10.0.0.5";
+    hostNameFails = false;
+    hostLookUps = 0;
+    onHostLookUp = nullptr;
+    libc::gethostname.hook = [](char *buffer, size_t size) {
+        if (hostNameFails) {
+            errno = EFAULT;
+            return -1;
+        }
+        strncpy(buffer, hostName.c_str(), size);
+        return 0;
+    };
+    libc::getaddrinfo.hook = lookUpHost;
+    libc::freeaddrinfo.hook = [](addrinfo *) {};
+});
 
 // ---- series ------------------------------------------------------------------------
 
@@ -139,62 +198,3 @@ inline Names logFiles() {
 }
 
 } // namespace series
-
-// ---- replaced functions ----------------------------------------------------------------
-
-extern "C" {
-
-time_t time(time_t *out) noexcept {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    const time_t seconds = series::fakeMs >= 0 ? series::fakeMs / 1000 : now.tv_sec;
-    if (out != nullptr)
-        *out = seconds;
-    return seconds;
-}
-
-int gettimeofday(timeval *out, void *) noexcept {
-    timespec now;
-    clock_gettime(CLOCK_REALTIME, &now);
-    out->tv_sec = series::fakeMs >= 0 ? series::fakeMs / 1000 : now.tv_sec;
-    out->tv_usec = series::fakeMs >= 0 ? series::fakeMs % 1000 * 1000 : now.tv_nsec / 1000;
-    return 0;
-}
-
-int gethostname(char *buffer, size_t length) noexcept {
-    if (series::hostNameFails) {
-        errno = EFAULT;
-        return -1;
-    }
-    strncpy(buffer, series::hostName.c_str(), length);
-    return 0;
-}
-
-int getaddrinfo(const char *, const char *, const addrinfo *, addrinfo **list) {
-    ++series::hostLookUps;
-    if (series::onHostLookUp)
-        series::onHostLookUp();
-    if (series::hostAddress.empty())
-        return EAI_AGAIN;
-    struct Result {
-        addrinfo info;
-        sockaddr_in v4;
-        sockaddr_in6 v6;
-    };
-    static thread_local Result storage;
-    Result *result = &storage;
-    *result = {};
-    if (inet_pton(AF_INET, series::hostAddress.c_str(), &result->v4.sin_addr) == 1) {
-        result->info.ai_family = AF_INET;
-        result->info.ai_addr = reinterpret_cast<sockaddr *>(&result->v4);
-    } else {
-        inet_pton(AF_INET6, series::hostAddress.c_str(), &result->v6.sin6_addr);
-        result->info.ai_family = AF_INET6;
-        result->info.ai_addr = reinterpret_cast<sockaddr *>(&result->v6);
-    }
-    *list = &result->info;
-    return 0;
-}
-
-void freeaddrinfo(addrinfo *) noexcept {}
-}

@@ -25,7 +25,7 @@ inline void configure(const std::vector<std::string> &settings = {}) {
     for (const std::string &line : settings)
         text += line + "\n";
     support::writeFile("product.conf", text);
-    setenv("ZOLTLOG_CFG_LOC", (here + "/zoltlog.conf").c_str(), 1);
+    setenv("ZOLTLOG_CFG_LOC", "./zoltlog.conf", 1); // read once per process: right in each case's directory
 }
 
 struct Record { // of an originator's file
