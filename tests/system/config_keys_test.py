@@ -5,12 +5,7 @@ import re
 import subprocess
 import unittest
 
-BUILD, SOURCE = os.environ["QDUL_BUILD"], os.environ["QDUL_SOURCE"]
-
-
-def read(path):
-    with open(path) as file:
-        return file.read()
+from qdul_testing import BUILD, SOURCE, manual, read
 
 
 def settings(form):
@@ -29,7 +24,7 @@ class ConfigKeys(unittest.TestCase):
         names = re.findall(r"(?m)^\| `(\w+)`", settings("markdown"))
         self.assertGreater(len(names), 20)
         self.assertEqual(re.findall(r"(?m)^\*(\w+)\*$", settings("manual")), names)
-        self.assertEqual(read(f"{SOURCE}/docs/man/qdlogcfg.1.scd").count("\n@SETTINGS@\n"), 1)
+        self.assertEqual(manual("qdlogcfg").count("\n@SETTINGS@\n"), 1)
         made = f"{BUILD}/docs/man/qdlogcfg.1"
         if os.path.exists(made):  # with scdoc
             page = read(made)

@@ -5,23 +5,15 @@ import re
 import subprocess
 import unittest
 
-BUILD = os.environ["QDUL_BUILD"]
-HERE = os.getcwd()
+from qdul_testing import BUILD, HERE, plain_environment, read
 
 
 class Examples(unittest.TestCase):
     def setUp(self):
         subprocess.run("rm -rf log etc archive", shell=True, check=True)
         os.mkdir("etc")
-        self.environment = {
-            "PATH": os.environ["PATH"],
-            "TZ": "UTC",
-            "USER": "tester",
-            "ZOLTLOG_CFG_LOC": HERE + "/etc/zoltlog.conf",
-            "QDLIS_CATALOG": BUILD + "/share/qdul/catalogue/diskd",
-        }
-        if "LD_LIBRARY_PATH" in os.environ:
-            self.environment["LD_LIBRARY_PATH"] = os.environ["LD_LIBRARY_PATH"]
+        self.environment = plain_environment(USER="tester", ZOLTLOG_CFG_LOC=HERE + "/etc/zoltlog.conf",
+                                             QDLIS_CATALOG=BUILD + "/share/qdul/catalogue/diskd")
 
     def run_it(self, name, *words, stdin="", status=0):
         done = subprocess.run([f"{BUILD}/examples/{name}", *words], input=stdin, text=True, capture_output=True, env=self.environment)
@@ -43,8 +35,7 @@ class Examples(unittest.TestCase):
 
     def test_installer_registers_and_sets_up(self):
         self.install()
-        with open("etc/server.conf") as file:
-            settings = file.read()
+        settings = read("etc/server.conf")
         for line in (
             f"Default.LogDirectory={HERE}/log/",
             "Default.RolloverMode=FileSize",
@@ -56,18 +47,15 @@ class Examples(unittest.TestCase):
             "LOGSET.jobs.FileName=nightly",
         ):
             self.assertIn("\n" + line + "\n", settings)
-        with open("etc/zoltlog.conf") as file:
-            main = file.read()
+        main = read("etc/zoltlog.conf")
         self.assertIn(f"\n5.Configuration={HERE}/etc/server.conf\n", main)
         self.assertIn("\n5.Names=server,srv\n", main)
 
     def test_installer_leaves_a_registered_product_alone(self):
         self.install()
-        with open("etc/server.conf") as file:
-            before = file.read()
+        before = read("etc/server.conf")
         self.assertIn("already", self.run_it("installer", "register", "5", "x", HERE + "/etc/other.conf", "/x").stdout)
-        with open("etc/server.conf") as file:
-            self.assertEqual(file.read(), before)
+        self.assertEqual(read("etc/server.conf"), before)
         self.assertFalse(os.path.exists("etc/other.conf"))
 
     def test_installer_removes(self):

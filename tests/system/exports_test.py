@@ -8,8 +8,8 @@ import shutil
 import subprocess
 import sys
 
-BUILD = os.environ["QDUL_BUILD"]
-SOURCE = os.environ["QDUL_SOURCE"]
+from qdul_testing import BUILD, SOURCE, read
+
 VERSION = "3.16.1.0"
 SONAME_MAJOR = "3"
 WARNINGS = ["-Wall", "-Wextra", "-Wconversion", "-Wshadow", "-pedantic", "-Werror"]
@@ -25,11 +25,6 @@ def check(holds, message):
 def run(*command):
     return subprocess.run(command, check=True, capture_output=True, text=True,
                           env=dict(os.environ, LC_ALL="C")).stdout
-
-
-def read(path):
-    with open(path, encoding="utf-8") as file:
-        return file.read()
 
 
 def differences(name, got, expected, of_what):

@@ -6,16 +6,16 @@ import re
 import subprocess
 import sys
 
-SOURCE = os.environ["QDUL_SOURCE"]
-OBJECTS = os.path.join(os.environ["QDUL_BUILD"], "CMakeFiles", "qdul.dir", "src")
+from qdul_testing import BUILD, SOURCE, read
+
+OBJECTS = os.path.join(BUILD, "CMakeFiles", "qdul.dir", "src")
 USED = "Uw"  # letters of nm: undefined, and undefined if nobody defines it
 PRIVATE = "tdbrVWvuaNn"  # seen by the object alone, or the same inline code in each of them
 
 
 def table_order():
     """The units in the order of the table, row by row."""
-    with open(os.path.join(SOURCE, "docs", "architecture.md"), encoding="utf-8") as stream:
-        section = stream.read().split("## Layers", 1)[1].split("\n## ", 1)[0]
+    section = read(os.path.join(SOURCE, "docs", "architecture.md")).split("## Layers", 1)[1].split("\n## ", 1)[0]
     rows = [line.split("|") for line in section.splitlines() if line.startswith("|")]
     return [unit for row in rows[2:] for unit in re.findall(r"`(\w+)`", row[2])]
 

@@ -7,7 +7,9 @@ import shutil
 import subprocess
 import unittest
 
-PAGES = sorted(glob.glob(os.environ["QDUL_SOURCE"] + "/docs/man/*.scd"))
+from qdul_testing import SOURCE, literal_lines
+
+PAGES = sorted(glob.glob(SOURCE + "/docs/man/*.scd"))
 
 
 class ManualPages(unittest.TestCase):
@@ -35,9 +37,8 @@ class ManualPages(unittest.TestCase):
             if shutil.which("groff"):
                 shown = subprocess.run(["groff", "-t", "-man", "-Tutf8", "-ww"], input=done.stdout, capture_output=True, text=True)
                 self.assertEqual((shown.returncode, shown.stderr), (0, ""))
-                for block in re.findall(r"(?ms)^```\n(.*?)^```", source):
-                    for line in block.splitlines():  # each on a line of its own
-                        self.assertRegex(shown.stdout.replace("\u2212", "-"), rf"(?m)^ +{re.escape(line.strip())}$")
+                for line in literal_lines(source):  # each on a line of its own
+                    self.assertRegex(shown.stdout.replace("\u2212", "-"), rf"(?m)^ +{re.escape(line.strip())}$")
 
 
 if __name__ == "__main__":

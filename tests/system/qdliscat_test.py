@@ -6,9 +6,9 @@ import shutil
 import subprocess
 import unittest
 
-BUILD = os.environ["QDUL_BUILD"]
-SOURCE = os.environ["QDUL_SOURCE"]
-TOOL = os.path.join(BUILD, "bin", "qdliscat")
+from qdul_testing import BUILD, SOURCE, program
+
+TOOL = program("qdliscat")
 SAMPLE = os.path.join(BUILD, "share/qdul/catalogue/diskd")
 
 

@@ -7,26 +7,16 @@ import shutil
 import subprocess
 import unittest
 
-TOOL = os.path.join(os.environ["QDUL_BUILD"], "bin", "qdlogcfg")
-SOURCE = os.environ["QDUL_SOURCE"]
-HERE = os.getcwd()
+from qdul_testing import HERE, manual, program, read, section, users_environment, write
+
+TOOL = program("qdlogcfg")
 
 
 def run(*arguments, config="main.conf", environment=None):
-    env = {**os.environ, "NO_COLOR": "1", "LC_ALL": "C.UTF-8", **(environment or {})}
+    env = users_environment(**(environment or {}))
     command = [TOOL, "--config", os.path.join(HERE, config)] if config else [TOOL]
     done = subprocess.run(command + list(arguments), capture_output=True, text=True, env=env)
     return done.returncode, done.stdout, done.stderr
-
-
-def write(name, text):
-    with open(name, "w", encoding="utf-8") as file:
-        file.write(text)
-
-
-def read(name):
-    with open(name, encoding="utf-8") as file:
-        return file.read()
 
 
 class Qdlogcfg(unittest.TestCase):
@@ -500,8 +490,7 @@ class Qdlogcfg(unittest.TestCase):
         self.assertIn("9", run("set", "-P", "5", "-q", "DebugLevel=9")[2])
 
     def test_the_examples_of_the_manual_page_work(self):
-        page = read(os.path.join(SOURCE, "docs", "man", "qdlogcfg.1.scd"))
-        examples = re.findall(r"^(qdlogcfg .*)$", page.split("# EXAMPLES")[1], re.M)
+        examples = re.findall(r"^(qdlogcfg .*)$", section(manual("qdlogcfg"), "EXAMPLES"), re.M)
         self.assertGreaterEqual(len(examples), 8)
         for example in examples:
             words = example.replace("/etc/qd", HERE).replace("/var/log", HERE)

@@ -8,10 +8,9 @@ import subprocess
 import time
 import unittest
 
-BUILD = os.environ["QDUL_BUILD"]
-SOURCE = os.environ["QDUL_SOURCE"]
-QDLOGGER = BUILD + "/bin/qdlogger"
-HERE = os.getcwd()
+from qdul_testing import BUILD, HERE, literal_lines, manual, plain_environment, program, section, write
+
+QDLOGGER = program("qdlogger")
 
 
 def record(line):
@@ -38,20 +37,16 @@ def record(line):
 class Qdlogger(unittest.TestCase):
     def setUp(self):
         subprocess.run(["rm", "-rf", "log"], check=True)
-        self.environment = {"PATH": os.environ["PATH"], "TZ": "UTC"}
-        for name in ("LD_LIBRARY_PATH", "ASAN_OPTIONS", "TSAN_OPTIONS"):
-            if name in os.environ:
-                self.environment[name] = os.environ[name]
+        self.environment = plain_environment()
         self.configure()
 
     def configure(self, *settings):
-        with open("zoltlog.conf", "w") as file:
-            file.write(f"5.Configuration={HERE}/server.conf\n5.Names=server,srv\n")
-        with open("server.conf", "w") as file:
-            file.write(f"Default.LogDirectory={HERE}/log/\nDefault.DebugLevel=3\nDefault.DiagnosticLevel=3\n")
-            file.write("7.OIDNames=disk\n")
-            file.write(f"LOGSET.Default.LogDirectory={HERE}/log/\nLOGSET.jobs.FileName=nightly\n")
-            file.write("".join(line + "\n" for line in settings))
+        write("zoltlog.conf", f"5.Configuration={HERE}/server.conf\n5.Names=server,srv\n")
+        write("server.conf",
+              f"Default.LogDirectory={HERE}/log/\nDefault.DebugLevel=3\nDefault.DiagnosticLevel=3\n"
+              "7.OIDNames=disk\n"
+              f"LOGSET.Default.LogDirectory={HERE}/log/\nLOGSET.jobs.FileName=nightly\n"
+              + "".join(line + "\n" for line in settings))
 
     def run_it(self, *words, stdin=b"", config="zoltlog.conf", **more):
         command = [QDLOGGER] + ([f"--config={config}"] if config else []) + list(words)
@@ -340,9 +335,7 @@ class Qdlogger(unittest.TestCase):
         self.assertIn("'nothing' is not known", self.wrong("--complete", "nothing"))
 
     def test_the_examples_of_the_manual_work(self):
-        with open(SOURCE + "/docs/man/qdlogger.1.scd") as file:
-            blocks = re.findall(r"(?ms)^```\n(.*?)^```", file.read().split("# EXAMPLES", 1)[1])
-        examples = [line for block in blocks for line in block.splitlines()]
+        examples = literal_lines(section(manual("qdlogger"), "EXAMPLES"))
         self.assertEqual(len(examples), 2)
         self.environment["PATH"] = f"{BUILD}/bin:{HERE}:{self.environment['PATH']}"
         self.environment["ZOLTLOG_CFG_LOC"] = HERE + "/zoltlog.conf"

@@ -9,31 +9,19 @@ import subprocess
 import time
 import unittest
 
-TOOL = os.path.join(os.environ["QDUL_BUILD"], "bin", "qdlogmgr")
-SOURCE = os.environ["QDUL_SOURCE"]
-HERE = os.getcwd()
-MANUAL = os.path.join(SOURCE, "docs", "man", "qdlogmgr.1.scd")
+from qdul_testing import HERE, literal_lines, manual, program, read, users_environment, write
+
+TOOL = program("qdlogmgr")
 COMMANDS = ["list", "surplus", "usage", "verify", "copy", "archive", "delete", "vacuum"]
 CREATED = 1709251200  # 2024-03-01 00:00:00 UTC
 
 
 def run(*arguments, config="main.conf", environment=None):
-    env = {**os.environ, "NO_COLOR": "1", "LC_ALL": "C.UTF-8", "TZ": "UTC", **(environment or {})}
-    env.pop("ZOLTLOG_CFG_LOC", None)
+    env = users_environment(TZ="UTC", **(environment or {}))
     if config:
         env["ZOLTLOG_CFG_LOC"] = os.path.join(HERE, config)
     done = subprocess.run([TOOL, *arguments], capture_output=True, text=True, env=env)
     return done.returncode, done.stdout, done.stderr
-
-
-def write(name, text):
-    with open(name, "w", encoding="utf-8") as file:
-        file.write(text)
-
-
-def read(name):
-    with open(name, encoding="utf-8") as file:
-        return file.read()
 
 
 def originator_file(number, directory="logs", product=5, originator=7, host=1, day="240301", lines=3,
@@ -449,14 +437,13 @@ class Qdlogmgr(unittest.TestCase):
             self.assertIn("Example:\n  qdlogmgr " + command, self.ok(command, "--help"))
 
     def test_the_manual_has_every_command(self):
-        manual = read(MANUAL)
+        page = manual("qdlogmgr")
         self.assertEqual(self.ok("--complete", "commands").split(), COMMANDS)
         for command in COMMANDS:
-            self.assertRegex(manual, rf"(?m)^\*{command}\*")
+            self.assertRegex(page, rf"(?m)^\*{command}\*")
 
     def test_the_examples_of_the_manual_and_of_help_run(self):
-        blocks = re.findall(r"(?ms)^```\n(.*?)^```", read(MANUAL))
-        lines = [line for block in blocks for line in block.splitlines()]
+        lines = literal_lines(manual("qdlogmgr"))
         self.assertGreaterEqual(len(lines), 8)
         for command in COMMANDS:
             example = self.ok(command, "--help").split("Example:\n  ")[1].strip()

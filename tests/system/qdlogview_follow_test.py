@@ -8,10 +8,10 @@ import subprocess
 import time
 import unittest
 
-BUILD = os.environ["QDUL_BUILD"]
-QDLOGVIEW = BUILD + "/bin/qdlogview"
-QDLOGGER = BUILD + "/bin/qdlogger"
-HERE = os.getcwd()
+from qdul_testing import HERE, append, plain_environment, program
+
+QDLOGVIEW = program("qdlogview")
+QDLOGGER = program("qdlogger")
 T0 = 1709300702000
 
 
@@ -24,11 +24,6 @@ def name(counter):
 
 
 HEADER = b"$Header 65543,5,7,1709300702,0,hostA\n"
-
-
-def append(path, *lines):
-    with open(path, "ab", buffering=0) as file:
-        file.write(b"".join(lines))
 
 
 class Follower:
@@ -77,10 +72,7 @@ class Follow(unittest.TestCase):
         self.directory = os.path.join(HERE, self._testMethodName)
         os.mkdir(self.directory)
         os.chdir(self.directory)
-        self.environment = {"PATH": os.environ["PATH"], "TZ": "UTC"}
-        for variable in ("LD_LIBRARY_PATH", "ASAN_OPTIONS", "TSAN_OPTIONS"):
-            if variable in os.environ:
-                self.environment[variable] = os.environ[variable]
+        self.environment = plain_environment()
         self.followers = []
 
     def tearDown(self):

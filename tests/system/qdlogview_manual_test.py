@@ -1,21 +1,13 @@
 #!/usr/bin/env python3
 """The manual of qdlogview: lists every option, and each of its examples runs."""
 import os
-import re
 import subprocess
 import time
 import unittest
 
-BUILD = os.environ["QDUL_BUILD"]
-SOURCE = os.environ["QDUL_SOURCE"]
-HERE = os.getcwd()
+from qdul_testing import BUILD, HERE, literal_lines, manual, section, write
 
-with open(SOURCE + "/docs/man/qdlogview.1.scd") as file:
-    MANUAL = file.read()
-
-
-def section(title):
-    return MANUAL.split(f"\n# {title}\n", 1)[1].split("\n# ", 1)[0]
+MANUAL = manual("qdlogview")
 
 
 class Manual(unittest.TestCase):
@@ -26,24 +18,20 @@ class Manual(unittest.TestCase):
 
     def test_every_field_is_in_the_manual(self):
         for field in self.run_it("qdlogview --complete fields").stdout.split():
-            self.assertIn(f"*{field}*", section("QUERIES"))
+            self.assertIn(f"*{field}*", section(MANUAL, "QUERIES"))
 
     def test_every_example_runs(self):
         now = int(time.time() * 1000) - 60000
         os.makedirs("log", exist_ok=True)
         os.makedirs("collected", exist_ok=True)
-        with open("zoltlog.conf", "w") as file:
-            file.write(f"5.Configuration={HERE}/server.conf\n5.Names=server\n")
-        with open("server.conf", "w") as file:
-            file.write(f"Default.LogDirectory={HERE}/log/\n")
+        write("zoltlog.conf", f"5.Configuration={HERE}/server.conf\n5.Names=server\n")
+        write("server.conf", f"Default.LogDirectory={HERE}/log/\n")
         header = f"$Header 65543,5,7,{now // 1000},0,hostA\n"
         lines = [f"2,5,7,7,1,{now},42,43,6:job-77,9:Disk full,3:mgr,3,(0|)\n",
                  f"4,5,7,7,2,{now + 1},42,43,0:,13:login refused,5:alice,1,(0|)\n"]
         for directory in ("log", "collected"):
-            with open(f"{directory}/5-7-1-240301-0000000000.log", "w") as file:
-                file.write(header + "".join(lines))
-        blocks = re.findall(r"(?ms)^```\n(.*?)^```", section("EXAMPLES"))
-        commands = [line for block in blocks for line in block.splitlines()]
+            write(f"{directory}/5-7-1-240301-0000000000.log", header + "".join(lines))
+        commands = literal_lines(section(MANUAL, "EXAMPLES"))
         self.assertGreaterEqual(len(commands), 10)
         expected = {
             "-p error": "Disk full", "-c job-77": "job-77", "-f": "Disk full", "-g '": "Disk full", "-F subject": "alice",

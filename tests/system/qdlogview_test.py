@@ -6,20 +6,15 @@ import json
 import os
 import pty
 import pty
-import re
 import resource
 import subprocess
 import time
 import unittest
 
-BUILD = os.environ["QDUL_BUILD"]
-QDLOGVIEW = BUILD + "/bin/qdlogview"
-HERE = os.getcwd()
+from qdul_testing import HERE, plain_environment, program, string
+
+QDLOGVIEW = program("qdlogview")
 T0 = 1709300702000  # 2024-03-01 13:45:02 UTC
-
-
-def string(value):
-    return b"%d:%s," % (len(value), value)
 
 
 def record(id, time=None, kind=2, number=0, text=b"text", who=b"mgr", context=b"", pid=42, tid=43, product=5,
@@ -68,10 +63,7 @@ class View(unittest.TestCase):
         self.directory = os.path.join(HERE, self._testMethodName)
         os.mkdir(self.directory)
         os.chdir(self.directory)
-        self.environment = {"PATH": os.environ["PATH"], "TZ": "UTC"}
-        for variable in ("LD_LIBRARY_PATH", "ASAN_OPTIONS", "TSAN_OPTIONS"):
-            if variable in os.environ:
-                self.environment[variable] = os.environ[variable]
+        self.environment = plain_environment()
 
     def view(self, *words, status=0, stdin=b""):
         done = subprocess.run([QDLOGVIEW, *map(str, words)], input=stdin, capture_output=True, env=self.environment)

@@ -7,8 +7,8 @@ import socket
 import subprocess
 import unittest
 
-BIN = os.environ["QDUL_BUILD"] + "/bin/"
-HERE = os.getcwd()
+from qdul_testing import HERE, program
+
 T0 = 1709300702000
 NAME = "5-7-16777343-240301-%010d.log"
 HEADER = b"$Header 65543,5,7,%d,0,hostA\n" % (T0 // 1000)
@@ -37,7 +37,7 @@ class Bounds(unittest.TestCase):
     def run_it(self, tool, *words):
         """Status, output, errors; it ends, and does not take much memory."""
         with open(HERE + "/out", "w+b") as out, open(HERE + "/err", "w+b") as err:
-            process = subprocess.Popen([BIN + tool, *words], stdin=subprocess.DEVNULL, stdout=out, stderr=err,
+            process = subprocess.Popen([program(tool), *words], stdin=subprocess.DEVNULL, stdout=out, stderr=err,
                                        env={**os.environ, "TZ": "UTC", "ZOLTLOG_CFG_LOC": HERE + "/none.conf"})
             _, status, used = os.wait4(process.pid, 0)
             process.returncode = os.waitstatus_to_exitcode(status)

@@ -1,12 +1,11 @@
 #!/usr/bin/env python3
 """The command lines of the five tools are one family: letters, spellings, help, manual pages."""
-import os
 import re
 import subprocess
 import unittest
 
-BUILD = os.environ["QDUL_BUILD"]
-SOURCE = os.environ["QDUL_SOURCE"]
+from qdul_testing import SOURCE, program
+
 TOOLS = ["qdlogcfg", "qdlogger", "qdlogview", "qdlogmgr", "qdliscat"]
 FAMILY = {"P": "--product", "u": "--originator", "L": "--logset", "p": "--priority", "t": "--who", "k": "--kind",
           "q": "--quiet", "V": "--version", "h": "--help"}
@@ -15,7 +14,7 @@ WITHOUT_LETTER = ["--config", "--json", "--color", "--no-pager"]
 
 def run(tool, *words, **more):
     more = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, **more}
-    return subprocess.run([f"{BUILD}/bin/{tool}", *words], text=True, **more)
+    return subprocess.run([program(tool), *words], text=True, **more)
 
 
 def rows(tool):
