@@ -1,6 +1,7 @@
 // The message record: initialisation, attributes, getters, release. This program
 // sets the time of day and plays zoltLisFree.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <cstddef>
@@ -12,21 +13,26 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-static struct timeval fakeNow = {1700000000, 123999};
+static timeval fakeNow;
 static int blocksReleased;
 static int32_t releaseResult;
 
-extern "C" {
-int gettimeofday(struct timeval *__restrict now, void *__restrict) noexcept {
-    *now = fakeNow;
-    return 0;
-}
-int32_t zoltLisFree(ZoltLisBlock *block) {
-    if (block->word[0] != 0)
-        ++blocksReleased;
-    return releaseResult;
-}
-}
+SUPPORT_CALL(int32_t, zoltLisFree, (ZoltLisBlock * block), (block), )
+
+static const bool PREPARED = support::eachCase([] {
+    fakeNow = {1700000000, 123999};
+    blocksReleased = 0;
+    releaseResult = 0;
+    libc::gettimeofday.hook = [](timeval *now, void *) {
+        *now = fakeNow;
+        return 0;
+    };
+    libc::zoltLisFree.hook = [](ZoltLisBlock *block) {
+        if (block->word[0] != 0)
+            ++blocksReleased;
+        return releaseResult;
+    };
+});
 
 static LogFileState fileState;
 

@@ -1,9 +1,9 @@
 // The configuration operations hold the global lock under their own tags: seen at each
 // file that they open meanwhile.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
-#include <cstdarg>
 #include <cstdlib>
 #include <fcntl.h>
 #include <functional>
@@ -15,33 +15,24 @@ namespace {
 
 std::set<std::string> *tags; // held at the opens so far; "none" without the lock
 
-void note() {
-    if (tags != nullptr)
-        tags->insert(zoltLogMutex.depth > 0 ? zoltLogMutex.holders[zoltLogMutex.depth - 1].tag : "none");
-}
-
 std::set<std::string> *renames; // tags held at the renames
 
-} // namespace
-
-extern "C" int rename(const char *from, const char *to) noexcept {
-    std::set<std::string> *opens = tags;
-    tags = renames;
-    note();
-    tags = opens;
-    return renameat(AT_FDCWD, from, AT_FDCWD, to);
+void note(std::set<std::string> *held) {
+    if (held != nullptr)
+        held->insert(zoltLogMutex.depth > 0 ? zoltLogMutex.holders[zoltLogMutex.depth - 1].tag : "none");
 }
 
-extern "C" int open(const char *path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
-    va_end(args);
-    note();
-    return openat(AT_FDCWD, path, flags, mode);
-}
-
-namespace {
+const bool PREPARED = support::eachCase([] {
+    tags = renames = nullptr;
+    libc::open.hook = [](const char *path, int flags, mode_t mode) {
+        note(tags);
+        return libc::open.real(path, flags, mode);
+    };
+    libc::rename.hook = [](const char *from, const char *to) {
+        note(renames);
+        return libc::rename.real(from, to);
+    };
+});
 
 using Tags = std::set<std::string>;
 

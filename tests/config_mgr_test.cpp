@@ -1,12 +1,11 @@
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -22,68 +21,64 @@ using Names = std::vector<std::string>;
 
 // ---- calls of the library that a test watches or makes fail ----------------------
 
-bool watching = false;
+bool watching;
 std::vector<size_t> reads;  // lengths asked for
 std::vector<size_t> writes; //
-int shortReadAt = -1;       // which read (from 0) gives one byte less
-int failWriteAt = -1;       // which write fails ...
-int writeError = 0;         // ... with this, or 0: takes one byte less
-int errorAfterShort = 0;    // and the one that goes on with the rest fails with this
-int statusCallsLeft = -1;   // fstat fails once these are used up; -1: never
+int shortReadAt;            // which read (from 0) gives one byte less
+int failWriteAt;            // which write fails ...
+int writeError;             // ... with this, or 0: takes one byte less
+int errorAfterShort;        // and the one that goes on with the rest fails with this
+int statusCallsLeft;        // fstat fails once these are used up; -1: never
+std::string noStatusOf;     // stat fails for the path that ends so
+
+const bool PREPARED = support::eachCase([] {
+    watching = false;
+    reads.clear();
+    writes.clear();
+    shortReadAt = failWriteAt = statusCallsLeft = -1;
+    writeError = errorAfterShort = 0;
+    noStatusOf.clear();
+    libc::read.hook = [](int descriptor, void *buffer, size_t length) {
+        if (!watching)
+            return libc::read.real(descriptor, buffer, length);
+        reads.push_back(length);
+        const bool isShort = static_cast<int>(reads.size()) - 1 == shortReadAt;
+        return libc::read.real(descriptor, buffer, isShort ? length - 1 : length);
+    };
+    libc::write.hook = [](int descriptor, const void *buffer, size_t length) -> ssize_t {
+        if (!watching)
+            return libc::write.real(descriptor, buffer, length);
+        writes.push_back(length);
+        const int index = static_cast<int>(writes.size()) - 1;
+        if (errorAfterShort != 0 && failWriteAt != -1 && index == failWriteAt + 1) {
+            errno = errorAfterShort;
+            return -1;
+        }
+        if (index != failWriteAt)
+            return libc::write.real(descriptor, buffer, length);
+        if (writeError == 0)
+            return libc::write.real(descriptor, buffer, length - 1);
+        errno = writeError;
+        return -1;
+    };
+    libc::fstat.hook = [](int descriptor, struct stat *status) {
+        if (statusCallsLeft == -1 || statusCallsLeft-- > 0)
+            return libc::fstat.real(descriptor, status);
+        statusCallsLeft = 0;
+        errno = EIO;
+        return -1;
+    };
+    libc::stat.hook = [](const char *path, struct stat *status) {
+        const size_t length = strlen(path);
+        if (noStatusOf.empty() || length < noStatusOf.size() ||
+            path + length - noStatusOf.size() != noStatusOf)
+            return libc::stat.real(path, status);
+        errno = EIO;
+        return -1;
+    };
+});
 
 } // namespace
-
-extern "C" ssize_t read(int descriptor, void *buffer, size_t length) {
-    static const auto real = reinterpret_cast<ssize_t (*)(int, void *, size_t)>(dlsym(RTLD_NEXT, "read"));
-    if (!watching)
-        return real(descriptor, buffer, length);
-    reads.push_back(length);
-    const bool isShort = static_cast<int>(reads.size()) - 1 == shortReadAt;
-    return real(descriptor, buffer, isShort ? length - 1 : length);
-}
-
-extern "C" ssize_t __read_chk(int descriptor, void *buffer, size_t length, size_t) {
-    return read(descriptor, buffer, length);
-}
-
-extern "C" ssize_t write(int descriptor, const void *buffer, size_t length) {
-    static const auto real =
-        reinterpret_cast<ssize_t (*)(int, const void *, size_t)>(dlsym(RTLD_NEXT, "write"));
-    if (!watching)
-        return real(descriptor, buffer, length);
-    writes.push_back(length);
-    const int index = static_cast<int>(writes.size()) - 1;
-    if (errorAfterShort != 0 && failWriteAt != -1 && index == failWriteAt + 1) {
-        errno = errorAfterShort;
-        return -1;
-    }
-    if (index != failWriteAt)
-        return real(descriptor, buffer, length);
-    if (writeError == 0)
-        return real(descriptor, buffer, length - 1);
-    errno = writeError;
-    return -1;
-}
-
-extern "C" int fstat(int descriptor, struct stat *status) {
-    static const auto real = reinterpret_cast<int (*)(int, struct stat *)>(dlsym(RTLD_NEXT, "fstat"));
-    if (statusCallsLeft == -1 || statusCallsLeft-- > 0)
-        return real(descriptor, status);
-    statusCallsLeft = 0;
-    errno = EIO;
-    return -1;
-}
-
-static std::string noStatusOf; // stat fails for the path that ends so
-
-extern "C" int stat(const char *path, struct stat *status) {
-    static const auto real = reinterpret_cast<int (*)(const char *, struct stat *)>(dlsym(RTLD_NEXT, "stat"));
-    const size_t length = strlen(path);
-    if (noStatusOf.empty() || length < noStatusOf.size() || path + length - noStatusOf.size() != noStatusOf)
-        return real(path, status);
-    errno = EIO;
-    return -1;
-}
 
 namespace {
 

@@ -1,5 +1,6 @@
 // The dynamic reload and the product's switch, with a clock and a counted stat of the test's own.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <atomic>
@@ -15,31 +16,31 @@
 
 namespace {
 
-std::atomic<time_t> now{1000000};
-std::atomic<time_t> step{0}; // by which each look at the clock moves it on
+std::atomic<time_t> now;
+std::atomic<time_t> step; // by which each look at the clock moves it on
 thread_local int timeCalls, statCalls;
 bool statFails;
 
-} // namespace
-
-extern "C" time_t time(time_t *out) noexcept {
-    ++timeCalls;
-    const time_t seconds = now += step;
-    if (out != nullptr)
-        *out = seconds;
-    return seconds;
-}
-
-extern "C" int stat(const char *path, struct stat *status) noexcept {
-    ++statCalls;
-    if (statFails) {
+const bool PREPARED = support::eachCase([] {
+    now = 1000000;
+    step = 0;
+    timeCalls = statCalls = 0;
+    statFails = false;
+    libc::time.hook = [](time_t *out) {
+        ++timeCalls;
+        const time_t seconds = now += step;
+        if (out != nullptr)
+            *out = seconds;
+        return seconds;
+    };
+    libc::stat.hook = [](const char *path, struct stat *status) {
+        ++statCalls;
+        if (!statFails)
+            return libc::stat.real(path, status);
         errno = EACCES;
         return -1;
-    }
-    return fstatat(AT_FDCWD, path, status, 0);
-}
-
-namespace {
+    };
+});
 
 const int64_t OPENED = 1000000;
 

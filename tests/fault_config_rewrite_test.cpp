@@ -1,14 +1,13 @@
 // Rewrites of configuration files under faults: every system call fails once, the disk is
 // full at every point, the process is killed at any time.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <cerrno>
 #include <csignal>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -43,55 +42,50 @@ bool fails(const char *call) {
     return true;
 }
 
-template<typename F>
-F next(const char *name) {
-    return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
-}
+const bool PREPARED = support::eachCase([] {
+    failing = "";
+    shortWrite = 0;
+    counts = nullptr;
+    plant = nullptr;
+    at = nullptr;
+    libc::write.hook = [](int descriptor, const void *bytes, size_t size) -> ssize_t {
+        if (fails("write"))
+            return -1;
+        if (shortWrite != 0 && size > shortWrite)
+            size = shortWrite;
+        return libc::write.real(descriptor, bytes, size);
+    };
+    libc::fsync.hook = [](int) { return fails("fsync") ? -1 : 0; };
+    libc::fclose.hook = [](FILE *stream) {
+        const int result = libc::fclose.real(stream);
+        return fails("fclose") ? EOF : result;
+    };
+    libc::rename.hook = [](const char *from, const char *to) {
+        return fails("rename") ? -1 : libc::rename.real(from, to);
+    };
+    libc::fchmod.hook = [](int descriptor, mode_t mode) {
+        return fails("fchmod") ? -1 : libc::fchmod.real(descriptor, mode);
+    };
+    libc::fdopen.hook = [](int descriptor, const char *mode) {
+        return fails("fdopen") ? nullptr : libc::fdopen.real(descriptor, mode);
+    };
+    libc::open.hook = [](const char *path, int flags, mode_t mode) {
+        return fails("open") ? -1 : libc::open.real(path, flags, mode);
+    };
+    libc::flock.hook = [](int descriptor, int operation) {
+        return fails("flock") ? -1 : libc::flock.real(descriptor, operation);
+    };
+    libc::unlink.hook = [](const char *path) {
+        const int result = libc::unlink.real(path);
+        if (plant != nullptr && *plant == path) {
+            EXPECT_EQ(0, symlink("victim", path));
+            plant = nullptr;
+        }
+        return result;
+    };
+});
 
 } // namespace
-
-extern "C" ssize_t write(int descriptor, const void *bytes, size_t size) {
-    if (fails("write"))
-        return -1;
-    if (shortWrite != 0 && size > shortWrite)
-        size = shortWrite;
-    return next<ssize_t (*)(int, const void *, size_t)>("write")(descriptor, bytes, size);
-}
-extern "C" int fsync(int descriptor) {
-    (void)descriptor;
-    return fails("fsync") ? -1 : 0;
-}
-extern "C" int fclose(FILE *stream) {
-    const int result = next<int (*)(FILE *)>("fclose")(stream);
-    return fails("fclose") ? EOF : result;
-}
-extern "C" int rename(const char *from, const char *to) noexcept {
-    return fails("rename") ? -1 : renameat(AT_FDCWD, from, AT_FDCWD, to);
-}
-extern "C" int fchmod(int descriptor, mode_t mode) noexcept {
-    return fails("fchmod") ? -1 : next<int (*)(int, mode_t)>("fchmod")(descriptor, mode);
-}
-extern "C" FILE *fdopen(int descriptor, const char *mode) noexcept {
-    return fails("fdopen") ? nullptr : next<FILE *(*)(int, const char *)>("fdopen")(descriptor, mode);
-}
-extern "C" int open(const char *path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(args, mode_t) : 0;
-    va_end(args);
-    return fails("open") ? -1 : openat(AT_FDCWD, path, flags, mode);
-}
-extern "C" int flock(int descriptor, int operation) noexcept {
-    return fails("flock") ? -1 : next<int (*)(int, int)>("flock")(descriptor, operation);
-}
-extern "C" int unlink(const char *path) noexcept {
-    const int result = unlinkat(AT_FDCWD, path, 0);
-    if (plant != nullptr && *plant == path) {
-        EXPECT_EQ(0, symlink("victim", path));
-        plant = nullptr;
-    }
-    return result;
-}
 
 namespace {
 

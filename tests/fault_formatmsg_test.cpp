@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "support/cases.h"
 #include "zoltlog.h"
 
 namespace {
@@ -26,6 +27,8 @@ struct Script {
     int begun = 0;  // blocks whose items were begun
 };
 Script script;
+
+const bool PREPARED = support::eachCase([] { script = {}; });
 
 bool fails(const char *call) {
     return script.failing == call && script.failAfter-- <= 0;

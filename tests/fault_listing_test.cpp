@@ -1,13 +1,12 @@
 // Listing, surplus files, fetching and copying while each allocation, then each system
 // call on files, fails once.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
@@ -27,6 +26,7 @@ namespace {
 int failAt = -1; // which counted call fails, from 0
 int calls = 0;
 bool armed = false;
+bool failAllocations = true;
 long balance = 0; // blocks allocated less blocks freed while armed
 
 bool failsNow() {
@@ -41,8 +41,6 @@ void *__libc_malloc(size_t);
 void *__libc_calloc(size_t, size_t);
 void *__libc_realloc(void *, size_t);
 void __libc_free(void *);
-
-static bool failAllocations = true;
 
 void *malloc(size_t size) {
     if (failAllocations && failsNow()) {
@@ -77,50 +75,29 @@ void free(void *block) {
 
 static bool failCalls = false;
 
-#define REAL(name, type) reinterpret_cast<type>(dlsym(RTLD_NEXT, #name))
-
-extern "C" int open(const char *path, int flags, ...) {
-    static const auto real = REAL(open, int (*)(const char *, int, ...));
-    unsigned mode = 0;
-    if ((flags & O_CREAT) != 0) {
-        va_list args;
-        va_start(args, flags);
-        mode = va_arg(args, unsigned);
-        va_end(args);
-    }
-    if (failCalls && failsNow()) {
-        errno = EMFILE;
-        return -1;
-    }
-    return real(path, flags, mode);
+static bool callFails(int error) {
+    if (!failCalls || !failsNow())
+        return false;
+    errno = error;
+    return true;
 }
 
-extern "C" int openat(int directory, const char *path, int flags, ...) {
-    static const auto real = REAL(openat, int (*)(int, const char *, int, ...));
-    if (failCalls && failsNow()) {
-        errno = EMFILE;
-        return -1;
-    }
-    return real(directory, path, flags);
-}
-
-extern "C" ssize_t read(int descriptor, void *buffer, size_t length) {
-    static const auto real = REAL(read, ssize_t(*)(int, void *, size_t));
-    if (failCalls && failsNow()) {
-        errno = EIO;
-        return -1;
-    }
-    return real(descriptor, buffer, length);
-}
-
-extern "C" ssize_t write(int descriptor, const void *buffer, size_t length) {
-    static const auto real = REAL(write, ssize_t(*)(int, const void *, size_t));
-    if (failCalls && failsNow()) {
-        errno = EIO;
-        return -1;
-    }
-    return real(descriptor, buffer, length);
-}
+static const bool PREPARED = support::eachCase([] {
+    failAt = -1;
+    armed = failCalls = false;
+    libc::open.hook = [](const char *path, int flags, mode_t mode) {
+        return callFails(EMFILE) ? -1 : libc::open.real(path, flags, mode);
+    };
+    libc::openat.hook = [](int directory, const char *path, int flags, mode_t mode) {
+        return callFails(EMFILE) ? -1 : libc::openat.real(directory, path, flags, mode);
+    };
+    libc::read.hook = [](int descriptor, void *buffer, size_t length) -> ssize_t {
+        return callFails(EIO) ? -1 : libc::read.real(descriptor, buffer, length);
+    };
+    libc::write.hook = [](int descriptor, const void *buffer, size_t length) -> ssize_t {
+        return callFails(EIO) ? -1 : libc::write.real(descriptor, buffer, length);
+    };
+});
 
 namespace {
 
@@ -273,12 +250,11 @@ TEST_F(FaultListing, CopyWithoutMemoryIs4) {
 #endif
 
 TEST_F(FaultListing, EverySystemCallOfASurplusSearch) {
-#if OWN_ALLOCATOR
     failAllocations = false;
-#endif
     failCalls = true;
     const int failed = failEach(surplus);
     failCalls = false;
+    failAllocations = true;
     EXPECT_STREQ(failure, "");
     EXPECT_GT(failed, 20);
 }

@@ -1,5 +1,6 @@
 // The record, the encoder and the readers when memory runs out: each allocation of
 // an operation fails once, in turn. This program replaces the allocator's functions.
+#include "support/cases.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -14,6 +15,8 @@
 static long allocations; // since the last reset
 static long failing;     // which of them fails; 0: none
 static long live;        // blocks not yet released
+
+static const bool PREPARED = support::eachCase([] { failing = 0; });
 
 // The allocator itself: the sanitizer's, if there is one, else the C library's.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

@@ -43,7 +43,6 @@ bool failsNow() {
 const bool FAULTS_PREPARED = support::eachCase([] {
     writeFault = {};
     onShortWrite = nullptr;
-    errorCode = 0; // once it says that the device is full, it stays so
     counting = false;
     failingCalls = 1;
     libc::write.hook = [](int descriptor, const void *bytes, size_t length) -> ssize_t {

@@ -2,11 +2,11 @@
 // identity when it is released, while the released tag still stands in its record: this
 // program's own pthread_self looks at it there.
 #include "support/log_records.h"
+#include "support/thread_calls.h"
 #include "zoltlog.h"
 
 #include <csignal>
 #include <cstring>
-#include <dlfcn.h>
 #include <functional>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -19,19 +19,17 @@
 #include <vector>
 
 namespace {
+
 std::set<std::string> taken;
-}
 
-extern "C" pthread_t pthread_self() noexcept {
-    static pthread_t (*real)();
-    if (real == nullptr)
-        real = reinterpret_cast<pthread_t (*)()>(dlsym(RTLD_NEXT, "pthread_self"));
-    if (zoltLogMutex.depth > 0)
-        taken.insert(zoltLogMutex.holders[zoltLogMutex.depth - 1].tag);
-    return real();
-}
-
-namespace {
+const bool PREPARED = support::eachCase([] {
+    taken.clear();
+    libc::pthread_self.hook = [] {
+        if (zoltLogMutex.depth > 0)
+            taken.insert(zoltLogMutex.holders[zoltLogMutex.depth - 1].tag);
+        return libc::pthread_self.real();
+    };
+});
 
 struct LockTagsInUse : testing::Test {
     LockTagsInUse() {

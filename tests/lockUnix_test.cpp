@@ -8,7 +8,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <pthread.h>
 #include <set>
 #include <string>
@@ -19,56 +18,45 @@
 
 #include "src/lock_tags.h"
 #include "support/support.h"
+#include "support/thread_calls.h"
 
 namespace {
 
 // Calls that the tests watch or let fail; the real ones are used otherwise.
-std::atomic<int> createdMutexes{0}; // of the global lock and of watched ones
-const void *watchedMutex = &zoltLogMutex.mutex;
+std::atomic<int> createdMutexes; // of the global lock and of watched ones
+const void *watchedMutex;
 const char *failingCall = "";
 
 bool fails(const char *name) {
     return std::strcmp(failingCall, name) == 0;
 }
 
-// Looked up before the first thread: a thread may be cancelled at any point of the calls.
-template<typename Function>
-Function *real(const char *name) {
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
-using InitMutex = int(pthread_mutex_t *, const pthread_mutexattr_t *);
-auto *const realAttrInit = real<int(pthread_mutexattr_t *)>("pthread_mutexattr_init");
-auto *const realSetType = real<int(pthread_mutexattr_t *, int)>("pthread_mutexattr_settype");
-auto *const realInit = real<InitMutex>("pthread_mutex_init");
-auto *const realDestroy = real<int(pthread_mutex_t *)>("pthread_mutex_destroy");
-auto *const realSetCancelState = real<int(int, int *)>("pthread_setcancelstate");
+const bool PREPARED = support::eachCase([] {
+    createdMutexes = 0;
+    watchedMutex = &zoltLogMutex.mutex;
+    failingCall = "";
+    libc::pthread_mutexattr_init.hook = [](pthread_mutexattr_t *attributes) {
+        return fails("pthread_mutexattr_init") ? ENOMEM : libc::pthread_mutexattr_init.real(attributes);
+    };
+    libc::pthread_mutexattr_settype.hook = [](pthread_mutexattr_t *attributes, int type) {
+        return fails("pthread_mutexattr_settype") ? EINVAL
+                                                  : libc::pthread_mutexattr_settype.real(attributes, type);
+    };
+    libc::pthread_mutex_init.hook = [](pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) {
+        if (mutex == watchedMutex)
+            ++createdMutexes;
+        return fails("pthread_mutex_init") ? ENOMEM : libc::pthread_mutex_init.real(mutex, attributes);
+    };
+    libc::pthread_mutex_destroy.hook = [](pthread_mutex_t *mutex) {
+        return fails("pthread_mutex_destroy") ? EBUSY : libc::pthread_mutex_destroy.real(mutex);
+    };
+    libc::pthread_setcancelstate.hook = [](int state, int *old) {
+        const char *name = state == PTHREAD_CANCEL_DISABLE ? "cancel off" : "cancel on";
+        return fails(name) ? EINVAL : libc::pthread_setcancelstate.real(state, old);
+    };
+});
 
 } // namespace
-
-extern "C" {
-int pthread_mutexattr_init(pthread_mutexattr_t *attributes) {
-    return fails("pthread_mutexattr_init") ? ENOMEM : realAttrInit(attributes);
-}
-int pthread_mutexattr_settype(pthread_mutexattr_t *attributes, int type) {
-    return fails("pthread_mutexattr_settype") ? EINVAL : realSetType(attributes, type);
-}
-int pthread_mutex_init(pthread_mutex_t *mutex, const pthread_mutexattr_t *attributes) {
-    if (mutex == watchedMutex)
-        ++createdMutexes;
-    if (fails("pthread_mutex_init"))
-        return ENOMEM;
-    // Other libraries' constructors may call before our variables are set.
-    InitMutex *call = realInit != nullptr ? realInit : real<InitMutex>("pthread_mutex_init");
-    return call(mutex, attributes);
-}
-int pthread_mutex_destroy(pthread_mutex_t *mutex) {
-    return fails("pthread_mutex_destroy") ? EBUSY : realDestroy(mutex);
-}
-int pthread_setcancelstate(int state, int *old) {
-    const char *name = state == PTHREAD_CANCEL_DISABLE ? "cancel off" : "cancel on";
-    return fails(name) ? EINVAL : realSetCancelState(state, old);
-}
-}
 
 namespace {
 
@@ -109,12 +97,12 @@ struct Gate {
 
 } // namespace
 
-TEST(Lock, GlobalRecordStartsAllZero) {
+FRESH_TEST(Lock, GlobalRecordStartsAllZero) {
     const LogLock zero = {};
     EXPECT_EQ(0, std::memcmp(&zero, &zoltLogMutex, sizeof zero));
 }
 
-TEST(Lock, FirstAcquisitionCreatesTheMutexAndLaterOnesDoNot) {
+FRESH_TEST(Lock, FirstAcquisitionCreatesTheMutexAndLaterOnesDoNot) {
     EXPECT_EQ(0, zoltLogMutex.initialized);
     nest(1);
     EXPECT_EQ(1, zoltLogMutex.initialized);
@@ -125,7 +113,7 @@ TEST(Lock, FirstAcquisitionCreatesTheMutexAndLaterOnesDoNot) {
     EXPECT_EQ(1, createdMutexes);
 }
 
-TEST(Lock, InitCreatesARecursiveMutex) {
+FRESH_TEST(Lock, InitCreatesARecursiveMutex) {
     EXPECT_EQ(0, zoltLogLockInit(&zoltLogMutex));
     EXPECT_EQ(1, zoltLogMutex.initialized);
     EXPECT_EQ(0, pthread_mutex_lock(&zoltLogMutex.mutex));
@@ -244,7 +232,7 @@ TEST(Lock, ReleaseOfAMutexThatIsNotHeldAborts) {
 }
 #endif
 
-TEST(Lock, FailingThreadCallsAbort) {
+FRESH_TEST(Lock, FailingThreadCallsAbort) {
     for (const char *call :
          {"pthread_mutexattr_init", "pthread_mutexattr_settype", "pthread_mutex_init", "cancel off"}) {
         EXPECT_ABORT({
@@ -281,7 +269,7 @@ TEST(Lock, DestroyWhileHeldAborts) {
     leave(1);
 }
 
-TEST(Lock, DestroyBeforeCreationAborts) {
+FRESH_TEST(Lock, DestroyBeforeCreationAborts) {
     EXPECT_ABORT(zoltLogDestroyLock(&zoltLogMutex));
 }
 
@@ -293,7 +281,7 @@ TEST(Lock, DestroyTwiceAborts) {
     EXPECT_ABORT(zoltLogDestroyLock(&zoltLogMutex));
 }
 
-TEST(Lock, AcquisitionAfterDestroyCreatesAfresh) {
+FRESH_TEST(Lock, AcquisitionAfterDestroyCreatesAfresh) {
     nest(1);
     leave(1);
     zoltLogDestroyLock(&zoltLogMutex);
@@ -316,7 +304,7 @@ TEST(Lock, CommonFormsUseTheExportedRecord) {
     EXPECT_EQ(0, zoltLogMutex.initialized);
 }
 
-TEST(Lock, OtherRecordsAreLocksOfTheirOwn) {
+FRESH_TEST(Lock, OtherRecordsAreLocksOfTheirOwn) {
     LogLock mine = {};
     zoltLogLock(&mine, TAG);
     EXPECT_EQ(0, zoltLogMutex.initialized);
@@ -486,7 +474,7 @@ TEST(Lock, CancelledThreadsNeverLeaveTheLockHeld) {
 
 // ---- threads and fork --------------------------------------------------------------------
 
-TEST(Lock, FirstUseByManyThreadsAtOnceCreatesOneMutex) {
+FRESH_TEST(Lock, FirstUseByManyThreadsAtOnceCreatesOneMutex) {
     constexpr unsigned THREADS = 64;
     Gate gate(THREADS);
     int counter = 0; // guarded by the lock
@@ -576,7 +564,7 @@ TEST(Lock, ForkedChildrenOfALockingProcessDoNotHang) {
         sched_yield(); // the parent's threads go on
 }
 
-TEST(Lock, ForkBeforeFirstUseLeavesBothProcessesWorking) {
+FRESH_TEST(Lock, ForkBeforeFirstUseLeavesBothProcessesWorking) {
     EXPECT_EQ(0, support::inChild(useInChild));
     EXPECT_EQ(0, zoltLogMutex.initialized);
     nest(1);

@@ -10,10 +10,8 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <functional>
 #include <netdb.h>
@@ -30,34 +28,31 @@
 
 #include "support/failing_allocations.h"
 #include "support/support.h"
+#include "support/syscalls.h"
 
 namespace {
 
-template<typename Function>
-Function *real(const char *name) {
-    return reinterpret_cast<Function *>(dlsym(RTLD_NEXT, name));
-}
 
 // What the replaced calls do: 0 or empty means the real thing.
-int openError = 0;
-int openErrors = 0; // how many opens fail with openError
-int writeError = 0;
-int fstatError = 0;
-int fchmodError = 0;
-int mkdirError = 0;
-mode_t askedMode = 0; // of the last mkdir
-int readdirError = 0;
-int reads = 0; // calls
-int writes = 0;
-size_t writeLimit = SIZE_MAX; // bytes that one write takes at most
+int openError;
+int openErrors; // how many opens fail with openError
+int writeError;
+int fstatError;
+int fchmodError;
+int mkdirError;
+mode_t askedMode; // of the last mkdir
+int readdirError;
+int reads; // calls
+int writes;
+size_t writeLimit; // bytes that one write takes at most
 std::function<void(const char *)> beforeMkdir;
 std::function<void(const char *)> beforeCreate; // before an exclusive open
-const char *hostName = nullptr;
-bool hostNameFails = false;
-int lookups = 0;
-int freedLists = 0;
-int lookupError = 0;
-addrinfo *lookupResult = nullptr;
+const char *hostName;
+bool hostNameFails;
+int lookups;
+int freedLists;
+int lookupError;
+addrinfo *lookupResult;
 std::string lookedUpName;
 std::string lookedUpService;
 addrinfo lookupHints;
@@ -68,14 +63,7 @@ bool failsWith(int error) {
     return error != 0;
 }
 
-} // namespace
-
-extern "C" {
-int open(const char *path, int flags, ...) {
-    va_list args;
-    va_start(args, flags);
-    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(args, mode_t) : 0;
-    va_end(args);
+int hookedOpen(const char *path, int flags, mode_t mode) {
     if (openErrors > 0) {
         --openErrors;
         errno = openError;
@@ -83,43 +71,10 @@ int open(const char *path, int flags, ...) {
     }
     if ((flags & O_EXCL) != 0 && beforeCreate)
         beforeCreate(path);
-    return real<int(const char *, int, ...)>("open")(path, flags, mode);
+    return libc::open.real(path, flags, mode);
 }
-ssize_t write(int descriptor, const void *bytes, size_t length) {
-    ++writes;
-    if (failsWith(writeError))
-        return -1;
-    return real<ssize_t(int, const void *, size_t)>("write")(descriptor, bytes, std::min(length, writeLimit));
-}
-ssize_t read(int descriptor, void *bytes, size_t length) {
-    ++reads;
-    return real<ssize_t(int, void *, size_t)>("read")(descriptor, bytes, length);
-}
-dirent *readdir(DIR *stream) {
-    return failsWith(readdirError) ? nullptr : real<dirent *(DIR *)>("readdir")(stream);
-}
-int fstat(int descriptor, struct stat *status) noexcept {
-    return failsWith(fstatError) ? -1 : real<int(int, struct stat *)>("fstat")(descriptor, status);
-}
-int fchmod(int descriptor, mode_t mode) noexcept {
-    return failsWith(fchmodError) ? -1 : real<int(int, mode_t)>("fchmod")(descriptor, mode);
-}
-int mkdir(const char *path, mode_t mode) noexcept {
-    askedMode = mode;
-    if (beforeMkdir)
-        beforeMkdir(path);
-    return failsWith(mkdirError) ? -1 : real<int(const char *, mode_t)>("mkdir")(path, mode);
-}
-int gethostname(char *buffer, size_t length) noexcept {
-    if (hostNameFails)
-        return -1;
-    if (hostName == nullptr)
-        return real<int(char *, size_t)>("gethostname")(buffer, length);
-    const size_t size = std::strlen(hostName) + 1;
-    std::memcpy(buffer, hostName, size < length ? size : length); // no end when it is cut
-    return 0;
-}
-int getaddrinfo(const char *name, const char *service, const addrinfo *hints, addrinfo **result) {
+
+int hookedLookUp(const char *name, const char *service, const addrinfo *hints, addrinfo **result) {
     ++lookups;
     lookedUpName = name;
     lookedUpService = service != nullptr ? service : "(null)";
@@ -127,11 +82,58 @@ int getaddrinfo(const char *name, const char *service, const addrinfo *hints, ad
     *result = lookupResult;
     return lookupError;
 }
-void freeaddrinfo(addrinfo *list) noexcept {
-    EXPECT_EQ(lookupResult, list);
-    ++freedLists;
+
+int hookedHostName(char *buffer, size_t length) {
+    if (hostNameFails)
+        return -1;
+    if (hostName == nullptr)
+        return libc::gethostname.real(buffer, length);
+    const size_t size = std::strlen(hostName) + 1;
+    std::memcpy(buffer, hostName, std::min(size, length)); // no end when it is cut
+    return 0;
 }
-}
+
+const bool PREPARED = support::eachCase([] {
+    openError = openErrors = writeError = fstatError = fchmodError = mkdirError = readdirError = 0;
+    reads = writes = lookups = freedLists = lookupError = 0;
+    writeLimit = SIZE_MAX;
+    beforeMkdir = beforeCreate = nullptr;
+    hostName = nullptr;
+    hostNameFails = false;
+    lookupResult = nullptr;
+    libc::open.hook = hookedOpen;
+    libc::write.hook = [](int descriptor, const void *bytes, size_t length) -> ssize_t {
+        ++writes;
+        return failsWith(writeError) ? -1 : libc::write.real(descriptor, bytes, std::min(length, writeLimit));
+    };
+    libc::read.hook = [](int descriptor, void *bytes, size_t length) {
+        ++reads;
+        return libc::read.real(descriptor, bytes, length);
+    };
+    libc::readdir.hook = [](DIR *stream) {
+        return failsWith(readdirError) ? nullptr : libc::readdir.real(stream);
+    };
+    libc::fstat.hook = [](int descriptor, struct stat *status) {
+        return failsWith(fstatError) ? -1 : libc::fstat.real(descriptor, status);
+    };
+    libc::fchmod.hook = [](int descriptor, mode_t mode) {
+        return failsWith(fchmodError) ? -1 : libc::fchmod.real(descriptor, mode);
+    };
+    libc::mkdir.hook = [](const char *path, mode_t mode) {
+        askedMode = mode;
+        if (beforeMkdir)
+            beforeMkdir(path);
+        return failsWith(mkdirError) ? -1 : libc::mkdir.real(path, mode);
+    };
+    libc::gethostname.hook = hookedHostName;
+    libc::getaddrinfo.hook = hookedLookUp;
+    libc::freeaddrinfo.hook = [](addrinfo *list) {
+        EXPECT_EQ(lookupResult, list);
+        ++freedLists;
+    };
+});
+
+} // namespace
 
 namespace {
 

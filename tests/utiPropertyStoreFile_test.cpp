@@ -1,6 +1,7 @@
 // The property store: syntax, lookups, exact bytes after every change, enumerations,
 // comparison with a plain second implementation.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <climits>
@@ -16,17 +17,17 @@
 #include <unistd.h>
 #include <vector>
 
+namespace {
+
 // Thousands of rewrites: what the disk does is tested elsewhere. Some file systems write a
 // file out when a rename replaces another by it, so nothing is replaced here.
-extern "C" int fsync(int descriptor) {
-    return fcntl(descriptor, F_GETFD) < 0 ? -1 : 0;
-}
-extern "C" int rename(const char *from, const char *to) noexcept {
-    (void)unlink(to);
-    return renameat(AT_FDCWD, from, AT_FDCWD, to);
-}
-
-namespace {
+const bool PREPARED = support::eachCase([] {
+    libc::fsync.hook = [](int descriptor) { return fcntl(descriptor, F_GETFD) < 0 ? -1 : 0; };
+    libc::rename.hook = [](const char *from, const char *to) {
+        (void)unlink(to);
+        return libc::rename.real(from, to);
+    };
+});
 
 using support::exists;
 using support::readFile;

@@ -1,6 +1,7 @@
 // Message entry points and contexts, from the call to the bytes in the file.
 #include "support/log_records.h"
 #include "support/sink_capture.h"
+#include "support/syscalls.h"
 
 #include <chrono>
 #include <cstring>
@@ -16,15 +17,15 @@
 static std::string tagOfTheRecord;           // under which the last record got its time stamp
 static std::function<void()> atTheTimeStamp; // called when a record gets its time stamp
 
-extern "C" int gettimeofday(timeval *now, void *) noexcept {
-    tagOfTheRecord = zoltLogMutex.depth > 0 ? zoltLogMutex.holders[0].tag : "no lock";
-    if (atTheTimeStamp)
-        atTheTimeStamp();
-    timespec exact;
-    clock_gettime(CLOCK_REALTIME, &exact);
-    *now = {exact.tv_sec, exact.tv_nsec / 1000};
-    return 0;
-}
+static const bool CLOCK_WATCHED = support::eachCase([] {
+    atTheTimeStamp = nullptr;
+    libc::gettimeofday.hook = [](timeval *now, void *zone) {
+        tagOfTheRecord = zoltLogMutex.depth > 0 ? zoltLogMutex.holders[0].tag : "no lock";
+        if (atTheTimeStamp)
+            atTheTimeStamp();
+        return libc::gettimeofday.real(now, zone);
+    };
+});
 
 // ---- the localization library, watched ---------------------------------------------
 

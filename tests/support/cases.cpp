@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "support/support.h"
+#include "zoltlog.h"
 
 namespace support {
 
@@ -27,6 +28,7 @@ bool eachCase(void (*prepare)()) {
 
 void prepareCase() {
     ++casesBegun;
+    errorCode = 0; // once it says that the device is full, the library leaves it so
     for (void (*prepare)() : preparations())
         prepare();
 }

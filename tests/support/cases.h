@@ -13,6 +13,7 @@ void prepareCase(); // the main program's: runs them
 
 // Whether this process runs the current case only, once. Where it runs more, the case runs
 // in a new process, and fails here when it fails there: nothing is left for the caller to do.
+// A case with a fixture begins with: if (!support::inFreshProcess()) return;
 bool inFreshProcess();
 
 } // namespace support

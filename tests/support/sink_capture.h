@@ -1,5 +1,5 @@
 // Captures what the library sends to the system log and selects the formatter
-// plug-in that it loads, by functions that take the place of the C library's.
+// plug-in that it loads, by hooks on the C library's functions (syscalls.h).
 // To be included by one source file of a test program.
 #pragma once
 
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "support/support.h"
+#include "support/syscalls.h"
 
 namespace sinks {
 
@@ -65,13 +66,30 @@ inline void send(int priority, const char *format, va_list args) {
 
 } // namespace sinks
 
+SUPPORT_CALL(void, openlog, (const char *ident, int option, int facility), (ident, option, facility), )
+SUPPORT_CALL(void, closelog, (), (), )
+SUPPORT_CALL(void *, dlopen, (const char *name, int mode), (name, mode), noexcept)
+
+namespace sinks {
+inline const bool PREPARED = support::eachCase([] {
+    reset();
+    capturing = [](bool) {};
+    libc::openlog.hook = [](const char *ident, int option, int facility) {
+        opened.push_back({ident, ident, option, facility});
+    };
+    libc::closelog.hook = [] { ++closed; };
+    libc::dlopen.hook = [](const char *name, int mode) {
+        if (name == nullptr || strcmp(name, "libzoltLogFormatMsg.so.3") != 0)
+            return libc::dlopen.real(name, mode);
+        capturing(true);
+        asked.emplace_back(name);
+        capturing(false);
+        return formatter.empty() ? nullptr : libc::dlopen.real(formatter.c_str(), mode);
+    };
+});
+} // namespace sinks
+
 extern "C" {
-void openlog(const char *ident, int option, int facility) {
-    sinks::opened.push_back({ident, ident, option, facility});
-}
-void closelog() {
-    ++sinks::closed;
-}
 void syslog(int priority, const char *format, ...) {
     va_list args;
     va_start(args, format);
@@ -83,15 +101,5 @@ void __syslog_chk(int priority, int, const char *format, ...) {
     va_start(args, format);
     sinks::send(priority, format, args);
     va_end(args);
-}
-void *dlopen(const char *name, int mode) {
-    static const auto real = reinterpret_cast<void *(*)(const char *, int)>(dlsym(RTLD_NEXT, "dlopen"));
-    if (name != nullptr && strcmp(name, "libzoltLogFormatMsg.so.3") == 0) {
-        sinks::capturing(true);
-        sinks::asked.emplace_back(name);
-        sinks::capturing(false);
-        return sinks::formatter.empty() ? nullptr : real(sinks::formatter.c_str(), mode);
-    }
-    return real(name, mode);
 }
 }

@@ -43,21 +43,27 @@ class Call<Result(Arguments...), RealSignature> {
     // What to call instead of the real function; null: nothing.
     std::atomic<Result (*)(Arguments...)> hook;
 
-    // Looked up at the first use, by whichever thread comes first.
-    Result real(Arguments... arguments) {
+    Result real(Arguments... arguments) { return realFunction()(arguments...); }
+    Result operator()(Arguments... arguments) {
+        Result (*const hooked)(Arguments...) = hook.load(std::memory_order_acquire);
+        return hooked != nullptr ? hooked(arguments...) : real(arguments...);
+    }
+    // Each case begins so; the look-up is done before a thread that may be cancelled calls.
+    void unhook() {
+        hook = nullptr;
+        realFunction();
+    }
+
+  private:
+    RealSignature *realFunction() {
         RealSignature *function = found.load(std::memory_order_relaxed);
         if (function == nullptr) {
             function = reinterpret_cast<RealSignature *>(dlsym(RTLD_NEXT, name));
             found.store(function, std::memory_order_relaxed);
         }
-        return function(arguments...);
-    }
-    Result operator()(Arguments... arguments) {
-        Result (*const hooked)(Arguments...) = hook.load(std::memory_order_acquire);
-        return hooked != nullptr ? hooked(arguments...) : real(arguments...);
+        return function;
     }
 
-  private:
     std::atomic<RealSignature *> found{nullptr};
     const char *const name;
 };
@@ -69,7 +75,7 @@ class Call<Result(Arguments...), RealSignature> {
 #define SUPPORT_CALL(result, name, parameters, arguments, except)                                            \
     namespace libc {                                                                                         \
     inline Call<result parameters> name(#name);                                                              \
-    [[maybe_unused]] inline const bool name##Unhooked = support::eachCase([] { name.hook = nullptr; });      \
+    [[maybe_unused]] inline const bool name##Unhooked = support::eachCase([] { name.unhook(); });            \
     }                                                                                                        \
     extern "C" result name parameters except {                                                               \
         return libc::name arguments;                                                                         \
@@ -123,8 +129,8 @@ namespace libc {
 inline Call<int(const char *, int, mode_t), int(const char *, int, ...)> open("open");
 inline Call<int(int, const char *, int, mode_t), int(int, const char *, int, ...)> openat("openat");
 [[maybe_unused]] inline const bool openUnhooked = support::eachCase([] {
-    open.hook = nullptr;
-    openat.hook = nullptr;
+    open.unhook();
+    openat.unhook();
 });
 inline bool hasMode(int flags) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
