@@ -1,5 +1,5 @@
-// The record encoder, for the writer, which keeps what one record has in common with the
-// next.
+// The record encoder, for its neighbours: how a record's strings are to be taken, and the
+// encoding with what the writer keeps from one record for the next.
 #pragma once
 
 #include "cmn_routines.h"

@@ -1,15 +1,15 @@
 // Localized text: turns the typed items of a localization block into text.
 //
 // This unit owns the look of every item type. It leaves the making of blocks
-// (formats, catalogues) to the localization library and relies on nothing but
-// the calls of zoltlis.h.
+// (formats, catalogues) to the localization library and needs nothing but the calls of
+// zoltlis.h; where the library has qdlisFormat, a text needs no block.
 //
-//   1. the look of each item type      appendItem, appendWide..., appendNumber
-//   2. where text goes                 Sink: a fixed buffer that cuts, or one that grows
-//   3. one item's share of the bound   measureItem
-//   4. the two passes                  renderBlock, measureBlock
-//   5. exported operations             strncatlis, fstrncat, listxt_svnprintf
-//   6. one item as wide text           zoltLogGetArg_asStringW, zoltLogWcsDup
+//   Where text goes              Sink: a fixed buffer that cuts, or one that grows
+//   The look of each item type   appendItem, appendWide..., appendNumber
+//   The writing pass             renderBlock
+//   The measuring pass           measureItem, measureBlock
+//   Exported operations          strncatlis, fstrncat, listxt_svnprintf
+//   One item as wide text        zoltLogGetArg_asStringW, zoltLogWcsDup
 
 #include "formatmsg.h"
 

@@ -1,6 +1,6 @@
-// Platform services: the only unit that talks to the system about files, directories and
-// the host's name and number. It knows nothing of the lock, of messages or of what is in
-// the files.
+// Platform services: log files and their directories, the host's name and number. It
+// knows nothing of the lock, of messages or of what is in the files. Configuration files are the property
+// store's (utiPropertyStoreFile).
 //
 //   Descriptors      opening, the exact permissions, what is refused
 //   File handles     zoltLogOs_open ... zoltLogOs_remove

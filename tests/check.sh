@@ -1,13 +1,17 @@
 #!/usr/bin/env bash
-# The checks beyond `./dev test`, one step after the other; a step that fails does not
-# keep the others from running, but the end is a failure.
+# The checks, one step after the other; a step that fails does not keep the others from
+# running, but the end is a failure. CHECK_FACTOR (1) multiplies what is tried at random:
+# the orders of shuffle and the time of fuzz.
 #
+#   tests/check.sh ci          format abi tests leaks asan: under 20 minutes on two cores
 #   tests/check.sh quick       format leaks asan
 #   tests/check.sh full        all steps (the default)
 #   tests/check.sh STEP...     the named ones
 #   tests/check.sh record-abi  writes the ABI that the step abi compares with
 #
 # format    clang-format over all sources
+# tests     the quick tests, as ./dev test runs them
+# shuffle   each test program whole, three times in another order, also as another user
 # leaks     that a leak is found at all here: LeakSanitizer needs the right to trace
 # asan      the quick tests with AddressSanitizer, UndefinedBehaviorSanitizer and leaks
 # asan-long the tests that ./dev test leaves out, with the same sanitizers
@@ -22,6 +26,7 @@ cd "$(dirname "$0")/.."
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export ASAN_OPTIONS=detect_leaks=1:strict_string_checks=1:detect_stack_use_after_return=1:allocator_may_return_null=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+factor=${CHECK_FACTOR:-1}
 abi_file=abi/libqdul.so.3.abi.gz
 
 build() { # PRESET
@@ -37,6 +42,37 @@ run_tests() { # PRESET CTEST-ARGS
 }
 
 step_format() { tests/lint.sh format; }
+
+# Runs a test program whole in the order of a seed; shows what it says when it fails.
+#   run_whole SEED PREFIX PROGRAM: PREFIX, words that select a user, may be empty
+run_whole() {
+    local output name
+    name=$(basename "$3")
+    # shellcheck disable=SC2086 # PREFIX is several words
+    if ! output=$(timeout 600 $2 "$3" --gtest_filter="-Long*" --gtest_brief=1 --gtest_shuffle \
+        --gtest_random_seed="$1" 2>&1 </dev/null); then
+        printf '%s\n' "$output" | cut -c1-400 | head -60
+        echo "FAILED: ${2:+$2 }$name --gtest_filter=-Long* --gtest_shuffle --gtest_random_seed=$1"
+        return 1
+    fi
+}
+export -f run_whole
+
+step_tests() { build release && run_tests release -LE long; }
+
+step_shuffle() {
+    local users=("") user seed status=0
+    build release || return 1
+    [ "$(id -u)" != 0 ] || users+=("setpriv --reuid=65534 --regid=65534 --clear-groups")
+    for user in "${users[@]}"; do
+        for seed in $(seq $((3 * factor))); do
+            printf '%s\0' "$PWD"/build/release/tests/*_test |
+                xargs -0 -P "$(nproc)" -I '{}' bash -c 'run_whole "$@"' run_whole "$seed" "$user" '{}' || status=1
+        done
+    done
+    [ $status != 0 ] || echo "the programs pass in every order tried, as ${#users[@]} user(s)"
+    return $status
+}
 
 step_leaks() {
     local dir status=0
@@ -91,10 +127,6 @@ step_cppcheck() {
 }
 
 step_abi() {
-    if [ ! -f $abi_file ]; then
-        echo "no ABI is recorded yet ($abi_file)"
-        return 0
-    fi
     build release &&
         gzip -dc $abi_file >build/recorded.abi &&
         abidiff --no-added-syms --harmless --leaf-changes-only build/recorded.abi build/release/lib/libqdul.so.3 &&
@@ -108,11 +140,12 @@ record_abi() {
         echo "recorded in $abi_file"
 }
 
-step_fuzz() { ./dev fuzz "${FUZZ_SECONDS:-10}"; }
+step_fuzz() { ./dev fuzz $((${FUZZ_SECONDS:-10} * factor)); }
 
-all_steps="format leaks asan asan-long tsan tidy cppcheck abi fuzz"
+all_steps="format tests shuffle leaks asan asan-long tsan tidy cppcheck abi fuzz"
 [ $# -gt 0 ] || set -- full
 case $1 in
+    ci) set -- format abi tests leaks asan ;;
     quick) set -- format leaks asan ;;
     full) set -- $all_steps ;;
     record-abi)
@@ -122,7 +155,7 @@ case $1 in
 esac
 for step in "$@"; do
     if ! declare -F "step_$step" >/dev/null; then
-        echo "tests/check.sh: no step '$step' (quick, full, record-abi; $all_steps)" >&2
+        echo "tests/check.sh: no step '$step' (ci, quick, full, record-abi; $all_steps)" >&2
         exit 2
     fi
 done

@@ -32,7 +32,6 @@
 
 namespace {
 
-
 // What the replaced calls do: 0 or empty means the real thing.
 int openError;
 int openErrors; // how many opens fail with openError
