@@ -7,57 +7,30 @@
 
 #include "qdlis.h"
 #include "support/cases.h"
+#include "support/failing_allocations.h"
 #include "support/lis_items.h"
 #include "support/support.h"
 #include "zoltlog.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OWN_ALLOCATOR 0 // the sanitizer's has to stay
-#else
-#define OWN_ALLOCATOR 1
-#endif
 
 namespace {
 
 thread_local long allowed = -1; // allocations until the first failure; -1: all
 
-const bool PREPARED = support::eachCase([] { allowed = -1; });
-
-[[maybe_unused]] bool mayAllocate() {
-    if (allowed < 0)
-        return true;
-    if (allowed == 0)
+const bool PREPARED = support::eachCase([] {
+    allowed = -1;
+    support::allocationHook = [] {
+        if (allowed > 0)
+            --allowed;
+        else
+            return allowed == 0;
         return false;
-    --allowed;
-    return true;
-}
-
-} // namespace
-
-#if OWN_ALLOCATOR
-extern "C" {
-void *__libc_malloc(size_t size);
-void *__libc_calloc(size_t count, size_t size);
-void *__libc_realloc(void *block, size_t size);
-
-void *malloc(size_t size) {
-    return mayAllocate() ? __libc_malloc(size) : nullptr;
-}
-void *calloc(size_t count, size_t size) {
-    return mayAllocate() ? __libc_calloc(count, size) : nullptr;
-}
-void *realloc(void *block, size_t size) {
-    return mayAllocate() ? __libc_realloc(block, size) : nullptr;
-}
-}
-#endif
-
-namespace {
+    };
+});
 
 class FaultLis : public testing::Test {
   protected:
     void SetUp() override {
-        if (!OWN_ALLOCATOR)
+        if (!support::allocationsCanFail())
             GTEST_SKIP() << "the sanitizer brings its own allocator";
     }
 };

@@ -15,11 +15,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define OWN_ALLOCATOR 0
-#else
-#define OWN_ALLOCATOR 1
-#endif
+#include "support/failing_allocations.h"
 
 namespace {
 
@@ -27,51 +23,12 @@ int failAt = -1; // which counted call fails, from 0
 int calls = 0;
 bool armed = false;
 bool failAllocations = true;
-long balance = 0; // blocks allocated less blocks freed while armed
 
 bool failsNow() {
     return armed && calls++ == failAt;
 }
 
 } // namespace
-
-#if OWN_ALLOCATOR
-extern "C" {
-void *__libc_malloc(size_t);
-void *__libc_calloc(size_t, size_t);
-void *__libc_realloc(void *, size_t);
-void __libc_free(void *);
-
-void *malloc(size_t size) {
-    if (failAllocations && failsNow()) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    balance += armed ? 1 : 0;
-    return __libc_malloc(size);
-}
-void *calloc(size_t count, size_t size) {
-    if (failAllocations && failsNow()) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    balance += armed ? 1 : 0;
-    return __libc_calloc(count, size);
-}
-void *realloc(void *block, size_t size) {
-    if (failAllocations && failsNow()) {
-        errno = ENOMEM;
-        return nullptr;
-    }
-    balance += armed && block == nullptr ? 1 : 0;
-    return __libc_realloc(block, size);
-}
-void free(void *block) {
-    balance -= armed && block != nullptr ? 1 : 0;
-    __libc_free(block);
-}
-}
-#endif
 
 static bool failCalls = false;
 
@@ -85,6 +42,8 @@ static bool callFails(int error) {
 static const bool PREPARED = support::eachCase([] {
     failAt = -1;
     armed = failCalls = false;
+    failAllocations = true;
+    support::allocationHook = [] { return failAllocations && failsNow(); };
     libc::open.hook = [](const char *path, int flags, mode_t mode) {
         return callFails(EMFILE) ? -1 : libc::open.real(path, flags, mode);
     };
@@ -130,11 +89,12 @@ class FaultListing : public testing::Test {
         for (int at = 0;; ++at) {
             failAt = at;
             calls = 0;
-            balance = 0;
+            const long before = support::blocksHeld;
             armed = true;
             body();
             armed = false;
-            EXPECT_LE(balance, 0) << "call " << at; // below: what an earlier call had kept went too
+            EXPECT_LE(support::blocksHeld, before)
+                << "call " << at; // below: what an earlier call had kept went too
             EXPECT_EQ(support::openDescriptors(), descriptors) << "call " << at;
             if (calls <= at || testing::Test::HasFailure())
                 return at;
@@ -183,7 +143,7 @@ char FaultListing::failure[256];
 
 } // namespace
 
-#if OWN_ALLOCATOR
+#if SUPPORT_ALLOCATIONS_CAN_FAIL
 TEST_F(FaultListing, EveryAllocationOfASurplusSearch) {
     const int failed = failEach(surplus);
     EXPECT_STREQ(failure, "");

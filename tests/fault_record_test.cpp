@@ -12,56 +12,22 @@
 #include <gtest/gtest.h>
 #include <string>
 
+#define SUPPORT_ALLOCATIONS_ALWAYS
+#include "support/failing_allocations.h"
+
 static long allocations; // since the last reset
 static long failing;     // which of them fails; 0: none
-static long live;        // blocks not yet released
 
-static const bool PREPARED = support::eachCase([] { failing = 0; });
-
-// The allocator itself: the sanitizer's, if there is one, else the C library's.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define REAL(function) __interceptor_##function
-#else
-#define REAL(function) __libc_##function
-#endif
-extern "C" {
-void *REAL(malloc)(size_t size);
-void *REAL(calloc)(size_t count, size_t size);
-void *REAL(realloc)(void *old, size_t size);
-void REAL(free)(void *block);
+SUPPORT_EARLY static bool fails() {
+    return ++allocations == failing;
 }
 
-// Called before a sanitizer has set itself up, so nothing may be put into them.
-#define EARLY __attribute__((no_sanitize("address", "thread", "undefined")))
-
-EARLY static bool fails() {
-    if (++allocations != failing)
-        return false;
-    errno = ENOMEM;
-    return true;
-}
+static const bool PREPARED = support::eachCase([] {
+    failing = 0;
+    support::allocationHook = fails;
+});
 
 extern "C" {
-EARLY void *malloc(size_t size) noexcept {
-    void *block = fails() ? nullptr : REAL(malloc)(size);
-    live += block != nullptr;
-    return block;
-}
-EARLY void *calloc(size_t count, size_t size) noexcept {
-    void *block = fails() ? nullptr : REAL(calloc)(count, size);
-    live += block != nullptr;
-    return block;
-}
-EARLY void *realloc(void *old, size_t size) noexcept {
-    void *block = fails() ? nullptr : REAL(realloc)(old, size);
-    live += block != nullptr && old == nullptr;
-    return block;
-}
-EARLY void free(void *block) noexcept {
-    live -= block != nullptr;
-    REAL(free)(block);
-}
-
 // A block with one wide string.
 int32_t zoltLisFree(ZoltLisBlock *) {
     return 0;
@@ -92,17 +58,17 @@ int32_t zoltLisGetNextArg(ZoltLisIterator *) {
 static long failEach(const std::function<void(bool mayFail)> &operation) {
     operation(false); // the C library allocates for good at the first use of some things
     for (long n = 1;; ++n) {
-        const long before = live;
+        const long before = support::blocksHeld;
         allocations = 0;
         failing = n;
         operation(true);
         const bool reached = allocations >= n;
         failing = 0;
-        EXPECT_EQ(live, before) << "allocation " << n;
+        EXPECT_EQ(support::blocksHeld, before) << "allocation " << n;
         if (!reached)
             return n - 1;
         operation(false); // works as ever afterwards
-        EXPECT_EQ(live, before);
+        EXPECT_EQ(support::blocksHeld, before);
     }
 }
 
@@ -282,18 +248,18 @@ TEST(FaultRecord, AFailedFirstGrowthLeavesTheBufferUsable) {
 }
 
 TEST(FaultRecord, AFailedLaterGrowthReleasesTheBlock) {
-    const long before = live;
+    const long before = support::blocksHeld;
     TextBuffer buffer;
     init_text_msg(&buffer);
     ASSERT_NE(text_msg_alloc(&buffer, 5000), nullptr);
-    EXPECT_EQ(live, before + 1);
+    EXPECT_EQ(support::blocksHeld, before + 1);
     allocations = 0;
     failing = 1;
     EXPECT_EQ(text_msg_alloc(&buffer, 50000), nullptr);
-    EXPECT_EQ(live, before);
+    EXPECT_EQ(support::blocksHeld, before);
     remove_trailing_comma(&buffer);
     free_text_msg(&buffer);
-    EXPECT_EQ(live, before);
+    EXPECT_EQ(support::blocksHeld, before);
 }
 
 TEST(FaultRead, ARecordWithoutMemoryIsMinusOne) {
