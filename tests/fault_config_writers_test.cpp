@@ -1,16 +1,15 @@
 // Writers of one configuration file beside each other and beside those who may only read it;
 // what cannot be read; what a rewrite keeps.
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <string>
@@ -29,42 +28,39 @@ std::atomic<int> renames; // calls so far
 int failingRead;          // a read of this descriptor's file fails; 0: none
 std::string *failingPath;
 
-} // namespace
-
-extern "C" int fcntl(int descriptor, int command, ...) {
-    va_list args;
-    va_start(args, command);
-    void *argument = va_arg(args, void *);
-    va_end(args);
-    if (noLocks && command == F_OFD_SETLK) {
+const bool PREPARED = support::eachCase([] {
+    noLocks = false;
+    renames = 0;
+    failingRead = 0;
+    failingPath = nullptr;
+    libc::fcntl.hook = [](int descriptor, int command, void *argument) {
+        if (!noLocks || command != F_OFD_SETLK)
+            return libc::fcntl.real(descriptor, command, argument);
         errno = ENOLCK;
         return -1;
-    }
-    static const auto next = reinterpret_cast<int (*)(int, int, ...)>(dlsym(RTLD_NEXT, "fcntl"));
-    return next(descriptor, command, argument);
-}
-
-extern "C" int rename(const char *from, const char *to) noexcept {
-    ++renames;
-    return renameat(AT_FDCWD, from, AT_FDCWD, to);
-}
-
-extern "C" ssize_t read(int descriptor, void *bytes, size_t size) {
-    if (failingPath != nullptr) {
-        char link[64];
-        char path[4096] = "";
-        std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
-        const ssize_t length = readlink(link, path, sizeof path - 1);
-        if (length > 0 &&
-            std::string(path, static_cast<size_t>(length)).find(*failingPath) != std::string::npos) {
-            ++failingRead;
-            errno = EIO;
-            return -1;
+    };
+    libc::rename.hook = [](const char *from, const char *to) {
+        ++renames;
+        return libc::rename.real(from, to);
+    };
+    libc::read.hook = [](int descriptor, void *bytes, size_t size) -> ssize_t {
+        if (failingPath != nullptr) {
+            char link[64];
+            char path[4096] = "";
+            std::snprintf(link, sizeof link, "/proc/self/fd/%d", descriptor);
+            const ssize_t length = readlink(link, path, sizeof path - 1);
+            if (length > 0 &&
+                std::string(path, static_cast<size_t>(length)).find(*failingPath) != std::string::npos) {
+                ++failingRead;
+                errno = EIO;
+                return -1;
+            }
         }
-    }
-    static const auto next = reinterpret_cast<ssize_t (*)(int, void *, size_t)>(dlsym(RTLD_NEXT, "read"));
-    return next(descriptor, bytes, size);
-}
+        return libc::read.real(descriptor, bytes, size);
+    };
+});
+
+} // namespace
 
 namespace {
 

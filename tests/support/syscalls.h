@@ -123,14 +123,17 @@ SUPPORT_CALL(int, getifaddrs, (ifaddrs * *list), (list), noexcept)
 SUPPORT_CALL(void, freeifaddrs, (ifaddrs * list), (list), noexcept)
 SUPPORT_CALL(void, freeaddrinfo, (addrinfo * list), (list), noexcept)
 
-// ---- opening: the mode is 0 where the call has none --------------------------------------------
+// ---- calls with open ends: the mode of an opening is 0 where it has none
+// --------------------------------------------
 
 namespace libc {
 inline Call<int(const char *, int, mode_t), int(const char *, int, ...)> open("open");
 inline Call<int(int, const char *, int, mode_t), int(int, const char *, int, ...)> openat("openat");
+inline Call<int(int, int, void *), int(int, int, ...)> fcntl("fcntl");
 [[maybe_unused]] inline const bool openUnhooked = support::eachCase([] {
     open.unhook();
     openat.unhook();
+    fcntl.unhook();
 });
 inline bool hasMode(int flags) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
@@ -151,6 +154,13 @@ int openat(int directory, const char *path, int flags, ...) {
     const mode_t mode = libc::hasMode(flags) ? va_arg(rest, mode_t) : 0;
     va_end(rest);
     return libc::openat(directory, path, flags, mode);
+}
+int fcntl(int descriptor, int command, ...) {
+    va_list rest;
+    va_start(rest, command);
+    void *argument = va_arg(rest, void *);
+    va_end(rest);
+    return libc::fcntl(descriptor, command, argument);
 }
 
 // What the hardened build calls in their place where it knows the buffer's size or that
