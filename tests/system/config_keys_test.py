@@ -35,7 +35,7 @@ class ConfigKeys(unittest.TestCase):
     def test_the_tool_lists_every_setting(self):
         text = subprocess.run([f"{BUILD}/bin/qdlogcfg", "--help"], capture_output=True, text=True, check=True).stdout
         for name in re.findall(r"(?m)^\| `(\w+)`", settings("markdown")):
-            self.assertRegex(text, rf"(?m)^  {name} ")
+            self.assertRegex(text, rf"(?m)^  {name}: ")
 
 
 if __name__ == "__main__":
