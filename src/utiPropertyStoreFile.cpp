@@ -166,36 +166,6 @@ void storeForget(const char *path) {
     notePath(path, false);
 }
 
-uint32_t storeReadWhole(int descriptor, char **bytes, size_t *size) {
-    static const size_t LEAST_ROOM = 4096;
-    struct stat status;
-    if (fstat(descriptor, &status) != 0)
-        return STORE_UNREADABLE;
-    size_t room = (S_ISREG(status.st_mode) ? static_cast<size_t>(status.st_size) : 0) + LEAST_ROOM;
-    LogOwned<char> block(static_cast<char *>(malloc(room)));
-    size_t used = 0;
-    while (block != nullptr) {
-        const ssize_t count = read(descriptor, block.get() + used, room - used);
-        if (count == 0) {
-            *bytes = block.release();
-            *size = used;
-            return ZOLTLOG_STORE_OK;
-        }
-        if (count < 0 && errno != EINTR)
-            return STORE_UNREADABLE;
-        used += count > 0 ? static_cast<size_t>(count) : 0;
-        if (used == room) { // it grew meanwhile
-            room *= 2;
-            auto *larger = static_cast<char *>(realloc(block.get(), room));
-            if (larger == nullptr)
-                break;
-            (void)block.release();
-            block.reset(larger);
-        }
-    }
-    return STORE_NO_MEMORY;
-}
-
 int storeOpenForReading(const char *path) {
     int descriptor = -1;
     if (openDescriptor(path, ZOLTLOG_OS_MODE_READ, 0, &descriptor) != ZOLTLOG_OS_OK)

@@ -273,6 +273,35 @@ class Qdlogcfg(unittest.TestCase):
         self.ok("product", "add", "7", "--names", "x", "--file", f"{HERE}/x.conf")
         self.assertEqual(read("main.conf"), before + f"6.Names=x\n7.Configuration={HERE}/x.conf\n7.Names=x\n")
 
+    def test_apply_sets_all_or_nothing_and_export_prints_what_it_takes(self):
+        self.register()
+        before = f"# kept\nDefault.LogDirectory={HERE}/logs\n7.DebugLevel=1\n8.DebugLevel=2\n7.LogToStdout=true"
+        write("server.conf", before)
+        write("list", "# a comment\n\n7.DebugLevel=5\n7.OIDNames=seven\nLOGSET.bill.NumberOfLogFiles=3\n8.DebugLevel=2\n")
+        told = self.ok("apply", "-P", "5", "list", "--dry-run")
+        self.assertEqual(told, "-7.DebugLevel=1\n+7.DebugLevel=5\n+7.OIDNames=seven\n+LOGSET.bill.NumberOfLogFiles=3\n")
+        self.assertEqual(read("server.conf"), before)
+        self.assertEqual(self.ok("apply", "-P", "5", "list"), f"applied 4 setting(s) to {HERE}/server.conf, 3 changed\n")
+        after = (f"# kept\nDefault.LogDirectory={HERE}/logs\n7.DebugLevel=5\n7.OIDNames=seven\n8.DebugLevel=2\n"
+                 "7.LogToStdout=true\nLOGSET.bill.NumberOfLogFiles=3\n")
+        self.assertEqual(read("server.conf"), after)
+        exported = self.ok("show", "-P", "5", "--export")
+        self.assertEqual(exported, f"Default.LogDirectory={HERE}/logs\n7.OIDNames=seven\n7.DebugLevel=5\n7.LogToStdout=true\n"
+                                   "8.DebugLevel=2\nLOGSET.bill.NumberOfLogFiles=3\n")
+        self.assertEqual(self.ok("show", "-P", "5", "-u", "8", "--export"), "8.DebugLevel=2\n")
+        write("list", exported)
+        self.assertEqual(self.ok("apply", "-P", "5", "list", "--dry-run"),
+                         f"-Default.LogDirectory={HERE}/logs\n+Default.LogDirectory={HERE}/logs/\n")
+        for bad, told in [("7.DebugLevel=9", "list:2: DebugLevel: '9' is not allowed"), ("x.DebugLevel=1", "list:2: 'x' is no section"),
+                          ("7.Colour=red", "list:2: there is no setting"), ("nonsense", "list:2: not of the form"),
+                          ("7.DebugLevel=1", "list:2: 7.DebugLevel is given twice")]:
+            write("list", "7.DebugLevel=1\n" + bad + "\n")
+            status, out, err = run("apply", "-P", "5", "list")
+            self.assertEqual((status, out), (2, ""), bad)
+            self.assertIn(told, err)
+            self.assertEqual(read("server.conf"), after)
+        self.assertFalse(os.path.exists("server.conf.tmp"))
+
     def test_a_file_that_cannot_be_read_is_no_empty_one(self):
         os.mkdir("main.conf")
         try:

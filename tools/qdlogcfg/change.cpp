@@ -27,11 +27,6 @@ const CfgKey &requireKey(const std::string &name, const Scope &scope) {
     return *key;
 }
 
-struct Change {
-    const CfgKey *key;
-    std::string value;
-};
-
 // A text of the command line as it will stand in the file; CommandError when it has no
 // meaning in the locale.
 std::string asUtf8(const std::string &text) {
@@ -44,7 +39,8 @@ std::string asUtf8(const std::string &text) {
     return converted;
 }
 
-// The value in the form that is written; CommandError when the library would not take it.
+} // namespace
+
 Change checkedChange(const std::string &argument, const Scope &scope) {
     const size_t equals = argument.find('=');
     if (equals == std::string::npos)
@@ -80,6 +76,8 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
                                                  "' is not allowed; it takes " + key.values);
     return {&key, shown(scratch.cfg, idOf(key))};
 }
+
+namespace {
 
 // An open section that is closed with its owner.
 struct Section {

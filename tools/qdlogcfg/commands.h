@@ -2,6 +2,7 @@
 // all is thrown as a CommandError.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -24,6 +25,7 @@ struct Options : tools::CommonOptions {
     uint32_t severity = 0;
     std::string fileOriginator;
     uint32_t flags = 0;
+    bool exported = false;
 };
 
 int productAdd(const Options &options, tools::Output &out);
@@ -35,6 +37,7 @@ int setSettings(const Options &options, tools::Output &out);
 int unsetSettings(const Options &options, tools::Output &out);
 int listScopes(const Options &options, tools::Output &out);
 int showSettings(const Options &options, tools::Output &out);
+int applySettings(const Options &options, tools::Output &out);
 int checkConfiguration(const Options &options, tools::Output &out);
 int explainMessage(const Options &options, tools::Output &out);
 int showBudget(const Options &options, tools::Output &out);
@@ -47,3 +50,14 @@ void writeJson(tools::Output &out, tools::Json &json);
 std::string readableSize(uint64_t bytes);
 // The directory itself, or the nearest parent of it that exists ("" for none).
 std::string nearestExisting(const std::string &directory);
+
+struct Change {
+    const CfgKey *key;
+    std::string value; // in the form that is written
+};
+// "KEY=VALUE" for a scope; CommandError when the library would not take it exactly.
+Change checkedChange(const std::string &argument, const Scope &scope);
+
+// Puts new content in the place of a file, in one rewrite: made from what the file holds at
+// that moment, again when somebody else changes it meanwhile. CommandError otherwise.
+void rewriteFile(const std::string &path, const std::function<std::string(const std::string &)> &make);

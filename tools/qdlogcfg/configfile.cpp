@@ -56,6 +56,7 @@ void splitProperty(ConfigLine &line) {
 
 ConfigLine parseLine(std::string_view text, size_t number, bool continued) {
     ConfigLine line{};
+    line.raw = text;
     const bool complete = text.back() == '\n';
     if (complete)
         text.remove_suffix(1);
@@ -108,8 +109,13 @@ ConfigFile readConfigFile(const std::string &path) {
         utiClosePropertyStore(&store);
     if (!file.readable)
         return file;
-    file.bytes = bytes;
-    const std::string_view all = *bytes;
+    parseConfig(file, bytes);
+    return file;
+}
+
+void parseConfig(ConfigFile &file, std::shared_ptr<const std::string> bytes) {
+    file.bytes = std::move(bytes);
+    const std::string_view all = *file.bytes;
     size_t number = 1;
     bool continued = false;
     for (size_t at = 0; at < all.size();) {
@@ -128,7 +134,6 @@ ConfigFile readConfigFile(const std::string &path) {
         continued = feed == std::string_view::npos;
         number += continued ? 0 : 1;
     }
-    return file;
 }
 
 bool localText(std::string_view value, std::string &text) {

@@ -10,6 +10,7 @@
 
 struct ConfigLine {
     size_t number;            // of the file's line that this begins in, from 1
+    std::string_view raw;     // as it stands in the file, with its line feed
     std::string_view text;    // without its line feed, up to a NUL byte
     std::string_view section; // "Default", "7", "LOGSET.name"; empty when there is none
     std::string_view name;    // key without its section
@@ -38,6 +39,8 @@ struct ConfigFile {
 };
 
 ConfigFile readConfigFile(const std::string &path);
+// The lines of what was read.
+void parseConfig(ConfigFile &file, std::shared_ptr<const std::string> bytes);
 // A value as the library takes texts: in the encoding of the locale, without spaces at its
 // end. False when it cannot be converted, and then counts as absent.
 bool localText(std::string_view value, std::string &text);

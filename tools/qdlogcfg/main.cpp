@@ -54,6 +54,7 @@ enum Takes : unsigned {
     REGISTRATION = PRODUCT << 2, // --names, --file
     MESSAGE = PRODUCT << 3,      // --kind, --level, --severity ...
     DRY_RUN = PRODUCT << 4,
+    EXPORT = PRODUCT << 5,
     SHOWS = EVERY | JSON | tools::TakesPages | tools::TakesConfig | tools::TakesCompletion,
     CHANGES =
         EVERY | DRY_RUN | tools::TakesCompletion | tools::TakesPages | tools::TakesQuiet | tools::TakesConfig,
@@ -94,8 +95,11 @@ const Command COMMANDS[] = {
     {{"list", SHOWS | PRODUCT, PRODUCT, "", 0, 0, "List the originators and log sets of a product",
       "qdlogcfg list --product 5"},
      listScopes},
-    {{"show", SHOWS | PRODUCT | SCOPE, PRODUCT, "", 0, 0, "Show every setting and where it comes from",
-      "qdlogcfg show --product 5 --logset backup"},
+    {{"apply", CHANGES | PRODUCT, PRODUCT, "FILE", 1, 1, "Set all that a file lists, or nothing",
+      "qdlogcfg apply --product 5 settings.txt --dry-run"},
+     applySettings},
+    {{"show", SHOWS | PRODUCT | SCOPE | EXPORT, PRODUCT, "", 0, 0,
+      "Show every setting and where it comes from", "qdlogcfg show --product 5 --logset backup"},
      showSettings},
     {{"check", SHOWS | PRODUCT, 0, "", 0, 0, "Tell what the library would skip, misread or fail on",
       "qdlogcfg check"},
@@ -139,6 +143,8 @@ const tools::Option OPTIONS[] = {
      set<&Options::fileOriginator>},
     {"--flags", MESSAGE, "N", "output flags of the message call", set<&Options::flags>},
 
+    {"--export", EXPORT, nullptr, "write what the sections hold as apply takes it", set<&Options::exported>,
+     "What to write"},
     {"--dry-run", DRY_RUN, nullptr, "say what would be done, and do nothing", set<&Options::dryRun>,
      "What to do"},
 };

@@ -40,10 +40,40 @@ int listScopes(const Options &options, Output &out) {
     return tools::ExitOk;
 }
 
+namespace {
+
+// What a section holds and the library reads, in the form of the file.
+void exportSection(const Scope &scope, const ConfigFile &file, Output &out) {
+    Settings settings;
+    InitLogCfg(scope.product.id, scope.originator, nullptr, &settings.cfg);
+    const SectionKeys keys = applySection(settings.cfg, file, scope.section(), scope.isLogset);
+    for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
+        const auto id = static_cast<CfgKeyId>(i);
+        if (keys[id].taken < CFG_LOOSELY)
+            continue;
+        const CfgKind kind = CFG_KEYS[id].kind;
+        const bool isOwnText =
+            kind == CFG_DIRECTORY || kind == CFG_NAMES || kind == CFG_TEXT || kind == CFG_IDENT;
+        out.write(scope.section() + "." + CFG_KEYS[id].name + "=" +
+                  (isOwnText ? strippedValue(*keys[id].line) : shown(settings.cfg, id)) + "\n");
+    }
+}
+
+} // namespace
+
 int showSettings(const Options &options, Output &out) {
     const Product product = findProduct(options.product);
     const ConfigFile file = readConfigFile(product.location);
     requireReadable(file);
+    if (options.exported) {
+        if (!options.originator.empty() || !options.logset.empty()) {
+            exportSection(findScope(product, file, options.originator, options.logset), file, out);
+            return tools::ExitOk;
+        }
+        for (const Scope &scope : allScopes(product, file))
+            exportSection(scope, file, out);
+        return tools::ExitOk;
+    }
     const Scope scope = findScope(product, file, options.originator, options.logset);
     const std::vector<Effective> settings = effectiveSettings(scope, file);
     if (options.json) {
