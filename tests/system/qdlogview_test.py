@@ -644,6 +644,76 @@ class View(unittest.TestCase):
         self.assertRegex(out, r"records +9\n")
         self.assertRegex(out, r"application +4 +44\.4%")
 
+    def two_runs(self):
+        write(name(0), header(), record(1, pid=10), record(2, pid=11, number=2), record(3, pid=10, kind=0, number=3),
+              record(4, pid=11, kind=4), record(5, pid=10, time=T0 + 3 * 86400000))  # the number was given again
+
+    def test_process_runs_are_listed(self):
+        self.two_runs()
+        rows = [json.loads(line) for line in self.view("--list-runs", "--json", ".").splitlines()]
+        self.assertEqual([(row["run"], row["pid"], row["records"], row["severity_text"]) for row in rows],
+                         [(1, 10, 2, "info"), (2, 11, 2, "error"), (3, 10, 1, "info")])
+        self.assertEqual((rows[0]["first"], rows[0]["last"], rows[0]["host"]),
+                         (rfc3339(T0 + 1000), rfc3339(T0 + 3000), "hostA"))
+        self.assertRegex(self.view("--list-runs", "."), r"\n +2  2024-03-01 13:45:04\.000  2024-03-01 13:45:06\.000  hostA   11        2  error\n")
+
+    def test_one_process_run_is_shown(self):
+        self.two_runs()
+        for run, expected in (("1", [1, 3]), ("2", [2, 4]), ("3", [5]), ("0", [5]), ("-1", [2, 4]), ("-2", [1, 3])):
+            self.assertEqual(self.ids(f"--run={run}", "."), expected)
+        self.assertEqual(self.ids("--run", "2", "-p", "error", "."), [2])
+        for run in ("4", "-3"):
+            self.view(f"--run={run}", ".", status=3)
+            self.assertIn(f"there is no run {run}", self.errors)
+
+    def test_statistics_over_time(self):
+        times = [T0, T0 + 10, T0 + 60000, T0 + 3600000, T0 + 86400000]
+        write(name(0), header(), *[record(id, time=time) for id, time in enumerate(times)])
+        stats = json.loads(self.view("--stats", "--per=minute", "--json", "."))
+        minute = T0 // 60000 * 60000
+        self.assertEqual(stats["per_minute"], [{"begin": rfc3339(minute), "records": 2}, {"begin": rfc3339(minute + 60000), "records": 1},
+                                               {"begin": rfc3339(minute + 3600000), "records": 1}, {"begin": rfc3339(minute + 86400000), "records": 1}])
+        out = self.view("--stats", "--per", "day", ".")
+        self.assertRegex(out, r"2024-03-01 +4  #{40}\n2024-03-02 +1  #{10}\n")
+        stats = json.loads(self.view("--stats", "--per=day", "--json", "--zone=Asia/Kolkata", "."))
+        self.assertEqual([row["begin"] for row in stats["per_day"]], ["2024-02-29T18:30:00.000Z", "2024-03-01T18:30:00.000Z"])
+        self.view("--per=hour", ".", status=2)
+        self.view("--stats", "--per=week", ".", status=2)
+
+    def test_outputs_that_users_of_journalctl_know(self):
+        self.example()
+        self.assertEqual(self.view("-o", "cat", "--message-id=1,2", ".").splitlines(), ["started", "Disk full, 2 of 3"])
+        self.assertTrue(self.view("-o", "short-iso", "--utc", "-n1", ".").startswith("2024-03-01T13:45:11.000Z audit 5/7 bob"))
+        pretty = self.view("-o", "json-pretty", "--with-line", "--message-id=2", ".")
+        self.assertEqual(json.loads(pretty), json.loads(self.view("--json", "--with-line", "--message-id=2", ".")))
+        self.assertIn('\n    "text": "Disk full, 2 of 3",\n', pretty)
+        self.assertEqual(self.view("-o", "json-pretty", "--fields=outcome", "-m1", "."), "{\n}\n")
+
+    def test_lines_without_a_number_are_ten(self):
+        write(name(), header(), *[record(id) for id in range(1, 31)])
+        last = list(range(21, 31))
+        for words in (["-n", "."], [".", "-n"], ["--lines", "."], ["-n", "-q", "."]):
+            self.assertEqual(self.ids(*words), last, words)
+        self.assertEqual(self.ids("-rn", "."), last[::-1])
+        self.assertEqual(self.ids("-n", "3", "."), [28, 29, 30])
+        self.assertEqual(len(self.ids("-n", "all", ".")), 30)
+
+    def test_times_of_a_named_zone(self):
+        self.example()
+        self.assertTrue(self.view("--zone=Asia/Kolkata", "-n1", ".").startswith("2024-03-01 19:15:11.000"))
+        self.assertEqual(self.ids("--zone=Asia/Kolkata", "-S", "2024-03-01 19:15:10", "."), [8, 9])
+        for zone in ("Nowhere/Land", "../../etc/passwd", "", "Europe"):
+            self.view(f"--zone={zone}", ".", status=2)
+        self.view("--zone=Asia/Kolkata", "--utc", ".", status=2)
+
+    def test_defaults_come_from_the_environment(self):
+        self.example()
+        self.environment["QDLOGVIEW_OPTIONS"] = "  -o json\t-n 2 "
+        self.assertEqual([json.loads(line)["msgid"] for line in self.view(".").splitlines()], [8, 9])
+        self.assertEqual(self.view("-o", "cat", "-n", "1", "."), "login\n")
+        self.environment["QDLOGVIEW_OPTIONS"] = "--nonsense"
+        self.view(".", status=2)
+
     def test_values_of_a_field(self):
         self.example()
         self.assertEqual(self.view("-F", "who", ".").splitlines(),
@@ -779,7 +849,7 @@ class View(unittest.TestCase):
 
     def test_wrong_usage_is_status_2(self):
         for words in (["--nothing"], ["-p", "bad"], ["-k", "x"], ["-l", "x"], ["--pid", "x"], ["--pid", "9..5"],
-                      ["-S", "whenever"], ["-U", "2024-13-01"], ["-g", "("], ["-o", "xml"], ["-n", "x"], ["-m", "0"],
+                      ["-S", "whenever"], ["-U", "2024-13-01"], ["-g", "("], ["-o", "xml"], ["--lines=x"], ["-m", "0"],
                       ["-i"], ["-v"], ["-A", "1"], ["-f", "-r"], ["--count", "--stats"], ["-F", "x"], ["-o", "template"],
                       ["--utc", "--writer-time"], ["--color=maybe"], ["--fields=x"], ["--outcome", "x"],
                       ["--timeout", "5s"], ["-f", "--timeout", "x"], ["--cursor-file=x", "-r"], ["--complete", "x"],

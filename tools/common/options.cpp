@@ -5,9 +5,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
+#include <sstream>
 #include <unistd.h>
 
 namespace tools {
@@ -98,11 +101,19 @@ std::string longName(const Rows &rows, std::string_view text) {
 
 // ---- parsing -------------------------------------------------------------------------
 
-// What CLI11 does not do: the beginning of a long name stands for the name, and "--name="
-// is an empty value.
+bool isAmount(const std::string &word) {
+    uint64_t number = 0;
+    return word == "all" || parseNumber(word, number);
+}
+
+// What CLI11 does not do: the beginning of a long name stands for the name, "--name=" is
+// an empty value, and a value may be implied.
 std::vector<std::string> spelledOut(const Rows &rows, const std::vector<std::string> &words) {
     std::vector<std::string> out;
     bool isValue = false; // of the option in front
+    const auto isImplied = [&](const Option &row, size_t at) {
+        return row.implied != nullptr && (at + 1 == words.size() || !isAmount(words[at + 1]));
+    };
     for (size_t i = 0; i < words.size(); ++i) {
         const std::string &word = words[i];
         if (!isValue && word == "--") {
@@ -124,12 +135,20 @@ std::vector<std::string> spelledOut(const Rows &rows, const std::vector<std::str
             if (isEmpty)
                 out.emplace_back();
             isValue = valued && sign == std::string::npos;
+            if (isValue && isImplied(*row, i)) {
+                out.back() += std::string("=") + row->implied;
+                isValue = false;
+            }
         } else {
             out.push_back(word);
             for (size_t at = 1; at < word.size(); ++at) {
                 const Option *row = findName(rows, std::string("-") + word[at]);
                 if (row == nullptr || row->value != nullptr) {
                     isValue = row != nullptr && at + 1 == word.size();
+                    if (isValue && isImplied(*row, i)) {
+                        out.back() += row->implied;
+                        isValue = false;
+                    }
                     break;
                 }
             }
@@ -207,6 +226,16 @@ bool parseWords(const Rows &rows, std::vector<std::string> words, CommonOptions 
         return false;
     }
     return parser.sort(options.operands, error);
+}
+
+// The words of the tool's environment variable, parted by blanks.
+std::vector<std::string> defaultWords(const Tool &tool) {
+    std::string name = tool.name;
+    for (char &c : name)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    const char *value = std::getenv((name + "_OPTIONS").c_str());
+    std::istringstream text(value != nullptr ? value : "");
+    return {std::istream_iterator<std::string>(text), {}};
 }
 
 // ---- commands ------------------------------------------------------------------------
@@ -398,7 +427,9 @@ std::optional<int> parseCommandLine(const Tool &tool, int argc, char **argv, Com
     const Rows rows = rowsOfTool(tool);
     Rows given;
     std::string error;
-    if (!parseWords(rows, {argv + std::min(argc, 1), argv + argc}, options, given, error))
+    std::vector<std::string> words = defaultWords(tool);
+    words.insert(words.end(), argv + std::min(argc, 1), argv + argc);
+    if (!parseWords(rows, words, options, given, error))
         return usageError(tool, options, error);
     if (!options.config.empty()) // before the library reads it, once
         setenv("ZOLTLOG_CFG_LOC", options.config.c_str(), 1);

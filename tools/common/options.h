@@ -67,6 +67,7 @@ struct Option {
     // Gets the value (null for a flag); false with an error text when it is not valid.
     bool (*set)(CommonOptions &options, const char *value, std::string &error);
     const char *heading = nullptr; // begins a group in --help
+    const char *implied = nullptr; // the value when no number and no "all" follows
 };
 
 struct Tool {
@@ -90,7 +91,9 @@ std::vector<const Base *> rowsOf(const Row (&table)[N]) {
 }
 
 // The exit status to end with (wrong usage was told, help was shown), or nothing:
-// options holds what was asked for, and the environment the configuration's place.
+// options holds what was asked for, and the environment the configuration's place. The
+// words of the environment variable TOOL_OPTIONS (QDLOGVIEW_OPTIONS) stand in front of
+// those of the command line.
 std::optional<int> parseCommandLine(const Tool &tool, int argc, char **argv, CommonOptions &options);
 
 // Tells a wrong usage that the tool found itself; the exit status.

@@ -440,6 +440,26 @@ void TimeFormatter::appendRfc3339(std::string &out, int64_t time) {
     appendDigits(out, std::abs(minutes) % 60, 2);
 }
 
+int64_t TimeUnits::beginOf(int64_t time) {
+    constexpr int64_t quarterLength = 900000;
+    const auto floored = [](int64_t value, int64_t unit) {
+        return value / unit - (value % unit < 0 ? 1 : 0);
+    };
+    if (zone == Zone::Local && floored(time, quarterLength) != quarter) {
+        quarter = floored(time, quarterLength);
+        const time_t seconds = static_cast<time_t>(floored(time, 1000));
+        tm parts{};
+        offset = localtime_r(&seconds, &parts) != nullptr ? parts.tm_gmtoff * 1000 : 0;
+    }
+    int64_t local = 0;
+    int64_t begin = 0;
+    if (__builtin_add_overflow(time, offset, &local) ||
+        __builtin_mul_overflow(floored(local, length), length, &begin) ||
+        __builtin_sub_overflow(begin, offset, &begin))
+        return time;
+    return begin;
+}
+
 int64_t timeBetween(int64_t first, int64_t last) {
     int64_t span = 0;
     if (__builtin_sub_overflow(last, first, &span))

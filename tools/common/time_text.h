@@ -57,6 +57,18 @@ struct TimeFormatter {
 // place in 64 bits.
 int64_t timeBetween(int64_t first, int64_t last);
 
+// Begins of minutes, hours and days in a zone.
+struct TimeUnits {
+    int64_t length = 60000; // milliseconds
+    Zone zone = Zone::Local;
+
+    int64_t beginOf(int64_t time); // milliseconds
+
+  private:
+    int64_t quarter = INT64_MIN; // quarter of an hour for which `offset` holds
+    int64_t offset = 0;          // milliseconds east of UTC
+};
+
 std::string formatTime(int64_t time, Zone zone); // 2024-03-01 13:45:02.123
 std::string formatSpan(int64_t milliseconds);    // 2h30m, 1.5s, 3d4h: the two largest units
 

@@ -79,6 +79,14 @@ bool Filter::build(const Settings &settings, int64_t now, std::string &error) {
     return true;
 }
 
+void Filter::setRun(const std::string &runHost, uint64_t pid, int64_t first, int64_t last) {
+    runOnly = any = true;
+    hostOfRun = runHost;
+    pidOfRun = pid;
+    firstOfRun = first;
+    lastOfRun = last;
+}
+
 bool Filter::selects(const Item &item) {
     if (hasOriginator && (item.record.originator != originator || !item.record.hasPrefix()))
         return false;
@@ -104,6 +112,9 @@ bool Filter::selectsRest(const Item &item) {
             return false;
         }
     }
+    if (runOnly && (!record.hasPrefix() || record.pid != pidOfRun || item.origin->host != hostOfRun ||
+                    record.time < firstOfRun || record.time > lastOfRun))
+        return false;
     if (!inRanges(pids, record.pid) || !inRanges(tids, record.tid) || !inRanges(messageIds, record.messageId))
         return false;
     if (hasOutcome && (record.type != ZOLTLOG_MSG_AUDIT || record.number != outcome))

@@ -43,6 +43,9 @@ struct Filter { // NOLINT(clang-analyzer-optin.performance.Padding)
 
     bool hasRange = false;
     int64_t since = INT64_MIN, until = INT64_MAX;
+    // Records of one process run.
+    void setRun(const std::string &runHost, uint64_t pid, int64_t first, int64_t last);
+
     bool hasOriginator = false;
     uint64_t originator = 0;
     bool hasProduct = false; // for files that are named one by one
@@ -62,6 +65,10 @@ struct Filter { // NOLINT(clang-analyzer-optin.performance.Padding)
     bool hasOutcome = false;
     int32_t outcome = 0;
     bool invert = false;
+    bool runOnly = false;
+    std::string hostOfRun;
+    uint64_t pidOfRun = 0;
+    int64_t firstOfRun = 0, lastOfRun = 0; // milliseconds
 
     bool selectsRest(const tools::Item &item);
 };

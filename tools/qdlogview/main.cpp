@@ -41,15 +41,38 @@ struct Outcome {
     std::vector<Reader::DamagedFile> damaged;
 };
 
-void report(const Settings &settings, const Sources &sources, Filter &filter, const Cursor &cursor,
-            const ReadRange &range, tools::Output &out, Outcome &outcome) {
-    Reader reader(range, false);
+void addFiles(Reader &reader, const Sources &sources, const Cursor &cursor) {
     for (const SourceFile &file : sources.files) {
         const uint64_t from = cursor.startOf(file);
         if (from != UINT64_MAX)
             reader.add(file, from);
     }
     reader.prepare();
+}
+
+// Narrows the filter to the process run that was asked for; false when there is none.
+bool chooseRun(const Settings &settings, const Sources &sources, const ReadRange &range, tools::Output &out,
+               Filter &filter, Outcome &outcome) {
+    Reader reader(range, false);
+    addFiles(reader, sources, {});
+    Filter every; // runs are counted as --list-runs counts them without conditions
+    every.hasProduct = filter.hasProduct;
+    every.product = filter.product;
+    ReportRun all{settings, sources, reader, every, out, outcome.problems};
+    const std::vector<ProcessRun> runs = processRuns(all);
+    const auto count = static_cast<int64_t>(runs.size());
+    const int64_t at = settings.run > 0 ? settings.run - 1 : count - 1 + settings.run;
+    if (at < 0 || at >= count)
+        return false;
+    const ProcessRun &run = runs[static_cast<size_t>(at)];
+    filter.setRun(run.host, run.pid, run.first, run.last);
+    return true;
+}
+
+void report(const Settings &settings, const Sources &sources, Filter &filter, const Cursor &cursor,
+            const ReadRange &range, tools::Output &out, Outcome &outcome) {
+    Reader reader(range, false);
+    addFiles(reader, sources, cursor);
     ReportRun run{settings, sources, reader, filter, out, outcome.problems};
     outcome.status = runReport(run);
     outcome.problems.insert(outcome.problems.end(), reader.problems.begin(), reader.problems.end());
@@ -142,7 +165,11 @@ int run(int argc, char **argv) {
             pager.start();
         const tools::IdNames names = tools::configuredIdNames();
         const ReadRange range{filter.hasRange, filter.since, filter.until, settings.scan, &names};
-        if (settings.report != Report::None)
+        if (settings.hasRun && !chooseRun(settings, sources, range, out, filter, outcome)) {
+            outcome.status = tools::ExitNothing;
+            outcome.problems.push_back("there is no run " + std::to_string(settings.run) +
+                                       " (see --list-runs)");
+        } else if (settings.report != Report::None)
             report(settings, sources, filter, cursor, range, out, outcome);
         else
             show(settings, sources, filter, cursor, range, printer, out, outcome);

@@ -32,7 +32,12 @@ Printer::Printer(const Settings &chosen, tools::Output &output, bool useColor, F
         }
     }
     for (const Field field : fields)
-        keys.push_back(std::string(",\"") + field->name + "\":");
+        keys.push_back(keyOf(field->name));
+}
+
+std::string Printer::keyOf(std::string_view name) const {
+    return (settings.prettyJson ? ",\n    \"" : ",\"") + std::string(name) +
+           (settings.prettyJson ? "\": " : "\":");
 }
 
 bool Printer::prepare(std::string &error) {
@@ -239,7 +244,7 @@ void Printer::printShort(const Item &item) {
     int32_t rank = 0;
     const char *word = "unknown";
     rankOf(record, rank, word);
-    appendTime(item, false);
+    appendTime(item, settings.isoTimes);
     to += ' ';
     to += tools::styleOn(style);
     to += word;
@@ -319,8 +324,11 @@ void Printer::jsonText(std::string_view key, std::string_view value) {
     out.buffer += key;
     if (tools::appendJsonText(out.buffer, value))
         return;
-    out.buffer += key.substr(0, key.size() - 2);
-    out.buffer += "_hex\":\"" + tools::hexText(value) + '"';
+    const size_t end = key.rfind('"');
+    out.buffer += key.substr(0, end);
+    out.buffer += "_hex";
+    out.buffer += key.substr(end);
+    out.buffer += '"' + tools::hexText(value) + '"';
 }
 
 void Printer::jsonField(const Item &item, Field field, std::string_view key) {
@@ -365,12 +373,12 @@ void Printer::printJson(const Item &item) {
     for (size_t i = 0; i < fields.size(); ++i)
         jsonField(item, fields[i], keys[i]);
     if (settings.withLine)
-        jsonText(",\"line\":", item.record.line);
+        jsonText(keyOf("line"), item.record.line);
     if (out.buffer.size() == begin) // none of the fields
         out.buffer += '{';
     else
         out.buffer[begin] = '{';
-    out.buffer += "}\n";
+    out.buffer += settings.prettyJson ? "\n}\n" : "}\n";
 }
 
 // RFC 4180

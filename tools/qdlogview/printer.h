@@ -49,7 +49,8 @@ struct Printer {
     tools::TimeFormatter formatter; // for people
     tools::TimeFormatter utc;       // for programs
     std::vector<tools::Field> fields;
-    std::vector<std::string> keys;             // json: ,"name": of each field
+    std::vector<std::string> keys; // json: ,"name": of each field
+    std::string keyOf(std::string_view name) const;
     const tools::Origin *lastOrigin = nullptr; // raw: whose header was written last
 
     struct Piece { // of a template: a text, or (not null) a field

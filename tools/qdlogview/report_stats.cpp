@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <map>
 
 namespace qdlogview {
 
@@ -32,6 +33,7 @@ struct Stats {
     uint64_t damagedLines = 0;
     int64_t first = INT64_MAX, last = INT64_MIN;
     std::vector<Group> groups;
+    std::map<int64_t, uint64_t> overTime; // records by the begin of their minute, hour or day
 
     bool timed() const { return first <= last; }
 };
@@ -49,6 +51,10 @@ Stats collect(ReportRun &run) {
                                       {"pid", "pid"},
                                       {"host", "host"}})
         stats.groups.push_back({name, tools::findField(field), {}});
+    constexpr int64_t lengths[] = {0, 60000, 3600000, 86400000}; // of Per
+    tools::TimeUnits units;
+    units.length = lengths[static_cast<size_t>(run.settings.per)];
+    units.zone = zoneOf(run.settings);
     tools::TimeFormatter formatter;
     eachSelected(run, [&](const Item &item) {
         ++stats.records;
@@ -56,6 +62,8 @@ Stats collect(ReportRun &run) {
         if (item.record.hasPrefix()) {
             stats.first = std::min(stats.first, item.record.time);
             stats.last = std::max(stats.last, item.record.time);
+            if (units.length != 0)
+                ++stats.overTime[units.beginOf(item.record.time)];
         }
         for (Group &group : stats.groups) {
             const FieldValue value = group.field->value(item);
@@ -67,6 +75,10 @@ Stats collect(ReportRun &run) {
     for (const Reader::DamagedFile &file : run.reader.damaged)
         stats.damagedLines += file.lines;
     return stats;
+}
+
+const char *unitName(Per per) {
+    return per == Per::Minute ? "minute" : per == Per::Hour ? "hour" : "day";
 }
 
 void showAsJson(ReportRun &run, const Stats &stats) {
@@ -89,8 +101,38 @@ void showAsJson(ReportRun &run, const Stats &stats) {
             json.number(value, count);
         json.endObject();
     }
+    if (run.settings.per != Per::None) {
+        json.key("per_" + std::string(unitName(run.settings.per)));
+        json.beginArray();
+        for (const auto &[begin, count] : stats.overTime) {
+            json.beginObject();
+            json.time("begin", begin);
+            json.number("records", count);
+            json.endObject();
+        }
+        json.endArray();
+    }
     json.endObject();
     writeLine(run.out, json);
+}
+
+// A bar for each unit of time that has records.
+void showHistogram(ReportRun &run, const Stats &stats) {
+    constexpr uint64_t widest = 40;
+    uint64_t most = 1;
+    for (const auto &[begin, count] : stats.overTime)
+        most = std::max(most, count);
+    const size_t shown = run.settings.per == Per::Day ? 10 : 16; // of "2024-03-01 13:45:02.123"
+    tools::Table table;
+    table.columns = {{unitName(run.settings.per)}, {"records", Align::Right}, {""}};
+    for (const auto &[begin, count] : stats.overTime) {
+        const double share = static_cast<double>(count) / static_cast<double>(most);
+        const auto width = std::max<size_t>(1, static_cast<size_t>(share * widest));
+        table.rows.push_back({Cell(tools::formatTime(begin, zoneOf(run.settings)).substr(0, shown)),
+                              Cell(std::to_string(count)), Cell(std::string(width, '#'), Style::Green)});
+    }
+    run.out.write("\n");
+    printTable(run.out, table, run.settings.color);
 }
 
 tools::Table summaryOf(const Stats &stats, tools::Zone zone) {
@@ -130,6 +172,8 @@ std::string percent(uint64_t part, uint64_t whole) {
 
 void showAsTable(ReportRun &run, const Stats &stats) {
     printTable(run.out, summaryOf(stats, zoneOf(run.settings)), run.settings.color);
+    if (!stats.overTime.empty())
+        showHistogram(run, stats);
     for (const Group &group : stats.groups) {
         if (group.counts.empty())
             continue;

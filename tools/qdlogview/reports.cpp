@@ -128,6 +128,8 @@ ExitCode runReport(ReportRun &run) {
         return reportStats(run);
     case Report::Values:
         return reportValues(run);
+    case Report::Runs:
+        return reportRuns(run);
     case Report::Gaps:
         return reportGaps(run);
     default:

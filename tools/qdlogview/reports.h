@@ -31,6 +31,20 @@ tools::ExitCode runReport(ReportRun &run);
 tools::ExitCode reportStats(ReportRun &run);
 tools::ExitCode reportGaps(ReportRun &run);
 tools::ExitCode reportVerify(ReportRun &run);
+tools::ExitCode reportRuns(ReportRun &run);
+
+// A process run: what one process of a host wrote.
+struct ProcessRun {
+    std::string host;
+    uint64_t pid = 0;
+    uint64_t records = 0;
+    int64_t first = 0, last = 0; // milliseconds
+    int32_t worst = 0;           // of enum Rank
+    const char *worstName = "";
+};
+
+// The runs of all records that the filter leaves, by their first record.
+std::vector<ProcessRun> processRuns(ReportRun &run);
 
 // ---- used by several reports -------------------------------------------------------
 

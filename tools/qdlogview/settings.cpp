@@ -5,7 +5,10 @@
 #include "qdlogview/sources.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <ctime>
 #include <string_view>
+#include <sys/stat.h>
 
 namespace qdlogview {
 
@@ -115,26 +118,40 @@ bool takeFields(Settings &settings, const char *value, std::string &error) {
 struct FormatRow {
     const char *name;
     Format format;
+    bool isoTimes = false, prettyJson = false;
+    const char *layout = nullptr;
 };
-constexpr FormatRow formats[] = {{"short", Format::Short}, {"full", Format::Full},
-                                 {"json", Format::Json},   {"csv", Format::Csv},
-                                 {"raw", Format::Raw},     {"template", Format::Template}};
+constexpr FormatRow formats[] = {{"short", Format::Short},
+                                 {"full", Format::Full},
+                                 {"json", Format::Json},
+                                 {"csv", Format::Csv},
+                                 {"raw", Format::Raw},
+                                 {"template", Format::Template},
+                                 {"short-iso", Format::Short, true},
+                                 {"json-pretty", Format::Json, false, true},
+                                 {"cat", Format::Template, false, false, "{text_lines}"}};
 
 bool takeFormat(Settings &settings, const char *value, std::string &error) {
     for (const FormatRow &row : formats) {
         if (std::string_view(row.name) == value) {
             settings.format = row.format;
+            settings.isoTimes = row.isoTimes;
+            settings.prettyJson = row.prettyJson;
+            if (row.layout != nullptr)
+                settings.layout = row.layout;
             settings.hasFormat = true;
             return true;
         }
     }
-    error = std::string("'") + value + "' is not an output format (short, full, json, csv, raw, template)";
+    error = std::string("'") + value +
+            "' is not an output format (short, short-iso, full, json, json-pretty, csv, "
+            "raw, cat, template)";
     return false;
 }
 
 bool setReport(Settings &settings, Report report, std::string &error) {
     if (settings.report != Report::None && settings.report != report) {
-        error = "only one of --count, --stats, --field, --gaps and --verify can be asked for";
+        error = "only one of --count, --stats, --list-runs, --field, --gaps and --verify can be asked for";
         return false;
     }
     settings.report = report;
@@ -184,6 +201,32 @@ bool takeTimeout(Settings &settings, const char *value, std::string &error) {
     return settings.timeout > 0;
 }
 
+bool takeZone(Settings &settings, const char *value, std::string &error) {
+    settings.zone = value;
+    const char *directory = std::getenv("TZDIR");
+    const std::string path =
+        std::string(directory != nullptr ? directory : "/usr/share/zoneinfo") + "/" + value;
+    struct stat status {};
+    error = std::string("there is no time zone '") + value + "'";
+    return value[0] != '\0' && settings.zone.find("..") == std::string::npos &&
+           stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool takePer(Settings &settings, const char *value, std::string &error) {
+    const std::string_view unit = value;
+    settings.per = unit == "minute" ? Per::Minute
+                   : unit == "hour" ? Per::Hour
+                   : unit == "day"  ? Per::Day
+                                    : Per::None;
+    error = std::string("'") + value + "' is not minute, hour or day";
+    return settings.per != Per::None;
+}
+
+bool takeRun(Settings &settings, const char *value, std::string &error) {
+    error = std::string("'") + value + "' is not a number";
+    return settings.hasRun = tools::parseNumber(value, settings.run);
+}
+
 bool takeTemplate(Settings &settings, const char *value, std::string &error) {
     settings.layout = value;
     return takeFormat(settings, "template", error);
@@ -228,6 +271,8 @@ const tools::Option table[] = {
     {"--message-id", Every, "N", "records with these message ids", set<takeRanges<&Settings::messageIds>>},
     {"--subject", Every, "PATTERN", "audit records of this subject", set<&Settings::subject>},
     {"--outcome", Every, "N", "audit records with this outcome", set<takeOutcome>},
+    {"--run", Every, "N",
+     "records of a process run as --list-runs counts them\n(0: the last, -1: the one before)", set<takeRun>},
     {"--host", Every, "PATTERN", "records written on this host", set<&Settings::host>},
     {"-w,--where", Every, "QUERY",
      "records for which a query holds, for example\n'severity >= error and (who = mgr or text ~ \"disk\")'",
@@ -240,7 +285,8 @@ const tools::Option table[] = {
     {"-B,--before-context", Every, "N", "also N records before each match of -g", set<&Settings::before>},
     {"-C,--around", Every, "N", "-A N -B N", set<takeAround>},
 
-    {"-n,--lines", Every, "N", "the last N records only (all: no limit)", set<takeLines>, "Order and amount"},
+    {"-n,--lines", Every, "N", "the last N records only (10 without a number; all:\nno limit)",
+     set<takeLines>, "Order and amount", "10"},
     {"-m,--max-count", Every, "N", "stop after N records", set<takeMaxCount>},
     {"-r,--reverse", Every, nullptr, "newest records first", set<&Settings::reverse>},
     {"-f,--follow", Every, nullptr,
@@ -256,10 +302,14 @@ const tools::Option table[] = {
      set<&Settings::cursorFile>},
     {"--show-cursor", Every, nullptr, "tell the place reached at the end", set<&Settings::showCursor>},
 
-    {"-o,--output", Every, "FORMAT", "short, full, json, csv, raw, template", set<takeFormat>, "Output"},
+    {"-o,--output", Every, "FORMAT",
+     "short, short-iso, full, json, json-pretty, csv, raw,\ncat (only the text), template", set<takeFormat>,
+     "Output"},
     {"--template", Every, "TEXT", "a line for each record: '{time} {kind} {text}'", set<takeTemplate>},
     {"--fields", Every, "FIELD,...", "only these fields in full, json and csv", set<takeFields>},
     {"--utc", Every, nullptr, "times in UTC, also those of -S and -U", set<&Settings::utc>},
+    {"--zone", Every, "ZONE", "times of a zone such as Europe/Berlin, also those of\n-S and -U",
+     set<takeZone>},
     {"--writer-time", Every, nullptr, "times in the writer's local time", set<&Settings::writerTime>},
     {"--ids-as-text", Every, nullptr, "ids as texts in json (for readers that round large\nnumbers)",
      set<&Settings::idsAsText>},
@@ -271,6 +321,9 @@ const tools::Option table[] = {
      "Instead of records"},
     {"--stats", Every, nullptr, "counts by kind, severity, originator and component",
      set<takeReport<Report::Stats>>},
+    {"--per", Every, "UNIT", "--stats also over time: minute, hour or day", set<takePer>},
+    {"--list-runs", Every, nullptr, "the process runs: first and last record, worst\nseverity",
+     set<takeReport<Report::Runs>>},
     {"-F,--field", Every, "FIELD", "the values of a field and how often each occurs", set<takeValuesOf>},
     {"--gaps", Every, nullptr, "sequence numbers and files that are missing", set<takeReport<Report::Gaps>>},
     {"--verify", Every, nullptr, "check every record; tell what is torn and where",
@@ -329,7 +382,10 @@ std::string contradiction(const Settings &settings) {
         {settings.json && settings.hasFormat && settings.format != Format::Json,
          "--json is -o json; it excludes another format"},
         {settings.hasLines && settings.lines == 0 && !settings.follow, "-n 0 shows nothing without -f"},
-        {settings.utc && settings.writerTime, "--utc and --writer-time exclude each other"},
+        {(settings.utc ? 1 : 0) + (settings.writerTime ? 1 : 0) + (settings.zone.empty() ? 0 : 1) > 1,
+         "--utc, --zone and --writer-time exclude each other"},
+        {settings.per != Per::None && settings.report != Report::Stats, "--per needs --stats"},
+        {settings.hasRun && settings.report == Report::Verify, "--run cannot be used with --verify"},
         {!settings.hasGrep && (settings.invert || settings.ignoreCase || aroundMatches),
          "-i, -v, -A, -B and -C need -g"},
         {settings.follow && settings.reverse, "-f and -r exclude each other"},
@@ -373,6 +429,10 @@ std::optional<int> parseCommandLine(int argc, char **argv, Settings &settings) {
         return tools::usageError(tool, settings, error);
     if (settings.json)
         settings.format = Format::Json;
+    if (!settings.zone.empty()) {
+        setenv("TZ", settings.zone.c_str(), 1);
+        tzset();
+    }
     return {};
 }
 

@@ -13,7 +13,8 @@
 namespace qdlogview {
 
 enum class Format { Short, Full, Json, Csv, Raw, Template };
-enum class Report { None, Count, Stats, Values, Gaps, Verify };
+enum class Report { None, Count, Stats, Values, Gaps, Verify, Runs };
+enum class Per { None, Minute, Hour, Day };
 
 struct NumberRange {
     uint64_t first = 0, last = 0;
@@ -63,14 +64,19 @@ struct Settings : tools::CommonOptions { // NOLINT(clang-analyzer-optin.performa
     // Output
     Format format = Format::Short;
     bool hasFormat = false;
-    std::string layout; // --template
+    std::string layout;                        // --template
+    bool isoTimes = false, prettyJson = false; // variants of short and json
     std::vector<tools::Field> fields;
     bool utc = false, writerTime = false;
+    std::string zone; // a name of the time zone database
     bool rawText = false, idsAsText = false, withLine = false;
 
     // Instead of records
     Report report = Report::None;
     tools::Field valuesOf = nullptr;
+    Per per = Per::None; // --stats
+    bool hasRun = false;
+    int64_t run = 0; // 1: the first process run, 0: the last, -1: the one before it
 };
 
 // The exit status to end with, or nothing: the settings hold what was asked for, and
