@@ -110,6 +110,10 @@ void readFileInto(const std::string &name, Reading *reading) {
             continue;
         }
         ++reading->broken;
+        // A line was ended for a killed writer while another record was already being
+        // appended to it: the line feed then stands alone behind that record.
+        if (line.empty())
+            continue;
         EXPECT_EQ(line.substr(0, 2), "2,") << name << ": begins with no record: " << line.substr(0, 100);
         if (tools::salvageRecord(line, header.version, record, at))
             count(record, reading);
