@@ -2,11 +2,11 @@
 #include "zoltformat.h"
 
 #include "grown.h"
+#include "owned.h"
 #include "utf8.h"
 
 #include <langinfo.h>
 #include <limits.h>
-#include <memory>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -14,11 +14,6 @@
 #include <wchar.h>
 
 namespace {
-
-struct HeapFree {
-    void operator()(char *block) const { free(block); }
-};
-using HeapText = std::unique_ptr<char, HeapFree>;
 
 // The line being made. Running out of memory is remembered, so that only the end
 // has to ask.
@@ -220,13 +215,13 @@ static void appendSource(Line *line, const LogMsg *msg, bool utf8) {
 
 // The wording of a record that has only its localization block, whole: what the
 // measuring pass tells is a bound for most, and a large number passes it.
-static HeapText textOfBlock(ZoltLisBlock *block) {
+static LogOwned<char> textOfBlock(ZoltLisBlock *block) {
     size_t size = 0;
     (void)strncatlis(nullptr, &size, block);
     if (size == 0 || size == SIZE_MAX)
         return nullptr;
     for (size_t room = size + 1;; room *= 2) {
-        HeapText text(static_cast<char *>(calloc(1, room)));
+        LogOwned<char> text(static_cast<char *>(calloc(1, room)));
         size_t word = room;
         if (text == nullptr || strncatlis(text.get(), &word, block) == nullptr)
             return nullptr;
@@ -258,7 +253,8 @@ uint32_t LogFormatMessage(LocalizerList *, uint64_t, const char *, uint64_t, uin
         appendSource(&line, msg, utf8);
     if (line.text.count > 0)
         append(&line, ": ");
-    const HeapText ofBlock = msg->text == nullptr && !isEmpty(msg->lis) ? textOfBlock(&msg->lis) : nullptr;
+    const LogOwned<char> ofBlock =
+        msg->text == nullptr && !isEmpty(msg->lis) ? textOfBlock(&msg->lis) : nullptr;
     const char *wording = msg->text != nullptr ? msg->text : ofBlock.get();
     if (wording != nullptr)
         appendText(&line, wording, utf8);

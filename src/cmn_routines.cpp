@@ -7,6 +7,8 @@
 //   Encodings        the conversions
 #include "cmn_routines.h"
 
+#include "decimal.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -112,7 +114,9 @@ int32_t zoltLogStrTimeToT(const char *text, const char *delimiters, int32_t *fir
         const char *token = strtok_r(start, delimiters, &rest);
         if (token == nullptr)
             break;
-        *output = static_cast<int32_t>(strtol(token, nullptr, 10));
+        int64_t number = 0;
+        (void)scanSigned(&token, ANY_WIDTH, &number);
+        *output = static_cast<int32_t>(number);
         start = nullptr;
     }
     return 1;
@@ -140,9 +144,13 @@ uint32_t TimeZoneToOffset(const char *text, int64_t *offset) {
         *offset = 0;
         return ZOLTLOG_OK;
     }
-    int hours = 0;
-    int minutes = 0;
-    (void)sscanf(text + PREFIX_LENGTH, "%d:%d", &hours, &minutes); // NOLINT(cert-err34-c): missing is 0
+    int64_t hourNumber = 0; // what is missing is 0
+    int64_t minuteNumber = 0;
+    text += PREFIX_LENGTH;
+    if (scanSigned(&text, ANY_WIDTH, &hourNumber) && *text == ':')
+        (void)scanSigned(&++text, ANY_WIDTH, &minuteNumber);
+    const auto hours = static_cast<int32_t>(hourNumber);
+    const auto minutes = static_cast<int32_t>(minuteNumber);
     // KEPT: hours 0 counts as west, so that GMT+0:30 is -1800.
     // Pinned by TimeZoneToOffset.ZeroHoursCountAsNegative.
     const uint32_t hourSeconds = static_cast<uint32_t>(hours) * 3600u;

@@ -1,11 +1,12 @@
 // Configuration values between file and record: one function takes a value in, one shows
 // it as it is written, for every kind of key of the table in config_keys.h.
 //
-// The unit uses exported operations only: qdlogcfg has it compiled in, so that the tool
-// and the library cannot differ about a value.
+// The unit uses exported operations and decimal.h only: qdlogcfg has it compiled in, so
+// that the tool and the library cannot differ about a value.
 #include "config_keys.h"
 
 #include "bounded.h"
+#include "decimal.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -21,8 +22,8 @@ const char TRUE_WORD[] = "true";
 const char FALSE_WORD[] = "false";
 const uint64_t SECONDS_PER_HOUR = 3600;
 const uint64_t SECONDS_PER_MINUTE = 60;
-const unsigned long HOURS_PER_DAY = 24;
-const unsigned long MINUTES_PER_HOUR = 60;
+const int64_t HOURS_PER_DAY = 24;
+const int64_t MINUTES_PER_HOUR = 60;
 
 template<typename T>
 T *fieldOf(LogCfg *cfg, CfgKeyId id) {
@@ -55,17 +56,19 @@ bool isPlainNumber(const char *text, unsigned long number) {
 // "hours:minutes", each with blanks and a sign before it at most, anything behind it.
 // dayTimeText is the way back.
 bool parseDayTime(const char *text, uint64_t *seconds, bool *exact) {
-    char *end = nullptr;
-    const auto hours = static_cast<unsigned long>(strtol(text, &end, 10));
-    if (end == text || *end != ':')
+    const char *at = text;
+    int64_t hours = 0;
+    int64_t minutes = 0;
+    if (!scanSigned(&at, ANY_WIDTH, &hours) || *at != ':')
         return false;
-    *exact = isDigit(*text, '9') && isDigit(end[1], '9');
-    text = end + 1;
-    const auto minutes = static_cast<unsigned long>(strtol(text, &end, 10));
-    if (end == text || hours >= HOURS_PER_DAY || minutes >= MINUTES_PER_HOUR)
+    *exact = isDigit(*text, '9') && isDigit(at[1], '9');
+    ++at;
+    if (!scanSigned(&at, ANY_WIDTH, &minutes) || hours < 0 || hours >= HOURS_PER_DAY || minutes < 0 ||
+        minutes >= MINUTES_PER_HOUR)
         return false;
-    *exact = *exact && *end == '\0';
-    *seconds = hours * SECONDS_PER_HOUR + minutes * SECONDS_PER_MINUTE;
+    *exact = *exact && *at == '\0';
+    *seconds =
+        static_cast<uint64_t>(hours) * SECONDS_PER_HOUR + static_cast<uint64_t>(minutes) * SECONDS_PER_MINUTE;
     return true;
 }
 
@@ -117,7 +120,9 @@ CfgTaken takeRaw(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *s
             *word = on ? *word | flag : *word & ~flag;
         return exactlyIf(on || strcmp(value, FALSE_WORD) == 0);
     }
-    const unsigned long number = strtoul(value, nullptr, 10);
+    const char *at = value;
+    uint64_t number = 0; // without a digit
+    (void)scanUnsigned(&at, ANY_WIDTH, &number);
     if (key->kind == CFG_OPTION) {
         state->number = number;
         *word = static_cast<uint32_t>(number);

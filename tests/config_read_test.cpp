@@ -271,6 +271,7 @@ TEST(ConfigRead, AValueThatIsSkippedLeavesTheInheritedOne) {
         {"RolloverAtLocalTime", "01:01", ":30", "3660"},
         {"RolloverAtLocalTime", "01:01", "12:", "3660"},
         {"RolloverAtLocalTime", "01:01", "99999999999999999999:0", "3660"},
+        {"RolloverAtLocalTime", "01:01", "-18446744073709551615:0", "3660"},
         {"RolloverPeriodInSeconds", "60", "0", "60"},
         {"NumberOfLogFiles", "3", "0", "3"},
         {"LogFilePermissions", "640", "755", "416"},
