@@ -110,8 +110,8 @@ enum class FieldRole {
     Place, // file and offset: in the title of full output
 };
 
-// A field is one row: all that queries, outputs, completion and the test of the manual
-// page know of it.
+// A field is one row: all that queries, outputs, completion and the manual page
+// know of it.
 struct FieldRow {
     const char *name;
     FieldType type;
