@@ -203,7 +203,8 @@ class Trials(unittest.TestCase):
         self.assertIn(rows, read(f"{TREE}/docs/format-config.md"))
         self.assertIn("*TrialNumber*\n\ta number on trial", printed(f"{HERE}/bin/settings_list", "manual"))
 
-        tool = all_compiled(sources("tools/qdlogcfg") + ["src/config_keys.cpp"], "qdlogcfg")
+        shared = ["src/config_keys.cpp", "src/utiPropertyStoreFile_rewrite.cpp", "src/utiPropertyStoreFile_whole.cpp"]
+        tool = all_compiled(sources("tools/qdlogcfg") + shared, "qdlogcfg")
         link(f"{HERE}/bin/qdlogcfg", *tool, f"{BUILD}/tools/common/libqdul_tools_common.a", f"{HERE}/lib/libqdul.so.3")
         configuration = {"ZOLTLOG_CFG_LOC": f"{HERE}/zoltlog.conf"}
         printed(f"{HERE}/bin/qdlogcfg", "set", "-P", "5", "-u", "7", "TrialNumber=3", **configuration)
