@@ -373,24 +373,21 @@ uint32_t zoltLogGetManageableLogFilesSL(uint64_t productId, const char *logsetNa
 
 static constexpr size_t PATH_ROOM = 8192; // of a path handed out
 
-// Puts together the entry's path; false when PATH_ROOM is too little for it.
-static bool pathOf(const LogFileEntry *entry, char *path) {
-    const int length = snprintf(path, PATH_ROOM, "%s%s", entry->directory, entry->name);
-    return length >= 0 && static_cast<size_t>(length) < PATH_ROOM;
-}
-
-// Whether the entry's file is fetched. *modificationTime goes on from entry to entry.
-static bool isFetched(LogListing *listing, LogFileEntry *entry, int64_t *modificationTime) {
-    char path[PATH_ROOM];
-    if (!pathOf(entry, path))
-        return false;
+// ZOLTLOG_OK when the entry's file is fetched, ZOLTLOG_NO_MORE when not. *modificationTime
+// goes on from entry to entry.
+static uint32_t fetch(LogListing *listing, LogFileEntry *entry, int64_t *modificationTime) {
+    const LogOwned<char> path = joinedText(entry->directory, entry->name); // large for a stack
+    if (path == nullptr)
+        return ZOLTLOG_NO_MEMORY;
+    if (strlen(path.get()) >= PATH_ROOM)
+        return ZOLTLOG_NO_MORE;
     // KEPT: a file without a modification time of its own is judged by that of the file before it.
     // Pinned by Fetch.ModificationTimeIsCarriedOver.
     struct stat status;
-    if (stat(path, &status) == 0 && S_ISREG(status.st_mode))
+    if (stat(path.get(), &status) == 0 && S_ISREG(status.st_mode))
         *modificationTime = status.st_mtime;
-    if (zoltLogOs_open(&entry->file, path, ZOLTLOG_OS_MODE_READ, MANAGED_FILE_PERMISSIONS) != 0)
-        return false;
+    if (zoltLogOs_open(&entry->file, path.get(), ZOLTLOG_OS_MODE_READ, MANAGED_FILE_PERMISSIONS) != 0)
+        return ZOLTLOG_NO_MORE;
     LogFileHeader header = {};
     const uint32_t result = ReadHeader(entry, &header);
     zoltLogOs_close(&entry->file);
@@ -406,7 +403,9 @@ static bool isFetched(LogListing *listing, LogFileEntry *entry, int64_t *modific
     }
     if (result == ZOLTLOG_UNSUPPORTED_HEADER)
         listing->unsupportedHeader = 1;
-    return result == ZOLTLOG_OK && EvaluateFileCondition(listing, &header, set, *modificationTime) != 0;
+    return result == ZOLTLOG_OK && EvaluateFileCondition(listing, &header, set, *modificationTime) != 0
+               ? ZOLTLOG_OK
+               : ZOLTLOG_NO_MORE;
 }
 
 uint32_t zoltLogFetchNextFileEx(LogListing *listing, LogFileEntry **out) {
@@ -414,8 +413,11 @@ uint32_t zoltLogFetchNextFileEx(LogListing *listing, LogFileEntry **out) {
         return ZOLTLOG_INVALID_ARGUMENT;
     int64_t modificationTime = 0;
     for (LogFileEntry *entry = listing->next; entry != nullptr; entry = entry->next) {
-        listing->next = entry;
-        if (!isFetched(listing, entry, &modificationTime))
+        listing->next = entry; // to be fetched again when there is memory
+        const uint32_t result = fetch(listing, entry, &modificationTime);
+        if (result == ZOLTLOG_NO_MEMORY)
+            return result;
+        if (result != ZOLTLOG_OK)
             continue;
         *out = entry;
         listing->next = entry->next;
@@ -433,11 +435,11 @@ uint32_t zoltLogFetchNextFile(LogListing *listing, char **path) {
         return result;
     auto *buffer = static_cast<char *>(zoltLogMalloc(PATH_ROOM));
     if (buffer == nullptr) {
-        listing->next = entry; // to be fetched again when there is memory
+        listing->next = entry;
         return ZOLTLOG_NO_MEMORY;
     }
     memset(buffer, 0, PATH_ROOM);
-    (void)pathOf(entry, buffer); // it fitted when the file was opened
+    (void)snprintf(buffer, PATH_ROOM, "%s%s", entry->directory, entry->name); // it fits, or was not opened
     *path = buffer;
     return ZOLTLOG_OK;
 }
