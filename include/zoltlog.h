@@ -31,10 +31,15 @@
  *    closed.
  * 5. Cancellation, signals, fork. Thread cancellation is off while the lock is
  *    held. No operation may be called from a signal handler. fork is safe while
- *    other threads log: the child can log at once through the same handles.
+ *    other threads log: the child can log at once through the same handles, also
+ *    from the host's fork handlers, in whatever order they run. A child of _Fork or
+ *    clone waits for no thread of its parent either.
  * 6. Nothing is thrown, nothing is printed, and no call ends the process, with
  *    two exceptions: misuse of the lock aborts, and zoltLogDeleteFile tells a
  *    failed deletion on standard output.
+ * 7. Stack. No operation needs more than 24 KB of stack, so that threads of 32 KB
+ *    can log; what the system's name service takes when a host is looked up comes on
+ *    top, and so does a formatter plug-in.
  */
 #ifndef ZOLTLOG_H
 #define ZOLTLOG_H
@@ -728,7 +733,8 @@ int32_t isLogOpen(const LogHandle *handle);
  *   messageNumber  number of the message in the catalogue of the localization
  *                  library; 0: none, the text is formatted here
  *   format, args   printf format and its arguments; also what the catalogue
- *                  falls back on, and what decides the types of the arguments
+ *                  falls back on, and what decides the types of the arguments. "%m"
+ *                  tells the errno that the caller had
  *   text           a ready text, which the call only reads; may be null
  *   block          a localization block of zoltLisVEx or zoltLisTextV. The call
  *                  consumes it whatever its result: it is freed, and its three
@@ -850,9 +856,11 @@ uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t le
  *
  * Results: ZOLTLOG_OK; ZOLTLOG_INVALID_ARGUMENT for a null parent, context, token
  * or format, or a context that is its parent; ZOLTLOG_NO_FILE_STATE for the parent
- * of zoltLogSecureOpen; results of the localization library, of zoltLogInitMsg and
- * of writing a record. After a failure the context is closed, nothing is held, and
- * zoltLogDestroyContext does no harm.
+ * of zoltLogSecureOpen; results of the localization library and of zoltLogInitMsg: the
+ * context is closed then, nothing is held, and zoltLogDestroyContext does no harm. After
+ * any other result of writing a record the context is a plain handle on the parent's file:
+ * messages through it go on, without the token, and zoltLogDestroyContext, which has to be
+ * called, gives ZOLTLOG_FAILED.
  */
 uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char *token, int64_t messageNumber,
                               const char *format, ...);
@@ -860,7 +868,8 @@ uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char 
  * Closes a context; no record tells it. Contexts may be closed in any order, also
  * after the parent; the file is closed with its last handle. zoltLogClose is not
  * for contexts. ZOLTLOG_INVALID_ARGUMENT for null or a context that has no file;
- * other results of zoltLogCloseFile.
+ * ZOLTLOG_FAILED for one whose record could not be written. It takes as long as
+ * zoltLogCreateContext, however many contexts are open: no longer than a message.
  */
 uint32_t zoltLogDestroyContext(LogHandle *context);
 /*
@@ -1564,8 +1573,8 @@ LogContextEntry *SearchContextTitleInList(const LogContextKey *key, const char *
  *
  * zoltLogFetchNextFileEx: the next entry whose file can be opened, has a header that is
  * understood and passes listing->query (null: everything passes). The entry stays the
- * listing's. ZOLTLOG_INVALID_ARGUMENT: no listing or place; ZOLTLOG_NO_MORE: no further file,
- * again and again. A file with another header version sets listing->unsupportedHeader. A file that is not a
+ * listing's. ZOLTLOG_INVALID_ARGUMENT: no listing or place; ZOLTLOG_NO_MEMORY (the file is not
+ * lost: the next call gives it); ZOLTLOG_NO_MORE: no further file, again and again. A file with another header version sets listing->unsupportedHeader. A file that is not a
  * regular one is judged by the modification time of the file before it. zoltLogFetchNextFile: the same,
  * giving the path in a zeroed buffer of 8192 bytes that the caller releases with zoltLogFreeBuffer;
  * ZOLTLOG_NO_MEMORY (the file is not lost: the next call gives it). zoltLogFreeBuffer: frees the buffer, if

@@ -9,6 +9,7 @@
 #include "lockUnix.h"
 #include "owned.h"
 
+#include <cerrno>
 #include <sys/stat.h>
 #include <time.h>
 
@@ -84,9 +85,11 @@ uint32_t zoltDynaLoadConfig(LogHandle *handle) {
     if (now - load(&handle->lastReloadCheck) <= interval)
         return ZOLTLOG_OK;
     store(&handle->lastReloadCheck, now);
+    const int callersError = errno; // which the message's text may tell ("%m")
     const int64_t modified = fileTime(handle);
     if (modified != load(&handle->cfgTimestamp))
         reload(handle, modified);
+    errno = callersError;
     return ZOLTLOG_OK;
 }
 

@@ -76,7 +76,8 @@ Writer *writerOf(const LogFileState *state) {
 Writer *makeWriter(LogFileState *state) {
     Writer *writer = writerOf(state);
     if (writer != nullptr) {
-        if (state->handles == nullptr && writer->opened) { // of a state that its caller freed
+        if (state->handles == nullptr && writer->unlisted == 0 &&
+            writer->opened) { // of a state that its caller freed
             Writer *const next = writer->next;
             *writer = {};
             writer->state = state;
@@ -108,6 +109,16 @@ void forgetWriter(const LogFileState *state) {
 // The state of an originator series that a later open of the same series shares.
 LogFileState *rememberedState;
 
+// The list of handles is linked both ways, so that a handle leaves it in no time: the one
+// before is told in the room that the handle's context message reserves.
+LogHandle *handleBefore(const LogHandle *handle) {
+    return reinterpret_cast<LogHandle *>(handle->contextMsg.reserved[0]);
+}
+
+void setHandleBefore(LogHandle *handle, LogHandle *before) {
+    handle->contextMsg.reserved[0] = reinterpret_cast<uintptr_t>(before);
+}
+
 bool isListed(const LogFileState *state, const LogHandle *handle) {
     for (const LogHandle *at = state->handles; at != nullptr; at = at->nextOnFile)
         if (at == handle)
@@ -115,22 +126,45 @@ bool isListed(const LogFileState *state, const LogHandle *handle) {
     return false;
 }
 
+// The handle is on no list.
 void addHandleToFile(LogFileState *state, LogHandle *handle) {
     const GlobalLock lock(TAG_ADD_LOG_TO_FILE);
-    if (isListed(state, handle))
-        return;
-    handle->nextOnFile = state->handles;
+    LogHandle *const first = state->handles;
+    if (first != nullptr)
+        setHandleBefore(first, handle);
+    setHandleBefore(handle, nullptr);
+    handle->nextOnFile = first;
     state->handles = handle;
 }
 
-bool removeHandleFromFile(LogFileState *state, const LogHandle *handle) {
-    for (LogHandle **at = &state->handles; *at != nullptr; at = &(*at)->nextOnFile) {
-        if (*at == handle) {
-            *at = handle->nextOnFile;
-            return true;
-        }
+bool removeHandleFromFile(LogFileState *state, LogHandle *handle) {
+    LogHandle *before = handleBefore(handle);
+    // Unknown when the caller has released the context message already, and no link at all in
+    // a record that was never on a list: then the list tells.
+    if (state->handles != handle && (before == nullptr || before->nextOnFile != handle)) {
+        before = state->handles;
+        while (before != nullptr && before->nextOnFile != handle)
+            before = before->nextOnFile;
+        if (before == nullptr)
+            return false;
     }
-    return false;
+    LogHandle *const next = handle->nextOnFile;
+    if (state->handles == handle) {
+        before = nullptr;
+        state->handles = next;
+    } else {
+        before->nextOnFile = next;
+    }
+    if (next != nullptr)
+        setHandleBefore(next, before);
+    setHandleBefore(handle, nullptr);
+    return true;
+}
+
+// A context whose record could not be written is on no list, but its file stays for it. It
+// is known by its link, which leads to itself.
+bool isUnlistedContext(const LogHandle *handle) {
+    return handle->nextOnFile == handle;
 }
 
 void releaseState(LogFileState *state) {
@@ -596,6 +630,8 @@ uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileC
     if (hostNeeded)
         lookUpHost(&host);
     const GlobalLock lock(TAG_OPEN_FILE);
+    if (handle->file->handles == nullptr)
+        setHandleBefore(handle, nullptr); // whatever the caller's storage held
     if (hostNeeded)
         keepHost(&host);
     (void)compareClocks();
@@ -612,7 +648,8 @@ uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileC
     LogFileState *state = writer->state;
     configureState(writer, fileCfg);
     configureHandle(handle, originatorCfg);
-    addHandleToFile(state, handle);
+    if (!isListed(state, handle))
+        addHandleToFile(state, handle);
     if (names.filename != nullptr) {
         zoltLogFree(state->logsetName);
         zoltLogFree(state->logsetFilename);
@@ -627,19 +664,30 @@ uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileC
     return result;
 }
 
+uint32_t closeFileLocked(LogHandle *handle) {
+    if (handle->file == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    LogFileState *state = handle->file;
+    Writer *writer = writerOf(state);
+    bool found = false;
+    if (isUnlistedContext(handle) && writer != nullptr && writer->unlisted > 0)
+        --writer->unlisted;
+    else
+        found = removeHandleFromFile(state, handle);
+    handle->file = nullptr;
+    handle->nextOnFile = nullptr;
+    // Also when the handle was on no list because its open failed early: then no other
+    // handle knows of the state.
+    if (state->handles == nullptr && (writer == nullptr || writer->unlisted == 0))
+        releaseState(state);
+    return found ? ZOLTLOG_OK : ZOLTLOG_FAILED;
+}
+
 uint32_t zoltLogCloseFile(LogHandle *handle) {
     if (handle == nullptr || handle->file == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     const GlobalLock lock(TAG_CLOSE_FILE);
-    LogFileState *state = handle->file;
-    const bool found = removeHandleFromFile(state, handle);
-    handle->file = nullptr;
-    handle->nextOnFile = nullptr;
-    // Also when the handle was on no list: then its open failed early, and no other
-    // handle knows of the state.
-    if (state->handles == nullptr)
-        releaseState(state);
-    return found ? ZOLTLOG_OK : ZOLTLOG_FAILED;
+    return closeFileLocked(handle);
 }
 
 uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMsg *msg) {
@@ -675,8 +723,14 @@ uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMs
     context->noContext = 1;
     context->sequenceNumber = 1;
     const uint32_t result = zoltLogWriteMsgWithRolloverToFile(parent->file, &context->contextMsg);
-    if (result != ZOLTLOG_OK) {
-        context->file = nullptr; // on no list, it must not keep what may go before it does
+    if (result != ZOLTLOG_OK) { // a plain handle on the parent's file, which is kept for it
+        Writer *writer = parent->file != nullptr ? writerOf(parent->file) : nullptr;
+        if (writer != nullptr) {
+            ++writer->unlisted;
+            context->nextOnFile = context;
+        } else {
+            context->file = nullptr;
+        }
         return result;
     }
     context->noContext = 0;

@@ -26,6 +26,8 @@ struct Writer {
     uint64_t ownSince;   // bytes that were appended here since
     int64_t sizeAskedAt; // monotonic ns, taken before asking; 0: to be asked before it is used
 
+    uint32_t unlisted; // contexts that write here and are on no list
+
     bool sameName; // the file is to be opened anew under the name it had, if the day is the same
     bool opened;   // a file of the series was opened once
     bool readable; // the open file may be read as well
@@ -75,6 +77,9 @@ inline void refreshHost() {
     if (__atomic_load_n(&hostOutOfDate, __ATOMIC_RELAXED))
         lookUpHostAgain();
 }
+
+// zoltLogCloseFile for a thread that holds the lock.
+uint32_t closeFileLocked(LogHandle *handle);
 
 // ---- opening (write_file_open.cpp) --------------------------------------------------
 

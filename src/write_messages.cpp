@@ -18,6 +18,8 @@
 #include "write.h"
 #include "write_file.h"
 
+#include <cerrno>
+
 // ---- texts and blocks of a call --------------------------------------------------
 
 namespace {
@@ -189,7 +191,9 @@ static uint32_t copyAndLookUp(ZoltLisBlock *block, const LogHandle *handle, int6
 static uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t messageNumber,
                             const char *format, va_list args, CallText *text, OwnedBlock *block) {
     if (messageNumber != 0) {
+        const int callersError = errno; // for the text's "%m"
         const uint32_t result = copyAndLookUp(&block->words, handle, messageNumber, format, args);
+        errno = callersError;
         if (result != ZOLTLOG_OK || (flags & ZOLTLOG_KEEP_LOCAL_TEXT) == 0)
             return result;
     }
@@ -479,6 +483,7 @@ uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t le
 // when it fails.
 static uint32_t makeContextMessage(LogHandle *parent, LogMsg *msg, const char *token, int64_t messageNumber,
                                    const char *format, va_list args) {
+    const int callersError = errno; // for the "%m" of each wording
     char *text = nullptr;
     if (messageNumber == 0) {
         va_list copy;
@@ -499,6 +504,7 @@ static uint32_t makeContextMessage(LogHandle *parent, LogMsg *msg, const char *t
     result = zoltLogSetContextAttr(msg, token);
     if (result != ZOLTLOG_OK)
         return result;
+    errno = callersError;
     if (messageNumber != 0)
         return lookUp(&msg->lis, parent, messageNumber, format, args);
     const int32_t made = zoltLisTextV(&msg->lis, format, args);
@@ -518,7 +524,7 @@ uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char 
     va_end(args);
     if (result == ZOLTLOG_OK)
         result = zoltLogCreateContextToFile(parent, context, &context->contextMsg);
-    if (result != ZOLTLOG_OK) { // not attached to any file: nothing may be reached through it
+    if (result != ZOLTLOG_OK && context->file == nullptr) { // nothing may be reached through it
         (void)zoltLogFreeMsg(&context->contextMsg);
         *context = {};
         context->noContext = 1;
@@ -529,9 +535,11 @@ uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char 
 uint32_t zoltLogDestroyContext(LogHandle *context) {
     if (context == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
-    // Another thread's rollover may be writing this very context into a new file.
+    // Another thread's rollover may be writing this very context into a new file. It is taken
+    // off the file's list first, since the message holds a link of that.
     const GlobalLock lock(TAG_CLOSE_FILE);
+    const uint32_t result = closeFileLocked(context);
     (void)zoltLogFreeMsg(&context->contextMsg);
     context->noContext = 1;
-    return zoltLogCloseFile(context);
+    return result;
 }

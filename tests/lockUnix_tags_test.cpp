@@ -6,6 +6,7 @@
 #include "zoltlog.h"
 
 #include <csignal>
+#include <cstddef>
 #include <cstring>
 #include <functional>
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include <string>
 #include <sys/ptrace.h>
 #include <sys/uio.h>
+#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -184,8 +186,18 @@ Stack stackOf(pid_t process) {
     return stack;
 }
 
-// Runs body in a child, one instruction after the other: what the lock's record shows on
-// the way, as a support tool sees it that looks in between. Empty where nothing may be traced.
+// Has the processor stop the child whenever it writes to the lock's depth.
+bool watchDepth(pid_t child) {
+    constexpr unsigned long FIRST_OF_FOUR_BYTES_WRITTEN = 1ul | 1ul << 16 | 3ul << 18;
+    const auto at = [](size_t number) {
+        return reinterpret_cast<void *>(offsetof(user, u_debugreg) + number * sizeof(user::u_debugreg[0]));
+    };
+    return ptrace(PTRACE_POKEUSER, child, at(0), &zoltLogMutex.depth) == 0 &&
+           ptrace(PTRACE_POKEUSER, child, at(7), FIRST_OF_FOUR_BYTES_WRITTEN) == 0;
+}
+
+// Runs body in a child: what the lock's record shows after each change, as a support tool
+// sees it that looks in between. Empty where nothing may be traced.
 std::vector<Stack> stacksDuring(const std::function<void()> &body) {
     const pid_t child = fork();
     if (child == 0) {
@@ -197,11 +209,18 @@ std::vector<Stack> stacksDuring(const std::function<void()> &body) {
     }
     std::vector<Stack> stacks;
     int status = 0;
+    bool watching = false;
     while (waitpid(child, &status, 0) == child && WIFSTOPPED(status)) {
+        if (!watching && !watchDepth(child)) {
+            kill(child, SIGKILL);
+            waitpid(child, &status, 0);
+            return {};
+        }
+        watching = true;
         const Stack stack = stackOf(child);
         if (stacks.empty() || stacks.back() != stack)
             stacks.push_back(stack);
-        if (ptrace(PTRACE_SINGLESTEP, child, nullptr, nullptr) != 0)
+        if (ptrace(PTRACE_CONT, child, nullptr, nullptr) != 0)
             break;
     }
     EXPECT_TRUE(WIFEXITED(status));
@@ -239,4 +258,8 @@ TEST_F(LockTagsInUse, NestAsTheOperationsDo) {
     const std::string create = "zoltLogCreateContextToFile()";
     EXPECT_EQ((std::vector<Stack>{{}, {NEXT}, {}, {create}, {create, "zoltLogAddLogToFile()"}, {create}, {}}),
               stacksDuring([&] { zoltLogCreateContext(&handle, &context, "T1", 0, "text"); }));
+    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "text"));
+    EXPECT_EQ((std::vector<Stack>{{}, {"zoltLogCloseFile()"}, {}}),
+              stacksDuring([&] { zoltLogDestroyContext(&context); }));
+    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
 }

@@ -1,6 +1,8 @@
 // Handles that share a file, and the order in which they are closed.
 #include "write_series.h"
 
+#include <algorithm>
+#include <functional>
 #include <memory>
 #include <random>
 #include <unistd.h>
@@ -344,22 +346,95 @@ TEST_F(WriteFileHandles, ContextOutlivesItsParent) {
     EXPECT_EQ(destroyContext(&nested), 0u);
 }
 
-TEST_F(WriteFileHandles, FailedContextIsOnNoListAndHasNoFile) {
+TEST_F(WriteFileHandles, FailedContextStaysAPlainHandleOnTheParentsFile) {
     LogHandle parent;
     LogHandle context;
     LogHandle closed = {};
     ASSERT_EQ(open(&parent, settings()), 0u);
     EXPECT_EQ(createContext(&closed, &context, "T1"), 57u);
-    zoltLogFreeMsg(&context.contextMsg);
-    const int descriptor = parent.file->file.descriptor;
-    parent.file->file.descriptor = 1000; // nothing is open there
-    EXPECT_EQ(createContext(&parent, &context, "T1"), 5u);
-    EXPECT_EQ(context.noContext, 1u);
     EXPECT_EQ(context.file, nullptr);
     EXPECT_EQ(destroyContext(&context), 3u);
+    for (const bool parentGoesFirst : {false, true}) {
+        SCOPED_TRACE(parentGoesFirst);
+        const int descriptor = parent.file->file.descriptor;
+        parent.file->file.descriptor = 1000; // nothing is open there
+        EXPECT_EQ(createContext(&parent, &context, "T1"), 5u);
+        parent.file->file.descriptor = descriptor;
+        EXPECT_EQ(context.noContext, 1u);
+        EXPECT_EQ(context.file, parent.file);
+        EXPECT_EQ(parent.file->handles, &parent);
+        EXPECT_EQ(parent.nextOnFile, nullptr);
+        EXPECT_EQ(send(&context, "one"), 0u);
+        EXPECT_EQ(textOf(support::lines(support::readFile(FILE7)).back()), "one") << "without a token";
+        if (parentGoesFirst) {
+            EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
+            EXPECT_EQ(send(&context, "two"), 0u);
+            EXPECT_EQ(textOf(support::lines(support::readFile(FILE7)).back()), "two");
+        }
+        EXPECT_EQ(destroyContext(&context), 1u);
+        EXPECT_EQ(context.file, nullptr);
+        EXPECT_EQ(destroyContext(&context), 3u);
+        if (!parentGoesFirst) {
+            EXPECT_EQ(send(&parent, "three"), 0u);
+        }
+    }
+    EXPECT_EQ(support::openDescriptors(), descriptors);
+}
+
+TEST_F(WriteFileHandles, FailedContextsFileIsSharedByTheNextOpen) {
+    LogHandle parent;
+    LogHandle context;
+    LogHandle next;
+    ASSERT_EQ(open(&parent, settings()), 0u);
+    const int descriptor = parent.file->file.descriptor;
+    parent.file->file.descriptor = 1000;
+    EXPECT_EQ(createContext(&parent, &context, "T1"), 5u);
     parent.file->file.descriptor = descriptor;
-    EXPECT_EQ(parent.file->handles, &parent);
     EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
+    ASSERT_EQ(open(&next, settings()), 0u);
+    EXPECT_EQ(next.file, context.file);
+    EXPECT_EQ(zoltLogCloseFile(&next), 0u);
+    EXPECT_EQ(send(&context, "one"), 0u);
+    EXPECT_EQ(destroyContext(&context), 1u);
+    EXPECT_EQ(support::openDescriptors(), descriptors);
+}
+
+// Neither making nor closing a context looks through the open ones.
+TEST_F(WriteFileHandles, FortyThousandContextsComeAndGoInAnyOrder) {
+    constexpr size_t CONTEXTS = 40000;
+    LogCfg cfg = settings();
+    cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
+    LogHandle parent;
+    ASSERT_EQ(open(&parent, cfg), 0u);
+    std::vector<LogHandle> contexts(CONTEXTS);
+    std::vector<size_t> order(CONTEXTS);
+    for (size_t i = 0; i < CONTEXTS; ++i) {
+        ASSERT_EQ(createContext(&parent, &contexts[i], std::to_string(i).c_str()), 0u);
+        order[i] = i;
+    }
+    std::shuffle(order.begin(), order.end(), std::mt19937(7)); // NOLINT(cert-msc51-cpp): the same each time
+    for (size_t i = 0; i < CONTEXTS - 100; ++i)
+        ASSERT_EQ(zoltLogDestroyContext(&contexts[order[i]]), 0u);
+    order.erase(order.begin(), order.end() - 100);
+    // Those that are left are in the next file, the last one first.
+    parent.file->maxFileSizeKB = 1;
+    EXPECT_EQ(send(&parent, "one"), 0u);
+    std::sort(order.begin(), order.end(), std::greater<>());
+    std::vector<std::string> expected;
+    for (const size_t at : order)
+        expected.push_back(std::to_string(at));
+    std::vector<std::string> tokens;
+    for (const std::string &line : support::lines(support::readFile("logs/" + logFiles().at(1)))) {
+        const size_t about = line.find(",5:about,");
+        const size_t colon = about != std::string::npos ? line.find(':', about + 9) : about;
+        if (colon != std::string::npos)
+            tokens.push_back(line.substr(colon + 1, line.find(',', colon) - colon - 1));
+    }
+    EXPECT_EQ(expected, tokens);
+    EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
+    for (const size_t at : order)
+        EXPECT_EQ(zoltLogDestroyContext(&contexts[at]), 0u);
+    EXPECT_EQ(support::openDescriptors(), descriptors);
 }
 
 TEST_F(WriteFileHandles, NullArgumentsOfAContextAreInvalid) {

@@ -3,6 +3,7 @@
 #include "support/sink_capture.h"
 #include "support/syscalls.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <functional>
@@ -26,6 +27,8 @@ static const bool CLOCK_WATCHED = support::eachCase([] {
         return libc::gettimeofday.real(now, zone);
     };
 });
+
+static std::function<void()> atLookup; // called by zoltLisVEx, whose errno stays
 
 // ---- the localization library, watched ---------------------------------------------
 
@@ -75,8 +78,14 @@ int32_t zoltLisVEx(ZoltLisBlock *block, uint32_t utf8, int64_t messageNumber, co
         return lis::failWith;
     }
     const std::string pattern = "message " + std::to_string(messageNumber) + ": " + format;
+    const int callersError = errno;
+    if (atLookup)
+        atLookup();
+    const int afterwards = errno;
+    errno = callersError;
     const int32_t result = lis::real<decltype(zoltLisTextV)>("zoltLisTextV")(block, pattern.c_str(), args);
     lis::open += result == 0 ? 1 : 0;
+    errno = afterwards;
     return result;
 }
 int32_t zoltLisFree(ZoltLisBlock *block) {
@@ -772,6 +781,46 @@ TEST_F(WriteMessages, AFailedLookupIsTheResultAndNothingIsSent) {
     EXPECT_EQ(0u, zoltLogMapLisResToLoggingRes(0));
 }
 
+TEST_F(WriteMessages, PercentMTellsTheCallersError) {
+    const struct {
+        const char *name;
+        std::function<uint32_t()> call;
+    } rows[] = {
+        {"application", [&] { return zoltLogAppMsg(&handle, 0, 1, 0, "%m"); }},
+        {"application, catalogue", [&] { return zoltLogAppMsg(&handle, 0, 1, 42, "%m"); }},
+        {"application, both", [&] { return zoltLogAppMsg(&handle, ZOLTLOG_KEEP_LOCAL_TEXT, 1, 42, "%m"); }},
+        {"diagnostic", [&] { return zoltLogDiagMsg(&handle, 0, 1, "mgr", 0, "%m"); }},
+        {"diagnostic, catalogue", [&] { return zoltLogDiagMsg(&handle, 0, 1, "mgr", 42, "%m"); }},
+        {"debug", [&] { return zoltLogDebugMsg(&handle, 0, 1, "mgr", "%m"); }},
+        {"audit", [&] { return zoltLogAuditMsg(&handle, 0, "mary", 1, 42, "%m"); }},
+        {"context",
+         [&] {
+             LogHandle context;
+             const uint32_t result = zoltLogCreateContext(&handle, &context, "T1", 0, "%m");
+             zoltLogDestroyContext(&context);
+             return result;
+         }},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.name);
+        handle.reloadInterval = 60; // a reload is due, and fails on its way
+        handle.lastReloadCheck = 0;
+        handle.cfgTimestamp = 1;
+        std::filesystem::rename("product.conf", "away");
+        atLookup = [] { errno = EDOM; };
+        errno = EXDEV;
+        EXPECT_EQ(0u, row.call());
+        atLookup = nullptr;
+        std::filesystem::rename("away", "product.conf");
+        const logs::Record record = logs::records().back();
+        const std::string error = strerror(EXDEV);
+        EXPECT_EQ(error, record.text.substr(record.text.size() - std::min(record.text.size(), error.size())));
+        if (record.type == ZOLTLOG_MSG_CONTEXT) {
+            EXPECT_NE(std::string::npos, record.rest.find(error)) << record.rest;
+        }
+    }
+}
+
 TEST_F(WriteMessages, ATextThatCannotBeFormattedLeavesTheMessageWithoutText) {
     lis::failTextV = -3;
     EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "x"));
@@ -1092,6 +1141,28 @@ TEST_F(WriteMessages, AContextThatFailsHoldsNothing) {
     EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
     handle.noContext = 1;
     expectClosed("a parent that cannot log");
+}
+
+TEST_F(WriteMessages, AContextWhoseRecordCannotBeWrittenStaysAPlainHandle) {
+    LogHandle context;
+    const int descriptor = handle.file->file.descriptor;
+    handle.file->file.descriptor = 1000; // nothing is open there
+    EXPECT_EQ(5u, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
+    handle.file->file.descriptor = descriptor;
+    EXPECT_EQ(0u, zoltLogAppMsg(&context, 0, 1, 0, "goes on"));
+    LogHandle inner;
+    EXPECT_EQ(0u, zoltLogCreateContext(&context, &inner, "T2", 0, "work"));
+    EXPECT_EQ(0u, zoltLogAppMsg(&inner, 0, 1, 0, "inside"));
+    const std::vector<logs::Record> records = logs::records();
+    ASSERT_EQ(3u, records.size());
+    EXPECT_EQ("goes on", records[0].text);
+    EXPECT_EQ("", records[0].token);
+    EXPECT_EQ("", records[1].token);
+    EXPECT_EQ("T2", records[2].token);
+    EXPECT_EQ(1u, zoltLogDestroyContext(&context));
+    EXPECT_EQ(3u, zoltLogDestroyContext(&context));
+    EXPECT_EQ(0u, zoltLogDestroyContext(&inner));
+    fresh();
 }
 
 TEST_F(WriteMessages, DestroyingAContextTwiceDoesNoHarm) {
