@@ -196,7 +196,7 @@ Looked look(Writer *writer) {
     if (status.st_nlink == 0)
         return Looked::GONE;
     const auto size = static_cast<uint64_t>(status.st_size);
-    if (size != writer->sizeThen + writer->ownSince && writer->readable && !writer->torn)
+    if (size != writer->sizeThen + writer->ownSince && writer->readable)
         writer->torn = endsInsideLine(descriptor);
     writer->sizeThen = size;
     writer->ownSince = 0;

@@ -108,15 +108,15 @@ bool endsInsideLine(int descriptor) {
     off_t size = 0;
     off_t before = -1;
     int same = 0;
-    for (int look = 0; look < LINE_END_LOOKS_AT_MOST; ++look, ++same) {
+    int enough = LINE_END_LOOKS;
+    for (int look = 0; look < LINE_END_LOOKS_AT_MOST; ++look) {
         if (!lacksLineFeed(descriptor, &size))
             return false;
-        if (size != before) // somebody is at it
-            same = 0;
+        same = size == before ? same + 1 : 0; // else somebody is at it
         before = size;
-        const int enough = waitForWrite(descriptor) ? LINE_END_LOOKS_BETWEEN_WRITES : LINE_END_LOOKS;
-        if (same >= enough)
+        if (same >= enough) // at once, since the caller is to end the line before another goes on in it
             return true;
+        enough = waitForWrite(descriptor) ? LINE_END_LOOKS_BETWEEN_WRITES : LINE_END_LOOKS;
         sleepNs(LINE_END_WAIT_NS);
     }
     return false; // others go on writing

@@ -177,14 +177,18 @@ void expectTail(const char *name, const Sent &sent, bool gaps, const std::string
         ASSERT_EQ(numbers[i], numbers[i - 1] + 1) << setting << " " << name;
 }
 
+void removeFiles() {
+    if (support::exists("logs"))
+        for (const std::string &name : support::listFiles("logs"))
+            unlink(("logs/" + name).c_str());
+}
+
 enum class Beside { PROCESS, LOGSET_PROCESS, LOGSET_HANDLE };
 
 // A busy and a quiet sender at the same time, with recycling.
 void runBeside(Beside beside, unsigned keep, int64_t pauseUs, int64_t seconds) {
     const std::string setting = "keep " + std::to_string(keep) + ", pause " + std::to_string(pauseUs) + " us";
-    for (const std::string &name :
-         support::exists("logs") ? support::listFiles("logs") : std::vector<std::string>())
-        unlink(("logs/" + name).c_str());
+    removeFiles();
     configureRecycling(keep);
     const bool logset = beside != Beside::PROCESS;
     auto *sent = shared<Sent>(2);
@@ -289,6 +293,7 @@ int secondOfDay(const std::string &name) { // of a log set's file
 // Several processes on one log set with timed rollover share their files.
 void runTimed(int processes, int period, int64_t seconds, int64_t longestUs) {
     setenv("TZ", "UTC", 1);
+    removeFiles();
     configure("RolloverMode=Periodic\nRolloverPeriodInSeconds=" + std::to_string(period) + "\n");
     auto *sent = shared<Sent>(static_cast<size_t>(processes));
     ASSERT_NE(sent, nullptr);

@@ -1022,6 +1022,16 @@ TEST_F(WriteFileOpen, TornRecordOfAnotherIsEndedAfterAFailureOfOnesOwn) {
     EXPECT_EQ(textsIn(path(FIRST)), (Texts{"one", "", "two"}));
 }
 
+TEST_F(WriteFileOpen, TornRecordThatAnotherWentOnBehindIsNotEndedAgain) {
+    support::makeDirectory("logs");
+    support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n2,5,7,7,9,17093");
+    ASSERT_EQ(open(&handle, settings()), 0u);
+    appendTo(path(FIRST), "glued\n");
+    ASSERT_EQ(send(&handle, "one"), 0u);
+    EXPECT_EQ(textsIn(path(FIRST)), (Texts{"", "one"}));
+    EXPECT_EQ(support::readFile(path(FIRST)).find("\n\n"), std::string::npos);
+}
+
 TEST_F(WriteFileOpen, TornRecordIsEndedOnceByAllItsWriters) {
     LogHandle second;
     ASSERT_EQ(open(&handle, logsetSettings()), 0u);
