@@ -22,8 +22,8 @@
  * A file is read once, whole, when its locale is first needed; one that is not there, cut
  * or damaged then is missing until the process ends, and its locale's parents serve. What
  * a file holds never makes a program crash. Install a new one beside the old and rename
- * it (genrb writes in place; `qdliscat install` does this): whoever reads meanwhile has
- * the whole old one or the whole new one.
+ * it (genrb writes in place): whoever reads meanwhile has the whole old one or the whole
+ * new one.
  *
  * Results are those of zoltlis.h, ZOLTLIS_...:
  *     _NO_MORE           there is no item, or no further one
