@@ -1574,11 +1574,11 @@ LogContextEntry *SearchContextTitleInList(const LogContextKey *key, const char *
  * zoltLogFetchNextFileEx: the next entry whose file can be opened, has a header that is
  * understood and passes listing->query (null: everything passes). The entry stays the
  * listing's. ZOLTLOG_INVALID_ARGUMENT: no listing or place; ZOLTLOG_NO_MEMORY (the file is not
- * lost: the next call gives it); ZOLTLOG_NO_MORE: no further file, again and again. A file with another header version sets listing->unsupportedHeader. A file that is not a
- * regular one is judged by the modification time of the file before it. zoltLogFetchNextFile: the same,
- * giving the path in a zeroed buffer of 8192 bytes that the caller releases with zoltLogFreeBuffer;
- * ZOLTLOG_NO_MEMORY (the file is not lost: the next call gives it). zoltLogFreeBuffer: frees the buffer, if
- * any, and sets the pointer to null.
+ * lost: the next call gives it); ZOLTLOG_NO_MORE: no further file, again and again. A file with another
+ * header version sets listing->unsupportedHeader. A file that is not a regular one is judged by the
+ * modification time of the file before it. zoltLogFetchNextFile: the same, giving the path in a zeroed buffer
+ * of 8192 bytes that the caller releases with zoltLogFreeBuffer; ZOLTLOG_NO_MEMORY (the file is not lost: the
+ * next call gives it). zoltLogFreeBuffer: frees the buffer, if any, and sets the pointer to null.
  */
 uint32_t zoltLogGetManageableLogFiles(uint64_t productId, uint64_t originatorId, LogListing *listing);
 uint32_t zoltLogGetManageableLogFilesSL(uint64_t productId, const char *logsetName, LogListing *listing);
