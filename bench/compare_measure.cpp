@@ -6,6 +6,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <filesystem>
 #include <numeric>
@@ -13,7 +14,6 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <thread>
-#include <time.h>
 #include <unistd.h>
 
 Settings settings;
@@ -89,11 +89,13 @@ void lockedBaseLoop(int descriptor, int number) {
     pthread_mutex_unlock(&mutex);
 }
 
+namespace {
+
 // ---- measuring ---------------------------------------------------------------------------
 
 // One thread is a thread beside the waiting main one too: a write costs more in a process
 // of several threads, whoever writes.
-static double throughput(const Contender &contender, int threads) {
+double throughput(const Contender &contender, int threads) {
     const int each = 2 * settings.messages / threads;
     std::atomic<int> ready{0};
     std::atomic<bool> go{false};
@@ -115,13 +117,17 @@ static double throughput(const Contender &contender, int threads) {
     return static_cast<double>(now() - start) / (static_cast<double>(each) * threads);
 }
 
+} // namespace
+
 using Log = std::function<void(int number)>;
 
-static double mean(const std::vector<double> &values) {
+namespace {
+
+double mean(const std::vector<double> &values) {
     return std::accumulate(values.begin(), values.end(), 0.0) / static_cast<double>(values.size());
 }
 
-static void timeCalls(const Log &log, size_t count, double clock, std::vector<double> &calls) {
+void timeCalls(const Log &log, size_t count, double clock, std::vector<double> &calls) {
     for (size_t i = 0; i < count; ++i) {
         const int number = static_cast<int>(calls.size());
         const int64_t start = now();
@@ -129,6 +135,8 @@ static void timeCalls(const Log &log, size_t count, double clock, std::vector<do
         calls.push_back(static_cast<double>(now() - start) - clock);
     }
 }
+
+} // namespace
 
 void measure(const Contender &contender, double clock, Figures &figures) {
     constexpr size_t TURN = 500; // calls; the first ones of a turn, which find the caches cold, are few

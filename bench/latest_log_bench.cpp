@@ -13,7 +13,11 @@
 #include <string>
 #include <unistd.h>
 
-static const int FILES = 100000;
+namespace {
+
+const int FILES = 100000;
+
+} // namespace
 
 // Directories of the bench, removed at its end.
 struct Directories {
@@ -33,14 +37,16 @@ struct Directories {
     std::string path;
 };
 
-static std::string makeDirectory(const char *name) {
+namespace {
+
+std::string makeDirectory(const char *name) {
     static const Directories directories;
     std::string path = directories.path + "/" + name;
     std::filesystem::create_directory(path);
     return path + "/";
 }
 
-static void makeFile(const std::string &path) {
+void makeFile(const std::string &path) {
     const int file = open(path.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
     if (file == -1)
         std::abort();
@@ -48,7 +54,7 @@ static void makeFile(const std::string &path) {
 }
 
 // Files of product 5 with dates over three years; every one of originator 7 when own.
-static std::string originatorFiles(bool own) {
+std::string originatorFiles(bool own) {
     std::string path = makeDirectory(own ? "own" : "mixed");
     const unsigned long host = osGetHostID();
     std::mt19937 random(1);
@@ -62,7 +68,7 @@ static std::string originatorFiles(bool own) {
     return path;
 }
 
-static std::string logSetFiles() {
+std::string logSetFiles() {
     std::string path = makeDirectory("set");
     std::mt19937 random(1);
     for (int i = 0; i < FILES; ++i) {
@@ -76,7 +82,7 @@ static std::string logSetFiles() {
     return path;
 }
 
-static size_t bareLoop(const std::string &path) {
+size_t bareLoop(const std::string &path) {
     size_t length = 0;
     DIR *directory = opendir(path.c_str());
     while (const struct dirent *entry = readdir(directory))
@@ -86,7 +92,7 @@ static size_t bareLoop(const std::string &path) {
 }
 
 template<typename Search>
-static void measure(benchmark::State &state, const std::string &path, Search search) {
+void measure(benchmark::State &state, const std::string &path, Search search) {
     using Clock = std::chrono::steady_clock;
     Clock::duration searched{};
     Clock::duration looped{};
@@ -111,28 +117,41 @@ static void measure(benchmark::State &state, const std::string &path, Search sea
         std::chrono::duration<double, std::milli>(looped).count() / static_cast<double>(state.iterations());
 }
 
-static int searchOriginator(const char *path, LogFileEntry **entry) {
+int searchOriginator(const char *path, LogFileEntry **entry) {
     return zoltLogFindLatestLog(path, 5, 7, 0, 0, entry);
 }
 
-static void latestOfOneSeries(benchmark::State &state) {
+void latestOfOneSeries(benchmark::State &state) {
     static const std::string path = originatorFiles(true);
     measure(state, path, searchOriginator);
 }
+
+} // namespace
+
 BENCHMARK(latestOfOneSeries)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1);
 
-static void latestAmongOtherSeries(benchmark::State &state) {
+namespace {
+
+void latestAmongOtherSeries(benchmark::State &state) {
     static const std::string path = originatorFiles(false);
     measure(state, path, searchOriginator);
 }
+
+} // namespace
+
 BENCHMARK(latestAmongOtherSeries)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1);
 
-static void latestOfALogSet(benchmark::State &state) {
+namespace {
+
+void latestOfALogSet(benchmark::State &state) {
     static const std::string path = logSetFiles();
     measure(state, path, [](const char *directory, LogFileEntry **entry) {
         return zoltLogFindLatestLogSL(directory, 5, "backup", 0, 0, entry);
     });
 }
+
+} // namespace
+
 BENCHMARK(latestOfALogSet)->UseManualTime()->Unit(benchmark::kMillisecond)->MinTime(1);
 
 BENCHMARK_MAIN();

@@ -5,13 +5,13 @@
 #include "owned.h"
 #include "utf8.h"
 
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <cwchar>
 #include <langinfo.h>
-#include <limits.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <string.h>
-#include <time.h>
-#include <wchar.h>
 
 namespace {
 
@@ -22,20 +22,18 @@ struct Line {
     bool failed = false;
 };
 
-} // namespace
+const size_t LONGEST_PIECE = 64; // of appendFormatted
 
-static const size_t LONGEST_PIECE = 64; // of appendFormatted
-
-static void append(Line *line, const char *bytes, size_t count) {
+void append(Line *line, const char *bytes, size_t count) {
     line->failed = line->failed || !line->text.append(bytes, count);
 }
 
-static void append(Line *line, const char *text) {
+void append(Line *line, const char *text) {
     append(line, text, strlen(text));
 }
 
-static void appendFormatted(Line *line, const char *format, ...) __attribute__((format(printf, 2, 3)));
-static void appendFormatted(Line *line, const char *format, ...) {
+void appendFormatted(Line *line, const char *format, ...) __attribute__((format(printf, 2, 3)));
+void appendFormatted(Line *line, const char *format, ...) {
     char piece[LONGEST_PIECE];
     va_list args;
     va_start(args, format);
@@ -47,7 +45,7 @@ static void appendFormatted(Line *line, const char *format, ...) {
 }
 
 // A blank before every part but the first
-static void startPart(Line *line) {
+void startPart(Line *line) {
     if (line->text.count > 0)
         append(line, " ");
 }
@@ -55,13 +53,13 @@ static void startPart(Line *line) {
 // ---- texts ---------------------------------------------------------------------
 
 // Characters that end lines, drive terminals or turn the direction of writing
-static bool isUnsafe(uint32_t character) {
+bool isUnsafe(uint32_t character) {
     return character < 0x20 || (character >= 0x7f && character <= 0x9f) || character == 0x061c ||
            character == 0x200e || character == 0x200f || (character >= 0x2028 && character <= 0x202e) ||
            (character >= 0x2066 && character <= 0x2069);
 }
 
-static void appendEscaped(Line *line, uint32_t character) {
+void appendEscaped(Line *line, uint32_t character) {
     switch (character) {
     case '\n':
         append(line, "\\n");
@@ -82,7 +80,7 @@ static void appendEscaped(Line *line, uint32_t character) {
 }
 
 // The length of the well-formed UTF-8 character at text, 0 when there is none.
-static size_t decodeUtf8(const char *text, uint32_t *character) {
+size_t decodeUtf8(const char *text, uint32_t *character) {
     size_t length = 0;
     const int32_t found = nextUtf8(text, &length, SIZE_MAX); // text ends in a zero
     if (found < 0)
@@ -92,7 +90,7 @@ static size_t decodeUtf8(const char *text, uint32_t *character) {
 }
 
 // The same for a character of the locale's encoding
-static size_t decodeLocal(const char *text, uint32_t *character) {
+size_t decodeLocal(const char *text, uint32_t *character) {
     mbstate_t state = {};
     wchar_t wide = 0;
     const size_t length = mbrtowc(&wide, text, MB_CUR_MAX, &state);
@@ -103,14 +101,14 @@ static size_t decodeLocal(const char *text, uint32_t *character) {
     return length;
 }
 
-static bool localeIsUtf8OrPlain() {
+bool localeIsUtf8OrPlain() {
     const char *codeset = nl_langinfo(CODESET);
     return strcmp(codeset, "UTF-8") == 0 || strcmp(codeset, "ANSI_X3.4-1968") == 0;
 }
 
 // A text of the record, in UTF-8 or in the locale's encoding, made safe and in
 // the locale's encoding.
-static void appendText(Line *line, const char *text, bool utf8) {
+void appendText(Line *line, const char *text, bool utf8) {
     const bool localUtf8 = localeIsUtf8OrPlain();
     const char *plainFrom = text; // what is copied as it is, a run at a time
     while (*text != '\0') {
@@ -144,7 +142,7 @@ static void appendText(Line *line, const char *text, bool utf8) {
 
 // ---- parts of a line -------------------------------------------------------------
 
-static void appendTime(Line *line, uint64_t milliseconds) {
+void appendTime(Line *line, uint64_t milliseconds) {
     const auto seconds = static_cast<time_t>(milliseconds / 1000);
     struct tm local;
     if (localtime_r(&seconds, &local) == nullptr) { // a year that does not fit
@@ -159,7 +157,7 @@ static void appendTime(Line *line, uint64_t milliseconds) {
                     magnitude % 60);
 }
 
-static void appendKind(Line *line, const LogMsg *msg) {
+void appendKind(Line *line, const LogMsg *msg) {
     static const char *const severities[] = {"INFO", "WARNING", "ERROR", "CRITICAL", "EMERGENCY"};
     startPart(line);
     switch (msg->type) {
@@ -189,7 +187,7 @@ static void appendKind(Line *line, const LogMsg *msg) {
     }
 }
 
-static void appendSource(Line *line, const LogMsg *msg, bool utf8) {
+void appendSource(Line *line, const LogMsg *msg, bool utf8) {
     if (msg->type == ZOLTLOG_MSG_AUDIT || msg->type == ZOLTLOG_MSG_SECURE_AUDIT) {
         startPart(line);
         append(line, "subject=");
@@ -215,7 +213,7 @@ static void appendSource(Line *line, const LogMsg *msg, bool utf8) {
 
 // The wording of a record that has only its localization block, whole: what the
 // measuring pass tells is a bound for most, and a large number passes it.
-static LogOwned<char> textOfBlock(ZoltLisBlock *block) {
+LogOwned<char> textOfBlock(ZoltLisBlock *block) {
     size_t size = 0;
     (void)strncatlis(nullptr, &size, block);
     if (size == 0 || size == SIZE_MAX)
@@ -230,9 +228,11 @@ static LogOwned<char> textOfBlock(ZoltLisBlock *block) {
     }
 }
 
-static bool isEmpty(const ZoltLisBlock &block) {
+bool isEmpty(const ZoltLisBlock &block) {
     return (block.word[0] | block.word[1] | block.word[2]) == 0;
 }
+
+} // namespace
 
 // --------------------------------------------------------------------------------
 

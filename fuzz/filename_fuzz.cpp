@@ -13,14 +13,16 @@
 #include <unistd.h>
 #include <vector>
 
-static void require(bool holds, const char *what) {
+namespace {
+
+void require(bool holds, const char *what) {
     if (!holds) {
         fprintf(stderr, "does not hold: %s\n", what);
         abort();
     }
 }
 
-static std::vector<std::string> tokensOf(std::string name) {
+std::vector<std::string> tokensOf(std::string name) {
     std::vector<std::string> tokens;
     char *rest = nullptr;
     for (char *token = strtok_r(name.data(), "-", &rest); token != nullptr;
@@ -29,11 +31,11 @@ static std::vector<std::string> tokensOf(std::string name) {
     return tokens;
 }
 
-static uint64_t numberOf(const std::string &token) {
+uint64_t numberOf(const std::string &token) {
     return static_cast<uint64_t>(strtol(token.c_str(), nullptr, 10));
 }
 
-static void checkSplitting(const std::string &name) {
+void checkSplitting(const std::string &name) {
     const std::vector<std::string> tokens = tokensOf(name.c_str());
     uint64_t product = 0;
     uint64_t originator = 0;
@@ -55,6 +57,8 @@ static void checkSplitting(const std::string &name) {
     require(stamp == dateTime, "time of a log set");
 }
 
+} // namespace
+
 // ---- the latest file of a directory that holds the name and one other
 
 // A directory of this process, removed at its end.
@@ -74,28 +78,34 @@ struct Directory {
     std::string path;
 };
 
-static const char RIVAL_REST[] = "140305-0000000005.log";
-static const char RIVAL_SET[] = "5-s-140305101500.log";
+namespace {
 
-static std::string path(const std::string &name) {
+const char RIVAL_REST[] = "140305-0000000005.log";
+const char RIVAL_SET[] = "5-s-140305101500.log";
+
+std::string path(const std::string &name) {
     static const Directory directory;
     return directory.path + "/" + name;
 }
 
-static bool makeFile(const std::string &name) {
+bool makeFile(const std::string &name) {
     const int file = open(path(name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
     if (file != -1)
         close(file);
     return file != -1;
 }
 
+} // namespace
+
 struct Judged {
     time_t time;
     unsigned long counter;
 };
 
+namespace {
+
 // The name's date and counter as scanf and mktime have them; time -1 for none.
-static Judged judge(const char *name) {
+Judged judge(const char *name) {
     Judged result = {-1, 0};
     struct tm date = {};
     if (sscanf(name, "%*u-%*u-%*u-%2d%2d%2d-%10lu.", &date.tm_year, &date.tm_mon, &date.tm_mday,
@@ -107,7 +117,7 @@ static Judged judge(const char *name) {
     return result;
 }
 
-static void checkLatest(const std::string &rest) {
+void checkLatest(const std::string &rest) {
     static const std::string prefix = "5-7-" + std::to_string(osGetHostID()) + "-";
     static bool ready;
     if (!ready) {
@@ -144,6 +154,8 @@ static void checkLatest(const std::string &rest) {
     unlink(path(name).c_str());
     unlink(path(nameOfSet).c_str());
 }
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string name(reinterpret_cast<const char *>(data), size);

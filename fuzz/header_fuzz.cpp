@@ -9,9 +9,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-static const size_t LONGEST_HEADER_LINE = 65536;
+namespace {
 
-static void require(bool holds, const char *what) {
+const size_t LONGEST_HEADER_LINE = 65536;
+
+void require(bool holds, const char *what) {
     if (!holds) {
         fprintf(stderr, "does not hold: %s\n", what);
         abort();
@@ -19,14 +21,14 @@ static void require(bool holds, const char *what) {
 }
 
 // A line as readers give it: its carriage returns are line feeds.
-static std::string lineFeedsFor(std::string line) {
+std::string lineFeedsFor(std::string line) {
     for (char &c : line)
         if (c == '\r')
             c = '\n';
     return line;
 }
 
-static uint32_t expectedHeader(const std::string &line, LogFileHeader *header) {
+uint32_t expectedHeader(const std::string &line, LogFileHeader *header) {
     char word[21] = "";
     *header = {};
     header->tzOffset = -1;
@@ -53,7 +55,7 @@ static uint32_t expectedHeader(const std::string &line, LogFileHeader *header) {
     }
 }
 
-static void compare(const LogFileHeader &a, const LogFileHeader &b) {
+void compare(const LogFileHeader &a, const LogFileHeader &b) {
     require(a.version == b.version, "version");
     require(a.productId == b.productId, "product id");
     require(a.originatorId == b.originatorId, "originator id");
@@ -61,6 +63,8 @@ static void compare(const LogFileHeader &a, const LogFileHeader &b) {
     require(a.tzOffset == b.tzOffset, "offset");
     require(memcmp(a.hostName, b.hostName, sizeof a.hostName) == 0, "host name");
 }
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     const std::string bytes(reinterpret_cast<const char *>(data), size);

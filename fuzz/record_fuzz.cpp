@@ -9,18 +9,20 @@
 
 using namespace tools;
 
-static void require(bool holds) {
+namespace {
+
+void require(bool holds) {
     if (!holds)
         std::abort();
 }
 
 // A view must lie in the line that it was read from.
-static void requireInside(std::string_view line, std::string_view part) {
+void requireInside(std::string_view line, std::string_view part) {
     if (!part.empty())
         require(part.data() >= line.data() && part.data() + part.size() <= line.data() + line.size());
 }
 
-static void tryLine(std::string_view line, uint64_t version) {
+void tryLine(std::string_view line, uint64_t version) {
     Record record;
     Fault fault;
     int64_t time = 0;
@@ -53,6 +55,8 @@ static void tryLine(std::string_view line, uint64_t version) {
         require(!parseRecord(line.substr(0, line.size() - 1), version, shorter, fault));
     }
 }
+
+} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0)

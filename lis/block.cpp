@@ -2,7 +2,7 @@
 
 #include "lis.h"
 
-#include <stdlib.h>
+#include <cstdlib>
 
 namespace {
 

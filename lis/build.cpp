@@ -3,8 +3,8 @@
 #include "lis.h"
 #include "qdlis.h"
 
-#include <errno.h>
-#include <stdlib.h>
+#include <cerrno>
+#include <cstdlib>
 
 namespace {
 

@@ -22,10 +22,10 @@
 
 #include "bundle.h"
 
-#include <errno.h>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unicode/uloc.h>
 #include <unistd.h>

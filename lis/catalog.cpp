@@ -16,15 +16,15 @@
 #include "lis.h"
 #include "utf8.h"
 
+#include <climits>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cwchar>
 #include <langinfo.h>
-#include <limits.h>
-#include <locale.h>
 #include <pthread.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <unicode/ustring.h>
 #include <unistd.h>
-#include <wchar.h>
 
 // A piece of a message: ready text items (the conversion's letter is NUL), at an
 // offset of the message's texts, or a shown argument.

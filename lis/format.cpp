@@ -13,11 +13,11 @@
 
 #include "lis.h"
 
+#include <cerrno>
 #include <charconv>
-#include <errno.h>
-#include <limits.h>
-#include <stdio.h>
-#include <stdlib.h>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
 
 namespace {
 

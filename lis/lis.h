@@ -10,11 +10,11 @@
 // Later files use earlier ones, never the other way round.
 #pragma once
 
-#include <stdarg.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <string.h>
-#include <wchar.h>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <cwchar>
 
 #include "zoltlis.h"
 

@@ -2,9 +2,9 @@
 
 #include "lis.h"
 
+#include <cerrno>
 #include <charconv>
-#include <errno.h>
-#include <stdlib.h>
+#include <cstdlib>
 
 #include "qdlis.h"
 

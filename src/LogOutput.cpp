@@ -1,10 +1,14 @@
 #include "SharedLibrary.h"
 
-#include <stdio.h>
+#include <cstdio>
 
-static bool goesToStandardError(uint32_t type) {
+namespace {
+
+bool goesToStandardError(uint32_t type) {
     return type == ZOLTLOG_MSG_DIAG || type == ZOLTLOG_MSG_APP;
 }
+
+} // namespace
 
 uint32_t LogOutputBasedOnFlags(LogHandle *handle, LogMsg *msg, uint32_t flags) {
     if (handle == nullptr || msg == nullptr)

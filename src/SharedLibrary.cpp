@@ -4,8 +4,12 @@
 
 #include <dlfcn.h>
 
-static const char FORMATTER_LIBRARY[] = "libzoltLogFormatMsg";
-static const char FORMATTER_ENTRY[] = "LogFormatMessage";
+namespace {
+
+const char FORMATTER_LIBRARY[] = "libzoltLogFormatMsg";
+const char FORMATTER_ENTRY[] = "LogFormatMessage";
+
+} // namespace
 
 void *sh_handle;
 LogFormatter *fmtLib;
@@ -45,12 +49,16 @@ int32_t SharedLibResolveFunc(void *library, const char *symbol, void **function)
     return ZOLTLOG_OS_OK;
 }
 
+namespace {
+
 // Writes an exported word, unless the host has something else of that name.
 template<typename Word>
-static void writeWord(Word **word, Word *value) {
+void writeWord(Word **word, Word *value) {
     if (hasSize(word, sizeof *word))
         *word = value;
 }
+
+} // namespace
 
 FormatterState renderWithFormatter(LogFormatter **slot, const FormatterRequest &request, uint32_t *result,
                                    char **text) {

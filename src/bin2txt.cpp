@@ -8,8 +8,8 @@
 #include "cmn_routines.h"
 #include "text_msg.h"
 
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 
 // ---- numbers -------------------------------------------------------------------
 
@@ -33,12 +33,14 @@ uint32_t bin2txt_sev(uint32_t severity, TextBuffer *buffer) {
     return bin2txt_int(static_cast<int32_t>(severity), buffer);
 }
 
+namespace {
+
 // ---- strings -------------------------------------------------------------------
 
-static const char UNPROCESSABLE[] = "**UNABLE TO PROCESS LOG MESSAGE**";
+const char UNPROCESSABLE[] = "**UNABLE TO PROCESS LOG MESSAGE**";
 
 // tag, length ":" bytes "|". A length has 32 bits.
-static uint32_t putCounted(TextBuffer *buffer, const char *tag, const char *bytes, size_t size) {
+uint32_t putCounted(TextBuffer *buffer, const char *tag, const char *bytes, size_t size) {
     const uint32_t length = static_cast<uint32_t>(size);
     char *at = reserve(buffer, strlen(tag) + MAX_DECIMAL + 1 + length + 1);
     if (at == nullptr)
@@ -53,16 +55,20 @@ static uint32_t putCounted(TextBuffer *buffer, const char *tag, const char *byte
     return ZOLTLOG_OK;
 }
 
+} // namespace
+
 // What there is among the bytes of a text.
 struct Contents {
     bool high;    // a byte of 128 or more
     bool special; // a line feed or a NUL
 };
 
+namespace {
+
 // Copies a text and looks at the very bytes that it copies: the text belongs to the host,
 // whose other threads may write to it meanwhile. Sixteen bytes at a time: a message takes
 // 1.019 times as long byte by byte.
-static Contents copyAndLook(char *to, const char *from, size_t length) {
+Contents copyAndLook(char *to, const char *from, size_t length) {
     typedef unsigned char Sixteen __attribute__((vector_size(16)));
     typedef Sixteen Anywhere __attribute__((aligned(1), may_alias));
     const volatile char *const bytesOfHost = from; // each is read once
@@ -97,6 +103,8 @@ static Contents copyAndLook(char *to, const char *from, size_t length) {
     return found;
 }
 
+} // namespace
+
 // A string that goes into a record. Its size is taken once, for the reason told above.
 struct Source {
     explicit Source(const char *string)
@@ -106,13 +114,15 @@ struct Source {
     const size_t size;
 };
 
-static void endLines(char *bytes, size_t length) {
+namespace {
+
+void endLines(char *bytes, size_t length) {
     char *const end = bytes + length;
     while ((bytes = static_cast<char *>(memchr(bytes, '\n', static_cast<size_t>(end - bytes)))) != nullptr)
         *bytes++ = '\r';
 }
 
-static bool isUtf8Already(const char *bytes, size_t length, StringForm form) {
+bool isUtf8Already(const char *bytes, size_t length, StringForm form) {
     switch (form) {
     case StringForm::UTF8:
         return true;
@@ -125,8 +135,8 @@ static bool isUtf8Already(const char *bytes, size_t length, StringForm form) {
 
 // What putString leaves to be done: the string's bytes were copied to where a field that
 // begins at field has them, but they cannot stay as they are.
-[[gnu::noinline]] static char *reworkString(TextBuffer *buffer, char *field, char *bytes, size_t length,
-                                            StringForm form, uint64_t after) {
+[[gnu::noinline]] char *reworkString(TextBuffer *buffer, char *field, char *bytes, size_t length,
+                                     StringForm form, uint64_t after) {
     length = strnlen(bytes, length); // it has become shorter
     bytes[length] = '\0';
     char *converted = nullptr;
@@ -156,7 +166,7 @@ static bool isUtf8Already(const char *bytes, size_t length, StringForm form) {
 
 // length ":" bytes ",", where room for them and for after bytes more is reserved. The
 // bytes are looked at in the record, where nobody changes them. Null when memory ends.
-static char *putString(TextBuffer *buffer, char *at, const Source &source, StringForm form, uint64_t after) {
+char *putString(TextBuffer *buffer, char *at, const Source &source, StringForm form, uint64_t after) {
     char *const field = at;
     const auto length = static_cast<uint32_t>(source.size);
     at = putUnsigned(at, length);
@@ -173,9 +183,9 @@ static char *putString(TextBuffer *buffer, char *at, const Source &source, Strin
 
 // ---- argument blocks -----------------------------------------------------------
 
-static const size_t MAX_DOUBLE = 400; // "%f": 309 digits, sign, point of any locale, 6 digits
+const size_t MAX_DOUBLE = 400; // "%f": 309 digits, sign, point of any locale, 6 digits
 
-static uint32_t putNumber(TextBuffer *buffer, const char *tag, bool isSigned, uint64_t value) {
+uint32_t putNumber(TextBuffer *buffer, const char *tag, bool isSigned, uint64_t value) {
     char *at = reserve(buffer, strlen(tag) + MAX_DECIMAL + 1);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
@@ -188,7 +198,7 @@ static uint32_t putNumber(TextBuffer *buffer, const char *tag, bool isSigned, ui
 
 // KEPT: a double has the decimal point of the process's locale (LC_NUMERIC), which
 // is a comma in some. Pinned by RecordEncoding.DoublesFollowTheNumericLocale.
-static uint32_t putDouble(TextBuffer *buffer, double value) {
+uint32_t putDouble(TextBuffer *buffer, double value) {
     char *at = reserve(buffer, MAX_DOUBLE);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
@@ -200,11 +210,11 @@ static uint32_t putDouble(TextBuffer *buffer, double value) {
 }
 
 // The bytes of one character, or -1 when it is none. NUL has none, as in a string.
-static int encodeUtf8(wchar_t wide, char *out) {
+int encodeUtf8(wchar_t wide, char *out) {
     return wide == L'\0' ? 0 : putUtf8(wide, out);
 }
 
-static uint32_t putWideString(TextBuffer *buffer, const wchar_t *wide) {
+uint32_t putWideString(TextBuffer *buffer, const wchar_t *wide) {
     if (wide == nullptr)
         return putCounted(buffer, "A", nullptr, 0);
     char *text = nullptr;
@@ -216,9 +226,9 @@ static uint32_t putWideString(TextBuffer *buffer, const wchar_t *wide) {
     return result;
 }
 
-static uint32_t putBlock(TextBuffer *buffer, ZoltLisBlock *block, unsigned depth);
+uint32_t putBlock(TextBuffer *buffer, ZoltLisBlock *block, unsigned depth);
 
-static uint32_t putArgument(TextBuffer *buffer, ZoltLisIterator *argument, unsigned depth) {
+uint32_t putArgument(TextBuffer *buffer, ZoltLisIterator *argument, unsigned depth) {
     uint32_t kind = 0;
     if (zoltLisGetArgTypeId(argument, &kind) != 0)
         return ZOLTLOG_FAILED;
@@ -299,11 +309,11 @@ static uint32_t putArgument(TextBuffer *buffer, ZoltLisIterator *argument, unsig
     }
 }
 
-static bool isEmpty(const ZoltLisBlock *block) {
+bool isEmpty(const ZoltLisBlock *block) {
     return (block->word[0] | block->word[1] | block->word[2]) == 0;
 }
 
-static uint32_t append(TextBuffer *buffer, const char *text, size_t length) {
+uint32_t append(TextBuffer *buffer, const char *text, size_t length) {
     char *at = reserve(buffer, length);
     if (at == nullptr)
         return ZOLTLOG_NO_MEMORY;
@@ -311,7 +321,7 @@ static uint32_t append(TextBuffer *buffer, const char *text, size_t length) {
     return ZOLTLOG_OK;
 }
 
-static uint32_t putBlock(TextBuffer *buffer, ZoltLisBlock *block, unsigned depth) {
+uint32_t putBlock(TextBuffer *buffer, ZoltLisBlock *block, unsigned depth) {
     if (isEmpty(block))
         return append(buffer, "(0|),", 5);
     int64_t identity = 0;
@@ -329,27 +339,27 @@ static uint32_t putBlock(TextBuffer *buffer, ZoltLisBlock *block, unsigned depth
 
 // ---- the record ----------------------------------------------------------------
 
-static const char EMPTY_BLOCK_END[] = "(0|)\n";
+const char EMPTY_BLOCK_END[] = "(0|)\n";
 
 // Most bytes of a record besides its strings and its block: eight numbers in front;
 // behind them three lengths and a number, each with its separators, and the end.
-static const uint64_t REST_ROOM = 4 * (MAX_DECIMAL + 2) + sizeof EMPTY_BLOCK_END;
-static const uint64_t MOST_NUMBERS = 8 * (MAX_DECIMAL + 1) + REST_ROOM;
+const uint64_t REST_ROOM = 4 * (MAX_DECIMAL + 2) + sizeof EMPTY_BLOCK_END;
+const uint64_t MOST_NUMBERS = 8 * (MAX_DECIMAL + 1) + REST_ROOM;
 
-static char *putField(char *at, uint64_t value) {
+char *putField(char *at, uint64_t value) {
     at = putUnsigned(at, value);
     *at++ = ',';
     return at;
 }
 
-static char *putSignedField(char *at, int64_t value) {
+char *putSignedField(char *at, int64_t value) {
     at = putSigned(at, value);
     *at++ = ',';
     return at;
 }
 
 // A message takes 1.022 times as long when these numbers are written anew for each.
-static char *putIdentity(char *at, const LogMsg *msg, RecordIdentity *last) {
+char *putIdentity(char *at, const LogMsg *msg, RecordIdentity *last) {
     if (last->length == 0 || last->process != msg->processId || last->thread != msg->threadId) {
         char *const end = putField(putField(last->text, msg->processId), msg->threadId);
         last->length = static_cast<uint64_t>(end - last->text);
@@ -360,7 +370,7 @@ static char *putIdentity(char *at, const LogMsg *msg, RecordIdentity *last) {
     return at + last->length;
 }
 
-static char *putPrefix(char *at, const LogMsg *msg, RecordIdentity *last) {
+char *putPrefix(char *at, const LogMsg *msg, RecordIdentity *last) {
     // KEPT: records of the older versions have no numbers in front. Pinned by
     // RecordEncoding.OlderVersionsHaveNoPrefix.
     if (msg->recordVersion <= ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX)
@@ -377,6 +387,8 @@ static char *putPrefix(char *at, const LogMsg *msg, RecordIdentity *last) {
     return putIdentity(at, msg, last);
 }
 
+} // namespace
+
 // What follows the text of a message, by its type.
 struct TypeFields {
     bool hasString;
@@ -386,8 +398,10 @@ struct TypeFields {
     const char *string;
 };
 
+namespace {
+
 // False for a message that no file takes.
-static bool typeFieldsOf(const LogMsg *msg, TypeFields *fields) {
+bool typeFieldsOf(const LogMsg *msg, TypeFields *fields) {
     switch (msg->type) {
     case ZOLTLOG_MSG_DEBUG:
         *fields = {true, true, false, msg->attr.level, msg->who};
@@ -414,8 +428,8 @@ static bool typeFieldsOf(const LogMsg *msg, TypeFields *fields) {
 
 // The record but for what its localization block holds: with an empty block, or none, it
 // is whole.
-static uint32_t putFields(TextBuffer *buffer, const LogMsg *msg, const TypeFields &fields,
-                          RecordIdentity *identity) {
+uint32_t putFields(TextBuffer *buffer, const LogMsg *msg, const TypeFields &fields,
+                   RecordIdentity *identity) {
     const StringForm form = stringFormOf(msg->utf8);
     const Source token(msg->contextToken);
     const Source text(msg->text);
@@ -440,6 +454,8 @@ static uint32_t putFields(TextBuffer *buffer, const LogMsg *msg, const TypeField
     textEndsAt(buffer, at);
     return ZOLTLOG_OK;
 }
+
+} // namespace
 
 uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, RecordIdentity *identity) {
     startText(buffer);

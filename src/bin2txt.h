@@ -7,7 +7,7 @@
 #include "text_msg.h"
 #include "zoltlog.h"
 
-#include <stdint.h>
+#include <cstdint>
 
 // ---- strings --------------------------------------------------------------------------
 

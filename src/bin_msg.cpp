@@ -5,26 +5,27 @@
 #include "lockUnix.h"
 #include "os_process.h"
 
-#include <string.h>
+#include <cstring>
 #include <sys/time.h>
 
+namespace {
+
 // Sets of message types, for the getters
-static constexpr uint32_t only(uint32_t type) {
+constexpr uint32_t only(uint32_t type) {
     return 1u << type;
 }
-static constexpr uint32_t ANY_TYPE = 0; // also types that do not exist
-static constexpr uint32_t DEBUG_ONLY = only(ZOLTLOG_MSG_DEBUG);
-static constexpr uint32_t DIAG_ONLY = only(ZOLTLOG_MSG_DIAG);
-static constexpr uint32_t APP_ONLY = only(ZOLTLOG_MSG_APP);
-static constexpr uint32_t CONTEXT_ONLY = only(ZOLTLOG_MSG_CONTEXT);
-static constexpr uint32_t SECURE_AUDIT_ONLY = only(ZOLTLOG_MSG_SECURE_AUDIT);
-static constexpr uint32_t BOTH_AUDITS = only(ZOLTLOG_MSG_AUDIT) | SECURE_AUDIT_ONLY;
+constexpr uint32_t ANY_TYPE = 0; // also types that do not exist
+constexpr uint32_t DEBUG_ONLY = only(ZOLTLOG_MSG_DEBUG);
+constexpr uint32_t DIAG_ONLY = only(ZOLTLOG_MSG_DIAG);
+constexpr uint32_t APP_ONLY = only(ZOLTLOG_MSG_APP);
+constexpr uint32_t CONTEXT_ONLY = only(ZOLTLOG_MSG_CONTEXT);
+constexpr uint32_t SECURE_AUDIT_ONLY = only(ZOLTLOG_MSG_SECURE_AUDIT);
+constexpr uint32_t BOTH_AUDITS = only(ZOLTLOG_MSG_AUDIT) | SECURE_AUDIT_ONLY;
 
 // ---- initialisation and release ------------------------------------------------
 
 // Everything but the text.
-static uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type, uint64_t number,
-                                uint64_t thread) {
+uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type, uint64_t number, uint64_t thread) {
     memset(msg, 0, sizeof *msg);
     msg->type = type;
     msg->messageId = number;
@@ -41,6 +42,8 @@ static uint32_t initWithoutText(LogMsg *msg, LogHandle *handle, uint32_t type, u
         return zoltLogGetMsgContextAttrToken(&handle->contextMsg, &msg->contextToken);
     return ZOLTLOG_OK;
 }
+
+} // namespace
 
 uint64_t GetNextSequenceNumber(LogHandle *handle) {
     if (handle == nullptr)
@@ -99,17 +102,21 @@ uint32_t zoltLogFreeMsg(LogMsg *msg) {
     return released == 0 ? ZOLTLOG_OK : ZOLTLOG_FAILED;
 }
 
+namespace {
+
 // ---- attributes ----------------------------------------------------------------
 
 // KEPT: a level out of range is stored all the same, and told. Pinned by
 // MessageRecord.LevelsOutsideOneToSixAreStoredAndFail.
-static uint32_t setWhoAndLevel(LogMsg *msg, const char *who, uint32_t level) {
+uint32_t setWhoAndLevel(LogMsg *msg, const char *who, uint32_t level) {
     if (msg == nullptr || who == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     msg->who = const_cast<char *>(who);
     msg->attr.level = level;
     return level >= ZOLTLOG_LEVEL_FIRST && level <= ZOLTLOG_LEVEL_LAST ? ZOLTLOG_OK : ZOLTLOG_FAILED;
 }
+
+} // namespace
 
 uint32_t zoltLogSetDebugAttr(LogMsg *msg, const char *who, uint32_t level) {
     return setWhoAndLevel(msg, who, level);
@@ -163,14 +170,18 @@ uint32_t zoltLogSetContextAttr(LogMsg *msg, const char *token) {
     return ZOLTLOG_OK;
 }
 
+namespace {
+
 // ---- getters -------------------------------------------------------------------
 
 // Whether a getter that serves the given set of types may write to out.
-static bool mayRead(const LogMsg *msg, const void *out, uint32_t types) {
+bool mayRead(const LogMsg *msg, const void *out, uint32_t types) {
     if (msg == nullptr || out == nullptr)
         return false;
     return types == ANY_TYPE || (msg->type <= ZOLTLOG_MSG_SECURE_AUDIT && (types & only(msg->type)) != 0);
 }
+
+} // namespace
 
 // One row each: name, type of the value, message types that have it, field of LogMsg.
 // clang-format off

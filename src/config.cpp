@@ -12,14 +12,16 @@
 
 #include "cmn_routines.h"
 
-#include <string.h>
+#include <cstring>
 
-static const uint32_t NO_SETTING = 0xFFFFFFFF; // result of the permission setting's two operations
+namespace {
+
+const uint32_t NO_SETTING = 0xFFFFFFFF; // result of the permission setting's two operations
 
 // ---- life cycle ----------------------------------------------------------------------
 
 // Gives a field of a zeroed record what it starts with.
-static void initField(LogCfg *cfg, CfgKeyId id) {
+void initField(LogCfg *cfg, CfgKeyId id) {
     const CfgKey *key = &CFG_KEYS[id];
     switch (key->kind) {
     case CFG_NUMBER64:
@@ -43,6 +45,8 @@ static void initField(LogCfg *cfg, CfgKeyId id) {
     }
 }
 
+} // namespace
+
 uint32_t InitLogCfg(uint64_t productId, uint64_t originatorId, const char *logsetName, LogCfg *cfg) {
     if (cfg == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
@@ -64,8 +68,10 @@ uint32_t InitLogCfg(uint64_t productId, uint64_t originatorId, const char *logse
     return ZOLTLOG_OK;
 }
 
+namespace {
+
 // Copies a field into a zeroed record; false when out of memory.
-static bool copyField(LogCfg *destination, const LogCfg *source, CfgKeyId id) {
+bool copyField(LogCfg *destination, const LogCfg *source, CfgKeyId id) {
     const auto *from = reinterpret_cast<const char *>(source) + CFG_KEYS[id].field;
     auto *to = cfgField<char>(destination, id);
     switch (CFG_KEYS[id].kind) {
@@ -94,6 +100,8 @@ static bool copyField(LogCfg *destination, const LogCfg *source, CfgKeyId id) {
         return true;
     }
 }
+
+} // namespace
 
 // KEPT: recycling, reload interval, everything of a log set and the secure audit level are
 // left out. Pinned by Config.CopyLeavesOutWhatItIsToldTo.
@@ -140,14 +148,16 @@ uint32_t FreeFileSecuritySetting(FileSecuritySetting *setting) {
     return setting != nullptr ? static_cast<uint32_t>(ZOLTLOG_OK) : NO_SETTING;
 }
 
+namespace {
+
 // ---- the ways of changing and reading a field --------------------------------------------
 
-static uint32_t changed(LogCfg *cfg, CfgKeyId id) {
+uint32_t changed(LogCfg *cfg, CfgKeyId id) {
     cfg->changedMask |= CFG_KEYS[id].mask;
     return ZOLTLOG_OK;
 }
 
-static uint32_t setNumber(LogCfg *cfg, CfgKeyId id, uint64_t value) {
+uint32_t setNumber(LogCfg *cfg, CfgKeyId id, uint64_t value) {
     const CfgKey *key = &CFG_KEYS[id];
     if (cfg == nullptr || value < key->lowest || value > key->highest)
         return ZOLTLOG_INVALID_ARGUMENT;
@@ -159,14 +169,14 @@ static uint32_t setNumber(LogCfg *cfg, CfgKeyId id, uint64_t value) {
 }
 
 template<typename T>
-static uint32_t getNumber(LogCfg *cfg, CfgKeyId id, T *out) {
+uint32_t getNumber(LogCfg *cfg, CfgKeyId id, T *out) {
     if (cfg == nullptr || out == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     *out = *cfgField<T>(cfg, id);
     return ZOLTLOG_OK;
 }
 
-static uint32_t setSwitch(LogCfg *cfg, CfgKeyId id, bool on) {
+uint32_t setSwitch(LogCfg *cfg, CfgKeyId id, bool on) {
     if (cfg == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     auto *field = cfgField<uint32_t>(cfg, id);
@@ -180,7 +190,7 @@ static uint32_t setSwitch(LogCfg *cfg, CfgKeyId id, bool on) {
 }
 
 // The text may be the field's own.
-static uint32_t setText(LogCfg *cfg, CfgKeyId id, const char *text) {
+uint32_t setText(LogCfg *cfg, CfgKeyId id, const char *text) {
     if (cfg == nullptr || text == nullptr || *text == '\0')
         return ZOLTLOG_INVALID_ARGUMENT;
     char *copy = zoltLogSafeStrdup(text);
@@ -192,13 +202,15 @@ static uint32_t setText(LogCfg *cfg, CfgKeyId id, const char *text) {
     return changed(cfg, id);
 }
 
-static uint32_t getText(LogCfg *cfg, CfgKeyId id, char **out) {
+uint32_t getText(LogCfg *cfg, CfgKeyId id, char **out) {
     if (cfg == nullptr || out == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     const char *text = *cfgField<char *>(cfg, id);
     *out = zoltLogSafeStrdup(text);
     return text != nullptr && *out == nullptr ? ZOLTLOG_NO_MEMORY : ZOLTLOG_OK;
 }
+
+} // namespace
 
 // ---- accessors made from the table ---------------------------------------------------------
 
@@ -351,11 +363,16 @@ struct RolloverWord {
     uint32_t mode;
     const char *word;
 };
-static const RolloverWord ROLLOVER_WORDS[] = {{ZOLTLOG_ROLLOVER_FILE_SIZE, "FileSize"},
-                                              {ZOLTLOG_ROLLOVER_LOCAL_TIME, "LocalTime"},
-                                              {ZOLTLOG_ROLLOVER_PERIODIC, "Periodic"}};
-static const char ROLLOVER_NONE_WORD[] = "None";
-static const char ROLLOVER_SEPARATOR[] = " | ";
+
+namespace {
+
+const RolloverWord ROLLOVER_WORDS[] = {{ZOLTLOG_ROLLOVER_FILE_SIZE, "FileSize"},
+                                       {ZOLTLOG_ROLLOVER_LOCAL_TIME, "LocalTime"},
+                                       {ZOLTLOG_ROLLOVER_PERIODIC, "Periodic"}};
+const char ROLLOVER_NONE_WORD[] = "None";
+const char ROLLOVER_SEPARATOR[] = " | ";
+
+} // namespace
 
 // The words are found anywhere in the text; of the two that exclude each other the first counts.
 uint32_t SettingStringToRolloverModeEnum(const char *text) {
@@ -372,12 +389,16 @@ uint32_t SettingStringToRolloverModeEnum(const char *text) {
     return mode;
 }
 
+namespace {
+
 // The caller's buffer has room for every form (CFG_SHOWN_SIZE is ample).
-static char *appendWord(char *end, const char *word) {
+char *appendWord(char *end, const char *word) {
     const size_t length = strlen(word);
     memcpy(end, word, length + 1);
     return end + length;
 }
+
+} // namespace
 
 char *RolloverModeEnumToSettingString(uint32_t mode, char *buffer) {
     if (buffer == nullptr)

@@ -3,18 +3,23 @@
 
 #include "cmn_routines.h"
 
-#include <string.h>
+#include <cstring>
 
 struct FacilityName {
     const char *name;
     uint32_t facility;
 };
-static const FacilityName FACILITIES[] = {
+
+namespace {
+
+const FacilityName FACILITIES[] = {
     {"LOG_KERN", 0},     {"LOG_USER", 8},     {"LOG_MAIL", 16},    {"LOG_DAEMON", 24},  {"LOG_AUTH", 32},
     {"LOG_LPR", 48},     {"LOG_NEWS", 56},    {"LOG_UUCP", 64},    {"LOG_CRON", 72},    {"LOG_LOCAL0", 128},
     {"LOG_LOCAL1", 136}, {"LOG_LOCAL2", 144}, {"LOG_LOCAL3", 152}, {"LOG_LOCAL4", 160}, {"LOG_LOCAL5", 168},
     {"LOG_LOCAL6", 176}, {"LOG_LOCAL7", 184},
 };
+
+} // namespace
 
 uint32_t strToFacility(const char *name) {
     if (name != nullptr) {
@@ -34,12 +39,16 @@ const char *facilityToStr(uint32_t facility) {
     return nullptr;
 }
 
+namespace {
+
 // ---- accessors ---------------------------------------------------------------------------
 
-static uint32_t changed(LogCfg *cfg, CfgKeyId id) {
+uint32_t changed(LogCfg *cfg, CfgKeyId id) {
     cfg->changedMask |= CFG_KEYS[id].mask;
     return ZOLTLOG_OK;
 }
+
+} // namespace
 
 uint32_t zoltLogCfgSetSyslogFacility(LogCfg *cfg, uint32_t facility) {
     if (cfg == nullptr)

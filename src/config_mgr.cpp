@@ -20,17 +20,21 @@
 #include <cstring>
 #include <sys/stat.h>
 
-static constexpr uint32_t MAX_CONFIGURATIONS = 1024;
+namespace {
+
+constexpr uint32_t MAX_CONFIGURATIONS = 1024;
 
 // ---- configurations ----------------------------------------------------------
 
-static bool isDefaultOriginator(uint64_t originatorId) {
+bool isDefaultOriginator(uint64_t originatorId) {
     return originatorId == ZOLTLOG_DEFAULT_ORIGINATOR;
 }
 
-static bool isDefaultLogSet(const char *name) {
+bool isDefaultLogSet(const char *name) {
     return name != nullptr && strcmp(name, "Default") == 0;
 }
+
+} // namespace
 
 LogCfg *found_config(uint64_t productId, uint64_t originatorId, LogCfg **cfgs, uint32_t count) {
     LogCfg *fallback = nullptr;
@@ -79,14 +83,18 @@ struct FileAge {
     NameAge name;
 };
 
-static FileAge ageOf(int64_t creationTime, const char *name) {
+namespace {
+
+FileAge ageOf(int64_t creationTime, const char *name) {
     return {creationTime, ageOfLogName(name)};
 }
 
 // Among files of one second.
-static bool isOlderByName(const FileAge &a, const FileAge &b) {
+bool isOlderByName(const FileAge &a, const FileAge &b) {
     return a.name.date != b.name.date ? a.name.date < b.name.date : a.name.counter < b.name.counter;
 }
+
+} // namespace
 
 // ---- reducing to surplus files -----------------------------------------------
 
@@ -114,7 +122,9 @@ struct GivenEntry {
     LogFileEntry *entry; // null once it is in the result
 };
 
-static bool addCandidate(Candidates *candidates, int64_t creationTime, const char *name, uint32_t which) {
+namespace {
+
+bool addCandidate(Candidates *candidates, int64_t creationTime, const char *name, uint32_t which) {
     Candidate *added = candidates->add();
     if (added == nullptr)
         return false;
@@ -126,7 +136,7 @@ static bool addCandidate(Candidates *candidates, int64_t creationTime, const cha
 }
 
 // Gives each candidate the number of its series. False without memory.
-static bool numberSeries(Candidates *candidates, Grown<Series> *series) {
+bool numberSeries(Candidates *candidates, Grown<Series> *series) {
     PositionTable table;
     for (Candidate &file : *candidates) {
         const uint64_t hash = hashOfNumbers(file.productId, file.originatorId);
@@ -147,7 +157,7 @@ static bool numberSeries(Candidates *candidates, Grown<Series> *series) {
 }
 
 // Puts the files of each run of equal creation times into the order of their names.
-static void orderWithinSeconds(Candidate *oldest, uint32_t length) {
+void orderWithinSeconds(Candidate *oldest, uint32_t length) {
     uint32_t begin = 0;
     while (begin < length) {
         uint32_t end = begin + 1;
@@ -170,7 +180,7 @@ static void orderWithinSeconds(Candidate *oldest, uint32_t length) {
 // KEPT: a log set whose file name begins with digits forms the series of that originator id, so it has
 // no surplus of its own and may count as that originator's. Pinned by
 // Surplus.LogSetNamedByDigitsIsTakenForThatOriginator.
-static bool findSurplus(Candidates *candidates, LogCfg **cfgs, uint32_t count, Numbers *surplus) {
+bool findSurplus(Candidates *candidates, LogCfg **cfgs, uint32_t count, Numbers *surplus) {
     Grown<Series> series;
     if (!numberSeries(candidates, &series))
         return false;
@@ -197,6 +207,8 @@ static bool findSurplus(Candidates *candidates, LogCfg **cfgs, uint32_t count, N
     std::reverse(surplus->begin(), surplus->end()); // each was pushed at the head of the list
     return true;
 }
+
+} // namespace
 
 // ---- the exported reduction --------------------------------------------------
 
@@ -237,9 +249,11 @@ void GetManageableLogFiles(LogFileEntry **list, LogCfg **cfgs, uint32_t count) {
     *tail = nullptr;
 }
 
+namespace {
+
 // ---- the two searches for surplus files --------------------------------------
 
-static void freeEntries(LogFileEntry *entry) {
+void freeEntries(LogFileEntry *entry) {
     while (entry != nullptr) {
         LogFileEntry *next = entry->next;
         zoltLogFree(entry);
@@ -249,7 +263,7 @@ static void freeEntries(LogFileEntry *entry) {
 
 // Whether a configuration can list files of the product and originator (0: any). The
 // originator of a log set's files is what their names say, so each set can.
-static bool mayListFilesOf(const LogCfg *cfg, uint64_t productId, uint64_t originatorId) {
+bool mayListFilesOf(const LogCfg *cfg, uint64_t productId, uint64_t originatorId) {
     return (productId == 0 || cfg->productId == productId) &&
            (originatorId == 0 || cfg->originatorId == originatorId || cfg->isLogset != 0);
 }
@@ -257,8 +271,8 @@ static bool mayListFilesOf(const LogCfg *cfg, uint64_t productId, uint64_t origi
 // Lists the files of the configurations that may have some of the product and
 // originator. Only when these have none at all, the others decide whether any log file
 // was found, which is all that they could add.
-static uint32_t gatherFilesOfSeries(FileCatalogue *catalogue, LogCfg **cfgs, uint32_t count,
-                                    uint64_t productId, uint64_t originatorId) {
+uint32_t gatherFilesOfSeries(FileCatalogue *catalogue, LogCfg **cfgs, uint32_t count, uint64_t productId,
+                             uint64_t originatorId) {
     const LogOwned<LogCfg *> both(static_cast<LogCfg **>(calloc(2 * size_t{count}, sizeof(LogCfg *))));
     if (both == nullptr)
         return ZOLTLOG_NO_MEMORY;
@@ -280,8 +294,8 @@ static uint32_t gatherFilesOfSeries(FileCatalogue *catalogue, LogCfg **cfgs, uin
 
 // Lists the files of the configurations, keeps those of the product and originator
 // (0: any) and leaves the surplus ones in the listing.
-static uint32_t listSurplus(LogCfg **cfgs, uint32_t count, uint64_t productId, uint64_t originatorId,
-                            LogListing *listing) {
+uint32_t listSurplus(LogCfg **cfgs, uint32_t count, uint64_t productId, uint64_t originatorId,
+                     LogListing *listing) {
     if (count == 0)
         return ZOLTLOG_OK;
     FileCatalogue catalogue;
@@ -320,6 +334,8 @@ static uint32_t listSurplus(LogCfg **cfgs, uint32_t count, uint64_t productId, u
     listing->next = list;
     return ZOLTLOG_OK;
 }
+
+} // namespace
 
 // A configuration of its own, freed at the end of the scope.
 struct OneCfg {
@@ -369,13 +385,15 @@ uint32_t zoltLogGetManageableLogFilesSL(uint64_t productId, const char *logsetNa
     return result != ZOLTLOG_OK ? result : listSurplus(&cfg, 1, 0, 0, listing);
 }
 
+namespace {
+
 // ---- fetching ----------------------------------------------------------------
 
-static constexpr size_t PATH_ROOM = 8192; // of a path handed out
+constexpr size_t PATH_ROOM = 8192; // of a path handed out
 
 // ZOLTLOG_OK when the entry's file is fetched, ZOLTLOG_NO_MORE when not. *modificationTime
 // goes on from entry to entry.
-static uint32_t fetch(LogListing *listing, LogFileEntry *entry, int64_t *modificationTime) {
+uint32_t fetch(LogListing *listing, LogFileEntry *entry, int64_t *modificationTime) {
     const LogOwned<char> path = joinedText(entry->directory, entry->name); // large for a stack
     if (path == nullptr)
         return ZOLTLOG_NO_MEMORY;
@@ -407,6 +425,8 @@ static uint32_t fetch(LogListing *listing, LogFileEntry *entry, int64_t *modific
                ? ZOLTLOG_OK
                : ZOLTLOG_NO_MORE;
 }
+
+} // namespace
 
 uint32_t zoltLogFetchNextFileEx(LogListing *listing, LogFileEntry **out) {
     if (listing == nullptr || out == nullptr)

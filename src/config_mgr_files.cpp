@@ -8,7 +8,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static constexpr int32_t COPY_BLOCK = 1022; // bytes
+namespace {
+
+constexpr int32_t COPY_BLOCK = 1022; // bytes
+
+} // namespace
 
 // Both ends of a copy, on the heap for their buffers' size, closed and freed whatever way
 // the copy ends.
@@ -24,15 +28,17 @@ struct CopyEndsFree {
     }
 };
 
+namespace {
+
 // Whether a path leads to the file that is open.
-static bool isSameFile(const OsFile &file, const char *path) {
+bool isSameFile(const OsFile &file, const char *path) {
     struct stat open;
     struct stat named;
     return fstat(file.descriptor, &open) == 0 && stat(path, &named) == 0 && open.st_dev == named.st_dev &&
            open.st_ino == named.st_ino;
 }
 
-static uint32_t copyBytes(CopyEnds *ends, uint64_t remaining) {
+uint32_t copyBytes(CopyEnds *ends, uint64_t remaining) {
     char block[COPY_BLOCK];
     while (remaining > 0) {
         const int32_t length = remaining < sizeof block ? static_cast<int32_t>(remaining) : COPY_BLOCK;
@@ -49,6 +55,8 @@ static uint32_t copyBytes(CopyEnds *ends, uint64_t remaining) {
     }
     return ZOLTLOG_OK;
 }
+
+} // namespace
 
 uint32_t zoltLogCopyFile(const char *path, const char *directory) {
     if (path == nullptr || directory == nullptr)

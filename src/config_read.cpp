@@ -10,26 +10,30 @@
 #include "cmn_routines.h"
 #include "lockUnix.h"
 
-#include <limits.h>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
 #include <pthread.h>
-#include <stdlib.h>
-#include <string.h>
 
-static const char LOCATION_VARIABLE[] = "ZOLTLOG_CFG_LOC";
-static const char LOCATION_DEFAULT[] = "/etc/qd/zoltlog.conf";
-static const size_t SECTION_NAME_SIZE = 81; // enumerated names have at most 80 bytes
+namespace {
+
+const char LOCATION_VARIABLE[] = "ZOLTLOG_CFG_LOC";
+const char LOCATION_DEFAULT[] = "/etc/qd/zoltlog.conf";
+const size_t SECTION_NAME_SIZE = 81; // enumerated names have at most 80 bytes
 
 // ---- location --------------------------------------------------------------------------
 
 // A path longer than PATH_MAX cannot be opened; what is kept of it cannot either.
-static char chosenLocation[PATH_MAX + 1];
-static pthread_once_t locationOnce = PTHREAD_ONCE_INIT;
+char chosenLocation[PATH_MAX + 1];
+pthread_once_t locationOnce = PTHREAD_ONCE_INIT;
 
-static void findLocation() {
+void findLocation() {
     const char *path = secure_getenv(LOCATION_VARIABLE);
     copyBounded(chosenLocation, sizeof chosenLocation,
                 path != nullptr && *path != '\0' ? path : LOCATION_DEFAULT);
 }
+
+} // namespace
 
 const char *GetZoltLogCfgLoc(void) {
     (void)pthread_once(&locationOnce, findLocation);
@@ -76,13 +80,17 @@ uint32_t cfgResultOf(uint32_t storeResult) {
     }
 }
 
+namespace {
+
 // A value as text; a null text, and no failure, when it cannot be converted.
-static uint32_t takeText(const char *value, LogOwned<char> *text) {
+uint32_t takeText(const char *value, LogOwned<char> *text) {
     char *converted = nullptr;
     const uint32_t result = storeValueText(value, &converted);
     text->reset(converted);
     return result == ZOLTLOG_NO_MEMORY ? result : static_cast<uint32_t>(ZOLTLOG_OK);
 }
+
+} // namespace
 
 uint32_t GetPropertyString(const char *file, const char *section, const char *key, char **out) {
     if (out == nullptr)
@@ -124,16 +132,23 @@ struct ProductEntry {
     LogOwned<char> location;
     LogOwned<char> names;
 };
-static const char *const PRODUCT_KEYS[] = {CFG_CONFIGURATION, CFG_PRODUCT_NAMES};
-static const size_t PRODUCT_KEY_COUNT = sizeof PRODUCT_KEYS / sizeof *PRODUCT_KEYS;
+
+namespace {
+
+const char *const PRODUCT_KEYS[] = {CFG_CONFIGURATION, CFG_PRODUCT_NAMES};
+const size_t PRODUCT_KEY_COUNT = sizeof PRODUCT_KEYS / sizeof *PRODUCT_KEYS;
+
+} // namespace
 
 struct ProductValues {
     char text[PRODUCT_KEY_COUNT][STORE_VALUE_SIZE];
     bool found[PRODUCT_KEY_COUNT];
 };
 
+namespace {
+
 // ZOLTLOG_CFG_NOT_FOUND when there is no location.
-static uint32_t takeProduct(const ProductValues *values, ProductEntry *entry) {
+uint32_t takeProduct(const ProductValues *values, ProductEntry *entry) {
     uint32_t result =
         values->found[0] ? takeText(values->text[0], &entry->location) : static_cast<uint32_t>(ZOLTLOG_OK);
     if (result == ZOLTLOG_OK && values->found[1])
@@ -142,7 +157,7 @@ static uint32_t takeProduct(const ProductValues *values, ProductEntry *entry) {
                                                               : result;
 }
 
-static uint32_t readProduct(const char *mainFile, uint64_t productId, ProductEntry *entry) {
+uint32_t readProduct(const char *mainFile, uint64_t productId, ProductEntry *entry) {
     char section[CFG_ID_SIZE];
     cfgIdText(productId, section);
     ProductValues values = {};
@@ -151,10 +166,12 @@ static uint32_t readProduct(const char *mainFile, uint64_t productId, ProductEnt
     return result == ZOLTLOG_OK ? takeProduct(&values, entry) : result;
 }
 
-static void takeShortNames(LogCfg *cfg, const char *names) {
+void takeShortNames(LogCfg *cfg, const char *names) {
     if (names != nullptr)
         copyBounded(cfg->productShortNames, sizeof cfg->productShortNames, names);
 }
+
+} // namespace
 
 // ---- the keys of a section ------------------------------------------------------------------
 
@@ -162,23 +179,32 @@ static void takeShortNames(LogCfg *cfg, const char *names) {
 struct KeyNames {
     const char *name[CFG_KEY_COUNT];
 };
-static constexpr KeyNames keyNames() {
+
+namespace {
+
+constexpr KeyNames keyNames() {
     KeyNames names = {};
     for (size_t i = 0; i < CFG_KEY_COUNT; ++i)
         names.name[i] = CFG_KEYS[i].name;
     return names;
 }
-static constexpr KeyNames KEY_NAMES = keyNames();
+constexpr KeyNames KEY_NAMES = keyNames();
+
+} // namespace
 
 struct SectionValues {
     char text[CFG_KEY_COUNT][STORE_VALUE_SIZE];
     bool found[CFG_KEY_COUNT];
 };
 
-static StoreSection sectionOf(const char *root, SectionValues *values) {
+namespace {
+
+StoreSection sectionOf(const char *root, SectionValues *values) {
     memset(values->found, 0, sizeof values->found);
     return {root, KEY_NAMES.name, CFG_KEY_COUNT, values->text, values->found};
 }
+
+} // namespace
 
 uint32_t cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *state, CfgTaken *taken) {
     *taken = CFG_SKIPPED;
@@ -195,9 +221,11 @@ uint32_t cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionSt
     return *taken == CFG_NO_MEMORY ? ZOLTLOG_NO_MEMORY : ZOLTLOG_OK;
 }
 
+namespace {
+
 // Applies the values of a section in the order of the table and counts the keys found. One
 // that cannot be converted counts as not found from then on. ZOLTLOG_NO_MEMORY or OK.
-static uint32_t applyValues(LogCfg *cfg, SectionValues *values, uint8_t use, bool isBase, uint32_t *count) {
+uint32_t applyValues(LogCfg *cfg, SectionValues *values, uint8_t use, bool isBase, uint32_t *count) {
     CfgSectionState state = {isBase, 0};
     *count = 0;
     cfg->changedMask = 0;
@@ -215,12 +243,12 @@ static uint32_t applyValues(LogCfg *cfg, SectionValues *values, uint8_t use, boo
     return ZOLTLOG_OK;
 }
 
-static uint32_t applyOriginator(LogCfg *cfg, SectionValues *values, const char *section) {
+uint32_t applyOriginator(LogCfg *cfg, SectionValues *values, const char *section) {
     uint32_t count = 0;
     return applyValues(cfg, values, CFG_READ_ORIGINATOR, strcmp(section, CFG_DEFAULT) == 0, &count);
 }
 
-static bool replaceText(char **field, const char *text) {
+bool replaceText(char **field, const char *text) {
     char *copy = zoltLogSafeStrdup(text);
     if (copy == nullptr)
         return false;
@@ -230,7 +258,7 @@ static bool replaceText(char **field, const char *text) {
 }
 
 // The record's name is the given one before the file name falls back to it.
-static uint32_t applyLogset(LogCfg *cfg, SectionValues *values, const char *name, uint32_t *count) {
+uint32_t applyLogset(LogCfg *cfg, SectionValues *values, const char *name, uint32_t *count) {
     cfg->isLogset = 1;
     const uint32_t result = applyValues(cfg, values, CFG_READ_LOGSET, IsDefaultLogSet(name) != 0, count);
     if (result != ZOLTLOG_OK)
@@ -245,15 +273,17 @@ static uint32_t applyLogset(LogCfg *cfg, SectionValues *values, const char *name
 
 // Reads sections of a product's file: one that is not there reads as an empty one, one that
 // is there and cannot be read is a failure.
-static uint32_t readSections(const char *path, StoreSection *sections, size_t count) {
+uint32_t readSections(const char *path, StoreSection *sections, size_t count) {
     const uint32_t result = storeReadSections(path, sections, count);
     return result == ZOLTLOG_STORE_NO_FILE ? static_cast<uint32_t>(ZOLTLOG_OK) : cfgResultOf(result);
 }
 
-static LogOwned<SectionValues> newValues(size_t count) {
+LogOwned<SectionValues> newValues(size_t count) {
     return LogOwned<SectionValues>(
         static_cast<SectionValues *>(zoltLogMalloc(count * sizeof(SectionValues))));
 }
+
+} // namespace
 
 uint32_t GetOriginatorCfgSettings(const char *productFile, const char *section, LogCfg *cfg) {
     if (productFile == nullptr || section == nullptr || cfg == nullptr)
@@ -277,8 +307,9 @@ bool cfgLogsetPlace(const char *productLocation, const char *logsetName, CfgLogs
     return place->path != nullptr && place->section != nullptr;
 }
 
-static uint32_t readLogset(const char *productLocation, const char *logsetName, LogCfg *cfg,
-                           uint32_t *count) {
+namespace {
+
+uint32_t readLogset(const char *productLocation, const char *logsetName, LogCfg *cfg, uint32_t *count) {
     CfgLogsetPlace place;
     *count = 0;
     if (!cfgLogsetPlace(productLocation, logsetName != nullptr ? logsetName : CFG_DEFAULT, &place))
@@ -293,6 +324,8 @@ static uint32_t readLogset(const char *productLocation, const char *logsetName, 
     }
     return result;
 }
+
+} // namespace
 
 uint32_t GetLogSetCfgSettings(const char *productLocation, const char *logsetName, LogCfg *cfg) {
     uint32_t count = 0;
@@ -321,10 +354,12 @@ uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter
     return result; // of the last key, the permissions
 }
 
+namespace {
+
 // ---- one originator, one log set ----------------------------------------------------------------
 
 // Reads the default section and, for any other originator, its own one over it.
-static uint32_t readOriginator(const char *productFile, uint64_t originatorId, LogCfg *cfg) {
+uint32_t readOriginator(const char *productFile, uint64_t originatorId, LogCfg *cfg) {
     static const size_t SECTIONS = 2;
     const LogOwned<SectionValues> values = newValues(SECTIONS);
     if (values == nullptr)
@@ -339,6 +374,8 @@ static uint32_t readOriginator(const char *productFile, uint64_t originatorId, L
         result = applyOriginator(cfg, values.get() + i, wanted[i].root);
     return result;
 }
+
+} // namespace
 
 uint32_t zoltLogReadCfg(uint64_t productId, uint64_t originatorId, LogCfg *cfg) {
     if (isProdIdValid(productId) == 0 || isOrigIdValid(originatorId) == 0 || cfg == nullptr)
@@ -394,20 +431,22 @@ struct Collection {
     RecordSet set;
 };
 
-static LogCfg *newRecord() {
+namespace {
+
+LogCfg *newRecord() {
     return static_cast<LogCfg *>(zoltLogMalloc(sizeof(LogCfg)));
 }
 
-static void dropRecord(LogCfg *cfg) {
+void dropRecord(LogCfg *cfg) {
     (void)zoltLogFreeCfg(cfg);
     zoltLogFree(cfg);
 }
 
-static bool hasRoom(const Collection *all) {
+bool hasRoom(const Collection *all) {
     return *all->count < all->capacity;
 }
 
-static bool isSame(const LogCfg *a, const LogCfg *b) {
+bool isSame(const LogCfg *a, const LogCfg *b) {
     if (a->productId != b->productId)
         return false;
     if (b->isLogset == 0)
@@ -415,7 +454,7 @@ static bool isSame(const LogCfg *a, const LogCfg *b) {
     return a->logsetName != nullptr && strcmp(a->logsetName, b->logsetName) == 0;
 }
 
-static uint32_t hashOfRecord(const LogCfg *cfg) {
+uint32_t hashOfRecord(const LogCfg *cfg) {
     uint64_t hash = cfg->productId * 31 + (cfg->isLogset == 0 ? cfg->originatorId : 0);
     const char *name = cfg->isLogset != 0 && cfg->logsetName != nullptr ? cfg->logsetName : "";
     for (; *name != '\0'; ++name)
@@ -425,7 +464,7 @@ static uint32_t hashOfRecord(const LogCfg *cfg) {
 }
 
 // The slot of a record like this one, or the free slot for it.
-static uint32_t *slotOfRecord(const RecordSet *set, LogCfg *const *cfgs, const LogCfg *cfg) {
+uint32_t *slotOfRecord(const RecordSet *set, LogCfg *const *cfgs, const LogCfg *cfg) {
     uint32_t at = hashOfRecord(cfg) & (set->size - 1);
     while (set->slots[at] != 0 && !isSame(cfgs[set->slots[at] - 1], cfg))
         at = (at + 1) & (set->size - 1);
@@ -433,7 +472,7 @@ static uint32_t *slotOfRecord(const RecordSet *set, LogCfg *const *cfgs, const L
 }
 
 // Room for one more; a larger set takes all records of the array over.
-static bool growSet(Collection *all) {
+bool growSet(Collection *all) {
     static const uint32_t FIRST_SIZE = 64;
     RecordSet larger = {nullptr, all->set.size == 0 ? FIRST_SIZE : all->set.size};
     while (larger.size / 2 <= *all->count + 1 && larger.size < UINT32_MAX / 2)
@@ -452,7 +491,7 @@ static bool growSet(Collection *all) {
 
 // Appends a record, or drops it when the array has one of the same name. False when out of
 // memory; the record is dropped then too.
-static bool collect(Collection *all, LogCfg *cfg) {
+bool collect(Collection *all, LogCfg *cfg) {
     const bool isRoom = growSet(all);
     uint32_t *slot = isRoom ? slotOfRecord(&all->set, all->cfgs, cfg) : nullptr;
     if (slot == nullptr || *slot != 0) {
@@ -464,6 +503,8 @@ static bool collect(Collection *all, LogCfg *cfg) {
     return true;
 }
 
+} // namespace
+
 // One kind of record of one product's store: its sections are enumerated, and each is read
 // over a copy of the default record.
 struct Enumeration {
@@ -474,9 +515,11 @@ struct Enumeration {
     StoreText (*nameOf)(StoreText);
 };
 
+namespace {
+
 // Reads a section over a record; ZOLTLOG_NO_MORE when it is a log set without any key.
-static uint32_t readOver(const Enumeration *what, const StoreIndex *index, const char *name,
-                         SectionValues *values, LogCfg *cfg) {
+uint32_t readOver(const Enumeration *what, const StoreIndex *index, const char *name, SectionValues *values,
+                  LogCfg *cfg) {
     if (!what->logsets) {
         StoreSection wanted = sectionOf(name, values);
         storeIndexRead(index, &wanted);
@@ -491,20 +534,20 @@ static uint32_t readOver(const Enumeration *what, const StoreIndex *index, const
     return result == ZOLTLOG_OK && count == 0 ? static_cast<uint32_t>(ZOLTLOG_NO_MORE) : result;
 }
 
-static bool isSkipped(const Enumeration *what, const char *name) {
+bool isSkipped(const Enumeration *what, const char *name) {
     return strcmp(name, CFG_DEFAULT) == 0 || (!what->logsets && strcmp(name, STORE_LOGSET_TOKEN) == 0);
 }
 
 // Collects a record, of which readOver told the result. A log set without any key is none.
-static uint32_t collectRead(Collection *all, LogCfg *cfg, uint32_t result) {
+uint32_t collectRead(Collection *all, LogCfg *cfg, uint32_t result) {
     if (result == ZOLTLOG_OK)
         return collect(all, cfg) ? ZOLTLOG_OK : ZOLTLOG_NO_MEMORY;
     dropRecord(cfg);
     return result == ZOLTLOG_NO_MORE ? static_cast<uint32_t>(ZOLTLOG_OK) : result;
 }
 
-static uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, const char *name,
-                             const LogCfg *base, SectionValues *values, Collection *all) {
+uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, const char *name, const LogCfg *base,
+                      SectionValues *values, Collection *all) {
     LogCfg *cfg = newRecord();
     if (cfg == nullptr || CopyCfg(cfg, base) != ZOLTLOG_OK) {
         zoltLogFree(cfg);
@@ -515,8 +558,8 @@ static uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, c
     return collectRead(all, cfg, readOver(what, index, name, values, cfg));
 }
 
-static uint32_t collectNames(const Enumeration *what, StoreIndex *index, const LogCfg *base,
-                             SectionValues *values, Collection *all) {
+uint32_t collectNames(const Enumeration *what, StoreIndex *index, const LogCfg *base, SectionValues *values,
+                      Collection *all) {
     char name[SECTION_NAME_SIZE] = "";
     uint32_t result = ZOLTLOG_OK;
     index->cursor = 0;
@@ -532,7 +575,7 @@ static uint32_t collectNames(const Enumeration *what, StoreIndex *index, const L
 }
 
 // Every record of one kind, the default one first; ZOLTLOG_NO_MEMORY or OK.
-static uint32_t collectKind(const Enumeration *what, StoreIndex *index, Collection *all) {
+uint32_t collectKind(const Enumeration *what, StoreIndex *index, Collection *all) {
     if (!hasRoom(all))
         return ZOLTLOG_OK;
     const LogOwned<SectionValues> values = newValues(1);
@@ -558,18 +601,18 @@ static uint32_t collectKind(const Enumeration *what, StoreIndex *index, Collecti
     return result;
 }
 
-static Enumeration originatorsOf(uint64_t productId, const char *shortNames) {
+Enumeration originatorsOf(uint64_t productId, const char *shortNames) {
     return {productId, shortNames, false, true, storeSectionName};
 }
 
 // KEPT: the names come from lines that begin with "LOGSET" also in a store of its own, where
 // sections have plain names, so only the default log set is found there. Pinned by
 // ConfigRead.LogsetsOfALocationThatIsNoFileAreNotListed.
-static Enumeration logsetsOf(uint64_t productId, const char *shortNames, const char *location) {
+Enumeration logsetsOf(uint64_t productId, const char *shortNames, const char *location) {
     return {productId, shortNames, true, cfgIsFile(location), storeLogsetName};
 }
 
-static uint32_t collectFile(const Enumeration *what, const char *path, Collection *all) {
+uint32_t collectFile(const Enumeration *what, const char *path, Collection *all) {
     StoreIndex index;
     uint32_t result =
         hasRoom(all) ? storeIndexLoad(&index, path) : static_cast<uint32_t>(ZOLTLOG_STORE_NO_MORE);
@@ -582,7 +625,7 @@ static uint32_t collectFile(const Enumeration *what, const char *path, Collectio
     return result;
 }
 
-static uint32_t collectLogsets(const Enumeration *what, const char *location, Collection *all) {
+uint32_t collectLogsets(const Enumeration *what, const char *location, Collection *all) {
     CfgLogsetPlace place;
     if (!cfgLogsetPlace(location, CFG_DEFAULT, &place))
         return ZOLTLOG_NO_MEMORY;
@@ -591,7 +634,7 @@ static uint32_t collectLogsets(const Enumeration *what, const char *location, Co
 }
 
 // Both kinds; a file that holds both is read once.
-static uint32_t collectBoth(uint64_t productId, const char *location, const char *names, Collection *all) {
+uint32_t collectBoth(uint64_t productId, const char *location, const char *names, Collection *all) {
     const Enumeration originators = originatorsOf(productId, names);
     const Enumeration logsets = logsetsOf(productId, names, location);
     if (!logsets.inFile) {
@@ -614,7 +657,7 @@ static uint32_t collectBoth(uint64_t productId, const char *location, const char
 }
 
 // What these two tell: a result of the store, the records collected so far stay.
-static uint32_t asStoreResult(uint32_t result) {
+uint32_t asStoreResult(uint32_t result) {
     switch (result) {
     case ZOLTLOG_OK:
         return ZOLTLOG_STORE_OK;
@@ -624,6 +667,8 @@ static uint32_t asStoreResult(uint32_t result) {
         return ZOLTLOG_STORE_NOT_WRITTEN;
     }
 }
+
+} // namespace
 
 uint32_t GetOriginatorCfg(const char *productFile, uint64_t productId, const char *shortNames,
                           uint32_t capacity, LogCfg **cfgs, uint32_t *count) {
@@ -647,11 +692,12 @@ uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *s
     return asStoreResult(result);
 }
 
+namespace {
+
 // ---- all products -----------------------------------------------------------------------------
 
 // Reads every record of one product; ZOLTLOG_CFG_NOT_FOUND when it has no location, too.
-static uint32_t collectProduct(const StoreIndex *mainFile, uint64_t productId, Collection *all,
-                               bool *hasLocation) {
+uint32_t collectProduct(const StoreIndex *mainFile, uint64_t productId, Collection *all, bool *hasLocation) {
     char section[CFG_ID_SIZE];
     cfgIdText(productId, section);
     ProductValues values = {};
@@ -662,6 +708,8 @@ static uint32_t collectProduct(const StoreIndex *mainFile, uint64_t productId, C
     *hasLocation = result == ZOLTLOG_OK;
     return *hasLocation ? collectBoth(productId, product.location.get(), product.names.get(), all) : result;
 }
+
+} // namespace
 
 uint32_t zoltLogReadProdIDCfg(const char *mainLocation, uint64_t productId, uint32_t capacity, LogCfg **cfgs,
                               uint32_t *count) {

@@ -10,24 +10,26 @@
 #include "owned.h"
 
 #include <cerrno>
+#include <ctime>
 #include <sys/stat.h>
-#include <time.h>
 
-static const int32_t SHORTEST_INTERVAL = 60; // seconds
+namespace {
+
+const int32_t SHORTEST_INTERVAL = 60; // seconds
 
 template<typename T>
-static T load(const T *field) {
+T load(const T *field) {
     return __atomic_load_n(field, __ATOMIC_RELAXED);
 }
 
 template<typename T>
-static void store(T *field, T value) {
+void store(T *field, T value) {
     __atomic_store_n(field, value, __ATOMIC_RELAXED);
 }
 
 // The time at which the product's file was changed last; the one that the handle knows when
 // that cannot be told: the handle keeps its levels.
-static int64_t fileTime(const LogHandle *handle) {
+int64_t fileTime(const LogHandle *handle) {
     char *location = nullptr;
     if (GetProductCfgPath(GetZoltLogCfgLoc(), handle->file->productId, &location) != ZOLTLOG_OK)
         return load(&handle->cfgTimestamp);
@@ -37,6 +39,8 @@ static int64_t fileTime(const LogHandle *handle) {
     return known ? status.st_mtime : load(&handle->cfgTimestamp);
 }
 
+} // namespace
+
 // Whose settings a handle follows, as its file tells at the moment: an open or a close of
 // another handle may change the file's fields.
 struct Source {
@@ -45,7 +49,9 @@ struct Source {
     LogOwned<char> logsetName;
 };
 
-static Source sourceOf(const LogHandle *handle) {
+namespace {
+
+Source sourceOf(const LogHandle *handle) {
     const GlobalLock lock(TAG_DYNA_LOAD_CONFIG);
     const LogFileState *file = handle->file;
     const bool isLogset = file->isLogset != 0;
@@ -55,7 +61,7 @@ static Source sourceOf(const LogHandle *handle) {
 
 // Adopts the levels and the interval, and nothing else. What cannot be read leaves them, and
 // is tried again when the next check is due.
-static void reload(LogHandle *handle, int64_t modified) {
+void reload(LogHandle *handle, int64_t modified) {
     const Source source = sourceOf(handle);
     LogCfg cfg = {};
     // A handle on a log set was opened with the log set's settings.
@@ -71,6 +77,8 @@ static void reload(LogHandle *handle, int64_t modified) {
     }
     (void)zoltLogFreeCfg(&cfg);
 }
+
+} // namespace
 
 uint32_t zoltDynaLoadConfig(LogHandle *handle) {
     if (handle == nullptr || handle->file == nullptr)

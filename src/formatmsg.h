@@ -1,8 +1,8 @@
 // Localized text: the text of a message's localization block, made whole.
 #pragma once
 
-#include <stdarg.h>
-#include <stddef.h>
+#include <cstdarg>
+#include <cstddef>
 
 #include "qdlis.h"
 #include "zoltlog.h"

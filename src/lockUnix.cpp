@@ -191,6 +191,8 @@ int32_t zoltLogLockInit(LogLock *lock) {
     return 0;
 }
 
+namespace {
+
 // ---- contention ----------------------------------------------------------------------
 
 // A thread that finds the lock taken does not press for it. Whenever the lock goes to
@@ -199,17 +201,17 @@ int32_t zoltLogLockInit(LogLock *lock) {
 // one waiting thread looks on, at intervals in which a busy holder writes a handful of
 // messages, and the others sleep in the mutex, as does the one when it has looked on for
 // some hundred microseconds.
-static const int LOOKS = 30;
-static const int PAUSES_PER_LOOK = 256; // 5 to 10 microseconds
+const int LOOKS = 30;
+const int PAUSES_PER_LOOK = 256; // 5 to 10 microseconds
 
-static bool mayLookOn = true; // false where the holder would need the only processor to go on
+bool mayLookOn = true; // false where the holder would need the only processor to go on
 
-[[gnu::constructor]] static void countProcessors() {
+[[gnu::constructor]] void countProcessors() {
     cpu_set_t ours;
     mayLookOn = sched_getaffinity(0, sizeof ours, &ours) != 0 || CPU_COUNT(&ours) > 1;
 }
 
-static void relax() {
+void relax() {
 #if defined(__x86_64__) || defined(__i386__)
     __builtin_ia32_pause();
 #elif defined(__aarch64__)
@@ -219,7 +221,7 @@ static void relax() {
 #endif
 }
 
-static bool tryAcquire(LogLock *lock) {
+bool tryAcquire(LogLock *lock) {
     if (!isHeldBy(lock, 0)) // a look does not take the cache line from the holder
         return false;
     const int result = pthread_mutex_trylock(&lock->mutex);
@@ -228,7 +230,7 @@ static bool tryAcquire(LogLock *lock) {
 }
 
 // Whether the lock was acquired.
-static bool lookOn(LogLock *lock) {
+bool lookOn(LogLock *lock) {
     if (!mayLookOn || __atomic_exchange_n(&someoneLooksOn, true, __ATOMIC_RELAXED))
         return false;
     bool acquired = false;
@@ -241,10 +243,12 @@ static bool lookOn(LogLock *lock) {
     return acquired;
 }
 
-static void acquire(LogLock *lock) {
+void acquire(LogLock *lock) {
     if (!tryAcquire(lock) && !lookOn(lock))
         require(pthread_mutex_lock(&lock->mutex) == 0);
 }
+
+} // namespace
 
 // ---- acquisition and release -------------------------------------------------------
 

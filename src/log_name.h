@@ -19,7 +19,7 @@
 
 #include "zoltlog.h"
 
-#include <stddef.h>
+#include <cstddef>
 
 // ---- names -------------------------------------------------------------------------
 

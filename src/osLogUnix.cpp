@@ -2,14 +2,18 @@
 
 #include "SharedLibrary.h"
 
-#include <stdio.h>
-#include <string.h>
+#include <cstdio>
+#include <cstring>
 #include <syslog.h>
 
 static_assert(sizeof OSLOG_DEFAULT_IDENT <= sizeof(OsLogSettings::ident));
 
-static const char OSLOG_LOCALE[] = "en_US";
-static const int SECURE_AUDIT_PRIORITY = LOG_CRIT;
+namespace {
+
+const char OSLOG_LOCALE[] = "en_US";
+const int SECURE_AUDIT_PRIORITY = LOG_CRIT;
+
+} // namespace
 
 int32_t osLogInitCfg(OsLogSettings *settings) {
     if (settings == nullptr)
@@ -54,8 +58,10 @@ int32_t osLogClose(OsLogSink *sink) {
     return ZOLTLOG_OS_OK;
 }
 
+namespace {
+
 // The eight-field prefix and the text as one new block, null without memory.
-static char *withSecureAuditPrefix(const LogHandle *handle, const LogMsg *msg, const char *text) {
+char *withSecureAuditPrefix(const LogHandle *handle, const LogMsg *msg, const char *text) {
     const LogCfg *cfg = handle->cfgCopy;
     const unsigned long productId = cfg != nullptr ? cfg->productId : 0;
     const unsigned long originatorId = cfg != nullptr ? cfg->originatorId : 0;
@@ -77,7 +83,7 @@ static char *withSecureAuditPrefix(const LogHandle *handle, const LogMsg *msg, c
     }
 }
 
-static void sendToSystemLog(const LogHandle *handle, const LogMsg *msg, const char *text) {
+void sendToSystemLog(const LogHandle *handle, const LogMsg *msg, const char *text) {
     if (msg->type == ZOLTLOG_MSG_APP) {
         syslog(sevToSyslogPriority(msg->attr.severity), "%s", text);
     } else if (msg->type == ZOLTLOG_MSG_SECURE_AUDIT) {
@@ -88,6 +94,8 @@ static void sendToSystemLog(const LogHandle *handle, const LogMsg *msg, const ch
         zoltLogFree(line);
     }
 }
+
+} // namespace
 
 int32_t osLogWrite(LogHandle *handle, LogMsg *msg) {
     if (handle == nullptr || msg == nullptr)

@@ -4,7 +4,11 @@
 
 #include <cstring>
 
-static constexpr uint32_t TITLE_BUCKETS = 200;
+namespace {
+
+constexpr uint32_t TITLE_BUCKETS = 200;
+
+} // namespace
 
 // ---- hash --------------------------------------------------------------------
 
@@ -21,13 +25,15 @@ uint32_t HashString(const char *text, uint32_t modulus) {
     return static_cast<uint32_t>(hashText(0, text) % modulus);
 }
 
+namespace {
+
 // ---- name lists --------------------------------------------------------------
 
 // Grammar of a name list: items separated by runs of ','; the blanks of an item,
 // also those inside it, do not belong to the name.
 
 // Whether the item [begin, end) without its blanks is the name.
-static bool itemIsName(const char *begin, const char *end, const char *name) {
+bool itemIsName(const char *begin, const char *end, const char *name) {
     bool empty = true;
     for (const char *at = begin; at != end; ++at) {
         if (*at == ' ')
@@ -39,6 +45,8 @@ static bool itemIsName(const char *begin, const char *end, const char *name) {
     }
     return !empty && *name == '\0';
 }
+
+} // namespace
 
 int32_t DoesNameMatch(const char *list, const char *name) {
     if (list == nullptr || name == nullptr)

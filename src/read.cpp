@@ -12,16 +12,18 @@
 #include "os.h"
 #include "text_msg.h"
 
-#include <stdlib.h>
-#include <string.h>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
 
 // ---- the record reader ---------------------------------------------------------
 
-static const int32_t NO_MEMORY_FOR_RECORD = -1;
-static const int32_t READ_SIZE = sizeof(OsFile::buffer);
+const int32_t NO_MEMORY_FOR_RECORD = -1;
+const int32_t READ_SIZE = sizeof(OsFile::buffer);
 
 // Appends bytes, each CR as LF: the encoder writes the line feeds of a text as CR.
-static char *appendLine(TextBuffer *buffer, const char *bytes, size_t length) {
+char *appendLine(TextBuffer *buffer, const char *bytes, size_t length) {
     char *line = text_msg_alloc(buffer, length);
     if (line == nullptr)
         return nullptr;
@@ -34,7 +36,7 @@ static char *appendLine(TextBuffer *buffer, const char *bytes, size_t length) {
 }
 
 // As readrecord, in reads of at most readSize; 0 also when the line is longer than limit.
-static int32_t readLine(OsFile *file, TextBuffer *buffer, int32_t readSize, uint64_t limit) {
+int32_t readLine(OsFile *file, TextBuffer *buffer, int32_t readSize, uint64_t limit) {
     for (uint64_t taken = 0;;) {
         // A read into memory of the caller's own may have counted more than the buffer holds.
         constexpr auto ROOM = static_cast<int32_t>(sizeof file->buffer);
@@ -61,6 +63,8 @@ static int32_t readLine(OsFile *file, TextBuffer *buffer, int32_t readSize, uint
     }
 }
 
+} // namespace
+
 // KEPT: a CR before the line feed stays, as a line feed, and a last line without a
 // line feed is not returned. Pinned by ReadRecord.CarriageReturnBecomesLineFeed and
 // ReadRecord.LastLineWithoutLineFeedIsNotReturned.
@@ -70,16 +74,18 @@ int32_t readrecord(OsFile *file, TextBuffer *buffer) {
     return readLine(file, buffer, READ_SIZE, UINT64_MAX);
 }
 
+namespace {
+
 // ---- headers -------------------------------------------------------------------
 
-static const int64_t NO_OFFSET = -1;
+const int64_t NO_OFFSET = -1;
 
 // A header has some 600 bytes at most, so one small read usually gets it.
-static const int32_t HEADER_READ_SIZE = 4096;
+const int32_t HEADER_READ_SIZE = 4096;
 
 // Parses the first record of a file. A header that is too short leaves the fields
 // that it lacks at 0, the offset at -1.
-static uint32_t parseHeader(const char *record, LogFileHeader *header) {
+uint32_t parseHeader(const char *record, LogFileHeader *header) {
     memset(header, 0, sizeof *header);
     header->tzOffset = NO_OFFSET;
     HeaderLine line;
@@ -101,7 +107,7 @@ static uint32_t parseHeader(const char *record, LogFileHeader *header) {
 
 // Reads and parses the first record from the current offset of an open file.
 // recordRead tells the reader's result: below 1 means that there was no record.
-static uint32_t readHeader(OsFile *file, LogFileHeader *header, int32_t *recordRead) {
+uint32_t readHeader(OsFile *file, LogFileHeader *header, int32_t *recordRead) {
     TextBuffer buffer;
     init_text_msg(&buffer);
     file->readPosition = -1;
@@ -112,6 +118,8 @@ static uint32_t readHeader(OsFile *file, LogFileHeader *header, int32_t *recordR
     free_text_msg(&buffer);
     return result;
 }
+
+} // namespace
 
 uint32_t ReadHeaderEx(OsFile *file, LogFileHeader *header) {
     if (file == nullptr || header == nullptr)
@@ -142,9 +150,13 @@ uint32_t ReadHeader(LogFileEntry *entry, LogFileHeader *header) {
     return result;
 }
 
+namespace {
+
 // ---- log file entries ----------------------------------------------------------
 
-static const uint32_t READ_PERMISSIONS = 0660;
+const uint32_t READ_PERMISSIONS = 0660;
+
+} // namespace
 
 int64_t zoltLogOsListLogFilesCreattime(OsLogFileCursor *cursor) {
     const LogOwned<char> path = currentPath(cursor);
@@ -235,9 +247,13 @@ int32_t getSLidfromfilename(const char *name, uint64_t *productId, char *logsetN
     return *productId != 0 && logsetName[0] != '\0';
 }
 
+namespace {
+
 // ---- date and time texts -------------------------------------------------------
 
-static const int32_t FIRST_TM_YEAR = 1900;
+const int32_t FIRST_TM_YEAR = 1900;
+
+} // namespace
 
 int32_t zoltLogGetDate(const char *text, int32_t *day, int32_t *month, int32_t *year) {
     const int32_t result = zoltLogStrTimeToT(text, "-", year, month, day);

@@ -5,19 +5,19 @@
 #include "log_name.h"
 #include "zoltlog.h"
 
-#include <stddef.h>
+#include <cstddef>
 
 // Room that a caller of getSLidfromfilename gives: a name, cut if it is longer,
 // and the date and time; terminators included.
-static const size_t LOGSET_NAME_ROOM = 1025;
-static const size_t DATE_TIME_ROOM = 13;
+constexpr size_t LOGSET_NAME_ROOM = 1025;
+constexpr size_t DATE_TIME_ROOM = 13;
 
 // A file whose first line is longer has no header.
-static const uint64_t LONGEST_HEADER_LINE = 65536;
+constexpr uint64_t LONGEST_HEADER_LINE = 65536;
 
 // ---- the latest file of a series (read_latest.cpp) ----------------------------
 
-static const size_t LATEST_NAME_ROOM = 256; // the system's longest file name, terminated
+constexpr size_t LATEST_NAME_ROOM = 256; // the system's longest file name, terminated
 
 struct LatestLog {
     char name[LATEST_NAME_ROOM];

@@ -2,8 +2,8 @@
 // alone. The grammar of the names is in log_name.h.
 #include "read.h"
 
-#include <errno.h>
-#include <string.h>
+#include <cerrno>
+#include <cstring>
 
 // ---- the best name so far ------------------------------------------------------
 
@@ -11,10 +11,12 @@
 // KEEP_SEARCHING and LATER go on, STOP gives the search up.
 enum Verdict { KEEP_SEARCHING, LATER, STOP };
 
+namespace {
+
 // Lists the directory once and stores the last name that judge calls LATER. NONE when there
 // is none, when the search was given up, or when the directory is not there to be listed.
 template<typename Judge>
-static Latest searchDirectory(const char *directory, char (&best)[LATEST_NAME_ROOM], Judge judge) {
+Latest searchDirectory(const char *directory, char (&best)[LATEST_NAME_ROOM], Judge judge) {
     OsLogFileCursor cursor = {};
     bool found = false;
     bool givenUp = false;
@@ -38,7 +40,7 @@ static Latest searchDirectory(const char *directory, char (&best)[LATEST_NAME_RO
     return found && !givenUp ? Latest::FOUND : Latest::NONE;
 }
 
-static const size_t PREFIX_ROOM = LATEST_NAME_ROOM; // no name is longer
+const size_t PREFIX_ROOM = LATEST_NAME_ROOM; // no name is longer
 
 // ---- days ----------------------------------------------------------------------
 
@@ -46,7 +48,7 @@ static const size_t PREFIX_ROOM = LATEST_NAME_ROOM; // no name is longer
 // and then run over, as mktime has it. Local midnights follow each other as these
 // days do, so names are compared without a call of mktime, which asks the system
 // for the time zone each time.
-static int64_t dayNumber(int64_t year, int64_t month, int64_t day) {
+int64_t dayNumber(int64_t year, int64_t month, int64_t day) {
     int64_t months = year * 12 + (month - 1) - 2; // from March on, so that the leap day is last
     const int64_t monthOfYear = ((months % 12) + 12) % 12;
     const int64_t shiftedYear = (months - monthOfYear) / 12;
@@ -54,17 +56,17 @@ static int64_t dayNumber(int64_t year, int64_t month, int64_t day) {
     return shiftedYear * 365 + leapDays + (153 * monthOfYear + 2) / 5 + day;
 }
 
-static const size_t DATE_DIGITS = 2; // of each part of a date
-static const int64_t FIRST_YEAR = 2000;
+const size_t DATE_DIGITS = 2; // of each part of a date
+const int64_t FIRST_YEAR = 2000;
 
 // ---- originator series ---------------------------------------------------------
 
-static int64_t dayOf(const LogFileDate &date) {
+int64_t dayOf(const LogFileDate &date) {
     return dayNumber(FIRST_YEAR + date.year, date.month, date.day);
 }
 
-static Latest findOfOriginator(const char *directory, const char *prefix, size_t prefixLength,
-                               const LogFileDate *lastDay, LatestLog *latest) {
+Latest findOfOriginator(const char *directory, const char *prefix, size_t prefixLength,
+                        const LogFileDate *lastDay, LatestLog *latest) {
     const int64_t last = lastDay != nullptr ? dayOf(*lastDay) : INT64_MAX;
     bool any = false;
     int64_t bestDay = 0;
@@ -93,11 +95,11 @@ static Latest findOfOriginator(const char *directory, const char *prefix, size_t
 
 // Local times of two names are compared through convert_time only when they lie
 // this close: no zone's standard offset ever moved by as much.
-static const int64_t CLOSE_SECONDS = 259200; // three days
+const int64_t CLOSE_SECONDS = 259200; // three days
 
 // Seconds as a clock without time zone counts them; false unless all twelve
 // characters of the token are digits.
-static bool plainSeconds(const char *token, int64_t *seconds) {
+bool plainSeconds(const char *token, int64_t *seconds) {
     int64_t parts[6];
     for (int64_t &part : parts) {
         if (token[0] < '0' || token[0] > '9' || token[1] < '0' || token[1] > '9')
@@ -110,8 +112,7 @@ static bool plainSeconds(const char *token, int64_t *seconds) {
     return true;
 }
 
-static Latest findOfLogset(const char *directory, const char *prefix, size_t prefixLength,
-                           LatestLog *latest) {
+Latest findOfLogset(const char *directory, const char *prefix, size_t prefixLength, LatestLog *latest) {
     int64_t bestPlain = INT64_MIN;
     latest->time = 0;
     return searchDirectory(directory, latest->name, [&](const char *name) {
@@ -138,6 +139,8 @@ static Latest findOfLogset(const char *directory, const char *prefix, size_t pre
     });
 }
 
+} // namespace
+
 // ---- both ----------------------------------------------------------------------
 
 Latest findLatestLog(const char *directory, const LogName *series, const LogFileDate *lastDay,
@@ -150,9 +153,11 @@ Latest findLatestLog(const char *directory, const LogName *series, const LogFile
                                   : findOfOriginator(directory, prefix, prefixLength, lastDay, latest);
 }
 
+namespace {
+
 // The entry of the file that was found, which is the caller's to free; null without memory
 // and when there is none.
-static LogFileEntry *findEntry(const char *directory, const LogName *series, int64_t *time) {
+LogFileEntry *findEntry(const char *directory, const LogName *series, int64_t *time) {
     LatestLog latest;
     if (findLatestLog(directory, series, nullptr, &latest) != Latest::FOUND)
         return nullptr;
@@ -165,6 +170,8 @@ static LogFileEntry *findEntry(const char *directory, const LogName *series, int
     *time = latest.time;
     return alloc_file(&cursor);
 }
+
+} // namespace
 
 int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t originatorId, uint64_t from,
                              uint64_t to, LogFileEntry **out) {

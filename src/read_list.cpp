@@ -33,8 +33,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-static constexpr uint32_t TABLE_BUCKETS = 300;
-static constexpr int64_t FUTURE_LIMIT = 86400; // seconds a modification may lie ahead of now
+namespace {
+
+constexpr uint32_t TABLE_BUCKETS = 300;
+constexpr int64_t FUTURE_LIMIT = 86400; // seconds a modification may lie ahead of now
+
+} // namespace
 
 // ---- texts -------------------------------------------------------------------
 
@@ -46,9 +50,11 @@ struct TextBlock {
     char bytes[1]; // the bytes run on
 };
 
-static constexpr size_t TEXT_BLOCK_ROOM = 65536 - sizeof(TextBlock);
+namespace {
 
-static const char *keepText(FileCatalogue *catalogue, const char *text) {
+constexpr size_t TEXT_BLOCK_ROOM = 65536 - sizeof(TextBlock);
+
+const char *keepText(FileCatalogue *catalogue, const char *text) {
     const size_t size = strlen(text) + 1;
     TextBlock *block = catalogue->texts;
     if (block == nullptr || block->room - block->used < size) {
@@ -69,7 +75,9 @@ static const char *keepText(FileCatalogue *catalogue, const char *text) {
 
 // ---- directories -------------------------------------------------------------
 
-static constexpr uint32_t NOWHERE = PositionTable::NOWHERE;
+constexpr uint32_t NOWHERE = PositionTable::NOWHERE;
+
+} // namespace
 
 struct ListedName {
     const char *name;
@@ -131,24 +139,26 @@ FileCatalogue::~FileCatalogue() {
     zoltLogFree(reader);
 }
 
-static uint64_t hashOfSeries(const SeriesKey &key) {
+namespace {
+
+uint64_t hashOfSeries(const SeriesKey &key) {
     return hashOfNumbers(key.productId,
                          key.set != nullptr ? hashOfBytes(key.set, strlen(key.set)) : key.originatorId);
 }
 
-static bool isSameSeries(const SeriesKey &a, const SeriesKey &b) {
+bool isSameSeries(const SeriesKey &a, const SeriesKey &b) {
     if (a.productId != b.productId || a.originatorId != b.originatorId)
         return false;
     return a.set == nullptr || b.set == nullptr ? a.set == b.set : strcmp(a.set, b.set) == 0;
 }
 
-static uint32_t findSeries(const ListedDirectory *directory, const SeriesKey &key, uint64_t hash) {
+uint32_t findSeries(const ListedDirectory *directory, const SeriesKey &key, uint64_t hash) {
     return directory->seriesTable.find(
         hash, [&](uint32_t at) { return isSameSeries(directory->series.items[at].key, key); });
 }
 
 // The series of a configuration's files; false when it has none.
-static bool seriesOf(const LogCfg *cfg, SeriesKey *key) {
+bool seriesOf(const LogCfg *cfg, SeriesKey *key) {
     if (cfg->isLogset == 0)
         *key = {cfg->productId, cfg->originatorId, nullptr};
     else
@@ -157,7 +167,7 @@ static bool seriesOf(const LogCfg *cfg, SeriesKey *key) {
 }
 
 // Notes before the directory is read that a configuration's files are asked for.
-static void askFor(ListedDirectory *directory, const LogCfg *cfg) {
+void askFor(ListedDirectory *directory, const LogCfg *cfg) {
     SeriesKey key;
     if (!seriesOf(cfg, &key))
         return;
@@ -175,14 +185,14 @@ static void askFor(ListedDirectory *directory, const LogCfg *cfg) {
 }
 
 // The series asked for that a name belongs to, or NOWHERE.
-static uint32_t originatorSeriesOf(const ListedDirectory *directory, const char *name) {
+uint32_t originatorSeriesOf(const ListedDirectory *directory, const char *name) {
     SeriesKey key = {0, 0, nullptr};
     if (!directory->hasOriginators || getidfromfilename(name, &key.productId, &key.originatorId) == 0)
         return NOWHERE;
     return findSeries(directory, key, hashOfSeries(key));
 }
 
-static uint32_t logsetSeriesOf(const ListedDirectory *directory, const char *name) {
+uint32_t logsetSeriesOf(const ListedDirectory *directory, const char *name) {
     char set[LOGSET_NAME_ROOM];
     char dateTime[DATE_TIME_ROOM] = "";
     set[0] = '\0';
@@ -192,8 +202,7 @@ static uint32_t logsetSeriesOf(const ListedDirectory *directory, const char *nam
     return findSeries(directory, key, hashOfSeries(key));
 }
 
-static void appendToSeries(ListedDirectory *directory, uint32_t series, uint32_t ListedName::*next,
-                           uint32_t name) {
+void appendToSeries(ListedDirectory *directory, uint32_t series, uint32_t ListedName::*next, uint32_t name) {
     if (series == NOWHERE)
         return;
     ListedSeries &chain = directory->series.items[series];
@@ -204,7 +213,7 @@ static void appendToSeries(ListedDirectory *directory, uint32_t series, uint32_t
 
 // Keeps a name of the series asked for, once: a directory may yield a name twice while
 // others change it. False without memory.
-static bool keepName(FileCatalogue *catalogue, ListedDirectory *directory, const char *name) {
+bool keepName(FileCatalogue *catalogue, ListedDirectory *directory, const char *name) {
     const uint32_t ofIds = originatorSeriesOf(directory, name);
     const uint32_t ofSet = logsetSeriesOf(directory, name);
     if (ofIds == NOWHERE && ofSet == NOWHERE)
@@ -228,7 +237,7 @@ static bool keepName(FileCatalogue *catalogue, ListedDirectory *directory, const
 }
 
 // The directory's names; an error leaves those read so far.
-static void readNames(FileCatalogue *catalogue, ListedDirectory *directory) {
+void readNames(FileCatalogue *catalogue, ListedDirectory *directory) {
     directory->isRead = true;
     OsLogFileCursor cursor = {};
     if (zoltLogOsListLogFilesBegin(&cursor, directory->path) == ZOLTLOG_OS_OK) {
@@ -241,7 +250,7 @@ static void readNames(FileCatalogue *catalogue, ListedDirectory *directory) {
     zoltLogOsListLogFilesEnd(&cursor);
 }
 
-static ListedDirectory *findDirectory(const FileCatalogue *catalogue, const char *path, uint64_t hash) {
+ListedDirectory *findDirectory(const FileCatalogue *catalogue, const char *path, uint64_t hash) {
     ListedDirectory *known = catalogue->directories;
     while (known != nullptr && (known->hash != hash || strcmp(known->path, path) != 0))
         known = known->next;
@@ -249,7 +258,7 @@ static ListedDirectory *findDirectory(const FileCatalogue *catalogue, const char
 }
 
 // The record of a configuration's directory, made when there is none; null without memory.
-static ListedDirectory *directoryOf(FileCatalogue *catalogue, const LogCfg *cfg) {
+ListedDirectory *directoryOf(FileCatalogue *catalogue, const LogCfg *cfg) {
     const uint64_t hash = hashText(0, cfg->directory);
     ListedDirectory *directory = findDirectory(catalogue, cfg->directory, hash);
     void *room = directory == nullptr ? zoltLogMalloc(sizeof(ListedDirectory)) : nullptr;
@@ -263,6 +272,8 @@ static ListedDirectory *directoryOf(FileCatalogue *catalogue, const LogCfg *cfg)
     return directory;
 }
 
+} // namespace
+
 // ---- examining a file --------------------------------------------------------
 
 struct Examination {
@@ -274,13 +285,15 @@ struct Examination {
     int64_t now;
 };
 
-static bool isStarvation(int error) {
+namespace {
+
+bool isStarvation(int error) {
     return error == EMFILE || error == ENFILE || error == ENOMEM || error == EINTR;
 }
 
 // Files are reached through their directory's descriptor, which spares the walk over
 // the directory's path for each of them.
-static int directoryDescriptor(Examination *examination) {
+int directoryDescriptor(Examination *examination) {
     if (examination->directoryDescriptor != -1)
         return examination->directoryDescriptor;
     const int descriptor = open(examination->directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -290,11 +303,11 @@ static int directoryDescriptor(Examination *examination) {
     return examination->directoryDescriptor;
 }
 
-static int64_t modificationTimeOf(const struct stat &status) {
+int64_t modificationTimeOf(const struct stat &status) {
     return S_ISREG(status.st_mode) ? status.st_mtime : 0;
 }
 
-static void learnTimes(Examination *examination, ListedName *name) {
+void learnTimes(Examination *examination, ListedName *name) {
     if (name->timesKnown)
         return;
     name->timesKnown = true;
@@ -304,7 +317,7 @@ static void learnTimes(Examination *examination, ListedName *name) {
 }
 
 // The date-time of a log set's file name; -1 when it has none. False: no such name.
-static bool logsetTimeOf(const char *name, int64_t *seconds) {
+bool logsetTimeOf(const char *name, int64_t *seconds) {
     uint64_t productId = 0;
     char set[LOGSET_NAME_ROOM];
     char dateTime[DATE_TIME_ROOM] = "";
@@ -316,7 +329,7 @@ static bool logsetTimeOf(const char *name, int64_t *seconds) {
 }
 
 // A log set's header tells no creation time; its file's name does.
-static int64_t creationTimeOf(const LogFileHeader &header, const char *name) {
+int64_t creationTimeOf(const LogFileHeader &header, const char *name) {
     if (header.version != ZOLTLOG_RECORD_VERSION_LOGSET)
         return static_cast<int64_t>(header.creationTime);
     int64_t creationTime = 0;
@@ -324,7 +337,7 @@ static int64_t creationTimeOf(const LogFileHeader &header, const char *name) {
 }
 
 // Opens the file and reads its header, the only time for this file.
-static void learnHeader(Examination *examination, ListedName *name) {
+void learnHeader(Examination *examination, ListedName *name) {
     if (name->headerKnown)
         return;
     name->headerKnown = true;
@@ -364,7 +377,7 @@ static void learnHeader(Examination *examination, ListedName *name) {
 // ---- admission ---------------------------------------------------------------
 
 // Whether a file of the configuration belongs into the listing; its creation time.
-static bool isAdmitted(Examination *examination, const LogCfg *cfg, ListedName *name, int64_t *creationTime) {
+bool isAdmitted(Examination *examination, const LogCfg *cfg, ListedName *name, int64_t *creationTime) {
     const bool logset = cfg->isLogset != 0;
     if (!logset || examination->needHost)
         learnHeader(examination, name);
@@ -384,6 +397,8 @@ static bool isAdmitted(Examination *examination, const LogCfg *cfg, ListedName *
                                  logset ? cfg->logsetName : nullptr, *creationTime, name->modificationTime,
                                  examination->query) != 0;
 }
+
+} // namespace
 
 // ---- insertion ---------------------------------------------------------------
 
@@ -405,8 +420,10 @@ LogFileEntry *makeEntry(const char *directory, const char *name, int64_t creatio
     return entry;
 }
 
-static bool insertFile(FileCatalogue *catalogue, const ListedDirectory *directory, ListedName *name,
-                       int64_t creationTime, bool withEntry) {
+namespace {
+
+bool insertFile(FileCatalogue *catalogue, const ListedDirectory *directory, ListedName *name,
+                int64_t creationTime, bool withEntry) {
     LogFileEntry *entry = withEntry ? makeEntry(directory->path, name->name, creationTime) : nullptr;
     if (withEntry && entry == nullptr)
         return false;
@@ -429,8 +446,8 @@ static bool insertFile(FileCatalogue *catalogue, const ListedDirectory *director
 // ---- gathering ---------------------------------------------------------------
 
 // False when memory ran out.
-static bool gatherFilesOf(Examination *examination, ListedDirectory *directory, const LogCfg *cfg,
-                          bool withEntries) {
+bool gatherFilesOf(Examination *examination, ListedDirectory *directory, const LogCfg *cfg,
+                   bool withEntries) {
     FileCatalogue *catalogue = examination->catalogue;
     SeriesKey key;
     if (!seriesOf(cfg, &key))
@@ -452,13 +469,15 @@ static bool gatherFilesOf(Examination *examination, ListedDirectory *directory, 
     return true;
 }
 
-static bool isListedBefore(const ListedFile &a, const ListedFile &b) {
+bool isListedBefore(const ListedFile &a, const ListedFile &b) {
     if (a.creationTime != b.creationTime)
         return a.creationTime < b.creationTime;
     if (a.bucket != b.bucket)
         return a.bucket < b.bucket;
     return a.order > b.order; // the last inserted stands at the head of its chain
 }
+
+} // namespace
 
 bool gatherLogFiles(FileCatalogue *catalogue, LogCfg **cfgs, uint32_t count, LogQueryNode *query,
                     bool withEntries) {
@@ -514,7 +533,9 @@ int32_t list_log_files(LogListing *listing, LogCfg **cfgs, uint32_t count) {
     return LISTED;
 }
 
-static uint32_t resultOfListing(int32_t listed) {
+namespace {
+
+uint32_t resultOfListing(int32_t listed) {
     switch (listed) {
     case LISTED:
         return ZOLTLOG_OK;
@@ -524,6 +545,8 @@ static uint32_t resultOfListing(int32_t listed) {
         return ZOLTLOG_FAILED;
     }
 }
+
+} // namespace
 
 uint32_t GetLogFiles(LogCfg **cfgs, uint32_t count, LogListing *listing) {
     if (cfgs == nullptr || listing == nullptr)

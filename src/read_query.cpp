@@ -12,15 +12,17 @@
 
 #include <cstring>
 
+namespace {
+
 // ---- terms -----------------------------------------------
 
-static bool isTerm(const LogQueryNode *node) {
+bool isTerm(const LogQueryNode *node) {
     return node->kind >= ZOLTLOG_TERM_TEXT && node->kind <= ZOLTLOG_TERM_NUMBER_3;
 }
 
 // ---- operators ---------------------------------------------------------------
 
-static bool eval(int32_t op, uint64_t a, uint64_t b) {
+bool eval(int32_t op, uint64_t a, uint64_t b) {
     switch (op) {
     case ZOLTLOG_OP_AND:
         return a != 0 && b != 0;
@@ -43,17 +45,23 @@ static bool eval(int32_t op, uint64_t a, uint64_t b) {
     }
 }
 
+} // namespace
+
 // A text literal as a comparison sees it: cut to the view's bound, not copied.
 struct Literal {
     const char *text;
     size_t length;
 };
 
-static bool evalString(int32_t op, const char *text, const Literal &literal) {
+namespace {
+
+bool evalString(int32_t op, const char *text, const Literal &literal) {
     const size_t length = strlen(text);
     const bool equal = length == literal.length && memcmp(text, literal.text, length) == 0;
     return op == ZOLTLOG_OP_EQUAL ? equal : op == ZOLTLOG_OP_NOT_EQUAL && !equal;
 }
+
+} // namespace
 
 // ---- what the attributes mean ------------------------------------------------------
 
@@ -73,26 +81,34 @@ enum Compared : uint32_t {
 // one, by its header.
 enum View : uint8_t { LISTED_FILE, FETCHED_FILE, VIEWS };
 
-static constexpr size_t LITERAL_LENGTH[VIEWS] = {567, 1079}; // longer text literals are cut
+namespace {
+
+constexpr size_t LITERAL_LENGTH[VIEWS] = {567, 1079}; // longer text literals are cut
+
+} // namespace
 
 struct Attribute {
     uint64_t code;
     uint32_t compared[VIEWS]; // with these
 };
 
-static constexpr Attribute ATTRIBUTES[] = {
+namespace {
+
+constexpr Attribute ATTRIBUTES[] = {
 #define ATTRIBUTE_ROW(name, code, listed, fetched) {name, {listed, fetched}},
     ZOLTLOG_ATTRIBUTES(ATTRIBUTE_ROW)
 #undef ATTRIBUTE_ROW
 };
 
-static uint32_t comparedWith(uint64_t code, View view) {
+uint32_t comparedWith(uint64_t code, View view) {
     for (const Attribute &attribute : ATTRIBUTES)
         if (attribute.code == code)
             return attribute.compared[view];
     const bool known = code >= ZOLTLOG_ATTR_FIRST && code <= ZOLTLOG_ATTR_LAST;
     return known && view == LISTED_FILE ? ALL : NONE;
 }
+
+} // namespace
 
 struct FileValues {
     uint64_t productId;
@@ -103,8 +119,10 @@ struct FileValues {
     const char *logsetName; // null: none
 };
 
-static bool compareAttribute(View view, const FileValues &file, uint64_t attribute, int32_t op,
-                             uint64_t number, const Literal &literal) {
+namespace {
+
+bool compareAttribute(View view, const FileValues &file, uint64_t attribute, int32_t op, uint64_t number,
+                      const Literal &literal) {
     const uint32_t with = comparedWith(attribute, view);
     return (with & ALL) != 0 || ((with & PRODUCT) != 0 && eval(op, file.productId, number)) ||
            ((with & ORIGINATOR) != 0 && eval(op, file.originatorId, number)) ||
@@ -117,13 +135,13 @@ static bool compareAttribute(View view, const FileValues &file, uint64_t attribu
 // ---- one node ----------------------------------------------------------------
 
 // Results by slot: 0 not evaluated, else the truth value plus 1. Slot 0 is never written.
-static constexpr int32_t SLOTS = 200;
+constexpr int32_t SLOTS = 200;
 
-static uint32_t slotValue(const uint32_t *table, const LogQueryNode *node) {
+uint32_t slotValue(const uint32_t *table, const LogQueryNode *node) {
     return node->slot > 0 && node->slot < SLOTS ? table[node->slot] : 0;
 }
 
-static bool evaluateNode(View view, const FileValues &file, const uint32_t *table, const LogQueryNode *node) {
+bool evaluateNode(View view, const FileValues &file, const uint32_t *table, const LogQueryNode *node) {
     const LogQueryNode *a = node->left;
     const LogQueryNode *b = node->right;
     if (a == nullptr || b == nullptr)
@@ -147,7 +165,7 @@ static bool evaluateNode(View view, const FileValues &file, const uint32_t *tabl
 
 // ---- the walk ----------------------------------------------------------------
 
-static bool isPending(const uint32_t *table, const LogQueryNode *operand) {
+bool isPending(const uint32_t *table, const LogQueryNode *operand) {
     return operand != nullptr && !isTerm(operand) && slotValue(table, operand) == 0;
 }
 
@@ -155,7 +173,7 @@ static bool isPending(const uint32_t *table, const LogQueryNode *operand) {
 // in the tree. Slots are given out in the same order each time, so numbers left by an
 // earlier walk never read as results of this one. A tree of more than SLOTS - 1
 // operators passes no file.
-static bool treePasses(View view, const FileValues &file, LogQueryNode *root) {
+bool treePasses(View view, const FileValues &file, LogQueryNode *root) {
     uint32_t table[SLOTS] = {};
     LogQueryNode *path[SLOTS];
     int32_t depth = 0;
@@ -180,6 +198,8 @@ static bool treePasses(View view, const FileValues &file, LogQueryNode *root) {
     } while (slotValue(table, root) == 0);
     return slotValue(table, root) != 1;
 }
+
+} // namespace
 
 // ---- exported evaluators -----------------------------------------------------
 
@@ -211,9 +231,11 @@ int32_t EvaluateFileCondition(LogListing *listing, const LogFileHeader *header, 
     return treePasses(FETCHED_FILE, file, listing->query) ? 1 : 0;
 }
 
+namespace {
+
 // ---- host name ---------------------------------------------------------------
 
-static bool mentionsHost(const LogQueryNode *node, int32_t depth) {
+bool mentionsHost(const LogQueryNode *node, int32_t depth) {
     if (node == nullptr || depth == SLOTS)
         return false;
     if (isTerm(node) && node->kind != ZOLTLOG_TERM_TEXT &&
@@ -222,16 +244,22 @@ static bool mentionsHost(const LogQueryNode *node, int32_t depth) {
     return mentionsHost(node->left, depth + 1) || mentionsHost(node->right, depth + 1);
 }
 
+} // namespace
+
 bool queryMentionsHost(const LogQueryNode *node) {
     return mentionsHost(node, 0);
 }
 
+namespace {
+
 // ---- time zone ---------------------------------------------------------------
 
-static bool comparesTime(uint64_t attribute) {
+bool comparesTime(uint64_t attribute) {
     return ((comparedWith(attribute, LISTED_FILE) | comparedWith(attribute, FETCHED_FILE)) &
             (CREATION | CHANGE)) != 0;
 }
+
+} // namespace
 
 uint32_t updateQueryForTZ(LogQueryNode *query, int64_t tzOffset) {
     const auto delta = static_cast<uint64_t>(getLocalTZOffsetFromGMT()) - static_cast<uint64_t>(tzOffset);

@@ -1,12 +1,16 @@
 // The growable text buffer: storage, growth, and the end of a record.
 #include "text_msg.h"
 
-#include <stddef.h>
-#include <stdlib.h>
-#include <string.h>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
 
 // No reservation is larger, so that no sum of sizes overflows.
-static const uint64_t LARGEST_RESERVATION = UINT64_MAX / 4;
+const uint64_t LARGEST_RESERVATION = UINT64_MAX / 4;
+
+} // namespace
 
 void init_text_msg(TextBuffer *buffer) {
     if (buffer != nullptr)
@@ -21,9 +25,11 @@ void free_text_msg(TextBuffer *buffer) {
     startText(buffer); // a second release is harmless
 }
 
+namespace {
+
 // Makes room for n bytes and more. When a heap block cannot grow it is released
 // and the buffer is empty again.
-static bool grow(TextBuffer *buffer, uint64_t n) {
+bool grow(TextBuffer *buffer, uint64_t n) {
     if (n > LARGEST_RESERVATION)
         return false;
     const uint64_t used = textLength(buffer);
@@ -45,6 +51,8 @@ static bool grow(TextBuffer *buffer, uint64_t n) {
     buffer->free = capacity - used;
     return true;
 }
+
+} // namespace
 
 char *text_msg_alloc(TextBuffer *buffer, uint64_t n) {
     // KEPT: the buffer grows also when exactly n bytes are free. Pinned by

@@ -3,10 +3,10 @@
 
 #include "zoltlog.h"
 
-#include <stdint.h>
+#include <cstdint>
 
 // The buffer's own storage, and the least by which it grows.
-static const uint64_t TEXT_INLINE_SIZE = sizeof(TextBuffer::inlineStorage);
+constexpr uint64_t TEXT_INLINE_SIZE = sizeof(TextBuffer::inlineStorage);
 
 inline void startText(TextBuffer *buffer) {
     buffer->data = buffer->inlineStorage;

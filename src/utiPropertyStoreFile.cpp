@@ -14,31 +14,33 @@
 #include "decimal.h"
 #include "os.h"
 
-#include <errno.h>
+#include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+namespace {
+
 // ---- lines and their parts -------------------------------------------------------
 
 // The text of a line is what precedes its first NUL byte.
-static StoreText textOf(StoreText line) {
+StoreText textOf(StoreText line) {
     return {line.text, strnlen(line.text, line.size)};
 }
 
-static size_t positionOf(StoreText text, char wanted) { // text.size when there is none
+size_t positionOf(StoreText text, char wanted) { // text.size when there is none
     const void *at = memchr(text.text, wanted, text.size);
     return at != nullptr ? static_cast<size_t>(static_cast<const char *>(at) - text.text) : text.size;
 }
 
-static bool equals(StoreText text, const char *wanted, size_t length) {
+bool equals(StoreText text, const char *wanted, size_t length) {
     return text.size == length && memcmp(text.text, wanted, length) == 0;
 }
 
 // The next token of what is left: delimiters before it are skipped, those after it stay.
-static StoreText nextToken(StoreText *left, const char *delimiters) {
+StoreText nextToken(StoreText *left, const char *delimiters) {
     const auto isDelimiter = [delimiters](char c) { return c != '\0' && strchr(delimiters, c) != nullptr; };
     while (left->size > 0 && isDelimiter(*left->text)) {
         ++left->text;
@@ -51,6 +53,8 @@ static StoreText nextToken(StoreText *left, const char *delimiters) {
     left->size -= token.size;
     return token;
 }
+
+} // namespace
 
 bool storeLineHasKey(StoreText line, const char *root, const char *name) {
     line = textOf(line);
@@ -108,12 +112,16 @@ bool storeLineHasFirstToken(StoreText line, const char *name) {
     return equals(nextToken(&line, ".="), name, strlen(name));
 }
 
-static bool isComment(StoreText line) {
+namespace {
+
+bool isComment(StoreText line) {
     size_t i = 0;
     while (i < line.size && line.text[i] == ' ')
         ++i;
     return i < line.size && line.text[i] == '#';
 }
+
+} // namespace
 
 int32_t IscommentFile(const char *line) {
     return line != nullptr && isComment({line, strlen(line)}) ? 1 : 0;
@@ -139,23 +147,27 @@ StoreText storeLogsetName(StoreText line) {
     return name.size > 0 ? name : StoreText{nullptr, 0};
 }
 
+namespace {
+
 // ---- opening and reading lines -----------------------------------------------------
 
 // Hashes of the paths opened so far; a later one may take the place of an earlier one.
-static const size_t READ_PATHS = 256;
-static uint64_t readPaths[READ_PATHS];
+const size_t READ_PATHS = 256;
+uint64_t readPaths[READ_PATHS];
 
-static uint64_t hashOfPath(const char *path) {
+uint64_t hashOfPath(const char *path) {
     uint64_t hash = 14695981039346656037U;
     for (; *path != '\0'; ++path)
         hash = (hash ^ static_cast<unsigned char>(*path)) * 1099511628211U;
     return hash != 0 ? hash : 1;
 }
 
-static void notePath(const char *path, bool isThere) {
+void notePath(const char *path, bool isThere) {
     const uint64_t hash = hashOfPath(path);
     __atomic_store_n(&readPaths[(hash >> 32U) % READ_PATHS], isThere ? hash : 0, __ATOMIC_RELAXED);
 }
+
+} // namespace
 
 bool storeWasRead(const char *path) {
     const uint64_t hash = hashOfPath(path);
@@ -208,8 +220,10 @@ uint32_t utiClosePropertyStoreFile(PropertyStore *store) {
     return ZOLTLOG_STORE_OK;
 }
 
+namespace {
+
 // The next line from the stream's position on. False at the end.
-static bool readLine(FILE *stream, char buffer[STORE_LINE_MAX], StoreText *line) {
+bool readLine(FILE *stream, char buffer[STORE_LINE_MAX], StoreText *line) {
     size_t size = 0;
     int c = 0;
     while (size < STORE_LINE_MAX && c != '\n' && (c = getc_unlocked(stream)) != EOF)
@@ -218,7 +232,9 @@ static bool readLine(FILE *stream, char buffer[STORE_LINE_MAX], StoreText *line)
     return size > 0;
 }
 
-static const size_t READER_BUFFER_SIZE = 65536;
+const size_t READER_BUFFER_SIZE = 65536;
+
+} // namespace
 
 bool storeReaderInit(StoreReader *reader, int descriptor) {
     *reader = {};
@@ -228,7 +244,9 @@ bool storeReaderInit(StoreReader *reader, int descriptor) {
     return reader->buffer != nullptr;
 }
 
-static void fillReader(StoreReader *reader) {
+namespace {
+
+void fillReader(StoreReader *reader) {
     memmove(reader->buffer, reader->buffer + reader->begin, reader->end - reader->begin);
     reader->end -= reader->begin;
     reader->begin = 0;
@@ -241,6 +259,8 @@ static void fillReader(StoreReader *reader) {
         reader->failed = count < 0;
     }
 }
+
+} // namespace
 
 bool storeReaderNext(StoreReader *reader, StoreText *line) {
     for (;;) {
@@ -332,11 +352,13 @@ uint32_t utiGetPropertyAsStrFile(PropertyStore *store, const char *name, char **
     return ZOLTLOG_STORE_OK;
 }
 
+namespace {
+
 // ---- enumerations ----------------------------------------------------------------------
 
 // Hands out a name that differs from the one in the caller's buffer: ZOLTLOG_STORE_OK,
 // ZOLTLOG_STORE_NOT_WRITTEN when the buffer is too small, ZOLTLOG_STORE_NO_MORE when it does not differ.
-static uint32_t giveName(StoreText found, char *name, uint32_t *size) {
+uint32_t giveName(StoreText found, char *name, uint32_t *size) {
     if (equals(found, name, strnlen(name, *size)))
         return ZOLTLOG_STORE_NO_MORE;
     if (found.size >= *size)
@@ -347,7 +369,7 @@ static uint32_t giveName(StoreText found, char *name, uint32_t *size) {
     return ZOLTLOG_STORE_OK;
 }
 
-static uint32_t enumerate(PropertyStore *store, StoreText (*nameOf)(StoreText), char *name, uint32_t *size) {
+uint32_t enumerate(PropertyStore *store, StoreText (*nameOf)(StoreText), char *name, uint32_t *size) {
     if (store == nullptr || store->stream == nullptr || name == nullptr || size == nullptr || *size == 0)
         return ZOLTLOG_STORE_INVALID_ARGUMENT;
     char buffer[STORE_LINE_MAX];
@@ -361,6 +383,8 @@ static uint32_t enumerate(PropertyStore *store, StoreText (*nameOf)(StoreText), 
     }
     return ZOLTLOG_STORE_NO_MORE;
 }
+
+} // namespace
 
 uint32_t utiEnumProductIdFile(PropertyStore *store, uint32_t ignored, char *name, uint32_t *size) {
     (void)ignored;

@@ -16,7 +16,7 @@
 #include "hash_table.h"
 #include "zoltlog.h"
 
-#include <string.h>
+#include <cstring>
 
 // Results among the units; the exported operations tell them as a failure to write.
 inline constexpr uint32_t STORE_NO_MEMORY = 100;

@@ -4,13 +4,15 @@
 
 #include "os.h"
 
-#include <errno.h>
-#include <stdlib.h>
+#include <cerrno>
+#include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
 
+namespace {
+
 // Takes a line over if it holds a name still missing in a section of this root.
-static void takeLine(StoreSection *section, size_t rootLength, StoreText line) {
+void takeLine(StoreSection *section, size_t rootLength, StoreText line) {
     const StoreText name = {line.text + rootLength + 1, line.size - rootLength - 1};
     for (size_t i = 0; i < section->count; ++i) {
         if (!section->found[i] && *section->names[i] == *name.text &&
@@ -22,17 +24,19 @@ static void takeLine(StoreSection *section, size_t rootLength, StoreText line) {
 }
 
 // A root with a '=' in it is no part of any key.
-static bool canHoldKeys(const char *root) {
+bool canHoldKeys(const char *root) {
     return strchr(root, '=') == nullptr;
 }
 
 // Why a file did not open: there is none, or it is there all the same.
-static uint32_t resultOfOpening() {
+uint32_t resultOfOpening() {
     if (errno == ENOMEM)
         return STORE_NO_MEMORY;
     return errno == ENOENT || errno == ENOTDIR ? static_cast<uint32_t>(ZOLTLOG_STORE_NO_FILE)
                                                : STORE_UNREADABLE;
 }
+
+} // namespace
 
 uint32_t storeReadSections(const char *path, StoreSection *sections, size_t count) {
     static const size_t SECTIONS_MAX = 4;
@@ -63,15 +67,17 @@ uint32_t storeReadSections(const char *path, StoreSection *sections, size_t coun
     return result;
 }
 
+namespace {
+
 // ---- the index ---------------------------------------------------------------------
 
 // A line is filed under what precedes its first '.', or its second one if it begins
 // with "LOGSET.": the roots under which the enumerated names are read.
-static bool isLogsetToken(const char *text, size_t length) {
+bool isLogsetToken(const char *text, size_t length) {
     return length == STORE_LOGSET_TOKEN_LENGTH && memcmp(text, STORE_LOGSET_TOKEN, length) == 0;
 }
 
-static size_t filingLength(StoreText line) {
+size_t filingLength(StoreText line) {
     const auto *dot = static_cast<const char *>(memchr(line.text, '.', line.size));
     if (dot == nullptr)
         return 0;
@@ -85,7 +91,7 @@ static size_t filingLength(StoreText line) {
 }
 
 // A section's first run by its position, or NOWHERE.
-static uint32_t firstRunOf(const StoreIndex *index, const char *name, size_t size, uint64_t hash) {
+uint32_t firstRunOf(const StoreIndex *index, const char *name, size_t size, uint64_t hash) {
     return index->sections.find(hash, [&](uint32_t at) {
         const StoreRun &run = index->runs.items[at];
         return run.nameSize == size && memcmp(index->bytes + run.begin, name, size) == 0;
@@ -93,7 +99,7 @@ static uint32_t firstRunOf(const StoreIndex *index, const char *name, size_t siz
 }
 
 // Finds the runs of lines of one section.
-static bool findRuns(StoreIndex *index) {
+bool findRuns(StoreIndex *index) {
     const char *previous = nullptr;
     size_t previousLength = 0;
     size_t at = 0;
@@ -120,7 +126,7 @@ static bool findRuns(StoreIndex *index) {
     return true;
 }
 
-static bool chainRuns(StoreIndex *index) {
+bool chainRuns(StoreIndex *index) {
     if (index->runs.count >= PositionTable::NOWHERE)
         return false;
     for (uint32_t i = 0; i < index->runs.count; ++i) {
@@ -140,6 +146,8 @@ static bool chainRuns(StoreIndex *index) {
     }
     return true;
 }
+
+} // namespace
 
 uint32_t storeIndexLoad(StoreIndex *index, const char *path) {
     storeIndexFree(index);

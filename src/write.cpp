@@ -12,9 +12,9 @@
 #include <cstddef>
 #include <cstdlib>
 
-// ---- open and close ----------------------------------------------------------------
-
 namespace {
+
+// ---- open and close ----------------------------------------------------------------
 
 // Settings read from the configuration, freed with the scope. On the heap: two records
 // would be too much for the stack of a small thread.
@@ -124,21 +124,23 @@ uint32_t zoltLogClose(LogHandle *handle) {
     return zoltLogCloseFile(handle);
 }
 
+namespace {
+
 // ---- dispatch ------------------------------------------------------------------------
 
 // Secure audit messages go to the system log only, through a handle without a file.
-static bool isSecureOnFile(const LogHandle *handle, const LogMsg *msg) {
+bool isSecureOnFile(const LogHandle *handle, const LogMsg *msg) {
     return msg->type == ZOLTLOG_MSG_SECURE_AUDIT && handle->file != nullptr;
 }
 
-static constexpr uint32_t SINKS = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOG;
+constexpr uint32_t SINKS = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOG;
 
-static bool hasSinks(const LogHandle *handle, uint32_t flags) {
+bool hasSinks(const LogHandle *handle, uint32_t flags) {
     return ((flags | handle->outputFlags) & SINKS) != 0;
 }
 
 // The sinks' formatter is given a text that may be changed: the record's own.
-static uint32_t outputCopy(LogHandle *handle, LogMsg *msg, uint32_t flags) {
+uint32_t outputCopy(LogHandle *handle, LogMsg *msg, uint32_t flags) {
     char *const borrowed = msg->text;
     msg->text = zoltLogSafeStrdup(borrowed);
     uint32_t result = ZOLTLOG_NO_MEMORY;
@@ -148,6 +150,8 @@ static uint32_t outputCopy(LogHandle *handle, LogMsg *msg, uint32_t flags) {
     msg->text = borrowed;
     return result;
 }
+
+} // namespace
 
 uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg) {
     if (isSecureOnFile(handle, msg))
@@ -186,20 +190,24 @@ uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg) {
     return written != ZOLTLOG_OK ? written : output;
 }
 
+namespace {
+
 // ---- levels and sequence numbers -----------------------------------------------------
 
 // Levels are stored under the lock and read by message calls without it.
-static uint32_t storeLevel(uint32_t *field, uint32_t level, const char *tag) {
+uint32_t storeLevel(uint32_t *field, uint32_t level, const char *tag) {
     const GlobalLock lock(tag);
     __atomic_store_n(field, level, __ATOMIC_RELAXED);
     return ZOLTLOG_OK;
 }
 
-static uint32_t readLevel(const uint32_t *field, uint32_t *level, const char *tag) {
+uint32_t readLevel(const uint32_t *field, uint32_t *level, const char *tag) {
     const GlobalLock lock(tag);
     *level = __atomic_load_n(field, __ATOMIC_RELAXED);
     return ZOLTLOG_OK;
 }
+
+} // namespace
 
 uint32_t zoltLogSetDebugLevel(LogHandle *handle, uint32_t level) {
     if (handle == nullptr)

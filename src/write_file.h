@@ -6,8 +6,8 @@
 #include "log_name.h"
 #include "zoltlog.h"
 
+#include <cstddef>
 #include <ctime>
-#include <stddef.h>
 
 inline constexpr size_t HOST_NAME_SIZE = HEADER_HOST_SIZE;
 using HostName = char[HOST_NAME_SIZE + 1];

@@ -20,9 +20,9 @@
 
 #include <cerrno>
 
-// ---- texts and blocks of a call --------------------------------------------------
-
 namespace {
+
+// ---- texts and blocks of a call --------------------------------------------------
 
 constexpr size_t TEXT_ROOM = 1024; // most texts are shorter; longer ones lie on the heap
 
@@ -100,9 +100,7 @@ struct Message { // what an entry point knows about its message, besides the wor
     uint32_t outcome;         // audit and secure audit
 };
 
-} // namespace
-
-static uint32_t setAttributes(LogMsg *record, const Message &message) {
+uint32_t setAttributes(LogMsg *record, const Message &message) {
     switch (message.type) {
     case ZOLTLOG_MSG_APP:
         return zoltLogSetAppAttrEx(record, message.who, message.severityOrLevel);
@@ -120,7 +118,7 @@ static uint32_t setAttributes(LogMsg *record, const Message &message) {
 // Builds the record and dispatches it. The text, which may be null, stays the caller's.
 // The block is released when all is done, since the strings may lie in it; it is left in
 // place for the caller to decide upon when the record could not be initialised.
-static uint32_t sendText(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
+uint32_t sendText(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
     uint32_t result;
     refreshHost();
     {
@@ -140,17 +138,19 @@ static uint32_t sendText(LogHandle *handle, const Message &message, const char *
     return result;
 }
 
-[[gnu::noinline]] static uint32_t sendBlock(LogHandle *handle, const Message &message, OwnedBlock &block) {
+[[gnu::noinline]] uint32_t sendBlock(LogHandle *handle, const Message &message, OwnedBlock &block) {
     CallText text;
     text.render(&block.words);
     return sendText(handle, message, text.text, block);
 }
 
 // The text, or where there is none that of the block, is the wording of the message.
-static uint32_t send(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
+uint32_t send(LogHandle *handle, const Message &message, const char *text, OwnedBlock &block) {
     return text == nullptr && !block.empty() ? sendBlock(handle, message, block)
                                              : sendText(handle, message, text, block);
 }
+
+} // namespace
 
 // ---- wording -----------------------------------------------------------------
 
@@ -169,16 +169,18 @@ uint32_t zoltLogMapLisResToLoggingRes(int32_t lisResult) {
     }
 }
 
-static uint32_t lookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t messageNumber,
-                       const char *format, va_list args) {
+namespace {
+
+uint32_t lookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t messageNumber, const char *format,
+                va_list args) {
     const int32_t result = zoltLisVEx(block, handle->utf8, messageNumber, format, args);
     if (result != 0)
         *block = {}; // what a failed look-up leaves is no block, and is not released
     return zoltLogMapLisResToLoggingRes(result);
 }
 
-static uint32_t copyAndLookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t messageNumber,
-                              const char *format, va_list args) {
+uint32_t copyAndLookUp(ZoltLisBlock *block, const LogHandle *handle, int64_t messageNumber,
+                       const char *format, va_list args) {
     va_list copy;
     va_copy(copy, args);
     const uint32_t result = lookUp(block, handle, messageNumber, format, copy);
@@ -188,8 +190,8 @@ static uint32_t copyAndLookUp(ZoltLisBlock *block, const LogHandle *handle, int6
 
 // The wording of an application or diagnostic message: a catalogue block, a text
 // formatted here, or with ZOLTLOG_KEEP_LOCAL_TEXT both.
-static uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t messageNumber,
-                            const char *format, va_list args, CallText *text, OwnedBlock *block) {
+uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t messageNumber, const char *format,
+                     va_list args, CallText *text, OwnedBlock *block) {
     if (messageNumber != 0) {
         const int callersError = errno; // for the text's "%m"
         const uint32_t result = copyAndLookUp(&block->words, handle, messageNumber, format, args);
@@ -201,20 +203,22 @@ static uint32_t makeWording(const LogHandle *handle, uint32_t flags, int64_t mes
     return ZOLTLOG_OK;
 }
 
-static bool lacksLocalText(uint32_t flags, const char *text) {
+bool lacksLocalText(uint32_t flags, const char *text) {
     return (flags & ZOLTLOG_KEEP_LOCAL_TEXT) != 0 && text == nullptr;
 }
 
 // Levels are read without the lock, while another thread may store them.
-static bool isFiltered(const uint32_t *handleLevel, uint32_t level) {
+bool isFiltered(const uint32_t *handleLevel, uint32_t level) {
     return __atomic_load_n(handleLevel, __ATOMIC_RELAXED) < level;
 }
 
 // ---- application -------------------------------------------------------------
 
-static Message appMessage(uint64_t messageId, uint32_t flags, uint32_t severity, const char *who) {
+Message appMessage(uint64_t messageId, uint32_t flags, uint32_t severity, const char *who) {
     return {ZOLTLOG_MSG_APP, TAG_APP_MSG_2LEX, messageId, flags, severity, who, 0};
 }
+
+} // namespace
 
 uint32_t zoltLogAppMsg(LogHandle *handle, uint32_t flags, uint32_t severity, int64_t messageNumber,
                        const char *format, ...) {
@@ -288,11 +292,15 @@ uint32_t zoltLogAppMsg2LEx(LogHandle *handle, uint64_t messageId, uint32_t flags
     return send(handle, appMessage(messageId, flags, severity, who), text, taken);
 }
 
+namespace {
+
 // ---- diagnostic --------------------------------------------------------------
 
-static Message diagMessage(uint64_t messageId, uint32_t flags, uint32_t level, const char *who) {
+Message diagMessage(uint64_t messageId, uint32_t flags, uint32_t level, const char *who) {
     return {ZOLTLOG_MSG_DIAG, TAG_DIAG_MSG_2L, messageId, flags, level, who, 0};
 }
+
+} // namespace
 
 uint32_t zoltLogDiagMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
                         int64_t messageNumber, const char *format, ...) {
@@ -341,11 +349,15 @@ uint32_t zoltLogDiagMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags,
     return send(handle, diagMessage(messageId, flags, level, who), text, taken);
 }
 
+namespace {
+
 // ---- audit -------------------------------------------------------------------
 
-static Message auditMessage(uint64_t messageId, uint32_t flags, const char *subject, uint32_t outcome) {
+Message auditMessage(uint64_t messageId, uint32_t flags, const char *subject, uint32_t outcome) {
     return {ZOLTLOG_MSG_AUDIT, TAG_AUDIT_MSG_2L, messageId, flags, 0, subject, outcome};
 }
+
+} // namespace
 
 uint32_t zoltLogAuditMsg(LogHandle *handle, uint32_t flags, const char *subject, uint32_t outcome,
                          int64_t messageNumber, const char *format, ...) {
@@ -386,11 +398,15 @@ uint32_t zoltLogAuditMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags
     return send(handle, auditMessage(messageId, flags, subject, outcome), nullptr, taken);
 }
 
+namespace {
+
 // ---- secure audit ------------------------------------------------------------
 
-static Message secureAuditMessage(uint32_t level, const char *subject, uint32_t outcome) {
+Message secureAuditMessage(uint32_t level, const char *subject, uint32_t outcome) {
     return {ZOLTLOG_MSG_SECURE_AUDIT, TAG_SECURE_AUDIT_MSG_L, 0, ZOLTLOG_OUT_OSLOG, level, subject, outcome};
 }
+
+} // namespace
 
 uint32_t zoltLogSecureAuditMsg(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
                                int64_t messageNumber, const char *format, ...) {
@@ -429,12 +445,16 @@ uint32_t zoltLogSecureAuditMsgL(LogHandle *handle, uint32_t level, const char *s
     return result;
 }
 
+namespace {
+
 // ---- debug -------------------------------------------------------------------
 
-static Message debugMessage(const char *lockTag, uint64_t messageId, uint32_t flags, uint32_t level,
-                            const char *who) {
+Message debugMessage(const char *lockTag, uint64_t messageId, uint32_t flags, uint32_t level,
+                     const char *who) {
     return {ZOLTLOG_MSG_DEBUG, lockTag, messageId, flags, level, who, 0};
 }
+
+} // namespace
 
 uint32_t zoltLogDebugMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
                          const char *format, ...) {
@@ -477,12 +497,14 @@ uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t le
                 text, none);
 }
 
+namespace {
+
 // ---- contexts ----------------------------------------------------------------
 
 // Fills the context message; what it has filled so far is freed by the caller
 // when it fails.
-static uint32_t makeContextMessage(LogHandle *parent, LogMsg *msg, const char *token, int64_t messageNumber,
-                                   const char *format, va_list args) {
+uint32_t makeContextMessage(LogHandle *parent, LogMsg *msg, const char *token, int64_t messageNumber,
+                            const char *format, va_list args) {
     const int callersError = errno; // for the "%m" of each wording
     char *text = nullptr;
     if (messageNumber == 0) {
@@ -512,6 +534,8 @@ static uint32_t makeContextMessage(LogHandle *parent, LogMsg *msg, const char *t
         msg->lis = {}; // as lookUp does
     return zoltLogMapLisResToLoggingRes(made);
 }
+
+} // namespace
 
 uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char *token, int64_t messageNumber,
                               const char *format, ...) {

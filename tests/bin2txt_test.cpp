@@ -37,12 +37,16 @@ struct FakeBlock {
     }
 };
 
-static int localizationCalls;
+namespace {
 
-static const FakeArgument &current(ZoltLisIterator *iterator) {
+int localizationCalls;
+
+const FakeArgument &current(ZoltLisIterator *iterator) {
     ++localizationCalls;
     return reinterpret_cast<FakeBlock *>(iterator->word[0])->arguments[iterator->word[1]];
 }
+
+} // namespace
 
 extern "C" {
 int32_t zoltLisGetTextId(ZoltLisBlock *block, int64_t *identity) {
@@ -110,11 +114,13 @@ int32_t zoltLisGetArg_nativeString(ZoltLisIterator *argument, const char **out) 
 }
 }
 
-static char *text(const char *bytes) {
+namespace {
+
+char *text(const char *bytes) {
     return const_cast<char *>(bytes);
 }
 
-static LogMsg exampleMessage(uint64_t version) {
+LogMsg exampleMessage(uint64_t version) {
     LogMsg msg = {};
     msg.recordVersion = version;
     msg.type = ZOLTLOG_MSG_APP;
@@ -132,7 +138,7 @@ static LogMsg exampleMessage(uint64_t version) {
 }
 
 // The record, or "result N".
-static std::string encode(LogMsg msg) {
+std::string encode(LogMsg msg) {
     TextBuffer buffer;
     const uint32_t result = zoltLogMsgSerialize(&msg, &buffer);
     std::string record = "result " + std::to_string(result);
@@ -142,9 +148,9 @@ static std::string encode(LogMsg msg) {
     return record;
 }
 
-static const char PREFIX[] = "5,7,7,12,1700000000123,4242,4243,"; // after the type
+const char PREFIX[] = "5,7,7,12,1700000000123,4242,4243,"; // after the type
 
-static std::string recordWithBlock(FakeBlock *fake) {
+std::string recordWithBlock(FakeBlock *fake) {
     LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     msg.lis = *fake->handed();
     const std::string record = encode(msg);
@@ -154,12 +160,14 @@ static std::string recordWithBlock(FakeBlock *fake) {
     return record.substr(before.size());
 }
 
-static std::string recordWithArgument(FakeArgument argument) {
+std::string recordWithArgument(FakeArgument argument) {
     FakeBlock fake;
     fake.identity = 1;
     fake.arguments = {argument};
     return recordWithBlock(&fake);
 }
+
+} // namespace
 
 // ---- the whole record
 
@@ -400,10 +408,12 @@ TEST(DecimalNumbers, AppendedNumbersEndInAComma) {
     EXPECT_EQ(std::string(buffer.data, 4096 - buffer.free), "0,-2147483648,2147483647,0,4,");
 }
 
+namespace {
+
 // ---- strings and encodings
 
 // What conversion alone makes of a text: the encoder must write the same.
-static std::string fieldByConversion(const std::string &native) {
+std::string fieldByConversion(const std::string &native) {
     if (native.empty())
         return "0:,";
     char *converted = nullptr;
@@ -415,7 +425,7 @@ static std::string fieldByConversion(const std::string &native) {
     return std::to_string(utf8.size()) + ":" + utf8 + ",";
 }
 
-static std::string randomText(std::mt19937_64 *random) {
+std::string randomText(std::mt19937_64 *random) {
     static const char *const pieces[] = {"a",
                                          "Zz9",
                                          " ",
@@ -451,6 +461,8 @@ static std::string randomText(std::mt19937_64 *random) {
             c = '.';
     return result;
 }
+
+} // namespace
 
 class EveryLocale : public testing::TestWithParam<const char *> {};
 

@@ -13,13 +13,17 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-static timeval fakeNow;
-static int blocksReleased;
-static int32_t releaseResult;
+namespace {
+
+timeval fakeNow;
+int blocksReleased;
+int32_t releaseResult;
+
+} // namespace
 
 SUPPORT_CALL(int32_t, zoltLisFree, (ZoltLisBlock * block), (block), )
 
-static const bool PREPARED = support::eachCase([] {
+const bool PREPARED = support::eachCase([] {
     fakeNow = {1700000000, 123999};
     blocksReleased = 0;
     releaseResult = 0;
@@ -34,9 +38,11 @@ static const bool PREPARED = support::eachCase([] {
     };
 });
 
-static LogFileState fileState;
+namespace {
 
-static LogHandle plainHandle() {
+LogFileState fileState;
+
+LogHandle plainHandle() {
     LogHandle handle = {};
     fileState.productId = 5;
     fileState.fileOriginatorId = 8;
@@ -47,11 +53,13 @@ static LogHandle plainHandle() {
     return handle;
 }
 
-static LogMsg recordOfType(uint32_t type) {
+LogMsg recordOfType(uint32_t type) {
     LogMsg msg = {};
     msg.type = type;
     return msg;
 }
+
+} // namespace
 
 // ---- initialisation
 
@@ -278,8 +286,10 @@ TEST(MessageRecord, FieldsOfAllTypesAreRead) {
     }
 }
 
+namespace {
+
 // The getters whose field only some types have.
-static const struct {
+const struct {
     const char *name;
     uint32_t (*get)(const LogMsg *, uint32_t *);
     uint32_t types; // bit of each allowed type
@@ -294,7 +304,7 @@ static const struct {
      1u << ZOLTLOG_MSG_AUDIT | 1u << ZOLTLOG_MSG_SECURE_AUDIT, offsetof(LogMsg, outcome)},
     {"AuditLevel", zoltLogGetMsgAuditLevel, 1u << ZOLTLOG_MSG_SECURE_AUDIT, offsetof(LogMsg, attr)},
 };
-static const struct {
+const struct {
     const char *name;
     uint32_t (*get)(const LogMsg *, char **);
     uint32_t types;
@@ -308,9 +318,11 @@ static const struct {
     {"ContextAttrToken", zoltLogGetMsgContextAttrToken, 1u << ZOLTLOG_MSG_CONTEXT, offsetof(LogMsg, attr)},
 };
 
-static bool allowed(uint32_t types, uint32_t type) {
+bool allowed(uint32_t types, uint32_t type) {
     return type < 32 && (types & 1u << type) != 0;
 }
+
+} // namespace
 
 TEST(MessageRecord, AttributesAreReadFromTheirTypesOnly) {
     char other[] = "other";

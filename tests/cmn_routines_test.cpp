@@ -11,7 +11,6 @@
 #include <cwchar>
 #include <dlfcn.h>
 #include <filesystem>
-#include <locale.h>
 #include <random>
 #include <string>
 #include <unicode/ucnv.h>

@@ -28,18 +28,16 @@ bool failsNow() {
     return armed && calls++ == failAt;
 }
 
-} // namespace
+bool failCalls = false;
 
-static bool failCalls = false;
-
-static bool callFails(int error) {
+bool callFails(int error) {
     if (!failCalls || !failsNow())
         return false;
     errno = error;
     return true;
 }
 
-static const bool PREPARED = support::eachCase([] {
+const bool PREPARED = support::eachCase([] {
     failAt = -1;
     armed = failCalls = false;
     failAllocations = true;
@@ -57,8 +55,6 @@ static const bool PREPARED = support::eachCase([] {
         return callFails(EIO) ? -1 : libc::write.real(descriptor, buffer, length);
     };
 });
-
-namespace {
 
 class FaultListing : public testing::Test {
   protected:

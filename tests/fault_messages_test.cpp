@@ -10,7 +10,11 @@
 
 #include "support/failing_allocations.h" // after <cstdlib>, whose declarations it matches
 
-static int blocksOpen; // made by the localization library and not freed
+namespace {
+
+int blocksOpen; // made by the localization library and not freed
+
+} // namespace
 
 extern "C" {
 int32_t zoltLisTextV(ZoltLisBlock *block, const char *reference, va_list args) {

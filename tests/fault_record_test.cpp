@@ -15,17 +15,25 @@
 #define SUPPORT_ALLOCATIONS_ALWAYS
 #include "support/failing_allocations.h"
 
-static long allocations; // since the last reset
-static long failing;     // which of them fails; 0: none
+namespace {
+
+long allocations; // since the last reset
+long failing;     // which of them fails; 0: none
+
+} // namespace
 
 SUPPORT_EARLY static bool fails() {
     return ++allocations == failing;
 }
 
-static const bool PREPARED = support::eachCase([] {
+namespace {
+
+const bool PREPARED = support::eachCase([] {
     failing = 0;
     support::allocationHook = fails;
 });
+
+} // namespace
 
 extern "C" {
 // A block with one wide string.
@@ -52,10 +60,12 @@ int32_t zoltLisGetNextArg(ZoltLisIterator *) {
 }
 }
 
+namespace {
+
 // Runs operation with its first, second, ... allocation failing until it needs no
 // more; it says what it yields, and releases what it got. Returns how many times an
 // allocation failed. Nothing may be left over.
-static long failEach(const std::function<void(bool mayFail)> &operation) {
+long failEach(const std::function<void(bool mayFail)> &operation) {
     operation(false); // the C library allocates for good at the first use of some things
     for (long n = 1;; ++n) {
         const long before = support::blocksHeld;
@@ -72,7 +82,7 @@ static long failEach(const std::function<void(bool mayFail)> &operation) {
     }
 }
 
-static LogMsg exampleMessage(const char *text) {
+LogMsg exampleMessage(const char *text) {
     LogMsg msg = {};
     msg.recordVersion = ZOLTLOG_RECORD_VERSION_LOGSET;
     msg.type = ZOLTLOG_MSG_APP;
@@ -85,10 +95,10 @@ static LogMsg exampleMessage(const char *text) {
     return msg;
 }
 
-static const std::string PREFIX = "2,7,12,1700000000123,4242,4243,0:,";
+const std::string PREFIX = "2,7,12,1700000000123,4242,4243,0:,";
 
 // Encodes into buffer-owned storage without an allocation of the test's own in between.
-static uint32_t encode(LogMsg msg, char *out, size_t *size) {
+uint32_t encode(LogMsg msg, char *out, size_t *size) {
     TextBuffer buffer;
     memset(&buffer, 0xab, sizeof buffer);
     const uint32_t result = zoltLogMsgSerialize(&msg, &buffer);
@@ -102,12 +112,14 @@ static uint32_t encode(LogMsg msg, char *out, size_t *size) {
     return result;
 }
 
-static char written[1 << 20];
-static size_t writtenSize;
+char written[1 << 20];
+size_t writtenSize;
 
-static std::string writtenRecord() {
+std::string writtenRecord() {
     return {written, writtenSize};
 }
+
+} // namespace
 
 // ---- no memory
 

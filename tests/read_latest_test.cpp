@@ -18,11 +18,13 @@
 #include <sys/stat.h>
 #include <vector>
 
-static const char *hostAddress; // at first "10.0.0.5", id 0x0500000A
-static bool hostHasNoName;
-static int opens; // of log files
+namespace {
 
-static int lookUpHost(const char *, const char *, const addrinfo *, addrinfo **out) {
+const char *hostAddress; // at first "10.0.0.5", id 0x0500000A
+bool hostHasNoName;
+int opens; // of log files
+
+int lookUpHost(const char *, const char *, const addrinfo *, addrinfo **out) {
     static addrinfo entry;
     static sockaddr_in ipv4;
     static sockaddr_in6 ipv6;
@@ -39,7 +41,7 @@ static int lookUpHost(const char *, const char *, const addrinfo *, addrinfo **o
     return 0;
 }
 
-static const bool PREPARED = support::eachCase([] {
+const bool PREPARED = support::eachCase([] {
     hostAddress = "10.0.0.5";
     hostHasNoName = false;
     opens = 0;
@@ -59,11 +61,13 @@ static const bool PREPARED = support::eachCase([] {
     };
 });
 
-static const std::string HOST = "83886090"; // of 10.0.0.5
+const std::string HOST = "83886090"; // of 10.0.0.5
 
-static void makeFile(const std::string &name, const std::string &bytes = "") {
+void makeFile(const std::string &name, const std::string &bytes = "") {
     support::writeFile("logs/" + name, bytes);
 }
+
+} // namespace
 
 struct Logs : testing::Test {
     void SetUp() override { support::makeDirectory("logs"); }
@@ -71,8 +75,10 @@ struct Logs : testing::Test {
 using LatestLog = Logs;
 using LatestLogSet = Logs;
 
+namespace {
+
 // The name of the latest file, or "result 0".
-static std::string latest(uint64_t product = 101, uint64_t originator = 7, const char *directory = "logs/") {
+std::string latest(uint64_t product = 101, uint64_t originator = 7, const char *directory = "logs/") {
     LogFileEntry unset;
     LogFileEntry *entry = &unset;
     const int32_t result = zoltLogFindLatestLog(directory, product, originator, 0, 1, &entry);
@@ -89,8 +95,8 @@ static std::string latest(uint64_t product = 101, uint64_t originator = 7, const
     return name;
 }
 
-static std::string latestSet(uint64_t product = 101, const char *name = "setA", int64_t *created = nullptr,
-                             const char *directory = "logs/") {
+std::string latestSet(uint64_t product = 101, const char *name = "setA", int64_t *created = nullptr,
+                      const char *directory = "logs/") {
     LogFileEntry unset;
     LogFileEntry *entry = &unset;
     const int32_t result = zoltLogFindLatestLogSL(directory, product, name, 0, 1, &entry);
@@ -108,7 +114,7 @@ static std::string latestSet(uint64_t product = 101, const char *name = "setA", 
 }
 
 // Which of two existing files the directory lists first.
-static std::string listedFirst(const std::string &a, const std::string &b) {
+std::string listedFirst(const std::string &a, const std::string &b) {
     DIR *directory = opendir("logs");
     std::string first;
     while (const struct dirent *entry = readdir(directory)) {
@@ -119,10 +125,12 @@ static std::string listedFirst(const std::string &a, const std::string &b) {
     return first;
 }
 
-static void useZone(const char *zone) {
+void useZone(const char *zone) {
     setenv("TZ", zone, 1);
     tzset();
 }
+
+} // namespace
 
 // ---- originator series
 

@@ -21,18 +21,16 @@ int64_t testTime = 0; // 0: the real time
 std::map<std::string, int> opened; // by name, while counting
 bool counting = false;
 
-} // namespace
+int64_t fakeModification; // 0: the real one
 
-static int64_t fakeModification; // 0: the real one
-
-static void countOpened(const char *path) {
+void countOpened(const char *path) {
     if (counting) {
         const char *name = strrchr(path, '/');
         ++opened[name != nullptr ? name + 1 : path];
     }
 }
 
-static const bool PREPARED = support::eachCase([] {
+const bool PREPARED = support::eachCase([] {
     testTime = 0;
     opened.clear();
     counting = false;
@@ -59,8 +57,6 @@ static const bool PREPARED = support::eachCase([] {
         return libc::open.real(path, flags, mode);
     };
 });
-
-namespace {
 
 class Listing : public testing::Test {
   protected:

@@ -12,10 +12,12 @@
 #include <string>
 #include <unistd.h>
 
-// The clock of the date texts; 0: the real one.
-static time_t fakeNow;
+namespace {
 
-static const bool PREPARED = support::eachCase([] {
+// The clock of the date texts; 0: the real one.
+time_t fakeNow;
+
+const bool PREPARED = support::eachCase([] {
     fakeNow = 0;
     libc::time.hook = [](time_t *out) {
         if (fakeNow == 0)
@@ -25,6 +27,8 @@ static const bool PREPARED = support::eachCase([] {
         return fakeNow;
     };
 });
+
+} // namespace
 
 // An open file of the given bytes.
 struct Opened {
@@ -39,8 +43,10 @@ struct Opened {
     OsFile file;
 };
 
+namespace {
+
 // The records of a file, one after the other; the last item is the final result.
-static std::vector<std::string> recordsOf(const std::string &bytes) {
+std::vector<std::string> recordsOf(const std::string &bytes) {
     Opened opened(bytes);
     std::vector<std::string> records;
     for (;;) {
@@ -59,6 +65,8 @@ static std::vector<std::string> recordsOf(const std::string &bytes) {
             return records;
     }
 }
+
+} // namespace
 
 using Records = std::vector<std::string>;
 
@@ -148,15 +156,19 @@ TEST(ReadRecord, ReadErrorsAreReturned) {
     free_text_msg(&buffer);
 }
 
+namespace {
+
 // ---- headers
 
-static LogFileHeader header;
+LogFileHeader header;
 
-static uint32_t readHeaderOf(const std::string &bytes) {
+uint32_t readHeaderOf(const std::string &bytes) {
     Opened opened(bytes);
     memset(&header, 0x55, sizeof header);
     return ReadHeaderEx(&opened.file, &header);
 }
+
+} // namespace
 
 #define EXPECT_HEADER(VERSION, PRODUCT, ORIGINATOR, CREATED, OFFSET, HOST)                                   \
     do {                                                                                                     \
@@ -343,9 +355,11 @@ TEST(ReadHeaderEx, ReadingStartsAtTheFilesOffset) {
     free_text_msg(&buffer);
 }
 
+namespace {
+
 // ---- the header of an entry
 
-static LogFileEntry *entryOf(const std::string &bytes) {
+LogFileEntry *entryOf(const std::string &bytes) {
     support::writeFile("e-1.log", bytes);
     LogFileEntry *entry = static_cast<LogFileEntry *>(calloc(1, sizeof *entry));
     entry->headerVersion = 9;
@@ -354,10 +368,12 @@ static LogFileEntry *entryOf(const std::string &bytes) {
     return entry;
 }
 
-static void closeEntry(LogFileEntry *entry) {
+void closeEntry(LogFileEntry *entry) {
     zoltLogOs_close(&entry->file);
     zoltLogFree(entry);
 }
+
+} // namespace
 
 TEST(ReadHeader, CopiesVersionAndOffsetIntoTheEntry) {
     const struct {
@@ -443,7 +459,9 @@ TEST(LogFileEntries, AnEntryHasTheNameAndTheHeadersCreationTime) {
     EXPECT_EQ(alloc_file(nullptr), nullptr);
 }
 
-static int32_t hostNameOf(const char *directory, char *hostName) {
+namespace {
+
+int32_t hostNameOf(const char *directory, char *hostName) {
     OsLogFileCursor cursor;
     EXPECT_EQ(zoltLogOsListLogFilesBegin(&cursor, "./"), 0);
     const size_t before = support::openDescriptors();
@@ -452,6 +470,8 @@ static int32_t hostNameOf(const char *directory, char *hostName) {
     zoltLogOsListLogFilesEnd(&cursor);
     return result;
 }
+
+} // namespace
 
 TEST(LogFileEntries, TheHostNameComesFromTheHeader) {
     char hostName[512];
@@ -541,13 +561,15 @@ TEST(FileNames, IdsNeedAllPointers) {
     EXPECT_EQ(getidfromfilename("1-2", &id, nullptr), 0);
 }
 
+namespace {
+
 struct LogSetName {
     int32_t result;
     uint64_t product;
     std::string name, dateTime;
 };
 
-static LogSetName splitLogSetName(const char *fileName) {
+LogSetName splitLogSetName(const char *fileName) {
     uint64_t product = 0;
     char name[1025] = "";
     char dateTime[13] = "";
@@ -555,13 +577,15 @@ static LogSetName splitLogSetName(const char *fileName) {
     return {result, product, name, dateTime};
 }
 
-static bool operator==(const LogSetName &a, const LogSetName &b) {
+bool operator==(const LogSetName &a, const LogSetName &b) {
     return a.result == b.result && a.product == b.product && a.name == b.name && a.dateTime == b.dateTime;
 }
 
-static void PrintTo(const LogSetName &name, std::ostream *out) {
+void PrintTo(const LogSetName &name, std::ostream *out) {
     *out << name.result << " " << name.product << " \"" << name.name << "\" \"" << name.dateTime << "\"";
 }
+
+} // namespace
 
 TEST(FileNames, PartsOfALogSetsFile) {
     EXPECT_EQ(splitLogSetName("101-setA-140305123015.log"), (LogSetName{1, 101, "setA", "140305123015"}));
@@ -595,12 +619,16 @@ TEST(FileNames, LogSetPartsNeedTheirPointers) {
     EXPECT_EQ(getSLidfromfilename("1-a-2", &product, name, nullptr), 0);
 }
 
+namespace {
+
 // ---- date and time texts
 
-static void useZone(const char *zone) {
+void useZone(const char *zone) {
     setenv("TZ", zone, 1);
     tzset();
 }
+
+} // namespace
 
 TEST(DateTexts, YearMonthAndDayAreRead) {
     int32_t day = 0;

@@ -23,9 +23,9 @@ using tools::HeaderResult;
 using tools::Record;
 using tools::RecordFile;
 
-// ---- a localization library of our own -----------------------------------------
-
 namespace {
+
+// ---- a localization library of our own -----------------------------------------
 
 struct Block;
 
@@ -115,14 +115,15 @@ int32_t zoltLisGetArg_nativeString(ZoltLisIterator *argument, const char **out) 
 }
 }
 
+namespace {
+
 // ---- helpers -------------------------------------------------------------------
 
-static const std::string Example43 =
-    "2,5,7,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)";
-static const std::string Example44 = "2,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)";
+const std::string Example43 = "2,5,7,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)";
+const std::string Example44 = "2,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)";
 
 // The views of the record stay good to the end of the program.
-static Record parsed(std::string_view text, uint64_t version) {
+Record parsed(std::string_view text, uint64_t version) {
     static std::deque<std::string> lines;
     const std::string_view line = lines.emplace_back(text);
     Record record;
@@ -136,19 +137,21 @@ struct Refused {
     Damage damage;
     size_t at;
 };
-static bool operator==(const Refused &a, const Refused &b) {
+bool operator==(const Refused &a, const Refused &b) {
     return a.damage == b.damage && a.at == b.at;
 }
-static std::ostream &operator<<(std::ostream &out, const Refused &refused) {
+std::ostream &operator<<(std::ostream &out, const Refused &refused) {
     return out << tools::damageText(refused.damage) << " at " << refused.at;
 }
 
-static Refused refused(std::string_view line, uint64_t version = ZOLTLOG_RECORD_VERSION_ORIGINATOR) {
+Refused refused(std::string_view line, uint64_t version = ZOLTLOG_RECORD_VERSION_ORIGINATOR) {
     Record record;
     Fault fault;
     EXPECT_FALSE(tools::parseRecord(line, version, record, fault)) << line;
     return {fault.damage, fault.at};
 }
+
+} // namespace
 
 // ---- records -------------------------------------------------------------------
 
@@ -393,9 +396,9 @@ TEST(RecordBlock, WhatTheEncoderNeverWritesIsRefused) {
     }
 }
 
-// ---- round trip with the library's encoder --------------------------------------
-
 namespace {
+
+// ---- round trip with the library's encoder --------------------------------------
 
 std::mt19937_64 random64(20240301); // NOLINT: the same every time
 
@@ -708,15 +711,19 @@ TEST(Headers, WhatIsNoHeaderIsToldApart) {
     EXPECT_EQ(header.version, 0u);
 }
 
+namespace {
+
 // ---- files ---------------------------------------------------------------------
 
-static std::string record(int id, int64_t time, const std::string &text = "text") {
+std::string record(int id, int64_t time, const std::string &text = "text") {
     return "2,5,7,7," + std::to_string(id) + "," + std::to_string(time) + ",42,43,0:," +
            std::to_string(text.size()) + ":" + text + ",3:mgr,1,(0|)";
 }
 
-static const std::string HeaderLine = "$Header 65543,5,7,1700000000,-7200,hostA\n";
-static const std::string LogName = "5-7-1-231114-0000000000.log";
+const std::string HeaderLine = "$Header 65543,5,7,1700000000,-7200,hostA\n";
+const std::string LogName = "5-7-1-231114-0000000000.log";
+
+} // namespace
 
 TEST(RecordFile, RecordsComeWithTheirOffsets) {
     support::writeFile(LogName, HeaderLine + record(1, 1000) + "\n" + record(2, 2000) + "\n");
@@ -841,13 +848,17 @@ TEST(RecordFile, LongRecordsSpanAnyNumberOfBlocks) {
     EXPECT_EQ(file.previous(), RecordFile::Got::End);
 }
 
+namespace {
+
 // Record i has the time 1000000 + 1000 i.
-static void writeTimes(int count, const std::string &text, int64_t step = 1000) {
+void writeTimes(int count, const std::string &text, int64_t step = 1000) {
     std::string bytes = HeaderLine;
     for (int i = 0; i < count; ++i)
         bytes += record(i, 1000000 + step * i, text) + "\n";
     support::writeFile(LogName, bytes);
 }
+
+} // namespace
 
 TEST(RecordFile, TimesAreFoundByBisection) {
     writeTimes(5000, std::string(150, 'x'));

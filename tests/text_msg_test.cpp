@@ -5,15 +5,19 @@
 #include <gtest/gtest.h>
 #include <string>
 
-static std::string recordOf(const TextBuffer &buffer) {
+namespace {
+
+std::string recordOf(const TextBuffer &buffer) {
     return {buffer.data, static_cast<size_t>(buffer.capacity - buffer.free)};
 }
 
-static void append(TextBuffer *buffer, const std::string &text) {
+void append(TextBuffer *buffer, const std::string &text) {
     char *at = text_msg_alloc(buffer, text.size());
     ASSERT_NE(at, nullptr);
     memcpy(at, text.data(), text.size());
 }
+
+} // namespace
 
 TEST(TextBuffer, StartsEmptyInItsInlineStorage) {
     TextBuffer buffer;

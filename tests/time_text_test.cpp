@@ -8,13 +8,15 @@
 
 using tools::Zone;
 
-// 2024-03-01 12:00:00 UTC, a Friday
-static constexpr int64_t Now = 1709294400000;
-static constexpr int64_t Second = 1000, Minute = 60 * Second, Hour = 60 * Minute, Day = 24 * Hour;
-static constexpr int64_t Midnight = Now - 12 * Hour;
-static constexpr int64_t Bad = INT64_MIN;
+namespace {
 
-static int64_t time(const char *text, Zone zone = Zone::Utc) {
+// 2024-03-01 12:00:00 UTC, a Friday
+constexpr int64_t Now = 1709294400000;
+constexpr int64_t Second = 1000, Minute = 60 * Second, Hour = 60 * Minute, Day = 24 * Hour;
+constexpr int64_t Midnight = Now - 12 * Hour;
+constexpr int64_t Bad = INT64_MIN;
+
+int64_t time(const char *text, Zone zone = Zone::Utc) {
     int64_t value = 0;
     std::string error;
     if (tools::parseTimeText(text, Now, zone, value, error)) {
@@ -25,16 +27,18 @@ static int64_t time(const char *text, Zone zone = Zone::Utc) {
     return Bad;
 }
 
-static int64_t span(const char *text) {
+int64_t span(const char *text) {
     int64_t value = 0;
     std::string error;
     return tools::parseSpanText(text, value, error) ? value : Bad;
 }
 
-static void zone(const char *name) {
+void zone(const char *name) {
     setenv("TZ", name, 1);
     tzset();
 }
+
+} // namespace
 
 TEST(TimeText, AbsoluteTimesInUtc) {
     EXPECT_EQ(time("2024-03-01"), Midnight);

@@ -97,14 +97,18 @@ TEST(Color, ModesHaveNames) {
     EXPECT_FALSE(parseColorMode("yes", mode));
 }
 
+namespace {
+
 // ---- tables and output ---------------------------------------------------------
 
-static std::string printed(const Table &table, bool color) {
+std::string printed(const Table &table, bool color) {
     return support::captured(1, [&]() {
         Output out;
         printTable(out, table, color);
     });
 }
+
+} // namespace
 
 TEST(Tables, ColumnsAreAlignedAndEscaped) {
     Table table;
@@ -173,9 +177,9 @@ TEST(ResultTexts, AMessageIsTheTextAndTheNumber) {
     EXPECT_EQ(resultMessage(7), "unknown result (7)");
 }
 
-// ---- options -------------------------------------------------------------------
-
 namespace {
+
+// ---- options -------------------------------------------------------------------
 
 struct Chosen : CommonOptions {
     bool flag = false;
@@ -345,14 +349,16 @@ TEST(Fields, AHeldItemOutlivesItsLine) {
     EXPECT_FALSE(findField("block")->value(held[0].item).present);
 }
 
+namespace {
+
 // ---- verification --------------------------------------------------------------
 
-static const std::string Good = "2,5,7,7,1,1700000000000,42,43,0:,4:text,3:mgr,1,(0|)\n";
-static const std::string VerifyHeader = "$Header 65543,5,7,1700000000,-7200,hostA\n";
-static const std::string VerifyName = "5-7-1-231114-0000000000.log";
+const std::string Good = "2,5,7,7,1,1700000000000,42,43,0:,4:text,3:mgr,1,(0|)\n";
+const std::string VerifyHeader = "$Header 65543,5,7,1700000000,-7200,hostA\n";
+const std::string VerifyName = "5-7-1-231114-0000000000.log";
 
-static std::vector<std::string> findings(const std::string &bytes, VerifyCounts &counts,
-                                         const std::string &name = VerifyName) {
+std::vector<std::string> findings(const std::string &bytes, VerifyCounts &counts,
+                                  const std::string &name = VerifyName) {
     support::writeFile(name, bytes);
     std::vector<std::string> found;
     std::string problem;
@@ -367,6 +373,8 @@ static std::vector<std::string> findings(const std::string &bytes, VerifyCounts 
         << problem;
     return found;
 }
+
+} // namespace
 
 TEST(Verify, AnIntactFileHasNoFindings) {
     VerifyCounts counts;

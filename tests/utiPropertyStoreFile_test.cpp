@@ -180,9 +180,10 @@ const Case CASES[] = {
     {"key in the second part", times('x', 499) + "5.a=1\n", "5", Op::SET, "a", "2", 0, times('x', 499) + "5.a=2\n"},
     {"removed as far as the cut", "5.a=" + times('x', 600) + "\n", "5", Op::REMOVE, "a", "", 0, times('x', 105) + "\n"},
 };
-// clang-format on
 
 } // namespace
+
+// clang-format on
 
 TEST(PropertyStore, EveryChangeLeavesExactlyTheseBytes) {
     static_assert(sizeof CASES / sizeof *CASES >= 60);
@@ -426,12 +427,16 @@ TEST(PropertyStore, OnlyOneIsWrittenAsTrue) {
     }
 }
 
+namespace {
+
 // ---- open, create, close -----------------------------------------------------------------
 
-static const char HEADER[] = "###############################################\n"
-                             "# Caution! Do not update/modify file by hand. \n"
-                             "# Use qdlogcfg tool to update/modify this file\n"
-                             "###############################################\n";
+const char HEADER[] = "###############################################\n"
+                      "# Caution! Do not update/modify file by hand. \n"
+                      "# Use qdlogcfg tool to update/modify this file\n"
+                      "###############################################\n";
+
+} // namespace
 
 TEST(PropertyStore, CreatingWritesTheHeaderAndOpens) {
     const mode_t mask = umask(022);
@@ -720,9 +725,9 @@ TEST(PropertyStore, AFileThatIsAwayForAnInstantIsWaitedFor) {
     EXPECT_EQ(readFile(FILE_NAME), "5.a=1\n5.b=2\n");
 }
 
-// ---- enumerations ----------------------------------------------------------------------------
-
 namespace {
+
+// ---- enumerations ----------------------------------------------------------------------------
 
 using Enumerate = uint32_t (*)(PropertyStore *, uint32_t, char *, uint32_t *);
 

@@ -13,12 +13,14 @@
 
 #include "zoltlog.h"
 
+namespace {
+
 // ---- the lock, watched -------------------------------------------------------------
 
-static std::string tagOfTheRecord;           // under which the last record got its time stamp
-static std::function<void()> atTheTimeStamp; // called when a record gets its time stamp
+std::string tagOfTheRecord;           // under which the last record got its time stamp
+std::function<void()> atTheTimeStamp; // called when a record gets its time stamp
 
-static const bool CLOCK_WATCHED = support::eachCase([] {
+const bool CLOCK_WATCHED = support::eachCase([] {
     atTheTimeStamp = nullptr;
     libc::gettimeofday.hook = [](timeval *now, void *zone) {
         tagOfTheRecord = zoltLogMutex.depth > 0 ? zoltLogMutex.holders[0].tag : "no lock";
@@ -28,7 +30,9 @@ static const bool CLOCK_WATCHED = support::eachCase([] {
     };
 });
 
-static std::function<void()> atLookup; // called by zoltLisVEx, whose errno stays
+std::function<void()> atLookup; // called by zoltLisVEx, whose errno stays
+
+} // namespace
 
 // ---- the localization library, watched ---------------------------------------------
 

@@ -11,7 +11,11 @@
 #include "write_series.h"
 #include "zoltlog.h"
 
-static bool releaseLeavesWords;
+namespace {
+
+bool releaseLeavesWords;
+
+} // namespace
 
 extern "C" int32_t zoltLisFree(ZoltLisBlock *block) {
     static const auto real = reinterpret_cast<int32_t (*)(ZoltLisBlock *)>(dlsym(RTLD_NEXT, "zoltLisFree"));
@@ -198,9 +202,9 @@ TEST_F(Write, DefaultLogsetAndMissingLogset) {
     EXPECT_EQ(isLogOpen(&handle), 0);
 }
 
-// ---- secure handles ------------------------------------------------------------------------
-
 namespace {
+
+// ---- secure handles ------------------------------------------------------------------------
 
 struct WriteSecure : Write {
     WriteSecure() {

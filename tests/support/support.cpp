@@ -93,9 +93,13 @@ std::string captured(int descriptor, const std::function<void()> &body) {
     return text;
 }
 
-static int statusOf(int waited) {
+namespace {
+
+int statusOf(int waited) {
     return WIFSIGNALED(waited) ? 128 + WTERMSIG(waited) : WEXITSTATUS(waited);
 }
+
+} // namespace
 
 int inChild(const std::function<int()> &body) {
     std::fflush(nullptr);
@@ -108,7 +112,9 @@ int inChild(const std::function<int()> &body) {
     return statusOf(waited);
 }
 
-static bool becomeOrdinaryUser() {
+namespace {
+
+bool becomeOrdinaryUser() {
     constexpr uid_t NOBODY = 65534;
     if (geteuid() != 0)
         return true;
@@ -117,6 +123,8 @@ static bool becomeOrdinaryUser() {
         done = lchown(entry.path().c_str(), NOBODY, NOBODY) == 0 && done;
     return done && setresgid(NOBODY, NOBODY, NOBODY) == 0 && setresuid(NOBODY, NOBODY, NOBODY) == 0;
 }
+
+} // namespace
 
 bool asOrdinaryUser(const std::function<void()> &body) {
     return inChild([&] {

@@ -11,8 +11,10 @@
 namespace qdlogger {
 
 namespace {
+
 constexpr size_t ReadSize = size_t{256} * 1024;
-}
+
+} // namespace
 
 bool LineReader::next(std::string_view &line) {
     for (;;) {
@@ -55,7 +57,9 @@ Utf8Texts::Utf8Texts(bool inputIsUtf8) {
     utf8 = inputIsUtf8 || codeset == "UTF-8" || codeset == "ANSI_X3.4-1968";
 }
 
-static void appendByte(std::string &out, char byte) {
+namespace {
+
+void appendByte(std::string &out, char byte) {
     static const char digits[] = "0123456789abcdef";
     const auto value = static_cast<unsigned char>(byte);
     out += "\\x";
@@ -63,7 +67,7 @@ static void appendByte(std::string &out, char byte) {
     out += digits[value & 15];
 }
 
-static void appendUtf8(std::string &out, char32_t character) {
+void appendUtf8(std::string &out, char32_t character) {
     const auto tail = [&out, character](int shift) {
         out += static_cast<char>(0x80 | ((character >> shift) & 0x3f));
     };
@@ -83,6 +87,8 @@ static void appendUtf8(std::string &out, char32_t character) {
         tail(0);
     }
 }
+
+} // namespace
 
 const char *Utf8Texts::convert(std::string_view text) {
     const bool hasNul = memchr(text.data(), '\0', text.size()) != nullptr;

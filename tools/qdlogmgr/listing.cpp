@@ -12,7 +12,9 @@ using tools::Align;
 using tools::Cell;
 using tools::Style;
 
-static const char *stateOf(const Choice &choice) {
+namespace {
+
+const char *stateOf(const Choice &choice) {
     if (!choice.file->doubtful.empty())
         return "doubtful";
     if (choice.file->newest)
@@ -22,7 +24,7 @@ static const char *stateOf(const Choice &choice) {
     return choice.series->configured ? "kept" : "-";
 }
 
-static Style styleOf(const std::string &state) {
+Style styleOf(const std::string &state) {
     if (state == "doubtful")
         return Style::Red;
     if (state == "surplus")
@@ -30,12 +32,12 @@ static Style styleOf(const std::string &state) {
     return state == "newest" ? Style::Green : Style::Plain;
 }
 
-static void startPager(const Run &run, tools::Pager &pager) {
+void startPager(const Run &run, tools::Pager &pager) {
     if (!run.options.noPager && !run.options.json)
         pager.start();
 }
 
-static int showFiles(Run &run, const std::vector<Choice> &choices) {
+int showFiles(Run &run, const std::vector<Choice> &choices) {
     tools::Pager pager;
     startPager(run, pager);
     if (run.options.json) {
@@ -71,6 +73,8 @@ static int showFiles(Run &run, const std::vector<Choice> &choices) {
     return status;
 }
 
+} // namespace
+
 int listFiles(Run &run) {
     return showFiles(run, chosenFiles(run, false));
 }
@@ -79,9 +83,9 @@ int listSurplus(Run &run) {
     return showFiles(run, chosenFiles(run, true));
 }
 
-// ---- usage -----------------------------------------------------------------------
-
 namespace {
+
+// ---- usage -----------------------------------------------------------------------
 
 struct Volume {
     uint64_t files = 0;

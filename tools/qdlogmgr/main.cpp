@@ -15,9 +15,11 @@
 
 namespace qdlogmgr {
 
+namespace {
+
 // ---- choosing files --------------------------------------------------------------
 
-static bool isNamed(const File &file, const std::set<std::string> &names, std::set<std::string> &met) {
+bool isNamed(const File &file, const std::set<std::string> &names, std::set<std::string> &met) {
     char *real = realpath(file.path.c_str(), nullptr);
     const std::string path = real != nullptr ? real : file.path;
     free(real);
@@ -30,6 +32,8 @@ static bool isNamed(const File &file, const std::set<std::string> &names, std::s
     }
     return named;
 }
+
+} // namespace
 
 std::vector<Choice> chosenFiles(Run &run, bool defaultSurplus) {
     const Options &options = run.options;

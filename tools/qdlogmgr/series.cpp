@@ -34,8 +34,10 @@ uint64_t Series::size() const {
     return total;
 }
 
+namespace {
+
 // The directory as the system names it, with a slash at its end; "" when there is none.
-static std::string resolved(const std::string &directory) {
+std::string resolved(const std::string &directory) {
     char *real = realpath(directory.c_str(), nullptr);
     if (real == nullptr)
         return "";
@@ -47,8 +49,6 @@ static std::string resolved(const std::string &directory) {
 }
 
 // ---- configurations --------------------------------------------------------------
-
-namespace {
 
 // What the options' names stand for; 0: any.
 struct Wanted {
