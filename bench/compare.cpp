@@ -82,9 +82,9 @@ void handMadeLine(int number) {
     *at++ = ':';
     std::memcpy(at, text, static_cast<size_t>(length));
     at += length;
-    constexpr char tail[] = ",3:mgr,1,(0|)\n";
-    std::memcpy(at, tail, sizeof tail - 1);
-    at += sizeof tail - 1;
+    constexpr char TAIL[] = ",3:mgr,1,(0|)\n";
+    std::memcpy(at, TAIL, sizeof TAIL - 1);
+    at += sizeof TAIL - 1;
     writeAll(file, line, static_cast<size_t>(at - line));
     pthread_setcancelstate(cancelState, nullptr);
     pthread_mutex_unlock(&mutex);

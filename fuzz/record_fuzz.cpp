@@ -61,13 +61,13 @@ void tryLine(std::string_view line, uint64_t version) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0)
         return 0;
-    constexpr uint64_t versions[] = {0,
+    constexpr uint64_t VERSIONS[] = {0,
                                      ZOLTLOG_RECORD_VERSION_OLDEST,
                                      ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO,
                                      ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX,
                                      ZOLTLOG_RECORD_VERSION_ORIGINATOR,
                                      ZOLTLOG_RECORD_VERSION_LOGSET};
-    const uint64_t version = versions[data[0] % 6];
+    const uint64_t version = VERSIONS[data[0] % 6];
     const std::string bytes(reinterpret_cast<const char *>(data) + 1, size - 1);
     std::string_view rest = bytes;
 

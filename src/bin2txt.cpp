@@ -126,7 +126,7 @@ bool isUtf8Already(const char *bytes, size_t length, StringForm form) {
     switch (form) {
     case StringForm::UTF8:
         return true;
-    case StringForm::LOCALE_AND_ASCII:
+    case StringForm::LocaleAndAscii:
         return isUtf8AsItIs(bytes, length);
     default:
         return false;

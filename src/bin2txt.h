@@ -13,9 +13,9 @@
 
 // What the strings of one record are in.
 enum class StringForm {
-    UTF8,             // so they are said to be
-    LOCALE_AND_ASCII, // the locale's encoding, whose bytes below 128 mean what they do in ASCII
-    LOCALE            // the locale's encoding, whatever it is
+    UTF8,           // so they are said to be
+    LocaleAndAscii, // the locale's encoding, whose bytes below 128 mean what they do in ASCII
+    LOCALE          // the locale's encoding, whatever it is
 };
 
 inline StringForm stringFormOf(uint32_t utf8) {
@@ -23,7 +23,7 @@ inline StringForm stringFormOf(uint32_t utf8) {
         return StringForm::UTF8;
     if (!localeKeepsAscii())
         return StringForm::LOCALE;
-    return StringForm::LOCALE_AND_ASCII;
+    return StringForm::LocaleAndAscii;
 }
 
 // ---- records --------------------------------------------------------------------------

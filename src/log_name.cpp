@@ -333,14 +333,14 @@ HeaderParsed parseHeaderLine(const char *line, size_t length, HeaderReading read
     if (!exact && text.at != word)
         (void)scanUnsigned(&text.at, ANY_WIDTH, &out->version); // none: 0, which is unknown
     if (!isHeader)
-        return HeaderParsed::NO_HEADER;
+        return HeaderParsed::NoHeader;
     if (exact && !text.take(' '))
-        return HeaderParsed::NO_HEADER;
+        return HeaderParsed::NoHeader;
     if (exact && !takeExactly(&text, &out->version))
         return HeaderParsed::MALFORMED;
     const Layout *layout = layoutOf(out->version);
     if (layout == nullptr)
-        return HeaderParsed::UNKNOWN_VERSION;
+        return HeaderParsed::UnknownVersion;
     if (takeFields(&text, layout, reading, out) && text.take(','))
         takeHost(text, reading, out);
     else if (exact)

@@ -107,7 +107,7 @@ enum class HeaderReading {
     // the bits of an unsigned number, the host's name ends at a blank.
     LENIENT
 };
-enum class HeaderParsed { OK, NO_HEADER, UNKNOWN_VERSION, MALFORMED };
+enum class HeaderParsed { OK, NoHeader, UnknownVersion, MALFORMED };
 
 // Reads a line without its line feed; host points into it. The version is stored also when
 // it is unknown, 0 when there is none. MALFORMED is for EXACT only.

@@ -91,7 +91,7 @@ uint32_t parseHeader(const char *record, LogFileHeader *header) {
     HeaderLine line;
     const HeaderParsed parsed = parseHeaderLine(record, strlen(record), HeaderReading::LENIENT, &line);
     header->version = line.version;
-    if (parsed == HeaderParsed::NO_HEADER)
+    if (parsed == HeaderParsed::NoHeader)
         return ZOLTLOG_FAILED;
     if (parsed != HeaderParsed::OK)
         return ZOLTLOG_UNSUPPORTED_HEADER;

@@ -215,10 +215,10 @@ bool lookIfDue(Writer *writer) {
         return false;
     const Taken mark = takeMark(descriptor, writer->readable);
     writer->marked = mark == Taken::YES;
-    if (mark == Taken::BY_ANOTHER || look(writer) == Looked::GONE)
+    if (mark == Taken::ByAnother || look(writer) == Looked::GONE)
         closeFile(writer);
     else if (!writer->held)
-        writer->held = takeHold(descriptor) != Taken::BY_ANOTHER;
+        writer->held = takeHold(descriptor) != Taken::ByAnother;
     return true;
 }
 

@@ -117,7 +117,7 @@ bool formExistingPath(LogPath *path, const LogFileState *state, const char *name
 
 // ---- creation (write_file_create.cpp) ----------------------------------------------
 
-enum class Creation { CREATED, NAME_TAKEN, FAILED };
+enum class Creation { CREATED, NameTaken, FAILED };
 
 // Makes a file that appears under its name with the header line already in it, and
 // leaves it open for appending in state->file. *result is the result code of FAILED.
@@ -128,7 +128,7 @@ uint32_t resultOfOpen(int32_t opened);
 
 // ---- holding (write_file_hold.cpp) ---------------------------------------------------
 
-enum class Taken { YES, BY_ANOTHER, NO_LOCKS }; // the last: not to be had on this file system
+enum class Taken { YES, ByAnother, NoLocks }; // the last: not to be had on this file system
 
 // A writer's own: the hold, until the file is closed, and the mark.
 Taken takeHold(int descriptor);

@@ -93,7 +93,7 @@ Creation createPlainly(LogFileState *state, const char *path, const LogFileHeade
         openDescriptor(path, OS_MODE_NEW, state->permissions.mode, &state->file.descriptor);
     if (opened != ZOLTLOG_OS_OK) {
         *result = resultOfOpen(opened);
-        return errno == EEXIST ? Creation::NAME_TAKEN : Creation::FAILED;
+        return errno == EEXIST ? Creation::NameTaken : Creation::FAILED;
     }
     *result = WriteFileHeader(state, header);
     if (*result == ZOLTLOG_OK)
@@ -137,7 +137,7 @@ Creation createByTemporary(LogFileState *state, const char *path, const LogFileH
         return Creation::CREATED;
     closeMade(state);
     if (errno == EEXIST)
-        return Creation::NAME_TAKEN;
+        return Creation::NameTaken;
     if (lacksExclusiveNaming(errno))
         return createPlainly(state, path, header, result);
     *result = resultOfOpen(openResultOfErrno(errno));
@@ -157,7 +157,7 @@ Creation createLogFile(LogFileState *state, const char *path, const LogFileHeade
             return Creation::CREATED;
         closeMade(state);
         if (errno == EEXIST)
-            return Creation::NAME_TAKEN;
+            return Creation::NameTaken;
     }
     // No unnamed files here, or no /proc to name them by; the other way also finds the
     // reason when there is a real one.

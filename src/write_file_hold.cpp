@@ -39,7 +39,7 @@ constexpr int64_t DIRECTORY_BUSY_FOR_NS = 10 * NS_PER_SECOND;
 Taken taken(int result) {
     if (result == 0)
         return Taken::YES;
-    return errno == EWOULDBLOCK || errno == EAGAIN || errno == EACCES ? Taken::BY_ANOTHER : Taken::NO_LOCKS;
+    return errno == EWOULDBLOCK || errno == EAGAIN || errno == EACCES ? Taken::ByAnother : Taken::NoLocks;
 }
 
 Taken lockBytes(int descriptor, short kind, off_t start, off_t length) {
@@ -80,7 +80,7 @@ Taken takeAllMarks(int descriptor) {
 }
 
 LineEndLock::LineEndLock(int file) : descriptor(file) {
-    for (int look = 0; lockBytes(descriptor, F_WRLCK, LINE_END, 1) == Taken::BY_ANOTHER; ++look) {
+    for (int look = 0; lockBytes(descriptor, F_WRLCK, LINE_END, 1) == Taken::ByAnother; ++look) {
         if (look == LOCK_LOOKS)
             break;
         sleepNs(LOCK_WAIT_NS);
@@ -98,7 +98,7 @@ DirectoryLock::DirectoryLock(Writer *writer) {
     descriptor = aboveStdio(descriptor);
     if (descriptor == -1)
         return;
-    for (int look = 0; takeAlone(descriptor) == Taken::BY_ANOTHER; ++look) {
+    for (int look = 0; takeAlone(descriptor) == Taken::ByAnother; ++look) {
         const int64_t now = monotonicNs();
         if (now < writer->directoryBusyUntil)
             return;

@@ -299,7 +299,7 @@ bool hold(int descriptor, Opened *opened) {
             if (status.st_nlink == 0)
                 return false;
         }
-        opened->held = hold != Taken::BY_ANOTHER && mark != Taken::BY_ANOTHER;
+        opened->held = hold != Taken::ByAnother && mark != Taken::ByAnother;
         opened->marked = mark == Taken::YES;
         if (opened->held || look == HOLD_LOOKS)
             return true;
@@ -418,7 +418,7 @@ uint32_t startFile(Writer *writer, const HostName &hostName, uint64_t host, Targ
                     return ZOLTLOG_OK;
                 case Creation::FAILED:
                     return failure;
-                case Creation::NAME_TAKEN:
+                case Creation::NameTaken:
                     break;
                 }
             }

@@ -60,14 +60,14 @@ bool mayRemove(const LogFileState *state, const char *path, int descriptor) {
     if (fstat(descriptor, &open) != 0 || isBeingWritten(state, open))
         return false;
     const Taken marks = takeAllMarks(descriptor);
-    if (marks == Taken::BY_ANOTHER) // a writer is about to look at it
+    if (marks == Taken::ByAnother) // a writer is about to look at it
         return false;
     if (lstat(path, &named) != 0 || !isSame(open, named))
         return false;
     const Taken alone = takeAlone(descriptor);
     if (alone == Taken::YES)
         return true;
-    return (marks == Taken::YES || alone == Taken::NO_LOCKS) && isIdle(descriptor);
+    return (marks == Taken::YES || alone == Taken::NoLocks) && isIdle(descriptor);
 }
 
 // Removes a surplus file unless it is another writer's: one that has a writer stays until

@@ -46,7 +46,7 @@ struct Row { // where a message goes
     bool systemLog;
 };
 // Debug 0, diagnostic 1, application 2, context 3, audit 4, secure audit 5
-constexpr Row rows[] = {
+constexpr Row ROWS[] = {
     {0, 0, false, false, false}, {0, 1, true, false, false},  {0, 2, false, false, false},
     {0, 3, true, false, false},  {0, 4, false, false, false}, {0, 7, true, false, false},
     {1, 0, false, false, false}, {1, 1, true, false, false},  {1, 2, false, true, false},
@@ -62,7 +62,7 @@ constexpr Row rows[] = {
 
 TEST_F(LogOutput, FlagsAndTypeDecideWhereAMessageGoes) {
     use("recording");
-    for (const Row &row : rows) {
+    for (const Row &row : ROWS) {
         for (const bool inHandle : {false, true}) {
             SCOPED_TRACE(testing::Message() << "type " << row.type << " flags " << row.flags
                                             << (inHandle ? " of the handle" : ""));

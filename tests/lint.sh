@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# clang-format over all our sources, clang-tidy over what the debug build compiles.
+# clang-format over all our sources and what it does not see: file-local names stand in an
+# anonymous namespace, C++ includes <cstring> and not <string.h>. clang-tidy over what the
+# debug build compiles; of tests, benchmarks and fuzzers it reads the names only.
 #   tests/lint.sh [format|tidy]    (default both)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -8,6 +10,15 @@ mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h')
 if [ "$what" != tidy ]; then
     clang-format --dry-run --Werror "${sources[@]}"
     echo "clang-format: ${#sources[@]} files are formatted"
+    if git grep -nE '^static [^_]' -- '*.cpp' '*.h' ':!include/*'; then
+        echo "file-local names belong into an anonymous namespace" >&2
+        exit 1
+    fi
+    c_headers='assert|ctype|errno|inttypes|limits|locale|math|setjmp|signal|stdarg|stddef|stdint|stdio|stdlib|string|time|wchar|wctype'
+    if git grep -nE "#include <($c_headers)\\.h>" -- '*.cpp' '*.h' ':!include/*'; then
+        echo "C++ includes <cstring>, not <string.h>" >&2
+        exit 1
+    fi
 fi
 if [ "$what" != format ]; then
     cmake --preset debug >/dev/null
@@ -15,4 +26,8 @@ if [ "$what" != format ]; then
     mapfile -t compiled < <(git ls-files 'src/*.cpp' 'lis/*.cpp' 'formatter/*.cpp' 'tools/*.cpp')
     printf '%s\n' "${compiled[@]}" | xargs -P "$(nproc)" -n 4 clang-tidy --quiet -p build/debug
     echo "clang-tidy: ${#compiled[@]} files are clean"
+    mapfile -t around < <(git ls-files 'tests/*.cpp' 'bench/*.cpp' 'fuzz/*.cpp' 'examples/*.cpp')
+    printf '%s\n' "${around[@]}" |
+        xargs -P "$(nproc)" -n 2 clang-tidy --quiet -p build/debug --checks='-*,readability-identifier-naming'
+    echo "clang-tidy: names in ${#around[@]} further files are clean"
 fi

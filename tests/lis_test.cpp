@@ -453,13 +453,13 @@ TEST(PatternArguments, AreOneLetterForEachPosition) {
     const struct {
         const char *pattern;
         const char *letters;
-    } CASES[] = {{"Disk %1$s is %2$d%% full", "sd"},
+    } cases[] = {{"Disk %1$s is %2$d%% full", "sd"},
                  {"%s %d %f %c %p %ls", "sdfcps"},
                  {"%3$s", "--s"},
                  {"%2$*1$x", "dd"},
                  {"", ""},
                  {"100%%", ""}};
-    for (const auto &one : CASES) {
+    for (const auto &one : cases) {
         EXPECT_EQ(0, qdlisPatternArguments(one.pattern, letters, sizeof letters)) << one.pattern;
         EXPECT_STREQ(one.letters, letters) << one.pattern;
     }

@@ -232,8 +232,8 @@ std::vector<Stack> stacksDuring(const std::function<void()> &body) {
 TEST_F(LockTagsInUse, NestAsTheOperationsDo) {
     zoltLogSetDiagLevel(&handle, 4);
     ZoltLisBlock block = {};
-    const char MSG[] = "zoltLogMsg()";
-    const char NEXT[] = "GetNextSequenceNumber()";
+    const char msg[] = "zoltLogMsg()";
+    const char next[] = "GetNextSequenceNumber()";
     const struct {
         const char *tag;
         std::function<void()> call;
@@ -250,13 +250,13 @@ TEST_F(LockTagsInUse, NestAsTheOperationsDo) {
         const std::vector<Stack> stacks = stacksDuring(family.call);
         if (stacks.empty())
             GTEST_SKIP() << "no process may be traced here";
-        EXPECT_EQ((std::vector<Stack>{{}, {outer}, {outer, NEXT}, {outer}, {outer, MSG}, {outer}, {}}),
+        EXPECT_EQ((std::vector<Stack>{{}, {outer}, {outer, next}, {outer}, {outer, msg}, {outer}, {}}),
                   stacks)
             << outer;
     }
     LogHandle context = {};
     const std::string create = "zoltLogCreateContextToFile()";
-    EXPECT_EQ((std::vector<Stack>{{}, {NEXT}, {}, {create}, {create, "zoltLogAddLogToFile()"}, {create}, {}}),
+    EXPECT_EQ((std::vector<Stack>{{}, {next}, {}, {create}, {create, "zoltLogAddLogToFile()"}, {create}, {}}),
               stacksDuring([&] { zoltLogCreateContext(&handle, &context, "T1", 0, "text"); }));
     ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "text"));
     EXPECT_EQ((std::vector<Stack>{{}, {"zoltLogCloseFile()"}, {}}),

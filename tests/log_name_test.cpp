@@ -210,18 +210,18 @@ TEST(HeaderLineForms, OnlyTheLenientReadingForgives) {
         HeaderParsed exact;
         HeaderParsed lenient;
     } rows[] = {
-        {"  $Header 65543,5,7,1,0,h", HeaderParsed::NO_HEADER, HeaderParsed::OK},
-        {"$Header\t65543,5,7,1,0,h", HeaderParsed::NO_HEADER, HeaderParsed::OK},
+        {"  $Header 65543,5,7,1,0,h", HeaderParsed::NoHeader, HeaderParsed::OK},
+        {"$Header\t65543,5,7,1,0,h", HeaderParsed::NoHeader, HeaderParsed::OK},
         {"$Header  65543,5,7,1,0,h", HeaderParsed::MALFORMED, HeaderParsed::OK},
         {"$Header 65543, 5,7,1,0,h", HeaderParsed::MALFORMED, HeaderParsed::OK},
         {"$Header 65543,-5,7,1,0,h", HeaderParsed::MALFORMED, HeaderParsed::OK},
         {"$Header 65543,5,7", HeaderParsed::MALFORMED, HeaderParsed::OK},
         {"$Header 65544,1", HeaderParsed::MALFORMED, HeaderParsed::OK},
-        {"$Header", HeaderParsed::NO_HEADER, HeaderParsed::UNKNOWN_VERSION},
-        {"$Header x", HeaderParsed::MALFORMED, HeaderParsed::UNKNOWN_VERSION},
-        {"$Header 65545,1,h", HeaderParsed::UNKNOWN_VERSION, HeaderParsed::UNKNOWN_VERSION},
-        {"$Headers 65543,5,7,1,0,h", HeaderParsed::NO_HEADER, HeaderParsed::NO_HEADER},
-        {"", HeaderParsed::NO_HEADER, HeaderParsed::NO_HEADER},
+        {"$Header", HeaderParsed::NoHeader, HeaderParsed::UnknownVersion},
+        {"$Header x", HeaderParsed::MALFORMED, HeaderParsed::UnknownVersion},
+        {"$Header 65545,1,h", HeaderParsed::UnknownVersion, HeaderParsed::UnknownVersion},
+        {"$Headers 65543,5,7,1,0,h", HeaderParsed::NoHeader, HeaderParsed::NoHeader},
+        {"", HeaderParsed::NoHeader, HeaderParsed::NoHeader},
     };
     for (const auto &row : rows) {
         HeaderLine read;

@@ -183,7 +183,7 @@ void removeFiles() {
             unlink(("logs/" + name).c_str());
 }
 
-enum class Beside { PROCESS, LOGSET_PROCESS, LOGSET_HANDLE };
+enum class Beside { PROCESS, LogsetProcess, LogsetHandle };
 
 // A busy and a quiet sender at the same time, with recycling.
 void runBeside(Beside beside, unsigned keep, int64_t pauseUs, int64_t seconds) {
@@ -210,7 +210,7 @@ void runBeside(Beside beside, unsigned keep, int64_t pauseUs, int64_t seconds) {
     };
     pid_t child = 0;
     std::thread other;
-    if (beside == Beside::LOGSET_HANDLE) {
+    if (beside == Beside::LogsetHandle) {
         other = std::thread(sendQuietly);
     } else if ((child = fork()) == 0) {
         sendQuietly();
@@ -265,7 +265,7 @@ TEST(RecycleRace, ProcessThatKeepsOneFileLosesNothingOfAnother) {
 }
 
 TEST(RecycleRace, QuietLogSetHandleBesideABusyOneLosesNothing) {
-    runBeside(Beside::LOGSET_HANDLE, 1, 500, 3);
+    runBeside(Beside::LogsetHandle, 1, 500, 3);
 }
 
 TEST(LongRecycleRace, TwoProcesses) {
@@ -273,11 +273,11 @@ TEST(LongRecycleRace, TwoProcesses) {
 }
 
 TEST(LongRecycleRace, TwoProcessesOfALogSet) {
-    runAllSettings(Beside::LOGSET_PROCESS);
+    runAllSettings(Beside::LogsetProcess);
 }
 
 TEST(LongRecycleRace, TwoHandlesOfALogSetInOneProcess) {
-    runAllSettings(Beside::LOGSET_HANDLE);
+    runAllSettings(Beside::LogsetHandle);
 }
 
 // ---- timed rollover --------------------------------------------------------------------

@@ -119,8 +119,8 @@ namespace {
 
 // ---- helpers -------------------------------------------------------------------
 
-const std::string Example43 = "2,5,7,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)";
-const std::string Example44 = "2,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)";
+const std::string EXAMPLE43 = "2,5,7,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)";
+const std::string EXAMPLE44 = "2,7,12,1700000000123,4242,4243,0:,17:Disk full, 2 of 3,3:mgr,3,(0|)";
 
 // The views of the record stay good to the end of the program.
 Record parsed(std::string_view text, uint64_t version) {
@@ -156,7 +156,7 @@ Refused refused(std::string_view line, uint64_t version = ZOLTLOG_RECORD_VERSION
 // ---- records -------------------------------------------------------------------
 
 TEST(RecordParser, ReadsARecordOfAnOriginatorsFile) {
-    const Record record = parsed(Example43, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    const Record record = parsed(EXAMPLE43, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(record.type, ZOLTLOG_MSG_APP);
     EXPECT_EQ(record.product, 5u);
     EXPECT_EQ(record.originator, 7u);
@@ -171,11 +171,11 @@ TEST(RecordParser, ReadsARecordOfAnOriginatorsFile) {
     EXPECT_TRUE(record.hasNumber);
     EXPECT_EQ(record.number, 3);
     EXPECT_EQ(record.block, "(0|)");
-    EXPECT_EQ(record.line, Example43);
+    EXPECT_EQ(record.line, EXAMPLE43);
 }
 
 TEST(RecordParser, ReadsARecordOfALogSetsFile) {
-    const Record record = parsed(Example44, ZOLTLOG_RECORD_VERSION_LOGSET);
+    const Record record = parsed(EXAMPLE44, ZOLTLOG_RECORD_VERSION_LOGSET);
     EXPECT_EQ(record.type, ZOLTLOG_MSG_APP);
     EXPECT_EQ(record.product, 0u);
     EXPECT_EQ(record.originator, 7u);
@@ -258,9 +258,9 @@ TEST(RecordParser, RecordsWithoutPrefixAreToldApartByTheirFields) {
     EXPECT_EQ(parsed("0:,4:text,5:title,(3|)", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO).type,
               ZOLTLOG_MSG_CONTEXT); // no number: context
     EXPECT_EQ(parsed("0:,4:text,3:who,2,(0|)", ZOLTLOG_RECORD_VERSION_OLDEST).type,
-              tools::TypeUnknown); // diagnostic or audit
+              tools::TYPE_UNKNOWN); // diagnostic or audit
     const Record record = parsed("0:,4:text,3:mgr,2,(0|)", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX);
-    EXPECT_EQ(record.type, tools::TypeUnknown);
+    EXPECT_EQ(record.type, tools::TYPE_UNKNOWN);
     EXPECT_EQ(record.who, "mgr");
     EXPECT_EQ(record.number, 2);
     EXPECT_EQ(parsed("0:,4:text,3:who,6", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX).type,
@@ -270,9 +270,9 @@ TEST(RecordParser, RecordsWithoutPrefixAreToldApartByTheirFields) {
 }
 
 TEST(RecordParser, WithoutAHeaderTheNumbersTellTheVersion) {
-    EXPECT_EQ(parsed(Example43, 0).version, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
-    EXPECT_EQ(parsed(Example44, 0).version, ZOLTLOG_RECORD_VERSION_LOGSET);
-    EXPECT_EQ(parsed(Example44, 0).messageId, 12u);
+    EXPECT_EQ(parsed(EXAMPLE43, 0).version, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
+    EXPECT_EQ(parsed(EXAMPLE44, 0).version, ZOLTLOG_RECORD_VERSION_LOGSET);
+    EXPECT_EQ(parsed(EXAMPLE44, 0).messageId, 12u);
 }
 
 TEST(RecordParser, DamageIsNamedWithItsPlace) {
@@ -304,30 +304,30 @@ TEST(RecordParser, NoCutOfARecordIsTakenForARecord) {
 
 TEST(RecordParser, TimeAloneIsReadFromThePrefix) {
     int64_t time = 0;
-    EXPECT_TRUE(tools::parseRecordTime(Example43, ZOLTLOG_RECORD_VERSION_ORIGINATOR, time));
+    EXPECT_TRUE(tools::parseRecordTime(EXAMPLE43, ZOLTLOG_RECORD_VERSION_ORIGINATOR, time));
     EXPECT_EQ(time, 1700000000123);
     time = 0;
-    EXPECT_TRUE(tools::parseRecordTime(Example44, ZOLTLOG_RECORD_VERSION_LOGSET, time));
+    EXPECT_TRUE(tools::parseRecordTime(EXAMPLE44, ZOLTLOG_RECORD_VERSION_LOGSET, time));
     EXPECT_EQ(time, 1700000000123);
     EXPECT_FALSE(tools::parseRecordTime("0:,0:,2,(0|)", ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_WHO, time));
     EXPECT_FALSE(tools::parseRecordTime("2,5,7,7,12", ZOLTLOG_RECORD_VERSION_ORIGINATOR, time));
 }
 
 TEST(RecordParser, ARecordGluedToATornOneIsFound) {
-    for (size_t cut = 1; cut < Example43.size(); ++cut) {
-        const std::string line = Example43.substr(0, cut) + Example43;
+    for (size_t cut = 1; cut < EXAMPLE43.size(); ++cut) {
+        const std::string line = EXAMPLE43.substr(0, cut) + EXAMPLE43;
         Record record;
         Fault fault;
         ASSERT_FALSE(tools::parseRecord(line, ZOLTLOG_RECORD_VERSION_ORIGINATOR, record, fault)) << line;
         size_t at = 0;
         ASSERT_TRUE(tools::salvageRecord(line, ZOLTLOG_RECORD_VERSION_ORIGINATOR, record, at)) << line;
         EXPECT_EQ(at, cut);
-        EXPECT_EQ(record.line, Example43);
+        EXPECT_EQ(record.line, EXAMPLE43);
     }
     Record record;
     size_t at = 0;
     EXPECT_FALSE(
-        tools::salvageRecord(Example43.substr(0, 40), ZOLTLOG_RECORD_VERSION_ORIGINATOR, record, at));
+        tools::salvageRecord(EXAMPLE43.substr(0, 40), ZOLTLOG_RECORD_VERSION_ORIGINATOR, record, at));
 }
 
 // ---- argument blocks -----------------------------------------------------------
@@ -720,21 +720,21 @@ std::string record(int id, int64_t time, const std::string &text = "text") {
            std::to_string(text.size()) + ":" + text + ",3:mgr,1,(0|)";
 }
 
-const std::string HeaderLine = "$Header 65543,5,7,1700000000,-7200,hostA\n";
-const std::string LogName = "5-7-1-231114-0000000000.log";
+const std::string HEADER_LINE = "$Header 65543,5,7,1700000000,-7200,hostA\n";
+const std::string LOG_NAME = "5-7-1-231114-0000000000.log";
 
 } // namespace
 
 TEST(RecordFile, RecordsComeWithTheirOffsets) {
-    support::writeFile(LogName, HeaderLine + record(1, 1000) + "\n" + record(2, 2000) + "\n");
+    support::writeFile(LOG_NAME, HEADER_LINE + record(1, 1000) + "\n" + record(2, 2000) + "\n");
     RecordFile file;
-    ASSERT_TRUE(file.open(LogName));
+    ASSERT_TRUE(file.open(LOG_NAME));
     EXPECT_EQ(file.header.version, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(file.header.host, "hostA");
     EXPECT_EQ(file.name.product, 5u);
     ASSERT_EQ(file.next(), RecordFile::Got::Record);
     EXPECT_EQ(file.record.messageId, 1u);
-    EXPECT_EQ(file.offset, HeaderLine.size());
+    EXPECT_EQ(file.offset, HEADER_LINE.size());
     ASSERT_EQ(file.next(), RecordFile::Got::Record);
     EXPECT_EQ(file.record.messageId, 2u);
     EXPECT_EQ(file.next(), RecordFile::Got::End);
@@ -742,7 +742,7 @@ TEST(RecordFile, RecordsComeWithTheirOffsets) {
 }
 
 TEST(RecordFile, ProductOfALogSetsRecordComesFromTheFileName) {
-    support::writeFile("9-backup-240301134502.log", "$Header 65544,0,hostA\n" + Example44 + "\n");
+    support::writeFile("9-backup-240301134502.log", "$Header 65544,0,hostA\n" + EXAMPLE44 + "\n");
     RecordFile file;
     ASSERT_TRUE(file.open("9-backup-240301134502.log"));
     ASSERT_EQ(file.next(), RecordFile::Got::Record);
@@ -751,11 +751,11 @@ TEST(RecordFile, ProductOfALogSetsRecordComesFromTheFileName) {
 }
 
 TEST(RecordFile, EveryIntactRecordAfterADamagedOneIsFound) {
-    support::writeFile(LogName, HeaderLine + record(1, 1) + "\n" + record(2, 2).substr(0, 30) + "\n" +
-                                    record(3, 3) + "\n\n" + record(4, 4).substr(0, 25) + record(5, 5) + "\n" +
-                                    record(6, 6) + "\n" + record(7, 7).substr(0, 30));
+    support::writeFile(LOG_NAME, HEADER_LINE + record(1, 1) + "\n" + record(2, 2).substr(0, 30) + "\n" +
+                                     record(3, 3) + "\n\n" + record(4, 4).substr(0, 25) + record(5, 5) +
+                                     "\n" + record(6, 6) + "\n" + record(7, 7).substr(0, 30));
     RecordFile file;
-    ASSERT_TRUE(file.open(LogName));
+    ASSERT_TRUE(file.open(LOG_NAME));
     std::string seen;
     for (RecordFile::Got got = file.next(); got != RecordFile::Got::End; got = file.next()) {
         ASSERT_NE(got, RecordFile::Got::Error);
@@ -779,7 +779,8 @@ TEST(RecordFile, EveryIntactRecordAfterADamagedOneIsFound) {
 }
 
 TEST(RecordFile, AFurtherHeaderLineBeginsAnotherPart) {
-    support::writeFile("all.log", HeaderLine + Example43 + "\n$Header 65544,3600,hostB\n" + Example44 + "\n");
+    support::writeFile("all.log",
+                       HEADER_LINE + EXAMPLE43 + "\n$Header 65544,3600,hostB\n" + EXAMPLE44 + "\n");
     RecordFile file;
     ASSERT_TRUE(file.open("all.log"));
     EXPECT_EQ(file.next(), RecordFile::Got::Record);
@@ -791,9 +792,9 @@ TEST(RecordFile, AFurtherHeaderLineBeginsAnotherPart) {
 }
 
 TEST(RecordFile, AFileWithoutHeaderIsRead) {
-    support::writeFile(LogName, Example43 + "\n");
+    support::writeFile(LOG_NAME, EXAMPLE43 + "\n");
     RecordFile file;
-    ASSERT_TRUE(file.open(LogName));
+    ASSERT_TRUE(file.open(LOG_NAME));
     EXPECT_EQ(file.header.version, 0u);
     ASSERT_EQ(file.next(), RecordFile::Got::Record);
     EXPECT_EQ(file.record.version, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
@@ -806,30 +807,30 @@ TEST(RecordFile, WhatCannotBeReadSaysWhy) {
     support::makeDirectory("directory.log");
     EXPECT_FALSE(file.open("directory.log"));
     EXPECT_EQ(file.problem, "Is a directory");
-    support::writeFile(LogName, "$Header 65545,1,1,1,1,h\n");
-    EXPECT_FALSE(file.open(LogName));
+    support::writeFile(LOG_NAME, "$Header 65545,1,1,1,1,h\n");
+    EXPECT_FALSE(file.open(LOG_NAME));
     EXPECT_EQ(file.problem, "unknown header version: $Header 65545,1,1,1,1,h");
 }
 
 TEST(RecordFile, GrowingFilesAreReadOn) {
-    support::writeFile(LogName, HeaderLine + record(1, 1) + "\n" + record(2, 2).substr(0, 20));
+    support::writeFile(LOG_NAME, HEADER_LINE + record(1, 1) + "\n" + record(2, 2).substr(0, 20));
     RecordFile file;
-    ASSERT_TRUE(file.open(LogName));
+    ASSERT_TRUE(file.open(LOG_NAME));
     EXPECT_EQ(file.next(), RecordFile::Got::Record);
     EXPECT_EQ(file.next(), RecordFile::Got::End);
     EXPECT_EQ(file.next(), RecordFile::Got::End);
-    support::writeFile(LogName, HeaderLine + record(1, 1) + "\n" + record(2, 2) + "\n");
+    support::writeFile(LOG_NAME, HEADER_LINE + record(1, 1) + "\n" + record(2, 2) + "\n");
     ASSERT_EQ(file.next(), RecordFile::Got::Record);
     EXPECT_EQ(file.record.messageId, 2u);
     EXPECT_EQ(file.next(), RecordFile::Got::End);
 }
 
 TEST(RecordFile, LongRecordsSpanAnyNumberOfBlocks) {
-    const std::string longText(3 * tools::BlockSize + 12345, 'x');
-    support::writeFile(LogName, HeaderLine + record(1, 1) + "\n" + record(2, 2, longText) + "\n" +
-                                    record(3, 3) + "\n");
+    const std::string longText(3 * tools::BLOCK_SIZE + 12345, 'x');
+    support::writeFile(LOG_NAME, HEADER_LINE + record(1, 1) + "\n" + record(2, 2, longText) + "\n" +
+                                     record(3, 3) + "\n");
     RecordFile file;
-    ASSERT_TRUE(file.open(LogName));
+    ASSERT_TRUE(file.open(LOG_NAME));
     EXPECT_EQ(file.next(), RecordFile::Got::Record);
     ASSERT_EQ(file.next(), RecordFile::Got::Record);
     EXPECT_EQ(file.record.text, longText);
@@ -852,10 +853,10 @@ namespace {
 
 // Record i has the time 1000000 + 1000 i.
 void writeTimes(int count, const std::string &text, int64_t step = 1000) {
-    std::string bytes = HeaderLine;
+    std::string bytes = HEADER_LINE;
     for (int i = 0; i < count; ++i)
         bytes += record(i, 1000000 + step * i, text) + "\n";
-    support::writeFile(LogName, bytes);
+    support::writeFile(LOG_NAME, bytes);
 }
 
 } // namespace
@@ -863,7 +864,7 @@ void writeTimes(int count, const std::string &text, int64_t step = 1000) {
 TEST(RecordFile, TimesAreFoundByBisection) {
     writeTimes(5000, std::string(150, 'x'));
     RecordFile file;
-    ASSERT_TRUE(file.open(LogName));
+    ASSERT_TRUE(file.open(LOG_NAME));
     EXPECT_TRUE(file.inOrder());
     uint64_t size = 0;
     ASSERT_TRUE(file.lines.size(size));
@@ -890,15 +891,15 @@ TEST(RecordFile, TimesAreFoundByBisection) {
 }
 
 TEST(RecordFile, TimesAreFoundBetweenLongAndDamagedLines) {
-    std::string bytes = HeaderLine;
+    std::string bytes = HEADER_LINE;
     for (int i = 0; i < 200; ++i) {
         bytes += record(i, 1000000 + 20000 * i, std::string(i % 17 == 0 ? 30000 : 50, 'y')) + "\n";
         if (i % 5 == 0)
             bytes += std::string(static_cast<size_t>(i) * 10, '#') + "\n";
     }
-    support::writeFile(LogName, bytes);
+    support::writeFile(LOG_NAME, bytes);
     RecordFile file;
-    ASSERT_TRUE(file.open(LogName));
+    ASSERT_TRUE(file.open(LOG_NAME));
     for (int wanted = 0; wanted < 200; ++wanted) {
         file.seek(file.findTime(1000000 + 20000 * wanted));
         uint64_t id = 1000;
@@ -915,7 +916,7 @@ TEST(RecordFile, TimesAreFoundBetweenLongAndDamagedLines) {
 TEST(RecordFile, TimesThatGoBackAreNoticed) {
     writeTimes(5000, std::string(150, 'x'), -1000);
     RecordFile file;
-    ASSERT_TRUE(file.open(LogName));
+    ASSERT_TRUE(file.open(LOG_NAME));
     EXPECT_FALSE(file.inOrder());
 }
 
@@ -923,34 +924,34 @@ TEST(RecordFile, SummaryHasFirstAndLastTime) {
     writeTimes(1000, "t");
     tools::FileSummary summary;
     std::string problem;
-    ASSERT_TRUE(tools::readSummary(LogName, summary, problem));
+    ASSERT_TRUE(tools::readSummary(LOG_NAME, summary, problem));
     EXPECT_TRUE(summary.hasTimes);
     EXPECT_EQ(summary.first, 1000000);
     EXPECT_EQ(summary.last, 1000000 + 999 * 1000);
-    EXPECT_EQ(summary.size, support::readFile(LogName).size());
+    EXPECT_EQ(summary.size, support::readFile(LOG_NAME).size());
     EXPECT_EQ(summary.header.host, "hostA");
     EXPECT_FALSE(tools::readSummary("missing", summary, problem));
 }
 
 TEST(RecordFile, EmptyFilesAndFilesWithOnlyAHeaderEnd) {
-    support::writeFile(LogName, "");
+    support::writeFile(LOG_NAME, "");
     RecordFile file;
-    ASSERT_TRUE(file.open(LogName));
+    ASSERT_TRUE(file.open(LOG_NAME));
     EXPECT_EQ(file.next(), RecordFile::Got::End);
-    support::writeFile(LogName, HeaderLine);
-    ASSERT_TRUE(file.open(LogName));
+    support::writeFile(LOG_NAME, HEADER_LINE);
+    ASSERT_TRUE(file.open(LOG_NAME));
     EXPECT_EQ(file.next(), RecordFile::Got::End);
     int64_t time = 0;
     EXPECT_FALSE(file.firstTime(time));
     EXPECT_FALSE(file.lastTime(time));
     EXPECT_TRUE(file.inOrder());
-    EXPECT_EQ(file.findTime(5), HeaderLine.size());
+    EXPECT_EQ(file.findTime(5), HEADER_LINE.size());
 }
 
 // Damage of random kinds between intact records: all intact ones come out, in order.
 TEST(RecordFile, RandomDamageLosesOnlyWhatItHits) {
     for (int round = 0; round < 200; ++round) {
-        std::string bytes = HeaderLine;
+        std::string bytes = HEADER_LINE;
         std::vector<uint64_t> intact;
         for (int i = 1; i <= 50; ++i) {
             std::string line = record(i, 1000 + i, "text " + std::to_string(i));
@@ -970,9 +971,9 @@ TEST(RecordFile, RandomDamageLosesOnlyWhatItHits) {
             }
             bytes += line + "\n";
         }
-        support::writeFile(LogName, bytes);
+        support::writeFile(LOG_NAME, bytes);
         RecordFile file;
-        ASSERT_TRUE(file.open(LogName));
+        ASSERT_TRUE(file.open(LOG_NAME));
         std::vector<uint64_t> seen;
         for (RecordFile::Got got = file.next(); got != RecordFile::Got::End; got = file.next()) {
             if (got == RecordFile::Got::Record)

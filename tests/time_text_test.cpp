@@ -11,26 +11,26 @@ using tools::Zone;
 namespace {
 
 // 2024-03-01 12:00:00 UTC, a Friday
-constexpr int64_t Now = 1709294400000;
-constexpr int64_t Second = 1000, Minute = 60 * Second, Hour = 60 * Minute, Day = 24 * Hour;
-constexpr int64_t Midnight = Now - 12 * Hour;
-constexpr int64_t Bad = INT64_MIN;
+constexpr int64_t NOW = 1709294400000;
+constexpr int64_t SECOND = 1000, MINUTE = 60 * SECOND, HOUR = 60 * MINUTE, DAY = 24 * HOUR;
+constexpr int64_t MIDNIGHT = NOW - 12 * HOUR;
+constexpr int64_t BAD = INT64_MIN;
 
 int64_t time(const char *text, Zone zone = Zone::Utc) {
     int64_t value = 0;
     std::string error;
-    if (tools::parseTimeText(text, Now, zone, value, error)) {
+    if (tools::parseTimeText(text, NOW, zone, value, error)) {
         EXPECT_EQ(error, "");
         return value;
     }
     EXPECT_NE(error.find(std::string("'") + text + "'"), std::string::npos) << error;
-    return Bad;
+    return BAD;
 }
 
 int64_t span(const char *text) {
     int64_t value = 0;
     std::string error;
-    return tools::parseSpanText(text, value, error) ? value : Bad;
+    return tools::parseSpanText(text, value, error) ? value : BAD;
 }
 
 void zone(const char *name) {
@@ -41,18 +41,18 @@ void zone(const char *name) {
 } // namespace
 
 TEST(TimeText, AbsoluteTimesInUtc) {
-    EXPECT_EQ(time("2024-03-01"), Midnight);
-    EXPECT_EQ(time("2024-03-01 13:45"), Midnight + 13 * Hour + 45 * Minute);
+    EXPECT_EQ(time("2024-03-01"), MIDNIGHT);
+    EXPECT_EQ(time("2024-03-01 13:45"), MIDNIGHT + 13 * HOUR + 45 * MINUTE);
     EXPECT_EQ(time("2024-03-01 13:45:02"), 1709300702000);
     EXPECT_EQ(time("2024-03-01 13:45:02.123"), 1709300702123);
     EXPECT_EQ(time("2024-03-01T13:45:02.123Z"), 1709300702123);
     EXPECT_EQ(time("2024-03-01t13:45:02.1"), 1709300702100);
     EXPECT_EQ(time("2024-03-01 13:45:02.123987"), 1709300702123);
-    EXPECT_EQ(time("2024-3-1"), Midnight);
-    EXPECT_EQ(time("  2024-03-01  "), Midnight);
+    EXPECT_EQ(time("2024-3-1"), MIDNIGHT);
+    EXPECT_EQ(time("  2024-03-01  "), MIDNIGHT);
     EXPECT_EQ(time("1970-01-01"), 0);
     EXPECT_EQ(time("1969-12-31 23:59:59.500"), -500);
-    EXPECT_EQ(time("2024-02-29"), Midnight - Day);
+    EXPECT_EQ(time("2024-02-29"), MIDNIGHT - DAY);
 }
 
 TEST(TimeText, ZonesCount) {
@@ -67,41 +67,41 @@ TEST(TimeText, LocalTimesFollowTheTimeZone) {
     zone("CET-1CEST,M3.5.0,M10.5.0/3");
     EXPECT_EQ(time("2024-03-01 14:45:02", Zone::Local), 1709300702000);
     EXPECT_EQ(time("2024-07-01", Zone::Local), 1719784800000); // summer time: 22:00 UTC the day before
-    EXPECT_EQ(time("today", Zone::Local), Midnight - Hour);
+    EXPECT_EQ(time("today", Zone::Local), MIDNIGHT - HOUR);
     zone("UTC");
 }
 
 TEST(TimeText, ClockAloneIsToday) {
-    EXPECT_EQ(time("13:45"), Midnight + 13 * Hour + 45 * Minute);
-    EXPECT_EQ(time("8:05:30"), Midnight + 8 * Hour + 5 * Minute + 30 * Second);
-    EXPECT_EQ(time("00:00"), Midnight);
+    EXPECT_EQ(time("13:45"), MIDNIGHT + 13 * HOUR + 45 * MINUTE);
+    EXPECT_EQ(time("8:05:30"), MIDNIGHT + 8 * HOUR + 5 * MINUTE + 30 * SECOND);
+    EXPECT_EQ(time("00:00"), MIDNIGHT);
 }
 
 TEST(TimeText, DaysByName) {
-    EXPECT_EQ(time("now"), Now);
-    EXPECT_EQ(time("NOW"), Now);
-    EXPECT_EQ(time("today"), Midnight);
-    EXPECT_EQ(time("yesterday"), Midnight - Day);
-    EXPECT_EQ(time("tomorrow"), Midnight + Day);
-    EXPECT_EQ(time("yesterday 08:30"), Midnight - Day + 8 * Hour + 30 * Minute);
-    EXPECT_EQ(time("friday"), Midnight); // today is one
-    EXPECT_EQ(time("fri"), Midnight);
-    EXPECT_EQ(time("Thursday"), Midnight - Day);
-    EXPECT_EQ(time("saturday"), Midnight - 6 * Day);
-    EXPECT_EQ(time("mon 10:00"), Midnight - 4 * Day + 10 * Hour);
+    EXPECT_EQ(time("now"), NOW);
+    EXPECT_EQ(time("NOW"), NOW);
+    EXPECT_EQ(time("today"), MIDNIGHT);
+    EXPECT_EQ(time("yesterday"), MIDNIGHT - DAY);
+    EXPECT_EQ(time("tomorrow"), MIDNIGHT + DAY);
+    EXPECT_EQ(time("yesterday 08:30"), MIDNIGHT - DAY + 8 * HOUR + 30 * MINUTE);
+    EXPECT_EQ(time("friday"), MIDNIGHT); // today is one
+    EXPECT_EQ(time("fri"), MIDNIGHT);
+    EXPECT_EQ(time("Thursday"), MIDNIGHT - DAY);
+    EXPECT_EQ(time("saturday"), MIDNIGHT - 6 * DAY);
+    EXPECT_EQ(time("mon 10:00"), MIDNIGHT - 4 * DAY + 10 * HOUR);
 }
 
 TEST(TimeText, RelativeTimes) {
-    EXPECT_EQ(time("-2h30m"), Now - 2 * Hour - 30 * Minute);
-    EXPECT_EQ(time("+10m"), Now + 10 * Minute);
-    EXPECT_EQ(time("2 hours ago"), Now - 2 * Hour);
-    EXPECT_EQ(time("1 day 3 hours ago"), Now - Day - 3 * Hour);
-    EXPECT_EQ(time("90s ago"), Now - 90 * Second);
-    EXPECT_EQ(time("in 5 minutes"), Now + 5 * Minute);
-    EXPECT_EQ(time("now - 1h"), Now - Hour);
-    EXPECT_EQ(time("-1.5h"), Now - 90 * Minute);
-    EXPECT_EQ(time("-1w"), Now - 7 * Day);
-    EXPECT_EQ(time("-500ms"), Now - 500);
+    EXPECT_EQ(time("-2h30m"), NOW - 2 * HOUR - 30 * MINUTE);
+    EXPECT_EQ(time("+10m"), NOW + 10 * MINUTE);
+    EXPECT_EQ(time("2 hours ago"), NOW - 2 * HOUR);
+    EXPECT_EQ(time("1 day 3 hours ago"), NOW - DAY - 3 * HOUR);
+    EXPECT_EQ(time("90s ago"), NOW - 90 * SECOND);
+    EXPECT_EQ(time("in 5 minutes"), NOW + 5 * MINUTE);
+    EXPECT_EQ(time("now - 1h"), NOW - HOUR);
+    EXPECT_EQ(time("-1.5h"), NOW - 90 * MINUTE);
+    EXPECT_EQ(time("-1w"), NOW - 7 * DAY);
+    EXPECT_EQ(time("-500ms"), NOW - 500);
 }
 
 TEST(TimeText, SecondsSinceTheEpoch) {
@@ -140,19 +140,19 @@ TEST(TimeText, WhatIsNoTimeIsRefused) {
                              "2024-03-01T13:45:02+1",
                              "2024-03-01 +25:00",
                              "-99999999999999y"})
-        EXPECT_EQ(time(text), Bad) << text;
+        EXPECT_EQ(time(text), BAD) << text;
 }
 
 TEST(SpanText, SpansOfTime) {
-    EXPECT_EQ(span("90s"), 90 * Second);
-    EXPECT_EQ(span("2h30m"), 150 * Minute);
-    EXPECT_EQ(span("14 days"), 14 * Day);
-    EXPECT_EQ(span("1 week 2 days"), 9 * Day);
-    EXPECT_EQ(span("1 month"), 30 * Day);
-    EXPECT_EQ(span("1y"), 365 * Day);
+    EXPECT_EQ(span("90s"), 90 * SECOND);
+    EXPECT_EQ(span("2h30m"), 150 * MINUTE);
+    EXPECT_EQ(span("14 days"), 14 * DAY);
+    EXPECT_EQ(span("1 week 2 days"), 9 * DAY);
+    EXPECT_EQ(span("1 month"), 30 * DAY);
+    EXPECT_EQ(span("1y"), 365 * DAY);
     EXPECT_EQ(span("0.25s"), 250);
     for (const char *text : {"", "5", "s", "-5s", "5 ago", "5s x"})
-        EXPECT_EQ(span(text), Bad) << text;
+        EXPECT_EQ(span(text), BAD) << text;
 }
 
 TEST(TimeFormat, ShortAndRfc3339) {
@@ -225,9 +225,9 @@ TEST(TimeFormat, Spans) {
     EXPECT_EQ(tools::formatSpan(999), "999ms");
     EXPECT_EQ(tools::formatSpan(1500), "1s500ms");
     EXPECT_EQ(tools::formatSpan(9000 * 1000), "2h30m");
-    EXPECT_EQ(tools::formatSpan(3 * Day + 4 * Hour + 5 * Minute), "3d4h");
-    EXPECT_EQ(tools::formatSpan(3 * Day + 5 * Minute), "3d");
-    EXPECT_EQ(tools::formatSpan(-Minute), "-1m");
+    EXPECT_EQ(tools::formatSpan(3 * DAY + 4 * HOUR + 5 * MINUTE), "3d4h");
+    EXPECT_EQ(tools::formatSpan(3 * DAY + 5 * MINUTE), "3d");
+    EXPECT_EQ(tools::formatSpan(-MINUTE), "-1m");
 }
 
 TEST(SizeText, Sizes) {

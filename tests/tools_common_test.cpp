@@ -201,18 +201,18 @@ bool takeFlag(Chosen &to, const char *, std::string &) {
     return to.flag = true;
 }
 
-constexpr unsigned OTHER = FirstOwn;
-const Option optionTable[] = {
-    {"-f,--flag", TakesEvery, nullptr, "a flag", set<takeFlag>, "Group"},
-    {"-x,--text,--words", TakesEvery, "TEXT", "a text\nof two lines", set<takeText>},
-    {"--each", TakesEvery, "ITEM", "may be given often", set<&Chosen::each>},
+constexpr unsigned OTHER = FIRST_OWN;
+const Option OPTION_TABLE[] = {
+    {"-f,--flag", TAKES_EVERY, nullptr, "a flag", set<takeFlag>, "Group"},
+    {"-x,--text,--words", TAKES_EVERY, "TEXT", "a text\nof two lines", set<takeText>},
+    {"--each", TAKES_EVERY, "ITEM", "may be given often", set<&Chosen::each>},
     {"--number", OTHER, "N", "1 to 6", setWithin<&Chosen::number, 1, 6>},
 };
-const Command oneCommand[] = {{"", TakesEvery | OTHER, 0, "[WORD]...", 0, AnyNumber, "", nullptr}};
+const Command ONE_COMMAND[] = {{"", TAKES_EVERY | OTHER, 0, "[WORD]...", 0, ANY_NUMBER, "", nullptr}};
 
 // The exit status, or -1 when the words are understood.
 int chosen(std::vector<std::string> words, Chosen &to) {
-    const Tool tool = {"tool", "About.\n", rowsOf<Option>(optionTable), rowsOf<Command>(oneCommand), ""};
+    const Tool tool = {"tool", "About.\n", rowsOf<Option>(OPTION_TABLE), rowsOf<Command>(ONE_COMMAND), ""};
     words.insert(words.begin(), "tool");
     std::vector<char *> argv;
     argv.reserve(words.size() + 1);
@@ -353,12 +353,12 @@ namespace {
 
 // ---- verification --------------------------------------------------------------
 
-const std::string Good = "2,5,7,7,1,1700000000000,42,43,0:,4:text,3:mgr,1,(0|)\n";
-const std::string VerifyHeader = "$Header 65543,5,7,1700000000,-7200,hostA\n";
-const std::string VerifyName = "5-7-1-231114-0000000000.log";
+const std::string GOOD = "2,5,7,7,1,1700000000000,42,43,0:,4:text,3:mgr,1,(0|)\n";
+const std::string VERIFY_HEADER = "$Header 65543,5,7,1700000000,-7200,hostA\n";
+const std::string VERIFY_NAME = "5-7-1-231114-0000000000.log";
 
 std::vector<std::string> findings(const std::string &bytes, VerifyCounts &counts,
-                                  const std::string &name = VerifyName) {
+                                  const std::string &name = VERIFY_NAME) {
     support::writeFile(name, bytes);
     std::vector<std::string> found;
     std::string problem;
@@ -378,18 +378,18 @@ std::vector<std::string> findings(const std::string &bytes, VerifyCounts &counts
 
 TEST(Verify, AnIntactFileHasNoFindings) {
     VerifyCounts counts;
-    EXPECT_EQ(findings(VerifyHeader + Good + Good, counts), std::vector<std::string>{});
+    EXPECT_EQ(findings(VERIFY_HEADER + GOOD + GOOD, counts), std::vector<std::string>{});
     EXPECT_EQ(counts.records, 2u);
     EXPECT_EQ(counts.problems, 0u);
-    EXPECT_EQ(counts.bytes, VerifyHeader.size() + 2 * Good.size());
+    EXPECT_EQ(counts.bytes, VERIFY_HEADER.size() + 2 * GOOD.size());
     EXPECT_TRUE(counts.hasTimes);
     EXPECT_EQ(counts.first, 1700000000000);
 }
 
 TEST(Verify, TornRecordsAreNamedWithTheirPlace) {
     VerifyCounts counts;
-    const std::string torn = Good.substr(0, 35); // within "4:text"
-    const auto found = findings(VerifyHeader + torn + "\n" + Good, counts);
+    const std::string torn = GOOD.substr(0, 35); // within "4:text"
+    const auto found = findings(VERIFY_HEADER + torn + "\n" + GOOD, counts);
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0],
               "problem 41 74 cut within a text: its length goes beyond the line (line of 35 bytes)");
@@ -399,7 +399,7 @@ TEST(Verify, TornRecordsAreNamedWithTheirPlace) {
 
 TEST(Verify, AGluedRecordIsSalvaged) {
     VerifyCounts counts;
-    const auto found = findings(VerifyHeader + Good.substr(0, 20) + Good, counts);
+    const auto found = findings(VERIFY_HEADER + GOOD.substr(0, 20) + GOOD, counts);
     ASSERT_EQ(found.size(), 2u);
     EXPECT_EQ(found[1], "note 61 61 a whole record follows in the same line");
     EXPECT_EQ(counts.salvaged, 1u);
@@ -409,7 +409,7 @@ TEST(Verify, AGluedRecordIsSalvaged) {
 
 TEST(Verify, AnUnendedLastRecordIsAProblem) {
     VerifyCounts counts;
-    const auto found = findings(VerifyHeader + Good + Good.substr(0, 10), counts);
+    const auto found = findings(VERIFY_HEADER + GOOD + GOOD.substr(0, 10), counts);
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0], "problem 94 104 the file ends within a record");
 }
@@ -422,30 +422,30 @@ TEST(Verify, HeaderAndNameMustFit) {
               std::vector<std::string>{"problem 0 0 the header has originator 8, the name 7"});
     EXPECT_EQ(findings("$Header 65544,0,h\n", counts).size(), 1u);
     EXPECT_EQ(findings("$Header 65544,0,h\n", counts, "5-set-231114000000.log").size(), 0u);
-    EXPECT_EQ(findings(Good, counts), std::vector<std::string>{"note 0 0 the file has no header line"});
+    EXPECT_EQ(findings(GOOD, counts), std::vector<std::string>{"note 0 0 the file has no header line"});
     EXPECT_EQ(findings("", counts), std::vector<std::string>{"note 0 0 the file is empty"});
 }
 
 TEST(Verify, RecordsOfOtherFilesAreProblems) {
     VerifyCounts counts;
-    EXPECT_EQ(findings(VerifyHeader + "2,6,7,7,1,1,1,1,0:,0:,0:,0,(0|)\n", counts),
+    EXPECT_EQ(findings(VERIFY_HEADER + "2,6,7,7,1,1,1,1,0:,0:,0:,0,(0|)\n", counts),
               std::vector<std::string>{"problem 41 41 the record has product 6"});
-    EXPECT_EQ(findings(VerifyHeader + "2,5,7,8,1,1,1,1,0:,0:,0:,0,(0|)\n", counts),
+    EXPECT_EQ(findings(VERIFY_HEADER + "2,5,7,8,1,1,1,1,0:,0:,0:,0,(0|)\n", counts),
               std::vector<std::string>{"problem 41 41 the record has file originator 8"});
-    EXPECT_EQ(findings(VerifyHeader + "2,5,9,7,1,1,1,1,0:,0:,0:,0,(0|)\n", counts),
+    EXPECT_EQ(findings(VERIFY_HEADER + "2,5,9,7,1,1,1,1,0:,0:,0:,0,(0|)\n", counts),
               std::vector<std::string>{});
 }
 
 TEST(Verify, TimesThatGoBackAreNoted) {
     VerifyCounts counts;
     const std::string early = "2,5,7,7,1,1699999980000,42,43,0:,4:text,3:mgr,1,(0|)\n";
-    const auto found = findings(VerifyHeader + Good + early + early, counts);
+    const auto found = findings(VERIFY_HEADER + GOOD + early + early, counts);
     ASSERT_EQ(found.size(), 1u);
     EXPECT_EQ(found[0], "note 94 94 time goes back by 20s");
     EXPECT_EQ(counts.problems, 0u);
     // Less than the slack for several processes is in order.
     const std::string alittle = "2,5,7,7,1,1699999995000,42,43,0:,4:text,3:mgr,1,(0|)\n";
-    EXPECT_EQ(findings(VerifyHeader + Good + alittle, counts), std::vector<std::string>{});
+    EXPECT_EQ(findings(VERIFY_HEADER + GOOD + alittle, counts), std::vector<std::string>{});
 }
 
 TEST(Verify, WhatCannotBeReadIsNoFinding) {

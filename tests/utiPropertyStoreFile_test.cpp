@@ -63,7 +63,7 @@ std::string valueIn(const std::string &bytes, const std::string &root, const std
     return get(&store.handle, name);
 }
 
-enum class Op { SET, REMOVE, REMOVE_ROOT };
+enum class Op { SET, REMOVE, RemoveRoot };
 
 struct Case {
     const char *what;
@@ -161,16 +161,16 @@ const Case CASES[] = {
     {"empty root removes the bare name", "a=1\n.a=1\na.b=1\n", "", Op::REMOVE, "a", "", 0, ".a=1\na.b=1\n"},
     {"last line unfinished", "5.a=1\n5.b=1", "5", Op::REMOVE, "b", "", 0, "5.a=1\n"},
     // remove a section
-    {"section", "5.a=1\n6.a=1\n5.b=1\n", "", Op::REMOVE_ROOT, "5", "", 0, "6.a=1\n"},
-    {"the last section", "5.a=1\n", "", Op::REMOVE_ROOT, "5", "", 0, ""},
-    {"absent section", "5.a=1\n", "", Op::REMOVE_ROOT, "6", "", 8, "5.a=1\n"},
-    {"of an empty file", "", "", Op::REMOVE_ROOT, "6", "", 8, ""},
-    {"line without a dot stays", "5\n5=x\n5.a=1\n", "", Op::REMOVE_ROOT, "5", "", 0, "5\n5=x\n"},
-    {"the section ends at '.' only", "5=x.a\n5.a=1\n", "", Op::REMOVE_ROOT, "5", "", 0, "5=x.a\n"},
-    {"log set", "LOGSET.x.a=1\nLOGSET.y.a=1\nLOGSET.x.b=1\n", "", Op::REMOVE_ROOT, "LOGSET.x", "", 0, "LOGSET.y.a=1\n"},
-    {"all log sets at once is no section", "LOGSET.x.a=1\n", "", Op::REMOVE_ROOT, "LOGSET", "", 8, "LOGSET.x.a=1\n"},
-    {"dots before the section are skipped", ".5.a=1\n6.a=1\n", "", Op::REMOVE_ROOT, "5", "", 0, "6.a=1\n"},
-    {"comment with a dot stays", "# 5.a\n5.a=1\n", "", Op::REMOVE_ROOT, "5", "", 0, "# 5.a\n"},
+    {"section", "5.a=1\n6.a=1\n5.b=1\n", "", Op::RemoveRoot, "5", "", 0, "6.a=1\n"},
+    {"the last section", "5.a=1\n", "", Op::RemoveRoot, "5", "", 0, ""},
+    {"absent section", "5.a=1\n", "", Op::RemoveRoot, "6", "", 8, "5.a=1\n"},
+    {"of an empty file", "", "", Op::RemoveRoot, "6", "", 8, ""},
+    {"line without a dot stays", "5\n5=x\n5.a=1\n", "", Op::RemoveRoot, "5", "", 0, "5\n5=x\n"},
+    {"the section ends at '.' only", "5=x.a\n5.a=1\n", "", Op::RemoveRoot, "5", "", 0, "5=x.a\n"},
+    {"log set", "LOGSET.x.a=1\nLOGSET.y.a=1\nLOGSET.x.b=1\n", "", Op::RemoveRoot, "LOGSET.x", "", 0, "LOGSET.y.a=1\n"},
+    {"all log sets at once is no section", "LOGSET.x.a=1\n", "", Op::RemoveRoot, "LOGSET", "", 8, "LOGSET.x.a=1\n"},
+    {"dots before the section are skipped", ".5.a=1\n6.a=1\n", "", Op::RemoveRoot, "5", "", 0, "6.a=1\n"},
+    {"comment with a dot stays", "# 5.a\n5.a=1\n", "", Op::RemoveRoot, "5", "", 0, "# 5.a\n"},
     // lines of more than 499 characters are several lines
     {"cut line ends the run", "5.a=" + times('x', 600) + "\n6.a=1\n", "5", Op::SET, "b", "2", 0,
      "5.a=" + times('x', 495) + "5.b=2\n" + times('x', 105) + "\n6.a=1\n"},
@@ -1057,7 +1057,7 @@ void runSequence(unsigned seed) {
             break;
         case 1:
             expected = plain::removeSection(&model, root);
-            result = apply(&store.handle, Op::REMOVE_ROOT, root, "");
+            result = apply(&store.handle, Op::RemoveRoot, root, "");
             break;
         default:
             expected = plain::set(&model, root, name, value);

@@ -135,17 +135,17 @@ uint32_t withList(Call call, ...) {
 }
 
 enum Traits : uint32_t {
-    HasId = 1,         // takes a message id
-    HasWho = 2,        // takes a who, which must not be null
-    HasSubject = 4,    // takes subject and outcome
-    HasFlags = 8,      //
-    HasFormat = 16,    // takes a format, which must not be null
-    HasNumber = 32,    // takes a message number
-    NeedsNumber = 64,  // which must not be 0
-    HasBlock = 128,    // takes a block
-    HasText = 256,     // takes a ready text
-    NeedsText = 512,   // which must not be null
-    FilteredBy = 1024, // the level of its family decides
+    HAS_ID = 1,         // takes a message id
+    HAS_WHO = 2,        // takes a who, which must not be null
+    HAS_SUBJECT = 4,    // takes subject and outcome
+    HAS_FLAGS = 8,      //
+    HAS_FORMAT = 16,    // takes a format, which must not be null
+    HAS_NUMBER = 32,    // takes a message number
+    NEEDS_NUMBER = 64,  // which must not be 0
+    HAS_BLOCK = 128,    // takes a block
+    HAS_TEXT = 256,     // takes a ready text
+    NEEDS_TEXT = 512,   // which must not be null
+    FILTERED_BY = 1024, // the level of its family decides
 };
 
 struct Operation {
@@ -155,25 +155,25 @@ struct Operation {
     uint32_t (*call)(const Arguments &a);
 };
 
-const Operation operations[] = {
-    {"zoltLogAppMsg", 2, HasFlags | HasFormat | HasNumber,
+const Operation OPERATIONS[] = {
+    {"zoltLogAppMsg", 2, HAS_FLAGS | HAS_FORMAT | HAS_NUMBER,
      [](const Arguments &a) {
          return zoltLogAppMsg(a.handle, a.flags, a.grade, a.number, a.format, "files", 12);
      }},
-    {"zoltLogAppMsgEx", 2, HasFlags | HasFormat | HasNumber | HasWho,
+    {"zoltLogAppMsgEx", 2, HAS_FLAGS | HAS_FORMAT | HAS_NUMBER | HAS_WHO,
      [](const Arguments &a) {
          return zoltLogAppMsgEx(a.handle, a.flags, a.grade, a.who, a.number, a.format, "files", 12);
      }},
-    {"zoltLogAppMsg2", 2, HasId | HasFlags | HasFormat | HasNumber,
+    {"zoltLogAppMsg2", 2, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_NUMBER,
      [](const Arguments &a) {
          return zoltLogAppMsg2(a.handle, a.messageId, a.flags, a.grade, a.number, a.format, "files", 12);
      }},
-    {"zoltLogAppMsg2Ex", 2, HasId | HasFlags | HasFormat | HasNumber | HasWho,
+    {"zoltLogAppMsg2Ex", 2, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_NUMBER | HAS_WHO,
      [](const Arguments &a) {
          return zoltLogAppMsg2Ex(a.handle, a.messageId, a.flags, a.grade, a.who, a.number, a.format, "files",
                                  12);
      }},
-    {"zoltLogAppMsg2V", 2, HasId | HasFlags | HasFormat | HasNumber,
+    {"zoltLogAppMsg2V", 2, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_NUMBER,
      [](const Arguments &a) {
          return withList(
              [&](va_list list) {
@@ -181,7 +181,7 @@ const Operation operations[] = {
              },
              "files", 12);
      }},
-    {"zoltLogAppMsg2VEx", 2, HasId | HasFlags | HasFormat | HasNumber | HasWho,
+    {"zoltLogAppMsg2VEx", 2, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_NUMBER | HAS_WHO,
      [](const Arguments &a) {
          return withList(
              [&](va_list list) {
@@ -190,24 +190,24 @@ const Operation operations[] = {
              },
              "files", 12);
      }},
-    {"zoltLogAppMsg2L", 2, HasId | HasFlags | HasText | HasBlock,
+    {"zoltLogAppMsg2L", 2, HAS_ID | HAS_FLAGS | HAS_TEXT | HAS_BLOCK,
      [](const Arguments &a) {
          return zoltLogAppMsg2L(a.handle, a.messageId, a.flags, a.grade, a.text, a.block);
      }},
-    {"zoltLogAppMsg2LEx", 2, HasId | HasFlags | HasText | HasBlock | HasWho,
+    {"zoltLogAppMsg2LEx", 2, HAS_ID | HAS_FLAGS | HAS_TEXT | HAS_BLOCK | HAS_WHO,
      [](const Arguments &a) {
          return zoltLogAppMsg2LEx(a.handle, a.messageId, a.flags, a.grade, a.who, a.text, a.block);
      }},
-    {"zoltLogDiagMsg", 1, HasFlags | HasFormat | HasNumber | HasWho | FilteredBy,
+    {"zoltLogDiagMsg", 1, HAS_FLAGS | HAS_FORMAT | HAS_NUMBER | HAS_WHO | FILTERED_BY,
      [](const Arguments &a) {
          return zoltLogDiagMsg(a.handle, a.flags, a.grade, a.who, a.number, a.format, "files", 12);
      }},
-    {"zoltLogDiagMsg2", 1, HasId | HasFlags | HasFormat | HasNumber | HasWho | FilteredBy,
+    {"zoltLogDiagMsg2", 1, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_NUMBER | HAS_WHO | FILTERED_BY,
      [](const Arguments &a) {
          return zoltLogDiagMsg2(a.handle, a.messageId, a.flags, a.grade, a.who, a.number, a.format, "files",
                                 12);
      }},
-    {"zoltLogDiagMsg2V", 1, HasId | HasFlags | HasFormat | HasNumber | HasWho | FilteredBy,
+    {"zoltLogDiagMsg2V", 1, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_NUMBER | HAS_WHO | FILTERED_BY,
      [](const Arguments &a) {
          return withList(
              [&](va_list list) {
@@ -216,20 +216,20 @@ const Operation operations[] = {
              },
              "files", 12);
      }},
-    {"zoltLogDiagMsg2L", 1, HasId | HasFlags | HasText | HasBlock | HasWho | FilteredBy,
+    {"zoltLogDiagMsg2L", 1, HAS_ID | HAS_FLAGS | HAS_TEXT | HAS_BLOCK | HAS_WHO | FILTERED_BY,
      [](const Arguments &a) {
          return zoltLogDiagMsg2L(a.handle, a.messageId, a.flags, a.grade, a.who, a.text, a.block);
      }},
-    {"zoltLogAuditMsg", 4, HasFlags | HasFormat | HasNumber | NeedsNumber | HasSubject,
+    {"zoltLogAuditMsg", 4, HAS_FLAGS | HAS_FORMAT | HAS_NUMBER | NEEDS_NUMBER | HAS_SUBJECT,
      [](const Arguments &a) {
          return zoltLogAuditMsg(a.handle, a.flags, a.who, a.outcome, a.number, a.format, "files", 12);
      }},
-    {"zoltLogAuditMsg2", 4, HasId | HasFlags | HasFormat | HasNumber | NeedsNumber | HasSubject,
+    {"zoltLogAuditMsg2", 4, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_NUMBER | NEEDS_NUMBER | HAS_SUBJECT,
      [](const Arguments &a) {
          return zoltLogAuditMsg2(a.handle, a.messageId, a.flags, a.who, a.outcome, a.number, a.format,
                                  "files", 12);
      }},
-    {"zoltLogAuditMsg2V", 4, HasId | HasFlags | HasFormat | HasNumber | NeedsNumber | HasSubject,
+    {"zoltLogAuditMsg2V", 4, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_NUMBER | NEEDS_NUMBER | HAS_SUBJECT,
      [](const Arguments &a) {
          return withList(
              [&](va_list list) {
@@ -238,15 +238,15 @@ const Operation operations[] = {
              },
              "files", 12);
      }},
-    {"zoltLogAuditMsg2L", 4, HasId | HasFlags | HasBlock | HasSubject,
+    {"zoltLogAuditMsg2L", 4, HAS_ID | HAS_FLAGS | HAS_BLOCK | HAS_SUBJECT,
      [](const Arguments &a) {
          return zoltLogAuditMsg2L(a.handle, a.messageId, a.flags, a.who, a.outcome, a.block);
      }},
-    {"zoltLogSecureAuditMsg", 5, HasFormat | HasNumber | NeedsNumber | HasSubject | FilteredBy,
+    {"zoltLogSecureAuditMsg", 5, HAS_FORMAT | HAS_NUMBER | NEEDS_NUMBER | HAS_SUBJECT | FILTERED_BY,
      [](const Arguments &a) {
          return zoltLogSecureAuditMsg(a.handle, a.grade, a.who, a.outcome, a.number, a.format, "files", 12);
      }},
-    {"zoltLogSecureAuditMsgV", 5, HasFormat | HasNumber | NeedsNumber | HasSubject | FilteredBy,
+    {"zoltLogSecureAuditMsgV", 5, HAS_FORMAT | HAS_NUMBER | NEEDS_NUMBER | HAS_SUBJECT | FILTERED_BY,
      [](const Arguments &a) {
          return withList(
              [&](va_list list) {
@@ -254,17 +254,17 @@ const Operation operations[] = {
              },
              "files", 12);
      }},
-    {"zoltLogSecureAuditMsgL", 5, HasBlock | HasSubject | FilteredBy,
+    {"zoltLogSecureAuditMsgL", 5, HAS_BLOCK | HAS_SUBJECT | FILTERED_BY,
      [](const Arguments &a) { return zoltLogSecureAuditMsgL(a.handle, a.grade, a.who, a.outcome, a.block); }},
-    {"zoltLogDebugMsg", 0, HasFlags | HasFormat | HasWho | FilteredBy,
+    {"zoltLogDebugMsg", 0, HAS_FLAGS | HAS_FORMAT | HAS_WHO | FILTERED_BY,
      [](const Arguments &a) {
          return zoltLogDebugMsg(a.handle, a.flags, a.grade, a.who, a.format, "files", 12);
      }},
-    {"zoltLogDebugMsg2", 0, HasId | HasFlags | HasFormat | HasWho | FilteredBy,
+    {"zoltLogDebugMsg2", 0, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_WHO | FILTERED_BY,
      [](const Arguments &a) {
          return zoltLogDebugMsg2(a.handle, a.messageId, a.flags, a.grade, a.who, a.format, "files", 12);
      }},
-    {"zoltLogDebugMsg2V", 0, HasId | HasFlags | HasFormat | HasWho | FilteredBy,
+    {"zoltLogDebugMsg2V", 0, HAS_ID | HAS_FLAGS | HAS_FORMAT | HAS_WHO | FILTERED_BY,
      [](const Arguments &a) {
          return withList(
              [&](va_list list) {
@@ -272,7 +272,7 @@ const Operation operations[] = {
              },
              "files", 12);
      }},
-    {"zoltLogFormattedDebugMsg", 0, HasFlags | HasText | NeedsText | HasWho,
+    {"zoltLogFormattedDebugMsg", 0, HAS_FLAGS | HAS_TEXT | NEEDS_TEXT | HAS_WHO,
      [](const Arguments &a) { return zoltLogFormattedDebugMsg(a.handle, a.flags, a.grade, a.who, a.text); }},
 };
 
@@ -304,12 +304,12 @@ struct WriteMessages : testing::Test {
     Arguments good(const Operation &operation) {
         Arguments a;
         a.handle = operation.type == ZOLTLOG_MSG_SECURE_AUDIT ? &secure : &handle;
-        if ((operation.traits & NeedsNumber) != 0)
+        if ((operation.traits & NEEDS_NUMBER) != 0)
             a.number = 42;
-        if ((operation.traits & HasBlock) != 0) {
+        if ((operation.traits & HAS_BLOCK) != 0) {
             block = blockOf("block %s %d", "files", 12);
             a.block = &block;
-            if ((operation.traits & HasText) != 0)
+            if ((operation.traits & HAS_TEXT) != 0)
                 a.text = nullptr; // so that the block gives the wording
         }
         return a;
@@ -335,7 +335,7 @@ struct WriteMessages : testing::Test {
         return count;
     }
     void expectBlockConsumed(const Operation &operation) {
-        if ((operation.traits & HasBlock) != 0) {
+        if ((operation.traits & HAS_BLOCK) != 0) {
             EXPECT_TRUE(lis::isEmpty(block)) << operation.name;
         }
         EXPECT_EQ(0, lis::open) << operation.name;
@@ -350,7 +350,7 @@ struct WriteMessages : testing::Test {
 // ---- every operation -----------------------------------------------------------------
 
 TEST_F(WriteMessages, EveryOperationWritesItsRecord) {
-    for (const Operation &operation : operations) {
+    for (const Operation &operation : OPERATIONS) {
         SCOPED_TRACE(operation.name);
         const Arguments a = good(operation);
         const uint64_t before = sequence(a.handle);
@@ -360,10 +360,10 @@ TEST_F(WriteMessages, EveryOperationWritesItsRecord) {
         expectLockFree();
         ASSERT_EQ(1u, fresh());
 
-        const char *wording = (operation.traits & HasBlock) != 0      ? "block files 12"
-                              : (operation.traits & NeedsNumber) != 0 ? "message 42: files 12"
-                              : (operation.traits & HasText) != 0     ? "ready text"
-                                                                      : "files 12";
+        const char *wording = (operation.traits & HAS_BLOCK) != 0      ? "block files 12"
+                              : (operation.traits & NEEDS_NUMBER) != 0 ? "message 42: files 12"
+                              : (operation.traits & HAS_TEXT) != 0     ? "ready text"
+                                                                       : "files 12";
         if (operation.type == ZOLTLOG_MSG_SECURE_AUDIT) {
             EXPECT_EQ(2, sinks::sent.back().priority);
             EXPECT_EQ(wording, sinks::sent.back().text);
@@ -375,19 +375,19 @@ TEST_F(WriteMessages, EveryOperationWritesItsRecord) {
         EXPECT_EQ(5u, record.productId);
         EXPECT_EQ(7u, record.originatorId);
         EXPECT_EQ(7u, record.fileOriginatorId);
-        EXPECT_EQ((operation.traits & HasId) != 0 ? 4711 : before, record.messageId);
+        EXPECT_EQ((operation.traits & HAS_ID) != 0 ? 4711 : before, record.messageId);
         EXPECT_EQ(static_cast<uint64_t>(getpid()), record.processId);
         EXPECT_EQ("", record.token);
         EXPECT_EQ(wording, record.text);
-        EXPECT_EQ((operation.traits & (HasWho | HasSubject)) != 0 ? "mgr" : "", record.who);
+        EXPECT_EQ((operation.traits & (HAS_WHO | HAS_SUBJECT)) != 0 ? "mgr" : "", record.who);
         const char *const rests[] = {"1", "1,(0|)", "1,(0|)", "", "3,(0|)"};
         EXPECT_EQ(rests[operation.type], record.rest);
     }
 }
 
 TEST_F(WriteMessages, Flag16KeepsTheSequenceNumberAsMessageId) {
-    for (const Operation &operation : operations) {
-        if ((operation.traits & HasId) == 0)
+    for (const Operation &operation : OPERATIONS) {
+        if ((operation.traits & HAS_ID) == 0)
             continue;
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
@@ -410,38 +410,38 @@ TEST_F(WriteMessages, NullArgumentsAreRefusedAndTheBlockConsumed) {
         EXPECT_EQ(3u, operation.call(a));
         if (a.block != nullptr)
             expectBlockConsumed(operation);
-        else if ((operation.traits & HasBlock) != 0)
+        else if ((operation.traits & HAS_BLOCK) != 0)
             zoltLisFree(&block); // it was not handed over
         EXPECT_EQ(before, sequence(target));
         EXPECT_EQ(0u, fresh());
         EXPECT_EQ(lookups, lis::lookups);
         expectLockFree();
     };
-    for (const Operation &operation : operations) {
+    for (const Operation &operation : OPERATIONS) {
         refuse(operation, "handle", [](Arguments &a) { a.handle = nullptr; });
-        if ((operation.traits & HasWho) != 0)
+        if ((operation.traits & HAS_WHO) != 0)
             refuse(operation, "who", [](Arguments &a) { a.who = nullptr; });
-        if ((operation.traits & HasFormat) != 0)
+        if ((operation.traits & HAS_FORMAT) != 0)
             refuse(operation, "format", [](Arguments &a) { a.format = nullptr; });
-        if ((operation.traits & HasBlock) != 0)
+        if ((operation.traits & HAS_BLOCK) != 0)
             refuse(operation, "block", [](Arguments &a) { a.block = nullptr; });
-        if ((operation.traits & NeedsText) != 0)
+        if ((operation.traits & NEEDS_TEXT) != 0)
             refuse(operation, "text", [](Arguments &a) { a.text = nullptr; });
-        if ((operation.traits & NeedsNumber) != 0)
+        if ((operation.traits & NEEDS_NUMBER) != 0)
             refuse(operation, "number", [](Arguments &a) { a.number = 0; });
     }
 }
 
 TEST_F(WriteMessages, NullChecksComeBeforeTheFilter) {
-    for (const Operation &operation : operations) {
-        if ((operation.traits & FilteredBy) == 0)
+    for (const Operation &operation : OPERATIONS) {
+        if ((operation.traits & FILTERED_BY) == 0)
             continue;
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
         a.grade = 5;
-        if ((operation.traits & HasWho) != 0)
+        if ((operation.traits & HAS_WHO) != 0)
             a.who = nullptr;
-        else if ((operation.traits & HasFormat) != 0)
+        else if ((operation.traits & HAS_FORMAT) != 0)
             a.format = nullptr;
         else
             a.handle = nullptr;
@@ -451,8 +451,8 @@ TEST_F(WriteMessages, NullChecksComeBeforeTheFilter) {
 }
 
 TEST_F(WriteMessages, AFilteredMessageDoesNothingButConsumeItsBlock) {
-    for (const Operation &operation : operations) {
-        if ((operation.traits & FilteredBy) == 0)
+    for (const Operation &operation : OPERATIONS) {
+        if ((operation.traits & FILTERED_BY) == 0)
             continue;
         SCOPED_TRACE(operation.name);
         for (const uint32_t level : {4u, 5u, 6u, 7u, 4294967295u}) {
@@ -503,18 +503,18 @@ TEST_F(WriteMessages, TheRecordIsMadeUnderTheTagOfItsFamily) {
     const char *const families[] = {"zoltLogDebugMsg2V()", "zoltLogDiagMsg2L()",
                                     "zoltLogAppMsg2LEx()", nullptr,
                                     "zoltLogAuditMsg2L()", "zoltLogSecureAuditMsgL()"};
-    for (const Operation &operation : operations) {
+    for (const Operation &operation : OPERATIONS) {
         SCOPED_TRACE(operation.name);
         const Arguments a = good(operation);
         tagOfTheRecord.clear();
         EXPECT_EQ(0u, operation.call(a));
-        const bool formatted = (operation.traits & NeedsText) != 0;
+        const bool formatted = (operation.traits & NEEDS_TEXT) != 0;
         EXPECT_EQ(formatted ? "zoltLogFormattedDebugMsg()" : families[operation.type], tagOfTheRecord);
     }
 }
 
 TEST_F(WriteMessages, OnlyMessagesWithAFormatAndALevelLookForAChangedConfiguration) {
-    for (const Operation &operation : operations) {
+    for (const Operation &operation : OPERATIONS) {
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
         a.handle = &handle;
@@ -523,7 +523,7 @@ TEST_F(WriteMessages, OnlyMessagesWithAFormatAndALevelLookForAChangedConfigurati
         handle.lastReloadCheck = 0;
         handle.cfgTimestamp = 1;
         const bool reloads =
-            (operation.traits & (FilteredBy | HasFormat | HasWho)) == (FilteredBy | HasFormat | HasWho);
+            (operation.traits & (FILTERED_BY | HAS_FORMAT | HAS_WHO)) == (FILTERED_BY | HAS_FORMAT | HAS_WHO);
         operation.call(a);
         EXPECT_EQ(reloads ? 3u : 0u, handle.diagLevel);
         EXPECT_EQ(reloads ? 3u : 0u, handle.debugLevel);
@@ -558,7 +558,7 @@ TEST_F(WriteMessages, FormattedDebugIsNeverFiltered) {
 TEST_F(WriteMessages, LevelsOutside1To6FailAfterTakingASequenceNumber) {
     ASSERT_EQ(0u, zoltLogSetDebugLevel(&handle, 9));
     ASSERT_EQ(0u, zoltLogSetDiagLevel(&handle, 9));
-    for (const Operation &operation : operations) {
+    for (const Operation &operation : OPERATIONS) {
         if (operation.type != ZOLTLOG_MSG_DEBUG && operation.type != ZOLTLOG_MSG_DIAG)
             continue;
         SCOPED_TRACE(operation.name);
@@ -576,7 +576,7 @@ TEST_F(WriteMessages, LevelsOutside1To6FailAfterTakingASequenceNumber) {
 }
 
 TEST_F(WriteMessages, ASeverityAbove4CannotBeWritten) {
-    for (const Operation &operation : operations) {
+    for (const Operation &operation : OPERATIONS) {
         if (operation.type != ZOLTLOG_MSG_APP)
             continue;
         SCOPED_TRACE(operation.name);
@@ -597,8 +597,8 @@ TEST_F(WriteMessages, ASeverityAbove4CannotBeWritten) {
 TEST_F(WriteMessages, AMessageNumberIsLookedUpInTheCatalogue) {
     handle.utf8 = 1;
     secure.utf8 = 1;
-    for (const Operation &operation : operations) {
-        if ((operation.traits & HasNumber) == 0)
+    for (const Operation &operation : OPERATIONS) {
+        if ((operation.traits & HAS_NUMBER) == 0)
             continue;
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
@@ -618,8 +618,8 @@ TEST_F(WriteMessages, AMessageNumberIsLookedUpInTheCatalogue) {
 }
 
 TEST_F(WriteMessages, WithFlag8TheLocallyFormattedTextIsTheText) {
-    for (const Operation &operation : operations) {
-        if ((operation.traits & HasNumber) == 0 || (operation.traits & HasFlags) == 0)
+    for (const Operation &operation : OPERATIONS) {
+        if ((operation.traits & HAS_NUMBER) == 0 || (operation.traits & HAS_FLAGS) == 0)
             continue;
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
@@ -634,8 +634,8 @@ TEST_F(WriteMessages, WithFlag8TheLocallyFormattedTextIsTheText) {
 }
 
 TEST_F(WriteMessages, AReadyTextBesideABlockIsTheText) {
-    for (const Operation &operation : operations) {
-        if ((operation.traits & HasBlock) == 0 || (operation.traits & HasText) == 0)
+    for (const Operation &operation : OPERATIONS) {
+        if ((operation.traits & HAS_BLOCK) == 0 || (operation.traits & HAS_TEXT) == 0)
             continue;
         SCOPED_TRACE(operation.name);
         for (const uint32_t flags : {0u, 8u}) {
@@ -653,8 +653,8 @@ TEST_F(WriteMessages, AReadyTextBesideABlockIsTheText) {
 TEST_F(WriteMessages, TextsThatLieInTheBlockAreReadBeforeItGoes) {
     for (const size_t length : {size_t{20}, size_t{3000}, size_t{200000}}) {
         const std::string words(length, 'w');
-        for (const Operation &operation : operations) {
-            if ((operation.traits & HasBlock) == 0 || operation.type == ZOLTLOG_MSG_SECURE_AUDIT)
+        for (const Operation &operation : OPERATIONS) {
+            if ((operation.traits & HAS_BLOCK) == 0 || operation.type == ZOLTLOG_MSG_SECURE_AUDIT)
                 continue;
             SCOPED_TRACE(testing::Message() << operation.name << " " << length);
             Arguments a = good(operation);
@@ -669,7 +669,7 @@ TEST_F(WriteMessages, TextsThatLieInTheBlockAreReadBeforeItGoes) {
             EXPECT_EQ(0u, operation.call(a));
             ASSERT_EQ(1u, fresh());
             EXPECT_TRUE(words == logs::records().back().text);
-            if ((operation.traits & (HasWho | HasSubject)) != 0) {
+            if ((operation.traits & (HAS_WHO | HAS_SUBJECT)) != 0) {
                 EXPECT_TRUE(words == logs::records().back().who);
             }
             expectBlockConsumed(operation);
@@ -681,8 +681,8 @@ TEST_F(WriteMessages, TextsThatLieInTheBlockAreReadBeforeItGoes) {
 // the caller's constant.
 TEST_F(WriteMessages, TheFormatterMayChangeTheText) {
     sinks::formatter = sinks::testFormatter("trimming");
-    for (const Operation &operation : operations) {
-        if ((operation.traits & HasFlags) == 0 || operation.type == ZOLTLOG_MSG_AUDIT)
+    for (const Operation &operation : OPERATIONS) {
+        if ((operation.traits & HAS_FLAGS) == 0 || operation.type == ZOLTLOG_MSG_AUDIT)
             continue;
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
@@ -690,7 +690,7 @@ TEST_F(WriteMessages, TheFormatterMayChangeTheText) {
         a.text = "12 files \n\n";
         a.flags = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_OSLOG;
         const std::string printed = support::captured(1, [&] { EXPECT_EQ(0u, operation.call(a)); });
-        EXPECT_EQ((operation.traits & HasFormat) != 0 ? "files 12 files\n" : "12 files\n", printed);
+        EXPECT_EQ((operation.traits & HAS_FORMAT) != 0 ? "files 12 files\n" : "12 files\n", printed);
         EXPECT_EQ("files \r\r", logs::records().back().text.substr(logs::records().back().text.size() - 8));
         EXPECT_EQ(0, lis::open);
     }
@@ -702,13 +702,13 @@ TEST_F(WriteMessages, ATextThatChangesMeanwhileStaysOneRecord) {
     ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "work"));
     char text[] = "0123456789 0123456789 0123456789";
     char who[] = "manager";
-    for (const Operation &operation : operations) {
+    for (const Operation &operation : OPERATIONS) {
         if (operation.type == ZOLTLOG_MSG_SECURE_AUDIT)
             continue;
         for (const char changed : {'\n', '\0', '\xff'}) {
             SCOPED_TRACE(testing::Message() << operation.name << " " << static_cast<int>(changed));
             Arguments a = good(operation);
-            if ((operation.traits & HasText) != 0)
+            if ((operation.traits & HAS_TEXT) != 0)
                 a.text = text;
             a.who = who;
             a.handle = &context;
@@ -727,8 +727,8 @@ TEST_F(WriteMessages, ATextThatChangesMeanwhileStaysOneRecord) {
 }
 
 TEST_F(WriteMessages, Flag8WithoutATextIsRefused) {
-    for (const Operation &operation : operations) {
-        if ((operation.traits & HasBlock) == 0 || (operation.traits & HasText) == 0)
+    for (const Operation &operation : OPERATIONS) {
+        if ((operation.traits & HAS_BLOCK) == 0 || (operation.traits & HAS_TEXT) == 0)
             continue;
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
@@ -741,8 +741,8 @@ TEST_F(WriteMessages, Flag8WithoutATextIsRefused) {
 }
 
 TEST_F(WriteMessages, ABlockThatIsEmptyMakesAMessageWithoutText) {
-    for (const Operation &operation : operations) {
-        if ((operation.traits & HasBlock) == 0)
+    for (const Operation &operation : OPERATIONS) {
+        if ((operation.traits & HAS_BLOCK) == 0)
             continue;
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
@@ -763,8 +763,8 @@ TEST_F(WriteMessages, AFailedLookupIsTheResultAndNothingIsSent) {
     } rows[] = {{-2, 3}, {-3, 4}, {-4, 2}, {-1, 10}, {-5, 10}, {1, 10}};
     for (const auto &row : rows) {
         EXPECT_EQ(row.result, zoltLogMapLisResToLoggingRes(row.lisResult));
-        for (const Operation &operation : operations) {
-            if ((operation.traits & HasNumber) == 0)
+        for (const Operation &operation : OPERATIONS) {
+            if ((operation.traits & HAS_NUMBER) == 0)
                 continue;
             SCOPED_TRACE(testing::Message() << operation.name << " " << row.lisResult);
             for (const uint32_t flags : {0u, 8u}) {
@@ -844,12 +844,12 @@ TEST_F(WriteMessages, ATextThatCannotBeFormattedLeavesTheMessageWithoutText) {
 TEST_F(WriteMessages, AContextHandleWithoutAContextMessageCannotLog) {
     handle.noContext = 0; // its context message is not one
     secure.noContext = 0;
-    for (const Operation &operation : operations) {
+    for (const Operation &operation : OPERATIONS) {
         SCOPED_TRACE(operation.name);
         const Arguments a = good(operation);
         EXPECT_EQ(3u, operation.call(a));
         expectLockFree();
-        if (operation.type == ZOLTLOG_MSG_SECURE_AUDIT && (operation.traits & HasBlock) != 0)
+        if (operation.type == ZOLTLOG_MSG_SECURE_AUDIT && (operation.traits & HAS_BLOCK) != 0)
             zoltLisFree(&block); // see the next test
         expectBlockConsumed(operation);
         EXPECT_EQ(0u, fresh());
@@ -873,7 +873,7 @@ TEST_F(WriteMessages, ASecureAuditBlockStaysWithTheCallerWhenInitialisationFails
 
 TEST_F(WriteMessages, SecureAuditMessagesDoNotGoThroughFileHandles) {
     handle.secureAuditLevel = 3;
-    for (const Operation &operation : operations) {
+    for (const Operation &operation : OPERATIONS) {
         if (operation.type != ZOLTLOG_MSG_SECURE_AUDIT)
             continue;
         SCOPED_TRACE(operation.name);

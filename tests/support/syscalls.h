@@ -130,7 +130,7 @@ namespace libc {
 inline Call<int(const char *, int, mode_t), int(const char *, int, ...)> open("open");
 inline Call<int(int, const char *, int, mode_t), int(int, const char *, int, ...)> openat("openat");
 inline Call<int(int, int, void *), int(int, int, ...)> fcntl("fcntl");
-[[maybe_unused]] inline const bool openUnhooked = support::eachCase([] {
+[[maybe_unused]] inline const bool OPEN_UNHOOKED = support::eachCase([] {
     open.unhook();
     openat.unhook();
     fcntl.unhook();

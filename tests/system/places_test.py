@@ -51,7 +51,7 @@ TRIALS = {
         Place("include/zoltlog.h", "X(ZOLTLOG_ATTR_HOST_NAME, ", "    X(ZOLTLOG_ATTR_TRIAL, 277, CHANGE, CHANGE) \\\n"),
     ],
     "a viewer field": [
-        Place("tools/common/fields.cpp", "const FieldRow fieldTable[] = {",
+        Place("tools/common/fields.cpp", "const FieldRow FIELD_TABLE[] = {",
               '    {"trial", FieldType::Number, FieldRole::Plain,\n'
               '     [](const Item &item) { return numberOf(item.record.text.size()); }, "bytes of the text"},\n'),
     ],

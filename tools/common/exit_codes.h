@@ -4,11 +4,11 @@
 namespace tools {
 
 enum ExitCode : int {
-    ExitOk = 0,         // something was printed, or all is right
-    ExitNothing = 1,    // nothing matched, or a verification found problems
-    ExitUsage = 2,      // wrong usage
-    ExitUnreadable = 3, // a file or the configuration could not be read
-    ExitPartial = 4,    // the output is there, but only in part
+    EXIT_OK = 0,         // something was printed, or all is right
+    EXIT_NOTHING = 1,    // nothing matched, or a verification found problems
+    EXIT_USAGE = 2,      // wrong usage
+    EXIT_UNREADABLE = 3, // a file or the configuration could not be read
+    EXIT_PARTIAL = 4,    // the output is there, but only in part
 };
 
 } // namespace tools

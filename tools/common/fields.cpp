@@ -13,14 +13,14 @@ struct NameRow {
     const char *name;
 };
 
-constexpr NameRow kinds[] = {{ZOLTLOG_MSG_DEBUG, "debug"},
+constexpr NameRow KINDS[] = {{ZOLTLOG_MSG_DEBUG, "debug"},
                              {ZOLTLOG_MSG_DIAG, "diagnostic"},
                              {ZOLTLOG_MSG_APP, "application"},
                              {ZOLTLOG_MSG_CONTEXT, "context"},
                              {ZOLTLOG_MSG_AUDIT, "audit"}};
 
 // The first name of a value is the one that is shown.
-constexpr NameRow severities[] = {
+constexpr NameRow SEVERITIES[] = {
     {ZOLTLOG_SEVERITY_INFO, "info"},           {ZOLTLOG_SEVERITY_WARNING, "warning"},
     {ZOLTLOG_SEVERITY_ERROR, "error"},         {ZOLTLOG_SEVERITY_CRITICAL, "critical"},
     {ZOLTLOG_SEVERITY_EMERGENCY, "emergency"}, {ZOLTLOG_SEVERITY_INFO, "notice"},
@@ -39,7 +39,7 @@ bool parseSmallNumber(std::string_view text, int32_t limit, int32_t &value) {
 } // namespace
 
 const char *kindName(uint32_t type) {
-    for (const NameRow &row : kinds) {
+    for (const NameRow &row : KINDS) {
         if (static_cast<uint32_t>(row.value) == type)
             return row.name;
     }
@@ -47,19 +47,19 @@ const char *kindName(uint32_t type) {
 }
 
 bool parseKind(std::string_view text, uint32_t &type) {
-    constexpr size_t shortest = 3;
+    constexpr size_t SHORTEST = 3;
     int32_t number = 0;
     if (parseSmallNumber(text, ZOLTLOG_MSG_AUDIT, number)) {
         type = static_cast<uint32_t>(number);
         return true;
     }
     if (text == "unknown") {
-        type = TypeUnknown;
+        type = TYPE_UNKNOWN;
         return true;
     }
-    for (const NameRow &row : kinds) {
+    for (const NameRow &row : KINDS) {
         const std::string_view name = row.name;
-        if (text.size() >= shortest && name.substr(0, text.size()) == text) {
+        if (text.size() >= SHORTEST && name.substr(0, text.size()) == text) {
             type = static_cast<uint32_t>(row.value);
             return true;
         }
@@ -68,7 +68,7 @@ bool parseKind(std::string_view text, uint32_t &type) {
 }
 
 const char *severityName(int32_t severity) {
-    for (const NameRow &row : severities) {
+    for (const NameRow &row : SEVERITIES) {
         if (row.value == severity)
             return row.name;
     }
@@ -78,7 +78,7 @@ const char *severityName(int32_t severity) {
 bool parseSeverity(std::string_view text, int32_t &severity) {
     if (parseSmallNumber(text, ZOLTLOG_SEVERITY_EMERGENCY, severity))
         return true;
-    for (const NameRow &row : severities) {
+    for (const NameRow &row : SEVERITIES) {
         if (text == row.name) {
             severity = row.value;
             return true;
@@ -92,7 +92,7 @@ bool parseSeverity(std::string_view text, int32_t &severity) {
 namespace {
 
 // The first row of a word is the one that is shown; what is found by name is found here.
-constexpr NameRow ranks[] = {
+constexpr NameRow RANKS[] = {
     {RANK_DEBUG, "debug"},  {RANK_DIAGNOSTIC, "diagnostic"}, {RANK_INFO, "info"},
     {RANK_INFO, "context"}, {RANK_AUDIT, "audit"},           {RANK_WARNING, "warning"},
     {RANK_ERROR, "error"},  {RANK_CRITICAL, "critical"},     {RANK_EMERGENCY, "emergency"},
@@ -101,18 +101,18 @@ constexpr size_t INFO_ROW = 2;
 
 // The row of a severity as writers give it.
 const NameRow &rankOfSeverity(int32_t severity) {
-    constexpr size_t firstWorse = 5; // warning
-    return ranks[severity == 0 ? INFO_ROW : firstWorse + static_cast<size_t>(severity) - 1];
+    constexpr size_t FIRST_WORSE = 5; // warning
+    return RANKS[severity == 0 ? INFO_ROW : FIRST_WORSE + static_cast<size_t>(severity) - 1];
 }
 
 } // namespace
 
 bool rankOf(const Record &record, int32_t &rank, const char *&name) {
-    if (record.type == TypeUnknown)
+    if (record.type == TYPE_UNKNOWN)
         return false;
-    constexpr size_t rowOfKind[] = {0, 1, INFO_ROW, 3, 4};
+    constexpr size_t ROW_OF_KIND[] = {0, 1, INFO_ROW, 3, 4};
     const NameRow &row =
-        record.type == ZOLTLOG_MSG_APP ? rankOfSeverity(record.number) : ranks[rowOfKind[record.type]];
+        record.type == ZOLTLOG_MSG_APP ? rankOfSeverity(record.number) : RANKS[ROW_OF_KIND[record.type]];
     rank = row.value;
     name = row.name;
     return true;
@@ -126,7 +126,7 @@ bool parseRank(std::string_view text, int32_t &rank, const char *&name) {
     int32_t number = 0;
     const bool isNumber = parseSmallNumber(text, RANK_EMERGENCY, number);
     uint32_t kind = 0;
-    for (const NameRow &row : ranks) {
+    for (const NameRow &row : RANKS) {
         const bool named = row.name == text || (!isNumber && parseKind(text, kind) &&
                                                 row.name == std::string_view(kindName(kind)));
         if (found == nullptr && (named || (isNumber && row.value == number)))
@@ -141,7 +141,7 @@ bool parseRank(std::string_view text, int32_t &rank, const char *&name) {
 
 std::vector<const char *> rankNames() {
     std::vector<const char *> names;
-    for (const NameRow &row : ranks)
+    for (const NameRow &row : RANKS)
         names.push_back(row.name);
     return names;
 }
@@ -172,7 +172,7 @@ FieldValue textOf(std::string_view text, bool present = true) {
 }
 
 bool hasWho(const Record &record) {
-    return record.type <= ZOLTLOG_MSG_APP || (record.type == TypeUnknown && !record.who.empty());
+    return record.type <= ZOLTLOG_MSG_APP || (record.type == TYPE_UNKNOWN && !record.who.empty());
 }
 
 FieldValue severity(const Item &item) {
@@ -213,12 +213,12 @@ FieldValue timeStamp(const Item &item) {
     return signedOf(item.record.time, item.record.hasPrefix());
 }
 
-const FieldRow fieldTable[] = {
+const FieldRow FIELD_TABLE[] = {
     {"ts", FieldType::Signed, FieldRole::TimeStamp, timeStamp,
      "time stamp, milliseconds since 1970-01-01 UTC"},
     {"time", FieldType::Time, FieldRole::TimeStamp, timeStamp, "time stamp as a time"},
     {"type", FieldType::Number, FieldRole::Type,
-     [](const Item &item) { return numberOf(item.record.type, item.record.type != TypeUnknown); },
+     [](const Item &item) { return numberOf(item.record.type, item.record.type != TYPE_UNKNOWN); },
      "message type: 0 debug to 4 audit"},
     {"kind", FieldType::Text, FieldRole::Kind,
      [](const Item &item) { return textOf(kindName(item.record.type)); },
@@ -296,11 +296,11 @@ const FieldRow fieldTable[] = {
 } // namespace
 
 FieldList allFields() {
-    return {std::begin(fieldTable), std::end(fieldTable)};
+    return {std::begin(FIELD_TABLE), std::end(FIELD_TABLE)};
 }
 
 Field findField(std::string_view name) {
-    for (const FieldRow &row : fieldTable) {
+    for (const FieldRow &row : FIELD_TABLE) {
         if (name == row.name || (row.alias != nullptr && name == row.alias))
             return &row;
     }

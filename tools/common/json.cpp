@@ -41,14 +41,14 @@ struct ByteKinds {
                                                                        : ByteKind::Plain;
     }
 };
-constexpr ByteKinds byteKinds;
+constexpr ByteKinds BYTE_KINDS;
 
 // A character of 16 bits as \u202E.
 void appendUnit(std::string &out, char32_t value) {
-    constexpr char digits[] = "0123456789ABCDEF";
+    constexpr char DIGITS[] = "0123456789ABCDEF";
     out += "\\u";
     for (int shift = 12; shift >= 0; shift -= 4)
-        out += digits[(value >> shift) & 15];
+        out += DIGITS[(value >> shift) & 15];
 }
 
 void appendEscapedByte(std::string &out, unsigned char byte) {
@@ -82,7 +82,7 @@ bool appendJsonText(std::string &out, std::string_view text) {
     out += '"';
     while (at < text.size()) {
         const auto byte = static_cast<unsigned char>(text[at]);
-        const ByteKind kind = byteKinds.kind[byte];
+        const ByteKind kind = BYTE_KINDS.kind[byte];
         if (kind == ByteKind::Plain) {
             ++at;
             continue;
@@ -113,12 +113,12 @@ bool appendJsonText(std::string &out, std::string_view text) {
 }
 
 std::string hexText(std::string_view bytes) {
-    constexpr char digits[] = "0123456789abcdef";
+    constexpr char DIGITS[] = "0123456789abcdef";
     std::string out;
     for (const char c : bytes) {
         const auto byte = static_cast<unsigned char>(c);
-        out += digits[byte >> 4];
-        out += digits[byte & 15];
+        out += DIGITS[byte >> 4];
+        out += DIGITS[byte & 15];
     }
     return out;
 }

@@ -26,18 +26,18 @@ bool takeColor(CommonOptions &options, const char *value, std::string &error) {
     return false;
 }
 
-const Option commonRows[] = {
-    {"--json", TakesJson, nullptr, "write JSON", set<&CommonOptions::json>, "Common"},
-    {"--color", TakesPages, "WHEN", "auto, always, never", set<takeColor>},
-    {"--no-pager", TakesPages, nullptr, "do not pass the output through a pager",
+const Option COMMON_ROWS[] = {
+    {"--json", TAKES_JSON, nullptr, "write JSON", set<&CommonOptions::json>, "Common"},
+    {"--color", TAKES_PAGES, "WHEN", "auto, always, never", set<takeColor>},
+    {"--no-pager", TAKES_PAGES, nullptr, "do not pass the output through a pager",
      set<&CommonOptions::noPager>},
-    {"-q,--quiet", TakesQuiet, nullptr, "only what was asked for, no notes", set<&CommonOptions::quiet>},
-    {"--config", TakesConfig, "FILE",
+    {"-q,--quiet", TAKES_QUIET, nullptr, "only what was asked for, no notes", set<&CommonOptions::quiet>},
+    {"--config", TAKES_CONFIG, "FILE",
      "main configuration file (default: ZOLTLOG_CFG_LOC,\nelse /etc/qd/zoltlog.conf)",
      set<&CommonOptions::config>},
-    {"--complete", TakesCompletion, "WHAT", "what a shell can complete", set<&CommonOptions::complete>},
-    {"-V,--version", TakesEvery, nullptr, "show the version", set<&CommonOptions::version>},
-    {"-h,--help", TakesEvery, nullptr, "show this help, or that of a command", set<&CommonOptions::help>},
+    {"--complete", TAKES_COMPLETION, "WHAT", "what a shell can complete", set<&CommonOptions::complete>},
+    {"-V,--version", TAKES_EVERY, nullptr, "show the version", set<&CommonOptions::version>},
+    {"-h,--help", TAKES_EVERY, nullptr, "show this help, or that of a command", set<&CommonOptions::help>},
 };
 
 // ---- names ---------------------------------------------------------------------------
@@ -67,7 +67,7 @@ Rows rowsOfTool(const Tool &tool) {
     for (const Command *command : tool.commands)
         taken |= command->takes;
     Rows rows = tool.options;
-    for (const Option &row : commonRows) {
+    for (const Option &row : COMMON_ROWS) {
         if ((row.of & taken) != 0)
             rows.push_back(&row);
     }
@@ -310,7 +310,7 @@ bool checkCommand(const Rows &rows, const Rows &given, const CommonOptions &opti
 // ---- help ----------------------------------------------------------------------------
 
 void appendRow(std::string &out, const Option &row) {
-    constexpr size_t column = 28;
+    constexpr size_t COLUMN = 28;
     std::string left = row.names[1] == '-' ? "      " : "  ";
     bool first = true;
     eachName(row, [&](std::string_view name) {
@@ -325,11 +325,11 @@ void appendRow(std::string &out, const Option &row) {
     std::string_view help = row.help;
     for (;;) {
         const size_t end = help.find('\n');
-        if (width + 2 > column) {
+        if (width + 2 > COLUMN) {
             out += '\n';
             width = 0;
         }
-        out.append(column - width, ' ');
+        out.append(COLUMN - width, ' ');
         out += help.substr(0, end);
         out += '\n';
         width = 0;
@@ -386,14 +386,14 @@ int printText(const Tool &tool, const std::string &text) {
     Output out;
     out.write(text);
     if (out.flush())
-        return ExitOk;
+        return EXIT_OK;
     std::fprintf(stderr, "%s: the output could not be written: %s\n", tool.name, std::strerror(out.error));
-    return ExitPartial;
+    return EXIT_PARTIAL;
 }
 
 int complete(const Tool &tool, const Rows &rows, CommonOptions &options) {
     std::vector<std::string> words;
-    int status = ExitOk;
+    int status = EXIT_OK;
     if (options.complete == "options") {
         for (const Option *row : rows)
             eachName(*row, [&](std::string_view name) {
@@ -411,7 +411,7 @@ int complete(const Tool &tool, const Rows &rows, CommonOptions &options) {
     for (const std::string &word : words)
         text += word + "\n";
     const int printed = printText(tool, text);
-    return status != ExitOk ? status : printed;
+    return status != EXIT_OK ? status : printed;
 }
 
 } // namespace
@@ -420,7 +420,7 @@ int usageError(const Tool &tool, const CommonOptions &options, const std::string
     const bool named = options.command != nullptr && options.command->name[0] != '\0';
     const std::string whole = named ? std::string(tool.name) + " " + options.command->name : tool.name;
     std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", whole.c_str(), escaped(why).c_str(), whole.c_str());
-    return ExitUsage;
+    return EXIT_USAGE;
 }
 
 std::optional<int> parseCommandLine(const Tool &tool, int argc, char **argv, CommonOptions &options) {

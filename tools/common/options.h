@@ -20,15 +20,15 @@
 namespace tools {
 
 // Which commands take an option: one bit each, of Option::of and Command::takes. A tool's
-// own begin with FirstOwn.
+// own begin with FIRST_OWN.
 enum Takes : unsigned {
-    TakesEvery = 1, // every command
-    TakesJson = 2,
-    TakesConfig = 4,
-    TakesQuiet = 8,
-    TakesPages = 16, // --color, --no-pager
-    TakesCompletion = 32,
-    FirstOwn = 64,
+    TAKES_EVERY = 1, // every command
+    TAKES_JSON = 2,
+    TAKES_CONFIG = 4,
+    TAKES_QUIET = 8,
+    TAKES_PAGES = 16, // --color, --no-pager
+    TAKES_COMPLETION = 32,
+    FIRST_OWN = 64,
 };
 
 struct Command {
@@ -40,7 +40,7 @@ struct Command {
     const char *help;
     const char *example; // null: none
 };
-constexpr size_t AnyNumber = SIZE_MAX;
+constexpr size_t ANY_NUMBER = SIZE_MAX;
 
 // What every tool's own record of options begins with.
 struct CommonOptions {

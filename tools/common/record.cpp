@@ -8,10 +8,10 @@ namespace tools {
 
 namespace {
 
-constexpr size_t MaxDigits = 20;         // of a 64-bit number
-constexpr size_t DateTimeDigits = 12;    // YYMMDDhhmmss
-constexpr size_t SafeDigits = 19;        // so many cannot overflow
-constexpr size_t MaxSalvageTries = 4096; // positions of one damaged line that are parsed
+constexpr size_t MAX_DIGITS = 20;          // of a 64-bit number
+constexpr size_t DATE_TIME_DIGITS = 12;    // YYMMDDhhmmss
+constexpr size_t SAFE_DIGITS = 19;         // so many cannot overflow
+constexpr size_t MAX_SALVAGE_TRIES = 4096; // positions of one damaged line that are parsed
 
 bool isDigit(char c) {
     return static_cast<unsigned char>(c - '0') < 10;
@@ -35,11 +35,11 @@ struct Cursor {
         while (at != end && isDigit(*at))
             read = read * 10 + static_cast<uint64_t>(*at++ - '0');
         const auto digits = static_cast<size_t>(at - begin);
-        if (digits > 0 && digits <= SafeDigits) {
+        if (digits > 0 && digits <= SAFE_DIGITS) {
             value = read;
             return true;
         }
-        if (digits == MaxDigits && std::memcmp(begin, "18446744073709551615", MaxDigits) <= 0) {
+        if (digits == MAX_DIGITS && std::memcmp(begin, "18446744073709551615", MAX_DIGITS) <= 0) {
             value = read;
             return true;
         }
@@ -51,8 +51,8 @@ struct Cursor {
         const char *const begin = at;
         const bool negative = takeChar('-');
         uint64_t size = 0;
-        constexpr uint64_t largest = INT64_MAX;
-        if (!takeNumber(size) || size > largest + (negative ? 1 : 0)) {
+        constexpr uint64_t LARGEST = INT64_MAX;
+        if (!takeNumber(size) || size > LARGEST + (negative ? 1 : 0)) {
             at = begin;
             return false;
         }
@@ -95,7 +95,7 @@ bool parseFileName(std::string_view name, FileName &out) {
     out.counter = read.counter;
     if (read.set != nullptr) {
         out.logSet = {read.set, read.setLength};
-        out.dateTime = {read.stamp, DateTimeDigits};
+        out.dateTime = {read.stamp, DATE_TIME_DIGITS};
     }
     out.year = 2000 + read.date.year;
     out.month = read.date.month;
@@ -111,9 +111,9 @@ bool parseFileName(std::string_view name, FileName &out) {
 HeaderResult parseHeader(std::string_view line, Header &out) {
     HeaderLine read;
     switch (parseHeaderLine(line.data(), line.size(), HeaderReading::EXACT, &read)) {
-    case HeaderParsed::NO_HEADER:
+    case HeaderParsed::NoHeader:
         return HeaderResult::NotAHeader;
-    case HeaderParsed::UNKNOWN_VERSION:
+    case HeaderParsed::UnknownVersion:
         return HeaderResult::UnknownVersion;
     case HeaderParsed::MALFORMED:
         return HeaderResult::Malformed;
@@ -142,7 +142,7 @@ const char *damageText(Damage damage) {
         Damage damage;
         const char *text;
     };
-    constexpr Row rows[] = {
+    constexpr Row ROWS[] = {
         {Damage::None, "no damage"},
         {Damage::NotANumber, "a number is missing or too large"},
         {Damage::UnknownType, "unknown message type"},
@@ -156,7 +156,7 @@ const char *damageText(Damage damage) {
         {Damage::TooLong, "the line is too long"},
         {Damage::NoLineFeed, "the file ends within a record"},
     };
-    for (const Row &row : rows) {
+    for (const Row &row : ROWS) {
         if (row.damage == damage)
             return row.text;
     }
@@ -169,7 +169,7 @@ bool takePrefix(Cursor &cursor, uint64_t version, Record &out) {
     uint64_t type = 0;
     if (!cursor.takeField(type))
         return false;
-    out.type = type > ZOLTLOG_MSG_AUDIT ? TypeUnknown : static_cast<uint32_t>(type);
+    out.type = type > ZOLTLOG_MSG_AUDIT ? TYPE_UNKNOWN : static_cast<uint32_t>(type);
     if (version == ZOLTLOG_RECORD_VERSION_ORIGINATOR && !cursor.takeField(out.product))
         return false;
     if (!cursor.takeField(out.originator))
@@ -221,9 +221,9 @@ bool takeAttribute(Cursor &cursor, Record &out) {
 }
 
 Damage takeBlock(Cursor &cursor, std::string_view line, Record &out) {
-    constexpr std::string_view empty = "(0|)";
-    if (cursor.left() == empty.size() && std::memcmp(cursor.at, empty.data(), empty.size()) == 0) {
-        out.block = {cursor.at, empty.size()};
+    constexpr std::string_view EMPTY = "(0|)";
+    if (cursor.left() == EMPTY.size() && std::memcmp(cursor.at, EMPTY.data(), EMPTY.size()) == 0) {
+        out.block = {cursor.at, EMPTY.size()};
         cursor.at = cursor.end;
         return Damage::None;
     }
@@ -273,7 +273,7 @@ Damage takeFieldsByLook(Cursor &cursor, std::string_view line, Record &out) {
         out.number = 0;
         out.block = {};
     }
-    out.type = TypeUnknown;
+    out.type = TYPE_UNKNOWN;
     const Damage damage = takeString(cursor, out.who);
     if (damage != Damage::None)
         return damage;
@@ -304,7 +304,7 @@ bool parseRecord(std::string_view line, uint64_t version, Record &out, Fault &fa
         damage = Damage::Empty;
     } else if (out.hasPrefix() && !takePrefix(cursor, version, out)) {
         damage = Damage::NotANumber;
-    } else if (out.hasPrefix() && out.type == TypeUnknown) {
+    } else if (out.hasPrefix() && out.type == TYPE_UNKNOWN) {
         cursor.at = line.data();
         damage = Damage::UnknownType;
     } else {
@@ -343,7 +343,7 @@ bool salvageRecord(std::string_view line, uint64_t version, Record &out, size_t 
         return false; // without a prefix every text with a colon may look like a record
     size_t tries = 0;
     Fault ignored;
-    for (size_t i = 1; i + 1 < line.size() && tries < MaxSalvageTries; ++i) {
+    for (size_t i = 1; i + 1 < line.size() && tries < MAX_SALVAGE_TRIES; ++i) {
         if (line[i] < '0' || line[i] > '4' || line[i + 1] != ',')
             continue;
         int64_t time = 0;

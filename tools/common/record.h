@@ -63,12 +63,12 @@ HeaderResult parseHeader(std::string_view line, Header &out); // line without it
 // ---- records ---------------------------------------------------------------------
 
 // The type of a record, ZOLTLOG_MSG_..., that the fields of a version without prefix do not tell.
-constexpr uint32_t TypeUnknown = 255;
+constexpr uint32_t TYPE_UNKNOWN = 255;
 
 struct Record {
     std::string_view line; // all of it, without the line feed
     uint64_t version = 0;
-    uint32_t type = TypeUnknown;
+    uint32_t type = TYPE_UNKNOWN;
     uint64_t product = 0;        // 65543
     uint64_t originator = 0;     // 65543, 65544
     uint64_t fileOriginator = 0; // 65543

@@ -83,17 +83,17 @@ bool LineReader::dataAt(uint64_t offset, uint64_t &data) const {
 }
 
 bool LineReader::lastLineFeed(uint64_t limit, uint64_t end, uint64_t &at) const {
-    constexpr uint64_t smallest = 64UL * 1024;
+    constexpr uint64_t SMALLEST = 64UL * 1024;
     std::string block;
-    for (uint64_t step = smallest; end > limit;) {
+    for (uint64_t step = SMALLEST; end > limit;) {
         step = std::min(step, end - limit);
         uint64_t data = 0;
         if (!dataAt(end - step, data) || data >= end) { // nothing but a hole
             end -= step;
-            step = std::max(smallest, step * 2);
+            step = std::max(SMALLEST, step * 2);
             continue;
         }
-        if (step > smallest) {
+        if (step > SMALLEST) {
             step /= 2;
             continue;
         }
@@ -174,7 +174,7 @@ LineReader::Got LineReader::next(std::string_view &line, uint64_t &offset) {
         scanned = valid;
         if (skipping) {
             begin = valid;
-        } else if (valid - begin >= MaxLine) {
+        } else if (valid - begin >= MAX_LINE) {
             line = {buffer.get() + begin, valid - begin};
             offset = base + begin;
             begin = valid;
@@ -219,11 +219,11 @@ bool BackwardReader::previous(std::string_view &line, uint64_t &offset) {
         }
         if (base == 0)
             return false;
-        if (left >= MaxLine)
+        if (left >= MAX_LINE)
             return skipLine(line, offset);
         searched = end;
-        constexpr size_t smallest = BlockSize / 16;
-        const size_t wanted = std::min(std::max(smallest, left), MaxLine - left + smallest);
+        constexpr size_t SMALLEST = BLOCK_SIZE / 16;
+        const size_t wanted = std::min(std::max(SMALLEST, left), MAX_LINE - left + SMALLEST);
         const auto length = static_cast<size_t>(std::min<uint64_t>(base, wanted));
         std::string larger(length, '\0');
         const int64_t got = source->readAt(base - length, larger.data(), length);
@@ -393,13 +393,13 @@ RecordFile::Got RecordFile::previous() {
 }
 
 bool RecordFile::timeAt(uint64_t from, uint64_t limit, int64_t &time, uint64_t &where) const {
-    constexpr size_t firstStep = 4096; // holds most records
-    constexpr size_t lastStep = 1024UL * 1024;
-    constexpr size_t enough = 256; // the time stands within so many bytes of a line's start
+    constexpr size_t FIRST_STEP = 4096; // holds most records
+    constexpr size_t LAST_STEP = 1024UL * 1024;
+    constexpr size_t ENOUGH = 256; // the time stands within so many bytes of a line's start
     std::string block;
     bool lineStart = from <= dataBegin;
     from = lineStart ? dataBegin : from - 1; // so that a line that begins at `from` is seen
-    for (size_t step = firstStep; from < limit; step = std::min(step * 2, lastStep)) {
+    for (size_t step = FIRST_STEP; from < limit; step = std::min(step * 2, LAST_STEP)) {
         if (!lineStart && !lines.dataAt(from, from))
             return false;
         block.resize(step);
@@ -414,7 +414,7 @@ bool RecordFile::timeAt(uint64_t from, uint64_t limit, int64_t &time, uint64_t &
                 if (from + begin >= limit)
                     return false;
                 const size_t end = feed != std::string_view::npos ? feed : seen.size();
-                if (feed == std::string_view::npos && end - begin < enough)
+                if (feed == std::string_view::npos && end - begin < ENOUGH)
                     break; // read on from here
                 if (parseRecordTime(seen.substr(begin, end - begin), header.version, time)) {
                     where = from + begin;
@@ -436,11 +436,11 @@ uint64_t RecordFile::findTime(int64_t since) const {
     if (!lines.size(end) ||
         (header.version != 0 && header.version <= ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX))
         return dataBegin;
-    const int64_t wanted = since - OrderSlack;
+    const int64_t wanted = since - ORDER_SLACK;
     uint64_t low = dataBegin;          // all records before it are earlier than `wanted`
     uint64_t high = end;               // the first record behind it is not
-    constexpr uint64_t enough = 16384; // is read in one go anyway
-    while (high > low && high - low > enough) {
+    constexpr uint64_t ENOUGH = 16384; // is read in one go anyway
+    while (high > low && high - low > ENOUGH) {
         const uint64_t middle = low + (high - low) / 2;
         int64_t time = 0;
         uint64_t where = 0;
@@ -457,10 +457,10 @@ bool RecordFile::inOrder() const {
     uint64_t end = 0;
     if (!lines.size(end) || end <= dataBegin)
         return true;
-    constexpr uint64_t samples = 32;
-    constexpr uint64_t spacing = 65536; // smaller files get fewer samples
+    constexpr uint64_t SAMPLES = 32;
+    constexpr uint64_t SPACING = 65536; // smaller files get fewer samples
     const uint64_t length = end - dataBegin;
-    const uint64_t count = std::min(samples, length / spacing + 1);
+    const uint64_t count = std::min(SAMPLES, length / SPACING + 1);
     int64_t latest = INT64_MIN;
     uint64_t seen = 0; // no sample before it: a line may be longer than the distance of samples
     for (uint64_t i = 0; i <= count; ++i) {

@@ -12,15 +12,15 @@
 
 namespace tools {
 
-constexpr size_t BlockSize = 256UL * 1024;
+constexpr size_t BLOCK_SIZE = 256UL * 1024;
 // A longer line is handed out in one piece of this size, then skipped: what is read must
 // fit into memory, whatever a file holds.
-constexpr size_t MaxLine = 16UL * 1024 * 1024;
+constexpr size_t MAX_LINE = 16UL * 1024 * 1024;
 
 // Records of several processes may be in the file a little out of order.
-constexpr int64_t OrderSlack = 10000; // milliseconds
+constexpr int64_t ORDER_SLACK = 10000; // milliseconds
 inline bool wentBack(int64_t latest, int64_t time) {
-    return time<latest &&static_cast<uint64_t>(latest) - static_cast<uint64_t>(time)> OrderSlack;
+    return time<latest &&static_cast<uint64_t>(latest) - static_cast<uint64_t>(time)> ORDER_SLACK;
 }
 
 // ---- lines -----------------------------------------------------------------------
@@ -28,7 +28,7 @@ inline bool wentBack(int64_t latest, int64_t time) {
 struct LineReader {
     enum class Got {
         Line,    // a line that was ended by a line feed
-        TooLong, // the first MaxLine bytes of a line
+        TooLong, // the first MAX_LINE bytes of a line
         End,     // no further complete line now; more may follow when the file grows
         Error,   // errno in `error`
     };
@@ -59,7 +59,7 @@ struct LineReader {
     // The last line feed in [limit, end); holes are passed over, not read. False: none.
     bool lastLineFeed(uint64_t limit, uint64_t end, uint64_t &at) const;
 
-    size_t blockSize = BlockSize; // of the buffer that the first next() makes
+    size_t blockSize = BLOCK_SIZE; // of the buffer that the first next() makes
     int descriptor = -1;
     bool seekable = false;
     int error = 0;
@@ -80,7 +80,7 @@ struct LineReader {
 struct BackwardReader {
     void start(const LineReader &lines,
                uint64_t end); // `end`: where to begin, at a line's start or the file's end
-    // False at the begin of the file, or after a failed read. A line longer than MaxLine is
+    // False at the begin of the file, or after a failed read. A line longer than MAX_LINE is
     // left out: tooLong is set and the line is empty.
     bool previous(std::string_view &line, uint64_t &offset);
 

@@ -66,7 +66,7 @@ struct StyleRow {
     Style style;
     const char *on;
 };
-constexpr StyleRow styles[] = {
+constexpr StyleRow STYLES[] = {
     {Style::Plain, ""},           {Style::Bold, "\033[1m"},       {Style::Dim, "\033[2m"},
     {Style::Red, "\033[31m"},     {Style::BoldRed, "\033[1;31m"}, {Style::Yellow, "\033[33m"},
     {Style::Green, "\033[32m"},   {Style::Cyan, "\033[36m"},      {Style::Blue, "\033[34m"},
@@ -87,7 +87,7 @@ bool colorWanted(ColorMode mode, bool isTerminal) {
 }
 
 const char *styleOn(Style style) {
-    for (const StyleRow &row : styles) {
+    for (const StyleRow &row : STYLES) {
         if (row.style == style)
             return row.on;
     }
@@ -179,12 +179,12 @@ namespace {
 struct Range {
     char32_t first, last;
 };
-constexpr Range wideRanges[] = {
+constexpr Range WIDE_RANGES[] = {
     {0x1100, 0x115f},   {0x2e80, 0x303e},   {0x3041, 0xa4cf},   {0xa960, 0xa97f}, {0xac00, 0xd7a3},
     {0xf900, 0xfaff},   {0xfe30, 0xfe6f},   {0xff00, 0xff60},   {0xffe0, 0xffe6}, {0x1f300, 0x1f64f},
     {0x1f680, 0x1f6ff}, {0x1f900, 0x1f9ff}, {0x20000, 0x3fffd},
 };
-constexpr Range zeroRanges[] = {
+constexpr Range ZERO_RANGES[] = {
     {0x0300, 0x036f}, {0x200b, 0x200d}, {0x20d0, 0x20ff}, {0xfe00, 0xfe0f}, {0xfe20, 0xfe2f},
 };
 
@@ -208,8 +208,8 @@ size_t displayWidth(std::string_view text) {
         at += c.length;
         if (c.value < 0x300)
             ++width;
-        else if (!inRanges(zeroRanges, c.value))
-            width += inRanges(wideRanges, c.value) ? 2 : 1;
+        else if (!inRanges(ZERO_RANGES, c.value))
+            width += inRanges(WIDE_RANGES, c.value) ? 2 : 1;
     }
     return width;
 }
@@ -285,9 +285,9 @@ bool Pager::start() {
         dup2(ends[0], 0);
         setenv("LESS", "FRSXMK", 0);
         // What a pager that does not start or does not understand leaves unread is shown.
-        constexpr char command[] = "sh -c \"$1\"\ncase $? in 2|126|127) exec cat ;; esac";
+        constexpr char COMMAND[] = "sh -c \"$1\"\ncase $? in 2|126|127) exec cat ;; esac";
         if (chosen != nullptr)
-            execl("/bin/sh", "sh", "-c", command, "sh", chosen, nullptr);
+            execl("/bin/sh", "sh", "-c", COMMAND, "sh", chosen, nullptr);
         else
             execlp("less", "less", nullptr);
         execlp("more", "more", nullptr);

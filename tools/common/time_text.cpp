@@ -12,9 +12,9 @@ namespace tools {
 
 namespace {
 
-constexpr int64_t SecondsPerDay = 86400;
-constexpr int64_t SecondsPerQuarter = 900;           // zone offsets change on quarters of an hour
-constexpr int64_t MaxMilliseconds = 253402300799999; // end of the year 9999
+constexpr int64_t SECONDS_PER_DAY = 86400;
+constexpr int64_t SECONDS_PER_QUARTER = 900;          // zone offsets change on quarters of an hour
+constexpr int64_t MAX_MILLISECONDS = 253402300799999; // end of the year 9999
 
 bool isDigit(char c) {
     return c >= '0' && c <= '9';
@@ -108,9 +108,9 @@ bool takeClock(Reader &reader, Clock &clock) {
 }
 
 int64_t daysInMonth(int64_t year, int64_t month) {
-    constexpr int64_t days[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    constexpr int64_t DAYS[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
     const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-    return month == 2 && leap ? 29 : days[month - 1];
+    return month == 2 && leap ? 29 : DAYS[month - 1];
 }
 
 struct Date {
@@ -186,33 +186,33 @@ Date dateOf(int64_t time, Zone zone, int *weekday = nullptr) {
 
 // The date so many days earlier; days are counted at UTC, where all have 24 hours.
 Date daysBefore(const Date &date, int64_t days) {
-    return dateOf(toTime(date, {}, Zone::Utc) - days * SecondsPerDay * 1000, Zone::Utc);
+    return dateOf(toTime(date, {}, Zone::Utc) - days * SECONDS_PER_DAY * 1000, Zone::Utc);
 }
 
 struct UnitRow {
     const char *name;
     int64_t milliseconds;
 };
-constexpr int64_t Second = 1000;
-constexpr UnitRow units[] = {
+constexpr int64_t SECOND = 1000;
+constexpr UnitRow UNITS[] = {
     {"ms", 1},
     {"msec", 1},
-    {"s", Second},
-    {"sec", Second},
-    {"second", Second},
-    {"m", 60 * Second},
-    {"min", 60 * Second},
-    {"minute", 60 * Second},
-    {"h", 3600 * Second},
-    {"hr", 3600 * Second},
-    {"hour", 3600 * Second},
-    {"d", SecondsPerDay *Second},
-    {"day", SecondsPerDay *Second},
-    {"w", 7 * SecondsPerDay *Second},
-    {"week", 7 * SecondsPerDay *Second},
-    {"month", 30 * SecondsPerDay *Second},
-    {"y", 365 * SecondsPerDay *Second},
-    {"year", 365 * SecondsPerDay *Second},
+    {"s", SECOND},
+    {"sec", SECOND},
+    {"second", SECOND},
+    {"m", 60 * SECOND},
+    {"min", 60 * SECOND},
+    {"minute", 60 * SECOND},
+    {"h", 3600 * SECOND},
+    {"hr", 3600 * SECOND},
+    {"hour", 3600 * SECOND},
+    {"d", SECONDS_PER_DAY *SECOND},
+    {"day", SECONDS_PER_DAY *SECOND},
+    {"w", 7 * SECONDS_PER_DAY *SECOND},
+    {"week", 7 * SECONDS_PER_DAY *SECOND},
+    {"month", 30 * SECONDS_PER_DAY *SECOND},
+    {"y", 365 * SECONDS_PER_DAY *SECOND},
+    {"year", 365 * SECONDS_PER_DAY *SECOND},
 };
 
 // NUMBER UNIT, once or more; stops before " ago" and at the end.
@@ -233,27 +233,27 @@ bool takeSpan(Reader &reader, int64_t &milliseconds) {
             ++letters;
         std::string_view name = next.rest.substr(0, letters);
         const auto known = [&](std::string_view wanted) {
-            return std::find_if(std::begin(units), std::end(units),
+            return std::find_if(std::begin(UNITS), std::end(UNITS),
                                 [&](const UnitRow &row) { return wanted == row.name; });
         };
         const auto *unit = known(name);
-        if (unit == std::end(units) && name.size() > 1 && name.back() == 's')
+        if (unit == std::end(UNITS) && name.size() > 1 && name.back() == 's')
             unit = known(name.substr(0, name.size() - 1));
-        if (unit == std::end(units))
+        if (unit == std::end(UNITS))
             return false;
         next.rest.remove_prefix(letters);
         total += (static_cast<double>(whole) + static_cast<double>(thousandths) / 1000) *
                  static_cast<double>(unit->milliseconds);
         any = true;
     }
-    if (!any || total > static_cast<double>(MaxMilliseconds))
+    if (!any || total > static_cast<double>(MAX_MILLISECONDS))
         return false;
     milliseconds = static_cast<int64_t>(std::llround(total));
     reader = next;
     return true;
 }
 
-constexpr const char *weekdays[] = {"sunday",   "monday", "tuesday", "wednesday",
+constexpr const char *WEEKDAYS[] = {"sunday",   "monday", "tuesday", "wednesday",
                                     "thursday", "friday", "saturday"};
 
 // today, yesterday, tomorrow, a weekday or its first three letters.
@@ -273,7 +273,7 @@ bool takeDay(Reader &reader, int64_t now, Zone zone, Date &date) {
         return true;
     }
     for (int i = 0; i < 7; ++i) {
-        const std::string_view name = weekdays[i];
+        const std::string_view name = WEEKDAYS[i];
         if (reader.takeWord(name) || reader.takeWord(name.substr(0, 3))) {
             date = daysBefore(today, (weekday - i + 7) % 7);
             return true;
@@ -390,7 +390,7 @@ int64_t TimeFormatter::offsetAt(int64_t seconds) {
         return 0;
     if (mode == Mode::Offset)
         return east;
-    const int64_t wanted = floorDivide(seconds, SecondsPerQuarter);
+    const int64_t wanted = floorDivide(seconds, SECONDS_PER_QUARTER);
     if (wanted != quarter) {
         const auto instant = static_cast<time_t>(seconds);
         tm parts{};
@@ -403,15 +403,15 @@ int64_t TimeFormatter::offsetAt(int64_t seconds) {
 void TimeFormatter::append(std::string &out, int64_t time, char separator) {
     const int64_t utc = floorDivide(time, 1000);
     const int64_t seconds = utc + offsetAt(utc);
-    const int64_t wantedDay = floorDivide(seconds, SecondsPerDay);
+    const int64_t wantedDay = floorDivide(seconds, SECONDS_PER_DAY);
     if (wantedDay != day) {
-        const auto instant = static_cast<time_t>(wantedDay * SecondsPerDay);
+        const auto instant = static_cast<time_t>(wantedDay * SECONDS_PER_DAY);
         tm parts{};
         if (gmtime_r(&instant, &parts) == nullptr || strftime(date, sizeof date, "%Y-%m-%d", &parts) == 0)
             std::strcpy(date, "9999+"); // a year of more than five digits
         day = wantedDay;
     }
-    const int64_t ofDay = seconds - wantedDay * SecondsPerDay;
+    const int64_t ofDay = seconds - wantedDay * SECONDS_PER_DAY;
     out += date;
     out += separator;
     appendDigits(out, ofDay / 3600, 2);
@@ -441,12 +441,12 @@ void TimeFormatter::appendRfc3339(std::string &out, int64_t time) {
 }
 
 int64_t TimeUnits::beginOf(int64_t time) {
-    constexpr int64_t quarterLength = 900000;
+    constexpr int64_t QUARTER_LENGTH = 900000;
     const auto floored = [](int64_t value, int64_t unit) {
         return value / unit - (value % unit < 0 ? 1 : 0);
     };
-    if (zone == Zone::Local && floored(time, quarterLength) != quarter) {
-        quarter = floored(time, quarterLength);
+    if (zone == Zone::Local && floored(time, QUARTER_LENGTH) != quarter) {
+        quarter = floored(time, QUARTER_LENGTH);
         const time_t seconds = static_cast<time_t>(floored(time, 1000));
         tm parts{};
         offset = localtime_r(&seconds, &parts) != nullptr ? parts.tm_gmtoff * 1000 : 0;
@@ -476,13 +476,13 @@ std::string formatTime(int64_t time, Zone zone) {
 }
 
 std::string formatSpan(int64_t milliseconds) {
-    constexpr UnitRow shown[] = {
-        {"d", SecondsPerDay * Second}, {"h", 3600 * Second}, {"m", 60 * Second}, {"s", Second}, {"ms", 1}};
+    constexpr UnitRow SHOWN[] = {
+        {"d", SECONDS_PER_DAY * SECOND}, {"h", 3600 * SECOND}, {"m", 60 * SECOND}, {"s", SECOND}, {"ms", 1}};
     if (milliseconds < 0)
         return "-" + formatSpan(-milliseconds);
     std::string out;
     int written = 0;
-    for (const UnitRow &row : shown) {
+    for (const UnitRow &row : SHOWN) {
         const int64_t count = milliseconds / row.milliseconds;
         if (count > 0 && written < 2)
             out += std::to_string(count) + row.name;
@@ -503,11 +503,11 @@ bool parseSizeText(std::string_view text, uint64_t &bytes) {
     reader.takeFraction(thousandths);
     reader.skipBlanks();
     double scale = 1;
-    constexpr char letters[] = "kmgtp";
+    constexpr char LETTERS[] = "kmgtp";
     if (!reader.atEnd()) {
-        const char *letter = std::strchr(letters, reader.rest.front());
+        const char *letter = std::strchr(LETTERS, reader.rest.front());
         if (letter != nullptr && *letter != '\0') {
-            for (const char *each = letters; each <= letter; ++each)
+            for (const char *each = LETTERS; each <= letter; ++each)
                 scale *= 1024;
             reader.rest.remove_prefix(1);
             reader.takeChar('i');
@@ -528,18 +528,18 @@ bool parseSizeText(std::string_view text, uint64_t &bytes) {
 }
 
 std::string formatSize(uint64_t bytes) {
-    constexpr char letters[] = "KMGTPE";
+    constexpr char LETTERS[] = "KMGTPE";
     if (bytes < 1024)
         return std::to_string(bytes) + "B";
     auto value = static_cast<double>(bytes);
     size_t unit = 0;
     value /= 1024;
-    while (value >= 1023.95 && unit + 1 < sizeof letters - 1) {
+    while (value >= 1023.95 && unit + 1 < sizeof LETTERS - 1) {
         value /= 1024;
         ++unit;
     }
     char text[32];
-    std::snprintf(text, sizeof text, "%.1f%c", value, letters[unit]);
+    std::snprintf(text, sizeof text, "%.1f%c", value, LETTERS[unit]);
     return text;
 }
 

@@ -27,8 +27,8 @@ inline Utf8Char decodeUtf8(std::string_view text, size_t at) {
             return {0, 0};
         value = (value << 6) | (next & 0x3fu);
     }
-    constexpr char32_t smallest[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (value < smallest[length] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff))
+    constexpr char32_t SMALLEST[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (value < SMALLEST[length] || value > 0x10ffff || (value >= 0xd800 && value <= 0xdfff))
         return {0, 0};
     return {value, length};
 }

@@ -31,7 +31,7 @@ struct VerifyCounts {
 // Checked: the header line and that it fits the file name; every record's numbers,
 // lengths, attributes and blocks; that product and file originator are the file's;
 // that the file ends with a line feed. Noted: times that go back by more than
-// OrderSlack, further header lines, a file without header, an empty file.
+// ORDER_SLACK, further header lines, a file without header, an empty file.
 // False when the file could not be read (problem).
 bool verifyFile(const std::string &path, const std::function<void(const Finding &)> &report,
                 VerifyCounts &counts, std::string &problem);

@@ -54,7 +54,7 @@ int runCheck(const Options &options, const std::vector<Catalogue> &catalogues, t
                       tools::counted(messages, "message") + ", " +
                       tools::counted(problems.size(), "problem") + "\n");
     }
-    return found == 0 ? tools::ExitOk : tools::ExitNothing;
+    return found == 0 ? tools::EXIT_OK : tools::EXIT_NOTHING;
 }
 
 int runShow(const Options &options, const std::vector<Catalogue> &catalogues, tools::Output &out) {
@@ -71,7 +71,7 @@ int runShow(const Options &options, const std::vector<Catalogue> &catalogues, to
             }
         }
     }
-    return found ? tools::ExitOk : tools::ExitNothing;
+    return found ? tools::EXIT_OK : tools::EXIT_NOTHING;
 }
 
 bool numberLess(const std::string &a, const std::string &b) {
@@ -101,14 +101,14 @@ int runList(const Options &options, const std::vector<Catalogue> &catalogues, to
             found = true;
         }
     }
-    return found ? tools::ExitOk : tools::ExitNothing;
+    return found ? tools::EXIT_OK : tools::EXIT_NOTHING;
 }
 
 // ---- commands and options ------------------------------------------------------------
 
 enum Takes : unsigned {
-    EVERY = tools::TakesEvery,
-    CHECK = tools::FirstOwn,
+    EVERY = tools::TAKES_EVERY,
+    CHECK = tools::FIRST_OWN,
     LIST = CHECK << 1,
 };
 
@@ -116,10 +116,10 @@ struct Command : tools::Command {
     int (*run)(const Options &, const std::vector<Catalogue> &, tools::Output &);
 };
 
-constexpr size_t ANY = tools::AnyNumber;
+constexpr size_t ANY = tools::ANY_NUMBER;
 
 const Command COMMANDS[] = {
-    {{"check", EVERY | CHECK | tools::TakesQuiet, 0, "CATALOGUE...", 1, ANY,
+    {{"check", EVERY | CHECK | tools::TAKES_QUIET, 0, "CATALOGUE...", 1, ANY,
       "Check keys, patterns and that every locale shows the same",
       "qdliscat check /usr/share/diskd/messages"},
      runCheck},
@@ -162,14 +162,14 @@ int run(int argc, char **argv) {
     const LoadResult loaded = load(options.catalogues);
     if (loaded.state != Loaded::Ok) {
         std::fprintf(stderr, "qdliscat: %s\n", tools::escaped(loaded.failure).c_str());
-        return loaded.state == Loaded::DoesNotCompile ? tools::ExitNothing : tools::ExitUnreadable;
+        return loaded.state == Loaded::DoesNotCompile ? tools::EXIT_NOTHING : tools::EXIT_UNREADABLE;
     }
     tools::Output out;
     const int status = command.run(options, loaded.catalogues, out);
     if (out.flush())
         return status;
     std::fprintf(stderr, "qdliscat: the output could not be written: %s\n", std::strerror(out.error));
-    return tools::ExitPartial;
+    return tools::EXIT_PARTIAL;
 }
 
 } // namespace
@@ -180,6 +180,6 @@ int main(int argc, char **argv) {
         return run(argc, argv);
     } catch (const std::exception &failure) { // no memory, a directory that cannot be read
         std::fprintf(stderr, "qdliscat: %s\n", failure.what());
-        return tools::ExitUnreadable;
+        return tools::EXIT_UNREADABLE;
     }
 }

@@ -41,28 +41,28 @@ Scope scopeOf(const Product &product, const ConfigFile &file, const std::string 
         return findScope(product, file, "", section.substr(LOGSET.size()));
     const std::optional<uint64_t> id = decimal(section);
     if (section != CFG_DEFAULT && (!id || std::to_string(*id) != section || IsDefaultOriginator(*id) != 0))
-        throw CommandError(tools::ExitUsage,
+        throw CommandError(tools::EXIT_USAGE,
                            "'" + section + "' is no section: Default, an originator's id or LOGSET.NAME");
     return findScope(product, file, section, "");
 }
 
 void addSetting(Applied &applied, const Product &product, const ConfigFile &file, const ConfigLine &line) {
     if (line.continued || line.hasNul || !line.hasValue || line.section.empty() || line.valueHasEquals)
-        throw CommandError(tools::ExitUsage, "not of the form SECTION.KEY=VALUE");
+        throw CommandError(tools::EXIT_USAGE, "not of the form SECTION.KEY=VALUE");
     const std::string section(line.section);
     const Scope scope = scopeOf(product, file, section);
     const std::string name(line.name);
     std::string value;
     if (!localText(line.value, value))
-        throw CommandError(tools::ExitUsage, "the value has no meaning in the encoding of the locale");
+        throw CommandError(tools::EXIT_USAGE, "the value has no meaning in the encoding of the locale");
     const Change change = checkedChange(name + "=" + value, scope);
     SectionSettings &settings = applied.of(section);
     for (const Setting &other : settings.settings)
         if (other.name == name)
-            throw CommandError(tools::ExitUsage, section + "." + name + " is given twice");
+            throw CommandError(tools::EXIT_USAGE, section + "." + name + " is given twice");
     char *utf8 = nullptr;
     if (mbs2utf8(&utf8, change.value.c_str()) != ZOLTLOG_OK)
-        throw CommandError(tools::ExitUsage, "the value cannot be written");
+        throw CommandError(tools::EXIT_USAGE, "the value cannot be written");
     settings.settings.push_back({name, section + "." + name + "=" + utf8 + "\n"});
     zoltLogFree(utf8);
     ++applied.count;
@@ -72,7 +72,7 @@ Applied readSettingsToApply(const Options &options, const Product &product, cons
     const ConfigFile input = readConfigFile(options.arguments.front());
     requireReadable(input);
     if (!input.exists)
-        throw CommandError(tools::ExitUnreadable, input.path + " does not exist");
+        throw CommandError(tools::EXIT_UNREADABLE, input.path + " does not exist");
     Applied applied;
     for (const ConfigLine &line : input.lines) {
         if (line.comment || line.blank)
@@ -164,12 +164,12 @@ int applySettings(const Options &options, Output &out) {
     if (options.dryRun) {
         for (const std::string &line : merged(file.bytes != nullptr ? *file.bytes : "", applied).difference)
             out.write(line.substr(0, 1) + tools::escaped(line.substr(1, line.size() - 2)) + "\n");
-        return tools::ExitOk;
+        return tools::EXIT_OK;
     }
     if (!file.exists) {
         PropertyStore store;
         if (CreatePropertyString(product.location.c_str(), "", &store) != ZOLTLOG_OK)
-            throw CommandError(tools::ExitUnreadable, product.location + " cannot be made");
+            throw CommandError(tools::EXIT_UNREADABLE, product.location + " cannot be made");
         utiClosePropertyStore(&store);
     }
     size_t changed = 0;
@@ -182,5 +182,5 @@ int applySettings(const Options &options, Output &out) {
     });
     out.write("applied " + std::to_string(applied.count) + " setting(s) to " + product.location + ", " +
               std::to_string(changed) + " changed\n");
-    return tools::ExitOk;
+    return tools::EXIT_OK;
 }

@@ -207,5 +207,5 @@ int showBudget(const Options &options, Output &out) {
         showAsJson(budget, out);
     else
         showAsTable(budget, options.color, out);
-    return budget.fits() ? tools::ExitOk : tools::ExitNothing;
+    return budget.fits() ? tools::EXIT_OK : tools::EXIT_NOTHING;
 }

@@ -18,12 +18,12 @@ const CfgKey &requireKey(const std::string &name, const Scope &scope) {
     const CfgKey *key = findKey(name);
     if (key == nullptr) {
         const std::string near = nearestKey(name);
-        throw CommandError(tools::ExitUsage, "there is no setting '" + name + "'" +
-                                                 (near.empty() ? "" : "; did you mean " + near + "?"));
+        throw CommandError(tools::EXIT_USAGE, "there is no setting '" + name + "'" +
+                                                  (near.empty() ? "" : "; did you mean " + near + "?"));
     }
     if (!isReadIn(*key, scope.isLogset))
-        throw CommandError(tools::ExitUsage, std::string(key->name) + " is no setting of " +
-                                                 (scope.isLogset ? "a log set" : "an originator"));
+        throw CommandError(tools::EXIT_USAGE, std::string(key->name) + " is no setting of " +
+                                                  (scope.isLogset ? "a log set" : "an originator"));
     return *key;
 }
 
@@ -35,7 +35,7 @@ std::string asUtf8(const std::string &text) {
     const std::string converted = result == ZOLTLOG_OK ? utf8 : "";
     zoltLogFree(utf8);
     if (result != ZOLTLOG_OK)
-        throw CommandError(tools::ExitUsage, "'" + text + "' is no text in the encoding of the locale");
+        throw CommandError(tools::EXIT_USAGE, "'" + text + "' is no text in the encoding of the locale");
     return converted;
 }
 
@@ -44,7 +44,7 @@ std::string asUtf8(const std::string &text) {
 Change checkedChange(const std::string &argument, const Scope &scope) {
     const size_t equals = argument.find('=');
     if (equals == std::string::npos)
-        throw CommandError(tools::ExitUsage, "'" + argument + "' is not of the form KEY=VALUE");
+        throw CommandError(tools::EXIT_USAGE, "'" + argument + "' is not of the form KEY=VALUE");
     const CfgKey &key = requireKey(argument.substr(0, equals), scope);
     const std::string value = argument.substr(equals + 1);
     constexpr size_t VALUE_LIMIT = 399; // what the library uses of a value
@@ -53,18 +53,18 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
     constexpr size_t LINE_LIMIT = 498; // without the line feed
     if (value.find_first_of("=\n") != std::string::npos || utf8.size() > VALUE_LIMIT ||
         line.size() > LINE_LIMIT)
-        throw CommandError(tools::ExitUsage,
+        throw CommandError(tools::EXIT_USAGE,
                            std::string(key.name) + ": a value with '=', with a line feed or longer than " +
                                std::to_string(VALUE_LIMIT) + " bytes could not be read back");
     if (!value.empty() && value.back() == ' ')
-        throw CommandError(tools::ExitUsage, std::string(key.name) + ": blanks at the end would be lost");
+        throw CommandError(tools::EXIT_USAGE, std::string(key.name) + ": blanks at the end would be lost");
     if (key.name == std::string("FileName") && value.find_first_of("-/") != std::string::npos)
-        throw CommandError(tools::ExitUsage, "FileName: '-' and '/' would make the files' names unreadable");
+        throw CommandError(tools::EXIT_USAGE, "FileName: '-' and '/' would make the files' names unreadable");
     if (key.name == std::string("FileName") && value.find_first_not_of("0123456789") == std::string::npos)
-        throw CommandError(tools::ExitUsage,
+        throw CommandError(tools::EXIT_USAGE,
                            "FileName: the files of '" + value + "' would be taken for an originator's");
     if (key.name == std::string("LogDirectory") && scope.isBase() && !value.empty() && value[0] != '/')
-        throw CommandError(tools::ExitUsage,
+        throw CommandError(tools::EXIT_USAGE,
                            "LogDirectory: a relative path in " + scope.section() +
                                " would depend on where each program runs; give an absolute one");
     Settings scratch;
@@ -72,8 +72,8 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
                scope.isLogset ? scope.logset.c_str() : nullptr, &scratch.cfg);
     CfgSectionState state = {true, 0};
     if (cfgTake(&scratch.cfg, idOf(key), value.c_str(), &state) != CFG_EXACTLY)
-        throw CommandError(tools::ExitUsage, std::string(key.name) + ": '" + value +
-                                                 "' is not allowed; it takes " + key.values);
+        throw CommandError(tools::EXIT_USAGE, std::string(key.name) + ": '" + value +
+                                                  "' is not allowed; it takes " + key.values);
     return {&key, shown(scratch.cfg, idOf(key))};
 }
 
@@ -84,7 +84,7 @@ struct Section {
     Section(const Scope &scope, const std::string &name) : store{} {
         const uint32_t result = CreatePropertyString(scope.product.location.c_str(), name.c_str(), &store);
         if (result != ZOLTLOG_OK)
-            throw CommandError(tools::ExitUnreadable,
+            throw CommandError(tools::EXIT_UNREADABLE,
                                scope.product.location + " cannot be opened: " + tools::resultMessage(result));
     }
     ~Section() { utiClosePropertyStore(&store); }
@@ -121,7 +121,7 @@ int getSettings(const Options &options, Output &out) {
     json.endObject();
     if (options.json)
         writeJson(out, json);
-    return tools::ExitOk;
+    return tools::EXIT_OK;
 }
 
 int setSettings(const Options &options, Output &out) {
@@ -137,20 +137,20 @@ int setSettings(const Options &options, Output &out) {
         for (const Change &change : changes)
             out.write(verb + change.key->name + "=" + tools::escaped(change.value) + " in " + place(scope) +
                       "\n");
-        return tools::ExitOk;
+        return tools::EXIT_OK;
     }
     Section section(scope, scope.section());
     for (const Change &change : changes) {
         const uint32_t result =
             utipsres2zoltlogres(utiSetPropertyAsStr(&section.store, change.key->name, change.value.c_str()));
         if (result != ZOLTLOG_OK)
-            throw CommandError(tools::ExitUnreadable, std::string(change.key->name) + " was not written to " +
-                                                          scope.product.location + ": " +
-                                                          tools::resultMessage(result));
+            throw CommandError(tools::EXIT_UNREADABLE, std::string(change.key->name) +
+                                                           " was not written to " + scope.product.location +
+                                                           ": " + tools::resultMessage(result));
         out.write(verb + change.key->name + "=" + tools::escaped(change.value) + " in " + place(scope) +
                   "\n");
     }
-    return tools::ExitOk;
+    return tools::EXIT_OK;
 }
 
 int unsetSettings(const Options &options, Output &out) {
@@ -173,10 +173,10 @@ int unsetSettings(const Options &options, Output &out) {
         Section section(scope, scope.section());
         const uint32_t result = utipsres2zoltlogres(utiRemoveProperty(&section.store, name.c_str()));
         if (result != ZOLTLOG_OK)
-            throw CommandError(tools::ExitUnreadable, name + " was not removed from " +
-                                                          scope.product.location + ": " +
-                                                          tools::resultMessage(result));
+            throw CommandError(tools::EXIT_UNREADABLE, name + " was not removed from " +
+                                                           scope.product.location + ": " +
+                                                           tools::resultMessage(result));
         out.write("removed " + tools::escaped(name) + " from " + place(scope) + "\n");
     }
-    return present.empty() ? tools::ExitNothing : tools::ExitOk;
+    return present.empty() ? tools::EXIT_NOTHING : tools::EXIT_OK;
 }

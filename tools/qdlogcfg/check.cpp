@@ -375,7 +375,7 @@ int checkConfiguration(const Options &options, Output &out) {
     Findings findings;
     const ConfigFile mainFile = readConfigFile(mainConfigPath());
     if (!mainFile.readable)
-        throw CommandError(tools::ExitUnreadable,
+        throw CommandError(tools::EXIT_UNREADABLE,
                            mainConfigPath() + " cannot be read: " + std::strerror(mainFile.cause));
     std::vector<Product> products = registeredProducts(mainFile);
     if (options.product.empty())
@@ -423,5 +423,5 @@ int checkConfiguration(const Options &options, Output &out) {
                       ? "no problems in " + std::to_string(products.size()) + " product(s)\n"
                       : std::to_string(findings.list.size()) + " problem(s)\n");
     }
-    return findings.list.empty() ? tools::ExitOk : tools::ExitNothing;
+    return findings.list.empty() ? tools::EXIT_OK : tools::EXIT_NOTHING;
 }

@@ -280,5 +280,5 @@ int explainMessage(const Options &options, Output &out) {
         showAsJson(result, out);
     else
         showAsText(result, options.color, out);
-    return result.stopped ? tools::ExitNothing : tools::ExitOk;
+    return result.stopped ? tools::EXIT_NOTHING : tools::EXIT_OK;
 }

@@ -18,15 +18,15 @@ void writeJson(tools::Output &out, tools::Json &json) {
 }
 
 std::string readableSize(uint64_t bytes) {
-    static constexpr std::array<const char *, 6> units = {"KB", "MB", "GB", "TB", "PB", "EB"};
+    static constexpr std::array<const char *, 6> UNITS = {"KB", "MB", "GB", "TB", "PB", "EB"};
     auto size = static_cast<double>(bytes) / 1024;
     size_t unit = 0;
-    while (size >= 1024 && unit + 1 < units.size()) {
+    while (size >= 1024 && unit + 1 < UNITS.size()) {
         size /= 1024;
         ++unit;
     }
     char text[64];
-    std::snprintf(text, sizeof text, "%.1f %s", size, units[unit]);
+    std::snprintf(text, sizeof text, "%.1f %s", size, UNITS[unit]);
     return text;
 }
 
@@ -47,17 +47,17 @@ using tools::set;
 
 // Which options a command takes.
 enum Takes : unsigned {
-    EVERY = tools::TakesEvery,
-    JSON = tools::TakesJson,
-    PRODUCT = tools::FirstOwn,
+    EVERY = tools::TAKES_EVERY,
+    JSON = tools::TAKES_JSON,
+    PRODUCT = tools::FIRST_OWN,
     SCOPE = PRODUCT << 1,        // --originator, --logset
     REGISTRATION = PRODUCT << 2, // --names, --file
     MESSAGE = PRODUCT << 3,      // --kind, --level, --severity ...
     DRY_RUN = PRODUCT << 4,
     EXPORT = PRODUCT << 5,
-    SHOWS = EVERY | JSON | tools::TakesPages | tools::TakesConfig | tools::TakesCompletion,
-    CHANGES =
-        EVERY | DRY_RUN | tools::TakesCompletion | tools::TakesPages | tools::TakesQuiet | tools::TakesConfig,
+    SHOWS = EVERY | JSON | tools::TAKES_PAGES | tools::TAKES_CONFIG | tools::TAKES_COMPLETION,
+    CHANGES = EVERY | DRY_RUN | tools::TAKES_COMPLETION | tools::TAKES_PAGES | tools::TAKES_QUIET |
+              tools::TAKES_CONFIG,
 };
 
 struct Command : tools::Command {
@@ -65,7 +65,7 @@ struct Command : tools::Command {
     bool productFirst = false; // its operand is the product
 };
 
-constexpr size_t ANY = tools::AnyNumber;
+constexpr size_t ANY = tools::ANY_NUMBER;
 
 const Command COMMANDS[] = {
     {{"product add", CHANGES | REGISTRATION, REGISTRATION, "ID", 1, 1, "Register a product",
@@ -180,7 +180,7 @@ int runCommand(const tools::Tool &tool, Options &options) {
         if (written || out.error == EPIPE)
             return status;
         std::fprintf(stderr, "qdlogcfg: the output could not be written: %s\n", std::strerror(out.error));
-        return tools::ExitPartial;
+        return tools::EXIT_PARTIAL;
     } catch (const CommandError &error) {
         out.flush();
         pager.finish();
@@ -208,6 +208,6 @@ int main(int argc, char **argv) {
         return runCommand(tool, options);
     } catch (const std::exception &error) { // out of memory, or a path that cannot be used
         std::fprintf(stderr, "qdlogcfg: %s\n", tools::escaped(error.what()).c_str());
-        return tools::ExitUnreadable;
+        return tools::EXIT_UNREADABLE;
     }
 }

@@ -13,13 +13,13 @@ namespace {
 uint64_t productId(const Options &options) {
     const std::optional<uint64_t> id = decimal(options.product);
     if (!id || isProdIdValid(*id) == 0)
-        throw CommandError(tools::ExitUsage,
+        throw CommandError(tools::EXIT_USAGE,
                            "'" + options.product + "' is no product id (a number from 1 on)");
     return *id;
 }
 
 [[noreturn]] void fail(const std::string &what, uint32_t result) {
-    throw CommandError(tools::ExitUnreadable, what + ": " + tools::resultMessage(result));
+    throw CommandError(tools::EXIT_UNREADABLE, what + ": " + tools::resultMessage(result));
 }
 
 void writeProduct(Json &json, const Product &product) {
@@ -37,13 +37,13 @@ int productAdd(const Options &options, Output &out) {
     const uint64_t id = productId(options);
     if (options.file.empty() || options.file.find(".conf") == std::string::npos || options.file[0] != '/')
         throw CommandError(
-            tools::ExitUsage,
+            tools::EXIT_USAGE,
             "--file takes the absolute path of the product's configuration file; it must hold \".conf\"");
     constexpr size_t VALUE_LIMIT = 399; // what the library uses of a value
     for (const std::string &text : {options.names, options.file})
         if (text.find_first_of("=\n") != std::string::npos || text.size() > VALUE_LIMIT ||
             (!text.empty() && text.back() == ' '))
-            throw CommandError(tools::ExitUsage,
+            throw CommandError(tools::EXIT_USAGE,
                                "a name or path with '=', with a line feed, with a blank at its end or longer "
                                "than " +
                                    std::to_string(VALUE_LIMIT) + " bytes could not be read back");
@@ -58,14 +58,14 @@ int productAdd(const Options &options, Output &out) {
                  ZOLTLOG_PRODUCT_EXISTS);
         out.write("would register product " + std::to_string(id) + " (" + options.names + ") with " +
                   options.file + " in " + mainConfigPath() + "\n");
-        return tools::ExitOk;
+        return tools::EXIT_OK;
     }
     const uint32_t result = zoltLogAddProductCfg(id, options.names.c_str(), options.file.c_str());
     if (result != ZOLTLOG_OK)
         fail("product " + std::to_string(id) + " was not registered in " + mainConfigPath(), result);
     out.write("registered product " + std::to_string(id) + " (" + options.names + ") with " + options.file +
               " in " + mainConfigPath() + "\n");
-    return tools::ExitOk;
+    return tools::EXIT_OK;
 }
 
 int productRemove(const Options &options, Output &out) {
@@ -73,14 +73,14 @@ int productRemove(const Options &options, Output &out) {
     if (options.dryRun) {
         out.write("would remove product " + std::to_string(product.id) + " from " + mainConfigPath() + "; " +
                   product.location + " would stay\n");
-        return tools::ExitOk;
+        return tools::EXIT_OK;
     }
     const uint32_t result = zoltLogRemoveProductCfg(product.id);
     if (result != ZOLTLOG_OK)
         fail("product " + std::to_string(product.id) + " was not removed", result);
     out.write("removed product " + std::to_string(product.id) + " from " + mainConfigPath() + "; " +
               product.location + " and its log files are left in place\n");
-    return tools::ExitOk;
+    return tools::EXIT_OK;
 }
 
 int productList(const Options &options, Output &out) {
@@ -102,7 +102,7 @@ int productList(const Options &options, Output &out) {
             table.rows.push_back({std::to_string(product.id), product.names, product.location});
         tools::printTable(out, table, options.color);
     }
-    return products.empty() ? tools::ExitNothing : tools::ExitOk;
+    return products.empty() ? tools::EXIT_NOTHING : tools::EXIT_OK;
 }
 
 int productShow(const Options &options, Output &out) {
@@ -132,7 +132,7 @@ int productShow(const Options &options, Output &out) {
         json.number("logsets", static_cast<uint64_t>(logsets));
         json.endObject();
         writeJson(out, json);
-        return tools::ExitOk;
+        return tools::EXIT_OK;
     }
     tools::Table table{{{""}, {""}}, {}, false};
     table.rows.push_back({"product", std::to_string(product.id)});
@@ -144,5 +144,5 @@ int productShow(const Options &options, Output &out) {
     table.rows.push_back({"originators", std::to_string(originators) + " (Default included)"});
     table.rows.push_back({"log sets", std::to_string(logsets)});
     tools::printTable(out, table, options.color);
-    return tools::ExitOk;
+    return tools::EXIT_OK;
 }

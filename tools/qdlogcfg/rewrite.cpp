@@ -81,6 +81,6 @@ void rewriteFile(const std::string &path, const std::function<std::string(const 
     const uint32_t result = storeRewrite(ignored ? path.c_str() : real.c_str(), &how);
     if (result != ZOLTLOG_STORE_OK)
         throw CommandError(
-            tools::ExitUnreadable,
+            tools::EXIT_UNREADABLE,
             path + " was not changed: " + (making.error.empty() ? reasonOf(result) : making.error));
 }

@@ -72,7 +72,7 @@ std::vector<Product> registeredProducts(const ConfigFile &mainFile) {
 
 void requireReadable(const ConfigFile &file) {
     if (file.exists && !file.readable)
-        throw CommandError(tools::ExitUnreadable,
+        throw CommandError(tools::EXIT_UNREADABLE,
                            file.path + " cannot be read: " + std::strerror(file.cause));
 }
 
@@ -84,9 +84,9 @@ Product findProduct(const std::string &text) {
     for (const Product &product : products)
         if (id ? product.id == *id : namesHold(product.names, text))
             return product;
-    throw CommandError(tools::ExitUnreadable, "no product '" + text + "' is registered in " +
-                                                  mainConfigPath() +
-                                                  (products.empty() ? " (it registers none)" : ""));
+    throw CommandError(tools::EXIT_UNREADABLE, "no product '" + text + "' is registered in " +
+                                                   mainConfigPath() +
+                                                   (products.empty() ? " (it registers none)" : ""));
 }
 
 std::string Scope::section() const {
@@ -108,12 +108,12 @@ std::string Scope::title() const {
 Scope findScope(const Product &product, const ConfigFile &file, const std::string &originator,
                 const std::string &logset) {
     if (!originator.empty() && !logset.empty())
-        throw CommandError(tools::ExitUsage, "give an originator or a log set, not both");
+        throw CommandError(tools::EXIT_USAGE, "give an originator or a log set, not both");
     if (!logset.empty()) {
         if (logset.find_first_of(".=\n") != std::string::npos)
-            throw CommandError(tools::ExitUsage, "a log set's name holds no '.', no '=' and no line feed");
+            throw CommandError(tools::EXIT_USAGE, "a log set's name holds no '.', no '=' and no line feed");
         if (product.location.find(".conf") == std::string::npos)
-            throw CommandError(tools::ExitUnreadable,
+            throw CommandError(tools::EXIT_UNREADABLE,
                                product.location + " holds no \".conf\" in its path: its log sets are not "
                                                   "settings of this file");
         return {product, true, 0, logset};
@@ -122,7 +122,7 @@ Scope findScope(const Product &product, const ConfigFile &file, const std::strin
         return {product, false, ZOLTLOG_DEFAULT_ORIGINATOR, ""};
     if (const std::optional<uint64_t> id = decimal(originator)) {
         if (isOrigIdValid(*id) == 0)
-            throw CommandError(tools::ExitUsage, "0 is no originator id");
+            throw CommandError(tools::EXIT_USAGE, "0 is no originator id");
         return {product, false, *id, ""};
     }
     for (const Scope &scope : allScopes(product, file)) {
@@ -131,7 +131,7 @@ Scope findScope(const Product &product, const ConfigFile &file, const std::strin
             namesHold(settings.cfg.originatorNames, originator))
             return scope;
     }
-    throw CommandError(tools::ExitUnreadable,
+    throw CommandError(tools::EXIT_UNREADABLE,
                        "product " + std::to_string(product.id) + " has no originator '" + originator + "'");
 }
 
@@ -226,9 +226,9 @@ std::vector<Effective> effectiveSettings(const Scope &scope, const ConfigFile &f
     Settings settings;
     const std::vector<SectionKeys> sections = readSections(scope, file, settings);
     if (sections.empty())
-        throw CommandError(tools::ExitUnreadable, scope.title() + " of product " +
-                                                      std::to_string(scope.product.id) +
-                                                      " has no settings in " + file.path);
+        throw CommandError(tools::EXIT_UNREADABLE, scope.title() + " of product " +
+                                                       std::to_string(scope.product.id) +
+                                                       " has no settings in " + file.path);
     std::vector<Effective> result;
     for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
         const auto id = static_cast<CfgKeyId>(i);

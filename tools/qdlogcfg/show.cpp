@@ -37,7 +37,7 @@ int listScopes(const Options &options, Output &out) {
         writeJson(out, json);
     else
         tools::printTable(out, table, options.color);
-    return tools::ExitOk;
+    return tools::EXIT_OK;
 }
 
 namespace {
@@ -68,11 +68,11 @@ int showSettings(const Options &options, Output &out) {
     if (options.exported) {
         if (!options.originator.empty() || !options.logset.empty()) {
             exportSection(findScope(product, file, options.originator, options.logset), file, out);
-            return tools::ExitOk;
+            return tools::EXIT_OK;
         }
         for (const Scope &scope : allScopes(product, file))
             exportSection(scope, file, out);
-        return tools::ExitOk;
+        return tools::EXIT_OK;
     }
     const Scope scope = findScope(product, file, options.originator, options.logset);
     const std::vector<Effective> settings = effectiveSettings(scope, file);
@@ -104,7 +104,7 @@ int showSettings(const Options &options, Output &out) {
         }
         json.endArray();
         writeJson(out, json);
-        return tools::ExitOk;
+        return tools::EXIT_OK;
     }
     out.write("product " + std::to_string(scope.product.id) + ", " + scope.title() + "\n");
     tools::Table table{{{"KEY"}, {"VALUE"}, {"FROM"}}, {}, true};
@@ -122,5 +122,5 @@ int showSettings(const Options &options, Output &out) {
                                    tools::Style::Yellow}});
     }
     tools::printTable(out, table, options.color);
-    return tools::ExitOk;
+    return tools::EXIT_OK;
 }

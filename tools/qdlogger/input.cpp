@@ -12,7 +12,7 @@ namespace qdlogger {
 
 namespace {
 
-constexpr size_t ReadSize = size_t{256} * 1024;
+constexpr size_t READ_SIZE = size_t{256} * 1024;
 
 } // namespace
 
@@ -40,8 +40,8 @@ bool LineReader::next(std::string_view &line) {
             searched -= begin;
             begin = 0;
         }
-        if (buffer.size() < end + ReadSize + 1)
-            buffer.resize(end + end / 2 + ReadSize + 1);
+        if (buffer.size() < end + READ_SIZE + 1)
+            buffer.resize(end + end / 2 + READ_SIZE + 1);
         const ssize_t count = read(descriptor, buffer.data() + end, buffer.size() - end - 1);
         if (count > 0) {
             end += static_cast<size_t>(count);

@@ -129,9 +129,9 @@ void send(Sender &sender, const char *text) {
 
 // The exit status when all messages have been tried
 int conclude(const Sender &sender, int inputError) {
-    int status = tools::ExitOk;
+    int status = tools::EXIT_OK;
     if (sender.failed > 0) {
-        status = tools::ExitPartial;
+        status = tools::EXIT_PARTIAL;
         if (sender.sent > 1)
             complain(sender.settings, std::to_string(sender.failed) + " of " + std::to_string(sender.sent) +
                                           " messages were not written");
@@ -139,11 +139,11 @@ int conclude(const Sender &sender, int inputError) {
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         if ((sender.settings.outputFlags & ZOLTLOG_OUT_STDOUT) != 0)
             complain(sender.settings, "standard output cannot be written");
-        status = tools::ExitPartial;
+        status = tools::EXIT_PARTIAL;
     }
     if (inputError != 0) {
         complain(sender.settings, std::string("standard input cannot be read: ") + std::strerror(inputError));
-        status = tools::ExitUnreadable;
+        status = tools::EXIT_UNREADABLE;
     }
     return status;
 }
@@ -152,7 +152,7 @@ int run(const Settings &settings) {
     Utf8Texts texts(settings.utf8);
     Target target;
     if (!resolve(settings, target))
-        return tools::ExitUnreadable;
+        return tools::EXIT_UNREADABLE;
     Log log;
     const uint32_t opened = open(settings, target, texts, log);
     if (opened != ZOLTLOG_OK) {
@@ -160,7 +160,7 @@ int run(const Settings &settings) {
                                (settings.logset ? ", log set '" + *settings.logset + "'," : "") +
                                " cannot be opened: " + tools::configurationProblem(target.product, opened));
         close(log);
-        return tools::ExitUnreadable;
+        return tools::EXIT_UNREADABLE;
     }
     const bool audit = settings.kind == ZOLTLOG_MSG_AUDIT;
     Sender sender{settings, log.used, texts.convert((audit ? settings.subject : settings.who).value_or(""))};

@@ -13,7 +13,7 @@ using tools::setWithin;
 
 // ---- values ----------------------------------------------------------------------
 
-constexpr const char *kinds[] = {"app", "diag", "debug", "audit"};
+constexpr const char *KINDS[] = {"app", "diag", "debug", "audit"};
 
 // Also the full names, as in the other tools
 bool takeKind(Settings &settings, const char *value, std::string &error) {
@@ -45,43 +45,43 @@ bool addOutput(Settings &settings, const char *, std::string &) {
 
 // ---- the tables --------------------------------------------------------------------
 
-constexpr unsigned Every = tools::TakesEvery;
+constexpr unsigned EVERY = tools::TAKES_EVERY;
 
-const tools::Command commands[] = {
-    {"", Every | tools::TakesQuiet | tools::TakesConfig | tools::TakesCompletion, 0, "[MESSAGE]...", 0,
-     tools::AnyNumber, "", nullptr},
+const tools::Command COMMANDS[] = {
+    {"", EVERY | tools::TAKES_QUIET | tools::TAKES_CONFIG | tools::TAKES_COMPLETION, 0, "[MESSAGE]...", 0,
+     tools::ANY_NUMBER, "", nullptr},
 };
 
-const tools::Option options[] = {
-    {"-P,--product", Every, "PRODUCT", "the product, by id or name (required)", set<&Settings::product>,
+const tools::Option OPTIONS[] = {
+    {"-P,--product", EVERY, "PRODUCT", "the product, by id or name (required)", set<&Settings::product>,
      "Where to"},
-    {"-u,--originator", Every, "ORIGINATOR",
+    {"-u,--originator", EVERY, "ORIGINATOR",
      "its component, by id or name (default 112,\nthe default originator)", set<&Settings::originator>},
-    {"-L,--logset", Every, "NAME", "write to the files of this log set", set<&Settings::logset>},
-    {"--stdout", Every, nullptr, "copies to standard output, by the formatter\nplug-in (not of audit)",
+    {"-L,--logset", EVERY, "NAME", "write to the files of this log set", set<&Settings::logset>},
+    {"--stdout", EVERY, nullptr, "copies to standard output, by the formatter\nplug-in (not of audit)",
      set<addOutput<ZOLTLOG_OUT_STDOUT>>},
-    {"--stderr", Every, nullptr, "copies to standard error (app and diag)",
+    {"--stderr", EVERY, nullptr, "copies to standard error (app and diag)",
      set<addOutput<ZOLTLOG_OUT_STDERR>>},
-    {"--syslog", Every, nullptr, "copies to the system log (app)", set<addOutput<ZOLTLOG_OUT_OSLOG>>},
-    {"-k,--kind", Every, "KIND", "app (default), diag, debug or audit", set<takeKind>, "What"},
-    {"-p,--priority,--severity", Every, "SEV",
+    {"--syslog", EVERY, nullptr, "copies to the system log (app)", set<addOutput<ZOLTLOG_OUT_OSLOG>>},
+    {"-k,--kind", EVERY, "KIND", "app (default), diag, debug or audit", set<takeKind>, "What"},
+    {"-p,--priority,--severity", EVERY, "SEV",
      "of app: info (default), warning, error,\ncritical, emergency, or 0 to 4", set<takeSeverity>},
-    {"-l,--level", Every, "LEVEL",
+    {"-l,--level", EVERY, "LEVEL",
      "of diag and debug: 1 (default) to 6; messages above\nthe configured level are not written",
      setWithin<&Settings::level, ZOLTLOG_LEVEL_FIRST, ZOLTLOG_LEVEL_LAST>},
-    {"-t,--who", Every, "TEXT", "of app, diag and debug: the reporting component", set<&Settings::who>},
-    {"--id", Every, "NUMBER", "message id (default: the messages are numbered)", set<&Settings::id>},
-    {"-x,--context", Every, "TOKEN", "open a context with this token for the messages",
+    {"-t,--who", EVERY, "TEXT", "of app, diag and debug: the reporting component", set<&Settings::who>},
+    {"--id", EVERY, "NUMBER", "message id (default: the messages are numbered)", set<&Settings::id>},
+    {"-x,--context", EVERY, "TOKEN", "open a context with this token for the messages",
      set<&Settings::context>},
-    {"--subject", Every, "TEXT", "of audit: who did it", set<&Settings::subject>},
-    {"--outcome", Every, "NUMBER", "of audit: how it ended (default 0)",
+    {"--subject", EVERY, "TEXT", "of audit: who did it", set<&Settings::subject>},
+    {"--outcome", EVERY, "NUMBER", "of audit: how it ended (default 0)",
      setWithin<&Settings::outcome, 0, UINT32_MAX>},
-    {"--utf8", Every, nullptr, "the input is UTF-8, whatever the locale", set<&Settings::utf8>},
+    {"--utf8", EVERY, nullptr, "the input is UTF-8, whatever the locale", set<&Settings::utf8>},
 };
 
 bool complete(tools::CommonOptions &settings, std::vector<std::string> &words, int &) {
     if (settings.complete == "kinds") {
-        words.assign(std::begin(kinds), std::end(kinds));
+        words.assign(std::begin(KINDS), std::end(KINDS));
     } else if (settings.complete == "severities") {
         for (int32_t severity = 0; severity <= ZOLTLOG_SEVERITY_EMERGENCY; ++severity)
             words.emplace_back(tools::severityName(severity));
@@ -115,8 +115,8 @@ std::optional<int> parse(int argc, char **argv, Settings &settings) {
         "qdlogger",
         "Sends messages to the logs of a product: the words of the command line as one\n"
         "message, or without words each line of standard input as one message.\n",
-        tools::rowsOf<tools::Option>(options),
-        tools::rowsOf<tools::Command>(commands),
+        tools::rowsOf<tools::Option>(OPTIONS),
+        tools::rowsOf<tools::Command>(COMMANDS),
         "Exit status: 0 all messages were written, or dropped by their level; 2 wrong\n"
         "usage; 3 the configuration, the log or the input cannot be opened or read;\n"
         "4 some messages were not written.\n",

@@ -166,13 +166,13 @@ int finish(Run &run, size_t done) {
     for (const std::string &problem : run.problems)
         std::fprintf(stderr, "qdlogmgr: %s\n", tools::escaped(problem).c_str());
     if (run.failures != 0)
-        return tools::ExitPartial;
+        return tools::EXIT_PARTIAL;
     if (!run.problems.empty())
-        return done != 0 ? tools::ExitPartial : tools::ExitUnreadable;
+        return done != 0 ? tools::EXIT_PARTIAL : tools::EXIT_UNREADABLE;
     if (done == 0 && !run.options.quiet)
         std::fprintf(stderr, "qdlogmgr: %s\n",
                      run.series.empty() ? "no log files were found" : "no file matches");
-    return done != 0 ? tools::ExitOk : tools::ExitNothing;
+    return done != 0 ? tools::EXIT_OK : tools::EXIT_NOTHING;
 }
 
 } // namespace qdlogmgr
@@ -185,14 +185,14 @@ int main(int argc, char **argv) {
         return *status;
     tools::Output out;
     Run run{options, {}, out, {}, 0};
-    int status = tools::ExitUnreadable;
+    int status = tools::EXIT_UNREADABLE;
     if (findSeries(options, run.series, run.problems))
         status = static_cast<const Command *>(options.command)->run(run);
     else
         finish(run, 0);
     if (!out.flush() && out.error != EPIPE) {
         std::fprintf(stderr, "qdlogmgr: the output could not be written: %s\n", strerror(out.error));
-        status = tools::ExitPartial;
+        status = tools::EXIT_PARTIAL;
     }
     return status;
 }

@@ -14,20 +14,20 @@ using tools::set;
 // ---- the tables ------------------------------------------------------------------
 
 enum Takes : unsigned {
-    EVERY = tools::TakesEvery,
-    FILES = tools::FirstOwn, // which files of the series
-    TARGET = FILES << 1,     // where copies go
+    EVERY = tools::TAKES_EVERY,
+    FILES = tools::FIRST_OWN, // which files of the series
+    TARGET = FILES << 1,      // where copies go
     LINK = FILES << 2,
     REPLACE = FILES << 3,
     VACUUM = FILES << 4,  // limits
     REMOVAL = FILES << 5, // it removes files
     TABLE = FILES << 6,   // it shows a table of files
     CHANGES = FILES << 7, // it can be tried dry
-    COMMON = EVERY | tools::TakesJson | tools::TakesPages | tools::TakesQuiet | tools::TakesConfig |
-             tools::TakesCompletion,
+    COMMON = EVERY | tools::TAKES_JSON | tools::TAKES_PAGES | tools::TAKES_QUIET | tools::TAKES_CONFIG |
+             tools::TAKES_COMPLETION,
 };
 
-constexpr size_t ANY = tools::AnyNumber;
+constexpr size_t ANY = tools::ANY_NUMBER;
 
 const Command COMMANDS[] = {
     {{"list", COMMON | FILES | TABLE, 0, "[FILE]...", 0, ANY, "List the log files of the series",

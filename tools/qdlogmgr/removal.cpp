@@ -78,7 +78,7 @@ int vacuumFiles(Run &run) {
         !run.series.empty()) { // which is what was asked for
         if (!options.json && !options.quiet)
             run.out.write("nothing to remove\n");
-        return tools::ExitOk;
+        return tools::EXIT_OK;
     }
     return finish(run, removed);
 }

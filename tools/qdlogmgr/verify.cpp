@@ -125,7 +125,7 @@ int verifyFiles(Run &run) {
         showAsText(run, checked);
     const int status = finish(run, checked.files);
     pager.finish();
-    return status == tools::ExitOk && checked.problems != 0 ? static_cast<int>(tools::ExitNothing) : status;
+    return status == tools::EXIT_OK && checked.problems != 0 ? static_cast<int>(tools::EXIT_NOTHING) : status;
 }
 
 } // namespace qdlogmgr

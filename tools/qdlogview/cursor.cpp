@@ -12,7 +12,7 @@ namespace qdlogview {
 
 namespace {
 
-constexpr size_t KeptApart = 8; // newest files of a series that get an entry of their own
+constexpr size_t KEPT_APART = 8; // newest files of a series that get an entry of their own
 
 std::string quoted(const std::string &path) {
     std::string out;
@@ -139,7 +139,7 @@ std::string cursorText(const Reader &reader, const Cursor &before) {
         series[name]; // stays read, also without a file that is left
     for (auto &[name, files] : series) {
         size_t done = 0; // from the begin of the series
-        while (done + KeptApart < files.size() && files[done]->position >= files[done]->source.size &&
+        while (done + KEPT_APART < files.size() && files[done]->position >= files[done]->source.size &&
                files[done]->state == Stream::State::Ended && !files[done]->stopped)
             ++done;
         if (done > 0)

@@ -26,7 +26,7 @@ bool PatternList::matches(std::string_view text) const {
 namespace {
 
 constexpr uint32_t maskOf(uint32_t type) {
-    return type == tools::TypeUnknown ? 1U << 31 : 1U << type;
+    return type == tools::TYPE_UNKNOWN ? 1U << 31 : 1U << type;
 }
 
 bool inRanges(const std::vector<NumberRange> &ranges, uint64_t value) {
@@ -120,7 +120,7 @@ bool Filter::selectsRest(const Item &item) {
     if (hasOutcome && (record.type != ZOLTLOG_MSG_AUDIT || record.number != outcome))
         return false;
     if (!who.empty() &&
-        ((record.type > ZOLTLOG_MSG_APP && record.type != tools::TypeUnknown) || !who.matches(record.who)))
+        ((record.type > ZOLTLOG_MSG_APP && record.type != tools::TYPE_UNKNOWN) || !who.matches(record.who)))
         return false;
     if (!subject.empty() && (record.type != ZOLTLOG_MSG_AUDIT || !subject.matches(record.who)))
         return false;

@@ -35,7 +35,7 @@ void allowManyFiles() {
 
 // What one run of the program found, and how it ended.
 struct Outcome {
-    tools::ExitCode status = tools::ExitOk;
+    tools::ExitCode status = tools::EXIT_OK;
     int outputError = 0; // errno
     std::vector<std::string> problems;
     std::vector<Reader::DamagedFile> damaged;
@@ -84,7 +84,7 @@ void show(const Settings &settings, Sources &sources, Filter &filter, const Curs
     if (settings.follow || !settings.cursorFile.empty())
         installStopSignals();
     View view(settings, sources, filter, printer, out, cursor, range);
-    outcome.status = view.show() ? tools::ExitOk : tools::ExitNothing;
+    outcome.status = view.show() ? tools::EXIT_OK : tools::EXIT_NOTHING;
     outcome.problems.insert(outcome.problems.end(), view.problems.begin(), view.problems.end());
     outcome.damaged = view.damaged;
 }
@@ -98,7 +98,7 @@ void tellFindings(const Settings &settings, const Sources &sources, const Filter
                  std::to_string(file.firstOffset) + " first (see --verify)");
     if (filter.gaveUp())
         complain("a regular expression was too complex for some texts; they count as not matching");
-    if (outcome.status != tools::ExitNothing || settings.report != Report::None || !outcome.problems.empty())
+    if (outcome.status != tools::EXIT_NOTHING || settings.report != Report::None || !outcome.problems.empty())
         return;
     if (sources.files.empty())
         complain("no log files were found" +
@@ -110,14 +110,14 @@ void tellFindings(const Settings &settings, const Sources &sources, const Filter
 int conclude(const Settings &settings, const Sources &sources, const Filter &filter, const Outcome &outcome) {
     if (outcome.outputError != 0) {
         complain(std::string("the output could not be written: ") + std::strerror(outcome.outputError));
-        return tools::ExitPartial;
+        return tools::EXIT_PARTIAL;
     }
     if (!settings.quiet)
         tellFindings(settings, sources, filter, outcome);
     if (!outcome.problems.empty())
-        return tools::ExitUnreadable;
+        return tools::EXIT_UNREADABLE;
     if (!outcome.damaged.empty() || filter.gaveUp())
-        return tools::ExitPartial;
+        return tools::EXIT_PARTIAL;
     return outcome.status;
 }
 
@@ -135,7 +135,7 @@ int run(int argc, char **argv) {
     if (!settings.cursorFile.empty() && settings.afterCursor.empty() &&
         !cursor.load(settings.cursorFile, error)) {
         complain(error);
-        return tools::ExitUnreadable;
+        return tools::EXIT_UNREADABLE;
     }
     allowManyFiles();
 
@@ -147,7 +147,7 @@ int run(int argc, char **argv) {
     if (!found) {
         for (const std::string &problem : outcome.problems)
             complain(problem);
-        return tools::ExitUnreadable;
+        return tools::EXIT_UNREADABLE;
     }
     filter.hasOriginator = sources.hasOriginator;
     filter.originator = sources.originator;
@@ -166,7 +166,7 @@ int run(int argc, char **argv) {
         const tools::IdNames names = tools::configuredIdNames();
         const ReadRange range{filter.hasRange, filter.since, filter.until, settings.scan, &names};
         if (settings.hasRun && !chooseRun(settings, sources, range, out, filter, outcome)) {
-            outcome.status = tools::ExitNothing;
+            outcome.status = tools::EXIT_NOTHING;
             outcome.problems.push_back("there is no run " + std::to_string(settings.run) +
                                        " (see --list-runs)");
         } else if (settings.report != Report::None)
@@ -191,6 +191,6 @@ int main(int argc, char **argv) {
         return qdlogview::run(argc, argv);
     } catch (const std::exception &failure) {
         std::fprintf(stderr, "qdlogview: %s\n", failure.what());
-        return tools::ExitPartial;
+        return tools::EXIT_PARTIAL;
     }
 }

@@ -216,9 +216,9 @@ namespace {
 Style styleOf(const Record &record) {
     switch (record.type) {
     case ZOLTLOG_MSG_APP: {
-        constexpr Style bySeverity[] = {Style::Plain, Style::Yellow, Style::Red, Style::BoldRed,
-                                        Style::BoldRed};
-        return bySeverity[record.number];
+        constexpr Style BY_SEVERITY[] = {Style::Plain, Style::Yellow, Style::Red, Style::BoldRed,
+                                         Style::BoldRed};
+        return BY_SEVERITY[record.number];
     }
     case ZOLTLOG_MSG_DEBUG:
         return Style::Dim;

@@ -17,7 +17,7 @@ using tools::Item;
 
 namespace {
 
-constexpr int MaxDepth = 200; // of nested parentheses and "not"
+constexpr int MAX_DEPTH = 200; // of nested parentheses and "not"
 
 // ---- tokens ----------------------------------------------------------------------
 
@@ -77,7 +77,7 @@ struct CompareRow {
     const char *symbol;
     QueryNode::Compare compare;
 };
-constexpr CompareRow compares[] = {
+constexpr CompareRow COMPARES[] = {
     {"=", QueryNode::Compare::Equal},     {"==", QueryNode::Compare::Equal},
     {"!=", QueryNode::Compare::NotEqual}, {"<>", QueryNode::Compare::NotEqual},
     {"<", QueryNode::Compare::Less},      {"<=", QueryNode::Compare::LessEqual},
@@ -149,7 +149,7 @@ struct Parser {
     }
 
     int parseNot() {
-        if (++depth > MaxDepth)
+        if (++depth > MAX_DEPTH)
             return fail("too many levels");
         int node = -1;
         if (isWord("not") || isSymbol("!")) {
@@ -183,7 +183,7 @@ struct Parser {
         node.type = node.field->type;
         if (isWord("in"))
             return parseList(node);
-        for (const CompareRow &each : compares) {
+        for (const CompareRow &each : COMPARES) {
             if (!isSymbol(each.symbol))
                 continue;
             advance();
@@ -391,7 +391,7 @@ bool Query::gaveUp() const {
 
 namespace {
 
-constexpr int MaxOperators = 199; // what the library's walk supports
+constexpr int MAX_OPERATORS = 199; // what the library's walk supports
 
 int32_t operatorOf(QueryNode::Compare compare, bool negated) {
     switch (compare) {
@@ -487,16 +487,16 @@ LogQueryNode *FileQuery::project(const Query &query, int at, bool negated) {
         // A file with a record at or after a time was modified then or later; one with
         // a record at or before it was created before. Both in seconds, with room for
         // records of several processes that are a little out of order.
-        constexpr int64_t room = tools::OrderSlack / 1000 + 1;
+        constexpr int64_t ROOM = tools::ORDER_SLACK / 1000 + 1;
         const int64_t seconds = node.value / 1000;
-        if (negated || seconds <= room)
+        if (negated || seconds <= ROOM)
             return nullptr;
         if (kind == ZOLTLOG_OP_GREATER || kind == ZOLTLOG_OP_GREATER_EQUAL)
             return compare(ZOLTLOG_ATTR_TIME, ZOLTLOG_OP_GREATER_EQUAL,
-                           static_cast<uint64_t>(seconds - room));
+                           static_cast<uint64_t>(seconds - ROOM));
         if (kind == ZOLTLOG_OP_LESS || kind == ZOLTLOG_OP_LESS_EQUAL)
             return compare(ZOLTLOG_ATTR_CREATION_TIME, ZOLTLOG_OP_LESS_EQUAL,
-                           static_cast<uint64_t>(seconds + room));
+                           static_cast<uint64_t>(seconds + ROOM));
         return nullptr;
     }
     default:
@@ -508,7 +508,7 @@ FileQuery::FileQuery(const Query &query) {
     if (query.empty())
         return;
     root = project(query, query.root, false);
-    if (operators > MaxOperators)
+    if (operators > MAX_OPERATORS)
         root = nullptr;
 }
 

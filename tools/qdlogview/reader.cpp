@@ -6,14 +6,14 @@
 namespace qdlogview {
 
 using tools::Item;
-using tools::OrderSlack;
+using tools::ORDER_SLACK;
 using tools::RecordFile;
 
 namespace {
 
-constexpr uint64_t SmallFile = 256UL * 1024;        // read as it is, without a search for times
-constexpr size_t BufferBudget = 64UL * 1024 * 1024; // of all block buffers together
-constexpr size_t SmallestBlock = 16UL * 1024;
+constexpr uint64_t SMALL_FILE = 256UL * 1024;        // read as it is, without a search for times
+constexpr size_t BUFFER_BUDGET = 64UL * 1024 * 1024; // of all block buffers together
+constexpr size_t SMALLEST_BLOCK = 16UL * 1024;
 
 int64_t saturatingAdd(int64_t a, int64_t b) {
     int64_t sum = 0;
@@ -30,10 +30,10 @@ void Reader::add(const SourceFile &source, uint64_t from, uint64_t to) {
     stream->from = stream->position = from;
     stream->key = backwards ? source.modified : source.created;
     if (range.limited && !range.scan) {
-        if (source.modified < saturatingAdd(range.since, -OrderSlack)) { // nothing was written since
+        if (source.modified < saturatingAdd(range.since, -ORDER_SLACK)) { // nothing was written since
             stream->state = Stream::State::Ended;
             stream->position = source.size;
-        } else if (source.created > saturatingAdd(range.until, OrderSlack)) {
+        } else if (source.created > saturatingAdd(range.until, ORDER_SLACK)) {
             stream->state = Stream::State::Ended;
         }
     }
@@ -41,13 +41,13 @@ void Reader::add(const SourceFile &source, uint64_t from, uint64_t to) {
 }
 
 bool Reader::beyondRange(int64_t firstTime) const {
-    return range.limited && !range.scan && firstTime > saturatingAdd(range.until, OrderSlack);
+    return range.limited && !range.scan && firstTime > saturatingAdd(range.until, ORDER_SLACK);
 }
 
 // Within a series files begin one after the other: those beyond the range are found
 // by bisection over the times of their first records.
 void Reader::prepare() {
-    constexpr size_t worthwhile = 16;
+    constexpr size_t WORTHWHILE = 16;
     for (size_t begin = 0;
          begin < streams.size() && range.limited && !range.scan && range.until != INT64_MAX;) {
         size_t end = begin;
@@ -57,7 +57,7 @@ void Reader::prepare() {
                 series.push_back(streams[end].get());
             ++end;
         }
-        if (series.size() > worthwhile && !series.front()->source.series.empty()) {
+        if (series.size() > WORTHWHILE && !series.front()->source.series.empty()) {
             const auto beyond = std::partition_point(series.begin(), series.end(), [&](Stream *stream) {
                 RecordFile file;
                 int64_t first = 0;
@@ -92,7 +92,7 @@ bool Reader::open(Stream &stream) {
         return false;
     }
     file->lines.blockSize =
-        std::clamp(BufferBudget / std::max<size_t>(streams.size(), 1), SmallestBlock, tools::BlockSize);
+        std::clamp(BUFFER_BUDGET / std::max<size_t>(streams.size(), 1), SMALLEST_BLOCK, tools::BLOCK_SIZE);
     stream.file = std::move(file);
     newOrigin(stream);
     RecordFile &opened = *stream.file;
@@ -108,18 +108,18 @@ bool Reader::open(Stream &stream) {
                           (before == '\n' || stream.from < size);
         stream.from = fits ? std::max(stream.from, opened.dataBegin) : 0;
     }
-    const bool search = range.limited && !range.scan && size > SmallFile && opened.inOrder();
+    const bool search = range.limited && !range.scan && size > SMALL_FILE && opened.inOrder();
     const uint64_t begin =
         search && range.since != INT64_MIN ? opened.findTime(range.since) : opened.dataBegin;
-    stream.stopTime = search ? saturatingAdd(range.until, OrderSlack) : INT64_MAX;
+    stream.stopTime = search ? saturatingAdd(range.until, ORDER_SLACK) : INT64_MAX;
     if (backwards) {
         uint64_t end = std::min(opened.completeEnd(), stream.to);
         if (search && range.until != INT64_MAX) {
-            const uint64_t behind = opened.findTime(saturatingAdd(range.until, 3 * OrderSlack));
+            const uint64_t behind = opened.findTime(saturatingAdd(range.until, 3 * ORDER_SLACK));
             int64_t time = 0;
             uint64_t where = 0;
             if (behind > opened.dataBegin && opened.timeAt(behind, end, time, where) &&
-                time > saturatingAdd(range.until, OrderSlack))
+                time > saturatingAdd(range.until, ORDER_SLACK))
                 end = where;
         }
         opened.startBackwards(end);
@@ -181,7 +181,7 @@ bool Reader::load(Stream &stream) {
             if (range.limited) {
                 if (!record.hasPrefix() || record.time < range.since) {
                     if (backwards && stream.stopTime != INT64_MAX &&
-                        record.time < saturatingAdd(range.since, -OrderSlack))
+                        record.time < saturatingAdd(range.since, -ORDER_SLACK))
                         break;
                     continue;
                 }

@@ -307,7 +307,7 @@ ExitCode reportGaps(ReportRun &run) {
         showAsJson(run, gaps);
     else
         showAsTable(run, gaps);
-    return gaps.count() > 0 ? tools::ExitNothing : tools::ExitOk;
+    return gaps.count() > 0 ? tools::EXIT_NOTHING : tools::EXIT_OK;
 }
 
 } // namespace qdlogview

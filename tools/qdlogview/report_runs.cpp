@@ -95,7 +95,7 @@ ExitCode reportRuns(ReportRun &run) {
         showAsJson(run, runs);
     else if (!runs.empty())
         showAsTable(run, runs);
-    return runs.empty() ? tools::ExitNothing : tools::ExitOk;
+    return runs.empty() ? tools::EXIT_NOTHING : tools::EXIT_OK;
 }
 
 } // namespace qdlogview

@@ -51,9 +51,9 @@ Stats collect(ReportRun &run) {
                                       {"pid", "pid"},
                                       {"host", "host"}})
         stats.groups.push_back({name, tools::findField(field), {}});
-    constexpr int64_t lengths[] = {0, 60000, 3600000, 86400000}; // of Per
+    constexpr int64_t LENGTHS[] = {0, 60000, 3600000, 86400000}; // of Per
     tools::TimeUnits units;
-    units.length = lengths[static_cast<size_t>(run.settings.per)];
+    units.length = LENGTHS[static_cast<size_t>(run.settings.per)];
     units.zone = zoneOf(run.settings);
     tools::TimeFormatter formatter;
     eachSelected(run, [&](const Item &item) {
@@ -118,7 +118,7 @@ void showAsJson(ReportRun &run, const Stats &stats) {
 
 // A bar for each unit of time that has records.
 void showHistogram(ReportRun &run, const Stats &stats) {
-    constexpr uint64_t widest = 40;
+    constexpr uint64_t WIDEST = 40;
     uint64_t most = 1;
     for (const auto &[begin, count] : stats.overTime)
         most = std::max(most, count);
@@ -127,7 +127,7 @@ void showHistogram(ReportRun &run, const Stats &stats) {
     table.columns = {{unitName(run.settings.per)}, {"records", Align::Right}, {""}};
     for (const auto &[begin, count] : stats.overTime) {
         const double share = static_cast<double>(count) / static_cast<double>(most);
-        const auto width = std::max<size_t>(1, static_cast<size_t>(share * widest));
+        const auto width = std::max<size_t>(1, static_cast<size_t>(share * WIDEST));
         table.rows.push_back({Cell(tools::formatTime(begin, zoneOf(run.settings)).substr(0, shown)),
                               Cell(std::to_string(count)), Cell(std::string(width, '#'), Style::Green)});
     }
@@ -199,7 +199,7 @@ ExitCode reportStats(ReportRun &run) {
         showAsJson(run, stats);
     else
         showAsTable(run, stats);
-    return stats.records > 0 ? tools::ExitOk : tools::ExitNothing;
+    return stats.records > 0 ? tools::EXIT_OK : tools::EXIT_NOTHING;
 }
 
 } // namespace qdlogview

@@ -103,7 +103,7 @@ ExitCode reportVerify(ReportRun &run) {
         sumAsJson(run, sum);
     else if (!run.settings.quiet)
         sumAsText(run, sum);
-    return sum.counts.problems > 0 ? tools::ExitNothing : tools::ExitOk;
+    return sum.counts.problems > 0 ? tools::EXIT_NOTHING : tools::EXIT_OK;
 }
 
 } // namespace qdlogview

@@ -27,7 +27,7 @@ ExitCode reportCount(ReportRun &run) {
         run.out.write("{\"count\":" + std::to_string(count) + "}\n");
     else
         run.out.write(std::to_string(count) + "\n");
-    return count > 0 ? tools::ExitOk : tools::ExitNothing;
+    return count > 0 ? tools::EXIT_OK : tools::EXIT_NOTHING;
 }
 
 } // namespace
@@ -115,7 +115,7 @@ ExitCode reportValues(ReportRun &run) {
         valuesAsCsv(run, values);
     else
         valuesAsTable(run, values);
-    return values.empty() ? tools::ExitNothing : tools::ExitOk;
+    return values.empty() ? tools::EXIT_NOTHING : tools::EXIT_OK;
 }
 
 } // namespace

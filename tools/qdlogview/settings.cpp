@@ -121,7 +121,7 @@ struct FormatRow {
     bool isoTimes = false, prettyJson = false;
     const char *layout = nullptr;
 };
-constexpr FormatRow formats[] = {{"short", Format::Short},
+constexpr FormatRow FORMATS[] = {{"short", Format::Short},
                                  {"full", Format::Full},
                                  {"json", Format::Json},
                                  {"csv", Format::Csv},
@@ -132,7 +132,7 @@ constexpr FormatRow formats[] = {{"short", Format::Short},
                                  {"cat", Format::Template, false, false, "{text_lines}"}};
 
 bool takeFormat(Settings &settings, const char *value, std::string &error) {
-    for (const FormatRow &row : formats) {
+    for (const FormatRow &row : FORMATS) {
         if (std::string_view(row.name) == value) {
             settings.format = row.format;
             settings.isoTimes = row.isoTimes;
@@ -184,7 +184,7 @@ bool takeAround(Settings &settings, const char *value, std::string &error) {
 
 bool takeLines(Settings &settings, const char *value, std::string &error) {
     settings.hasLines = true;
-    settings.lines = AllLines;
+    settings.lines = ALL_LINES;
     error = std::string("'") + value + "' is not a number";
     return std::string_view(value) == "all" || tools::parseNumber(value, settings.lines);
 }
@@ -234,99 +234,99 @@ bool takeTemplate(Settings &settings, const char *value, std::string &error) {
 
 // ---- the tables --------------------------------------------------------------------
 
-constexpr unsigned Every = tools::TakesEvery;
+constexpr unsigned EVERY = tools::TAKES_EVERY;
 
-const tools::Command commands[] = {
+const tools::Command COMMANDS[] = {
     {"",
-     Every | tools::TakesJson | tools::TakesPages | tools::TakesQuiet | tools::TakesConfig |
-         tools::TakesCompletion,
-     0, "[FILE|DIRECTORY]...", 0, tools::AnyNumber, "", nullptr},
+     EVERY | tools::TAKES_JSON | tools::TAKES_PAGES | tools::TAKES_QUIET | tools::TAKES_CONFIG |
+         tools::TAKES_COMPLETION,
+     0, "[FILE|DIRECTORY]...", 0, tools::ANY_NUMBER, "", nullptr},
 };
 
-const tools::Option table[] = {
-    {"-D,--directory", Every, "DIR", "read the log files of a directory, as if it\nwere an operand",
+const tools::Option TABLE[] = {
+    {"-D,--directory", EVERY, "DIR", "read the log files of a directory, as if it\nwere an operand",
      set<&Settings::paths>, "Files"},
-    {"-P,--product", Every, "ID|NAME",
+    {"-P,--product", EVERY, "ID|NAME",
      "of this product; without files and directories the\nconfiguration says where they are",
      set<&Settings::product>},
-    {"-L,--logset", Every, "NAME", "files of this log set", set<&Settings::logSet>},
-    {"--file-originator", Every, "ID|NAME", "files of this originator", set<&Settings::fileOriginator>},
+    {"-L,--logset", EVERY, "NAME", "files of this log set", set<&Settings::logSet>},
+    {"--file-originator", EVERY, "ID|NAME", "files of this originator", set<&Settings::fileOriginator>},
 
-    {"-S,--since", Every, "TIME",
+    {"-S,--since", EVERY, "TIME",
      "records at or after a time: 2024-03-01 13:45,\n13:45, yesterday, -2h30m, '2 hours ago', @EPOCH",
      set<&Settings::since>, "Records"},
-    {"-U,--until", Every, "TIME", "records at or before a time", set<&Settings::until>},
-    {"-k,--kind", Every, "KIND,...", "debug, diagnostic, application, context, audit", set<takeKinds>},
-    {"-p,--priority,--severity", Every, "SEV",
+    {"-U,--until", EVERY, "TIME", "records at or before a time", set<&Settings::until>},
+    {"-k,--kind", EVERY, "KIND,...", "debug, diagnostic, application, context, audit", set<takeKinds>},
+    {"-p,--priority,--severity", EVERY, "SEV",
      "records of this severity and worse, whatever their\nkind, or of a range: error, audit..error",
      set<takePriority>},
-    {"-l,--level", Every, "N",
+    {"-l,--level", EVERY, "N",
      "debug and diagnostic records of this level and\nbelow, or of a range: 3, 2..4", set<takeLevel>},
-    {"-u,--originator", Every, "ID|NAME", "records of this originator", set<&Settings::originator>},
-    {"-t,--who", Every, "PATTERN", "records of this component (*, ? and [] match)", set<&Settings::who>},
-    {"-c,--context", Every, "PATTERN", "records of this context, and the record of the\ncontext itself",
+    {"-u,--originator", EVERY, "ID|NAME", "records of this originator", set<&Settings::originator>},
+    {"-t,--who", EVERY, "PATTERN", "records of this component (*, ? and [] match)", set<&Settings::who>},
+    {"-c,--context", EVERY, "PATTERN", "records of this context, and the record of the\ncontext itself",
      set<&Settings::context>},
-    {"--pid", Every, "N", "records of these processes: 5, 5..9, 5,7", set<takeRanges<&Settings::pids>>},
-    {"--tid", Every, "N", "records of these threads", set<takeRanges<&Settings::tids>>},
-    {"--message-id", Every, "N", "records with these message ids", set<takeRanges<&Settings::messageIds>>},
-    {"--subject", Every, "PATTERN", "audit records of this subject", set<&Settings::subject>},
-    {"--outcome", Every, "N", "audit records with this outcome", set<takeOutcome>},
-    {"--run", Every, "N",
+    {"--pid", EVERY, "N", "records of these processes: 5, 5..9, 5,7", set<takeRanges<&Settings::pids>>},
+    {"--tid", EVERY, "N", "records of these threads", set<takeRanges<&Settings::tids>>},
+    {"--message-id", EVERY, "N", "records with these message ids", set<takeRanges<&Settings::messageIds>>},
+    {"--subject", EVERY, "PATTERN", "audit records of this subject", set<&Settings::subject>},
+    {"--outcome", EVERY, "N", "audit records with this outcome", set<takeOutcome>},
+    {"--run", EVERY, "N",
      "records of a process run as --list-runs counts them\n(0: the last, -1: the one before)", set<takeRun>},
-    {"--host", Every, "PATTERN", "records written on this host", set<&Settings::host>},
-    {"-w,--where", Every, "QUERY",
+    {"--host", EVERY, "PATTERN", "records written on this host", set<&Settings::host>},
+    {"-w,--where", EVERY, "QUERY",
      "records for which a query holds, for example\n'severity >= error and (who = mgr or text ~ \"disk\")'",
      set<&Settings::where>},
-    {"-g,--grep", Every, "REGEX", "records whose text matches", set<takeGrep>},
-    {"-i,--ignore-case", Every, nullptr, "-g without regard to upper and lower case",
+    {"-g,--grep", EVERY, "REGEX", "records whose text matches", set<takeGrep>},
+    {"-i,--ignore-case", EVERY, nullptr, "-g without regard to upper and lower case",
      set<&Settings::ignoreCase>},
-    {"-v,--invert-match", Every, nullptr, "records whose text does not match -g", set<&Settings::invert>},
-    {"-A,--after-context", Every, "N", "also N records after each match of -g", set<&Settings::after>},
-    {"-B,--before-context", Every, "N", "also N records before each match of -g", set<&Settings::before>},
-    {"-C,--around", Every, "N", "-A N -B N", set<takeAround>},
+    {"-v,--invert-match", EVERY, nullptr, "records whose text does not match -g", set<&Settings::invert>},
+    {"-A,--after-context", EVERY, "N", "also N records after each match of -g", set<&Settings::after>},
+    {"-B,--before-context", EVERY, "N", "also N records before each match of -g", set<&Settings::before>},
+    {"-C,--around", EVERY, "N", "-A N -B N", set<takeAround>},
 
-    {"-n,--lines", Every, "N", "the last N records only (10 without a number; all:\nno limit)",
+    {"-n,--lines", EVERY, "N", "the last N records only (10 without a number; all:\nno limit)",
      set<takeLines>, "Order and amount", "10"},
-    {"-m,--max-count", Every, "N", "stop after N records", set<takeMaxCount>},
-    {"-r,--reverse", Every, nullptr, "newest records first", set<&Settings::reverse>},
-    {"-f,--follow", Every, nullptr,
+    {"-m,--max-count", EVERY, "N", "stop after N records", set<takeMaxCount>},
+    {"-r,--reverse", EVERY, nullptr, "newest records first", set<&Settings::reverse>},
+    {"-f,--follow", EVERY, nullptr,
      "go on with new records as they are written, over\nrollovers (begins with the last 10)",
      set<&Settings::follow>},
-    {"--timeout", Every, "SPAN", "stop following after a time: 90s, 5m", set<takeTimeout>},
-    {"--scan", Every, nullptr, "look for times in whole files, also where they are\nin order",
+    {"--timeout", EVERY, "SPAN", "stop following after a time: 90s, 5m", set<takeTimeout>},
+    {"--scan", EVERY, nullptr, "look for times in whole files, also where they are\nin order",
      set<&Settings::scan>},
 
-    {"--after-cursor", Every, "CURSOR", "go on behind a place that --show-cursor told",
+    {"--after-cursor", EVERY, "CURSOR", "go on behind a place that --show-cursor told",
      set<&Settings::afterCursor>, "Cursors"},
-    {"--cursor-file", Every, "FILE", "go on behind the place in FILE, and keep the place\nreached there",
+    {"--cursor-file", EVERY, "FILE", "go on behind the place in FILE, and keep the place\nreached there",
      set<&Settings::cursorFile>},
-    {"--show-cursor", Every, nullptr, "tell the place reached at the end", set<&Settings::showCursor>},
+    {"--show-cursor", EVERY, nullptr, "tell the place reached at the end", set<&Settings::showCursor>},
 
-    {"-o,--output", Every, "FORMAT",
+    {"-o,--output", EVERY, "FORMAT",
      "short, short-iso, full, json, json-pretty, csv, raw,\ncat (only the text), template", set<takeFormat>,
      "Output"},
-    {"--template", Every, "TEXT", "a line for each record: '{time} {kind} {text}'", set<takeTemplate>},
-    {"--fields", Every, "FIELD,...", "only these fields in full, json and csv", set<takeFields>},
-    {"--utc", Every, nullptr, "times in UTC, also those of -S and -U", set<&Settings::utc>},
-    {"--zone", Every, "ZONE", "times of a zone such as Europe/Berlin, also those of\n-S and -U",
+    {"--template", EVERY, "TEXT", "a line for each record: '{time} {kind} {text}'", set<takeTemplate>},
+    {"--fields", EVERY, "FIELD,...", "only these fields in full, json and csv", set<takeFields>},
+    {"--utc", EVERY, nullptr, "times in UTC, also those of -S and -U", set<&Settings::utc>},
+    {"--zone", EVERY, "ZONE", "times of a zone such as Europe/Berlin, also those of\n-S and -U",
      set<takeZone>},
-    {"--writer-time", Every, nullptr, "times in the writer's local time", set<&Settings::writerTime>},
-    {"--ids-as-text", Every, nullptr, "ids as texts in json (for readers that round large\nnumbers)",
+    {"--writer-time", EVERY, nullptr, "times in the writer's local time", set<&Settings::writerTime>},
+    {"--ids-as-text", EVERY, nullptr, "ids as texts in json (for readers that round large\nnumbers)",
      set<&Settings::idsAsText>},
-    {"--with-line", Every, nullptr, "the stored line as field \"line\" in json", set<&Settings::withLine>},
-    {"--raw", Every, nullptr, "control characters of texts as they are (short,\nfull, template)",
+    {"--with-line", EVERY, nullptr, "the stored line as field \"line\" in json", set<&Settings::withLine>},
+    {"--raw", EVERY, nullptr, "control characters of texts as they are (short,\nfull, template)",
      set<&Settings::rawText>},
 
-    {"--count", Every, nullptr, "only the number of records", set<takeReport<Report::Count>>,
+    {"--count", EVERY, nullptr, "only the number of records", set<takeReport<Report::Count>>,
      "Instead of records"},
-    {"--stats", Every, nullptr, "counts by kind, severity, originator and component",
+    {"--stats", EVERY, nullptr, "counts by kind, severity, originator and component",
      set<takeReport<Report::Stats>>},
-    {"--per", Every, "UNIT", "--stats also over time: minute, hour or day", set<takePer>},
-    {"--list-runs", Every, nullptr, "the process runs: first and last record, worst\nseverity",
+    {"--per", EVERY, "UNIT", "--stats also over time: minute, hour or day", set<takePer>},
+    {"--list-runs", EVERY, nullptr, "the process runs: first and last record, worst\nseverity",
      set<takeReport<Report::Runs>>},
-    {"-F,--field", Every, "FIELD", "the values of a field and how often each occurs", set<takeValuesOf>},
-    {"--gaps", Every, nullptr, "sequence numbers and files that are missing", set<takeReport<Report::Gaps>>},
-    {"--verify", Every, nullptr, "check every record; tell what is torn and where",
+    {"-F,--field", EVERY, "FIELD", "the values of a field and how often each occurs", set<takeValuesOf>},
+    {"--gaps", EVERY, nullptr, "sequence numbers and files that are missing", set<takeReport<Report::Gaps>>},
+    {"--verify", EVERY, nullptr, "check every record; tell what is torn and where",
      set<takeReport<Report::Verify>>},
 };
 
@@ -343,11 +343,11 @@ bool complete(tools::CommonOptions &settings, std::vector<std::string> &words, i
         for (const char *name : tools::rankNames())
             words.emplace_back(name);
     } else if (what == "outputs") {
-        for (const FormatRow &row : formats)
+        for (const FormatRow &row : FORMATS)
             words.emplace_back(row.name);
     } else if (what == "products" || what == "originators" || what == "logsets") {
         if (!configuredNames(what, words))
-            status = tools::ExitUnreadable; // completion stays silent
+            status = tools::EXIT_UNREADABLE; // completion stays silent
     } else {
         return false;
     }
@@ -359,8 +359,8 @@ tools::Tool makeTool() {
         "qdlogview",
         "Shows, filters, follows and exports log files. Without files and directories it\n"
         "reads those of all products that are configured; - is standard input.\n",
-        tools::rowsOf<tools::Option>(table),
-        tools::rowsOf<tools::Command>(commands),
+        tools::rowsOf<tools::Option>(TABLE),
+        tools::rowsOf<tools::Command>(COMMANDS),
         "--complete knows options, fields, kinds, severities, outputs, products,\n"
         "originators and logsets.\n\n"
         "Exit status: 0 records were shown, 1 none matched or --verify and --gaps found\n"

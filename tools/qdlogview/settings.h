@@ -20,7 +20,7 @@ struct NumberRange {
     uint64_t first = 0, last = 0;
 };
 
-constexpr uint64_t AllLines = UINT64_MAX;
+constexpr uint64_t ALL_LINES = UINT64_MAX;
 
 // One object, grouped by meaning and not by size.
 struct Settings : tools::CommonOptions { // NOLINT(clang-analyzer-optin.performance.Padding)

@@ -152,8 +152,8 @@ void describe(SourceFile &file, const std::string &directory) {
     parts.tm_year = name.year - 1900;
     parts.tm_mon = name.month - 1;
     parts.tm_mday = name.day;
-    constexpr int64_t farthestZone = 54000; // 15 hours; the name has the writer's local date
-    file.created = (static_cast<int64_t>(timegm(&parts)) - farthestZone) * 1000;
+    constexpr int64_t FARTHEST_ZONE = 54000; // 15 hours; the name has the writer's local date
+    file.created = (static_cast<int64_t>(timegm(&parts)) - FARTHEST_ZONE) * 1000;
 }
 
 bool comesBefore(const SourceFile &a, const SourceFile &b) {
@@ -331,7 +331,7 @@ bool Sources::find(const Settings &settings, const FileQuery &fileQuery) {
 bool Sources::directoriesChanged() {
     // The clock of a directory's times is coarse: what happened shortly after the
     // listing may have left the time as it was.
-    constexpr int64_t coarse = 100000000; // nanoseconds
+    constexpr int64_t COARSE = 100000000; // nanoseconds
     return std::any_of(rules.begin(), rules.end(), [&](const DirectoryRule &rule) {
         struct stat status {};
         const auto same = std::find_if(listed.begin(), listed.end(), [&](const ListedDirectory &each) {
@@ -340,7 +340,7 @@ bool Sources::directoriesChanged() {
         if (stat(rule.directory.c_str(), &status) != 0)
             return false;
         return same == listed.end() || nanoseconds(status.st_mtim) != same->modified ||
-               same->listed - same->modified < coarse;
+               same->listed - same->modified < COARSE;
     });
 }
 

@@ -18,11 +18,11 @@ using tools::Item;
 
 namespace {
 
-constexpr uint64_t LinesBeforeFollowing = 10;
-constexpr int PollMilliseconds = 50;           // between looks at the files that are followed
-constexpr int64_t OldFilesMilliseconds = 1000; // between looks at the files that came before
-constexpr size_t FollowedPerSeries = 4;        // newest files of a series that stay open
-constexpr size_t VisitedPerSeries = 64;        // newest files of a series that are looked at now and then
+constexpr uint64_t LINES_BEFORE_FOLLOWING = 10;
+constexpr int POLL_MILLISECONDS = 50;            // between looks at the files that are followed
+constexpr int64_t OLD_FILES_MILLISECONDS = 1000; // between looks at the files that came before
+constexpr size_t FOLLOWED_PER_SERIES = 4;        // newest files of a series that stay open
+constexpr size_t VISITED_PER_SERIES = 64;        // newest files of a series that are looked at now and then
 
 volatile sig_atomic_t stopRequested = 0;
 
@@ -80,8 +80,8 @@ bool View::show() {
     const bool around = settings.before > 0 || settings.after > 0;
     const bool fromStart =
         !settings.cursorFile.empty() || !settings.afterCursor.empty() || filter.since != INT64_MIN;
-    const bool limited = settings.hasLines ? settings.lines != AllLines : settings.follow && !fromStart;
-    const uint64_t count = settings.hasLines ? settings.lines : LinesBeforeFollowing;
+    const bool limited = settings.hasLines ? settings.lines != ALL_LINES : settings.follow && !fromStart;
+    const uint64_t count = settings.hasLines ? settings.lines : LINES_BEFORE_FOLLOWING;
     const bool onlyStdin = sources.files.size() == 1 && sources.files.front().path == "-";
     printer.begin();
 
@@ -123,7 +123,7 @@ bool View::show() {
         return shown > 0;
     }
     if (settings.reverse && !onlyStdin) {
-        showLast(AllLines, true, {});
+        showLast(ALL_LINES, true, {});
         return shown > 0;
     }
 
@@ -211,7 +211,7 @@ void View::showAround(Reader &reader) {
         bool gap; // records were left out in front of it
         bool hit;
     };
-    const bool limited = settings.hasLines && settings.lines != AllLines;
+    const bool limited = settings.hasLines && settings.lines != ALL_LINES;
     std::deque<HeldItem> before;
     std::deque<Piece> last; // with -n: the last matches and their neighbours
     uint64_t following = 0;
@@ -291,7 +291,7 @@ void View::visitOldFiles(Reader &reader) {
         if (stream.state != Stream::State::Ended || stream.source.path == "-")
             continue;
         const size_t later = stream.source.series.empty() ? 0 : newer[stream.source.series]++;
-        if (later >= VisitedPerSeries)
+        if (later >= VISITED_PER_SERIES)
             continue;
         struct stat now {};
         if (stat(stream.source.path.c_str(), &now) != 0) {
@@ -328,7 +328,7 @@ void View::closeOldFiles(Reader &reader) {
     std::map<std::string, size_t> newer;
     for (size_t i = reader.streams.size(); i-- > 0;) {
         Stream &stream = *reader.streams[i];
-        stream.old = !stream.source.series.empty() && newer[stream.source.series]++ >= FollowedPerSeries;
+        stream.old = !stream.source.series.empty() && newer[stream.source.series]++ >= FOLLOWED_PER_SERIES;
         if (stream.old && stream.state == Stream::State::Ended)
             stream.file.reset();
     }
@@ -336,7 +336,7 @@ void View::closeOldFiles(Reader &reader) {
 
 void View::follow(Reader &reader) {
     const int64_t end = settings.timeout > 0 ? monotonicMilliseconds() + settings.timeout : INT64_MAX;
-    int64_t nextVisit = monotonicMilliseconds() + OldFilesMilliseconds;
+    int64_t nextVisit = monotonicMilliseconds() + OLD_FILES_MILLISECONDS;
     std::vector<SourceFile> fresh;
     for (;;) {
         const Item *item = nullptr;
@@ -356,7 +356,7 @@ void View::follow(Reader &reader) {
         closeOldFiles(reader);
         if (stopRequested != 0 || monotonicMilliseconds() >= end)
             return;
-        const int64_t left = std::min<int64_t>(PollMilliseconds, end - monotonicMilliseconds());
+        const int64_t left = std::min<int64_t>(POLL_MILLISECONDS, end - monotonicMilliseconds());
         // A reader of our output that has gone is noticed also while nothing is written.
         pollfd output{out.descriptor, 0, 0};
         if (poll(&output, 1, static_cast<int>(std::max<int64_t>(left, 0))) > 0 &&
@@ -370,7 +370,7 @@ void View::follow(Reader &reader) {
         }
         if (monotonicMilliseconds() >= nextVisit) {
             visitOldFiles(reader);
-            nextVisit = monotonicMilliseconds() + OldFilesMilliseconds;
+            nextVisit = monotonicMilliseconds() + OLD_FILES_MILLISECONDS;
         }
         reader.wake();
     }
