@@ -1,3 +1,4 @@
+#include "support/results.h"
 #include "support/sink_capture.h"
 
 #include <gtest/gtest.h>
@@ -70,7 +71,7 @@ TEST_F(LogOutput, FlagsAndTypeDecideWhereAMessageGoes) {
             message(row.type);
             handle.outputFlags = inHandle ? row.flags : 0;
             output(inHandle ? 0 : row.flags);
-            EXPECT_EQ(0u, result);
+            EXPECT_RESULT(ZOLTLOG_OK, result);
             EXPECT_EQ(row.out ? "hello\n" : "", out);
             EXPECT_EQ(row.err ? "hello\n" : "", err);
             EXPECT_EQ(row.systemLog ? 1u : 0u, sinks::sent.size());
@@ -88,16 +89,16 @@ TEST_F(LogOutput, FlagsOfTheCallAndOfTheHandleAddUp) {
 }
 
 TEST_F(LogOutput, NullArgumentsAreRefused) {
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, LogOutputBasedOnFlags(nullptr, &msg, 1));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, LogOutputBasedOnFlags(&handle, nullptr, 1));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, OutputToConsole(1, nullptr, &handle.localizers));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, LogOutputBasedOnFlags(nullptr, &msg, 1));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, LogOutputBasedOnFlags(&handle, nullptr, 1));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, OutputToConsole(1, nullptr, &handle.localizers));
 }
 
 TEST_F(LogOutput, WithoutThePlugInNothingIsPrintedAndAllIsWell) {
     for (uint32_t type = 0; type <= 4; ++type) {
         message(type);
         output(7);
-        EXPECT_EQ(0u, result) << type;
+        EXPECT_RESULT(ZOLTLOG_OK, result) << type;
         EXPECT_EQ("", out + err) << type;
     }
     EXPECT_TRUE(sinks::sent.empty());
@@ -123,7 +124,7 @@ TEST_F(LogOutput, APlugInWithoutEntryPrintsNull) {
     use("no_entry");
     message(2);
     output(3);
-    EXPECT_EQ(0u, result);
+    EXPECT_RESULT(ZOLTLOG_OK, result);
     EXPECT_EQ("(null)\n", out);
     EXPECT_EQ("(null)\n", err);
     message(4);
@@ -143,7 +144,7 @@ TEST_F(LogOutput, APlugInWithoutEntrySendsNothingToTheSystemLog) {
     use("no_entry");
     message(2);
     output(4);
-    EXPECT_EQ(0u, result); // of an application message it does not count
+    EXPECT_RESULT(ZOLTLOG_OK, result); // of an application message it does not count
     message(5);
     output(4);
     EXPECT_EQ(4294967295u, result);
@@ -154,7 +155,7 @@ TEST_F(LogOutput, APlugInWithoutATextPrintsNull) {
     use("no_text");
     message(1);
     output(3);
-    EXPECT_EQ(0u, result);
+    EXPECT_RESULT(ZOLTLOG_OK, result);
     EXPECT_EQ("(null)\n", out);
     EXPECT_EQ("(null)\n", err);
 }
@@ -163,7 +164,7 @@ TEST_F(LogOutput, APlugInWithoutATextSendsNothingToTheSystemLogAndAllIsWell) {
     use("no_text");
     message(5);
     output(4);
-    EXPECT_EQ(0u, result);
+    EXPECT_RESULT(ZOLTLOG_OK, result);
     EXPECT_TRUE(sinks::sent.empty());
 }
 
@@ -182,14 +183,14 @@ TEST_F(LogOutput, TheSystemLogsResultReplacesTheConsolesForSecureAudit) {
     EXPECT_EQ(4294967295u, result);
     use("no_text");
     output(5);
-    EXPECT_EQ(0u, result);
+    EXPECT_RESULT(ZOLTLOG_OK, result);
 }
 
 TEST_F(LogOutput, TheSystemLogsResultDoesNotCountForApplicationMessages) {
     use("failing");
     message(2);
     output(4);
-    EXPECT_EQ(0u, result);
+    EXPECT_RESULT(ZOLTLOG_OK, result);
     output(5);
     EXPECT_EQ(77u, result);
     EXPECT_TRUE(sinks::sent.empty());

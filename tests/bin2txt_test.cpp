@@ -1,5 +1,6 @@
 // Records, byte for byte. The localization library is played by this program: a
 // block's first word points to the FakeBlock that tells what each call yields.
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -197,9 +198,9 @@ TEST(RecordEncoding, UnknownVersionsFail) {
 TEST(RecordEncoding, NullArgumentsAreInvalid) {
     LogMsg msg = exampleMessage(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     TextBuffer buffer;
-    EXPECT_EQ(zoltLogMsgSerialize(nullptr, &buffer), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogMsgSerialize(nullptr, &buffer));
     free_text_msg(&buffer);
-    EXPECT_EQ(zoltLogMsgSerialize(&msg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogMsgSerialize(&msg, nullptr));
 }
 
 TEST(RecordEncoding, EveryTypeInAnOriginatorsFile) {
@@ -361,12 +362,12 @@ TEST(RecordEncoding, TheBufferCanBeReleasedAfterAFailure) {
     msg.text = text(body.c_str());
     msg.attr.severity = ZOLTLOG_SEVERITY_EMERGENCY + 1;
     TextBuffer buffer;
-    EXPECT_EQ(zoltLogMsgSerialize(&msg, &buffer), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogMsgSerialize(&msg, &buffer));
     EXPECT_EQ(buffer.data, buffer.inlineStorage);
     free_text_msg(&buffer);
     msg.recordVersion = 0;
     memset(&buffer, 0xab, sizeof buffer);
-    EXPECT_EQ(zoltLogMsgSerialize(&msg, &buffer), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogMsgSerialize(&msg, &buffer));
     free_text_msg(&buffer);
 }
 
@@ -399,12 +400,12 @@ TEST(DecimalNumbers, EqualThoseOfPrintf) {
 TEST(DecimalNumbers, AppendedNumbersEndInAComma) {
     TextBuffer buffer;
     init_text_msg(&buffer);
-    EXPECT_EQ(bin2txt_int(0, &buffer), 0u);
-    EXPECT_EQ(bin2txt_int(-2147483647 - 1, &buffer), 0u);
-    EXPECT_EQ(bin2txt_int(2147483647, &buffer), 0u);
-    EXPECT_EQ(bin2txt_sev(0, &buffer), 0u);
-    EXPECT_EQ(bin2txt_sev(4, &buffer), 0u);
-    EXPECT_EQ(bin2txt_sev(5, &buffer), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_OK, bin2txt_int(0, &buffer));
+    EXPECT_RESULT(ZOLTLOG_OK, bin2txt_int(-2147483647 - 1, &buffer));
+    EXPECT_RESULT(ZOLTLOG_OK, bin2txt_int(2147483647, &buffer));
+    EXPECT_RESULT(ZOLTLOG_OK, bin2txt_sev(0, &buffer));
+    EXPECT_RESULT(ZOLTLOG_OK, bin2txt_sev(4, &buffer));
+    EXPECT_RESULT(ZOLTLOG_FAILED, bin2txt_sev(5, &buffer));
     EXPECT_EQ(std::string(buffer.data, 4096 - buffer.free), "0,-2147483648,2147483647,0,4,");
 }
 

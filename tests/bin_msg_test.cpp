@@ -1,5 +1,6 @@
 // The message record: initialisation, attributes, getters, release. This program
 // sets the time of day and plays zoltLisFree.
+#include "support/results.h"
 #include "support/support.h"
 #include "support/syscalls.h"
 #include "zoltlog.h"
@@ -68,7 +69,7 @@ TEST(MessageRecord, InitialisationFillsIdsTimeAndText) {
     LogMsg msg;
     memset(&msg, 0xff, sizeof msg);
     std::string text = "a text";
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_DIAG, text.c_str()), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_DIAG, text.c_str()));
     text[0] = 'X'; // the record has a copy
     EXPECT_EQ(msg.ownsStrings, 0u);
     EXPECT_EQ(msg.recordVersion, 0u);
@@ -87,14 +88,14 @@ TEST(MessageRecord, InitialisationFillsIdsTimeAndText) {
     EXPECT_EQ(msg.who, nullptr);
     EXPECT_EQ(msg.outcome, 0u);
     EXPECT_EQ(msg.lis.word[0] | msg.lis.word[1] | msg.lis.word[2], 0u);
-    EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg));
 }
 
 TEST(MessageRecord, EveryInitialisationTakesASequenceNumber) {
     LogHandle handle = plainHandle();
     for (uint64_t number = 41; number < 45; ++number) {
         LogMsg msg;
-        EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, nullptr), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, nullptr));
         EXPECT_EQ(msg.messageId, number);
         EXPECT_EQ(msg.text, nullptr);
     }
@@ -105,8 +106,8 @@ TEST(MessageRecord, NullRecordOrHandleIsInvalidAndTakesNoNumber) {
     LogHandle handle = plainHandle();
     LogMsg msg = {};
     msg.type = 77;
-    EXPECT_EQ(zoltLogInitMsg(nullptr, &handle, ZOLTLOG_MSG_APP, "x"), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogInitMsg(&msg, nullptr, ZOLTLOG_MSG_APP, "x"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogInitMsg(nullptr, &handle, ZOLTLOG_MSG_APP, "x"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogInitMsg(&msg, nullptr, ZOLTLOG_MSG_APP, "x"));
     EXPECT_EQ(handle.sequenceNumber, 41u);
     EXPECT_EQ(msg.type, 77u);
 }
@@ -115,7 +116,7 @@ TEST(MessageRecord, AHandleWithoutAFileGivesNoIds) {
     LogHandle handle = plainHandle();
     handle.file = nullptr;
     LogMsg msg;
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_SECURE_AUDIT, nullptr), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_SECURE_AUDIT, nullptr));
     EXPECT_EQ(msg.productId, 0u);
     EXPECT_EQ(msg.originatorId, 0u);
     EXPECT_EQ(msg.messageId, 41u);
@@ -128,9 +129,9 @@ TEST(MessageRecord, AContextHandleLendsItsToken) {
     handle.contextMsg.type = ZOLTLOG_MSG_CONTEXT;
     handle.contextMsg.attr.contextTitle = token;
     LogMsg msg;
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"));
     EXPECT_EQ(msg.contextToken, token); // borrowed
-    EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg));
     EXPECT_STREQ(token, "T1");
 }
 
@@ -138,7 +139,7 @@ TEST(MessageRecord, AContextHandleWithoutContextMessageFails) {
     LogHandle handle = plainHandle();
     handle.noContext = 0; // but its context message is of type 0
     LogMsg msg;
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"));
     EXPECT_EQ(msg.text, nullptr);
     EXPECT_EQ(handle.sequenceNumber, 42u);
 }
@@ -147,10 +148,10 @@ TEST(MessageRecord, MillisecondsAreCutNotRounded) {
     LogHandle handle = plainHandle();
     LogMsg msg;
     fakeNow = {1, 999999};
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, nullptr), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, nullptr));
     EXPECT_EQ(msg.timestamp, 1999u);
     fakeNow = {4102444800, 0};
-    EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, nullptr), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, nullptr));
     EXPECT_EQ(msg.timestamp, 4102444800000u);
 }
 
@@ -173,73 +174,73 @@ TEST(MessageRecord, LevelsOutsideOneToSixAreStoredAndFail) {
 TEST(MessageRecord, ANullWhoComesBeforeABadLevel) {
     LogMsg msg = recordOfType(1);
     msg.attr.level = 2;
-    EXPECT_EQ(zoltLogSetDiagAttr(&msg, nullptr, 7), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogSetDebugAttr(&msg, nullptr, 0), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetDiagAttr(&msg, nullptr, 7));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetDebugAttr(&msg, nullptr, 0));
     EXPECT_EQ(msg.attr.level, 2u);
-    EXPECT_EQ(zoltLogSetDiagAttr(nullptr, "w", 1), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogSetDebugAttr(nullptr, "w", 1), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetDiagAttr(nullptr, "w", 1));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetDebugAttr(nullptr, "w", 1));
 }
 
 TEST(MessageRecord, ApplicationAttributesAreNotLimited) {
     LogMsg msg = recordOfType(2);
-    EXPECT_EQ(zoltLogSetAppAttr(&msg, 9), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttr(&msg, 9));
     EXPECT_EQ(msg.attr.severity, 9u);
     EXPECT_EQ(msg.who, nullptr);
-    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_EMERGENCY), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_EMERGENCY));
     EXPECT_EQ(msg.attr.severity, 4u);
     EXPECT_STREQ(msg.who, "mgr");
-    EXPECT_EQ(zoltLogSetAppAttr(nullptr, ZOLTLOG_SEVERITY_WARNING), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogSetAppAttrEx(nullptr, "w", ZOLTLOG_SEVERITY_WARNING), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetAppAttr(nullptr, ZOLTLOG_SEVERITY_WARNING));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetAppAttrEx(nullptr, "w", ZOLTLOG_SEVERITY_WARNING));
 }
 
 TEST(MessageRecord, ApplicationAttributesAcceptANullWho) {
     LogMsg msg = recordOfType(ZOLTLOG_MSG_APP);
-    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_EMERGENCY), 0u);
-    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, nullptr, ZOLTLOG_SEVERITY_WARNING), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_EMERGENCY));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttrEx(&msg, nullptr, ZOLTLOG_SEVERITY_WARNING));
     EXPECT_EQ(msg.who, nullptr);
     EXPECT_EQ(msg.attr.severity, 1u);
 }
 
 TEST(MessageRecord, AuditAttributesAcceptANullSubject) {
     LogMsg msg = recordOfType(4);
-    EXPECT_EQ(zoltLogSetAuditAttr(&msg, "root", 2), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetAuditAttr(&msg, "root", 2));
     EXPECT_STREQ(msg.who, "root");
     EXPECT_EQ(msg.outcome, 2u);
-    EXPECT_EQ(zoltLogSetAuditAttr(&msg, nullptr, 3), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetAuditAttr(&msg, nullptr, 3));
     EXPECT_EQ(msg.who, nullptr);
     EXPECT_EQ(msg.outcome, 3u);
-    EXPECT_EQ(zoltLogSetAuditAttr(nullptr, "root", 2), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetAuditAttr(nullptr, "root", 2));
 
     LogMsg secure = recordOfType(5);
-    EXPECT_EQ(zoltLogSetSecureAuditAttr(&secure, 99, "root", 2), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetSecureAuditAttr(&secure, 99, "root", 2));
     EXPECT_EQ(secure.attr.level, 99u);
     EXPECT_STREQ(secure.who, "root");
     EXPECT_EQ(secure.outcome, 2u);
-    EXPECT_EQ(zoltLogSetSecureAuditAttr(&secure, 1, nullptr, 2), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetSecureAuditAttr(&secure, 1, nullptr, 2));
     EXPECT_EQ(secure.who, nullptr);
-    EXPECT_EQ(zoltLogSetSecureAuditAttr(nullptr, 1, "root", 2), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetSecureAuditAttr(nullptr, 1, "root", 2));
 }
 
 TEST(MessageRecord, AContextTokenIsAnOwnedCopyThatReplacesAnEarlierOne) {
     LogMsg msg = recordOfType(3);
     std::string token = "first";
-    EXPECT_EQ(zoltLogSetContextAttr(&msg, token.c_str()), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetContextAttr(&msg, token.c_str()));
     token = "other";
     EXPECT_STREQ(msg.attr.contextTitle, "first");
-    EXPECT_EQ(zoltLogSetContextAttr(&msg, msg.attr.contextTitle), 0u); // even from itself
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetContextAttr(&msg, msg.attr.contextTitle)); // even from itself
     EXPECT_STREQ(msg.attr.contextTitle, "first");
-    EXPECT_EQ(zoltLogSetContextAttr(&msg, "second"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetContextAttr(&msg, "second"));
     EXPECT_STREQ(msg.attr.contextTitle, "second");
-    EXPECT_EQ(zoltLogSetContextAttr(&msg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetContextAttr(&msg, nullptr));
     EXPECT_STREQ(msg.attr.contextTitle, "second");
-    EXPECT_EQ(zoltLogSetContextAttr(nullptr, "x"), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetContextAttr(nullptr, "x"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg));
 }
 
 TEST(MessageRecord, AContextTokenDoesNotReleaseTheLevelOfAnotherType) {
     LogMsg msg = recordOfType(1);
-    EXPECT_EQ(zoltLogSetDiagAttr(&msg, "w", 6), 0u);
-    EXPECT_EQ(zoltLogSetContextAttr(&msg, "token"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetDiagAttr(&msg, "w", 6));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetContextAttr(&msg, "token"));
     EXPECT_STREQ(msg.attr.contextTitle, "token");
     free(msg.attr.contextTitle); // no context record: releasing the record would not
 }
@@ -263,25 +264,25 @@ TEST(MessageRecord, FieldsOfAllTypesAreRead) {
         uint64_t wide = 9;
         char *pointer = nullptr;
         ZoltLisBlock *block = nullptr;
-        EXPECT_EQ(zoltLogGetMsgType(&msg, &number), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgType(&msg, &number));
         EXPECT_EQ(number, type);
-        EXPECT_EQ(zoltLogGetMsgProductId(&msg, &wide), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgProductId(&msg, &wide));
         EXPECT_EQ(wide, UINT64_MAX);
-        EXPECT_EQ(zoltLogGetMsgOriginatorId(&msg, &wide), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgOriginatorId(&msg, &wide));
         EXPECT_EQ(wide, 2u);
-        EXPECT_EQ(zoltLogGetMsgFid(&msg, &wide), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgFid(&msg, &wide));
         EXPECT_EQ(wide, 3u);
-        EXPECT_EQ(zoltLogGetMsgTimestamp(&msg, &wide), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgTimestamp(&msg, &wide));
         EXPECT_EQ(wide, 4u);
-        EXPECT_EQ(zoltLogGetMsgPid(&msg, &wide), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgPid(&msg, &wide));
         EXPECT_EQ(wide, 5u);
-        EXPECT_EQ(zoltLogGetMsgTid(&msg, &wide), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgTid(&msg, &wide));
         EXPECT_EQ(wide, 6u);
-        EXPECT_EQ(zoltLogGetMsgContextToken(&msg, &pointer), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgContextToken(&msg, &pointer));
         EXPECT_EQ(pointer, token);
-        EXPECT_EQ(zoltLogGetMsgText(&msg, &pointer), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgText(&msg, &pointer));
         EXPECT_EQ(pointer, text);
-        EXPECT_EQ(zoltLogGetMsgLis(&msg, &block), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetMsgLis(&msg, &block));
         EXPECT_EQ(block, &msg.lis);
     }
 }
@@ -353,8 +354,8 @@ TEST(MessageRecord, GettersCheckBothPointers) {
     uint64_t wide;
     char *pointer;
     ZoltLisBlock *block;
-    EXPECT_EQ(zoltLogGetMsgType(nullptr, &number), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogGetMsgType(&msg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetMsgType(nullptr, &number));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetMsgType(&msg, nullptr));
     for (auto *get : {zoltLogGetMsgProductId, zoltLogGetMsgOriginatorId, zoltLogGetMsgFid,
                       zoltLogGetMsgTimestamp, zoltLogGetMsgPid, zoltLogGetMsgTid}) {
         EXPECT_EQ(get(nullptr, &wide), 3u);
@@ -364,8 +365,8 @@ TEST(MessageRecord, GettersCheckBothPointers) {
         EXPECT_EQ(get(nullptr, &pointer), 3u);
         EXPECT_EQ(get(&msg, nullptr), 3u);
     }
-    EXPECT_EQ(zoltLogGetMsgLis(nullptr, &block), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogGetMsgLis(&msg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetMsgLis(nullptr, &block));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetMsgLis(&msg, nullptr));
     for (uint32_t type = 0; type < 6; ++type) {
         msg.type = type;
         for (const auto &getter : NUMBER_GETTERS) {
@@ -386,11 +387,11 @@ TEST(MessageRecord, ReleaseZeroesTheRecordAndMayBeRepeated) {
     msg.productId = 5;
     msg.text = strdup("text");
     msg.attr.contextTitle = strdup("title");
-    EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg));
     const LogMsg zero = {};
     EXPECT_EQ(memcmp(&msg, &zero, sizeof msg), 0);
-    EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
-    EXPECT_EQ(zoltLogFreeMsg(nullptr), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(nullptr));
 }
 
 TEST(MessageRecord, BorrowedStringsAreNotFreed) {
@@ -402,7 +403,7 @@ TEST(MessageRecord, BorrowedStringsAreNotFreed) {
             msg.ownsStrings = owns;
             msg.contextToken = token;
             msg.who = who;
-            EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg));
         }
     }
 }
@@ -414,7 +415,7 @@ TEST(MessageRecord, OwnedStringsAreFreed) {
         msg.contextToken = strdup("token");
         msg.who = strdup("who");
         msg.text = strdup("text");
-        EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg));
     }
 }
 
@@ -425,7 +426,7 @@ TEST(MessageRecord, OwnedSubjectOfASecureAuditRecordIsNotFreed) {
         msg.contextToken = strdup("token");
         char *subject = strdup("subject");
         msg.who = subject;
-        EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg));
         EXPECT_STREQ(subject, "subject");
         free(subject); // a double release if the record had freed it
     }
@@ -436,11 +437,11 @@ TEST(MessageRecord, AFailedReleaseOfTheBlockIsTold) {
     msg.lis.word[0] = 1;
     msg.text = strdup("text");
     releaseResult = -1;
-    EXPECT_EQ(zoltLogFreeMsg(&msg), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogFreeMsg(&msg));
     EXPECT_EQ(blocksReleased, 1);
     EXPECT_EQ(msg.lis.word[0], 0u);
     EXPECT_EQ(msg.text, nullptr);
     releaseResult = 0;
-    EXPECT_EQ(zoltLogFreeMsg(&msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg));
     EXPECT_EQ(blocksReleased, 1);
 }

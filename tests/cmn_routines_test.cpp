@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/failing_allocations.h"
+#include "support/results.h"
 #include "support/support.h"
 #include "support/syscalls.h"
 
@@ -186,16 +187,17 @@ TEST(Memory, StrdupCopiesExactly) {
 }
 
 TEST(Memory, ErrorMessageIsFreed) {
-    EXPECT_EQ(0u, zoltLogResFreeErrorMessage(zoltLogSafeStrdup("message"))); // leak checker's business
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogResFreeErrorMessage(nullptr));
+    EXPECT_RESULT(ZOLTLOG_OK,
+                  zoltLogResFreeErrorMessage(zoltLogSafeStrdup("message"))); // leak checker's business
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogResFreeErrorMessage(nullptr));
 }
 
 TEST(Memory, LocalizerListIsEmptied) {
     LocalizerList list = {5, &list};
-    EXPECT_EQ(0u, InitializeLocalizerList(&list));
+    EXPECT_RESULT(ZOLTLOG_OK, InitializeLocalizerList(&list));
     EXPECT_EQ(0u, list.count);
     EXPECT_EQ(nullptr, list.first);
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, InitializeLocalizerList(nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, InitializeLocalizerList(nullptr));
 }
 
 // ---- time --------------------------------------------------------------------------------
@@ -333,25 +335,25 @@ TEST(TimeZoneToOffset, HoursAndMinutesEastAreSeconds) {
     };
     for (const auto &row : rows) {
         int64_t offset = 77;
-        EXPECT_EQ(0u, TimeZoneToOffset(row.text, &offset)) << row.text;
+        EXPECT_RESULT(ZOLTLOG_OK, TimeZoneToOffset(row.text, &offset)) << row.text;
         EXPECT_EQ(row.offset, offset) << row.text;
     }
 }
 
 TEST(TimeZoneToOffset, ZeroHoursCountAsNegative) {
     int64_t offset = 77;
-    EXPECT_EQ(0u, TimeZoneToOffset("GMT+0:30", &offset));
+    EXPECT_RESULT(ZOLTLOG_OK, TimeZoneToOffset("GMT+0:30", &offset));
     EXPECT_EQ(-1800, offset);
-    EXPECT_EQ(0u, TimeZoneToOffset("GMT-0:30", &offset));
+    EXPECT_RESULT(ZOLTLOG_OK, TimeZoneToOffset("GMT-0:30", &offset));
     EXPECT_EQ(-1800, offset);
 }
 
 TEST(TimeZoneToOffset, OtherTextsAndNullAreRefused) {
     int64_t offset = 77;
     for (const char *text : {"UTC+1", "XGMT", "", "gmt", "GM", " GMT", "G"})
-        EXPECT_EQ(ZOLTLOG_FAILED, TimeZoneToOffset(text, &offset)) << text;
-    EXPECT_EQ(ZOLTLOG_FAILED, TimeZoneToOffset(nullptr, &offset));
-    EXPECT_EQ(ZOLTLOG_FAILED, TimeZoneToOffset("GMT", nullptr));
+        EXPECT_RESULT(ZOLTLOG_FAILED, TimeZoneToOffset(text, &offset)) << text;
+    EXPECT_RESULT(ZOLTLOG_FAILED, TimeZoneToOffset(nullptr, &offset));
+    EXPECT_RESULT(ZOLTLOG_FAILED, TimeZoneToOffset("GMT", nullptr));
     EXPECT_EQ(77, offset);
 }
 
@@ -360,14 +362,14 @@ TEST(TimeZoneToOffset, OtherTextsAndNullAreRefused) {
 TEST(Conversions, NullArgumentsAreInvalid) {
     char *text = nullptr;
     wchar_t *wide = nullptr;
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, utf82wcs(nullptr, "x", -1));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, utf82wcs(&wide, nullptr, -1));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, utf82mbs(nullptr, "x"));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, utf82mbs(&text, nullptr));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, wcs2utf8(nullptr, L"x"));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, wcs2utf8(&text, nullptr));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, mbs2utf8(nullptr, "x"));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, mbs2utf8(&text, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, utf82wcs(nullptr, "x", -1));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, utf82wcs(&wide, nullptr, -1));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, utf82mbs(nullptr, "x"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, utf82mbs(&text, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, wcs2utf8(nullptr, L"x"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, wcs2utf8(&text, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, mbs2utf8(nullptr, "x"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, mbs2utf8(&text, nullptr));
 }
 
 TEST(Conversions, EmptyTextIsEmptyTextInEveryLocale) {
@@ -508,7 +510,7 @@ TEST(Conversions, EveryCharacterOfALocaleIsTheSameThereAndBack) {
             narrow[length] = '\0';
             ++characters;
             char *utf8 = nullptr;
-            ASSERT_EQ(0u, mbs2utf8(&utf8, narrow)) << name << " " << static_cast<uint32_t>(wide);
+            ASSERT_RESULT(ZOLTLOG_OK, mbs2utf8(&utf8, narrow)) << name << " " << static_cast<uint32_t>(wide);
             ASSERT_EQ(std::string("0:") + narrow, toMultibyte(utf8))
                 << name << " " << static_cast<uint32_t>(wide);
             zoltLogFree(utf8);
@@ -571,21 +573,21 @@ TEST(Conversions, WithoutMemoryFailAndRecover) {
     {
         for (long passing : {0, 1}) { // UTF-16, result
             const support::FailingAllocation failing(passing);
-            EXPECT_EQ(ZOLTLOG_NO_MEMORY, utf82wcs(&wide, "abc", -1));
+            EXPECT_RESULT(ZOLTLOG_NO_MEMORY, utf82wcs(&wide, "abc", -1));
             EXPECT_EQ(nullptr, wide);
         }
         for (long passing : {0, 1}) {
             const support::FailingAllocation failing(passing);
-            EXPECT_EQ(ZOLTLOG_NO_MEMORY, wcs2utf8(&text, L"abc"));
+            EXPECT_RESULT(ZOLTLOG_NO_MEMORY, wcs2utf8(&text, L"abc"));
             EXPECT_EQ(nullptr, text);
         }
         for (long passing : {0, 1, 2}) { // wide, UTF-16, result
             const support::FailingAllocation failing(passing);
-            EXPECT_EQ(ZOLTLOG_NO_MEMORY, mbs2utf8(&text, "\xE4"));
+            EXPECT_RESULT(ZOLTLOG_NO_MEMORY, mbs2utf8(&text, "\xE4"));
             EXPECT_EQ(nullptr, text);
         }
         const support::FailingAllocation failing(0);
-        EXPECT_EQ(ZOLTLOG_NO_MEMORY, mbs2utf8(&text, "plain"));
+        EXPECT_RESULT(ZOLTLOG_NO_MEMORY, mbs2utf8(&text, "plain"));
         EXPECT_EQ(nullptr, text);
     }
     bool reachedEnd = false;
@@ -594,7 +596,7 @@ TEST(Conversions, WithoutMemoryFailAndRecover) {
         const uint32_t result = utf82mbs(&text, "\xC3\xA4");
         reachedEnd = !failing.happened();
         if (reachedEnd) {
-            EXPECT_EQ(0u, result);
+            EXPECT_RESULT(ZOLTLOG_OK, result);
             EXPECT_STREQ("\xE4", text);
             zoltLogFree(text);
         } else {

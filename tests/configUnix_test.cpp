@@ -1,4 +1,5 @@
 // System-log settings and log file permissions.
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -82,19 +83,19 @@ TEST(ConfigUnix, NullArgumentsAreRefused) {
     uint32_t word = 0;
     uint64_t mode = 0;
     char *text = nullptr;
-    EXPECT_EQ(zoltLogCfgSetSyslogFacility(nullptr, 8), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetSyslogFacility(nullptr, &word), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetSyslogFacility(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetSyslogOpt(nullptr, 8), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetSyslogOpt(nullptr, &word), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetSyslogOpt(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetSyslogIdent(nullptr, "x"), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetSyslogIdent(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetSyslogIdent(nullptr, &text), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetSyslogIdent(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetLogFilePermissions(nullptr, 432), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetLogFilePermissions(nullptr, &mode), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetLogFilePermissions(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetSyslogFacility(nullptr, 8));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetSyslogFacility(nullptr, &word));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetSyslogFacility(cfg, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetSyslogOpt(nullptr, 8));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetSyslogOpt(nullptr, &word));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetSyslogOpt(cfg, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetSyslogIdent(nullptr, "x"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetSyslogIdent(cfg, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetSyslogIdent(nullptr, &text));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetSyslogIdent(cfg, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetLogFilePermissions(nullptr, 432));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetLogFilePermissions(nullptr, &mode));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetLogFilePermissions(cfg, nullptr));
     EXPECT_EQ(cfg->changedMask, 0U);
     Section section;
     EXPECT_EQ(osGetCfgSettings(nullptr, &section.store, &word), ZOLTLOG_STORE_INVALID_ARGUMENT);

@@ -1,3 +1,4 @@
+#include "support/results.h"
 #include "support/support.h"
 #include "support/syscalls.h"
 #include "zoltlog.h"
@@ -406,27 +407,27 @@ class Manageable : public testing::Test {
 };
 
 TEST_F(Manageable, MissingHandleIsInvalid) {
-    EXPECT_EQ(zoltLogGetManageableLogFiles(101, 7, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(101, "web", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetManageableLogFiles(101, 7, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetManageableLogFilesSL(101, "web", nullptr));
 }
 
 TEST_F(Manageable, HandleIsZeroedFirst) {
     memset(&listing, 0x55, sizeof listing);
-    EXPECT_EQ(zoltLogGetManageableLogFiles(999, 7, &listing), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogGetManageableLogFiles(999, 7, &listing));
     EXPECT_EQ(listing.files, nullptr);
     EXPECT_EQ(listing.next, nullptr);
     EXPECT_EQ(listing.query, nullptr);
     EXPECT_EQ(listing.word, 0u);
     EXPECT_EQ(listing.unsupportedHeader, 0u);
     memset(&listing, 0x55, sizeof listing);
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(999, "web", &listing), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogGetManageableLogFilesSL(999, "web", &listing));
     EXPECT_EQ(listing.files, nullptr);
 }
 
 TEST_F(Manageable, OneOriginatorKeepsItsNumber) {
     series("101-7", 5, 1000);
     series("101-8", 5, 2000);
-    ASSERT_EQ(zoltLogGetManageableLogFiles(101, 7, &listing), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFiles(101, 7, &listing));
     EXPECT_EQ(namesOf(listing.files), (Names{counted("101-7", 1), counted("101-7", 0)}));
     EXPECT_EQ(listing.next, listing.files);
     EXPECT_EQ(listing.files->creationTime, 1001);
@@ -434,17 +435,17 @@ TEST_F(Manageable, OneOriginatorKeepsItsNumber) {
 }
 
 TEST_F(Manageable, NothingListedIs45) {
-    EXPECT_EQ(zoltLogGetManageableLogFiles(101, 7, &listing), ZOLTLOG_NO_LOG_FILES);
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(101, "web", &listing), ZOLTLOG_NO_LOG_FILES);
-    EXPECT_EQ(zoltLogGetManageableLogFiles(0, 0, &listing), ZOLTLOG_NO_LOG_FILES);
+    EXPECT_RESULT(ZOLTLOG_NO_LOG_FILES, zoltLogGetManageableLogFiles(101, 7, &listing));
+    EXPECT_RESULT(ZOLTLOG_NO_LOG_FILES, zoltLogGetManageableLogFilesSL(101, "web", &listing));
+    EXPECT_RESULT(ZOLTLOG_NO_LOG_FILES, zoltLogGetManageableLogFiles(0, 0, &listing));
 }
 
 TEST_F(Manageable, NoSurplusIsAnEmptyListAndSuccess) {
     series("101-7", 3, 1000);
-    EXPECT_EQ(zoltLogGetManageableLogFiles(101, 7, &listing), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFiles(101, 7, &listing));
     EXPECT_EQ(listing.files, nullptr);
     LogFileEntry *entry = nullptr;
-    EXPECT_EQ(zoltLogFetchNextFileEx(&listing, &entry), ZOLTLOG_NO_MORE);
+    EXPECT_RESULT(ZOLTLOG_NO_MORE, zoltLogFetchNextFileEx(&listing, &entry));
 }
 
 TEST_F(Manageable, AnyProductAndOriginator) {
@@ -452,7 +453,7 @@ TEST_F(Manageable, AnyProductAndOriginator) {
     series("101-112", 3, 2000);
     series("102-8", 2, 3000);
     series("102-9", 4, 4000); // not configured by itself, so never listed
-    ASSERT_EQ(zoltLogGetManageableLogFiles(0, 0, &listing), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFiles(0, 0, &listing));
     Names names = namesOf(listing.files);
     std::sort(names.begin(), names.end());
     Names expected = {counted("101-112", 0), counted("101-7", 0), counted("101-7", 1), counted("102-8", 0)};
@@ -465,10 +466,10 @@ TEST_F(Manageable, OnlyAProductOrOnlyAnOriginator) {
     series("101-112", 3, 2000);
     series("102-8", 2, 3000);
     series("102-112", 2, 5000);
-    ASSERT_EQ(zoltLogGetManageableLogFiles(102, 0, &listing), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFiles(102, 0, &listing));
     EXPECT_EQ(namesOf(listing.files), (Names{counted("102-8", 0), counted("102-112", 0)}));
     freeList(listing.files);
-    ASSERT_EQ(zoltLogGetManageableLogFiles(0, 112, &listing), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFiles(0, 112, &listing));
     EXPECT_EQ(namesOf(listing.files), (Names{counted("101-112", 0), counted("102-112", 0)}));
 }
 
@@ -476,21 +477,21 @@ TEST_F(Manageable, LogSetFilesByTheirNames) {
     for (const char *time : {"240305101500", "240305101459", "240305101501"})
         support::writeFile(std::string("logs/101-webfile-") + time + ".log", "$Header 65544,0,hostA\n");
     support::writeFile("logs/101-web-240305101500.log", "$Header 65544,0,hostA\n");
-    ASSERT_EQ(zoltLogGetManageableLogFilesSL(101, "web", &listing), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFilesSL(101, "web", &listing));
     EXPECT_EQ(namesOf(listing.files),
               (Names{"101-webfile-240305101500.log", "101-webfile-240305101459.log"}));
     EXPECT_EQ(listing.files->creationTime, 1709633700);
 }
 
 TEST_F(Manageable, LogSetNeedsProductAndName) {
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(0, "web", &listing), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogGetManageableLogFilesSL(101, nullptr, &listing), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetManageableLogFilesSL(0, "web", &listing));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetManageableLogFilesSL(101, nullptr, &listing));
 }
 
 TEST_F(Manageable, BurstWithinOneSecondNeverYieldsTheNewest) {
     for (int i = 0; i < 40; ++i)
         writeLog("logs/" + counted("101-7", i), 1000);
-    ASSERT_EQ(zoltLogGetManageableLogFiles(101, 7, &listing), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFiles(101, 7, &listing));
     Names names = namesOf(listing.files);
     ASSERT_EQ(names.size(), 37u);
     for (int i = 0; i < 37; ++i)
@@ -502,7 +503,7 @@ TEST_F(Manageable, WithoutDescriptorsNothingIsSurplus) {
     rlimit before;
     getrlimit(RLIMIT_NOFILE, &before);
     LogCfg warm; // the configuration is read with descriptors at hand, the files without
-    ASSERT_EQ(zoltLogReadCfg(101, 7, &warm), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogReadCfg(101, 7, &warm));
     zoltLogFreeCfg(&warm);
     for (rlim_t room = 3; room < 12; ++room) {
         rlimit few = before;
@@ -544,10 +545,10 @@ class Fetch : public testing::Test {
 TEST_F(Fetch, MissingArgumentsAreInvalid) {
     LogFileEntry *entry = nullptr;
     char *path = nullptr;
-    EXPECT_EQ(zoltLogFetchNextFileEx(nullptr, &entry), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogFetchNextFileEx(&listing, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogFetchNextFile(nullptr, &path), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogFetchNextFile(&listing, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogFetchNextFileEx(nullptr, &entry));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogFetchNextFileEx(&listing, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogFetchNextFile(nullptr, &path));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogFetchNextFile(&listing, nullptr));
 }
 
 TEST_F(Fetch, YieldsEachFileThenNineForEver) {
@@ -557,7 +558,7 @@ TEST_F(Fetch, YieldsEachFileThenNineForEver) {
     EXPECT_EQ(fetchAll(), (Names{counted("101-7", 1), counted("101-7", 0)}));
     LogFileEntry *entry = nullptr;
     for (int i = 0; i < 3; ++i)
-        EXPECT_EQ(zoltLogFetchNextFileEx(&listing, &entry), ZOLTLOG_NO_MORE);
+        EXPECT_RESULT(ZOLTLOG_NO_MORE, zoltLogFetchNextFileEx(&listing, &entry));
     EXPECT_EQ(entry, nullptr);
     EXPECT_EQ(listing.files->headerVersion, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(listing.files->file.descriptor, -1);
@@ -688,7 +689,7 @@ TEST_F(Fetch, PathIsDirectoryThenNameIn8192ZeroedBytes) {
     writeLog(counted("101-7", 0), 10);
     give({counted("101-7", 0)});
     char *path = nullptr;
-    ASSERT_EQ(zoltLogFetchNextFile(&listing, &path), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogFetchNextFile(&listing, &path));
     const std::string expected = here() + counted("101-7", 0);
     EXPECT_EQ(path, expected);
     for (size_t i = expected.size(); i < 8192; ++i)
@@ -697,7 +698,7 @@ TEST_F(Fetch, PathIsDirectoryThenNameIn8192ZeroedBytes) {
     EXPECT_EQ(path, nullptr);
     zoltLogFreeBuffer(&path);
     zoltLogFreeBuffer(nullptr);
-    EXPECT_EQ(zoltLogFetchNextFile(&listing, &path), ZOLTLOG_NO_MORE);
+    EXPECT_RESULT(ZOLTLOG_NO_MORE, zoltLogFetchNextFile(&listing, &path));
     EXPECT_EQ(path, nullptr);
 }
 
@@ -737,7 +738,7 @@ class Copy : public testing::Test {
 };
 
 TEST_F(Copy, IsMadeInBlocksOf1022Bytes) {
-    EXPECT_EQ(copy(), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, copy());
     EXPECT_EQ(reads, (std::vector<size_t>{1022, 1022, 456}));
     EXPECT_EQ(writes, (std::vector<size_t>{1022, 1022, 456}));
     EXPECT_EQ(support::readFile("to/from.log"), content);
@@ -745,25 +746,25 @@ TEST_F(Copy, IsMadeInBlocksOf1022Bytes) {
 
 TEST_F(Copy, WholeBlocksNeedNoEmptyOne) {
     support::writeFile("from.log", content.substr(0, 2044));
-    EXPECT_EQ(copy(), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, copy());
     EXPECT_EQ(reads, (std::vector<size_t>{1022, 1022}));
     EXPECT_EQ(support::readFile("to/from.log"), content.substr(0, 2044));
 }
 
 TEST_F(Copy, AnEmptyFileGivesAnEmptyCopy) {
     support::writeFile("from.log", "");
-    EXPECT_EQ(copy(), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, copy());
     EXPECT_TRUE(support::exists("to/from.log"));
     EXPECT_EQ(support::readFile("to/from.log"), "");
 }
 
 TEST_F(Copy, HasPermissions660AndReplacesWhatWasThere) {
-    EXPECT_EQ(copy(), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, copy());
     struct stat status;
     ASSERT_EQ(stat("to/from.log", &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0660u);
     support::writeFile("to/from.log", content + content);
-    EXPECT_EQ(copy(), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, copy());
     EXPECT_EQ(support::readFile("to/from.log"), content);
 }
 
@@ -787,99 +788,99 @@ TEST_F(Copy, FitsOnASmallStack) {
 #endif
 
 TEST_F(Copy, MissingArgumentsAreInvalid) {
-    EXPECT_EQ(zoltLogCopyFile(nullptr, "to"), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCopyFile("from.log", nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCopyFileEx(nullptr, "to"), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCopyFileEx("from.log", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCopyFile(nullptr, "to"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCopyFile("from.log", nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCopyFileEx(nullptr, "to"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCopyFileEx("from.log", nullptr));
 }
 
 TEST_F(Copy, SourceThatCannotBeOpenedIs32) {
-    EXPECT_EQ(zoltLogCopyFile("missing.log", "to"), ZOLTLOG_OPEN_FAILED);
-    EXPECT_EQ(zoltLogCopyFile("to", "to"), ZOLTLOG_OPEN_FAILED);
+    EXPECT_RESULT(ZOLTLOG_OPEN_FAILED, zoltLogCopyFile("missing.log", "to"));
+    EXPECT_RESULT(ZOLTLOG_OPEN_FAILED, zoltLogCopyFile("to", "to"));
 }
 
 TEST_F(Copy, SizeThatCannotBeToldIs31) {
     statusCallsLeft = 1; // the open asks first what it opened
-    EXPECT_EQ(copy(), 31u);
+    EXPECT_RESULT(ZOLTLOG_SOURCE_SIZE_UNKNOWN, copy());
 }
 
 TEST_F(Copy, DestinationThatCannotBeOpenedIs47Or32) {
-    EXPECT_EQ(zoltLogCopyFile((here() + "from.log").c_str(), "missing"),
-              ZOLTLOG_DEST_OPEN_FAILED); // no such path
+    EXPECT_RESULT(ZOLTLOG_DEST_OPEN_FAILED,
+                  zoltLogCopyFile((here() + "from.log").c_str(), "missing")); // no such path
     support::makeDirectory("to/from.log");
-    EXPECT_EQ(copy(), 32u); // any other failure
+    EXPECT_RESULT(ZOLTLOG_OPEN_FAILED, copy()); // any other failure
 }
 
 TEST_F(Copy, DestinationDeniedIs47) {
     chmod("to", 0500);
     EXPECT_TRUE(support::asOrdinaryUser(
-        [] { EXPECT_EQ(zoltLogCopyFile("./from.log", "to"), ZOLTLOG_DEST_OPEN_FAILED); }));
+        [] { EXPECT_RESULT(ZOLTLOG_DEST_OPEN_FAILED, zoltLogCopyFile("./from.log", "to")); }));
     chmod("to", 0700);
 }
 
 TEST_F(Copy, PathWithoutSlashIsAppendedToTheDirectoryAsItIs) {
-    EXPECT_EQ(zoltLogCopyFile("from.log", "to/"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCopyFile("from.log", "to/"));
     EXPECT_EQ(support::readFile("to/from.log"), content);
-    EXPECT_EQ(zoltLogCopyFile("from.log", "to"), 0u); // no separator is put in
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCopyFile("from.log", "to")); // no separator is put in
     EXPECT_EQ(support::readFile("tofrom.log"), content);
 }
 
 TEST_F(Copy, ShortReadEndsWith33AndLeavesThePartialCopy) {
     shortReadAt = 1;
-    EXPECT_EQ(copy(), 33u);
+    EXPECT_RESULT(ZOLTLOG_SHORT_READ, copy());
     EXPECT_EQ(support::readFile("to/from.log"), content.substr(0, 1022));
 }
 
 TEST_F(Copy, ShortWriteGoesOnWithTheRest) {
     failWriteAt = 1;
-    EXPECT_EQ(copy(), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, copy());
     EXPECT_EQ(support::readFile("to/from.log"), content);
 }
 
 TEST_F(Copy, ShortWriteEndsWith34WhenTheRestFails) {
     failWriteAt = 1;
     errorAfterShort = EIO;
-    EXPECT_EQ(copy(), 34u);
+    EXPECT_RESULT(ZOLTLOG_SHORT_WRITE, copy());
     EXPECT_EQ(support::readFile("to/from.log"), content.substr(0, 2043));
 }
 
 TEST_F(Copy, ShortWriteOnAFullDeviceEndsWith54) {
     failWriteAt = 1;
     errorAfterShort = ENOSPC;
-    EXPECT_EQ(copy(), 54u);
+    EXPECT_RESULT(ZOLTLOG_DEVICE_FULL, copy());
 }
 
 TEST_F(Copy, FailedWriteEndsWith34) {
     failWriteAt = 0;
     writeError = EIO;
-    EXPECT_EQ(copy(), 34u);
+    EXPECT_RESULT(ZOLTLOG_SHORT_WRITE, copy());
 }
 
 TEST_F(Copy, FullDeviceEndsWith54) {
     failWriteAt = 2;
     writeError = ENOSPC;
-    EXPECT_EQ(copy(), 54u);
+    EXPECT_RESULT(ZOLTLOG_DEVICE_FULL, copy());
     EXPECT_EQ(support::readFile("to/from.log"), content.substr(0, 2044));
 }
 
 TEST_F(Copy, OntoItselfIsRefusedAndNothingIsLost) {
-    EXPECT_EQ(zoltLogCopyFile((here() + "from.log").c_str(), here().substr(0, here().size() - 1).c_str()),
-              ZOLTLOG_DEST_OPEN_FAILED);
+    EXPECT_RESULT(ZOLTLOG_DEST_OPEN_FAILED, zoltLogCopyFile((here() + "from.log").c_str(),
+                                                            here().substr(0, here().size() - 1).c_str()));
     EXPECT_EQ(support::readFile("from.log"), content);
     ASSERT_EQ(link("from.log", "to/from.log"), 0);
-    EXPECT_EQ(copy(), 47u);
+    EXPECT_RESULT(ZOLTLOG_DEST_OPEN_FAILED, copy());
     EXPECT_EQ(support::readFile("from.log"), content);
 }
 
 TEST_F(Copy, APlantedLinkAtTheDestinationIsNotFollowed) {
     support::writeFile("victim", "precious");
     ASSERT_EQ(symlink("../victim", "to/from.log"), 0);
-    EXPECT_EQ(copy(), 32u);
+    EXPECT_RESULT(ZOLTLOG_OPEN_FAILED, copy());
     EXPECT_EQ(support::readFile("victim"), "precious");
 }
 
 TEST_F(Copy, ByLinkMakesAHardLink) {
-    EXPECT_EQ(zoltLogCopyFileEx((here() + "from.log").c_str(), (here() + "to").c_str()), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCopyFileEx((here() + "from.log").c_str(), (here() + "to").c_str()));
     struct stat a;
     struct stat b;
     ASSERT_EQ(stat("from.log", &a), 0);
@@ -888,28 +889,28 @@ TEST_F(Copy, ByLinkMakesAHardLink) {
 }
 
 TEST_F(Copy, ByLinkFailsWith34) {
-    EXPECT_EQ(zoltLogCopyFileEx("./missing.log", "to"), ZOLTLOG_SHORT_WRITE);
-    EXPECT_EQ(zoltLogCopyFileEx("./from.log", "missing"), ZOLTLOG_SHORT_WRITE);
+    EXPECT_RESULT(ZOLTLOG_SHORT_WRITE, zoltLogCopyFileEx("./missing.log", "to"));
+    EXPECT_RESULT(ZOLTLOG_SHORT_WRITE, zoltLogCopyFileEx("./from.log", "missing"));
     support::writeFile("to/from.log", "there");
-    EXPECT_EQ(zoltLogCopyFileEx("./from.log", "to"), ZOLTLOG_SHORT_WRITE);
+    EXPECT_RESULT(ZOLTLOG_SHORT_WRITE, zoltLogCopyFileEx("./from.log", "to"));
     EXPECT_EQ(support::readFile("to/from.log"), "there");
 }
 
 TEST_F(Copy, ByLinkRefusesAPathWithoutSlash) {
-    EXPECT_EQ(zoltLogCopyFileEx("from.log", "to"), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCopyFileEx("from.log", "to"));
 }
 
 TEST(Delete, RemovesTheFileAndSaysNothing) {
     support::writeFile("a.log", "x");
-    EXPECT_EQ(support::captured(1, [] { EXPECT_EQ(zoltLogDeleteFile("a.log"), 0u); }), "");
+    EXPECT_EQ(support::captured(1, [] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogDeleteFile("a.log")); }), "");
     EXPECT_FALSE(support::exists("a.log"));
 }
 
 TEST(Delete, AMissingFileIsToldAndGivesZero) {
-    EXPECT_EQ(support::captured(1, [] { EXPECT_EQ(zoltLogDeleteFile("missing.log"), 0u); }),
+    EXPECT_EQ(support::captured(1, [] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogDeleteFile("missing.log")); }),
               "missing.log File Deletion failed\n");
 }
 
 TEST(Delete, NoPathIsInvalid) {
-    EXPECT_EQ(zoltLogDeleteFile(nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogDeleteFile(nullptr));
 }

@@ -1,6 +1,7 @@
 // Reading the configuration: location, sections, keys, inheritance, collections.
 #include "src/config_keys.h"
 #include "support/cases.h"
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -383,18 +384,18 @@ TEST(ConfigRead, AbsentSectionsReadAsEmpty) {
 TEST(ConfigRead, ResultsOfReadingOneOriginator) {
     registerProduct("6.Names=six\n");
     LogCfg cfg = {};
-    EXPECT_EQ(zoltLogReadCfg(0, 7, &cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogReadCfg(5, 0, &cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogReadCfg(5, 7, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadCfg(0, 7, &cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadCfg(5, 0, &cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadCfg(5, 7, nullptr));
     LogCfg fresh;
     InitLogCfg(6, 7, nullptr, &fresh);
-    EXPECT_EQ(zoltLogReadCfg(6, 7, &cfg), ZOLTLOG_CFG_NOT_FOUND); // no "Configuration"
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogReadCfg(6, 7, &cfg)); // no "Configuration"
     EXPECT_EQ(everyField(cfg), everyField(fresh));
     zoltLogFreeCfg(&cfg);
-    EXPECT_EQ(zoltLogReadCfg(9, 7, &cfg), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogReadCfg(9, 7, &cfg));
     zoltLogFreeCfg(&cfg);
     ASSERT_EQ(unlink("main.conf"), 0);
-    EXPECT_EQ(zoltLogReadCfg(5, 7, &cfg), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogReadCfg(5, 7, &cfg));
     zoltLogFreeCfg(&cfg);
     zoltLogFreeCfg(&fresh);
 }
@@ -463,10 +464,10 @@ TEST(ConfigRead, ResultsOfReadingOneLogset) {
     EXPECT_EQ(read.logset("default"), 6U);
     EXPECT_EQ(read.logset(""), 6U);
     LogCfg cfg = {};
-    EXPECT_EQ(zoltLogReadlogsetCfg(0, "bill", &cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogReadlogsetCfg(5, nullptr, &cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogReadlogsetCfg(5, "bill", nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogReadlogsetCfg(6, "bill", &cfg), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadlogsetCfg(0, "bill", &cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadlogsetCfg(5, nullptr, &cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadlogsetCfg(5, "bill", nullptr));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogReadlogsetCfg(6, "bill", &cfg));
     EXPECT_STREQ(cfg.logsetName, "bill");
     zoltLogFreeCfg(&cfg);
 }
@@ -512,9 +513,9 @@ TEST(ConfigRead, TheSettingsOfASectionAreCounted) {
     EXPECT_EQ(cfg.debugLevel, 3U);
     EXPECT_EQ(cfg.logsetFilename, nullptr); // no key of an originator
     EXPECT_EQ(GetOriginatorCfgSettings("missing.conf", "7", &cfg), 0U);
-    EXPECT_EQ(GetOriginatorCfgSettings(nullptr, "7", &cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(GetOriginatorCfgSettings("product.conf", nullptr, &cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(GetOriginatorCfgSettings("product.conf", "7", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, GetOriginatorCfgSettings(nullptr, "7", &cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, GetOriginatorCfgSettings("product.conf", nullptr, &cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, GetOriginatorCfgSettings("product.conf", "7", nullptr));
     zoltLogFreeCfg(&cfg);
 }
 
@@ -533,17 +534,17 @@ TEST(ConfigRead, SingleTextsAreFoundByFileSectionAndKey) {
     EXPECT_STREQ(text, "/usr/share/res");
     zoltLogFree(text);
     text = nullptr;
-    EXPECT_EQ(GetProductCfgPath("main.conf", 6, &text), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(GetProductCfgPath("missing.conf", 5, &text), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(GetProductCfgPath("main.conf", 5, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(GetProductShortName("main.conf", 6, &text), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(GetPropertyString("main.conf", "5", "Nothing", &text), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(GetPropertyString("main.conf", "5", "Names", nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(GetPropertyString(nullptr, "5", "Names", &text), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(zoltLogCfgGetToolsResDir(nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, GetProductCfgPath("main.conf", 6, &text));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, GetProductCfgPath("missing.conf", 5, &text));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, GetProductCfgPath("main.conf", 5, nullptr));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, GetProductShortName("main.conf", 6, &text));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, GetPropertyString("main.conf", "5", "Nothing", &text));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, GetPropertyString("main.conf", "5", "Names", nullptr));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, GetPropertyString(nullptr, "5", "Names", &text));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetToolsResDir(nullptr));
     EXPECT_EQ(text, nullptr);
     ASSERT_EQ(unlink("main.conf"), 0);
-    EXPECT_EQ(zoltLogCfgGetToolsResDir(&text), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogCfgGetToolsResDir(&text));
 }
 
 TEST(ConfigRead, StoreResultsAreTranslated) {
@@ -686,10 +687,10 @@ TEST(ConfigRead, ResultsOfCollecting) {
     EXPECT_EQ(found.all(), "39 ");
     EXPECT_EQ(found.product(5), "39 ");
     uint32_t count = 42;
-    EXPECT_EQ(zoltLogReadAllCfg(nullptr, 4, nullptr, &count), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogReadAllCfg(nullptr, 4, found.cfgs.data(), nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogReadProdIDCfg(nullptr, 5, 4, nullptr, &count), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogReadProdIDCfg(nullptr, 5, 4, found.cfgs.data(), nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadAllCfg(nullptr, 4, nullptr, &count));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadAllCfg(nullptr, 4, found.cfgs.data(), nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadProdIDCfg(nullptr, 5, 4, nullptr, &count));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogReadProdIDCfg(nullptr, 5, 4, found.cfgs.data(), nullptr));
     EXPECT_EQ(count, 42U);
     // a section name that is too long ends the enumeration of the main file
     support::writeFile("main.conf", std::string(81, 'x') + ".a=1\n");

@@ -1,5 +1,6 @@
 // The configuration record: defaults, copies, accessors, masks, rollover modes, names.
 #include "src/config_keys.h"
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -166,7 +167,7 @@ TEST(Config, ANameMakesALogsetRecord) {
         EXPECT_EQ(cfg.changedMask, 0U);
         zoltLogFreeCfg(&cfg);
     }
-    EXPECT_EQ(InitLogCfg(5, 7, "x", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, InitLogCfg(5, 7, "x", nullptr));
 }
 
 TEST(Config, FreeingZeroesTheRecord) {
@@ -182,7 +183,7 @@ TEST(Config, FreeingZeroesTheRecord) {
     const LogCfg zero = {};
     EXPECT_EQ(memcmp(cfg, &zero, sizeof zero), 0);
     EXPECT_EQ(zoltLogFreeCfg(cfg), 0U);
-    EXPECT_EQ(zoltLogFreeCfg(nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogFreeCfg(nullptr));
 }
 
 TEST(Config, CopyLeavesOutWhatItIsToldTo) {
@@ -252,8 +253,8 @@ TEST(Config, CopyLeavesOutWhatItIsToldTo) {
     EXPECT_EQ(copy.changedMask, 0U);
     EXPECT_EQ(copy.removedMask, 0U);
     zoltLogFreeCfg(&copy);
-    EXPECT_EQ(CopyCfg(nullptr, cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(CopyCfg(&copy, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, CopyCfg(nullptr, cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, CopyCfg(&copy, nullptr));
 }
 
 TEST(Config, CopyTakesAnIdentityWithoutTerminator) {
@@ -456,12 +457,12 @@ TEST(Config, FlagsAreSetTogether) {
     EXPECT_EQ(cfg->outputFlags, 0U);
     EXPECT_EQ(zoltLogCfgSetFlags(cfg, 2), 0U);
     cfg->changedMask = 0;
-    EXPECT_EQ(zoltLogCfgSetFlags(cfg, -1), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetFlags(cfg, -1));
     EXPECT_EQ(cfg->outputFlags, ZOLTLOG_OUT_STDERR);
     EXPECT_EQ(cfg->changedMask, 0U);
-    EXPECT_EQ(zoltLogCfgSetFlags(nullptr, 1), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetFlags(nullptr, &flags), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetFlags(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetFlags(nullptr, 1));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetFlags(nullptr, &flags));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetFlags(cfg, nullptr));
 }
 
 // ---- texts -----------------------------------------------------------------------------------
@@ -524,7 +525,7 @@ TEST(Config, TheLocalizationLibraryIsGivenAsAFileName) {
     EXPECT_EQ(get(zoltLogCfgGetL10nLib, &record.cfg), "0:/opt/x/libfoo.so.3");
     Record unset;
     char *out = &unset.cfg.directory[0];
-    EXPECT_EQ(zoltLogCfgGetL10nLib(&unset.cfg, &out), ZOLTLOG_NO_MEMORY);
+    EXPECT_RESULT(ZOLTLOG_NO_MEMORY, zoltLogCfgGetL10nLib(&unset.cfg, &out));
     EXPECT_EQ(out, nullptr);
 }
 
@@ -560,21 +561,23 @@ TEST(Config, ADirectoryThatDoesNotFitChangesNothing) {
     LogCfg *cfg = &record.cfg;
     EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "/d", nullptr), 0U);
     cfg->changedMask = 0;
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, std::string(1024, 'x').c_str(), nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, std::string(5000, 'x').c_str(), nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, std::string(1022, 'x').c_str(), cfg->directory + 3),
-              ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "x", cfg->directory + 1023), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "x", cfg->directory + 1025), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "x", cfg->oslog.ident), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, "", nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetDirectory(cfg, nullptr, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgSetDirectory(nullptr, "x", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT,
+                  zoltLogCfgSetDirectory(cfg, std::string(1024, 'x').c_str(), nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT,
+                  zoltLogCfgSetDirectory(cfg, std::string(5000, 'x').c_str(), nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT,
+                  zoltLogCfgSetDirectory(cfg, std::string(1022, 'x').c_str(), cfg->directory + 3));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetDirectory(cfg, "x", cfg->directory + 1023));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetDirectory(cfg, "x", cfg->directory + 1025));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetDirectory(cfg, "x", cfg->oslog.ident));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetDirectory(cfg, "", nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetDirectory(cfg, nullptr, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgSetDirectory(nullptr, "x", nullptr));
     EXPECT_STREQ(cfg->directory, "/d/");
     EXPECT_EQ(cfg->changedMask, 0U);
     char *out = nullptr;
-    EXPECT_EQ(zoltLogCfgGetDirectory(nullptr, &out), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCfgGetDirectory(cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetDirectory(nullptr, &out));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCfgGetDirectory(cfg, nullptr));
     const std::string longest(1023, 'x');
     EXPECT_EQ(zoltLogCfgSetDirectory(cfg, longest.c_str(), nullptr), 0U);
     EXPECT_EQ(cfg->directory, longest + "/");
@@ -623,8 +626,9 @@ TEST(Config, TheFirstShortNameEndsAtACommaElseAtABlank) {
         EXPECT_EQ(text(result, out), "0:originator");
     }
     char *out = nullptr;
-    EXPECT_EQ(LogCfgGetShortNames(nullptr, ZOLTLOG_ATTR_PRODUCT_ID, &out), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(LogCfgGetShortNames(&record.cfg, ZOLTLOG_ATTR_PRODUCT_ID, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, LogCfgGetShortNames(nullptr, ZOLTLOG_ATTR_PRODUCT_ID, &out));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT,
+                  LogCfgGetShortNames(&record.cfg, ZOLTLOG_ATTR_PRODUCT_ID, nullptr));
 }
 
 TEST(Config, RolloverModesAreReadByTheirWords) {

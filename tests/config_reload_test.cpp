@@ -1,4 +1,5 @@
 // The dynamic reload and the product's switch, with a clock and a counted stat of the test's own.
+#include "support/results.h"
 #include "support/support.h"
 #include "support/syscalls.h"
 #include "zoltlog.h"
@@ -282,10 +283,10 @@ TEST(ConfigReload, TheProductsSwitchIsABoolean) {
     EXPECT_EQ(GetProductLoggingLevel("main.conf", 6, &enabled), 0U);
     EXPECT_EQ(enabled, 0U);
     enabled = 9;
-    EXPECT_EQ(GetProductLoggingLevel("main.conf", 7, &enabled), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(GetProductLoggingLevel("main.conf", 8, &enabled), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(GetProductLoggingLevel("missing.conf", 5, &enabled), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(GetProductLoggingLevel(nullptr, 5, &enabled), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(GetProductLoggingLevel("main.conf", 5, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, GetProductLoggingLevel("main.conf", 7, &enabled));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, GetProductLoggingLevel("main.conf", 8, &enabled));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, GetProductLoggingLevel("missing.conf", 5, &enabled));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, GetProductLoggingLevel(nullptr, 5, &enabled));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, GetProductLoggingLevel("main.conf", 5, nullptr));
     EXPECT_EQ(enabled, 9U);
 }

@@ -1,6 +1,7 @@
 // Writing the configuration: records, registration of products.
 #include "src/config_keys.h"
 #include "support/cases.h"
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -189,7 +190,7 @@ TEST(ConfigWrite, AFreshRecordWritesNothing) {
     ASSERT_EQ(zoltLogReadCfg(5, 7, &cfg), 0U);
     EXPECT_EQ(zoltLogWriteCfg(5, 7, &cfg), 0U);
     EXPECT_EQ(readFile("product.conf"), "");
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &cfg), ZOLTLOG_NOTHING_TO_WRITE);
+    EXPECT_RESULT(ZOLTLOG_NOTHING_TO_WRITE, zoltLogWritelogSetCfg(5, "bill", &cfg));
     EXPECT_EQ(readFile("product.conf"), "");
     zoltLogFreeCfg(&cfg);
 }
@@ -227,13 +228,13 @@ TEST(ConfigWrite, ResultsOfWritingAnOriginator) {
     registerProduct();
     Record record;
     zoltLogCfgSetDebugLevel(&record.cfg, 3);
-    EXPECT_EQ(zoltLogWriteCfg(0, 7, &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogWriteCfg(5, 0, &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogWriteCfg(5, 7, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogWriteCfg(6, 7, &record.cfg), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWriteCfg(0, 7, &record.cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWriteCfg(5, 0, &record.cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWriteCfg(5, 7, nullptr));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogWriteCfg(6, 7, &record.cfg));
     EXPECT_EQ(readFile("product.conf"), "");
     support::makeDirectory("product.conf.tmp/full");
-    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), ZOLTLOG_CFG_CREATE_FAILED); // the store's 5
+    EXPECT_RESULT(ZOLTLOG_CFG_CREATE_FAILED, zoltLogWriteCfg(5, 7, &record.cfg)); // the store's 5
     EXPECT_EQ(zoltLogMutex.depth, 0);
 }
 
@@ -241,8 +242,8 @@ TEST(ConfigWrite, AFailureOfTheSystemLogKeysIsTheResult) {
     registerProduct();
     Record record;
     zoltLogCfgSetSyslogFacility(&record.cfg, 40); // has no name
-    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWriteCfg(5, 7, &record.cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWritelogSetCfg(5, "bill", &record.cfg));
 }
 
 TEST(ConfigWrite, ALineFeedIsRefusedAndNothingChanges) {
@@ -250,7 +251,7 @@ TEST(ConfigWrite, ALineFeedIsRefusedAndNothingChanges) {
     const auto check = [](LogCfg *cfg) {
         cfg->changedMask |= 0x20;
         const size_t files = support::openDescriptors();
-        EXPECT_EQ(zoltLogWriteCfg(5, 7, cfg), ZOLTLOG_INVALID_ARGUMENT);
+        EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWriteCfg(5, 7, cfg));
         EXPECT_EQ(readFile("product.conf"), "");
         EXPECT_EQ(support::openDescriptors(), files);
     };
@@ -271,12 +272,12 @@ TEST(ConfigWrite, ALineFeedIsRefusedAndNothingChanges) {
                               zoltLogCfgSetLogsetOIDDebugLogging, zoltLogCfgSetLogsetOIDDiagLogging}) {
         Record record("bill");
         setter(&record.cfg, "x\ny");
-        EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
+        EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWritelogSetCfg(5, "bill", &record.cfg));
         EXPECT_EQ(readFile("product.conf"), "");
     }
     Record logset("bill");
     zoltLogCfgSetDebugLevel(&logset.cfg, 1);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bi\nll", &logset.cfg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWritelogSetCfg(5, "bi\nll", &logset.cfg));
     EXPECT_EQ(readFile("product.conf"), "");
 }
 
@@ -317,7 +318,7 @@ TEST(ConfigWrite, AFileNameCannotBeRemoved) {
     setEverything(&record.cfg);
     record.cfg.removedMask = 0x8000000;
     record.cfg.changedMask = 0x40000;
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_NOTHING_TO_WRITE);
+    EXPECT_RESULT(ZOLTLOG_NOTHING_TO_WRITE, zoltLogWritelogSetCfg(5, "bill", &record.cfg));
     EXPECT_EQ(readFile("product.conf"), "LOGSET.bill.FileName=b\nLOGSET.bill.SyslogIdent=me\n");
 }
 
@@ -336,13 +337,13 @@ TEST(ConfigWrite, ResultsOfWritingALogset) {
     registerProduct();
     Record record("bill");
     zoltLogCfgSetDebugLevel(&record.cfg, 3);
-    EXPECT_EQ(zoltLogWritelogSetCfg(0, "bill", &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, nullptr, &record.cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogWritelogSetCfg(6, "bill", &record.cfg), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWritelogSetCfg(0, "bill", &record.cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWritelogSetCfg(5, nullptr, &record.cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogWritelogSetCfg(5, "bill", nullptr));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogWritelogSetCfg(6, "bill", &record.cfg));
     record.cfg.changedMask = 0;
-    EXPECT_EQ(zoltLogWritelogSetCfg(6, "bill", &record.cfg), ZOLTLOG_CFG_NOT_FOUND); // before 61
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_NOTHING_TO_WRITE);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogWritelogSetCfg(6, "bill", &record.cfg)); // before 61
+    EXPECT_RESULT(ZOLTLOG_NOTHING_TO_WRITE, zoltLogWritelogSetCfg(5, "bill", &record.cfg));
     record.cfg.removedMask = 0x20;
     EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U);
     EXPECT_EQ(readFile("product.conf"), "");
@@ -353,8 +354,8 @@ TEST(ConfigWrite, AStoreThatDoesNotOpenIsToldDifferentlyForLogsets) {
     writeFile("taken.conf", ""); // no directory
     Record record;
     zoltLogCfgSetDebugLevel(&record.cfg, 3);
-    EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogWriteCfg(5, 7, &record.cfg));
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogWritelogSetCfg(5, "bill", &record.cfg));
 }
 
 TEST(ConfigWrite, LogsetsOfALocationThatIsNoFileHaveAStoreOfTheirOwn) {
@@ -380,12 +381,12 @@ TEST(ConfigWrite, ASectionIsOpenedOrItsFileMade) {
     EXPECT_STREQ(store.path, "./a/b/new.conf");
     utiClosePropertyStore(&store);
     EXPECT_EQ(readFile("a/b/new.conf"), std::string(HEADER) + "5.x=1\n"); // not emptied
-    EXPECT_EQ(CreatePropertyString("./x.conf", "5", nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(CreatePropertyString("nodirectory.conf", "5", &store), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(CreatePropertyString(nullptr, "5", &store), ZOLTLOG_CFG_NOT_FOUND);
-    EXPECT_EQ(CreatePropertyString("./x.conf", nullptr, &store), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, CreatePropertyString("./x.conf", "5", nullptr));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, CreatePropertyString("nodirectory.conf", "5", &store));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, CreatePropertyString(nullptr, "5", &store));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, CreatePropertyString("./x.conf", nullptr, &store));
     support::makeDirectory("dir.conf");
-    EXPECT_EQ(CreatePropertyString("./dir.conf", "5", &store), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, CreatePropertyString("./dir.conf", "5", &store));
 }
 
 TEST(ConfigWrite, ASymbolicLinkStays) {
@@ -418,7 +419,7 @@ TEST(ConfigWrite, AnUnreadableFileIsNotEmptied) {
     ASSERT_EQ(chmod("secret.conf", 0200), 0);
     EXPECT_TRUE(support::asOrdinaryUser([] {
         PropertyStore store;
-        EXPECT_EQ(CreatePropertyString("./secret.conf", "5", &store), ZOLTLOG_CFG_NOT_FOUND);
+        EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, CreatePropertyString("./secret.conf", "5", &store));
     }));
     ASSERT_EQ(chmod("secret.conf", 0600), 0);
     EXPECT_EQ(readFile("secret.conf"), "5.a=1\n");
@@ -431,7 +432,7 @@ FRESH_TEST(ConfigWrite, AProductIsRegisteredAndRemoved) {
     EXPECT_EQ(zoltLogAddProductCfg(5, "five, cinq", "/five.conf"), 0U);
     EXPECT_EQ(readFile("etc/main.conf"),
               std::string(HEADER) + "5.Configuration=/five.conf\n5.Names=five, cinq\n");
-    EXPECT_EQ(zoltLogAddProductCfg(5, "again", "/other.conf"), ZOLTLOG_PRODUCT_EXISTS);
+    EXPECT_RESULT(ZOLTLOG_PRODUCT_EXISTS, zoltLogAddProductCfg(5, "again", "/other.conf"));
     EXPECT_EQ(zoltLogAddProductCfg(6, "", "/six.conf"), 0U);
     EXPECT_EQ(readFile("etc/main.conf"), std::string(HEADER) +
                                              "5.Configuration=/five.conf\n5.Names=five, cinq\n"
@@ -439,11 +440,11 @@ FRESH_TEST(ConfigWrite, AProductIsRegisteredAndRemoved) {
     EXPECT_EQ(IsThisLastProductConfiguration(), 0);
     EXPECT_EQ(zoltLogRemoveProductCfg(5), 0U);
     EXPECT_EQ(readFile("etc/main.conf"), std::string(HEADER) + "6.Configuration=/six.conf\n6.Names=\n");
-    EXPECT_EQ(zoltLogRemoveProductCfg(5), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogRemoveProductCfg(5));
     EXPECT_EQ(zoltLogRemoveProductCfg(6), 0U);
     EXPECT_FALSE(exists("etc/main.conf")); // the last one takes the file along
     EXPECT_FALSE(exists("etc/main.conf.tmp"));
-    EXPECT_EQ(zoltLogRemoveProductCfg(6), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogRemoveProductCfg(6));
     EXPECT_FALSE(exists("etc/main.conf"));
     EXPECT_EQ(zoltLogMutex.depth, 0);
 }
@@ -469,16 +470,16 @@ TEST(ConfigWrite, TheLastProductTakesTheFileBehindTheLink) {
 
 TEST(ConfigWrite, ResultsOfRegistration) {
     setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1);
-    EXPECT_EQ(zoltLogAddProductCfg(0, "n", "l"), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogAddProductCfg(5, nullptr, "l"), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogAddProductCfg(5, "n", nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogAddProductCfg(5, "n\nm", "l"), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l\n"), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogRemoveProductCfg(0), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogRemoveProductCfg(5), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogAddProductCfg(0, "n", "l"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogAddProductCfg(5, nullptr, "l"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogAddProductCfg(5, "n", nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogAddProductCfg(5, "n\nm", "l"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogAddProductCfg(5, "n", "l\n"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogRemoveProductCfg(0));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogRemoveProductCfg(5));
     EXPECT_FALSE(exists("main.conf"));
     writeFile("main.conf", "5.Names=only\n");
-    EXPECT_EQ(zoltLogRemoveProductCfg(5), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogRemoveProductCfg(5));
     EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l"), 0U);
     EXPECT_EQ(readFile("main.conf"), "5.Names=n\n5.Configuration=l\n");
 }
@@ -486,7 +487,7 @@ TEST(ConfigWrite, ResultsOfRegistration) {
 FRESH_TEST(ConfigWrite, AMainFileThatCannotBeMadeIsResult6) {
     writeFile("plain", "");
     setenv("ZOLTLOG_CFG_LOC", "./plain/main.conf", 1);
-    EXPECT_EQ(zoltLogAddProductCfg(5, "n", "l"), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogAddProductCfg(5, "n", "l"));
     EXPECT_EQ(IsThisLastProductConfiguration(), 0); // a file that does not open
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "support/cases.h"
+#include "support/results.h"
 #include "zoltlog.h"
 
 namespace {
@@ -187,7 +188,7 @@ TEST(FaultStrncatlis, AFailingGetterOfEveryTypeFailsThePass) {
         wchar_t *wide = nullptr;
         ZoltLisIterator item = {{type == 9 ? 0u : 1u}};
         script.failAfter = 0;
-        EXPECT_EQ(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &wide)) << type;
+        EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &wide)) << type;
         EXPECT_EQ(nullptr, wide);
     }
 }
@@ -215,9 +216,9 @@ TEST(FaultStrncatlis, AnUnknownTypeHasNoWideText) {
     script.types = {12};
     ZoltLisIterator item = {};
     wchar_t *wide = nullptr;
-    EXPECT_EQ(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &wide));
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &wide));
     script.failing = "type";
-    EXPECT_EQ(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &wide));
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &wide));
     EXPECT_EQ(nullptr, wide);
 }
 
@@ -242,7 +243,7 @@ TEST(FaultListxt, AFailingLibraryLeavesTheTextAlone) {
         char mark[] = "untouched";
         char *out = mark;
         va_list args = {};
-        EXPECT_EQ(0u, listxt_svnprintf(&out, "x", args));
+        EXPECT_RESULT(ZOLTLOG_OK, listxt_svnprintf(&out, "x", args));
         EXPECT_EQ(mark, out);
     }
 }
@@ -253,7 +254,7 @@ TEST(FaultListxt, AFailingPassGivesNoTextAndReleasesTheBlock) {
     char mark[] = "";
     char *out = mark;
     va_list args = {};
-    EXPECT_EQ(0u, listxt_svnprintf(&out, "x", args));
+    EXPECT_RESULT(ZOLTLOG_OK, listxt_svnprintf(&out, "x", args));
     EXPECT_EQ(nullptr, out);
     EXPECT_EQ(1, script.freed);
 }

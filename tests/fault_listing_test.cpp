@@ -1,5 +1,6 @@
 // Listing, surplus files, fetching and copying while each allocation, then each system
 // call on files, fails once.
+#include "support/results.h"
 #include "support/support.h"
 #include "support/syscalls.h"
 #include "zoltlog.h"
@@ -148,7 +149,7 @@ TEST_F(FaultListing, EveryAllocationOfASurplusSearch) {
 
 TEST_F(FaultListing, EveryAllocationOfAListing) {
     LogCfg cfg;
-    ASSERT_EQ(zoltLogReadCfg(5, 112, &cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogReadCfg(5, 112, &cfg));
     LogCfg *cfgs = &cfg;
     static std::set<uint32_t> results;
     const int failed = failEach([&] {
@@ -165,14 +166,14 @@ TEST_F(FaultListing, EveryAllocationOfAListing) {
 
 TEST_F(FaultListing, AnAllocationThatFailsWhileFetchingLosesNoFile) {
     LogListing listing;
-    ASSERT_EQ(zoltLogGetManageableLogFiles(5, 112, &listing), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFiles(5, 112, &listing));
     LogFileEntry *const first = listing.files;
     // The path's buffer is the last allocation of a fetch.
     char *path = nullptr;
     failAt = -1;
     calls = 0;
     armed = true;
-    EXPECT_EQ(zoltLogFetchNextFile(&listing, &path), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogFetchNextFile(&listing, &path));
     armed = false;
     const int all = calls;
     zoltLogFreeBuffer(&path);
@@ -180,10 +181,10 @@ TEST_F(FaultListing, AnAllocationThatFailsWhileFetchingLosesNoFile) {
     failAt = all - 1;
     calls = 0;
     armed = true;
-    EXPECT_EQ(zoltLogFetchNextFile(&listing, &path), ZOLTLOG_NO_MEMORY);
+    EXPECT_RESULT(ZOLTLOG_NO_MEMORY, zoltLogFetchNextFile(&listing, &path));
     armed = false;
     EXPECT_EQ(path, nullptr);
-    ASSERT_EQ(zoltLogFetchNextFile(&listing, &path), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogFetchNextFile(&listing, &path));
     EXPECT_EQ(std::string(path), home + "logs/" + first->name);
     zoltLogFreeBuffer(&path);
     freeEntries(listing);

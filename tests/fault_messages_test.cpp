@@ -1,5 +1,6 @@
 // Message calls, contexts, outputs and the formatter plug-in when memory runs out.
 #include "support/log_records.h"
+#include "support/results.h"
 #include "support/sink_capture.h"
 
 #include <functional>
@@ -47,12 +48,12 @@ struct FaultMessages : testing::Test {
         logs::configure({"Default.DebugLevel=6", "Default.DiagnosticLevel=6", "Default.DynaReloadInSec=0"});
         sinks::reset();
         sinks::formatter = sinks::testFormatter("recording");
-        ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
         LogCfg cfg;
-        ASSERT_EQ(0u, InitLogCfg(logs::PRODUCT, logs::ORIGINATOR, nullptr, &cfg));
+        ASSERT_RESULT(ZOLTLOG_OK, InitLogCfg(logs::PRODUCT, logs::ORIGINATOR, nullptr, &cfg));
         cfg.secureAuditLevel = 6;
         cfg.outputFlags = ZOLTLOG_OUT_OSLOGX;
-        ASSERT_EQ(0u, zoltLogSecureOpen(logs::PRODUCT, logs::ORIGINATOR, &cfg, &secure));
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(logs::PRODUCT, logs::ORIGINATOR, &cfg, &secure));
         zoltLogFreeCfg(&cfg);
         blocksOpen = 0;
         sinks::capturing = [](bool began) {
@@ -128,7 +129,7 @@ TEST_F(FaultMessages, MessageCallsFreeWhatTheyMade) {
         ZoltLisBlock block = blockOf("%s", text);
         return zoltLogAuditMsg2L(&handle, 1, 0, "alice", 1, &block);
     });
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "after all that"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "after all that"));
     for (const logs::Record &record : logs::records())
         EXPECT_TRUE(record.whole);
     EXPECT_EQ("after all that", logs::records().back().text);
@@ -185,7 +186,7 @@ TEST_F(FaultMessages, TheConsoleTellsThatThereIsNoMemory) {
     const std::string path = sinks::formatter;
     dlopen(path.c_str(), RTLD_LAZY); // so that loading it again needs no memory
     std::string out = support::captured(1, [&] {
-        EXPECT_EQ(0u, OutputToConsole(0, &msg, nullptr));
+        EXPECT_RESULT(ZOLTLOG_OK, OutputToConsole(0, &msg, nullptr));
         bool toldNoMemory = false;
         for (long passing = 0; passing < MOST_ALLOCATIONS; ++passing) {
             uint32_t result = 0;

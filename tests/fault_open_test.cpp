@@ -1,5 +1,6 @@
 // Every allocation of opening, rolling over and contexts failing once.
 #include "support/log_records.h"
+#include "support/results.h"
 #include "write_series.h"
 
 #include "support/failing_allocations.h"
@@ -30,7 +31,7 @@ TEST_F(FaultOpen, EveryAllocationOfAnOpenMayFail) {
     for (const auto &way : ways) {
         LogHandle handle;
         ASSERT_EQ(way(&handle), 0u); // files are there, and what is kept for good is made
-        ASSERT_EQ(zoltLogClose(&handle), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
         const size_t descriptors = support::openDescriptors();
         bool failed = true;
         int failures = 0;
@@ -51,8 +52,8 @@ TEST_F(FaultOpen, EveryAllocationOfAnOpenMayFail) {
             EXPECT_TRUE(closed == 0 || result != 0) << number;
             EXPECT_EQ(support::openDescriptors(), descriptors) << number;
             ASSERT_EQ(way(&handle), 0u) << number;
-            ASSERT_EQ(send(&handle, "after"), 0u);
-            ASSERT_EQ(zoltLogClose(&handle), 0u);
+            ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "after"));
+            ASSERT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
         }
         EXPECT_GT(failures, 5);
     }
@@ -60,24 +61,24 @@ TEST_F(FaultOpen, EveryAllocationOfAnOpenMayFail) {
 
 TEST_F(FaultOpen, RolloverGoesOnWithoutMemory) {
     LogHandle handle;
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     LogMsg msg;
-    ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, std::string(1000, 'x').c_str()), 0u);
-    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, std::string(1000, 'x').c_str()));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL));
     const support::FailingAllocation failing(0);
-    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
     EXPECT_EQ(handle.file->counter, 1);
     support::allocationsUntilFailure = -1;
     zoltLogFreeMsg(&msg);
-    EXPECT_EQ(zoltLogClose(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
 }
 
 TEST_F(FaultOpen, ContextWithoutMemoryForItsTokenIs4) {
     LogHandle handle;
     LogHandle outer;
     LogHandle inner;
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
-    ASSERT_EQ(zoltLogCreateContext(&handle, &outer, "T1", 0, "outer"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &outer, "T1", 0, "outer"));
     bool failed = true;
     for (long number = 0; failed; ++number) {
         ASSERT_LT(number, 500);
@@ -90,6 +91,6 @@ TEST_F(FaultOpen, ContextWithoutMemoryForItsTokenIs4) {
         EXPECT_TRUE(result == 0 || result == 4 || result == 1 || result == 3) << result;
         EXPECT_EQ(zoltLogDestroyContext(&inner), result == 0 ? 0u : 3u);
     }
-    EXPECT_EQ(zoltLogDestroyContext(&outer), 0u);
-    EXPECT_EQ(zoltLogClose(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&outer));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
 }

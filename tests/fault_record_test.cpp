@@ -1,6 +1,7 @@
 // The record, the encoder and the readers when memory runs out: each allocation of
 // an operation fails once, in turn. This program replaces the allocator's functions.
 #include "support/cases.h"
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -147,7 +148,7 @@ TEST(FaultRecord, AContextTokenThatCannotBeCopiedLeavesTheEarlierOne) {
         msg.type = ZOLTLOG_MSG_CONTEXT;
         const long wanted = failing;
         failing = 0;
-        EXPECT_EQ(zoltLogSetContextAttr(&msg, "earlier"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetContextAttr(&msg, "earlier"));
         allocations = 0;
         failing = wanted;
         const uint32_t result = zoltLogSetContextAttr(&msg, "later");
@@ -163,13 +164,13 @@ TEST(FaultRecord, ARecordWithinTheInlineStorageNeedsNoMemory) {
         ASSERT_TRUE(support::useLocale(locale));
         LogMsg msg = exampleMessage("plain text");
         allocations = 0;
-        EXPECT_EQ(encode(msg, written, &writtenSize), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, encode(msg, written, &writtenSize));
         EXPECT_EQ(allocations, 0);
         EXPECT_EQ(writtenRecord(), PREFIX + "10:plain text,0:,0,(0|)\n");
     }
     LogMsg msg = exampleMessage("gr\xc3\xbc\xc3\x9f"); // in a UTF-8 locale
     allocations = 0;
-    EXPECT_EQ(encode(msg, written, &writtenSize), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, encode(msg, written, &writtenSize));
     EXPECT_EQ(allocations, 0);
     // Texts of 3800 bytes together; a version with all numbers, which are as long as they get.
     const std::string text(3700, 't');
@@ -182,7 +183,7 @@ TEST(FaultRecord, ARecordWithinTheInlineStorageNeedsNoMemory) {
     longest.who = const_cast<char *>(who.c_str());
     longest.contextToken = const_cast<char *>(token.c_str());
     allocations = 0;
-    EXPECT_EQ(encode(longest, written, &writtenSize), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, encode(longest, written, &writtenSize));
     EXPECT_EQ(allocations, 0);
     EXPECT_GT(writtenSize, 3900u);
 }
@@ -202,7 +203,7 @@ TEST(FaultRecord, ALongRecordWithoutMemoryIsRefused) {
         EXPECT_EQ(writtenSize, result == 0 ? expected.size() : 0);
     });
     EXPECT_EQ(failed, 1);
-    EXPECT_EQ(encode(msg, written, &writtenSize), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, encode(msg, written, &writtenSize));
     EXPECT_EQ(writtenRecord(), expected);
 }
 
@@ -220,7 +221,8 @@ TEST(FaultRecord, TheEndOfARecordNeedsMemoryToo) {
 TEST(FaultRecord, ATextThatCannotBeConvertedForLackOfMemoryIsReplaced) {
     ASSERT_TRUE(support::useLocale("de_DE.ISO-8859-1"));
     LogMsg msg = exampleMessage("gr\xfc\xdf");
-    EXPECT_EQ(encode(msg, written, &writtenSize), 0u); // whatever the C library loads at first use
+    EXPECT_RESULT(ZOLTLOG_OK,
+                  encode(msg, written, &writtenSize)); // whatever the C library loads at first use
     const long failed = failEach([&](bool mayFail) {
         const long wanted = failing;
         const uint32_t result = encode(msg, written, &writtenSize);
@@ -241,7 +243,7 @@ TEST(FaultRecord, AWideArgumentWithoutMemoryIsRefused) {
         EXPECT_EQ(result, mayFail && allocations >= wanted ? 4u : 0u);
     });
     EXPECT_GE(failed, 1);
-    EXPECT_EQ(encode(msg, written, &writtenSize), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, encode(msg, written, &writtenSize));
     EXPECT_EQ(writtenRecord(), PREFIX + "1:t,0:,0,(1|A3:\xe2\x82\xac|)\n");
 }
 

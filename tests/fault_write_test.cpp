@@ -1,5 +1,6 @@
 // What the writer survives: full devices, failing and short writes, no descriptors, and
 // every system call of its own failing once.
+#include "support/results.h"
 #include "write_series.h"
 
 #include <algorithm>
@@ -121,7 +122,7 @@ struct FaultWrite : testing::Test {
         cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
         cfg.maxFileSizeKB = kilobytes;
         strcpy(cfg.directory, directory);
-        ASSERT_EQ(open(&handle, cfg), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     }
     std::string bytes(const char *name) const { return support::readFile(std::string("logs/") + name); }
 
@@ -141,13 +142,13 @@ void shortenWrites(ssize_t count, int times = 1, int errorAfter = 0) {
 
 TEST_F(FaultWrite, FullDeviceIs54AndTheNextMessageIsWritten) {
     openSized(100);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     const std::string before = bytes(FIRST);
     failWrites(ENOSPC, 3);
     for (int message = 0; message < 3; ++message)
-        EXPECT_EQ(send(&handle, "lost"), 54u);
+        EXPECT_RESULT(ZOLTLOG_DEVICE_FULL, send(&handle, "lost"));
     EXPECT_EQ(bytes(FIRST), before);
-    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"one", "two"}));
     EXPECT_EQ(logFiles(), Names{FIRST});
 }
@@ -156,8 +157,8 @@ TEST_F(FaultWrite, OtherFailuresAre5) {
     openSized(100);
     for (const int error : {EIO, EDQUOT, EROFS, EINTR, EFBIG, EAGAIN}) {
         failWrites(error);
-        EXPECT_EQ(send(&handle, "lost"), 5u) << error;
-        EXPECT_EQ(send(&handle, "kept"), 0u) << error;
+        EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost")) << error;
+        EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "kept")) << error;
     }
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), Texts(6, "kept"));
 }
@@ -165,33 +166,33 @@ TEST_F(FaultWrite, OtherFailuresAre5) {
 TEST_F(FaultWrite, OnceFullTheDeviceCountsAsFullAtEveryFailure) {
     openSized(100);
     failWrites(ENOSPC);
-    EXPECT_EQ(send(&handle, "lost"), 54u);
+    EXPECT_RESULT(ZOLTLOG_DEVICE_FULL, send(&handle, "lost"));
     EXPECT_EQ(errorCode, 54);
     failWrites(EIO);
-    EXPECT_EQ(send(&handle, "lost"), 54u);
-    EXPECT_EQ(send(&handle, "kept"), 0u);
+    EXPECT_RESULT(ZOLTLOG_DEVICE_FULL, send(&handle, "lost"));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "kept"));
 }
 
 TEST_F(FaultWrite, ShortWriteTellsItsReasonAtOnceAndTheTornRecordIsEnded) {
     openSized(100);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     const std::string before = bytes(FIRST);
     shortenWrites(10, 1, EIO);
-    EXPECT_EQ(send(&handle, "torn"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "torn"));
     EXPECT_EQ(bytes(FIRST), before + "2,5,7,7,2," + "\n");
-    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"one", "", "two"}));
     shortenWrites(10, 1, ENOSPC);
-    EXPECT_EQ(send(&handle, "torn"), 54u);
-    EXPECT_EQ(send(&handle, "three"), 0u);
+    EXPECT_RESULT(ZOLTLOG_DEVICE_FULL, send(&handle, "torn"));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "three"));
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"one", "", "two", "", "three"}));
 }
 
 TEST_F(FaultWrite, ShortWritesThatGoOnMakeAWholeRecord) {
     openSized(100);
     shortenWrites(10, 3);
-    EXPECT_EQ(send(&handle, "one"), 0u);
-    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"one", "two"}));
 }
 
@@ -200,17 +201,17 @@ TEST_F(FaultWrite, RecordThatAnotherWriterCameBetweenIsNotAccepted) {
     const std::string before = bytes(FIRST);
     shortenWrites(10);
     onShortWrite = [&] { support::writeFile("logs/" + std::string(FIRST), bytes(FIRST) + "another\n"); };
-    EXPECT_EQ(send(&handle, "lost"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
     EXPECT_EQ(bytes(FIRST).compare(0, before.size() + 18, before + "2,5,7,7,1,another\n"), 0);
-    EXPECT_EQ(send(&handle, "one"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"", "", "one"}));
 }
 
 TEST_F(FaultWrite, ShortWriteOfNothingLeavesNoTrace) {
     openSized(100);
     shortenWrites(0);
-    EXPECT_EQ(send(&handle, "lost"), 5u);
-    EXPECT_EQ(send(&handle, "one"), 0u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), Texts{"one"});
 }
 
@@ -224,12 +225,12 @@ TEST_F(FaultWrite, NextRecordAfterATornOneStartsOnALineOfItsOwn) {
     limited.rlim_cur = torn.size();
     signal(SIGXFSZ, SIG_IGN);
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
-    EXPECT_EQ(send(&handle, "torn"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "torn"));
     EXPECT_EQ(bytes(FIRST), torn);
-    EXPECT_EQ(send(&handle, "lost"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
     EXPECT_EQ(bytes(FIRST), torn);
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &old), 0);
-    EXPECT_EQ(send(&handle, "one"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{"", "one"}));
     EXPECT_EQ(bytes(FIRST).compare(0, torn.size() + 1, torn + "\n"), 0);
 }
@@ -263,59 +264,59 @@ TEST_F(FaultWrite, HeaderOnAFullDeviceIs1AndLeavesNoFile) {
         else
             failWrites(ENOSPC, 1);
         const size_t descriptors = support::openDescriptors();
-        EXPECT_EQ(open(&handle, settings()), 1u);
+        EXPECT_RESULT(ZOLTLOG_FAILED, open(&handle, settings()));
         EXPECT_EQ(logFiles(), Names{});
         EXPECT_EQ(support::openDescriptors(), descriptors);
-        EXPECT_EQ(send(&handle, "one"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
         EXPECT_EQ(logFiles(), Names{FIRST});
         EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), Texts{"one"});
-        EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
         ASSERT_EQ(unlink(("logs/" + std::string(FIRST)).c_str()), 0);
     }
 }
 
 TEST_F(FaultWrite, RolloverOnAFullDeviceIs54AndMakesNoEmptyFiles) {
     openSized(1);
-    ASSERT_EQ(send(&handle, std::string(800, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(800, 'x')));
     const std::string before = bytes(FIRST);
     failWrites(ENOSPC, 1000);
     for (int message = 0; message < 5; ++message)
-        EXPECT_EQ(send(&handle, std::string(800, 'y')), 54u);
+        EXPECT_RESULT(ZOLTLOG_DEVICE_FULL, send(&handle, std::string(800, 'y')));
     EXPECT_EQ(bytes(FIRST), before);
     EXPECT_EQ(logFiles(), Names{FIRST});
     writeFault.times = 0;
-    EXPECT_EQ(send(&handle, std::string(800, 'z')), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, std::string(800, 'z')));
     EXPECT_EQ(logFiles(), (Names{FIRST, SECOND}));
     EXPECT_EQ(textsIn("logs/" + std::string(SECOND)), Texts{std::string(800, 'z')});
 }
 
 TEST_F(FaultWrite, RolloverWithoutDescriptorsIs5AndTriedAgain) {
     openSized(1);
-    ASSERT_EQ(send(&handle, std::string(800, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(800, 'x')));
     struct rlimit old;
     getrlimit(RLIMIT_NOFILE, &old);
     struct rlimit limited = old;
     limited.rlim_cur = 0;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limited), 0);
-    EXPECT_EQ(send(&handle, std::string(800, 'y')), 5u);
-    EXPECT_EQ(send(&handle, std::string(800, 'y')), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, std::string(800, 'y')));
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, std::string(800, 'y')));
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
-    EXPECT_EQ(send(&handle, std::string(800, 'z')), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, std::string(800, 'z')));
     EXPECT_EQ(logFiles(), (Names{FIRST, SECOND}));
     EXPECT_EQ(textsIn("logs/" + std::string(SECOND)), Texts{std::string(800, 'z')});
 }
 
 TEST_F(FaultWrite, SizeThatCannotBeToldRollsNothing) {
     openSized(1);
-    ASSERT_EQ(send(&handle, std::string(800, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(800, 'x')));
     failingCall = 1;
     failingError = EIO;
     counting = true;
     calls = 0;
-    ASSERT_EQ(send(&handle, std::string(800, 'y')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(800, 'y')));
     counting = false;
     EXPECT_EQ(logFiles(), Names{FIRST});
-    ASSERT_EQ(send(&handle, std::string(800, 'z')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(800, 'z')));
     EXPECT_EQ(textsIn("logs/" + std::string(FIRST)), (Texts{std::string(800, 'x'), std::string(800, 'y')}));
     EXPECT_EQ(textsIn("logs/" + std::string(SECOND)), Texts{std::string(800, 'z')});
 }
@@ -348,9 +349,9 @@ Scenario runScenario(const char *directory) {
     }
     counting = false;
     const std::string last = "after the fault";
-    EXPECT_EQ(send(&handle, last), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, last));
     scenario.written.push_back(last);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     return scenario;
 }
 
@@ -412,19 +413,19 @@ TEST_F(FaultWrite, SmallFileSystemFillsUpAndRecovers) {
     for (const std::string &name : files)
         before.push_back(support::readFile("small/logs/" + name));
     for (int message = 0; message < 20; ++message)
-        EXPECT_EQ(send(&handle, text), 54u);
+        EXPECT_RESULT(ZOLTLOG_DEVICE_FULL, send(&handle, text));
     EXPECT_EQ(support::listFiles("small/logs"), files) << "no empty files";
     for (size_t file = 0; file < files.size(); ++file)
         EXPECT_EQ(support::readFile("small/logs/" + files[file]), before[file]);
     ASSERT_EQ(unlink(("small/logs/" + files[0]).c_str()), 0);
-    EXPECT_EQ(send(&handle, text), 0u);
-    EXPECT_EQ(send(&handle, "last"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, text));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "last"));
     const Names after = support::listFiles("small/logs");
     EXPECT_EQ(textsIn("small/logs/" + after.back()).back(), "last");
     for (const std::string &name : after) {
         const std::string content = support::readFile("small/logs/" + name);
         EXPECT_EQ(content.compare(0, 14, "$Header 65543,"), 0) << name;
     }
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     EXPECT_EQ(umount2("small", MNT_DETACH), 0);
 }

@@ -1,6 +1,7 @@
 // New processes of every kind: none waits for a thread that only its parent has, and each
 // record has the number of the process that wrote it.
 #include "support/log_records.h"
+#include "support/results.h"
 #include "support/support.h"
 
 #include <atomic>
@@ -56,9 +57,9 @@ struct Logging {
 struct Fork : testing::Test {
     void SetUp() override {
         logs::configure();
-        ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
     }
-    void TearDown() override { EXPECT_EQ(0u, zoltLogClose(&handle)); }
+    void TearDown() override { EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle)); }
 
     // Makes children that log, while other threads hold the lock now and then.
     template<typename MakeProcess>

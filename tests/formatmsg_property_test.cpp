@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/argument_list.h"
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -184,7 +185,7 @@ void compareTexts(unsigned seed, int count) {
         char *text = nullptr;
         generator.arguments.start(list);
         errno = ENOENT;
-        ASSERT_EQ(0u, listxt_svnprintf(&text, generator.format.c_str(), list));
+        ASSERT_RESULT(ZOLTLOG_OK, listxt_svnprintf(&text, generator.format.c_str(), list));
         ASSERT_NE(nullptr, text) << "seed " << seed + static_cast<unsigned>(i) << " format "
                                  << generator.format;
         ASSERT_STREQ(expected.data(), text)

@@ -14,6 +14,7 @@
 
 #include "qdlis.h"
 #include "support/lis_items.h"
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -59,7 +60,7 @@ char *listext(const char *format, ...) {
     char *text = nullptr;
     va_list args;
     va_start(args, format);
-    EXPECT_EQ(0u, listxt_svnprintf(&text, format, args));
+    EXPECT_RESULT(ZOLTLOG_OK, listxt_svnprintf(&text, format, args));
     va_end(args);
     return text;
 }
@@ -367,11 +368,11 @@ TEST(ListxtSvnprintf, LeavesTheTextAloneWhenTheFormatIsInvalid) {
     char mark[] = "untouched";
     char *text = mark;
     va_list args = {};
-    EXPECT_EQ(0u, listxt_svnprintf(&text, "%n", args));
+    EXPECT_RESULT(ZOLTLOG_OK, listxt_svnprintf(&text, "%n", args));
     EXPECT_EQ(mark, text);
-    EXPECT_EQ(0u, listxt_svnprintf(&text, nullptr, args));
+    EXPECT_RESULT(ZOLTLOG_OK, listxt_svnprintf(&text, nullptr, args));
     EXPECT_EQ(mark, text);
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, listxt_svnprintf(nullptr, "x", args));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, listxt_svnprintf(nullptr, "x", args));
 }
 
 // ---- appending ---------------------------------------------------------------------------
@@ -419,14 +420,14 @@ TEST(Fstrncat, NullPointersAreLeftAlone) {
 TEST(GetArgAsStringW, NullPointersAreRefused) {
     wchar_t *text = nullptr;
     ZoltLisIterator item = {};
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetArg_asStringW(nullptr, &text));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetArg_asStringW(&item, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetArg_asStringW(nullptr, &text));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetArg_asStringW(&item, nullptr));
 }
 
 TEST(GetArgAsStringW, FailsWhereThereIsNoItem) {
     wchar_t *text = nullptr;
     ZoltLisIterator item = {};
-    EXPECT_EQ(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &text));
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogGetArg_asStringW(&item, &text));
     EXPECT_EQ(nullptr, text);
 }
 

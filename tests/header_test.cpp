@@ -5,6 +5,7 @@
 
 #include "formatter/zoltformat.h"
 #include "qdlis.h"
+#include "support/results.h"
 #include "zoltlog.h"
 #include "zoltlog_results.h"
 
@@ -201,4 +202,13 @@ TEST(Header, ANumberThatIsNoResultCodeHasNoName) {
     EXPECT_STREQ(qdulResultText(ZOLTLOG_CFG_NOT_FOUND),
                  "configuration not found, or its file cannot be opened");
     EXPECT_STREQ(qdulResultName(ZOLTLOG_CFG_NOT_FOUND), "ZOLTLOG_CFG_NOT_FOUND");
+}
+
+TEST(ResultMatcher, AFailureNamesBothResults) {
+    const testing::AssertionResult same = support::sameResult("", "call()", ZOLTLOG_NO_MEMORY, 4);
+    EXPECT_TRUE(same);
+    const testing::AssertionResult other = support::sameResult("", "call()", ZOLTLOG_OK, 4);
+    EXPECT_FALSE(other);
+    EXPECT_STREQ(other.message(), "call()\n  gives    ZOLTLOG_NO_MEMORY (4)\n  and not  ZOLTLOG_OK (0)");
+    EXPECT_EQ(support::resultName(7), "no listed result (7)");
 }

@@ -2,6 +2,7 @@
 // identity when it is released, while the released tag still stands in its record: this
 // program's own pthread_self looks at it there.
 #include "support/log_records.h"
+#include "support/results.h"
 #include "support/thread_calls.h"
 #include "zoltlog.h"
 
@@ -36,13 +37,13 @@ const bool PREPARED = support::eachCase([] {
 struct LockTagsInUse : testing::Test {
     LockTagsInUse() {
         logs::configure({"Default.DebugLevel=4", "LOGSET.backup.DebugLevel=1"});
-        EXPECT_EQ(0u, zoltLogOpen(5, 7, &handle));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
         LogCfg cfg = {};
-        EXPECT_EQ(0u, zoltLogSecureOpen(5, 7, &cfg, &secure));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(5, 7, &cfg, &secure));
     }
     ~LockTagsInUse() override {
         zoltLogClose(&secure);
-        EXPECT_EQ(0u, zoltLogClose(&handle));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
         EXPECT_EQ(0, zoltLogMutex.depth);
     }
     LogHandle handle = {};
@@ -73,32 +74,32 @@ TEST_F(LockTagsInUse, AreThoseOfTheOperations) {
     } rows[] = {
         {"zoltLogReadAllCfg()",
          [&] {
-             EXPECT_EQ(0u, zoltLogReadAllCfg(nullptr, 8, cfgs, &count));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogReadAllCfg(nullptr, 8, cfgs, &count));
              freeAll(cfgs, count);
          }},
         {"zoltLogReadProdIDCfg()",
          [&] {
-             EXPECT_EQ(0u, zoltLogReadProdIDCfg(nullptr, 5, 8, cfgs, &count));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogReadProdIDCfg(nullptr, 5, 8, cfgs, &count));
              freeAll(cfgs, count);
          }},
         {"zoltLogReadlogsetCfg()",
          [&] {
-             EXPECT_EQ(0u, zoltLogReadlogsetCfg(5, "backup", &cfg));
-             EXPECT_EQ(0u, zoltLogCfgSetDebugLevel(&cfg, 2));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogReadlogsetCfg(5, "backup", &cfg));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogCfgSetDebugLevel(&cfg, 2));
          }},
         {"zoltLogWritelogSetCfg()",
          [&] {
-             EXPECT_EQ(0u, zoltLogWritelogSetCfg(5, "backup", &cfg));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogWritelogSetCfg(5, "backup", &cfg));
              zoltLogFreeCfg(&cfg);
          }},
         {"zoltLogReadCfg()",
          [&] {
-             EXPECT_EQ(0u, zoltLogReadCfg(5, 7, &cfg));
-             EXPECT_EQ(0u, zoltLogCfgSetDebugLevel(&cfg, 3));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogReadCfg(5, 7, &cfg));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogCfgSetDebugLevel(&cfg, 3));
          }},
         {"zoltLogWriteCfg()",
          [&] {
-             EXPECT_EQ(0u, zoltLogWriteCfg(5, 7, &cfg));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogWriteCfg(5, 7, &cfg));
              zoltLogFreeCfg(&cfg);
          }},
         {"zoltDynaLoadConfig()",
@@ -106,53 +107,60 @@ TEST_F(LockTagsInUse, AreThoseOfTheOperations) {
              handle.reloadInterval = 60;
              handle.lastReloadCheck = 0;
              handle.cfgTimestamp = 1;
-             EXPECT_EQ(0u, zoltDynaLoadConfig(&handle));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltDynaLoadConfig(&handle));
          }},
-        {"zoltLogAddProductCfg", [&] { EXPECT_EQ(0u, zoltLogAddProductCfg(9, "nine", "/nine.conf")); }},
-        {"zoltLogRemoveProductCfg", [&] { EXPECT_EQ(0u, zoltLogRemoveProductCfg(9)); }},
+        {"zoltLogAddProductCfg",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogAddProductCfg(9, "nine", "/nine.conf")); }},
+        {"zoltLogRemoveProductCfg", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogRemoveProductCfg(9)); }},
         {"GetNextSequenceNumber()", [&] { GetNextSequenceNumber(&handle); }},
         {"zoltLogMsg()",
          [&] {
              LogMsg msg;
-             EXPECT_EQ(0u, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "text"));
-             EXPECT_EQ(0u, zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL));
-             EXPECT_EQ(0u, zoltLogMsg(&handle, 0, &msg));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "text"));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
              zoltLogFreeMsg(&msg);
          }},
         {"zoltLogAppMsg2LEx()",
          [&] {
-             EXPECT_EQ(0u, zoltLogAppMsg2LEx(&handle, 1, 0, ZOLTLOG_SEVERITY_WARNING, "mgr", "text", &block));
+             EXPECT_RESULT(ZOLTLOG_OK,
+                           zoltLogAppMsg2LEx(&handle, 1, 0, ZOLTLOG_SEVERITY_WARNING, "mgr", "text", &block));
          }},
         {"zoltLogDiagMsg2L()",
          [&] {
              handle.diagLevel = 4;
-             EXPECT_EQ(0u, zoltLogDiagMsg2L(&handle, 1, 0, 1, "mgr", "text", &block));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogDiagMsg2L(&handle, 1, 0, 1, "mgr", "text", &block));
          }},
         {"zoltLogAuditMsg2L()",
-         [&] { EXPECT_EQ(0u, zoltLogAuditMsg2(&handle, 1, 0, "mary", 1, 42, "text")); }},
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogAuditMsg2(&handle, 1, 0, "mary", 1, 42, "text")); }},
         {"zoltLogSecureAuditMsgL()", [&] { (void)zoltLogSecureAuditMsg(&secure, 0, "mary", 1, 42, "text"); }},
         {"zoltLogFormattedDebugMsg()",
-         [&] { EXPECT_EQ(0u, zoltLogFormattedDebugMsg(&handle, 0, 1, "mgr", "text")); }},
-        {"zoltLogDebugMsg2V()", [&] { EXPECT_EQ(0u, zoltLogDebugMsg(&handle, 0, 1, "mgr", "text")); }},
-        {"zoltLogSetDebugLevel()", [&] { EXPECT_EQ(0u, zoltLogSetDebugLevel(&handle, 1)); }},
-        {"zoltLogGetDebugLevel()", [&] { EXPECT_EQ(0u, zoltLogGetDebugLevel(&handle, &level)); }},
-        {"zoltLogSetDiagLevel()", [&] { EXPECT_EQ(0u, zoltLogSetDiagLevel(&handle, 1)); }},
-        {"zoltLogGetDiagLevel()", [&] { EXPECT_EQ(0u, zoltLogGetDiagLevel(&handle, &level)); }},
-        {"zoltLogSetSecureAuditLevel()", [&] { EXPECT_EQ(0u, zoltLogSetSecureAuditLevel(&handle, 1)); }},
-        {"zoltLogGetSecureAuditLevel()", [&] { EXPECT_EQ(0u, zoltLogGetSecureAuditLevel(&handle, &level)); }},
-        {"zoltLogSetSequenceNumber()", [&] { EXPECT_EQ(0u, zoltLogSetSequenceNumber(&handle, 1)); }},
-        {"zoltLogSetSequenceNumber()", [&] { EXPECT_EQ(0u, zoltLogGetSequenceNumber(&handle, &number)); }},
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogFormattedDebugMsg(&handle, 0, 1, "mgr", "text")); }},
+        {"zoltLogDebugMsg2V()",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogDebugMsg(&handle, 0, 1, "mgr", "text")); }},
+        {"zoltLogSetDebugLevel()", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetDebugLevel(&handle, 1)); }},
+        {"zoltLogGetDebugLevel()", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetDebugLevel(&handle, &level)); }},
+        {"zoltLogSetDiagLevel()", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetDiagLevel(&handle, 1)); }},
+        {"zoltLogGetDiagLevel()", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetDiagLevel(&handle, &level)); }},
+        {"zoltLogSetSecureAuditLevel()",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetSecureAuditLevel(&handle, 1)); }},
+        {"zoltLogGetSecureAuditLevel()",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetSecureAuditLevel(&handle, &level)); }},
+        {"zoltLogSetSequenceNumber()",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetSequenceNumber(&handle, 1)); }},
+        {"zoltLogSetSequenceNumber()",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetSequenceNumber(&handle, &number)); }},
         {"zoltLogAddLogToFile()",
          [&] {
-             EXPECT_EQ(0u, zoltLogOpen(5, 7, &second));
-             EXPECT_EQ(0u, zoltLogClose(&second));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &second));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&second));
          }},
-        {"zoltLogOpenFile()", [&] { EXPECT_EQ(0u, zoltLogOpen(5, 7, &second)); }},
-        {"zoltLogCloseFile()", [&] { EXPECT_EQ(0u, zoltLogClose(&second)); }},
+        {"zoltLogOpenFile()", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &second)); }},
+        {"zoltLogCloseFile()", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&second)); }},
         {"zoltLogCreateContextToFile()",
          [&] {
-             EXPECT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "text"));
-             EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T1", 0, "text"));
+             EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
          }},
     };
     for (const auto &row : rows) {
@@ -258,8 +266,8 @@ TEST_F(LockTagsInUse, NestAsTheOperationsDo) {
     const std::string create = "zoltLogCreateContextToFile()";
     EXPECT_EQ((std::vector<Stack>{{}, {next}, {}, {create}, {create, "zoltLogAddLogToFile()"}, {create}, {}}),
               stacksDuring([&] { zoltLogCreateContext(&handle, &context, "T1", 0, "text"); }));
-    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "text"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T1", 0, "text"));
     EXPECT_EQ((std::vector<Stack>{{}, {"zoltLogCloseFile()"}, {}}),
               stacksDuring([&] { zoltLogDestroyContext(&context); }));
-    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
 }

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "src/lock_tags.h"
+#include "support/results.h"
 #include "support/support.h"
 #include "support/thread_calls.h"
 
@@ -362,10 +363,10 @@ TEST(LockTags, AreTheirOperationsNamesEachAnObjectOfItsOwn) {
 
 TEST(LockTags, SequenceNumberGetterAndSetterReleaseWhatTheyTook) {
     static LogHandle handle;
-    EXPECT_EQ(0u, zoltLogSetSequenceNumber(&handle, 5));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetSequenceNumber(&handle, 5));
     EXPECT_EQ(0, zoltLogMutex.depth);
     uint64_t number = 0;
-    EXPECT_EQ(0u, zoltLogGetSequenceNumber(&handle, &number));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetSequenceNumber(&handle, &number));
     EXPECT_EQ(5u, number);
     EXPECT_EQ(0, zoltLogMutex.depth);
 }

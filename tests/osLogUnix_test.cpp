@@ -1,3 +1,4 @@
+#include "support/results.h"
 #include "support/sink_capture.h"
 
 #include <cstring>
@@ -212,7 +213,7 @@ TEST_F(SecureAudit, WithoutFlag64TheTextGoesAlone) {
 
 TEST_F(SecureAudit, TheFlagIsReadFromTheHandleNotFromTheCall) {
     handle.outputFlags = ZOLTLOG_OUT_OSLOG;
-    EXPECT_EQ(0u, LogOutputBasedOnFlags(&handle, &msg, 68));
+    EXPECT_RESULT(ZOLTLOG_OK, LogOutputBasedOnFlags(&handle, &msg, 68));
     EXPECT_EQ("removed %s user %n", sinks::sent.at(0).text);
 }
 

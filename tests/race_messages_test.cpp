@@ -1,5 +1,6 @@
 // Many threads that log messages of all kinds through shared handles and contexts.
 #include "support/log_records.h"
+#include "support/results.h"
 #include "support/sink_capture.h"
 
 #include <algorithm>
@@ -88,13 +89,13 @@ void raceOf(int messages) {
     sinks::reset();
     sinks::formatter = sinks::testFormatter("recording");
     auto shared = std::make_unique<Shared>();
-    ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, 7, &shared->first));
-    ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, 7, &shared->second));
-    ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, 8, &shared->other));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, 7, &shared->first));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, 7, &shared->second));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, 8, &shared->other));
     LogCfg cfg;
-    ASSERT_EQ(0u, InitLogCfg(logs::PRODUCT, 7, nullptr, &cfg));
+    ASSERT_RESULT(ZOLTLOG_OK, InitLogCfg(logs::PRODUCT, 7, nullptr, &cfg));
     cfg.secureAuditLevel = 1;
-    ASSERT_EQ(0u, zoltLogSecureOpen(logs::PRODUCT, 7, &cfg, &shared->secure));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(logs::PRODUCT, 7, &cfg, &shared->secure));
     zoltLogFreeCfg(&cfg);
 
     std::vector<std::thread> threads;
@@ -114,10 +115,10 @@ void raceOf(int messages) {
     shared->done = true;
     levels.join();
     EXPECT_EQ(0, shared->failures);
-    EXPECT_EQ(0u, zoltLogClose(&shared->first));
-    EXPECT_EQ(0u, zoltLogClose(&shared->second));
-    EXPECT_EQ(0u, zoltLogClose(&shared->other));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&shared->secure));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&shared->first));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&shared->second));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&shared->other));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&shared->secure));
     EXPECT_EQ(0, zoltLogMutex.depth);
 
     // Every record is whole and every message is there once.
@@ -158,7 +159,7 @@ TEST(RaceMessages, TextsThatOtherThreadsChangeStayOneRecordEach) {
     logs::configure();
     sinks::reset();
     LogHandle handle;
-    ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
     char text[] = "a text of more than sixteen bytes that changes";
     char who[] = "manager";
     std::atomic<bool> done{false};
@@ -190,7 +191,7 @@ TEST(RaceMessages, TextsThatOtherThreadsChangeStayOneRecordEach) {
     done = true;
     changing.join();
     EXPECT_EQ(0, failures);
-    EXPECT_EQ(0u, zoltLogClose(&handle));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
     const std::vector<logs::Record> records = logs::records();
     EXPECT_EQ(static_cast<size_t>(MESSAGES), records.size());
     for (const logs::Record &record : records) {

@@ -2,6 +2,7 @@
 // its name, in other processes and through other handles of the same one.
 //
 // The Long tests last QDUL_TEST_SECONDS for each setting (2 by default).
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -217,7 +218,7 @@ void runBeside(Beside beside, unsigned keep, int64_t pauseUs, int64_t seconds) {
         _exit(0);
     }
     LogHandle log;
-    EXPECT_EQ(openHandle(logset, &log), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, openHandle(logset, &log));
     sendUntil(&log, "busy", end, 0, &busy);
     busyIsDone = true;
     if (other.joinable())

@@ -1,4 +1,5 @@
 // Several processes and threads write one series at the same time.
+#include "support/results.h"
 #include "write_series.h"
 
 #include <atomic>
@@ -244,42 +245,42 @@ TEST(LongWriteRace, TwoThousandSimultaneousStartsWithoutUnnamedFiles) {
 
 TEST(WriteRace, SizeIsNotAskedWhileNobodyCouldHaveFilledTheFile) {
     LogHandle handle;
-    ASSERT_EQ(open(&handle, sized(settings(), uint64_t{1} << 40)), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, sized(settings(), uint64_t{1} << 40)));
     sizeQuestions = 0;
     for (int message = 0; message < 1000; ++message)
-        ASSERT_EQ(send(&handle, "one"), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_LE(sizeQuestions, 20) << "an answer serves for a second";
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
 }
 
 TEST(WriteRace, SizeIsAskedAtEveryMessageThatCouldReachTheLimit) {
     LogHandle handle;
-    ASSERT_EQ(open(&handle, sized(settings(), 1000)), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, sized(settings(), 1000)));
     // With 1 MB of room the time of a few hundred microseconds is enough to fill it.
-    ASSERT_EQ(send(&handle, "first"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "first"));
     sizeQuestions = 0;
     for (int message = 0; message < 50; ++message) {
         usleep(200);
-        ASSERT_EQ(send(&handle, "one"), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     }
     EXPECT_EQ(sizeQuestions, 50);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
 }
 
 TEST(WriteRace, SizeIsAskedAnewAfterARolloverAndAReopen) {
     setZone("UTC");
     setClock(localTime(2024, 3, 1, 10));
     LogHandle handle;
-    ASSERT_EQ(open(&handle, sized(settings(), uint64_t{1} << 40)), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, sized(settings(), uint64_t{1} << 40)));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     sizeQuestions = 0;
     advance(601);
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_GE(sizeQuestions, 1);
     sizeQuestions = 0;
-    ASSERT_EQ(send(&handle, "three"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "three"));
     EXPECT_EQ(sizeQuestions, 1);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
 }
 
 // ---- threads of one process --------------------------------------------------------------------
@@ -288,7 +289,7 @@ TEST(WriteRace, ThreadsOpenSendContextAndCloseAtOnce) {
     setZone("UTC");
     setClock(localTime(2024, 3, 1, 10));
     LogHandle common;
-    ASSERT_EQ(open(&common, sized(settings(), 4)), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&common, sized(settings(), 4)));
     std::atomic<int> failures{0};
     auto run = [&](int thread) {
         for (int round = 0; round < 60; ++round) {
@@ -317,5 +318,5 @@ TEST(WriteRace, ThreadsOpenSendContextAndCloseAtOnce) {
         thread.join();
     EXPECT_EQ(failures, 0);
     EXPECT_EQ(common.sequenceNumber, 361u);
-    EXPECT_EQ(zoltLogCloseFile(&common), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&common));
 }

@@ -1,4 +1,5 @@
 // Reading log files: lines, headers, entries, names, date texts.
+#include "support/results.h"
 #include "support/support.h"
 #include "support/syscalls.h"
 #include "zoltlog.h"
@@ -181,22 +182,23 @@ uint32_t readHeaderOf(const std::string &bytes) {
     } while (false)
 
 TEST(ReadHeaderEx, OriginatorHeader) {
-    EXPECT_EQ(readHeaderOf("$Header 65543,101,7,1400000000,-18000,hostA\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65543,101,7,1400000000,-18000,hostA\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 101, 7, 1400000000, -18000, "hostA");
-    EXPECT_EQ(readHeaderOf("$Header 65543,5,7,1709300702,3600,hostA\nrecord\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65543,5,7,1709300702,3600,hostA\nrecord\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 5, 7, 1709300702, 3600, "hostA");
 }
 
 TEST(ReadHeaderEx, LogSetHeader) {
-    EXPECT_EQ(readHeaderOf("$Header 65544,3600,hostB\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65544,3600,hostB\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, 3600, "hostB");
-    EXPECT_EQ(readHeaderOf("$Header 65544,-18000,hostB\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65544,-18000,hostB\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, -18000, "hostB");
 }
 
 TEST(ReadHeaderEx, OlderHeadersHaveNoOffset) {
     for (const char *version : {"65540", "65541", "65542"}) {
-        EXPECT_EQ(readHeaderOf(std::string("$Header ") + version + ",101,7,1400000000,hostA\n"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK,
+                      readHeaderOf(std::string("$Header ") + version + ",101,7,1400000000,hostA\n"));
         EXPECT_HEADER(std::stoul(version), 101, 7, 1400000000, -1, "hostA");
     }
 }
@@ -204,17 +206,18 @@ TEST(ReadHeaderEx, OlderHeadersHaveNoOffset) {
 TEST(ReadHeaderEx, OtherVersionsAreUnsupported) {
     for (const char *version : {"0", "1", "65539", "65545", "4294967295", "18446744073709551615",
                                 "184467440737095516159", "-65543", ",", "x", "", " "}) {
-        EXPECT_EQ(readHeaderOf(std::string("$Header ") + version + ",101,7,1400000000,-18000,hostA\n"), 48u)
+        EXPECT_RESULT(ZOLTLOG_UNSUPPORTED_HEADER,
+                      readHeaderOf(std::string("$Header ") + version + ",101,7,1400000000,-18000,hostA\n"))
             << version;
     }
 }
 
 TEST(ReadHeaderEx, AHeaderWordWithoutVersionIsUnsupported) {
-    EXPECT_EQ(readHeaderOf("$Header\n"), 48u);
+    EXPECT_RESULT(ZOLTLOG_UNSUPPORTED_HEADER, readHeaderOf("$Header\n"));
     EXPECT_HEADER(0, 0, 0, 0, -1, "");
-    EXPECT_EQ(readHeaderOf("$Header \n"), 48u);
-    EXPECT_EQ(readHeaderOf("$Header\r\n"), 48u);
-    EXPECT_EQ(readHeaderOf(std::string("$Header\0 65543\n", 15)), 48u);
+    EXPECT_RESULT(ZOLTLOG_UNSUPPORTED_HEADER, readHeaderOf("$Header \n"));
+    EXPECT_RESULT(ZOLTLOG_UNSUPPORTED_HEADER, readHeaderOf("$Header\r\n"));
+    EXPECT_RESULT(ZOLTLOG_UNSUPPORTED_HEADER, readHeaderOf(std::string("$Header\0 65543\n", 15)));
 }
 
 TEST(ReadHeaderEx, OtherFirstWordsAreNoHeaderAndTellAVersionAllTheSame) {
@@ -234,15 +237,15 @@ TEST(ReadHeaderEx, OtherFirstWordsAreNoHeaderAndTellAVersionAllTheSame) {
         {"2,5,7,7,12,0:,0:,\n", 0},
     };
     for (const auto &row : rows) {
-        EXPECT_EQ(readHeaderOf(row.line), 1u) << row.line;
+        EXPECT_RESULT(ZOLTLOG_FAILED, readHeaderOf(row.line)) << row.line;
         EXPECT_HEADER(row.version, 0, 0, 0, -1, "");
     }
 }
 
 TEST(ReadHeaderEx, AnEmptyOrUnfinishedFileHasNoHeader) {
-    EXPECT_EQ(readHeaderOf(""), 1u);
+    EXPECT_RESULT(ZOLTLOG_FAILED, readHeaderOf(""));
     EXPECT_HEADER(0, 0, 0, 0, 0, ""); // zeroed, not parsed
-    EXPECT_EQ(readHeaderOf("$Header 65543,101,7,1400000000,-18000,hostA"), 1u);
+    EXPECT_RESULT(ZOLTLOG_FAILED, readHeaderOf("$Header 65543,101,7,1400000000,-18000,hostA"));
 }
 
 TEST(ReadHeaderEx, AShortHeaderLeavesTheRestZero) {
@@ -265,49 +268,48 @@ TEST(ReadHeaderEx, AShortHeaderLeavesTheRestZero) {
         {"$Header 65543,101 ,7,14,60,h\n", 101, 0, 0, -1, ""},
     };
     for (const auto &c : cases) {
-        EXPECT_EQ(readHeaderOf(c.line), 0u) << c.line;
+        EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf(c.line)) << c.line;
         EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, c.product, c.originator, c.created, c.offset,
                       c.host);
     }
-    EXPECT_EQ(readHeaderOf("$Header 65544\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65544\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, -1, "");
-    EXPECT_EQ(readHeaderOf("$Header 65544,\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65544,\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, -1, "");
-    EXPECT_EQ(readHeaderOf("$Header 65544,7200\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65544,7200\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, 7200, "");
-    EXPECT_EQ(readHeaderOf("$Header 65540,1,2\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65540,1,2\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_OLDEST, 1, 2, 0, -1, "");
 }
 
 TEST(ReadHeaderEx, BlanksAndSignsAreTakenAsScanfTakesThem) {
-    EXPECT_EQ(readHeaderOf("  \t$Header \t 65543, 101,\t7,+14, -60,   host more words\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("  \t$Header \t 65543, 101,\t7,+14, -60,   host more words\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 101, 7, 14, -60, "host");
-    EXPECT_EQ(readHeaderOf("$Header\r65543,1,2,3,4,host\r\n"), 0u); // a CR is read as a line feed
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header\r65543,1,2,3,4,host\r\n")); // a CR is read as a line feed
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 1, 2, 3, 4, "host");
-    EXPECT_EQ(readHeaderOf("$Header 65543,-1,2,3,4,host\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65543,-1,2,3,4,host\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, UINT64_MAX, 2, 3, 4, "host");
-    EXPECT_EQ(readHeaderOf("$Header 65543,+ 1,2,3,4,host\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65543,+ 1,2,3,4,host\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 0, 0, 0, -1, "");
 }
 
 TEST(ReadHeaderEx, NumbersAreWholeAndSaturate) {
-    EXPECT_EQ(readHeaderOf("$Header 65543,18446744073709551615,18446744073709551614,9999999999,"
-                           "-9223372036854775808,h\n"),
-              0u);
+    EXPECT_RESULT(ZOLTLOG_OK,
+                  readHeaderOf("$Header 65543,18446744073709551615,18446744073709551614,9999999999,"
+                               "-9223372036854775808,h\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, UINT64_MAX, UINT64_MAX - 1, 9999999999, INT64_MIN, "h");
-    EXPECT_EQ(readHeaderOf("$Header 65543,18446744073709551616,99999999999999999999999,1,"
-                           "9223372036854775808,h\n"),
-              0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65543,18446744073709551616,99999999999999999999999,1,"
+                                           "9223372036854775808,h\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, UINT64_MAX, UINT64_MAX, 1, INT64_MAX, "h");
-    EXPECT_EQ(readHeaderOf("$Header 65543,1,2,3,-9223372036854775809,h\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65543,1,2,3,-9223372036854775809,h\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_ORIGINATOR, 1, 2, 3, INT64_MIN, "h");
-    EXPECT_EQ(readHeaderOf("$Header 65544,-18446744073709551616,h\n"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65544,-18446744073709551616,h\n"));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, -1, "h");
 }
 
 TEST(ReadHeaderEx, TheHostNameIsCutToItsField) {
     for (const size_t length : {510u, 511u, 512u, 600u, 5000u, 60000u}) {
-        EXPECT_EQ(readHeaderOf("$Header 65543,1,2,3,4," + std::string(length, 'h') + "\n"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf("$Header 65543,1,2,3,4," + std::string(length, 'h') + "\n"));
         EXPECT_EQ(std::string(header.hostName), std::string(std::min<size_t>(length, 511), 'h'));
         EXPECT_EQ(header.tzOffset, 4);
     }
@@ -318,26 +320,26 @@ TEST(ReadHeaderEx, ReadingStopsAtTheBoundOfALine) {
     const auto withLength = [&](size_t length) {
         return start + std::string(length - start.size() - 1, 'h') + "\n";
     };
-    EXPECT_EQ(readHeaderOf(withLength(65536)), 0u);
-    EXPECT_EQ(readHeaderOf(withLength(65537)), 1u);
-    EXPECT_EQ(readHeaderOf(withLength(1 << 22)), 1u);
+    EXPECT_RESULT(ZOLTLOG_OK, readHeaderOf(withLength(65536)));
+    EXPECT_RESULT(ZOLTLOG_FAILED, readHeaderOf(withLength(65537)));
+    EXPECT_RESULT(ZOLTLOG_FAILED, readHeaderOf(withLength(1 << 22)));
     OsFile endless; // a device that never ends
     zoltLogOs_initfilehandle(&endless);
     ASSERT_EQ(zoltLogOs_open(&endless, "/dev/zero", 1, 0660), 0);
-    EXPECT_EQ(ReadHeaderEx(&endless, &header), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, ReadHeaderEx(&endless, &header));
     zoltLogOs_close(&endless);
 }
 
 TEST(ReadHeaderEx, ChecksItsPointers) {
     Opened opened("$Header 65544,3600,hostB\n");
-    EXPECT_EQ(ReadHeaderEx(nullptr, &header), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(ReadHeaderEx(&opened.file, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, ReadHeaderEx(nullptr, &header));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, ReadHeaderEx(&opened.file, nullptr));
 }
 
 TEST(ReadHeaderEx, AFileThatCannotBeReadHasNoHeader) {
     OsFile file;
     zoltLogOs_initfilehandle(&file);
-    EXPECT_EQ(ReadHeaderEx(&file, &header), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, ReadHeaderEx(&file, &header));
     EXPECT_HEADER(0, 0, 0, 0, 0, "");
 }
 
@@ -346,7 +348,7 @@ TEST(ReadHeaderEx, ReadingStartsAtTheFilesOffset) {
     ASSERT_EQ(lseek(opened.file.descriptor, 5, SEEK_SET), 5);
     opened.file.readPosition = 0; // something stale is buffered
     opened.file.readCount = 3;
-    EXPECT_EQ(ReadHeaderEx(&opened.file, &header), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, ReadHeaderEx(&opened.file, &header));
     EXPECT_HEADER(ZOLTLOG_RECORD_VERSION_LOGSET, 0, 0, 0, 3600, "hostB");
     TextBuffer buffer;
     init_text_msg(&buffer);
@@ -387,7 +389,7 @@ TEST(ReadHeader, CopiesVersionAndOffsetIntoTheEntry) {
     for (const auto &c : cases) {
         LogFileEntry *entry = entryOf(c.line);
         memset(&header, 0x55, sizeof header);
-        EXPECT_EQ(ReadHeader(entry, &header), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, ReadHeader(entry, &header));
         EXPECT_EQ(header.version, c.version);
         EXPECT_EQ(header.tzOffset, c.offset);
         EXPECT_EQ(entry->headerVersion, c.version);
@@ -399,7 +401,7 @@ TEST(ReadHeader, CopiesVersionAndOffsetIntoTheEntry) {
 TEST(ReadHeader, AnEmptyFileLeavesTheHeaderAlone) {
     LogFileEntry *entry = entryOf("");
     memset(&header, 0x55, sizeof header);
-    EXPECT_EQ(ReadHeader(entry, &header), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, ReadHeader(entry, &header));
     EXPECT_EQ(header.version, 0x5555555555555555u);
     EXPECT_EQ(entry->headerVersion, 9u);
     closeEntry(entry);
@@ -409,7 +411,7 @@ TEST(ReadHeader, AReadErrorIsNoHeaderAndZeroesIt) {
     LogFileEntry *entry = entryOf("");
     zoltLogOs_close(&entry->file);
     memset(&header, 0x55, sizeof header);
-    EXPECT_EQ(ReadHeader(entry, &header), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, ReadHeader(entry, &header));
     EXPECT_HEADER(0, 0, 0, 0, -1, "");
     EXPECT_EQ(entry->tzOffset, -1);
     closeEntry(entry);
@@ -417,12 +419,12 @@ TEST(ReadHeader, AReadErrorIsNoHeaderAndZeroesIt) {
 
 TEST(ReadHeader, UnusableHeadersLeaveTheVersionOfTheEntry) {
     LogFileEntry *entry = entryOf("$Header 65545,1,2,3,4,h\n");
-    EXPECT_EQ(ReadHeader(entry, &header), ZOLTLOG_UNSUPPORTED_HEADER);
+    EXPECT_RESULT(ZOLTLOG_UNSUPPORTED_HEADER, ReadHeader(entry, &header));
     EXPECT_EQ(entry->headerVersion, 9u);
     EXPECT_EQ(entry->tzOffset, -1);
     closeEntry(entry);
     entry = entryOf("$Headers 65543,1,2,3,4,h\n");
-    EXPECT_EQ(ReadHeader(entry, &header), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, ReadHeader(entry, &header));
     EXPECT_EQ(entry->headerVersion, 9u);
     EXPECT_EQ(entry->tzOffset, -1);
     closeEntry(entry);
@@ -430,9 +432,9 @@ TEST(ReadHeader, UnusableHeadersLeaveTheVersionOfTheEntry) {
 
 TEST(ReadHeader, ChecksEachPointer) {
     LogFileEntry *entry = entryOf("$Header 65544,3600,hostB\n");
-    EXPECT_EQ(ReadHeader(nullptr, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(ReadHeader(entry, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(ReadHeader(nullptr, &header), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, ReadHeader(nullptr, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, ReadHeader(entry, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, ReadHeader(nullptr, &header));
     closeEntry(entry);
 }
 

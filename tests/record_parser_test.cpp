@@ -3,6 +3,7 @@
 // and through damaged files.
 #include "common/record.h"
 #include "common/record_file.h"
+#include "support/results.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
@@ -576,7 +577,7 @@ void roundTrip(int rounds) {
             msg.attr.level = static_cast<uint32_t>(msg.type == ZOLTLOG_MSG_APP ? below(5) : 1 + below(6));
         msg.lis = block->handed;
         TextBuffer buffer;
-        ASSERT_EQ(zoltLogMsgSerialize(&msg, &buffer), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogMsgSerialize(&msg, &buffer));
         const std::string line(buffer.data, buffer.capacity - buffer.free);
         free_text_msg(&buffer);
         ASSERT_EQ(line.find('\n'), line.size() - 1);

@@ -1,4 +1,5 @@
 // Log recycling, through the writer: what a directory holds after each rollover.
+#include "support/results.h"
 #include "support/support.h"
 #include "support/syscalls.h"
 #include "zoltlog.h"
@@ -113,12 +114,12 @@ class Recycling : public testing::Test {
 
 TEST_F(Recycling, FourthFileRemovesTheFirst) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     ASSERT_EQ(logs().size(), 1u);
-    ASSERT_EQ(fill(&log, 1), 0u); // the empty first file is rolled at once
-    ASSERT_EQ(fill(&log, 2), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 1)); // the empty first file is rolled at once
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 2));
     ASSERT_EQ(logs().size(), 3u);
-    ASSERT_EQ(fill(&log, 3), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 3));
     const Names names = logs();
     ASSERT_EQ(names.size(), 3u);
     EXPECT_EQ(counterOf(names[0]), 1u);
@@ -129,9 +130,9 @@ TEST_F(Recycling, FourthFileRemovesTheFirst) {
 
 TEST_F(Recycling, FiftyRolloversWithinSecondsKeepTheNewestThreeEachTime) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     for (int i = 1; i <= 50; ++i) {
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
         const Names names = logs();
         ASSERT_EQ(names.size(), static_cast<size_t>(std::min(i + 1, 3)));
         ASSERT_EQ(counterOf(names.back()), static_cast<uint64_t>(i));
@@ -145,9 +146,9 @@ TEST_F(Recycling, FiftyRolloversWithinSecondsKeepTheNewestThreeEachTime) {
 TEST_F(Recycling, OffRemovesNothing) {
     configure("false", "3");
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     for (int i = 1; i <= 10; ++i)
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
     EXPECT_EQ(logs().size(), 11u);
     zoltLogClose(&log);
 }
@@ -155,25 +156,25 @@ TEST_F(Recycling, OffRemovesNothing) {
 TEST_F(Recycling, WithoutANumberAllFilesAreKept) {
     configure("true", "");
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     for (int i = 1; i <= 10; ++i)
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
     EXPECT_EQ(logs().size(), 11u);
     zoltLogClose(&log);
 }
 
 TEST_F(Recycling, NumberIsReadAtEachRollover) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     for (int i = 1; i <= 5; ++i)
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
     EXPECT_EQ(logs().size(), 3u);
     configure("true", "6");
     for (int i = 6; i <= 12; ++i)
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
     EXPECT_EQ(logs().size(), 6u);
     configure("true", "1");
-    ASSERT_EQ(fill(&log, 13), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 13));
     EXPECT_EQ(logs().size(), 1u);
     EXPECT_EQ(counterOf(logs()[0]), 13u);
     zoltLogClose(&log);
@@ -181,23 +182,23 @@ TEST_F(Recycling, NumberIsReadAtEachRollover) {
 
 TEST_F(Recycling, AFileThatCannotBeRemovedIsLeftAndTheMessageIsWritten) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     const std::string first = logs()[0];
     cannotBeRemoved = first;
-    ASSERT_EQ(fill(&log, 1), 0u);
-    ASSERT_EQ(fill(&log, 2), 0u);
-    const std::string told = support::captured(1, [&] { EXPECT_EQ(fill(&log, 3), 0u); });
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 1));
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 2));
+    const std::string told = support::captured(1, [&] { EXPECT_RESULT(ZOLTLOG_OK, fill(&log, 3)); });
     EXPECT_EQ(told, home + "logs/" + first + " File Deletion failed\n");
     EXPECT_EQ(logs().size(), 4u);
     EXPECT_EQ(logs()[0], first);
     EXPECT_NE(support::readFile("logs/" + logs().back()).find(std::string(1100, 'd')), std::string::npos);
     // The others go on being removed.
-    support::captured(1, [&] { EXPECT_EQ(fill(&log, 4), 0u); });
+    support::captured(1, [&] { EXPECT_RESULT(ZOLTLOG_OK, fill(&log, 4)); });
     EXPECT_EQ(logs().size(), 4u);
     EXPECT_EQ(logs()[0], first);
     EXPECT_EQ(counterOf(logs()[1]), 2u);
     cannotBeRemoved.clear();
-    ASSERT_EQ(fill(&log, 5), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 5));
     EXPECT_EQ(logs().size(), 3u);
     zoltLogClose(&log);
 }
@@ -208,9 +209,9 @@ TEST_F(Recycling, OtherSeriesAndOtherFilesAreLeftAlone) {
     for (const std::string &name : others)
         support::writeFile("logs/" + name, "$Header 65543,5,8,1,0,hostA\n");
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     for (int i = 1; i <= 10; ++i)
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
     const Names names = logs();
     EXPECT_EQ(names.size(), 3 + others.size());
     for (const std::string &name : others)
@@ -222,8 +223,8 @@ TEST_F(Recycling, FilesOfOtherHostsInTheDirectoryCountAndMayBeRemoved) {
     support::writeFile("logs/5-7-42-200101-0000000000.log", "$Header 65543,5,7,1577836800,0,elsewhere\n");
     support::writeFile("logs/5-7-42-990101-0000000000.log", "$Header 65543,5,7,4070908800,0,elsewhere\n");
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
-    ASSERT_EQ(fill(&log, 1), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 1));
     EXPECT_FALSE(support::exists("logs/5-7-42-200101-0000000000.log"));
     EXPECT_TRUE(support::exists("logs/5-7-42-990101-0000000000.log"));
     EXPECT_EQ(logs().size(), 3u);
@@ -232,12 +233,12 @@ TEST_F(Recycling, FilesOfOtherHostsInTheDirectoryCountAndMayBeRemoved) {
 
 TEST_F(Recycling, AClockSetBackNeverCostsTheFileBeingWritten) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     for (int i = 1; i <= 4; ++i)
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
     shiftOfClock = -5 * 86400;
     for (int i = 5; i <= 8; ++i) {
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
         std::string all;
         for (const std::string &name : logs())
             all += support::readFile("logs/" + name);
@@ -248,21 +249,21 @@ TEST_F(Recycling, AClockSetBackNeverCostsTheFileBeingWritten) {
 
 TEST_F(Recycling, LeavesNoDescriptorBehind) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
-    ASSERT_EQ(fill(&log, 1), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 1));
     const size_t before = support::openDescriptors();
     for (int i = 2; i <= 20; ++i)
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
     EXPECT_EQ(support::openDescriptors(), before);
     zoltLogClose(&log);
 }
 
 TEST_F(Recycling, AConfigurationThatVanishedCostsNothing) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     unlink("main.conf");
     for (int i = 1; i <= 6; ++i)
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
     EXPECT_EQ(logs().size(), 7u);
     zoltLogClose(&log);
 }
@@ -273,9 +274,9 @@ TEST_F(Recycling, LogSetKeepsItsNumber) {
     for (const char *time : {"200101000000", "200102000000", "200103000000"})
         support::writeFile(std::string("logs/5-night-") + time + ".log", "$Header 65544,0,hostA\n");
     support::writeFile("logs/5-nightly-200101000000.log", "$Header 65544,0,hostA\n"); // another set's
-    ASSERT_EQ(zoltLogOpenLogSet(5, 7, "nightly", &log), 0u);
-    ASSERT_EQ(fill(&log, 1), 0u);
-    ASSERT_EQ(fill(&log, 2), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpenLogSet(5, 7, "nightly", &log));
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 1));
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 2));
     Names names = logs();
     EXPECT_EQ(names.size(), 4u);
     EXPECT_FALSE(support::exists("logs/5-night-200101000000.log"));
@@ -335,16 +336,16 @@ TEST_F(Recycling, TwoProcessesLoseNothingOutsideRemovedFiles) {
 TEST_F(Recycling, AFileThatCannotBeOpenedIsNotTakenForTheOldest) {
     for (const int error : {EIO, EACCES, ESTALE, ELOOP, ENOSPC}) {
         LogHandle log;
-        ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
         for (int i = 1; i <= 3; ++i)
-            ASSERT_EQ(fill(&log, i), 0u);
+            ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
         const std::string newestClosed = logs()[1];
         cannotBeOpened = newestClosed;
         errorOfOpening = error;
-        ASSERT_EQ(fill(&log, 4), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 4));
         cannotBeOpened.clear();
         EXPECT_TRUE(support::exists("logs/" + newestClosed)) << strerror(error);
-        ASSERT_EQ(fill(&log, 5), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 5));
         EXPECT_EQ(logs().size(), 3u);
         zoltLogClose(&log);
         for (const std::string &name : logs())
@@ -370,17 +371,17 @@ class Holder {
 
 TEST_F(Recycling, AFileThatAnotherWriterHoldsStaysUntilNothingWasWrittenToItForTwoSeconds) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     const std::string first = "logs/" + logs()[0];
     {
         Holder holder(first);
         holder.write();
         for (int i = 1; i <= 8; ++i)
-            ASSERT_EQ(fill(&log, i), 0u);
+            ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
         EXPECT_TRUE(support::exists(first));
         EXPECT_EQ(logs().size(), 4u) << "one more than kept";
         shiftOfAllClocks += 3;
-        ASSERT_EQ(fill(&log, 9), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 9));
         EXPECT_FALSE(support::exists(first));
         EXPECT_EQ(logs().size(), 3u);
     }
@@ -389,38 +390,38 @@ TEST_F(Recycling, AFileThatAnotherWriterHoldsStaysUntilNothingWasWrittenToItForT
 
 TEST_F(Recycling, AFileThatItsWriterLeftGoesAtOnce) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     const std::string first = "logs/" + logs()[0];
     {
         Holder holder(first);
         for (int i = 1; i <= 8; ++i)
-            ASSERT_EQ(fill(&log, i), 0u);
+            ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
         EXPECT_TRUE(support::exists(first));
     }
-    ASSERT_EQ(fill(&log, 9), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 9));
     EXPECT_FALSE(support::exists(first));
     zoltLogClose(&log);
 }
 
 TEST_F(Recycling, AClockThatWasSetForwardDoesNotMakeFilesLookIdle) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &log));
     const std::string first = "logs/" + logs()[0];
     Holder holder(first);
     holder.write();
     for (int i = 1; i <= 4; ++i)
-        ASSERT_EQ(fill(&log, i), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, fill(&log, i));
     shiftOfWallClock = 3600;
-    ASSERT_EQ(fill(&log, 5), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, fill(&log, 5));
     EXPECT_TRUE(support::exists(first));
     zoltLogClose(&log);
 }
 
 TEST_F(Recycling, TheReopenOfALogSetKeepsItsNumber) {
     LogHandle log;
-    ASSERT_EQ(zoltLogOpenLogSet(5, 7, "nightly", &log), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpenLogSet(5, 7, "nightly", &log));
     for (int i = 1; i <= 10; ++i) {
-        ASSERT_EQ(zoltLogAppMsg2(&log, 1, 0, 1, 0, "quiet"), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogAppMsg2(&log, 1, 0, 1, 0, "quiet"));
         shiftOfClock += 601;
     }
     EXPECT_EQ(logs().size(), 3u);

@@ -1,6 +1,7 @@
 // How much stack the operations need: the manual promises 24 KB at most, so that threads
 // of 32 KB can log. Small accessors are left out.
 #include "support/log_records.h"
+#include "support/results.h"
 #include "support/support.h"
 
 #include <climits>
@@ -135,84 +136,95 @@ TEST_F(Stack, OfMessagesOpensRolloversAndContextsIsSmall) {
     uint32_t level = 0;
     ZoltLisBlock block = {};
 
-    need("zoltLogOpen of a new series", [&] { EXPECT_EQ(0u, zoltLogOpen(5, 7, handle.get())); });
-    need("zoltLogClose", [&] { EXPECT_EQ(0u, zoltLogClose(handle.get())); });
-    need("zoltLogOpen2", [&] { EXPECT_EQ(0u, zoltLogOpen2(5, 8, 7, handle.get())); });
-    need("zoltLogOpenLogSet", [&] { EXPECT_EQ(0u, zoltLogOpenLogSet(5, 7, "set", set.get())); });
-    EXPECT_EQ(0u, InitLogCfg(5, 7, nullptr, cfg.get()));
-    need("zoltLogSecureOpen", [&] { EXPECT_EQ(0u, zoltLogSecureOpen(5, 7, cfg.get(), secure.get())); });
+    need("zoltLogOpen of a new series", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, handle.get())); });
+    need("zoltLogClose", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(handle.get())); });
+    need("zoltLogOpen2", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogOpen2(5, 8, 7, handle.get())); });
+    need("zoltLogOpenLogSet", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogOpenLogSet(5, 7, "set", set.get())); });
+    EXPECT_RESULT(ZOLTLOG_OK, InitLogCfg(5, 7, nullptr, cfg.get()));
+    need("zoltLogSecureOpen",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(5, 7, cfg.get(), secure.get())); });
     for (int i = 0; i < 60; ++i) // also with rollovers and recycling
         need("zoltLogAppMsg", [&] {
-            EXPECT_EQ(0u,
-                      zoltLogAppMsg(handle.get(), 0, 1, 0, "%s %d %f", "disk /var of host seven", i, 0.5));
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(handle.get(), 0, 1, 0, "%s %d %f",
+                                                    "disk /var of host seven", i, 0.5));
         });
-    need("zoltLogAppMsg of a log set", [&] { EXPECT_EQ(0u, zoltLogAppMsg(set.get(), 0, 1, 0, "%d", 1)); });
+    need("zoltLogAppMsg of a log set",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(set.get(), 0, 1, 0, "%d", 1)); });
     need("zoltLogAppMsg, catalogue",
-         [&] { EXPECT_EQ(0u, zoltLogAppMsg(handle.get(), 8, 1, 42, "%s %d", "a", 1)); });
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(handle.get(), 8, 1, 42, "%s %d", "a", 1)); });
     need("zoltLogAppMsg, long",
-         [&] { EXPECT_EQ(0u, zoltLogAppMsg(handle.get(), 0, 1, 0, "%s", longText.c_str())); });
-    need("zoltLogAppMsg, double",
-         [&] { EXPECT_EQ(0u, zoltLogAppMsg(handle.get(), 0, 1, 0, "%f %Lg %ls %m", 1e308, 1.0L, L"wide")); });
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(handle.get(), 0, 1, 0, "%s", longText.c_str())); });
+    need("zoltLogAppMsg, double", [&] {
+        EXPECT_RESULT(ZOLTLOG_OK,
+                      zoltLogAppMsg(handle.get(), 0, 1, 0, "%f %Lg %ls %m", 1e308, 1.0L, L"wide"));
+    });
     need("zoltLogAppMsg2LEx", [&] {
         block = blockOf("%s %f", "block", 0.25);
-        EXPECT_EQ(0u, zoltLogAppMsg2LEx(handle.get(), 1, 0, 1, "mgr", nullptr, &block));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg2LEx(handle.get(), 1, 0, 1, "mgr", nullptr, &block));
     });
     need("zoltLogDiagMsg with a reload", [&] {
         handle->lastReloadCheck = 0;
         handle->cfgTimestamp = 1;
-        EXPECT_EQ(0u, zoltLogDiagMsg(handle.get(), 0, 1, "mgr", 0, "%d", 1));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogDiagMsg(handle.get(), 0, 1, "mgr", 0, "%d", 1));
     });
     need("zoltLogDebugMsg of a log set with a reload", [&] {
         set->reloadInterval = 60;
         set->lastReloadCheck = 0;
         set->cfgTimestamp = 1;
-        EXPECT_EQ(0u, zoltLogDebugMsg(set.get(), 0, 1, "mgr", "%d", 1));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogDebugMsg(set.get(), 0, 1, "mgr", "%d", 1));
     });
-    need("zoltLogFormattedDebugMsg",
-         [&] { EXPECT_EQ(0u, zoltLogFormattedDebugMsg(handle.get(), 0, 1, "mgr", highText.c_str())); });
-    need("zoltLogAuditMsg", [&] { EXPECT_EQ(0u, zoltLogAuditMsg(handle.get(), 0, "mary", 1, 42, "%d", 1)); });
+    need("zoltLogFormattedDebugMsg", [&] {
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogFormattedDebugMsg(handle.get(), 0, 1, "mgr", highText.c_str()));
+    });
+    need("zoltLogAuditMsg",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogAuditMsg(handle.get(), 0, "mary", 1, 42, "%d", 1)); });
     need("zoltLogSecureAuditMsg",
          [&] { (void)zoltLogSecureAuditMsg(secure.get(), 0, "mary", 1, 42, "%d", 1); });
     need("copies to the console and the system log", [&] {
         EXPECT_EQ("", support::captured(2, [&] {
                       support::captured(1, [&] {
-                          EXPECT_EQ(0u, zoltLogAppMsg(handle.get(), ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_OSLOG, 1,
+                          EXPECT_RESULT(ZOLTLOG_OK,
+                                        zoltLogAppMsg(handle.get(), ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_OSLOG, 1,
                                                       0, "%d", 1));
                       });
                   }));
     });
     need("zoltLogMsg", [&] {
-        EXPECT_EQ(0u, zoltLogInitMsg(record.get(), handle.get(), ZOLTLOG_MSG_APP, "text"));
-        EXPECT_EQ(0u, zoltLogMsg(handle.get(), 0, record.get()));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(record.get(), handle.get(), ZOLTLOG_MSG_APP, "text"));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(handle.get(), 0, record.get()));
         zoltLogFreeMsg(record.get());
     });
     need("zoltLogCreateContext", [&] {
-        EXPECT_EQ(0u, zoltLogCreateContext(handle.get(), context.get(), "T1", 42, "%s %f", "a", 1.5));
+        EXPECT_RESULT(ZOLTLOG_OK,
+                      zoltLogCreateContext(handle.get(), context.get(), "T1", 42, "%s %f", "a", 1.5));
     });
     need("a rollover with a context", [&] {
         for (int i = 0; i < 20; ++i)
-            EXPECT_EQ(0u, zoltLogAppMsg(context.get(), 0, 1, 0, "%s",
+            EXPECT_RESULT(ZOLTLOG_OK,
+                          zoltLogAppMsg(context.get(), 0, 1, 0, "%s",
                                         "a text that fills the file, a text that fills the file"));
     });
-    need("zoltLogDestroyContext", [&] { EXPECT_EQ(0u, zoltLogDestroyContext(context.get())); });
-    need("zoltLogGetDebugLevel", [&] { EXPECT_EQ(0u, zoltLogGetDebugLevel(handle.get(), &level)); });
+    need("zoltLogDestroyContext", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(context.get())); });
+    need("zoltLogGetDebugLevel",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetDebugLevel(handle.get(), &level)); });
     ASSERT_TRUE(support::useLocale("ja_JP.EUC-JP"));
     need("conversions",
-         [&] { EXPECT_EQ(0u, zoltLogAppMsg(handle.get(), 0, 1, 0, "%s", "\xc6\xfc\xcb\xdc")); });
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(handle.get(), 0, 1, 0, "%s", "\xc6\xfc\xcb\xdc")); });
     setlocale(LC_ALL, "C");
-    EXPECT_EQ(0u, zoltLogClose(handle.get()));
-    EXPECT_EQ(0u, zoltLogClose(set.get()));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(handle.get()));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(set.get()));
     zoltLogClose(secure.get());
 }
 
 TEST_F(Stack, OfListingCopyingAndRecyclingIsSmall) {
     {
         LogHandle handle;
-        ASSERT_EQ(0u, zoltLogOpen(5, 7, &handle));
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
         for (int i = 0; i < 100; ++i)
-            EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 1, 0,
+            EXPECT_RESULT(ZOLTLOG_OK,
+                          zoltLogAppMsg(&handle, 0, 1, 0,
                                         "a text that fills the file, a text that fills the file %d", i));
-        EXPECT_EQ(0u, zoltLogClose(&handle));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
     }
     const std::string here = std::filesystem::current_path().string();
     const std::string first = here + "/log/" + support::listFiles("log").front();
@@ -223,16 +235,16 @@ TEST_F(Stack, OfListingCopyingAndRecyclingIsSmall) {
     auto cfg = std::make_unique<LogCfg>();
     char *path = nullptr;
     LogFileEntry *entry = nullptr;
-    ASSERT_EQ(0u, zoltLogReadCfg(5, 7, cfg.get()));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogReadCfg(5, 7, cfg.get()));
     LogCfg *cfgs[] = {cfg.get()};
 
     need("zoltLogCopyFile",
-         [&] { EXPECT_EQ(0u, zoltLogCopyFile(first.c_str(), (here + "/copies").c_str())); });
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogCopyFile(first.c_str(), (here + "/copies").c_str())); });
     need("zoltLogCopyFileEx",
-         [&] { EXPECT_EQ(0u, zoltLogCopyFileEx(first.c_str(), (here + "/links").c_str())); });
-    need("GetLogFiles", [&] { EXPECT_EQ(0u, GetLogFiles(cfgs, 1, listing.get())); });
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogCopyFileEx(first.c_str(), (here + "/links").c_str())); });
+    need("GetLogFiles", [&] { EXPECT_RESULT(ZOLTLOG_OK, GetLogFiles(cfgs, 1, listing.get())); });
     need("zoltLogFetchNextFile", [&] {
-        EXPECT_EQ(0u, zoltLogFetchNextFile(listing.get(), &path));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogFetchNextFile(listing.get(), &path));
         zoltLogFreeBuffer(&path);
     });
     for (LogFileEntry *next; listing->files != nullptr; listing->files = next) {
@@ -240,9 +252,9 @@ TEST_F(Stack, OfListingCopyingAndRecyclingIsSmall) {
         zoltLogFree(listing->files);
     }
     need("zoltLogGetManageableLogFiles",
-         [&] { EXPECT_EQ(0u, zoltLogGetManageableLogFiles(5, 7, listing.get())); });
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFiles(5, 7, listing.get())); });
     need("zoltLogGetManageableLogFiles of all",
-         [&] { EXPECT_EQ(0u, zoltLogGetManageableLogFiles(0, 0, listing.get())); });
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetManageableLogFiles(0, 0, listing.get())); });
     need("zoltLogGetManageableLogFilesSL",
          [&] { (void)zoltLogGetManageableLogFilesSL(5, "set", listing.get()); });
     need("zoltLogFindLatestLog", [&] { EXPECT_NE(0, zoltLogFindLatestLog("log/", 5, 7, 0, 0, &entry)); });
@@ -256,7 +268,7 @@ TEST_F(Stack, OfListingCopyingAndRecyclingIsSmall) {
             (void)getHostnameFromFile(cursor.get(), "log/", host);
         zoltLogOsListLogFilesEnd(cursor.get());
     });
-    need("zoltLogDeleteFile", [&] { EXPECT_EQ(0u, zoltLogDeleteFile(first.c_str())); });
+    need("zoltLogDeleteFile", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogDeleteFile(first.c_str())); });
     zoltLogFreeCfg(cfg.get());
 }
 
@@ -265,27 +277,29 @@ TEST_F(Stack, OfTheConfigurationIsSmall) {
     std::vector<LogCfg *> cfgs(64);
     uint32_t count = 0;
     uint32_t enabled = 0;
-    need("zoltLogAddProductCfg", [&] { EXPECT_EQ(0u, zoltLogAddProductCfg(9, "nine", "/nine.conf")); });
-    need("zoltLogRemoveProductCfg", [&] { EXPECT_EQ(0u, zoltLogRemoveProductCfg(9)); });
-    need("zoltLogReadCfg", [&] { EXPECT_EQ(0u, zoltLogReadCfg(5, 7, cfg.get())); });
+    need("zoltLogAddProductCfg",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogAddProductCfg(9, "nine", "/nine.conf")); });
+    need("zoltLogRemoveProductCfg", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogRemoveProductCfg(9)); });
+    need("zoltLogReadCfg", [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogReadCfg(5, 7, cfg.get())); });
     need("zoltLogWriteCfg", [&] {
-        EXPECT_EQ(0u, zoltLogCfgSetDebugLevel(cfg.get(), 2));
-        EXPECT_EQ(0u, zoltLogCfgSetDirectory(cfg.get(), "/tmp/", nullptr));
-        EXPECT_EQ(0u, zoltLogWriteCfg(5, 7, cfg.get()));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogCfgSetDebugLevel(cfg.get(), 2));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogCfgSetDirectory(cfg.get(), "/tmp/", nullptr));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogWriteCfg(5, 7, cfg.get()));
     });
     zoltLogFreeCfg(cfg.get());
-    need("zoltLogReadlogsetCfg", [&] { EXPECT_EQ(0u, zoltLogReadlogsetCfg(5, "set", cfg.get())); });
+    need("zoltLogReadlogsetCfg",
+         [&] { EXPECT_RESULT(ZOLTLOG_OK, zoltLogReadlogsetCfg(5, "set", cfg.get())); });
     need("zoltLogWritelogSetCfg", [&] {
-        EXPECT_EQ(0u, zoltLogCfgSetDebugLevel(cfg.get(), 2));
-        EXPECT_EQ(0u, zoltLogWritelogSetCfg(5, "set", cfg.get()));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogCfgSetDebugLevel(cfg.get(), 2));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogWritelogSetCfg(5, "set", cfg.get()));
     });
     zoltLogFreeCfg(cfg.get());
     need("zoltLogReadProdIDCfg", [&] {
-        EXPECT_EQ(0u, zoltLogReadProdIDCfg(nullptr, 5, 64, cfgs.data(), &count));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogReadProdIDCfg(nullptr, 5, 64, cfgs.data(), &count));
         FreeConfigArray(cfgs.data(), count);
     });
     need("zoltLogReadAllCfg", [&] {
-        EXPECT_EQ(0u, zoltLogReadAllCfg(nullptr, 64, cfgs.data(), &count));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogReadAllCfg(nullptr, 64, cfgs.data(), &count));
         FreeConfigArray(cfgs.data(), count);
     });
     need("GetProductLoggingLevel",
@@ -299,7 +313,8 @@ TEST_F(Stack, OfTextsIsSmall) {
     auto record = std::make_unique<LogMsg>();
     std::vector<char> room(4096);
     need("listxt_svnprintf", [&] {
-        EXPECT_EQ(0u, formatted(&text, "%s %.3f %20.5e %ls %5000d", "text", 1e300, 1.0, L"wide", 1));
+        EXPECT_RESULT(ZOLTLOG_OK,
+                      formatted(&text, "%s %.3f %20.5e %ls %5000d", "text", 1e300, 1.0, L"wide", 1));
         zoltLogFree(text);
     });
     need("nested blocks", [&] {
@@ -317,7 +332,7 @@ TEST_F(Stack, OfTextsIsSmall) {
         record->type = ZOLTLOG_MSG_APP;
         record->recordVersion = 65543;
         record->lis = outer;
-        EXPECT_EQ(0u, zoltLogMsgSerialize(record.get(), buffer.get()));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsgSerialize(record.get(), buffer.get()));
         free_text_msg(buffer.get());
         size_t size = room.size();
         room[0] = '\0';
@@ -336,7 +351,7 @@ TEST_F(Stack, OfTextsIsSmall) {
         zoltLisFree(&block);
     });
     need("utf82mbs", [&] {
-        EXPECT_EQ(0u, utf82mbs(&text, "text \xc3\xa4"));
+        EXPECT_RESULT(ZOLTLOG_OK, utf82mbs(&text, "text \xc3\xa4"));
         zoltLogFree(text);
     });
     need("mbs2utf8", [&] { (void)mbs2utf8(&text, "text \xe4"); });
@@ -351,11 +366,12 @@ TEST_F(Stack, OfThirtyTwoKilobytesIsEnough) {
     onStack(
         area + PAGE, SMALL_THREAD,
         [](void *) -> void * {
-            EXPECT_EQ(0u, zoltLogOpen(5, 7, &handle));
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
             for (int i = 0; i < 100; ++i)
-                EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, 1, 0, "message %d with a text that fills a file %f",
-                                            i, 0.5));
-            EXPECT_EQ(0u, zoltLogClose(&handle));
+                EXPECT_RESULT(
+                    ZOLTLOG_OK,
+                    zoltLogAppMsg(&handle, 0, 1, 0, "message %d with a text that fills a file %f", i, 0.5));
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
             return nullptr;
         },
         nullptr);
@@ -365,7 +381,7 @@ TEST_F(Stack, OfThirtyTwoKilobytesIsEnough) {
     onStack(
         area + PAGE, SMALL_THREAD,
         [](void *) -> void * {
-            EXPECT_EQ(0u, zoltLogCopyFile(first.c_str(), "copies"));
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogCopyFile(first.c_str(), "copies"));
             return nullptr;
         },
         nullptr);

@@ -1,4 +1,5 @@
 // The growable text buffer.
+#include "support/results.h"
 #include "zoltlog.h"
 
 #include <cstring>
@@ -125,14 +126,14 @@ TEST(TextBuffer, EndOfRecordTurnsEveryLineFeedIntoACarriageReturn) {
     TextBuffer buffer;
     init_text_msg(&buffer);
     append(&buffer, "\na\n\nb\r\n");
-    EXPECT_EQ(mark_end_of_txt_msg(&buffer), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, mark_end_of_txt_msg(&buffer));
     EXPECT_EQ(recordOf(buffer), "\ra\r\rb\r\r\n");
 }
 
 TEST(TextBuffer, EndOfAnEmptyRecordIsALineFeed) {
     TextBuffer buffer;
     init_text_msg(&buffer);
-    EXPECT_EQ(mark_end_of_txt_msg(&buffer), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, mark_end_of_txt_msg(&buffer));
     EXPECT_EQ(recordOf(buffer), "\n");
 }
 
@@ -140,7 +141,7 @@ TEST(TextBuffer, EndOfARecordThatFillsTheStorageGrowsIt) {
     TextBuffer buffer;
     init_text_msg(&buffer);
     append(&buffer, std::string(4095, '\n'));
-    EXPECT_EQ(mark_end_of_txt_msg(&buffer), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, mark_end_of_txt_msg(&buffer));
     EXPECT_EQ(buffer.capacity, 8192u);
     EXPECT_EQ(recordOf(buffer), std::string(4095, '\r') + "\n");
     free_text_msg(&buffer);
@@ -151,7 +152,7 @@ TEST(TextBuffer, NullBuffersAreHarmless) {
     free_text_msg(nullptr);
     remove_trailing_comma(nullptr);
     EXPECT_EQ(text_msg_alloc(nullptr, 1), nullptr);
-    EXPECT_EQ(mark_end_of_txt_msg(nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(bin2txt_int(1, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(bin2txt_sev(1, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, mark_end_of_txt_msg(nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, bin2txt_int(1, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, bin2txt_sev(1, nullptr));
 }

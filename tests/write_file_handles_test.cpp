@@ -1,4 +1,5 @@
 // Handles that share a file, and the order in which they are closed.
+#include "support/results.h"
 #include "write_series.h"
 
 #include <algorithm>
@@ -43,64 +44,64 @@ uint32_t destroyContext(LogHandle *context) {
 TEST_F(WriteFileHandles, TwoHandlesOfASeriesShareOneFile) {
     LogHandle one;
     LogHandle two;
-    ASSERT_EQ(open(&one, settings()), 0u);
-    ASSERT_EQ(open(&two, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&one, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&two, settings()));
     EXPECT_EQ(one.file, two.file);
     EXPECT_EQ(support::openDescriptors(), descriptors + 1);
     EXPECT_EQ(one.file->handles, &two) << "added at the front";
     EXPECT_EQ(two.nextOnFile, &one);
-    EXPECT_EQ(send(&one, "one"), 0u);
-    EXPECT_EQ(send(&two, "two"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&one, "one"));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&two, "two"));
     EXPECT_EQ(textsIn(FILE7), (Texts{"one", "two"}));
-    EXPECT_EQ(zoltLogCloseFile(&one), 0u);
-    EXPECT_EQ(send(&two, "three"), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&two), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&one));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&two, "three"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&two));
     EXPECT_EQ(textsIn(FILE7), (Texts{"one", "two", "three"}));
 }
 
 TEST_F(WriteFileHandles, ClosedHandleHasNoFile) {
     LogHandle one;
     LogHandle two;
-    ASSERT_EQ(open(&one, settings()), 0u);
-    ASSERT_EQ(open(&two, settings()), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&two), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&one, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&two, settings()));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&two));
     EXPECT_EQ(two.file, nullptr);
     EXPECT_EQ(two.nextOnFile, nullptr);
-    EXPECT_EQ(zoltLogCloseFile(&two), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(send(&two, "nowhere"), 57u);
-    EXPECT_EQ(zoltLogCloseFile(&one), 0u);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCloseFile(&two));
+    EXPECT_RESULT(ZOLTLOG_NO_FILE_STATE, send(&two, "nowhere"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&one));
     EXPECT_EQ(one.file, nullptr);
-    EXPECT_EQ(zoltLogCloseFile(nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCloseFile(nullptr));
 }
 
 TEST_F(WriteFileHandles, OriginatorsShareTheFileOfAnother) {
     LogHandle one;
     LogHandle two;
-    ASSERT_EQ(open(&one, settings(7), settings(7)), 0u);
-    ASSERT_EQ(open(&two, settings(8), settings(7)), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&one, settings(7), settings(7)));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&two, settings(8), settings(7)));
     EXPECT_EQ(one.file, two.file);
     EXPECT_EQ(two.originatorId, 8u);
-    EXPECT_EQ(send(&two, "two"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&two, "two"));
     EXPECT_EQ(support::lines(support::readFile(FILE7))[1].substr(0, 10), "2,5,8,7,1,");
-    EXPECT_EQ(zoltLogCloseFile(&one), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&two), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&one));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&two));
 }
 
 TEST_F(WriteFileHandles, OnlyOneStateIsRemembered) {
     LogHandle seven;
     LogHandle nine;
     LogHandle again;
-    ASSERT_EQ(open(&seven, settings(7)), 0u);
-    ASSERT_EQ(open(&nine, settings(9)), 0u);
-    ASSERT_EQ(open(&again, settings(9)), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&seven, settings(7)));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&nine, settings(9)));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&again, settings(9)));
     EXPECT_NE(nine.file, again.file);
     EXPECT_EQ(support::openDescriptors(), descriptors + 3);
-    EXPECT_EQ(send(&nine, "one"), 0u);
-    EXPECT_EQ(send(&again, "two"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&nine, "one"));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&again, "two"));
     EXPECT_EQ(textsIn("logs/5-9-83886090-240301-0000000000.log"), (Texts{"one", "two"}));
-    EXPECT_EQ(zoltLogCloseFile(&seven), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&nine), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&again), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&seven));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&nine));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&again));
 }
 
 TEST_F(WriteFileHandles, SameOriginatorOfAnotherProductIsAnotherSeries) {
@@ -108,11 +109,11 @@ TEST_F(WriteFileHandles, SameOriginatorOfAnotherProductIsAnotherSeries) {
     LogHandle six;
     LogCfg cfg = settings();
     cfg.productId = 6;
-    ASSERT_EQ(open(&five, settings()), 0u);
-    ASSERT_EQ(open(&six, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&five, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&six, cfg));
     EXPECT_NE(five.file, six.file);
-    EXPECT_EQ(zoltLogCloseFile(&six), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&five), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&six));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&five));
 }
 
 TEST_F(WriteFileHandles, StateIsForgottenByIdentityNotByEqualIds) {
@@ -120,22 +121,22 @@ TEST_F(WriteFileHandles, StateIsForgottenByIdentityNotByEqualIds) {
     LogHandle nine;
     LogHandle second;
     LogHandle third;
-    ASSERT_EQ(open(&seven, settings(7)), 0u); // remembered
-    ASSERT_EQ(open(&nine, settings(9)), 0u);  // not remembered
-    ASSERT_EQ(zoltLogCloseFile(&seven), 0u);
-    ASSERT_EQ(open(&second, settings(9)), 0u); // now remembered, with equal ids
+    ASSERT_RESULT(ZOLTLOG_OK, open(&seven, settings(7))); // remembered
+    ASSERT_RESULT(ZOLTLOG_OK, open(&nine, settings(9)));  // not remembered
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&seven));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&second, settings(9))); // now remembered, with equal ids
     EXPECT_NE(nine.file, second.file);
-    ASSERT_EQ(zoltLogCloseFile(&nine), 0u);
-    ASSERT_EQ(open(&third, settings(9)), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&nine));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&third, settings(9)));
     EXPECT_EQ(third.file, second.file);
-    ASSERT_EQ(zoltLogCloseFile(&second), 0u);
-    ASSERT_EQ(zoltLogCloseFile(&third), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&second));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&third));
 }
 
 TEST_F(WriteFileHandles, ReusedStateIsReconfigured) {
     LogHandle one;
     LogHandle two;
-    ASSERT_EQ(open(&one, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&one, settings()));
     LogCfg cfg = settings();
     strcpy(cfg.directory, "./other/");
     cfg.maxFileSizeKB = 3;
@@ -143,7 +144,7 @@ TEST_F(WriteFileHandles, ReusedStateIsReconfigured) {
     cfg.rolloverTime = 99;
     cfg.rolloverPeriod = 98;
     cfg.permissions.mode = 0600;
-    ASSERT_EQ(open(&two, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&two, cfg));
     const LogFileState *state = one.file;
     EXPECT_STREQ(state->directory, "./other/");
     EXPECT_EQ(state->maxFileSizeKB, 3u);
@@ -152,44 +153,44 @@ TEST_F(WriteFileHandles, ReusedStateIsReconfigured) {
     EXPECT_EQ(state->rolloverTime, 99u);
     EXPECT_EQ(state->rolloverPeriod, 98u);
     EXPECT_EQ(state->permissions.mode, 0660u) << "set with the first file only";
-    ASSERT_EQ(send(&one, "here"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&one, "here"));
     EXPECT_EQ(textsIn(FILE7), Texts{"here"});
-    ASSERT_EQ(send(&one, std::string(4000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&one, std::string(4000, 'x')));
     EXPECT_EQ(support::listFiles("other"), Names{"5-7-83886090-240301-0000000001.log"});
-    EXPECT_EQ(zoltLogCloseFile(&one), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&two), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&one));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&two));
 }
 
 TEST_F(WriteFileHandles, ChangedScheduleOfAReusedStateIsComputedAnew) {
     LogHandle handles[4];
-    ASSERT_EQ(open(&handles[0], settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handles[0], settings()));
     LogCfg cfg = settings();
     cfg.rolloverMode = ZOLTLOG_ROLLOVER_PERIODIC;
     cfg.rolloverPeriod = 1000;
-    ASSERT_EQ(open(&handles[1], cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handles[1], cfg));
     const LogFileState *state = handles[0].file;
     EXPECT_EQ(state->nextRolloverTime, localTime(2024, 3, 1, 10) + 1000);
     cfg.rolloverPeriod = 2000;
-    ASSERT_EQ(open(&handles[2], cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handles[2], cfg));
     EXPECT_EQ(state->nextRolloverTime, localTime(2024, 3, 1, 10) + 2000);
     cfg.rolloverMode = ZOLTLOG_ROLLOVER_LOCAL_TIME;
     cfg.rolloverTime = uint64_t{11} * 3600;
-    ASSERT_EQ(open(&handles[3], cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handles[3], cfg));
     EXPECT_EQ(state->nextRolloverTime, localTime(2024, 3, 1, 11));
     for (LogHandle &handle : handles)
-        EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
 }
 
 TEST_F(WriteFileHandles, EveryHandleNumbersItsMessages) {
     LogHandle one;
     LogHandle two;
-    ASSERT_EQ(open(&one, settings()), 0u);
-    ASSERT_EQ(send(&one, "one"), 0u);
-    ASSERT_EQ(open(&two, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&one, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&one, "one"));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&two, settings()));
     EXPECT_EQ(one.sequenceNumber, 2u);
     EXPECT_EQ(two.sequenceNumber, 1u);
-    EXPECT_EQ(zoltLogCloseFile(&two), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&one), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&two));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&one));
 }
 
 // ---- failed opens ----------------------------------------------------------------------------
@@ -197,13 +198,13 @@ TEST_F(WriteFileHandles, EveryHandleNumbersItsMessages) {
 TEST_F(WriteFileHandles, HandleWhoseOpenFailedRecoversWithTheFirstMessage) {
     LogHandle handle;
     hostNameFails = true;
-    EXPECT_EQ(open(&handle, settings()), 1u);
+    EXPECT_RESULT(ZOLTLOG_FAILED, open(&handle, settings()));
     ASSERT_NE(handle.file, nullptr);
-    EXPECT_EQ(send(&handle, "lost"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
     hostNameFails = false;
-    EXPECT_EQ(send(&handle, "kept"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "kept"));
     EXPECT_EQ(textsIn(FILE7), Texts{"kept"});
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
 }
 
 TEST_F(WriteFileHandles, FailedOpenIsSharedAndTriedAgainByTheNext) {
@@ -211,13 +212,13 @@ TEST_F(WriteFileHandles, FailedOpenIsSharedAndTriedAgainByTheNext) {
         LogHandle failed;
         LogHandle good;
         hostNameFails = true;
-        EXPECT_EQ(open(&failed, settings()), 1u);
+        EXPECT_RESULT(ZOLTLOG_FAILED, open(&failed, settings()));
         hostNameFails = false;
-        EXPECT_EQ(open(&good, settings()), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, open(&good, settings()));
         EXPECT_EQ(failed.file, good.file);
-        EXPECT_EQ(send(&failed, "one"), 0u);
-        EXPECT_EQ(zoltLogCloseFile(firstClosesFirst ? &failed : &good), 0u);
-        EXPECT_EQ(zoltLogCloseFile(firstClosesFirst ? &good : &failed), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, send(&failed, "one"));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(firstClosesFirst ? &failed : &good));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(firstClosesFirst ? &good : &failed));
     }
 }
 
@@ -225,18 +226,18 @@ TEST_F(WriteFileHandles, HandleOnNoListClosesWith1AndFreesItsState) {
     LogHandle handle = {};
     handle.file = static_cast<LogFileState *>(calloc(1, sizeof(LogFileState)));
     handle.file->file.descriptor = -1;
-    EXPECT_EQ(zoltLogCloseFile(&handle), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogCloseFile(&handle));
     EXPECT_EQ(handle.file, nullptr);
 }
 
 TEST_F(WriteFileHandles, HandleOnNoListOfAUsedStateLeavesItAlone) {
     LogHandle handle;
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     LogHandle stranger = {};
     stranger.file = handle.file;
-    EXPECT_EQ(zoltLogCloseFile(&stranger), ZOLTLOG_FAILED);
-    EXPECT_EQ(send(&handle, "one"), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogCloseFile(&stranger));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
 }
 
 TEST_F(WriteFileHandles, StateThatWasNeverOpenedIsWrittenThroughAllTheSame) {
@@ -253,22 +254,22 @@ TEST_F(WriteFileHandles, StateThatWasNeverOpenedIsWrittenThroughAllTheSame) {
     handle.originatorId = 7;
     handle.noContext = 1;
     for (const size_t length : {500u, 400u, 100u})
-        EXPECT_EQ(send(&handle, std::string(length, 'x')), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, send(&handle, std::string(length, 'x')));
     EXPECT_EQ(logFiles().size(), 2u);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 1u) << "on no list";
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogCloseFile(&handle)) << "on no list";
 }
 
 TEST_F(WriteFileHandles, OpeningAnOpenHandleAgainListsItOnce) {
     LogHandle handle;
     LogCfg cfg = settings();
-    ASSERT_EQ(open(&handle, cfg), 0u);
-    ASSERT_EQ(zoltLogOpenFile(&handle, &cfg, &cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpenFile(&handle, &cfg, &cfg));
     EXPECT_EQ(handle.file->handles, &handle);
     EXPECT_EQ(handle.nextOnFile, nullptr);
-    ASSERT_EQ(open(&handle, cfg), 0u) << "a record that was not closed";
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg)) << "a record that was not closed";
     EXPECT_EQ(handle.nextOnFile, nullptr);
-    EXPECT_EQ(send(&handle, "one"), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
 }
 
 // ---- contexts ----------------------------------------------------------------------------------
@@ -280,7 +281,7 @@ TEST_F(WriteFileHandles, ContextTakesAfterItsParent) {
     cfg.diagLevel = 4;
     cfg.outputFlags = ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOGX;
     cfg.reloadInterval = 61;
-    ASSERT_EQ(open(&parent, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&parent, cfg));
     parent.secureAuditLevel = 5;
     parent.utf8 = 1;
     parent.sequenceNumber = 77;
@@ -290,7 +291,7 @@ TEST_F(WriteFileHandles, ContextTakesAfterItsParent) {
     parent.lastReloadCheck = 12;
     LogHandle context;
     memset(static_cast<void *>(&context), 0xA5, sizeof context);
-    ASSERT_EQ(createContext(&parent, &context, "T1"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, createContext(&parent, &context, "T1"));
     EXPECT_EQ(context.file, parent.file);
     EXPECT_EQ(context.originatorId, 7u);
     EXPECT_EQ(context.debugLevel, 3u);
@@ -312,20 +313,20 @@ TEST_F(WriteFileHandles, ContextTakesAfterItsParent) {
     const std::string record = support::lines(support::readFile(FILE7)).at(1);
     EXPECT_EQ(record.substr(0, 11), "3,5,7,7,77,");
     EXPECT_EQ(record.substr(record.find(",0:,")), ",0:,5:about,2:T1,(0|)");
-    EXPECT_EQ(destroyContext(&context), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, destroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&parent));
 }
 
 TEST_F(WriteFileHandles, MessageThroughAContextCarriesItsToken) {
     LogHandle parent;
     LogHandle context;
-    ASSERT_EQ(open(&parent, settings()), 0u);
-    ASSERT_EQ(createContext(&parent, &context, "T1"), 0u);
-    ASSERT_EQ(send(&context, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&parent, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, createContext(&parent, &context, "T1"));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&context, "one"));
     const std::string record = support::lines(support::readFile(FILE7)).at(2);
     EXPECT_NE(record.find(",2:T1,3:one,3:mgr,3,(0|)"), std::string::npos) << record;
-    EXPECT_EQ(destroyContext(&context), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, destroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&parent));
 }
 
 TEST_F(WriteFileHandles, ContextOutlivesItsParent) {
@@ -335,47 +336,47 @@ TEST_F(WriteFileHandles, ContextOutlivesItsParent) {
     LogCfg cfg = settings();
     cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 1;
-    ASSERT_EQ(open(&parent, cfg), 0u);
-    ASSERT_EQ(createContext(&parent, &context, "T1"), 0u);
-    ASSERT_EQ(createContext(&context, &nested, "T2"), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
-    ASSERT_EQ(send(&nested, std::string(1000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&parent, cfg));
+    ASSERT_RESULT(ZOLTLOG_OK, createContext(&parent, &context, "T1"));
+    ASSERT_RESULT(ZOLTLOG_OK, createContext(&context, &nested, "T2"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&parent));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&nested, std::string(1000, 'x')));
     EXPECT_EQ(support::lines(support::readFile("logs/5-7-83886090-240301-0000000001.log")).size(), 4u);
-    EXPECT_EQ(destroyContext(&context), 0u);
-    ASSERT_EQ(send(&nested, "two"), 0u);
-    EXPECT_EQ(destroyContext(&nested), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, destroyContext(&context));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&nested, "two"));
+    EXPECT_RESULT(ZOLTLOG_OK, destroyContext(&nested));
 }
 
 TEST_F(WriteFileHandles, FailedContextStaysAPlainHandleOnTheParentsFile) {
     LogHandle parent;
     LogHandle context;
     LogHandle closed = {};
-    ASSERT_EQ(open(&parent, settings()), 0u);
-    EXPECT_EQ(createContext(&closed, &context, "T1"), 57u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&parent, settings()));
+    EXPECT_RESULT(ZOLTLOG_NO_FILE_STATE, createContext(&closed, &context, "T1"));
     EXPECT_EQ(context.file, nullptr);
-    EXPECT_EQ(destroyContext(&context), 3u);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, destroyContext(&context));
     for (const bool parentGoesFirst : {false, true}) {
         SCOPED_TRACE(parentGoesFirst);
         const int descriptor = parent.file->file.descriptor;
         parent.file->file.descriptor = 1000; // nothing is open there
-        EXPECT_EQ(createContext(&parent, &context, "T1"), 5u);
+        EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, createContext(&parent, &context, "T1"));
         parent.file->file.descriptor = descriptor;
         EXPECT_EQ(context.noContext, 1u);
         EXPECT_EQ(context.file, parent.file);
         EXPECT_EQ(parent.file->handles, &parent);
         EXPECT_EQ(parent.nextOnFile, nullptr);
-        EXPECT_EQ(send(&context, "one"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, send(&context, "one"));
         EXPECT_EQ(textOf(support::lines(support::readFile(FILE7)).back()), "one") << "without a token";
         if (parentGoesFirst) {
-            EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
-            EXPECT_EQ(send(&context, "two"), 0u);
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&parent));
+            EXPECT_RESULT(ZOLTLOG_OK, send(&context, "two"));
             EXPECT_EQ(textOf(support::lines(support::readFile(FILE7)).back()), "two");
         }
-        EXPECT_EQ(destroyContext(&context), 1u);
+        EXPECT_RESULT(ZOLTLOG_FAILED, destroyContext(&context));
         EXPECT_EQ(context.file, nullptr);
-        EXPECT_EQ(destroyContext(&context), 3u);
+        EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, destroyContext(&context));
         if (!parentGoesFirst) {
-            EXPECT_EQ(send(&parent, "three"), 0u);
+            EXPECT_RESULT(ZOLTLOG_OK, send(&parent, "three"));
         }
     }
     EXPECT_EQ(support::openDescriptors(), descriptors);
@@ -385,17 +386,17 @@ TEST_F(WriteFileHandles, FailedContextsFileIsSharedByTheNextOpen) {
     LogHandle parent;
     LogHandle context;
     LogHandle next;
-    ASSERT_EQ(open(&parent, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&parent, settings()));
     const int descriptor = parent.file->file.descriptor;
     parent.file->file.descriptor = 1000;
-    EXPECT_EQ(createContext(&parent, &context, "T1"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, createContext(&parent, &context, "T1"));
     parent.file->file.descriptor = descriptor;
-    EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
-    ASSERT_EQ(open(&next, settings()), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&parent));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&next, settings()));
     EXPECT_EQ(next.file, context.file);
-    EXPECT_EQ(zoltLogCloseFile(&next), 0u);
-    EXPECT_EQ(send(&context, "one"), 0u);
-    EXPECT_EQ(destroyContext(&context), 1u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&next));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&context, "one"));
+    EXPECT_RESULT(ZOLTLOG_FAILED, destroyContext(&context));
     EXPECT_EQ(support::openDescriptors(), descriptors);
 }
 
@@ -405,20 +406,20 @@ TEST_F(WriteFileHandles, FortyThousandContextsComeAndGoInAnyOrder) {
     LogCfg cfg = settings();
     cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     LogHandle parent;
-    ASSERT_EQ(open(&parent, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&parent, cfg));
     std::vector<LogHandle> contexts(CONTEXTS);
     std::vector<size_t> order(CONTEXTS);
     for (size_t i = 0; i < CONTEXTS; ++i) {
-        ASSERT_EQ(createContext(&parent, &contexts[i], std::to_string(i).c_str()), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, createContext(&parent, &contexts[i], std::to_string(i).c_str()));
         order[i] = i;
     }
     std::shuffle(order.begin(), order.end(), std::mt19937(7)); // NOLINT(cert-msc51-cpp): the same each time
     for (size_t i = 0; i < CONTEXTS - 100; ++i)
-        ASSERT_EQ(zoltLogDestroyContext(&contexts[order[i]]), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&contexts[order[i]]));
     order.erase(order.begin(), order.end() - 100);
     // Those that are left are in the next file, the last one first.
     parent.file->maxFileSizeKB = 1;
-    EXPECT_EQ(send(&parent, "one"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&parent, "one"));
     std::sort(order.begin(), order.end(), std::greater<>());
     std::vector<std::string> expected;
     for (const size_t at : order)
@@ -431,9 +432,9 @@ TEST_F(WriteFileHandles, FortyThousandContextsComeAndGoInAnyOrder) {
             tokens.push_back(line.substr(colon + 1, line.find(',', colon) - colon - 1));
     }
     EXPECT_EQ(expected, tokens);
-    EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&parent));
     for (const size_t at : order)
-        EXPECT_EQ(zoltLogDestroyContext(&contexts[at]), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&contexts[at]));
     EXPECT_EQ(support::openDescriptors(), descriptors);
 }
 
@@ -441,25 +442,25 @@ TEST_F(WriteFileHandles, NullArgumentsOfAContextAreInvalid) {
     LogHandle parent = {};
     LogHandle context = {};
     LogMsg msg = {};
-    EXPECT_EQ(zoltLogCreateContextToFile(nullptr, &context, &msg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCreateContextToFile(&parent, nullptr, &msg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCreateContextToFile(&parent, &context, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogCreateContextToFile(&parent, &parent, &msg), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContextToFile(nullptr, &context, &msg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContextToFile(&parent, nullptr, &msg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContextToFile(&parent, &context, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContextToFile(&parent, &parent, &msg));
 }
 
 TEST_F(WriteFileHandles, ContextMessageOfTheCallersOwnRecordIsTakenOver) {
     LogHandle parent;
     LogHandle context = {};
-    ASSERT_EQ(open(&parent, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&parent, settings()));
     LogMsg msg;
     zoltLogInitMsg(&msg, &parent, ZOLTLOG_MSG_CONTEXT, "about");
     zoltLogSetContextAttr(&msg, "T1");
-    ASSERT_EQ(zoltLogCreateContextToFile(&parent, &context, &msg), 0u);
-    EXPECT_EQ(zoltLogFreeMsg(&msg), 0u) << "harmless: it was moved";
-    ASSERT_EQ(send(&context, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContextToFile(&parent, &context, &msg));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeMsg(&msg)) << "harmless: it was moved";
+    ASSERT_RESULT(ZOLTLOG_OK, send(&context, "one"));
     EXPECT_NE(support::readFile(FILE7).find(",2:T1,3:one,"), std::string::npos);
-    EXPECT_EQ(destroyContext(&context), 0u);
-    EXPECT_EQ(zoltLogCloseFile(&parent), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, destroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&parent));
 }
 
 // ---- any order -----------------------------------------------------------------------------------
@@ -484,15 +485,15 @@ TEST_F(WriteFileHandles, AnyOrderOfOpeningAndClosingIsSound) {
         if (slot->open && random() % 2 == 0) {
             close(slot);
         } else if (slot->open) {
-            EXPECT_EQ(send(&slot->handle, "message"), 0u);
+            EXPECT_RESULT(ZOLTLOG_OK, send(&slot->handle, "message"));
         } else if (other->open && random() % 2 == 0) {
-            EXPECT_EQ(createContext(&other->handle, &slot->handle, "T"), 0u);
+            EXPECT_RESULT(ZOLTLOG_OK, createContext(&other->handle, &slot->handle, "T"));
             slot->open = slot->context = true;
         } else {
             LogCfg cfg = settings(7 + random() % 3);
             cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
             cfg.maxFileSizeKB = 4;
-            EXPECT_EQ(open(&slot->handle, cfg), 0u);
+            EXPECT_RESULT(ZOLTLOG_OK, open(&slot->handle, cfg));
             slot->open = true;
         }
     }
@@ -504,9 +505,9 @@ TEST_F(WriteFileHandles, AnyOrderOfOpeningAndClosingIsSound) {
 TEST_F(WriteFileHandles, TenThousandHandlesOnOneFile) {
     std::vector<LogHandle> handles(10000);
     for (LogHandle &handle : handles)
-        ASSERT_EQ(open(&handle, settings()), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(support::openDescriptors(), descriptors + 1);
-    EXPECT_EQ(send(&handles[4711], "one"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handles[4711], "one"));
     for (size_t at = 0; at < handles.size(); ++at)
-        ASSERT_EQ(zoltLogCloseFile(&handles[(at * 7919) % handles.size()]), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handles[(at * 7919) % handles.size()]));
 }

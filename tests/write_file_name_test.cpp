@@ -1,4 +1,5 @@
 // Names of log files and their header line, byte for byte.
+#include "support/results.h"
 #include "write_series.h"
 
 #include <fcntl.h>
@@ -50,21 +51,21 @@ LogFileHeader headerOf(uint64_t version) {
 TEST_F(WriteFileName, OriginatorNameIsProductOriginatorHostDateCounter) {
     hostAddress = "127.0.0.2"; // host id 33554559
     setClock(localTime(2024, 3, 1));
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     leaveFile();
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     leaveFile();
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(logFiles(), (Names{"5-7-33554559-240301-0000000000.log", "5-7-33554559-240301-0000000001.log",
                                  "5-7-33554559-240301-0000000002.log"}));
 }
 
 TEST_F(WriteFileName, EleventhFileOfADayHasCounterTen) {
     setClock(localTime(2024, 3, 1));
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     for (int file = 1; file < 11; ++file) {
         leaveFile();
-        ASSERT_EQ(send(&handle, "one"), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     }
     ASSERT_EQ(logFiles().size(), 11u);
     EXPECT_EQ(logFiles().back(), "5-7-83886090-240301-0000000010.log");
@@ -74,16 +75,16 @@ TEST_F(WriteFileName, CounterBeyondTenDigitsPrintsMoreAndIsResumed) {
     setClock(localTime(2024, 3, 1));
     support::makeDirectory("logs");
     support::writeFile("logs/5-7-83886090-240301-9999999999.log", "$Header 65543,5,7,1709251200,0,hostA\n");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     leaveFile();
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/5-7-83886090-240301-10000000000.log"), Texts{"one"});
 }
 
 TEST_F(WriteFileName, DateIsTheLocalOne) {
     setZone("JST-9");
     setClock(1709300702 + 6 * 3600); // 19:45 UTC on 1 March, next morning in Japan
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(logFiles(), Names{"5-7-83886090-240302-0000000000.log"});
     EXPECT_EQ(support::readFile("logs/5-7-83886090-240302-0000000000.log"),
               "$Header 65543,5,7,1709322302,-32400,hostA\n");
@@ -91,31 +92,31 @@ TEST_F(WriteFileName, DateIsTheLocalOne) {
 
 TEST_F(WriteFileName, CounterRestartsOnAnotherDay) {
     setClock(localTime(2024, 3, 1, 23, 59, 59));
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     leaveFile();
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     advance(1);
     leaveFile();
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(logFiles(), (Names{"5-7-83886090-240301-0000000000.log", "5-7-83886090-240301-0000000001.log",
                                  "5-7-83886090-240302-0000000000.log"}));
 }
 
 TEST_F(WriteFileName, SameDayOfAnotherMonthRestartsTheCounter) {
     setClock(localTime(2024, 3, 1));
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     setClock(localTime(2024, 4, 1));
     leaveFile();
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(logFiles().back(), "5-7-83886090-240401-0000000000.log");
 }
 
 TEST_F(WriteFileName, CounterIgnoresTheYear) {
     setClock(localTime(2023, 12, 31, 12));
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     setClock(localTime(2024, 12, 31, 12));
     leaveFile();
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(logFiles(),
               (Names{"5-7-83886090-231231-0000000000.log", "5-7-83886090-241231-0000000001.log"}));
 }
@@ -124,25 +125,25 @@ TEST_F(WriteFileName, CounterIgnoresTheYearAlsoAfterAResume) {
     support::makeDirectory("logs");
     support::writeFile("logs/5-7-83886090-231231-0000000004.log", "$Header 65543,5,7,1704020000,0,hostA\n");
     setClock(localTime(2024, 12, 31, 12));
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     leaveFile();
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(logFiles().back(), "5-7-83886090-241231-0000000005.log");
 }
 
 TEST_F(WriteFileName, YearsCountFrom2000WhateverTheCentury) {
     setClock(localTime(1999, 7, 8));
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(logFiles(), Names{"5-7-83886090--10708-0000000000.log"});
     setClock(localTime(2100, 7, 9));
     leaveFile();
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/5-7-83886090-1000709-0000000000.log"), Texts{"one"});
 }
 
 TEST_F(WriteFileName, LogsetNameIsProductNameDateTime) {
     setClock(localTime(2024, 3, 1, 13, 45, 2));
-    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, logsetSettings()));
     EXPECT_EQ(logFiles(), Names{"5-backup-240301134502.log"});
     EXPECT_EQ(support::readFile("logs/5-backup-240301134502.log"), "$Header 65544,0,hostA\n");
 }
@@ -152,7 +153,7 @@ TEST_F(WriteFileName, LogsetFileNameComesBeforeItsName) {
     LogCfg cfg = logsetSettings();
     cfg.logsetFilename = fileName;
     setClock(localTime(2024, 3, 1, 13, 45, 2));
-    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     EXPECT_EQ(logFiles(), Names{"5-nightly-240301134502.log"});
     EXPECT_STREQ(handle.file->logsetName, "backup");
     EXPECT_STREQ(handle.file->logsetFilename, "nightly");
@@ -165,15 +166,15 @@ TEST_F(WriteFileName, LogsetNamesFallBackAndAreCopies) {
     file.logsetName = own;
     file.logsetFilename = nullptr;
     setClock(localTime(2024, 3, 1, 13, 45, 2));
-    ASSERT_EQ(open(&handle, originator, file), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, originator, file));
     EXPECT_EQ(logFiles(), Names{"5-backup-240301134502.log"});
     own[0] = 'X';
     EXPECT_STREQ(handle.file->logsetName, "backup");
     EXPECT_STREQ(handle.file->logsetFilename, "backup");
-    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     char fileName[] = "nightly";
     file.logsetFilename = fileName;
-    ASSERT_EQ(open(&handle, originator, file), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, originator, file));
     EXPECT_EQ(logFiles().back(), "5-nightly-240301134502.log");
     fileName[0] = 'X';
     EXPECT_STREQ(handle.file->logsetFilename, "nightly");
@@ -183,7 +184,7 @@ TEST_F(WriteFileName, LogsetWithoutAnyNameIsInvalid) {
     LogCfg cfg = logsetSettings();
     cfg.logsetName = nullptr;
     cfg.logsetFilename = nullptr;
-    EXPECT_EQ(open(&handle, cfg), 3u);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, open(&handle, cfg));
 }
 
 // ---- header ------------------------------------------------------------------------------
@@ -231,9 +232,9 @@ TEST(WriteFileHeader, FailedWriteIs1) {
     auto *state = static_cast<LogFileState *>(calloc(1, sizeof(LogFileState)));
     state->file.descriptor = -1;
     const LogFileHeader header = headerOf(ZOLTLOG_RECORD_VERSION_ORIGINATOR);
-    EXPECT_EQ(WriteFileHeader(state, &header), ZOLTLOG_FAILED);
-    EXPECT_EQ(WriteFileHeader(nullptr, &header), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(WriteFileHeader(state, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_FAILED, WriteFileHeader(state, &header));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, WriteFileHeader(nullptr, &header));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, WriteFileHeader(state, nullptr));
     free(state);
 }
 
@@ -280,10 +281,10 @@ TEST(WriteFileHeader, HostNameOf512BytesStartsASeries) {
     setZone("UTC");
     setClock(1709300702);
     LogHandle handle;
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(support::readFile("logs/" + logFiles().at(0)),
               "$Header 65543,5,7,1709300702,0," + std::string(512, 'h') + "\n");
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
 }
 
 TEST(WriteFileHeader, StaysOneLineWhateverTheHostIsCalled) {

@@ -1,4 +1,5 @@
 // Opening a series: the first file, resuming the latest, what is refused.
+#include "support/results.h"
 #include "write_series.h"
 
 #include <atomic>
@@ -137,7 +138,7 @@ struct WriteFileOpen : testing::Test {
     }
     ~WriteFileOpen() override {
         if (handle.file != nullptr) {
-            EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
         }
     }
     std::string path(const char *name) const { return std::string("logs/") + name; }
@@ -156,23 +157,23 @@ mode_t modeOf(const std::string &path) {
 TEST_F(WriteFileOpen, NullArgumentsAreInvalid) {
     LogCfg cfg = settings();
     LogHandle empty = {};
-    EXPECT_EQ(zoltLogOpenFile(nullptr, &cfg, &cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogOpenFile(&empty, nullptr, &cfg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogOpenFile(&empty, &cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogOpenFile(&empty, &cfg, &cfg), ZOLTLOG_INVALID_ARGUMENT) << "no state to fill";
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpenFile(nullptr, &cfg, &cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpenFile(&empty, nullptr, &cfg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpenFile(&empty, &cfg, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpenFile(&empty, &cfg, &cfg)) << "no state to fill";
 }
 
 TEST_F(WriteFileOpen, EmptyDirectoryIs53AndCloseReleasesTheState) {
     LogCfg cfg = settings();
     cfg.directory[0] = '\0';
-    EXPECT_EQ(open(&handle, cfg), 53u);
+    EXPECT_RESULT(ZOLTLOG_NO_DIRECTORY, open(&handle, cfg));
     EXPECT_NE(handle.file, nullptr);
-    EXPECT_EQ(zoltLogCloseFile(&handle), ZOLTLOG_FAILED) << "on no list";
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogCloseFile(&handle)) << "on no list";
     EXPECT_EQ(handle.file, nullptr);
 }
 
 TEST_F(WriteFileOpen, FirstFileHasHeaderAndIsNamedByDateAndCounterZero) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(logFiles(), Names{FIRST});
     EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
     EXPECT_EQ(handle.file->headerVersion, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
@@ -186,15 +187,15 @@ TEST_F(WriteFileOpen, FirstFileHasHeaderAndIsNamedByDateAndCounterZero) {
 }
 
 TEST_F(WriteFileOpen, WorkedExampleComesOutByteForByte) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     LogMsg msg;
-    ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "Disk full, 2 of 3"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "Disk full, 2 of 3"));
     msg.messageId = 12;
     msg.timestamp = 1700000000123;
     msg.processId = 4242;
     msg.threadId = 4243;
-    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL), 0u);
-    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogWriteMsgWithRolloverToFile(handle.file, &msg));
     EXPECT_EQ(msg.recordVersion, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(msg.fileOriginatorId, 7u);
     zoltLogFreeMsg(&msg);
@@ -212,7 +213,7 @@ TEST_F(WriteFileOpen, HandleIsFilledFromTheOriginatorsSettings) {
     originator.reloadInterval = 90;
     LogCfg file = settings(9);
     file.debugLevel = 1;
-    ASSERT_EQ(open(&handle, originator, file), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, originator, file));
     EXPECT_EQ(handle.debugLevel, 2u);
     EXPECT_EQ(handle.diagLevel, 4u);
     EXPECT_EQ(handle.secureAuditLevel, 0u);
@@ -233,7 +234,7 @@ TEST_F(WriteFileOpen, MissingDirectoriesAreMade) {
     LogCfg cfg = settings();
     support::makeDirectory("base");
     strcpy(cfg.directory, "./base/a/b/");
-    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     EXPECT_EQ(support::listFiles("base/a/b"), Names{FIRST});
 }
 
@@ -241,7 +242,7 @@ TEST_F(WriteFileOpen, DirectoryThatCannotBeMadeIs1) {
     LogCfg cfg = settings();
     support::writeFile("plain", "");
     strcpy(cfg.directory, "plain/logs/");
-    EXPECT_EQ(open(&handle, cfg), 1u);
+    EXPECT_RESULT(ZOLTLOG_FAILED, open(&handle, cfg));
 }
 
 TEST_F(WriteFileOpen, PermissionsAreExactUnderAnyUmask) {
@@ -254,9 +255,9 @@ TEST_F(WriteFileOpen, PermissionsAreExactUnderAnyUmask) {
             cfg.permissions.mode = mode;
             support::makeDirectory("logs");
             const mode_t old = umask(mask);
-            EXPECT_EQ(open(&handle, cfg), 0u);
+            EXPECT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
             EXPECT_EQ(umask(old), mask) << "the process's own umask is left alone";
-            EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
             const std::string name =
                 "logs/5-" + std::to_string(originator) + "-83886090-240301-0000000000.log";
             EXPECT_EQ(modeOf(name), mode) << mask;
@@ -266,17 +267,18 @@ TEST_F(WriteFileOpen, PermissionsAreExactUnderAnyUmask) {
 
 TEST_F(WriteFileOpen, HostNameOrHostIdUnavailableIs1) {
     hostNameFails = true;
-    EXPECT_EQ(open(&handle, settings()), 1u);
+    EXPECT_RESULT(ZOLTLOG_FAILED, open(&handle, settings()));
     EXPECT_EQ(logFiles(), Names{});
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
-    EXPECT_EQ(open(&handle, logsetSettings()), 1u) << "its names have no host id, its headers a name";
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
+    EXPECT_RESULT(ZOLTLOG_FAILED, open(&handle, logsetSettings()))
+        << "its names have no host id, its headers a name";
     EXPECT_EQ(logFiles(), Names{});
     hostNameFails = false;
 }
 
 TEST_F(WriteFileOpen, NameServiceGoneGivesTheLoopbackHostId) {
     hostAddress = "";
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(logFiles(), Names{"5-7-16777343-240301-0000000000.log"});
 }
 
@@ -284,13 +286,13 @@ TEST_F(WriteFileOpen, LatestFileIsResumed) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,1709298000,0,hostA\n");
     support::writeFile(path(SECOND), "$Header 65543,5,7,1709300000,0,hostA\n");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(handle.file->counter, 1);
     EXPECT_EQ(handle.file->fileStartTime, 1709300000);
     EXPECT_EQ(handle.file->lastReopenTime, 1709300000000);
     EXPECT_EQ(handle.file->date.day, 1);
     fakeMs = 1709300001000;
-    ASSERT_EQ(send(&handle, "resumed"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "resumed"));
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"resumed"});
     EXPECT_EQ(textsIn(path(FIRST)), Texts{});
     EXPECT_EQ(logFiles().size(), 2u);
@@ -306,21 +308,21 @@ TEST_F(WriteFileOpen, LargeIdsSurviveAResume) {
     support::makeDirectory("logs");
     support::writeFile("logs/" + stem + "0000000041.log",
                        "$Header 65543,18446744073709551615,5000000000,1709300702,0,hostA\n");
-    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     EXPECT_EQ(handle.file->counter, 41);
     EXPECT_EQ(handle.file->date.month, 3);
-    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1000, 'x')));
     EXPECT_EQ(logFiles(), (Names{stem + "0000000041.log", stem + "0000000042.log"}));
 }
 
 TEST_F(WriteFileOpen, Ipv6HostIdAbove32BitsSurvivesAResume) {
     hostAddress = "2001:db8::ffff:ffff:ffff:ffff";
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     const Names first = logFiles();
     ASSERT_EQ(first.size(), 1u);
     EXPECT_EQ(first[0], "5-7-8589934590-240301-0000000000.log");
-    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(handle.file->counter, 0);
     EXPECT_EQ(handle.file->date.day, 1);
     EXPECT_EQ(logFiles(), first);
@@ -334,10 +336,10 @@ class WriteFileHost : public WriteFileOpen {
         LogCfg cfg = settings();
         cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
         cfg.maxFileSizeKB = 1;
-        ASSERT_EQ(open(&handle, cfg), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
         hostLookUps = 0;
     }
-    void rollOver() { ASSERT_EQ(send(&handle, std::string(1024, 'x')), 0u); }
+    void rollOver() { ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1024, 'x'))); }
 };
 
 TEST_F(WriteFileHost, IsNotLookedUpForFilesSoonAfterEachOther) {
@@ -351,7 +353,7 @@ TEST_F(WriteFileHost, IsLookedUpAfterTheRolloverThatFindsItAnHourOld) {
     hostAddress = "10.0.0.6";
     monotonicShift += 3599;
     rollOver();
-    ASSERT_EQ(send(&handle, "small"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "small"));
     EXPECT_EQ(hostLookUps, 0);
     monotonicShift += 1;
     rollOver();
@@ -394,7 +396,7 @@ TEST_F(WriteFileHost, SlowNameServiceDelaysOnlyWhoOpensASeries) {
             usleep(1000);
     };
     LogHandle other;
-    std::thread opener([&] { EXPECT_EQ(open(&other, settings(8)), 0u); });
+    std::thread opener([&] { EXPECT_RESULT(ZOLTLOG_OK, open(&other, settings(8))); });
     while (asked == 0)
         usleep(1000);
     rollOver(); // while the question is open
@@ -403,35 +405,35 @@ TEST_F(WriteFileHost, SlowNameServiceDelaysOnlyWhoOpensASeries) {
     EXPECT_EQ(asked, 1);
     answered = true;
     opener.join();
-    EXPECT_EQ(zoltLogCloseFile(&other), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&other));
     onHostLookUp = nullptr;
 }
 
 TEST_F(WriteFileHost, IsLookedUpAgainWhenTheSeriesIsOpened) {
-    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     hostAddress = "10.0.0.6";
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(logFiles().front(), "5-7-100663306-240301-0000000000.log");
 }
 
 TEST_F(WriteFileHost, IsNotLookedUpForAnotherHandleOfAnOpenSeries) {
     LogHandle second;
-    ASSERT_EQ(open(&second, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&second, settings()));
     EXPECT_EQ(hostLookUps, 0);
-    EXPECT_EQ(zoltLogCloseFile(&second), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&second));
 }
 
 TEST_F(WriteFileOpen, EveryRecordHasItsOwnProcessAndThread) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     const uint64_t pairs[][2] = {{11, 21}, {11, 21}, {11, 22}, {12, 22}, {123456789, 140000000000001},
                                  {1, 2}};
     for (const auto &pair : pairs) {
         LogMsg msg;
-        ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"), 0u);
-        ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"));
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL));
         msg.processId = pair[0];
         msg.threadId = pair[1];
-        ASSERT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
         zoltLogFreeMsg(&msg);
         const std::string ids = "," + std::to_string(pair[0]) + "," + std::to_string(pair[1]) + ",0:,1:x,";
         const std::string last = support::lines(support::readFile("logs/" + logFiles().back())).back();
@@ -442,10 +444,10 @@ TEST_F(WriteFileOpen, EveryRecordHasItsOwnProcessAndThread) {
 TEST_F(WriteFileOpen, ResumedFileWithoutReadableHeaderStartsNow) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "no header\n");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(handle.file->fileStartTime, 1709300702);
     EXPECT_EQ(handle.file->headerVersion, 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(support::readFile(path(FIRST)), "no header\n");
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
 }
@@ -453,9 +455,9 @@ TEST_F(WriteFileOpen, ResumedFileWithoutReadableHeaderStartsNow) {
 TEST_F(WriteFileOpen, EmptyLatestFileIsLeftForANewOne) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(handle.file->fileStartTime, 1709300702);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(support::readFile(path(FIRST)), "");
     EXPECT_EQ(support::readFile(path(SECOND)).substr(0, 37), "$Header 65543,5,7,1709300702,0,hostA\n");
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
@@ -464,10 +466,10 @@ TEST_F(WriteFileOpen, EmptyLatestFileIsLeftForANewOne) {
 TEST_F(WriteFileOpen, OlderHeaderVersionIsResumedAndLeftAtTheFirstWrite) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65542,5,7,1709300000,hostA\n");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(handle.file->headerVersion, ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX);
     EXPECT_EQ(logFiles(), Names{FIRST});
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65542,5,7,1709300000,hostA\n");
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
 }
@@ -475,8 +477,8 @@ TEST_F(WriteFileOpen, OlderHeaderVersionIsResumedAndLeftAtTheFirstWrite) {
 TEST_F(WriteFileOpen, UnsupportedHeaderVersionIsLeftAtTheFirstWrite) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65545,5,7,1709300000,0,hostA\n");
-    ASSERT_EQ(open(&handle, settings()), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
 }
 
@@ -486,37 +488,37 @@ TEST_F(WriteFileOpen, AbsurdCreationTimeCountsAsNow) {
     LogCfg cfg = settings();
     cfg.rolloverMode = ZOLTLOG_ROLLOVER_PERIODIC;
     cfg.rolloverPeriod = 18446744073709551615u;
-    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     EXPECT_EQ(handle.file->fileStartTime, 1709300702);
     EXPECT_EQ(handle.file->nextRolloverTime, INT64_MAX);
-    EXPECT_EQ(send(&handle, "one"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
 }
 
 TEST_F(WriteFileOpen, StartTimeZeroDoesNotLookUnopened) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,0,0,hostA\n");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(handle.file->fileStartTime, 0);
     const int descriptor = handle.file->file.descriptor;
     const size_t descriptors = support::openDescriptors();
     LogHandle second;
-    ASSERT_EQ(open(&second, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&second, settings()));
     EXPECT_EQ(second.file, handle.file);
     EXPECT_EQ(handle.file->file.descriptor, descriptor);
     EXPECT_EQ(support::openDescriptors(), descriptors);
-    EXPECT_EQ(zoltLogCloseFile(&second), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&second));
 }
 
 TEST_F(WriteFileOpen, VanishedLatestFileIsRecreatedWithoutHeader) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
     onNextAppend = [this] { unlink(path(FIRST).c_str()); };
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(support::readFile(path(FIRST)), "");
     EXPECT_TRUE(support::exists(path(FIRST)));
     EXPECT_EQ(modeOf(path(FIRST)), 0660u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(support::readFile(path(FIRST)), "");
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"one"});
 }
@@ -528,7 +530,7 @@ TEST_F(WriteFileOpen, FileReplacedWhileItsHeaderIsReadIsReadAgain) {
         unlink(path(FIRST).c_str());
         support::writeFile(path(FIRST), "$Header 65543,5,7,1709300001,0,hostA\n");
     };
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(handle.file->headerVersion, ZOLTLOG_RECORD_VERSION_ORIGINATOR);
     EXPECT_EQ(handle.file->fileStartTime, 1709300001);
 }
@@ -537,8 +539,8 @@ TEST_F(WriteFileOpen, FileRemovedWhileItsHeaderIsReadNeverGetsRecordsWithoutHead
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
     onNextAppend = [this] { unlink(path(FIRST).c_str()); };
-    ASSERT_EQ(open(&handle, settings()), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     for (const std::string &name : logFiles()) {
         const std::string bytes = support::readFile("logs/" + name);
         EXPECT_TRUE(bytes.empty() || bytes.compare(0, 14, "$Header 65543,") == 0) << bytes;
@@ -549,8 +551,8 @@ TEST_F(WriteFileOpen, FileRemovedWhileItsHeaderIsReadNeverGetsRecordsWithoutHead
 TEST_F(WriteFileOpen, FileThatEndsInsideALineIsContinuedOnALineOfItsOwn) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,1709300700,0,hostA\n2,5,7,7,1,17093");
-    ASSERT_EQ(open(&handle, settings()), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     const std::vector<std::string> found = support::lines(support::readFile(path(FIRST)));
     ASSERT_EQ(found.size(), 3u);
     EXPECT_EQ(found[1], "2,5,7,7,1,17093");
@@ -561,8 +563,8 @@ TEST_F(WriteFileOpen, LineThatAnotherWriterIsJustFinishingIsNotTakenForTorn) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,1709300700,0,hostA\n2,5,7,7,1,17093");
     onNextSleep = [this] { support::writeFile(path(FIRST), support::readFile(path(FIRST)) + ",rest\n"); };
-    ASSERT_EQ(open(&handle, settings()), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     const std::vector<std::string> found = support::lines(support::readFile(path(FIRST)));
     ASSERT_EQ(found.size(), 3u);
     EXPECT_EQ(found[1], "2,5,7,7,1,17093,rest");
@@ -584,8 +586,8 @@ void expectRefused(LogHandle *handle, uint32_t result) {
     const double before = monotonic();
     EXPECT_EQ(open(handle, settings()), result);
     EXPECT_LT(monotonic() - before, 1.0);
-    EXPECT_EQ(send(handle, "nowhere"), 5u);
-    EXPECT_EQ(zoltLogCloseFile(handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(handle, "nowhere"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(handle));
 }
 
 } // namespace
@@ -595,23 +597,23 @@ TEST_F(WriteFileOpen, DanglingSymbolicLinkIs32) {
     ASSERT_EQ(symlink("../victim", path(FIRST).c_str()), 0);
     // Listed as the latest file, it has "vanished"; without the listing the next name.
     LogCfg cfg = settings();
-    EXPECT_EQ(open(&handle, cfg), 32u);
+    EXPECT_RESULT(ZOLTLOG_OPEN_FAILED, open(&handle, cfg));
     EXPECT_FALSE(support::exists("victim"));
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
 }
 
 TEST_F(WriteFileOpen, DanglingSymbolicLinkAtTheNextNameIs32AndTheLoopEnds) {
     support::makeDirectory("logs");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     ASSERT_EQ(symlink("../victim", path(SECOND).c_str()), 0);
     handle.file->headerVersion = ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX; // leave this file
     const size_t descriptors = support::openDescriptors();
-    EXPECT_EQ(send(&handle, "one"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "one"));
     EXPECT_EQ(handle.file->file.descriptor, -1);
     EXPECT_EQ(support::openDescriptors(), descriptors - 1);
     EXPECT_FALSE(support::exists("victim"));
     ASSERT_EQ(unlink(path(SECOND).c_str()), 0);
-    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"two"});
     EXPECT_EQ(logFiles(), (Names{FIRST, SECOND})) << "no counter is skipped, no temporary file is left";
 }
@@ -623,18 +625,18 @@ TEST_F(WriteFileOpen, WhatIsNoFileAtTheNextNameStopsTheSeriesUntilItIsGone) {
                                            [&] { return mkdir(next.c_str(), 0700); },
                                            [&] { return symlink("../victim", next.c_str()); }};
     for (const auto &plant : plants) {
-        ASSERT_EQ(open(&handle, settings()), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
         ASSERT_EQ(plant(), 0);
         handle.file->headerVersion = ZOLTLOG_RECORD_VERSION_LAST_WITHOUT_PREFIX; // leave this file
         const double before = monotonic();
-        EXPECT_EQ(send(&handle, "lost"), 5u);
+        EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
         EXPECT_LT(monotonic() - before, 1.0);
         ASSERT_EQ(remove(next.c_str()), 0);
-        EXPECT_EQ(send(&handle, "kept"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "kept"));
         EXPECT_EQ(textsIn(next), Texts{"kept"});
         EXPECT_EQ(logFiles(), (Names{FIRST, SECOND}));
         EXPECT_EQ(support::readFile("victim"), "precious\n");
-        ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
         ASSERT_EQ(unlink(path(FIRST).c_str()), 0);
         ASSERT_EQ(unlink(next.c_str()), 0);
     }
@@ -696,11 +698,11 @@ TEST_F(WriteFileOpen, CharacterDeviceIs32) {
 }
 
 TEST_F(WriteFileOpen, HardLinkToAnotherFileIsPassedOverAndTheFileUntouched) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     support::writeFile("victim", "precious\n");
     ASSERT_EQ(link("victim", path(SECOND).c_str()), 0);
     handle.file->headerVersion = 0; // leave this file
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(support::readFile("victim"), "precious\n");
     EXPECT_EQ(textsIn("logs/5-7-83886090-240301-0000000002.log"), Texts{"one"});
 }
@@ -721,12 +723,12 @@ TEST_F(WriteFileOpen, FileThatMayOnlyBeWrittenIsAppendedTo) {
     support::writeFile(path(FIRST), before);
     chmod(path(FIRST).c_str(), 0222);
     EXPECT_TRUE(support::asOrdinaryUser([&] {
-        ASSERT_EQ(open(&handle, settings()), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
         EXPECT_EQ(handle.file->headerVersion, 65543u);
         EXPECT_EQ(handle.file->fileStartTime, 1709300702) << "now";
-        EXPECT_EQ(send(&handle, "one"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
         monotonicShift += 2;
-        EXPECT_EQ(send(&handle, "two"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     }));
     chmod(path(FIRST).c_str(), 0600);
     EXPECT_EQ(support::readFile(path(FIRST)).compare(0, before.size(), before), 0);
@@ -752,14 +754,14 @@ TEST_F(WriteFileOpen, UnwritableDirectoryIs51) {
 TEST_F(WriteFileOpen, DirectoryThatBecomesUnwritableStopsTheSeriesUntilItIsWritableAgain) {
     support::makeDirectory("logs");
     EXPECT_TRUE(support::asOrdinaryUser([&] {
-        EXPECT_EQ(open(&handle, settings()), 0u);
-        EXPECT_EQ(send(&handle, "one"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+        EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
         chmod("logs", 0555);
-        EXPECT_EQ(send(&handle, "the open file goes on"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "the open file goes on"));
         handle.file->headerVersion = 0; // leave this file
-        EXPECT_EQ(send(&handle, "lost"), 5u);
+        EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
         chmod("logs", 0755);
-        EXPECT_EQ(send(&handle, "two"), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     }));
     EXPECT_EQ(textsIn(path(FIRST)), (Texts{"one", "the open file goes on"}));
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"two"});
@@ -769,8 +771,8 @@ TEST_F(WriteFileOpen, LogsetNameWithASlashIsAMissingPath52) {
     char outside[] = "../../x";
     LogCfg cfg = logsetSettings();
     cfg.logsetFilename = outside;
-    EXPECT_EQ(open(&handle, cfg), 52u);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OPEN_NO_PATH, open(&handle, cfg));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     EXPECT_EQ(support::listFiles("."), Names{"logs"});
     EXPECT_EQ(logFiles(), Names{});
 }
@@ -779,12 +781,12 @@ TEST_F(WriteFileOpen, NameThatDoesNotFitIs32) {
     std::string longName(300, 'n');
     LogCfg cfg = logsetSettings();
     cfg.logsetFilename = longName.data();
-    EXPECT_EQ(open(&handle, cfg), 32u);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OPEN_FAILED, open(&handle, cfg));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     std::string hugeName(5000, 'n');
     cfg.logsetFilename = hugeName.data();
-    EXPECT_EQ(open(&handle, cfg), 32u);
-    EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OPEN_FAILED, open(&handle, cfg));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     EXPECT_EQ(logFiles(), Names{});
 }
 
@@ -807,21 +809,21 @@ TEST_F(WriteFileOpen, DescriptorIsAboveStandardErrorAndClosedOnExec) {
 
 TEST_F(WriteFileOpen, WithoutUnnamedFilesATemporaryNameIsLinked) {
     withoutUnnamed = true;
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(logFiles(), Names{FIRST});
     EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
     EXPECT_EQ(modeOf(path(FIRST)), 0660u);
     struct stat status;
     ASSERT_EQ(stat(path(FIRST).c_str(), &status), 0);
     EXPECT_EQ(status.st_nlink, 1u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
 }
 
 TEST_F(WriteFileOpen, WithoutProcATemporaryNameIsLinked) {
     withoutProc = true;
     const size_t descriptors = support::openDescriptors();
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(logFiles(), Names{FIRST});
     EXPECT_EQ(support::openDescriptors(), descriptors + 1);
 }
@@ -829,10 +831,10 @@ TEST_F(WriteFileOpen, WithoutProcATemporaryNameIsLinked) {
 TEST_F(WriteFileOpen, WithoutLinksATemporaryNameIsRenamed) {
     withoutUnnamed = true;
     withoutLinks = true;
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(logFiles(), Names{FIRST});
     EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
 }
 
@@ -848,14 +850,14 @@ TEST_F(WriteFileOpen, TakenNameIsNeverReplacedHoweverTheFileIsMade) {
         onNextCreation = [&] {
             support::writeFile(directory + FIRST, "$Header 65543,5,7,1709300701,0,hostB\n");
         };
-        ASSERT_EQ(open(&handle, cfg), 0u) << way;
-        ASSERT_EQ(send(&handle, "one"), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg)) << way;
+        ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
         EXPECT_EQ(handle.file->fileStartTime, 1709300701);
         EXPECT_EQ(support::listFiles(directory), Names{FIRST}) << way;
         EXPECT_EQ(support::lines(support::readFile(directory + FIRST))[0],
                   "$Header 65543,5,7,1709300701,0,hostB");
         EXPECT_EQ(textsIn(directory + FIRST), Texts{"one"});
-        ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     }
 }
 
@@ -863,11 +865,11 @@ TEST_F(WriteFileOpen, WithoutAnyOfTheseTheFileIsMadeUnderItsName) {
     withoutUnnamed = true;
     withoutLinks = true;
     withoutRenames = true;
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     EXPECT_EQ(logFiles(), Names{FIRST});
     EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
     EXPECT_EQ(modeOf(path(FIRST)), 0660u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
 }
 
@@ -875,14 +877,14 @@ TEST_F(WriteFileOpen, LiveFileShowsUnderItsName) {
     for (int way = 0; way < 2; ++way) {
         withoutUnnamed = way == 1;
         support::makeDirectory("logs");
-        ASSERT_EQ(open(&handle, settings()), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
         char shown[4096] = "";
         const std::string link = "/proc/self/fd/" + std::to_string(handle.file->file.descriptor);
         ASSERT_GT(readlink(link.c_str(), shown, sizeof shown - 1), 0);
         char *here = get_current_dir_name();
         EXPECT_EQ(std::string(shown), std::string(here) + "/logs/" + FIRST);
         free(here);
-        ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
         unlink(path(FIRST).c_str());
     }
 }
@@ -891,9 +893,9 @@ TEST_F(WriteFileOpen, CountersGoOnBeyondTheLargestSignedNumber) {
     const std::string stem = "5-7-83886090-240301-";
     support::makeDirectory("logs");
     support::writeFile("logs/" + stem + "9223372036854775807.log", "$Header 65543,5,7,1709300702,0,hostA\n");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     handle.file->headerVersion = 0; // leave the file
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + stem + "9223372036854775808.log"), Texts{"one"});
 }
 
@@ -901,9 +903,9 @@ TEST_F(WriteFileOpen, AfterTheLastOfAllCountersNoFileFollows) {
     const std::string last = "5-7-83886090-240301-18446744073709551615.log";
     support::makeDirectory("logs");
     support::writeFile("logs/" + last, "$Header 65543,5,7,1709300702,0,hostA\n");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     handle.file->headerVersion = 0; // leave the file
-    EXPECT_EQ(send(&handle, "one"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "one"));
     EXPECT_EQ(logFiles(), Names{last});
 }
 
@@ -929,11 +931,11 @@ TEST_F(WriteFileOpen, FileOfAStrangerInADirectoryForAllIsRefused) {
         support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
         chmod(path(FIRST).c_str(), 0666);
         ASSERT_EQ(chown(path(FIRST).c_str(), STRANGER, STRANGER), 0);
-        EXPECT_EQ(open(&handle, settings()), 32u) << std::oct << mode;
-        EXPECT_EQ(send(&handle, "secret"), 5u);
+        EXPECT_RESULT(ZOLTLOG_OPEN_FAILED, open(&handle, settings())) << std::oct << mode;
+        EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "secret"));
         EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300000,0,hostA\n");
         EXPECT_EQ(logFiles(), Names{FIRST}) << "the next counter is not taken either";
-        EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     }
 }
 
@@ -942,12 +944,12 @@ TEST_F(WriteFileOpen, FileOfAStrangerAtTheNextNameIsRefused) {
         GTEST_SKIP() << "needs to give files away";
     support::makeDirectory("logs");
     chmod("logs", 01777);
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     support::writeFile(path(SECOND), "$Header 65543,5,7,1709300000,0,hostA\n");
     chmod(path(SECOND).c_str(), 0666);
     ASSERT_EQ(chown(path(SECOND).c_str(), STRANGER, STRANGER), 0);
     handle.file->headerVersion = 0; // leave the file
-    EXPECT_EQ(send(&handle, "secret"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "secret"));
     EXPECT_EQ(support::readFile(path(SECOND)), "$Header 65543,5,7,1709300000,0,hostA\n");
     EXPECT_EQ(logFiles(), (Names{FIRST, SECOND}));
 }
@@ -966,8 +968,8 @@ TEST_F(WriteFileOpen, FilesOfTheDirectorysOwnerAndOfRootAreContinued) {
         ASSERT_EQ(chown("logs", row.owner, row.owner), 0);
         support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n");
         ASSERT_EQ(chown(path(FIRST).c_str(), row.file, row.file), 0);
-        EXPECT_EQ(open(&handle, settings()), 0u) << std::oct << row.directory << " " << row.file;
-        EXPECT_EQ(zoltLogCloseFile(&handle), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, open(&handle, settings())) << std::oct << row.directory << " " << row.file;
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
         ASSERT_EQ(unlink(path(FIRST).c_str()), 0);
     }
 }
@@ -986,11 +988,11 @@ void appendTo(const std::string &file, const std::string &bytes) {
 } // namespace
 
 TEST_F(WriteFileOpen, TornRecordOfAnotherIsEndedAtTheFirstMessageAfterASecond) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     appendTo(path(FIRST), "2,5,7,7,9,17093");
     monotonicShift += 1;
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn(path(FIRST)), (Texts{"one", "", "two"}));
     EXPECT_EQ(support::readFile(path(FIRST)).find("\n\n"), std::string::npos);
 }
@@ -999,85 +1001,85 @@ TEST_F(WriteFileOpen, TornRecordOfAnotherIsEndedWheneverTheSizeIsAsked) {
     LogCfg cfg = settings();
     cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 2; // so small that it is asked each time
-    ASSERT_EQ(open(&handle, cfg), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     appendTo(path(FIRST), "2,5,7,7,9,17093");
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn(path(FIRST)), (Texts{"one", "", "two"}));
 }
 
 TEST_F(WriteFileOpen, TornRecordOfAnotherIsEndedAfterAFailureOfOnesOwn) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     struct rlimit old;
     getrlimit(RLIMIT_FSIZE, &old);
     struct rlimit limited = old;
     limited.rlim_cur = 1;
     signal(SIGXFSZ, SIG_IGN);
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &limited), 0);
-    EXPECT_EQ(send(&handle, "lost"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
     ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &old), 0);
     appendTo(path(FIRST), "2,5,7,7,9,17093");
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn(path(FIRST)), (Texts{"one", "", "two"}));
 }
 
 TEST_F(WriteFileOpen, TornRecordThatAnotherWentOnBehindIsNotEndedAgain) {
     support::makeDirectory("logs");
     support::writeFile(path(FIRST), "$Header 65543,5,7,1709300000,0,hostA\n2,5,7,7,9,17093");
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     appendTo(path(FIRST), "glued\n");
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn(path(FIRST)), (Texts{"", "one"}));
     EXPECT_EQ(support::readFile(path(FIRST)).find("\n\n"), std::string::npos);
 }
 
 TEST_F(WriteFileOpen, TornRecordIsEndedOnceByAllItsWriters) {
     LogHandle second;
-    ASSERT_EQ(open(&handle, logsetSettings()), 0u);
-    ASSERT_EQ(open(&second, logsetSettings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, logsetSettings()));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&second, logsetSettings()));
     const std::string file = "logs/" + logFiles().at(0);
-    ASSERT_EQ(send(&handle, "one"), 0u);
-    ASSERT_EQ(send(&second, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&second, "two"));
     appendTo(file, "2,7,9,17093");
     monotonicShift += 1;
     // The other one comes between the look and the end of the line.
-    onNextSleep = [&] { EXPECT_EQ(send(&second, "three"), 0u); };
-    ASSERT_EQ(send(&handle, "four"), 0u);
+    onNextSleep = [&] { EXPECT_RESULT(ZOLTLOG_OK, send(&second, "three")); };
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "four"));
     const std::string bytes = support::readFile(file);
     EXPECT_EQ(bytes.find("\n\n"), std::string::npos) << bytes;
     EXPECT_EQ(support::lines(bytes).size(), 6u) << bytes;
-    EXPECT_EQ(zoltLogCloseFile(&second), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&second));
 }
 
 // ---- contexts and the reopen ------------------------------------------------------------------------
 
 TEST_F(WriteFileOpen, RetryOfAFailedReopenDoesNotRepeatTheContexts) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     LogHandle context = {};
-    ASSERT_EQ(zoltLogInitMsg(&context.contextMsg, &handle, ZOLTLOG_MSG_CONTEXT, "about"), 0u);
-    ASSERT_EQ(zoltLogSetContextAttr(&context.contextMsg, "T"), 0u);
-    ASSERT_EQ(zoltLogCreateContextToFile(&handle, &context, &context.contextMsg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&context.contextMsg, &handle, ZOLTLOG_MSG_CONTEXT, "about"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetContextAttr(&context.contextMsg, "T"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContextToFile(&handle, &context, &context.contextMsg));
     advance(601);
     failOpens = EMFILE;
-    EXPECT_EQ(send(&handle, "lost"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
     failOpens = 0;
-    EXPECT_EQ(send(&handle, "one"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(logFiles(), Names{FIRST});
     size_t contexts = 0;
     for (const std::string &line : support::lines(support::readFile(path(FIRST))))
         contexts += line.compare(0, 2, "3,") == 0 ? 1 : 0;
     EXPECT_EQ(contexts, 1u);
-    EXPECT_EQ(zoltLogDestroyContext(&context), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
 }
 
 // ---- the series goes on at its latest file ------------------------------------------------------------
 
 TEST_F(WriteFileOpen, RolloverWhoseNextNameWasRecycledGoesOnAtTheLatestFile) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
     support::writeFile("logs/5-7-83886090-240301-0000000007.log", "$Header 65543,5,7,1709300000,0,hostA\n");
     handle.file->headerVersion = 0; // leave the file
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/5-7-83886090-240301-0000000007.log"), Texts{"one"});
     EXPECT_EQ(handle.file->counter, 7);
     EXPECT_EQ(logFiles().size(), 2u);
@@ -1087,32 +1089,32 @@ TEST_F(WriteFileOpen, LatestFileThatIsFullIsFollowedByTheNextOne) {
     LogCfg cfg = settings();
     cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;
     cfg.maxFileSizeKB = 1;
-    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     support::writeFile("logs/5-7-83886090-240301-0000000007.log",
                        "$Header 65543,5,7,1709300000,0,hostA\n" + std::string(1100, 'x') + "\n");
-    ASSERT_EQ(send(&handle, std::string(1000, 'y')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1000, 'y')));
     EXPECT_EQ(textsIn("logs/5-7-83886090-240301-0000000008.log"), Texts{std::string(1000, 'y')});
     EXPECT_EQ(logFiles().size(), 3u);
 }
 
 TEST_F(WriteFileOpen, FileThatVanishedIsLeftAndTheRecordWrittenAgain) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     monotonicShift += 1;
     // Between the write and the look after it.
     onNextWrite = [this] { unlink(path(FIRST).c_str()); };
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(logFiles(), Names{SECOND});
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"two"});
 }
 
 TEST_F(WriteFileOpen, WriteThatTookASecondIsFollowedByALook) {
-    ASSERT_EQ(open(&handle, settings()), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     onNextWrite = [this] {
         monotonicShift += 1;
         unlink(path(FIRST).c_str());
     };
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn(path(SECOND)), Texts{"two"});
 }

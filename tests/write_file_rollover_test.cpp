@@ -1,4 +1,5 @@
 // Rollover by size, what rolls and what does not, and contexts in new files.
+#include "support/results.h"
 #include "write_series.h"
 
 #include <unistd.h>
@@ -24,7 +25,7 @@ struct WriteFileRollover : testing::Test {
         LogCfg cfg = settings();
         cfg.rolloverMode = mode;
         cfg.maxFileSizeKB = kilobytes;
-        ASSERT_EQ(open(&handle, cfg), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     }
     // A text that makes the next record of handle bytes long.
     std::string textForRecord(size_t bytes) {
@@ -64,24 +65,24 @@ TEST(WriteFileRolloverMode, OnlyZeroToFiveAreValid) {
 TEST_F(WriteFileRollover, ModeNoneNeverRolls) {
     openSized(1, 0);
     for (int record = 0; record < 5; ++record)
-        ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1000, 'x')));
     advance(400 * 86400L);
     handle.file->lastReopenTime = 0; // the periodic reopen is another matter
-    ASSERT_EQ(send(&handle, "later"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "later"));
     EXPECT_EQ(logFiles().size(), 1u);
 }
 
 TEST_F(WriteFileRollover, MaxSizeZeroNeverRolls) {
     openSized(0);
-    ASSERT_EQ(send(&handle, std::string(5000, 'x')), 0u);
-    ASSERT_EQ(send(&handle, std::string(5000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(5000, 'x')));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(5000, 'x')));
     EXPECT_EQ(logFiles().size(), 1u);
 }
 
 TEST_F(WriteFileRollover, FirstRecordBeyondTheLimitRollsBeforeItIsWritten) {
     openSized(1);
     const std::string text = textForRecord(1100);
-    ASSERT_EQ(send(&handle, text), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, text));
     EXPECT_EQ(support::readFile(FIRST), "$Header 65543,5,7,1709287200,0,hostA\n");
     EXPECT_EQ(textsIn(SECOND), Texts{text});
     EXPECT_EQ(support::readFile(SECOND).size(), HEADER + 1100);
@@ -90,7 +91,7 @@ TEST_F(WriteFileRollover, FirstRecordBeyondTheLimitRollsBeforeItIsWritten) {
 TEST_F(WriteFileRollover, ReachingTheLimitExactlyRolls) {
     openSized(2);
     const std::string text = textForRecord(2048 - HEADER);
-    ASSERT_EQ(send(&handle, text), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, text));
     EXPECT_EQ(textsIn(FIRST), Texts{});
     EXPECT_EQ(textsIn(SECOND), Texts{text});
 }
@@ -98,27 +99,27 @@ TEST_F(WriteFileRollover, ReachingTheLimitExactlyRolls) {
 TEST_F(WriteFileRollover, OneByteBelowTheLimitDoesNotRoll) {
     openSized(2);
     const std::string text = textForRecord(2047 - HEADER);
-    ASSERT_EQ(send(&handle, text), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, text));
     EXPECT_EQ(textsIn(FIRST), Texts{text});
-    ASSERT_EQ(send(&handle, "next"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "next"));
     EXPECT_EQ(textsIn(SECOND), Texts{"next"});
 }
 
 TEST_F(WriteFileRollover, SizeCountsWhatOthersAppended) {
     openSized(2);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     support::writeFile(FIRST, support::readFile(FIRST) + std::string(2000, '-') + "\n");
     usleep(1000); // beyond the time in which they could not have
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn(SECOND), Texts{"two"});
 }
 
 TEST_F(WriteFileRollover, TruncatedFileIsContinuedWithoutAHole) {
     openSized(2);
-    ASSERT_EQ(send(&handle, std::string(1500, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1500, 'x')));
     ASSERT_EQ(truncate(FIRST, 0), 0);
     usleep(1000);
-    ASSERT_EQ(send(&handle, "after"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "after"));
     EXPECT_EQ(textsIn(FIRST), Texts{"after"});
     EXPECT_EQ(logFiles().size(), 1u);
 }
@@ -128,7 +129,7 @@ TEST_F(WriteFileRollover, EveryMessageExactlyOnceOverManyFiles) {
     Texts sent;
     for (int record = 0; record < 2000; ++record) {
         sent.push_back("message " + std::to_string(record));
-        ASSERT_EQ(send(&handle, sent.back()), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, send(&handle, sent.back()));
     }
     Texts found;
     const Names files = logFiles();
@@ -147,16 +148,16 @@ TEST_F(WriteFileRollover, EveryMessageExactlyOnceOverManyFiles) {
 TEST_F(WriteFileRollover, InvalidModeSwitchesRolloverOff) {
     openSized(1, 6);
     EXPECT_EQ(handle.file->rolloverMode, uint32_t{ZOLTLOG_ROLLOVER_LOCAL_TIME | ZOLTLOG_ROLLOVER_PERIODIC});
-    ASSERT_EQ(send(&handle, std::string(3000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(3000, 'x')));
     EXPECT_EQ(handle.file->rolloverMode, 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(logFiles().size(), 1u);
 }
 
 TEST_F(WriteFileRollover, FilesThatExistAndAreFullArePassedOver) {
     openSized(1);
     support::writeFile(SECOND, "$Header 65543,5,7,1709287200,0,hostA\n" + std::string(1100, '-') + "\n");
-    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1000, 'x')));
     EXPECT_EQ(textsIn(THIRD).size(), 1u);
     EXPECT_EQ(handle.file->counter, 2);
 }
@@ -164,7 +165,7 @@ TEST_F(WriteFileRollover, FilesThatExistAndAreFullArePassedOver) {
 TEST_F(WriteFileRollover, FileThatExistsWithRoomIsContinued) {
     openSized(1);
     support::writeFile(SECOND, "$Header 65543,5,7,1709287100,0,hostA\n");
-    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1000, 'x')));
     EXPECT_EQ(textsIn(SECOND).size(), 1u);
     EXPECT_EQ(handle.file->fileStartTime, 1709287100);
     EXPECT_EQ(logFiles().size(), 2u);
@@ -173,7 +174,7 @@ TEST_F(WriteFileRollover, FileThatExistsWithRoomIsContinued) {
 TEST_F(WriteFileRollover, FilesOfOlderVersionsArePassedOver) {
     openSized(1);
     support::writeFile(SECOND, "$Header 65540,5,7,1709287100,hostA\n");
-    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1000, 'x')));
     EXPECT_EQ(support::readFile(SECOND), "$Header 65540,5,7,1709287100,hostA\n");
     EXPECT_EQ(textsIn(THIRD).size(), 1u);
 }
@@ -182,9 +183,9 @@ TEST_F(WriteFileRollover, PeriodOfNothingDoesNotLoop) {
     LogCfg cfg = settings();
     cfg.rolloverMode = ZOLTLOG_ROLLOVER_PERIODIC;
     cfg.rolloverPeriod = 0;
-    ASSERT_EQ(open(&handle, cfg), 0u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn(SECOND), Texts{"one"});
     EXPECT_EQ(textsIn(THIRD), Texts{"two"});
     EXPECT_EQ(logFiles().size(), 3u);
@@ -193,9 +194,9 @@ TEST_F(WriteFileRollover, PeriodOfNothingDoesNotLoop) {
 TEST_F(WriteFileRollover, RecordThatCannotBeEncodedRollsNothing) {
     openSized(1);
     LogMsg msg;
-    ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, std::string(2000, 'x').c_str()), 0u);
-    ASSERT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", 5), 0u);
-    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), ZOLTLOG_FAILED);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, std::string(2000, 'x').c_str()));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttrEx(&msg, "mgr", 5));
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogWriteMsgWithRolloverToFile(handle.file, &msg));
     zoltLogFreeMsg(&msg);
     EXPECT_EQ(logFiles().size(), 1u);
     EXPECT_EQ(textsIn(FIRST), Texts{});
@@ -204,9 +205,9 @@ TEST_F(WriteFileRollover, RecordThatCannotBeEncodedRollsNothing) {
 TEST_F(WriteFileRollover, NullStateIs57AndNullMessage1) {
     openSized(1);
     LogMsg msg = {};
-    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(nullptr, &msg), ZOLTLOG_NO_FILE_STATE);
-    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(nullptr, nullptr), ZOLTLOG_NO_FILE_STATE);
-    EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, nullptr), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_NO_FILE_STATE, zoltLogWriteMsgWithRolloverToFile(nullptr, &msg));
+    EXPECT_RESULT(ZOLTLOG_NO_FILE_STATE, zoltLogWriteMsgWithRolloverToFile(nullptr, nullptr));
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogWriteMsgWithRolloverToFile(handle.file, nullptr));
 }
 
 // ---- contexts ------------------------------------------------------------------------------
@@ -245,48 +246,48 @@ TEST_F(WriteFileRollover, ContextsAreRewrittenAtTheTopOfEveryNewFileInListOrder)
     openSized(1);
     LogHandle one;
     LogHandle two;
-    ASSERT_EQ(createContext(&handle, &one, "T1"), 0u);
-    ASSERT_EQ(createContext(&handle, &two, "T2"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, createContext(&handle, &one, "T1"));
+    ASSERT_RESULT(ZOLTLOG_OK, createContext(&handle, &two, "T2"));
     EXPECT_EQ(contextsIn(FIRST), (Texts{"T1", "T2"}));
-    ASSERT_EQ(send(&handle, std::string(900, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(900, 'x')));
     EXPECT_EQ(contextsIn(SECOND), (Texts{"T2", "T1"})) << "the newest handle is the first of the list";
     const std::vector<std::string> found = support::lines(support::readFile(SECOND));
     ASSERT_EQ(found.size(), 4u);
     EXPECT_EQ(found[0], "$Header 65543,5,7,1709287200,0,hostA");
     EXPECT_EQ(textOf(found[3]), std::string(900, 'x'));
-    ASSERT_EQ(destroyContext(&two), 0u);
-    ASSERT_EQ(send(&handle, std::string(900, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, destroyContext(&two));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(900, 'x')));
     EXPECT_EQ(contextsIn(THIRD), (Texts{"T1"}));
-    ASSERT_EQ(destroyContext(&one), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, destroyContext(&one));
 }
 
 TEST_F(WriteFileRollover, ContextRecordIsRewrittenUnchanged) {
     openSized(1);
     LogHandle context;
-    ASSERT_EQ(createContext(&handle, &context, "T1"), 0u);
-    ASSERT_EQ(send(&handle, std::string(990, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, createContext(&handle, &context, "T1"));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(990, 'x')));
     EXPECT_EQ(support::lines(support::readFile(SECOND))[1], support::lines(support::readFile(FIRST))[1]);
-    EXPECT_EQ(destroyContext(&context), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, destroyContext(&context));
 }
 
 TEST_F(WriteFileRollover, RewritingContextsNeverRolls) {
     openSized(1);
     LogHandle context;
-    ASSERT_EQ(createContext(&handle, &context, std::string(2000, 't').c_str()), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, createContext(&handle, &context, std::string(2000, 't').c_str()));
     EXPECT_EQ(contextsIn(SECOND).size(), 1u);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(contextsIn(THIRD).size(), 1u);
     EXPECT_EQ(textsIn(THIRD).back(), "one");
     EXPECT_EQ(logFiles().size(), 3u);
-    EXPECT_EQ(destroyContext(&context), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, destroyContext(&context));
 }
 
 TEST_F(WriteFileRollover, ContextThatRollsIsNotDoubledInTheNewFile) {
     openSized(1);
-    ASSERT_EQ(send(&handle, std::string(900, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(900, 'x')));
     LogHandle context;
-    ASSERT_EQ(createContext(&handle, &context, "T1"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, createContext(&handle, &context, "T1"));
     EXPECT_EQ(contextsIn(SECOND), Texts{"T1"});
     EXPECT_EQ(contextsIn(FIRST), Texts{});
-    EXPECT_EQ(destroyContext(&context), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, destroyContext(&context));
 }

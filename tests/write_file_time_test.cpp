@@ -1,5 +1,6 @@
 // Rollover by local time and by period, the periodic reopen, and what a strange clock
 // does to them. Times are those of Central Europe: UTC+1, in summer UTC+2.
+#include "support/results.h"
 #include "write_series.h"
 
 #include <unistd.h>
@@ -32,7 +33,7 @@ struct WriteFileTime : testing::Test {
         cfg.rolloverMode = mode;
         cfg.rolloverTime = value;
         cfg.rolloverPeriod = value;
-        ASSERT_EQ(open(&handle, cfg), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     }
     // A file of the series as a writer left it that started it at the given time.
     void leaveBehind(const char *date, int counter, int64_t started) {
@@ -53,9 +54,9 @@ TEST_F(WriteFileTime, MidnightRollsAtTheFirstWriteAfterIt) {
     openTimed(LOCAL_TIME, 0);
     EXPECT_EQ(due(), localTime(2024, 3, 2));
     setClock(localTime(2024, 3, 1, 23, 59, 59));
-    ASSERT_EQ(send(&handle, "before"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "before"));
     setClock(localTime(2024, 3, 2));
-    ASSERT_EQ(send(&handle, "after"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "after"));
     EXPECT_EQ(logFiles(), (Names{file("240301"), file("240302")}));
     EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"before"});
     EXPECT_EQ(textsIn("logs/" + file("240302")), Texts{"after"});
@@ -66,9 +67,9 @@ TEST_F(WriteFileTime, HourAndMinuteOfTheSameDay) {
     openTimed(LOCAL_TIME, 13 * HOUR + 30 * 60 + 59);
     EXPECT_EQ(due(), localTime(2024, 3, 1, 13, 30, 0)) << "seconds do not count";
     setClock(localTime(2024, 3, 1, 13, 29, 59));
-    ASSERT_EQ(send(&handle, "before"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "before"));
     setClock(localTime(2024, 3, 1, 13, 30, 0));
-    ASSERT_EQ(send(&handle, "after"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "after"));
     EXPECT_EQ(textsIn("logs/" + file("240301", 0)), Texts{"before"});
     EXPECT_EQ(textsIn("logs/" + file("240301", 1)), Texts{"after"});
     EXPECT_EQ(due(), localTime(2024, 3, 2, 13, 30, 0));
@@ -94,7 +95,7 @@ TEST_F(WriteFileTime, ResumedFileOfYesterdayStartedBeforeTheInstantIsDueAtOnce) 
     leaveBehind("240229", 3, localTime(2024, 2, 29, 11));
     openTimed(LOCAL_TIME, 11 * HOUR + 60);
     EXPECT_EQ(due(), localTime(2024, 3, 1, 10));
-    ASSERT_EQ(send(&handle, "new"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "new"));
     EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"new"});
     EXPECT_EQ(textsIn("logs/" + file("240229", 3)), Texts{});
 }
@@ -108,18 +109,18 @@ TEST_F(WriteFileTime, ResumedFileOlderThanADayIsDueAtOnce) {
     LogCfg cfg = settings();
     cfg.rolloverMode = LOCAL_TIME;
     cfg.rolloverTime = 9 * HOUR;
-    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
-    ASSERT_EQ(open(&other, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
+    ASSERT_RESULT(ZOLTLOG_OK, open(&other, cfg));
     EXPECT_EQ(other.file->nextRolloverTime, localTime(2024, 3, 1, 9));
-    EXPECT_EQ(zoltLogCloseFile(&other), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&other));
 }
 
 TEST_F(WriteFileTime, TimeBeyondADayIsCountedOnward) {
     openTimed(LOCAL_TIME, 25 * HOUR);
     EXPECT_EQ(due(), localTime(2024, 3, 2, 1));
-    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     openTimed(LOCAL_TIME, UINT64_MAX);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"one"});
 }
 
@@ -129,12 +130,12 @@ TEST_F(WriteFileTime, InstantOfTheDayOfAChangeIsByTheWallClock) {
     setClock(localTime(2024, 3, 31, 1)); // the clock goes from 2:00 to 3:00
     openTimed(LOCAL_TIME, 6 * HOUR);
     EXPECT_EQ(due(), 1711857600); // 4:00 UTC
-    ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     setClock(localTime(2024, 10, 27, 0, 30)); // the clock goes from 3:00 to 2:00
     LogCfg cfg = settings(8);
     cfg.rolloverMode = LOCAL_TIME;
     cfg.rolloverTime = 6 * HOUR;
-    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     EXPECT_EQ(due(), 1730005200); // 5:00 UTC
 }
 
@@ -154,12 +155,12 @@ TEST_F(WriteFileTime, RolloverInTheGapOrOverlapHappensOnce) {
         LogCfg cfg = settings(change.originator);
         cfg.rolloverMode = LOCAL_TIME;
         cfg.rolloverTime = 2 * HOUR + 30 * 60;
-        ASSERT_EQ(open(&handle, cfg), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
         const size_t before = logFiles().size();
         for (int step = 0; step < 23 * 6; ++step, advance(600))
-            ASSERT_EQ(send(&handle, "one"), 0u);
+            ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
         EXPECT_EQ(logFiles().size(), before + 1) << change.month;
-        ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     }
 }
 
@@ -168,10 +169,10 @@ TEST_F(WriteFileTime, LastHourOfADayOf25HoursStartsOneFile) {
     openTimed(LOCAL_TIME, 0);
     EXPECT_EQ(due(), localTime(2024, 10, 27, 23)) << "an hour early by the wall clock";
     for (setClock(localTime(2024, 10, 27, 23)); fakeMs / 1000 < localTime(2024, 10, 28); advance(300))
-        ASSERT_EQ(send(&handle, "one"), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(logFiles(), (Names{file("241027", 0), file("241027", 1)}));
     EXPECT_EQ(due(), localTime(2024, 10, 28));
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(logFiles(), (Names{file("241027", 0), file("241027", 1), file("241028", 0)}));
     EXPECT_EQ(due(), localTime(2024, 10, 29));
 }
@@ -195,15 +196,15 @@ TEST_F(WriteFileTime, EveryTimeOfDayRollsAboutOnceADayAcrossAChange) {
             cfg.rolloverTime = time;
             strcpy(cfg.directory, ("./" + directory + "/").c_str());
             setClock(localTime(2024, change.month, change.day, 12));
-            ASSERT_EQ(open(&handle, cfg), 0u);
+            ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
             for (int step = 0; step < 4 * 24 * 4; ++step, advance(900)) {
                 handle.file->lastReopenTime = 0; // a reopen after midnight starts a file too
-                ASSERT_EQ(send(&handle, "one"), 0u);
+                ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
             }
             const size_t rolled = support::listFiles(directory).size() - 1;
             EXPECT_GE(rolled, 4u) << directory;
             EXPECT_LE(rolled, 5u) << directory << ": one more because of the change";
-            ASSERT_EQ(zoltLogCloseFile(&handle), 0u);
+            ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
         }
     }
 }
@@ -214,9 +215,9 @@ TEST_F(WriteFileTime, PeriodCountsFromTheFilesStart) {
     openTimed(PERIODIC, 500);
     EXPECT_EQ(due(), localTime(2024, 3, 1, 10) + 500);
     advance(499);
-    ASSERT_EQ(send(&handle, "before"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "before"));
     advance(1);
-    ASSERT_EQ(send(&handle, "after"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "after"));
     EXPECT_EQ(textsIn("logs/" + file("240301", 0)), Texts{"before"});
     EXPECT_EQ(textsIn("logs/" + file("240301", 1)), Texts{"after"});
     EXPECT_EQ(due(), localTime(2024, 3, 1, 10) + 1000);
@@ -231,7 +232,7 @@ TEST_F(WriteFileTime, PeriodOfAResumedFileCountsFromItsHeader) {
 TEST_F(WriteFileTime, OverduePeriodRollsAtTheFirstWrite) {
     leaveBehind("240301", 2, localTime(2024, 3, 1, 1));
     openTimed(PERIODIC, 600);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + file("240301", 3)), Texts{"one"});
     EXPECT_EQ(logFiles().size(), 2u);
 }
@@ -241,13 +242,13 @@ TEST_F(WriteFileTime, SizeAndPeriodBothRoll) {
     cfg.rolloverMode = PERIODIC | 1;
     cfg.maxFileSizeKB = 1;
     cfg.rolloverPeriod = 100;
-    ASSERT_EQ(open(&handle, cfg), 0u);
-    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1000, 'x')));
     EXPECT_EQ(logFiles().size(), 2u);
     advance(99);
-    ASSERT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, nullptr), ZOLTLOG_FAILED);
+    ASSERT_RESULT(ZOLTLOG_FAILED, zoltLogWriteMsgWithRolloverToFile(handle.file, nullptr));
     advance(1);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + file("240301", 2)), Texts{"one"});
 }
 
@@ -256,7 +257,7 @@ TEST_F(WriteFileTime, SizeAndPeriodBothRoll) {
 TEST_F(WriteFileTime, ClockSetBackADayKeepsTheFile) {
     openTimed(LOCAL_TIME, 0);
     advance(-86400);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"one"});
     EXPECT_EQ(logFiles().size(), 1u);
     EXPECT_EQ(due(), localTime(2024, 3, 2));
@@ -274,10 +275,10 @@ TEST_F(WriteFileTime, ClockSetBackADayContinuesThatDaysCounters) {
     cfg.rolloverMode = LOCAL_TIME | 1;
     cfg.maxFileSizeKB = 1;
     leaveBehind("240301", 0, localTime(2024, 3, 1, 9));
-    ASSERT_EQ(open(&handle, cfg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
     EXPECT_EQ(handle.file->counter, 0);
     advance(-86400);
-    ASSERT_EQ(send(&handle, std::string(1000, 'x')), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1000, 'x')));
     EXPECT_EQ(textsIn("logs/" + file("240229", 40)).size(), 1u);
     EXPECT_EQ(logFiles().size(), 42u);
     EXPECT_EQ(due(), localTime(2024, 3, 1));
@@ -289,7 +290,7 @@ TEST_F(WriteFileTime, RolloverToAFileOfYesterdaySetsItsSchedule) {
     openTimed(LOCAL_TIME, 0);
     advance(-86400);
     handle.file->headerVersion = 0; // leave the file
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + file("240229", 0)), Texts{"one"});
     EXPECT_EQ(due(), localTime(2024, 3, 1));
 }
@@ -297,8 +298,8 @@ TEST_F(WriteFileTime, RolloverToAFileOfYesterdaySetsItsSchedule) {
 TEST_F(WriteFileTime, ClockSetForwardAYearRollsOnce) {
     openTimed(LOCAL_TIME, 0);
     setClock(localTime(2025, 3, 2, 10));
-    ASSERT_EQ(send(&handle, "one"), 0u);
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(logFiles(), (Names{file("240301"), file("250302")}));
 }
 
@@ -306,12 +307,12 @@ TEST_F(WriteFileTime, ClockSetForwardAYearRollsOnce) {
 
 TEST_F(WriteFileTime, RemovedFileIsLeftAtTheFirstMessageASecondAfterTheLastLook) {
     openTimed(0, 0);
-    ASSERT_EQ(send(&handle, "looks"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "looks"));
     ASSERT_EQ(unlink(("logs/" + file("240301")).c_str()), 0);
-    ASSERT_EQ(send(&handle, "lost"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "lost"));
     EXPECT_EQ(logFiles(), Names{});
     usleep(1000000);
-    ASSERT_EQ(send(&handle, "kept"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "kept"));
     EXPECT_EQ(logFiles(), Names{file("240301", 1)});
     EXPECT_EQ(textsIn("logs/" + file("240301", 1)), Texts{"kept"});
 }
@@ -321,10 +322,10 @@ TEST_F(WriteFileTime, MovedFileIsRecreatedWithHeaderAfterTenMinutes) {
     const std::string path = "logs/" + file("240301");
     ASSERT_EQ(rename(path.c_str(), "moved"), 0);
     advance(600);
-    ASSERT_EQ(send(&handle, "elsewhere"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "elsewhere"));
     EXPECT_EQ(logFiles(), Names{}) << "not more than 600000 ms";
     fakeMs += 1;
-    ASSERT_EQ(send(&handle, "kept"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "kept"));
     EXPECT_EQ(logFiles(), Names{file("240301")});
     EXPECT_EQ(support::lines(support::readFile(path))[0], "$Header 65543,5,7,1709284200,-3600,hostA");
     EXPECT_EQ(textsIn(path), Texts{"kept"});
@@ -333,9 +334,9 @@ TEST_F(WriteFileTime, MovedFileIsRecreatedWithHeaderAfterTenMinutes) {
 
 TEST_F(WriteFileTime, FileThatIsThereIsContinuedWithItsHeader) {
     openTimed(0, 0);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     advance(601);
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(logFiles(), Names{file("240301")});
     EXPECT_EQ(textsIn("logs/" + file("240301")), (Texts{"one", "two"}));
     EXPECT_EQ(handle.file->counter, 0);
@@ -348,7 +349,7 @@ TEST_F(WriteFileTime, ReopenKeepsACounterAboveZero) {
     openTimed(0, 0);
     for (int round = 0; round < 3; ++round) {
         advance(601);
-        ASSERT_EQ(send(&handle, "one"), 0u);
+        ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     }
     EXPECT_EQ(logFiles(), Names{file("240301", 6)});
     EXPECT_EQ(handle.file->counter, 6);
@@ -356,10 +357,10 @@ TEST_F(WriteFileTime, ReopenKeepsACounterAboveZero) {
 
 TEST_F(WriteFileTime, MovedFileIsLeftAfterTenMinutes) {
     openTimed(0, 0);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     ASSERT_EQ(rename(("logs/" + file("240301")).c_str(), "moved"), 0);
     advance(601);
-    ASSERT_EQ(send(&handle, "two"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(textsIn("moved"), Texts{"one"});
     EXPECT_EQ(textsIn("logs/" + file("240301")), Texts{"two"});
 }
@@ -370,16 +371,16 @@ TEST_F(WriteFileTime, ReopenAfterMidnightStartsTheNewDaysFileWithItsContexts) {
     LogHandle context = {};
     zoltLogInitMsg(&context.contextMsg, &handle, ZOLTLOG_MSG_CONTEXT, "about");
     zoltLogSetContextAttr(&context.contextMsg, "T1");
-    ASSERT_EQ(zoltLogCreateContextToFile(&handle, &context, &context.contextMsg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContextToFile(&handle, &context, &context.contextMsg));
     advance(601);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     const std::vector<std::string> found = support::lines(support::readFile("logs/" + file("240302")));
     ASSERT_EQ(found.size(), 3u);
     EXPECT_EQ(found[0].substr(0, 14), "$Header 65543,");
     EXPECT_EQ(found[1].substr(0, 2), "3,");
     EXPECT_EQ(textOf(found[2]), "one");
     zoltLogFreeMsg(&context.contextMsg);
-    EXPECT_EQ(zoltLogCloseFile(&context), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&context));
 }
 
 TEST_F(WriteFileTime, ReopenOfTheSameFileRewritesNoContext) {
@@ -387,19 +388,19 @@ TEST_F(WriteFileTime, ReopenOfTheSameFileRewritesNoContext) {
     LogHandle context = {};
     zoltLogInitMsg(&context.contextMsg, &handle, ZOLTLOG_MSG_CONTEXT, "about");
     zoltLogSetContextAttr(&context.contextMsg, "T1");
-    ASSERT_EQ(zoltLogCreateContextToFile(&handle, &context, &context.contextMsg), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContextToFile(&handle, &context, &context.contextMsg));
     advance(601);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(support::lines(support::readFile("logs/" + file("240301"))).size(), 3u);
     zoltLogFreeMsg(&context.contextMsg);
-    EXPECT_EQ(zoltLogCloseFile(&context), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&context));
 }
 
 TEST_F(WriteFileTime, FileResumedAfterTenMinutesIsReopenedAtTheFirstMessage) {
     leaveBehind("240301", 2, localTime(2024, 3, 1, 8));
     openTimed(0, 0);
     EXPECT_EQ(handle.file->lastReopenTime, localTime(2024, 3, 1, 8) * 1000);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(handle.file->lastReopenTime, localTime(2024, 3, 1, 10) * 1000);
     EXPECT_EQ(textsIn("logs/" + file("240301", 2)), Texts{"one"});
 }
@@ -407,7 +408,7 @@ TEST_F(WriteFileTime, FileResumedAfterTenMinutesIsReopenedAtTheFirstMessage) {
 TEST_F(WriteFileTime, FileOfAnEarlierDayIsLeftAtTheFirstMessage) {
     leaveBehind("240229", 2, localTime(2024, 2, 29, 8));
     openTimed(0, 0);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(textsIn("logs/" + file("240301", 0)), Texts{"one"});
     EXPECT_EQ(textsIn("logs/" + file("240229", 2)), Texts{});
 }
@@ -415,7 +416,7 @@ TEST_F(WriteFileTime, FileOfAnEarlierDayIsLeftAtTheFirstMessage) {
 TEST_F(WriteFileTime, StartTimeZeroIsNeverReopened) {
     leaveBehind("240301", 2, 0);
     openTimed(0, 0);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(handle.file->lastReopenTime, 0);
     EXPECT_EQ(textsIn("logs/" + file("240301", 2)), Texts{"one"});
 }
@@ -423,17 +424,17 @@ TEST_F(WriteFileTime, StartTimeZeroIsNeverReopened) {
 TEST_F(WriteFileTime, ClockSetBackPutsTheReopenOff) {
     openTimed(0, 0);
     advance(-3600);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     EXPECT_EQ(handle.file->lastReopenTime, localTime(2024, 3, 1, 10) * 1000);
 }
 
 TEST_F(WriteFileTime, AbsurdTimeStampsOfMessagesDoNoHarm) {
     openTimed(0, 0);
     LogMsg msg;
-    ASSERT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_DEBUG, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_DEBUG, "one"));
     for (const uint64_t stamp : {uint64_t{0}, uint64_t{INT64_MAX}, uint64_t{INT64_MAX}, UINT64_MAX}) {
         msg.timestamp = stamp;
-        EXPECT_EQ(zoltLogWriteMsgWithRolloverToFile(handle.file, &msg), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogWriteMsgWithRolloverToFile(handle.file, &msg));
     }
     zoltLogFreeMsg(&msg);
     EXPECT_EQ(logFiles(), Names{file("240301")});
@@ -441,17 +442,17 @@ TEST_F(WriteFileTime, AbsurdTimeStampsOfMessagesDoNoHarm) {
 
 TEST_F(WriteFileTime, FailedReopenIsTriedAgainAndContinuesTheSameFile) {
     openTimed(0, 0);
-    ASSERT_EQ(send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
     ASSERT_EQ(rename("logs", "away"), 0);
     support::writeFile("logs", "in the way");
     advance(601);
-    EXPECT_EQ(send(&handle, "lost"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
     EXPECT_EQ(handle.file->file.descriptor, -1);
     EXPECT_EQ(handle.file->lastReopenTime, localTime(2024, 3, 1, 10) * 1000);
-    EXPECT_EQ(send(&handle, "lost"), 5u);
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
     ASSERT_EQ(unlink("logs"), 0);
     ASSERT_EQ(rename("away", "logs"), 0);
-    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(logFiles(), Names{file("240301")});
     EXPECT_EQ(textsIn("logs/" + file("240301")), (Texts{"one", "two"}));
 }
@@ -462,10 +463,10 @@ TEST_F(WriteFileTime, FailedRolloverIsTriedAgainAndSkipsNoCounter) {
     support::writeFile("logs", "in the way");
     advance(300);
     for (int message = 0; message < 3; ++message)
-        EXPECT_EQ(send(&handle, "lost"), 5u);
+        EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, send(&handle, "lost"));
     ASSERT_EQ(unlink("logs"), 0);
     ASSERT_EQ(rename("away", "logs"), 0);
-    EXPECT_EQ(send(&handle, "two"), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
     EXPECT_EQ(logFiles(), (Names{file("240301", 0), file("240301", 1)}));
     EXPECT_EQ(textsIn("logs/" + file("240301", 1)), Texts{"two"});
 }

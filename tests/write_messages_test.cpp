@@ -1,5 +1,6 @@
 // Message entry points and contexts, from the call to the bytes in the file.
 #include "support/log_records.h"
+#include "support/results.h"
 #include "support/sink_capture.h"
 #include "support/syscalls.h"
 
@@ -283,12 +284,12 @@ struct WriteMessages : testing::Test {
         logs::configure({"Default.DebugLevel=3", "Default.DiagnosticLevel=3", "Default.DynaReloadInSec=0"});
         sinks::reset();
         sinks::formatter = sinks::testFormatter("recording");
-        ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
         LogCfg cfg;
-        ASSERT_EQ(0u, InitLogCfg(logs::PRODUCT, logs::ORIGINATOR, nullptr, &cfg));
+        ASSERT_RESULT(ZOLTLOG_OK, InitLogCfg(logs::PRODUCT, logs::ORIGINATOR, nullptr, &cfg));
         cfg.secureAuditLevel = 3;
-        ASSERT_EQ(0u, zoltLogSecureOpen(logs::PRODUCT, logs::ORIGINATOR, &cfg, &secure));
-        EXPECT_EQ(0u, zoltLogFreeCfg(&cfg));
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(logs::PRODUCT, logs::ORIGINATOR, &cfg, &secure));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogFreeCfg(&cfg));
         lis::reset();
         sinks::sent.clear();
         written = 0;
@@ -324,7 +325,7 @@ struct WriteMessages : testing::Test {
     }
     static uint64_t sequence(LogHandle *of) {
         uint64_t number = UINT64_MAX;
-        EXPECT_EQ(0u, zoltLogGetSequenceNumber(of, &number));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetSequenceNumber(of, &number));
         return number;
     }
     // Records and system-log lines that came since the last look
@@ -354,7 +355,7 @@ TEST_F(WriteMessages, EveryOperationWritesItsRecord) {
         SCOPED_TRACE(operation.name);
         const Arguments a = good(operation);
         const uint64_t before = sequence(a.handle);
-        EXPECT_EQ(0u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
         EXPECT_EQ(before + 1, sequence(a.handle));
         expectBlockConsumed(operation);
         expectLockFree();
@@ -393,7 +394,7 @@ TEST_F(WriteMessages, Flag16KeepsTheSequenceNumberAsMessageId) {
         Arguments a = good(operation);
         a.flags = ZOLTLOG_NO_MESSAGE_ID;
         const uint64_t before = sequence(a.handle);
-        EXPECT_EQ(0u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
         EXPECT_EQ(before, logs::records().back().messageId);
     }
 }
@@ -407,7 +408,7 @@ TEST_F(WriteMessages, NullArgumentsAreRefusedAndTheBlockConsumed) {
         const uint64_t before = sequence(target);
         spoil(a);
         const int lookups = lis::lookups;
-        EXPECT_EQ(3u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, operation.call(a));
         if (a.block != nullptr)
             expectBlockConsumed(operation);
         else if ((operation.traits & HAS_BLOCK) != 0)
@@ -445,7 +446,7 @@ TEST_F(WriteMessages, NullChecksComeBeforeTheFilter) {
             a.format = nullptr;
         else
             a.handle = nullptr;
-        EXPECT_EQ(3u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, operation.call(a));
         expectBlockConsumed(operation);
     }
 }
@@ -459,7 +460,7 @@ TEST_F(WriteMessages, AFilteredMessageDoesNothingButConsumeItsBlock) {
             Arguments a = good(operation);
             a.grade = level;
             lis::lookups = lis::texts = 0;
-            EXPECT_EQ(0u, operation.call(a));
+            EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
             EXPECT_EQ(0, lis::lookups + lis::texts) << "wording was made";
             expectBlockConsumed(operation);
             EXPECT_EQ(operation.type == ZOLTLOG_MSG_SECURE_AUDIT ? 0u : 1u, sequence(a.handle));
@@ -467,7 +468,7 @@ TEST_F(WriteMessages, AFilteredMessageDoesNothingButConsumeItsBlock) {
         }
         Arguments a = good(operation);
         a.grade = 3; // the handle's own level passes
-        EXPECT_EQ(0u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
         EXPECT_EQ(1u, fresh());
         zoltLogSetSequenceNumber(&handle, 1);
         zoltLogSetSequenceNumber(&secure, 0);
@@ -507,7 +508,7 @@ TEST_F(WriteMessages, TheRecordIsMadeUnderTheTagOfItsFamily) {
         SCOPED_TRACE(operation.name);
         const Arguments a = good(operation);
         tagOfTheRecord.clear();
-        EXPECT_EQ(0u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
         const bool formatted = (operation.traits & NEEDS_TEXT) != 0;
         EXPECT_EQ(formatted ? "zoltLogFormattedDebugMsg()" : families[operation.type], tagOfTheRecord);
     }
@@ -538,17 +539,17 @@ TEST_F(WriteMessages, ApplicationAndAuditMessagesAreNeverFiltered) {
     logs::configure({"Default.DebugLevel=0", "Default.DiagnosticLevel=0", "Default.AppMsgLogging=OFF",
                      "Default.DynaReloadInSec=0"});
     zoltLogClose(&handle);
-    ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
     fresh();
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_INFO, 0, "%s", "x"));
-    EXPECT_EQ(0u, zoltLogAuditMsg(&handle, 0, "alice", 0, 42, "%s", "x"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_INFO, 0, "%s", "x"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogAuditMsg(&handle, 0, "alice", 0, 42, "%s", "x"));
     EXPECT_EQ(2u, fresh());
 }
 
 TEST_F(WriteMessages, FormattedDebugIsNeverFiltered) {
-    ASSERT_EQ(0u, zoltLogSetDebugLevel(&handle, 0));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetDebugLevel(&handle, 0));
     for (uint32_t level = 1; level <= 6; ++level)
-        EXPECT_EQ(0u, zoltLogFormattedDebugMsg(&handle, 0, level, "mgr", "100% of %s")) << level;
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogFormattedDebugMsg(&handle, 0, level, "mgr", "100% of %s")) << level;
     const std::vector<logs::Record> records = logs::records();
     ASSERT_EQ(6u, records.size());
     EXPECT_EQ("100% of %s", records[5].text);
@@ -556,8 +557,8 @@ TEST_F(WriteMessages, FormattedDebugIsNeverFiltered) {
 }
 
 TEST_F(WriteMessages, LevelsOutside1To6FailAfterTakingASequenceNumber) {
-    ASSERT_EQ(0u, zoltLogSetDebugLevel(&handle, 9));
-    ASSERT_EQ(0u, zoltLogSetDiagLevel(&handle, 9));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetDebugLevel(&handle, 9));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetDiagLevel(&handle, 9));
     for (const Operation &operation : OPERATIONS) {
         if (operation.type != ZOLTLOG_MSG_DEBUG && operation.type != ZOLTLOG_MSG_DIAG)
             continue;
@@ -566,7 +567,7 @@ TEST_F(WriteMessages, LevelsOutside1To6FailAfterTakingASequenceNumber) {
             Arguments a = good(operation);
             a.grade = level;
             const uint64_t before = sequence(&handle);
-            EXPECT_EQ(1u, operation.call(a)) << level;
+            EXPECT_RESULT(ZOLTLOG_FAILED, operation.call(a)) << level;
             EXPECT_EQ(before + 1, sequence(&handle));
             expectBlockConsumed(operation);
             expectLockFree();
@@ -582,12 +583,12 @@ TEST_F(WriteMessages, ASeverityAbove4CannotBeWritten) {
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
         a.grade = 5;
-        EXPECT_EQ(1u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_FAILED, operation.call(a));
         expectBlockConsumed(operation);
         EXPECT_EQ(0u, fresh());
         a = good(operation);
         a.grade = 4;
-        EXPECT_EQ(0u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
         EXPECT_EQ(1u, fresh());
     }
 }
@@ -604,7 +605,7 @@ TEST_F(WriteMessages, AMessageNumberIsLookedUpInTheCatalogue) {
         Arguments a = good(operation);
         a.number = -1234567890123;
         lis::lookups = lis::texts = 0;
-        EXPECT_EQ(0u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
         EXPECT_EQ(1, lis::lookups);
         EXPECT_EQ(0, lis::texts) << "formatted here as well";
         EXPECT_EQ(1u, lis::utf8);
@@ -625,7 +626,7 @@ TEST_F(WriteMessages, WithFlag8TheLocallyFormattedTextIsTheText) {
         Arguments a = good(operation);
         a.number = 42;
         a.flags = ZOLTLOG_KEEP_LOCAL_TEXT;
-        EXPECT_EQ(0u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
         ASSERT_EQ(1u, fresh());
         EXPECT_EQ(operation.type == ZOLTLOG_MSG_AUDIT ? "message 42: files 12" : "files 12",
                   logs::records().back().text);
@@ -642,7 +643,7 @@ TEST_F(WriteMessages, AReadyTextBesideABlockIsTheText) {
             Arguments a = good(operation);
             a.text = "ready text";
             a.flags = flags;
-            EXPECT_EQ(0u, operation.call(a));
+            EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
             EXPECT_EQ("ready text", logs::records().back().text);
             expectBlockConsumed(operation);
         }
@@ -666,7 +667,7 @@ TEST_F(WriteMessages, TextsThatLieInTheBlockAreReadBeforeItGoes) {
             ASSERT_EQ(0, zoltLisGetArg_nativeString(&item, &inside));
             a.text = inside;
             a.who = inside;
-            EXPECT_EQ(0u, operation.call(a));
+            EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
             ASSERT_EQ(1u, fresh());
             EXPECT_TRUE(words == logs::records().back().text);
             if ((operation.traits & (HAS_WHO | HAS_SUBJECT)) != 0) {
@@ -689,7 +690,8 @@ TEST_F(WriteMessages, TheFormatterMayChangeTheText) {
         a.format = "%s %d files \n\n";
         a.text = "12 files \n\n";
         a.flags = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_OSLOG;
-        const std::string printed = support::captured(1, [&] { EXPECT_EQ(0u, operation.call(a)); });
+        const std::string printed =
+            support::captured(1, [&] { EXPECT_RESULT(ZOLTLOG_OK, operation.call(a)); });
         EXPECT_EQ((operation.traits & HAS_FORMAT) != 0 ? "files 12 files\n" : "12 files\n", printed);
         EXPECT_EQ("files \r\r", logs::records().back().text.substr(logs::records().back().text.size() - 8));
         EXPECT_EQ(0, lis::open);
@@ -699,7 +701,7 @@ TEST_F(WriteMessages, TheFormatterMayChangeTheText) {
 // Another thread of the host may write to a text while it is being logged.
 TEST_F(WriteMessages, ATextThatChangesMeanwhileStaysOneRecord) {
     LogHandle context;
-    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "work"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T1", 0, "work"));
     char text[] = "0123456789 0123456789 0123456789";
     char who[] = "manager";
     for (const Operation &operation : OPERATIONS) {
@@ -713,7 +715,7 @@ TEST_F(WriteMessages, ATextThatChangesMeanwhileStaysOneRecord) {
             a.who = who;
             a.handle = &context;
             atTheTimeStamp = [&] { text[12] = who[3] = changed; };
-            EXPECT_EQ(0u, operation.call(a));
+            EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
             atTheTimeStamp = nullptr;
             text[12] = who[3] = '1';
             const std::string file = support::readFile("log/" + support::listFiles("log").back());
@@ -723,7 +725,7 @@ TEST_F(WriteMessages, ATextThatChangesMeanwhileStaysOneRecord) {
             EXPECT_EQ("T1", logs::records().back().token);
         }
     }
-    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
 }
 
 TEST_F(WriteMessages, Flag8WithoutATextIsRefused) {
@@ -733,7 +735,7 @@ TEST_F(WriteMessages, Flag8WithoutATextIsRefused) {
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
         a.flags = ZOLTLOG_KEEP_LOCAL_TEXT;
-        EXPECT_EQ(3u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, operation.call(a));
         expectBlockConsumed(operation);
         EXPECT_EQ(1u, sequence(&handle));
     }
@@ -748,7 +750,7 @@ TEST_F(WriteMessages, ABlockThatIsEmptyMakesAMessageWithoutText) {
         Arguments a = good(operation);
         zoltLisFree(&block);
         block = {};
-        EXPECT_EQ(0u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_OK, operation.call(a));
         EXPECT_EQ(1u, fresh());
         if (operation.type != ZOLTLOG_MSG_SECURE_AUDIT) {
             EXPECT_EQ("", logs::records().back().text);
@@ -773,7 +775,7 @@ TEST_F(WriteMessages, AFailedLookupIsTheResultAndNothingIsSent) {
                 a.flags = flags;
                 const uint64_t before = sequence(a.handle);
                 lis::failWith = row.lisResult;
-                EXPECT_EQ(row.result, operation.call(a));
+                EXPECT_RESULT(row.result, operation.call(a));
                 lis::failWith = 0;
                 EXPECT_EQ(before, sequence(a.handle));
                 EXPECT_EQ(0u, fresh());
@@ -782,7 +784,7 @@ TEST_F(WriteMessages, AFailedLookupIsTheResultAndNothingIsSent) {
             }
         }
     }
-    EXPECT_EQ(0u, zoltLogMapLisResToLoggingRes(0));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogMapLisResToLoggingRes(0));
 }
 
 TEST_F(WriteMessages, PercentMTellsTheCallersError) {
@@ -827,11 +829,11 @@ TEST_F(WriteMessages, PercentMTellsTheCallersError) {
 
 TEST_F(WriteMessages, ATextThatCannotBeFormattedLeavesTheMessageWithoutText) {
     lis::failTextV = -3;
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "x"));
-    EXPECT_EQ(0u, zoltLogDebugMsg(&handle, 0, 1, "mgr", "%s", "x"));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT,
-              zoltLogAppMsg(&handle, ZOLTLOG_KEEP_LOCAL_TEXT, ZOLTLOG_SEVERITY_WARNING, 42, "%s",
-                            "x")); // it has to be there
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "x"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDebugMsg(&handle, 0, 1, "mgr", "%s", "x"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT,
+                  zoltLogAppMsg(&handle, ZOLTLOG_KEEP_LOCAL_TEXT, ZOLTLOG_SEVERITY_WARNING, 42, "%s",
+                                "x")); // it has to be there
     lis::failTextV = 0;
     const std::vector<logs::Record> records = logs::records();
     ASSERT_EQ(2u, records.size());
@@ -847,7 +849,7 @@ TEST_F(WriteMessages, AContextHandleWithoutAContextMessageCannotLog) {
     for (const Operation &operation : OPERATIONS) {
         SCOPED_TRACE(operation.name);
         const Arguments a = good(operation);
-        EXPECT_EQ(3u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, operation.call(a));
         expectLockFree();
         if (operation.type == ZOLTLOG_MSG_SECURE_AUDIT && (operation.traits & HAS_BLOCK) != 0)
             zoltLisFree(&block); // see the next test
@@ -862,7 +864,7 @@ TEST_F(WriteMessages, ASecureAuditBlockStaysWithTheCallerWhenInitialisationFails
     secure.noContext = 0;
     block = blockOf("block %s", "x");
     const ZoltLisBlock before = block;
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogSecureAuditMsgL(&secure, 1, "alice", 0, &block));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSecureAuditMsgL(&secure, 1, "alice", 0, &block));
     EXPECT_EQ(0, memcmp(&before, &block, sizeof block));
     EXPECT_EQ(1, lis::open);
     zoltLisFree(&block);
@@ -879,7 +881,7 @@ TEST_F(WriteMessages, SecureAuditMessagesDoNotGoThroughFileHandles) {
         SCOPED_TRACE(operation.name);
         Arguments a = good(operation);
         a.handle = &handle;
-        EXPECT_EQ(58u, operation.call(a));
+        EXPECT_RESULT(ZOLTLOG_SECURE_ON_FILE_HANDLE, operation.call(a));
         expectBlockConsumed(operation);
         expectLockFree();
         EXPECT_EQ(0u, fresh());
@@ -888,8 +890,8 @@ TEST_F(WriteMessages, SecureAuditMessagesDoNotGoThroughFileHandles) {
 
 TEST_F(WriteMessages, SecureAuditMessagesHaveIdZeroAndNoOtherOutput) {
     secure.outputFlags |= ZOLTLOG_OUT_OSLOGX;
-    EXPECT_EQ(0u, zoltLogSecureAuditMsg(&secure, 3, "alice", 9, 42, "%s", "x"));
-    EXPECT_EQ(0u, zoltLogSecureAuditMsg(&secure, 3, "alice", 9, 42, "%s", "x"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSecureAuditMsg(&secure, 3, "alice", 9, 42, "%s", "x"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSecureAuditMsg(&secure, 3, "alice", 9, 42, "%s", "x"));
     const std::string pid = std::to_string(getpid());
     const std::string tid = std::to_string(getTID());
     ASSERT_EQ(2u, sinks::sent.size());
@@ -904,9 +906,9 @@ TEST_F(WriteMessages, ASecureAuditMessageWithoutThePlugInFails) {
 }
 
 TEST_F(WriteMessages, OrdinaryMessagesThroughASecureHandleHaveNoFile) {
-    EXPECT_EQ(ZOLTLOG_NO_FILE_STATE, zoltLogAppMsg(&secure, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "x"));
-    EXPECT_EQ(ZOLTLOG_NO_FILE_STATE, zoltLogAuditMsg(&secure, 0, "alice", 0, 42, "%s", "x"));
-    EXPECT_EQ(0u, zoltLogDebugMsg(&secure, 0, 1, "mgr", "%s", "x")); // its debug level is 0
+    EXPECT_RESULT(ZOLTLOG_NO_FILE_STATE, zoltLogAppMsg(&secure, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "x"));
+    EXPECT_RESULT(ZOLTLOG_NO_FILE_STATE, zoltLogAuditMsg(&secure, 0, "alice", 0, 42, "%s", "x"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDebugMsg(&secure, 0, 1, "mgr", "%s", "x")); // its debug level is 0
 }
 
 // ---- other outputs ----------------------------------------------------------------------
@@ -915,11 +917,11 @@ TEST_F(WriteMessages, FlagsOfTheCallSelectTheOutputs) {
     std::string err;
     const std::string out = support::captured(1, [&] {
         err = support::captured(2, [&] {
-            EXPECT_EQ(0u, zoltLogAppMsg(&handle, 1, ZOLTLOG_SEVERITY_CRITICAL, 0, "%s", "first"));
-            EXPECT_EQ(0u, zoltLogDiagMsg(&handle, 2, 1, "mgr", 0, "%s", "second"));
-            EXPECT_EQ(0u, zoltLogAppMsg(&handle, 4, ZOLTLOG_SEVERITY_CRITICAL, 0, "%s", "third"));
-            EXPECT_EQ(0u, zoltLogAuditMsg(&handle, 7, "alice", 0, 42, "%s", "fourth"));
-            EXPECT_EQ(0u, zoltLogDebugMsg(&handle, 7, 1, "mgr", "%s", "fifth"));
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&handle, 1, ZOLTLOG_SEVERITY_CRITICAL, 0, "%s", "first"));
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogDiagMsg(&handle, 2, 1, "mgr", 0, "%s", "second"));
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&handle, 4, ZOLTLOG_SEVERITY_CRITICAL, 0, "%s", "third"));
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogAuditMsg(&handle, 7, "alice", 0, 42, "%s", "fourth"));
+            EXPECT_RESULT(ZOLTLOG_OK, zoltLogDebugMsg(&handle, 7, 1, "mgr", "%s", "fifth"));
         });
     });
     EXPECT_EQ("first\nfifth\n", out);
@@ -932,10 +934,10 @@ TEST_F(WriteMessages, FlagsOfTheCallSelectTheOutputs) {
 
 TEST_F(WriteMessages, TheLevelsAreTheHandlesOwn) {
     LogHandle other;
-    ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, 8, &other));
-    ASSERT_EQ(0u, zoltLogSetDebugLevel(&other, 6));
-    EXPECT_EQ(0u, zoltLogDebugMsg(&handle, 0, 6, "mgr", "%s", "x"));
-    EXPECT_EQ(0u, zoltLogDebugMsg(&other, 0, 6, "mgr", "%s", "x"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, 8, &other));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetDebugLevel(&other, 6));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDebugMsg(&handle, 0, 6, "mgr", "%s", "x"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDebugMsg(&other, 0, 6, "mgr", "%s", "x"));
     EXPECT_EQ(1u, logs::records().size());
     EXPECT_EQ(8u, logs::records()[0].originatorId);
     zoltLogClose(&other);
@@ -945,11 +947,14 @@ TEST_F(WriteMessages, TheLevelsAreTheHandlesOwn) {
 
 TEST_F(WriteMessages, AContextWritesItsRecordAndItsMessagesCarryItsToken) {
     LogHandle context;
-    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "request %d of %s", 17, "host b"));
+    ASSERT_RESULT(ZOLTLOG_OK,
+                  zoltLogCreateContext(&handle, &context, "T1", 0, "request %d of %s", 17, "host b"));
     EXPECT_EQ(2u, sequence(&handle));
     EXPECT_EQ(1u, sequence(&context));
-    EXPECT_EQ(0u, zoltLogAppMsg(&context, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "through the context"));
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "through the parent"));
+    EXPECT_RESULT(ZOLTLOG_OK,
+                  zoltLogAppMsg(&context, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "through the context"));
+    EXPECT_RESULT(ZOLTLOG_OK,
+                  zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "through the parent"));
     const std::vector<logs::Record> records = logs::records();
     ASSERT_EQ(3u, records.size());
     EXPECT_EQ(3u, records[0].type);
@@ -965,40 +970,40 @@ TEST_F(WriteMessages, AContextWritesItsRecordAndItsMessagesCarryItsToken) {
     EXPECT_EQ("", records[2].token);
     EXPECT_EQ(2u, records[2].messageId);
     EXPECT_EQ(1, lis::open); // the context's own
-    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
     EXPECT_EQ(3u, logs::records().size()) << "closing is not told";
 }
 
 TEST_F(WriteMessages, AContextWithAMessageNumberCarriesTheReferenceOnly) {
     LogHandle context;
     handle.utf8 = 1;
-    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 42, "request %d", 17));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T1", 42, "request %d", 17));
     EXPECT_EQ(1, lis::lookups);
     EXPECT_EQ(0, lis::texts);
     EXPECT_EQ(42, lis::number);
     EXPECT_EQ(1u, lis::utf8);
     EXPECT_EQ("", logs::records()[0].text);
     EXPECT_EQ("(0|S20:message 42: request |i64:17|)", logs::records()[0].rest);
-    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
 }
 
 TEST_F(WriteMessages, AContextOfAUtf8HandleIsWrittenAsUtf8) {
     LogHandle context;
     handle.utf8 = 1;
-    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "caf\u00e9", 0, "r\u00e9quest"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "caf\u00e9", 0, "r\u00e9quest"));
     EXPECT_EQ("caf\u00e9", logs::records()[0].who);
     EXPECT_EQ("r\u00e9quest", logs::records()[0].text);
     EXPECT_EQ(1u, context.utf8);
-    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
 }
 
 TEST_F(WriteMessages, ContextsNest) {
     LogHandle outer;
     LogHandle inner;
-    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &outer, "outer", 0, "%s", "o"));
-    ASSERT_EQ(0u, zoltLogCreateContext(&outer, &inner, "inner", 0, "%s", "i"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &outer, "outer", 0, "%s", "o"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&outer, &inner, "inner", 0, "%s", "i"));
     EXPECT_EQ(2u, sequence(&outer));
-    EXPECT_EQ(0u, zoltLogAppMsg(&inner, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "m"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&inner, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "m"));
     const std::vector<logs::Record> records = logs::records();
     ASSERT_EQ(3u, records.size());
     EXPECT_EQ("", records[0].token);
@@ -1006,60 +1011,61 @@ TEST_F(WriteMessages, ContextsNest) {
     EXPECT_EQ("outer", records[1].token);
     EXPECT_EQ("inner", records[1].who);
     EXPECT_EQ("inner", records[2].token);
-    EXPECT_EQ(0u, zoltLogDestroyContext(&inner));
-    EXPECT_EQ(0u, zoltLogDestroyContext(&outer));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&inner));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&outer));
 }
 
 TEST_F(WriteMessages, AnInnerContextMayOutliveItsOuterOne) {
     LogHandle outer;
     LogHandle inner;
     LogHandle innermost;
-    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &outer, "outer", 0, "%s", "o"));
-    ASSERT_EQ(0u, zoltLogCreateContext(&outer, &inner, "inner", 0, "%s", "i"));
-    EXPECT_EQ(0u, zoltLogDestroyContext(&outer));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &outer, "outer", 0, "%s", "o"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&outer, &inner, "inner", 0, "%s", "i"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&outer));
     memset(static_cast<void *>(&outer), 0x55, sizeof outer);
     EXPECT_STREQ("outer", inner.contextMsg.contextToken);
-    EXPECT_EQ(0u, zoltLogAppMsg(&inner, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "m"));
-    ASSERT_EQ(0u, zoltLogCreateContext(&inner, &innermost, "innermost", 0, "%s", "i"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&inner, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "m"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&inner, &innermost, "innermost", 0, "%s", "i"));
     EXPECT_EQ("inner", logs::records().back().token);
-    EXPECT_EQ(0u, zoltLogDestroyContext(&inner));
-    EXPECT_EQ(0u, zoltLogDestroyContext(&innermost));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&inner));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&innermost));
 }
 
 TEST_F(WriteMessages, AContextStartsWithTheParentsLevelsAndKeepsItsOwn) {
     LogHandle context;
     handle.outputFlags = ZOLTLOG_OUT_STDOUT;
     std::string out = support::captured(
-        1, [&] { ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o")); });
+        1, [&] { ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o")); });
     EXPECT_EQ("", out) << "context records are not copied";
     handle.outputFlags = 0;
     EXPECT_EQ(3u, context.debugLevel);
     EXPECT_EQ(3u, context.diagLevel);
     EXPECT_EQ(1u, context.outputFlags);
-    ASSERT_EQ(0u, zoltLogSetDiagLevel(&context, 5));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSetDiagLevel(&context, 5));
     out = support::captured(1, [&] {
-        EXPECT_EQ(0u, zoltLogDiagMsg(&context, 0, 5, "mgr", 0, "%s", "passes"));
-        EXPECT_EQ(0u, zoltLogDiagMsg(&handle, 0, 5, "mgr", 0, "%s", "filtered"));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogDiagMsg(&context, 0, 5, "mgr", 0, "%s", "passes"));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogDiagMsg(&handle, 0, 5, "mgr", 0, "%s", "filtered"));
     });
     EXPECT_EQ("passes\n", out);
     EXPECT_EQ(2u, logs::records().size());
-    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
 }
 
 TEST_F(WriteMessages, OpenContextsAreRewrittenIntoEveryNewFile) {
     zoltLogClose(&handle);
     logs::configure(
         {"Default.RolloverMode=FileSize", "Default.MaxLogFileSizeKB=4", "Default.DynaReloadInSec=0"});
-    ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &handle));
     LogHandle contexts[3];
-    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &contexts[0], "C0", 0, "%s", "zero"));
-    ASSERT_EQ(0u, zoltLogCreateContext(&contexts[0], &contexts[1], "C1", 0, "%s", "one"));
-    ASSERT_EQ(0u, zoltLogCreateContext(&contexts[1], &contexts[2], "C2", 0, "%s", "two"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &contexts[0], "C0", 0, "%s", "zero"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&contexts[0], &contexts[1], "C1", 0, "%s", "one"));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&contexts[1], &contexts[2], "C2", 0, "%s", "two"));
     const std::string filler(1000, 'x');
     const auto rollOnce = [&] {
         const size_t before = logs::files().size();
         while (logs::files().size() == before)
-            ASSERT_EQ(0u, zoltLogAppMsg(&contexts[2], 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", filler.c_str()));
+            ASSERT_RESULT(ZOLTLOG_OK,
+                          zoltLogAppMsg(&contexts[2], 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", filler.c_str()));
     };
     const auto tokensOfLast = [] {
         const logs::File file = logs::files().back();
@@ -1078,38 +1084,40 @@ TEST_F(WriteMessages, OpenContextsAreRewrittenIntoEveryNewFile) {
     rollOnce();
     EXPECT_EQ((std::vector<std::string>{"C0<", "C1<C0", "C2<C1"}), tokensOfLast());
     EXPECT_EQ(4u, logs::files().back().records.size());
-    ASSERT_EQ(0u, zoltLogDestroyContext(&contexts[1]));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&contexts[1]));
     rollOnce();
     EXPECT_EQ((std::vector<std::string>{"C0<", "C2<C1"}), tokensOfLast());
     EXPECT_EQ(3u, logs::files().back().records.size());
     EXPECT_EQ("C2", logs::files().back().records.back().token);
-    ASSERT_EQ(0u, zoltLogDestroyContext(&contexts[0]));
-    ASSERT_EQ(0u, zoltLogDestroyContext(&contexts[2]));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&contexts[0]));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&contexts[2]));
 }
 
 TEST_F(WriteMessages, AContextMayOutliveItsParent) {
     auto parent = std::make_unique<LogHandle>();
     LogHandle context;
-    ASSERT_EQ(0u, zoltLogOpen(logs::PRODUCT, 9, parent.get()));
-    ASSERT_EQ(0u, zoltLogCreateContext(parent.get(), &context, "T1", 0, "%s", "o"));
-    EXPECT_EQ(0u, zoltLogClose(parent.get()));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, 9, parent.get()));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(parent.get(), &context, "T1", 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(parent.get()));
     parent.reset();
-    EXPECT_EQ(0u, zoltLogAppMsg(&context, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "after the parent"));
+    EXPECT_RESULT(ZOLTLOG_OK,
+                  zoltLogAppMsg(&context, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "after the parent"));
     EXPECT_EQ("T1", logs::records().back().token);
-    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
 }
 
 TEST_F(WriteMessages, AContextRefusesNullArguments) {
     LogHandle context;
     memset(static_cast<void *>(&context), 0x55, sizeof context);
     const LogHandle untouched = context;
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(nullptr, &context, "T1", 0, "%s", "o"));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, nullptr, "T1", 0, "%s", "o"));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, "T1", 0, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(nullptr, &context, "T1", 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, nullptr, "T1", 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, "T1", 0, nullptr));
     EXPECT_EQ(0, memcmp(&untouched, &context, sizeof context));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &handle, "T1", 0, "%s", "o"));
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "the handle lives"));
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogDestroyContext(nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &handle, "T1", 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_OK,
+                  zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "the handle lives"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogDestroyContext(nullptr));
 }
 
 TEST_F(WriteMessages, AContextThatFailsHoldsNothing) {
@@ -1119,30 +1127,30 @@ TEST_F(WriteMessages, AContextThatFailsHoldsNothing) {
         EXPECT_EQ(0, lis::open);
         EXPECT_EQ(nullptr, context.file);
         EXPECT_EQ(nullptr, context.contextMsg.text);
-        EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogDestroyContext(&context));
+        EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogDestroyContext(&context));
         EXPECT_EQ(0u, fresh());
         expectLockFree();
     };
     memset(static_cast<void *>(&context), 0x55, sizeof context);
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, nullptr, 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, nullptr, 0, "%s", "o"));
     expectClosed("null token");
     EXPECT_EQ(2u, sequence(&handle));
 
     lis::failWith = -4;
-    EXPECT_EQ(ZOLTLOG_LIS_FAILED, zoltLogCreateContext(&handle, &context, "T1", 42, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_LIS_FAILED, zoltLogCreateContext(&handle, &context, "T1", 42, "%s", "o"));
     lis::failWith = 0;
     expectClosed("failed lookup");
 
     lis::failTextV = -3;
-    EXPECT_EQ(ZOLTLOG_NO_MEMORY, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_NO_MEMORY, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
     lis::failTextV = 0;
     expectClosed("no memory for the block");
 
-    EXPECT_EQ(ZOLTLOG_NO_FILE_STATE, zoltLogCreateContext(&secure, &context, "T1", 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_NO_FILE_STATE, zoltLogCreateContext(&secure, &context, "T1", 0, "%s", "o"));
     expectClosed("a secure parent");
 
     handle.noContext = 0;
-    EXPECT_EQ(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
     handle.noContext = 1;
     expectClosed("a parent that cannot log");
 }
@@ -1151,30 +1159,31 @@ TEST_F(WriteMessages, AContextWhoseRecordCannotBeWrittenStaysAPlainHandle) {
     LogHandle context;
     const int descriptor = handle.file->file.descriptor;
     handle.file->file.descriptor = 1000; // nothing is open there
-    EXPECT_EQ(5u, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
     handle.file->file.descriptor = descriptor;
-    EXPECT_EQ(0u, zoltLogAppMsg(&context, 0, 1, 0, "goes on"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&context, 0, 1, 0, "goes on"));
     LogHandle inner;
-    EXPECT_EQ(0u, zoltLogCreateContext(&context, &inner, "T2", 0, "work"));
-    EXPECT_EQ(0u, zoltLogAppMsg(&inner, 0, 1, 0, "inside"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&context, &inner, "T2", 0, "work"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&inner, 0, 1, 0, "inside"));
     const std::vector<logs::Record> records = logs::records();
     ASSERT_EQ(3u, records.size());
     EXPECT_EQ("goes on", records[0].text);
     EXPECT_EQ("", records[0].token);
     EXPECT_EQ("", records[1].token);
     EXPECT_EQ("T2", records[2].token);
-    EXPECT_EQ(1u, zoltLogDestroyContext(&context));
-    EXPECT_EQ(3u, zoltLogDestroyContext(&context));
-    EXPECT_EQ(0u, zoltLogDestroyContext(&inner));
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogDestroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogDestroyContext(&context));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&inner));
     fresh();
 }
 
 TEST_F(WriteMessages, DestroyingAContextTwiceDoesNoHarm) {
     LogHandle context;
-    ASSERT_EQ(0u, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
-    EXPECT_EQ(0u, zoltLogDestroyContext(&context));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
     EXPECT_NE(0u, zoltLogDestroyContext(&context));
-    EXPECT_EQ(0u, zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "the parent lives"));
+    EXPECT_RESULT(ZOLTLOG_OK,
+                  zoltLogAppMsg(&handle, 0, ZOLTLOG_SEVERITY_WARNING, 0, "%s", "the parent lives"));
 }
 
 } // namespace

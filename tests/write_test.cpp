@@ -1,5 +1,6 @@
 // Handles through the configuration, the dispatcher, levels and sequence numbers.
 #include "support/log_records.h"
+#include "support/results.h"
 #include "support/sink_capture.h"
 
 #include <csignal>
@@ -81,8 +82,8 @@ ZoltLisBlock blockOf(const char *format, ...) {
 
 LogMsg appMessage(LogHandle *handle, const char *text) {
     LogMsg msg;
-    EXPECT_EQ(zoltLogInitMsg(&msg, handle, ZOLTLOG_MSG_APP, text), 0u);
-    EXPECT_EQ(zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, handle, ZOLTLOG_MSG_APP, text));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetAppAttrEx(&msg, "mgr", ZOLTLOG_SEVERITY_CRITICAL));
     return msg;
 }
 
@@ -93,21 +94,21 @@ LogMsg appMessage(LogHandle *handle, const char *text) {
 TEST_F(Write, InvalidArgumentsOfOpenLeaveTheRecordUntouched) {
     memset(static_cast<void *>(&handle), 0x5A, sizeof handle);
     const LogHandle before = handle;
-    EXPECT_EQ(zoltLogOpen(0, 7, &handle), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogOpen(5, 0, &handle), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogOpen2(5, 7, 0, &handle), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogOpenLogSet(0, 7, "backup", &handle), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogOpenLogSet(5, 0, "backup", &handle), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogOpenLogSet(5, 7, nullptr, &handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpen(0, 7, &handle));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpen(5, 0, &handle));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpen2(5, 7, 0, &handle));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpenLogSet(0, 7, "backup", &handle));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpenLogSet(5, 0, "backup", &handle));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpenLogSet(5, 7, nullptr, &handle));
     EXPECT_EQ(memcmp(&handle, &before, sizeof handle), 0);
-    EXPECT_EQ(zoltLogOpen(5, 7, nullptr), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogOpenLogSet(5, 7, "backup", nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpen(5, 7, nullptr));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogOpenLogSet(5, 7, "backup", nullptr));
     handle = {};
 }
 
 TEST_F(Write, OpenReadsTheSettingsAndStartsTheSeries) {
     memset(static_cast<void *>(&handle), 0x5A, sizeof handle);
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     EXPECT_EQ(handle.debugLevel, 5u);
     EXPECT_EQ(handle.diagLevel, 3u);
     EXPECT_EQ(handle.secureAuditLevel, 0u);
@@ -123,82 +124,82 @@ TEST_F(Write, OpenReadsTheSettingsAndStartsTheSeries) {
     EXPECT_EQ(isLogOpen(&handle), 1);
     EXPECT_EQ(support::readFile(fileOf(7)), "$Header 65543,5,7,1709300702,0,hostA\n");
     EXPECT_TRUE(sinks::opened.empty());
-    EXPECT_EQ(zoltLogClose(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
     EXPECT_EQ(isLogOpen(&handle), 0);
     EXPECT_EQ(sinks::closed, 1);
 }
 
 TEST_F(Write, Open2TagsWithOneOriginatorAndWritesToTheFileOfAnother) {
-    ASSERT_EQ(zoltLogOpen2(5, 7, 9, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen2(5, 7, 9, &handle));
     EXPECT_EQ(handle.debugLevel, 5u);
-    ASSERT_EQ(series::send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, series::send(&handle, "one"));
     EXPECT_EQ(support::listFiles("log"), series::Names{"5-9-83886090-240301-0000000000.log"});
     EXPECT_EQ(recordOf(fileOf(9), 1), "2,5,7,9,1,1709300702000,P,T,0:,3:one,3:mgr,3,(0|)");
 }
 
 TEST_F(Write, UnknownProductIs6AndTheHandleIsZero) {
     memset(static_cast<void *>(&handle), 0x5A, sizeof handle);
-    EXPECT_EQ(zoltLogOpen(6, 7, &handle), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogOpen(6, 7, &handle));
     EXPECT_TRUE(isZero(handle));
-    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&handle));
 }
 
 TEST_F(Write, NoLogDirectoryIs53AndCloseReleasesTheState) {
     support::writeFile("product.conf", "Default.DebugLevel=1\n");
-    EXPECT_EQ(zoltLogOpen(5, 7, &handle), ZOLTLOG_NO_DIRECTORY);
+    EXPECT_RESULT(ZOLTLOG_NO_DIRECTORY, zoltLogOpen(5, 7, &handle));
     EXPECT_EQ(isLogOpen(&handle), 1);
-    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogClose(&handle));
     EXPECT_EQ(isLogOpen(&handle), 0);
 }
 
 TEST_F(Write, FailedOpenKeepsItsStateUntilClose) {
     support::writeFile("product.conf", "Default.LogDirectory=/proc/none/\n");
-    EXPECT_EQ(zoltLogOpen(5, 7, &handle), ZOLTLOG_FAILED);
+    EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogOpen(5, 7, &handle));
     EXPECT_EQ(isLogOpen(&handle), 1);
-    EXPECT_EQ(zoltLogClose(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
 }
 
 TEST_F(Write, SystemLogIsOpenedWhenTheOriginatorAsksForIt) {
-    ASSERT_EQ(zoltLogOpen(5, 8, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 8, &handle));
     EXPECT_EQ(handle.outputFlags, ZOLTLOG_OUT_OSLOG);
     ASSERT_EQ(sinks::opened.size(), 1u);
     EXPECT_EQ(sinks::opened[0].text, "eight");
     EXPECT_EQ(sinks::opened[0].ident, handle.oslog.ident);
-    EXPECT_EQ(zoltLogClose(&handle), 0u);
-    ASSERT_EQ(zoltLogOpen2(5, 7, 8, &handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen2(5, 7, 8, &handle));
     EXPECT_EQ(sinks::opened.size(), 1u) << "the file's originator does not decide it";
 }
 
 TEST_F(Write, CloseOfNullIs3) {
-    EXPECT_EQ(zoltLogClose(nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(nullptr));
     EXPECT_EQ(isLogOpen(nullptr), 0);
 }
 
 // ---- log sets ----------------------------------------------------------------------------
 
 TEST_F(Write, LogsetIsOpenedWithItsSettingsAndTheCallersOriginator) {
-    ASSERT_EQ(zoltLogOpenLogSet(5, 7, "backup", &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpenLogSet(5, 7, "backup", &handle));
     EXPECT_EQ(handle.debugLevel, 1u);
     EXPECT_EQ(handle.diagLevel, 4u);
     EXPECT_EQ(handle.originatorId, 7u);
     EXPECT_EQ(handle.file->isLogset, 1u);
     EXPECT_STREQ(handle.file->logsetName, "backup");
     EXPECT_STREQ(handle.file->logsetFilename, "nightly");
-    ASSERT_EQ(series::send(&handle, "one"), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, series::send(&handle, "one"));
     EXPECT_EQ(support::listFiles("log"), series::Names{"5-nightly-240301134502.log"});
     const std::vector<std::string> found =
         support::lines(support::readFile("log/5-nightly-240301134502.log"));
     ASSERT_EQ(found.size(), 2u);
     EXPECT_EQ(found[0], "$Header 65544,0,hostA");
     EXPECT_EQ(found[1].substr(0, 18), "2,7,1,170930070200");
-    EXPECT_EQ(zoltLogClose(&handle), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
 }
 
 TEST_F(Write, DefaultLogsetAndMissingLogset) {
-    ASSERT_EQ(zoltLogOpenLogSet(5, 7, "Default", &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpenLogSet(5, 7, "Default", &handle));
     EXPECT_EQ(support::listFiles("log"), series::Names{"5-Default-240301134502.log"});
-    EXPECT_EQ(zoltLogClose(&handle), 0u);
-    EXPECT_EQ(zoltLogOpenLogSet(5, 7, "nowhere", &handle), ZOLTLOG_CFG_NOT_FOUND);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle));
+    EXPECT_RESULT(ZOLTLOG_CFG_NOT_FOUND, zoltLogOpenLogSet(5, 7, "nowhere", &handle));
     EXPECT_EQ(isLogOpen(&handle), 0);
 }
 
@@ -218,8 +219,8 @@ struct WriteSecure : Write {
     ~WriteSecure() override { zoltLogFreeCfg(&cfg); }
     uint32_t sendAudit() {
         LogMsg msg;
-        EXPECT_EQ(zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_SECURE_AUDIT, "secret"), 0u);
-        EXPECT_EQ(zoltLogSetSecureAuditAttr(&msg, 1, "alice", 0), 0u);
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_SECURE_AUDIT, "secret"));
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetSecureAuditAttr(&msg, 1, "alice", 0));
         const uint32_t result = zoltLogMsg(&handle, 4, &msg);
         zoltLogFreeMsg(&msg);
         return result;
@@ -231,16 +232,16 @@ struct WriteSecure : Write {
 } // namespace
 
 TEST_F(WriteSecure, InvalidArguments) {
-    EXPECT_EQ(zoltLogSecureOpen(0, 7, &cfg, &handle), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogSecureOpen(5, 0, &cfg, &handle), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogSecureOpen(5, 7, nullptr, &handle), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogSecureOpen(5, 7, &cfg, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSecureOpen(0, 7, &cfg, &handle));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSecureOpen(5, 0, &cfg, &handle));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSecureOpen(5, 7, nullptr, &handle));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSecureOpen(5, 7, &cfg, nullptr));
     EXPECT_EQ(cfg.productId, 1u);
 }
 
 TEST_F(WriteSecure, IsFilledFromTheCallersRecord) {
     memset(static_cast<void *>(&handle), 0x5A, sizeof handle);
-    ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(5, 7, &cfg, &handle));
     EXPECT_EQ(handle.file, nullptr);
     EXPECT_EQ(handle.secureAuditLevel, 6u);
     EXPECT_EQ(handle.debugLevel, 0u);
@@ -253,89 +254,89 @@ TEST_F(WriteSecure, IsFilledFromTheCallersRecord) {
     EXPECT_EQ(handle.cfgCopy->originatorId, 7u);
     EXPECT_FALSE(support::exists("log"));
     EXPECT_EQ(sinks::opened.size(), 1u);
-    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&handle));
     cfg.outputFlags = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_STDERR;
-    ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(5, 7, &cfg, &handle));
     EXPECT_EQ(handle.outputFlags, ZOLTLOG_OUT_OSLOG);
-    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&handle));
 }
 
 TEST_F(WriteSecure, WritesTheIdsIntoTheRecord) {
-    ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(5, 7, &cfg, &handle));
     EXPECT_EQ(cfg.productId, 5u);
     EXPECT_EQ(cfg.originatorId, 7u);
-    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&handle));
 }
 
 TEST_F(WriteSecure, NumbersFromZero) {
     uint64_t number = 99;
-    ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
-    EXPECT_EQ(zoltLogGetSequenceNumber(&handle, &number), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(5, 7, &cfg, &handle));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetSequenceNumber(&handle, &number));
     EXPECT_EQ(number, 0u);
-    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
-    EXPECT_EQ(zoltLogGetSequenceNumber(&handle, &number), 0u);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&handle));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetSequenceNumber(&handle, &number));
     EXPECT_EQ(number, 1u);
 }
 
 TEST_F(WriteSecure, CloseTellsAnInvalidArgument) {
-    ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
-    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(5, 7, &cfg, &handle));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&handle));
     EXPECT_EQ(handle.cfgCopy, nullptr);
     EXPECT_EQ(sinks::closed, 1);
 }
 
 TEST_F(WriteSecure, SecureAuditGoesToTheSystemLogOnly) {
-    ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
-    EXPECT_EQ(sendAudit(), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(5, 7, &cfg, &handle));
+    EXPECT_RESULT(ZOLTLOG_OK, sendAudit());
     EXPECT_EQ(sinks::sent.size(), 1u);
     EXPECT_FALSE(support::exists("log"));
-    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&handle));
 }
 
 TEST_F(WriteSecure, SecureAuditThroughAFileHandleIs58AndWritesNothing) {
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
-    EXPECT_EQ(sendAudit(), 58u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
+    EXPECT_RESULT(ZOLTLOG_SECURE_ON_FILE_HANDLE, sendAudit());
     EXPECT_EQ(sinks::sent.size(), 0u);
     EXPECT_EQ(support::lines(support::readFile(fileOf(7))).size(), 1u);
 }
 
 TEST_F(WriteSecure, OrdinaryMessageThroughASecureHandleIs57) {
-    ASSERT_EQ(zoltLogSecureOpen(5, 7, &cfg, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogSecureOpen(5, 7, &cfg, &handle));
     LogMsg msg = appMessage(&handle, "one");
     EXPECT_EQ(msg.productId, 0u);
     EXPECT_EQ(msg.originatorId, 0u);
-    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), ZOLTLOG_NO_FILE_STATE);
+    EXPECT_RESULT(ZOLTLOG_NO_FILE_STATE, zoltLogMsg(&handle, 0, &msg));
     EXPECT_EQ(sinks::sent.size(), 1u) << "the sinks get it all the same";
     zoltLogFreeMsg(&msg);
-    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogClose(&handle));
 }
 
 // ---- dispatch --------------------------------------------------------------------------------
 
 TEST_F(Write, NullHandleOrMessageIs3) {
     LogMsg msg = {};
-    EXPECT_EQ(zoltLogMsg(nullptr, 0, &msg), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogMsg(&handle, 0, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogMsg(nullptr, 0, &msg));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogMsg(&handle, 0, nullptr));
 }
 
 TEST_F(Write, Utf8FlagOfTheHandleGoesIntoTheMessage) {
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     LogMsg msg = appMessage(&handle, "one");
     msg.utf8 = 5;
-    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
     EXPECT_EQ(msg.utf8, 0u);
     handle.utf8 = 1;
-    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
     EXPECT_EQ(msg.utf8, 1u);
     zoltLogFreeMsg(&msg);
 }
 
 TEST_F(Write, BlockBecomesTheTextAndIsEmptied) {
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     LogMsg msg = appMessage(&handle, nullptr);
     msg.lis = blockOf("%d of %s", 2, "three");
-    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
     EXPECT_STREQ(msg.text, "2 of three");
     EXPECT_EQ(msg.lis.word[0] | msg.lis.word[1] | msg.lis.word[2], 0u);
     EXPECT_EQ(recordOf(fileOf(7), 1), "2,5,7,7,1,1709300702000,P,T,0:,10:2 of three,3:mgr,3,(0|)");
@@ -343,10 +344,10 @@ TEST_F(Write, BlockBecomesTheTextAndIsEmptied) {
 }
 
 TEST_F(Write, BlockIsReleasedAlsoWhenTheMessageHasAText) {
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     LogMsg msg = appMessage(&handle, "own text");
     msg.lis = blockOf("%d", 2);
-    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
     EXPECT_STREQ(msg.text, "own text");
     EXPECT_EQ(msg.lis.word[0] | msg.lis.word[1] | msg.lis.word[2], 0u);
     EXPECT_EQ(recordOf(fileOf(7), 1), "2,5,7,7,1,1709300702000,P,T,0:,8:own text,3:mgr,3,(0|)");
@@ -354,20 +355,20 @@ TEST_F(Write, BlockIsReleasedAlsoWhenTheMessageHasAText) {
 }
 
 TEST_F(Write, BlockIsEmptyAlsoWhenItsReleaseLeavesTheWords) {
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     LogMsg msg = appMessage(&handle, nullptr);
     msg.lis = blockOf("%d", 2);
     releaseLeavesWords = true; // another localization library may do so
-    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
     releaseLeavesWords = false;
     EXPECT_EQ(msg.lis.word[0] | msg.lis.word[1] | msg.lis.word[2], 0u) << "or it would be released twice";
     zoltLogFreeMsg(&msg);
 }
 
 TEST_F(Write, MessageWithoutTextOrBlockIsWrittenEmpty) {
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     LogMsg msg = appMessage(&handle, nullptr);
-    EXPECT_EQ(zoltLogMsg(&handle, 0, &msg), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
     EXPECT_EQ(msg.text, nullptr);
     EXPECT_EQ(recordOf(fileOf(7), 1), "2,5,7,7,1,1709300702000,P,T,0:,0:,3:mgr,3,(0|)");
     zoltLogFreeMsg(&msg);
@@ -375,7 +376,7 @@ TEST_F(Write, MessageWithoutTextOrBlockIsWrittenEmpty) {
 
 TEST_F(Write, FileFailureWinsOverTheOutputs) {
     sinks::formatter = sinks::testFormatter("failing");
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     LogMsg msg = appMessage(&handle, "one");
     uint32_t output = 0;
     support::captured(1, [&] { output = zoltLogMsg(&handle, 1, &msg); });
@@ -390,10 +391,10 @@ TEST_F(Write, FileFailureWinsOverTheOutputs) {
 
 TEST_F(Write, OutputsAreServedAlsoWhenTheFileFails) {
     sinks::formatter = sinks::testFormatter("recording");
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     LogMsg msg = appMessage(&handle, "one");
     msg.attr.severity = ZOLTLOG_SEVERITY_EMERGENCY + 1;
-    EXPECT_EQ(support::captured(1, [&] { EXPECT_EQ(zoltLogMsg(&handle, 1, &msg), ZOLTLOG_FAILED); }),
+    EXPECT_EQ(support::captured(1, [&] { EXPECT_RESULT(ZOLTLOG_FAILED, zoltLogMsg(&handle, 1, &msg)); }),
               "one\n");
     zoltLogFreeMsg(&msg);
 }
@@ -408,7 +409,7 @@ TEST_F(Write, LevelsAreStoredAndRead) {
     } rows[] = {{zoltLogSetDebugLevel, zoltLogGetDebugLevel, &LogHandle::debugLevel},
                 {zoltLogSetDiagLevel, zoltLogGetDiagLevel, &LogHandle::diagLevel},
                 {zoltLogSetSecureAuditLevel, zoltLogGetSecureAuditLevel, &LogHandle::secureAuditLevel}};
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     for (const auto &row : rows) {
         uint32_t level = 99;
         EXPECT_EQ(row.set(nullptr, 1), 3u);
@@ -427,52 +428,52 @@ TEST_F(Write, LevelsAreStoredAndRead) {
 
 TEST_F(Write, DebugAndDiagnosticGettersReloadAndTheSecureOneDoesNot) {
     support::writeFile("product.conf", support::readFile("product.conf") + "7.DynaReloadInSec=60\n");
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     uint32_t level = 0;
-    EXPECT_EQ(zoltLogSetDebugLevel(&handle, 1), 0u);
-    EXPECT_EQ(zoltLogSetDiagLevel(&handle, 1), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetDebugLevel(&handle, 1));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetDiagLevel(&handle, 1));
     series::advance(61);
-    EXPECT_EQ(zoltLogGetSecureAuditLevel(&handle, &level), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetSecureAuditLevel(&handle, &level));
     EXPECT_EQ(handle.debugLevel, 1u) << "not reloaded yet";
-    EXPECT_EQ(zoltLogGetDiagLevel(&handle, &level), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetDiagLevel(&handle, &level));
     EXPECT_EQ(level, 3u) << "the setter's value is overwritten";
-    EXPECT_EQ(zoltLogGetDebugLevel(&handle, &level), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetDebugLevel(&handle, &level));
     EXPECT_EQ(level, 5u);
 }
 
 TEST_F(Write, LogsetHandleReloadsTheSettingsOfItsLogset) {
     support::writeFile("product.conf",
                        support::readFile("product.conf") + "LOGSET.backup.DynaReloadInSec=60\n");
-    ASSERT_EQ(zoltLogOpenLogSet(5, 7, "backup", &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpenLogSet(5, 7, "backup", &handle));
     uint32_t level = 0;
-    EXPECT_EQ(zoltLogSetDebugLevel(&handle, 6), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetDebugLevel(&handle, 6));
     series::advance(61);
-    EXPECT_EQ(zoltLogGetDebugLevel(&handle, &level), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetDebugLevel(&handle, &level));
     EXPECT_EQ(level, 1u) << "not originator 7's level";
-    EXPECT_EQ(zoltLogGetDiagLevel(&handle, &level), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetDiagLevel(&handle, &level));
     EXPECT_EQ(level, 4u);
 }
 
 TEST_F(Write, SequenceNumbersCountUpAndWrap) {
     uint64_t number = 99;
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     EXPECT_EQ(GetNextSequenceNumber(nullptr), 0u);
     EXPECT_EQ(GetNextSequenceNumber(&handle), 1u);
     EXPECT_EQ(GetNextSequenceNumber(&handle), 2u);
-    EXPECT_EQ(zoltLogGetSequenceNumber(&handle, &number), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogGetSequenceNumber(&handle, &number));
     EXPECT_EQ(number, 3u) << "told without being used up";
-    EXPECT_EQ(zoltLogSetSequenceNumber(&handle, UINT64_MAX), 0u);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogSetSequenceNumber(&handle, UINT64_MAX));
     EXPECT_EQ(GetNextSequenceNumber(&handle), UINT64_MAX);
     EXPECT_EQ(GetNextSequenceNumber(&handle), 0u);
-    EXPECT_EQ(zoltLogSetSequenceNumber(nullptr, 1), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogGetSequenceNumber(nullptr, &number), ZOLTLOG_INVALID_ARGUMENT);
-    EXPECT_EQ(zoltLogGetSequenceNumber(&handle, nullptr), ZOLTLOG_INVALID_ARGUMENT);
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSetSequenceNumber(nullptr, 1));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetSequenceNumber(nullptr, &number));
+    EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogGetSequenceNumber(&handle, nullptr));
 }
 
 TEST_F(Write, SequenceNumberGetterUsesTheSettersTag) {
     // The tag of the last acquisition is cleared at its release, so the getter stores its
     // answer into a page that cannot be written and is looked at from the fault.
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     EXPECT_EXIT(
         {
             static uint64_t *number;
@@ -488,7 +489,7 @@ TEST_F(Write, SequenceNumberGetterUsesTheSettersTag) {
 }
 
 TEST_F(Write, SequenceNumbersOfManyThreadsAreAllDifferent) {
-    ASSERT_EQ(zoltLogOpen(5, 7, &handle), 0u);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; ++thread)
         threads.emplace_back([this] {
