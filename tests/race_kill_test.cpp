@@ -49,7 +49,7 @@ void configure() {
     support::writeFile("main.conf", "5.Configuration=" + home + "p5.conf\n5.Names=web\n");
     support::writeFile("p5.conf", text + "LOGSET.nightly.FileName=night\n");
     support::makeDirectory("logs");
-    setenv("ZOLTLOG_CFG_LOC", (home + "main.conf").c_str(), 1);
+    setenv("ZOLTLOG_CFG_LOC", "./main.conf", 1); // read once per process: right in each case's directory
 }
 
 // Sends numbered messages of all lengths up to the longest until it is killed or told.

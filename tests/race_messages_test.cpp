@@ -1,4 +1,5 @@
 // Many threads that log messages of all kinds through shared handles and contexts.
+#include "support/lis_items.h"
 #include "support/log_records.h"
 #include "support/results.h"
 #include "support/sink_capture.h"
@@ -15,15 +16,6 @@ namespace {
 
 constexpr int THREADS = 8;
 constexpr int CONTEXT_LENGTH = 50; // messages through one pair of contexts
-
-ZoltLisBlock blockOf(const char *format, ...) {
-    ZoltLisBlock block = {};
-    va_list args;
-    va_start(args, format);
-    EXPECT_EQ(0, zoltLisTextV(&block, format, args));
-    va_end(args);
-    return block;
-}
 
 struct Shared {
     LogHandle first;  // originator 7
@@ -51,13 +43,13 @@ uint32_t sendOne(Shared &shared, LogHandle *context, int thread, int n) {
     case 3:
         return zoltLogFormattedDebugMsg(handle, 0, 6, "race", text);
     case 4:
-        block = blockOf("t%d-%d", thread, n);
+        block = support::textBlock("t%d-%d", thread, n);
         return zoltLogAuditMsg2L(handle, 1, 0, "alice", 0, &block);
     case 5:
-        block = blockOf("%s", text);
+        block = support::textBlock("%s", text);
         return zoltLogAppMsg2LEx(handle, 1, 0, ZOLTLOG_SEVERITY_EMERGENCY, "race", nullptr, &block);
     default:
-        block = blockOf("%s", text);
+        block = support::textBlock("%s", text);
         return zoltLogSecureAuditMsgL(&shared.secure, 1, "alice", 0, &block);
     }
 }

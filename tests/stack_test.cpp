@@ -1,5 +1,6 @@
 // How much stack the operations need: the manual promises 24 KB at most, so that threads
 // of 32 KB can log. Small accessors are left out.
+#include "support/lis_items.h"
 #include "support/log_records.h"
 #include "support/results.h"
 #include "support/support.h"
@@ -105,15 +106,6 @@ struct Stack : testing::Test {
     size_t largest = 0;
 };
 
-ZoltLisBlock blockOf(const char *format, ...) {
-    ZoltLisBlock block = {};
-    va_list args;
-    va_start(args, format);
-    EXPECT_EQ(0, zoltLisTextV(&block, format, args));
-    va_end(args);
-    return block;
-}
-
 uint32_t formatted(char **text, const char *format, ...) {
     va_list args;
     va_start(args, format);
@@ -159,7 +151,7 @@ TEST_F(Stack, OfMessagesOpensRolloversAndContextsIsSmall) {
                       zoltLogAppMsg(handle.get(), 0, 1, 0, "%f %Lg %ls %m", 1e308, 1.0L, L"wide"));
     });
     need("zoltLogAppMsg2LEx", [&] {
-        block = blockOf("%s %f", "block", 0.25);
+        block = support::textBlock("%s %f", "block", 0.25);
         EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg2LEx(handle.get(), 1, 0, 1, "mgr", nullptr, &block));
     });
     need("zoltLogDiagMsg with a reload", [&] {
@@ -318,7 +310,7 @@ TEST_F(Stack, OfTextsIsSmall) {
         zoltLogFree(text);
     });
     need("nested blocks", [&] {
-        ZoltLisBlock outer = blockOf("%d", 1);
+        ZoltLisBlock outer = support::textBlock("%d", 1);
         for (int depth = 0; depth < 20; ++depth) {
             ZoltLisBlock next = {};
             qdlisBegin(&next, 0, 0);

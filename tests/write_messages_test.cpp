@@ -1,4 +1,5 @@
 // Message entry points and contexts, from the call to the bytes in the file.
+#include "support/lis_items.h"
 #include "support/log_records.h"
 #include "support/results.h"
 #include "support/sink_capture.h"
@@ -101,15 +102,6 @@ int32_t zoltLisFree(ZoltLisBlock *block) {
 }
 
 namespace {
-
-ZoltLisBlock blockOf(const char *format, ...) {
-    ZoltLisBlock block = {};
-    va_list args;
-    va_start(args, format);
-    EXPECT_EQ(0, zoltLisTextV(&block, format, args));
-    va_end(args);
-    return block;
-}
 
 // ---- the calls, as a table -----------------------------------------------------------
 
@@ -308,7 +300,7 @@ struct WriteMessages : testing::Test {
         if ((operation.traits & NEEDS_NUMBER) != 0)
             a.number = 42;
         if ((operation.traits & HAS_BLOCK) != 0) {
-            block = blockOf("block %s %d", "files", 12);
+            block = support::textBlock("block %s %d", "files", 12);
             a.block = &block;
             if ((operation.traits & HAS_TEXT) != 0)
                 a.text = nullptr; // so that the block gives the wording
@@ -660,7 +652,7 @@ TEST_F(WriteMessages, TextsThatLieInTheBlockAreReadBeforeItGoes) {
             SCOPED_TRACE(testing::Message() << operation.name << " " << length);
             Arguments a = good(operation);
             zoltLisFree(&block);
-            block = blockOf("%s", words.c_str());
+            block = support::textBlock("%s", words.c_str());
             ZoltLisIterator item = {};
             const char *inside = nullptr;
             ASSERT_EQ(0, zoltLisGetArgsBegin(&block, &item));
@@ -862,7 +854,7 @@ TEST_F(WriteMessages, AContextHandleWithoutAContextMessageCannotLog) {
 
 TEST_F(WriteMessages, ASecureAuditBlockStaysWithTheCallerWhenInitialisationFails) {
     secure.noContext = 0;
-    block = blockOf("block %s", "x");
+    block = support::textBlock("block %s", "x");
     const ZoltLisBlock before = block;
     EXPECT_RESULT(ZOLTLOG_INVALID_ARGUMENT, zoltLogSecureAuditMsgL(&secure, 1, "alice", 0, &block));
     EXPECT_EQ(0, memcmp(&before, &block, sizeof block));

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <gtest/gtest.h>
 #include <string>
 
 #include "zoltlis.h"
@@ -103,6 +104,14 @@ inline int32_t lisText(ZoltLisBlock *block, const char *format, ...) {
     const int32_t result = zoltLisTextV(block, format, args);
     va_end(args);
     return result;
+}
+
+// The block of a text with its arguments; the caller's to free.
+template<typename... Values>
+ZoltLisBlock textBlock(const char *format, Values... values) {
+    ZoltLisBlock block = {};
+    EXPECT_EQ(0, lisText(&block, format, values...));
+    return block;
 }
 
 } // namespace support
