@@ -71,8 +71,10 @@ void lookUpHost(HostNumber *host) {
 }
 
 void keepHost(const HostNumber *host) {
-    if (host->number != 0)
-        known = *host;
+    if (host->number == 0)
+        return;
+    known = *host;
+    __atomic_store_n(&hostOutOfDate, false, __ATOMIC_RELAXED);
 }
 
 uint64_t hostNumber(const HostName &name) {

@@ -49,12 +49,13 @@ run_whole() {
     local output name
     name=$(basename "$3")
     # shellcheck disable=SC2086 # PREFIX is several words
-    if ! output=$(timeout 600 $2 "$3" --gtest_filter="-Long*" --gtest_brief=1 --gtest_shuffle \
-        --gtest_random_seed="$1" 2>&1 </dev/null); then
+    output=$(timeout 600 $2 "$3" --gtest_filter="-Long*" --gtest_brief=1 --gtest_shuffle \
+        --gtest_random_seed="$1" 2>&1 </dev/null) || {
+        local ended=$?
         printf '%s\n' "$output" | cut -c1-400 | head -60
-        echo "FAILED: ${2:+$2 }$name --gtest_filter=-Long* --gtest_shuffle --gtest_random_seed=$1"
+        echo "FAILED: ${2:+$2 }$name --gtest_filter=-Long* --gtest_shuffle --gtest_random_seed=$1 (ended with $ended)"
         return 1
-    fi
+    }
 }
 export -f run_whole
 

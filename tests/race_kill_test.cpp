@@ -114,7 +114,7 @@ void readFileInto(const std::string &name, Reading *reading) {
         // appended to it: the line feed then stands alone behind that record.
         if (line.empty())
             continue;
-        EXPECT_EQ(line.substr(0, 2), "2,") << name << ": begins with no record: " << line.substr(0, 100);
+        EXPECT_EQ(line[0], '2') << name << ": begins with no record: " << line.substr(0, 100);
         if (tools::salvageRecord(line, header.version, record, at))
             count(record, reading);
     }

@@ -409,6 +409,17 @@ TEST_F(WriteFileHost, SlowNameServiceDelaysOnlyWhoOpensASeries) {
     onHostLookUp = nullptr;
 }
 
+TEST_F(WriteFileHost, IsNotLookedUpAgainWhenAnOpenHasDoneSoSinceTheRollover) {
+    interfaceAddress = "192.0.2.2";
+    rollOver();
+    LogHandle other;
+    ASSERT_RESULT(ZOLTLOG_OK, open(&other, settings(8)));
+    EXPECT_EQ(hostLookUps, 1);
+    rollOver();
+    EXPECT_EQ(hostLookUps, 1);
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&other));
+}
+
 TEST_F(WriteFileHost, IsLookedUpAgainWhenTheSeriesIsOpened) {
     ASSERT_RESULT(ZOLTLOG_OK, zoltLogCloseFile(&handle));
     hostAddress = "10.0.0.6";
