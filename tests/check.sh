@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The checks, one step after the other; a step that fails does not keep the others from
 # running, but the end is a failure. CHECK_FACTOR (1) multiplies what is tried at random:
-# the orders of shuffle and the time of fuzz.
+# the orders of shuffle, the sequences of model and the time of fuzz.
 #
 #   tests/check.sh ci          format abi tests leaks asan: under 20 minutes on two cores
 #   tests/check.sh quick       format leaks asan
@@ -19,6 +19,8 @@
 # tidy      clang-tidy over everything but the tests
 # cppcheck  cppcheck over everything but the tests
 # abi       libqdul.so.3 against abi/libqdul.so.3.abi.gz
+# model     5,000 random sequences of calls, with the library and with a model of the rules of
+#           writing, every file compared after each step
 # fuzz      every fuzzer for FUZZ_SECONDS (10), from its corpus
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -141,9 +143,32 @@ record_abi() {
         echo "recorded in $abi_file"
 }
 
+step_model() {
+    local workers each worker log status=0 started=$SECONDS
+    build release || return 1
+    log=$(mktemp -d) || return 1
+    workers=$(nproc)
+    each=$(((5000 * factor + workers - 1) / workers))
+    for worker in $(seq 0 $((workers - 1))); do
+        MODEL_FIRST=$((1 + worker * each)) MODEL_SEQUENCES=$each build/release/tests/writing_model_test \
+            --gtest_filter='WritingModel.*' --gtest_brief=1 >"$log/$worker" 2>&1 </dev/null &
+    done
+    wait
+    for worker in $(seq 0 $((workers - 1))); do
+        grep -q 'no difference$' "$log/$worker" && continue
+        cut -c1-400 "$log/$worker" | head -200
+        status=1
+    done
+    awk -v seconds=$((SECONDS - started)) '/no difference$/ { sequences += $1; steps += $3; records += $5; files += $7 }
+        END { printf "%d sequences, %d steps, %d records, %d files compared without difference in %d s\n",
+              sequences, steps, records, files, seconds }' "$log"/*
+    rm -rf "$log"
+    return $status
+}
+
 step_fuzz() { ./dev fuzz $((${FUZZ_SECONDS:-10} * factor)); }
 
-all_steps="format tests shuffle leaks asan asan-long tsan tidy cppcheck abi fuzz"
+all_steps="format tests shuffle leaks asan asan-long tsan tidy cppcheck abi model fuzz"
 [ $# -gt 0 ] || set -- full
 case $1 in
     ci) set -- format abi tests leaks asan ;;
