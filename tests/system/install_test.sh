@@ -7,6 +7,7 @@ fail() {
 }
 if grep -q '^QDUL_SANITIZE:STRING=.' "$QDUL_BUILD/CMakeCache.txt"; then exit 77; fi # needs the sanitizer's runtime
 command -v pkg-config >/dev/null || exit 77
+[ -e "$QDUL_BUILD/build.ninja" ] || exit 77 # what is tested is installed already
 
 cmake --install "$QDUL_BUILD" --prefix "$PWD/prefix" >install.log || { cat install.log; fail "installation"; }
 pc=$(find prefix -name qdul.pc)
@@ -32,6 +33,12 @@ done
 # qdul.pc names the prefix that was configured; here it is moved.
 export PKG_CONFIG_PATH=$(dirname "$PWD/$pc")
 configured=$(pkg-config --variable=prefix qdul)
+for module in qdul qdlis; do
+    pkg-config --exists "$module = 3.16.1.0" || fail "no $module.pc of this version"
+    for flag in $(pkg-config --libs-only-L --cflags-only-I "$module" | sed "s|$configured|$PWD/prefix|g"); do
+        [ -d "${flag#-?}" ] || fail "$module.pc names $flag"
+    done
+done
 flags=$(pkg-config --cflags --libs qdul | sed "s|$configured|$PWD/prefix|g")
 
 mkdir log
