@@ -120,6 +120,9 @@ def check_that_faults_are_found(order, objects, uses):
     check("a call upward is a fault", len(faults(order, units, fabricated)) == 1)
 
 
+if not os.path.isdir(OBJECTS):
+    print("there are no objects to look at: an installed library is tested")
+    raise SystemExit(77)
 order = table_order()
 units = {name[:-4] for name in os.listdir(os.path.join(SOURCE, "src")) if name.endswith(".cpp")}
 objects = {unit: [os.path.join(OBJECTS, unit + ".cpp.o")] for unit in units}

@@ -277,7 +277,7 @@ class Trials(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if SANITIZE:
+    if SANITIZE or CACHE.get("QDUL_TEST_INSTALLED"):
         print("the trials are made with the library of a plain build")
         raise SystemExit(77)
     unittest.main()
