@@ -197,11 +197,13 @@ uint32_t makeChanges(Writing *writing, const char *location, bool mayGo, const c
     const LogOwned<char> path = realLocation(location);
     if (path == nullptr)
         return ZOLTLOG_NO_MEMORY;
-    PropertyStore store;
-    struct stat status;
-    const bool opened = utiOpenPropertyStore(path.get(), "", &store) == ZOLTLOG_STORE_OK;
-    (void)(opened && utiClosePropertyStore(&store));
-    if (!opened && (stat(path.get(), &status) == 0 || errno != ENOENT))
+    const int descriptor = storeOpenForReading(path.get());
+    const bool opened = descriptor >= 0;
+    if (opened)
+        close(descriptor);
+    else if (errno == ENOMEM)
+        return ZOLTLOG_NO_MEMORY;
+    else if (errno != ENOENT)
         return openFailure;
     StoreChanges changes = {writing->section, writing->changes, writing->count, !opened, false};
     const StoreMissing missing = mayGo    ? STORE_MAKE_MISSING

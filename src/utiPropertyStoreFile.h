@@ -127,7 +127,7 @@ struct StoreRewriting {
 };
 // Waits for other writers and makes one rewrite. Nothing is changed when it fails:
 // ZOLTLOG_STORE_NOT_CREATED when no new file can be made, ZOLTLOG_STORE_NOT_WRITTEN, STORE_NO_MEMORY,
-// STORE_BUSY, STORE_CHANGED, or what make tells.
+// STORE_BUSY, STORE_CHANGED, or what make tells. errno holds the cause then.
 uint32_t storeRewrite(const char *path, const StoreRewriting *how);
 
 // Makes or empties a file in place, through a link if the path is one.

@@ -304,7 +304,7 @@ uint32_t storeChange(const char *path, StoreChanges *changes, StoreMissing missi
             return ZOLTLOG_STORE_INVALID_ARGUMENT;
     }
     if (missing != STORE_REFUSE_MISSING && isMissing(path) && !makeDirectoryOf(path))
-        return ZOLTLOG_STORE_NOT_CREATED;
+        return errno == ENOMEM ? STORE_NO_MEMORY : static_cast<uint32_t>(ZOLTLOG_STORE_NOT_CREATED);
     const StoreRewriting how = {makeChanges, changes, missing, tag};
     return storeRewrite(path, &how);
 }

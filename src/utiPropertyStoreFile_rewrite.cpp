@@ -164,8 +164,10 @@ bool removeLeftover(const char *path) {
 // Waits until nobody else writes, at most until the end.
 uint32_t takeTemporary(const char *path, long end, Temporary *temporary) {
     temporary->descriptor = -1;
-    if (!temporaryPath(path, temporary->path))
+    if (!temporaryPath(path, temporary->path)) {
+        errno = ENAMETOOLONG;
         return ZOLTLOG_STORE_NOT_CREATED;
+    }
     for (;;) {
         bool failed = false;
         struct stat status;
@@ -176,8 +178,10 @@ uint32_t takeTemporary(const char *path, long end, Temporary *temporary) {
             return ZOLTLOG_STORE_NOT_CREATED;
         if (lstat(temporary->path, &status) != 0)
             continue;
-        if (monotonicMilliseconds() > end)
+        if (monotonicMilliseconds() > end) {
+            errno = EBUSY;
             return STORE_BUSY;
+        }
         pauseShortly();
     }
 }
@@ -331,8 +335,9 @@ uint32_t giveAttributes(const Rewrite *rewrite) {
     if (!rewrite->content.exists)
         return rewrite->temporary.isForNew ? static_cast<uint32_t>(ZOLTLOG_STORE_OK)
                                            : STORE_CHANGED; // it went meanwhile
-    return inherit(rewrite->temporary.descriptor, rewrite->source, &rewrite->old) ? ZOLTLOG_STORE_OK
-                                                                                  : ZOLTLOG_STORE_NOT_CREATED;
+    if (inherit(rewrite->temporary.descriptor, rewrite->source, &rewrite->old))
+        return ZOLTLOG_STORE_OK;
+    return errno == ENOMEM ? STORE_NO_MEMORY : static_cast<uint32_t>(ZOLTLOG_STORE_NOT_CREATED);
 }
 
 // The file under the name is still the one that was read.
@@ -406,7 +411,9 @@ uint32_t rewriteOnce(Rewrite *rewrite) {
         result = publish(rewrite);
     else if (result == STORE_REMOVE_FILE)
         result = removeFile(rewrite);
+    const int cause = errno;
     endSource(rewrite);
+    errno = cause;
     return result;
 }
 
@@ -424,6 +431,7 @@ uint32_t storeRewrite(const char *path, const StoreRewriting *how) {
         if (result != ZOLTLOG_STORE_OK)
             return result;
         result = rewriteOnce(&rewrite);
+        const int cause = result == STORE_CHANGED ? EAGAIN : errno;
         if (result == ZOLTLOG_STORE_OK) {
             if (hasItsName(&rewrite.temporary)) // the file itself went
                 (void)unlink(rewrite.temporary.path);
@@ -434,6 +442,7 @@ uint32_t storeRewrite(const char *path, const StoreRewriting *how) {
         } else {
             dropTemporary(&rewrite.temporary);
         }
+        errno = cause;
     }
     return result == STORE_UNCHANGED ? static_cast<uint32_t>(ZOLTLOG_STORE_OK) : result;
 }

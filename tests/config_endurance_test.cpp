@@ -8,6 +8,7 @@
 #include "support/syscalls.h"
 #include "zoltlog.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -17,6 +18,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <random>
+#include <sched.h>
 #include <spawn.h>
 #include <string>
 #include <sys/file.h>
@@ -216,8 +218,9 @@ void prepare(Place place) {
     chmod("tool.err", 0666);
     chmod("main.conf", 0644);
     chmod(".", place == NOT_LOCKABLE ? 0733 : 0755);
-    if (place == NOT_LOCKABLE && geteuid() == 0)
+    if (place == NOT_LOCKABLE && geteuid() == 0) {
         EXPECT_EQ(chown("p.conf", NOBODY, NOBODY), 0);
+    }
     withoutLocks = place == NOT_LOCKABLE;
     libc::fcntl.hook = [](int descriptor, int command, void *argument) {
         if (!withoutLocks || command != F_OFD_SETLK)
@@ -239,7 +242,8 @@ pid_t startHolder() {
         const int file = open("./p.conf", O_RDONLY);
         struct flock lock = {};
         lock.l_type = F_RDLCK;
-        held = flock(file, LOCK_EX) == 0 && fcntl(file, F_OFD_SETLK, &lock) == 0 && held;
+        held = flock(file, LOCK_EX) == 0 && held;
+        (void)fcntl(file, F_OFD_SETLK, &lock); // a file that has just taken the name is still locked
         if (!held)
             _exit(1);
         usleep(1000);
