@@ -15,6 +15,8 @@
 # leaks     that a leak is found at all here: LeakSanitizer needs the right to trace
 # asan      the quick tests with AddressSanitizer, UndefinedBehaviorSanitizer and leaks
 # asan-long the tests that ./dev test leaves out, with the same sanitizers
+# config    writers of one configuration file for CONFIG_SECONDS (60) in each of nine cases, and
+#           CONFIG_KILLS (5000) of them killed
 # tsan      the programs that use threads or fork, with ThreadSanitizer
 # tidy      clang-tidy over everything but the tests
 # cppcheck  cppcheck over everything but the tests
@@ -104,6 +106,12 @@ step_asan-long() {
     run_tests asan -L long
 }
 
+step_config() {
+    build release || return 1
+    CONFIG_SECONDS=${CONFIG_SECONDS:-60} CONFIG_READS=${CONFIG_READS:-1000000} CONFIG_KILLS=${CONFIG_KILLS:-5000} \
+        build/release/tests/config_endurance_test --gtest_filter='Long*' --gtest_brief=1
+}
+
 # Numbers of the tests whose program uses threads or fork, for ctest -I.
 threaded_tests() {
     grep -lE 'std::thread|pthread_create|std::async|\bfork\(|inChild\(' tests/*_test.cpp |
@@ -168,7 +176,7 @@ step_model() {
 
 step_fuzz() { ./dev fuzz $((${FUZZ_SECONDS:-10} * factor)); }
 
-all_steps="format tests shuffle leaks asan asan-long tsan tidy cppcheck abi model fuzz"
+all_steps="format tests shuffle leaks asan asan-long config tsan tidy cppcheck abi model fuzz"
 [ $# -gt 0 ] || set -- full
 case $1 in
     ci) set -- format abi tests leaks asan ;;

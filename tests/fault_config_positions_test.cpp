@@ -43,8 +43,21 @@ bool fails(const char *call) {
     return true;
 }
 
+long waited; // nanoseconds that were slept, without any passing
+
 const bool PREPARED = support::eachCase([] {
     failure = nullptr;
+    waited = 0;
+    libc::nanosleep.hook = [](const timespec *pause, timespec *) {
+        waited += pause->tv_sec * 1000000000 + pause->tv_nsec;
+        return 0;
+    };
+    libc::clock_gettime.hook = [](clockid_t clock, timespec *out) {
+        const int result = libc::clock_gettime.real(clock, out);
+        const long nanoseconds = out->tv_nsec + waited;
+        *out = {out->tv_sec + nanoseconds / 1000000000, nanoseconds % 1000000000};
+        return result;
+    };
     support::allocationHook = [] { return fails("malloc"); };
     libc::open.hook = [](const char *path, int flags, mode_t mode) {
         return fails("open") ? -1 : libc::open.real(path, flags, mode);
@@ -105,6 +118,8 @@ LogCfg *records[16]; // of reading all
 uint32_t count;
 char *text;
 
+const Results WRITING_FAILED = {ZOLTLOG_FAILED, ZOLTLOG_CFG_NOT_FOUND, ZOLTLOG_CFG_CREATE_FAILED};
+
 void lookAtNothing(uint32_t) {}
 
 void lookAtOriginator(uint32_t result) {
@@ -163,45 +178,50 @@ std::string replaced(std::string content, const std::string &from, const std::st
 
 std::vector<Operation> readings() {
     return {
-        {"zoltLogReadCfg", [] { return zoltLogReadCfg(5, 7, &cfg); }, lookAtOriginator, {6}, BEFORE, BEFORE},
+        {"zoltLogReadCfg",
+         [] { return zoltLogReadCfg(5, 7, &cfg); },
+         lookAtOriginator,
+         {ZOLTLOG_CFG_NOT_FOUND},
+         BEFORE,
+         BEFORE},
         {"zoltLogReadlogsetCfg",
          [] { return zoltLogReadlogsetCfg(5, "bill", &cfg); },
          lookAtLogset,
-         {6},
+         {ZOLTLOG_CFG_NOT_FOUND},
          BEFORE,
          BEFORE},
         {"zoltLogReadProdIDCfg",
          [] { return zoltLogReadProdIDCfg(nullptr, 5, 16, records, &count); },
          lookAtRecords,
-         {39},
+         {ZOLTLOG_NO_PRODUCT_CFG},
          BEFORE,
          BEFORE},
         {"GetPropertyString",
          [] { return GetPropertyString("./p.conf", "7", "OIDNames", &text); },
          lookAtText,
-         {6},
+         {ZOLTLOG_CFG_NOT_FOUND},
          BEFORE,
          BEFORE},
         {"zoltLogCfgGetToolsResDir",
          [] { return zoltLogCfgGetToolsResDir(&text); },
          lookAtText,
-         {6},
+         {ZOLTLOG_CFG_NOT_FOUND},
          BEFORE,
          BEFORE},
         // the products that can be read are success; which ones the case below tells
         {"zoltLogReadAllCfg",
          [] { return zoltLogReadAllCfg(nullptr, 16, records, &count); },
          lookAtRecords,
-         {39, 0},
+         {ZOLTLOG_NO_PRODUCT_CFG, ZOLTLOG_OK},
          BEFORE,
          BEFORE},
         {"GetProductLoggingLevel",
          [] { return GetProductLoggingLevel("./main.conf", 5, &count); },
          lookAtNothing,
-         {6},
+         {ZOLTLOG_CFG_NOT_FOUND},
          BEFORE,
          BEFORE,
-         {6, 4}},
+         {ZOLTLOG_CFG_NOT_FOUND, ZOLTLOG_NO_MEMORY}},
     };
 }
 
@@ -210,17 +230,10 @@ std::vector<Operation> writings() {
     const std::string after =
         replaced(levels, "7.DynaReloadInSec=60\n", "7.DynaReloadInSec=60\n7.AppMsgLogging=ON\n");
     return {
-        {"zoltLogWriteCfg",
-         [] { return zoltLogWriteCfg(5, 7, &change); },
-         lookAtNothing,
-         {1, 6, 55},
-         BEFORE,
-         with("p.conf", after)},
-        {"zoltLogWritelogSetCfg",
-         [] { return zoltLogWritelogSetCfg(5, "bill", &change); },
-         lookAtNothing,
-         {1, 6, 55},
-         BEFORE,
+        {"zoltLogWriteCfg", [] { return zoltLogWriteCfg(5, 7, &change); }, lookAtNothing, WRITING_FAILED,
+         BEFORE, with("p.conf", after)},
+        {"zoltLogWritelogSetCfg", [] { return zoltLogWritelogSetCfg(5, "bill", &change); }, lookAtNothing,
+         WRITING_FAILED, BEFORE,
          with("p.conf", replaced(PRODUCT, "LOGSET.bill.DebugLevel=4\n",
                                  "LOGSET.bill.DebugLevel=5\nLOGSET.bill.AppMsgLogging=ON\n"))},
     };
@@ -236,28 +249,20 @@ std::vector<Operation> registrations() {
     const Files none = {{"p.conf", PRODUCT}};
     const Files one = {{"main.conf", "8.Configuration=./8.conf\n8.Names=eight\n"}};
     return {
-        {"zoltLogAddProductCfg",
-         [] { return zoltLogAddProductCfg(8, "eight", "./8.conf"); },
-         lookAtNothing,
-         {1, 6, 55},
-         BEFORE,
-         with("main.conf", MAIN + added)},
+        {"zoltLogAddProductCfg", [] { return zoltLogAddProductCfg(8, "eight", "./8.conf"); }, lookAtNothing,
+         WRITING_FAILED, BEFORE, with("main.conf", MAIN + added)},
         {"zoltLogAddProductCfg, the first",
          [] { return zoltLogAddProductCfg(8, "eight", "./8.conf"); },
          lookAtNothing,
-         {6},
+         {ZOLTLOG_CFG_NOT_FOUND},
          none,
          Files{{"p.conf", PRODUCT}, {"main.conf", HEADER + added}}},
-        {"zoltLogRemoveProductCfg",
-         [] { return zoltLogRemoveProductCfg(6); },
-         lookAtNothing,
-         {1, 6, 55},
-         BEFORE,
-         with("main.conf", replaced(MAIN, "6.Configuration=./q.conf\n", ""))},
+        {"zoltLogRemoveProductCfg", [] { return zoltLogRemoveProductCfg(6); }, lookAtNothing, WRITING_FAILED,
+         BEFORE, with("main.conf", replaced(MAIN, "6.Configuration=./q.conf\n", ""))},
         {"zoltLogRemoveProductCfg, the last",
          [] { return zoltLogRemoveProductCfg(8); },
          lookAtNothing,
-         {1, 6, 55},
+         WRITING_FAILED,
          one,
          {}},
     };
@@ -305,7 +310,7 @@ bool failAt(const Operation &operation, const Failure &what) {
     put(operation.before);
     const uint32_t again = operation.call();
     operation.look(again);
-    EXPECT_EQ(again, 0U);
+    EXPECT_EQ(again, ZOLTLOG_OK);
     EXPECT_EQ(present(), operation.after);
     EXPECT_EQ(support::listFiles(".").size(), operation.after.size()); // no temporary file
     return reached;
@@ -387,7 +392,7 @@ void reloadEverywhere(bool ofLogset) {
     support::writeFile("main.conf", "5.Configuration=./p.conf\n");
     support::writeFile("p.conf", productWithLevel(3));
     LogHandle handle;
-    ASSERT_EQ(ofLogset ? zoltLogOpenLogSet(5, 7, "bill", &handle) : zoltLogOpen(5, 7, &handle), 0U);
+    ASSERT_EQ(ofLogset ? zoltLogOpenLogSet(5, 7, "bill", &handle) : zoltLogOpen(5, 7, &handle), ZOLTLOG_OK);
     for (const char *call : {"malloc", "open", "read", "fstat"}) {
         if (strcmp(call, "malloc") == 0 && !support::allocationsCanFail())
             continue;
@@ -412,7 +417,7 @@ void reloadEverywhere(bool ofLogset) {
                 reached = calls >= number;
                 EXPECT_EQ(support::blocksHeld, blocks);
                 EXPECT_EQ(support::openDescriptors(), descriptors);
-                EXPECT_EQ(result, 0U);
+                EXPECT_EQ(result, ZOLTLOG_OK);
                 const bool isKept = handle.debugLevel == 3;
                 EXPECT_EQ(handle.debugLevel, isKept ? 3U : 5U);
                 EXPECT_EQ(handle.diagLevel, isKept ? 3U : 5U);
@@ -420,14 +425,14 @@ void reloadEverywhere(bool ofLogset) {
                 EXPECT_TRUE(reached || !isKept);
                 anyKept = anyKept || isKept;
                 makeDue(&handle); // the file is as it was
-                EXPECT_EQ(zoltDynaLoadConfig(&handle), 0U);
+                EXPECT_EQ(zoltDynaLoadConfig(&handle), ZOLTLOG_OK);
                 EXPECT_EQ(handle.debugLevel, 5U);
                 EXPECT_EQ(handle.reloadInterval, 90U);
             }
             EXPECT_TRUE(anyKept) << call;
         }
     }
-    EXPECT_EQ(zoltLogClose(&handle), 0U);
+    EXPECT_EQ(zoltLogClose(&handle), ZOLTLOG_OK);
 }
 
 } // namespace
