@@ -28,14 +28,17 @@ inline StringForm stringFormOf(uint32_t utf8) {
 
 // ---- records --------------------------------------------------------------------------
 
-// The numbers of process and thread as the last record of a writer had them: the next one
-// mostly has the same. Begins as zero.
-struct RecordIdentity {
+// Numbers as the last record of a writer had them: the next one mostly has the same. Begins
+// as zero.
+struct RecordNumbers {
     uint64_t process;
     uint64_t thread;
-    uint64_t length; // of text; 0 at first
-    char text[2 * (MAX_DECIMAL + 1)];
+    uint64_t identityLength; // 0 at first
+    char identity[2 * (MAX_DECIMAL + 1)];
+    int64_t second; // of the time stamp
+    uint64_t secondLength;
+    char secondDigits[MAX_DECIMAL];
 };
 
 // zoltLogMsgSerialize; nothing may be null.
-uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, RecordIdentity *identity);
+uint32_t serializeMsg(LogMsg *msg, TextBuffer *buffer, RecordNumbers *kept);

@@ -203,13 +203,13 @@ bool mayWriteErrorCode = false;
     mayWriteErrorCode = hasSize(&errorCode, sizeof errorCode);
 }
 
+} // namespace
+
 void noteFullDevice() {
     __atomic_store_n(&deviceWasFull, true, __ATOMIC_RELAXED);
     if (mayWriteErrorCode)
         __atomic_store_n(&errorCode, int32_t{ZOLTLOG_DEVICE_FULL}, __ATOMIC_RELAXED);
 }
-
-} // namespace
 
 bool wasDeviceFull() {
     return __atomic_load_n(&deviceWasFull, __ATOMIC_RELAXED);
@@ -218,12 +218,7 @@ bool wasDeviceFull() {
 int32_t zoltLogOs_write(OsFile *file, const void *buffer, int32_t length) {
     if (file == nullptr || length < 0)
         return ZOLTLOG_OS_INVALID_ARGUMENT;
-    const ssize_t count = write(file->descriptor, buffer, static_cast<size_t>(length));
-    // KEPT: nothing ever takes the mark back, so a later failure of another kind is told
-    // as a full device too. Pinned by OsFileHandle.DeviceFullMarkStaysForTheProcess.
-    if (count == -1 && errno == ENOSPC)
-        noteFullDevice();
-    return static_cast<int32_t>(count);
+    return writeOnce(file, buffer, static_cast<size_t>(length));
 }
 
 int32_t zoltLogOs_fsize(OsFile *file, uint64_t *size) {

@@ -5,6 +5,9 @@
 #include "owned.h"
 #include "zoltlog.h"
 
+#include <cerrno>
+#include <unistd.h>
+
 // How openDescriptor opens a file: ZOLTLOG_OS_MODE_..., or for writing, created;
 // ZOLTLOG_OS_OPEN_FAILED with EEXIST if the name is taken.
 inline constexpr int32_t OS_MODE_NEW = 3;
@@ -29,6 +32,18 @@ bool hasSize(const void *object, size_t size);
 // A write of this process has failed because the device was full. (errorCode says so to
 // others; it may be the host's.)
 bool wasDeviceFull();
+void noteFullDevice();
+
+// zoltLogOs_write of at most INT32_MAX bytes, for the way of a message: a function less to
+// return through, see docs/performance.md.
+inline int32_t writeOnce(const OsFile *file, const void *buffer, size_t length) {
+    const ssize_t count = write(file->descriptor, buffer, length);
+    // KEPT: nothing ever takes the mark back, so a later failure of another kind is told
+    // as a full device too. Pinned by OsFileHandle.DeviceFullMarkStaysForTheProcess.
+    if (count == -1 && errno == ENOSPC)
+        noteFullDevice();
+    return static_cast<int32_t>(count);
+}
 
 // The one place where an open's errno becomes a result of this layer.
 int32_t openResultOfErrno(int error);

@@ -124,20 +124,7 @@ uint32_t zoltLogClose(LogHandle *handle) {
     return zoltLogCloseFile(handle);
 }
 
-namespace {
-
 // ---- dispatch ------------------------------------------------------------------------
-
-// Secure audit messages go to the system log only, through a handle without a file.
-bool isSecureOnFile(const LogHandle *handle, const LogMsg *msg) {
-    return msg->type == ZOLTLOG_MSG_SECURE_AUDIT && handle->file != nullptr;
-}
-
-constexpr uint32_t SINKS = ZOLTLOG_OUT_STDOUT | ZOLTLOG_OUT_STDERR | ZOLTLOG_OUT_OSLOG;
-
-bool hasSinks(const LogHandle *handle, uint32_t flags) {
-    return ((flags | handle->outputFlags) & SINKS) != 0;
-}
 
 // The sinks' formatter is given a text that may be changed: the record's own.
 uint32_t outputCopy(LogHandle *handle, LogMsg *msg, uint32_t flags) {
@@ -149,20 +136,6 @@ uint32_t outputCopy(LogHandle *handle, LogMsg *msg, uint32_t flags) {
     zoltLogFree(msg->text);
     msg->text = borrowed;
     return result;
-}
-
-} // namespace
-
-uint32_t dispatchLocked(LogHandle *handle, uint32_t flags, LogMsg *msg) {
-    if (isSecureOnFile(handle, msg))
-        return ZOLTLOG_SECURE_ON_FILE_HANDLE;
-    msg->utf8 = handle->utf8;
-    const NestedLock lock(TAG_MSG);
-    uint32_t written = ZOLTLOG_OK;
-    if (msg->type != ZOLTLOG_MSG_SECURE_AUDIT)
-        written = zoltLogWriteMsgWithRolloverToFile(handle->file, msg);
-    const uint32_t output = hasSinks(handle, flags) ? outputCopy(handle, msg, flags) : uint32_t{ZOLTLOG_OK};
-    return written != ZOLTLOG_OK ? written : output;
 }
 
 uint32_t zoltLogMsg(LogHandle *handle, uint32_t flags, LogMsg *msg) {

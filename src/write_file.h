@@ -44,7 +44,7 @@ struct Writer {
     int64_t nameTime;           // log set: the time of the name, as the search for the latest file has it
     int64_t stoppedSecond;      // log set: where the clock stood still while the next second was waited for
     int64_t directoryBusyUntil; // monotonic ns, see DirectoryLock
-    RecordIdentity identity;
+    RecordNumbers lastNumbers;
 };
 
 inline constexpr int64_t NS_PER_SECOND = 1000000000;

@@ -5,6 +5,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <thread>
@@ -330,6 +331,44 @@ TEST_F(Write, Utf8FlagOfTheHandleGoesIntoTheMessage) {
     EXPECT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
     EXPECT_EQ(msg.utf8, 1u);
     zoltLogFreeMsg(&msg);
+}
+
+// A writer keeps digits from one record for the next.
+TEST_F(Write, EachRecordHasItsOwnTimeStamp) {
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(5, 7, &handle));
+    const std::vector<int64_t> stamps = {1000,
+                                         1999,
+                                         2000,
+                                         999,
+                                         0,
+                                         -1,
+                                         -1000,
+                                         -1999,
+                                         1000,
+                                         1700000000007,
+                                         1700000000123,
+                                         1700000000999,
+                                         9999,
+                                         INT64_MAX,
+                                         10000,
+                                         INT64_MIN,
+                                         1700000001000,
+                                         1007,
+                                         7};
+    handle.file->lastReopenTime = 0; // these times are no reason to open the file anew
+    for (const int64_t stamp : stamps) {
+        LogMsg msg = {};
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogInitMsg(&msg, &handle, ZOLTLOG_MSG_APP, "x"));
+        msg.timestamp = static_cast<uint64_t>(stamp);
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogMsg(&handle, 0, &msg));
+        zoltLogFreeMsg(&msg);
+    }
+    const auto lines = support::lines(support::readFile(fileOf(7)));
+    ASSERT_EQ(lines.size(), stamps.size() + 1);
+    for (size_t k = 0; k < stamps.size(); ++k)
+        EXPECT_THAT(lines[k + 1],
+                    testing::StartsWith("2,5,7,7," + std::to_string(k + 1) + "," + std::to_string(stamps[k]) +
+                                        "," + std::to_string(getpid()) + ","));
 }
 
 TEST_F(Write, BlockBecomesTheTextAndIsEmptied) {
