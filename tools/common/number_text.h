@@ -20,9 +20,9 @@ bool parseNumber(std::string_view text, T &value) {
 
 // Without the allocation of std::to_string.
 template<typename T>
-void appendNumber(std::string &out, T value) {
+void appendNumber(std::string &out, T value, int base = 10) {
     char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, value);
+    const auto end = std::to_chars(digits, digits + sizeof digits, value, base);
     out.append(digits, static_cast<size_t>(end.ptr - digits));
 }
 

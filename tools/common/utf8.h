@@ -33,6 +33,27 @@ inline Utf8Char decodeUtf8(std::string_view text, size_t at) {
     return {value, length};
 }
 
+inline void appendUtf8(std::string &out, char32_t character) {
+    const auto tail = [&out, character](int shift) {
+        out += static_cast<char>(0x80 | ((character >> shift) & 0x3f));
+    };
+    if (character < 0x80) {
+        out += static_cast<char>(character);
+    } else if (character < 0x800) {
+        out += static_cast<char>(0xc0 | character >> 6);
+        tail(0);
+    } else if (character < 0x10000) {
+        out += static_cast<char>(0xe0 | character >> 12);
+        tail(6);
+        tail(0);
+    } else {
+        out += static_cast<char>(0xf0 | character >> 18);
+        tail(12);
+        tail(6);
+        tail(0);
+    }
+}
+
 // The position of the first byte that is not part of a valid character, or npos.
 inline size_t findInvalidUtf8(std::string_view text) {
     for (size_t at = 0; at < text.size();) {
