@@ -7,7 +7,7 @@ import shutil
 import subprocess
 import unittest
 
-from qdul_testing import SOURCE, literal_lines
+from qdul_testing import SOURCE, literal_lines, manual
 
 PAGES = sorted(glob.glob(SOURCE + "/docs/man/*.scd"))
 
@@ -28,11 +28,10 @@ class ManualPages(unittest.TestCase):
     @unittest.skipUnless(shutil.which("scdoc"), "no scdoc")
     def test_scdoc_takes_them(self):
         for page in PAGES:
-            with open(page) as file, self.subTest(page):
-                source = file.read()
+            name = os.path.basename(page).split(".")[0]
+            source = manual(name)
             done = subprocess.run(["scdoc"], input=source, capture_output=True, text=True)
             self.assertEqual((done.returncode, done.stderr), (0, ""))
-            name = os.path.basename(page).split(".")[0]
             self.assertIn(f'.TH "{name}" "1"', done.stdout)
             if shutil.which("groff"):
                 shown = subprocess.run(["groff", "-t", "-man", "-Tutf8", "-ww"], input=done.stdout, capture_output=True, text=True)

@@ -1,6 +1,7 @@
 """What the tests of whole programs share. Each script runs in a new empty directory, HERE."""
 import os
 import re
+import subprocess
 
 BUILD = os.environ["QDUL_BUILD"]
 SOURCE = os.environ["QDUL_SOURCE"]
@@ -43,8 +44,9 @@ def append(path, *lines):
 
 
 def manual(tool):
-    """The source of a tool's manual page."""
-    return read(f"{SOURCE}/docs/man/{tool}.1.scd")
+    """The source of a tool's manual page, with the options that the tool lists."""
+    options = subprocess.run([program(tool), "--help=manual"], capture_output=True, text=True, check=True).stdout
+    return read(f"{SOURCE}/docs/man/{tool}.1.scd").replace("\n@OPTIONS@\n", f"\n{options}\n")
 
 
 def section(page, title):

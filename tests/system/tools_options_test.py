@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
 """The command lines of the five tools are one family: letters, spellings, help, manual pages."""
+import os
 import re
 import subprocess
 import unittest
 
-from qdul_testing import SOURCE, program
+from qdul_testing import BUILD, SOURCE, program, read, section
 
 TOOLS = ["qdlogcfg", "qdlogger", "qdlogview", "qdlogmgr", "qdliscat"]
 FAMILY = {"P": "--product", "u": "--originator", "L": "--logset", "p": "--priority", "t": "--who", "k": "--kind",
@@ -68,19 +69,39 @@ class Options(unittest.TestCase):
                 self.assertRegex(run(tool, word).stdout, rf"^{tool} \d+(\.\d+)+\n$")
             self.assertEqual(run(tool, "-h").stdout, run(tool, "--help").stdout)
 
-    def test_manual_and_help_and_completion_list_the_same(self):
+    def test_help_and_completion_list_the_same(self):
         for tool in TOOLS:
-            helped = {name for names in rows(tool) for name in names}
-            with open(f"{SOURCE}/docs/man/{tool}.1.scd") as file:
-                manual = file.read().split("\n# OPTIONS\n", 1)[1].split("\n# ", 1)[0]
-            told = set()
-            for line in manual.splitlines():
-                if line.startswith("*-"):
-                    told |= set(re.findall(r"\*(--?[a-zA-Z][a-zA-Z0-9-]*)\*", line))
-            self.assertEqual(told, helped, tool)
-            if "--complete" in helped and tool != "qdliscat":
+            if tool != "qdliscat":
                 listed = run(tool, "--complete", "options").stdout
-                self.assertEqual(set(listed.replace("=", "").split()), helped, tool)
+                self.assertEqual(set(listed.replace("=", "").split()), {name for names in rows(tool) for name in names}, tool)
+
+    def test_the_manual_tells_the_options_of_the_table(self):
+        """Each in the order of the help, with its names, its value and a sentence."""
+        for tool in TOOLS:
+            self.assertIn("\n@OPTIONS@\n", section(read(f"{SOURCE}/docs/man/{tool}.1.scd"), "OPTIONS"))
+            told = run(tool, "--help=manual").stdout
+            entries = re.findall(r"(?m)^(\*-.*)\n\t(.*)$", told)
+            names = [re.findall(r"\*(--?[a-zA-Z][a-zA-Z0-9-]*)\*", line) for line, _ in entries]
+            self.assertEqual(names, rows(tool), tool)
+            valued = {line.split("=")[0].split()[-1] for line in run(tool, "--help").stdout.splitlines()
+                      if re.match(r" {2}(-[A-Za-z], | {4})--[a-z-]+=", line) or re.match(r" {2}-[A-Za-z], --[a-z, -]+=", line)}
+            for (line, sentence), each in zip(entries, names):
+                self.assertEqual("=_" in line, bool(valued & set(each)), line)
+                self.assertRegex(sentence, r"^[^a-z].*\.$")
+            page = f"{BUILD}/docs/man/{tool}.1"
+            if os.path.exists(page):  # made where scdoc is there
+                made = read(page)
+                self.assertNotIn("OPTIONS@", made)
+                for each in names:
+                    self.assertIn("\\fB" + each[-1].replace("-", "\\-") + "\\fR", made)
+
+    def test_what_only_the_manual_says_is_in_it(self):
+        told = run("qdlogview", "--help=manual").stdout
+        self.assertIn("\n*-P*, *--product*=_id|name_\n\t", told)
+        self.assertIn("\n*--run*=_n_\n\tRecords of a process run as --list-runs counts them (0: the last, -1: the one before).\n"
+                      "\t1 is the first of those that *--list-runs* tells for the same files.\n", told)
+        self.assertNotIn("1 is the first", run("qdlogview", "--help").stdout)
+        self.assertIn("*--complete* knows options, fields, kinds,", told)
 
     def test_lines_of_the_help_fit_a_terminal(self):
         for tool in TOOLS:

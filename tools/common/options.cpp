@@ -28,10 +28,20 @@ bool takeColor(CommonOptions &options, const char *value, std::string &error) {
 
 const Option COMMON_ROWS[] = {
     {"--json", TAKES_JSON, nullptr, "write JSON", set<&CommonOptions::json>, "Common"},
-    {"--color", TAKES_PAGES, "WHEN", "auto, always, never", set<takeColor>},
-    {"--no-pager", TAKES_PAGES, nullptr, "do not pass the output through a pager",
+    {"--color", TAKES_PAGES, "WHEN",
+     "when to colour: auto, always, never\n\n"
+     "In *auto*, the default, a non-empty NO_COLOR turns colour off, CLICOLOR_FORCE other\n"
+     "than 0 turns it on, and a terminal other than \"dumb\" has it.",
+     set<takeColor>},
+    {"--no-pager", TAKES_PAGES, nullptr,
+     "do not pass the output through a pager\n\n"
+     "On a terminal long output otherwise goes through PAGER (less when it is not set; none\n"
+     "when it is empty or \"cat\").",
      set<&CommonOptions::noPager>},
-    {"-q,--quiet", TAKES_QUIET, nullptr, "only what was asked for, no notes", set<&CommonOptions::quiet>},
+    {"-q,--quiet", TAKES_QUIET, nullptr,
+     "only what was asked for, no notes\n\n"
+     "The exit status stays the same.",
+     set<&CommonOptions::quiet>},
     {"--config", TAKES_CONFIG, "FILE",
      "main configuration file (default: ZOLTLOG_CFG_LOC,\nelse /etc/qd/zoltlog.conf)",
      set<&CommonOptions::config>},
@@ -309,6 +319,11 @@ bool checkCommand(const Rows &rows, const Rows &given, const CommonOptions &opti
 
 // ---- help ----------------------------------------------------------------------------
 
+std::string_view shortHelp(const Option &row) {
+    const std::string_view help = row.help;
+    return help.substr(0, help.find("\n\n"));
+}
+
 void appendRow(std::string &out, const Option &row) {
     constexpr size_t COLUMN = 28;
     std::string left = row.names[1] == '-' ? "      " : "  ";
@@ -322,7 +337,7 @@ void appendRow(std::string &out, const Option &row) {
         left += std::string("=") + row.value;
     out += left;
     size_t width = left.size();
-    std::string_view help = row.help;
+    std::string_view help = shortHelp(row);
     for (;;) {
         const size_t end = help.find('\n');
         if (width + 2 > COLUMN) {
@@ -337,6 +352,17 @@ void appendRow(std::string &out, const Option &row) {
             return;
         help.remove_prefix(end + 1);
     }
+}
+
+// "options, commands, kinds", or "" when a shell cannot ask the tool.
+std::string completable(const Tool &tool, const Rows &rows) {
+    const bool asks = std::any_of(rows.begin(), rows.end(), [](const Option *row) {
+        return (row->of & TAKES_COMPLETION) != 0 && hasName(*row, "--complete");
+    });
+    if (!asks)
+        return "";
+    return std::string("options") + (tool.commands.front()->name[0] != '\0' ? ", commands" : "") +
+           tool.completes;
 }
 
 std::string usageLine(const Tool &tool, const Command &command) {
@@ -377,8 +403,68 @@ std::string helpText(const Tool &tool, const Rows &rows, const Command *command)
     const Command *shown = command != nullptr ? command : tool.commands.front();
     if (shown->example != nullptr)
         text += std::string("\nExample:\n  ") + shown->example + "\n";
-    if (tool.footer[0] != '\0' && (command == nullptr || !hasCommands))
+    if (command == nullptr || !hasCommands) {
+        const std::string words = completable(tool, rows);
+        text += words.empty() ? "" : "\n--complete knows " + words + ".\n";
         text += std::string("\n") + tool.footer;
+    }
+    return text;
+}
+
+// ---- the manual page -------------------------------------------------------------------
+
+// "debug or\ninfo" -> "Debug or info."
+std::string sentence(std::string_view help) {
+    std::string text;
+    for (const char c : help) {
+        if (std::strchr("_*\\<>#[]|", c) != nullptr)
+            text += '\\';
+        text += c == '\n' ? ' ' : c;
+    }
+    text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
+    return text + ".";
+}
+
+void appendManual(std::string &out, const Option &row) {
+    bool first = true;
+    eachName(row, [&](std::string_view name) {
+        out += first ? "*" : ", *";
+        out += name;
+        out += '*';
+        first = false;
+    });
+    if (row.value != nullptr) {
+        out += "=_";
+        for (const char *c = row.value; *c != '\0'; ++c)
+            out += static_cast<char>(std::tolower(static_cast<unsigned char>(*c)));
+        out += '_';
+    }
+    const std::string_view brief = shortHelp(row);
+    out += "\n\t" + sentence(brief);
+    std::string_view more = row.help;
+    more.remove_prefix(std::min(more.size(), brief.size() + 2));
+    while (!more.empty()) {
+        const size_t end = std::min(more.find('\n'), more.size());
+        out += "\n";
+        if (end > 0)
+            out += '\t';
+        out += more.substr(0, end);
+        more.remove_prefix(std::min(more.size(), end + 1));
+    }
+    out += "\n\n";
+}
+
+std::string manualText(const Tool &tool, const Rows &rows) {
+    std::string text;
+    for (const Option *row : rows) {
+        if (row->heading != nullptr)
+            text += std::string("## ") + row->heading + "\n\n";
+        appendManual(text, *row);
+    }
+    std::string words = completable(tool, rows);
+    std::replace(words.begin(), words.end(), '\n', ' ');
+    if (!words.empty())
+        text += "*--complete* knows " + words + ".\n";
     return text;
 }
 
@@ -427,6 +513,8 @@ std::optional<int> parseCommandLine(const Tool &tool, int argc, char **argv, Com
     const Rows rows = rowsOfTool(tool);
     Rows given;
     std::string error;
+    if (argc == 2 && std::string_view(argv[1]) == "--help=manual")
+        return printText(tool, manualText(tool, rows));
     std::vector<std::string> words = defaultWords(tool);
     words.insert(words.end(), argv + std::min(argc, 1), argv + argc);
     if (!parseWords(rows, words, options, given, error))

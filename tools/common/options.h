@@ -1,6 +1,6 @@
 // The command line of the five tools: one kind of table gives parsing, --help, the list
-// for shell completion and for the test of the manual pages. The letters that all tools
-// share mean the same in each of them:
+// for shell completion and the OPTIONS of the manual pages, which --help=manual prints in
+// their source form. The letters that all tools share mean the same in each of them:
 //
 //   -P product   -u originator   -L log set   -p priority (severity)   -t who   -k kind
 //   -n number    -o output       -q quiet     -V version               -h help
@@ -63,7 +63,9 @@ struct Option {
     const char *names; // "-P,--product": letters and long names, with commas
     unsigned of;       // the commands that take any of these
     const char *value; // how --help calls it; null: a flag
-    const char *help;  // further lines after '\n'
+    // Further lines after '\n'; behind an empty line what only the manual page says, in its
+    // source form.
+    const char *help;
     // Gets the value (null for a flag); false with an error text when it is not valid.
     bool (*set)(CommonOptions &options, const char *value, std::string &error);
     const char *heading = nullptr; // begins a group in --help

@@ -134,7 +134,10 @@ const Command COMMANDS[] = {
 const tools::Option OPTIONS[] = {
     {"--complete", CHECK, nullptr, "messages that are not translated are problems too",
      tools::set<&Options::translated>, "Checking"},
-    {"--locale", LIST, "LOCALE", "as de or de_AT (default root)", tools::set<&Options::locale>, "Listing"},
+    {"--locale", LIST, "LOCALE",
+     "show it as the users of this locale read it: de,\nde_AT (default root)\n\n"
+     "What the locale lacks comes from its parents, and at last from root.",
+     tools::set<&Options::locale>, "Listing"},
 };
 
 const tools::Tool TOOL = {

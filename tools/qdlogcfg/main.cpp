@@ -125,7 +125,9 @@ bool takeKind(Options &options, const char *value, std::string &error) {
 
 const tools::Option OPTIONS[] = {
     {"-P,--product", PRODUCT, "PRODUCT", "product id or name", set<&Options::product>, "Which settings"},
-    {"-u,--originator", SCOPE, "ORIGINATOR", "originator id or name (default: the Default\nsection)",
+    {"-u,--originator", SCOPE, "ORIGINATOR",
+     "originator id or name (default: the Default\nsection)\n\n"
+     "By id or by one of its names.",
      set<&Options::originator>},
     {"-L,--logset", SCOPE, "NAME", "log set name; Default is the base of all log sets",
      set<&Options::logset>},
@@ -135,7 +137,7 @@ const tools::Option OPTIONS[] = {
     {"--file", REGISTRATION, "FILE", "the product's configuration file; its name holds\n\".conf\"",
      set<&Options::file>},
 
-    {"-k,--kind", MESSAGE, "KIND", "app (default), diag, debug, audit, secure-audit", set<takeKind>,
+    {"-k,--kind", MESSAGE, "KIND", "kind: app (default), diag, debug, audit,\nsecure-audit", set<takeKind>,
      "The message to explain"},
     {"-l,--level", MESSAGE, "N", "of diag and debug, 1 to 6 (default 1)", set<&Options::level>},
     {"-p,--priority,--severity", MESSAGE, "N", "of app, 0 to 4 (default 0)", set<&Options::severity>},

@@ -58,20 +58,31 @@ const tools::Option OPTIONS[] = {
     {"-u,--originator", EVERY, "ORIGINATOR",
      "its component, by id or name (default 112,\nthe default originator)", set<&Settings::originator>},
     {"-L,--logset", EVERY, "NAME", "write to the files of this log set", set<&Settings::logset>},
-    {"--stdout", EVERY, nullptr, "copies to standard output, by the formatter\nplug-in (not of audit)",
+    {"--stdout", EVERY, nullptr,
+     "copies to standard output, by the formatter\nplug-in (not of audit)\n\n"
+     "Copies are in addition to those that the configuration asks for. Their lines are made\n"
+     "by *libzoltLogFormatMsg.so.3*; without it there are none.",
      set<addOutput<ZOLTLOG_OUT_STDOUT>>},
     {"--stderr", EVERY, nullptr, "copies to standard error (app and diag)",
      set<addOutput<ZOLTLOG_OUT_STDERR>>},
     {"--syslog", EVERY, nullptr, "copies to the system log (app)", set<addOutput<ZOLTLOG_OUT_OSLOG>>},
-    {"-k,--kind", EVERY, "KIND", "app (default), diag, debug or audit", set<takeKind>, "What"},
+    {"-k,--kind", EVERY, "KIND",
+     "kind: app (default), diag, debug or audit\n\n"
+     "Or in full: application, diagnostic.",
+     set<takeKind>, "What"},
     {"-p,--priority,--severity", EVERY, "SEV",
      "of app: info (default), warning, error,\ncritical, emergency, or 0 to 4", set<takeSeverity>},
     {"-l,--level", EVERY, "LEVEL",
-     "of diag and debug: 1 (default) to 6; messages above\nthe configured level are not written",
+     "of diag and debug: 1 (default) to 6; messages above\nthe configured level are not written\n\n"
+     "1 is the most important. A message above the configured level (DiagnosticLevel,\n"
+     "DebugLevel) is dropped, which is no failure. *qdlogger* follows changes of the\n"
+     "configuration as all programs do (DynaReloadInSec).",
      setWithin<&Settings::level, ZOLTLOG_LEVEL_FIRST, ZOLTLOG_LEVEL_LAST>},
     {"-t,--who", EVERY, "TEXT", "of app, diag and debug: the reporting component", set<&Settings::who>},
     {"--id", EVERY, "NUMBER", "message id (default: the messages are numbered)", set<&Settings::id>},
-    {"-x,--context", EVERY, "TOKEN", "open a context with this token for the messages",
+    {"-x,--context", EVERY, "TOKEN",
+     "open a context with this token for the messages\n\n"
+     "All messages of the run carry it. The context is a record of its own in the file.",
      set<&Settings::context>},
     {"--subject", EVERY, "TEXT", "of audit: who did it", set<&Settings::subject>},
     {"--outcome", EVERY, "NUMBER", "of audit: how it ended (default 0)",
@@ -121,6 +132,7 @@ std::optional<int> parse(int argc, char **argv, Settings &settings) {
         "usage; 3 the configuration, the log or the input cannot be opened or read;\n"
         "4 some messages were not written.\n",
         complete,
+        ", kinds, severities",
     };
     if (const auto status = tools::parseCommandLine(tool, argc, argv, settings))
         return status;

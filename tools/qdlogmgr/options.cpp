@@ -62,21 +62,39 @@ const tools::Option OPTIONS[] = {
      "Which series"},
     {"-u,--originator", EVERY, "ORIGINATOR", "series of this originator (id or name)",
      set<&Options::originator>},
-    {"-L,--logset", EVERY, "NAME", "series of this log set", set<&Options::logset>},
+    {"-L,--logset", EVERY, "NAME", "series of this log set, by its name or the base\nname of its files",
+     set<&Options::logset>},
     {"-D,--directory", EVERY, "DIRECTORY",
-     "series in this directory, configured or not, instead\nof the configured directories",
+     "series in this directory, configured or not, instead\nof the configured directories\n\n"
+     "May be given several times.",
      set<&Options::directories>},
-    {"-a,--all", REMOVAL, nullptr, "all configured series, when nothing else selects\nthem",
+    {"-a,--all", REMOVAL, nullptr,
+     "all configured series, when nothing else selects\nthem\n\n"
+     "Commands that remove files need this, *--product* or *--directory*.",
      set<&Options::all>},
 
-    {"-s,--surplus", FILES, nullptr, "only surplus files", set<&Options::surplusOnly>, "Which files"},
+    {"-s,--surplus", FILES, nullptr,
+     "only surplus files\n\n"
+     "This is what *archive* and *delete* do when neither files nor one of the next two\n"
+     "options is given.",
+     set<&Options::surplusOnly>, "Which files"},
     {"--older-than", FILES, "TIME",
-     "only files last written before this time, or longer\nago than this (30d)", set<&Options::olderThan>},
+     "only files last written before this time, or longer\nago than this (30d)\n\n"
+     "A time is 2024-03-01, yesterday, monday 8:00 and the like.",
+     set<&Options::olderThan>},
     {"--keep", FILES, "N", "all files but the newest N of each series", set<&Options::keep>},
 
-    {"-o,--to", TARGET, "DIRECTORY", "the directory that the files go to", set<&Options::to>, "What to do"},
-    {"--link", LINK, nullptr, "make hard links instead of copies", set<&Options::link>},
-    {"--replace", REPLACE, nullptr, "replace files of the same name in the directory",
+    {"-o,--to", TARGET, "DIRECTORY",
+     "the directory that the files go to\n\n"
+     "It must exist.",
+     set<&Options::to>, "What to do"},
+    {"--link", LINK, nullptr,
+     "make hard links instead of copies\n\n"
+     "On the same file system only.",
+     set<&Options::link>},
+    {"--replace", REPLACE, nullptr,
+     "replace files of the same name in the directory\n\n"
+     "Without it such a file is an error.",
      set<&Options::replace>},
     {"--size", VACUUM, "SIZE", "the most that each series may take (512K, 1G)", set<&Options::vacuumSize>},
     {"--age", VACUUM, "SPAN", "remove files last written longer ago than this (12h,\n30d)",

@@ -250,83 +250,175 @@ const tools::Option TABLE[] = {
      "of this product; without files and directories the\nconfiguration says where they are",
      set<&Settings::product>},
     {"-L,--logset", EVERY, "NAME", "files of this log set", set<&Settings::logSet>},
-    {"--file-originator", EVERY, "ID|NAME", "files of this originator", set<&Settings::fileOriginator>},
+    {"--file-originator", EVERY, "ID|NAME",
+     "files of this originator\n\n"
+     "Faster than *-u*, which has to read all files of a product, since originators may\n"
+     "share files.",
+     set<&Settings::fileOriginator>},
 
     {"-S,--since", EVERY, "TIME",
-     "records at or after a time: 2024-03-01 13:45,\n13:45, yesterday, -2h30m, '2 hours ago', @EPOCH",
+     "records at or after a time: 2024-03-01 13:45,\n13:45, yesterday, -2h30m, '2 hours ago', @EPOCH\n\n"
+     "See TIMES. In large files the place is found by bisection; see *--scan*.",
      set<&Settings::since>, "Records"},
     {"-U,--until", EVERY, "TIME", "records at or before a time", set<&Settings::until>},
-    {"-k,--kind", EVERY, "KIND,...", "debug, diagnostic, application, context, audit", set<takeKinds>},
+    {"-k,--kind", EVERY, "KIND,...",
+     "these kinds: debug, diagnostic, application,\ncontext, audit\n\n"
+     "Or their first letters, three or more.",
+     set<takeKinds>},
     {"-p,--priority,--severity", EVERY, "SEV",
-     "records of this severity and worse, whatever their\nkind, or of a range: error, audit..error",
+     "records of this severity and worse, whatever their\nkind, or of a range: error, audit..error\n\n"
+     "See SEVERITIES. The numbers 0 to 4 are those that writers of application messages\n"
+     "give, from info to emergency.",
      set<takePriority>},
     {"-l,--level", EVERY, "N",
-     "debug and diagnostic records of this level and\nbelow, or of a range: 3, 2..4", set<takeLevel>},
+     "debug and diagnostic records of this level and\nbelow, or of a range: 3, 2..4\n\n"
+     "Level 1 is the most important, 6 the most detailed. With *-p* and *-l* these two kinds\n"
+     "are judged by their level and all others by their severity.",
+     set<takeLevel>},
     {"-u,--originator", EVERY, "ID|NAME", "records of this originator", set<&Settings::originator>},
-    {"-t,--who", EVERY, "PATTERN", "records of this component (*, ? and [] match)", set<&Settings::who>},
+    {"-t,--who", EVERY, "PATTERN",
+     "records of this component (*, ? and [] match as in\nthe shell)\n\n"
+     "Of debug, diagnostic and application records. May be given several times, as other\n"
+     "patterns may.",
+     set<&Settings::who>},
     {"-c,--context", EVERY, "PATTERN", "records of this context, and the record of the\ncontext itself",
      set<&Settings::context>},
-    {"--pid", EVERY, "N", "records of these processes: 5, 5..9, 5,7", set<takeRanges<&Settings::pids>>},
+    {"--pid", EVERY, "N",
+     "records of these processes: 5, 5..9, 5,7\n\n"
+     "A number, a range (5..9, 5.., ..9), or a list of these with commas.",
+     set<takeRanges<&Settings::pids>>},
     {"--tid", EVERY, "N", "records of these threads", set<takeRanges<&Settings::tids>>},
-    {"--message-id", EVERY, "N", "records with these message ids", set<takeRanges<&Settings::messageIds>>},
+    {"--message-id", EVERY, "N",
+     "records with these message ids\n\n"
+     "The sequence number where the caller gave none.",
+     set<takeRanges<&Settings::messageIds>>},
     {"--subject", EVERY, "PATTERN", "audit records of this subject", set<&Settings::subject>},
     {"--outcome", EVERY, "N", "audit records with this outcome", set<takeOutcome>},
     {"--run", EVERY, "N",
-     "records of a process run as --list-runs counts them\n(0: the last, -1: the one before)", set<takeRun>},
+     "records of a process run as --list-runs counts them\n(0: the last, -1: the one before)\n\n"
+     "1 is the first of those that *--list-runs* tells for the same files.",
+     set<takeRun>},
     {"--host", EVERY, "PATTERN", "records written on this host", set<&Settings::host>},
     {"-w,--where", EVERY, "QUERY",
-     "records for which a query holds, for example\n'severity >= error and (who = mgr or text ~ \"disk\")'",
+     "records for which a query holds, for example\n'severity >= error and (who = mgr or text ~ "
+     "\"disk\")'\n\n"
+     "See QUERIES.",
      set<&Settings::where>},
-    {"-g,--grep", EVERY, "REGEX", "records whose text matches", set<takeGrep>},
+    {"-g,--grep", EVERY, "REGEX",
+     "records whose text matches\n\n"
+     "A regular expression of PCRE2.",
+     set<takeGrep>},
     {"-i,--ignore-case", EVERY, nullptr, "-g without regard to upper and lower case",
      set<&Settings::ignoreCase>},
     {"-v,--invert-match", EVERY, nullptr, "records whose text does not match -g", set<&Settings::invert>},
-    {"-A,--after-context", EVERY, "N", "also N records after each match of -g", set<&Settings::after>},
+    {"-A,--after-context", EVERY, "N",
+     "also N records after each match of -g\n\n"
+     "Neighbours among the records that the other conditions leave. Groups are parted by\n"
+     "\"--\".",
+     set<&Settings::after>},
     {"-B,--before-context", EVERY, "N", "also N records before each match of -g", set<&Settings::before>},
-    {"-C,--around", EVERY, "N", "-A N -B N", set<takeAround>},
+    {"-C,--around", EVERY, "N", "N records before and after each match of -g", set<takeAround>},
 
-    {"-n,--lines", EVERY, "N", "the last N records only (10 without a number; all:\nno limit)",
+    {"-n,--lines", EVERY, "N",
+     "the last N records only (10 without a number; all:\nno limit)\n\n"
+     "Found from the ends of the files.",
      set<takeLines>, "Order and amount", "10"},
     {"-m,--max-count", EVERY, "N", "stop after N records", set<takeMaxCount>},
     {"-r,--reverse", EVERY, nullptr, "newest records first", set<&Settings::reverse>},
     {"-f,--follow", EVERY, nullptr,
-     "go on with new records as they are written, over\nrollovers (begins with the last 10)",
+     "go on with new records as they are written, over\nrollovers\n\n"
+     "Begins with the last 10 records, or with *-n*; with *-S* or a cursor from there. A\n"
+     "file that is named is followed into the later files of its series.",
      set<&Settings::follow>},
     {"--timeout", EVERY, "SPAN", "stop following after a time: 90s, 5m", set<takeTimeout>},
-    {"--scan", EVERY, nullptr, "look for times in whole files, also where they are\nin order",
+    {"--scan", EVERY, nullptr,
+     "look for times in whole files, also where they are\nin order\n\n"
+     "*qdlogview* looks at places all over a large file and reads it whole when times go\n"
+     "back between them; a clock that was set back for a moment between two such places can\n"
+     "be missed without this option.",
      set<&Settings::scan>},
 
-    {"--after-cursor", EVERY, "CURSOR", "go on behind a place that --show-cursor told",
+    {"--after-cursor", EVERY, "CURSOR",
+     "go on behind a place that --show-cursor told\n\n"
+     "\"_file_@_offset_\", with the members of that name in json output, begins at that\n"
+     "record.",
      set<&Settings::afterCursor>, "Cursors"},
-    {"--cursor-file", EVERY, "FILE", "go on behind the place in FILE, and keep the place\nreached there",
+    {"--cursor-file", EVERY, "FILE",
+     "go on behind the place in FILE, and keep the place\nreached there\n\n"
+     "From the begin when the file does not exist. While following, the place is kept after\n"
+     "each output, and at SIGINT and SIGTERM, so that nothing is shown twice or left out.\n"
+     "After a crash of *qdlogview* itself the last records may come again.",
      set<&Settings::cursorFile>},
-    {"--show-cursor", EVERY, nullptr, "tell the place reached at the end", set<&Settings::showCursor>},
+    {"--show-cursor", EVERY, nullptr,
+     "tell the place reached at the end\n\n"
+     "As a last line \"-- cursor: ...\".",
+     set<&Settings::showCursor>},
 
     {"-o,--output", EVERY, "FORMAT",
-     "short, short-iso, full, json, json-pretty, csv, raw,\ncat (only the text), template", set<takeFormat>,
-     "Output"},
-    {"--template", EVERY, "TEXT", "a line for each record: '{time} {kind} {text}'", set<takeTemplate>},
-    {"--fields", EVERY, "FIELD,...", "only these fields in full, json and csv", set<takeFields>},
+     "form of the output: short, short-iso, full, json,\njson-pretty, csv, raw, cat, template\n\n"
+     "*short* and *short-iso* (with a complete time): time, severity with level,\n"
+     "product/originator with their names where the configuration has them,\n"
+     "component[process], (context), text; the lines of a text one below the other. *full*:\n"
+     "every field on a line of its own. *json*: one object for each record (see JSON);\n"
+     "*json-pretty*: the same over several lines. *csv*: with a line of titles. *raw*: the\n"
+     "stored lines, with the header line of their file where it changes; the output is a log\n"
+     "file again. *cat*: only the texts. *template*: see *--template*.",
+     set<takeFormat>, "Output"},
+    {"--template", EVERY, "TEXT",
+     "a line for each record: '{time} {kind} {text}'\n\n"
+     "With fields in braces. \\\\t and \\\\n are tab and line feed, {{ and }} are braces. Fields\n"
+     "that a record does not have are empty.",
+     set<takeTemplate>},
+    {"--fields", EVERY, "FIELD,...", "only these fields in full, json and csv, in this\norder",
+     set<takeFields>},
     {"--utc", EVERY, nullptr, "times in UTC, also those of -S and -U", set<&Settings::utc>},
-    {"--zone", EVERY, "ZONE", "times of a zone such as Europe/Berlin, also those of\n-S and -U",
+    {"--zone", EVERY, "ZONE",
+     "times of a zone such as Europe/Berlin, also those of\n-S and -U\n\n"
+     "A name of the time zone database; *-w* reads times so, too.",
      set<takeZone>},
-    {"--writer-time", EVERY, nullptr, "times in the writer's local time", set<&Settings::writerTime>},
-    {"--ids-as-text", EVERY, nullptr, "ids as texts in json (for readers that round large\nnumbers)",
+    {"--writer-time", EVERY, nullptr,
+     "times in the writer's local time\n\n"
+     "As the header of its file tells it.",
+     set<&Settings::writerTime>},
+    {"--ids-as-text", EVERY, nullptr,
+     "ids as texts in json (for readers that round large\nnumbers)\n\n"
+     "They may be above 2^53.",
      set<&Settings::idsAsText>},
     {"--with-line", EVERY, nullptr, "the stored line as field \"line\" in json", set<&Settings::withLine>},
-    {"--raw", EVERY, nullptr, "control characters of texts as they are (short,\nfull, template)",
+    {"--raw", EVERY, nullptr,
+     "control characters of texts as they are in short,\nfull and template\n\n"
+     "Otherwise they are shown as \\\\e, \\\\r, \\\\x07, so that no text can steer the terminal.",
      set<&Settings::rawText>},
 
     {"--count", EVERY, nullptr, "only the number of records", set<takeReport<Report::Count>>,
      "Instead of records"},
-    {"--stats", EVERY, nullptr, "counts by kind, severity, originator and component",
+    {"--stats", EVERY, nullptr,
+     "counts by kind, severity, originator and component\n\n"
+     "With *-o json* all values.",
      set<takeReport<Report::Stats>>},
-    {"--per", EVERY, "UNIT", "--stats also over time: minute, hour or day", set<takePer>},
-    {"--list-runs", EVERY, nullptr, "the process runs: first and last record, worst\nseverity",
+    {"--per", EVERY, "UNIT",
+     "--stats also over time: minute, hour or day\n\n"
+     "In a table with a bar for each of them.",
+     set<takePer>},
+    {"--list-runs", EVERY, nullptr,
+     "the process runs: first and last record, worst\nseverity\n\n"
+     "With their host, process and number of records. A process number that comes again\n"
+     "after a day is another run.",
      set<takeReport<Report::Runs>>},
-    {"-F,--field", EVERY, "FIELD", "the values of a field and how often each occurs", set<takeValuesOf>},
-    {"--gaps", EVERY, nullptr, "sequence numbers and files that are missing", set<takeReport<Report::Gaps>>},
-    {"--verify", EVERY, nullptr, "check every record; tell what is torn and where",
+    {"-F,--field", EVERY, "FIELD",
+     "the values of a field and how often each occurs\n\n"
+     "With *-n* the most frequent.",
+     set<takeValuesOf>},
+    {"--gaps", EVERY, nullptr,
+     "sequence numbers and files that are missing\n\n"
+     "By process, originator and context, and by the names of files. Each open log and each\n"
+     "context counts from 1. A message with an id of the caller's uses up a number as well,\n"
+     "so a gap is a question, not a proof.",
+     set<takeReport<Report::Gaps>>},
+    {"--verify", EVERY, nullptr,
+     "check every record; tell what is torn and where\n\n"
+     "The header, and the numbers, lengths, attributes and argument block of every record.\n"
+     "Damage is a problem; times that go back, a missing header and the like are notes.",
      set<takeReport<Report::Verify>>},
 };
 
@@ -361,12 +453,11 @@ tools::Tool makeTool() {
         "reads those of all products that are configured; - is standard input.\n",
         tools::rowsOf<tools::Option>(TABLE),
         tools::rowsOf<tools::Command>(COMMANDS),
-        "--complete knows options, fields, kinds, severities, outputs, products,\n"
-        "originators and logsets.\n\n"
         "Exit status: 0 records were shown, 1 none matched or --verify and --gaps found\n"
         "something, 2 wrong usage, 3 a file or the configuration could not be read,\n"
         "4 the output is not complete.\n",
         complete,
+        ", fields, kinds, severities, outputs, products,\noriginators, logsets",
     };
 }
 
