@@ -93,7 +93,7 @@ class Options(unittest.TestCase):
                 made = read(page)
                 self.assertNotIn("OPTIONS@", made)
                 for each in names:
-                    self.assertIn("\\fB" + each[-1].replace("-", "\\-") + "\\fR", made)
+                    self.assertIn("\\fB" + each[-1] + "\\fR", made)
 
     def test_what_only_the_manual_says_is_in_it(self):
         told = run("qdlogview", "--help=manual").stdout

@@ -17,6 +17,7 @@ namespace {
 // The localization library keeps what it was asked for: records of a damaged or hostile
 // file must not fill the memory with it.
 constexpr size_t MOST_LOOKED_UP = 64; // arguments
+constexpr size_t LARGEST_BLOCK = 1024UL * 1024;
 
 constexpr int64_t MS_PER_SECOND = 1000;
 
@@ -179,7 +180,8 @@ bool renderBlock(std::string_view block, std::string &text) {
     uint64_t number = 0;
     Arguments arguments;
     text.clear();
-    if (!walkBlock(block, at, number, &arguments) || at != block.size() || arguments.empty())
+    if (block.size() > LARGEST_BLOCK || !walkBlock(block, at, number, &arguments) || at != block.size() ||
+        arguments.empty())
         return false;
     size_t next = 0;
     text = render(arguments, next, number, 1);

@@ -12,7 +12,8 @@ namespace tools {
 // other number is a message's whose words were missing then, with its arguments: it is
 // shown by the catalogues of QDLIS_CATALOG when they have it, in the message locale of the
 // process, and the arguments fit; otherwise the arguments are joined by blanks. False for
-// a block that is damaged, and for one without arguments.
+// a block that is damaged, one without arguments, and one beyond 1 MB, whose arguments could
+// take too much memory.
 bool renderBlock(std::string_view block, std::string &text);
 
 } // namespace tools

@@ -2,6 +2,7 @@
 
 #include "common/number_text.h"
 
+#include <functional>
 #include <iterator>
 
 namespace tools {
@@ -308,14 +309,19 @@ Field findField(std::string_view name) {
 }
 
 HeldItem::HeldItem(const Item &from) : bytes(from.record.line), item(from) {
-    const char *const old = from.record.line.data();
-    const auto moved = [&](std::string_view &view) {
-        if (view.data() != nullptr)
-            view = {bytes.data() + (view.data() - old), view.size()};
-    };
+    const std::string_view old = from.record.line;
     Record &record = item.record;
-    for (std::string_view *view : {&record.context, &record.text, &record.who, &record.block, &record.line})
-        moved(*view);
+    if (!record.text.empty() && (std::less<>()(record.text.data(), old.data()) ||
+                                 !std::less<>()(record.text.data(), old.data() + old.size()))) {
+        bytes += record.text; // made from a block, beside the line
+        record.text = {bytes.data() + old.size(), record.text.size()};
+    } else if (record.text.data() != nullptr) {
+        record.text = {bytes.data() + (record.text.data() - old.data()), record.text.size()};
+    }
+    for (std::string_view *view : {&record.context, &record.who, &record.block, &record.line}) {
+        if (view->data() != nullptr)
+            *view = {bytes.data() + (view->data() - old.data()), view->size()};
+    }
 }
 
 } // namespace tools

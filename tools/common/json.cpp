@@ -1,5 +1,6 @@
 #include "common/json.h"
 
+#include "common/number_text.h"
 #include "common/time_text.h"
 #include "common/utf8.h"
 
@@ -113,13 +114,9 @@ bool appendJsonText(std::string &out, std::string_view text) {
 }
 
 std::string hexText(std::string_view bytes) {
-    constexpr char DIGITS[] = "0123456789abcdef";
     std::string out;
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        out += DIGITS[byte >> 4];
-        out += DIGITS[byte & 15];
-    }
+    for (const char c : bytes)
+        appendHexByte(out, c);
     return out;
 }
 

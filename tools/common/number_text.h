@@ -26,6 +26,14 @@ void appendNumber(std::string &out, T value, int base = 10) {
     out.append(digits, static_cast<size_t>(end.ptr - digits));
 }
 
+// Two hexadecimal digits.
+inline void appendHexByte(std::string &out, char byte) {
+    constexpr std::string_view DIGITS = "0123456789abcdef";
+    const auto value = static_cast<unsigned char>(byte);
+    out += DIGITS[value >> 4];
+    out += DIGITS[value & 15];
+}
+
 // "1 file", "2 files"
 inline std::string counted(uint64_t count, std::string_view what) {
     return std::to_string(count) + " " + std::string(what) + (count == 1 ? "" : "s");

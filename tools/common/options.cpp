@@ -422,7 +422,7 @@ std::string sentence(std::string_view help) {
         text += c == '\n' ? ' ' : c;
     }
     text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
-    return text + ".";
+    return (text[0] == '-' ? "\\" : "") + text + "."; // which would begin a list
 }
 
 void appendManual(std::string &out, const Option &row) {

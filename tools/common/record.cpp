@@ -1,5 +1,7 @@
 #include "common/record.h"
 
+#include "common/unpack.h"
+
 #include "src/log_name.h"
 
 #include <cstring>
@@ -85,9 +87,11 @@ struct Cursor {
 
 bool parseFileName(std::string_view name, FileName &out) {
     LogName read;
-    if (!parseLogName(name.data(), name.size(), &read))
+    const size_t suffix = packedSuffix(name).size();
+    if (!parseLogName(name.data(), name.size() - suffix, &read))
         return false;
     out = {};
+    out.isPacked = suffix > 0;
     out.kind = read.set != nullptr ? FileName::Kind::LogSet : FileName::Kind::Originator;
     out.product = read.product;
     out.originator = read.originator;

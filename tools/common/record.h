@@ -40,9 +40,11 @@ struct FileName {
     std::string_view dateTime;            // LogSet: YYMMDDhhmmss, likewise
     int year = 0, month = 0, day = 0;     // local time of the writer; the year in full
     int hour = 0, minute = 0, second = 0; // LogSet
+    bool isPacked = false;                // behind the name ".gz" or ".zst"
 };
 
-// False when the name (without its directory) is not one that the library forms.
+// False when the name (without its directory) is not one that the library forms, also not
+// with what a compressed file's has behind it.
 bool parseFileName(std::string_view name, FileName &out);
 
 // ---- headers ---------------------------------------------------------------------

@@ -39,13 +39,53 @@ bool LineReader::open(const std::string &path) {
         const off_t at = lseek(descriptor, 0, SEEK_CUR);
         base = at > 0 ? static_cast<uint64_t>(at) : 0;
     }
+    takeStart(!seekable || base != 0);
     return true;
+}
+
+// Looks whether the file is compressed. What is taken from a pipe for that is kept.
+void LineReader::takeStart(bool fromPipe) {
+    char start[Unpacker::LONGEST_MAGIC];
+    size_t have = 0;
+    bool fewer = true;
+    Unpacker::Format format = Unpacker::Format::None;
+    while (fewer && have < sizeof start) {
+        const ssize_t got =
+            seekable ? pread(descriptor, start + have, sizeof start - have, static_cast<off_t>(base + have))
+                     : read(descriptor, start + have, sizeof start - have);
+        if (got < 0 && errno == EINTR)
+            continue;
+        if (got <= 0)
+            break; // reading on tells why
+        have += static_cast<size_t>(got);
+        format = Unpacker::formatOf({start, have}, fewer);
+    }
+    if (format != Unpacker::Format::None) {
+        if (seekable && fromPipe) // standard input that was read from already goes on as a pipe does
+            lseek(descriptor, static_cast<off_t>(base + have), SEEK_SET);
+        seekable = seekable && !fromPipe;
+        packed = std::make_unique<Unpacker>(descriptor, seekable, format,
+                                            std::string_view(start, seekable ? 0 : have));
+        base = 0;
+    } else if (!seekable && have > 0) {
+        capacity = blockSize;
+        buffer.reset(new char[capacity]);
+        std::memcpy(buffer.get(), start, have);
+        valid = have;
+    }
+}
+
+std::string LineReader::problem() const {
+    if (packed != nullptr && !packed->problem.empty())
+        return packed->problem;
+    return error != 0 ? std::strerror(error) : "";
 }
 
 void LineReader::close() {
     if (descriptor >= 0)
         ::close(descriptor);
     descriptor = -1;
+    packed.reset();
     buffer.reset();
     capacity = 0;
 }
@@ -61,6 +101,8 @@ void LineReader::seek(uint64_t offset) {
 }
 
 int64_t LineReader::readAt(uint64_t offset, char *into, size_t length) const {
+    if (packed != nullptr)
+        return packed->readAt(offset, into, length);
     for (;;) {
         const ssize_t got = pread(descriptor, into, length, static_cast<off_t>(offset));
         if (got >= 0 || errno != EINTR)
@@ -69,6 +111,10 @@ int64_t LineReader::readAt(uint64_t offset, char *into, size_t length) const {
 }
 
 bool LineReader::size(uint64_t &bytes) const {
+    if (packed != nullptr) {
+        bytes = seekable ? packed->size() : 0;
+        return true;
+    }
     struct stat status {};
     if (fstat(descriptor, &status) != 0)
         return false;
@@ -77,6 +123,9 @@ bool LineReader::size(uint64_t &bytes) const {
 }
 
 bool LineReader::dataAt(uint64_t offset, uint64_t &data) const {
+    data = offset;
+    if (packed != nullptr)
+        return true;
     const off_t found = lseek(descriptor, static_cast<off_t>(offset), SEEK_DATA);
     data = found >= 0 ? static_cast<uint64_t>(found) : offset;
     return found >= 0 || errno != ENXIO; // a file system that does not know has no holes
@@ -110,6 +159,14 @@ bool LineReader::lastLineFeed(uint64_t limit, uint64_t end, uint64_t &at) const 
     return false;
 }
 
+int64_t LineReader::readMore(char *into, size_t length) const {
+    const uint64_t place = base + valid;
+    if (packed != nullptr)
+        return packed->readAt(place, into, length);
+    return seekable ? pread(descriptor, into, length, static_cast<off_t>(place))
+                    : read(descriptor, into, length);
+}
+
 // Makes room behind `valid` and reads; Line means that there is more to scan.
 LineReader::Got LineReader::refill() {
     if (buffer == nullptr) {
@@ -129,7 +186,7 @@ LineReader::Got LineReader::refill() {
         buffer = std::move(larger);
         capacity *= 2;
     }
-    if (skipping && seekable) { // the holes of a line that is too long
+    if (skipping && seekable && packed == nullptr) { // the holes of a line that is too long
         const uint64_t place = base + valid;
         uint64_t data = place;
         if (!dataAt(place, data))
@@ -140,17 +197,15 @@ LineReader::Got LineReader::refill() {
         }
     }
     for (;;) {
-        const ssize_t got = seekable ? pread(descriptor, buffer.get() + valid, capacity - valid,
-                                             static_cast<off_t>(base + valid))
-                                     : read(descriptor, buffer.get() + valid, capacity - valid);
+        const int64_t got = readMore(buffer.get() + valid, capacity - valid);
         if (got > 0) {
             valid += static_cast<size_t>(got);
             return Got::Line;
         }
         if (got == 0)
             return Got::End;
-        if (errno != EINTR) {
-            error = errno;
+        if (packed != nullptr || errno != EINTR) {
+            error = packed != nullptr ? EIO : errno;
             return Got::Error;
         }
     }
@@ -248,14 +303,6 @@ bool BackwardReader::skipLine(std::string_view &line, uint64_t &offset) {
 
 // ---- records ---------------------------------------------------------------------
 
-namespace {
-
-std::string errorText(int error) {
-    return std::strerror(error);
-}
-
-} // namespace
-
 void RecordFile::takeHeader(const Header &parsed) {
     host.assign(parsed.host);
     header = parsed;
@@ -272,7 +319,7 @@ bool RecordFile::open(const std::string &filePath) {
     problem.clear();
     salvagePending = false;
     if (!lines.open(path)) {
-        problem = errorText(lines.error);
+        problem = lines.problem();
         return false;
     }
     if (lines.seekable) {
@@ -280,7 +327,7 @@ bool RecordFile::open(const std::string &filePath) {
         char block[1024];
         const int64_t got = lines.readAt(lines.position(), block, sizeof block);
         if (got < 0) {
-            problem = errorText(errno);
+            problem = lines.isPacked() ? lines.problem() : std::strerror(errno);
             lines.close();
             return false;
         }
@@ -351,7 +398,7 @@ RecordFile::Got RecordFile::next() {
     case LineReader::Got::Error:
         break;
     }
-    problem = errorText(lines.error);
+    problem = lines.problem();
     return Got::Error;
 }
 
@@ -492,7 +539,37 @@ bool RecordFile::firstTime(int64_t &time) const {
     return timeAt(dataBegin, UINT64_MAX, time, where);
 }
 
+// From the begin to the end: going back in a compressed file would cost its size on disk.
+bool RecordFile::lastTimeForwards(int64_t &time) const {
+    constexpr size_t ENOUGH = 256; // the time stands within so many bytes of a line's start
+    std::string start;             // of the line that is read
+    std::string block(BLOCK_SIZE, '\0');
+    bool found = false;
+    for (uint64_t from = dataBegin;;) {
+        const int64_t got = lines.readAt(from, block.data(), block.size());
+        if (got <= 0)
+            return found;
+        std::string_view left{block.data(), static_cast<size_t>(got)};
+        from += left.size();
+        while (!left.empty()) {
+            const size_t feed = left.find('\n');
+            start.append(left.substr(0, std::min(feed, ENOUGH - start.size())));
+            if (feed == std::string_view::npos)
+                break;
+            int64_t read = 0;
+            if (parseRecordTime(start, header.version, read)) {
+                time = read;
+                found = true;
+            }
+            start.clear();
+            left.remove_prefix(feed + 1);
+        }
+    }
+}
+
 bool RecordFile::lastTime(int64_t &time) const {
+    if (lines.isPacked())
+        return lastTimeForwards(time);
     uint64_t end = 0;
     if (!lines.size(end))
         return false;
@@ -524,7 +601,8 @@ bool readSummary(const std::string &path, FileSummary &out, std::string &problem
     out.header = file.header;
     out.header.host = out.host;
     out.hasTimes = file.firstTime(out.first) && file.lastTime(out.last);
-    return true;
+    problem = file.lines.problem();
+    return problem.empty();
 }
 
 } // namespace tools

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "common/record.h"
+#include "common/unpack.h"
 
 #include <cstddef>
 #include <memory>
@@ -30,7 +31,7 @@ struct LineReader {
         Line,    // a line that was ended by a line feed
         TooLong, // the first MAX_LINE bytes of a line
         End,     // no further complete line now; more may follow when the file grows
-        Error,   // errno in `error`
+        Error,   // see problem()
     };
 
     LineReader() = default;
@@ -39,10 +40,15 @@ struct LineReader {
     LineReader &operator=(const LineReader &) = delete;
 
     // "-" is standard input, which may be a pipe; else only regular files are opened: opening
-    // a terminal, a FIFO or a device could block or have effects. False: errno in `error`.
+    // a terminal, a FIFO or a device could block or have effects. What is compressed is read
+    // as what it holds: going back in it, and its size, cost unpacking it whole. False: errno
+    // in `error`.
     bool open(const std::string &path);
     void close();
     bool isOpen() const { return descriptor >= 0; }
+    bool isPacked() const { return packed != nullptr; }
+    // Why reading failed, or why a compressed file has no further bytes; "" for neither.
+    std::string problem() const;
 
     // Sets the position of the next line; seekable files only.
     void seek(uint64_t offset);
@@ -61,12 +67,15 @@ struct LineReader {
 
     size_t blockSize = BLOCK_SIZE; // of the buffer that the first next() makes
     int descriptor = -1;
-    bool seekable = false;
+    bool seekable = false; // places can be read again
     int error = 0;
 
   private:
     Got refill();
+    void takeStart(bool fromPipe);
+    int64_t readMore(char *into, size_t length) const;
 
+    std::unique_ptr<Unpacker> packed;
     std::unique_ptr<char[]> buffer;
     size_t capacity = 0;
     size_t begin = 0;   // next line
@@ -150,6 +159,7 @@ struct RecordFile {
   private:
     Got judge();
     void takeHeader(const Header &parsed);
+    bool lastTimeForwards(int64_t &time) const;
 
     BackwardReader backward;
     bool salvagePending = false;

@@ -1,5 +1,6 @@
 #include "common/terminal.h"
 
+#include "common/number_text.h"
 #include "common/utf8.h"
 
 #include <algorithm>
@@ -116,7 +117,6 @@ bool steersTerminal(char32_t c) {
 namespace {
 
 void appendEscape(std::string &out, char32_t c) {
-    char text[16];
     switch (c) {
     case '\n':
         out += "\\n";
@@ -131,8 +131,14 @@ void appendEscape(std::string &out, char32_t c) {
         out += "\\e";
         return;
     default:
-        std::snprintf(text, sizeof text, c < 0x80 ? "\\x%02x" : "\\u{%x}", static_cast<unsigned>(c));
-        out += text;
+        if (c < 0x80) {
+            out += "\\x";
+            appendHexByte(out, static_cast<char>(c));
+            return;
+        }
+        out += "\\u{";
+        appendNumber(out, static_cast<uint32_t>(c), 16);
+        out += '}';
     }
 }
 
@@ -155,9 +161,8 @@ void appendEscaped(std::string &out, std::string_view text) {
         }
         copyUpTo(at);
         if (c.length == 0) {
-            char hex[8];
-            std::snprintf(hex, sizeof hex, "\\x%02x", static_cast<unsigned>(byte));
-            out += hex;
+            out += "\\x";
+            appendHexByte(out, text[at]);
             ++at;
         } else {
             appendEscape(out, c.value);

@@ -17,6 +17,7 @@ struct Check {
     RecordFile &file;
     const std::function<void(const Finding &)> &report;
     VerifyCounts &counts;
+    const bool knownSize; // before the file is read
     int64_t latest = INT64_MIN;
 
     void tell(bool isProblem, uint64_t offset, uint64_t at, const std::string &text) {
@@ -80,7 +81,7 @@ void Check::record() {
 
 void Check::end() {
     const uint64_t at = file.lines.position();
-    if (!file.lines.seekable) {
+    if (!knownSize) {
         counts.bytes = at + file.lines.unended();
         if (counts.bytes == 0)
             tell(false, 0, 0, "the file is empty");
@@ -99,9 +100,10 @@ bool verifyFile(const std::string &path, const std::function<void(const Finding 
         problem = file.problem;
         return false;
     }
-    Check check{file, report, counts};
-    file.lines.size(counts.bytes);
-    if (counts.bytes == 0 && file.lines.seekable) {
+    Check check{file, report, counts, file.lines.seekable && !file.lines.isPacked()};
+    if (check.knownSize)
+        file.lines.size(counts.bytes);
+    if (counts.bytes == 0 && check.knownSize) {
         check.tell(false, 0, 0, "the file is empty");
         return true;
     }
@@ -112,6 +114,12 @@ bool verifyFile(const std::string &path, const std::function<void(const Finding 
         const RecordFile::Got got = file.next();
         if (got == RecordFile::Got::End)
             break;
+        if (got == RecordFile::Got::Error && file.lines.isPacked()) {
+            const uint64_t end = file.lines.position() + file.lines.unended();
+            check.tell(true, file.lines.position(), end, file.problem);
+            counts.bytes = end;
+            return true;
+        }
         if (got == RecordFile::Got::Error) {
             problem = file.problem;
             return false;

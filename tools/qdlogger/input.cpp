@@ -6,6 +6,7 @@
 #include <langinfo.h>
 #include <unistd.h>
 
+#include "common/number_text.h"
 #include "common/utf8.h"
 
 namespace qdlogger {
@@ -57,39 +58,6 @@ Utf8Texts::Utf8Texts(bool inputIsUtf8) {
     utf8 = inputIsUtf8 || codeset == "UTF-8" || codeset == "ANSI_X3.4-1968";
 }
 
-namespace {
-
-void appendByte(std::string &out, char byte) {
-    static const char digits[] = "0123456789abcdef";
-    const auto value = static_cast<unsigned char>(byte);
-    out += "\\x";
-    out += digits[value >> 4];
-    out += digits[value & 15];
-}
-
-void appendUtf8(std::string &out, char32_t character) {
-    const auto tail = [&out, character](int shift) {
-        out += static_cast<char>(0x80 | ((character >> shift) & 0x3f));
-    };
-    if (character < 0x80) {
-        out += static_cast<char>(character);
-    } else if (character < 0x800) {
-        out += static_cast<char>(0xc0 | character >> 6);
-        tail(0);
-    } else if (character < 0x10000) {
-        out += static_cast<char>(0xe0 | character >> 12);
-        tail(6);
-        tail(0);
-    } else {
-        out += static_cast<char>(0xf0 | character >> 18);
-        tail(12);
-        tail(6);
-        tail(0);
-    }
-}
-
-} // namespace
-
 const char *Utf8Texts::convert(std::string_view text) {
     const bool hasNul = memchr(text.data(), '\0', text.size()) != nullptr;
     if (utf8 && !hasNul && tools::findInvalidUtf8(text) == std::string_view::npos)
@@ -108,10 +76,11 @@ const char *Utf8Texts::convert(std::string_view text) {
             if (length > text.size()) // the two error values
                 length = 0;
             if (length > 0)
-                appendUtf8(converted, static_cast<char32_t>(wide));
+                tools::appendUtf8(converted, static_cast<char32_t>(wide));
         }
         if (length == 0 || text[at] == '\0') {
-            appendByte(converted, text[at]);
+            converted += "\\x";
+            tools::appendHexByte(converted, text[at]);
             length = 1;
         }
         at += length;

@@ -76,7 +76,7 @@ bool Cursor::parse(const std::string &text, std::string &error) {
         SourceFile file;
         describeFile(path, file);
         if (file.series.empty())
-            offsets[path] = UINT64_MAX;
+            offsets[path] = WHOLE_FILE;
         else if (file.order >= finished[file.series].order)
             finished[file.series] = {file.order, path};
     }
@@ -111,12 +111,14 @@ bool Cursor::load(const std::string &file, std::string &error) {
 }
 
 uint64_t Cursor::startOf(const SourceFile &source) const {
-    const auto exact = offsets.find(source.path);
-    if (exact != offsets.end())
-        return exact->second;
+    for (const std::string &path : {source.path, unpackedPath(source.path)}) {
+        const auto exact = offsets.find(path); // compressing a file leaves its places as they are
+        if (exact != offsets.end())
+            return exact->second;
+    }
     const auto series = finished.find(source.series);
     if (series != finished.end() && !source.series.empty() && source.order <= series->second.order)
-        return UINT64_MAX;
+        return WHOLE_FILE;
     return 0;
 }
 

@@ -20,7 +20,7 @@ struct Cursor {
     bool load(const std::string &file, std::string &error); // a file that is not there is an empty cursor
     bool empty() const { return offsets.empty() && finished.empty(); }
 
-    // Where to begin in a file; UINT64_MAX: it was read.
+    // Where to begin in a file; WHOLE_FILE: it was read.
     uint64_t startOf(const SourceFile &source) const;
 
     std::map<std::string, uint64_t> offsets;

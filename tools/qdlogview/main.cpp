@@ -8,6 +8,7 @@
 #include "qdlogview/view.h"
 
 #include <cerrno>
+#include <clocale>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -44,7 +45,7 @@ struct Outcome {
 void addFiles(Reader &reader, const Sources &sources, const Cursor &cursor) {
     for (const SourceFile &file : sources.files) {
         const uint64_t from = cursor.startOf(file);
-        if (from != UINT64_MAX)
+        if (from != WHOLE_FILE)
             reader.add(file, from);
     }
     reader.prepare();
@@ -186,7 +187,8 @@ int run(int argc, char **argv) {
 } // namespace qdlogview
 
 int main(int argc, char **argv) {
-    signal(SIGPIPE, SIG_DFL); // a reader that has enough ends us silently
+    setlocale(LC_MESSAGES, ""); // whose words messages of catalogues are shown in
+    signal(SIGPIPE, SIG_DFL);   // a reader that has enough ends us silently
     try {
         return qdlogview::run(argc, argv);
     } catch (const std::exception &failure) {

@@ -1,5 +1,7 @@
 #include "qdlogview/reader.h"
 
+#include "common/block_text.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -32,7 +34,7 @@ void Reader::add(const SourceFile &source, uint64_t from, uint64_t to) {
     if (range.limited && !range.scan) {
         if (source.modified < saturatingAdd(range.since, -ORDER_SLACK)) { // nothing was written since
             stream->state = Stream::State::Ended;
-            stream->position = source.size;
+            stream->position = source.isPacked ? WHOLE_FILE : source.size;
         } else if (source.created > saturatingAdd(range.until, ORDER_SLACK)) {
             stream->state = Stream::State::Ended;
         }
@@ -99,8 +101,13 @@ bool Reader::open(Stream &stream) {
     if (!opened.lines.seekable)
         return true;
 
-    uint64_t size = 0;
-    opened.lines.size(size);
+    // Forwards a compressed file is read in order, as it is unpacked.
+    const bool inOrderOnly = opened.lines.isPacked() && !backwards;
+    uint64_t size = UINT64_MAX;
+    if (!inOrderOnly)
+        opened.lines.size(size);
+    if (backwards && !opened.lines.problem().empty()) // what is in front of the damage is read
+        problems.push_back(stream.source.path + ": " + opened.lines.problem());
     if (stream.from > 0) {
         // A cursor beyond the end, or within a line, is of another file of this name.
         char before = 0;
@@ -108,7 +115,7 @@ bool Reader::open(Stream &stream) {
                           (before == '\n' || stream.from < size);
         stream.from = fits ? std::max(stream.from, opened.dataBegin) : 0;
     }
-    const bool search = range.limited && !range.scan && size > SMALL_FILE && opened.inOrder();
+    const bool search = range.limited && !range.scan && !inOrderOnly && size > SMALL_FILE && opened.inOrder();
     const uint64_t begin =
         search && range.since != INT64_MIN ? opened.findTime(range.since) : opened.dataBegin;
     stream.stopTime = search ? saturatingAdd(range.until, ORDER_SLACK) : INT64_MAX;
@@ -197,6 +204,9 @@ bool Reader::load(Stream &stream) {
             if (backwards && file.offset < stream.from)
                 break;
             stream.item.record = record;
+            if (record.text.empty() && !record.block.empty() &&
+                tools::renderBlock(record.block, stream.rendered) && !stream.rendered.empty())
+                stream.item.record.text = stream.rendered;
             stream.item.offset = file.offset;
             stream.item.origin = &stream.origins.back();
             stream.key = record.time;
@@ -234,7 +244,7 @@ bool Reader::peek(Stream &stream) {
     RecordFile file;
     if (backwards) {
         int64_t last = 0;
-        if (file.open(stream.source.path) && file.lastTime(last))
+        if (!stream.source.isPacked && file.open(stream.source.path) && file.lastTime(last))
             stream.key = range.limited ? std::min(last, range.until) : last;
         stream.state = Stream::State::Peeked; // opening it tells more
         return true;

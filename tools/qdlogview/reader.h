@@ -36,12 +36,13 @@ struct Stream {
     State state = State::Unopened;
     int64_t key = 0;
     uint64_t from = 0;        // begin here (cursor); 0: at the begin
-    uint64_t to = UINT64_MAX; // backwards: begin here at the latest
+    uint64_t to = WHOLE_FILE; // backwards: begin here at the latest
     uint64_t position = 0;    // all before it was handed out or passed over
     bool stopped = false;     // ended because of the time range, not of the file
     bool old = false;         // newer files of its series are there: closed at its end in any case
     int64_t stopTime = INT64_MAX;
     tools::Item item;
+    std::string rendered; // the item's text when the record holds a block in place of one
     std::unique_ptr<tools::RecordFile> file;
     std::deque<tools::Origin> origins; // the last one holds; items point into it
 };
@@ -50,7 +51,7 @@ struct Reader {
     Reader(const ReadRange &readRange, bool goBackwards) : range(readRange), backwards(goBackwards) {}
 
     // Files in the order of series; those that the range excludes are passed over.
-    void add(const SourceFile &source, uint64_t from, uint64_t to = UINT64_MAX);
+    void add(const SourceFile &source, uint64_t from, uint64_t to = WHOLE_FILE);
     // After all add() calls: leaves out files beyond the range.
     void prepare();
 

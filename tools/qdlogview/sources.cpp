@@ -137,6 +137,7 @@ namespace {
 // What the name says: series, order and the earliest possible begin.
 void describe(SourceFile &file, const std::string &directory) {
     FileName name;
+    file.isPacked = !tools::packedSuffix(file.base).empty();
     if (!tools::parseFileName(file.base, name))
         return;
     const bool originator = name.kind == FileName::Kind::Originator;
@@ -173,6 +174,10 @@ int64_t nowNanoseconds() {
 }
 
 } // namespace
+
+std::string unpackedPath(const std::string &path) {
+    return path.substr(0, path.size() - tools::packedSuffix(path).size());
+}
 
 void describeFile(const std::string &path, SourceFile &file) {
     const size_t slash = path.rfind('/') + 1;
@@ -239,8 +244,12 @@ bool Sources::list(const DirectoryRule &rule, std::vector<SourceFile> &found) {
         SourceFile file;
         file.base = entry->d_name;
         file.path = rule.directory + file.base;
-        const auto at = std::lower_bound(known.begin(), known.end(), file.path);
-        if (at != known.end() && *at == file.path)
+        if (std::binary_search(known.begin(), known.end(), file.path))
+            continue;
+        // A file and its compressed copy are one; that which was read stays it.
+        const std::string plain = unpackedPath(file.path);
+        if (name.isPacked &&
+            (std::binary_search(known.begin(), known.end(), plain) || stat(plain.c_str(), &status) == 0))
             continue;
         describe(file, rule.directory);
         if (!rule.series.empty() && (file.series != rule.series || file.order < rule.fromOrder))

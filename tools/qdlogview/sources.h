@@ -20,7 +20,14 @@ struct SourceFile {
     uint64_t size = 0;
     int64_t modified = 0;        // milliseconds; INT64_MAX when unknown
     int64_t created = INT64_MIN; // milliseconds, not later than the file's begin, from the name
+    bool isPacked = false;       // the name says that it is compressed: it does not grow
 };
+
+// A place behind all that a file holds.
+constexpr uint64_t WHOLE_FILE = UINT64_MAX;
+
+// The path of a compressed file without what compressing added to it.
+std::string unpackedPath(const std::string &path);
 
 // Files of a directory that are asked for.
 struct DirectoryRule {

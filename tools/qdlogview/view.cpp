@@ -48,7 +48,7 @@ void installStopSignals() {
 void View::addStreams(Reader &reader) {
     for (const SourceFile &file : sources.files) {
         const uint64_t from = start.startOf(file);
-        if (from != UINT64_MAX)
+        if (from != WHOLE_FILE)
             reader.add(file, from);
     }
     reader.prepare();
@@ -97,6 +97,8 @@ bool View::show() {
                 const auto end = ends.find(stream->source.path);
                 if (end != ends.end())
                     stream->from = stream->position = std::max(end->second, stream->from);
+                if (stream->from == WHOLE_FILE)
+                    stream->state = Stream::State::Ended;
             }
         }
         if (settings.maxCount == 0 || shown < settings.maxCount)
@@ -169,7 +171,9 @@ View::Ends View::currentEnds() const {
     Ends ends;
     for (const SourceFile &source : sources.files) {
         tools::RecordFile file;
-        if (source.path != "-" && file.open(source.path))
+        if (source.isPacked)
+            ends[source.path] = WHOLE_FILE;
+        else if (source.path != "-" && file.open(source.path))
             ends[source.path] = file.completeEnd();
     }
     return ends;
@@ -181,8 +185,8 @@ void View::showLast(uint64_t count, bool newestFirst, const Ends &ends) {
     for (const SourceFile &file : sources.files) {
         const uint64_t from = start.startOf(file);
         const auto end = ends.find(file.path);
-        if (from != UINT64_MAX)
-            reader.add(file, from, end != ends.end() ? end->second : UINT64_MAX);
+        if (from != WHOLE_FILE)
+            reader.add(file, from, end != ends.end() ? end->second : WHOLE_FILE);
     }
     reader.prepare();
     std::vector<std::unique_ptr<HeldItem>> last;
@@ -288,7 +292,8 @@ void View::visitOldFiles(Reader &reader) {
     std::set<const Stream *> gone;
     for (size_t i = reader.streams.size(); i-- > 0;) {
         Stream &stream = *reader.streams[i];
-        if (stream.state != Stream::State::Ended || stream.source.path == "-")
+        if (stream.state != Stream::State::Ended || stream.source.path == "-" || stream.source.isPacked ||
+            (stream.file != nullptr && stream.file->lines.isPacked()))
             continue;
         const size_t later = stream.source.series.empty() ? 0 : newer[stream.source.series]++;
         if (later >= VISITED_PER_SERIES)
