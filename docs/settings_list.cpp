@@ -30,10 +30,11 @@ std::string escaped(const std::string &text, const char *special) {
     return result;
 }
 
-const char *scopeOf(const CfgKey &key) {
-    return (key.use & CFG_READ_LOGSET) == 0       ? " (originators only)"
-           : (key.use & CFG_READ_ORIGINATOR) == 0 ? " (log sets only)"
-                                                  : "";
+std::string scopeOf(const CfgKey &key) {
+    const std::string scope = (key.use & CFG_READ_LOGSET) == 0       ? " (originators only)"
+                              : (key.use & CFG_READ_ORIGINATOR) == 0 ? " (log sets only)"
+                                                                     : "";
+    return scope + ((key.use & CFG_UNUSED) != 0 ? std::string("; ") + CFG_UNUSED_NOTE : "");
 }
 
 } // namespace
@@ -48,9 +49,10 @@ int main(int argc, char **argv) {
         const std::string initial = initialValue(static_cast<CfgKeyId>(&key - CFG_KEYS));
         if (manual)
             std::printf("*%s*\n\t%s%s: %s. Default: %s.\n\n", key.name, escaped(key.help, "_*").c_str(),
-                        scopeOf(key), escaped(key.values, "_*").c_str(), escaped(initial, "_*").c_str());
+                        scopeOf(key).c_str(), escaped(key.values, "_*").c_str(),
+                        escaped(initial, "_*").c_str());
         else
-            std::printf("| `%s` | %s%s | %s | %s |\n", key.name, key.help, scopeOf(key),
+            std::printf("| `%s` | %s%s | %s | %s |\n", key.name, key.help, scopeOf(key).c_str(),
                         escaped(key.values, "|").c_str(), initial.c_str());
     }
     return std::fflush(stdout) == 0 ? 0 : 1;

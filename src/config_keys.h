@@ -41,8 +41,12 @@ enum CfgUse : uint8_t { // where a key is read and written
     CFG_ORIGINATOR = CFG_READ_ORIGINATOR | CFG_WRITE_ORIGINATOR,
     CFG_LOGSET = CFG_READ_LOGSET | CFG_WRITE_LOGSET,
     CFG_BOTH = CFG_ORIGINATOR | CFG_LOGSET,
-    CFG_LISTS = CFG_READ_ORIGINATOR | CFG_LOGSET // read in both, written for log sets
+    CFG_LISTS = CFG_READ_ORIGINATOR | CFG_LOGSET, // read in both, written for log sets
+    CFG_UNUSED = 16                               // held and handed out, but nothing follows it
 };
+
+// What the documents and the tool say of a key that nothing follows.
+inline constexpr char CFG_UNUSED_NOTE[] = "nothing follows it today";
 
 enum CfgCopying : uint8_t { CFG_COPIED, CFG_LEFT_OUT }; // by CopyCfg
 
@@ -67,59 +71,59 @@ inline constexpr char CFG_NAME_LIST[] = "originator names separated by commas";
 // help     what the setting does, for people
 //
 // clang-format off
-//      id               name                       kind             field                   mask                   lowest              highest         initial                 copied        use             access    of
+//      id               name                       kind             field                   mask                   lowest              highest         initial                 copied        use                          access    of
 #define CFG_KEY_TABLE(ROW)                                                                                                                                                                                                      \
-    ROW(DIRECTORY,       "LogDirectory",            CFG_DIRECTORY,   directory,              0x1,                   0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_BOTH,       BY_HAND,  none,    \
+    ROW(DIRECTORY,       "LogDirectory",            CFG_DIRECTORY,   directory,              0x1,                   0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_BOTH,                    BY_HAND,  none,    \
         "a path; a relative one lies below the inherited directory", "directory of the log files")                                                                                                                              \
-    ROW(NAMES,           "OIDNames",                CFG_NAMES,       originatorNames,        0x2,                   0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_BOTH,       BY_HAND,  none,    \
+    ROW(NAMES,           "OIDNames",                CFG_NAMES,       originatorNames,        0x2,                   0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_BOTH,                    BY_HAND,  none,    \
         "names separated by commas or blanks", "names of the originator or log set")                                                                                                                                            \
-    ROW(L10N_LIB,        "L10nLib",                 CFG_TEXT,        l10nLib,                0x4,                   0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_ORIGINATOR, BY_HAND,  none,    \
+    ROW(L10N_LIB,        "L10nLib",                 CFG_TEXT,        l10nLib,                0x4,                   0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_ORIGINATOR | CFG_UNUSED, BY_HAND,  none,    \
         "a library's base name", "message-catalogue library")                                                                                                                                                                   \
-    ROW(L10N_RESOURCE,   "L10nResource",            CFG_TEXT,        l10nResource,           0x8,                   0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_ORIGINATOR, TEXT,     L10nResource, \
+    ROW(L10N_RESOURCE,   "L10nResource",            CFG_TEXT,        l10nResource,           0x8,                   0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_ORIGINATOR | CFG_UNUSED, TEXT,     L10nResource, \
         "a name", "message-catalogue resource")                                                                                                                                                                                 \
-    ROW(L10N_DIR,        "L10nResourceDir",         CFG_TEXT,        l10nResourceDir,        0x10,                  0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_ORIGINATOR, TEXT,     L10nResourceDir, \
+    ROW(L10N_DIR,        "L10nResourceDir",         CFG_TEXT,        l10nResourceDir,        0x10,                  0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_COPIED,   CFG_ORIGINATOR | CFG_UNUSED, TEXT,     L10nResourceDir, \
         "a path", "directory of the message catalogue")                                                                                                                                                                         \
-    ROW(DEBUG_LEVEL,     "DebugLevel",              CFG_NUMBER32,    debugLevel,             0x20,                  0,                  CFG_LEVEL_MAX,  0,                      CFG_COPIED,   CFG_BOTH,       NUMBER32, DebugLevel, \
+    ROW(DEBUG_LEVEL,     "DebugLevel",              CFG_NUMBER32,    debugLevel,             0x20,                  0,                  CFG_LEVEL_MAX,  0,                      CFG_COPIED,   CFG_BOTH,                    NUMBER32, DebugLevel, \
         "0 to 6", "highest debug level that is written")                                                                                                                                                                        \
-    ROW(DIAG_LEVEL,      "DiagnosticLevel",         CFG_NUMBER32,    diagLevel,              0x40,                  0,                  CFG_LEVEL_MAX,  0,                      CFG_COPIED,   CFG_BOTH,       NUMBER32, DiagLevel, \
+    ROW(DIAG_LEVEL,      "DiagnosticLevel",         CFG_NUMBER32,    diagLevel,              0x40,                  0,                  CFG_LEVEL_MAX,  0,                      CFG_COPIED,   CFG_BOTH,                    NUMBER32, DiagLevel, \
         "0 to 6", "highest diagnostic level that is written")                                                                                                                                                                   \
-    ROW(RELOAD,          "DynaReloadInSec",         CFG_NUMBER32,    reloadInterval,         0x4000000,             0,                  CFG_RELOAD_MAX, 0,                      CFG_LEFT_OUT, CFG_BOTH,       NUMBER32, DynaSetting, \
+    ROW(RELOAD,          "DynaReloadInSec",         CFG_NUMBER32,    reloadInterval,         0x4000000,             0,                  CFG_RELOAD_MAX, 0,                      CFG_LEFT_OUT, CFG_BOTH,                    NUMBER32, DynaSetting, \
         "seconds below 2^31; 0 never, at least 60 otherwise", "how often open handles look for changed levels")                                                                                                                 \
-    ROW(STDOUT,          "LogToStdout",             CFG_FLAG,        outputFlags,            0x80,                  ZOLTLOG_OUT_STDOUT, 0,              0,                      CFG_COPIED,   CFG_BOTH,       SWITCH,   LogToStdout, \
+    ROW(STDOUT,          "LogToStdout",             CFG_FLAG,        outputFlags,            0x80,                  ZOLTLOG_OUT_STDOUT, 0,              0,                      CFG_COPIED,   CFG_BOTH,                    SWITCH,   LogToStdout, \
         "true or false", "copy messages to standard output")                                                                                                                                                                    \
-    ROW(STDERR,          "LogToStderr",             CFG_FLAG,        outputFlags,            0x100,                 ZOLTLOG_OUT_STDERR, 0,              0,                      CFG_COPIED,   CFG_BOTH,       SWITCH,   LogToStderr, \
+    ROW(STDERR,          "LogToStderr",             CFG_FLAG,        outputFlags,            0x100,                 ZOLTLOG_OUT_STDERR, 0,              0,                      CFG_COPIED,   CFG_BOTH,                    SWITCH,   LogToStderr, \
         "true or false", "copy messages to standard error")                                                                                                                                                                     \
-    ROW(OSLOG,           "LogToOslog",              CFG_FLAG,        outputFlags,            0x200,                 ZOLTLOG_OUT_OSLOG,  0,              0,                      CFG_COPIED,   CFG_BOTH,       SWITCH,   LogToOslog, \
+    ROW(OSLOG,           "LogToOslog",              CFG_FLAG,        outputFlags,            0x200,                 ZOLTLOG_OUT_OSLOG,  0,              0,                      CFG_COPIED,   CFG_BOTH,                    SWITCH,   LogToOslog, \
         "true or false", "copy messages to the system log")                                                                                                                                                                     \
-    ROW(FILE_NAME,       "FileName",                CFG_TEXT,        logsetFilename,         0x8000000,             0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_LEFT_OUT, CFG_LOGSET,     TEXT,     LogsetFilename, \
+    ROW(FILE_NAME,       "FileName",                CFG_TEXT,        logsetFilename,         0x8000000,             0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_LEFT_OUT, CFG_LOGSET,                  TEXT,     LogsetFilename, \
         "a name without '-' and '/', not a number", "base name of the log set's files")                                                                                                                                         \
-    ROW(APP_MSG,         "AppMsgLogging",           CFG_ON_OFF,      appMsgLogging,          CFG_ALL_BUT_DIRECTORY, 0,                  1,              1,                      CFG_COPIED,   CFG_BOTH,       SWITCH,   AppMsgLogging, \
+    ROW(APP_MSG,         "AppMsgLogging",           CFG_ON_OFF,      appMsgLogging,          CFG_ALL_BUT_DIRECTORY, 0,                  1,              1,                      CFG_COPIED,   CFG_BOTH | CFG_UNUSED,       SWITCH,   AppMsgLogging, \
         "ON or OFF", "whether application messages are written")                                                                                                                                                                \
-    ROW(OIDS_APP_MSG,    "OIDAppMsgLogging",        CFG_TEXT,        logsetOidAppMsgLogging, 0x10000000,            0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_LEFT_OUT, CFG_LISTS,      BY_HAND,  none,    \
+    ROW(OIDS_APP_MSG,    "OIDAppMsgLogging",        CFG_TEXT,        logsetOidAppMsgLogging, 0x10000000,            0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_LEFT_OUT, CFG_LISTS | CFG_UNUSED,      BY_HAND,  none,    \
         CFG_NAME_LIST, "originators of application messages")                                                                                                                                                                   \
-    ROW(OIDS_DEBUG,      "OIDDebugLogging",         CFG_TEXT,        logsetOidDebugLogging,  0x20000000,            0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_LEFT_OUT, CFG_LISTS,      TEXT,     LogsetOIDDebugLogging, \
+    ROW(OIDS_DEBUG,      "OIDDebugLogging",         CFG_TEXT,        logsetOidDebugLogging,  0x20000000,            0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_LEFT_OUT, CFG_LISTS | CFG_UNUSED,      TEXT,     LogsetOIDDebugLogging, \
         CFG_NAME_LIST, "originators of debug messages")                                                                                                                                                                         \
-    ROW(OIDS_DIAG,       "OIDDiagLogging",          CFG_TEXT,        logsetOidDiagLogging,   0x40000000,            0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_LEFT_OUT, CFG_LISTS,      TEXT,     LogsetOIDDiagLogging, \
+    ROW(OIDS_DIAG,       "OIDDiagLogging",          CFG_TEXT,        logsetOidDiagLogging,   0x40000000,            0,                  CFG_NO_MAX,     CFG_UNSET,              CFG_LEFT_OUT, CFG_LISTS | CFG_UNUSED,      TEXT,     LogsetOIDDiagLogging, \
         CFG_NAME_LIST, "originators of diagnostic messages")                                                                                                                                                                    \
-    ROW(ROLLOVER_MODE,   "RolloverMode",            CFG_ROLLOVER,    rolloverMode,           0x400,                 0,                  CFG_NO_MAX,     ZOLTLOG_ROLLOVER_NONE,  CFG_COPIED,   CFG_BOTH,       BY_HAND,  none,    \
+    ROW(ROLLOVER_MODE,   "RolloverMode",            CFG_ROLLOVER,    rolloverMode,           0x400,                 0,                  CFG_NO_MAX,     ZOLTLOG_ROLLOVER_NONE,  CFG_COPIED,   CFG_BOTH,                    BY_HAND,  none,    \
         "None, FileSize, LocalTime, Periodic, FileSize | LocalTime or FileSize | Periodic", "when a new file is started")                                                                                                       \
-    ROW(RECYCLE,         "LogRecycle",              CFG_BOOLEAN,     logRecycling,           0x1000000,             0,                  1,              0,                      CFG_LEFT_OUT, CFG_BOTH,       SWITCH,   LogRecycling, \
+    ROW(RECYCLE,         "LogRecycle",              CFG_BOOLEAN,     logRecycling,           0x1000000,             0,                  1,              0,                      CFG_LEFT_OUT, CFG_BOTH,                    SWITCH,   LogRecycling, \
         "true or false", "remove surplus files at rollover")                                                                                                                                                                    \
-    ROW(MAX_FILE_SIZE,   "MaxLogFileSizeKB",        CFG_NUMBER64,    maxFileSizeKB,          0x800,                 1,                  CFG_NO_MAX,     10240,                  CFG_COPIED,   CFG_BOTH,       NUMBER64, MaxFileSize, \
+    ROW(MAX_FILE_SIZE,   "MaxLogFileSizeKB",        CFG_NUMBER64,    maxFileSizeKB,          0x800,                 1,                  CFG_NO_MAX,     10240,                  CFG_COPIED,   CFG_BOTH,                    NUMBER64, MaxFileSize, \
         "kilobytes, 1 or more", "size at which a file is full")                                                                                                                                                                 \
-    ROW(ROLLOVER_TIME,   "RolloverAtLocalTime",     CFG_DAY_TIME,    rolloverTime,           0x1000,                0,                  CFG_NO_MAX,     0,                      CFG_COPIED,   CFG_BOTH,       NUMBER64, RolloverTime, \
+    ROW(ROLLOVER_TIME,   "RolloverAtLocalTime",     CFG_DAY_TIME,    rolloverTime,           0x1000,                0,                  CFG_NO_MAX,     0,                      CFG_COPIED,   CFG_BOTH,                    NUMBER64, RolloverTime, \
         "HH:MM", "local time of the daily rollover")                                                                                                                                                                            \
-    ROW(ROLLOVER_PERIOD, "RolloverPeriodInSeconds", CFG_NUMBER64,    rolloverPeriod,         0x2000,                1,                  CFG_NO_MAX,     43200,                  CFG_COPIED,   CFG_BOTH,       NUMBER64, RolloverPeriod, \
+    ROW(ROLLOVER_PERIOD, "RolloverPeriodInSeconds", CFG_NUMBER64,    rolloverPeriod,         0x2000,                1,                  CFG_NO_MAX,     43200,                  CFG_COPIED,   CFG_BOTH,                    NUMBER64, RolloverPeriod, \
         "seconds, 1 or more", "time between periodic rollovers")                                                                                                                                                                \
-    ROW(NUMBER_OF_FILES, "NumberOfLogFiles",        CFG_NUMBER64,    numberOfLogFiles,       0x4000,                1,                  CFG_NO_MAX,     ZOLTLOG_KEEP_ALL_FILES, CFG_COPIED,   CFG_BOTH,       NUMBER64, NumberOfLogFiles, \
+    ROW(NUMBER_OF_FILES, "NumberOfLogFiles",        CFG_NUMBER64,    numberOfLogFiles,       0x4000,                1,                  CFG_NO_MAX,     ZOLTLOG_KEEP_ALL_FILES, CFG_COPIED,   CFG_BOTH,                    NUMBER64, NumberOfLogFiles, \
         "1 or more", "how many files of a series are kept")                                                                                                                                                                     \
-    ROW(OSLOG_IDENT,     "SyslogIdent",             CFG_IDENT,       oslog.ident,            0x40000,               0,                  CFG_NO_MAX,     CFG_BY_SINK,            CFG_COPIED,   CFG_BOTH,       BY_HAND,  none,    \
+    ROW(OSLOG_IDENT,     "SyslogIdent",             CFG_IDENT,       oslog.ident,            0x40000,               0,                  CFG_NO_MAX,     CFG_BY_SINK,            CFG_COPIED,   CFG_BOTH,                    BY_HAND,  none,    \
         "at most 80 bytes", "identity in the system log")                                                                                                                                                                       \
-    ROW(OSLOG_OPTION,    "SyslogOpt",               CFG_OPTION,      oslog.option,           0x80000,               0,                  UINT32_MAX,     CFG_BY_SINK,            CFG_LEFT_OUT, CFG_BOTH,       BY_HAND,  none,    \
+    ROW(OSLOG_OPTION,    "SyslogOpt",               CFG_OPTION,      oslog.option,           0x80000,               0,                  UINT32_MAX,     CFG_BY_SINK,            CFG_LEFT_OUT, CFG_BOTH,                    BY_HAND,  none,    \
         "a number", "option bits of openlog")                                                                                                                                                                                   \
-    ROW(OSLOG_FACILITY,  "SyslogFacility",          CFG_FACILITY,    oslog.facility,         0x100000,              0,                  CFG_NO_MAX,     CFG_BY_SINK,            CFG_COPIED,   CFG_BOTH,       BY_HAND,  none,    \
+    ROW(OSLOG_FACILITY,  "SyslogFacility",          CFG_FACILITY,    oslog.facility,         0x100000,              0,                  CFG_NO_MAX,     CFG_BY_SINK,            CFG_COPIED,   CFG_BOTH,                    BY_HAND,  none,    \
         "a name such as LOG_USER or LOG_LOCAL0", "facility in the system log")                                                                                                                                                  \
-    ROW(PERMISSIONS,     "LogFilePermissions",      CFG_PERMISSIONS, permissions.mode,       0x200000,              0,                  CFG_NO_MAX,     0660,                   CFG_COPIED,   CFG_BOTH,       BY_HAND,  none,    \
+    ROW(PERMISSIONS,     "LogFilePermissions",      CFG_PERMISSIONS, permissions.mode,       0x200000,              0,                  CFG_NO_MAX,     0660,                   CFG_COPIED,   CFG_BOTH,                    BY_HAND,  none,    \
         "octal digits such as 640, 644, 660 or 664", "permissions of new log files")
 // clang-format on
 

@@ -33,6 +33,12 @@ inline constexpr char STORE_LOGSET_TOKEN[] = "LOGSET";   // first token of a log
 inline constexpr char STORE_LOGSET_PREFIX[] = "LOGSET."; // the same with what ends it
 inline constexpr size_t STORE_LOGSET_TOKEN_LENGTH = sizeof STORE_LOGSET_TOKEN - 1;
 
+inline constexpr char STORE_HEADER[] = // of a new file
+    "###############################################\n"
+    "# Caution! Do not update/modify file by hand. \n"
+    "# Use qdlogcfg tool to update/modify this file\n"
+    "###############################################\n";
+
 struct StoreText { // bytes of a file, not terminated
     const char *text;
     size_t size;

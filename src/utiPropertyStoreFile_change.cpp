@@ -15,10 +15,6 @@ namespace {
 
 const char CONFIGURATION_SUFFIX[] = ".conf"; // tells a file from a section on removal
 const uint32_t NEW_DIRECTORY_MODE = 0755;    // a directory takes its parent's mode instead
-const char HEADER[] = "###############################################\n"
-                      "# Caution! Do not update/modify file by hand. \n"
-                      "# Use qdlogcfg tool to update/modify this file\n"
-                      "###############################################\n";
 
 // ---- the draft -------------------------------------------------------------------------
 
@@ -70,7 +66,7 @@ bool loadDraft(Draft *draft, const StoreSource *source) {
     if (!addPiece(draft, {"", 0}, nullptr, 0))
         return false;
     if (!source->exists) {
-        for (const char *at = HEADER; *at != '\0';) {
+        for (const char *at = STORE_HEADER; *at != '\0';) {
             const StoreText line = storeLine(at, strlen(at));
             if (!addPiece(draft, line, nullptr, draft->last))
                 return false;
@@ -382,7 +378,7 @@ uint32_t makeHeader(const StoreSource *source, StoreOutput *out, void *context) 
     (void)context;
     if (source->exists)
         return STORE_UNCHANGED;
-    storePut(out, HEADER, sizeof HEADER - 1);
+    storePut(out, STORE_HEADER, sizeof STORE_HEADER - 1);
     return ZOLTLOG_STORE_OK;
 }
 
@@ -392,7 +388,7 @@ uint32_t utiCreatePropertyStoreFile(const char *path, const char *root, Property
     if (path == nullptr || root == nullptr || store == nullptr)
         return ZOLTLOG_STORE_INVALID_ARGUMENT;
     store->stream = nullptr;
-    if (!makeDirectoryOf(path) || storeMakeAnew(path, HEADER) != ZOLTLOG_STORE_OK)
+    if (!makeDirectoryOf(path) || storeMakeAnew(path, STORE_HEADER) != ZOLTLOG_STORE_OK)
         return ZOLTLOG_STORE_NOT_CREATED;
     return utiOpenPropertyStoreFile(path, root, store);
 }

@@ -72,12 +72,13 @@ pid_t startTool(std::vector<std::string> words) {
     for (std::string &word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);
-    std::string preload = "LD_PRELOAD=" + support::buildDirectory() + "/tests/plugins/libno_locks.so";
+    std::string preload = "LD_PRELOAD=" + support::buildDirectory() + "/tests/plugins/libfailing_calls.so";
+    std::string failing = "FAILING_CALLS=locks";
     std::vector<char *> environment;
     for (char **entry = environ; *entry != nullptr; ++entry)
         environment.push_back(*entry);
     if (withoutLocks)
-        environment.push_back(preload.data());
+        environment.insert(environment.end(), {preload.data(), failing.data()});
     environment.push_back(nullptr);
     pid_t child = 0;
     posix_spawn_file_actions_t actions;

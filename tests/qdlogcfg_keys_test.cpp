@@ -7,7 +7,6 @@
 #include <random>
 
 #include "src/config_keys.cpp"
-#include "tools/qdlogcfg/configfile.cpp"
 #include "tools/qdlogcfg/keys.cpp"
 #include "tools/qdlogcfg/settings.cpp"
 

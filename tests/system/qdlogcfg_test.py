@@ -1,13 +1,15 @@
 #!/usr/bin/env python3
 """qdlogcfg as a new user would use it, from an empty directory."""
+import fcntl
 import json
 import os
 import re
 import shutil
+import struct
 import subprocess
 import unittest
 
-from qdul_testing import HERE, manual, program, read, section, users_environment, write
+from qdul_testing import BUILD, HERE, manual, program, read, section, users_environment, write
 
 TOOL = program("qdlogcfg")
 
@@ -278,10 +280,13 @@ class Qdlogcfg(unittest.TestCase):
         before = f"# kept\nDefault.LogDirectory={HERE}/logs\n7.DebugLevel=1\n8.DebugLevel=2\n7.LogToStdout=true"
         write("server.conf", before)
         write("list", "# a comment\n\n7.DebugLevel=5\n7.OIDNames=seven\nLOGSET.bill.NumberOfLogFiles=3\n8.DebugLevel=2\n")
+        note = "note: product 5, log set bill: no LogDirectory is set; opening a log gives result 53\n"
         told = self.ok("apply", "-P", "5", "list", "--dry-run")
-        self.assertEqual(told, "-7.DebugLevel=1\n+7.DebugLevel=5\n+7.OIDNames=seven\n+LOGSET.bill.NumberOfLogFiles=3\n")
+        self.assertEqual(told, "-7.DebugLevel=1\n+7.DebugLevel=5\n+7.OIDNames=seven\n+LOGSET.bill.NumberOfLogFiles=3\n"
+                         + note)
         self.assertEqual(read("server.conf"), before)
-        self.assertEqual(self.ok("apply", "-P", "5", "list"), f"applied 4 setting(s) to {HERE}/server.conf, 3 changed\n")
+        self.assertEqual(self.ok("apply", "-P", "5", "list"),
+                         f"applied 4 setting(s) to {HERE}/server.conf, 3 changed\n" + note)
         after = (f"# kept\nDefault.LogDirectory={HERE}/logs\n7.DebugLevel=5\n7.OIDNames=seven\n8.DebugLevel=2\n"
                  "7.LogToStdout=true\nLOGSET.bill.NumberOfLogFiles=3\n")
         self.assertEqual(read("server.conf"), after)
@@ -497,12 +502,237 @@ class Qdlogcfg(unittest.TestCase):
         os.mkdir("server.conf.tmp")  # no temporary file can be made there
         try:
             before = read("server.conf")
-            status, _, err = run("set", "-P", "5", "DebugLevel=3")
-            self.assertEqual(status, 3)
-            self.assertIn("DebugLevel was not written", err)
+            status, out, err = run("set", "-P", "5", "DebugLevel=3")
+            self.assertEqual((status, out), (3, ""))
+            self.assertEqual(err, f"qdlogcfg: {HERE}/server.conf was not changed: Is a directory\n")
             self.assertEqual(read("server.conf"), before)
         finally:
             os.rmdir("server.conf.tmp")
+
+    # ---- what stands in the way ----------------------------------------------------------
+
+    def preloaded(self, *arguments, **variables):
+        """Runs the tool with calls that fail or are watched."""
+        return run(*arguments, environment={"LD_PRELOAD": BUILD + "/tests/plugins/libfailing_calls.so",
+                                            "ASAN_OPTIONS": "verify_asan_link_order=0", **variables})
+
+    def test_a_full_disk_changes_nothing_and_a_retry_works(self):
+        add = ["product", "add", "5", "--names", "server", "--file", f"{HERE}/server.conf"]
+        status, out, err = self.preloaded(*add, FAILING_CALLS="write")
+        self.assertEqual((status, out), (3, ""))
+        self.assertIn("No space left on device", err)
+        self.assertFalse(os.path.exists("main.conf"))
+        self.ok("product", "add", "4", "--names", "other", "--file", f"{HERE}/other.conf")
+        before = read("main.conf")
+        status, out, err = self.preloaded(*add, FAILING_CALLS="write")
+        self.assertEqual((status, out), (3, ""))
+        self.assertIn("was not registered", err)
+        self.assertIn("No space left on device", err)
+        self.assertEqual(read("main.conf"), before)
+        self.ok(*add)
+        self.assertEqual(read("main.conf"), before + f"5.Configuration={HERE}/server.conf\n5.Names=server\n")
+        write("list", "7.DebugLevel=1\n8.DebugLevel=1\n")
+        self.ok("set", "-P", "5", f"LogDirectory={HERE}/logs")
+        good = read("server.conf")
+        for change in (["set", "-P", "5", "DebugLevel=1", "DiagnosticLevel=2"], ["unset", "-P", "5", "LogDirectory"],
+                       ["apply", "-P", "5", "list"], ["product", "remove", "5"]):
+            status, out, err = self.preloaded(*change, FAILING_CALLS="write")
+            self.assertEqual((status, out), (3, ""), change)
+            self.assertIn("No space left on device", err)
+            self.assertEqual(read("server.conf"), good)
+            self.assertIn("5.Names=server\n", read("main.conf"))
+        self.ok("set", "-P", "5", "DebugLevel=1", "DiagnosticLevel=2")
+        self.assertEqual(read("server.conf"), good + "Default.DebugLevel=1\nDefault.DiagnosticLevel=2\n")
+
+    def as_other_user(self, *arguments):
+        user = {"user": 65534, "group": 65534, "extra_groups": []} if os.geteuid() == 0 else {}
+        done = subprocess.run([TOOL, "--config", f"{HERE}/main.conf", *arguments], capture_output=True, text=True,
+                              env=users_environment(), check=False, **user)
+        return done.returncode, done.stdout, done.stderr
+
+    def test_who_may_not_write_is_told_so_also_before(self):
+        self.register()
+        mode = os.stat(".").st_mode & 0o7777
+        for name in ("main.conf", "server.conf"):
+            os.chmod(name, 0o644)
+        os.chmod(".", 0o555)
+        before = read("server.conf"), read("main.conf")
+        write_list = "7.DebugLevel=1\n"
+        try:
+            if self.as_other_user("show", "-P", "5")[0] == 3:
+                self.skipTest("another user cannot read this directory")
+            with open("/tmp/qdlogcfg-list." + str(os.getpid()), "w") as file:
+                file.write(write_list)
+            for change in (["set", "-P", "5", "DebugLevel=1"], ["unset", "-P", "5", "LogDirectory"],
+                           ["apply", "-P", "5", file.name], ["product", "remove", "5"],
+                           ["product", "add", "6", "--names", "x", "--file", f"{HERE}/x.conf"]):
+                status, out, err = self.as_other_user(*change)
+                self.assertEqual((status, out), (3, ""), change)
+                self.assertIn("Permission denied", err, change)
+                status, out, err = self.as_other_user(*change, "--dry-run")
+                self.assertEqual(status, 3, change)
+                self.assertNotEqual(out, "")
+                self.assertIn("could not be changed: Permission denied", err, change)
+            self.assertEqual((read("server.conf"), read("main.conf")), before)
+        finally:
+            os.chmod(".", mode)
+            if os.path.exists("/tmp/qdlogcfg-list." + str(os.getpid())):
+                os.remove("/tmp/qdlogcfg-list." + str(os.getpid()))
+
+    def test_who_keeps_the_configuration_waiting_is_named(self):
+        self.register()
+        before = read("server.conf"), read("main.conf")
+        holders = []
+        for name in ("server.conf.tmp", "main.conf.tmp"):
+            file = open(name, "w")
+            fcntl.fcntl(file, fcntl.F_OFD_SETLK, struct.pack("hhqqi4x", fcntl.F_WRLCK, 0, 0, 0, 0))
+            holders.append(file)
+        try:
+            changes = [["set", "-P", "5", "DebugLevel=1"],
+                       ["product", "add", "6", "--names", "x", "--file", f"{HERE}/x.conf"]]
+            running = [subprocess.Popen([TOOL, "--config", f"{HERE}/main.conf", *change], stderr=subprocess.PIPE,
+                                        stdout=subprocess.PIPE, text=True, env=users_environment()) for change in changes]
+            for process in running:
+                out, err = process.communicate()
+                self.assertEqual((process.returncode, out), (3, ""))
+                self.assertIn(f"process {os.getpid()} (", err)
+                self.assertIn(") is writing it and did not finish in ten seconds", err)
+            self.assertEqual(self.check(0), [])  # somebody is at work: nothing is left over
+        finally:
+            for file in holders:
+                file.close()
+                os.remove(file.name)
+        self.assertEqual((read("server.conf"), read("main.conf")), before)
+
+    def test_a_change_that_did_not_end_leaves_a_file_which_check_tells(self):
+        self.register()
+        for name in ("server.conf.tmp", "main.conf.tmp"):
+            write(name, "5.x=y\n")
+            texts = [finding["text"] for finding in self.check()]
+            self.assertEqual(texts, [f"{HERE}/{name} is left over from a change that did not end; the next one removes it"])
+            os.remove(name)
+        write("server.conf.tmp", "")
+        self.ok("set", "-P", "5", "DebugLevel=1")
+        self.assertFalse(os.path.exists("server.conf.tmp"))
+
+    # ---- what is told ---------------------------------------------------------------------
+
+    def test_each_file_is_read_once(self):
+        self.register()
+        self.ok("set", "-P", "5", "-u", "7", "OIDNames=seven", "DebugLevel=3")
+        self.ok("set", "-P", "5", "-L", "backup", f"LogDirectory={HERE}/logs")
+        for command in (["show", "-P", "server", "-u", "seven"], ["show", "-P", "5", "--export"],
+                        ["get", "-P", "5", "-u", "seven", "DebugLevel", "DiagnosticLevel"], ["list", "-P", "5"], ["check"],
+                        ["check", "-P", "5"], ["budget"], ["budget", "-P", "5"], ["explain", "-P", "5", "-u", "seven"],
+                        ["explain", "-P", "5", "-L", "backup"], ["product", "show", "5"]):
+            if os.path.exists("opened"):
+                os.remove("opened")
+            status, _, err = self.preloaded(*command, OPENED_FILES=f"{HERE}/opened")
+            self.assertIn((status, err), [(0, ""), (1, "")], command)
+            opened = read("opened").splitlines()
+            self.assertEqual([opened.count(f"{HERE}/{name}") for name in ("main.conf", "server.conf")], [1, 1], command)
+
+    def test_many_keys_are_one_change_or_none(self):
+        self.register()
+        before = read("server.conf")
+        keys = ["DebugLevel=3", "DiagnosticLevel=4", "LogToStdout=true", "NumberOfLogFiles=3", "SyslogIdent=me"]
+        self.preloaded("set", "-P", "5", "-u", "7", *keys, OPENED_FILES=f"{HERE}/opened")
+        self.assertEqual(read("opened").splitlines().count(f"{HERE}/server.conf.tmp"), 1)
+        self.assertEqual(read("server.conf"), before + "".join(f"7.{key}\n" for key in keys))
+        after = read("server.conf")
+        os.remove("opened")
+        self.preloaded("unset", "-P", "5", "-u", "7", *[key.split("=")[0] for key in keys], OPENED_FILES=f"{HERE}/opened")
+        self.assertEqual(read("opened").splitlines().count(f"{HERE}/server.conf.tmp"), 1)
+        self.assertEqual(read("server.conf"), before)
+        write("server.conf", after + "7.DebugLevel=5\n9.DebugLevel=1\n7.DebugLevel=6\n")
+        self.ok("unset", "-P", "5", "-u", "7", "DebugLevel")  # each of its lines
+        self.assertEqual(read("server.conf"), after.replace("7.DebugLevel=3\n", "") + "9.DebugLevel=1\n")
+
+    def test_set_refuses_what_check_calls_an_error(self):
+        self.register()
+        self.ok("set", "-P", "5", "-L", "a", f"LogDirectory={HERE}/logs")
+        before = read("server.conf")
+        write("afile", "")
+        for scope, setting, told in [
+                ([], "LogFilePermissions=0", "keeps the files' owner"), ([], "LogFilePermissions=66O", "is not allowed"),
+                ([], "RolloverAtLocalTime=3:30pm", "is not allowed"), ([], f"LogDirectory= {HERE}/logs", ""),
+                (["-u", "7"], "LogDirectory= sub", "blanks before the path"),
+                (["-u", "7"], f"LogDirectory={HERE}/afile", "is no directory"),
+                (["-L", "b"], f"LogDirectory={HERE}/logs", None), (["-L", "b"], "FileName=a", "write one series"),
+                (["-L", "c-d"], "DebugLevel=1", "with '-'"), (["-L", "e" * 81], f"LogDirectory={HERE}/logs", "more than 80 bytes"),
+                (["-L", "b"], "FileName=" + "f" * 250, "longer than 255 bytes")]:
+            status, out, err = run("set", "-P", "5", *scope, setting)
+            if told is None:
+                self.assertEqual(status, 0)
+                before = read("server.conf")
+                continue
+            self.assertEqual((status, out), (2, ""), setting)
+            self.assertIn(told, err)
+            self.assertEqual(read("server.conf"), before)
+            write("list", (f"LOGSET.{scope[1]}." if scope[:1] == ["-L"] else f"{scope[1]}." if scope else "Default.") + setting + "\n")
+            status, out, err = run("apply", "-P", "5", "list")
+            self.assertEqual((status, out), (2, ""), setting)
+            self.assertEqual(read("server.conf"), before)
+        self.assertEqual(self.check(0), [])
+        write("server.conf", before + "9.DebugLevel=9\n")
+        self.ok("set", "-P", "5", "-u", "8", "DebugLevel=1")  # what was wrong before does not stop it
+
+    def test_set_says_what_becomes_of_a_value(self):
+        self.register()
+        self.assertIn("note: DynaReloadInSec: intervals below 60 seconds count as 60\n",
+                      self.ok("set", "-P", "5", "DynaReloadInSec=5"))
+        self.assertNotIn("note", self.ok("set", "-P", "5", "DynaReloadInSec=60"))
+        self.assertIn("note: DynaReloadInSec: ", self.ok("set", "-P", "5", "DynaReloadInSec=5", "--dry-run"))
+        self.assertIn("note: product 5, Default: LogRecycle removes nothing", self.ok("set", "-P", "5", "LogRecycle=true"))
+        self.ok("set", "-P", "5", "-u", "7", "OIDNames=alpha beta")
+        self.assertIn("note: originators 7 and 8 are both named 'beta'", self.ok("set", "-P", "5", "-u", "8", "OIDNames=beta"))
+
+    def test_check_looks_at_names_and_paths(self):
+        self.register()
+        good = read("server.conf")
+        for added, expected in [
+                ("7.LogFilePermissions=0", "keeps the files' owner"), ("7.LogFilePermissions=40", "keeps the files' owner"),
+                ("7.LogDirectory= sub", "blanks before the path"), ("7.L10nResourceDir= /x", "blanks before the path"),
+                ("7.OIDNames=a b\n8.OIDNames=c,b", "originators 7 and 8 are both named 'b'"),
+                ("LOGSET." + "n" * 81 + ".DebugLevel=1", "more than 80 bytes"),
+                (f"LOGSET.a.LogDirectory={HERE}/logs\nLOGSET.a.FileName=" + "f" * 240, "longer than 255 bytes")]:
+            write("server.conf", good + added + "\n")
+            texts = [finding["text"] for finding in self.check()]
+            self.assertTrue(any(expected in text for text in texts), (added, texts))
+        write("server.conf", good)
+        main = read("main.conf")
+        write("main.conf", main + f"6.Configuration=/{'d' * 390}.conf\n")
+        self.assertTrue(any("longer than 395 bytes" in finding["text"] for finding in self.check()))
+        self.assertEqual(run("product", "add", "7", "--names", "x", "--file", f"/{'d' * 390}.conf")[0], 2)
+
+    def test_blanks_and_commas_part_names_alike_in_all_tools(self):
+        self.ok("product", "add", "5", "--names", "alpha beta,gamma", "--file", f"{HERE}/server.conf")
+        self.ok("set", "-P", "beta", f"LogDirectory={HERE}/logs")
+        self.ok("set", "-P", "gamma", "-u", "7", "OIDNames=one two, three")
+        os.makedirs("logs", exist_ok=True)
+        write("logs/5-7-16777343-260101-0000000000.log", "$Header 65543,5,7,1767225600,0,host\n"
+              "2,5,7,7,1,1767225600000,42,43,0:,9:Disk full,3:mgr,3,(0|)\n")
+        for name in ("alpha", "beta", "gamma"):
+            self.assertIn('"product":5', self.ok("product", "show", name, "--json").replace(" ", ""))
+            for originator in ("one", "two", "three"):
+                self.assertEqual(self.ok("get", "-P", name, "-u", originator, "OIDNames"), "one two, three\n")
+                for other in (["qdlogmgr", "list"], ["qdlogview", "-o", "csv"]):
+                    done = subprocess.run([program(other[0]), "--config", f"{HERE}/main.conf", *other[1:], "-P", name, "-u",
+                                           originator], capture_output=True, text=True, env=users_environment(), check=False)
+                    self.assertEqual((done.returncode, done.stderr), (0, ""), (other, name, originator, done.stdout))
+        self.assertEqual(run("product", "show", "alphabeta")[0], 3)
+
+    def test_settings_that_nothing_follows_are_marked(self):
+        self.register()
+        unused = ["L10nLib", "L10nResource", "L10nResourceDir", "AppMsgLogging", "OIDAppMsgLogging", "OIDDebugLogging",
+                  "OIDDiagLogging"]
+        told = {row["key"]: row for row in json.loads(self.ok("show", "-P", "5", "--json"))}
+        self.assertEqual([key for key, row in told.items() if row.get("used") is False], unused)
+        human = self.ok("show", "-P", "5")
+        usage = run("--help")[1]
+        for key in told:
+            for text in (re.search(rf"(?m)^{key} .*$", human).group(), re.search(rf"(?m)^  {key}: .*$", usage).group()):
+                self.assertEqual("; nothing follows it today" in text, key in unused, text)
 
     def test_every_command_has_help_with_an_example(self):
         for command in [["product", "add"], ["product", "remove"], ["product", "list"], ["product", "show"], ["get"],

@@ -1,14 +1,12 @@
 #include "common/configurations.h"
 
+#include "common/config_file.h"
 #include "common/number_text.h"
 #include "common/result_text.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
-#include <set>
 #include <unistd.h>
 
 namespace tools {
@@ -29,34 +27,39 @@ std::string unreadable(const std::string &path) {
     return access(path.c_str(), R_OK) == 0 ? "" : "configuration " + path + ": " + std::strerror(errno);
 }
 
-std::set<uint64_t> registeredProducts() {
-    std::set<uint64_t> ids;
-    std::ifstream file(GetZoltLogCfgLoc());
-    for (std::string line; std::getline(file, line);) {
-        uint64_t id = 0;
-        if (parseNumber(std::string_view(line).substr(0, line.find('.')), id) && id != 0)
-            ids.insert(id);
-    }
-    return ids;
+ConfigFile mainFile() {
+    return readConfigFile(GetZoltLogCfgLoc());
+}
+
+bool hasName(const char *list, const std::string &name) {
+    const std::vector<std::string> names = namesOf(list);
+    return std::find(names.begin(), names.end(), name) != names.end();
 }
 
 // The product that the main file gives this name to, also when the product's own file
 // cannot be read; 0: none.
 uint64_t registeredProduct(const std::string &name) {
-    for (const uint64_t id : registeredProducts()) {
-        if (DoesNameMatch(mainFileText(GetProductShortName, id).c_str(), name.c_str()) != 0)
-            return id;
+    for (const RegisteredProduct &product : registeredProducts(mainFile())) {
+        if (hasName(product.names.c_str(), name))
+            return product.id;
     }
     return 0;
 }
 
-uint64_t findName(const Configurations &all, uint64_t product, uint32_t kind, const std::string &text) {
-    std::vector<LogCfg *> some;
-    std::copy_if(all.begin(), all.end(), std::back_inserter(some), [&](const LogCfg *cfg) {
-        return kind == ZOLTLOG_ATTR_PRODUCT_ID ||
-               (cfg->isLogset == 0 && (product == 0 || cfg->productId == product));
-    });
-    return GetIdFromName(some.data(), static_cast<uint32_t>(some.size()), kind, text.c_str());
+uint64_t productNamed(const Configurations &all, const std::string &name) {
+    for (const LogCfg *cfg : all)
+        if (hasName(cfg->productShortNames, name))
+            return cfg->productId;
+    return 0;
+}
+
+// product 0: of any
+uint64_t originatorNamed(const Configurations &all, uint64_t product, const std::string &name) {
+    for (const LogCfg *cfg : all)
+        if (cfg->isLogset == 0 && (product == 0 || cfg->productId == product) &&
+            hasName(cfg->originatorNames, name))
+            return cfg->originatorId;
+    return 0;
 }
 
 } // namespace
@@ -86,7 +89,7 @@ uint64_t findProduct(const std::string &text, std::string &problem) {
         return id;
     }
     const Configurations all;
-    id = findName(all, 0, ZOLTLOG_ATTR_PRODUCT_ID, text);
+    id = productNamed(all, text);
     if (id != 0)
         return id;
     const uint64_t registered = registeredProduct(text);
@@ -104,7 +107,7 @@ uint64_t findOriginator(const std::string &text, uint64_t product, std::string &
         return id;
     }
     const Configurations all(product);
-    id = findName(all, product, ZOLTLOG_ATTR_FILE_ORIGINATOR_ID, text);
+    id = originatorNamed(all, product, text);
     if (id != 0)
         return id;
     if (all.result != ZOLTLOG_OK)
@@ -133,9 +136,8 @@ std::string configurationProblem(uint64_t product, uint32_t result) {
 
 std::vector<std::string> unreadableConfigurations() {
     std::vector<std::string> problems;
-    for (const uint64_t id : registeredProducts()) {
-        const std::string file = mainFileText(GetProductCfgPath, id);
-        const std::string problem = file.empty() ? "" : unreadable(file);
+    for (const RegisteredProduct &product : registeredProducts(mainFile())) {
+        const std::string problem = unreadable(product.location);
         if (!problem.empty())
             problems.push_back(problem);
     }
@@ -158,19 +160,12 @@ IdNames configuredIdNames() {
 
 std::vector<std::string> namesOf(const char *list) {
     std::vector<std::string> names;
-    std::string name;
-    for (const char *c = list;; ++c) {
-        if (*c != ',' && *c != '\0') {
-            if (*c != ' ')
-                name += *c;
-            continue;
-        }
-        if (!name.empty())
-            names.push_back(name);
-        name.clear();
-        if (*c == '\0')
-            return names;
+    for (const char *at = list + std::strspn(list, ", "); *at != '\0'; at += std::strspn(at, ", ")) {
+        const size_t size = std::strcspn(at, ", ");
+        names.emplace_back(at, size);
+        at += size;
     }
+    return names;
 }
 
 } // namespace tools

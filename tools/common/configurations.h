@@ -50,7 +50,7 @@ IdNames configuredIdNames();
 // The configuration files of registered products that cannot be read, with the reason.
 std::vector<std::string> unreadableConfigurations();
 
-// The names of a list separated by commas; blanks do not count.
+// The names of a list separated by commas or blanks.
 std::vector<std::string> namesOf(const char *list);
 
 } // namespace tools

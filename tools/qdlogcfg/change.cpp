@@ -1,13 +1,17 @@
 // qdlogcfg get | set | unset
 //
-// A change is checked by the library's own accessor and then written as exactly one
-// key through the property store: the record writers would also touch
-// "AppMsgLogging" and would set or remove more than was asked for.
+// A value is checked by the library's own functions, and the file as it would be by what
+// "check" looks for. Exactly the keys that were asked for are written: the record writers would
+// also touch "AppMsgLogging".
+#include <algorithm>
 #include <cstring>
+#include <memory>
+#include <unordered_map>
 
 #include "commands.h"
 #include "common/exit_codes.h"
-#include "common/result_text.h"
+#include "edit.h"
+#include "findings.h"
 
 using tools::Json;
 using tools::Output;
@@ -74,31 +78,65 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
     if (cfgTake(&scratch.cfg, idOf(key), value.c_str(), &state) != CFG_EXACTLY)
         throw CommandError(tools::EXIT_USAGE, std::string(key.name) + ": '" + value +
                                                   "' is not allowed; it takes " + key.values);
-    return {&key, shown(scratch.cfg, idOf(key))};
+    const std::string written = shown(scratch.cfg, idOf(key));
+    return {&key, written, asUtf8(written)};
 }
 
 namespace {
-
-// An open section that is closed with its owner.
-struct Section {
-    Section(const Scope &scope, const std::string &name) : store{} {
-        const uint32_t result = CreatePropertyString(scope.product.location.c_str(), name.c_str(), &store);
-        if (result != ZOLTLOG_OK)
-            throw CommandError(tools::EXIT_UNREADABLE,
-                               scope.product.location + " cannot be opened: " + tools::resultMessage(result));
-    }
-    ~Section() { utiClosePropertyStore(&store); }
-    Section(const Section &) = delete;
-    Section &operator=(const Section &) = delete;
-
-    PropertyStore store;
-};
 
 std::string place(const Scope &scope) {
     return "section " + scope.section() + " of " + scope.product.location;
 }
 
 } // namespace
+
+void requireWritable(const std::string &path) {
+    const std::string why = whyNotWritable(path);
+    if (!why.empty())
+        throw CommandError(tools::EXIT_UNREADABLE, path + " could not be changed: " + why);
+}
+
+namespace {
+
+// A finding without the numbers of lines, which a change moves.
+std::string withoutLines(const std::string &text) {
+    constexpr std::string_view LINE = "line ";
+    std::string result;
+    for (size_t at = 0; at < text.size();) {
+        const size_t found = std::min(text.find(LINE, at), text.size());
+        const size_t number = std::min(found + LINE.size(), text.size());
+        result.append(text, at, number - at);
+        at = std::min(text.find_first_not_of("0123456789", number), text.size());
+    }
+    return result;
+}
+
+} // namespace
+
+std::string requireGood(const Product &product, const ConfigFile &file, const Edits &edits) {
+    Findings before;
+    Findings after;
+    ConfigFile now{};
+    now.path = file.path;
+    tools::parseConfig(now,
+                       std::make_shared<const std::string>(
+                           edited(file.bytes != nullptr ? *file.bytes : "", file.exists, edits).content));
+    if (file.readable)
+        checkProduct(product, file, before);
+    checkProduct(product, now, after);
+    std::unordered_map<std::string, int> known;
+    for (const Finding &finding : before.list)
+        ++known[withoutLines(finding.text)];
+    std::string notes;
+    for (const Finding &finding : after.list) {
+        if (known[withoutLines(finding.text)]-- > 0)
+            continue;
+        if (finding.severity == Severity::ERROR)
+            throw CommandError(tools::EXIT_USAGE, "nothing was changed: " + finding.text);
+        notes += "note: " + tools::escaped(finding.text) + "\n";
+    }
+    return notes;
+}
 
 int getSettings(const Options &options, Output &out) {
     const Product product = findProduct(options.product);
@@ -128,28 +166,22 @@ int setSettings(const Options &options, Output &out) {
     const Product product = findProduct(options.product);
     const ConfigFile file = readConfigFile(product.location);
     const Scope scope = findScope(product, file, options.originator, options.logset);
-    std::vector<Change> changes; // all are checked before the first is written
-    for (const std::string &argument : options.arguments)
-        changes.push_back(checkedChange(argument, scope));
+    Edits edits;
+    std::string told;
+    for (const std::string &argument : options.arguments) {
+        const Change change = checkedChange(argument, scope);
+        if (!edits.put(asUtf8(scope.section()), change.key->name, change.utf8))
+            throw CommandError(tools::EXIT_USAGE, std::string(change.key->name) + " is given twice");
+        told += (options.dryRun ? "would set " : "set ") + std::string(change.key->name) + "=" +
+                tools::escaped(change.value) + " in " + place(scope) + "\n";
+    }
     requireReadable(file);
-    const std::string verb = options.dryRun ? "would set " : "set ";
-    if (options.dryRun) {
-        for (const Change &change : changes)
-            out.write(verb + change.key->name + "=" + tools::escaped(change.value) + " in " + place(scope) +
-                      "\n");
-        return tools::EXIT_OK;
-    }
-    Section section(scope, scope.section());
-    for (const Change &change : changes) {
-        const uint32_t result =
-            utipsres2zoltlogres(utiSetPropertyAsStr(&section.store, change.key->name, change.value.c_str()));
-        if (result != ZOLTLOG_OK)
-            throw CommandError(tools::EXIT_UNREADABLE, std::string(change.key->name) +
-                                                           " was not written to " + scope.product.location +
-                                                           ": " + tools::resultMessage(result));
-        out.write(verb + change.key->name + "=" + tools::escaped(change.value) + " in " + place(scope) +
-                  "\n");
-    }
+    const std::string notes = requireGood(product, file, edits);
+    if (!options.dryRun)
+        rewriteFile(product.location, file.exists, edits);
+    out.write(told + notes);
+    if (options.dryRun)
+        requireWritable(product.location);
     return tools::EXIT_OK;
 }
 
@@ -158,25 +190,21 @@ int unsetSettings(const Options &options, Output &out) {
     const ConfigFile file = readConfigFile(product.location);
     const Scope scope = findScope(product, file, options.originator, options.logset);
     requireReadable(file);
-    std::vector<std::string> present; // also what is no setting: it should not stand there
+    Edits edits;
+    std::string told;
     for (const std::string &name : options.arguments) {
-        if (file.find(scope.section(), name) != nullptr)
-            present.push_back(name);
-        else
-            out.write(std::string(requireKey(name, scope).name) + " is not set in " + place(scope) + "\n");
-    }
-    for (const std::string &name : present) {
-        if (options.dryRun) {
-            out.write("would remove " + tools::escaped(name) + " from " + place(scope) + "\n");
+        if (file.find(scope.section(), name) == nullptr) { // else it is removed, also what is no setting
+            told += std::string(requireKey(name, scope).name) + " is not set in " + place(scope) + "\n";
             continue;
         }
-        Section section(scope, scope.section());
-        const uint32_t result = utipsres2zoltlogres(utiRemoveProperty(&section.store, name.c_str()));
-        if (result != ZOLTLOG_OK)
-            throw CommandError(tools::EXIT_UNREADABLE, name + " was not removed from " +
-                                                           scope.product.location + ": " +
-                                                           tools::resultMessage(result));
-        out.write("removed " + tools::escaped(name) + " from " + place(scope) + "\n");
+        edits.remove(scope.section(), name);
+        told += (options.dryRun ? "would remove " : "removed ") + tools::escaped(name) + " from " +
+                place(scope) + "\n";
     }
-    return present.empty() ? tools::EXIT_NOTHING : tools::EXIT_OK;
+    if (!options.dryRun && edits.count != 0)
+        rewriteFile(product.location, file.exists, edits);
+    out.write(told);
+    if (options.dryRun && edits.count != 0)
+        requireWritable(product.location);
+    return edits.count == 0 ? tools::EXIT_NOTHING : tools::EXIT_OK;
 }

@@ -2,13 +2,14 @@
 // all is thrown as a CommandError.
 #pragma once
 
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "common/json.h"
 #include "common/options.h"
 #include "settings.h"
+
+struct Edits;
 
 struct Options : tools::CommonOptions {
     bool dryRun = false;
@@ -54,10 +55,13 @@ std::string nearestExisting(const std::string &directory);
 struct Change {
     const CfgKey *key;
     std::string value; // in the form that is written
+    std::string utf8;  // as it stands in the file
 };
 // "KEY=VALUE" for a scope; CommandError when the library would not take it exactly.
 Change checkedChange(const std::string &argument, const Scope &scope);
 
-// Puts new content in the place of a file, in one rewrite: made from what the file holds at
-// that moment, again when somebody else changes it meanwhile. CommandError otherwise.
-void rewriteFile(const std::string &path, const std::function<std::string(const std::string &)> &make);
+// CommandError when a product's file would have an error with these edits that it has not
+// without; what else is new there, as lines of notes.
+std::string requireGood(const Product &product, const ConfigFile &file, const Edits &edits);
+// CommandError when this user could not change the file.
+void requireWritable(const std::string &path);

@@ -154,7 +154,8 @@ const tools::Option OPTIONS[] = {
 std::string footer() {
     std::string text = "Settings:\n";
     for (const CfgKey &key : CFG_KEYS)
-        text += std::string("  ") + key.name + ": " + key.help + " (" + key.values + ")\n";
+        text += std::string("  ") + key.name + ": " + key.help + " (" + key.values + ")" +
+                ((key.use & CFG_UNUSED) != 0 ? std::string("; ") + CFG_UNUSED_NOTE : "") + "\n";
     return text + "\nExit status: 0 done, 1 nothing found or problems found, 2 wrong usage, 3 a file or\n"
                   "the configuration cannot be read or changed, 4 the output is incomplete.\n";
 }

@@ -1,9 +1,11 @@
 // qdlogcfg product add | remove | list | show
 #include <algorithm>
+#include <cerrno>
 
 #include "commands.h"
 #include "common/exit_codes.h"
 #include "common/result_text.h"
+#include "edit.h"
 
 using tools::Json;
 using tools::Output;
@@ -18,8 +20,12 @@ uint64_t productId(const Options &options) {
     return *id;
 }
 
-[[noreturn]] void fail(const std::string &what, uint32_t result) {
-    throw CommandError(tools::EXIT_UNREADABLE, what + ": " + tools::resultMessage(result));
+[[noreturn]] void fail(const std::string &what, uint32_t result, int error = 0) {
+    const bool isWriting =
+        result == ZOLTLOG_FAILED || result == ZOLTLOG_CFG_NOT_FOUND || result == ZOLTLOG_CFG_CREATE_FAILED;
+    throw CommandError(tools::EXIT_UNREADABLE,
+                       what + ": " + tools::resultMessage(result) +
+                           (isWriting && error != 0 ? ": " + causeOf(error, mainConfigPath()) : ""));
 }
 
 void writeProduct(Json &json, const Product &product) {
@@ -40,6 +46,11 @@ int productAdd(const Options &options, Output &out) {
             tools::EXIT_USAGE,
             "--file takes the absolute path of the product's configuration file; it must hold \".conf\"");
     constexpr size_t VALUE_LIMIT = 399; // what the library uses of a value
+    constexpr size_t LOCATION_LIMIT = 395;
+    if (options.file.size() > LOCATION_LIMIT)
+        throw CommandError(tools::EXIT_USAGE, "--file: a path of more than " +
+                                                  std::to_string(LOCATION_LIMIT) +
+                                                  " bytes could not be changed");
     for (const std::string &text : {options.names, options.file})
         if (text.find_first_of("=\n") != std::string::npos || text.size() > VALUE_LIMIT ||
             (!text.empty() && text.back() == ' '))
@@ -58,11 +69,13 @@ int productAdd(const Options &options, Output &out) {
                  ZOLTLOG_PRODUCT_EXISTS);
         out.write("would register product " + std::to_string(id) + " (" + options.names + ") with " +
                   options.file + " in " + mainConfigPath() + "\n");
+        requireWritable(mainConfigPath());
         return tools::EXIT_OK;
     }
+    errno = 0;
     const uint32_t result = zoltLogAddProductCfg(id, options.names.c_str(), options.file.c_str());
     if (result != ZOLTLOG_OK)
-        fail("product " + std::to_string(id) + " was not registered in " + mainConfigPath(), result);
+        fail("product " + std::to_string(id) + " was not registered in " + mainConfigPath(), result, errno);
     out.write("registered product " + std::to_string(id) + " (" + options.names + ") with " + options.file +
               " in " + mainConfigPath() + "\n");
     return tools::EXIT_OK;
@@ -73,11 +86,13 @@ int productRemove(const Options &options, Output &out) {
     if (options.dryRun) {
         out.write("would remove product " + std::to_string(product.id) + " from " + mainConfigPath() + "; " +
                   product.location + " would stay\n");
+        requireWritable(mainConfigPath());
         return tools::EXIT_OK;
     }
+    errno = 0;
     const uint32_t result = zoltLogRemoveProductCfg(product.id);
     if (result != ZOLTLOG_OK)
-        fail("product " + std::to_string(product.id) + " was not removed", result);
+        fail("product " + std::to_string(product.id) + " was not removed", result, errno);
     out.write("removed product " + std::to_string(product.id) + " from " + mainConfigPath() + "; " +
               product.location + " and its log files are left in place\n");
     return tools::EXIT_OK;
@@ -106,12 +121,13 @@ int productList(const Options &options, Output &out) {
 }
 
 int productShow(const Options &options, Output &out) {
-    const Product product = findProduct(options.product);
+    const ConfigFile mainFile = readConfigFile(mainConfigPath());
+    const Product product = findProduct(options.product, mainFile);
     const ConfigFile file = readConfigFile(product.location);
     const std::vector<Scope> scopes = allScopes(product, file);
-    uint32_t logging = 0;
-    const std::string mainPath = mainConfigPath();
-    const bool switched = GetProductLoggingLevel(mainPath.c_str(), product.id, &logging) == ZOLTLOG_OK;
+    const ConfigLine *messages = mainFile.find(std::to_string(product.id), CFG_PRODUCT_APP_MSG);
+    const bool isSwitched = messages != nullptr;
+    const bool isOn = isSwitched && messages->value == "true";
     const auto originators =
         std::count_if(scopes.begin(), scopes.end(), [](const Scope &scope) { return !scope.isLogset; });
     const auto logsets = static_cast<long>(scopes.size()) - originators;
@@ -120,12 +136,12 @@ int productShow(const Options &options, Output &out) {
         json.beginObject();
         json.number("product", product.id);
         json.text("names", product.names);
-        json.text("registered_in", mainPath);
+        json.text("registered_in", mainFile.path);
         json.number("line", product.line);
         json.text("configuration", product.location);
         json.flag("readable", file.readable);
-        if (switched)
-            json.flag("application_messages", logging == 1);
+        if (isSwitched)
+            json.flag("application_messages", isOn);
         else
             json.null("application_messages");
         json.number("originators", static_cast<uint64_t>(originators));
@@ -137,10 +153,10 @@ int productShow(const Options &options, Output &out) {
     tools::Table table{{{""}, {""}}, {}, false};
     table.rows.push_back({"product", std::to_string(product.id)});
     table.rows.push_back({"names", product.names});
-    table.rows.push_back({"registered in", mainPath + ":" + std::to_string(product.line)});
+    table.rows.push_back({"registered in", mainFile.path + ":" + std::to_string(product.line)});
     table.rows.push_back(
         {"configuration", product.location + (file.readable ? "" : " (not readable: built-in defaults)")});
-    table.rows.push_back({"application messages", !switched ? "not set" : logging == 1 ? "on" : "off"});
+    table.rows.push_back({"application messages", !isSwitched ? "not set" : isOn ? "on" : "off"});
     table.rows.push_back({"originators", std::to_string(originators) + " (Default included)"});
     table.rows.push_back({"log sets", std::to_string(logsets)});
     tools::printTable(out, table, options.color);

@@ -1,11 +1,11 @@
 #include "settings.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstring>
 #include <new>
 #include <set>
 
+#include "common/configurations.h"
 #include "common/exit_codes.h"
 
 namespace {
@@ -17,57 +17,14 @@ bool isLogsetSection(std::string_view section) {
 }
 
 bool namesHold(const std::string &names, const std::string &name) {
-    const std::vector<std::string> list = namesIn(names);
+    const std::vector<std::string> list = tools::namesOf(names.c_str());
     return std::find(list.begin(), list.end(), name) != list.end();
-}
-
-// A text of the main file; nothing when it is absent or cannot be converted.
-std::optional<std::string> mainText(const ConfigFile &file, std::string_view section, const char *key) {
-    const ConfigLine *line = file.find(section, key);
-    std::string text;
-    if (line == nullptr || !localText(line->value, text))
-        return std::nullopt;
-    return text;
 }
 
 } // namespace
 
-std::optional<uint64_t> decimal(std::string_view text) {
-    uint64_t number = 0;
-    const char *end = text.data() + text.size();
-    const auto parsed = std::from_chars(text.data(), end, number);
-    if (text.empty() || parsed.ec != std::errc() || parsed.ptr != end)
-        return std::nullopt;
-    return number;
-}
-
-std::vector<std::string> namesIn(const std::string &list) {
-    std::vector<std::string> names;
-    for (size_t start = 0; start < list.size();) {
-        const size_t end = std::min(list.find_first_of(", ", start), list.size());
-        if (end > start)
-            names.push_back(list.substr(start, end - start));
-        start = end + 1;
-    }
-    return names;
-}
-
 std::string mainConfigPath() {
     return GetZoltLogCfgLoc();
-}
-
-std::vector<Product> registeredProducts(const ConfigFile &mainFile) {
-    std::vector<Product> products;
-    for (const std::string_view section : mainFile.sections) {
-        const std::optional<uint64_t> id = decimal(section);
-        if (!id || *id == 0 || std::to_string(*id) != section)
-            continue;
-        const std::optional<std::string> location = mainText(mainFile, section, CFG_CONFIGURATION);
-        if (location)
-            products.push_back({*id, mainText(mainFile, section, CFG_PRODUCT_NAMES).value_or(""), *location,
-                                mainFile.find(section, CFG_CONFIGURATION)->number});
-    }
-    return products;
 }
 
 void requireReadable(const ConfigFile &file) {
@@ -77,7 +34,10 @@ void requireReadable(const ConfigFile &file) {
 }
 
 Product findProduct(const std::string &text) {
-    const ConfigFile mainFile = readConfigFile(mainConfigPath());
+    return findProduct(text, readConfigFile(mainConfigPath()));
+}
+
+Product findProduct(const std::string &text, const ConfigFile &mainFile) {
     requireReadable(mainFile);
     const std::vector<Product> products = registeredProducts(mainFile);
     const std::optional<uint64_t> id = decimal(text);

@@ -8,9 +8,16 @@
 #include <string>
 #include <vector>
 
-#include "configfile.h"
+#include "common/config_file.h"
 #include "keys.h"
 #include "zoltlog.h"
+
+using tools::ConfigFile;
+using tools::ConfigLine;
+using tools::decimal;
+using tools::localText;
+using tools::readConfigFile;
+using tools::registeredProducts;
 
 // An error that ends the command: its exit code and one line for people.
 struct CommandError : std::runtime_error {
@@ -28,23 +35,15 @@ struct Settings {
     LogCfg cfg;
 };
 
-struct Product {
-    uint64_t id;
-    std::string names;    // as registered
-    std::string location; // of the product's configuration file
-    size_t line;          // of "Configuration" in the main file
-};
+using Product = tools::RegisteredProduct;
 
 std::string mainConfigPath();
 // CommandError for a file that is there and cannot be read.
 void requireReadable(const ConfigFile &file);
-// The products that the main file registers, in its order.
-std::vector<Product> registeredProducts(const ConfigFile &mainFile);
-// The single names of a list separated by commas or blanks.
-std::vector<std::string> namesIn(const std::string &list);
 // By id or by one of its names; CommandErrors when there is none, and when the main file
 // is there and cannot be read.
 Product findProduct(const std::string &text);
+Product findProduct(const std::string &text, const ConfigFile &mainFile);
 
 // One section of settings: the originator's, or the log set's.
 struct Scope {
@@ -97,6 +96,3 @@ struct Effective {
 // Every setting of a scope with its source.
 std::vector<Effective> effectiveSettings(const Scope &scope, const ConfigFile &file);
 std::string sourceText(const Effective &setting, const Scope &scope);
-
-// The whole text as a decimal number.
-std::optional<uint64_t> decimal(std::string_view text);

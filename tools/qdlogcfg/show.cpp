@@ -55,8 +55,12 @@ void exportSection(const Scope &scope, const ConfigFile &file, Output &out) {
         const bool isOwnText =
             kind == CFG_DIRECTORY || kind == CFG_NAMES || kind == CFG_TEXT || kind == CFG_IDENT;
         out.write(scope.section() + "." + CFG_KEYS[id].name + "=" +
-                  (isOwnText ? strippedValue(*keys[id].line) : shown(settings.cfg, id)) + "\n");
+                  (isOwnText ? tools::strippedValue(*keys[id].line) : shown(settings.cfg, id)) + "\n");
     }
+}
+
+std::string useNote(CfgKeyId key) {
+    return (CFG_KEYS[key].use & CFG_UNUSED) != 0 ? std::string("; ") + CFG_UNUSED_NOTE : "";
 }
 
 } // namespace
@@ -90,6 +94,8 @@ int showSettings(const Options &options, Output &out) {
                 json.text("file", scope.product.location);
                 json.number("line", setting.line);
             }
+            if ((CFG_KEYS[setting.key].use & CFG_UNUSED) != 0)
+                json.flag("used", false);
             json.key("skipped");
             json.beginArray();
             for (const Skipped &skipped : setting.skipped) {
@@ -110,10 +116,10 @@ int showSettings(const Options &options, Output &out) {
     tools::Table table{{{"KEY"}, {"VALUE"}, {"FROM"}}, {}, true};
     for (const Effective &setting : settings) {
         const bool builtIn = setting.from == Effective::BUILT_IN;
-        table.rows.push_back(
-            {{CFG_KEYS[setting.key].name},
-             {setting.value, builtIn ? tools::Style::Dim : tools::Style::Plain},
-             {sourceText(setting, scope), builtIn ? tools::Style::Dim : tools::Style::Plain}});
+        table.rows.push_back({{CFG_KEYS[setting.key].name},
+                              {setting.value, builtIn ? tools::Style::Dim : tools::Style::Plain},
+                              {sourceText(setting, scope) + useNote(setting.key),
+                               builtIn ? tools::Style::Dim : tools::Style::Plain}});
         for (const Skipped &skipped : setting.skipped)
             table.rows.push_back({{""},
                                   {"skipped: " + skipped.value, tools::Style::Yellow},

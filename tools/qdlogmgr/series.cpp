@@ -75,8 +75,8 @@ void takeConfiguration(Series &series, const LogCfg &cfg) {
     series.recycles = cfg.logRecycling != 0;
     if (cfg.logsetName != nullptr)
         series.logset = cfg.logsetName;
-    const std::string names = cfg.productShortNames;
-    series.productName = names.substr(0, names.find_first_of(", "));
+    const std::vector<std::string> names = tools::namesOf(cfg.productShortNames);
+    series.productName = names.empty() ? "" : names.front();
 }
 
 // Joins a series with the configuration that writes into its directory, if there is one.

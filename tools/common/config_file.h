@@ -2,11 +2,15 @@
 // section, key and value. Texts are views of the file's bytes.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <vector>
+
+namespace tools {
 
 struct ConfigLine {
     size_t number;            // of the file's line that this begins in, from 1
@@ -45,3 +49,17 @@ void parseConfig(ConfigFile &file, std::shared_ptr<const std::string> bytes);
 // end. False when it cannot be converted, and then counts as absent.
 bool localText(std::string_view value, std::string &text);
 std::string strippedValue(const ConfigLine &line);
+
+struct RegisteredProduct {
+    uint64_t id;
+    std::string names;    // as registered
+    std::string location; // of the product's configuration file
+    size_t line;          // of "Configuration" in the main file
+};
+// The products that the main file registers, in its order.
+std::vector<RegisteredProduct> registeredProducts(const ConfigFile &mainFile);
+
+// The whole text as a decimal number.
+std::optional<uint64_t> decimal(std::string_view text);
+
+} // namespace tools

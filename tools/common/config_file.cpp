@@ -1,13 +1,17 @@
-#include "configfile.h"
+#include "common/config_file.h"
 
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <sys/stat.h>
 
+#include "src/config_keys.h"
 #include "zoltlog.h"
+
+namespace tools {
 
 namespace {
 
@@ -155,3 +159,43 @@ std::string strippedValue(const ConfigLine &line) {
     const size_t last = line.value.find_last_not_of(' ');
     return std::string(line.value.substr(0, last == std::string_view::npos ? 0 : last + 1));
 }
+
+// ---- the main file -------------------------------------------------------------------------
+
+std::optional<uint64_t> decimal(std::string_view text) {
+    uint64_t number = 0;
+    const char *end = text.data() + text.size();
+    const auto parsed = std::from_chars(text.data(), end, number);
+    if (text.empty() || parsed.ec != std::errc() || parsed.ptr != end)
+        return std::nullopt;
+    return number;
+}
+
+namespace {
+
+// A text of the main file; nothing when it is absent or cannot be converted.
+std::optional<std::string> mainText(const ConfigFile &file, std::string_view section, const char *key) {
+    const ConfigLine *line = file.find(section, key);
+    std::string text;
+    if (line == nullptr || !localText(line->value, text))
+        return std::nullopt;
+    return text;
+}
+
+} // namespace
+
+std::vector<RegisteredProduct> registeredProducts(const ConfigFile &mainFile) {
+    std::vector<RegisteredProduct> products;
+    for (const std::string_view section : mainFile.sections) {
+        const std::optional<uint64_t> id = decimal(section);
+        if (!id || *id == 0 || std::to_string(*id) != section)
+            continue;
+        const std::optional<std::string> location = mainText(mainFile, section, CFG_CONFIGURATION);
+        if (location)
+            products.push_back({*id, mainText(mainFile, section, CFG_PRODUCT_NAMES).value_or(""), *location,
+                                mainFile.find(section, CFG_CONFIGURATION)->number});
+    }
+    return products;
+}
+
+} // namespace tools
