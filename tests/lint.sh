@@ -23,7 +23,7 @@ fi
 if [ "$what" != format ]; then
     cmake --preset debug >/dev/null
     cmake --build build/debug --parallel "$(nproc)" -- --quiet
-    mapfile -t compiled < <(git ls-files 'src/*.cpp' 'lis/*.cpp' 'formatter/*.cpp' 'tools/*.cpp')
+    mapfile -t compiled < <(git ls-files 'src/*.cpp' 'lis/*.cpp' 'formatter/*.cpp' 'syslog/*.cpp' 'tools/*.cpp')
     printf '%s\n' "${compiled[@]}" | xargs -P "$(nproc)" -n 4 clang-tidy --quiet -p build/debug
     echo "clang-tidy: ${#compiled[@]} files are clean"
     mapfile -t around < <(git ls-files 'tests/*.cpp' 'bench/*.cpp' 'fuzz/*.cpp' 'examples/*.cpp')

@@ -13,7 +13,7 @@ cmake --install "$QDUL_BUILD" --prefix "$PWD/prefix" >install.log || { cat insta
 pc=$(find prefix -name qdul.pc)
 [ -n "$pc" ] || fail "no qdul.pc"
 libdir=$PWD/$(dirname "$(dirname "$pc")")
-for file in libqdul.so libqdul.so.3 libqdlis.so.3 libzoltLogFormatMsg.so.3; do
+for file in libqdul.so libqdul.so.3 libqdlis.so.3 libzoltLogFormatMsg.so.3 libqdul-syslog.so; do
     [ -e "$libdir/$file" ] || fail "$file is not installed"
 done
 for file in zoltlog.h zoltlog_results.h zoltlis.h qdlis.h zoltformat.h; do
@@ -24,6 +24,7 @@ if grep -q '^SCDOC:FILEPATH=/' "$QDUL_BUILD/CMakeCache.txt"; then
     for tool in prefix/bin/*; do
         [ -s "prefix/share/man/man1/$(basename "$tool").1" ] || fail "$tool has no manual page"
     done
+    [ -s prefix/share/man/man7/libqdul-syslog.7 ] || fail "libqdul-syslog has no manual page"
 fi
 # The libraries find each other beside themselves, and look nowhere else.
 for library in libqdul libqdlis libzoltLogFormatMsg; do
@@ -86,3 +87,9 @@ for tool in prefix/bin/*; do
     "$tool" --version >/dev/null || fail "$tool does not run"
 done
 prefix/bin/qdlogger -P test --stdout hello | grep -q 'INFO: hello$' || fail "qdlogger does not find the plug-in"
+
+# A program that knows only syslog(3)
+printf '#include <syslog.h>\nint main(void) { syslog(LOG_ERR, "by syslog"); return 0; }\n' >only.c
+${CC:-cc} only.c -o only || fail "the program with syslog does not build"
+LD_PRELOAD=$libdir/libqdul-syslog.so QDUL_SYSLOG_PRODUCT=test ./only || fail "the program with syslog ends with $?"
+grep -q ',9:by syslog,4:only,2,' log/*.log || fail "what was told syslog is not in the log"

@@ -28,11 +28,11 @@ class ManualPages(unittest.TestCase):
     @unittest.skipUnless(shutil.which("scdoc"), "no scdoc")
     def test_scdoc_takes_them(self):
         for page in PAGES:
-            name = os.path.basename(page).split(".")[0]
-            source = manual(name)
+            name, number = os.path.basename(page).split(".")[:2]
+            source = manual(name, number)
             done = subprocess.run(["scdoc"], input=source, capture_output=True, text=True)
             self.assertEqual((done.returncode, done.stderr), (0, ""))
-            self.assertIn(f'.TH "{name}" "1"', done.stdout)
+            self.assertIn(f'.TH "{name}" "{number}"', done.stdout)
             if shutil.which("groff"):
                 shown = subprocess.run(["groff", "-t", "-man", "-Tutf8", "-ww"], input=done.stdout, capture_output=True, text=True)
                 self.assertEqual((shown.returncode, shown.stderr), (0, ""))

@@ -43,8 +43,10 @@ def append(path, *lines):
         file.write(b"".join(lines))
 
 
-def manual(tool):
-    """The source of a tool's manual page, with the options that the tool lists."""
+def manual(tool, number="1"):
+    """The source of a manual page, of a tool with the options that it lists."""
+    if number != "1":
+        return read(f"{SOURCE}/docs/man/{tool}.{number}.scd")
     options = subprocess.run([program(tool), "--help=manual"], capture_output=True, text=True, check=True).stdout
     return read(f"{SOURCE}/docs/man/{tool}.1.scd").replace("\n@OPTIONS@\n", f"\n{options}\n")
 
