@@ -16,6 +16,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "config_keys.h"
+
 namespace {
 
 // Puts a main file that registers product 5 (names "five") and makes it the location.
@@ -53,41 +55,16 @@ FRESH_TEST(ConfigRead, AnEmptyVariableCountsAsUnset) {
 
 namespace {
 
+using config_keys::Value;
+using config_keys::VALUES;
+
 std::string show(const char *text) {
-    return text != nullptr ? text : "(null)";
+    return config_keys::shown(text);
 }
 
 // A record's settings by the name of the key that fills them.
 std::string field(const LogCfg &cfg, const std::string &key) {
-    const std::map<std::string, std::string> values = {
-        {"LogDirectory", cfg.directory},
-        {"OIDNames", cfg.originatorNames},
-        {"L10nLib", show(cfg.l10nLib)},
-        {"L10nResource", show(cfg.l10nResource)},
-        {"L10nResourceDir", show(cfg.l10nResourceDir)},
-        {"DebugLevel", std::to_string(cfg.debugLevel)},
-        {"DiagnosticLevel", std::to_string(cfg.diagLevel)},
-        {"DynaReloadInSec", std::to_string(cfg.reloadInterval)},
-        {"LogToStdout", std::to_string(cfg.outputFlags & 1U)},
-        {"LogToStderr", std::to_string(cfg.outputFlags & 2U)},
-        {"LogToOslog", std::to_string(cfg.outputFlags & 4U)},
-        {"FileName", show(cfg.logsetFilename)},
-        {"AppMsgLogging", std::to_string(cfg.appMsgLogging)},
-        {"OIDAppMsgLogging", show(cfg.logsetOidAppMsgLogging)},
-        {"OIDDebugLogging", show(cfg.logsetOidDebugLogging)},
-        {"OIDDiagLogging", show(cfg.logsetOidDiagLogging)},
-        {"RolloverMode", std::to_string(cfg.rolloverMode)},
-        {"LogRecycle", std::to_string(cfg.logRecycling)},
-        {"MaxLogFileSizeKB", std::to_string(cfg.maxFileSizeKB)},
-        {"RolloverAtLocalTime", std::to_string(cfg.rolloverTime)},
-        {"RolloverPeriodInSeconds", std::to_string(cfg.rolloverPeriod)},
-        {"NumberOfLogFiles", std::to_string(cfg.numberOfLogFiles)},
-        {"SyslogIdent", std::string(cfg.oslog.ident, strnlen(cfg.oslog.ident, sizeof cfg.oslog.ident))},
-        {"SyslogOpt", std::to_string(cfg.oslog.option)},
-        {"SyslogFacility", std::to_string(cfg.oslog.facility)},
-        {"LogFilePermissions", std::to_string(cfg.permissions.mode)},
-    };
-    return values.at(key);
+    return config_keys::keyOf(key).field(cfg);
 }
 
 std::string everyField(const LogCfg &cfg) {
@@ -118,86 +95,6 @@ struct Read {
     }
 };
 
-struct Value {
-    const char *key;
-    std::string text, field;
-};
-
-// What each value in the file makes of a fresh record.
-const Value VALUES[] = {
-    {"LogDirectory", "/var/log/x", "/var/log/x/"},
-    {"LogDirectory", "/abs/", "/abs/"},
-    {"LogDirectory", "/a\\\\b", "/a\\b/"},
-    {"LogDirectory", "", ""},
-    {"OIDNames", "vol, volume", "vol, volume"},
-    {"OIDNames", "", ""},
-    {"OIDNames", std::string(399, 'n'), std::string(399, 'n')},
-    {"L10nLib", "libx", "libx"},
-    {"L10nLib", "", "(null)"},
-    {"L10nLib", "   ", "(null)"},
-    {"L10nResource", "res", "res"},
-    {"L10nResource", "", "(null)"},
-    {"L10nResourceDir", "/r", "/r"},
-    {"L10nResourceDir", "", "(null)"},
-    {"DebugLevel", "6", "6"},
-    {"DebugLevel", "0", "0"},
-    {"DebugLevel", "7", "0"},
-    {"DebugLevel", "4294967297", "0"},
-    {"DebugLevel", "-1", "0"},
-    {"DebugLevel", "x", "0"},
-    {"DiagnosticLevel", "6", "6"},
-    {"DiagnosticLevel", "7", "0"},
-    {"DynaReloadInSec", "2147483647", "2147483647"},
-    {"DynaReloadInSec", "2147483648", "0"},
-    {"DynaReloadInSec", "4294967296", "0"},
-    {"LogToStdout", "true", "1"},
-    {"LogToStdout", "TRUE", "0"},
-    {"LogToStderr", "true", "2"},
-    {"LogToStderr", "1", "0"},
-    {"LogToOslog", "true", "4"},
-    {"LogToOslog", "false", "0"},
-    {"AppMsgLogging", "ON", "1"},
-    {"AppMsgLogging", "on", "0"},
-    {"AppMsgLogging", "ON ", "0"},
-    {"AppMsgLogging", "ON\r", "0"},
-    {"AppMsgLogging", "true", "0"},
-    {"AppMsgLogging", "", "0"},
-    {"OIDAppMsgLogging", "1,2", "1,2"},
-    {"OIDAppMsgLogging", "", "(null)"},
-    {"OIDDebugLogging", "3", "3"},
-    {"OIDDebugLogging", "", "(null)"},
-    {"OIDDiagLogging", "4", "4"},
-    {"OIDDiagLogging", "", "(null)"},
-    {"RolloverMode", "FileSize | Periodic", "5"},
-    {"RolloverMode", "LocalTime", "2"},
-    {"RolloverMode", "nonsense", "0"},
-    {"LogRecycle", "true", "1"},
-    {"LogRecycle", "yes", "0"},
-    {"MaxLogFileSizeKB", "1", "1"},
-    {"MaxLogFileSizeKB", "0", "10240"},
-    {"MaxLogFileSizeKB", "-1", "18446744073709551615"},
-    {"RolloverAtLocalTime", "23:59", "86340"},
-    {"RolloverAtLocalTime", "0:0", "0"},
-    {"RolloverAtLocalTime", "1:01", "3660"},
-    {"RolloverAtLocalTime", " 1: 1", "3660"},
-    {"RolloverAtLocalTime", "01:01:30", "3660"},
-    {"RolloverPeriodInSeconds", "60", "60"},
-    {"RolloverPeriodInSeconds", "0", "43200"},
-    {"NumberOfLogFiles", "3", "3"},
-    {"NumberOfLogFiles", "0", "4294967295"},
-    {"SyslogIdent", "me", "me"},
-    {"SyslogIdent", std::string(100, 'i'), std::string(80, 'i')},
-    {"SyslogIdent", "", ""},
-    {"SyslogOpt", "3", "3"},
-    {"SyslogOpt", "4294967299", "3"},
-    {"SyslogFacility", "LOG_LOCAL0", "128"},
-    {"SyslogFacility", "log_local0", "0"},
-    {"LogFilePermissions", "644", "420"},
-    {"LogFilePermissions", "777", "511"},
-    {"LogFilePermissions", "755", "432"},
-    {"LogFilePermissions", "600", "432"},
-};
-
 } // namespace
 
 TEST(ConfigRead, EveryValueOfEveryKeyOfAnOriginator) {
@@ -226,8 +123,8 @@ TEST(ConfigRead, EveryValueOfEveryKeyOfALogset) {
                          "\nLOGSET.bill.FileName=f\n");
             Read read;
             ASSERT_EQ(read.logset("bill"), 0U);
-            const bool isLocalization = std::string(value.key).rfind("L10n", 0) == 0;
-            EXPECT_EQ(field(read.cfg, value.key), isLocalization ? "(null)" : value.field);
+            const bool isRead = config_keys::keyOf(value.key).readLogset;
+            EXPECT_EQ(field(read.cfg, value.key), isRead ? value.field : "(null)");
             EXPECT_STREQ(read.cfg.logsetName, "bill");
             EXPECT_STREQ(read.cfg.logsetFilename, "f");
             EXPECT_EQ(read.cfg.isLogset, 1U);

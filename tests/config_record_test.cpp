@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "config_keys.h"
+
 namespace {
 
 // A record of a scope with the defaults.
@@ -41,82 +43,25 @@ std::string get(TextGetter getter, LogCfg *cfg) {
 // ---- the table ---------------------------------------------------------------------
 
 TEST(Config, TheKeyTableIsWhatTheFormatSays) {
-    // key, mask bit, read for originators, read for log sets, written for originators, for log sets
-    const struct {
-        const char *key;
-        uint32_t bit;
-        bool readOriginator, readLogset, writeOriginator, writeLogset;
-    } rows[] = {
-        {"LogDirectory", 0x1, true, true, true, true},
-        {"OIDNames", 0x2, true, true, true, true},
-        {"L10nLib", 0x4, true, false, true, false},
-        {"L10nResource", 0x8, true, false, true, false},
-        {"L10nResourceDir", 0x10, true, false, true, false},
-        {"DebugLevel", 0x20, true, true, true, true},
-        {"DiagnosticLevel", 0x40, true, true, true, true},
-        {"DynaReloadInSec", 0x4000000, true, true, true, true},
-        {"LogToStdout", 0x80, true, true, true, true},
-        {"LogToStderr", 0x100, true, true, true, true},
-        {"LogToOslog", 0x200, true, true, true, true},
-        {"FileName", 0x8000000, false, true, false, true},
-        {"AppMsgLogging", 0x7FFFFFFE, true, true, true, true},
-        {"OIDAppMsgLogging", 0x10000000, true, true, false, true},
-        {"OIDDebugLogging", 0x20000000, true, true, false, true},
-        {"OIDDiagLogging", 0x40000000, true, true, false, true},
-        {"RolloverMode", 0x400, true, true, true, true},
-        {"LogRecycle", 0x1000000, true, true, true, true},
-        {"MaxLogFileSizeKB", 0x800, true, true, true, true},
-        {"RolloverAtLocalTime", 0x1000, true, true, true, true},
-        {"RolloverPeriodInSeconds", 0x2000, true, true, true, true},
-        {"NumberOfLogFiles", 0x4000, true, true, true, true},
-        {"SyslogIdent", 0x40000, true, true, true, true},
-        {"SyslogOpt", 0x80000, true, true, true, true},
-        {"SyslogFacility", 0x100000, true, true, true, true},
-        {"LogFilePermissions", 0x200000, true, true, true, true},
-    };
-    ASSERT_EQ(sizeof rows / sizeof *rows, static_cast<size_t>(CFG_KEY_COUNT));
+    using config_keys::KEYS;
+    using config_keys::WRITTEN;
+    ASSERT_EQ(std::size(KEYS), static_cast<size_t>(CFG_KEY_COUNT));
     for (size_t i = 0; i < CFG_KEY_COUNT; ++i) {
-        SCOPED_TRACE(rows[i].key);
-        EXPECT_STREQ(CFG_KEYS[i].name, rows[i].key);
-        EXPECT_EQ(CFG_KEYS[i].mask, rows[i].bit);
-        EXPECT_EQ((CFG_KEYS[i].use & CFG_READ_ORIGINATOR) != 0, rows[i].readOriginator);
-        EXPECT_EQ((CFG_KEYS[i].use & CFG_READ_LOGSET) != 0, rows[i].readLogset);
-        EXPECT_EQ((CFG_KEYS[i].use & CFG_WRITE_ORIGINATOR) != 0, rows[i].writeOriginator);
-        EXPECT_EQ((CFG_KEYS[i].use & CFG_WRITE_LOGSET) != 0, rows[i].writeLogset);
+        SCOPED_TRACE(KEYS[i].name);
+        EXPECT_STREQ(CFG_KEYS[i].name, KEYS[i].name);
+        EXPECT_EQ(CFG_KEYS[i].mask, KEYS[i].bit);
+        EXPECT_EQ((CFG_KEYS[i].use & CFG_READ_ORIGINATOR) != 0, KEYS[i].readOriginator);
+        EXPECT_EQ((CFG_KEYS[i].use & CFG_READ_LOGSET) != 0, KEYS[i].readLogset);
+        EXPECT_EQ((CFG_KEYS[i].use & CFG_WRITE_ORIGINATOR) != 0, KEYS[i].writeOriginator);
+        EXPECT_EQ((CFG_KEYS[i].use & CFG_WRITE_LOGSET) != 0, KEYS[i].writeLogset);
     }
-    const char *written[] = {"LogDirectory",
-                             "OIDNames",
-                             "L10nLib",
-                             "L10nResource",
-                             "L10nResourceDir",
-                             "DebugLevel",
-                             "DiagnosticLevel",
-                             "DynaReloadInSec",
-                             "LogToStdout",
-                             "LogToStderr",
-                             "LogToOslog",
-                             "RolloverMode",
-                             "LogRecycle",
-                             "MaxLogFileSizeKB",
-                             "RolloverAtLocalTime",
-                             "RolloverPeriodInSeconds",
-                             "NumberOfLogFiles",
-                             "AppMsgLogging",
-                             "OIDAppMsgLogging",
-                             "OIDDebugLogging",
-                             "OIDDiagLogging",
-                             "FileName",
-                             "SyslogIdent",
-                             "SyslogOpt",
-                             "SyslogFacility",
-                             "LogFilePermissions"};
+    ASSERT_EQ(std::size(CFG_WRITTEN) + 1 + std::size(CFG_WRITTEN_LAST), std::size(WRITTEN));
     size_t place = 0;
     for (const CfgKeyId id : CFG_WRITTEN)
-        EXPECT_STREQ(CFG_KEYS[id].name, written[place++]);
-    EXPECT_STREQ(CFG_KEYS[CFG_KEY_FILE_NAME].name, written[place++]);
+        EXPECT_STREQ(CFG_KEYS[id].name, WRITTEN[place++]);
+    EXPECT_STREQ(CFG_KEYS[CFG_KEY_FILE_NAME].name, WRITTEN[place++]);
     for (const CfgKeyId id : CFG_WRITTEN_LAST)
-        EXPECT_STREQ(CFG_KEYS[id].name, written[place++]);
-    EXPECT_EQ(place, sizeof written / sizeof *written);
+        EXPECT_STREQ(CFG_KEYS[id].name, WRITTEN[place++]);
 }
 
 // ---- life cycle -----------------------------------------------------------------------

@@ -13,6 +13,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "config_keys.h"
+
 namespace {
 
 using support::exists;
@@ -40,69 +42,26 @@ struct Record {
     LogCfg cfg;
 };
 
-void setEverything(LogCfg *cfg) {
-    zoltLogCfgSetDirectory(cfg, "/d", nullptr);
-    std::snprintf(cfg->originatorNames, sizeof cfg->originatorNames, "%s", "names");
-    zoltLogCfgSetL10nLib(cfg, "lib");
-    zoltLogCfgSetL10nResource(cfg, "res");
-    zoltLogCfgSetL10nResourceDir(cfg, "dir");
-    cfg->debugLevel = 3;
-    cfg->diagLevel = 4;
-    cfg->reloadInterval = 90;
-    cfg->outputFlags = ZOLTLOG_OUT_STDOUT;
-    cfg->rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC;
-    cfg->logRecycling = 1;
-    cfg->maxFileSizeKB = 20;
-    cfg->rolloverTime = 3660;
-    cfg->rolloverPeriod = 60;
-    cfg->numberOfLogFiles = 9;
-    zoltLogCfgSetLogsetOIDappMsgLogging(cfg, "1,2");
-    zoltLogCfgSetLogsetOIDDebugLogging(cfg, "3");
-    zoltLogCfgSetLogsetOIDDiagLogging(cfg, "4");
-    std::snprintf(cfg->oslog.ident, sizeof cfg->oslog.ident, "%s", "me");
-    cfg->oslog.option = 5;
-    cfg->oslog.facility = 128;
-    cfg->changedMask = 0;
+using config_keys::Key;
+using config_keys::keyOf;
+using config_keys::KEYS;
+using config_keys::setAll;
+using config_keys::WRITTEN;
+
+const uint32_t ALL_BUT_DIRECTORY = 0x7FFFFFFE; // of the masks
+
+// Whether the writers treat the key as any other.
+bool isPlain(const Key &key) {
+    return key.name != std::string("FileName");
 }
 
-// What a record of setEverything writes, in order: mask bit, line for originators, for log sets.
-const struct {
-    uint32_t bit;
-    const char *line;
-    bool originator, logset;
-} LINES[] = {
-    {0x1, "LogDirectory=/d/", true, true},
-    {0x2, "OIDNames=names", true, true},
-    {0x4, "L10nLib=lib", true, false},
-    {0x8, "L10nResource=res", true, false},
-    {0x10, "L10nResourceDir=dir", true, false},
-    {0x20, "DebugLevel=3", true, true},
-    {0x40, "DiagnosticLevel=4", true, true},
-    {0x4000000, "DynaReloadInSec=90", true, true},
-    {0x80, "LogToStdout=true", true, true},
-    {0x100, "LogToStderr=false", true, true},
-    {0x200, "LogToOslog=false", true, true},
-    {0x400, "RolloverMode=FileSize | Periodic", true, true},
-    {0x1000000, "LogRecycle=true", true, true},
-    {0x800, "MaxLogFileSizeKB=20", true, true},
-    {0x1000, "RolloverAtLocalTime=01:01", true, true},
-    {0x2000, "RolloverPeriodInSeconds=60", true, true},
-    {0x4000, "NumberOfLogFiles=9", true, true},
-    {0x7FFFFFFE, "AppMsgLogging=ON", true, true},
-    {0x10000000, "OIDAppMsgLogging=1,2", false, true},
-    {0x20000000, "OIDDebugLogging=3", false, true},
-    {0x40000000, "OIDDiagLogging=4", false, true},
-    {0x40000, "SyslogIdent=me", true, true},
-    {0x80000, "SyslogOpt=5", true, true},
-    {0x100000, "SyslogFacility=LOG_LOCAL0", true, true},
-    {0x200000, "LogFilePermissions=660", true, true},
-};
-
+// What a record of setAll writes.
 std::string expectedLines(uint32_t mask, const std::string &section, bool logset) {
     std::string all;
-    for (const auto &row : LINES) {
-        if ((mask & row.bit) != 0 && (logset ? row.logset : row.originator))
-            all += section + "." + row.line + "\n";
+    for (const char *name : WRITTEN) {
+        const Key &key = keyOf(name);
+        if (isPlain(key) && (mask & key.bit) != 0 && (logset ? key.writeLogset : key.writeOriginator))
+            all += section + "." + name + "=" + key.written + "\n";
     }
     return all;
 }
@@ -113,20 +72,22 @@ std::string expectedLines(uint32_t mask, const std::string &section, bool logset
 
 TEST(ConfigWrite, EachMarkedSettingOfAnOriginatorIsWritten) {
     registerProduct();
-    for (const auto &row : LINES) {
+    for (const Key &key : KEYS) {
+        if (!isPlain(key))
+            continue;
         Record record;
-        setEverything(&record.cfg);
-        record.cfg.changedMask = row.bit;
+        setAll(&record.cfg);
+        record.cfg.changedMask = key.bit;
         writeFile("product.conf", "");
-        EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U) << row.line;
-        EXPECT_EQ(readFile("product.conf"), expectedLines(row.bit, "7", false));
+        EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U) << key.name;
+        EXPECT_EQ(readFile("product.conf"), expectedLines(key.bit, "7", false));
     }
 }
 
 TEST(ConfigWrite, AllMarkedSettingsOfAnOriginatorAreWrittenInOrder) {
     registerProduct();
     Record record;
-    setEverything(&record.cfg);
+    setAll(&record.cfg);
     record.cfg.changedMask = 0xFFFFFFFF;
     EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
     EXPECT_EQ(readFile("product.conf"), expectedLines(0xFFFFFFFF, "7", false));
@@ -141,28 +102,16 @@ TEST(ConfigWrite, AllMarkedSettingsOfAnOriginatorAreWrittenInOrder) {
 TEST(ConfigWrite, WhatIsWrittenIsReadBack) {
     registerProduct();
     Record record;
-    setEverything(&record.cfg);
+    setAll(&record.cfg);
     record.cfg.changedMask = 0xFFFFFFFF;
     ASSERT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
     LogCfg back;
     ASSERT_EQ(zoltLogReadCfg(5, 7, &back), 0U);
-    EXPECT_STREQ(back.directory, "/d/");
-    EXPECT_STREQ(back.originatorNames, "names");
-    EXPECT_STREQ(back.l10nLib, "lib");
-    EXPECT_EQ(back.debugLevel, 3U);
-    EXPECT_EQ(back.diagLevel, 4U);
-    EXPECT_EQ(back.reloadInterval, 90U);
-    EXPECT_EQ(back.outputFlags, ZOLTLOG_OUT_STDOUT);
-    EXPECT_EQ(back.rolloverMode, uint32_t{ZOLTLOG_ROLLOVER_FILE_SIZE | ZOLTLOG_ROLLOVER_PERIODIC});
-    EXPECT_EQ(back.logRecycling, 1U);
-    EXPECT_EQ(back.maxFileSizeKB, 20U);
-    EXPECT_EQ(back.rolloverTime, 3660U);
-    EXPECT_EQ(back.rolloverPeriod, 60U);
-    EXPECT_EQ(back.numberOfLogFiles, 9U);
-    EXPECT_STREQ(back.oslog.ident, "me");
-    EXPECT_EQ(back.oslog.option, 5U);
-    EXPECT_EQ(back.oslog.facility, 128U);
-    EXPECT_EQ(back.permissions.mode, 0660U);
+    for (const Key &key : KEYS) {
+        if (key.writeOriginator) {
+            EXPECT_EQ(key.field(back), key.field(record.cfg)) << key.name;
+        }
+    }
     zoltLogFreeCfg(&back);
 }
 
@@ -201,12 +150,14 @@ TEST(ConfigWrite, TextsThatAreNullAreNotWritten) {
     Record record;
     zoltLogCfgDisableAppMsgLogging(&record.cfg);
     EXPECT_EQ(zoltLogWriteCfg(5, 7, &record.cfg), 0U);
-    EXPECT_EQ(readFile("product.conf"),
-              "7.OIDNames=\n7.DebugLevel=0\n7.DiagnosticLevel=0\n7.DynaReloadInSec=0\n7.LogToStdout=false\n"
-              "7.LogToStderr=false\n7.LogToOslog=false\n7.RolloverMode=None\n7.LogRecycle=false\n"
-              "7.MaxLogFileSizeKB=10240\n7.RolloverAtLocalTime=00:00\n7.RolloverPeriodInSeconds=43200\n"
-              "7.NumberOfLogFiles=4294967295\n7.AppMsgLogging=OFF\n7.SyslogIdent=Qorvanix\n7.SyslogOpt=0\n"
-              "7.SyslogFacility=LOG_USER\n7.LogFilePermissions=660\n");
+    std::string expected;
+    for (const char *name : WRITTEN) {
+        const Key &key = keyOf(name);
+        if (key.writeOriginator && key.initial != nullptr && (key.bit & ALL_BUT_DIRECTORY) != 0)
+            expected += std::string("7.") + name + "=" +
+                        (name == std::string("AppMsgLogging") ? "OFF" : key.initial) + "\n";
+    }
+    EXPECT_EQ(readFile("product.conf"), expected);
 }
 
 TEST(ConfigWrite, TheTimeOfDayHasTwoDigitsEach) {
@@ -285,22 +236,22 @@ TEST(ConfigWrite, ALineFeedIsRefusedAndNothingChanges) {
 
 TEST(ConfigWrite, EachMarkedSettingOfALogsetIsWritten) {
     registerProduct();
-    for (const auto &row : LINES) {
-        if (row.bit == 0x7FFFFFFE)
-            continue; // holds the file name's bit
+    for (const Key &key : KEYS) {
+        if ((key.bit & keyOf("FileName").bit) != 0)
+            continue; // it ends the call
         Record record("bill");
-        setEverything(&record.cfg);
-        record.cfg.changedMask = row.bit;
+        setAll(&record.cfg);
+        record.cfg.changedMask = key.bit;
         writeFile("product.conf", "");
-        EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U) << row.line;
-        EXPECT_EQ(readFile("product.conf"), expectedLines(row.bit, "LOGSET.bill", true));
+        EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U) << key.name;
+        EXPECT_EQ(readFile("product.conf"), expectedLines(key.bit, "LOGSET.bill", true));
     }
 }
 
 TEST(ConfigWrite, AChangedFileNameLeavesTheSystemLogKeysUnwritten) {
     registerProduct();
     Record record("bill");
-    setEverything(&record.cfg);
+    setAll(&record.cfg);
     record.cfg.changedMask = 0x7FFFFFFF;
     EXPECT_EQ(zoltLogWritelogSetCfg(5, "bill", &record.cfg), 0U);
     EXPECT_EQ(readFile("product.conf"),
@@ -315,7 +266,7 @@ TEST(ConfigWrite, AFileNameCannotBeRemoved) {
     registerProduct();
     writeFile("product.conf", "LOGSET.bill.FileName=b\n");
     Record record("bill");
-    setEverything(&record.cfg);
+    setAll(&record.cfg);
     record.cfg.removedMask = 0x8000000;
     record.cfg.changedMask = 0x40000;
     EXPECT_RESULT(ZOLTLOG_NOTHING_TO_WRITE, zoltLogWritelogSetCfg(5, "bill", &record.cfg));

@@ -36,6 +36,11 @@ TRIALS = {
         Place("src/libqdul.map", "zoltLogCfgSetNumberOfLogFiles;",
               "    zoltLogCfgSetTrialNumber;\n    zoltLogCfgGetTrialNumber;\n"),
         Place("docs/format-config.md", "| `LogRecycle` |", "| `TrialNumber` | a number on trial | 1 to 9 | 4 |\n"),
+        Place("tests/config_keys.h", "SET(cfg->logRecycling = 1)",
+              '    {"TrialNumber", 0x80000000, true, true, true, true, FIELD(std::to_string(cfg.trialNumber)),\n'
+              '     SET(cfg->trialNumber = 7), "7", "4"},\n'),
+        Place("tests/config_keys.h", '"RolloverPeriodInSeconds",', '    "TrialNumber",\n'),
+        Place("tests/config_keys.h", '{"LogRecycle", "yes"', '    {"TrialNumber", "7", "7"},\n    {"TrialNumber", "10", "4"},\n'),
     ],
     "a message attribute": [
         Place("src/bin_msg.cpp", "GETTER(zoltLogGetMsgFid,",
@@ -67,7 +72,7 @@ TRIALS = {
 
 
 def change_copy():
-    for part in ("include", "src", "lis", "tools", "docs"):
+    for part in ("include", "src", "lis", "tools", "docs", "tests"):
         shutil.copytree(f"{SOURCE}/{part}", f"{TREE}/{part}")
     for places in TRIALS.values():
         for place in places:
@@ -161,7 +166,7 @@ class Counts(unittest.TestCase):
         def files(kind):
             return len({place.path for place in TRIALS[kind]})
 
-        self.assertLessEqual(files("a configuration key"), 5)
+        self.assertLessEqual(files("a configuration key"), 5)  # that of the tests, too
         for kind in ("an error code", "a query attribute", "a viewer field"):
             self.assertEqual(len(TRIALS[kind]), 1)
         self.assertEqual(len(TRIALS["a tool's option"]), 2)
@@ -208,6 +213,15 @@ class Trials(unittest.TestCase):
         printed(f"{HERE}/bin/qdlogcfg", "set", "-P", "5", "-u", "7", "TrialNumber=3", **configuration)
         self.assertIn("7.TrialNumber=3\n", read("server.conf"))
         self.assertIn("  TrialNumber: a number on trial (1 to 9)\n", printed(f"{HERE}/bin/qdlogcfg", "--help"))
+
+    def test_the_tests_of_keys_go_on_with_another_one(self):
+        names = ["config_record_test", "config_read_test", "config_write_test"]
+        with concurrent.futures.ThreadPoolExecutor(max_workers=2) as pool:
+            objects = list(pool.map(lambda name: compiled(f"tests/{name}.cpp", name), names))
+        for name, made in zip(names, objects):
+            link(f"{HERE}/bin/{name}", made, f"{BUILD}/tests/libtest_support.a", "-lgtest", f"{HERE}/lib/libqdul.so.3", "-ldl")
+            said = printed(f"{HERE}/bin/{name}", "--gtest_brief=1", TMPDIR=HERE)
+            self.assertIn("[  PASSED  ]", said)
 
     def test_a_message_attribute(self):
         self.assertEqual(run_c("attribute", """
