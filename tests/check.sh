@@ -23,6 +23,8 @@
 # abi       libqdul.so.3 against abi/libqdul.so.3.abi.gz
 # model     5,000 random sequences of calls, with the library and with a model of the rules of
 #           writing, every file compared after each step
+# postgres  POSTGRES_SECONDS (60) of a PostgreSQL server that logs through libqdul-syslog.so, each
+#           statement and connection counted; skipped where it is not installed
 # fuzz      every fuzzer for FUZZ_SECONDS (10), from its corpus
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -174,9 +176,17 @@ step_model() {
     return $status
 }
 
+step_postgres() {
+    local status=0
+    build release || return 1
+    POSTGRES_SECONDS=${POSTGRES_SECONDS:-60} QDUL_BUILD=$PWD/build/release QDUL_SOURCE=$PWD PYTHONDONTWRITEBYTECODE=1 \
+        tests/support/in_private_dir.sh "$PWD/tests/system/postgres_test.py" || status=$?
+    [ $status = 77 ] || return $status
+}
+
 step_fuzz() { ./dev fuzz $((${FUZZ_SECONDS:-10} * factor)); }
 
-all_steps="format tests shuffle leaks asan asan-long config tsan tidy cppcheck abi model fuzz"
+all_steps="format tests shuffle leaks asan asan-long config tsan tidy cppcheck abi model postgres fuzz"
 [ $# -gt 0 ] || set -- full
 case $1 in
     ci) set -- format abi tests leaks asan ;;
