@@ -851,8 +851,9 @@ uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t le
  * A context record (token, text, localization block) goes to the log file at once,
  * and again to the top of every new file of the series while the context is open;
  * log sets get it once. It is not copied to the other outputs. The token and the
- * arguments are copied; context is storage of the caller, which must stay in place
- * until zoltLogDestroyContext.
+ * arguments are copied; context is storage of the caller, zeros at first, which must
+ * stay in place until zoltLogDestroyContext. A record that is open as a context or handle
+ * of any file is closed first.
  *
  * Results: ZOLTLOG_OK; ZOLTLOG_INVALID_ARGUMENT for a null parent, context, token
  * or format, or a context that is its parent; ZOLTLOG_NO_FILE_STATE for the parent

@@ -709,6 +709,16 @@ uint32_t closeFileLocked(LogHandle *handle) {
     return found ? ZOLTLOG_OK : ZOLTLOG_FAILED;
 }
 
+void leaveFile(LogHandle *record) {
+    const LogFileState *state = record->file;
+    const Writer *writer = writerOf(state);
+    // A copy of an open record is on no list.
+    if (writer == nullptr || !(isUnlistedContext(record) ? writer->unlisted > 0 : isListed(state, record)))
+        return;
+    (void)closeFileLocked(record);
+    (void)zoltLogFreeMsg(&record->contextMsg);
+}
+
 uint32_t zoltLogCloseFile(LogHandle *handle) {
     if (handle == nullptr || handle->file == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
@@ -730,6 +740,7 @@ uint32_t zoltLogCreateContextToFile(LogHandle *parent, LogHandle *context, LogMs
         contextMsg.ownsStrings = 1;
     }
     *msg = {}; // moved
+    leaveFile(context);
     *context = {};
     context->contextMsg = contextMsg;
     context->file = parent->file;

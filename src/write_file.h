@@ -81,6 +81,10 @@ inline void refreshHost() {
 // zoltLogCloseFile for a thread that holds the lock.
 uint32_t closeFileLocked(LogHandle *handle);
 
+// For a thread that holds the lock: closes the handle or context that a record still is
+// which is about to become a context. It would otherwise be on a list twice, as a circle.
+void leaveFile(LogHandle *record);
+
 // ---- opening (write_file_open.cpp) --------------------------------------------------
 
 // Opens the next file of the series: the one whose name follows, the latest file of the

@@ -541,6 +541,10 @@ uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char 
                               const char *format, ...) {
     if (parent == nullptr || context == nullptr || format == nullptr || context == parent)
         return ZOLTLOG_INVALID_ARGUMENT;
+    if (context->file != nullptr) {
+        const GlobalLock lock(TAG_CLOSE_FILE);
+        leaveFile(context);
+    }
     *context = {};
     va_list args;
     va_start(args, format);

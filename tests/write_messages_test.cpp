@@ -1169,6 +1169,74 @@ TEST_F(WriteMessages, AContextWhoseRecordCannotBeWrittenStaysAPlainHandle) {
     fresh();
 }
 
+// The handles on the file of a handle, and whether their list ends.
+size_t handlesOn(const LogHandle &log) {
+    constexpr size_t MORE_THAN_ANY = 1000;
+    size_t count = 0;
+    for (const LogHandle *at = log.file->handles; at != nullptr && count < MORE_THAN_ANY; at = at->nextOnFile)
+        ++count;
+    return count;
+}
+
+TEST_F(WriteMessages, ARecordThatIsOpenIsClosedBeforeItBecomesAContext) {
+    LogHandle contexts[3] = {};
+    for (LogHandle &context : contexts)
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T1", 0, "first"));
+    ASSERT_EQ(4u, handlesOn(handle));
+    for (LogHandle &context : contexts) // the last, the middle and the first of the list
+        ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T2", 0, "second"));
+    EXPECT_EQ(4u, handlesOn(handle));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogAppMsg(&contexts[1], 0, 1, 0, "inside"));
+    EXPECT_EQ("T2", logs::records().back().token);
+    // One of the others as its parent
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&contexts[0], &contexts[1], "T3", 0, "third"));
+    EXPECT_EQ(4u, handlesOn(handle));
+    for (LogHandle &context : contexts)
+        EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
+    EXPECT_EQ(1u, handlesOn(handle));
+}
+
+TEST_F(WriteMessages, AnOpenHandleIsClosedBeforeItBecomesAContext) {
+    LogHandle other = {};
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &other));
+    ASSERT_EQ(2u, handlesOn(handle));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &other, "T1", 0, "same file"));
+    EXPECT_EQ(2u, handlesOn(handle));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&other));
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR + 1, &other));
+    const size_t descriptors = support::openDescriptors();
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &other, "T2", 0, "another file"));
+    EXPECT_EQ(descriptors - 1, support::openDescriptors()) << "the other file is closed with its last handle";
+    EXPECT_EQ(2u, handlesOn(handle));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&other));
+}
+
+TEST_F(WriteMessages, ARecordThatLooksLikeAnOpenOneBecomesAContext) {
+    LogHandle copy = handle; // on no list
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &copy, "T1", 0, "one"));
+    EXPECT_EQ(2u, handlesOn(handle));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&copy));
+    LogHandle any;
+    memset(&any, 0x5a, sizeof any);
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &any, "T1", 0, "two"));
+    EXPECT_EQ(2u, handlesOn(handle));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&any));
+}
+
+TEST_F(WriteMessages, AContextWhoseRecordFailedIsClosedBeforeItBecomesAnother) {
+    LogHandle context = {};
+    const int descriptor = handle.file->file.descriptor;
+    handle.file->file.descriptor = 1000; // nothing is open there
+    EXPECT_RESULT(ZOLTLOG_WRITE_FAILED, zoltLogCreateContext(&handle, &context, "T1", 0, "failed"));
+    handle.file->file.descriptor = descriptor;
+    ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T2", 0, "again"));
+    EXPECT_EQ(2u, handlesOn(handle));
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogDestroyContext(&context));
+    const size_t descriptors = support::openDescriptors();
+    EXPECT_RESULT(ZOLTLOG_OK, zoltLogClose(&handle)) << "no context is waited for";
+    EXPECT_EQ(descriptors - 1, support::openDescriptors());
+}
+
 TEST_F(WriteMessages, DestroyingAContextTwiceDoesNoHarm) {
     LogHandle context;
     ASSERT_RESULT(ZOLTLOG_OK, zoltLogCreateContext(&handle, &context, "T1", 0, "%s", "o"));
