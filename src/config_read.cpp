@@ -211,12 +211,17 @@ uint32_t cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionSt
     if (cfgIsRaw(CFG_KEYS[id].kind)) {
         *taken = cfgTake(cfg, id, value, state);
     } else {
+        char plain[STORE_VALUE_SIZE];
         LogOwned<char> text;
-        if (takeText(value, &text) != ZOLTLOG_OK)
-            return ZOLTLOG_NO_MEMORY;
-        if (text == nullptr)
-            return ZOLTLOG_CFG_NOT_FOUND;
-        *taken = cfgTake(cfg, id, text.get(), state);
+        if (storePlainText(value, plain)) {
+            *taken = cfgTake(cfg, id, plain, state);
+        } else {
+            if (takeText(value, &text) != ZOLTLOG_OK)
+                return ZOLTLOG_NO_MEMORY;
+            if (text == nullptr)
+                return ZOLTLOG_CFG_NOT_FOUND;
+            *taken = cfgTake(cfg, id, text.get(), state);
+        }
     }
     return *taken == CFG_NO_MEMORY ? ZOLTLOG_NO_MEMORY : ZOLTLOG_OK;
 }
@@ -417,21 +422,16 @@ uint32_t zoltLogReadlogsetCfg(uint64_t productId, const char *logsetName, LogCfg
 
 // ---- all of a product -----------------------------------------------------------------------
 
-// The records of an array by name, so that a large one is not searched for each new record.
-struct RecordSet {
-    uint32_t *slots; // positions in the array + 1; 0 when free
-    uint32_t size;   // a power of two, more than twice what is in it; 0 at first
-};
+namespace {
 
 // Where records are collected: an array of the caller's, filled up to its capacity.
 struct Collection {
     uint32_t capacity;
     LogCfg **cfgs;
     uint32_t *count;
-    RecordSet set;
+    PositionTable positions; // by name, so that a large array is not searched for each new record
+    uint32_t known;          // records of the array that have their place there
 };
-
-namespace {
 
 LogCfg *newRecord() {
     return static_cast<LogCfg *>(zoltLogMalloc(sizeof(LogCfg)));
@@ -454,56 +454,36 @@ bool isSame(const LogCfg *a, const LogCfg *b) {
     return a->logsetName != nullptr && strcmp(a->logsetName, b->logsetName) == 0;
 }
 
-uint32_t hashOfRecord(const LogCfg *cfg) {
-    uint64_t hash = cfg->productId * 31 + (cfg->isLogset == 0 ? cfg->originatorId : 0);
-    const char *name = cfg->isLogset != 0 && cfg->logsetName != nullptr ? cfg->logsetName : "";
-    for (; *name != '\0'; ++name)
-        hash = hash * 31 + static_cast<unsigned char>(*name);
-    hash *= 0x9E3779B97F4A7C15U;
-    return static_cast<uint32_t>(hash >> 32U);
+uint64_t hashOfRecord(const LogCfg *cfg) {
+    if (cfg->isLogset == 0)
+        return hashOfNumbers(cfg->productId, cfg->originatorId);
+    const char *name = cfg->logsetName != nullptr ? cfg->logsetName : "";
+    return hashOfNumbers(cfg->productId, hashOfBytes(name, strlen(name)));
 }
 
-// The slot of a record like this one, or the free slot for it.
-uint32_t *slotOfRecord(const RecordSet *set, LogCfg *const *cfgs, const LogCfg *cfg) {
-    uint32_t at = hashOfRecord(cfg) & (set->size - 1);
-    while (set->slots[at] != 0 && !isSame(cfgs[set->slots[at] - 1], cfg))
-        at = (at + 1) & (set->size - 1);
-    return &set->slots[at];
-}
-
-// Room for one more; a larger set takes all records of the array over.
-bool growSet(Collection *all) {
-    static const uint32_t FIRST_SIZE = 64;
-    RecordSet larger = {nullptr, all->set.size == 0 ? FIRST_SIZE : all->set.size};
-    while (larger.size / 2 <= *all->count + 1 && larger.size < UINT32_MAX / 2)
-        larger.size *= 2;
-    if (larger.size == all->set.size)
-        return true;
-    larger.slots = static_cast<uint32_t *>(calloc(larger.size, sizeof *larger.slots));
-    if (larger.slots == nullptr)
-        return false;
-    for (uint32_t i = 0; i < *all->count; ++i)
-        *slotOfRecord(&larger, all->cfgs, all->cfgs[i]) = i + 1;
-    free(all->set.slots);
-    all->set = larger;
-    return true;
+// Gives the records that the caller had in his array their places, and one more if there is one.
+bool knowRecords(Collection *all, uint32_t count) {
+    while (all->known < count && all->positions.add(hashOfRecord(all->cfgs[all->known]), all->known))
+        ++all->known;
+    return all->known >= count;
 }
 
 // Appends a record, or drops it when the array has one of the same name. False when out of
 // memory; the record is dropped then too.
 bool collect(Collection *all, LogCfg *cfg) {
-    const bool isRoom = growSet(all);
-    uint32_t *slot = isRoom ? slotOfRecord(&all->set, all->cfgs, cfg) : nullptr;
-    if (slot == nullptr || *slot != 0) {
-        dropRecord(cfg);
-        return isRoom;
+    const auto isLike = [all, cfg](uint32_t at) { return isSame(all->cfgs[at], cfg); };
+    bool done = knowRecords(all, *all->count);
+    if (done && all->positions.find(hashOfRecord(cfg), isLike) == PositionTable::NOWHERE) {
+        all->cfgs[*all->count] = cfg;
+        done = knowRecords(all, *all->count + 1);
+        if (done) {
+            ++*all->count;
+            return true;
+        }
     }
-    all->cfgs[(*all->count)++] = cfg;
-    *slot = *all->count;
-    return true;
+    dropRecord(cfg);
+    return done;
 }
-
-} // namespace
 
 // One kind of record of one product's store: its sections are enumerated, and each is read
 // over a copy of the default record.
@@ -514,8 +494,6 @@ struct Enumeration {
     bool inFile; // a log set's section is "LOGSET.name" in the product's own file
     StoreText (*nameOf)(StoreText);
 };
-
-namespace {
 
 // Reads a section over a record; ZOLTLOG_NO_MORE when it is a log set without any key.
 uint32_t readOver(const Enumeration *what, const StoreIndex *index, const char *name, SectionValues *values,
@@ -562,7 +540,7 @@ uint32_t collectNames(const Enumeration *what, StoreIndex *index, const LogCfg *
                       Collection *all) {
     char name[SECTION_NAME_SIZE] = "";
     uint32_t result = ZOLTLOG_OK;
-    index->cursor = 0;
+    storeIndexRewind(index);
     while (result == ZOLTLOG_OK && hasRoom(all)) {
         uint32_t size = sizeof name;
         const uint32_t found = storeIndexNext(index, what->nameOf, name, &size);
@@ -675,9 +653,8 @@ uint32_t GetOriginatorCfg(const char *productFile, uint64_t productId, const cha
     if (productFile == nullptr || cfgs == nullptr || count == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     const Enumeration what = originatorsOf(productId, shortNames);
-    Collection all = {capacity, cfgs, count, {}};
+    Collection all = {capacity, cfgs, count, {}, 0};
     const uint32_t result = collectFile(&what, productFile, &all);
-    free(all.set.slots);
     return asStoreResult(result);
 }
 
@@ -686,9 +663,8 @@ uint32_t GetLogsetCfg(const char *productFile, uint64_t productId, const char *s
     if (productFile == nullptr || cfgs == nullptr || count == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     const Enumeration what = logsetsOf(productId, shortNames, productFile);
-    Collection all = {capacity, cfgs, count, {}};
+    Collection all = {capacity, cfgs, count, {}, 0};
     const uint32_t result = collectLogsets(&what, productFile, &all);
-    free(all.set.slots);
     return asStoreResult(result);
 }
 
@@ -721,7 +697,7 @@ uint32_t zoltLogReadProdIDCfg(const char *mainLocation, uint64_t productId, uint
     uint32_t result = storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc());
     if (result != ZOLTLOG_STORE_OK)
         return result == STORE_NO_MEMORY ? ZOLTLOG_NO_MEMORY : ZOLTLOG_NO_PRODUCT_CFG;
-    Collection all = {capacity, cfgs, count, {}};
+    Collection all = {capacity, cfgs, count, {}, 0};
     char name[SECTION_NAME_SIZE] = "";
     uint32_t size = sizeof name;
     bool isFound = false;
@@ -733,7 +709,6 @@ uint32_t zoltLogReadProdIDCfg(const char *mainLocation, uint64_t productId, uint
     result = isFound ? collectProduct(&mainFile, productId, &all, &hasLocation)
                      : static_cast<uint32_t>(ZOLTLOG_OK);
     storeIndexFree(&mainFile);
-    free(all.set.slots);
     if (result == ZOLTLOG_NO_MEMORY || !hasLocation)
         return result;
     return *count > 0 ? ZOLTLOG_OK : ZOLTLOG_NO_PRODUCT_CFG;
@@ -749,7 +724,7 @@ uint32_t zoltLogReadAllCfg(const char *mainLocation, uint32_t capacity, LogCfg *
         storeIndexLoad(&mainFile, mainLocation != nullptr ? mainLocation : GetZoltLogCfgLoc());
     if (loaded != ZOLTLOG_STORE_OK)
         return loaded == STORE_NO_MEMORY ? ZOLTLOG_NO_MEMORY : ZOLTLOG_NO_PRODUCT_CFG;
-    Collection all = {capacity, cfgs, count, {}};
+    Collection all = {capacity, cfgs, count, {}, 0};
     char name[SECTION_NAME_SIZE] = "";
     uint32_t size = sizeof name;
     bool isAnyRead = false;
@@ -764,7 +739,6 @@ uint32_t zoltLogReadAllCfg(const char *mainLocation, uint32_t capacity, LogCfg *
         size = sizeof name;
     }
     storeIndexFree(&mainFile);
-    free(all.set.slots);
     if (isOutOfMemory)
         return ZOLTLOG_NO_MEMORY;
     if (isAnyRead || found == ZOLTLOG_STORE_NO_MORE)

@@ -297,6 +297,17 @@ uint32_t storeLookup(PropertyStore *store, const char *name, char value[STORE_VA
     return ZOLTLOG_STORE_NOT_FOUND;
 }
 
+bool storePlainText(const char *value, char (&text)[STORE_VALUE_SIZE]) {
+    size_t length = strnlen(value, sizeof text);
+    if (length == sizeof text || !isPlainAscii(value, length) || !localeKeepsAscii())
+        return false;
+    while (length > 0 && value[length - 1] == ' ')
+        --length;
+    memcpy(text, value, length);
+    text[length] = '\0';
+    return true;
+}
+
 uint32_t storeValueText(const char *value, char **out) {
     *out = nullptr;
     if (isPlainAscii(value, strlen(value)) && localeKeepsAscii()) {
@@ -396,10 +407,23 @@ uint32_t utiEnumLogsetForProductIdFile(PropertyStore *store, uint32_t ignored, c
     return enumerate(store, storeLogsetName, name, size);
 }
 
+void storeIndexRewind(StoreIndex *index) {
+    index->run = index->cursor = 0;
+}
+
+// A run's lines give one section name, and, unless they begin with that of log sets, no other
+// name; lines without a '.' are in no run and give none. One of its lines is enough then.
 uint32_t storeIndexNext(StoreIndex *index, StoreText (*nameOf)(StoreText), char *name, uint32_t *size) {
-    while (index->cursor < index->size) {
-        const StoreText line = storeLine(index->bytes + index->cursor, index->size - index->cursor);
+    while (index->run < index->runs.count) {
+        const StoreRun *run = &index->runs.items[index->run];
+        if (index->cursor < run->begin)
+            index->cursor = run->begin;
+        const StoreText line = storeLine(index->bytes + index->cursor, run->end - index->cursor);
         index->cursor += line.size;
+        const bool isLogset = line.size >= STORE_LOGSET_TOKEN_LENGTH &&
+                              memcmp(line.text, STORE_LOGSET_TOKEN, STORE_LOGSET_TOKEN_LENGTH) == 0;
+        if (!isLogset || index->cursor >= run->end)
+            ++index->run;
         const StoreText found = nameOf(line);
         const uint32_t result =
             found.text != nullptr ? giveName(found, name, size) : uint32_t{ZOLTLOG_STORE_NO_MORE};

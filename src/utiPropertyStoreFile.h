@@ -95,6 +95,8 @@ uint32_t storeLookup(PropertyStore *store, const char *name, char value[STORE_VA
 // trailing spaces, a new block. ZOLTLOG_NO_MEMORY, or another failure when it cannot be
 // converted; the text is null then.
 uint32_t storeValueText(const char *value, char **text);
+// The same text where it needs no conversion and fits; false otherwise.
+bool storePlainText(const char *value, char (&text)[STORE_VALUE_SIZE]);
 unsigned long storeValueNumber(const char *value);
 uint32_t storeValueBool(const char *value);
 
@@ -174,6 +176,7 @@ struct StoreSection {
     size_t count;
     char (*values)[STORE_VALUE_SIZE];
     bool *found;
+    size_t next = 0; // where the name of the next line is looked for first
 };
 
 // Reads several sections of one file in one pass over it. ZOLTLOG_STORE_NO_FILE when it cannot
@@ -192,10 +195,12 @@ struct StoreIndex {
     size_t size = 0;
     Grown<StoreRun> runs;
     PositionTable sections; // the first run of each
-    size_t cursor = 0;      // where the enumeration goes on
+    size_t run = 0;         // where the enumeration goes on
+    size_t cursor = 0;      // in that run
 };
 uint32_t storeIndexLoad(StoreIndex *index, const char *path); // results of storeReadSections
 void storeIndexFree(StoreIndex *index);
 void storeIndexRead(const StoreIndex *index, StoreSection *section);
-// The enumerations of the store over the index, from its cursor on.
+// The enumerations of the store over the index, from where the last one of them ended.
+void storeIndexRewind(StoreIndex *index);
 uint32_t storeIndexNext(StoreIndex *index, StoreText (*nameOf)(StoreText), char *name, uint32_t *size);

@@ -14,10 +14,20 @@ namespace {
 // Takes a line over if it holds a name still missing in a section of this root.
 void takeLine(StoreSection *section, size_t rootLength, StoreText line) {
     const StoreText name = {line.text + rootLength + 1, line.size - rootLength - 1};
-    for (size_t i = 0; i < section->count; ++i) {
-        if (!section->found[i] && *section->names[i] == *name.text &&
-            storeLineHasKey(name, nullptr, section->names[i])) {
-            section->found[i] = storeLineValue(name, section->values[i]);
+    const auto *equals = static_cast<const char *>(memchr(name.text, '=', name.size));
+    if (equals == nullptr)
+        return;
+    const auto size = static_cast<size_t>(equals - name.text);
+    const StoreText value = {equals, name.size - size};
+    size_t i = section->next; // lines mostly stand in the order of the names
+    for (size_t tried = 0; tried < section->count; ++tried, ++i) {
+        if (i >= section->count)
+            i = 0;
+        const char *wanted = section->names[i];
+        if (!section->found[i] && *wanted == *name.text && strlen(wanted) == size &&
+            memcmp(wanted, name.text, size) == 0) {
+            section->found[i] = storeLineValue(value, section->values[i]);
+            section->next = i + 1;
             return;
         }
     }
@@ -168,7 +178,8 @@ uint32_t storeIndexLoad(StoreIndex *index, const char *path) {
 void storeIndexFree(StoreIndex *index) {
     free(index->bytes);
     index->bytes = nullptr;
-    index->size = index->cursor = 0;
+    index->size = 0;
+    storeIndexRewind(index);
     index->runs.clear();
     index->sections.clear();
 }
