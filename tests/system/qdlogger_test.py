@@ -101,9 +101,32 @@ class Qdlogger(unittest.TestCase):
         self.assertEqual(self.texts(), [b""])
 
     def test_very_long_lines_are_whole(self):
-        long = b"x" * 5_000_000
+        long = b"x" * 1_000_000
         self.ok("-P5", stdin=b"first\n" + long + b"\n" + long[:300_000] + b"y\nlast")
         self.assertEqual(self.texts(), [b"first", long, long[:300_000] + b"y", b"last"])
+
+    def test_lines_beyond_any_bound_become_several_messages(self):
+        part = 1024 * 1024
+        long = b"x" * (part - 1) + "\u00e4".encode() + b"y" * (part + 5)  # a character lies across the first end
+        done = self.run_it("-P5", stdin=b"first\n" + long + b"\nlast\n" + b"z" * (part + 1))
+        self.assertEqual((done.returncode, done.stderr), (0, b"qdlogger: 2 lines of more than 1 MB became several messages\n"))
+        texts = self.texts()
+        self.assertEqual([len(text) for text in texts], [5, part - 1, part, 7, 4, part, 1])
+        self.assertEqual(b"".join(texts[1:4]), long)
+        self.assertEqual(texts[4:], [b"last", b"z" * part, b"z"])
+
+    def test_memory_is_bounded_whatever_comes(self):
+        """A line of 300 MB without an end, whose messages are dropped by their level."""
+        with open("hole", "wb") as hole:
+            hole.truncate(300_000_000)
+        with open("hole", "rb") as hole:
+            process = subprocess.Popen([QDLOGGER, "--config=zoltlog.conf", "-P5", "-k", "debug", "-l", "6", "-q"], stdin=hole,
+                                       env=self.environment)
+        _, status, used = os.wait4(process.pid, 0)
+        process.returncode = os.waitstatus_to_exitcode(status)
+        self.assertEqual(process.returncode, 0)
+        if "ASAN_OPTIONS" not in os.environ and "TSAN_OPTIONS" not in os.environ:
+            self.assertLess(used.ru_maxrss, 64 * 1024)
 
     def test_lines_are_written_as_they_come(self):
         process = subprocess.Popen([QDLOGGER, "-P5", "--config=zoltlog.conf"], stdin=subprocess.PIPE, env=self.environment)

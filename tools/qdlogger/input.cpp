@@ -5,6 +5,7 @@
 #include <cwchar>
 #include <langinfo.h>
 #include <unistd.h>
+#include <utility>
 
 #include "common/number_text.h"
 #include "common/utf8.h"
@@ -17,13 +18,34 @@ constexpr size_t READ_SIZE = size_t{256} * 1024;
 
 } // namespace
 
+// The begin of a line that is too long, not cut within a character of UTF-8.
+std::string_view LineReader::takePart() {
+    size_t length = LONGEST_LINE;
+    while (length + 4 > LONGEST_LINE && (static_cast<unsigned char>(buffer[begin + length]) & 0xc0) == 0x80)
+        --length;
+    const std::string_view part(buffer.data() + begin, length);
+    begin += length;
+    searched = begin;
+    behindPart = std::exchange(buffer[begin], '\0');
+    isPart = true;
+    return part;
+}
+
 bool LineReader::next(std::string_view &line) {
+    if (isPart)
+        buffer[begin] = behindPart;
+    const bool goesOn = isPart;
+    isPart = false;
     for (;;) {
         void *feed = memchr(buffer.data() + searched, '\n', end - searched);
+        const size_t stop = feed != nullptr ? static_cast<size_t>(static_cast<char *>(feed) - buffer.data())
+                                            : end; // buffer is longer than end
+        if (stop - begin > LONGEST_LINE) {
+            line = takePart();
+            parted += goesOn ? 0 : 1;
+            return true;
+        }
         if (feed != nullptr || (atEnd && begin < end)) {
-            const size_t stop = feed != nullptr
-                                    ? static_cast<size_t>(static_cast<char *>(feed) - buffer.data())
-                                    : end; // buffer is longer than end
             size_t length = stop - begin;
             if (feed != nullptr && length > 0 && buffer[begin + length - 1] == '\r')
                 --length;

@@ -2,12 +2,16 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
 namespace qdlogger {
 
-// Reads a descriptor line by line, of any length, as soon as they come.
+constexpr size_t LONGEST_LINE = 1024UL * 1024;
+
+// Reads a descriptor line by line, as soon as they come. One that is longer than
+// LONGEST_LINE is several lines: memory is bounded, whatever comes.
 struct LineReader {
     explicit LineReader(int inputDescriptor) : descriptor(inputDescriptor) {}
 
@@ -16,15 +20,20 @@ struct LineReader {
     // an error. A last line without a line feed is a line.
     bool next(std::string_view &line);
 
-    int error = 0; // errno of a failed read
+    int error = 0;       // errno of a failed read
+    uint64_t parted = 0; // lines that were too long
 
   private:
+    std::string_view takePart();
+
     const int descriptor;
     std::string buffer;
     size_t begin = 0;    // of the next line
     size_t searched = 0; // no line feed between begin and here
     size_t end = 0;      // of what was read
     bool atEnd = false;
+    bool isPart = false; // what next() gave last was the begin of a line
+    char behindPart = 0; // the byte that its NUL stands for
 };
 
 // Texts in UTF-8, whatever they were. A byte that is no character, and a NUL, which no

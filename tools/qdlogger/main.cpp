@@ -8,6 +8,7 @@
 
 #include "common/configurations.h"
 #include "common/exit_codes.h"
+#include "common/number_text.h"
 #include "common/result_text.h"
 #include "input.h"
 #include "options.h"
@@ -172,6 +173,9 @@ int run(const Settings &settings) {
         for (std::string_view line; reader.next(line);)
             send(sender, texts.convert(line));
         inputError = reader.error;
+        if (reader.parted > 0)
+            complain(settings,
+                     tools::counted(reader.parted, "line") + " of more than 1 MB became several messages");
     }
     close(log);
     return conclude(sender, inputError);

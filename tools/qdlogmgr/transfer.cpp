@@ -3,6 +3,8 @@
 #include "common/exit_codes.h"
 #include "common/result_text.h"
 #include "qdlogmgr/commands.h"
+#include "qdlogmgr/copy.h"
+#include "qdlogmgr/descriptor.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -15,69 +17,6 @@
 namespace qdlogmgr {
 
 namespace {
-
-struct Descriptor {
-    explicit Descriptor(int theNumber) : number(theNumber) {}
-    ~Descriptor() {
-        if (number >= 0)
-            close(number);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    const int number;
-};
-
-constexpr size_t COMPARE_BLOCK = 65536;
-
-// Reads until the block is full or the file ends; -1 after an error.
-ssize_t readBlock(int descriptor, char *block) {
-    size_t have = 0;
-    while (have < COMPARE_BLOCK) {
-        const ssize_t count = read(descriptor, block + have, COMPARE_BLOCK - have);
-        if (count == 0)
-            break;
-        if (count < 0 && errno == EINTR)
-            continue;
-        if (count < 0)
-            return -1;
-        have += static_cast<size_t>(count);
-    }
-    return static_cast<ssize_t>(have);
-}
-
-// Whether the copy holds the file's bytes; brings it to the disk. A file that is being
-// written may have grown since it was copied.
-bool isSame(const std::string &one, const std::string &other, bool mayHaveGrown, std::string &error) {
-    const Descriptor a(open(one.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    const Descriptor b(open(other.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-    if (a.number < 0 || b.number < 0) {
-        error = strerror(errno);
-        return false;
-    }
-    std::string blockA(COMPARE_BLOCK, '\0');
-    std::string blockB(COMPARE_BLOCK, '\0');
-    for (;;) {
-        const ssize_t countA = readBlock(a.number, blockA.data());
-        const ssize_t countB = readBlock(b.number, blockB.data());
-        if (countA < 0 || countB < 0) {
-            error = strerror(errno);
-            return false;
-        }
-        const bool grown = mayHaveGrown && countA > countB;
-        if ((countA != countB && !grown) ||
-            memcmp(blockA.data(), blockB.data(), static_cast<size_t>(countB)) != 0) {
-            error = "the copy differs from the file";
-            return false;
-        }
-        if (countB == 0)
-            break;
-    }
-    if (fsync(b.number) != 0) {
-        error = strerror(errno);
-        return false;
-    }
-    return true;
-}
 
 bool exists(const std::string &path, struct stat &status) {
     return lstat(path.c_str(), &status) == 0;
@@ -103,19 +42,19 @@ bool transfer(const Run &run, const File &file, bool archive, std::string &error
             return false;
         }
     }
-    const uint32_t result = options.link ? zoltLogCopyFileEx(file.path.c_str(), options.to.c_str())
-                                         : zoltLogCopyFile(file.path.c_str(), options.to.c_str());
-    if (result != ZOLTLOG_OK) {
-        error = tools::resultMessage(result);
-        return false;
-    }
     if (options.link) {
+        const uint32_t result = zoltLogCopyFileEx(file.path.c_str(), options.to.c_str());
+        if (result != ZOLTLOG_OK) {
+            error = tools::resultMessage(result);
+            return false;
+        }
         if (exists(destination, status) && status.st_dev == file.device && status.st_ino == file.inode)
             return true;
         error = "the link does not lead to the file";
         return false;
     }
-    return isSame(file.path, destination, !archive, error);
+    return copyFile(file.path, destination, options.replace, error) &&
+           isSame(file.path, destination, !archive, error);
 }
 
 bool syncDirectory(const std::string &directory, std::string &error) {
