@@ -461,23 +461,24 @@ uint64_t hashOfRecord(const LogCfg *cfg) {
     return hashOfNumbers(cfg->productId, hashOfBytes(name, strlen(name)));
 }
 
-// Gives the records that the caller had in his array their places, and one more if there is one.
-bool knowRecords(Collection *all, uint32_t count) {
-    while (all->known < count && all->positions.add(hashOfRecord(all->cfgs[all->known]), all->known))
+// Gives the records that the caller had in his array their places.
+bool knowRecords(Collection *all) {
+    while (all->known < *all->count && all->positions.add(hashOfRecord(all->cfgs[all->known]), all->known))
         ++all->known;
-    return all->known >= count;
+    return all->known == *all->count;
 }
 
 // Appends a record, or drops it when the array has one of the same name. False when out of
 // memory; the record is dropped then too.
 bool collect(Collection *all, LogCfg *cfg) {
     const auto isLike = [all, cfg](uint32_t at) { return isSame(all->cfgs[at], cfg); };
-    bool done = knowRecords(all, *all->count);
-    if (done && all->positions.find(hashOfRecord(cfg), isLike) == PositionTable::NOWHERE) {
-        all->cfgs[*all->count] = cfg;
-        done = knowRecords(all, *all->count + 1);
+    const uint64_t hash = hashOfRecord(cfg);
+    bool done = knowRecords(all);
+    if (done && all->positions.find(hash, isLike) == PositionTable::NOWHERE) {
+        done = all->positions.add(hash, all->known);
         if (done) {
-            ++*all->count;
+            all->cfgs[(*all->count)++] = cfg;
+            all->known = *all->count;
             return true;
         }
     }

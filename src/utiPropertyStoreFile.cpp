@@ -76,18 +76,18 @@ bool storeLineValue(StoreText line, char value[STORE_VALUE_SIZE]) {
     const size_t equal = positionOf(line, '=');
     if (equal + 1 >= line.size)
         return false;
-    StoreText rest = {line.text + equal + 1, line.size - equal - 1};
-    rest.size = positionOf(rest, '=');
-    const void *feed = memrchr(rest.text, '\n', rest.size);
-    if (feed != nullptr)
-        rest.size = static_cast<size_t>(static_cast<const char *>(feed) - rest.text);
-    if (rest.size > STORE_VALUE_SIZE - 1) {
-        rest.size = STORE_VALUE_SIZE - 1;
-        while (rest.size > 0 && (static_cast<unsigned char>(rest.text[rest.size]) & 0xC0) == 0x80)
-            --rest.size; // half a character could not be converted
+    const char *rest = line.text + equal + 1;
+    const size_t size = line.size - equal - 1;
+    size_t length = 0; // values are short: a loop is quicker than a search for each end
+    for (; length < size && rest[length] != '=' && rest[length] != '\n'; ++length) {
+        if (length == STORE_VALUE_SIZE - 1) {
+            while (length > 0 && (static_cast<unsigned char>(rest[length]) & 0xC0) == 0x80)
+                --length; // half a character could not be converted
+            break;
+        }
+        value[length] = rest[length];
     }
-    memcpy(value, rest.text, rest.size);
-    value[rest.size] = '\0';
+    value[length] = '\0';
     return true;
 }
 
