@@ -17,6 +17,10 @@
 # asan-long the tests that ./dev test leaves out, with the same sanitizers
 # config    writers of one configuration file for CONFIG_SECONDS (60) in each of nine cases, and
 #           CONFIG_KILLS (5000) of them killed
+# recycle   two writers of one recycled series, processes and handles, RECYCLE_SECONDS (60) for
+#           each of 36 settings; then eight processes with timed rollover
+# kills     KILLS (2000) writers of large records killed on a series and on a log set, and two
+#           and a half times as many of small ones
 # tsan      the programs that use threads or fork, with ThreadSanitizer
 # tidy      clang-tidy over everything but the tests
 # cppcheck  cppcheck over everything but the tests
@@ -114,6 +118,47 @@ step_config() {
         build/release/tests/config_endurance_test --gtest_filter='Long*' --gtest_brief=1
 }
 
+# Runs one case and tells what it printed in one line; all of it when it fails.
+#   run_counted CASE PROGRAM AWK-PROGRAM
+run_counted() {
+    local output started=$SECONDS
+    output=$(build/release/tests/"$2" --gtest_filter="$1" --gtest_brief=1 2>&1 </dev/null) || {
+        printf '%s\n' "$output" | cut -c1-400 | head -60
+        echo "FAILED: $2 --gtest_filter=$1"
+        return 1
+    }
+    printf '%s\n' "$output" | awk -v case="$1" -v seconds=$((SECONDS - started)) "$3"
+}
+
+step_recycle() {
+    local case status=0
+    build release || return 1
+    export QDUL_TEST_SECONDS=${RECYCLE_SECONDS:-60}
+    for case in TwoProcesses TwoProcessesOfALogSet TwoHandlesOfALogSetInOneProcess; do
+        run_counted LongRecycleRace.$case race_recycle_test '
+            / busy and / { for (i = 2; i <= NF; ++i) if ($i == "busy") busy += $(i - 1)
+                                                     else if ($i == "quiet") quiet += $(i - 1)
+                                                     else if ($i == "files") files += $(i - 1)
+                           ++settings }
+            END { printf "%s: %d settings, %d busy and %d quiet messages, none lost or twice, %d files made, %d s\n",
+                  case, settings, busy, quiet, files, seconds }' || status=1
+    done
+    run_counted LongRecycleRace.EightProcessesWithTimedRolloverOnOneLogSet race_recycle_test '
+        / files, / { printf "%s: %s, %d s\n", case, $0, seconds }' || status=1
+    return $status
+}
+
+step_kills() {
+    local case status=0
+    build release || return 1
+    export QDUL_TEST_KILLS=${KILLS:-2000}
+    for case in OfASeriesOfSmallRecords OfASeriesOfLargeRecords OfALogSetOfSmallRecords OfALogSetOfLargeRecords; do
+        run_counted LongKilledWriters.$case race_kill_test '
+            / kills, / { printf "%s: %s, %d s\n", case, $0, seconds }' || status=1
+    done
+    return $status
+}
+
 # Numbers of the tests whose program uses threads or fork, for ctest -I.
 threaded_tests() {
     grep -lE 'std::thread|pthread_create|std::async|\bfork\(|inChild\(' tests/*_test.cpp |
@@ -186,7 +231,7 @@ step_postgres() {
 
 step_fuzz() { ./dev fuzz $((${FUZZ_SECONDS:-10} * factor)); }
 
-all_steps="format tests shuffle leaks asan asan-long config tsan tidy cppcheck abi model postgres fuzz"
+all_steps="format tests shuffle leaks asan asan-long config recycle kills tsan tidy cppcheck abi model postgres fuzz"
 [ $# -gt 0 ] || set -- full
 case $1 in
     ci) set -- format abi tests leaks asan ;;

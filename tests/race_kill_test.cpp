@@ -26,6 +26,7 @@ constexpr uint64_t ORIGINATOR = 7;
 constexpr int AT_ONCE = 3;    // writers that live at the same time, besides the survivor
 constexpr int PER_BATCH = 60; // kills before the files are looked at, and removed
 constexpr int SURVIVOR = PER_BATCH;
+constexpr uint64_t MOST_MESSAGES = 100000000; // of one writer; the message id tells both numbers
 
 struct Shared {
     std::atomic<bool> stop;
@@ -63,7 +64,8 @@ void configure() {
         ++memory->refused;
     for (int number = 0; !memory->stop; ++number) {
         const auto length = static_cast<int>(chance() % longest);
-        if (zoltLogAppMsg2(&log, 1, 0, 1, 0, "w%d %d %.*s", writer, number, length, filling.c_str()) ==
+        const uint64_t id = static_cast<uint64_t>(writer) * MOST_MESSAGES + static_cast<uint64_t>(number);
+        if (zoltLogAppMsg2(&log, id, 0, 1, 0, "w%d %d %.*s", writer, number, length, filling.c_str()) ==
             ZOLTLOG_OK)
             memory->accepted[writer] = number + 1;
         else
@@ -74,20 +76,42 @@ void configure() {
     _exit(0);
 }
 
+struct Totals {
+    size_t records = 0; // that qdlogview read
+    int broken = 0;     // lines that are no record
+    int empty = 0;      // of those
+};
+
 struct Reading {
     std::vector<std::vector<int>> seen{std::vector<std::vector<int>>(PER_BATCH + 1)};
-    int broken = 0;
+    Totals totals;
 };
+
+void count(uint64_t writer, uint64_t number, Reading *reading) {
+    ASSERT_LE(writer, static_cast<uint64_t>(PER_BATCH));
+    std::vector<int> &seen = reading->seen[writer];
+    if (seen.size() <= number)
+        seen.resize(number + 1);
+    ++seen[number];
+}
 
 void count(const tools::Record &record, Reading *reading) {
     int writer = -1;
     int number = -1;
     ASSERT_EQ(sscanf(std::string(record.text.substr(0, 40)).c_str(), "w%d %d ", &writer, &number), 2);
-    ASSERT_TRUE(writer >= 0 && writer <= PER_BATCH && number >= 0);
-    std::vector<int> &seen = reading->seen[static_cast<size_t>(writer)];
-    if (seen.size() <= static_cast<size_t>(number))
-        seen.resize(static_cast<size_t>(number) + 1);
-    ++seen[static_cast<size_t>(number)];
+    count(static_cast<uint64_t>(writer), static_cast<uint64_t>(number), reading);
+}
+
+// The records that qdlogview shows of all files.
+void readWithTool(Reading *reading) {
+    const support::Finished shown = support::run({support::buildDirectory() + "/bin/qdlogview", "-o",
+                                                  "template", "--template", "{message_id}", "logs"});
+    EXPECT_LT(shown.status, 128) << shown.err;
+    for (const std::string &line : support::lines(shown.out)) {
+        const uint64_t id = strtoull(line.c_str(), nullptr, 10);
+        count(id / MOST_MESSAGES, id % MOST_MESSAGES, reading);
+        ++reading->totals.records;
+    }
 }
 
 void readFileInto(const std::string &name, Reading *reading) {
@@ -109,11 +133,13 @@ void readFileInto(const std::string &name, Reading *reading) {
             count(record, reading);
             continue;
         }
-        ++reading->broken;
+        ++reading->totals.broken;
         // A line was ended for a killed writer while another record was already being
         // appended to it: the line feed then stands alone behind that record.
-        if (line.empty())
+        if (line.empty()) {
+            ++reading->totals.empty;
             continue;
+        }
         EXPECT_EQ(line[0], '2') << name << ": begins with no record: " << line.substr(0, 100);
         if (tools::salvageRecord(line, header.version, record, at))
             count(record, reading);
@@ -131,7 +157,23 @@ void killOne(const std::atomic<int> &accepted, pid_t victim, std::mt19937 &chanc
     ASSERT_TRUE(WIFSIGNALED(status));
 }
 
-int runBatch(bool logset, size_t longest, int kills, std::mt19937 &chance) {
+// Every accepted record is there once, and the one that a writer was killed in at most once.
+void expectOnce(const Shared &memory, Reading *reading, const char *reader) {
+    for (int writer = 0; writer <= PER_BATCH; ++writer) {
+        std::vector<int> &seen = reading->seen[static_cast<size_t>(writer)];
+        const auto accepted = static_cast<size_t>(memory.accepted[writer]);
+        EXPECT_LE(seen.size(), accepted + 1) << reader << ": writer " << writer;
+        seen.resize(std::max(seen.size(), accepted));
+        for (size_t number = 0; number < seen.size(); ++number) {
+            if (number < accepted)
+                EXPECT_EQ(seen[number], 1) << reader << ": writer " << writer << ", message " << number;
+            else
+                EXPECT_LE(seen[number], 1) << reader << ": writer " << writer << ", message " << number;
+        }
+    }
+}
+
+void runBatch(bool logset, size_t longest, int kills, std::mt19937 &chance, Totals *totals) {
     for (const std::string &name : support::listFiles("logs"))
         unlink(("logs/" + name).c_str());
     auto *memory = static_cast<Shared *>(
@@ -163,30 +205,26 @@ int runBatch(bool logset, size_t longest, int kills, std::mt19937 &chance) {
     Reading reading;
     for (const std::string &name : support::listFiles("logs"))
         readFileInto(name, &reading);
-    for (int writer = 0; writer <= PER_BATCH; ++writer) {
-        std::vector<int> &seen = reading.seen[static_cast<size_t>(writer)];
-        const auto accepted = static_cast<size_t>(memory->accepted[writer]);
-        EXPECT_LE(seen.size(), accepted + 1) << "writer " << writer;
-        seen.resize(std::max(seen.size(), accepted));
-        for (size_t number = 0; number < seen.size(); ++number) {
-            if (number < accepted)
-                EXPECT_EQ(seen[number], 1) << "writer " << writer << ", message " << number;
-            else
-                EXPECT_LE(seen[number], 1) << "writer " << writer << ", message " << number;
-        }
-    }
+    expectOnce(*memory, &reading, "lines");
+    Reading ofTool;
+    readWithTool(&ofTool);
+    expectOnce(*memory, &ofTool, "qdlogview");
+    totals->records += ofTool.totals.records;
+    totals->broken += reading.totals.broken;
+    totals->empty += reading.totals.empty;
     munmap(memory, sizeof(Shared));
-    return reading.broken;
 }
 
 void runKills(bool logset, size_t longest, uint64_t kills) {
     std::mt19937 chance(20240301); // NOLINT(cert-msc32-c,cert-msc51-cpp)
     configure();
-    int broken = 0;
-    for (uint64_t done = 0; done < kills && !testing::Test::HasFailure(); done += PER_BATCH)
-        broken +=
-            runBatch(logset, longest, static_cast<int>(std::min<uint64_t>(PER_BATCH, kills - done)), chance);
-    printf("%lu kills, %d broken lines\n", kills, broken);
+    Totals totals;
+    uint64_t killed = 0;
+    for (; killed < kills && !testing::Test::HasFailure(); killed += PER_BATCH)
+        runBatch(logset, longest, static_cast<int>(std::min<uint64_t>(PER_BATCH, kills - killed)), chance,
+                 &totals);
+    printf("%lu kills, %zu records read, each once, %d broken lines, %d of them empty\n",
+           std::min(killed, kills), totals.records, totals.broken, totals.empty);
 }
 
 } // namespace
