@@ -559,11 +559,13 @@ uint32_t collectKind(const Enumeration *what, StoreIndex *index, Collection *all
         return ZOLTLOG_OK;
     const LogOwned<SectionValues> values = newValues(1);
     LogCfg *first = newRecord();
-    if (values == nullptr || first == nullptr ||
-        InitLogCfg(what->productId, what->logsets ? 0 : ZOLTLOG_DEFAULT_ORIGINATOR,
+    if (values == nullptr || first == nullptr) {
+        zoltLogFree(first);
+        return ZOLTLOG_NO_MEMORY;
+    }
+    if (InitLogCfg(what->productId, what->logsets ? 0 : ZOLTLOG_DEFAULT_ORIGINATOR,
                    what->logsets ? CFG_DEFAULT : nullptr, first) != ZOLTLOG_OK) {
-        if (first != nullptr)
-            dropRecord(first);
+        dropRecord(first);
         return ZOLTLOG_NO_MEMORY;
     }
     takeShortNames(first, what->shortNames);
