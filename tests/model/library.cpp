@@ -4,6 +4,7 @@
 #include "support/syscalls.h"
 #include "zoltlog.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <climits>
@@ -32,6 +33,10 @@ namespace {
 
 Clock now;
 bool replaced;
+bool inLibrary; // not in the test's own calls
+bool deviceEnds;
+size_t room;
+int errorOfDevice;
 std::string hostName;
 std::string hostAddress;
 LogHandle handles[model::SLOTS];
@@ -102,6 +107,14 @@ const bool PREPARED = support::eachCase([] {
         return 0;
     };
     libc::write.hook = [](int descriptor, const void *bytes, size_t size) {
+        if (inLibrary && deviceEnds && descriptor > 2) {
+            if (size > 0 && room == 0) {
+                errno = errorOfDevice;
+                return ssize_t{-1};
+            }
+            size = std::min(size, room);
+            room -= size;
+        }
         const ssize_t written = libc::write.real(descriptor, bytes, size);
         if (replaced && descriptor > 2)
             touch(descriptor);
@@ -116,7 +129,14 @@ const bool PREPARED = support::eachCase([] {
     libc::getaddrinfo.hook = lookUpHost;
     libc::freeaddrinfo.hook = [](addrinfo *) {};
     libc::getifaddrs.hook = [](ifaddrs **list) {
-        *list = nullptr;
+        static sockaddr_in address;
+        static ifaddrs entry;
+        address = {};
+        address.sin_family = AF_INET;
+        inet_pton(AF_INET, hostAddress.c_str(), &address.sin_addr);
+        entry = {};
+        entry.ifa_addr = reinterpret_cast<sockaddr *>(&address);
+        *list = &entry;
         return 0;
     };
     libc::freeifaddrs.hook = [](ifaddrs *) {};
@@ -129,6 +149,7 @@ void prepare(const model::Sequence &sequence, const Clock &clock) {
     hostAddress = sequence.hostAddress;
     now = clock;
     replaced = true;
+    deviceEnds = false;
     setenv("ZOLTLOG_CFG_LOC", "./zoltlog.conf", 1); // read once per process: right in each directory
     setenv("TZ", sequence.zone.c_str(), 1);
     tzset();
@@ -153,7 +174,9 @@ uint64_t thread() {
 }
 
 void configure(const model::Configuration &configuration) {
-    support::writeFile("zoltlog.conf", "5.Configuration=./product.conf\n5.Names=test\n");
+    support::writeFile("zoltlog.conf", configuration.registered
+                                           ? "5.Configuration=./product.conf\n5.Names=test\n"
+                                           : "6.Configuration=./product.conf\n");
     support::writeFile("product.conf", show(configuration));
     touch("product.conf");
 }
@@ -300,6 +323,33 @@ uint64_t sequenceOf(LogHandle *handle) {
 // ---- steps -----------------------------------------------------------------------------
 
 Outcome apply(const Step &step) {
+    switch (step.op) { // what is no call of the library
+    case Op::TimePasses:
+        now.wallMs += step.ms;
+        now.steadyMs += step.ms;
+        return {};
+    case Op::ClockIsSet:
+        now.wallMs += step.ms;
+        return {};
+    case Op::Configure:
+        configure(step.configuration);
+        return {};
+    case Op::Host:
+        hostName = step.hostName;
+        hostAddress = step.hostAddress;
+        return {};
+    case Op::Device:
+        deviceEnds = step.which != 0;
+        room = step.value;
+        errorOfDevice = step.which == 1 ? ENOSPC : EIO;
+        return {};
+    default:
+        break;
+    }
+    struct Inside {
+        Inside() { inLibrary = true; }
+        ~Inside() { inLibrary = false; }
+    } const inside;
     LogHandle *handle = &handles[step.slot];
     uint32_t level = 0;
     uint32_t (*const setters[])(LogHandle *, uint32_t) = {zoltLogSetDebugLevel, zoltLogSetDiagLevel,
@@ -338,20 +388,9 @@ Outcome apply(const Step &step) {
     case Op::SetUtf8:
         handle->utf8 = static_cast<uint32_t>(step.value);
         return {};
-    case Op::TimePasses:
-        now.wallMs += step.ms;
-        now.steadyMs += step.ms;
+    default:
         return {};
-    case Op::ClockIsSet:
-        now.wallMs += step.ms;
-        return {};
-    case Op::Configure:
-        configure(step.configuration);
-        return {};
-    case Op::Files:
-        break;
     }
-    return {};
 }
 
 void apply(const FileAction &action) {
@@ -387,10 +426,15 @@ void apply(const FileAction &action) {
     case FileAction::MAKE_LINK:
         (void)!symlink("nowhere", path);
         break;
-    case FileAction::REMOVE_TREE: {
+    case FileAction::REMOVE_TREE:
+    case FileAction::BLOCK: {
         std::error_code ignored;
         std::filesystem::remove_all(action.path, ignored);
-        return;
+        if (action.kind == FileAction::REMOVE_TREE)
+            return;
+        support::writeFile(action.path, action.bytes);
+        (void)chmod(path, 0660);
+        break;
     }
     }
     touch(action.path);
@@ -425,12 +469,12 @@ std::string bytesOf(const std::string &path, size_t size) {
 }
 
 void readInto(std::map<std::string, model::Node> *files, const std::string &directory) {
-    DIR *stream = opendir(directory.c_str());
+    DIR *stream = opendir(directory.empty() ? "." : directory.c_str());
     if (stream == nullptr)
         return;
     while (const dirent *entry = readdir(stream)) {
         const std::string name = entry->d_name;
-        if (name == "." || name == "..")
+        if (name == "." || name == ".." || (directory.empty() && name.find(".conf") != std::string::npos))
             continue;
         const std::string path = directory + name;
         model::Node node;
@@ -458,8 +502,7 @@ void readInto(std::map<std::string, model::Node> *files, const std::string &dire
 
 std::map<std::string, model::Node> directory() {
     std::map<std::string, model::Node> files;
-    readInto(&files, "log/");
-    readInto(&files, "other/");
+    readInto(&files, "");
     return files;
 }
 

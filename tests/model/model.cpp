@@ -22,6 +22,7 @@ constexpr uint32_t WRITE_FAILED = 5;
 constexpr uint32_t NOT_CONFIGURED = 6;
 constexpr uint32_t OPEN_FAILED = 32;
 constexpr uint32_t NO_DIRECTORY = 53;
+constexpr uint32_t DEVICE_FULL = 54;
 constexpr uint32_t SECURE_ON_FILE = 58;
 
 constexpr unsigned BY_SIZE = 1;
@@ -116,12 +117,12 @@ std::vector<std::string> listing(const World &world, const std::string &director
 }
 
 // Date and counter in the name of an originator's file.
-void dateAndCounter(const std::string &name, Date *date, int64_t *counter) {
+void dateAndCounter(const std::string &name, Date *date, uint64_t *counter, size_t digits = 20) {
     const std::vector<std::string> parts = split(name);
     if (parts.size() < 5)
         return;
     sscanf(parts[3].c_str(), "%2d%2d%2d", &date->year, &date->month, &date->day);
-    *counter = strtoll(parts[4].c_str(), nullptr, 10);
+    *counter = strtoull(parts[4].substr(0, digits).c_str(), nullptr, 10);
 }
 
 std::string digitsOf(const std::string &name) {
@@ -174,6 +175,7 @@ void applyKeys(const World &world, const Keys &keys, bool isDefault, Settings *s
                 directory = value.substr(world.home.size()); // all lie below it
             else if (!isDefault)
                 directory = settings->directory + value;
+            settings->isRelative = value[0] != '/' && directory == value;
             settings->directory = directory.back() == '/' ? directory : directory + "/";
         } else if (key == "DebugLevel" && isNumber && number <= 6) {
             settings->debugLevel = static_cast<uint32_t>(number);
@@ -217,7 +219,7 @@ constexpr uint64_t PRODUCT = 5; // the one that is registered
 } // namespace
 
 std::optional<Settings> Model::originatorSettings(uint64_t product, uint64_t originator) const {
-    if (product != PRODUCT)
+    if (product != PRODUCT || !world.configuration.registered)
         return std::nullopt;
     Settings settings;
     const auto &sections = world.configuration.sections;
@@ -230,7 +232,7 @@ std::optional<Settings> Model::originatorSettings(uint64_t product, uint64_t ori
 }
 
 std::optional<Settings> Model::logsetSettings(uint64_t product, const std::string &set) const {
-    if (product != PRODUCT)
+    if (product != PRODUCT || !world.configuration.registered)
         return std::nullopt;
     Settings settings;
     settings.isLogset = true;
@@ -288,6 +290,10 @@ uint32_t Model::openFile(Handle *handle, const Settings &own, const Settings &fi
         handle->tokenless = true; // the record is still all zeros, which says context
         return NO_DIRECTORY;
     }
+    const bool isOpen = remembered != nullptr && remembered->product == product &&
+                        remembered->originator == fileOriginator && remembered->opened;
+    if (!file.isLogset && !isOpen)
+        lookUpHost();
     (void)compareClocks();
     Series *series = handle->series.get();
     series->product = product;
@@ -306,7 +312,7 @@ uint32_t Model::openFile(Handle *handle, const Settings &own, const Settings &fi
     const unsigned permissions = series->settings.permissions;
     series->settings = file;
     if (!series->opened) {
-        series->counter = file.rolloverMode == BY_SIZE ? -1 : 0;
+        series->counter = 0; // without a date it is not looked at
         series->date = {};
     } else {
         series->settings.permissions = permissions;
@@ -555,16 +561,44 @@ uint64_t Model::recordLength(const Handle *handle, const Message &message) const
 
 // ---- writing -----------------------------------------------------------------------------
 
+// How many of so many bytes the device takes.
+uint64_t Model::take(uint64_t bytes) {
+    if (!world.deviceEnds)
+        return bytes;
+    const uint64_t taken = std::min(bytes, world.room);
+    world.room -= taken;
+    if (taken < bytes && world.deviceIsFull)
+        world.deviceWasFull = true;
+    return taken;
+}
+
+// What is cut off ends its line at once, or before the next record.
 uint32_t Model::append(Series *series, const std::string &record) {
+    const auto failure = [&] {
+        return world.deviceWasFull && mutation != Mutation::FullDeviceIsForgotten ? DEVICE_FULL
+                                                                                  : WRITE_FAILED;
+    };
     if (series->file == nullptr)
-        return WRITE_FAILED;
-    std::string bytes = record;
-    if (series->torn && mutation != Mutation::TornLineStays)
-        bytes = "\n" + bytes;
+        return failure();
+    const auto put = [&](const std::string &bytes) {
+        const uint64_t taken = take(bytes.size());
+        series->file->bytes += bytes.substr(0, taken);
+        if (taken > 0)
+            series->file->modifiedMs = world.clock.wallMs;
+        series->known += taken;
+        if (taken < bytes.size())
+            series->lookedAtMs = -1;
+        return taken;
+    };
+    if (series->torn && mutation != Mutation::TornLineStays && put("\n") != 1)
+        return failure();
     series->torn = false;
-    series->file->bytes += bytes;
-    series->file->modifiedMs = world.clock.wallMs;
-    series->known += bytes.size();
+    const uint64_t taken = put(record);
+    series->torn = taken > 0 && taken < record.size();
+    if (series->torn && put("\n") == 1)
+        series->torn = false;
+    if (taken < record.size())
+        return failure();
     ++recordsWritten;
     return DONE;
 }
@@ -629,22 +663,27 @@ bool Model::isRolloverDue(Series *series, uint64_t length) {
 }
 
 // The name of a log set's file tells its second: who would take the same name again waits
-// for the next one.
-void Model::waitForNextSecond(const Series *series) {
-    while (seconds() == series->nameSecond) {
+// for the next one, for two seconds in one rollover. False when they are over: the record
+// goes into the file that is full.
+bool Model::waitForNextSecond(const Series *series, int64_t *deadlineMs) {
+    if (*deadlineMs == 0)
+        *deadlineMs = world.clock.steadyMs + 2000;
+    while (seconds() == series->nameSecond && world.clock.steadyMs < *deadlineMs) {
         world.clock.wallMs += 2;
         world.clock.steadyMs += 2;
     }
+    return world.clock.steadyMs < *deadlineMs;
 }
 
 void Model::rollOver(Series *series) {
     bool created = false;
+    int64_t deadlineMs = 0;
     closeFile(series);
     for (;;) {
         if (openNext(series, &created) != DONE || created || !isRolloverDue(series, 0))
             break;
-        if (series->settings.isLogset)
-            waitForNextSecond(series);
+        if (series->settings.isLogset && !waitForNextSecond(series, &deadlineMs))
+            break;
         closeFile(series);
     }
     recycle(series);
@@ -718,10 +757,10 @@ void Model::setNextRollover(Series *series) {
 
 // ---- opening files -----------------------------------------------------------------------
 
-std::string Model::pathOfCounter(const Series &series, const Date &date, int64_t counter) const {
+std::string Model::pathOfCounter(const Series &series, const Date &date, uint64_t counter) const {
     return series.settings.directory + text("%lu-%lu-%lu-%02d%02d%02d-%010lu.log", series.product,
-                                            series.originator, world.hostId, date.year, date.month, date.day,
-                                            static_cast<unsigned long>(counter));
+                                            series.originator, hostId, date.year, date.month, date.day,
+                                            counter);
 }
 
 std::string Model::pathOfSecond(const Series &series, int64_t second) const {
@@ -731,7 +770,37 @@ std::string Model::pathOfSecond(const Series &series, int64_t second) const {
                                             local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
 }
 
-bool Model::makeDirectories(const std::string &directory) {
+void Model::lookUpHost() {
+    hostId = world.hostId;
+    hostName = world.hostName;
+    hostKnownAtMs = world.clock.steadyMs;
+    hostOutOfDate = false;
+}
+
+// Before a message: the number of the host, when a rollover found it out of date.
+void Model::refreshHost() {
+    if (hostOutOfDate)
+        lookUpHost();
+}
+
+// What all openings begin with. Whoever names a file goes by the number that is known.
+bool Model::prepare(const Series *series) {
+    if (!makeDirectories(series->settings))
+        return false;
+    if (series->settings.isLogset)
+        return true;
+    if (hostId == 0 || mutation == Mutation::HostIsAskedAtEachRollover)
+        lookUpHost();
+    else if (world.clock.steadyMs - hostKnownAtMs >= 3600000 || hostName != world.hostName ||
+             hostId != world.hostId)
+        hostOutOfDate = true;
+    return true;
+}
+
+bool Model::makeDirectories(const Settings &settings) {
+    const std::string &directory = settings.directory;
+    if (settings.isRelative && world.directories.count(directory.substr(0, directory.find('/') + 1)) == 0)
+        return false;
     for (size_t slash = directory.find('/'); slash != std::string::npos;
          slash = directory.find('/', slash + 1)) {
         const std::string prefix = directory.substr(0, slash);
@@ -746,13 +815,12 @@ bool Model::makeDirectories(const std::string &directory) {
 std::optional<std::string> Model::findLatest(const Series *series, bool upToToday) const {
     const std::string &directory = series->settings.directory;
     const bool logset = series->settings.isLogset;
-    const std::string prefix = logset
-                                   ? text("%lu-%s-", series->product, series->fileName.c_str())
-                                   : text("%lu-%lu-%lu-", series->product, series->originator, world.hostId);
+    const std::string prefix = logset ? text("%lu-%s-", series->product, series->fileName.c_str())
+                                      : text("%lu-%lu-%lu-", series->product, series->originator, hostId);
     std::optional<std::string> best;
     int64_t bestTime = 0;
     int bestDay = -1;
-    int64_t bestCounter = -1;
+    uint64_t bestCounter = 0;
     for (const std::string &name : listing(world, directory)) {
         if (name.compare(0, prefix.size(), prefix) != 0)
             continue;
@@ -765,8 +833,8 @@ std::optional<std::string> Model::findLatest(const Series *series, bool upToToda
             continue;
         }
         Date date;
-        int64_t counter = 0;
-        dateAndCounter(name, &date, &counter);
+        uint64_t counter = 0;
+        dateAndCounter(name, &date, &counter, 10);
         const int day = dayNumber(date);
         if (upToToday && day > dayNumber(dateOf(seconds())))
             continue;
@@ -802,7 +870,7 @@ uint32_t Model::resume(Series *series, const std::string &path, int64_t logsetSt
     return DONE;
 }
 
-void Model::create(Series *series, const std::string &path) {
+bool Model::create(Series *series, const std::string &path) {
     const auto node = std::make_shared<Node>();
     int64_t zone = zoneOffset(seconds());
     if (mutation == Mutation::HeaderZoneSign)
@@ -813,14 +881,17 @@ void Model::create(Series *series, const std::string &path) {
         node->bytes =
             text("$Header 65543,%lu,%lu,%ld,%ld,", series->product, series->originator, seconds(), zone) +
             world.hostName + "\n";
+    if (take(node->bytes.size()) < node->bytes.size())
+        return false; // a file has its header or is not there
     node->mode = series->settings.permissions;
     node->modifiedMs = world.clock.wallMs;
     world.files[path] = node;
+    return true;
 }
 
 // The series goes on in its latest file, or in its first one.
 uint32_t Model::openLatest(Series *series) {
-    if (!makeDirectories(series->settings.directory))
+    if (!prepare(series))
         return FAILED;
     const std::optional<std::string> latest = findLatest(series, false);
     bool created = false;
@@ -842,16 +913,18 @@ uint32_t Model::openLatest(Series *series) {
 // series has gone on without this writer. On failure everything stays as it was.
 uint32_t Model::openNext(Series *series, bool *created) {
     *created = false;
-    if (!makeDirectories(series->settings.directory))
+    if (!prepare(series))
         return FAILED;
     const int64_t now = seconds();
     const bool logset = series->settings.isLogset;
     Date date = dateOf(now);
-    int64_t counter = 0;
+    uint64_t counter = 0;
     bool sameDay = date.month == series->date.month && date.day == series->date.day;
     if (mutation == Mutation::CounterRestartsWithTheYear)
         sameDay = sameDay && date.year == series->date.year;
     if (sameDay) {
+        if (!series->sameName && series->counter == UINT64_MAX)
+            return OPEN_FAILED; // there is no number after the last
         counter = series->counter + (series->sameName ? 0 : 1);
         if (mutation == Mutation::CounterSkipsOne && !series->sameName)
             ++counter;
@@ -871,7 +944,7 @@ uint32_t Model::openNext(Series *series, bool *created) {
             }
         } else if (latest) {
             Date latestDate;
-            int64_t latestCounter = 0;
+            uint64_t latestCounter = 0;
             dateAndCounter(latest->substr(series->settings.directory.size()), &latestDate, &latestCounter);
             const int day = dayNumber(latestDate);
             ahead = !series->opened || day > dayNumber(series->date) ||
@@ -885,7 +958,8 @@ uint32_t Model::openNext(Series *series, bool *created) {
         if (ahead) {
             path = *latest;
         } else {
-            create(series, path);
+            if (!create(series, path))
+                return FAILED;
             *created = true;
         }
     }
@@ -935,7 +1009,7 @@ void Model::recycle(Series *series) {
     struct Aged {
         int64_t created;
         int64_t date; // in the name
-        int64_t counter;
+        uint64_t counter;
         std::string path;
     };
     std::vector<Aged> files;
@@ -956,7 +1030,7 @@ void Model::recycle(Series *series) {
             if (strtoull(parts[1].c_str(), nullptr, 10) != series->originator)
                 continue;
             Date date;
-            int64_t counter = 0;
+            uint64_t counter = 0;
             dateAndCounter(name, &date, &counter);
             const Header header = headerOf(node);
             files.push_back({header.good ? header.created : 0, dayNumber(date), counter, path});

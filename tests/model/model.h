@@ -41,13 +41,15 @@ struct Clock {
 using Keys = std::vector<std::pair<std::string, std::string>>;
 
 struct Configuration {
+    bool registered = true;               // the product is in the main file
     std::map<std::string, Keys> sections; // "Default", "7", "LOGSET.backup"
     int64_t changed = 0;                  // seconds; the modification time of the file
 };
 
 // What sections come to.
 struct Settings {
-    std::string directory; // with "/" at its end; empty: none
+    std::string directory;   // with "/" at its end; empty: none
+    bool isRelative = false; // its first part is not made
     uint32_t debugLevel = 0;
     uint32_t diagLevel = 0;
     uint32_t reloadInterval = 0;
@@ -71,6 +73,10 @@ struct World {
     Clock clock;
     std::string hostName;
     uint64_t hostId = 0;
+    bool deviceEnds = false; // then so many bytes can still be written
+    uint64_t room = 0;
+    bool deviceIsFull = true;   // the reason that is told then: full, or another
+    bool deviceWasFull = false; // once in this process
     Encoding encoding = Encoding::Utf8;
     uint64_t process = 0;
     uint64_t thread = 0;
@@ -96,7 +102,7 @@ struct Series {
     NodePtr file;        // null: closed
     uint64_t version = 0;
     Date date;
-    int64_t counter = 0;
+    uint64_t counter = 0;
     int64_t nextRollover = 0; // seconds
     int64_t start = 0;        // seconds
     int64_t lastReopenMs = 0;
@@ -112,7 +118,7 @@ struct Series {
     bool torn = false;          // ends inside a line
     bool contextsNoted = false; // where the contexts were written last
     Date contextsDate;
-    int64_t contextsCounter = 0;
+    uint64_t contextsCounter = 0;
     int64_t contextsStart = 0;
 };
 using SeriesPtr = std::shared_ptr<Series>;
@@ -182,6 +188,8 @@ enum class Mutation {
     TornLineStays,
     CounterRestartsWithTheYear,
     RefusedRecordKeepsItsNumber,
+    HostIsAskedAtEachRollover,
+    FullDeviceIsForgotten,
     End
 };
 
@@ -198,6 +206,10 @@ struct Model {
     int64_t wallAheadMs = 0;
     int64_t clockChangedMs = 0;
     uint64_t recordsWritten = 0;
+    uint64_t hostId = 0; // as far as known; 0 when not
+    std::string hostName;
+    int64_t hostKnownAtMs = 0;
+    bool hostOutOfDate = false;
 
     // Operations; each yields the result code.
     uint32_t open(size_t slot, uint64_t product, uint64_t originator, uint64_t fileOriginator);
@@ -209,6 +221,7 @@ struct Model {
 
     // The parts of a message call.
     void reload(Handle *handle);
+    void refreshHost();
     std::optional<Message> begin(Handle *handle, unsigned type); // none: 3
     uint32_t dispatch(Handle *handle, Message *message);
     uint32_t write(Series *series, const Message &message, bool mayRollOver);
@@ -217,7 +230,7 @@ struct Model {
     uint64_t recordLength(const Handle *handle, const Message &message) const;
 
     // Names of the series' files, for those who plant some.
-    std::string pathOfCounter(const Series &series, const Date &date, int64_t counter) const;
+    std::string pathOfCounter(const Series &series, const Date &date, uint64_t counter) const;
     std::string pathOfSecond(const Series &series, int64_t second) const;
     std::optional<Settings> originatorSettings(uint64_t product, uint64_t originator) const;
     std::optional<Settings> logsetSettings(uint64_t product, const std::string &set) const;
@@ -230,7 +243,7 @@ struct Model {
     uint32_t openLatest(Series *series);
     uint32_t openNext(Series *series, bool *created);
     uint32_t resume(Series *series, const std::string &path, int64_t logsetStart);
-    void create(Series *series, const std::string &path);
+    bool create(Series *series, const std::string &path);
     void closeFile(Series *series);
     void setNextRollover(Series *series);
     bool look(Series *series);
@@ -238,7 +251,7 @@ struct Model {
     bool isRolloverDue(Series *series, uint64_t length);
     void rollOver(Series *series);
     void reopenIfOld(Series *series, int64_t timestampMs);
-    void waitForNextSecond(const Series *series);
+    bool waitForNextSecond(const Series *series, int64_t *deadlineMs);
     void recycle(Series *series);
     bool mayRemove(const Series *series, const NodePtr &node);
     int64_t compareClocks();
@@ -247,7 +260,10 @@ struct Model {
     uint32_t append(Series *series, const std::string &record);
     uint32_t leave(Handle *handle);
     std::optional<std::string> findLatest(const Series *series, bool upToToday) const;
-    bool makeDirectories(const std::string &directory);
+    bool makeDirectories(const Settings &settings);
+    void lookUpHost();
+    bool prepare(const Series *series);
+    uint64_t take(uint64_t bytes);
     std::string field(const std::string &text, bool utf8) const;
     std::string blockText(const Block &block) const;
 };

@@ -112,9 +112,11 @@ bool takesReadyText(Call call) {
 }
 
 uint32_t raw(Model *model, Handle *handle, const MessageCall &call) {
-    std::optional<Message> begun = model->begin(handle, call.type);
+    const std::optional<Message> begun = model->begin(handle, call.type);
     if (!begun)
         return 3;
+    if (call.call == Call::RawMessage && call.type != 5)
+        model->refreshHost();
     Message message = *begun;
     message.timestampMs += call.shiftMs;
     message.text = call.text;
@@ -175,6 +177,7 @@ uint32_t sendTo(Model *model, Handle *handle, const MessageCall &call) {
     if (limit < call.grade || itself)
         return 0;
     const unsigned types[] = {2, 1, 4, 5, 0};
+    model->refreshHost();
     const std::optional<Message> begun = model->begin(handle, types[static_cast<size_t>(family)]);
     if (!begun)
         return 3;
@@ -250,6 +253,12 @@ Step fitted(const Model &model, const Step &step) {
 
 // ---- steps of the model ----------------------------------------------------------------------
 
+uint64_t hostIdOf(const std::string &address) {
+    unsigned parts[4] = {};
+    sscanf(address.c_str(), "%u.%u.%u.%u", &parts[0], &parts[1], &parts[2], &parts[3]);
+    return parts[0] | parts[1] << 8 | parts[2] << 16 | parts[3] << 24;
+}
+
 bool isPossible(const Model &model, const Step &step) {
     const Handle &handle = model.handles[step.slot];
     const bool isOpen = handle.series != nullptr;
@@ -267,6 +276,8 @@ bool isPossible(const Model &model, const Step &step) {
     case Op::TimePasses:
     case Op::ClockIsSet:
     case Op::Configure:
+    case Op::Host:
+    case Op::Device:
     case Op::Files:
         return true;
     default:
@@ -333,6 +344,15 @@ Outcome apply(Model *model, const Step &step) {
     case Op::Configure:
         model->world.configuration = step.configuration;
         model->world.configuration.changed = model->seconds();
+        return {};
+    case Op::Host:
+        model->world.hostName = step.hostName;
+        model->world.hostId = hostIdOf(step.hostAddress);
+        return {};
+    case Op::Device:
+        model->world.deviceEnds = step.which != 0;
+        model->world.room = step.value;
+        model->world.deviceIsFull = step.which == 1;
         return {};
     case Op::Files:
         break;
@@ -431,7 +451,12 @@ FileAction resolve(const Model &model, const Step &step) {
             localtime_r(&now, &local);
             const Date today = {local.tm_year - 100, local.tm_mon + 1, local.tm_mday};
             const bool same = today.day == series->date.day && today.month == series->date.month;
-            path = model.pathOfCounter(*series, today, (same ? series->counter : -1) + ahead);
+            const uint64_t far[] = {9999999998,     9999999999, 10000000000,
+                                    99999999999999, INT64_MAX,  UINT64_MAX};
+            uint64_t counter = (same ? series->counter : UINT64_MAX) + static_cast<uint64_t>(ahead);
+            if (step.fileOp == FileOp::PlantFuture && step.value % 11 == 0)
+                counter = far[step.value / 11 % 6];
+            path = model.pathOfCounter(*series, today, counter);
         }
         if (world.files.count(path) != 0)
             break;
@@ -464,6 +489,14 @@ FileAction resolve(const Model &model, const Step &step) {
         if (series != nullptr && world.directories.count(series->settings.directory) != 0)
             action = {FileAction::REMOVE_TREE, series->settings.directory, "", "", 0};
         break;
+    case FileOp::BlockDirectory: {
+        const bool known = series != nullptr && !series->settings.directory.empty();
+        const std::string directory = known ? series->settings.directory : "log/";
+        const std::string name = directory.substr(0, directory.find('/'));
+        if (world.files.count(name) == 0)
+            action = {FileAction::BLOCK, name, "", "in the way", 0};
+        break;
+    }
     case FileOp::End:
         break;
     }
@@ -475,6 +508,19 @@ void apply(Model *model, const FileAction &action) {
     const auto remove = [&](const std::string &path) {
         world.files.at(path)->named = false;
         world.files.erase(path);
+    };
+    const auto removeTree = [&](const std::string &directory) {
+        const auto lies = [&](const std::string &path) {
+            return path.compare(0, directory.size(), directory) == 0;
+        };
+        std::vector<std::string> paths;
+        for (const auto &file : world.files)
+            if (lies(file.first))
+                paths.push_back(file.first);
+        for (const std::string &path : paths)
+            remove(path);
+        for (auto at = world.directories.begin(); at != world.directories.end();)
+            at = lies(*at) ? world.directories.erase(at) : std::next(at);
     };
     switch (action.kind) {
     case FileAction::NOTHING:
@@ -504,18 +550,14 @@ void apply(Model *model, const FileAction &action) {
         world.files[action.path]->kind =
             action.kind == FileAction::MAKE_LINK ? NodeKind::DanglingLink : NodeKind::Directory;
         break;
-    case FileAction::REMOVE_TREE: {
-        std::vector<std::string> paths;
-        for (const auto &file : world.files)
-            if (file.first.compare(0, action.path.size(), action.path) == 0)
-                paths.push_back(file.first);
-        for (const std::string &path : paths)
-            remove(path);
-        for (auto at = world.directories.begin(); at != world.directories.end();)
-            at = at->compare(0, action.path.size(), action.path) == 0 ? world.directories.erase(at)
-                                                                      : std::next(at);
+    case FileAction::REMOVE_TREE:
+        removeTree(action.path);
         return;
-    }
+    case FileAction::BLOCK:
+        removeTree(action.path + "/");
+        world.files[action.path] = std::make_shared<Node>();
+        world.files[action.path]->bytes = action.bytes;
+        break;
     }
     world.files.at(action.path)->modifiedMs = world.clock.wallMs;
 }
@@ -545,9 +587,9 @@ const char *const CALLS[] = {
     "DiagMsg2V",  "DiagMsg2L",      "AuditMsg",          "AuditMsg2",       "AuditMsg2V",
     "AuditMsg2L", "SecureAuditMsg", "SecureAuditMsgV",   "SecureAuditMsgL", "DebugMsg",
     "DebugMsg2",  "DebugMsg2V",     "FormattedDebugMsg", "raw message",     "raw write"};
-const char *const FILE_OPS[] = {"remove",      "truncate",        "append",
-                                "replace",     "rename",          "plant at next",
-                                "plant ahead", "plant elsewhere", "remove directory"};
+const char *const FILE_OPS[] = {"remove",           "truncate",       "append",      "replace",
+                                "rename",           "plant at next",  "plant ahead", "plant elsewhere",
+                                "remove directory", "block directory"};
 
 std::string show(const MessageCall &call) {
     std::string shown =
@@ -570,7 +612,7 @@ std::string show(const MessageCall &call) {
 } // namespace
 
 std::string show(const Configuration &configuration) {
-    std::string shown;
+    std::string shown = configuration.registered ? "" : "# not registered\n";
     for (const auto &[name, keys] : configuration.sections)
         for (const auto &[key, value] : keys)
             shown += name + "." + key + "=" + value + "\n";
@@ -611,6 +653,12 @@ std::string show(const Step &step) {
         return std::to_string(step.ms) + " ms pass";
     case Op::ClockIsSet:
         return "clock set by " + std::to_string(step.ms) + " ms";
+    case Op::Host:
+        return "host " + step.hostName + " " + step.hostAddress;
+    case Op::Device:
+        return step.which == 0 ? "device has room"
+                               : "device takes " + std::to_string(step.value) + " bytes, then is " +
+                                     (step.which == 1 ? "full" : "broken");
     case Op::Configure:
         return "configure\n" + show(step.configuration);
     case Op::Files:
@@ -664,6 +712,9 @@ class Maker {
         return oneOf(WHO);
     }
 
+    std::string host() { return oneIn(10) ? std::string(100, 'h') : oneIn(3) ? "hostB" : "hostA"; }
+    std::string address() { return oneIn(4) ? "10.0.0.200" : "10.0.0.5"; }
+
     Keys series(bool logset, bool isDefault) {
         Keys keys;
         const auto add = [&](const char *key, const std::string &value) { keys.emplace_back(key, value); };
@@ -706,6 +757,7 @@ class Maker {
 
     Configuration configuration() {
         Configuration made;
+        made.registered = !oneIn(40);
         for (const char *const section : {"Default", "7", "8", "LOGSET.Default", "LOGSET.backup"}) {
             const std::string name = section;
             const bool isDefault = name == "Default" || name == "LOGSET.Default";
@@ -747,16 +799,16 @@ class Maker {
         if (oneIn(8))
             call.fit = static_cast<int>(below(3)) - 1;
         if (oneIn(4)) {
-            call.count = static_cast<int>(2 + below(oneIn(4) ? 60 : 8));
+            call.count = static_cast<int>(2 + below(oneIn(3) ? 100 : 10));
             call.spread = oneIn(2);
         }
         return call;
     }
 
     Step step() {
-        static const int64_t PASSES[] = {1,      3,       50,      400,      1000,    1500,
-                                         2500,   5000,    61000,   92000,    300000,  599000,
-                                         601000, 3600000, 7200000, 43200000, 86400000};
+        static const int64_t PASSES[] = {
+            1,      3,      50,     400,     1000,    1500,     2500,     5000,        61000,      92000,
+            300000, 599000, 601000, 3600000, 7200000, 43200000, 86400000, 31536000000, 31622400000};
         static const int64_t JUMPS[] = {-1000, -2000, -60000, -3600000, 1000, 3000, 90000, 3600000, 86400000};
         Step made;
         made.slot = below(SLOTS);
@@ -800,16 +852,24 @@ class Maker {
         } else if (what < 42) {
             made.op = Op::TimePasses;
             made.ms = oneOf(PASSES);
-        } else if (what < 44) {
+        } else if (what < 43) {
             made.op = Op::ClockIsSet;
             made.ms = oneOf(JUMPS);
+        } else if (what < 44) {
+            made.op = oneIn(2) ? Op::Host : Op::Device;
+            made.hostName = host();
+            made.hostAddress = address();
+            made.which = static_cast<int>(below(4));
+            if (made.which == 3)
+                made.which = 1;
+            made.value = oneIn(3) ? below(40) : below(2000);
         } else if (what < 47) {
             made.op = Op::Configure;
             made.configuration = configuration();
         } else if (what < 56) {
             made.op = Op::Files;
             made.fileOp = static_cast<FileOp>(below(static_cast<uint64_t>(FileOp::End)));
-            if (made.fileOp == FileOp::RemoveDirectory && !oneIn(4))
+            if (made.fileOp >= FileOp::RemoveDirectory && !oneIn(4))
                 made.fileOp = FileOp::Remove;
             made.which = oneIn(8)   ? static_cast<int>(100 + below(2))
                          : oneIn(2) ? 0
@@ -846,9 +906,8 @@ Sequence makeSequence(uint64_t seed, size_t length) {
     static const char *const ZONES[] = {"UTC", "CET-1CEST,M3.5.0,M10.5.0/3", "EST5EDT,M3.2.0,M11.1.0",
                                         "<+0545>-5:45"};
     made.zone = maker.oneOf(ZONES);
-    made.hostName = maker.oneIn(10) ? std::string(100, 'h') : "hostA";
-    made.hostAddress = maker.oneIn(4) ? "10.0.0.200" : "10.0.0.5";
-    made.hostId = made.hostAddress == "10.0.0.200" ? 0xC800000AU : 0x0500000AU;
+    made.hostName = maker.host();
+    made.hostAddress = maker.address();
     made.encoding = maker.oneIn(3) ? Encoding::Latin1 : Encoding::Utf8;
     // Ordinary days, those on which the clock changes, ends of months and years.
     const int64_t starts[] = {secondsOf(2031, 1, 1, 0, 0) + static_cast<int64_t>(maker.below(365 * 86400)),
@@ -866,8 +925,23 @@ Sequence makeSequence(uint64_t seed, size_t length) {
         first.set = "backup";
         made.steps.push_back(first);
     }
+    size_t recovery = 0; // where the device has room again and the product is registered
     while (made.steps.size() < length) {
         Step step = maker.step();
+        const bool isBad = (step.op == Op::Device && step.which != 0) ||
+                           (step.op == Op::Configure && !step.configuration.registered);
+        if (isBad && recovery == 0)
+            recovery = made.steps.size() + 2 + maker.below(5);
+        if (recovery != 0 && made.steps.size() >= recovery) {
+            recovery = 0;
+            Step room;
+            room.op = Op::Device;
+            made.steps.push_back(room);
+            step = {};
+            step.op = Op::Configure;
+            step.configuration = maker.configuration();
+            step.configuration.registered = true;
+        }
         // Most steps are for the first handles, so that something comes of them.
         if (maker.oneIn(2))
             step.slot %= 3;

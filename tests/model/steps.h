@@ -23,6 +23,8 @@ enum class Op {
     TimePasses,
     ClockIsSet,
     Configure,
+    Host,   // gets another name or address
+    Device, // ends after so many bytes, or has room again
     Files
 };
 
@@ -91,6 +93,7 @@ enum class FileOp {
     PlantFuture, // a file of the series that is ahead
     PlantOther,  // a file of another series, or of none
     RemoveDirectory,
+    BlockDirectory, // by a file of its name
     End
 };
 
@@ -112,6 +115,8 @@ struct Step {
     FileOp fileOp = FileOp::Remove;
     uint64_t pick = 0; // of the files there are
     std::string bytes;
+    std::string hostName;
+    std::string hostAddress;
 };
 
 std::string show(const Step &step);
@@ -121,12 +126,14 @@ struct Sequence {
     std::string zone;
     std::string hostName;
     std::string hostAddress;
-    uint64_t hostId = 0;
     Encoding encoding = Encoding::Utf8;
     int64_t startMs = 0;
     Configuration configuration;
     std::vector<Step> steps;
 };
+
+// Of an IPv4 address
+uint64_t hostIdOf(const std::string &address);
 
 constexpr size_t SLOTS = 8;
 
@@ -146,7 +153,8 @@ struct FileAction {
         RENAME,
         MAKE_DIRECTORY,
         MAKE_LINK,
-        REMOVE_TREE
+        REMOVE_TREE,
+        BLOCK // a file in the place of a directory
     } kind = NOTHING;
     std::string path;
     std::string to;

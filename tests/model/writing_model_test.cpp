@@ -25,6 +25,7 @@ struct Counts {
     uint64_t files = 0; // compared
 };
 
+bool deviceWasFull;         // the process remembers it
 int64_t steadyMs = 1000000; // goes on from sequence to sequence: it is never set back
 
 // ---- clocks of both --------------------------------------------------------------------
@@ -64,7 +65,8 @@ void passOverEdges(Model *model) {
             if (series->file != nullptr && isEdge(clock.wallMs - series->file->modifiedMs, 2000))
                 pass = 125;
         }
-        if (isEdge(clock.steadyMs - model->clockChangedMs, 2000))
+        if (isEdge(clock.steadyMs - model->clockChangedMs, 2000) ||
+            isEdge(clock.steadyMs - model->hostKnownAtMs, 3600000))
             pass = 125;
         if (clock.wallMs % 1000 >= 600)
             pass = 1000 - clock.wallMs % 1000;
@@ -94,6 +96,7 @@ void followClock(Model *model) {
             follow(&handle.series->file->modifiedMs, before.wallMs, now.wallMs);
     }
     follow(&model->clockChangedMs, before.steadyMs, now.steadyMs);
+    follow(&model->hostKnownAtMs, before.steadyMs, now.steadyMs);
     model->world.clock = now;
 }
 
@@ -188,8 +191,8 @@ std::string once(Model *model, const Step &wanted, Counts *counts) {
 // Where the two differ, and how; "" when they do not.
 std::string run(const Sequence &sequence, Mutation mutation, Counts *counts) {
     const std::string home = std::filesystem::current_path().string() + "/";
-    for (const char *name : {"log", "other"})
-        std::filesystem::remove_all(name);
+    for (const auto &entry : std::filesystem::directory_iterator("."))
+        std::filesystem::remove_all(entry.path());
     Model model;
     model.mutation = mutation;
     model.handles.resize(SLOTS);
@@ -197,7 +200,8 @@ std::string run(const Sequence &sequence, Mutation mutation, Counts *counts) {
     steadyMs += 100000;
     world.clock = {sequence.startMs, steadyMs};
     world.hostName = sequence.hostName;
-    world.hostId = sequence.hostId;
+    world.hostId = hostIdOf(sequence.hostAddress);
+    world.deviceWasFull = deviceWasFull;
     world.encoding = sequence.encoding;
     world.process = library::process();
     world.thread = library::thread();
@@ -227,6 +231,7 @@ std::string run(const Sequence &sequence, Mutation mutation, Counts *counts) {
     }
     library::closeEverything();
     steadyMs = world.clock.steadyMs;
+    deviceWasFull = world.deviceWasFull;
     ++counts->sequences;
     return difference;
 }
