@@ -6,7 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 what=${1:-all}
-mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h')
+mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h' '*.hpp')
 if [ "$what" != tidy ]; then
     clang-format --dry-run --Werror "${sources[@]}"
     echo "clang-format: ${#sources[@]} files are formatted"

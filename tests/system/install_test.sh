@@ -16,7 +16,7 @@ libdir=$PWD/$(dirname "$(dirname "$pc")")
 for file in libqdul.so libqdul.so.3 libqdlis.so.3 libzoltLogFormatMsg.so.3 libqdul-syslog.so; do
     [ -e "$libdir/$file" ] || fail "$file is not installed"
 done
-for file in zoltlog.h zoltlog_results.h zoltlis.h qdlis.h zoltformat.h; do
+for file in zoltlog.h zoltlog_results.h zoltlis.h qdlis.h zoltformat.h qdul.hpp; do
     [ -e "prefix/include/$file" ] || fail "$file is not installed"
 done
 # Each tool has its manual page, where pages can be made.
