@@ -230,7 +230,7 @@ double processes(int count) {
         std::abort();
     for (int p = 0; p < count; ++p) {
         if (fork() == 0) {
-            LogHandle mine;
+            LogHandle mine = {};
             check(zoltLogOpen(PRODUCT, 12, &mine), "zoltLogOpen");
             char byte = 1;
             if (write(ready[1], &byte, 1) != 1 || read(go[0], &byte, 1) != 1)

@@ -217,7 +217,7 @@ void surplusOfAThousandSeries(benchmark::State &state) {
 
 // Each message fills a file: a new one is begun and one is removed.
 void rolloverWithRecycling(benchmark::State &state) {
-    LogHandle log;
+    LogHandle log = {};
     const uint32_t opened = zoltLogOpen(1, 7, &log);
     if (opened != 0)
         fail("zoltLogOpen", opened);

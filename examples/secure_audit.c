@@ -43,6 +43,8 @@ int main(int argc, char **argv) {
         result = zoltLogSecureOpen(product, originator, &cfg, &log);
     if (result != ZOLTLOG_OK) {
         fprintf(stderr, "secure_audit: the log cannot be opened: %s\n", qdulResultText(result));
+        zoltLogClose(&log); /* it is open without its system log, or zeros */
+        zoltLogFreeCfg(&cfg);
         return 3;
     }
     result = zoltLogSecureAuditMsg(&log, LEVEL, user, OUTCOME_SUCCESS, MSG_LOGGED_IN,
