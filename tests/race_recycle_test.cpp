@@ -197,13 +197,13 @@ void expectEachShownOnce(const std::string &setting) {
 
 enum class Beside { PROCESS, LogsetProcess, LogsetHandle };
 
-// In one process a log set's rollover, which waits for the next second, holds up the other
-// handle. This busy sender takes about a second to fill a file, so that there is little to
-// wait for, and the quiet one has its turns.
-constexpr int64_t PAUSE_BESIDE_A_HANDLE_US = 1500;
+// Whoever finds a file of a log set full within the second of its name waits for the next
+// second, and with it the other handles of its process. This busy sender takes about a second
+// to fill a file, so that there is little to wait for and the quiet one has its turns.
+constexpr int64_t PAUSE_ON_A_LOG_SET_US = 1500;
 
 // Of the messages that the quiet sender's pause leaves room for, these are sent on any machine.
-constexpr int64_t QUIET_SHARE = 20;
+constexpr int64_t QUIET_SHARE = 50;
 
 // A busy and a quiet sender at the same time, with recycling.
 void runBeside(Beside beside, unsigned keep, int64_t pauseUs, int64_t seconds) {
@@ -238,7 +238,7 @@ void runBeside(Beside beside, unsigned keep, int64_t pauseUs, int64_t seconds) {
     }
     LogHandle log;
     EXPECT_RESULT(ZOLTLOG_OK, openHandle(logset, &log));
-    sendUntil(&log, "busy", end, beside == Beside::LogsetHandle ? PAUSE_BESIDE_A_HANDLE_US : 0, &busy);
+    sendUntil(&log, "busy", end, logset ? PAUSE_ON_A_LOG_SET_US : 0, &busy);
     busyIsDone = true;
     if (other.joinable())
         other.join();
