@@ -150,10 +150,36 @@ char *scratchRoom(Builder *builder, size_t least, size_t *room) {
     return itemsOf(storage) + at;
 }
 
-void addNarrow(Builder *builder, ItemType type, const char *bytes, size_t count) {
+namespace {
+
+// A text that is to be added may lie in the very block, which moves when it grows.
+struct Source {
+    Source(const Builder *builder, const void *text) : bytes(static_cast<const char *>(text)) {
+        const Storage *storage = builder->storage;
+        if (storage == nullptr)
+            return;
+        const uintptr_t items = reinterpret_cast<uintptr_t>(storage + 1);
+        const uintptr_t at = reinterpret_cast<uintptr_t>(text);
+        isInside = at >= items && at - items < storage->room;
+        offset = at - items;
+    }
+    const char *now(const Builder *builder) const {
+        return isInside ? itemsOf(builder->storage) + offset : bytes;
+    }
+
+    const char *bytes;
+    size_t offset = 0;
+    bool isInside = false;
+};
+
+} // namespace
+
+void addNarrow(Builder *builder, ItemType type, const char *text, size_t count) {
+    const Source source(builder, text);
     char *payload = static_cast<char *>(addItem(builder, type, count + 1));
     if (payload == nullptr)
         return;
+    const char *bytes = source.now(builder);
     if (payload != bytes)
         memcpy(payload, bytes, count);
     payload[count] = '\0';
@@ -161,9 +187,10 @@ void addNarrow(Builder *builder, ItemType type, const char *bytes, size_t count)
 
 void addWide(Builder *builder, const wchar_t *text) {
     const size_t size = (wcslen(text) + 1) * sizeof *text;
+    const Source source(builder, text);
     void *payload = addItem(builder, ZOLTLIS_ITEM_WIDE_STRING, size);
     if (payload != nullptr)
-        memcpy(payload, text, size);
+        memcpy(payload, source.now(builder), size);
 }
 
 void addReady(Builder *builder, const void *items, size_t size) {

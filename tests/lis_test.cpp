@@ -387,6 +387,33 @@ TEST(BuiltBlock, GrowsWithItsItems) {
     EXPECT_EQ(0, zoltLisFree(&block));
 }
 
+// The block moves when it grows, with the text that is to be added in it.
+TEST(BuiltBlock, TakesATextOfItsOwnAgain) {
+    ZoltLisBlock block = {};
+    ASSERT_EQ(0, qdlisBegin(&block, 0, 0));
+    const std::string narrow(100, 'n');
+    const std::wstring wide(50, L'w');
+    ASSERT_EQ(0, qdlisAddUtf8String(&block, narrow.c_str()));
+    ASSERT_EQ(0, qdlisAddWideString(&block, wide.c_str()));
+    std::string expected = "id=0 10:" + narrow + " 5:" + std::string(50, 'w');
+    const std::string more = expected.substr(4);
+    for (int round = 0; round < 8; ++round) {
+        ZoltLisIterator item;
+        const char *first = nullptr;
+        const wchar_t *second = nullptr;
+        ASSERT_EQ(0, zoltLisGetArgsBegin(&block, &item));
+        ASSERT_EQ(0, zoltLisGetArg_utf8string(&item, &first));
+        ASSERT_EQ(0, qdlisAddUtf8String(&block, first));
+        ASSERT_EQ(0, zoltLisGetArgsBegin(&block, &item));
+        ASSERT_EQ(0, zoltLisGetNextArg(&item));
+        ASSERT_EQ(0, zoltLisGetArg_wstring(&item, &second));
+        ASSERT_EQ(0, qdlisAddWideString(&block, second));
+        expected += more;
+    }
+    EXPECT_EQ(expected, describe(&block));
+    EXPECT_EQ(0, zoltLisFree(&block));
+}
+
 TEST(BuiltBlock, RefusesNullAndEmptyArguments) {
     ZoltLisBlock empty = {};
     EXPECT_EQ(ZOLTLIS_INVALID_ARGUMENT, qdlisBegin(nullptr, 0, 1));
