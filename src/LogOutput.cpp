@@ -8,6 +8,13 @@ bool goesToStandardError(uint32_t type) {
     return type == ZOLTLOG_MSG_DIAG || type == ZOLTLOG_MSG_APP;
 }
 
+// Flushed, so that the line is there when the message is, and a child of fork has no copy of
+// it to write again.
+void printLine(FILE *stream, const char *line) {
+    (void)fprintf(stream, "%s\n", line); // a console that takes nothing is no failure of the message
+    (void)fflush(stream);
+}
+
 } // namespace
 
 uint32_t LogOutputBasedOnFlags(LogHandle *handle, LogMsg *msg, uint32_t flags) {
@@ -47,9 +54,9 @@ uint32_t OutputToConsole(uint32_t flags, LogMsg *msg, LocalizerList *localizers)
         // LogOutput.APlugInWithoutEntryPrintsNull.
         const char *line = text != nullptr ? text : "(null)";
         if ((flags & ZOLTLOG_OUT_STDOUT) != 0 && msg->type != ZOLTLOG_MSG_AUDIT)
-            fprintf(stdout, "%s\n", line);
+            printLine(stdout, line);
         if ((flags & ZOLTLOG_OUT_STDERR) != 0 && goesToStandardError(msg->type))
-            fprintf(stderr, "%s\n", line);
+            printLine(stderr, line);
     }
     zoltLogFree(text);
     return result;

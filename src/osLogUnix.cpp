@@ -1,9 +1,11 @@
 #include "osLogUnix.h"
 
 #include "SharedLibrary.h"
+#include "owned.h"
 
 #include <cstdio>
 #include <cstring>
+#include <langinfo.h>
 #include <syslog.h>
 
 static_assert(sizeof OSLOG_DEFAULT_IDENT <= sizeof(OsLogSettings::ident));
@@ -60,18 +62,45 @@ int32_t osLogClose(OsLogSink *sink) {
 
 namespace {
 
+bool isUtf8(const LogMsg *msg) {
+    return msg->utf8 != 0 || strcmp(nl_langinfo(CODESET), "UTF-8") == 0;
+}
+
+// A field of the prefix as a new block, null without memory. It ends no line and drives no
+// terminal: a line feed becomes a carriage return, as in records, and every other control
+// character a question mark.
+LogOwned<char> safeField(const char *text, bool utf8) {
+    if (text == nullptr)
+        text = "(null)";
+    LogOwned<char> field(static_cast<char *>(malloc(strlen(text) + 1)));
+    if (field == nullptr)
+        return field;
+    char *out = field.get();
+    for (const auto *at = reinterpret_cast<const unsigned char *>(text); *at != '\0'; ++at) {
+        const bool isC1 = utf8 && *at == 0xc2 && at[1] >= 0x80 && at[1] <= 0x9f;
+        at += isC1 ? 1 : 0;
+        const bool isControl = isC1 || (*at < 0x20 && *at != '\r') || *at == 0x7f;
+        *out++ = *at == '\n' ? '\r' : isControl ? '?' : static_cast<char>(*at);
+    }
+    *out = '\0';
+    return field;
+}
+
 // The eight-field prefix and the text as one new block, null without memory.
 char *withSecureAuditPrefix(const LogHandle *handle, const LogMsg *msg, const char *text) {
+    const LogOwned<char> token = safeField(msg->contextToken, isUtf8(msg));
+    const LogOwned<char> who = safeField(msg->who, isUtf8(msg));
+    if (token == nullptr || who == nullptr)
+        return nullptr;
     const LogCfg *cfg = handle->cfgCopy;
     const unsigned long productId = cfg != nullptr ? cfg->productId : 0;
     const unsigned long originatorId = cfg != nullptr ? cfg->originatorId : 0;
     char *line = nullptr;
     size_t size = 0;
     for (;;) { // measured, then written
-        const int length = snprintf(
-            line, size, "%lu,%lu,%lu,%lu,%lu,%s,%s,%d %s", productId, originatorId, msg->messageId,
-            msg->processId, msg->threadId, msg->contextToken != nullptr ? msg->contextToken : "(null)",
-            msg->who != nullptr ? msg->who : "(null)", static_cast<int>(msg->outcome), text);
+        const int length = snprintf(line, size, "%lu,%lu,%lu,%lu,%lu,%s,%s,%d %s", productId, originatorId,
+                                    msg->messageId, msg->processId, msg->threadId, token.get(), who.get(),
+                                    static_cast<int>(msg->outcome), text);
         if (line != nullptr)
             return line;
         if (length < 0)

@@ -1,7 +1,10 @@
 #include "support/results.h"
 #include "support/sink_capture.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "plugins/test_formatter.h"
 #include "zoltlog.h"
@@ -275,6 +278,65 @@ TEST_F(LogOutput, EachCallAddsAReferenceToThePlugIn) {
         dlclose(library);
     }
     EXPECT_FALSE(loaded());
+}
+
+// ---- when a line is written ------------------------------------------------------------
+
+// What a pipe holds now.
+std::string held(int descriptor) {
+    char bytes[4096];
+    const ssize_t count = read(descriptor, bytes, sizeof bytes);
+    return {bytes, count > 0 ? static_cast<size_t>(count) : 0};
+}
+
+// A pipe in the place of a standard stream, which is buffered in blocks then.
+struct PipedStream {
+    PipedStream(FILE *theStream, int theDescriptor) : stream(theStream), descriptor(theDescriptor) {
+        std::fflush(stream);
+        saved = dup(descriptor);
+        EXPECT_EQ(0, pipe2(ends, O_NONBLOCK | O_CLOEXEC));
+        dup2(ends[1], descriptor);
+        std::setvbuf(stream, nullptr, _IOFBF, 4096);
+    }
+    ~PipedStream() {
+        std::fflush(stream);
+        dup2(saved, descriptor);
+        for (const int each : {saved, ends[0], ends[1]})
+            close(each);
+    }
+    PipedStream(const PipedStream &) = delete;
+    PipedStream &operator=(const PipedStream &) = delete;
+
+    FILE *stream;
+    int descriptor;
+    int saved;
+    int ends[2];
+};
+
+TEST_F(LogOutput, ALineIsWrittenWhenTheCallReturns) {
+    use("recording");
+    message(2);
+    PipedStream out1(stdout, 1);
+    PipedStream err1(stderr, 2);
+    EXPECT_EQ(0u, LogOutputBasedOnFlags(&handle, &msg, 3));
+    EXPECT_EQ("hello\n", held(out1.ends[0]));
+    EXPECT_EQ("hello\n", held(err1.ends[0]));
+}
+
+TEST_F(LogOutput, AChildOfForkWritesNoLineAgain) {
+    use("recording");
+    message(2);
+    PipedStream out1(stdout, 1);
+    PipedStream err1(stderr, 2);
+    EXPECT_EQ(0u, LogOutputBasedOnFlags(&handle, &msg, 3));
+    const pid_t child = fork();
+    if (child == 0) {
+        std::fflush(nullptr);
+        _exit(0);
+    }
+    ASSERT_EQ(child, waitpid(child, nullptr, 0));
+    EXPECT_EQ("hello\n", held(out1.ends[0]));
+    EXPECT_EQ("hello\n", held(err1.ends[0]));
 }
 
 } // namespace

@@ -217,6 +217,26 @@ TEST_F(SecureAudit, TheFlagIsReadFromTheHandleNotFromTheCall) {
     EXPECT_EQ("removed %s user %n", sinks::sent.at(0).text);
 }
 
+TEST_F(SecureAudit, ControlCharactersOfTokenAndSubjectMakeNoOtherLine) {
+    char oddToken[] = "T\n1\x1b[31m\t";
+    char oddSubject[] = "al\r\x7f\x01ice\n5,7,1";
+    msg.contextToken = oddToken;
+    msg.who = oddSubject;
+    EXPECT_EQ("5,7,12,4242,4243,T\r1?[31m?,al\r??ice\r5,7,1,1 removed %s user %n", write().text);
+}
+
+// As one character in UTF-8 only: elsewhere its second byte may be half of another character.
+TEST_F(SecureAudit, ControlCharactersOfTwoBytesAreReplacedInUtf8) {
+    char odd[] = "a\xc2\x9b\x62\xc2\x85\xc3\xa4"; // U+009B, U+0085, a letter
+    msg.who = odd;
+    msg.utf8 = 1;
+    EXPECT_EQ("5,7,12,4242,4243,T1,a?b?\xc3\xa4,1 removed %s user %n", write().text);
+    sinks::sent.clear();
+    msg.utf8 = 0;
+    ASSERT_TRUE(support::useLocale("de_DE.ISO-8859-1"));
+    EXPECT_EQ(std::string("5,7,12,4242,4243,T1,") + odd + ",1 removed %s user %n", write().text);
+}
+
 TEST_F(SecureAudit, AVeryLongTextIsSentWhole) {
     std::string longText(1000000, 'x');
     msg.text = longText.data();
