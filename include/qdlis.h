@@ -17,13 +17,14 @@
  * and how they look: "%1$08x" shows an integer of any length in hexadecimal.
  * A pattern that names an argument that is not there, or shows one as something
  * that it is not, counts as a missing message. Messages that were used stay in memory
- * until the process ends.
+ * until the process ends or the library is unloaded.
  *
  * A file is read once, whole, when its locale is first needed; one that is not there, cut
  * or damaged then is missing until the process ends, and its locale's parents serve. What
- * a file holds never makes a program crash. Install a new one beside the old and rename
- * it (genrb writes in place): whoever reads meanwhile has the whole old one or the whole
- * new one.
+ * a file holds never makes a program crash. Only regular files are opened, also through
+ * symbolic links. "qdliscat install" puts a new one beside the old, checked, and renames it
+ * (genrb writes in place): whoever reads meanwhile has the whole old one or the whole new
+ * one.
  *
  * Results are those of zoltlis.h, ZOLTLIS_...:
  *     _NO_MORE           there is no item, or no further one

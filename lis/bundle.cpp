@@ -22,6 +22,8 @@
 
 #include "bundle.h"
 
+#include "regular_file.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -71,16 +73,13 @@ LisResult resultOfErrno() {
     return errno == EMFILE || errno == ENFILE || errno == ENOMEM ? LIS_NOT_NOW : ZOLTLIS_NO_MORE;
 }
 
-// A descriptor above 2 on a regular file. Nothing else is opened at all.
+// A descriptor above 2 on a regular file.
 LisResult openFile(const char *path, int *descriptor) {
-    struct stat status;
-    if (stat(path, &status) != 0 || !S_ISREG(status.st_mode))
-        return ZOLTLIS_NO_MORE;
-    int opened = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    int opened = openRegular(AT_FDCWD, path, O_RDONLY);
     if (opened >= 0 && opened <= STDERR_FILENO) {
         const int low = opened;
         opened = fcntl(low, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-        close(low);
+        closeKeepingErrno(low);
     }
     *descriptor = opened;
     return opened >= 0 ? ZOLTLIS_OK : resultOfErrno();

@@ -161,6 +161,109 @@ class Qdliscat(unittest.TestCase):
         compile_messages("m", root='1 { "a\\u001b[31m\\u000ab" }')
         self.assertEqual(run("list", "m")[1], "1\ta\\e[31m\\nb\n")
 
+    # ---- install ---------------------------------------------------------------------------
+
+    def install(self, *arguments, **options):
+        return run("install", *arguments, **options)
+
+    def test_install_puts_sources_and_bundles_into_a_package(self):
+        compile_messages("out", root='1 { "root %1$s" }', fr='1 { "fr %1$s" }')
+        with open("de.txt", "w") as file:
+            file.write('de { 1 { "de %1$s" } }\n')
+        self.assertEqual(self.install("--to", "new/m", "out", "de.txt"),
+                         (0, "new/m: 3 locales installed, 3 messages in all\n", ""))
+        self.assertEqual(sorted(os.listdir("new/m")), ["de.res", "fr.res", "root.res"])
+        self.assertEqual(run("list", "--locale", "de", "new/m")[1], "1\tde %1$s\n")
+
+    def test_install_replaces_a_file_by_another_one(self):
+        compile_messages("m", root='1 { "old" }', de='1 { "alt" }')
+        os.chmod("m/root.res", 0o640)
+        with open("m/root.res", "rb") as old:
+            before = old.read()
+            compile_messages("new", root='1 { "new" }')
+            self.assertEqual(self.install("-q", "-o", "m", "new/root.res"), (0, "", ""))
+            old.seek(0)
+            self.assertEqual(old.read(), before)  # whoever has it open
+        self.assertEqual(os.stat("m/root.res").st_mode & 0o7777, 0o640)
+        self.assertEqual(run("show", "1", "m")[1], "root\t1\tnew\nde\t1\talt\n")
+        self.assertEqual(sorted(os.listdir("m")), ["de.res", "root.res"])
+
+    def test_install_changes_nothing_where_the_package_would_have_problems(self):
+        compile_messages("m", root='1 { "%1$s" }', de='1 { "%1$s" }')
+        compile_messages("new", root='1 { "%1$d" }')
+        status, out, err = self.install("--to", "m", "new/root.res")
+        self.assertEqual((status, out, err), (1, "m: de: 1: argument 1 is a text, in root an integer\n",
+                                              "qdliscat: nothing was installed\n"))
+        self.assertEqual(run("show", "1", "m")[1], "root\t1\t%1$s\nde\t1\t%1$s\n")
+        self.assertEqual(sorted(os.listdir("m")), ["de.res", "root.res"])
+        # Both at once fit.
+        compile_messages("new", root='1 { "%1$d" }', de='1 { "%1$d" }')
+        self.assertEqual(self.install("-q", "--to", "m", "new"), (0, "", ""))
+
+    def test_install_minds_what_is_not_translated_on_request(self):
+        compile_messages("new", root='1 { "a" } 2 { "b" }', de='1 { "c" }')
+        self.assertEqual(self.install("--complete", "--to", "m", "new")[:2], (1, "m: de: 2: not translated\n"))
+        self.assertFalse(os.path.exists("m"))
+        self.assertEqual(self.install("--to", "m", "new")[0], 0)
+
+    def test_install_takes_no_damaged_bundle(self):
+        compile_messages("new", root='1 { "a text" }')
+        with open("new/root.res", "rb") as file:
+            whole = file.read()
+        with open("new/root.res", "wb") as file:
+            file.write(whole[:-4])
+        status, out, _ = self.install("--to", "m", "new/root.res")
+        self.assertEqual(status, 1)
+        self.assertIn("cannot be read", out)
+        self.assertFalse(os.path.exists("m"))
+
+    def test_install_tells_what_it_cannot_do(self):
+        compile_messages("new", root='1 { "a" }')
+        with open("file", "w"):
+            pass
+        os.makedirs("m/root.res")
+        for arguments in (["--to", "m2", "nowhere.res"], ["--to", "m2", "file"], ["--to", "file", "new"],
+                          ["--to", "m2", "new", "new/root.res"], ["--to", "m", "new"]):
+            status, out, err = self.install(*arguments)
+            self.assertEqual((status, out), (3, ""), arguments)
+            self.assertNotEqual(err, "")
+        self.assertEqual(os.listdir("m"), ["root.res"])
+        self.assertFalse(os.path.exists("m2"))
+        self.assertEqual(self.install("new")[0], 2)
+
+    def test_a_reader_has_the_whole_old_bundle_or_the_whole_new_one(self):
+        for name, text in (("a", "first"), ("b", "second")):
+            compile_messages(name, root='1 { "%s" }' % (text * 2000))
+        self.assertEqual(self.install("-q", "--to", "m", "a")[0], 0)
+        with open("reading", "w"):
+            pass
+        reader = subprocess.Popen(["sh", "-c", f'while [ -e reading ]; do "{TOOL}" list m; done >out'])
+        for name in "ba" * 10:
+            self.assertEqual(self.install("-q", "--to", "m", name)[0], 0)
+        os.remove("reading")
+        self.assertEqual(reader.wait(), 0)
+        with open("out") as file:
+            seen = set(file.read().splitlines())
+        self.assertLessEqual(seen, {"1\t" + text * 2000 for text in ("first", "second")})
+        self.assertTrue(seen)
+
+    def test_every_cut_of_a_package_in_one_file_is_a_finding(self):
+        compile_messages("out/m", root='1 { "root %1$s" } 2 { "more" }', de='1 { "de %1$s" } 2 { "mehr" }')
+        with open("list.txt", "w") as file:
+            file.write("root.res\nde.res\n")
+        os.makedirs("tmp")
+        subprocess.run(["pkgdata", "-q", "-m", "common", "-p", "m", "-s", "out/m", "-d", ".", "-T", "tmp", "list.txt"],
+                       check=True, capture_output=True)
+        shutil.rmtree("out")
+        with open("m.dat", "rb") as file:
+            whole = file.read()
+        self.assertEqual(self.problems("m.dat"), [])
+        padding = len(whole) - len(whole.rstrip(b"\xaa"))  # behind the last bundle
+        for size in range(0, len(whole) - padding, 3):
+            with open("m.dat", "wb") as file:
+                file.write(whole[:size])
+            self.assertNotEqual(run("check", "m.dat")[0], 0, f"{size} of {len(whole)} bytes")
+
     def test_wrong_usage_is_two(self):
         for arguments in ([], ["check"], ["sing", SAMPLE], ["show", "abc", SAMPLE], ["show", "0", SAMPLE],
                           ["check", "--nothing", SAMPLE]):

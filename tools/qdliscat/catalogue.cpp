@@ -3,6 +3,7 @@
 
 #include "qdliscat/catalogue.h"
 
+#include "common/files.h"
 #include "lis/bundle.h"
 
 #include <algorithm>
@@ -11,8 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sys/wait.h>
 #include <unicode/ustring.h>
 #include <unistd.h>
@@ -33,6 +32,8 @@ std::string toUtf8(const UChar *text, int32_t length) {
     utf8.resize(U_SUCCESS(status) ? static_cast<size_t>(size) : 0);
     return utf8;
 }
+
+} // namespace
 
 Bundle readBundle(const std::string &package, const std::string &locale) {
     Bundle bundle{locale, "", {}};
@@ -56,6 +57,8 @@ Bundle readBundle(const std::string &package, const std::string &locale) {
     closeBundle(opened);
     return bundle;
 }
+
+namespace {
 
 // ---- the locales of a package -----------------------------------------------------------
 
@@ -83,9 +86,10 @@ uint32_t word(const std::string &bytes, size_t at) {
 // The bundles in a common data file: after its header (whose size is its first two
 // bytes) a count and for each item the offsets of its name and its data.
 std::vector<std::string> localesInFile(const std::string &path) {
-    std::ifstream file(path, std::ios::binary);
-    const std::string bytes{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::string bytes;
     std::vector<std::string> locales;
+    if (!tools::readWhole(path, LARGEST_BUNDLE, bytes))
+        return locales;
     const size_t start = word(bytes, 0) & 0xffff;
     const uint32_t count = word(bytes, start);
     for (uint32_t i = 0; i < count && start + 4 + size_t{i} * 8 < bytes.size(); ++i) {
@@ -100,14 +104,25 @@ std::vector<std::string> localesInFile(const std::string &path) {
     return locales;
 }
 
-std::vector<std::string> localesIn(const std::string &package) {
+} // namespace
+
+std::vector<std::string> localesOfDirectory(const std::string &directory) {
     std::vector<std::string> locales;
     std::error_code error;
-    for (const auto &entry : fs::directory_iterator(package, error)) {
+    for (const auto &entry : fs::directory_iterator(directory, error)) {
         const std::string locale = localeOf(entry.path().string());
         if (!locale.empty())
             locales.push_back(locale);
     }
+    sortLocales(locales);
+    return locales;
+}
+
+namespace {
+
+std::vector<std::string> localesIn(const std::string &package) {
+    std::vector<std::string> locales = localesOfDirectory(package);
+    std::error_code error;
     if (fs::is_regular_file(package + ".dat", error)) {
         const std::vector<std::string> more = localesInFile(package + ".dat");
         locales.insert(locales.end(), more.begin(), more.end());
@@ -127,7 +142,9 @@ Catalogue readCatalogue(const std::string &title, const std::string &package,
 
 // ---- sources ---------------------------------------------------------------------------------
 
-// Runs genrb over sources; 0 when all compiled, 127 when there is no genrb.
+constexpr int NO_PROGRAM = 127;
+
+// Runs genrb over sources; 0 when all compiled, NO_PROGRAM when there is no genrb.
 int compile(const std::vector<std::string> &sources, const std::string &directory) {
     std::vector<std::string> words = {"genrb", "-q", "-e", "UTF-8", "-d", directory};
     words.insert(words.end(), sources.begin(), sources.end());
@@ -140,7 +157,7 @@ int compile(const std::vector<std::string> &sources, const std::string &director
     if (child == 0) {
         dup2(2, 1); // its complaints go where ours go
         execvp(arguments[0], arguments.data());
-        _exit(127);
+        _exit(NO_PROGRAM);
     }
     int waited = -1;
     while (child > 0 && waitpid(child, &waited, 0) < 0 && errno == EINTR) {
@@ -167,30 +184,39 @@ struct TemporaryDirectory {
     TemporaryDirectory &operator=(const TemporaryDirectory &) = delete;
 };
 
-void loadSources(const std::vector<std::string> &sources, LoadResult &result) {
-    const TemporaryDirectory directory;
+} // namespace
+
+Loaded compileSources(const std::vector<std::string> &sources, const std::string &directory,
+                      std::string &failure) {
     std::vector<std::string> absolute;
-    std::vector<std::string> locales;
-    for (const std::string &source : sources) {
+    absolute.reserve(sources.size());
+    for (const std::string &source : sources)
         absolute.push_back(fs::absolute(source).string());
-        locales.push_back(fs::path(source).stem().string());
-    }
-    const int status = directory.path.empty() ? 127 : compile(absolute, directory.path);
-    if (status == 127) {
-        result.state = Loaded::Unreadable;
-        result.failure =
-            "sources need the program genrb (Debian package icu-devtools) and a temporary directory";
-        return;
+    const int status = directory.empty() ? NO_PROGRAM : compile(absolute, directory);
+    if (status == NO_PROGRAM) {
+        failure = "sources need the program genrb (Debian package icu-devtools) and a temporary directory";
+        return Loaded::Unreadable;
     }
     // genrb ends well when only some of the sources compile
-    const bool all = std::all_of(locales.begin(), locales.end(), [&](const std::string &locale) {
-        return fs::exists(fs::path(directory.path) / (locale + ".res"));
+    const bool all = std::all_of(sources.begin(), sources.end(), [&](const std::string &source) {
+        return fs::exists(fs::path(directory) / (fs::path(source).stem().string() + ".res"));
     });
-    if (status != 0 || !all) {
-        result.state = Loaded::DoesNotCompile;
-        result.failure = "the sources do not compile";
+    if (status == 0 && all)
+        return Loaded::Ok;
+    failure = "the sources do not compile";
+    return Loaded::DoesNotCompile;
+}
+
+namespace {
+
+void loadSources(const std::vector<std::string> &sources, LoadResult &result) {
+    const TemporaryDirectory directory;
+    result.state = compileSources(sources, directory.path, result.failure);
+    if (result.state != Loaded::Ok)
         return;
-    }
+    std::vector<std::string> locales;
+    for (const std::string &source : sources)
+        locales.push_back(fs::path(source).stem().string());
     result.catalogues.push_back(readCatalogue("sources", directory.path, locales));
 }
 
@@ -245,6 +271,15 @@ const Entry *find(const Catalogue &catalogue, const std::string &locale, const s
         const size_t end = name.rfind('_');
         name = end == std::string::npos ? "root" : name.substr(0, end);
     }
+}
+
+size_t messageCount(const Catalogue &catalogue) {
+    size_t count = 0;
+    for (const Bundle &bundle : catalogue.bundles) {
+        const auto isMessage = [](const auto &entry) { return isNumber(entry.first); };
+        count += static_cast<size_t>(std::count_if(bundle.entries.begin(), bundle.entries.end(), isMessage));
+    }
+    return count;
 }
 
 bool isNumber(const std::string &key) {

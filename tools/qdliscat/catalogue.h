@@ -1,6 +1,7 @@
 // Reading message catalogues: compiled packages, single bundles and sources.
 #pragma once
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -37,6 +38,18 @@ struct LoadResult {
     std::vector<Catalogue> catalogues;
 };
 LoadResult load(const std::vector<std::string> &names);
+
+constexpr size_t LARGEST_BUNDLE = size_t{1} << 28; // as the localization library has it
+
+// The locales of the bundles in a directory, root first.
+std::vector<std::string> localesOfDirectory(const std::string &directory);
+// A bundle of a package as the localization library finds it.
+Bundle readBundle(const std::string &package, const std::string &locale);
+// Compiles sources into a directory: Ok, or why not.
+Loaded compileSources(const std::vector<std::string> &sources, const std::string &directory,
+                      std::string &failure);
+// The messages of all locales.
+size_t messageCount(const Catalogue &catalogue);
 
 // The text of a message in a locale, or in its parents up to root. Null when missing.
 const Entry *find(const Catalogue &catalogue, const std::string &locale, const std::string &key);

@@ -170,4 +170,13 @@ std::vector<Problem> check(const Catalogue &catalogue, bool complete) {
     return Checker(catalogue, complete).run();
 }
 
+void printProblem(tools::Output &out, const std::string &title, const Problem &problem) {
+    out.write(tools::escaped(title) + ": ");
+    if (!problem.locale.empty())
+        out.write(tools::escaped(problem.locale) + ": ");
+    if (!problem.key.empty())
+        out.write(tools::escaped(problem.key) + ": ");
+    out.write(tools::escaped(problem.text) + "\n");
+}
+
 } // namespace qdliscat

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "common/terminal.h"
 #include "qdliscat/catalogue.h"
 
 namespace qdliscat {
@@ -17,5 +18,8 @@ struct Problem {
 // What would make a message missing or wrong in some locale. complete: also
 // messages that a locale other than root lacks.
 std::vector<Problem> check(const Catalogue &catalogue, bool complete);
+
+// "messages: de: 1001: argument 2 is a text, in root an integer"
+void printProblem(tools::Output &out, const std::string &title, const Problem &problem);
 
 } // namespace qdliscat

@@ -1,4 +1,4 @@
-// qdliscat: checks and shows message catalogues.
+// qdliscat: checks, shows and installs message catalogues.
 #include <algorithm>
 #include <clocale>
 #include <cstdio>
@@ -13,6 +13,7 @@
 #include "common/options.h"
 #include "qdliscat/catalogue.h"
 #include "qdliscat/check.h"
+#include "qdliscat/install.h"
 
 namespace {
 
@@ -23,17 +24,8 @@ struct Options : tools::CommonOptions {
     std::string number;
     std::string locale = "root";
     bool translated = false;
+    std::string package;
 };
-
-// "messages: de: 1001: argument 2 is a text, in root an integer"
-void printProblem(tools::Output &out, const std::string &title, const Problem &problem) {
-    out.write(tools::escaped(title) + ": ");
-    if (!problem.locale.empty())
-        out.write(tools::escaped(problem.locale) + ": ");
-    if (!problem.key.empty())
-        out.write(tools::escaped(problem.key) + ": ");
-    out.write(tools::escaped(problem.text) + "\n");
-}
 
 int runCheck(const Options &options, const std::vector<Catalogue> &catalogues, tools::Output &out) {
     size_t found = 0;
@@ -42,16 +34,10 @@ int runCheck(const Options &options, const std::vector<Catalogue> &catalogues, t
         for (const Problem &problem : problems)
             printProblem(out, catalogue.title, problem);
         found += problems.size();
-        size_t messages = 0;
-        for (const Bundle &bundle : catalogue.bundles) {
-            const auto isMessage = [](const auto &entry) { return isNumber(entry.first); };
-            messages +=
-                static_cast<size_t>(std::count_if(bundle.entries.begin(), bundle.entries.end(), isMessage));
-        }
         if (!options.quiet)
             out.write(tools::escaped(catalogue.title) + ": " +
                       tools::counted(catalogue.bundles.size(), "locale") + ", " +
-                      tools::counted(messages, "message") + ", " +
+                      tools::counted(messageCount(catalogue), "message") + ", " +
                       tools::counted(problems.size(), "problem") + "\n");
     }
     return found == 0 ? tools::EXIT_OK : tools::EXIT_NOTHING;
@@ -110,9 +96,11 @@ enum Takes : unsigned {
     EVERY = tools::TAKES_EVERY,
     CHECK = tools::FIRST_OWN,
     LIST = CHECK << 1,
+    INSTALL = LIST << 1,
 };
 
 struct Command : tools::Command {
+    // Null for the one that makes a catalogue
     int (*run)(const Options &, const std::vector<Catalogue> &, tools::Output &);
 };
 
@@ -129,11 +117,19 @@ const Command COMMANDS[] = {
     {{"list", EVERY | LIST, 0, "CATALOGUE...", 1, ANY, "List the messages as a locale's users read them",
       "qdliscat list --locale de messages"},
      runList},
+    {{"install", EVERY | CHECK | INSTALL | tools::TAKES_QUIET, INSTALL, "BUNDLE|SOURCE...", 1, ANY,
+      "Check bundles and put them into a package, each at once",
+      "qdliscat install --to /usr/share/diskd/messages root.txt de.txt"},
+     nullptr},
 };
 
 const tools::Option OPTIONS[] = {
     {"--complete", CHECK, nullptr, "messages that are not translated are problems too",
      tools::set<&Options::translated>, "Checking"},
+    {"-o,--to", INSTALL, "PACKAGE",
+     "the directory that the bundles go to\n\n"
+     "It is made if it is missing.",
+     tools::set<&Options::package>, "Installing"},
     {"--locale", LIST, "LOCALE",
      "show it as the users of this locale read it: de,\nde_AT (default root)\n\n"
      "What the locale lacks comes from its parents, and at last from root.",
@@ -142,13 +138,22 @@ const tools::Option OPTIONS[] = {
 
 const tools::Tool TOOL = {
     "qdliscat",
-    "Checks and shows message catalogues: packages (a directory of .res bundles, or a\n"
-    ".dat file), bundles (.res) or sources (.txt, compiled with genrb for the check).\n",
+    "Checks, shows and installs message catalogues: packages (a directory of .res\n"
+    "bundles, or a .dat file), bundles (.res) or sources (.txt, compiled with genrb).\n",
     tools::rowsOf<tools::Option>(OPTIONS),
     tools::rowsOf<tools::Command>(COMMANDS),
     "Exit status: 0 all is right, 1 problems were found or the message is missing,\n"
-    "2 wrong usage, 3 a catalogue could not be read, 4 the output is incomplete.\n",
+    "2 wrong usage, 3 a catalogue could not be read or installed, 4 the output is\n"
+    "incomplete.\n",
 };
+
+int runOn(const Options &options, const Command &command, tools::Output &out) {
+    const LoadResult loaded = load(options.catalogues);
+    if (loaded.state == Loaded::Ok)
+        return command.run(options, loaded.catalogues, out);
+    std::fprintf(stderr, "qdliscat: %s\n", tools::escaped(loaded.failure).c_str());
+    return loaded.state == Loaded::DoesNotCompile ? tools::EXIT_NOTHING : tools::EXIT_UNREADABLE;
+}
 
 int run(int argc, char **argv) {
     Options options;
@@ -162,13 +167,11 @@ int run(int argc, char **argv) {
         if (!isNumber(options.number))
             return tools::usageError(TOOL, options, "'" + options.number + "' is no message number");
     }
-    const LoadResult loaded = load(options.catalogues);
-    if (loaded.state != Loaded::Ok) {
-        std::fprintf(stderr, "qdliscat: %s\n", tools::escaped(loaded.failure).c_str());
-        return loaded.state == Loaded::DoesNotCompile ? tools::EXIT_NOTHING : tools::EXIT_UNREADABLE;
-    }
     tools::Output out;
-    const int status = command.run(options, loaded.catalogues, out);
+    const int status =
+        command.run == nullptr
+            ? install({options.catalogues, options.package, options.translated, options.quiet}, out)
+            : runOn(options, command, out);
     if (out.flush())
         return status;
     std::fprintf(stderr, "qdliscat: the output could not be written: %s\n", std::strerror(out.error));
