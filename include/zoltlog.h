@@ -29,8 +29,11 @@
  *    operation that takes no lock says so: its arguments then belong to the
  *    calling thread. A handle must not be used while it is being opened or
  *    closed.
- * 5. Cancellation, signals, fork. Thread cancellation is off while the lock is
- *    held. No operation may be called from a signal handler. fork is safe while
+ * 5. Cancellation, signals, fork. A thread that is cancelled inside an operation
+ *    ends behind it: cancellation is off while the lock is held and while an
+ *    operation holds memory or descriptors. That is so for deferred cancellation,
+ *    the usual kind; a thread of PTHREAD_CANCEL_ASYNCHRONOUS must call no
+ *    operation. No operation may be called from a signal handler. fork is safe while
  *    other threads log: the child can log at once through the same handles, also
  *    from the host's fork handlers, in whatever order they run. A child of _Fork or
  *    clone waits for no thread of its parent either.
@@ -1817,9 +1820,10 @@ int32_t zoltLogOs_initfilehandle(OsFile *file);
  *
  * A file that the call creates has exactly the given permissions (octal 7777 at most),
  * whatever the process's umask, which is not touched; an existing one keeps its own.
- * Only a regular file or a character device is opened, never waiting for anything: a
- * FIFO, socket or directory is _OPEN_FAILED. For writing, so is a symbolic link as the
- * last component. The descriptor is above 2 and closes on exec.
+ * Only a regular file is opened, for writing also a character device, never waiting for
+ * anything: a FIFO, socket or directory is _OPEN_FAILED. For writing, so is a symbolic link
+ * as the last component. Nothing else is opened at all for reading, whatever others do to
+ * the name meanwhile. The descriptor is above 2 and closes on exec.
  */
 int32_t zoltLogOs_open(OsFile *file, const char *path, int32_t mode, uint32_t permissions);
 

@@ -9,10 +9,11 @@
 //      taken apart and fitted to the format's arguments, all under one mutex.
 //      What is missing is remembered too.
 //   3. a locale not seen before makes a new view.
-// Everything lives until the process ends. The mutex is held across fork, so that
+// Everything lives until the process ends or the library is unloaded. The mutex is held across fork, so that
 // a child never finds it, or a lock inside ICU, taken by a thread it does not have.
 
 #include "bundle.h"
+#include "keep_loaded.h"
 #include "lis.h"
 #include "utf8.h"
 
@@ -81,18 +82,34 @@ struct Catalogs {
 };
 Catalogs catalogs = {PTHREAD_MUTEX_INITIALIZER, {}, 0, 0, nullptr};
 
+int cancelStateBefore; // of the thread that holds the mutex, which must not end with it
+
 void unlockCatalogs() {
+    const int before = cancelStateBefore;
     pthread_mutex_unlock(&catalogs.mutex);
+    (void)pthread_setcancelstate(before, nullptr);
 }
 
 void lockCatalogs() {
+    int before = PTHREAD_CANCEL_ENABLE;
+    (void)pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before);
     pthread_mutex_lock(&catalogs.mutex);
+    cancelStateBefore = before;
 }
 
 // At load, thus before the libraries and programs that use this one: fork takes the
 // locks of those first, as their threads do when they look a message up with one held.
 [[gnu::constructor]] void surviveFork() {
     (void)pthread_atfork(lockCatalogs, unlockCatalogs, unlockCatalogs);
+}
+
+bool isEnding; // the process, not only this library's stay in it
+
+// When the process ends, the handlers of exit run before the libraries' own functions; when a
+// library is unloaded, its own functions run first.
+[[gnu::constructor]] void learnOfTheEnd() {
+    keepLibraryLoaded(reinterpret_cast<const void *>(u_strToUTF8WithSub));
+    isEnding = atexit([] { isEnding = true; }) != 0;
 }
 
 // ---- the list of catalogues ------------------------------------------------------------
@@ -502,6 +519,33 @@ LisResult findBuiltMessage(int64_t number, bool utf8, const char *key, const Arg
                            int count, const Shown **out) {
     return find({number, utf8, true, key, arguments, count}, out);
 }
+
+namespace {
+
+// Everything goes with the library. At the end of the process it stays: other threads, and
+// whatever runs at the end, may still look messages up.
+[[gnu::destructor]] void forgetCatalogs() {
+    if (isEnding)
+        return;
+    while (catalogs.views != nullptr) {
+        View *view = catalogs.views;
+        catalogs.views = view->next;
+        for (Shown *&slot : view->slots) {
+            while (slot != nullptr) {
+                Shown *shown = slot;
+                slot = shown->next;
+                freeShown(shown);
+            }
+        }
+        closeView(view);
+    }
+    for (size_t i = 0; i < catalogs.count; ++i)
+        free(catalogs.packages[i]);
+    catalogs.count = 0;
+    catalogs.version = 0;
+}
+
+} // namespace
 
 void releaseMessage(const Shown *shown) {
     if (shown->temporary)

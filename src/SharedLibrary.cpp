@@ -2,12 +2,77 @@
 
 #include "os.h"
 
+#include <climits>
+#include <cstdio>
+#include <cstring>
 #include <dlfcn.h>
+#include <link.h>
+#include <sys/stat.h>
 
 namespace {
 
 const char FORMATTER_LIBRARY[] = "libzoltLogFormatMsg";
 const char FORMATTER_ENTRY[] = "LogFormatMessage";
+
+// Whether the loader has the library already and opens nothing.
+bool isLoaded(const char *file) {
+    return dl_iterate_phdr(
+               [](dl_phdr_info *loaded, size_t, void *wanted) {
+                   const char *slash = strrchr(loaded->dlpi_name, '/');
+                   const char *name = slash != nullptr ? slash + 1 : loaded->dlpi_name;
+                   return strcmp(name, static_cast<const char *>(wanted)) == 0 ? 1 : 0;
+               },
+               const_cast<char *>(file)) != 0;
+}
+
+// What the loader would take for the library is no regular file.
+bool isOdd(const char *path, bool *isThere) {
+    struct stat status;
+    *isThere = stat(path, &status) == 0;
+    return *isThere && !S_ISREG(status.st_mode);
+}
+
+// The directories in which the loader looks for what this library loads; null when they
+// cannot be told.
+LogOwned<Dl_serinfo> searchPath() {
+    Dl_info self;
+    Dl_serinfo size;
+    if (dladdr(reinterpret_cast<void *>(SharedLibLoad), &self) == 0)
+        return nullptr;
+    void *const library = dlopen(self.dli_fname, RTLD_LAZY | RTLD_NOLOAD);
+    if (library == nullptr)
+        return nullptr;
+    LogOwned<Dl_serinfo> path;
+    if (dlinfo(library, RTLD_DI_SERINFOSIZE, &size) == 0) {
+        path.reset(static_cast<Dl_serinfo *>(malloc(size.dls_size)));
+        if (path != nullptr) {
+            *path = size;
+            if (dlinfo(library, RTLD_DI_SERINFO, path.get()) != 0)
+                path.reset();
+        }
+    }
+    (void)dlclose(library);
+    return path;
+}
+
+// Whether the loader would open something else than a file, and perhaps wait there.
+bool leadsToOddNode(const char *file) {
+    bool isThere = false;
+    if (strchr(file, '/') != nullptr)
+        return isOdd(file, &isThere);
+    const LogOwned<Dl_serinfo> path = searchPath();
+    for (unsigned i = 0; path != nullptr && i < path->dls_cnt; ++i) {
+        char candidate[PATH_MAX];
+        const int length =
+            snprintf(candidate, sizeof candidate, "%s/%s", path->dls_serpath[i].dls_name, file);
+        if (length < 0 || static_cast<size_t>(length) >= sizeof candidate)
+            continue;
+        const bool odd = isOdd(candidate, &isThere);
+        if (isThere)
+            return odd;
+    }
+    return false;
+}
 
 } // namespace
 
@@ -24,7 +89,7 @@ int32_t SharedLibLoad(void **library, const char *name, char **fileName) {
             *fileName = nullptr;
         return ZOLTLOG_OS_NOT_LOADED;
     }
-    *library = dlopen(file, RTLD_LAZY);
+    *library = isLoaded(file) || !leadsToOddNode(file) ? dlopen(file, RTLD_LAZY) : nullptr;
     if (fileName != nullptr && *library != nullptr) {
         *fileName = file;
     } else {

@@ -8,6 +8,7 @@
 #include "cmn_routines.h"
 
 #include "decimal.h"
+#include "keep_loaded.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -162,6 +163,10 @@ uint32_t TimeZoneToOffset(const char *text, int64_t *offset) {
 // ---- encodings ----------------------------------------------------------------------
 
 namespace {
+
+[[gnu::constructor]] void keepIcu() {
+    keepLibraryLoaded(reinterpret_cast<const void *>(ucnv_close));
+}
 
 // What a measuring call may say: it was given no room, or just enough without the end.
 bool measured(UErrorCode status) {

@@ -9,6 +9,7 @@
 // reduction; the two searches for surplus files; fetching.
 #include "config_mgr.h"
 
+#include "cancellation.h"
 #include "hash_table.h"
 #include "log_name.h"
 #include "owned.h"
@@ -213,6 +214,7 @@ bool findSurplus(Candidates *candidates, LogCfg **cfgs, uint32_t count, Numbers 
 // ---- the exported reduction --------------------------------------------------
 
 void GetManageableLogFiles(LogFileEntry **list, LogCfg **cfgs, uint32_t count) {
+    const CancellationOff off;
     if (list == nullptr)
         return;
     Candidates candidates;
@@ -359,6 +361,7 @@ struct AllCfgs {
 };
 
 uint32_t zoltLogGetManageableLogFiles(uint64_t productId, uint64_t originatorId, LogListing *listing) {
+    const CancellationOff off;
     if (listing == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     *listing = LogListing();
@@ -375,6 +378,7 @@ uint32_t zoltLogGetManageableLogFiles(uint64_t productId, uint64_t originatorId,
 }
 
 uint32_t zoltLogGetManageableLogFilesSL(uint64_t productId, const char *logsetName, LogListing *listing) {
+    const CancellationOff off;
     if (listing == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     *listing = LogListing();
@@ -429,6 +433,7 @@ uint32_t fetch(LogListing *listing, LogFileEntry *entry, int64_t *modificationTi
 } // namespace
 
 uint32_t zoltLogFetchNextFileEx(LogListing *listing, LogFileEntry **out) {
+    const CancellationOff off;
     if (listing == nullptr || out == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     int64_t modificationTime = 0;
@@ -447,6 +452,7 @@ uint32_t zoltLogFetchNextFileEx(LogListing *listing, LogFileEntry **out) {
 }
 
 uint32_t zoltLogFetchNextFile(LogListing *listing, char **path) {
+    const CancellationOff off;
     if (path == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     LogFileEntry *entry = nullptr;

@@ -1,6 +1,7 @@
 // Management of log files: copying, linking and deleting one.
 #include "config_mgr.h"
 
+#include "cancellation.h"
 #include "os.h"
 
 #include <cstdio>
@@ -59,6 +60,7 @@ uint32_t copyBytes(CopyEnds *ends, uint64_t remaining) {
 } // namespace
 
 uint32_t zoltLogCopyFile(const char *path, const char *directory) {
+    const CancellationOff off;
     if (path == nullptr || directory == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     const std::unique_ptr<CopyEnds, CopyEndsFree> ends(
@@ -86,6 +88,7 @@ uint32_t zoltLogCopyFile(const char *path, const char *directory) {
 }
 
 uint32_t zoltLogCopyFileEx(const char *path, const char *directory) {
+    const CancellationOff off;
     if (path == nullptr || directory == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     const char *last = strrchr(path, '/');
@@ -98,6 +101,7 @@ uint32_t zoltLogCopyFileEx(const char *path, const char *directory) {
 }
 
 uint32_t zoltLogDeleteFile(const char *path) {
+    const CancellationOff off;
     if (path == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     if (zoltLogOs_remove(path) != 0)

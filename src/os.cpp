@@ -11,6 +11,9 @@
 //   Listing          the log files of a directory
 #include "os.h"
 
+#include "cancellation.h"
+#include "regular_file.h"
+
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -48,13 +51,6 @@ static_assert(sizeof(struct dirent) <= ENTRY_RECORD_SIZE);
 
 // ---- descriptors --------------------------------------------------------------------
 
-// Closes without losing the errno that the caller is about to report.
-void closeKeepingErrno(int descriptor) {
-    const int error = errno;
-    close(descriptor);
-    errno = error;
-}
-
 int openRetrying(const char *path, int flags, mode_t permissions) {
     int descriptor;
     do
@@ -63,21 +59,22 @@ int openRetrying(const char *path, int flags, mode_t permissions) {
     return descriptor;
 }
 
+// Opens a regular file that is there, for reading or to go on with it.
+int openThere(const char *path, int32_t mode) {
+    if (mode == ZOLTLOG_OS_MODE_READ)
+        return openRegular(AT_FDCWD, path, O_RDONLY);
+    constexpr int AT_THE_END = O_APPEND | O_NOFOLLOW;
+    const int descriptor = openRegular(AT_FDCWD, path, O_RDWR | AT_THE_END);
+    return descriptor == -1 && errno == EACCES ? openRegular(AT_FDCWD, path, O_WRONLY | AT_THE_END)
+                                               : descriptor;
+}
+
 // Opens what is there or, if the mode says so, makes it. Creation is always exclusive,
 // so that *created is certain: only then may the permissions be set.
 int openOrCreate(const char *path, int32_t mode, uint32_t permissions, bool *created) {
     // Not blocking: a FIFO without a partner or a leased file must not hold up the host.
     constexpr int ALWAYS = O_CLOEXEC | O_NONBLOCK | O_NOCTTY;
     *created = false;
-    if (mode == ZOLTLOG_OS_MODE_READ)
-        return openRetrying(path, O_RDONLY | ALWAYS, 0);
-
-    if (mode == OS_MODE_RESUME) {
-        const int descriptor = openRetrying(path, O_RDWR | O_APPEND | O_NOFOLLOW | ALWAYS, 0);
-        return descriptor == -1 && errno == EACCES
-                   ? openRetrying(path, O_WRONLY | O_APPEND | O_NOFOLLOW | ALWAYS, 0)
-                   : descriptor;
-    }
     const int flags = O_WRONLY | O_NOFOLLOW | ALWAYS | (mode == ZOLTLOG_OS_MODE_TRUNCATE ? 0 : O_APPEND);
     for (int attempt = 0; attempt < OPEN_ATTEMPTS; ++attempt) {
         int descriptor = -1;
@@ -138,11 +135,14 @@ int aboveStdio(int descriptor) {
 }
 
 int32_t openDescriptor(const char *path, int32_t mode, uint32_t permissions, int *descriptor) {
+    const CancellationOff off;
     bool created = false;
-    *descriptor = aboveStdio(openOrCreate(path, mode, permissions, &created));
+    const bool isRead = mode == ZOLTLOG_OS_MODE_READ || mode == OS_MODE_RESUME;
+    *descriptor =
+        aboveStdio(isRead ? openThere(path, mode) : openOrCreate(path, mode, permissions, &created));
     if (*descriptor == -1)
         return openResultOfErrno(errno);
-    if (settleOpened(*descriptor, mode, permissions, created))
+    if (isRead || settleOpened(*descriptor, mode, permissions, created))
         return ZOLTLOG_OS_OK;
     closeKeepingErrno(*descriptor);
     *descriptor = -1;
@@ -282,6 +282,7 @@ bool makeLikeParent(char *path) {
 } // namespace
 
 int32_t zoltLogOs_mkdirp(const char *path, uint32_t mode) {
+    const CancellationOff off;
     (void)mode; // by design a new directory takes after its parent
     if (path == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
@@ -349,6 +350,7 @@ uint64_t idOfAddress(const addrinfo *entry) {
 } // namespace
 
 uint64_t osGetHostID(void) {
+    const CancellationOff off;
     char name[HOST_NAME_CAPACITY] = {};
     if (osGetHostName(name, sizeof name) != 0)
         return 0;
@@ -450,6 +452,7 @@ DIR *openDirectory(const char *path) {
 } // namespace
 
 int32_t zoltLogOsListLogFilesBegin(OsLogFileCursor *cursor, const char *directory) {
+    const CancellationOff off;
     if (cursor == nullptr || directory == nullptr)
         return ZOLTLOG_OS_INVALID_ARGUMENT;
     cursor->directory = nullptr;

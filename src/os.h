@@ -14,7 +14,8 @@ inline constexpr int32_t OS_MODE_NEW = 3;
 // For writing at the end of a file that exists, and for reading if that is allowed.
 inline constexpr int32_t OS_MODE_RESUME = 4;
 
-// Opens a regular file or character device and nothing else, without ever blocking.
+// Opens a regular file, or for writing (but not OS_MODE_RESUME) a character device, and
+// nothing else, without ever blocking.
 // A file that the call creates has exactly the given permissions, whatever the
 // process's umask; one that existed keeps its own. For writing, a symbolic link as
 // the last component is not followed. The descriptor is above 2 and close-on-exec.

@@ -8,6 +8,7 @@
 // and time texts.
 #include "read.h"
 
+#include "cancellation.h"
 #include "log_name.h"
 #include "os.h"
 #include "text_msg.h"
@@ -122,6 +123,7 @@ uint32_t readHeader(OsFile *file, LogFileHeader *header, int32_t *recordRead) {
 } // namespace
 
 uint32_t ReadHeaderEx(OsFile *file, LogFileHeader *header) {
+    const CancellationOff off;
     if (file == nullptr || header == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     memset(header, 0, sizeof *header);
@@ -130,6 +132,7 @@ uint32_t ReadHeaderEx(OsFile *file, LogFileHeader *header) {
 }
 
 uint32_t ReadHeader(LogFileEntry *entry, LogFileHeader *header) {
+    const CancellationOff off;
     if (entry == nullptr || header == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     int32_t recordRead = 0;
@@ -159,6 +162,7 @@ const uint32_t READ_PERMISSIONS = 0660;
 } // namespace
 
 int64_t zoltLogOsListLogFilesCreattime(OsLogFileCursor *cursor) {
+    const CancellationOff off;
     const LogOwned<char> path = currentPath(cursor);
     const LogOwned<OsFile> file(static_cast<OsFile *>(malloc(sizeof(OsFile)))); // too big for a small stack
     if (path == nullptr || file == nullptr)
@@ -172,6 +176,7 @@ int64_t zoltLogOsListLogFilesCreattime(OsLogFileCursor *cursor) {
 }
 
 LogFileEntry *alloc_file(OsLogFileCursor *cursor) {
+    const CancellationOff off;
     if (cursor == nullptr)
         return nullptr;
     const char *name = zoltLogOsListLogFilesName(cursor);
@@ -189,6 +194,7 @@ LogFileEntry *alloc_file(OsLogFileCursor *cursor) {
 }
 
 int32_t getHostnameFromFile(OsLogFileCursor *cursor, const char *directory, char *hostName) {
+    const CancellationOff off;
     if (cursor == nullptr || directory == nullptr || hostName == nullptr)
         return 0;
     const char *name = zoltLogOsListLogFilesName(cursor);

@@ -2,6 +2,7 @@
 // alone. The grammar of the names is in log_name.h.
 #include "read.h"
 
+#include "cancellation.h"
 #include <cerrno>
 #include <cstring>
 
@@ -175,6 +176,7 @@ LogFileEntry *findEntry(const char *directory, const LogName *series, int64_t *t
 
 int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t originatorId, uint64_t from,
                              uint64_t to, LogFileEntry **out) {
+    const CancellationOff off;
     (void)from; // neither bounds the search
     (void)to;
     if (out == nullptr)
@@ -192,6 +194,7 @@ int32_t zoltLogFindLatestLog(const char *directory, uint64_t productId, uint64_t
 
 int32_t zoltLogFindLatestLogSL(const char *directory, uint64_t productId, const char *logsetName,
                                uint64_t from, uint64_t to, LogFileEntry **out) {
+    const CancellationOff off;
     (void)from; // neither bounds the search
     (void)to;
     if (out == nullptr)

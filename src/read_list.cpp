@@ -18,11 +18,13 @@
 #include "read_list.h"
 
 #include "bounded.h"
+#include "cancellation.h"
 #include "hash_table.h"
 #include "os.h"
 #include "parse_string.h"
 #include "read.h"
 #include "read_query.h"
+#include "regular_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -83,6 +85,7 @@ struct ListedName {
     const char *name;
     uint32_t nextOfIds; // the next name of its originator series, or NOWHERE
     uint32_t nextOfSet; // the next name of its log set series, or NOWHERE
+    bool isRegular;     // as the directory told when it was read; false: it may be one
     bool listed;        // already in the catalogue
     bool timesKnown;    // modificationTime is filled in
     bool headerKnown;   // the header was looked for: what follows is filled in
@@ -213,7 +216,8 @@ void appendToSeries(ListedDirectory *directory, uint32_t series, uint32_t Listed
 
 // Keeps a name of the series asked for, once: a directory may yield a name twice while
 // others change it. False without memory.
-bool keepName(FileCatalogue *catalogue, ListedDirectory *directory, const char *name) {
+bool keepName(FileCatalogue *catalogue, ListedDirectory *directory, const struct dirent *entry) {
+    const char *name = entry->d_name;
     const uint32_t ofIds = originatorSeriesOf(directory, name);
     const uint32_t ofSet = logsetSeriesOf(directory, name);
     if (ofIds == NOWHERE && ofSet == NOWHERE)
@@ -229,6 +233,7 @@ bool keepName(FileCatalogue *catalogue, ListedDirectory *directory, const char *
     if (added == nullptr || !directory->nameTable.add(hash, at))
         return false;
     added->name = kept;
+    added->isRegular = entry->d_type == DT_REG;
     added->nextOfIds = NOWHERE;
     added->nextOfSet = NOWHERE;
     appendToSeries(directory, ofIds, &ListedName::nextOfIds, at);
@@ -242,7 +247,7 @@ void readNames(FileCatalogue *catalogue, ListedDirectory *directory) {
     OsLogFileCursor cursor = {};
     if (zoltLogOsListLogFilesBegin(&cursor, directory->path) == ZOLTLOG_OS_OK) {
         do {
-            directory->memoryRanOut = !keepName(catalogue, directory, zoltLogOsListLogFilesName(&cursor));
+            directory->memoryRanOut = !keepName(catalogue, directory, cursor.entry);
         } while (!directory->memoryRanOut && zoltLogOsListLogFilesNext(&cursor) == ZOLTLOG_OS_OK);
     } else {
         directory->cannotList = true;
@@ -280,6 +285,7 @@ struct Examination {
     FileCatalogue *catalogue;
     const char *directory;
     int directoryDescriptor; // -1 until the first file is examined
+    bool isOurs;             // nobody else can exchange the directory's files
     LogQueryNode *query;
     bool needHost;
     int64_t now;
@@ -298,9 +304,28 @@ int directoryDescriptor(Examination *examination) {
         return examination->directoryDescriptor;
     const int descriptor = open(examination->directory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     examination->directoryDescriptor = descriptor != -1 ? aboveStdio(descriptor) : -1;
+    struct stat status;
     if (examination->directoryDescriptor == -1)
         examination->catalogue->starved = true;
+    else if (fstat(examination->directoryDescriptor, &status) == 0)
+        examination->isOurs =
+            (status.st_uid == geteuid() || status.st_uid == 0) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
     return examination->directoryDescriptor;
+}
+
+// Opens the file unless it is no regular one. Where nobody else can have exchanged it, what
+// the directory told of it spares another look, which takes as long as the rest.
+int openListed(Examination *examination, const ListedName *name) {
+    const int directory = directoryDescriptor(examination);
+    return examination->isOurs && name->isRegular
+               ? openat(directory, name->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | O_NOFOLLOW)
+               : openRegular(directory, name->name, O_RDONLY);
+}
+
+// Whether an opening failed because there is no log file of that name, for sure; any other
+// may be the newest.
+bool isNoFile(int error) {
+    return error == ENOENT || error == ENXIO || error == EISDIR;
 }
 
 int64_t modificationTimeOf(const struct stat &status) {
@@ -344,19 +369,18 @@ void learnHeader(Examination *examination, ListedName *name) {
     name->hostName = "";
     OsFile *reader = examination->catalogue->reader;
     zoltLogOs_initfilehandle(reader);
-    const int descriptor =
-        openat(directoryDescriptor(examination), name->name, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+    const int descriptor = openListed(examination, name);
     if (descriptor == -1) {
         if (isStarvation(errno))
             examination->catalogue->starved = true;
-        name->uncertain = errno != ENOENT; // that one is gone, any other may be the newest
+        name->uncertain = !isNoFile(errno);
         return;
     }
     reader->descriptor = aboveStdio(descriptor);
     struct stat status;
     if (reader->descriptor == -1 || fstat(reader->descriptor, &status) != 0) {
         examination->catalogue->starved = true;
-    } else if (S_ISREG(status.st_mode) || S_ISCHR(status.st_mode)) {
+    } else if (S_ISREG(status.st_mode)) {
         name->opened = true;
         name->timesKnown = true;
         name->modificationTime = modificationTimeOf(status);
@@ -499,7 +523,7 @@ bool gatherLogFiles(FileCatalogue *catalogue, LogCfg **cfgs, uint32_t count, Log
             readNames(catalogue, directory);
         if (directory != nullptr && directory->cannotList)
             continue;
-        Examination examination = {catalogue, cfgs[i]->directory, -1, query, needHost, now};
+        Examination examination = {catalogue, cfgs[i]->directory, -1, false, query, needHost, now};
         if (directory == nullptr || directory->memoryRanOut ||
             !gatherFilesOf(&examination, directory, cfgs[i], withEntries))
             catalogue->marked = true;
@@ -515,6 +539,7 @@ bool gatherLogFiles(FileCatalogue *catalogue, LogCfg **cfgs, uint32_t count, Log
 enum ListingResult : int32_t { LISTED = 0, NOTHING_LISTED = 1, LISTING_FAILED = -1 };
 
 int32_t list_log_files(LogListing *listing, LogCfg **cfgs, uint32_t count) {
+    const CancellationOff off;
     if (listing == nullptr)
         return LISTING_FAILED;
     listing->files = nullptr;
@@ -549,6 +574,7 @@ uint32_t resultOfListing(int32_t listed) {
 } // namespace
 
 uint32_t GetLogFiles(LogCfg **cfgs, uint32_t count, LogListing *listing) {
+    const CancellationOff off;
     if (cfgs == nullptr || listing == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     const int32_t listed = list_log_files(listing, cfgs, count);

@@ -12,7 +12,8 @@
 inline int openRetrying(int directory, const char *path, int flags) {
     int descriptor;
     do
-        descriptor = openat(directory, path, flags | O_CLOEXEC);
+        descriptor = directory == AT_FDCWD ? open(path, flags | O_CLOEXEC)
+                                           : openat(directory, path, flags | O_CLOEXEC);
     while (descriptor == -1 && errno == EINTR);
     return descriptor;
 }

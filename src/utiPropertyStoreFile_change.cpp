@@ -4,6 +4,8 @@
 // Sections: the draft; its changes; one rewrite for all of them; set; remove; create.
 #include "utiPropertyStoreFile.h"
 
+#include "cancellation.h"
+
 #include "cmn_routines.h"
 
 #include <cerrno>
@@ -291,6 +293,7 @@ uint32_t changeOpen(PropertyStore *store, StoreChanges *changes) {
 } // namespace
 
 uint32_t storeChange(const char *path, StoreChanges *changes, StoreMissing missing, const char *tag) {
+    const CancellationOff off;
     if (hasLineFeed(changes->root))
         return ZOLTLOG_STORE_INVALID_ARGUMENT;
     for (size_t i = 0; i < changes->count; ++i) {

@@ -2,6 +2,8 @@
 // one lookup per key: the first line of a key wins, lines are cut at STORE_LINE_MAX.
 #include "utiPropertyStoreFile.h"
 
+#include "cancellation.h"
+
 #include "os.h"
 
 #include <cerrno>
@@ -49,6 +51,7 @@ uint32_t resultOfOpening() {
 } // namespace
 
 uint32_t storeReadSections(const char *path, StoreSection *sections, size_t count) {
+    const CancellationOff off;
     static const size_t SECTIONS_MAX = 4;
     if (path == nullptr || count > SECTIONS_MAX)
         return ZOLTLOG_STORE_INVALID_ARGUMENT;
@@ -160,6 +163,7 @@ bool chainRuns(StoreIndex *index) {
 } // namespace
 
 uint32_t storeIndexLoad(StoreIndex *index, const char *path) {
+    const CancellationOff off;
     storeIndexFree(index);
     if (path == nullptr)
         return ZOLTLOG_STORE_INVALID_ARGUMENT;

@@ -16,9 +16,12 @@
 // made again from what is there now.
 #include "utiPropertyStoreFile.h"
 
+#include "cancellation.h"
+
 #include "cmn_routines.h"
 #include "lockUnix.h"
 #include "os.h"
+#include "regular_file.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -420,6 +423,7 @@ uint32_t rewriteOnce(Rewrite *rewrite) {
 } // namespace
 
 uint32_t storeRewrite(const char *path, const StoreRewriting *how) {
+    const CancellationOff off;
     Rewrite rewrite = {};
     rewrite.path = path;
     rewrite.how = how;
@@ -450,12 +454,15 @@ uint32_t storeRewrite(const char *path, const StoreRewriting *how) {
 // ---- making files -------------------------------------------------------------------------------
 
 uint32_t storeMakeAnew(const char *path, const char *content) {
+    const CancellationOff off;
     Temporary temporary;
     uint32_t result = takeTemporary(path, monotonicMilliseconds() + WAIT_MS, &temporary);
     if (result != ZOLTLOG_STORE_OK)
         return result;
-    int descriptor =
-        open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, NEW_FILE_MODE);
+    int descriptor = openRegular(AT_FDCWD, path, O_WRONLY | O_TRUNC);
+    if (descriptor < 0 && errno == ENOENT)
+        descriptor =
+            open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, NEW_FILE_MODE);
     if (descriptor >= 0)
         descriptor = aboveStdio(descriptor);
     if (descriptor < 0) {
@@ -473,6 +480,7 @@ uint32_t storeMakeAnew(const char *path, const char *content) {
 }
 
 uint32_t utiCreateTmpPropertyStoreFile(const char *path, const char *root, PropertyStore *store) {
+    const CancellationOff off;
     if (path == nullptr || root == nullptr || store == nullptr)
         return ZOLTLOG_STORE_INVALID_ARGUMENT;
     char temporary[sizeof store->path];

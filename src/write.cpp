@@ -4,6 +4,7 @@
 // log (LogOutput, osLogUnix). The message entry points are in write_messages.cpp.
 #include "write.h"
 
+#include "cancellation.h"
 #include "cmn_routines.h"
 #include "formatmsg.h"
 #include "lockUnix.h"
@@ -57,6 +58,7 @@ uint32_t zoltLogOpen(uint64_t productId, uint64_t originatorId, LogHandle *handl
 
 uint32_t zoltLogOpen2(uint64_t productId, uint64_t originatorId, uint64_t fileOriginatorId,
                       LogHandle *handle) {
+    const CancellationOff off;
     if (isProdIdValid(productId) == 0 || isOrigIdValid(originatorId) == 0 ||
         isOrigIdValid(fileOriginatorId) == 0 || handle == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
@@ -75,6 +77,7 @@ uint32_t zoltLogOpen2(uint64_t productId, uint64_t originatorId, uint64_t fileOr
 
 uint32_t zoltLogOpenLogSet(uint64_t productId, uint64_t originatorId, const char *logsetName,
                            LogHandle *handle) {
+    const CancellationOff off;
     if (isProdIdValid(productId) == 0 || isOrigIdValid(originatorId) == 0 || isLogSetValid(logsetName) == 0 ||
         handle == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
@@ -90,6 +93,7 @@ uint32_t zoltLogOpenLogSet(uint64_t productId, uint64_t originatorId, const char
 }
 
 uint32_t zoltLogSecureOpen(uint64_t productId, uint64_t originatorId, LogCfg *cfg, LogHandle *handle) {
+    const CancellationOff off;
     if (isProdIdValid(productId) == 0 || isOrigIdValid(originatorId) == 0 || cfg == nullptr ||
         handle == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
@@ -112,6 +116,7 @@ uint32_t zoltLogSecureOpen(uint64_t productId, uint64_t originatorId, LogCfg *cf
 }
 
 uint32_t zoltLogClose(LogHandle *handle) {
+    const CancellationOff off;
     if (handle == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     if (handle->file != nullptr)

@@ -16,6 +16,7 @@
 // Everything here runs under the global lock, but for the look-up of the host's number.
 #include "write_file.h"
 
+#include "cancellation.h"
 #include "lockUnix.h"
 #include "os.h"
 #include "text_msg.h"
@@ -647,6 +648,7 @@ void configureHandle(LogHandle *handle, const LogCfg *cfg) {
 } // namespace
 
 uint32_t zoltLogOpenFile(LogHandle *handle, LogCfg *originatorCfg, LogCfg *fileCfg) {
+    const CancellationOff off;
     if (handle == nullptr || originatorCfg == nullptr || fileCfg == nullptr || handle->file == nullptr)
         return ZOLTLOG_INVALID_ARGUMENT;
     if (fileCfg->directory[0] == '\0')

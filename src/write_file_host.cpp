@@ -4,6 +4,7 @@
 // themselves go by what is known.
 #include "write_file.h"
 
+#include "cancellation.h"
 #include "os.h"
 
 #include <cstring>
@@ -60,6 +61,7 @@ bool readHostName(HostName *name) {
 }
 
 void lookUpHost(HostNumber *host) {
+    const CancellationOff off;
     *host = {};
     if (!readHostName(&host->name))
         return;

@@ -3,6 +3,7 @@
 #include "write_file.h"
 
 #include "os.h"
+#include "regular_file.h"
 
 #include <cerrno>
 #include <ctime>
@@ -70,23 +71,28 @@ bool mayRemove(const LogFileState *state, const char *path, int descriptor) {
     return (marks == Taken::YES || alone == Taken::NoLocks) && isIdle(descriptor);
 }
 
+// Another process that recycles may have been faster, which is nobody's failure to be told.
+void removeName(const char *path) {
+    if (zoltLogOs_remove(path) != 0 && errno != ENOENT)
+        zoltLogDeleteFile(path); // tells it
+}
+
 // Removes a surplus file unless it is another writer's: one that has a writer stays until
 // nothing was written to it for a while. What cannot be found out stays, too.
 void removeFile(const LogFileState *state, const char *path) {
-    constexpr int FLAGS = O_NONBLOCK | O_NOCTTY | O_NOFOLLOW | O_CLOEXEC;
     // Writing is for the marks, which need it.
-    int descriptor = open(path, O_RDWR | FLAGS);
+    int descriptor = openRegular(AT_FDCWD, path, O_RDWR | O_NOFOLLOW);
     if (descriptor == -1 && (errno == EACCES || errno == EPERM || errno == EROFS))
-        descriptor = open(path, O_RDONLY | FLAGS);
+        descriptor = openRegular(AT_FDCWD, path, O_RDONLY | O_NOFOLLOW);
     if (descriptor == -1 && errno == ELOOP) { // a link, which no writer writes to
-        zoltLogDeleteFile(path);
+        removeName(path);
         return;
     }
     descriptor = aboveStdio(descriptor);
     if (descriptor == -1)
         return;
     if (mayRemove(state, path, descriptor))
-        zoltLogDeleteFile(path);
+        removeName(path);
     close(descriptor);
 }
 

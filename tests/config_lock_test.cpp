@@ -61,6 +61,10 @@ const bool PREPARED = support::eachCase([] {
         note(tags);
         return libc::open.real(path, flags, mode);
     };
+    libc::openat.hook = [](int directory, const char *path, int flags, mode_t mode) {
+        note(tags);
+        return libc::openat.real(directory, path, flags, mode);
+    };
     libc::rename.hook = [](const char *from, const char *to) {
         note(renames);
         return libc::rename.real(from, to);

@@ -203,6 +203,27 @@ TEST_F(Recycling, AFileThatCannotBeRemovedIsLeftAndTheMessageIsWritten) {
     zoltLogClose(&log);
 }
 
+TEST_F(Recycling, WhatANeighbourRemovedMeanwhileIsNotTold) {
+    LogHandle log;
+    ASSERT_EQ(zoltLogOpen(5, 7, &log), 0u);
+    const std::string first = logs()[0];
+    ASSERT_EQ(rename(("logs/" + first).c_str(), "elsewhere"), 0);
+    ASSERT_EQ(symlink("../elsewhere", ("logs/" + first).c_str()), 0); // a link goes in another way
+    libc::remove.hook = [](const char *path) {
+        unlink(path);
+        return libc::remove.real(path);
+    };
+    const std::string told = support::captured(1, [&] {
+        for (int i = 1; i <= 6; ++i)
+            EXPECT_EQ(fill(&log, i), 0u);
+    });
+    EXPECT_EQ(told, "");
+    EXPECT_EQ(logs().size(), 3u);
+    EXPECT_EQ(std::count(logs().begin(), logs().end(), first), 0);
+    EXPECT_TRUE(support::exists("elsewhere"));
+    zoltLogClose(&log);
+}
+
 TEST_F(Recycling, OtherSeriesAndOtherFilesAreLeftAlone) {
     const Names others = {"5-8-1-200101-0000000000.log", "6-7-1-200101-0000000000.log",
                           "5-night-200101000000.log", "notes-1.log", "5-7.txt"};

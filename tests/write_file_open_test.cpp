@@ -67,7 +67,8 @@ int hookedOpen(const char *path, int flags, mode_t mode) {
         errno = EOPNOTSUPP;
         return -1;
     }
-    if (isLogFile(path) && (flags & O_APPEND) != 0)
+    constexpr int LOOK = O_PATH | O_NOFOLLOW; // before a file that is there is opened
+    if (isLogFile(path) && ((flags & O_APPEND) != 0 || (flags & LOOK) == LOOK))
         runOnce(&onNextAppend);
     return libc::open.real(path, flags, mode);
 }

@@ -1,5 +1,7 @@
 #include "common/record_file.h"
 
+#include "common/files.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -18,20 +20,15 @@ bool LineReader::open(const std::string &path) {
     base = 0;
     skipping = false;
     struct stat status {};
-    if (path != "-" && (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode))) {
-        error = status.st_mode == 0 ? errno : S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
-        return false;
-    }
-    descriptor = path == "-" ? fcntl(0, F_DUPFD_CLOEXEC, 3)
-                             : ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+    descriptor = path == "-" ? fcntl(0, F_DUPFD_CLOEXEC, 3) : openToRead(path);
     if (descriptor < 0 || fstat(descriptor, &status) != 0) {
         error = errno;
         close();
         return false;
     }
     seekable = S_ISREG(status.st_mode);
-    if (S_ISDIR(status.st_mode) || (!seekable && path != "-")) {
-        error = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    if (S_ISDIR(status.st_mode)) {
+        error = EISDIR;
         close();
         return false;
     }

@@ -1,5 +1,6 @@
 #include "qdlogmgr/copy.h"
 
+#include "common/files.h"
 #include "qdlogmgr/descriptor.h"
 
 #include <algorithm>
@@ -16,7 +17,6 @@ namespace {
 
 constexpr size_t COPY_BLOCK = 256UL * 1024;
 constexpr mode_t COPY_MODE = 0660; // as log files have
-constexpr int OPEN_TO_READ = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
 
 // The first byte at or behind a place that is in no hole; `end` when only a hole follows. A
 // file system that does not know has none.
@@ -72,13 +72,15 @@ bool copyBytes(int from, int to, uint64_t size) {
 } // namespace
 
 bool copyFile(const std::string &from, const std::string &to, bool replace, std::string &error) {
-    const Descriptor source(open(from.c_str(), OPEN_TO_READ));
+    const Descriptor source(tools::openToRead(from, O_NOFOLLOW));
     struct stat status {};
     if (source.number < 0 || fstat(source.number, &status) != 0) {
         error = std::strerror(errno);
         return false;
     }
-    const int how = O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | (replace ? O_TRUNC : O_EXCL);
+    constexpr int ALWAYS =
+        O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK; // a FIFO is not waited for
+    const int how = ALWAYS | (replace ? O_TRUNC : O_EXCL);
     const Descriptor copy(open(to.c_str(), how, COPY_MODE));
     if (copy.number < 0) {
         error = to + ": " + std::strerror(errno);
@@ -94,8 +96,8 @@ bool copyFile(const std::string &from, const std::string &to, bool replace, std:
 }
 
 bool isSame(const std::string &file, const std::string &copy, bool mayHaveGrown, std::string &error) {
-    const Descriptor a(open(file.c_str(), OPEN_TO_READ));
-    const Descriptor b(open(copy.c_str(), OPEN_TO_READ));
+    const Descriptor a(tools::openToRead(file, O_NOFOLLOW));
+    const Descriptor b(tools::openToRead(copy, O_NOFOLLOW));
     struct stat statusA {};
     struct stat statusB {};
     if (a.number < 0 || b.number < 0 || fstat(a.number, &statusA) != 0 || fstat(b.number, &statusB) != 0) {

@@ -8,10 +8,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/files.h"
+
 namespace qdlogview {
 
 namespace {
 
+constexpr size_t LARGEST_CURSOR = size_t{1} << 24;
 constexpr size_t KEPT_APART = 8; // newest files of a series that get an entry of their own
 
 std::string quoted(const std::string &path) {
@@ -84,22 +87,11 @@ bool Cursor::parse(const std::string &text, std::string &error) {
 }
 
 bool Cursor::load(const std::string &file, std::string &error) {
-    const int descriptor = open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (descriptor < 0) {
+    std::string text;
+    if (!tools::readWhole(file, LARGEST_CURSOR, text)) {
         if (errno == ENOENT)
             return true;
         error = file + ": " + std::strerror(errno);
-        return false;
-    }
-    std::string text;
-    char block[65536];
-    ssize_t got = 0;
-    while ((got = read(descriptor, block, sizeof block)) > 0)
-        text.append(block, static_cast<size_t>(got));
-    const int failure = errno;
-    close(descriptor);
-    if (got < 0) {
-        error = file + ": " + std::strerror(failure);
         return false;
     }
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
