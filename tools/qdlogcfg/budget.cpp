@@ -5,6 +5,8 @@
 #include <map>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <unordered_map>
+#include <utility>
 
 #include "commands.h"
 #include "common/exit_codes.h"
@@ -24,26 +26,42 @@ struct Series {
     uint64_t used;      // bytes of the files that are there
 };
 
-// The size of a series' files, which need no further space.
-uint64_t usedBytes(const std::string &directory, const std::string &namesBegin) {
-    uint64_t bytes = 0;
+// The log files of a directory by name, with their sizes.
+using FileSizes = std::vector<std::pair<std::string, uint64_t>>;
+
+FileSizes logFilesOf(const std::string &directory) {
+    FileSizes files;
     std::error_code error;
     for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
          entry.increment(error)) {
-        const std::string name = entry->path().filename().string();
         std::error_code gone;
-        if (name.rfind(namesBegin, 0) != 0 || entry->path().extension() != ".log" ||
-            !entry->is_regular_file(gone))
+        if (entry->path().extension() != ".log" || !entry->is_regular_file(gone))
             continue;
         const uint64_t size = entry->file_size(gone);
-        bytes += gone ? 0 : size;
+        files.emplace_back(entry->path().filename().string(), gone ? 0 : size);
     }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+// The size of a series' files, which need no further space. Each directory is looked at once.
+uint64_t usedBytes(std::unordered_map<std::string, FileSizes> &directories, const std::string &directory,
+                   const std::string &namesBegin) {
+    const auto [found, isNew] = directories.try_emplace(directory);
+    if (isNew)
+        found->second = logFilesOf(directory);
+    const FileSizes &files = found->second;
+    uint64_t bytes = 0;
+    for (auto file = std::lower_bound(files.begin(), files.end(), std::pair(namesBegin, uint64_t{0}));
+         file != files.end() && file->first.rfind(namesBegin, 0) == 0; ++file)
+        bytes += file->second;
     return bytes;
 }
 
 // A file is left before it reaches its limit, so the limit bounds it (but for a
 // single record larger than that).
-Series seriesOf(const Scope &scope, const LogCfg &cfg) {
+Series seriesOf(std::unordered_map<std::string, FileSizes> &directories, const Scope &scope,
+                const LogCfg &cfg) {
     Series series{
         "product " + std::to_string(scope.product.id) + ", " + scope.title(), cfg.directory, 0, 0, "", 0, 0};
     const bool bySize =
@@ -61,9 +79,10 @@ Series seriesOf(const Scope &scope, const LogCfg &cfg) {
         series.why = "too large to count";
     else
         series.bound = series.fileBytes * series.files;
-    series.used = usedBytes(
-        cfg.directory, std::to_string(scope.product.id) + "-" +
-                           (scope.isLogset ? cfg.logsetFilename : std::to_string(scope.originator)) + "-");
+    series.used =
+        usedBytes(directories, cfg.directory,
+                  std::to_string(scope.product.id) + "-" +
+                      (scope.isLogset ? cfg.logsetFilename : std::to_string(scope.originator)) + "-");
     return series;
 }
 
@@ -118,6 +137,7 @@ Budget collect(const Options &options) {
         products.push_back(findProduct(options.product));
     }
     Budget budget;
+    std::unordered_map<std::string, FileSizes> directories;
     for (const Product &product : products) {
         const ConfigFile file = readConfigFile(product.location);
         requireReadable(file);
@@ -125,7 +145,7 @@ Budget collect(const Options &options) {
             Settings settings;
             if (!readSettings(scope, file, settings) || settings.cfg.directory[0] == '\0')
                 continue;
-            budget.series.push_back(seriesOf(scope, settings.cfg));
+            budget.series.push_back(seriesOf(directories, scope, settings.cfg));
             addToVolume(budget, budget.series.back());
         }
     }
