@@ -26,6 +26,19 @@ class Manual(unittest.TestCase):
             self.assertNotIn("FIELDS@", read(page))
             self.assertIn("argument block, when it is not empty", read(page))
 
+    def test_the_table_of_severities_is_what_is_shown(self):
+        cells = re.findall(r"(?m)^[|:] +(.*)$", section(MANUAL, "SEVERITIES").split("\n|", 1)[1].join(["|", ""]))
+        told = {cells[i + 2]: (int(cells[i]), cells[i + 1]) for i in range(0, len(cells), 3)}
+        kinds = {"debug": "0,{},3", "diagnostic": "1,{},3,(0|)", "context": "3,{},(0|)", "audit": "4,{},0,(0|)",
+                 **{f"application, severity {n}": f"2,{{}},{n},(0|)" for n in range(5)}}
+        self.assertEqual(set(told), set(kinds))
+        for what, shape in kinds.items():
+            kind, _, rest = shape.partition(",{}")
+            write("one.log", f"$Header 65543,5,7,1709300702,0,hostA\n{kind},5,7,7,1,1709300702000,42,43,0:,4:text,3:mgr{rest}\n")
+            shown = self.run_it("qdlogview --template='{severity} {severity_text}' one.log").stdout.split()
+            self.assertEqual((int(shown[0]), shown[1]), told[what])
+            self.assertEqual(self.run_it(f"qdlogview --count -p {told[what][1]}..{told[what][1]} one.log").stdout, "1\n")
+
     def test_every_example_runs(self):
         now = int(time.time() * 1000) - 60000
         os.makedirs("log", exist_ok=True)

@@ -115,6 +115,13 @@ class Options(unittest.TestCase):
             self.assertEqual(done.returncode, 4, tool)
             self.assertRegex(done.stderr, rf"^{tool}: the output could not be written")
 
+    def test_settings_that_cannot_be_written_are_told(self):
+        with open("one.conf", "w") as file:
+            file.write("5.Names=server\n5.Configuration=/nowhere/a.conf\n")
+        with open("/dev/full", "w") as full:
+            done = run("qdlogcfg", "product", "list", "--config=one.conf", stdout=full)
+        self.assertEqual((done.returncode, done.stderr.partition(":")[2]), (4, " the output could not be written: No space left on device\n"))
+
     def test_usage_errors_name_the_tool_and_the_option(self):
         for tool in TOOLS:
             for words, says in ((["--nonsense"], "option --nonsense is not understood"), (["-Z"], "option -Z is not understood"),

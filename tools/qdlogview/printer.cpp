@@ -3,6 +3,7 @@
 #include "common/csv.h"
 #include "common/json.h"
 #include "common/number_text.h"
+#include "qdlogview/exports.h"
 
 #include <algorithm>
 #include <cstring>
@@ -109,6 +110,18 @@ void Printer::print(const Item &item) {
         break;
     case Format::Template:
         printTemplate(item);
+        break;
+    case Format::Otlp:
+        appendOtlp(out.buffer, item);
+        break;
+    case Format::Journal:
+        appendJournal(out.buffer, item);
+        break;
+    case Format::Postgres:
+        appendPostgres(out.buffer, item, fields, utc);
+        break;
+    case Format::Rfc5424:
+        appendRfc5424(out.buffer, item, utc);
         break;
     }
     out.drain();

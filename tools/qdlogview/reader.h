@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,7 +44,7 @@ struct Stream {
     tools::Item item;
     std::string rendered; // the item's text when the record holds a block in place of one
     std::unique_ptr<tools::RecordFile> file;
-    std::deque<tools::Origin> origins; // the last one holds; items point into it
+    std::list<tools::Origin> origins; // the last one holds; items point into it
 };
 
 struct Reader {

@@ -129,7 +129,11 @@ constexpr FormatRow FORMATS[] = {{"short", Format::Short},
                                  {"template", Format::Template},
                                  {"short-iso", Format::Short, true},
                                  {"json-pretty", Format::Json, false, true},
-                                 {"cat", Format::Template, false, false, "{text_lines}"}};
+                                 {"cat", Format::Template, false, false, "{text_lines}"},
+                                 {"otlp-json", Format::Otlp},
+                                 {"journal", Format::Journal},
+                                 {"postgres", Format::Postgres},
+                                 {"rfc5424", Format::Rfc5424}};
 
 bool takeFormat(Settings &settings, const char *value, std::string &error) {
     for (const FormatRow &row : FORMATS) {
@@ -143,9 +147,10 @@ bool takeFormat(Settings &settings, const char *value, std::string &error) {
             return true;
         }
     }
-    error = std::string("'") + value +
-            "' is not an output format (short, short-iso, full, json, json-pretty, csv, "
-            "raw, cat, template)";
+    error = std::string("'") + value + "' is not an output format (";
+    for (const FormatRow &row : FORMATS)
+        error += std::string(&row != FORMATS ? ", " : "") + row.name;
+    error += ")";
     return false;
 }
 
@@ -355,21 +360,28 @@ const tools::Option TABLE[] = {
      set<&Settings::showCursor>},
 
     {"-o,--output", EVERY, "FORMAT",
-     "form of the output: short, short-iso, full, json,\njson-pretty, csv, raw, cat, template\n\n"
+     "form of the output: short, short-iso, full, json,\njson-pretty, csv, raw, cat, template, "
+     "otlp-json,\njournal, postgres, rfc5424\n\n"
      "*short* and *short-iso* (with a complete time): time, severity with level,\n"
      "product/originator with their names where the configuration has them,\n"
      "component[process], (context), text; the lines of a text one below the other. *full*:\n"
      "every field on a line of its own. *json*: one object for each record (see JSON);\n"
      "*json-pretty*: the same over several lines. *csv*: with a line of titles. *raw*: the\n"
      "stored lines, with the header line of their file where it changes; the output is a log\n"
-     "file again. *cat*: only the texts. *template*: see *--template*.",
+     "file again. *cat*: only the texts. *template*: see *--template*.\n"
+     "\n"
+     "For other systems: *otlp-json*: a line of OTLP/JSON (the logs of OpenTelemetry), with\n"
+     "trace and span when the context is a W3C traceparent. *journal*: the export format of\n"
+     "systemd's journal, with the fields as QDUL\\_PRODUCT and so on. *postgres*: the text form\n"
+     "of COPY, for the table of docs/sql/qdul.sql. *rfc5424*: a line of the system log's protocol, with\n"
+     "the fields as structured data.",
      set<takeFormat>, "Output"},
     {"--template", EVERY, "TEXT",
      "a line for each record: '{time} {kind} {text}'\n\n"
      "With fields in braces. \\\\t and \\\\n are tab and line feed, {{ and }} are braces. Fields\n"
      "that a record does not have are empty.",
      set<takeTemplate>},
-    {"--fields", EVERY, "FIELD,...", "only these fields in full, json and csv, in this\norder",
+    {"--fields", EVERY, "FIELD,...", "only these fields in full, json, csv and postgres,\nin this order",
      set<takeFields>},
     {"--utc", EVERY, nullptr, "times in UTC, also those of -S and -U", set<&Settings::utc>},
     {"--zone", EVERY, "ZONE",
@@ -490,8 +502,10 @@ std::string contradiction(const Settings &settings) {
          "-A, -B and -C cannot be used with -r and -f"},
         {!settings.layout.empty() && settings.format != Format::Template, "--template needs -o template"},
         {!settings.fields.empty() && settings.report == Report::None && settings.format != Format::Full &&
-             settings.format != Format::Csv && settings.format != Format::Json && !settings.json,
-         "--fields is for full, csv and json"},
+             settings.format != Format::Csv && settings.format != Format::Postgres &&
+             settings.format != Format::Json && !settings.json,
+         "--fields is for full, csv, postgres and json"},
+        {settings.format >= Format::Otlp && !reading, "this output is for records"},
         {settings.format == Format::Template && settings.layout.empty(), "-o template needs --template"},
         {settings.format == Format::Csv && settings.report != Report::None &&
              settings.report != Report::Values,

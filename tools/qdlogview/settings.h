@@ -12,7 +12,7 @@
 
 namespace qdlogview {
 
-enum class Format { Short, Full, Json, Csv, Raw, Template };
+enum class Format { Short, Full, Json, Csv, Raw, Template, Otlp, Journal, Postgres, Rfc5424 };
 enum class Report { None, Count, Stats, Values, Gaps, Verify, Runs };
 enum class Per { None, Minute, Hour, Day };
 

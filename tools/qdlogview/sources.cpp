@@ -326,13 +326,14 @@ bool Sources::find(const Settings &settings, const FileQuery &fileQuery) {
         else
             problems.push_back(rule.directory + ": " + std::strerror(errno));
     }
-    files.insert(files.end(), std::make_move_iterator(found.begin()), std::make_move_iterator(found.end()));
+    found.insert(found.end(), std::make_move_iterator(files.begin()), std::make_move_iterator(files.end()));
+    files = std::move(found);
     std::sort(files.begin(), files.end(), comesBefore);
     files.erase(std::unique(files.begin(), files.end(),
                             [](const SourceFile &a, const SourceFile &b) { return a.path == b.path; }),
                 files.end());
-    for (const SourceFile &file : files)
-        known.push_back(file.path);
+    for (size_t i = 0; settings.follow && i < files.size(); ++i)
+        known.push_back(files[i].path);
     std::sort(known.begin(), known.end());
     return readable;
 }

@@ -74,7 +74,7 @@ struct Sources {
         int64_t listed = 0;   // when
     };
     std::vector<ListedDirectory> listed;
-    std::vector<std::string> known; // sorted paths
+    std::vector<std::string> known; // sorted paths, for findNew()
     const FileQuery *query = nullptr;
     uint64_t wantedFileOriginator = 0;
     std::string wantedLogSet;
