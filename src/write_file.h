@@ -154,7 +154,8 @@ struct LineEndLock {
     const int descriptor;
 };
 
-// Likewise: who makes the next file of the directory.
+// Likewise: who makes the next file of the directory. held is false where the lock could not
+// be had.
 struct DirectoryLock {
     explicit DirectoryLock(Writer *writer);
     ~DirectoryLock();
@@ -162,6 +163,7 @@ struct DirectoryLock {
     DirectoryLock &operator=(const DirectoryLock &) = delete;
 
     int descriptor = -1;
+    bool held = false;
 };
 
 // ---- the host's number (write_file_host.cpp) ---------------------------------------

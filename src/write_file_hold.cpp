@@ -33,8 +33,9 @@ constexpr off_t LINE_END = MARKS + MARKS_LENGTH;
 // For how long another's lock is waited for: it is held for some hundred microseconds.
 constexpr int LOCK_LOOKS = 100;
 constexpr long LOCK_WAIT_NS = 1000000;
-// A directory whose lock was waited for in vain is not waited for again so soon.
+// A directory whose lock was waited for in vain is for a while not waited for so long.
 constexpr int64_t DIRECTORY_BUSY_FOR_NS = 10 * NS_PER_SECOND;
+constexpr int LOCK_LOOKS_WHILE_BUSY = 5;
 
 Taken taken(int result) {
     if (result == 0)
@@ -98,12 +99,16 @@ DirectoryLock::DirectoryLock(Writer *writer) {
     descriptor = aboveStdio(descriptor);
     if (descriptor == -1)
         return;
-    for (int look = 0; takeAlone(descriptor) == Taken::ByAnother; ++look) {
-        const int64_t now = monotonicNs();
-        if (now < writer->directoryBusyUntil)
+    for (int look = 0;; ++look) {
+        const Taken alone = takeAlone(descriptor);
+        held = alone == Taken::YES;
+        if (alone != Taken::ByAnother)
             return;
-        if (look == LOCK_LOOKS) {
-            writer->directoryBusyUntil = now + DIRECTORY_BUSY_FOR_NS;
+        const int64_t now = monotonicNs();
+        const bool busy = now < writer->directoryBusyUntil;
+        if (look == (busy ? LOCK_LOOKS_WHILE_BUSY : LOCK_LOOKS)) {
+            if (!busy)
+                writer->directoryBusyUntil = now + DIRECTORY_BUSY_FOR_NS;
             return;
         }
         sleepNs(LOCK_WAIT_NS);

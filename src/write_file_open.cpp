@@ -383,6 +383,28 @@ LogFileDate todayOr(const LogFileDate &fallback) {
     return zoltLogOs_localtime_r(time(nullptr), &local) != nullptr ? dateOf(&local) : fallback;
 }
 
+// A file that was made without the directory's lock: whether others made the wanted name
+// before, went on and recycled it. Then it goes again, unless somebody has opened it
+// meanwhile, and target becomes the latest file.
+bool wasMadeBefore(const Writer *writer, const LogName *series, const Target *wanted, Target *target) {
+    LogFileState *state = writer->state;
+    LatestLog latest;
+    Target later;
+    const LogFileDate today = todayOr(wanted->date);
+    if (findLatestLog(state->directory, series, &today, &latest) != Latest::FOUND ||
+        !chooseLatestFile(state, &latest, &later) || !isAhead(writer, &later, wanted))
+        return false;
+    if (state->isLogset != 0 ? later.nameTime <= wanted->nameTime
+                             : !isLater(&later, wanted->date, wanted->counter))
+        return false;
+    if (takeAlone(state->file.descriptor) == Taken::YES)
+        (void)unlink(target->path.text);
+    close(state->file.descriptor);
+    state->file.descriptor = -1;
+    *target = later;
+    return true;
+}
+
 // Makes the target, whose name is free, unless the series has gone on without this writer:
 // then target becomes the latest file. While the one is looked for and the other made,
 // nobody else does the same, so that a name which was there and was recycled is not made
@@ -410,6 +432,8 @@ uint32_t startFile(Writer *writer, const HostName &hostName, uint64_t host, Targ
                 uint32_t failure = ZOLTLOG_FAILED;
                 switch (createLogFile(state, target->path.text, &opened->header, &failure)) {
                 case Creation::CREATED:
+                    if (!onlyHere.held && wasMadeBefore(writer, &series, &wanted, target))
+                        break;
                     takeName(state, target->path.text, opened);
                     opened->startTime = state->isLogset != 0
                                             ? target->nameStart

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <pthread.h>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -131,6 +132,7 @@ namespace {
 
 const char FIRST[] = "5-7-83886090-240301-0000000000.log";
 const char SECOND[] = "5-7-83886090-240301-0000000001.log";
+const char THIRD[] = "5-7-83886090-240301-0000000002.log";
 
 struct WriteFileOpen : testing::Test {
     WriteFileOpen() {
@@ -342,6 +344,55 @@ class WriteFileHost : public WriteFileOpen {
     }
     void rollOver() { ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1024, 'x'))); }
 };
+
+// A series of files that one record fills, in a directory whose lock somebody else keeps.
+class WriteFileInALockedDirectory : public WriteFileHost {
+  protected:
+    void SetUp() override {
+        WriteFileHost::SetUp();
+        directory = ::open("logs", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        ASSERT_EQ(flock(directory, LOCK_EX | LOCK_NB), 0);
+    }
+    void TearDown() override {
+        close(directory);
+        WriteFileHost::TearDown();
+    }
+    int directory = -1;
+};
+
+TEST_F(WriteFileInALockedDirectory, TheNextFileIsMade) {
+    rollOver();
+    rollOver();
+    EXPECT_EQ(logFiles(), (Texts{FIRST, SECOND, THIRD}));
+}
+
+TEST_F(WriteFileInALockedDirectory, ANameThatOthersMadeAndRecycledIsLeftAtOnce) {
+    onNextCreation = [&] { support::writeFile(path(THIRD), "$Header 65543,5,7,1709300702,0,hostA\n"); };
+    rollOver();
+    EXPECT_EQ(logFiles(), (Texts{FIRST, THIRD}));
+    EXPECT_EQ(textsIn(path(THIRD)), Texts{std::string(1024, 'x')});
+    EXPECT_EQ(handle.file->counter, 2);
+}
+
+TEST_F(WriteFileInALockedDirectory, ANameThatOthersMadeAndOpenedStaysToThem) {
+    onNextCreation = [&] {
+        support::writeFile(path(THIRD), "$Header 65543,5,7,1709300702,0,hostA\n");
+        // Another writer has the new file by the time that it would go.
+        libc::flock.hook = [](int descriptor, int operation) {
+            struct stat status;
+            if ((operation & LOCK_EX) != 0 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+                errno = EWOULDBLOCK;
+                return -1;
+            }
+            return libc::flock.real(descriptor, operation);
+        };
+    };
+    rollOver();
+    libc::flock.hook = nullptr;
+    EXPECT_EQ(logFiles(), (Texts{FIRST, SECOND, THIRD}));
+    EXPECT_EQ(textsIn(path(THIRD)), Texts{std::string(1024, 'x')});
+    EXPECT_EQ(textsIn(path(SECOND)), Texts{});
+}
 
 TEST_F(WriteFileHost, IsNotLookedUpForFilesSoonAfterEachOther) {
     for (int file = 0; file < 5; ++file)
