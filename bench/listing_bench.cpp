@@ -1,7 +1,8 @@
 // Listing, choosing surplus files and rolling over with recycling in a directory of
 // many files (100,000, or QDUL_BENCH_FILES), each against a bare loop of open, read
 // and close over the same files in the same iteration. "ratio" is the median of the
-// quotients of elapsed time, "cpu_ratio" of processor time; below 2 is the aim.
+// quotients of elapsed time, "cpu_ratio" of processor time; below 2 is the aim. Names that
+// collide under HashString are measured against as many plain ones, with the same aim.
 #include "zoltlog.h"
 
 #include <algorithm>
@@ -24,6 +25,8 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr int SERIES = 1000;
+constexpr int COLLIDING_BITS = 16;
+constexpr int COLLIDING = 1 << COLLIDING_BITS;
 
 int fileCount() {
     const char *text = getenv("QDUL_BENCH_FILES");
@@ -62,9 +65,11 @@ double median(std::vector<double> values) {
 // configuration of both; removed at the end.
 struct Directories {
     std::string home;
-    std::string one;  // product 1, originator 7
-    std::string many; // product 2, originators 1 to SERIES
-    std::string sets; // product 1, log set "web"
+    std::string one;       // product 1, originator 7
+    std::string many;      // product 2, originators 1 to SERIES
+    std::string sets;      // product 1, log set "web"
+    std::string colliding; // product 3, originator 7: COLLIDING names of one HashString
+    std::string plain;     // product 4, originator 7: as many others of that length
 
     Directories() {
         const char *parent = getenv("TMPDIR");
@@ -74,7 +79,9 @@ struct Directories {
         one = home + "/one/";
         many = home + "/many/";
         sets = home + "/sets/";
-        for (const std::string &directory : {one, many, sets})
+        colliding = home + "/colliding/";
+        plain = home + "/plain/";
+        for (const std::string &directory : {one, many, sets, colliding, plain})
             std::filesystem::create_directories(directory);
         const int count = fileCount();
         for (int i = 0; i < count; ++i) {
@@ -82,10 +89,22 @@ struct Directories {
             write(many, 2, 1 + i % SERIES, i / SERIES, i);
             writeSet(i);
         }
+        for (int i = 0; i < COLLIDING; ++i) {
+            std::string equal; // "Aa" and "BB" are one value of the hash
+            for (int bit = 0; bit < COLLIDING_BITS; ++bit)
+                equal += (i >> bit & 1) != 0 ? "Aa" : "BB";
+            char number[2 * COLLIDING_BITS + 1];
+            snprintf(number, sizeof number, "%0*d", 2 * COLLIDING_BITS, i);
+            put(colliding + "3-7-" + equal + ".log", "$Header 65543,3,7,1709251200,0,bench\n");
+            put(plain + "4-7-" + number + ".log", "$Header 65543,4,7,1709251200,0,bench\n");
+        }
         setenv("ZOLTLOG_CFG_LOC", (home + "/main.conf").c_str(), 1);
         std::ofstream(home + "/main.conf")
             << "1.Configuration=" << home << "/one.conf\n1.Names=one\n2.Configuration=" << home
-            << "/many.conf\n2.Names=many\n";
+            << "/many.conf\n2.Names=many\n3.Configuration=" << home
+            << "/colliding.conf\n4.Configuration=" << home << "/plain.conf\n";
+        std::ofstream(home + "/colliding.conf") << "Default.LogDirectory=" << colliding << "\n";
+        std::ofstream(home + "/plain.conf") << "Default.LogDirectory=" << plain << "\n";
         std::ofstream(home + "/one.conf")
             << "Default.LogDirectory=" << one
             << "\nDefault.RolloverMode=FileSize\nDefault.MaxLogFileSizeKB=1\n"
@@ -185,6 +204,38 @@ void list(benchmark::State &state) {
     zoltLogFreeCfg(&cfg);
 }
 
+Cost costOfListing(uint64_t product) {
+    LogCfg cfg;
+    if (zoltLogReadCfg(product, 7, &cfg) != 0)
+        fail("zoltLogReadCfg", 6);
+    LogCfg *cfgs = &cfg;
+    const Cost cost = costOf([&] {
+        LogListing listing = {};
+        const uint32_t result = GetLogFiles(&cfgs, 1, &listing);
+        if (result != 0)
+            fail("GetLogFiles", result);
+        freeEntries(&listing);
+    });
+    zoltLogFreeCfg(&cfg);
+    return cost;
+}
+
+void listCollidingNames(benchmark::State &state) {
+    std::vector<double> ratios;
+    std::vector<double> cpuRatios;
+    (void)costOfListing(4);
+    for (auto _ : state) {
+        const Cost plain = costOfListing(4);
+        const Cost own = costOfListing(3);
+        state.SetIterationTime(own.wall);
+        ratios.push_back(own.wall / plain.wall);
+        cpuRatios.push_back(own.cpu / plain.cpu);
+    }
+    state.counters["ratio"] = median(ratios);
+    state.counters["cpu_ratio"] = median(cpuRatios);
+    state.counters["files"] = COLLIDING;
+}
+
 void surplusOfOneSeries(benchmark::State &state) {
     againstBareLoop(state, directories->one, [] {
         LogListing listing;
@@ -235,6 +286,7 @@ void rolloverWithRecycling(benchmark::State &state) {
 } // namespace
 
 BENCHMARK(list)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(7);
+BENCHMARK(listCollidingNames)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(7);
 BENCHMARK(surplusOfOneSeries)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(7);
 BENCHMARK(surplusOfALogSet)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(7);
 BENCHMARK(surplusOfAThousandSeries)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(7);
