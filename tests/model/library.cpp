@@ -326,7 +326,7 @@ Outcome apply(const Step &step) {
     switch (step.op) { // what is no call of the library
     case Op::TimePasses:
         now.wallMs += step.ms;
-        now.steadyMs += step.ms;
+        now.steadyMs += std::min(step.ms, model::AWAKE_MS);
         return {};
     case Op::ClockIsSet:
         now.wallMs += step.ms;

@@ -575,6 +575,7 @@ uint64_t Model::take(uint64_t bytes) {
 // What is cut off ends its line at once, or before the next record.
 uint32_t Model::append(Series *series, const std::string &record) {
     const auto failure = [&] {
+        ++seen.failures;
         return world.deviceWasFull && mutation != Mutation::FullDeviceIsForgotten ? DEVICE_FULL
                                                                                   : WRITE_FAILED;
     };
@@ -590,6 +591,7 @@ uint32_t Model::append(Series *series, const std::string &record) {
             series->lookedAtMs = -1;
         return taken;
     };
+    seen.tornLines += series->torn ? 1 : 0;
     if (series->torn && mutation != Mutation::TornLineStays && put("\n") != 1)
         return failure();
     series->torn = false;
@@ -632,8 +634,10 @@ bool Model::isLookDue(const Series *series) const {
 bool Model::look(Series *series) {
     series->lookedAtMs = world.clock.steadyMs;
     const Node &file = *series->file;
-    if (!file.named && mutation != Mutation::RemovedFileGoesUnseen)
+    if (!file.named && mutation != Mutation::RemovedFileGoesUnseen) {
+        ++seen.gone;
         return false;
+    }
     if (file.bytes.size() != series->known)
         series->torn = !file.bytes.empty() && file.bytes.back() != '\n';
     series->known = file.bytes.size();
@@ -649,8 +653,10 @@ bool Model::isRolloverDue(Series *series, uint64_t length) {
         return true;
     if ((settings.rolloverMode & (BY_LOCAL_TIME | BY_PERIOD)) != 0) {
         const int64_t late = mutation == Mutation::TimedRolloverASecondLate ? 1 : 0;
-        if (seconds() >= series->nextRollover + late)
+        if (seconds() >= series->nextRollover + late) {
+            ++seen.timedRollovers;
             return true;
+        }
     }
     if ((settings.rolloverMode & BY_SIZE) == 0)
         return false;
@@ -678,6 +684,7 @@ bool Model::waitForNextSecond(const Series *series, int64_t *deadlineMs) {
 void Model::rollOver(Series *series) {
     bool created = false;
     int64_t deadlineMs = 0;
+    ++seen.rollovers;
     closeFile(series);
     for (;;) {
         if (openNext(series, &created) != DONE || created || !isRolloverDue(series, 0))
@@ -700,6 +707,7 @@ void Model::reopenIfOld(Series *series, int64_t timestampMs) {
     if (openNext(series, &created) != DONE)
         return;
     series->lastReopenMs = timestampMs;
+    ++seen.reopenings;
     if (created)
         recycle(series);
     bringContexts(series, created);
@@ -723,7 +731,7 @@ void Model::bringContexts(Series *series, bool created) {
     if (mutation == Mutation::ContextsOldestFirst)
         std::reverse(order.begin(), order.end());
     for (const Handle *handle : order)
-        if (handle->isContext)
+        if (handle->isContext && ++seen.contextsAgain > 0)
             (void)write(series, handle->context, false);
 }
 
@@ -956,6 +964,7 @@ uint32_t Model::openNext(Series *series, bool *created) {
             }
         }
         if (ahead) {
+            ++seen.caughtUp;
             path = *latest;
         } else {
             if (!create(series, path))
@@ -1046,8 +1055,13 @@ void Model::recycle(Series *series) {
     files.resize(files.size() - keep);
     for (const Aged &file : files) {
         const NodePtr node = world.files.at(file.path);
-        if (!headerOf(*node).good || !mayRemove(series, node))
+        if (!headerOf(*node).good)
             continue;
+        if (!mayRemove(series, node)) {
+            ++seen.heldBack;
+            continue;
+        }
+        ++seen.recycled;
         node->named = false;
         world.files.erase(file.path);
     }

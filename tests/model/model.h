@@ -195,7 +195,19 @@ enum class Mutation {
 
 // ---- the model -------------------------------------------------------------------------
 
-struct MessageCall; // steps.h
+// How often the rarer rules had their turn.
+struct Seen {
+    uint64_t rollovers = 0;
+    uint64_t timedRollovers = 0;
+    uint64_t reopenings = 0;
+    uint64_t recycled = 0;
+    uint64_t heldBack = 0; // surplus files that their writers kept
+    uint64_t contextsAgain = 0;
+    uint64_t gone = 0; // files that were found without a name
+    uint64_t tornLines = 0;
+    uint64_t caughtUp = 0; // with a series that was ahead
+    uint64_t failures = 0;
+};
 
 struct Model {
     World world;
@@ -206,6 +218,7 @@ struct Model {
     int64_t wallAheadMs = 0;
     int64_t clockChangedMs = 0;
     uint64_t recordsWritten = 0;
+    Seen seen;
     uint64_t hostId = 0; // as far as known; 0 when not
     std::string hostName;
     int64_t hostKnownAtMs = 0;

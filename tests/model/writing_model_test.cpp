@@ -23,6 +23,7 @@ struct Counts {
     uint64_t steps = 0;
     uint64_t records = 0;
     uint64_t files = 0; // compared
+    Seen seen;
 };
 
 bool deviceWasFull;         // the process remembers it
@@ -188,6 +189,22 @@ std::string once(Model *model, const Step &wanted, Counts *counts) {
            std::to_string(got.value) + "\n";
 }
 
+struct Rule {
+    const char *name;
+    uint64_t Seen::*count;
+};
+
+const Rule RULES[] = {{"rollovers", &Seen::rollovers},   {"by the clock", &Seen::timedRollovers},
+                      {"reopenings", &Seen::reopenings}, {"recycled files", &Seen::recycled},
+                      {"held back", &Seen::heldBack},    {"contexts written again", &Seen::contextsAgain},
+                      {"files gone", &Seen::gone},       {"torn lines", &Seen::tornLines},
+                      {"series ahead", &Seen::caughtUp}, {"failed writes", &Seen::failures}};
+
+void add(Seen *sum, const Seen &seen) {
+    for (const Rule &rule : RULES)
+        sum->*rule.count += seen.*rule.count;
+}
+
 // Where the two differ, and how; "" when they do not.
 std::string run(const Sequence &sequence, Mutation mutation, Counts *counts) {
     const std::string home = std::filesystem::current_path().string() + "/";
@@ -232,6 +249,7 @@ std::string run(const Sequence &sequence, Mutation mutation, Counts *counts) {
     library::closeEverything();
     steadyMs = world.clock.steadyMs;
     deviceWasFull = world.deviceWasFull;
+    add(&counts->seen, model.seen);
     ++counts->sequences;
     return difference;
 }
@@ -297,6 +315,13 @@ TEST(WritingModel, EveryFileIsWhatTheRulesSay) {
         FAIL() << report(shorter, run(shorter, Mutation::None, &ignored));
     }
     EXPECT_GT(counts.records, 0u);
+    for (const Rule &rule : RULES) {
+        printf("%s%" PRIu64 " %s", &rule == RULES ? "" : ", ", counts.seen.*rule.count, rule.name);
+        if (sequences >= 100) {
+            EXPECT_GT(counts.seen.*rule.count, 0u) << rule.name << ": the sequences never come to it";
+        }
+    }
+    printf("\n");
     printf("%" PRIu64 " sequences, %" PRIu64 " steps, %" PRIu64 " records, %" PRIu64
            " files compared: no difference\n",
            counts.sequences, counts.steps, counts.records, counts.files);
