@@ -20,6 +20,7 @@
 #include "bounded.h"
 #include "cancellation.h"
 #include "hash_table.h"
+#include "log_name.h"
 #include "os.h"
 #include "parse_string.h"
 #include "read.h"
@@ -353,12 +354,15 @@ bool logsetTimeOf(const char *name, int64_t *seconds) {
     return true;
 }
 
-// A log set's header tells no creation time; its file's name does.
+// A log set's header tells no creation time; its file's name does, while an originator's has
+// the number of the host in that place.
 int64_t creationTimeOf(const LogFileHeader &header, const char *name) {
-    if (header.version != ZOLTLOG_RECORD_VERSION_LOGSET)
-        return static_cast<int64_t>(header.creationTime);
     int64_t creationTime = 0;
-    return logsetTimeOf(name, &creationTime) ? creationTime : static_cast<int64_t>(header.creationTime);
+    LogName parsed;
+    const bool nameTells = header.version == ZOLTLOG_RECORD_VERSION_LOGSET &&
+                           parseLogName(name, strlen(name), &parsed) && parsed.set != nullptr &&
+                           logsetTimeOf(name, &creationTime);
+    return nameTells ? creationTime : static_cast<int64_t>(header.creationTime);
 }
 
 // Opens the file and reads its header, the only time for this file.

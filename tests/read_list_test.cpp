@@ -392,6 +392,17 @@ TEST_F(Listing, AnOriginatorsFileWithALogSetHeaderHasTheTimeOfItsName) {
     EXPECT_EQ(listing.files->creationTime, 1709633700);
 }
 
+TEST_F(Listing, AnOriginatorsNameTellsNoTimeInThePlaceOfALogSetHeader) {
+    setenv("TZ", "UTC", 1);
+    originator(101, 7);
+    for (const char *name :
+         {"101-7-83886090-240301-0000000001.log", "101-7-335544321012-240301-0000000002.log"})
+        logsetFile(name);
+    ASSERT_RESULT(ZOLTLOG_OK, list());
+    for (const LogFileEntry *file = listing.files; file != nullptr; file = file->next)
+        EXPECT_EQ(file->creationTime, 0) << file->name;
+}
+
 TEST_F(Listing, QueryOverProductAndOriginator) {
     originator(101, 7);
     originator(101, 8);
