@@ -2,11 +2,13 @@
 // tool's reading is compiled into this program.
 #include "support/support.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <gtest/gtest.h>
 #include <random>
 
 #include "src/config_keys.cpp"
+#include "tools/qdlogcfg/edit.cpp"
 #include "tools/qdlogcfg/keys.cpp"
 #include "tools/qdlogcfg/settings.cpp"
 
@@ -107,6 +109,45 @@ TEST(QdlogcfgSettings, AreReadAsTheLibraryReadsThem) {
         }
     }
     EXPECT_GT(found, 1000U);
+}
+
+// Many changes in one rewrite leave what one after the other through the library leaves.
+TEST(QdlogcfgEdits, LeaveWhatTheLibraryLeaves) {
+    std::mt19937 random(42); // NOLINT(cert-msc32-c,cert-msc51-cpp): the same files each time
+    const char *const sections[] = {"Default", "7", "9", "LOGSET.Default", "LOGSET.bill", "LOGSET.new"};
+    for (int round = 0; round < 300; ++round) {
+        const std::string content = randomFile(random);
+        support::writeFile("product.conf", content);
+        Edits edits;
+        std::string told = content;
+        const bool removes = random() % 3 == 0; // no command does both
+        for (size_t number = 1 + random() % 5; number > 0; --number) {
+            const char *section = sections[random() % std::size(sections)];
+            const char *key = CFG_KEYS[random() % CFG_KEY_COUNT].name;
+            const Edits::Section *known = edits.find(section);
+            if (known != nullptr &&
+                std::any_of(known->settings.begin(), known->settings.end(),
+                            [key](const Edits::Setting &setting) { return setting.name == key; }))
+                continue;
+            PropertyStore store;
+            ASSERT_EQ(utiOpenPropertyStore("product.conf", section, &store), ZOLTLOG_STORE_OK);
+            if (removes) {
+                edits.remove(section, key);
+                ASSERT_EQ(utiRemoveProperty(&store, key), ZOLTLOG_STORE_OK);
+            } else {
+                const std::string value = "value" + std::to_string(number);
+                ASSERT_TRUE(edits.put(section, key, value));
+                ASSERT_EQ(utiSetPropertyAsStr(&store, key, value.c_str()), ZOLTLOG_STORE_OK);
+            }
+            utiClosePropertyStore(&store);
+            told += std::string(";") + section + "." + key;
+        }
+        ASSERT_EQ(edited(content, true, edits).content, support::readFile("product.conf")) << told;
+    }
+    Edits one;
+    one.put("7", "DebugLevel", "1");
+    EXPECT_EQ(edited("", false, one).content, STORE_HEADER + std::string("7.DebugLevel=1\n"));
+    EXPECT_EQ(edited("7.DebugLevel=1\n", true, one).difference.size(), 0U);
 }
 
 TEST(QdlogcfgKeys, AreFoundByTheirNames) {

@@ -1,6 +1,8 @@
 #include "edit.h"
 
+#include <algorithm>
 #include <memory>
+#include <utility>
 
 #include "src/utiPropertyStoreFile.h"
 
@@ -68,11 +70,28 @@ void putRest(Merge &merge, Pending &pending) {
     }
 }
 
+std::string_view nextToken(std::string_view &text) {
+    text.remove_prefix(std::min(text.find_first_not_of(".="), text.size()));
+    const std::string_view token = text.substr(0, text.find_first_of(".="));
+    text.remove_prefix(token.size());
+    return token;
+}
+
+// The section that the store takes a line for when it looks for the end of a run, also a line
+// that has no key.
+std::string runOf(const ConfigLine &line) {
+    std::string_view text = line.raw.substr(0, line.raw.find('\0'));
+    const std::string_view first = nextToken(text);
+    if (first != STORE_LOGSET_TOKEN)
+        return std::string(first);
+    return STORE_LOGSET_PREFIX + std::string(nextToken(text));
+}
+
 // Whether an edit takes the line's place.
 bool takesPlace(Merge &merge, Pending &pending, const ConfigLine &line) {
     for (size_t i = 0; i < pending.isDone.size(); ++i) {
         const Edits::Setting &setting = pending.edits->settings[i];
-        if (setting.name != line.name || !line.hasEquals)
+        if (setting.name != line.name || line.section != pending.edits->name || !line.hasEquals)
             continue;
         if (setting.line.empty()) { // each line of the key goes
             removeLine(merge, line);
@@ -108,12 +127,13 @@ Edited edited(const std::string &bytes, bool exists, const Edits &edits) {
     for (const Edits::Section &section : edits.sections)
         merge.pending.emplace(section.name, pendingOf(section, file));
     Pending *current = nullptr;
-    std::string_view section;
+    std::string section;
     for (const ConfigLine &line : file.lines) {
-        if (line.section != section) {
+        std::string run = runOf(line);
+        if (run != section) {
             if (current != nullptr && !current->isPast)
                 putRest(merge, *current);
-            section = line.section;
+            section = std::move(run);
             const auto found = merge.pending.find(section);
             current = found != merge.pending.end() ? &found->second : nullptr;
         }
