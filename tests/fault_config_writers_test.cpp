@@ -21,6 +21,9 @@
 #include <unistd.h>
 #include <vector>
 
+SUPPORT_CALL(int, fsetxattr, (int descriptor, const char *name, const void *value, size_t size, int flags),
+             (descriptor, name, value, size, flags), noexcept)
+
 namespace {
 
 bool noLocks;             // fcntl refuses locks
@@ -364,14 +367,19 @@ TEST(FaultConfigWriters, LeaveAHandleItsLevelsWhenAReloadFails) {
 
 // ---- what is kept --------------------------------------------------------------------------------------
 
+namespace {
+
+// Version 2; user::rw-, user:1234:r--, group::---, mask::r--, other::---
+const unsigned char ACCESS_LIST[] = {2,    0,    0,    0,    1,    0,    6,    0,    0xFF, 0xFF, 0xFF,
+                                     0xFF, 2,    0,    4,    0,    0xD2, 4,    0,    0,    4,    0,
+                                     0,    0,    0xFF, 0xFF, 0xFF, 0xFF, 0x10, 0,    4,    0,    0xFF,
+                                     0xFF, 0xFF, 0xFF, 0x20, 0,    0,    0,    0xFF, 0xFF, 0xFF, 0xFF};
+
+} // namespace
+
 TEST(FaultConfigWriters, KeepAccessLists) {
-    // Version 2; user::rw-, user:1234:r--, group::---, mask::r--, other::---
-    const unsigned char list[] = {2,    0,    0,    0,    1,    0,    6,    0,    0xFF, 0xFF, 0xFF,
-                                  0xFF, 2,    0,    4,    0,    0xD2, 4,    0,    0,    4,    0,
-                                  0,    0,    0xFF, 0xFF, 0xFF, 0xFF, 0x10, 0,    4,    0,    0xFF,
-                                  0xFF, 0xFF, 0xFF, 0x20, 0,    0,    0,    0xFF, 0xFF, 0xFF, 0xFF};
     writeFile("s.conf", "5.a=1\n");
-    if (setxattr("s.conf", "system.posix_acl_access", list, sizeof list, 0) != 0)
+    if (setxattr("s.conf", "system.posix_acl_access", ACCESS_LIST, sizeof ACCESS_LIST, 0) != 0)
         GTEST_SKIP() << "no access lists on this file system";
     PropertyStore store;
     ASSERT_EQ(utiOpenPropertyStore("s.conf", "5", &store), 0U);
@@ -379,8 +387,26 @@ TEST(FaultConfigWriters, KeepAccessLists) {
     utiClosePropertyStore(&store);
     unsigned char now[256];
     ASSERT_EQ(getxattr("s.conf", "system.posix_acl_access", now, sizeof now),
-              static_cast<ssize_t>(sizeof list));
-    EXPECT_EQ(memcmp(now, list, sizeof list), 0);
+              static_cast<ssize_t>(sizeof ACCESS_LIST));
+    EXPECT_EQ(memcmp(now, ACCESS_LIST, sizeof ACCESS_LIST), 0);
+}
+
+TEST(FaultConfigWriters, RefuseAChangeThatWouldLoseAnAccessList) {
+    writeFile("s.conf", "5.a=1\n");
+    if (setxattr("s.conf", "system.posix_acl_access", ACCESS_LIST, sizeof ACCESS_LIST, 0) != 0)
+        GTEST_SKIP() << "no access lists on this file system";
+    PropertyStore store;
+    ASSERT_EQ(utiOpenPropertyStore("s.conf", "5", &store), ZOLTLOG_STORE_OK);
+    libc::fsetxattr.hook = [](int, const char *, const void *, size_t, int) {
+        errno = EPERM;
+        return -1;
+    };
+    EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "2"), ZOLTLOG_STORE_NOT_CREATED);
+    utiClosePropertyStore(&store);
+    EXPECT_EQ(readFile("s.conf"), "5.a=1\n");
+    EXPECT_EQ(getxattr("s.conf", "system.posix_acl_access", nullptr, 0),
+              static_cast<ssize_t>(sizeof ACCESS_LIST));
+    EXPECT_FALSE(exists("s.conf.tmp"));
 }
 
 // A list that the directory hands down is none of the old file's.
