@@ -44,12 +44,12 @@ TEST(BlockText, NestedBlocksAreShownInTheirPlace) {
 
 TEST(BlockText, NestingHasNoEndThatTakesTheStack) {
     std::string block;
-    constexpr size_t depth = 100000;
-    for (size_t i = 0; i < depth; ++i)
+    constexpr size_t DEPTH = 100000;
+    for (size_t i = 0; i < DEPTH; ++i)
         block += "(0|";
     block += "X1:x|";
-    for (size_t i = 0; i < depth; ++i)
-        block += i + 1 < depth ? ")," : ")";
+    for (size_t i = 0; i < DEPTH; ++i)
+        block += i + 1 < DEPTH ? ")," : ")";
     EXPECT_EQ(textOf(block), "x");
 }
 

@@ -108,18 +108,18 @@ bool Unpacker::restart() {
     readFrom = 0;
 #ifdef QDUL_WITH_ZLIB
     if (format == Format::Gzip) {
-        constexpr int largestWindowOfGzip = 15 + 16;
-        decoder->zlibReady = inflateInit2(&decoder->zlib, largestWindowOfGzip) == Z_OK;
+        constexpr int GZIP_WINDOW = 15 + 16;
+        decoder->zlibReady = inflateInit2(&decoder->zlib, GZIP_WINDOW) == Z_OK;
         return decoder->zlibReady || fail(std::strerror(ENOMEM));
     }
 #endif
 #ifdef QDUL_WITH_ZSTD
     if (format == Format::Zstd) {
-        constexpr int largestWindow = 25; // as a power of two: 32 MB
+        constexpr int LARGEST_WINDOW = 25; // as a power of two: 32 MB
         decoder->zstd = ZSTD_createDStream();
         if (decoder->zstd == nullptr)
             return fail(std::strerror(ENOMEM));
-        ZSTD_DCtx_setParameter(decoder->zstd, ZSTD_d_windowLogMax, largestWindow);
+        ZSTD_DCtx_setParameter(decoder->zstd, ZSTD_d_windowLogMax, LARGEST_WINDOW);
         return true;
     }
 #endif
