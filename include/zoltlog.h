@@ -58,6 +58,19 @@
 
 #include "zoltlis.h"
 
+/* The version that this header is of: major.minor.patch.build, and the first three as one
+ * number that grows: 31601 is 3.16.1. */
+#define ZOLTLOG_VERSION "3.16.1.0"
+#define ZOLTLOG_VERSION_NUMBER 31601
+
+/* Has the compiler check a call's arguments against its format, as printf's: the positions of
+ * the format and of the first argument (0: a va_list). */
+#if defined(__GNUC__)
+#define ZOLTLOG_PRINTF(formatAt, firstAt) __attribute__((__format__(__printf__, formatAt, firstAt)))
+#else
+#define ZOLTLOG_PRINTF(formatAt, firstAt)
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -168,7 +181,7 @@ enum {
     X(ZOLTLOG_ATTR_HOST_NAME, 278, HOST, NONE)                                                               \
     X(ZOLTLOG_ATTR_LOGSET_NAME, 279, LOGSET, LOGSET)
 
-#define ZOLTLOG_ATTRIBUTE_CODE(name, code, listed, fetched) name = code,
+#define ZOLTLOG_ATTRIBUTE_CODE(name, code, listed, fetched) name = (code),
 enum {
     ZOLTLOG_ATTRIBUTES(ZOLTLOG_ATTRIBUTE_CODE) ZOLTLOG_ATTR_END, /* behind the last one */
     ZOLTLOG_ATTR_FIRST = ZOLTLOG_ATTR_PRODUCT_ID,
@@ -216,7 +229,7 @@ enum { ZOLTLOG_CONTEXT_KEY_REPLACE = 3 };
     X(ZOLTLOG_NOTHING_TO_WRITE, 61, "nothing to write")                                                      \
     X(ZOLTLOG_STORE_RESULT_10, 64, "the property store failed")
 
-#define ZOLTLOG_RESULT_VALUE(name, value, text) name = value,
+#define ZOLTLOG_RESULT_VALUE(name, value, text) name = (value),
 enum { ZOLTLOG_RESULTS(ZOLTLOG_RESULT_VALUE) };
 #undef ZOLTLOG_RESULT_VALUE
 
@@ -766,17 +779,19 @@ int32_t isLogOpen(const LogHandle *handle);
  * one cannot be written (ZOLTLOG_FAILED). The calls without who give "".
  */
 uint32_t zoltLogAppMsg(LogHandle *handle, uint32_t flags, uint32_t severity, int64_t messageNumber,
-                       const char *format, ...);
+                       const char *format, ...) ZOLTLOG_PRINTF(5, 6);
 uint32_t zoltLogAppMsgEx(LogHandle *handle, uint32_t flags, uint32_t severity, const char *who,
-                         int64_t messageNumber, const char *format, ...);
+                         int64_t messageNumber, const char *format, ...) ZOLTLOG_PRINTF(6, 7);
 uint32_t zoltLogAppMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
-                        int64_t messageNumber, const char *format, ...);
+                        int64_t messageNumber, const char *format, ...) ZOLTLOG_PRINTF(6, 7);
 uint32_t zoltLogAppMsg2Ex(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
-                          const char *who, int64_t messageNumber, const char *format, ...);
+                          const char *who, int64_t messageNumber, const char *format, ...)
+    ZOLTLOG_PRINTF(7, 8);
 uint32_t zoltLogAppMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
-                         int64_t messageNumber, const char *format, va_list args);
+                         int64_t messageNumber, const char *format, va_list args) ZOLTLOG_PRINTF(6, 0);
 uint32_t zoltLogAppMsg2VEx(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
-                           const char *who, int64_t messageNumber, const char *format, va_list args);
+                           const char *who, int64_t messageNumber, const char *format, va_list args)
+    ZOLTLOG_PRINTF(7, 0);
 uint32_t zoltLogAppMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
                          const char *text, ZoltLisBlock *block);
 uint32_t zoltLogAppMsg2LEx(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t severity,
@@ -788,11 +803,13 @@ uint32_t zoltLogAppMsg2LEx(LogHandle *handle, uint64_t messageId, uint32_t flags
  * ZOLTLOG_FAILED for a level outside 1 to 6 that the filter lets through.
  */
 uint32_t zoltLogDiagMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
-                        int64_t messageNumber, const char *format, ...);
+                        int64_t messageNumber, const char *format, ...) ZOLTLOG_PRINTF(6, 7);
 uint32_t zoltLogDiagMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
-                         const char *who, int64_t messageNumber, const char *format, ...);
+                         const char *who, int64_t messageNumber, const char *format, ...)
+    ZOLTLOG_PRINTF(7, 8);
 uint32_t zoltLogDiagMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
-                          const char *who, int64_t messageNumber, const char *format, va_list args);
+                          const char *who, int64_t messageNumber, const char *format, va_list args)
+    ZOLTLOG_PRINTF(7, 0);
 uint32_t zoltLogDiagMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
                           const char *who, const char *text, ZoltLisBlock *block);
 
@@ -802,11 +819,13 @@ uint32_t zoltLogDiagMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags,
  * ZOLTLOG_INVALID_ARGUMENT. They are not copied to the console or the system log.
  */
 uint32_t zoltLogAuditMsg(LogHandle *handle, uint32_t flags, const char *subject, uint32_t outcome,
-                         int64_t messageNumber, const char *format, ...);
+                         int64_t messageNumber, const char *format, ...) ZOLTLOG_PRINTF(6, 7);
 uint32_t zoltLogAuditMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
-                          uint32_t outcome, int64_t messageNumber, const char *format, ...);
+                          uint32_t outcome, int64_t messageNumber, const char *format, ...)
+    ZOLTLOG_PRINTF(7, 8);
 uint32_t zoltLogAuditMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
-                           uint32_t outcome, int64_t messageNumber, const char *format, va_list args);
+                           uint32_t outcome, int64_t messageNumber, const char *format, va_list args)
+    ZOLTLOG_PRINTF(7, 0);
 uint32_t zoltLogAuditMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags, const char *subject,
                            uint32_t outcome, ZoltLisBlock *block);
 
@@ -820,9 +839,9 @@ uint32_t zoltLogAuditMsg2L(LogHandle *handle, uint64_t messageId, uint32_t flags
  * case: when the record cannot be initialised, which is a result of zoltLogInitMsg.
  */
 uint32_t zoltLogSecureAuditMsg(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
-                               int64_t messageNumber, const char *format, ...);
+                               int64_t messageNumber, const char *format, ...) ZOLTLOG_PRINTF(6, 7);
 uint32_t zoltLogSecureAuditMsgV(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
-                                int64_t messageNumber, const char *format, va_list args);
+                                int64_t messageNumber, const char *format, va_list args) ZOLTLOG_PRINTF(6, 0);
 uint32_t zoltLogSecureAuditMsgL(LogHandle *handle, uint32_t level, const char *subject, uint32_t outcome,
                                 ZoltLisBlock *block);
 
@@ -833,11 +852,11 @@ uint32_t zoltLogSecureAuditMsgL(LogHandle *handle, uint32_t level, const char *s
  * lets through.
  */
 uint32_t zoltLogDebugMsg(LogHandle *handle, uint32_t flags, uint32_t level, const char *who,
-                         const char *format, ...);
+                         const char *format, ...) ZOLTLOG_PRINTF(5, 6);
 uint32_t zoltLogDebugMsg2(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
-                          const char *who, const char *format, ...);
+                          const char *who, const char *format, ...) ZOLTLOG_PRINTF(6, 7);
 uint32_t zoltLogDebugMsg2V(LogHandle *handle, uint64_t messageId, uint32_t flags, uint32_t level,
-                           const char *who, const char *format, va_list args);
+                           const char *who, const char *format, va_list args) ZOLTLOG_PRINTF(6, 0);
 /*
  * A debug message whose text is there already; never filtered. ZOLTLOG_FAILED for
  * a level outside 1 to 6; a null text is ZOLTLOG_INVALID_ARGUMENT.
@@ -867,7 +886,7 @@ uint32_t zoltLogFormattedDebugMsg(LogHandle *handle, uint32_t flags, uint32_t le
  * called, gives ZOLTLOG_FAILED.
  */
 uint32_t zoltLogCreateContext(LogHandle *parent, LogHandle *context, const char *token, int64_t messageNumber,
-                              const char *format, ...);
+                              const char *format, ...) ZOLTLOG_PRINTF(5, 6);
 /*
  * Closes a context; no record tells it. Contexts may be closed in any order, also
  * after the parent; the file is closed with its last handle. zoltLogClose is not
@@ -1674,7 +1693,7 @@ void FreeConfigArray(LogCfg **cfgs, uint32_t count);
  * ZOLTLOG_OK for arguments that are not null: *text is left alone when the format is
  * invalid ("%n" is), and null without memory. ZOLTLOG_INVALID_ARGUMENT: text is null.
  */
-uint32_t listxt_svnprintf(char **text, const char *reference, va_list args);
+uint32_t listxt_svnprintf(char **text, const char *reference, va_list args) ZOLTLOG_PRINTF(2, 0);
 /*
  * With a null buffer: measures; *size becomes the bytes that the table gives, and the
  * result is null. With a buffer: appends the block's text to the string in buffer,

@@ -356,7 +356,7 @@ Bytes itemOf(const Bytes &whole, const char *name) {
     if (!skipHeader(&toc, "CmnD", &version) || version != 1 || !numberAt(toc, 0, &count))
         return {nullptr, 0};
     for (uint32_t i = 0; i < count; ++i) {
-        const size_t entry = WORD + i * 2 * WORD;
+        const size_t entry = WORD + size_t{i} * 2 * WORD;
         uint32_t nameAt;
         uint32_t dataAt;
         if (!numberAt(toc, entry, &nameAt) || !numberAt(toc, entry + WORD, &dataAt) || nameAt >= toc.size)
@@ -462,7 +462,7 @@ LisResult openBundle(const char *package, const char *locale, Bundle **out) {
     *out = nullptr;
     if (strlen(locale) >= sizeof name || strchr(locale, '/') != nullptr)
         locale = ROOT;
-    strcpy(name, locale);
+    memcpy(name, locale, strlen(locale) + 1);
     for (int i = 0; i < MAX_CHAIN; ++i) {
         Bundle *opened = nullptr;
         const LisResult result = openOwnBundle(package, name, &opened);

@@ -119,7 +119,7 @@ namespace {
 // Writes an exported word, unless the host has something else of that name.
 template<typename Word>
 void writeWord(Word **word, Word *value) {
-    if (hasSize(word, sizeof *word))
+    if (hasSize(word, sizeof(Word *)))
         *word = value;
 }
 

@@ -210,7 +210,7 @@ bool mayRead(const LogMsg *msg, const void *out, uint32_t types) {
 // clang-format on
 
 #define GETTER_OF_FIELD(name, valueType, types, field)                                                       \
-    uint32_t name(const LogMsg *msg, valueType *out) {                                                       \
+    uint32_t name(const LogMsg *msg, valueType *out) { /* NOLINT: a type */                                  \
         if (!mayRead(msg, out, types))                                                                       \
             return ZOLTLOG_INVALID_ARGUMENT;                                                                 \
         *out = msg->field;                                                                                   \

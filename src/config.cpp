@@ -220,7 +220,7 @@ uint32_t getText(LogCfg *cfg, CfgKeyId id, char **out) {
     uint32_t zoltLogCfgSet##of(LogCfg *cfg, type value) {                                                    \
         return setNumber(cfg, CFG_KEY_##id, value);                                                          \
     }                                                                                                        \
-    uint32_t zoltLogCfgGet##of(LogCfg *cfg, type *value) {                                                   \
+    uint32_t zoltLogCfgGet##of(LogCfg *cfg, type *value) { /* NOLINT: a type */                              \
         return getNumber(cfg, CFG_KEY_##id, value);                                                          \
     }
 #define ACCESS_SWITCH(id, of)                                                                                \

@@ -16,7 +16,7 @@ struct HashKey {
 // The random bytes that the kernel gives to each program it starts.
 inline HashKey processHashKey() {
     HashKey key = {};
-    const auto *random = reinterpret_cast<const void *>(getauxval(AT_RANDOM));
+    const auto *random = reinterpret_cast<const void *>(getauxval(AT_RANDOM)); // NOLINT: tells an address
     if (random != nullptr)
         memcpy(&key, random, sizeof key);
     return key;

@@ -113,7 +113,7 @@ LogFileState *rememberedState;
 // The list of handles is linked both ways, so that a handle leaves it in no time: the one
 // before is told in the room that the handle's context message reserves.
 LogHandle *handleBefore(const LogHandle *handle) {
-    return reinterpret_cast<LogHandle *>(handle->contextMsg.reserved[0]);
+    return reinterpret_cast<LogHandle *>(handle->contextMsg.reserved[0]); // NOLINT: an address there
 }
 
 void setHandleBefore(LogHandle *handle, LogHandle *before) {

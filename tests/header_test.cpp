@@ -9,6 +9,7 @@
 #include "zoltlog.h"
 #include "zoltlog_results.h"
 
+#include <cstdio>
 #include <initializer_list>
 #include <map>
 #include <set>
@@ -211,4 +212,13 @@ TEST(ResultMatcher, AFailureNamesBothResults) {
     EXPECT_FALSE(other);
     EXPECT_STREQ(other.message(), "call()\n  gives    ZOLTLOG_NO_MEMORY (4)\n  and not  ZOLTLOG_OK (0)");
     EXPECT_EQ(support::resultName(7), "no listed result (7)");
+}
+
+TEST(Header, TellsTheProjectsVersion) {
+    EXPECT_STREQ(ZOLTLOG_VERSION, PROJECT_VERSION);
+    int major = 0;
+    int minor = 0;
+    int patch = 0;
+    ASSERT_EQ(sscanf(ZOLTLOG_VERSION, "%d.%d.%d", &major, &minor, &patch), 3);
+    EXPECT_EQ(ZOLTLOG_VERSION_NUMBER, major * 10000 + minor * 100 + patch);
 }

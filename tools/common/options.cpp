@@ -377,7 +377,9 @@ std::string usageLine(const Tool &tool, const Command &command) {
 std::string helpText(const Tool &tool, const Rows &rows, const Command *command) {
     std::string text;
     const bool hasCommands = tool.commands.front()->name[0] != '\0';
-    if (command != nullptr) {
+    if (!hasCommands) {
+        text = usageLine(tool, *tool.commands.front()) + tool.about;
+    } else if (command != nullptr) {
         text = usageLine(tool, *command) + command->help + "\n";
     } else {
         text = std::string("usage: ") + tool.name + " COMMAND [OPTION]... [OPERAND]...\n" + tool.about;
@@ -388,8 +390,6 @@ std::string helpText(const Tool &tool, const Rows &rows, const Command *command)
                     each->help + "\n";
         }
     }
-    if (!hasCommands)
-        text = usageLine(tool, *command) + tool.about;
     const char *heading = nullptr;
     for (const Option *row : rows) {
         heading = row->heading != nullptr ? row->heading : heading;
