@@ -27,8 +27,7 @@
  * Before the header is included:
  *   QDUL_LEVEL_FLOOR       highest level of debug and diagnostic messages that the macros
  *                          compile at all; default 6, all
- *   QDUL_SOURCE_LOCATION   file and line are put behind the text of each message but those
- *                          of a printf format: "file=server.cpp line=12"
+ *   QDUL_SOURCE_LOCATION   file and line are put behind ready texts: "file=server.cpp line=12"
  */
 #ifndef QDUL_HPP
 #define QDUL_HPP
