@@ -120,6 +120,21 @@ class Bounds(unittest.TestCase):
         self.assertEqual((status, err, os.path.exists(path)), (0, b"", False))
         self.assertEqual(os.stat(f"archive/{path}").st_size, 2**40)
 
+    def test_times_at_the_ends_of_their_numbers(self):
+        times = [-2**63, 2**63 - 1, -2**63 + 1, 0]
+        with open(NAME % 0, "wb") as file:
+            file.write(HEADER)
+            for number, time in enumerate(times, 1):
+                file.write(b"2,5,7,7,%d,%d,42,43,0:,4:text,3:mgr,0,(0|)\n" % (number, time))
+        more = [["qdlogview", "--gaps", "."], ["qdlogview", "--list-runs", "."], ["qdlogview", "--stats", "--per=day", "."]]
+        for tool, *words in READERS + more:
+            status, _, err = self.run_it(tool, *words)
+            self.assertIn(status, (0, 1, 4), (words, err))
+            self.assertNotIn(b"runtime error", err, words)
+        self.assertEqual(self.run_it("qdlogview", "--template={msgid}", ".")[1].split(), [b"1", b"2", b"3", b"4"])
+        status, out, _ = self.run_it("qdlogview", "--verify", ".")
+        self.assertEqual(out.count(b"time goes back by"), 1)
+
     def test_what_is_no_regular_file_is_not_opened(self):
         with open(NAME % 0, "wb") as file:
             file.write(HEADER + record(1))
