@@ -1,5 +1,6 @@
 // Resource bundles of any bytes: every entry is read, looked up again by its key, and no
 // byte outside of the file is looked at (the sanitizers tell).
+#include "fuzz/scratch.h"
 #include "lis/bundle.h"
 
 #include <cstdint>
@@ -15,21 +16,6 @@ namespace {
 
 const uint32_t MOST_ENTRIES = 10000; // a damaged bundle may claim thousands of millions
 
-// A package of one locale in a directory of its own.
-std::string package() {
-    static std::string path;
-    if (path.empty()) {
-        path = "/tmp/qdul-bundle-fuzz.XXXXXX";
-        if (mkdtemp(path.data()) == nullptr)
-            abort();
-        atexit([] {
-            unlink((path + "/root.res").c_str());
-            rmdir(path.c_str());
-        });
-    }
-    return path;
-}
-
 void use(const UChar *text, int32_t length) {
     volatile UChar sum = 0;
     for (int32_t i = 0; text != nullptr && i < length; ++i)
@@ -39,13 +25,11 @@ void use(const UChar *text, int32_t length) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const std::string path = package();
-    const int file = open((path + "/root.res").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (file < 0 || write(file, data, size) != static_cast<ssize_t>(size))
-        abort();
-    close(file);
+    const std::string package = scratch::directory() + "m";
+    (void)mkdir(package.c_str(), 0700);
+    scratch::writeFile(package + "/root.res", data, size);
     Bundle *bundle = nullptr;
-    (void)openBundle(path.c_str(), "de_AT", &bundle);
+    (void)openBundle(package.c_str(), "de_AT", &bundle);
     int32_t length = 0;
     for (const char *key : {"1", "1001", "zz", ""}) {
         const UChar *text = findText(bundle, key, &length);
