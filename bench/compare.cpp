@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The side-by-side program: our message path, the limits that the kernel sets, and
 // other logging libraries, in interleaved rounds on equal work. Prints a table of
 // medians as ratios to the base loop of the same run, and writes it as JSON.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the two side-by-side programs share: contenders, each of which writes one formatted
 // message of about 80 bytes, with one number and one text, so that it is in the kernel when
 // the call returns; and how one of them is measured beside the base loop.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measuring for the side-by-side programs.
 #include "compare.h"
 

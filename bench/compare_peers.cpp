@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The other logging libraries, each set to write every message at once. Measures each of
 // them once and prints its figures for `compare`:
 //

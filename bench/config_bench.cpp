@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the configuration costs: reading and changing it through the library, and what the
 // tool makes of it, each as a ratio to one bare pass over the same bytes (open, read in large
 // parts, find each line feed) in the same run.

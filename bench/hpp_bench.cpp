@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What qdul.hpp adds to the C calls: calls of both in turns, so that they meet the machine in
 // the same state; the counters are the medians of a call and their ratio, which is to be 1.05
 // or less. A filtered message is compared by its mean, since one is shorter than the clock.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The search for the latest file in a directory of 100,000 files, against a bare
 // readdir loop over the same directory. The counter "ratio" is search / loop.
 #include "zoltlog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Listing, choosing surplus files and rolling over with recycling in a directory of
 // many files (100,000, or QDUL_BENCH_FILES), each against a bare loop of open, read
 // and close over the same files in the same iteration. "ratio" is the median of the

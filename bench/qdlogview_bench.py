@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Counts, filters and exports 100 files of records with qdlogview, and does the same
 with grep -c or cat on the same files, in turn. Prints medians and ratios, and writes
 them as JSON beside the bench programs. Times are those of the processor (user and

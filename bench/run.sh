@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the benchmarks of the bench build and writes their figures as JSON beside
 # the programs: bench/run.sh [compare|NAME...]   (default everything; config is config_bench)
 set -euo pipefail

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints the list of record fields for the manual page of qdlogview, in its source form,
 // from the table of fields.
 #include <cstdio>

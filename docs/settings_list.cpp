@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Prints the list of settings for the documents, from the table of configuration keys:
 // "manual" in the manual page's source form, "markdown" as the rows of
 // docs/format-config.md.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * An agent: runs for a long time and watches something; here, the load of the machine.
  *

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # From nothing to log files on the screen: configuration, messages of several
 # programs at a time, rollover, recycling, reading, and a count of everything.
 #

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * An installer: registers its product with the logging system and sets it up.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A log-management tool: finds the log files of a product and tidies up.
 //
 // Shows: reading all configurations of a product; listing the files of each series,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdul.hpp: a service that handles requests, each with a context of its own.
 //
 //     requests PRODUCT ORIGINATOR [REQUESTS]

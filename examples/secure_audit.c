@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A writer of secure audit messages: they go to the system log and to no file.
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A server: many requests at a time, each with a context of its own.
 //
 // Shows: one log handle for all threads; a small C++ owner for handles and contexts;

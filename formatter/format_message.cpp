@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The formatter plug-in: a message record as one line that is safe to show.
 #include "zoltformat.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * zoltformat.h - the formatter plug-in libzoltLogFormatMsg.so.3.
  *

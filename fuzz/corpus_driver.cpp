@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs a fuzzer's entry over every file of the given directories, so that a
 // build without libFuzzer replays the corpus as a regression test.
 #include <cstdint>

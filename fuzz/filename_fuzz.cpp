@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // File names of any bytes: they must be split as strtok and strtol split them, and
 // the latest file of a directory must be the one that scanf and mktime call so.
 #include "zoltlog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plug-in's line for messages with any texts, in several encodings: one line, which
 // controls no terminal.
 #include "formatter/zoltformat.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Headers and records of a log file with any bytes: the header must be what scanf's
 // own conversions make of the first line, the records must be the file's lines.
 #include "zoltlog.h"

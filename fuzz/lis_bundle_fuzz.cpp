@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Resource bundles of any bytes: every entry is read, looked up again by its key, and no
 // byte outside of the file is looked at (the sanitizers tell).
 #include "fuzz/scratch.h"

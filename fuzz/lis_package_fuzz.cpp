@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Packages in one file, of any bytes: each locale's texts are looked up, and no byte outside
 // of the file is looked at (the sanitizers tell).
 #include "fuzz/scratch.h"

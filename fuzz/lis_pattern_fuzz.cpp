@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Formats and catalogue patterns of any bytes. The input is a program's format, a
 // NUL and a catalogue's pattern. What the format makes of arguments that match it
 // has to be what printf makes of them; the pattern may fit or not, but must never

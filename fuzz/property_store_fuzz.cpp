@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds arbitrary bytes to the property store and the configuration reader as a file, and
 // checks what must hold of any file: a value set is found, one pass answers as a lookup does,
 // a removed key is gone, the other sections keep their lines.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Query trees of any shape, as a program may build them from what it is given: nothing
 // outside of them is touched, and the same tree gives the same answer for the same file
 // however often it is asked.

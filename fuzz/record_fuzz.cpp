@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Fuzzes the parser of names, headers, records and argument blocks. The first byte
 // selects the record version; the rest is a file name, or lines.
 #include "common/record.h"

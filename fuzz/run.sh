@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # Runs the fuzzers of the fuzz build, as many at a time as there are processors, each from its
 # corpus for a time, and prints what of the instrumented code each has reached.
 #

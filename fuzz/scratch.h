@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A directory in memory for inputs that are read from files, removed at the end.
 #pragma once
 

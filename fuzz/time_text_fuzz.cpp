@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Times, spans and sizes as users type them: what is understood is written in a form that is
 // understood as the same.
 #include "common/time_text.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Queries of --where, of any bytes: what is understood is asked of records, and its tree for
 // files lets every file through that holds a record for which the query holds.
 #include "common/record.h"

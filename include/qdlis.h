@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * qdlis.h - the open localization library's own calls, beside those of zoltlis.h:
  * where message catalogues lie, and blocks built item by item.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /*
  * qdul.hpp - libqdul for C++17, header only: nothing to link but libqdul.
  *

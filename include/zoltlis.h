@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * zoltlis.h - the calls that the logging library expects of the localization
  * library libqdlis.so.3.

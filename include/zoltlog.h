@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * zoltlog.h - the unified logging library (libqdul.so.3): the manual of every
  * exported operation.

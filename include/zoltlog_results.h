@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * zoltlog_results.h - the names and texts of the library's result codes. Header only,
  * for C11 and C++17: a program that prints a result needs nothing else.

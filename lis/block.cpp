@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Storage of a block: its items, the iterator over them and the getters.
 
 #include "lis.h"

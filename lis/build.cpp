@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calls of qdlis.h: catalogues, and blocks item by item.
 
 #include "lis.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // ICU resource bundles as catalogues are made of: the texts that a bundle has at its top
 // level, in a locale and those that it falls back to.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message catalogues: ICU resource bundles with decimal numbers as top-level keys
 // and printf patterns as texts.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // printf formats: their grammar, and what a conversion makes of a value.
 //
 //   conversion = "%" [position "$"] flags [width] ["." [precision]] [length] letter

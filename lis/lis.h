@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the parts of the localization library share:
 //
 //   block.cpp    storage of a block: its items, the iterator, the getters

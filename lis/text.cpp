@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A block from a format: zoltLisVEx and zoltLisTextV.
 
 #include "lis.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The formatter plug-in, as the console and the system log use it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record encoder: one LogMsg becomes one line of text. It knows the record,
 // the buffer and the localization library; it opens and writes nothing.
 //

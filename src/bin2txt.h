@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record encoder, for its neighbours: how a record's strings are to be taken, and the
 // encoding with what the writer keeps from one record for the next.
 #pragma once

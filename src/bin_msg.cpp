@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The message record: initialisation with the next sequence number, attributes, getters,
 // release.
 #include "bin_msg.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The message record, for the units that build records themselves.
 #pragma once
 

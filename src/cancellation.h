@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Thread cancellation, off for the length of a scope: a thread that is to be cancelled goes on
 // until what the scope holds is given back. Deferred cancellation only.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Small routines that every unit uses. The conversions go through ICU's UTF-16; on
 // the way of a message the tests of isUtf8AsItIs save them.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the library's own units use of the common routines besides the exported
 // operations: the tests that save conversions on the way of a message.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration record: life cycle, accessors, rollover modes as text.
 //
 // Reading it from the files is config_read.cpp's, writing config_write.cpp's, the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Configuration values between file and record: one function takes a value in, one shows
 // it as it is written, for every kind of key of the table in config_keys.h.
 //

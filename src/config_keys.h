@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration keys: one row each. The record's defaults, its copies, the accessors,
 // reading, both writers, qdlogcfg, its manual page and the list in docs/format-config.md
 // are made from or checked against this table.

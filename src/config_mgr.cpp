@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Management of log files: which files of a series are surplus, and fetching them.
 //
 // Owns: reading the configurations that an operation needs, choosing surplus files,

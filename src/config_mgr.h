@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Management of log files: shared between its files.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Management of log files: copying, linking and deleting one.
 #include "config_mgr.h"
 

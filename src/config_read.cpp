@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading the configuration: where it lies, single records, all records.
 //
 // Sections: location; single texts; the keys of a section; one originator, one log

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Following the product's file while a handle is open, and the product's own switch for
 // application messages.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writing the configuration: records, registration of products.
 //
 // What one call changes is one rewrite of the file, or nothing. The global lock is held

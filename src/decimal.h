@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole numbers as decimal text: written into records, headers and names, and read back
 // as scanf reads them. Neither depends on the locale.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Localized text: turns the typed items of a localization block into text.
 //
 // This unit owns the look of every item type. It leaves the making of blocks

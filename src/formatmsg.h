@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Localized text: the text of a message's localization block, made whole.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A growable array of plain records, for every unit of the libraries.
 #pragma once
 

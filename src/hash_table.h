@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hash table of the libraries, for names that anyone may have chosen: the hash
 // (SipHash-1-3) has a key of its own in each process, so that nobody can plant names
 // that share their slots.

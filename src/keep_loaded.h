@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeping a library in the process whose own memory cannot be given back.
 #pragma once
 

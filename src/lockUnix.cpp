@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The strict recursive lock. Misuse ends the process: a program that released the
 // lock wrongly once would go on with records half written.
 #include "lockUnix.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The process-wide recursive lock, for the library's own units.
 #pragma once
 

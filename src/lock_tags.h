@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tags under which the library takes its lock. A tag is told by its address,
 // so each one is a single object: acquire and release name the same constant.
 #pragma once

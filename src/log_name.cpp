@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Names of log files and their header line. The grammar stands in log_name.h.
 //
 //   Texts         a part of a line, and numbers taken from it exactly

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Names of log files and their header line: formed and parsed here, for the library and
 // the tools, and nowhere else.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Platform services: log files and their directories, the host's name and number. It
 // knows nothing of the lock, of messages or of what is in the files. Configuration files are the property
 // store's (utiPropertyStoreFile).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files, directories, host and process identity: what other units use besides the
 // exported operations.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the system-log sink shares with the configuration.
 #pragma once
 

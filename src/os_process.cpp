@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Process and thread identity.
 #include "os_process.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which process this is. Words that begin as zero in every process, however it was made.
 #pragma once
 

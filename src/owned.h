@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The owner of a block of malloc's or zoltLogMalloc's, and of a text made of two.
 #pragma once
 

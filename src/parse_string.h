@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Name lists, the string hash and the table of context titles.
 #pragma once
 

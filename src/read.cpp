@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading log files: lines, headers, what file names and date texts tell.
 //
 // It owns the record reader, the header readers and the log file entry. The forms of

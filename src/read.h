@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading the log catalogue: the bounds of what is read from files that anyone may have
 // written. Names and the header line are log_name's.
 #pragma once

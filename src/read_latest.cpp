@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The latest log file of a series: one pass over the directory, told by the names
 // alone. The grammar of the names is in log_name.h.
 #include "read.h"

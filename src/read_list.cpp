@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Listing of log files.
 //
 // Owns: gathering the files of configurations, the admission of each file, dropping

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The log files of a set of configurations, gathered in records small enough to keep
 // for a hundred thousand files. GetLogFiles turns all of them into the boundary's
 // entries, the search for surplus files only those that it yields.

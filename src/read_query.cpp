@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Query trees: comparisons over the attributes of a log file, joined by operators.
 //
 // Owns: the evaluation of a tree for a listed file (attributes of the name and the

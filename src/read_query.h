@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Query trees over log files: what the listing asks of them.
 #pragma once
 

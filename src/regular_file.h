@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening a file that anybody may have put there: nothing but a regular file is opened at
 // all, since opening a terminal, a watchdog or a tape has effects of its own, and opening a
 // FIFO waits. Needs the C library only.

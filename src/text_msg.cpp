@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The growable text buffer: storage, growth, and the end of a record.
 #include "text_msg.h"
 

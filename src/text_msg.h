@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The growable buffer that records are encoded into and read through.
 #pragma once
 

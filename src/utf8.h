@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walking through UTF-8, for every unit of the libraries.
 #pragma once
 

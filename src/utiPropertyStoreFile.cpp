@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The property store in a file: syntax, open and close, lookups, enumerations.
 // Rewriting is in utiPropertyStoreFile_rewrite.cpp, reading many keys in one pass in
 // utiPropertyStoreFile_index.cpp.

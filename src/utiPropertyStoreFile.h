@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The property store's file syntax and the ways of reading a file in one pass,
 // for the store's own files and for the configuration units.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What changes of properties make of a file's lines, in memory, and the exported operations
 // that change a file.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading many keys of a property store file in one pass, with the same answers as
 // one lookup per key: the first line of a key wins, lines are cut at STORE_LINE_MAX.
 #include "utiPropertyStoreFile.h"

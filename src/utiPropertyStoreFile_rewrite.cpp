@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rewrite of a property store file: one writer at a time, a file of its own, published
 // whole. What a change makes of the lines is utiPropertyStoreFile_change.cpp's.
 //

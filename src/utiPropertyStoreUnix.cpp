@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The public names of the property store. Each forwards to the implementation
 // for files, which is the only one on this platform.
 #include "zoltlog.h"

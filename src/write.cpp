@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Handles and dispatch: opens and closes log handles, passes each message to the writer
 // and to the sinks, keeps levels and sequence numbers. Leaves to others: reading the
 // settings (config), files (write_file), message texts (formatmsg), console and system

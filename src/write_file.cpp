@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The writer of log files: keeps one file open per series, appends records to it and
 // starts the next one when the rollover rule says so.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The writer of log files, for its own parts: the record of a series, opening, creation,
 // who holds a file, the host's number, recycling.
 #pragma once

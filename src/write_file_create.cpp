@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Creation of log files: a file appears under its name with its header line already in
 // it, also when several processes start it at the same moment. It is made without a
 // name, or under a name that listings skip, and then linked; a link never replaces a

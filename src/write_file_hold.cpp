@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How the writers of a file, and the process that recycles it, keep out of each other's
 // way. Everything is asked without waiting, and the system gives all of it back when a
 // process dies.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The number of this host in the names of an originator's files. The name service that
 // tells it may take its time, so it is asked without the global lock: by whoever opens a
 // series, and after a message whose rollover found the number out of date. Rollovers

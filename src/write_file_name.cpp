@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Paths of log files and their header, as the writer makes them. What names and header
 // lines look like is log_name's.
 #include "write_file.h"

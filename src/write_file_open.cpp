@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening the files of a series, for the writer: resumes its latest file or starts the
 // next one, and tells when a LocalTime or Periodic rollover of it is due. On failure no
 // file is open and the state still tells of the one before.

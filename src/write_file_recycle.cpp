@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log recycling: what a rollover does with the files that a series no longer keeps. A file
 // that another writer of this machine still writes to is left for later: see removeFile.
 #include "write_file.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The message entry points of the five families, and contexts.
 //
 // Owns: which argument decides what, the level filters, making the text or the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the object calls, found at run time: the C library's system log, which stands behind
 // it, and libqdul.
 #pragma once

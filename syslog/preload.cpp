@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // libqdul-syslog.so: the calls of <syslog.h>, whose messages become records of an originator.
 // What cannot become one goes to the C library's system log, which stands behind this object.
 //

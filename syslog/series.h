@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An open series of log files, for the messages of one program.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text of a message: as the program formatted it, and as a record holds it.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records, byte for byte. The localization library is played by this program: a
 // block's first word points to the FakeBlock that tells what each call yields.
 #include "support/results.h"

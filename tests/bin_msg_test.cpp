@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The message record: initialisation, attributes, getters, release. This program
 // sets the time of day and plays zoltLisFree.
 #include "support/results.h"

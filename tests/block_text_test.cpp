@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text that an argument block makes without a catalogue: pieces, values, nesting, damage.
 // What catalogues make of it is tested on the whole program (qdlogview_catalogue_test.py).
 #include "common/block_text.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A thread that is to be cancelled goes on until the operation that it is in is done: nothing
 // is left behind, and the lock is free.
 #include "support/log_records.h"

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The checks, one step after the other; a step that fails does not keep the others from
 # running, but the end is a failure. CHECK_FACTOR (1) multiplies what is tried at random:
 # the orders of shuffle, the sequences of model and the time of fuzz.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // System-log settings and log file permissions.
 #include "support/results.h"
 #include "support/support.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writers of one configuration file beside each other for a long time, and writers killed at
 // random moments; what ./dev check config runs. The environment tells how much:
 //

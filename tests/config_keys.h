@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration keys as their format has them, for the tests of record, reading and
 // writing: what belongs to a key stands here once, in three lists. A new key gets its rows here.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration operations hold the global lock under their own tags: seen at each
 // file that they open meanwhile.
 #include "support/support.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading the configuration: location, sections, keys, inheritance, collections.
 #include "src/config_keys.h"
 #include "support/cases.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration record: defaults, copies, accessors, masks, rollover modes, names.
 #include "src/config_keys.h"
 #include "support/results.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The dynamic reload and the product's switch, with a clock and a counted stat of the test's own.
 #include "support/results.h"
 #include "support/support.h"

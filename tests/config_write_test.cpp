@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writing the configuration: records, registration of products.
 #include "src/config_keys.h"
 #include "support/cases.h"

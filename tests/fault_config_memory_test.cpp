@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Running out of memory while the configuration is read and written: a result, no crash, no
 // record half owned, nothing lost of the file, and the same call succeeds afterwards.
 #include "support/support.h"

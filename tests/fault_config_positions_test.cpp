@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Each operation of the configuration with a failure at each position: the first, second, ...
 // allocation, opening, reading, writing, syncing or naming of a file fails, once or from then
 // on. The result is the listed one, the files are the old ones or the new ones, nothing is

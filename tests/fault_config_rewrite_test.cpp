@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rewrites of configuration files under faults: every system call fails once, the disk is
 // full at every point, the process is killed at any time.
 #include "support/support.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writers of one configuration file beside each other and beside those who may only read it;
 // what cannot be read; what a rewrite keeps.
 #include "support/support.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Localized text over a localization library that fails or misbehaves: this
 // program brings its own calls of zoltlis.h, which the logging library uses.
 

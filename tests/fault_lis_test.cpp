@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The localization library when memory ends: this program's allocator fails the
 // chosen allocation and all later ones.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Listing, surplus files, fetching and copying while each allocation, then each system
 // call on files, fails once.
 #include "support/results.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message calls, contexts, outputs and the formatter plug-in when memory runs out.
 #include "support/log_records.h"
 #include "support/results.h"

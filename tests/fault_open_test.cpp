@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every allocation of opening, rolling over and contexts failing once.
 #include "support/log_records.h"
 #include "support/results.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record, the encoder and the readers when memory runs out: each allocation of
 // an operation fails once, in turn. This program replaces the allocator's functions.
 #include "support/cases.h"

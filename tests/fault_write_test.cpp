@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the writer survives: full devices, failing and short writes, no descriptors, and
 // every system call of its own failing once.
 #include "support/cases.h"

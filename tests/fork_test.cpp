@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // New processes of every kind: none waits for a thread that only its parent has, and each
 // record has the number of the process that wrote it.
 #include "support/log_records.h"

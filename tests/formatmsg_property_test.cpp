@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For every printf format and arguments that match it, the text that the library
 // makes is the text that the C library makes.
 

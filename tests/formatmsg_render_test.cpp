@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The internal rendering of a message's text, which the dispatcher uses: the unit
 // is compiled into this program.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Localized text: the look of every item type in both passes and as wide text,
 // the bounds of the writing pass, and the texts made for messages.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The growable array of plain records.
 #include "src/grown.h"
 

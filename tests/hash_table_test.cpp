@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The hash table, and the hash that nobody can plant collisions for.
 #include "src/hash_table.h"
 #include "zoltlog.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The values behind the public headers' names. They are part of the interface: programs
 // that were built with them, and files that hold them, do not change with a header. All
 // other tests use the names.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The order, width and place of every field of the public records: programs built with an
 // older header lay them out in the same way. Each record is listed whole; a field that is
 // added, dropped, moved or widened makes what follows it lie elsewhere than listed.

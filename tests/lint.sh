@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # clang-format over all our sources and what it does not see: file-local names stand in an
 # anonymous namespace, C++ includes <cstring> and not <string.h>. clang-tidy over what the
 # debug build compiles; of tests, benchmarks and fuzzers it reads the names only.
@@ -10,6 +11,12 @@ mapfile -t sources < <(git ls-files '*.cpp' '*.c' '*.h' '*.hpp')
 if [ "$what" != tidy ]; then
     clang-format --dry-run --Werror "${sources[@]}"
     echo "clang-format: ${#sources[@]} files are formatted"
+    mapfile -t unlicensed < <(git ls-files '*.cpp' '*.hpp' '*.c' '*.h' '*.py' '*.sh' '*CMakeLists.txt' '*.cmake' dev .ci |
+        xargs grep -L 'SPDX-License-Identifier: Apache-2.0')
+    if [ ${#unlicensed[@]} != 0 ]; then
+        printf '%s: no SPDX line\n' "${unlicensed[@]}" >&2
+        exit 1
+    fi
     if git grep -nE '^static [^_]' -- '*.cpp' '*.h' ':!include/*'; then
         echo "file-local names belong into an anonymous namespace" >&2
         exit 1

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Messages in the words of catalogues: locales, fallback, fitting of patterns,
 // caching, threads and fork.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Catalogues that are cut or changed at random, in every version of the file, alone and as a
 // package in one file: every operation on them ends, what is cut is missing, and no byte
 // outside of the file is read (the sanitizers tell).

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text of a common format at once, against the way through a block and against
 // the C library.
 #include <climits>

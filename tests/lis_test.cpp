@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Localization blocks: what a format makes of its arguments, the items of a
 // block, and blocks built item by item.
 

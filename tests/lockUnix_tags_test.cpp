@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which operation takes the global lock under which tag. The lock asks for the thread's
 // identity when it is released, while the released tag still stands in its record: this
 // program's own pthread_self looks at it there.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Names of log files and their header line: what is formed is read back, by every reading.
 #include "src/log_name.h"
 #include "support/support.h"

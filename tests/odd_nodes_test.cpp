@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whatever kind of node lies where the library reads: its calls end, and nothing but regular
 // files is opened, since opening a terminal, a watchdog or a tape has effects of its own.
 #include "support/log_records.h"

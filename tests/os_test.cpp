@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Files, directories, host and process services. The system calls that a test lets fail
 // or answer are replaced in this program; otherwise the real ones do the work.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What qdlogcfg makes of configuration files against what the library makes of them; the
 // tool's reading is compiled into this program.
 #include "support/support.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdul.hpp with formats of braces, of {fmt} where it is installed, else of the C++ library.
 #if __has_include(<fmt/format.h>)
 #define FMT_HEADER_ONLY

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdul.hpp with file and line behind the texts, and with a floor of levels.
 #define QDUL_SOURCE_LOCATION
 #define QDUL_LEVEL_FLOOR 2

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdul.hpp: the classes over the library's calls. Formats with braces and source locations
 // have programs of their own (qdul_hpp_format_test, qdul_hpp_located_test).
 #include "qdul.hpp"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Configuration files under several processes and threads at once.
 #include "support/cases.h"
 #include "support/support.h"

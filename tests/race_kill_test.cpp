@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writers that are killed in the middle of what they do, beside one that survives: every
 // record that was accepted is read once, and what a kill leaves behind breaks no other.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Many threads that log messages of all kinds through shared handles and contexts.
 #include "support/lis_items.h"
 #include "support/log_records.h"

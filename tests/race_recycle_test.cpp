@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Recycling beside other writers of a series: what a call accepted is in a file that has
 // its name, in other processes and through other handles of the same one.
 //

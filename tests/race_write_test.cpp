@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Several processes and threads write one series at the same time.
 #include "support/results.h"
 #include "write_series.h"

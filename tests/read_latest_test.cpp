@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The search for the latest file of a series. This program gives the host its
 // address, counts opened files and makes large directories.
 #include "support/support.h"

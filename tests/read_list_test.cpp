@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "support/results.h"
 #include "support/support.h"
 #include "support/syscalls.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading log files: lines, headers, entries, names, date texts.
 #include "support/results.h"
 #include "support/support.h"

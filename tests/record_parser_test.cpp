@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tools' parser of names, headers and records: from literal lines, from records
 // that the library encodes (the localization library is played by this program),
 // and through damaged files.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log recycling, through the writer: what a directory holds after each rollover.
 #include "support/results.h"
 #include "support/support.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // How much stack the operations need: the manual promises 24 KB at most, so that threads
 // of 32 KB can log. Small accessors are left out.
 #include "support/lis_items.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The calls of syslog(3) as libqdul-syslog.so makes them. Behind it stands the system log of
 // plugins/system_log.h; settings are read once per process, so each case has one of its own.
 #include "support/cases.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tools share: escaping, colour, tables, json, options, names of results,
 // fields, verification.
 #include "common/fields.h"

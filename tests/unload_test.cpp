@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A program that unloads the libraries keeps nothing of them.
 #include "support/support.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compressed files read as what they hold: in order, back and forth, joined, cut, damaged.
 #include "common/unpack.h"
 #include "support/support.h"

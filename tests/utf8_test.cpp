@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Walking through UTF-8: every character there and back, and what is none.
 #include "src/utf8.h"
 

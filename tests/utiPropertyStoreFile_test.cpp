@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The property store: syntax, lookups, exact bytes after every change, enumerations,
 // comparison with a plain second implementation.
 #include "support/support.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Handles that share a file, and the order in which they are closed.
 #include "support/results.h"
 #include "write_series.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The series of a log set.
 #include "support/results.h"
 #include "write_series.h"

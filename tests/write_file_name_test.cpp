@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Names of log files and their header line, byte for byte.
 #include "support/results.h"
 #include "write_series.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening a series: the first file, resuming the latest, what is refused.
 #include "support/results.h"
 #include "write_series.h"

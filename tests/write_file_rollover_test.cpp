@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rollover by size, what rolls and what does not, and contexts in new files.
 #include "support/results.h"
 #include "write_series.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rollover by local time and by period, the periodic reopen, and what a strange clock
 // does to them. Times are those of Central Europe: UTC+1, in summer UTC+2.
 #include "support/results.h"

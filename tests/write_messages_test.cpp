@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Message entry points and contexts, from the call to the bytes in the file.
 #include "support/lis_items.h"
 #include "support/log_records.h"

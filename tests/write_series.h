@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // For the tests of the writer: a clock and a host that the test decides on, settings
 // made by hand, handles opened on them, and messages whose bytes are known.
 #pragma once

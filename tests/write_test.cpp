@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Handles through the configuration, the dispatcher, levels and sequence numbers.
 #include "support/log_records.h"
 #include "support/results.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Does the steps to the library, in the current directory, with clock and host replaced.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rules of writing, stated a second time: what the files of a directory hold, byte for
 // byte, after each call, and what the call yields. Written from the documentation of the
 // format and of the operations, without any of the library's code; it keeps a directory of

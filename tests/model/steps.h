@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Steps of a sequence: made from a seed, shown on a line each, and done to the model.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Random sequences of calls, with clock steps and with others who touch the files, done to
 // the library and to a model of the rules (model.h). After each step the results and every
 // byte of every file have to be the same. A sequence that differs is made as short as it

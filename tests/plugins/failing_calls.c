@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Preloaded into programs: calls that the environment tells fail, and the files that are opened
  * are listed.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A host program that knows the library only at run time, and forks: its own fork handlers
  * may be registered before the library's or after, and use the library as well.

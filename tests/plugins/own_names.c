@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* A program that has its own objects under the library's exported names, of other sizes:
  * it fills a device, has a message rendered for the system log, and looks at what became of them. */
 #include <stdint.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Preloaded into a program: each look at the clock finds it two minutes later. */
 #include <time.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A system log for tests, in the place of the C library's: it keeps what it is told.
 #pragma once
 

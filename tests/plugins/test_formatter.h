@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 /* What a test's formatter plug-in was asked last. */
 #ifndef TEST_FORMATTER_H
 #define TEST_FORMATTER_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * A host program that loads a library, uses it and unloads it, again and again:
  *

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Argument lists for printf made at run time.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What keeps the cases of one test program apart, whichever of them run, in which order
 // and how often. support/test_main.cpp gives each its own directory and restores the
 // environment, locale, handlers and limits; this is for what only the program knows.

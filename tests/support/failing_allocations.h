@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lets chosen allocations of the process fail, and counts blocks. Include it in the one
 // source file of a test program, after <cstdlib>: it replaces the allocator's functions
 // there, for the libraries too. With a sanitizer, which brings its own allocator, nothing is

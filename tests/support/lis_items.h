@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A localization block as one line, for tests that look at its items.
 #pragma once
 

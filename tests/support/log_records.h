@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log files of a test, set up and read back.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares result codes by name: a failure prints "ZOLTLOG_NO_MEMORY (4)", not "4".
 #pragma once
 

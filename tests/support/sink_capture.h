@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Captures what the library sends to the system log and selects the formatter
 // plug-in that it loads, by hooks on the C library's functions (syscalls.h).
 // To be included by one source file of a test program.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Calls of the C library that a test watches, changes or lets fail. Included by the one
 // source file of a test program, it puts its own functions in front of the library's, for
 // the test and for the libraries under test; each passes on to the real one until a case

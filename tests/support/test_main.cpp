@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The main program of every unit test. Each case begins alike, whichever ran before it:
 // in a new empty directory of its own, with the environment, locale, time zone, umask,
 // signal handlers and limits that the program began with, and nothing prepared by

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Calls of the thread library that a test watches or lets fail; see syscalls.h.
 #pragma once
 

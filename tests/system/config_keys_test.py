@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The documents' lists of settings against the library's table of configuration keys."""
 import os
 import re

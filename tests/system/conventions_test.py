@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """What CONTRIBUTING.md asks of the sources: every case can fail, every note on a kept oddity names
 a case that pins it, and calls of the C library are replaced in one place."""
 import glob

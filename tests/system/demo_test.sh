@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The demonstration succeeds, keeps to its directory, and notices what is missing.
 set -euo pipefail
 demo=$QDUL_SOURCE/examples/demo.sh

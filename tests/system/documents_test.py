@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """What documents say of programs: README's first example compiles, runs and prints what README says; the
 rows of docs/performance.md are called what the benchmark prints."""
 import glob

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """What the built libraries promise to the linker: the exported names are exactly those
 that the headers declare, the sonames, the libraries they need, and how they are hardened;
 and every public header compiles alone."""

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The compiler checks the formats and arguments of every call of the library that takes a
 printf format."""
 import os

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """qdul.hpp as users compile it: alone, in every standard and with their warnings, with and without exceptions
 and RTTI; a wrong format argument is a warning; a library that uses it exports nothing of it; and the example."""
 import re

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # What is installed is enough to build and run programs in C and C++.
 set -euo pipefail
 fail() {

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """docs/known-commands.md: every command that it gives as ours runs and finds what it is for."""
 import gzip
 import os

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Which unit of src/ uses which, as the built objects' symbols tell, is what the table
 "Layers" of docs/architecture.md allows: every use points forward in it."""
 import os

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The sources of the manual pages: what scdoc makes of them, and what it would join."""
 import glob
 import os

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Whatever kind of node lies under a name that a tool reads: the tool ends, and opens nothing
 but regular files, as strace tells where it is installed."""
 import os

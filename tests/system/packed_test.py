@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Compressed log files are read like plain ones: alone, among others, from both ends, by every tool."""
 import ctypes
 import gzip

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The places that CONTRIBUTING.md lists for each kind of change are all that it takes: trial changes are
 made there in a copy of the tree, what they touch is built, and the change is there. The places are as many
 as docs/architecture.md says."""

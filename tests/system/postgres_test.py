@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """A real server that forks for every connection: PostgreSQL logs each statement through libqdul-syslog.so,
 to a series that rolls over by size, while pgbench opens a new connection for every transaction. What pgbench
 reports is what is found: no statement and no connection is missing or there twice, and each record has the

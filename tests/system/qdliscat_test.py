@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """qdliscat over good, faulty and damaged catalogues."""
 import os
 import random

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """qdlogcfg as a new user would use it, from an empty directory."""
 import fcntl
 import json

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """qdlogger: what it writes, what it says and how it ends."""
 import os
 import re

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """qdlogmgr as an administrator uses it, on series that the test lays out."""
 import json
 import os

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Contexts whose message came from a catalogue have an argument block in place of a text: it is rendered
 wherever a text is shown, searched, counted or exported."""
 import csv

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Records in the forms that other systems take: every byte of a hostile text arrives or is replaced as the
 form says, and what is read back is what was written."""
 import json

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """qdlogview -f: behind a writer, over rollovers, stopped and resumed; round trip with the library."""
 import json
 import os

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The manual of qdlogview: lists every option, and each of its examples runs."""
 import os
 import re

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """qdlogview on files made byte by byte: selection, order, output, reports, exit codes."""
 import csv
 import io

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """What the tests of whole programs share. Each script runs in a new empty directory, HERE."""
 import os
 import re

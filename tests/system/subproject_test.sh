@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
 # The library inside another project, by add_subdirectory and by FetchContent: its targets have
 # the names of the installed package, and nothing but the libraries is built.
 set -euo pipefail

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """libqdul-syslog.so, preloaded into programs and linked to them: what it exports and needs; programs with
 threads, forks and exec, fortified and not; before main; a client in Python; a set-user-id program; and that
 the table of the manual page is what messages become."""

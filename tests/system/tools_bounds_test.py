@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Whatever lies under a log file's name, the tools end, and with little memory."""
 import gzip
 import os

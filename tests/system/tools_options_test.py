@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The command lines of the five tools are one family: letters, spellings, help, manual pages."""
 import os
 import re

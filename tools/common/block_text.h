@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text of a record that carries an argument block in place of one, as the record of a
 // context does whose message came from a catalogue.
 #pragma once

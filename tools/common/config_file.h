@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A configuration file as the library sees it, read once: its lines, each with its
 // section, key and value. Texts are views of the file's bytes.
 #pragma once

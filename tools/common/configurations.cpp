@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "common/configurations.h"
 
 #include "common/config_file.h"

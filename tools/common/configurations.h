@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the configuration files tell the tools: their records, the ids behind names, and
 // why there is nothing.
 #pragma once

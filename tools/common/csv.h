@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A value of a table with commas (RFC 4180).
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The exit statuses of all our command-line tools, in the manner of grep.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fields of a record under the names that queries, output and completion use.
 #pragma once
 

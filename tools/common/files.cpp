@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "common/files.h"
 
 #include "src/regular_file.h"

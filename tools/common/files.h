@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Opening the files that a tool is told to read.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // JSON output of the tools: objects and arrays written in order into a buffer.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sections: the rows that all tools have, names, what CLI11 is given, commands, help.
 #include "common/options.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line of the five tools: one kind of table gives parsing, --help, the list
 // for shell completion and the OPTIONS of the manual pages, which --help=manual prints in
 // their source form. The letters that all tools share mean the same in each of them:

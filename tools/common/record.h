@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log file names, header lines and records: the inverse of what the library
 // writes. One place for all tools; nothing here allocates except walkBlock's list.
 // The grammar of names and header lines is in src/log_name.h, which reads them.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "common/record_file.h"
 
 #include "common/files.h"

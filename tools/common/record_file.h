@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading a log file record by record, forwards and backwards, without mapping it
 // (a file may be cut by others while it is read) and without an allocation per
 // record. Views that these readers hand out hold until their next call.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "common/result_text.h"
 
 #include "zoltlog_results.h"

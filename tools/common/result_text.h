@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Result codes of the library in words, for messages of the tools.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the tools show on a terminal: buffered output, colour, escaping of what
 // a log text could do to a terminal, tables, the pager.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Times and durations as users type and read them; one parser for all tools.
 //
 //   TIME     = ABSOLUTE | RELATIVE

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sections: names and magic, packed input, gzip, Zstandard, unpacking in order, spooling.
 #include "common/unpack.h"
 

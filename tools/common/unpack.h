@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compressed files read as what they hold: gzip (.gz) and Zstandard (.zst), told by their
 // first bytes, in bounded memory. What is read in order is unpacked as it is asked for;
 // going back spools the file unpacked into an unnamed temporary file (in TMPDIR, else

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Decoding of UTF-8, strict: no overlong forms, no surrogates, nothing above U+10FFFF.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "common/verify.h"
 
 #include "common/time_text.h"

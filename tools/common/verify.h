@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks a log file record by record: what is torn, which length is wrong, where
 // it goes on, and what does not fit together.
 #pragma once

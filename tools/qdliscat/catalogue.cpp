@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading message catalogues, as the localization library reads them: a bundle that is
 // damaged is a finding here and missing there.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading message catalogues: compiled packages, single bundles and sources.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Putting bundles into a package that programs may be reading.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdliscat: checks, shows and installs message catalogues.
 #include <algorithm>
 #include <clocale>

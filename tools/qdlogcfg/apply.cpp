@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogcfg apply: many settings at once, all or none, in one rewrite of the product's file.
 // What is applied has the form of the file itself, which is what "show --export" prints.
 #include "commands.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogcfg budget: the most disk that each series can take, against free space.
 #include <algorithm>
 #include <cstdio>

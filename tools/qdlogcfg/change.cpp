@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogcfg get | set | unset
 //
 // A value is checked by the library's own functions, and the file as it would be by what

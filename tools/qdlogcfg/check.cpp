@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogcfg check: everything in the configuration that the library would skip, misread or
 // fail on, each finding with its file and line. What is looked for in a product's file is in
 // check_product.cpp.

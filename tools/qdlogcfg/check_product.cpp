@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What check looks for in a product's file.
 //
 // Order of sections: lines of a file; sections of a product; directories and series.

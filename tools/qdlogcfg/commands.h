@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands of qdlogcfg. Each returns the exit status; what cannot be done at
 // all is thrown as a CommandError.
 #pragma once

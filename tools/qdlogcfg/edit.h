@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Changes of settings, made of a product's file in memory and in one rewrite on the disk.
 #pragma once
 

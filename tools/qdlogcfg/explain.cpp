@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogcfg explain: would this message be written, where to, and if not, which
 // setting stops it.
 #include <cstdlib>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The settings that qdlogcfg knows: the library's own table, whose values pass through the
 // library's own functions, so that what the tool accepts is what the library accepts.
 #pragma once

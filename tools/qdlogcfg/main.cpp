@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogcfg: registers products; shows, changes, checks and explains settings.
 #include <array>
 #include <cerrno>

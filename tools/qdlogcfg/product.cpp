@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogcfg product add | remove | list | show
 #include <algorithm>
 #include <cerrno>

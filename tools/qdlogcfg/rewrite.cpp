@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The library's rewrite of a configuration file, which is compiled into the tool, over the
 // exported property store; and what stands in the way of one.
 #include <algorithm>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Products, their originators and log sets, and where each setting comes from.
 #pragma once
 

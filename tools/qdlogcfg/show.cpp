@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogcfg list | show
 #include "commands.h"
 #include "common/exit_codes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogger: sends messages to the logs of a product from a shell or a pipe.
 #include <clocale>
 #include <csignal>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Copies of files, and whether they are the same: the holes of sparse files are kept, and
 // not read.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An open file that is closed at the end of its life.
 #pragma once
 

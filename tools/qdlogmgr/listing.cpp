@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // list, surplus, usage: what there is.
 #include "common/exit_codes.h"
 #include "qdlogmgr/commands.h"

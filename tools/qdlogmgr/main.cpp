@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogmgr: finds, copies, archives, verifies and removes log files. The program, and
 // what its commands share: choosing files, reporting, ending.
 #include "common/exit_codes.h"

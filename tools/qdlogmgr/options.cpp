@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The commands and options of qdlogmgr: one table of each, which give parsing, help
 // and what the manual is checked against.
 #include "qdlogmgr/options.h"

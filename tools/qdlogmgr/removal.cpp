@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // delete, vacuum: what goes. Every file goes through remove() here, which refuses the
 // newest of a series and what does not surely belong to it.
 #include "common/exit_codes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finding series. Sections: texts; configurations; one file; one directory; what is
 // surplus and newest; the search.
 #include "qdlogmgr/series.h"

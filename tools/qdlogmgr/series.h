@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Series of log files: found in directories, told by names and headers, and joined
 // with the configuration that says how many files a series keeps.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // copy, archive: what goes elsewhere. A copy counts when it was compared with the file
 // byte by byte and is on the disk; an archive removes files only when all are there.
 #include "common/exit_codes.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // verify: whether names, headers, records and counters of the files agree.
 #include "common/verify.h"
 #include "common/exit_codes.h"

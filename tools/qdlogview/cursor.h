@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Places reached in many files, as a text.
 //
 //   CURSOR = ENTRY { ";" ENTRY }

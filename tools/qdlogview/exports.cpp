@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sections: severities, OTLP, the journal, PostgreSQL, RFC 5424.
 #include "qdlogview/exports.h"
 

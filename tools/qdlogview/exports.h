@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records in the forms that other systems take as they are.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which records are shown: the options of the command line, made ready for speed.
 #pragma once
 

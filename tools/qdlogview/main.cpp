@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // qdlogview: reads, filters, follows and exports log files.
 #include "common/configurations.h"
 #include "common/exit_codes.h"

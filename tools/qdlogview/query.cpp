@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Parsing and evaluation of --where, and its projection onto the library's file
 // filter. Sections: tokens, parser, evaluation, projection.
 #include "qdlogview/query.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The query language of --where.
 //
 //   query      = and { ("or" | "||") and }

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "qdlogview/reader.h"
 
 #include "common/block_text.h"

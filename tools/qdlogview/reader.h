@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads many log files as one stream of records in the order of time.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Regular expressions of qdlogview: PCRE2 compiled to machine code, on UTF-8 that
 // may hold invalid bytes. A pattern without special characters is searched as it is.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // --gaps: sequence numbers that are missing, and files missing by their counters.
 #include "qdlogview/reports.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // --list-runs: what each process wrote, and the choice of one for --run.
 #include "qdlogview/reports.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // --stats: how many records, of which kinds, from whom.
 #include "qdlogview/reports.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // --verify: every record of the files, whatever the filter.
 #include "qdlogview/reports.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reports: which one, counts, values of a field. The longer ones have files of their own.
 #include "qdlogview/reports.h"
 

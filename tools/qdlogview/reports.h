@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What qdlogview tells instead of records. Each report collects first, and then shows
 // what it found as json or as a table.
 #pragma once

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The option table of qdlogview.
 #include "qdlogview/settings.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Finds the files to read. Sections: configuration, rules and listing, the file
 // filter, completion.
 #include "qdlogview/sources.h"

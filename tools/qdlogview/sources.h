@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Which files are read: named ones, directories, or what the configuration says.
 #pragma once
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Showing records: order and amount, the neighbours of matches, following, cursors.
 #pragma once
 
