@@ -18,9 +18,11 @@
 extern "C" int formatAsAsked(char *out, size_t size, int flag, size_t room, const char *format,
                              va_list args) __asm__("__vsnprintf_chk");
 #else
-static int formatAsAsked(char *out, size_t size, int, size_t, const char *format, va_list args) {
+namespace {
+int formatAsAsked(char *out, size_t size, int, size_t, const char *format, va_list args) {
     return vsnprintf(out, size, format, args);
 }
+} // namespace
 #endif
 
 bool FormattedText::format(int callersError, int flag, const char *format, va_list args) {
