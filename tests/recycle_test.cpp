@@ -219,8 +219,9 @@ TEST_F(Recycling, WhatANeighbourRemovedMeanwhileIsNotTold) {
             EXPECT_EQ(fill(&log, i), 0u);
     });
     EXPECT_EQ(told, "");
-    EXPECT_EQ(logs().size(), 3u);
-    EXPECT_EQ(std::count(logs().begin(), logs().end(), first), 0);
+    const Names left = logs();
+    EXPECT_EQ(left.size(), 3u);
+    EXPECT_EQ(std::count(left.begin(), left.end(), first), 0);
     EXPECT_TRUE(support::exists("elsewhere"));
     zoltLogClose(&log);
 }

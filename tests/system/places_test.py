@@ -90,6 +90,7 @@ def change_copy():
 with open(f"{BUILD}/compile_commands.json", encoding="utf-8") as commands:
     ENTRIES = json.load(commands)
 CACHE = dict(re.findall(r"(?m)^(\w+):\w+=(.*)$", read(f"{BUILD}/CMakeCache.txt")))
+UNPACKERS = [word for package, word in (("ZLIB", "-lz"), ("ZSTD", "-lzstd")) if CACHE.get(f"{package}_FOUND")]
 SANITIZE = [f"-fsanitize={CACHE['QDUL_SANITIZE']}"] if CACHE.get("QDUL_SANITIZE") else []
 
 
@@ -265,7 +266,7 @@ class Trials(unittest.TestCase):
               "2,5,7,7,1,1709300702000,42,43,0:,9:Disk full,3:mgr,3,(0|)\n"
               "2,5,7,7,2,1709300702001,42,43,0:,4:Good,3:mgr,0,(0|)\n")
         fields = compiled("tools/common/fields.cpp", "qdul_tools_common")
-        others = (f"{BUILD}/tools/common/libqdul_tools_common.a", f"{BUILD}/lib/libqdul.so.3", "-lpcre2-8")
+        others = (f"{BUILD}/tools/common/libqdul_tools_common.a", f"{BUILD}/lib/libqdul.so.3", "-lpcre2-8", *UNPACKERS)
         objects = f"{BUILD}/tools/qdlogview/CMakeFiles/qdlogview.dir"
         names = [entry["file"] for entry in ENTRIES if "/qdlogview.dir/" in entry["command"]]
         link(f"{HERE}/bin/qdlogview", fields, *(f"{objects}/{os.path.basename(name)}.o" for name in names), *others)
@@ -279,7 +280,7 @@ class Trials(unittest.TestCase):
 
     def test_a_tools_option(self):
         link(f"{HERE}/bin/qdlogmgr", *all_compiled(sources("tools/qdlogmgr"), "qdlogmgr"),
-             f"{BUILD}/tools/common/libqdul_tools_common.a", f"{BUILD}/lib/libqdul.so.3")
+             f"{BUILD}/tools/common/libqdul_tools_common.a", f"{BUILD}/lib/libqdul.so.3", *UNPACKERS)
         self.assertRegex(printed(f"{HERE}/bin/qdlogmgr", "--help"), r"(?m)^ +--trial +an option on trial$")
         listed = printed(f"{HERE}/bin/qdlogmgr", "--complete", "options").replace("=", "").split()
         self.assertIn("--trial", listed)
