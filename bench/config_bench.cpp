@@ -120,7 +120,7 @@ void makeFiles() {
     }
     put("products.conf", products);
     std::string list;
-    for (unsigned id = 1; id <= ADDED; ++id)
+    for (unsigned id = 100001; id <= 100000 + ADDED; ++id)
         list += sectionOf(id);
     put("list", list);
     setenv("ZOLTLOG_CFG_LOC", here("main.conf").c_str(), 1);
@@ -128,6 +128,7 @@ void makeFiles() {
 
 const std::vector<std::string> &allProducts() {
     static std::vector<std::string> files;
+    makeFiles();
     if (files.empty()) {
         files = productFiles;
         files.emplace_back("products.conf");
