@@ -89,8 +89,9 @@ def change_copy():
 
 with open(f"{BUILD}/compile_commands.json", encoding="utf-8") as commands:
     ENTRIES = json.load(commands)
+UNPACKERS = [word for flag, word in (("QDUL_WITH_ZLIB", "-lz"), ("QDUL_WITH_ZSTD", "-lzstd"))
+             if any(flag in entry["command"] for entry in ENTRIES)]
 CACHE = dict(re.findall(r"(?m)^(\w+):\w+=(.*)$", read(f"{BUILD}/CMakeCache.txt")))
-UNPACKERS = [word for package, word in (("ZLIB", "-lz"), ("ZSTD", "-lzstd")) if CACHE.get(f"{package}_FOUND")]
 SANITIZE = [f"-fsanitize={CACHE['QDUL_SANITIZE']}"] if CACHE.get("QDUL_SANITIZE") else []
 
 
