@@ -21,6 +21,17 @@
 
 #include "support/cases.h"
 
+// What the loader allocates for a library that asks to stay loaded, once in a process. The
+// sanitizer knows the loader's blocks unless a test's own malloc stands in between.
+extern "C" const char *__lsan_default_suppressions();
+extern "C" const char *__lsan_default_suppressions() {
+    return "leak:_dl_map_object_deps\n";
+}
+extern "C" const char *__lsan_default_options();
+extern "C" const char *__lsan_default_options() {
+    return "print_suppressions=0";
+}
+
 // In a child of fork, threads of the parent that nobody can join any more are no leak.
 extern "C" const char *__tsan_default_options();
 extern "C" const char *__tsan_default_options() {
