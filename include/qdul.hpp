@@ -247,6 +247,8 @@ class Line {
     const char *text() const noexcept { return data; }
 
     void append(std::string_view more) noexcept {
+        if (more.empty()) // its data may be null
+            return;
         if (char *at = reserve(more.size())) {
             std::memcpy(at, more.data(), more.size());
             commit(more.size());

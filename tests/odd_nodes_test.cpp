@@ -279,7 +279,9 @@ FRESH_TEST(OddNodes, AsConfigurationFilesAreNone) {
             return;
         }
         EXPECT_EQ(6u, zoltLogReadCfg(5, 7, &cfg)) << kind;
+        zoltLogFreeCfg(&cfg);
         EXPECT_NE(0u, zoltLogReadlogsetCfg(5, "web", &cfg)) << kind;
+        zoltLogFreeCfg(&cfg);
         LogCfg *cfgs[4];
         uint32_t count = 0;
         (void)zoltLogReadAllCfg(nullptr, 4, cfgs, &count);
