@@ -35,6 +35,7 @@ if [ "$what" != format ]; then
     echo "clang-tidy: ${#compiled[@]} files are clean"
     mapfile -t around < <(git ls-files 'tests/*.cpp' 'bench/*.cpp' 'fuzz/*.cpp' 'examples/*.cpp')
     printf '%s\n' "${around[@]}" |
-        xargs -P "$(nproc)" -n 2 clang-tidy --quiet -p build/debug --checks='-*,readability-identifier-naming'
+        xargs -P "$(nproc)" -n 2 clang-tidy --quiet -p build/debug --checks='-*,readability-identifier-naming' \
+                --header-filter='/(src|lis|formatter|syslog|tools|tests|bench|fuzz|examples)/'
     echo "clang-tidy: names in ${#around[@]} further files are clean"
 fi
