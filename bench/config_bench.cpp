@@ -341,12 +341,16 @@ BENCHMARK(readAll)->Name("zoltLogReadAllCfg, 8,000 products")->UseManualTime()->
 void readProduct(benchmark::State &state) {
     const auto capacity = static_cast<uint32_t>(state.range(0));
     std::vector<LogCfg *> cfgs(capacity);
-    compareCall(state, LARGE, {0, 0, 10}, [&cfgs, capacity] {
+    makeFiles();
+    compare(state, LARGE, {0, 0, 10}, [&cfgs, capacity](double *) {
         uint32_t count = 0;
-        if (zoltLogReadProdIDCfg(nullptr, 5, capacity, cfgs.data(), &count) != ZOLTLOG_OK ||
-            count != std::min(capacity, ORIGINATORS + 1))
+        uint32_t result = ZOLTLOG_FAILED;
+        const double took =
+            seconds([&] { result = zoltLogReadProdIDCfg(nullptr, 5, capacity, cfgs.data(), &count); });
+        if (result != ZOLTLOG_OK || count != std::min(capacity, ORIGINATORS + 1))
             std::abort();
         release(cfgs.data(), count);
+        return took;
     });
 }
 BENCHMARK(readProduct)

@@ -106,10 +106,7 @@ bool copyField(LogCfg *destination, const LogCfg *source, CfgKeyId id) {
 
 // KEPT: recycling, reload interval, everything of a log set and the secure audit level are
 // left out. Pinned by Config.CopyLeavesOutWhatItIsToldTo.
-uint32_t CopyCfg(LogCfg *destination, const LogCfg *source) {
-    if (destination == nullptr || source == nullptr)
-        return ZOLTLOG_INVALID_ARGUMENT;
-    memset(destination, 0, sizeof *destination);
+uint32_t copyCfgInto(LogCfg *destination, const LogCfg *source) {
     destination->productId = source->productId;
     destination->originatorId = source->originatorId;
     copyBounded(destination->productShortNames, sizeof destination->productShortNames,
@@ -123,6 +120,13 @@ uint32_t CopyCfg(LogCfg *destination, const LogCfg *source) {
         }
     }
     return ZOLTLOG_OK;
+}
+
+uint32_t CopyCfg(LogCfg *destination, const LogCfg *source) {
+    if (destination == nullptr || source == nullptr)
+        return ZOLTLOG_INVALID_ARGUMENT;
+    memset(destination, 0, sizeof *destination);
+    return copyCfgInto(destination, source);
 }
 
 uint32_t zoltLogFreeCfg(LogCfg *cfg) {

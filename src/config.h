@@ -36,3 +36,6 @@ uint32_t cfgResultOf(uint32_t storeResult);
 // ZOLTLOG_CFG_NOT_FOUND when it cannot be converted, as if the key were absent;
 // ZOLTLOG_NO_MEMORY.
 uint32_t cfgApplyValue(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *state, CfgTaken *taken);
+
+// CopyCfg for a record that is all zeros.
+uint32_t copyCfgInto(LogCfg *destination, const LogCfg *source);

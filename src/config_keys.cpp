@@ -38,8 +38,10 @@ T valueOf(const LogCfg *cfg, CfgKeyId id) {
     return value;
 }
 
-CfgTaken exactlyIf(bool exact) {
-    return exact ? CFG_EXACTLY : CFG_LOOSELY;
+// Says is asked only when the caller wants to know.
+template<typename Says>
+CfgTaken exactlyIf(const CfgSectionState *state, Says says) {
+    return !state->isJudged || says() ? CFG_EXACTLY : CFG_LOOSELY;
 }
 
 bool isDigit(char c, char highest) {
@@ -110,7 +112,7 @@ CfgTaken takeRaw(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *s
     auto *word = fieldOf<uint32_t>(cfg, id);
     if (key->kind == CFG_ON_OFF) { // blanks at the end count
         *word = strcmp(value, APP_MSG_ON) == 0 ? 1 : 0;
-        return exactlyIf(*word == 1 || strcmp(value, APP_MSG_OFF) == 0);
+        return exactlyIf(state, [=] { return *word == 1 || strcmp(value, APP_MSG_OFF) == 0; });
     }
     if (key->kind == CFG_FLAG || key->kind == CFG_BOOLEAN) {
         const bool on = strcoll(value, TRUE_WORD) == 0;
@@ -119,7 +121,7 @@ CfgTaken takeRaw(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *s
             *word = on ? 1 : 0;
         else
             *word = on ? *word | flag : *word & ~flag;
-        return exactlyIf(on || strcmp(value, FALSE_WORD) == 0);
+        return exactlyIf(state, [=] { return on || strcmp(value, FALSE_WORD) == 0; });
     }
     const char *at = value;
     uint64_t number = 0; // without a digit
@@ -127,7 +129,7 @@ CfgTaken takeRaw(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *s
     if (key->kind == CFG_OPTION) {
         state->number = number;
         *word = static_cast<uint32_t>(number);
-        return exactlyIf(isPlainNumber(value, number) && number <= key->highest);
+        return exactlyIf(state, [=] { return isPlainNumber(value, number) && number <= key->highest; });
     }
     if (number < key->lowest || number > key->highest)
         return CFG_SKIPPED;
@@ -135,7 +137,7 @@ CfgTaken takeRaw(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *s
         *word = static_cast<uint32_t>(number);
     else
         *fieldOf<uint64_t>(cfg, id) = number;
-    return exactlyIf(isPlainNumber(value, number));
+    return exactlyIf(state, [=] { return isPlainNumber(value, number); });
 }
 
 CfgTaken takeDirectory(LogCfg *cfg, const char *path, bool isBase) {
@@ -164,7 +166,7 @@ CfgTaken takePermissions(LogCfg *cfg, CfgKeyId id, const char *text, CfgSectionS
     if (!cfgIsMode(state->number))
         return CFG_SKIPPED;
     *fieldOf<uint32_t>(cfg, id) = static_cast<uint32_t>(state->number);
-    return exactlyIf(isDigit(*text, '7') && *end == '\0');
+    return exactlyIf(state, [=] { return isDigit(*text, '7') && *end == '\0'; });
 }
 
 } // namespace
@@ -179,20 +181,22 @@ CfgTaken cfgTake(LogCfg *cfg, CfgKeyId id, const char *value, CfgSectionState *s
         if (*value == '\0')
             return CFG_SKIPPED;
         copyBounded(cfg->originatorNames, value);
-        return exactlyIf(strlen(value) < sizeof cfg->originatorNames);
+        return exactlyIf(state, [=] { return strlen(value) < sizeof cfg->originatorNames; });
     case CFG_TEXT:
         return *value != '\0' ? takeOwnText(cfg, id, value) : CFG_SKIPPED;
     case CFG_ROLLOVER:
         *word = SettingStringToRolloverModeEnum(value); // none of the invalid modes
-        return exactlyIf(namesModeOnly(value, *word));
+        return exactlyIf(state, [=] { return namesModeOnly(value, *word); });
     case CFG_DAY_TIME:
-        return parseDayTime(value, fieldOf<uint64_t>(cfg, id), &exact) ? exactlyIf(exact) : CFG_SKIPPED;
+        if (!parseDayTime(value, fieldOf<uint64_t>(cfg, id), &exact))
+            return CFG_SKIPPED;
+        return exactlyIf(state, [=] { return exact; });
     case CFG_IDENT:
         cfgPutIdent(cfg, value);
-        return exactlyIf(strlen(value) <= sizeof cfg->oslog.ident);
+        return exactlyIf(state, [=] { return strlen(value) <= sizeof cfg->oslog.ident; });
     case CFG_FACILITY:
         *word = strToFacility(value);
-        return exactlyIf(strcmp(facilityToStr(*word), value) == 0);
+        return exactlyIf(state, [=] { return strcmp(facilityToStr(*word), value) == 0; });
     case CFG_PERMISSIONS:
         return takePermissions(cfg, id, value, state);
     default:

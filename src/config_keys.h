@@ -193,7 +193,8 @@ static_assert(cfgOrderIsComplete(), "a key is missing in the order of writing, o
 
 // ---- values between a file and a record (config_keys.cpp) -----------------------------
 
-// What became of a value. The record is changed by the last two only.
+// What became of a value. The record is changed by the last two only, of which one that
+// does not judge tells the last.
 enum CfgTaken : uint8_t {
     CFG_NO_MEMORY,
     CFG_SKIPPED, // not valid: what the record holds stays
@@ -212,6 +213,7 @@ constexpr bool cfgIsRaw(CfgKind kind) {
 struct CfgSectionState {
     bool isBase;          // a directory replaces the inherited one whatever it begins with
     unsigned long number; // that of "SyslogOpt", for a "LogFilePermissions" that is none
+    bool isJudged;        // CFG_LOOSELY is told apart from CFG_EXACTLY
 };
 
 // Fills a record's field from a value; the masks stay. Only this way do files set fields.

@@ -15,6 +15,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
+#include <string_view>
 
 namespace {
 
@@ -100,7 +101,8 @@ uint32_t GetPropertyString(const char *file, const char *section, const char *ke
         return ZOLTLOG_CFG_NOT_FOUND;
     char value[1][STORE_VALUE_SIZE];
     bool found = false;
-    StoreSection wanted = {section, &key, 1, value, &found};
+    const StoreText name = {key, strlen(key)};
+    StoreSection wanted = {section, &name, 1, value, &found};
     LogOwned<char> text;
     uint32_t result = cfgResultOf(storeReadSections(file, &wanted, 1));
     if (result == ZOLTLOG_OK && found)
@@ -136,7 +138,11 @@ struct ProductEntry {
 
 namespace {
 
-const char *const PRODUCT_KEYS[] = {CFG_CONFIGURATION, CFG_PRODUCT_NAMES};
+constexpr StoreText nameOf(const char *text) {
+    return {text, std::string_view(text).size()};
+}
+
+constexpr StoreText PRODUCT_KEYS[] = {nameOf(CFG_CONFIGURATION), nameOf(CFG_PRODUCT_NAMES)};
 const size_t PRODUCT_KEY_COUNT = sizeof PRODUCT_KEYS / sizeof *PRODUCT_KEYS;
 
 } // namespace
@@ -178,7 +184,7 @@ void takeShortNames(LogCfg *cfg, const char *names) {
 
 // The names of all keys, which a section's values are collected under.
 struct KeyNames {
-    const char *name[CFG_KEY_COUNT];
+    StoreText name[CFG_KEY_COUNT];
 };
 
 namespace {
@@ -186,7 +192,7 @@ namespace {
 constexpr KeyNames keyNames() {
     KeyNames names = {};
     for (size_t i = 0; i < CFG_KEY_COUNT; ++i)
-        names.name[i] = CFG_KEYS[i].name;
+        names.name[i] = nameOf(CFG_KEYS[i].name);
     return names;
 }
 constexpr KeyNames KEY_NAMES = keyNames();
@@ -232,7 +238,7 @@ namespace {
 // Applies the values of a section in the order of the table and counts the keys found. One
 // that cannot be converted counts as not found from then on. ZOLTLOG_NO_MEMORY or OK.
 uint32_t applyValues(LogCfg *cfg, SectionValues *values, uint8_t use, bool isBase, uint32_t *count) {
-    CfgSectionState state = {isBase, 0};
+    CfgSectionState state = {isBase, 0, false};
     *count = 0;
     cfg->changedMask = 0;
     for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
@@ -344,7 +350,7 @@ uint32_t GetLogSetCfgSettings(const char *productLocation, const char *logsetNam
 uint32_t osGetCfgSettings(LogCfg *cfg, PropertyStore *section, uint32_t *counter) {
     if (cfg == nullptr || section == nullptr || counter == nullptr)
         return ZOLTLOG_STORE_INVALID_ARGUMENT;
-    CfgSectionState state = {false, 0};
+    CfgSectionState state = {false, 0, false};
     uint32_t result = ZOLTLOG_STORE_OK;
     for (const CfgKeyId id : CFG_WRITTEN_LAST) {
         char value[STORE_VALUE_SIZE];
@@ -434,8 +440,9 @@ struct Collection {
     uint32_t known;          // records of the array that have their place there
 };
 
+// Zeroed, which costs nothing in memory that is new to the process.
 LogCfg *newRecord() {
-    return static_cast<LogCfg *>(zoltLogMalloc(sizeof(LogCfg)));
+    return static_cast<LogCfg *>(calloc(1, sizeof(LogCfg)));
 }
 
 void dropRecord(LogCfg *cfg) {
@@ -529,7 +536,7 @@ uint32_t collectRead(Collection *all, LogCfg *cfg, uint32_t result) {
 uint32_t collectNamed(const Enumeration *what, const StoreIndex *index, const char *name, const LogCfg *base,
                       SectionValues *values, Collection *all) {
     LogCfg *cfg = newRecord();
-    if (cfg == nullptr || CopyCfg(cfg, base) != ZOLTLOG_OK) {
+    if (cfg == nullptr || copyCfgInto(cfg, base) != ZOLTLOG_OK) {
         zoltLogFree(cfg);
         return ZOLTLOG_NO_MEMORY;
     }

@@ -14,10 +14,17 @@ struct HashKey {
     uint64_t word[2];
 };
 
-// The random bytes that the kernel gives to each program it starts.
+// The random bytes that the kernel gives to each program it starts; where they lie is asked
+// once, since finding out takes as long as the hash of a name.
+inline const void *processRandom;
+
 inline HashKey processHashKey() {
     HashKey key = {};
-    const auto *random = reinterpret_cast<const void *>(getauxval(AT_RANDOM)); // NOLINT: tells an address
+    const void *random = __atomic_load_n(&processRandom, __ATOMIC_RELAXED);
+    if (random == nullptr) {
+        random = reinterpret_cast<const void *>(getauxval(AT_RANDOM)); // NOLINT: tells an address
+        __atomic_store_n(&processRandom, random, __ATOMIC_RELAXED);
+    }
     if (random != nullptr)
         memcpy(&key, random, sizeof key);
     return key;

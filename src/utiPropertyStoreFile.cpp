@@ -72,24 +72,27 @@ bool storeLineHasKey(StoreText line, const char *root, const char *name) {
     return equals(key, name, strlen(name));
 }
 
-bool storeLineValue(StoreText line, char value[STORE_VALUE_SIZE]) {
-    line = textOf(line);
-    const size_t equal = positionOf(line, '=');
-    if (equal + 1 >= line.size)
+bool storeTextValue(StoreText rest, char value[STORE_VALUE_SIZE]) {
+    const auto isEnd = [](char c) { return c == '=' || c == '\n' || c == '\0'; };
+    if (rest.size == 0 || *rest.text == '\0')
         return false;
-    const char *rest = line.text + equal + 1;
-    const size_t size = line.size - equal - 1;
     size_t length = 0; // values are short: a loop is quicker than a search for each end
-    for (; length < size && rest[length] != '=' && rest[length] != '\n'; ++length) {
+    for (; length < rest.size && !isEnd(rest.text[length]); ++length) {
         if (length == STORE_VALUE_SIZE - 1) {
-            while (length > 0 && (static_cast<unsigned char>(rest[length]) & 0xC0) == 0x80)
+            while (length > 0 && (static_cast<unsigned char>(rest.text[length]) & 0xC0) == 0x80)
                 --length; // half a character could not be converted
             break;
         }
-        value[length] = rest[length];
+        value[length] = rest.text[length];
     }
     value[length] = '\0';
     return true;
+}
+
+bool storeLineValue(StoreText line, char value[STORE_VALUE_SIZE]) {
+    line = textOf(line);
+    const size_t equal = positionOf(line, '=');
+    return equal < line.size && storeTextValue({line.text + equal + 1, line.size - equal - 1}, value);
 }
 
 bool storeLineInSection(StoreText line, const char *section, const char *delimiters) {

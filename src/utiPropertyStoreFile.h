@@ -62,6 +62,7 @@ bool storeLineHasKey(StoreText line, const char *root, const char *name);
 // The value of a line that has a key: what follows its first '=', up to the next one.
 // False when nothing follows. A value that does not fit is cut between characters.
 bool storeLineValue(StoreText line, char value[STORE_VALUE_SIZE]);
+bool storeTextValue(StoreText rest, char value[STORE_VALUE_SIZE]); // of what follows the '='
 
 // Whether a line belongs to a section; delimiters are those that end a token.
 bool storeLineInSection(StoreText line, const char *section, const char *delimiters);
@@ -173,7 +174,7 @@ uint32_t storeMakeMissing(const char *path);
 // The names looked for and what a pass found: the first line of each, cut to its value.
 struct StoreSection {
     const char *root;
-    const char *const *names;
+    const StoreText *names;
     size_t count;
     char (*values)[STORE_VALUE_SIZE];
     bool *found;

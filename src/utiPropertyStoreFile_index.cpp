@@ -16,20 +16,19 @@ namespace {
 
 // Takes a line over if it holds a name still missing in a section of this root.
 void takeLine(StoreSection *section, size_t rootLength, StoreText line) {
-    const StoreText name = {line.text + rootLength + 1, line.size - rootLength - 1};
-    const auto *equals = static_cast<const char *>(memchr(name.text, '=', name.size));
+    const char *name = line.text + rootLength + 1;
+    const auto *equals = static_cast<const char *>(memchr(name, '=', line.size - rootLength - 1));
     if (equals == nullptr)
         return;
-    const auto size = static_cast<size_t>(equals - name.text);
-    const StoreText value = {equals, name.size - size};
+    const auto size = static_cast<size_t>(equals - name);
+    const StoreText rest = {equals + 1, line.size - static_cast<size_t>(equals + 1 - line.text)};
     size_t i = section->next; // lines mostly stand in the order of the names
     for (size_t tried = 0; tried < section->count; ++tried, ++i) {
         if (i >= section->count)
             i = 0;
-        const char *wanted = section->names[i];
-        if (!section->found[i] && *wanted == *name.text && strlen(wanted) == size &&
-            memcmp(wanted, name.text, size) == 0) {
-            section->found[i] = storeLineValue(value, section->values[i]);
+        const StoreText wanted = section->names[i];
+        if (wanted.size == size && !section->found[i] && memcmp(wanted.text, name, size) == 0) {
+            section->found[i] = storeTextValue(rest, section->values[i]);
             section->next = i + 1;
             return;
         }

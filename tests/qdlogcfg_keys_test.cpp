@@ -184,7 +184,7 @@ TEST(QdlogcfgKeys, WhatIsShownIsTakenExactly) {
             Settings second;
             InitLogCfg(5, 7, nullptr, &first.cfg);
             InitLogCfg(5, 7, nullptr, &second.cfg);
-            CfgSectionState state = {true, 0};
+            CfgSectionState state = {true, 0, true};
             if (cfgTake(&first.cfg, idOf(key), value, &state) < CFG_LOOSELY)
                 continue;
             const std::string text = shown(first.cfg, idOf(key));
@@ -235,7 +235,7 @@ TEST(QdlogcfgKeys, TakeNothingElseExactly) {
     for (const auto &row : cases) {
         Settings settings;
         InitLogCfg(5, 7, nullptr, &settings.cfg);
-        CfgSectionState state = {true, 0};
+        CfgSectionState state = {true, 0, true};
         EXPECT_EQ(cfgTake(&settings.cfg, idOf(*findKey(row.key)), row.value, &state), row.taken)
             << row.key << "=" << row.value;
     }

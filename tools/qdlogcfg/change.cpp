@@ -75,7 +75,7 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
     Settings scratch;
     InitLogCfg(scope.product.id, scope.isLogset ? 0 : scope.originator,
                scope.isLogset ? scope.logset.c_str() : nullptr, &scratch.cfg);
-    CfgSectionState state = {true, 0};
+    CfgSectionState state = {true, 0, true};
     if (cfgTake(&scratch.cfg, idOf(key), value.c_str(), &state) != CFG_EXACTLY)
         throw CommandError(tools::EXIT_USAGE, std::string(key.name) + ": '" + value +
                                                   "' is not allowed; it takes " + key.values);

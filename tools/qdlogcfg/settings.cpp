@@ -127,7 +127,7 @@ SectionKeys applySection(LogCfg &cfg, const ConfigFile &file, const std::string 
         }
     }
     const std::string name = isLogset ? section.substr(sizeof LOGSET_PREFIX - 1) : "";
-    CfgSectionState state = {isLogset ? IsDefaultLogSet(name.c_str()) != 0 : section == CFG_DEFAULT, 0};
+    CfgSectionState state = {isLogset ? IsDefaultLogSet(name.c_str()) != 0 : section == CFG_DEFAULT, 0, true};
     for (uint8_t i = 0; i < CFG_KEY_COUNT; ++i) {
         const auto id = static_cast<CfgKeyId>(i);
         KeyLine &key = keys[id];
