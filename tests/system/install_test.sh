@@ -25,7 +25,10 @@ if grep -q '^SCDOC:FILEPATH=/' "$QDUL_BUILD/CMakeCache.txt"; then
     for tool in prefix/bin/*; do
         [ -s "prefix/share/man/man1/$(basename "$tool").1" ] || fail "$tool has no manual page"
     done
-    [ -s prefix/share/man/man7/libqdul-syslog.7 ] || fail "libqdul-syslog has no manual page"
+    for page in man3/zoltLogOpen.3 man3/zoltLogOpenLogSet.3 man3/LogHandle.3 man5/zoltlog.conf.5 man5/qdul-log.5 \
+        man7/libqdul-syslog.7 man7/qdul-messages.7 man7/zoltlog.7; do
+        [ -s "prefix/share/man/$page" ] || fail "there is no manual page $page"
+    done
 fi
 # The libraries find each other beside themselves, and look nowhere else.
 for library in libqdul libqdlis libzoltLogFormatMsg; do
