@@ -54,7 +54,7 @@ class Manual(unittest.TestCase):
         commands = literal_lines(section(MANUAL, "EXAMPLES"))
         self.assertGreaterEqual(len(commands), 10)
         expected = {
-            "-p error": "Disk full", "-c job-77": "job-77", "-f": "Disk full", "-g '": "Disk full", "-F subject": "alice",
+            "-p error": "Disk full", "-c job-77": "job-77", "-f ": "Disk full", "-g '": "Disk full", "-F subject": "alice",
             "--stats": "records", "--verify": "0 problems", "--gaps": "0 gaps",
         }
         for command in commands:
@@ -70,6 +70,7 @@ class Manual(unittest.TestCase):
                         self.assertIn(text, done.stdout)
         with open("spool.jsonl") as file:
             self.assertEqual(len(file.readlines()), 2)
+        self.assertEqual(os.listdir("spool"), ["qdul-000000000001-2.json"])
         with open("table.csv") as file:
             self.assertEqual(file.readline(), "time,severity,who,text\n")
 

@@ -30,14 +30,15 @@ bool Output::flush() {
     const char *next = buffer.data();
     size_t left = buffer.size();
     while (left > 0 && error == 0) {
-        const ssize_t written = ::write(descriptor, next, left);
-        if (written < 0) {
+        const ssize_t put = ::write(descriptor, next, left);
+        if (put < 0) {
             if (errno != EINTR)
                 error = errno;
             continue;
         }
-        next += written;
-        left -= static_cast<size_t>(written);
+        next += put;
+        left -= static_cast<size_t>(put);
+        written += static_cast<uint64_t>(put);
     }
     buffer.clear();
     return error == 0;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -33,9 +34,10 @@ struct Output {
     bool flush(); // false after a failure
 
     std::string buffer;
-    const int descriptor;
+    int descriptor;
     const size_t limit;
-    int error = 0; // errno of the first failed write
+    int error = 0;        // errno of the first failed write
+    uint64_t written = 0; // bytes that left the buffer
 };
 
 // ---- colour --------------------------------------------------------------------

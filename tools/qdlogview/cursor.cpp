@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qdlogview/cursor.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,7 +17,9 @@ namespace qdlogview {
 
 namespace {
 
-constexpr size_t LARGEST_CURSOR = size_t{1} << 24;
+constexpr size_t LARGEST_CURSOR = size_t{1} << 26;
+constexpr size_t LEAST_APPENDED = 65536; // before the file is written anew
+constexpr std::string_view SPOOLED = "spool:";
 constexpr size_t KEPT_APART = 8; // newest files of a series that get an entry of their own
 
 std::string quoted(const std::string &path) {
@@ -55,6 +59,29 @@ bool unquoted(const std::string &text, std::string &path) {
 bool Cursor::parse(const std::string &text, std::string &error) {
     offsets.clear();
     finished.clear();
+    spooled = {};
+    return take(text, error);
+}
+
+bool Cursor::takeSpooled(const std::string &entry) {
+    if (entry.compare(0, SPOOLED.size(), SPOOLED) != 0)
+        return false;
+    SpoolMark mark;
+    const char *at = entry.data() + SPOOLED.size();
+    const char *const end = entry.data() + entry.size();
+    for (uint64_t *number : {&mark.number, &mark.records, &mark.bytes}) {
+        const auto read = std::from_chars(at, end, *number);
+        if (read.ec != std::errc() || (read.ptr != end) != (number != &mark.bytes) ||
+            (read.ptr != end && *read.ptr != ':'))
+            return false;
+        at = read.ptr + 1;
+    }
+    spooled = mark;
+    return true;
+}
+
+// Adds the entries to those that are there.
+bool Cursor::take(const std::string &text, std::string &error) {
     size_t begin = 0;
     while (begin < text.size()) {
         size_t end = text.find(';', begin);
@@ -62,6 +89,8 @@ bool Cursor::parse(const std::string &text, std::string &error) {
             end = text.size();
         const std::string entry = text.substr(begin, end - begin);
         begin = end + 1;
+        if (takeSpooled(entry))
+            continue;
         const size_t at = entry.rfind('@');
         std::string path;
         uint64_t offset = 0;
@@ -95,12 +124,21 @@ bool Cursor::load(const std::string &file, std::string &error) {
         error = file + ": " + std::strerror(errno);
         return false;
     }
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
-        text.pop_back();
-    if (parse(text, error))
-        return true;
-    error = file + ": " + error;
-    return false;
+    parse("", error);
+    for (size_t begin = 0; begin < text.size();) {
+        const size_t end = text.find('\n', begin);
+        if (end == std::string::npos && begin > 0)
+            break; // cut by a crash
+        std::string line = text.substr(begin, end == std::string::npos ? end : end - begin);
+        if (!line.empty() && line.back() == '\r')
+            line.pop_back();
+        if (!take(line, error)) {
+            error = file + ": " + error;
+            return false;
+        }
+        begin = end == std::string::npos ? text.size() : end + 1;
+    }
+    return true;
 }
 
 uint64_t Cursor::startOf(const SourceFile &source) const {
@@ -133,9 +171,12 @@ std::string cursorText(const Reader &reader, const Cursor &before) {
     for (const auto &[name, last] : before.finished)
         series[name]; // stays read, also without a file that is left
     for (auto &[name, files] : series) {
+        const auto isDone = [](const Stream &stream) {
+            return stream.gone || (stream.position >= stream.source.size &&
+                                   stream.state == Stream::State::Ended && !stream.stopped);
+        };
         size_t done = 0; // from the begin of the series
-        while (done + KEPT_APART < files.size() && files[done]->position >= files[done]->source.size &&
-               files[done]->state == Stream::State::Ended && !files[done]->stopped)
+        while (done + KEPT_APART < files.size() && isDone(*files[done]))
             ++done;
         if (done > 0)
             entry(files[done - 1]->source.path, "*");
@@ -147,33 +188,106 @@ std::string cursorText(const Reader &reader, const Cursor &before) {
     return text;
 }
 
-bool saveCursor(const std::string &file, const std::string &text) {
-    const std::string temporary = file + ".new";
-    const int descriptor =
-        open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666);
-    if (descriptor < 0)
-        return false;
-    const std::string line = text + "\n";
+namespace {
+
+std::string entryOf(const SpoolMark &mark) {
+    return std::string(SPOOLED) + std::to_string(mark.number) + ":" + std::to_string(mark.records) + ":" +
+           std::to_string(mark.bytes);
+}
+
+bool writeAll(int descriptor, const std::string &text) {
     size_t written = 0;
-    while (written < line.size()) {
-        const ssize_t got = write(descriptor, line.data() + written, line.size() - written);
+    while (written < text.size()) {
+        const ssize_t got = write(descriptor, text.data() + written, text.size() - written);
         if (got < 0 && errno == EINTR)
             continue;
-        if (got <= 0) {
-            const int failure = errno;
-            close(descriptor);
-            unlink(temporary.c_str());
-            errno = failure;
+        if (got <= 0)
             return false;
-        }
         written += static_cast<size_t>(got);
     }
-    if (close(descriptor) == 0 && rename(temporary.c_str(), file.c_str()) == 0)
-        return true;
+    return true;
+}
+
+// Brings a new name in the directory of a file to the disk.
+bool syncDirectoryOf(const std::string &file) {
+    const size_t slash = file.rfind('/');
+    const std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
+    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    const bool synced = fsync(descriptor) == 0;
     const int failure = errno;
-    unlink(temporary.c_str());
+    close(descriptor);
     errno = failure;
-    return false;
+    return synced;
+}
+
+} // namespace
+
+CursorFile::~CursorFile() {
+    if (descriptor >= 0)
+        close(descriptor);
+}
+
+bool CursorFile::replace(const std::string &file, const std::string &line) {
+    const std::string temporary = file + ".new";
+    const int made =
+        open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
+    if (made < 0)
+        return false;
+    const bool synced = spooled.number != 0;
+    if (!writeAll(made, line) || (synced && fsync(made) != 0) ||
+        rename(temporary.c_str(), file.c_str()) != 0 || (synced && !syncDirectoryOf(file))) {
+        const int failure = errno;
+        close(made);
+        unlink(temporary.c_str());
+        errno = failure;
+        return false;
+    }
+    if (descriptor >= 0)
+        close(descriptor);
+    descriptor = made;
+    whole = line.size();
+    appended = 0;
+    return true;
+}
+
+bool CursorFile::append(const std::string &line) {
+    if (!writeAll(descriptor, line) || (spooled.number != 0 && fdatasync(descriptor) != 0))
+        return false;
+    appended += line.size();
+    return true;
+}
+
+bool CursorFile::save(const std::string &file, const Reader &reader, const Cursor &before,
+                      const SpoolMark *mark) {
+    if (spooled.number == 0)
+        spooled = before.spooled;
+    if (mark != nullptr)
+        spooled = *mark;
+    const bool anew = descriptor < 0 || appended > std::max(LEAST_APPENDED, whole);
+    std::string line;
+    if (anew) {
+        line = cursorText(reader, before);
+        if (spooled.number != 0)
+            line += (line.empty() ? "" : ";") + entryOf(spooled);
+    } else {
+        for (const auto &stream : reader.streams) {
+            if (stream->position != stream->kept && stream->source.path != "-")
+                line += (line.empty() ? "" : ";") + quoted(stream->source.path) + "@" +
+                        std::to_string(stream->position);
+        }
+        if (mark != nullptr)
+            line += (line.empty() ? "" : ";") + entryOf(spooled);
+        if (line.empty())
+            return true;
+    }
+    line += '\n';
+    if (!(anew ? replace(file, line) : append(line)))
+        return false;
+    for (const auto &stream : reader.streams)
+        stream->kept = stream->position;
+    return true;
 }
 
 } // namespace qdlogview

@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <memory>
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -82,11 +83,15 @@ void report(const Settings &settings, const Sources &sources, Filter &filter, co
 }
 
 void show(const Settings &settings, Sources &sources, Filter &filter, const Cursor &cursor,
-          const ReadRange &range, Printer &printer, tools::Output &out, Outcome &outcome) {
+          const ReadRange &range, Printer &printer, tools::Output &out, Spool *spool, Outcome &outcome) {
     if (settings.follow || !settings.cursorFile.empty())
         installStopSignals();
-    View view(settings, sources, filter, printer, out, cursor, range);
+    View view(settings, sources, filter, printer, out, cursor, range, spool);
     outcome.status = view.show() ? tools::EXIT_OK : tools::EXIT_NOTHING;
+    if (view.told != tools::EXIT_OK)
+        outcome.status = view.told;
+    else if (spool != nullptr && spool->dropped > 0)
+        outcome.status = tools::EXIT_PARTIAL;
     outcome.problems.insert(outcome.problems.end(), view.problems.begin(), view.problems.end());
     outcome.damaged = view.damaged;
 }
@@ -132,11 +137,23 @@ int run(int argc, char **argv) {
     Cursor cursor;
     if (!filter.build(settings, tools::currentTime(), error))
         return usageError(settings, error);
+    std::unique_ptr<Spool> spool;
+    if (!settings.spool.empty()) {
+        spool = std::make_unique<Spool>(settings);
+        if (!spool->lock()) {
+            complain(spool->problem);
+            return tools::EXIT_UNREADABLE;
+        }
+    }
     if (!settings.afterCursor.empty() && !cursor.parse(settings.afterCursor, error))
         return usageError(settings, "--after-cursor: " + error);
     if (!settings.cursorFile.empty() && settings.afterCursor.empty() &&
         !cursor.load(settings.cursorFile, error)) {
         complain(error);
+        return tools::EXIT_UNREADABLE;
+    }
+    if (spool != nullptr && !spool->open(cursor.spooled)) {
+        complain(spool->problem);
         return tools::EXIT_UNREADABLE;
     }
     allowManyFiles();
@@ -156,14 +173,16 @@ int run(int argc, char **argv) {
     filter.hasProduct = sources.hasProduct;
     filter.product = sources.product;
 
-    settings.color = settings.color && (settings.format == Format::Short || settings.format == Format::Full);
+    settings.color = settings.color && spool == nullptr &&
+                     (settings.format == Format::Short || settings.format == Format::Full);
     tools::Pager pager;
     {
-        tools::Output out;
+        tools::Output standardOutput;
+        tools::Output &out = spool != nullptr ? spool->out : standardOutput;
         Printer printer(settings, out, settings.color, filter);
         if (!printer.prepare(error))
             return usageError(settings, error);
-        if (!settings.noPager && !settings.follow)
+        if (!settings.noPager && !settings.follow && spool == nullptr)
             pager.start();
         const tools::IdNames names = tools::configuredIdNames();
         const ReadRange range{filter.hasRange, filter.since, filter.until, settings.scan, &names};
@@ -174,9 +193,11 @@ int run(int argc, char **argv) {
         } else if (settings.report != Report::None)
             report(settings, sources, filter, cursor, range, out, outcome);
         else
-            show(settings, sources, filter, cursor, range, printer, out, outcome);
-        out.flush();
-        if (out.error != EPIPE || pager.child <= 0) // the user may leave the pager early
+            show(settings, sources, filter, cursor, range, printer, out, spool.get(), outcome);
+        if (spool == nullptr) // whose failures are problems
+            out.flush();
+        if (spool == nullptr &&
+            (out.error != EPIPE || pager.child <= 0)) // leaving the pager early is allowed
             outcome.outputError = out.error;
     }
     pager.finish();

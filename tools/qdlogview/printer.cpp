@@ -23,7 +23,8 @@ using tools::Record;
 using tools::Style;
 
 Printer::Printer(const Settings &chosen, tools::Output &output, bool useColor, Filter &chosenFilter)
-    : settings(chosen), out(output), color(useColor), filter(chosenFilter), escapeCsv(isatty(1) != 0) {
+    : settings(chosen), out(output), color(useColor), filter(chosenFilter),
+      escapeCsv(chosen.spool.empty() && isatty(1) != 0) {
     formatter.mode = settings.utc ? tools::TimeFormatter::Mode::Utc : tools::TimeFormatter::Mode::Local;
     utc.mode = tools::TimeFormatter::Mode::Utc;
     fields = settings.fields;
@@ -76,6 +77,7 @@ bool Printer::prepare(std::string &error) {
 }
 
 void Printer::begin() {
+    lastOrigin = nullptr;
     if (settings.format != Format::Csv)
         return;
     for (size_t i = 0; i < fields.size(); ++i) {

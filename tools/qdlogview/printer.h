@@ -20,7 +20,7 @@ struct Printer {
     // False with an error text: the template has a field that does not exist.
     bool prepare(std::string &error);
 
-    void begin(); // csv: the line of titles
+    void begin(); // of each output: csv has a line of titles, raw the header line again
     void print(const tools::Item &item);
     void separator(); // between groups of -A, -B and -C
 

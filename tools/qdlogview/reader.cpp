@@ -4,7 +4,9 @@
 #include "common/block_text.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
+#include <unistd.h>
 
 namespace qdlogview {
 
@@ -92,6 +94,7 @@ bool Reader::open(Stream &stream) {
     if (!file->open(stream.source.path)) {
         problems.push_back(stream.source.path + ": " + file->problem);
         stream.state = Stream::State::Failed;
+        stream.gone = access(stream.source.path.c_str(), F_OK) != 0 && errno == ENOENT;
         return false;
     }
     file->lines.blockSize =

@@ -36,11 +36,13 @@ struct Stream {
     size_t index = 0; // order among records of the same time
     State state = State::Unopened;
     int64_t key = 0;
-    uint64_t from = 0;        // begin here (cursor); 0: at the begin
-    uint64_t to = WHOLE_FILE; // backwards: begin here at the latest
-    uint64_t position = 0;    // all before it was handed out or passed over
-    bool stopped = false;     // ended because of the time range, not of the file
-    bool old = false;         // newer files of its series are there: closed at its end in any case
+    uint64_t from = 0;          // begin here (cursor); 0: at the begin
+    uint64_t to = WHOLE_FILE;   // backwards: begin here at the latest
+    uint64_t position = 0;      // all before it was handed out or passed over
+    bool stopped = false;       // ended because of the time range, not of the file
+    bool gone = false;          // failed because there is no file of this name any more
+    uint64_t kept = WHOLE_FILE; // the position that the cursor file has
+    bool old = false;           // newer files of its series are there: closed at its end in any case
     int64_t stopTime = INT64_MAX;
     tools::Item item;
     std::string rendered; // the item's text when the record holds a block in place of one

@@ -140,6 +140,7 @@ bool takeFormat(Settings &settings, const char *value, std::string &error) {
     for (const FormatRow &row : FORMATS) {
         if (std::string_view(row.name) == value) {
             settings.format = row.format;
+            settings.formatName = row.name;
             settings.isoTimes = row.isoTimes;
             settings.prettyJson = row.prettyJson;
             if (row.layout != nullptr)
@@ -205,6 +206,23 @@ bool takeTimeout(Settings &settings, const char *value, std::string &error) {
         return false;
     error = "0 is no time";
     return settings.timeout > 0;
+}
+
+bool takeSpoolSize(Settings &settings, const char *value, std::string &error) {
+    error = std::string("'") + value + "' is not a size such as 512K or 16M";
+    settings.hasSpoolOption = true;
+    return tools::parseSizeText(value, settings.spoolSize) && settings.spoolSize > 0;
+}
+
+bool takeSpoolKeep(Settings &settings, const char *value, std::string &error) {
+    error = std::string("'") + value + "' is not a size such as 100M or 1G";
+    settings.hasSpoolOption = true;
+    return tools::parseSizeText(value, settings.spoolKeep);
+}
+
+bool takeSpoolAge(Settings &settings, const char *value, std::string &error) {
+    settings.hasSpoolOption = true;
+    return tools::parseSpanText(value, settings.spoolAge, error);
 }
 
 bool takeZone(Settings &settings, const char *value, std::string &error) {
@@ -353,12 +371,29 @@ const tools::Option TABLE[] = {
      "go on behind the place in FILE, and keep the place\nreached there\n\n"
      "From the begin when the file does not exist. While following, the place is kept after\n"
      "each output, and at SIGINT and SIGTERM, so that nothing is shown twice or left out.\n"
-     "After a crash of *qdlogview* itself the last records may come again.",
+     "After a crash of *qdlogview* itself the last records may come again; with *--spool*\n"
+     "they do not.",
      set<&Settings::cursorFile>},
     {"--show-cursor", EVERY, nullptr,
      "tell the place reached at the end\n\n"
      "As a last line \"-- cursor: ...\".",
      set<&Settings::showCursor>},
+
+    {"--spool", EVERY, "DIR",
+     "write files for a shipper into a directory instead\n\n"
+     "Needs *--cursor-file*. Each record comes into one file once, also when *qdlogview* is\n"
+     "killed or the machine stops at any moment. See SPOOLS.",
+     set<&Settings::spool>, "Files for shippers"},
+    {"--spool-size", EVERY, "SIZE", "how large such a file becomes (16M)", set<takeSpoolSize>},
+    {"--spool-age", EVERY, "SPAN",
+     "publish a file that is smaller after this time (5s)\n\n"
+     "As far as records come; an empty file is never published.",
+     set<takeSpoolAge>},
+    {"--spool-keep", EVERY, "SIZE",
+     "drop the oldest files beyond this size of all (1G;\n0: never)\n\n"
+     "What is dropped is told on standard error, with the number of its records, and the\n"
+     "exit status is 4.",
+     set<takeSpoolKeep>},
 
     {"-o,--output", EVERY, "FORMAT",
      "form of the output: short, short-iso, full, json,\njson-pretty, csv, raw, cat, template, "
@@ -374,7 +409,7 @@ const tools::Option TABLE[] = {
      "For other systems: *otlp-json*: a line of OTLP/JSON (the logs of OpenTelemetry), with\n"
      "trace and span when the context is a W3C traceparent. *journal*: the export format of\n"
      "systemd's journal, with the fields as QDUL\\_PRODUCT and so on. *postgres*: the text form\n"
-     "of COPY, for the table of docs/sql/qdul.sql. *rfc5424*: a line of the system log's protocol, with\n"
+     "of COPY, for the tables of docs/sql/qdul.sql. *rfc5424*: a line of the system log's protocol, with\n"
      "the fields as structured data.",
      set<takeFormat>, "Output"},
     {"--template", EVERY, "TEXT",
@@ -479,10 +514,18 @@ std::string contradiction(const Settings &settings) {
     const bool reading = settings.report == Report::None;
     const bool cursor = !settings.afterCursor.empty() || !settings.cursorFile.empty() || settings.showCursor;
     const bool aroundMatches = settings.before > 0 || settings.after > 0;
+    const bool spool = !settings.spool.empty();
     const struct {
         bool wrong;
         const char *text;
     } rows[] = {
+        {spool && settings.cursorFile.empty(), "--spool needs --cursor-file"},
+        {spool && (!reading || settings.hasLines || settings.reverse || aroundMatches ||
+                   settings.showCursor || !settings.afterCursor.empty()),
+         "--spool excludes reports, -n, -r, -A, -B, -C, --show-cursor and --after-cursor"},
+        {!spool && settings.hasSpoolOption, "--spool-size, --spool-age and --spool-keep need --spool"},
+        {settings.spoolKeep != 0 && settings.spoolKeep / 2 < settings.spoolSize,
+         "--spool-keep must be twice --spool-size or more"},
         {settings.json && settings.hasFormat && settings.format != Format::Json,
          "--json is -o json; it excludes another format"},
         {settings.hasLines && settings.lines == 0 && !settings.follow, "-n 0 shows nothing without -f"},

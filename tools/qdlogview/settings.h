@@ -62,9 +62,17 @@ struct Settings : tools::CommonOptions { // NOLINT(clang-analyzer-optin.performa
     std::string afterCursor, cursorFile;
     bool showCursor = false;
 
+    // Files for shippers
+    std::string spool;               // a directory
+    uint64_t spoolSize = 16UL << 20; // bytes, of a file
+    int64_t spoolAge = 5000;         // milliseconds, of a file that is being written
+    uint64_t spoolKeep = 1UL << 30;  // bytes, of all files; 0: no limit
+    bool hasSpoolOption = false;     // any of these three was given
+
     // Output
     Format format = Format::Short;
     bool hasFormat = false;
+    std::string formatName = "short";          // as it was given
     std::string layout;                        // --template
     bool isoTimes = false, prettyJson = false; // variants of short and json
     std::vector<tools::Field> fields;

@@ -10,6 +10,7 @@
 #include <deque>
 #include <poll.h>
 #include <set>
+#include <string>
 #include <sys/stat.h>
 
 namespace qdlogview {
@@ -68,12 +69,64 @@ void View::keep(Reader &reader) {
             same->lines += file.lines;
     }
     reader.damaged.clear();
+    if (spool != nullptr)
+        tellAtOnce();
+}
+
+// Nobody waits for the end of what may run for months.
+void View::tellAtOnce() {
+    if (!damaged.empty() && told == tools::EXIT_OK)
+        told = tools::EXIT_PARTIAL;
+    if (!problems.empty())
+        told = tools::EXIT_UNREADABLE;
+    for (const Reader::DamagedFile &file : damaged)
+        problems.push_back(file.path + ": " + tools::counted(file.lines, "damaged line") + " left out, at " +
+                           std::to_string(file.firstOffset) + " first");
+    for (size_t i = 0; !settings.quiet && i < problems.size(); ++i)
+        std::fprintf(stderr, "qdlogview: %s\n", tools::escaped(problems[i]).c_str());
+    problems.clear();
+    damaged.clear();
+}
+
+// Numbers of files that are missing behind those that the cursor knows.
+void View::tellMissing() const {
+    constexpr size_t DAY = 14;               // digits of SourceFile::order
+    std::map<std::string, std::string> last; // order, by series
+    for (const auto &[series, finished] : start.finished)
+        last[series] = finished.order;
+    for (const auto &[path, offset] : start.offsets) {
+        SourceFile file;
+        describeFile(path, file);
+        last[file.series] = std::max(last[file.series], file.order);
+    }
+    for (const SourceFile &file : sources.files) {
+        const auto known = last.find(file.series);
+        tools::FileName name;
+        if (file.series.empty() || known == last.end() || file.order <= known->second ||
+            !tools::parseFileName(file.base, name) || name.kind != tools::FileName::Kind::Originator)
+            continue;
+        const bool sameDay = file.order.compare(0, DAY, known->second, 0, DAY) == 0;
+        const uint64_t next = sameDay ? std::stoull(known->second.substr(DAY)) + 1 : 0;
+        if (name.counter > next && !settings.quiet)
+            std::fprintf(stderr, "qdlogview: %s: files before it were gone before they were read\n",
+                         tools::escaped(file.path).c_str());
+        last.erase(known);
+    }
 }
 
 // False when it was the last one that is wanted, or nobody reads any more.
 bool View::emit(const Item &item) {
+    if (spool != nullptr && !spool->isOpen()) {
+        if (!spool->begin()) {
+            problems.push_back(spool->problem);
+            return !(failed = true);
+        }
+        printer.begin();
+    }
     printer.print(item);
     ++shown;
+    if (spool != nullptr)
+        ++spool->records;
     return (settings.maxCount == 0 || shown < settings.maxCount) && out.error == 0 && stopRequested == 0;
 }
 
@@ -84,7 +137,10 @@ bool View::show() {
     const bool limited = settings.hasLines ? settings.lines != ALL_LINES : settings.follow && !fromStart;
     const uint64_t count = settings.hasLines ? settings.lines : LINES_BEFORE_FOLLOWING;
     const bool onlyStdin = sources.files.size() == 1 && sources.files.front().path == "-";
-    printer.begin();
+    if (spool == nullptr)
+        printer.begin();
+    else
+        tellMissing();
 
     if (settings.follow) {
         Reader reader(range, false);
@@ -161,7 +217,8 @@ bool View::show() {
 void View::showForward(Reader &reader) {
     const Item *item = nullptr;
     while (reader.next(item)) {
-        if (filter.selects(*item) && filter.hits(*item) && !emit(*item)) {
+        if ((filter.selects(*item) && filter.hits(*item) && !emit(*item)) ||
+            (spool != nullptr && !commit(reader, When::Busy))) {
             reader.settle();
             return;
         }
@@ -322,7 +379,8 @@ void View::visitOldFiles(Reader &reader) {
         stream.position = stream.from;
         reader.open(stream);
     }
-    if (!gone.empty())
+    // What is not published yet needs the places of all that it holds.
+    if (!gone.empty() && (spool == nullptr || !spool->isOpen()))
         reader.forget([&](const Stream &stream) { return gone.count(&stream) != 0; });
 }
 
@@ -352,12 +410,18 @@ void View::follow(Reader &reader) {
                 reader.settle();
                 return;
             }
+            if (spool != nullptr && !commit(reader, When::Busy))
+                return;
         }
         keep(reader);
-        // All that was there is out: tell it, then keep the place.
-        out.flush();
-        if (out.error != 0 || !writeCursor(reader))
-            return;
+        if (spool != nullptr) {
+            if (!commit(reader, When::Idle))
+                return;
+        } else { // all that was there is out: tell it, then keep the place
+            out.flush();
+            if (out.error != 0 || !writeCursor(reader))
+                return;
+        }
 
         closeOldFiles(reader);
         if (stopRequested != 0 || monotonicMilliseconds() >= end)
@@ -384,23 +448,46 @@ void View::follow(Reader &reader) {
 
 // ---- cursors ---------------------------------------------------------------------
 
-bool View::writeCursor(const Reader &reader) {
-    if (settings.cursorFile.empty())
+bool View::writeCursor(const Reader &reader, const SpoolMark *mark) {
+    if (settings.cursorFile.empty() || cursorFile.save(settings.cursorFile, reader, start, mark))
         return true;
-    const std::string text = cursorText(reader, start);
-    if (text == savedCursor)
-        return true;
-    if (!saveCursor(settings.cursorFile, text)) {
-        problems.push_back(settings.cursorFile + ": " + std::strerror(errno));
+    problems.push_back(settings.cursorFile + ": " + std::strerror(errno));
+    return false;
+}
+
+// Publishes the file that is being written when it is time, and keeps the place behind it;
+// without such a file the place alone. False after a failure: nothing more must be written.
+bool View::commit(Reader &reader, When when) {
+    constexpr int64_t BETWEEN_PLACES = 1000; // milliseconds; of records that the filter left out
+    if (failed)
         return false;
+    const bool isFile = spool->isOpen();
+    if (when != When::End && (isFile ? !spool->isDue(when == When::Idle)
+                                     : when == When::Busy || monotonicMilliseconds() < nextPlace))
+        return true;
+    reader.settle();
+    SpoolMark mark;
+    if (isFile && !spool->seal(mark)) {
+        problems.push_back(spool->problem);
+        return !(failed = true);
     }
-    savedCursor = text;
+    if (!writeCursor(reader, isFile ? &mark : nullptr))
+        return !(failed = true);
+    if (isFile && !spool->publish()) {
+        problems.push_back(spool->problem);
+        return !(failed = true);
+    }
+    nextPlace = monotonicMilliseconds() + BETWEEN_PLACES;
     return true;
 }
 
 void View::finishCursor(Reader &reader) {
     if (settings.cursorFile.empty() && !settings.showCursor)
         return;
+    if (spool != nullptr) {
+        commit(reader, When::End);
+        return;
+    }
     if (!out.flush()) // what was not told is told again next time
         return;
     writeCursor(reader);

@@ -10,6 +10,7 @@
 #include "qdlogview/reader.h"
 #include "qdlogview/settings.h"
 #include "qdlogview/sources.h"
+#include "qdlogview/spool.h"
 
 #include <map>
 #include <string>
@@ -19,15 +20,17 @@ namespace qdlogview {
 
 struct View {
     View(const Settings &chosen, Sources &found, Filter &conditions, Printer &writer, tools::Output &output,
-         const Cursor &from, const ReadRange &times)
+         const Cursor &from, const ReadRange &times, Spool *files)
         : settings(chosen), sources(found), filter(conditions), printer(writer), out(output), start(from),
-          range(times) {}
+          range(times), spool(files) {}
 
-    // Whether any record was shown; problems and damage are added to the lists.
+    // Whether any record was shown; problems and damage are added to the lists, or told at once
+    // while spooling.
     bool show();
 
     std::vector<std::string> problems;
     std::vector<Reader::DamagedFile> damaged;
+    tools::ExitCode told = tools::EXIT_OK; // what those that were told at once mean
 
   private:
     const Settings &settings;
@@ -37,6 +40,7 @@ struct View {
     tools::Output &out;
     const Cursor &start;
     const ReadRange &range;
+    Spool *const spool; // null: records go to standard output
 
     void addStreams(Reader &reader);
     void keep(Reader &reader);
@@ -49,12 +53,19 @@ struct View {
     void showAround(Reader &reader);
     void follow(Reader &reader);
     void finishCursor(Reader &reader);
-    bool writeCursor(const Reader &reader);
+    bool writeCursor(const Reader &reader, const SpoolMark *mark = nullptr);
     void visitOldFiles(Reader &reader);
     void closeOldFiles(Reader &reader);
 
+    enum class When { Busy, Idle, End };
+    bool commit(Reader &reader, When when);
+    void tellMissing() const;
+    void tellAtOnce();
+
     uint64_t shown = 0;
-    std::string savedCursor;
+    bool failed = false;   // a place could not be kept
+    int64_t nextPlace = 0; // when to keep it again; milliseconds
+    CursorFile cursorFile;
     size_t streamsSeen = 0;
 };
 
