@@ -30,6 +30,9 @@
 #           writing, every file compared after each step
 # postgres  POSTGRES_SECONDS (60) of a PostgreSQL server that logs through libqdul-syslog.so, each
 #           statement and connection counted; skipped where it is not installed
+# ship      what is exported, in the programs that it is for, and the spool's files after kills at
+#           every system call and SPOOL_KILLS (300) at random; each part skipped where its program
+#           is not installed
 # fuzz      every fuzzer for FUZZ_SECONDS (10), from its corpus
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -230,9 +233,22 @@ step_postgres() {
     [ $status = 77 ] || return $status
 }
 
+step_ship() {
+    local script ended status=0
+    build release || return 1
+    export QDUL_BUILD=$PWD/build/release QDUL_SOURCE=$PWD PYTHONDONTWRITEBYTECODE=1
+    for script in qdlogview_spool ship; do
+        ended=0
+        SPOOL_KILLS=${SPOOL_KILLS:-300} SPOOL_POINTS=1 \
+            tests/support/in_private_dir.sh "$PWD/tests/system/${script}_test.py" || ended=$?
+        [ $ended = 0 ] || [ $ended = 77 ] || status=1
+    done
+    return $status
+}
+
 step_fuzz() { ./dev fuzz $((${FUZZ_SECONDS:-10} * factor)); }
 
-all_steps="format tests shuffle leaks asan asan-long config recycle kills tsan tidy cppcheck abi model postgres fuzz"
+all_steps="format tests shuffle leaks asan asan-long config recycle kills tsan tidy cppcheck abi model postgres ship fuzz"
 [ $# -gt 0 ] || set -- full
 case $1 in
     ci) set -- format abi tests leaks asan ;;

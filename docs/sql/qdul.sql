@@ -1,8 +1,16 @@
--- Records in PostgreSQL. qdlogview -o postgres writes rows for it, the columns in this order:
+-- Records in PostgreSQL, as columns (qdul_records) or as they are in JSON (qdul_json); both in
+-- one table for each day. Loading creates the tables of days that are missing.
 --
---   qdlogview -P server -o postgres --cursor-file=place | psql -c 'COPY qdul_records FROM STDIN'
+--   qdlogview -P server -o postgres --cursor-file=place | psql -c 'COPY qdul_rows FROM STDIN'
+--   qdlogview -P server -o json --cursor-file=place | sed 's/\\/\\\\/g' |
+--       psql -c 'COPY qdul_lines FROM STDIN'
 --
--- Ids have 64 bits without a sign. A column is null where a record does not have the field.
+-- qdul-load puts the files of a spool there, each of them once. queries.sql has what operators
+-- ask. Days begin at midnight UTC. A day goes with: DROP TABLE qdul_records_20240301.
+
+-- ---- columns ---------------------------------------------------------------------------------
+-- qdlogview -o postgres writes them in this order. Ids have 64 bits without a sign. A column is
+-- null where a record does not have the field.
 
 CREATE TABLE qdul_records (
     ts              bigint,
@@ -31,9 +39,95 @@ CREATE TABLE qdul_records (
     block           text,
     file            text NOT NULL,
     "offset"        numeric(20) NOT NULL
-);
+) PARTITION BY RANGE (time);
 
--- What operators ask: a time range, the errors of a product, all of a context.
+-- Records without a time.
+CREATE TABLE qdul_records_untimed PARTITION OF qdul_records DEFAULT;
+
+-- A record that comes twice is there once, whatever brings it.
+CREATE UNIQUE INDEX qdul_records_once ON qdul_records
+    ("offset", time, hashtextextended(coalesce(host, '') || ':' || file, 0));
 CREATE INDEX qdul_records_time ON qdul_records USING brin (time);
-CREATE INDEX qdul_records_worse ON qdul_records (product, severity, time) WHERE severity >= 50;
+CREATE INDEX qdul_records_worse ON qdul_records (product, time) WHERE severity >= 60;
 CREATE INDEX qdul_records_context ON qdul_records (context, time) WHERE context IS NOT NULL;
+CREATE INDEX qdul_records_title ON qdul_records (title) WHERE title IS NOT NULL;
+
+-- ---- JSON ------------------------------------------------------------------------------------
+
+CREATE TABLE qdul_json (
+    time   timestamptz,
+    record jsonb NOT NULL
+) PARTITION BY RANGE (time);
+
+CREATE TABLE qdul_json_untimed PARTITION OF qdul_json DEFAULT;
+
+CREATE UNIQUE INDEX qdul_json_once ON qdul_json
+    ((record ->> 'offset'), time, hashtextextended(coalesce(record ->> 'host', '') || ':' || (record ->> 'file'), 0));
+CREATE INDEX qdul_json_time ON qdul_json USING brin (time);
+CREATE INDEX qdul_json_worse ON qdul_json ((record ->> 'product'), time)
+    WHERE (record ->> 'severity')::integer >= 60;
+CREATE INDEX qdul_json_context ON qdul_json ((record ->> 'context'), time)
+    WHERE record ? 'context';
+
+-- ---- loading ---------------------------------------------------------------------------------
+
+-- Makes the table of a day; also of one that another session makes now.
+CREATE FUNCTION qdul_make_day(parent text, day date) RETURNS void LANGUAGE plpgsql AS $$
+DECLARE
+    name text := parent || to_char(day, '_YYYYMMDD');
+BEGIN
+    IF to_regclass(name) IS NULL THEN
+        PERFORM pg_advisory_xact_lock(hashtext(name));
+        EXECUTE format('CREATE TABLE IF NOT EXISTS %I PARTITION OF %I FOR VALUES FROM (%L) TO (%L)',
+                       name, parent, day::text || ' 00:00:00+00', (day + 1)::text || ' 00:00:00+00');
+    END IF;
+END $$;
+
+-- What is copied here is in the table of its day; nothing stays here.
+CREATE UNLOGGED TABLE qdul_rows (LIKE qdul_records);
+CREATE UNLOGGED TABLE qdul_lines (line text NOT NULL);
+
+CREATE FUNCTION qdul_take_rows() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+    PERFORM qdul_make_day('qdul_records', day)
+        FROM (SELECT DISTINCT (time AT TIME ZONE 'UTC')::date AS day FROM added WHERE time IS NOT NULL) AS days;
+    INSERT INTO qdul_records SELECT * FROM added ON CONFLICT DO NOTHING;
+    DELETE FROM qdul_rows;
+    RETURN NULL;
+END $$;
+
+CREATE TRIGGER qdul_take_rows AFTER INSERT ON qdul_rows
+    REFERENCING NEW TABLE AS added FOR EACH STATEMENT EXECUTE FUNCTION qdul_take_rows();
+
+-- A text cannot hold a zero byte here: it becomes U+FFFD.
+CREATE FUNCTION qdul_parse(line text) RETURNS jsonb LANGUAGE sql IMMUTABLE STRICT AS $$
+    SELECT CASE WHEN strpos(line, '\u0000') = 0 THEN line
+                ELSE regexp_replace(line, '(?<!\\)((?:\\\\)*)\\u0000', '\1\\ufffd', 'g') END::jsonb
+$$;
+
+CREATE FUNCTION qdul_time(record jsonb) RETURNS timestamptz LANGUAGE sql IMMUTABLE STRICT AS $$
+    SELECT to_timestamp((record ->> 'ts')::numeric / 1000)
+$$;
+
+CREATE FUNCTION qdul_take_lines() RETURNS trigger LANGUAGE plpgsql AS $$
+BEGIN
+    PERFORM qdul_make_day('qdul_json', day)
+        FROM (SELECT DISTINCT (qdul_time(qdul_parse(line)) AT TIME ZONE 'UTC')::date AS day FROM added) AS days
+        WHERE day IS NOT NULL;
+    INSERT INTO qdul_json
+        SELECT qdul_time(record), record FROM (SELECT qdul_parse(line) AS record FROM added) AS parsed
+        ON CONFLICT DO NOTHING;
+    DELETE FROM qdul_lines;
+    RETURN NULL;
+END $$;
+
+CREATE TRIGGER qdul_take_lines AFTER INSERT ON qdul_lines
+    REFERENCING NEW TABLE AS added FOR EACH STATEMENT EXECUTE FUNCTION qdul_take_lines();
+
+-- The files of spools that are loaded.
+CREATE TABLE qdul_loaded (
+    spool   text   NOT NULL, -- host and directory
+    number  bigint NOT NULL,
+    records bigint NOT NULL,
+    PRIMARY KEY (spool, number)
+);

@@ -1,0 +1,239 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""What qdlogview exports, taken by the programs that it is for: PostgreSQL and the journal. Each
+part is skipped where its program is not installed. SHIP_RECORDS is how many records the larger parts have."""
+import calendar
+import collections
+import glob
+import json
+import os
+import random
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import time
+import unittest
+
+from qdul_testing import BUILD, HERE, SOURCE, plain_environment, program, string
+
+RECORDS = int(os.environ.get("SHIP_RECORDS", "20000"))
+USER = 65534  # PostgreSQL refuses to be root
+T0 = 1709294400000  # 2024-03-01 12:00 UTC
+DAY = 86400000
+HOSTILE = [b"it's \"quoted\" '; DROP TABLE qdul_records; --", b"back\\slash \\n \\. \\N \\u0000 \\\\u0000", b"nul \x00\x00 byte", b"bad \xff\xc3\x28 utf-8",
+           b"tab\there", b"two\rlines", b"\\.", "Grüße \U0001f600 \u202e".encode(), b"x" * 200000, b"", b"=", b"\x1b[31mred"]
+ENVIRONMENT = plain_environment(LC_ALL="C.UTF-8")
+
+
+def shown(text):
+    """The text as UTF-8, with line feeds where the writer had them."""
+    return text.replace(b"\r", b"\n").decode(errors="replace")
+
+
+def record(kind, product, originator, id, when, context, text, who, number):
+    tail = {0: b"%d" % number, 3: b"(0|)"}.get(kind, b"%d,(0|)" % number)
+    return b"%d,%d,%d,7,%d,%d,42,43,%s%s%s%s\n" % (kind, product, originator, id, when, string(context), string(text), string(who), tail)
+
+
+def make_logs(directory, count):
+    """Files of three products on two hosts over three days; what is in them, in the order of time."""
+    os.makedirs(directory)
+    chance = random.Random(count)
+    told = []
+    for host in ("hostA", "hostB"):
+        for product in (5, 6, 8):
+            for day in range(3):
+                path = f"{directory}/{product}-7-{1 if host == 'hostA' else 2}-24030{day + 1}-0000000000.log"
+                lines = [b"$Header 65543,%d,7,%d,0,%s\n" % (product, (T0 + day * DAY) // 1000, host.encode())]
+                when = T0 + day * DAY
+                for id in range(1, count // 18 + 1):
+                    when += chance.choice((0, 1, 5, 300))
+                    kind = chance.choice((0, 2, 2, 2, 4))
+                    number = chance.randrange(5) if kind == 2 else 1
+                    context = b"job-%d" % chance.randrange(200) if chance.random() < 0.2 else b""
+                    text = HOSTILE[id - 1] if day == 0 and id <= len(HOSTILE) else b"request %d took %d ms" % (id, chance.randrange(5000))
+                    lines.append(record(kind, product, 7, id, when, context, text, b"mgr", number))
+                    told.append({"host": host, "product": product, "id": id, "ts": when, "kind": kind, "number": number,
+                                 "context": context.decode(), "text": text})
+                with open(path, "wb") as file:
+                    file.write(b"".join(lines))
+    return told
+
+
+def is_error(each):
+    return each["kind"] == 2 and each["number"] >= 2
+
+
+def run(*words, **more):
+    done = subprocess.run(words, capture_output=True, **{"env": ENVIRONMENT, **more})
+    if done.returncode != 0:
+        raise AssertionError(f"{' '.join(map(str, words))[:300]}: {done.returncode} {done.stderr[-2000:]}")
+    return done.stdout
+
+
+# ---- PostgreSQL ------------------------------------------------------------------------
+
+def find_server():
+    places = sorted(glob.glob("/usr/lib/postgresql/*/bin"), key=lambda place: float(place.split("/")[4]))
+    return next((place for place in reversed(places) if os.access(f"{place}/initdb", os.X_OK) and os.access(f"{place}/psql", os.X_OK)), None)
+
+
+@unittest.skipUnless(find_server(), "PostgreSQL is not installed (Debian: postgresql)")
+class Postgres(unittest.TestCase):
+    maxDiff = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.bin = find_server()
+        os.chmod(HERE, 0o711)
+        os.mkdir("pg")
+        cls.as_user = []
+        if os.geteuid() == 0:
+            os.chown("pg", USER, USER)
+            cls.as_user = ["setpriv", f"--reuid={USER}", f"--regid={USER}", "--clear-groups", "--"]
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            port = str(free.getsockname()[1])
+        cls.environment = {**ENVIRONMENT, "PGHOST": "127.0.0.1", "PGPORT": port, "PGUSER": "bench", "PGDATABASE": "postgres"}
+        cls.environment["PATH"] = f"{BUILD}/bin:{cls.bin}:" + cls.environment["PATH"]
+        run(*cls.as_user, f"{cls.bin}/initdb", "-D", f"{HERE}/pg/data", "-A", "trust", "-U", "bench", "--no-sync", "--locale=C.UTF-8", cwd=f"{HERE}/pg")
+        settings = {"listen_addresses": "127.0.0.1", "unix_socket_directories": "", "port": port, "fsync": "off", "timezone": "UTC"}
+        words = [word for name, value in settings.items() for word in ("-c", f"{name}={value}")]
+        with open("server.out", "wb") as out:
+            cls.server = subprocess.Popen(cls.as_user + [f"{cls.bin}/postgres", "-D", f"{HERE}/pg/data"] + words, env=ENVIRONMENT, cwd=f"{HERE}/pg",
+                                          stdin=subprocess.DEVNULL, stdout=out, stderr=out)
+        for _ in range(300):
+            if cls.server.poll() is not None or subprocess.run(["psql", "-Xqc", "SELECT 1"], env=cls.environment, capture_output=True).returncode == 0:
+                break
+            time.sleep(0.1)
+        cls.told = make_logs("logs", RECORDS)
+
+    @classmethod
+    def tearDownClass(cls):
+        cls.server.send_signal(signal.SIGINT)
+        cls.server.wait(60)
+
+    def psql(self, *words, input=None):
+        return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", *words, env=self.environment, input=input).decode()
+
+    def setUp(self):
+        self.psql("-c", "DROP SCHEMA public CASCADE", "-c", "CREATE SCHEMA public", "-f", f"{SOURCE}/docs/sql/qdul.sql")
+
+    def rows(self, query):
+        return json.loads(self.psql("-c", f"SELECT coalesce(json_agg(r), '[]') FROM ({query}) AS r"))
+
+    def load(self, form, table):
+        start = time.monotonic()
+        rows = run(program("qdlogview"), "-o", form, "logs")
+        if form == "json":
+            rows = rows.replace(b"\\", b"\\\\")
+        self.psql("-c", f"COPY {table} FROM STDIN", input=rows)
+        return time.monotonic() - start
+
+    def test_columns_are_what_was_logged_in_one_table_for_each_day(self):
+        took = self.load("postgres", "qdul_rows")
+        found = self.rows('SELECT host, product, msgid AS id, ts, type AS kind, context, text FROM qdul_records ORDER BY host, product, file, "offset"')
+        told = [{**{key: each[key] for key in ("host", "product", "id", "ts", "kind")}, "context": each["context"],
+                 "text": shown(each["text"]).replace("\0", "\ufffd")} for each in self.told]
+        self.assertEqual([{**each, "context": each["context"] or ""} for each in found], told)
+        tables = self.rows("SELECT tableoid::regclass::text AS name, count(*) FROM qdul_records GROUP BY 1 ORDER BY 1")
+        self.assertEqual([table["name"] for table in tables], [f"qdul_records_2024030{day}" for day in (1, 2, 3)])
+        self.assertEqual(self.rows("SELECT * FROM qdul_rows"), [])
+        size = int(self.psql("-c", "SELECT sum(pg_total_relation_size(inhrelid)) FROM pg_inherits WHERE inhparent = 'qdul_records'::regclass"))
+        print(f"PostgreSQL: {len(told)} records as columns in {took:.1f} s, {size / len(told):.0f} bytes each", file=sys.stderr)
+
+    def test_json_is_what_was_logged(self):
+        took = self.load("json", "qdul_lines")
+        found = self.rows("SELECT record ->> 'host' AS host, (record ->> 'product')::int AS product, (record ->> 'msgid')::int AS id,"
+                          " (record ->> 'ts')::bigint AS ts, record ->> 'text' AS text, time FROM qdul_json"
+                          " ORDER BY 1, 2, record ->> 'file', (record ->> 'offset')::bigint")
+        told = [{**{key: each[key] for key in ("host", "product", "id", "ts")}, "text": each["text"].decode(errors="replace").replace("\0", "\ufffd")}
+                for each in self.told]
+        times = [each.pop("time") for each in found]
+        self.assertEqual(found, told)
+        self.assertEqual(times[0][:10], "2024-03-01")
+        tables = self.rows("SELECT DISTINCT tableoid::regclass::text AS name FROM qdul_json ORDER BY 1")
+        self.assertEqual([table["name"] for table in tables], [f"qdul_json_2024030{day}" for day in (1, 2, 3)])
+        print(f"PostgreSQL: {len(told)} records as JSON in {took:.1f} s", file=sys.stderr)
+
+    def test_the_operators_questions_are_answered(self):
+        self.load("postgres", "qdul_rows")
+        self.psql("-c", "ANALYZE")
+        start = T0 + DAY
+        words = ["-v", "product=5", "-v", "since=2024-03-02 12:00Z", "-v", "context=job-7", "-F", "\t", "-f", f"{SOURCE}/docs/sql/queries.sql"]
+        lines = self.psql(*words).splitlines()
+        errors = [each for each in self.told if each["product"] == 5 and is_error(each) and start <= each["ts"] < start + 3600000]
+        context = [each for each in self.told if each["context"] == "job-7"]
+        names = {0: "debug", 4: "audit"}
+        severities = ["info", "warning", "error", "critical", "emergency"]
+        minutes = collections.Counter((each["ts"] // 60000, names.get(each["kind"]) or severities[each["number"]])
+                                      for each in self.told if start <= each["ts"] < start + 3600000)
+        self.assertTrue(errors and context and minutes)
+        self.assertEqual({each["product"] for each in context}, {5, 6, 8})
+        texts = {"\t".join(line.split("\t")[5:]) for line in lines[: len(errors)]}
+        self.assertEqual(texts, {shown(each["text"]) for each in errors})
+        counted = {}
+        for line in lines[-len(minutes):]:
+            minute, severity, count = line.split("\t")
+            counted[(calendar.timegm(time.strptime(minute[:16], "%Y-%m-%d %H:%M")) // 60, severity)] = int(count)
+        self.assertEqual(counted, dict(minutes))
+        self.assertGreaterEqual(len(lines), len(errors) + len(context) + len(minutes))  # the texts of some have two lines
+
+    def test_a_spool_is_loaded_once_whatever_is_killed(self):
+        for form, table in (("json", "qdul_json"), ("postgres", "qdul_records")):
+            for leftover in ("place",):
+                if os.path.exists(leftover):
+                    os.remove(leftover)
+            shutil.rmtree("spool", ignore_errors=True)
+            os.mkdir("spool")
+            self.psql("-c", "TRUNCATE qdul_loaded")
+            chance = random.Random(form)
+            load = [f"{SOURCE}/packaging/postgres/qdul-load", "spool"]
+            ship = [program("qdlogview"), "--spool=spool", "--cursor-file=place", "-o", form, "--spool-size=64K", "logs"]
+            for _ in range(15):
+                for words in (ship, load):
+                    process = subprocess.Popen(words, env=self.environment, start_new_session=True, stderr=subprocess.DEVNULL)
+                    time.sleep(chance.uniform(0.01, 0.3))
+                    if process.poll() is None:
+                        os.killpg(process.pid, signal.SIGKILL)
+                    process.wait()
+            subprocess.run(ship, env=self.environment, capture_output=True)
+            run(*load, env=self.environment)
+            self.assertEqual(os.listdir("spool"), [])
+            total, distinct = self.psql("-c", f"SELECT count(*), count(DISTINCT r) FROM {table} AS r").strip().split("|")
+            self.assertEqual((int(total), int(distinct)), (len(self.told), len(self.told)))
+            self.assertEqual(int(self.psql("-c", "SELECT sum(records) FROM qdul_loaded")), len(self.told))
+
+
+# ---- the journal -----------------------------------------------------------------------
+
+REMOTE = "/lib/systemd/systemd-journal-remote"
+
+
+@unittest.skipUnless(os.access(REMOTE, os.X_OK) and shutil.which("journalctl"), "systemd-journal-remote is not installed")
+class Journal(unittest.TestCase):
+    maxDiff = None
+
+    def test_journalctl_shows_our_records_with_our_fields(self):
+        told = make_logs("journal-logs", RECORDS)
+        export = run(program("qdlogview"), "-o", "journal", "journal-logs")
+        with open("export", "wb") as file:
+            file.write(export)
+        run(REMOTE, f"--output={HERE}/records.journal", "--split-mode=none", "export")
+        shown_lines = run("journalctl", f"--file={HERE}/records.journal", "--all", "-o", "json", "--no-pager").splitlines()
+        found = []
+        for line in shown_lines:
+            entry = json.loads(line)
+            message = entry["MESSAGE"]
+            found.append((entry["_HOSTNAME"], int(entry["QDUL_PRODUCT"]), int(entry["QDUL_MSGID"]), int(entry["__REALTIME_TIMESTAMP"]) // 1000,
+                          entry.get("QDUL_CONTEXT", ""), bytes(message) if isinstance(message, list) else message.encode()))
+        expected = [(each["host"], each["product"], each["id"], each["ts"], each["context"], each["text"].replace(b"\r", b"\n")) for each in told]
+        self.assertEqual(sorted(found), sorted(expected))
+        errors = run("journalctl", f"--file={HERE}/records.journal", "-p", "err", "QDUL_PRODUCT=5", "-o", "cat", "--output-fields=QDUL_MSGID").splitlines()
+        self.assertEqual(len(errors), sum(each["product"] == 5 and is_error(each) for each in told))
+
+
+if __name__ == "__main__":
+    unittest.main()
