@@ -92,6 +92,15 @@ for tool in prefix/bin/*; do
 done
 prefix/bin/qdlogger -P test --stdout hello | grep -q 'INFO: hello$' || fail "qdlogger does not find the plug-in"
 
+# Python finds the package below its prefix, and that the library.
+if [ -e "$QDUL_BUILD/python" ]; then
+    PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=$PWD/prefix/lib/python3/dist-packages LD_LIBRARY_PATH=$libdir python3 -c '
+import qdul
+with qdul.Log("test", 7) as log:
+    log.app(qdul.Severity.INFO, "by Python")
+assert [record.text for record in qdul.records(5, 7, text="Python")] == ["by Python"]' || fail "the Python package does not work"
+fi
+
 # A program that knows only syslog(3)
 printf '#include <syslog.h>\nint main(void) { syslog(LOG_ERR, "by syslog"); return 0; }\n' >only.c
 ${CC:-cc} only.c -o only || fail "the program with syslog does not build"
