@@ -54,11 +54,13 @@
 
 #if defined(FMT_VERSION)
 #define QDUL_FORMATTER fmt
+#define QDUL_FORMATTER_COUNT std::size_t // of format_to_n
 #elif defined(__has_include)
 #if __has_include(<format>) && __cplusplus >= 202002L
 #include <format>
 #if defined(__cpp_lib_format)
 #define QDUL_FORMATTER std
+#define QDUL_FORMATTER_COUNT std::ptrdiff_t
 #endif
 #endif
 #endif
@@ -504,13 +506,14 @@ class Logger {
                            Args &&...args) noexcept {
         const auto attempt = [&] {
             const size_t room = line.left();
-            const auto told = QDUL_FORMATTER::format_to_n(line.reserve(0), static_cast<std::ptrdiff_t>(room),
-                                                          format, std::forward<Args>(args)...);
+            const auto told =
+                QDUL_FORMATTER::format_to_n(line.reserve(0), static_cast<QDUL_FORMATTER_COUNT>(room), format,
+                                            std::forward<Args>(args)...);
             auto size = static_cast<size_t>(told.size);
             if (size <= room) {
                 line.commit(size);
             } else if (char *at = line.reserve(size)) {
-                (void)QDUL_FORMATTER::format_to_n(at, static_cast<std::ptrdiff_t>(size), format,
+                (void)QDUL_FORMATTER::format_to_n(at, static_cast<QDUL_FORMATTER_COUNT>(size), format,
                                                   std::forward<Args>(args)...); // which takes nothing away
                 line.commit(size);
             }

@@ -33,6 +33,12 @@
 # ship      what is exported, in the programs that it is for, and the spool's files after kills at
 #           every system call and SPOOL_KILLS (300) at random; each part skipped where its program
 #           is not installed
+# package   the Debian packages built, tried, upgraded and purged in clean roots, of PACKAGE_SUITES
+#           ("bookworm trixie"); it, arm64 and s390x need root
+# reproducible  libraries, tools and packages are the same bytes from any directory
+# compilers without a warning by every GCC and clang that this Debian has
+# arm64     cross-built, and the quick tests run by qemu
+# s390x     the same, big-endian
 # fuzz      every fuzzer for FUZZ_SECONDS (10), from its corpus
 set -uo pipefail
 cd "$(dirname "$0")/.."
@@ -246,9 +252,30 @@ step_ship() {
     return $status
 }
 
+step_package() {
+    local suite status=0
+    for suite in ${PACKAGE_SUITES:-bookworm trixie}; do
+        tests/package.sh "$suite" || status=1
+    done
+    return $status
+}
+
+step_reproducible() { tests/reproducible.sh; }
+
+step_compilers() { tests/compilers.sh; }
+
+# Builds for another processor and runs its tests; all output of those that fail.
+cross() {
+    tests/cross.sh "$1" --progress -LE long | sed -u 's/.*\r//' |
+        awk '/\*\*\*|tests passed|skipped|rror:/ || failing { print } /\*\*\*Failed|\*\*\*Exception|\*\*\*Timeout/ { failing = 60 } failing { --failing }'
+}
+step_arm64() { cross arm64; }
+step_s390x() { cross s390x; }
+
 step_fuzz() { ./dev fuzz $((${FUZZ_SECONDS:-10} * factor)); }
 
-all_steps="format tests shuffle leaks asan asan-long config recycle kills tsan tidy cppcheck abi model postgres ship fuzz"
+all_steps="format tests shuffle leaks asan asan-long config recycle kills tsan tidy cppcheck abi model postgres ship
+    package reproducible compilers arm64 s390x fuzz"
 [ $# -gt 0 ] || set -- full
 case $1 in
     ci) set -- format abi tests leaks asan ;;

@@ -48,6 +48,20 @@ class Header(unittest.TestCase):
                     done = compile(compiler, EVERYTHING, *flags)
                     self.assertEqual((done.returncode, done.stderr), (0, ""))
 
+    def test_formats_with_braces_compile_without_a_warning(self):
+        call = "\nqdul::Result brace(qdul::Log &log) { return log.appFormat(qdul::Severity::info, \"{} {}\", 1, 2.0); }\n"
+        tried = 0
+        for compiler in COMPILERS:
+            for flags, has in ((["-std=c++17"], "#include <fmt/format.h>\n"), (["-std=c++20"], "#include <format>\n")):
+                write("user.cpp", has + "#ifndef FMT_VERSION\n#ifndef __cpp_lib_format\n#error\n#endif\n#endif\n")
+                if subprocess.run([compiler, *flags, "-fsyntax-only", "user.cpp"], capture_output=True).returncode == 0:
+                    tried += 1
+                    with self.subTest(compiler=compiler, has=has):
+                        done = compile(compiler, has + EVERYTHING + call, *flags)
+                        self.assertEqual((done.returncode, done.stderr), (0, ""))
+        if tried == 0:
+            self.skipTest("no compiler has them")
+
     def test_a_format_that_does_not_fit_its_arguments_is_a_warning(self):
         calls = ('log.appf(qdul::Severity::info, "%s", 1);', 'log.diagf(1, "%d");', 'log.debugf(1, "%d", "x");',
                  'log.audit("a", 0, 1, "%s", 1.0);', 'QDUL_DEBUGF(log, 1, "%s", 1);')

@@ -486,7 +486,7 @@ bool complete(tools::CommonOptions &settings, std::vector<std::string> &words, i
         for (const FormatRow &row : FORMATS)
             words.emplace_back(row.name);
     } else if (what == "products" || what == "originators" || what == "logsets") {
-        if (!configuredNames(what, words))
+        if (!configuredNames(what, static_cast<const Settings &>(settings).product, words))
             status = tools::EXIT_UNREADABLE; // completion stays silent
     } else {
         return false;

@@ -369,8 +369,9 @@ void Sources::findNew(std::vector<SourceFile> &found) {
 
 // ---- completion ------------------------------------------------------------------
 
-bool configuredNames(const std::string &what, std::vector<std::string> &names) {
-    const tools::Configurations all;
+bool configuredNames(const std::string &what, const std::string &product, std::vector<std::string> &names) {
+    std::string ignored;
+    const tools::Configurations all(product.empty() ? 0 : tools::findProduct(product, ignored));
     if (all.result != ZOLTLOG_OK)
         return false;
     std::set<std::string> found;

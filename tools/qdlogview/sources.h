@@ -84,7 +84,8 @@ struct Sources {
 // What a path says about its file: base, series, order and earliest begin.
 void describeFile(const std::string &path, SourceFile &file);
 
-// The names that a shell can complete; false when the configuration cannot be read.
-bool configuredNames(const std::string &what, std::vector<std::string> &names);
+// The names that a shell can complete, of a product or, when it is empty or unknown, of all;
+// false when the configuration cannot be read.
+bool configuredNames(const std::string &what, const std::string &product, std::vector<std::string> &names);
 
 } // namespace qdlogview
