@@ -243,7 +243,7 @@ step_ship() {
     local script ended status=0
     build release || return 1
     export QDUL_BUILD=$PWD/build/release QDUL_SOURCE=$PWD PYTHONDONTWRITEBYTECODE=1
-    for script in qdlogview_spool ship; do
+    for script in qdlogview_spool ship report; do
         ended=0
         SPOOL_KILLS=${SPOOL_KILLS:-300} SPOOL_POINTS=1 \
             tests/support/in_private_dir.sh "$PWD/tests/system/${script}_test.py" || ended=$?

@@ -146,10 +146,27 @@ class Exports(unittest.TestCase):
         self.assertIn(r' subject="al\]i\"ce\\"', found[8][7])
         self.assertEqual(found[8][4], "server")
 
+    # ---- HTML ------------------------------------------------------------------------
+
+    def test_the_page_has_the_records_as_data(self):
+        with open("evil.log", "wb") as file:
+            file.write(b"$Header 65543,5,7,%d,0,hostA\n" % (T0 // 1000) + record(10, 2, b"1,(0|)", text=b"</script><script>evil()</script>", who=b"<!--"))
+        page = self.export("html", "evil.log").decode()
+        chunk, names = map(json.loads, re.findall(r'(?s)<script type="application/json" class="chunk">(.*?)</script>', page))
+        (rare,) = map(json.loads, re.findall(r'(?s)<script type="application/json" class="rare">(.*?)</script>', page))
+        self.assertEqual((chunk["x"][-1], names["who"][chunk["w"][-1]]), ("</script><script>evil()</script>", "<!--"))
+        self.assertEqual([sum(chunk["t"][: i + 1]) - T0 for i in range(10)], list(range(1, 11)))
+        self.assertEqual([names["severities"][i] for i in chunk["s"]][:9],
+                         ["debug", "diagnostic", "info", "warning", "error", "critical", "emergency", "context", "audit"])
+        self.assertEqual(chunk["x"][6], HOSTILE.decode(errors="replace"))
+        self.assertEqual((rare["m"][8], rare["n"][8]), ("18446744073709551615", -1))
+        self.assertNotIn("evil()</script>", page)
+        self.assertEqual(re.findall(r"""(?:src|href|url)\s*[=(]\s*["']?(?!data:|#)[^"'\s)]+""", page.split("<script>")[0]), [])
+
     # ----------------------------------------------------------------------------------
 
     def test_they_are_for_records(self):
-        for form in ("otlp-json", "journal", "postgres", "rfc5424"):
+        for form in ("otlp-json", "journal", "postgres", "rfc5424", "html"):
             done = subprocess.run([program("qdlogview"), "-o", form, "--count", LOG], capture_output=True, env=plain_environment())
             self.assertEqual((done.returncode, done.stderr.decode().splitlines()[0]), (2, "qdlogview: this output is for records"))
 

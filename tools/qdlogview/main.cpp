@@ -88,6 +88,7 @@ void show(const Settings &settings, Sources &sources, Filter &filter, const Curs
         installStopSignals();
     View view(settings, sources, filter, printer, out, cursor, range, spool);
     outcome.status = view.show() ? tools::EXIT_OK : tools::EXIT_NOTHING;
+    printer.end();
     if (view.told != tools::EXIT_OK)
         outcome.status = view.told;
     else if (spool != nullptr && spool->dropped > 0)

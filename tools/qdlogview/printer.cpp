@@ -24,7 +24,7 @@ using tools::Style;
 
 Printer::Printer(const Settings &chosen, tools::Output &output, bool useColor, Filter &chosenFilter)
     : settings(chosen), out(output), color(useColor), filter(chosenFilter),
-      escapeCsv(chosen.spool.empty() && isatty(1) != 0) {
+      escapeCsv(chosen.spool.empty() && isatty(1) != 0), html(output) {
     formatter.mode = settings.utc ? tools::TimeFormatter::Mode::Utc : tools::TimeFormatter::Mode::Local;
     utc.mode = tools::TimeFormatter::Mode::Utc;
     fields = settings.fields;
@@ -78,6 +78,8 @@ bool Printer::prepare(std::string &error) {
 
 void Printer::begin() {
     lastOrigin = nullptr;
+    if (settings.format == Format::Html)
+        html.begin();
     if (settings.format != Format::Csv)
         return;
     for (size_t i = 0; i < fields.size(); ++i) {
@@ -85,6 +87,11 @@ void Printer::begin() {
         out.buffer += fields[i]->name;
     }
     out.write("\r\n");
+}
+
+void Printer::end() {
+    if (settings.format == Format::Html)
+        html.end();
 }
 
 void Printer::separator() {
@@ -125,6 +132,9 @@ void Printer::print(const Item &item) {
         break;
     case Format::Rfc5424:
         appendRfc5424(out.buffer, item, utc);
+        break;
+    case Format::Html:
+        html.add(item);
         break;
     }
     out.drain();

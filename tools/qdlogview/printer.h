@@ -6,6 +6,7 @@
 #include "common/terminal.h"
 #include "common/time_text.h"
 #include "qdlogview/filter.h"
+#include "qdlogview/html.h"
 #include "qdlogview/settings.h"
 
 #include <string>
@@ -22,6 +23,7 @@ struct Printer {
 
     void begin(); // of each output: csv has a line of titles, raw the header line again
     void print(const tools::Item &item);
+    void end();       // html: what follows the records
     void separator(); // between groups of -A, -B and -C
 
   private:
@@ -61,6 +63,7 @@ struct Printer {
     std::vector<Piece> pieces;
     std::string scratch;
     const bool escapeCsv; // on a terminal
+    HtmlReport html;
 };
 
 } // namespace qdlogview

@@ -134,7 +134,8 @@ constexpr FormatRow FORMATS[] = {{"short", Format::Short},
                                  {"otlp-json", Format::Otlp},
                                  {"journal", Format::Journal},
                                  {"postgres", Format::Postgres},
-                                 {"rfc5424", Format::Rfc5424}};
+                                 {"rfc5424", Format::Rfc5424},
+                                 {"html", Format::Html}};
 
 bool takeFormat(Settings &settings, const char *value, std::string &error) {
     for (const FormatRow &row : FORMATS) {
@@ -396,15 +397,16 @@ const tools::Option TABLE[] = {
      set<takeSpoolKeep>},
 
     {"-o,--output", EVERY, "FORMAT",
-     "form of the output: short, short-iso, full, json,\njson-pretty, csv, raw, cat, template, "
-     "otlp-json,\njournal, postgres, rfc5424\n\n"
+     "form of the output: short, short-iso, full, json,\njson-pretty, csv, raw, cat, template, html,\n"
+     "otlp-json, journal, postgres, rfc5424\n\n"
      "*short* and *short-iso* (with a complete time): time, severity with level,\n"
      "product/originator with their names where the configuration has them,\n"
      "component[process], (context), text; the lines of a text one below the other. *full*:\n"
      "every field on a line of its own. *json*: one object for each record (see JSON);\n"
      "*json-pretty*: the same over several lines. *csv*: with a line of titles. *raw*: the\n"
      "stored lines, with the header line of their file where it changes; the output is a log\n"
-     "file again. *cat*: only the texts. *template*: see *--template*.\n"
+     "file again. *cat*: only the texts. *template*: see *--template*. *html*: a page with the\n"
+     "records in it, to send to somebody and to look at in a browser (see HTML).\n"
      "\n"
      "For other systems: *otlp-json*: a line of OTLP/JSON (the logs of OpenTelemetry), with\n"
      "trace and span when the context is a W3C traceparent. *journal*: the export format of\n"
@@ -549,6 +551,8 @@ std::string contradiction(const Settings &settings) {
              settings.format != Format::Csv && settings.format != Format::Postgres &&
              settings.format != Format::Json && !settings.json,
          "--fields is for full, csv, postgres and json"},
+        {settings.format == Format::Html && (settings.follow || spool),
+         "-o html is a whole page; it excludes -f and --spool"},
         {settings.format >= Format::Otlp && !reading, "this output is for records"},
         {settings.format == Format::Template && settings.layout.empty(), "-o template needs --template"},
         {settings.format == Format::Csv && settings.report != Report::None &&

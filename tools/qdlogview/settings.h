@@ -13,7 +13,7 @@
 
 namespace qdlogview {
 
-enum class Format { Short, Full, Json, Csv, Raw, Template, Otlp, Journal, Postgres, Rfc5424 };
+enum class Format { Short, Full, Json, Csv, Raw, Template, Otlp, Journal, Postgres, Rfc5424, Html };
 enum class Report { None, Count, Stats, Values, Gaps, Verify, Runs };
 enum class Per { None, Minute, Hour, Day };
 

@@ -1,0 +1,26 @@
+# SPDX-License-Identifier: Apache-2.0
+# Writes OUTPUT, a C++ source with the parts of the HTML report: report/report.html in front of
+# its data and behind them, with the style and the script in it.
+function(literal name text)
+  if(text MATCHES "\\)part\"")
+    message(FATAL_ERROR "a part of the report holds the end of a literal")
+  endif()
+  set(source "${source}const char *const ${name} = R\"part(${text})part\";\n" PARENT_SCOPE)
+endfunction()
+
+foreach(part html css js)
+  file(READ ${DIRECTORY}/report/report.${part} ${part})
+endforeach()
+if(js MATCHES "</script|<!--")
+  message(FATAL_ERROR "the script would end early")
+endif()
+string(FIND "${html}" "@DATA@" data)
+string(SUBSTRING "${html}" 0 ${data} head)
+math(EXPR data "${data} + 6")
+string(SUBSTRING "${html}" ${data} -1 tail)
+string(REPLACE "@CSS@" "${css}" head "${head}")
+string(REPLACE "@SCRIPT@" "${js}" tail "${tail}")
+set(source "// Made of report/ by embed.cmake\n#include \"qdlogview/html.h\"\n\nnamespace qdlogview {\n\n")
+literal(REPORT_HEAD "${head}")
+literal(REPORT_TAIL "${tail}")
+file(WRITE ${OUTPUT} "${source}\n} // namespace qdlogview\n")
