@@ -217,8 +217,34 @@ class Packed(unittest.TestCase):
         self.assertEqual((usage["files"], usage["size"]), (4, sum(os.path.getsize("log/" + file) for file in files)))
         self.assertIn("4 files, 400 records, 0 problems", self.run_it("qdlogmgr", "verify"))
         os.mkdir("save")
+        vacuum = self.run_it("qdlogmgr", "vacuum", "-P", "5", "--count", "3", "--dry-run")
+        self.assertRegex(vacuum, rf"^would delete \S+{files[0]} \(.*\)\nwould free .* in 1 file\n$")
+        most = sum(os.path.getsize("log/" + file) for file in files[1:])
+        vacuum = self.run_it("qdlogmgr", "vacuum", "-P", "5", "--size", str(most), "--dry-run")
+        self.assertRegex(vacuum, rf"^would delete \S+{files[0]} \(.*\)\nwould free .* in 1 file\n$")
         self.run_it("qdlogmgr", "archive", "-P", "5", "--to", "save")
         self.assertEqual((sorted(os.listdir("save")), sorted(os.listdir("log"))), (files[:2], files[2:]))
+
+    def test_an_archive_can_be_compressed(self):
+        os.mkdir("log")
+        for counter in range(4):
+            data = content(range(counter * 5000 + 1, counter * 5000 + 5001))
+            write("log/" + name(counter) + (".gz" if counter == 0 else ""), gzip.compress(data) if counter == 0 else data)
+        write("zoltlog.conf", f"5.Configuration={self.directory}/server.conf\n".encode())
+        write("server.conf", f"Default.LogDirectory={self.directory}/log/\nDefault.NumberOfLogFiles=1\n7.OIDNames=seven\n".encode())
+        os.mkdir("save")
+        before = self.view("log")
+        write("save/" + name(1) + ".zst", b"left by something else")
+        told = self.run_it("qdlogmgr", "archive", "-P", "5", "--to", "save", "--compress=zstd", status=4, err=None)
+        self.assertIn("copied, not removed", told)
+        self.assertEqual(len(os.listdir("log")), 4)
+        os.remove("save/" + name(1) + ".zst")
+        self.run_it("qdlogmgr", "archive", "-P", "5", "--to", "save", "--compress=zstd")  # takes the copies that are there
+        self.assertEqual(sorted(os.listdir("save")), [name(0) + ".gz", name(1) + ".zst", name(2) + ".zst"])
+        self.assertEqual(os.listdir("log"), [name(3)])
+        self.assertLess(os.path.getsize("save/" + name(2) + ".zst"), 40000)
+        self.assertEqual(self.view("save", "log"), before)
+        self.assertIn("3 files, 15000 records, 0 problems", self.run_it("qdlogmgr", "verify", "-D", "save"))
 
 
 if __name__ == "__main__":

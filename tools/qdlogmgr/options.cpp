@@ -6,11 +6,18 @@
 #include "common/exit_codes.h"
 #include "qdlogmgr/commands.h"
 
+#include <string_view>
+
 namespace qdlogmgr {
 
 namespace {
 
 using tools::set;
+
+bool takeCompress(Options &options, const char *value, std::string &error) {
+    error = std::string("'") + value + "' is not zstd";
+    return options.compress = std::string_view(value) == "zstd";
+}
 
 // ---- the tables ------------------------------------------------------------------
 
@@ -24,6 +31,7 @@ enum Takes : unsigned {
     REMOVAL = FILES << 5, // it removes files
     TABLE = FILES << 6,   // it shows a table of files
     CHANGES = FILES << 7, // it can be tried dry
+    COMPRESS = FILES << 8,
     COMMON = EVERY | tools::TAKES_JSON | tools::TAKES_PAGES | tools::TAKES_QUIET | tools::TAKES_CONFIG |
              tools::TAKES_COMPLETION,
 };
@@ -45,7 +53,7 @@ const Command COMMANDS[] = {
     {{"copy", COMMON | FILES | TARGET | REPLACE | CHANGES, TARGET, "[FILE]...", 0, ANY,
       "Copy files into a directory and compare the copies", "qdlogmgr copy --product 5 --to /srv/save"},
      copyFiles},
-    {{"archive", COMMON | FILES | TARGET | LINK | REMOVAL | CHANGES, TARGET, "[FILE]...", 0, ANY,
+    {{"archive", COMMON | FILES | TARGET | LINK | COMPRESS | REMOVAL | CHANGES, TARGET, "[FILE]...", 0, ANY,
       "Move surplus files: copied (or linked), compared, then removed",
       "qdlogmgr archive --product 5 --to /srv/archive"},
      archiveFiles},
@@ -93,6 +101,11 @@ const tools::Option OPTIONS[] = {
      "make hard links instead of copies\n\n"
      "On the same file system only.",
      set<&Options::link>},
+    {"--compress", COMPRESS, "FORMAT",
+     "compress the copies: zstd\n\n"
+     "The name gets *.zst* behind it; what is compressed already is copied as it is. The copy is\n"
+     "unpacked and compared before the file is removed. All tools read such files.",
+     set<takeCompress>},
     {"--replace", REPLACE, nullptr,
      "replace files of the same name in the directory\n\n"
      "Without it such a file is an error.",
@@ -133,6 +146,10 @@ bool understand(Options &options, std::string &error) {
     }
     if (!options.vacuumSize.empty() && !tools::parseSizeText(options.vacuumSize, options.vacuumSizeBytes)) {
         error = "'" + options.vacuumSize + "' is not a size such as 512K or 1G";
+        return false;
+    }
+    if (options.compress && options.link) {
+        error = "--compress and --link exclude each other";
         return false;
     }
     if (!options.originator.empty() && !options.logset.empty()) {

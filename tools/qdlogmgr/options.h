@@ -29,6 +29,7 @@ struct Options : tools::CommonOptions {
     // What to do with them
     std::string to;
     bool link = false;
+    bool compress = false;
     bool replace = false;
     std::string vacuumSize;
     std::string vacuumAge;

@@ -3,9 +3,11 @@
 // byte by byte and is on the disk; an archive removes files only when all are there.
 #include "common/exit_codes.h"
 #include "common/result_text.h"
+#include "common/unpack.h"
 #include "qdlogmgr/commands.h"
 #include "qdlogmgr/copy.h"
 #include "qdlogmgr/descriptor.h"
+#include "qdlogmgr/pack.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -27,7 +29,8 @@ bool exists(const std::string &path, struct stat &status) {
 // An archive must be exact, and may find what an interrupted run has left.
 bool transfer(const Run &run, const File &file, bool archive, std::string &error) {
     const Options &options = run.options;
-    const std::string destination = options.to + "/" + file.name;
+    const bool packs = options.compress && tools::packedSuffix(file.name).empty();
+    const std::string destination = options.to + "/" + file.name + (packs ? PACKED_SUFFIX : "");
     struct stat status;
     if (exists(destination, status)) {
         if (status.st_dev == file.device && status.st_ino == file.inode) {
@@ -36,7 +39,9 @@ bool transfer(const Run &run, const File &file, bool archive, std::string &error
             error = "it is already in " + options.to;
             return false;
         }
-        if (archive && !options.link && isSame(file.path, destination, false, error))
+        if (archive && !options.link &&
+            (packs ? isSamePacked(file.path, destination, error)
+                   : isSame(file.path, destination, false, error)))
             return true; // left by an earlier run that was interrupted
         if (!options.replace) {
             error = destination + " exists";
@@ -54,6 +59,8 @@ bool transfer(const Run &run, const File &file, bool archive, std::string &error
         error = "the link does not lead to the file";
         return false;
     }
+    if (packs)
+        return packFile(file.path, destination, error) && isSamePacked(file.path, destination, error);
     return copyFile(file.path, destination, options.replace, error) &&
            isSame(file.path, destination, !archive, error);
 }
