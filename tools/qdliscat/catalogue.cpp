@@ -145,10 +145,10 @@ Catalogue readCatalogue(const std::string &title, const std::string &package,
 
 constexpr int NO_PROGRAM = 127;
 
-// Runs genrb over sources; 0 when all compiled, NO_PROGRAM when there is no genrb.
-int compile(const std::vector<std::string> &sources, const std::string &directory) {
-    std::vector<std::string> words = {"genrb", "-q", "-e", "UTF-8", "-d", directory};
-    words.insert(words.end(), sources.begin(), sources.end());
+// Runs genrb over a source; 0 when it compiled, NO_PROGRAM when there is no genrb. Of several
+// at a time genrb tells the number, even with -q.
+int compile(const std::string &source, const std::string &directory) {
+    std::vector<std::string> words = {"genrb", "-q", "-e", "UTF-8", "-d", directory, source};
     std::vector<char *> arguments;
     arguments.reserve(words.size() + 1);
     for (std::string &argument : words)
@@ -189,11 +189,11 @@ struct TemporaryDirectory {
 
 Loaded compileSources(const std::vector<std::string> &sources, const std::string &directory,
                       std::string &failure) {
-    std::vector<std::string> absolute;
-    absolute.reserve(sources.size());
-    for (const std::string &source : sources)
-        absolute.push_back(fs::absolute(source).string());
-    const int status = directory.empty() ? NO_PROGRAM : compile(absolute, directory);
+    int status = directory.empty() ? NO_PROGRAM : 0;
+    for (const std::string &source : sources) {
+        if (status == 0)
+            status = compile(fs::absolute(source).string(), directory);
+    }
     if (status == NO_PROGRAM) {
         failure = "sources need the program genrb (Debian package icu-devtools) and a temporary directory";
         return Loaded::Unreadable;
