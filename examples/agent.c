@@ -49,6 +49,7 @@ int main(int argc, char **argv) {
         zoltLogClose(&log);
         return 3;
     }
+    log.utf8 = 1; /* our texts are UTF-8, whatever the locale is */
     uint32_t known = UINT32_MAX;
     for (long round = 0; rounds == 0 || round < rounds; ++round) {
         uint32_t level = 0;

@@ -13,6 +13,7 @@
  */
 #include "zoltlog_results.h"
 
+#include <locale.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -107,6 +108,7 @@ static int install(uint64_t product, const char *names, const char *file, const 
 }
 
 int main(int argc, char **argv) {
+    setlocale(LC_ALL, ""); /* names and paths come from the command line, in the user's encoding */
     if (argc == 6 && strcmp(argv[1], "register") == 0)
         return install(strtoull(argv[2], NULL, 10), argv[3], argv[4], argv[5]);
     if (argc == 3 && strcmp(argv[1], "remove") == 0) {

@@ -12,6 +12,7 @@
 #include "zoltlog_results.h"
 
 #include <algorithm>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -193,6 +194,7 @@ int surplus(Configurations &configurations, uint64_t product, const char *archiv
 } // namespace
 
 int main(int argc, char **argv) {
+    std::setlocale(LC_ALL, ""); // directories are named in the user's encoding
     const std::string command = argc > 2 ? argv[1] : "";
     const uint64_t product = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 0;
     const bool known = (argc == 3 && (command == "list" || command == "surplus" || command == "newest")) ||

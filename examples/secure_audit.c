@@ -12,6 +12,7 @@
  */
 #include "zoltlog_results.h"
 
+#include <locale.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -20,6 +21,7 @@
 enum { MSG_LOGGED_IN = 1004, LEVEL = 1, OUTCOME_SUCCESS = 0 };
 
 int main(int argc, char **argv) {
+    setlocale(LC_ALL, ""); /* the user's language and encoding: names come from the command line */
     const int echo = argc > 1 && strcmp(argv[1], "-e") == 0;
     if (argc - echo != 5) {
         fprintf(stderr, "usage: secure_audit [-e] PRODUCT ORIGINATOR USER HOST\n");

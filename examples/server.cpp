@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -33,7 +34,9 @@ constexpr unsigned long MOST_THREADS = 1000;
 // A log handle that is closed with its scope. It stays where it is: the library
 // knows it by its address.
 struct Log {
-    Log(uint64_t product, uint64_t originator) : result(zoltLogOpen(product, originator, &handle)) {}
+    Log(uint64_t product, uint64_t originator) : result(zoltLogOpen(product, originator, &handle)) {
+        handle.utf8 = 1; // our texts are UTF-8, whatever the locale is
+    }
     ~Log() { zoltLogClose(&handle); }
     Log(const Log &) = delete;
     Log &operator=(const Log &) = delete;
@@ -125,6 +128,7 @@ void serve(LogHandle *log, const std::string &path, uint64_t number, Counts &cou
 } // namespace
 
 int main(int argc, char **argv) {
+    std::setlocale(LC_ALL, ""); // the language of catalogue messages
     const uint64_t product = argc == 4 ? std::strtoull(argv[1], nullptr, 10) : 0;
     const uint64_t originator = argc == 4 ? std::strtoull(argv[2], nullptr, 10) : 0;
     const unsigned long threads = argc == 4 ? std::strtoul(argv[3], nullptr, 10) : 0;
