@@ -10,7 +10,7 @@ from typing import Any, Iterator, Union
 from . import _declarations as c
 
 Id = Union[int, str]  # a number, or one of the names that the configuration gives it
-MOST_CONFIGURATIONS = 1024
+ROOM = 1024  # for originators and log sets, at first
 
 
 def _load() -> ctypes.CDLL:
@@ -55,17 +55,23 @@ def encoded(text: str) -> bytes:
 @contextlib.contextmanager
 def configurations(product: int = 0) -> Iterator[tuple[Any, int]]:
     """An array of the settings of a product's originators and log sets, or of all products', and its length."""
-    array = (ctypes.POINTER(c.LogCfg) * MOST_CONFIGURATIONS)()
-    count = ctypes.c_uint32()
-    if product:
-        result = lib.zoltLogReadProdIDCfg(None, product, MOST_CONFIGURATIONS, array, count)
-    else:
-        result = lib.zoltLogReadAllCfg(None, MOST_CONFIGURATIONS, array, count)
-    try:
-        check(result, f"reading the configuration of product {product}" if product else "reading the configuration")
-        yield array, count.value
-    finally:
-        lib.FreeConfigArray(array, count)
+    room = ROOM
+    while True:
+        array = (ctypes.POINTER(c.LogCfg) * room)()
+        count = ctypes.c_uint32()
+        if product:
+            result = lib.zoltLogReadProdIDCfg(None, product, room, array, count)
+        else:
+            result = lib.zoltLogReadAllCfg(None, room, array, count)
+        try:
+            if result != c.ZOLTLOG_OK or count.value < room:
+                check(result,
+                      f"reading the configuration of product {product}" if product else "reading the configuration")
+                yield array, count.value
+                return
+        finally:
+            lib.FreeConfigArray(array, count)
+        room *= 4
 
 
 def product_id(product: Id) -> int:

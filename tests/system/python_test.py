@@ -268,6 +268,15 @@ class Sending(Case):
         self.assertIn("2,5,8,7,", read(f"log/{names[0]}"))
         self.assertIn("2,8,", read(f"log/{names[1]}"))
 
+    def test_names_are_found_among_thousands(self):
+        write("server.conf", read("server.conf") + "".join(f"{number}.OIDNames=part{number}\n" for number in range(1000, 3500)))
+        self.assertEqual(python("""
+            import qdul
+            for name in "part1000", "part3499":
+                qdul.Log("server", name).app(0, "found")
+            print([record.originator for record in qdul.records("server")])
+        """), "[1000, 3499]\n")
+
     def test_secure_audit_goes_to_the_system_log(self):
         done = subprocess.run([sys.executable, "-c", textwrap.dedent("""
             import qdul, syslog
