@@ -937,6 +937,74 @@ TEST_F(WriteFileOpen, WithoutAnyOfTheseTheFileIsMadeUnderItsName) {
     EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
 }
 
+TEST_F(WriteFileOpen, WhatKilledWritersLeftGoesWithTheNextNewFile) {
+    withoutUnnamed = true;
+    support::makeDirectory("logs/.new-1-2-4");
+    for (const char *name :
+         {".new-1-2-3", ".new-12-34-0", ".new-5-6-7", ".new-1-2", ".new-1-2-3-4", ".new-1-2-x"})
+        support::writeFile(path(name), "$Header");
+    support::writeFile("elsewhere", "kept");
+    ASSERT_EQ(symlink("../elsewhere", path(".new-8-9-0").c_str()), 0);
+    const int held = ::open(path(".new-5-6-7").c_str(), O_RDONLY); // its writer lives
+    ASSERT_EQ(flock(held, LOCK_SH), 0);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    EXPECT_EQ(logFiles(), (Names{".new-1-2", ".new-1-2-3-4", ".new-1-2-4", ".new-1-2-x", ".new-5-6-7",
+                                 ".new-8-9-0", FIRST}));
+    EXPECT_EQ(support::readFile("elsewhere"), "kept");
+    close(held);
+}
+
+TEST_F(WriteFileOpen, ASecondNameThatAKilledWriterLeftGoesAndTheFileStays) {
+    withoutUnnamed = true;
+    support::makeDirectory("logs");
+    const std::string other = "5-9-83886090-240301-0000000000.log";
+    support::writeFile(path(other.c_str()), "$Header 65543,5,9,1709300701,0,hostA\n");
+    ASSERT_EQ(link(path(other.c_str()).c_str(), path(".new-1-2-3").c_str()), 0);
+    const int held = ::open(path(other.c_str()).c_str(), O_RDONLY); // another goes on with it
+    ASSERT_EQ(flock(held, LOCK_SH), 0);
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    EXPECT_EQ(logFiles(), (Names{FIRST, other}));
+    EXPECT_EQ(support::readFile(path(other.c_str())), "$Header 65543,5,9,1709300701,0,hostA\n");
+    close(held);
+}
+
+TEST_F(WriteFileOpen, ATemporaryFileThatOthersTookForLeftBehindIsMadeAgain) {
+    withoutUnnamed = true;
+    static int removals;
+    removals = 0;
+    libc::flock.hook = [](int descriptor, int operation) {
+        for (const std::string &name : logFiles())
+            if (name.compare(0, 5, ".new-") == 0 && removals < 2) {
+                ++removals;
+                unlink(("logs/" + name).c_str());
+            }
+        return libc::flock.real(descriptor, operation);
+    };
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    EXPECT_EQ(removals, 2);
+    EXPECT_EQ(logFiles(), Names{FIRST});
+    EXPECT_EQ(support::readFile(path(FIRST)), "$Header 65543,5,7,1709300702,0,hostA\n");
+    ASSERT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    EXPECT_EQ(textsIn(path(FIRST)), Texts{"one"});
+}
+
+TEST_F(WriteFileOpen, WithoutLocksWhatIsOldCountsAsLeftBehind) {
+    withoutUnnamed = true;
+    support::makeDirectory("logs");
+    for (const char *name : {".new-1-2-3", ".new-1-2-4"})
+        support::writeFile(path(name), "$Header");
+    const timespec young[] = {{1709300702 - 59, 0}, {1709300702 - 59, 0}};
+    const timespec old[] = {{1709300702 - 61, 0}, {1709300702 - 61, 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path(".new-1-2-3").c_str(), young, 0), 0);
+    ASSERT_EQ(utimensat(AT_FDCWD, path(".new-1-2-4").c_str(), old, 0), 0);
+    libc::flock.hook = [](int, int) {
+        errno = ENOLCK;
+        return -1;
+    };
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    EXPECT_EQ(logFiles(), (Names{".new-1-2-3", FIRST}));
+}
+
 TEST_F(WriteFileOpen, LiveFileShowsUnderItsName) {
     for (int way = 0; way < 2; ++way) {
         withoutUnnamed = way == 1;

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """qdlogmgr as an administrator uses it, on series that the test lays out."""
+import fcntl
 import json
 import os
 import re
@@ -154,6 +155,24 @@ class Qdlogmgr(unittest.TestCase):
         self.assertEqual(usage["directories"][0]["size"], size)
         self.assertGreater(usage["directories"][0]["free"], 0)
         self.assertIn(f"{HERE}/logs/: 5 files, ", self.ok("usage"))
+        self.assertNotIn("left behind", self.ok("usage"))
+
+    def test_what_killed_writers_left_is_told_and_is_no_problem(self):
+        self.five()
+        write("logs/.new-4711-123-0", "$Header")
+        write("logs/.new-4712-123-0", "")
+        for name in (".new-1-2", ".new-1-2-x", "new-1-2-3"):  # no such names
+            write(f"logs/{name}", "")
+        with open("logs/.new-4712-123-0") as held:  # its writer lives
+            fcntl.flock(held, fcntl.LOCK_SH)
+            self.assertIn("5 files, ", self.ok("usage"))
+            self.assertIn("1 left behind by killed writers, ", self.ok("usage"))
+            directory = json.loads(self.ok("usage", "--json"))["directories"][0]
+            self.assertEqual((directory["leftover_files"], directory["leftover_size"]), (1, 7))
+            out = self.ok("verify")
+            self.assertIn(f"{HERE}/logs/.new-4711-123-0:0: note: left behind by a writer that was killed", out)
+            self.assertEqual(out.count("left behind"), 1)
+        self.assertEqual(self.ok("verify").count("left behind"), 2)
 
     # ---- removal ----
 

@@ -18,6 +18,7 @@ struct Run {
     tools::Output &out;
     Problems problems;
     size_t failures; // files that something could not be done with
+    std::vector<Leftover> leftovers;
 };
 
 int listFiles(Run &run);

@@ -91,6 +91,8 @@ namespace {
 struct Volume {
     uint64_t files = 0;
     uint64_t size = 0;
+    uint64_t leftoverFiles = 0; // of killed writers
+    uint64_t leftoverSize = 0;
 };
 
 struct Sums {
@@ -163,6 +165,8 @@ void usageAsJson(Run &run, const std::map<std::string, Volume> &volumes) {
         json.text("directory", directory);
         json.number("files", volume.files);
         json.number("size", volume.size);
+        json.number("leftover_files", volume.leftoverFiles);
+        json.number("leftover_size", volume.leftoverSize);
         json.number("free", freeBytes(directory));
         json.endObject();
     }
@@ -192,10 +196,14 @@ void usageAsTable(Run &run, const std::map<std::string, Volume> &volumes) {
     }
     printTable(run.out, table, run.options.color);
     run.out.write("\n");
-    for (const auto &[directory, volume] : volumes)
-        run.out.write(tools::escaped(directory) + ": " + std::to_string(volume.files) + " files, " +
-                      tools::formatSize(volume.size) + ", " + tools::formatSize(freeBytes(directory)) +
-                      " free\n");
+    for (const auto &[directory, volume] : volumes) {
+        std::string line = tools::escaped(directory) + ": " + std::to_string(volume.files) + " files, " +
+                           tools::formatSize(volume.size) + ", ";
+        if (volume.leftoverFiles != 0)
+            line += std::to_string(volume.leftoverFiles) + " left behind by killed writers, " +
+                    tools::formatSize(volume.leftoverSize) + ", ";
+        run.out.write(line + tools::formatSize(freeBytes(directory)) + " free\n");
+    }
 }
 
 } // namespace
@@ -208,6 +216,11 @@ int showUsage(Run &run) {
         Volume &volume = volumes[series.directory];
         volume.files += series.files.size();
         volume.size += series.size();
+    }
+    for (const Leftover &leftover : run.leftovers) {
+        Volume &volume = volumes[leftover.directory];
+        ++volume.leftoverFiles;
+        volume.leftoverSize += leftover.size;
     }
     if (run.options.json)
         usageAsJson(run, volumes);

@@ -185,9 +185,9 @@ int main(int argc, char **argv) {
     if (const auto status = parseCommandLine(argc, argv, options))
         return *status;
     tools::Output out;
-    Run run{options, {}, out, {}, 0};
+    Run run{options, {}, out, {}, 0, {}};
     int status = tools::EXIT_UNREADABLE;
-    if (findSeries(options, run.series, run.problems))
+    if (findSeries(options, run.series, run.leftovers, run.problems))
         status = static_cast<const Command *>(options.command)->run(run);
     else
         finish(run, 0);

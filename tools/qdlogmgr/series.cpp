@@ -4,6 +4,7 @@
 #include "qdlogmgr/series.h"
 
 #include "common/configurations.h"
+#include "common/files.h"
 #include "common/record_file.h"
 
 #include <algorithm>
@@ -12,10 +13,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fcntl.h>
 #include <map>
 #include <set>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <tuple>
+#include <unistd.h>
 
 namespace qdlogmgr {
 
@@ -167,8 +171,29 @@ bool isWanted(const FileName &name, const Wanted &wanted) {
     return wanted.logset.empty() || name.kind == FileName::Kind::LogSet;
 }
 
+// A name under which the library makes files where it cannot make them without one:
+// ".new-", process, time, number.
+bool isTemporaryName(const std::string &name) {
+    static constexpr char PREFIX[] = ".new-";
+    return name.compare(0, sizeof PREFIX - 1, PREFIX) == 0 &&
+           name.find_first_not_of("0123456789-", sizeof PREFIX - 1) == std::string::npos &&
+           std::count(name.begin() + sizeof PREFIX - 1, name.end(), '-') == 2;
+}
+
+// Its writer holds a temporary file; who is killed holds nothing.
+bool isLeftBehind(const std::string &path, uint64_t &size) {
+    const int file = tools::openToRead(path, O_NOFOLLOW);
+    struct stat status;
+    const bool isLeft = file != -1 && fstat(file, &status) == 0 && flock(file, LOCK_EX | LOCK_NB) == 0;
+    if (isLeft)
+        size = static_cast<uint64_t>(status.st_size);
+    if (file != -1)
+        close(file);
+    return isLeft;
+}
+
 void readDirectory(const std::string &directory, const Wanted &wanted, std::map<Key, Series> &found,
-                   Problems &problems) {
+                   std::vector<Leftover> &leftovers, Problems &problems) {
     DIR *stream = opendir(directory.c_str());
     if (stream == nullptr) {
         problems.push_back(directory + ": " + strerror(errno));
@@ -177,6 +202,12 @@ void readDirectory(const std::string &directory, const Wanted &wanted, std::map<
     while (const dirent *entry = readdir(stream)) {
         const std::string base = entry->d_name;
         FileName name;
+        if (isTemporaryName(base)) {
+            Leftover leftover{directory + base, directory, 0};
+            if (isLeftBehind(leftover.path, leftover.size))
+                leftovers.push_back(leftover);
+            continue;
+        }
         if (!tools::parseFileName(base, name) || !isWanted(name, wanted))
             continue;
         const bool isLogset = name.kind == FileName::Kind::LogSet;
@@ -258,7 +289,8 @@ void markSurplus(Series &series, int64_t now) {
 
 // ---- the search ------------------------------------------------------------------
 
-bool findSeries(const Options &options, std::vector<Series> &series, Problems &problems) {
+bool findSeries(const Options &options, std::vector<Series> &series, std::vector<Leftover> &leftovers,
+                Problems &problems) {
     Wanted wanted;
     if (!resolveNames(options, wanted, problems))
         return true; // nothing matches
@@ -292,7 +324,7 @@ bool findSeries(const Options &options, std::vector<Series> &series, Problems &p
         problems = tools::unreadableConfigurations();
     std::map<Key, Series> found;
     for (const std::string &directory : directories)
-        readDirectory(directory, wanted, found, problems);
+        readDirectory(directory, wanted, found, leftovers, problems);
     for (auto &[key, one] : found) {
         configure(one, all);
         if (!wanted.logset.empty() && one.logset != wanted.logset && one.filename != wanted.logset)

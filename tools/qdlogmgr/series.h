@@ -48,11 +48,19 @@ struct Series {
     uint64_t size() const;
 };
 
+// A file that a writer was about to give its name when it was killed: it has no record.
+struct Leftover {
+    std::string path;
+    std::string directory; // ends in '/'
+    uint64_t size = 0;
+};
+
 // What went wrong on the way; the rest is shown or done all the same.
 using Problems = std::vector<std::string>;
 
-// The series that the options select, with their files. False when nothing can be
-// read at all.
-bool findSeries(const Options &options, std::vector<Series> &series, Problems &problems);
+// The series that the options select, with their files, and what killed writers of any series
+// left in the directories. False when nothing can be read at all.
+bool findSeries(const Options &options, std::vector<Series> &series, std::vector<Leftover> &leftovers,
+                Problems &problems);
 
 } // namespace qdlogmgr

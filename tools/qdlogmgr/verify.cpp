@@ -120,6 +120,11 @@ int verifyFiles(Run &run) {
     if (run.options.files.empty())
         for (const Series &series : run.series)
             checkCounters(series, checked);
+    if (run.options.files.empty())
+        for (const Leftover &leftover : run.leftovers)
+            checked.found.push_back({leftover.path, 0, false,
+                                     "left behind by a writer that was killed; it holds no record, and the "
+                                     "next file that is made here takes it away"});
     if (run.options.json)
         showAsJson(run, checked);
     else
