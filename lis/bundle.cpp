@@ -69,9 +69,22 @@ bool numberAt(const Bytes &bytes, size_t at, Number *out) {
     return true;
 }
 
-// Without a file: ZOLTLIS_NO_MORE.
+// Without a file, or with one that is none of ours to read: ZOLTLIS_NO_MORE. Any other failure
+// may be over the next time.
 LisResult resultOfErrno() {
-    return errno == EMFILE || errno == ENFILE || errno == ENOMEM ? LIS_NOT_NOW : ZOLTLIS_NO_MORE;
+    switch (errno) {
+    case ENOENT:
+    case ENOTDIR:
+    case ENAMETOOLONG:
+    case EACCES:
+    case EPERM:
+    case ELOOP:
+    case EISDIR:
+    case ENXIO:
+        return ZOLTLIS_NO_MORE;
+    default:
+        return LIS_NOT_NOW;
+    }
 }
 
 // A descriptor above 2 on a regular file.
@@ -89,8 +102,9 @@ LisResult openFile(const char *path, int *descriptor) {
 // The bytes behind a descriptor, in memory of the caller's own.
 LisResult readWhole(int descriptor, char **out, size_t *size) {
     struct stat status;
-    if (fstat(descriptor, &status) != 0 || !S_ISREG(status.st_mode) || status.st_size <= 0 ||
-        static_cast<size_t>(status.st_size) > LARGEST_FILE)
+    if (fstat(descriptor, &status) != 0)
+        return LIS_NOT_NOW;
+    if (!S_ISREG(status.st_mode) || status.st_size <= 0 || static_cast<size_t>(status.st_size) > LARGEST_FILE)
         return ZOLTLIS_NO_MORE;
     const size_t expected = static_cast<size_t>(status.st_size);
     char *bytes = static_cast<char *>(malloc(expected));
@@ -99,10 +113,14 @@ LisResult readWhole(int descriptor, char **out, size_t *size) {
     size_t got = 0;
     while (got < expected) {
         const ssize_t count = read(descriptor, bytes + got, expected - got);
-        if (count > 0)
+        if (count > 0) {
             got += static_cast<size_t>(count);
-        else if (count == 0 || errno != EINTR)
+        } else if (count == 0) {
             break;
+        } else if (errno != EINTR) {
+            free(bytes);
+            return LIS_NOT_NOW;
+        }
     }
     *out = bytes;
     *size = got;

@@ -19,7 +19,7 @@ struct Bundle;
 // Opens a package (resource directory + "/" + resource name) in a locale as ICU names it:
 // the files <package>/<locale>.res or, without such a directory, those inside
 // <package>.dat. *out is null without a failure when there is none, not even "root".
-// LIS_NOT_NOW when memory or descriptors ran out.
+// LIS_NOT_NOW when memory or descriptors ran out, or the file could not be read this time.
 LisResult openBundle(const char *package, const char *locale, Bundle **out);
 // The bundle of that locale alone: ZOLTLIS_NO_MORE when there is none.
 LisResult openOwnBundle(const char *package, const char *locale, Bundle **out);
