@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # The checks, one step after the other; a step that fails does not keep the others from
-# running, but the end is a failure. CHECK_FACTOR (1) multiplies what is tried at random:
-# the orders of shuffle, the sequences of model and the time of fuzz.
+# running, but the end is a failure. At the end stands a line for each step, with what it has
+# counted below it. CHECK_FACTOR (1) multiplies what is tried at random, and for how long:
+# the nightly run has a larger one. What a step writes is in build/check/STEP.log, too.
 #
 #   tests/check.sh ci          format abi tests leaks asan: under 20 minutes on two cores
 #   tests/check.sh quick       format leaks asan
@@ -16,12 +17,18 @@
 # leaks     that a leak is found at all here: LeakSanitizer needs the right to trace
 # asan      the quick tests with AddressSanitizer, UndefinedBehaviorSanitizer and leaks
 # asan-long the tests that ./dev test leaves out, with the same sanitizers
-# config    writers of one configuration file for CONFIG_SECONDS (60) in each of nine cases, and
-#           CONFIG_KILLS (5000) of them killed
-# recycle   two writers of one recycled series, processes and handles, RECYCLE_SECONDS (60) for
+# config    writers of one configuration file for CONFIG_SECONDS (20) in each of nine cases, and
+#           CONFIG_KILLS (2000) of them killed
+# recycle   two writers of one recycled series, processes and handles, RECYCLE_SECONDS (5) for
 #           each of 36 settings; then eight processes with timed rollover
-# kills     KILLS (2000) writers of large records killed on a series and on a log set, and two
-#           and a half times as many of small ones
+# kills     KILLS (1000) writers of large records killed on a series and on a log set, and two
+#           and a half times as many of small ones; writers of series, of log sets and of a
+#           configuration killed before, in and behind each of their system calls
+# faults    one scenario of everything with each allocation and each system call failing, once
+#           and from then on, with every errno that it can have; FAULT_CASES of them (all)
+# mixed     processes, threads, forks, contexts and all that others can do to files and
+#           configuration for MIXED_SECONDS (60), with a clock a hundred times as fast; then a
+#           third of that with ThreadSanitizer and with AddressSanitizer
 # tsan      the programs that use threads or fork, with ThreadSanitizer
 # tidy      clang-tidy over everything but the tests
 # cppcheck  cppcheck over everything but the tests
@@ -40,6 +47,8 @@
 # arm64     cross-built, and the quick tests run by qemu
 # s390x     the same, big-endian
 # fuzz      every fuzzer for FUZZ_SECONDS (10), from its corpus
+# coverage  the lines and branches of the libraries that the tests run, and why not the others
+#           (tests/coverage.txt)
 set -uo pipefail
 cd "$(dirname "$0")/.."
 
@@ -57,7 +66,7 @@ run_tests() { # PRESET CTEST-ARGS
     local preset=$1
     shift
     ctest --test-dir "build/$preset" --parallel "$(nproc)" --output-on-failure --no-tests=error --progress "$@" |
-        sed -u 's/.*\r//' | awk '/Failed|\*\*\*|FAILED|Error|ERROR|tests passed|tests failed|SUMMARY|runtime error/ || failing { print }
+        sed -u 's/.*\r//; s/^\(.*tests passed.*\)$/= \1/' | awk '/Failed|\*\*\*|FAILED|Error|ERROR|tests passed|tests failed|SUMMARY|runtime error/ || failing { print }
                                  /\*\*\*Failed|\*\*\*Exception|\*\*\*Timeout/ { failing = 60 } failing { --failing }'
 }
 
@@ -91,7 +100,7 @@ step_shuffle() {
                 xargs -0 -P "$(nproc)" -I '{}' bash -c 'run_whole "$@"' run_whole "$seed" "$user" '{}' || status=1
         done
     done
-    [ $status != 0 ] || echo "the programs pass in every order tried, as ${#users[@]} user(s)"
+    [ $status != 0 ] || echo "= the programs pass in $((3 * factor)) orders, as ${#users[@]} user(s)"
     return $status
 }
 
@@ -124,26 +133,29 @@ step_asan-long() {
 
 step_config() {
     build release || return 1
-    CONFIG_SECONDS=${CONFIG_SECONDS:-60} CONFIG_READS=${CONFIG_READS:-1000000} CONFIG_KILLS=${CONFIG_KILLS:-5000} \
-        build/release/tests/config_endurance_test --gtest_filter='Long*' --gtest_brief=1
+    CONFIG_SECONDS=$((${CONFIG_SECONDS:-20} * factor)) CONFIG_READS=${CONFIG_READS:-1000000} \
+        CONFIG_KILLS=$((${CONFIG_KILLS:-2000} * factor)) \
+        build/release/tests/config_endurance_test --gtest_filter='Long*' --gtest_brief=1 |
+        sed -u '/[0-9]/s/^\([^[]\)/= \1/'
 }
 
 # Runs one case and tells what it printed in one line; all of it when it fails.
-#   run_counted CASE PROGRAM AWK-PROGRAM
+#   run_counted CASE PROGRAM AWK-PROGRAM [PRESET]
 run_counted() {
-    local output started=$SECONDS
-    output=$(build/release/tests/"$2" --gtest_filter="$1" --gtest_brief=1 2>&1 </dev/null) || {
+    local output started=$SECONDS preset=${4:-release}
+    output=$(LD_LIBRARY_PATH=$PWD/build/$preset/lib "build/$preset/tests/$2" --gtest_filter="$1" \
+        --gtest_brief=1 2>&1 </dev/null) || {
         printf '%s\n' "$output" | cut -c1-400 | head -60
-        echo "FAILED: $2 --gtest_filter=$1"
+        echo "FAILED: build/$preset/tests/$2 --gtest_filter=$1"
         return 1
     }
-    printf '%s\n' "$output" | awk -v case="$1" -v seconds=$((SECONDS - started)) "$3"
+    printf '%s\n' "$output" | awk -v case="$1" -v seconds=$((SECONDS - started)) "$3" | sed 's/^/= /'
 }
 
 step_recycle() {
     local case status=0
     build release || return 1
-    export QDUL_TEST_SECONDS=${RECYCLE_SECONDS:-60}
+    export QDUL_TEST_SECONDS=$((${RECYCLE_SECONDS:-5} * factor))
     for case in TwoProcesses TwoProcessesOfALogSet TwoHandlesOfALogSetInOneProcess; do
         run_counted LongRecycleRace.$case race_recycle_test '
             / busy and / { for (i = 2; i <= NF; ++i) if ($i == "busy") busy += $(i - 1)
@@ -161,12 +173,55 @@ step_recycle() {
 step_kills() {
     local case status=0
     build release || return 1
-    export QDUL_TEST_KILLS=${KILLS:-2000}
+    export QDUL_TEST_KILLS=$((${KILLS:-1000} * factor)) QDUL_TEST_KILL_ROUNDS=$factor
     for case in OfASeriesOfSmallRecords OfASeriesOfLargeRecords OfALogSetOfSmallRecords OfALogSetOfLargeRecords; do
         run_counted LongKilledWriters.$case race_kill_test '
             / kills, / { printf "%s: %s, %d s\n", case, $0, seconds }' || status=1
     done
+    for case in LongKilledWriters.AtEachCallOfASeries LongKilledWriters.AtEachCallOfASeriesWithoutUnnamedFiles \
+        LongKilledWriters.AtEachCallOfALogSet LongKilledWriters.AtEachCallOfALogSetWithoutUnnamedFiles \
+        LongKilledConfigurationWriters.AtEachCall; do
+        case $case in *Configuration*) set -- race_kill_config_test ;; *) set -- race_kill_test ;; esac
+        run_counted $case "$1" '/ kills, / { printf "%s: %s, %d s\n", case, $0, seconds }' || status=1
+    done
     return $status
+}
+
+step_faults() {
+    local part parts status=0 log started=$SECONDS
+    build release || return 1
+    log=$(mktemp -d) || return 1
+    parts=$(nproc)
+    for part in $(seq 0 $((parts - 1))); do
+        FAULT_PART=$part FAULT_PARTS=$parts TMPDIR=$(memory_directory) build/release/tests/fault_everything_test \
+            --gtest_filter='LongFaultEverything.*' --gtest_brief=1 >"$log/$part" 2>&1 </dev/null &
+    done
+    wait
+    for part in $(seq 0 $((parts - 1))); do
+        grep -q 'PASSED.*1 test' "$log/$part" && ! grep -q 'FAILED' "$log/$part" && continue
+        cut -c1-300 "$log/$part" | head -60
+        status=1
+    done
+    awk -v seconds=$((SECONDS - started)) '/ failures injected/ { cases += $1; of = $4; injected += $5 }
+        END { printf "= %d cases of %d, in which %d calls failed, %d s\n", cases, of, injected, seconds }' "$log"/*
+    rm -rf "$log"
+    return $status
+}
+
+step_mixed() {
+    local preset seconds=$((${MIXED_SECONDS:-60} * factor)) status=0
+    for preset in release tsan asan; do
+        build $preset || return 1
+        MIXED_SECONDS=$seconds TMPDIR=$(memory_directory) run_counted LongMixedRun.EachMessageIsThereOnce \
+            mixed_run_test '/ messages accepted / { printf "%s: %s, %d s\n", case, $0, seconds }' $preset || status=1
+        seconds=$(((${MIXED_SECONDS:-60} * factor + 2) / 3))
+    done
+    return $status
+}
+
+# A directory in memory for what writes much, if there is one.
+memory_directory() {
+    if [ -w /dev/shm ]; then echo /dev/shm; else echo "${TMPDIR:-/tmp}"; fi
 }
 
 # Numbers of the tests whose program uses threads or fork, for ctest -I.
@@ -225,7 +280,7 @@ step_model() {
         status=1
     done
     awk -v seconds=$((SECONDS - started)) '/no difference$/ { sequences += $1; steps += $3; records += $5; files += $7 }
-        END { printf "%d sequences, %d steps, %d records, %d files compared without difference in %d s\n",
+        END { printf "= %d sequences, %d steps, %d records, %d files compared without difference in %d s\n",
               sequences, steps, records, files, seconds }' "$log"/*
     rm -rf "$log"
     return $status
@@ -234,7 +289,7 @@ step_model() {
 step_postgres() {
     local status=0
     build release || return 1
-    POSTGRES_SECONDS=${POSTGRES_SECONDS:-60} QDUL_BUILD=$PWD/build/release QDUL_SOURCE=$PWD PYTHONDONTWRITEBYTECODE=1 \
+    POSTGRES_SECONDS=$((${POSTGRES_SECONDS:-60} * factor)) QDUL_BUILD=$PWD/build/release QDUL_SOURCE=$PWD PYTHONDONTWRITEBYTECODE=1 \
         tests/support/in_private_dir.sh "$PWD/tests/system/postgres_test.py" || status=$?
     [ $status = 77 ] || return $status
 }
@@ -245,7 +300,7 @@ step_ship() {
     export QDUL_BUILD=$PWD/build/release QDUL_SOURCE=$PWD PYTHONDONTWRITEBYTECODE=1
     for script in qdlogview_spool ship report; do
         ended=0
-        SPOOL_KILLS=${SPOOL_KILLS:-300} SPOOL_POINTS=1 \
+        SPOOL_KILLS=$((${SPOOL_KILLS:-300} * factor)) SPOOL_POINTS=1 \
             tests/support/in_private_dir.sh "$PWD/tests/system/${script}_test.py" || ended=$?
         [ $ended = 0 ] || [ $ended = 77 ] || status=1
     done
@@ -272,10 +327,19 @@ cross() {
 step_arm64() { cross arm64; }
 step_s390x() { cross s390x; }
 
-step_fuzz() { ./dev fuzz $((${FUZZ_SECONDS:-10} * factor)); }
+step_fuzz() { ./dev fuzz $((${FUZZ_SECONDS:-10} * factor)) | sed -u 's/^\(.* inputs, .*\)$/= \1/'; }
 
-all_steps="format tests shuffle leaks asan asan-long config recycle kills tsan tidy cppcheck abi model postgres ship
-    package reproducible compilers arm64 s390x fuzz"
+step_coverage() {
+    local status=0
+    build coverage || return 1
+    find build/coverage -name '*.gcda' -delete
+    run_tests coverage -LE long || status=1
+    python3 tests/coverage.py build/coverage | sed -u 's|^\(src/ .*\)$|= \1|' || status=1
+    return $status
+}
+
+all_steps="format tests shuffle leaks asan asan-long config recycle kills faults mixed tsan tidy cppcheck abi model
+    postgres ship package reproducible compilers arm64 s390x fuzz coverage"
 [ $# -gt 0 ] || set -- full
 case $1 in
     ci) set -- format abi tests leaks asan ;;
@@ -296,15 +360,19 @@ done
 ./dev setup build check || exit 1
 summary=()
 failed=0
+mkdir -p build/check
 for step in "$@"; do
     echo "== $step"
     start=$SECONDS
-    if "step_$step"; then
+    if "step_$step" 2>&1 | tee "build/check/$step.log"; then
         summary+=("ok      $step ($((SECONDS - start)) s)")
     else
         summary+=("FAILED  $step ($((SECONDS - start)) s)")
         failed=1
     fi
+    while IFS= read -r line; do
+        summary+=("        ${line#= }")
+    done < <(grep '^= ' "build/check/$step.log")
 done
 echo "== checks"
 printf '%s\n' "${summary[@]}"

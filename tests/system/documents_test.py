@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """What documents say of programs: the commands and programs of README, docs/getting-started.md and docs/howto.md
-run and print what the pages say; the rows of docs/performance.md are called what the benchmark prints."""
+run and print what the pages say; the rows of docs/performance.md are called what the benchmark prints; the tests
+that documents name exist."""
 import glob
 import os
 import re
@@ -175,6 +176,38 @@ class Performance(unittest.TestCase):
         for path in glob.glob(f"{SOURCE}/bench/compare*.cpp"):
             printed |= set(re.findall(r'"([^"\n]+)"', read(path)))
         self.assertEqual([name for name in names if name not in printed], [])
+
+
+class NamedTests(unittest.TestCase):
+    """A promise's or a claim's tests are there under the names that the document gives."""
+
+    def test_the_named_tests_exist(self):
+        cases, suites = set(), set()
+        for path in glob.glob(f"{SOURCE}/tests/**/*_test.cpp", recursive=True):
+            for suite, case in re.findall(r"(?m)^(?:FRESH_)?TEST(?:_F|_P)?\((\w+), (\w+)\)", read(path)):
+                cases.add(f"{suite}.{case}")
+                suites.add(suite)
+        programs = {os.path.basename(path).rsplit(".", 1)[0] for path in glob.glob(f"{SOURCE}/tests/**/*_test.*", recursive=True)}
+        steps = set(re.findall(r"(?m)^step_([\w-]+)\(\)", read(f"{SOURCE}/tests/check.sh")))
+        for document, least in (("threat-model.md", 50), ("promises.md", 40)):
+            text = read(f"{SOURCE}/docs/{document}")
+            named = 0
+            for name in re.findall(r"`([^`\n]+)`", text):
+                with self.subTest(f"{document}: {name}"):
+                    if re.fullmatch(r"[A-Z]\w+\.[A-Z]\w+", name):
+                        self.assertIn(name, cases)
+                    elif re.fullmatch(r"[A-Z]\w+\.\*", name):
+                        self.assertIn(name[:-2], suites)
+                    elif match := re.fullmatch(r"(\w+_test): (test_\w+)", name):
+                        self.assertIn(f"def {match.group(2)}(", read(f"{SOURCE}/tests/system/{match.group(1)}.py"))
+                    elif re.fullmatch(r"\w+_test(\.py)?", name):
+                        self.assertIn(name.removesuffix(".py"), programs)
+                    elif name.startswith("./dev check "):
+                        self.assertLessEqual(set(name.split()[2:]), steps)
+                    else:
+                        continue
+                    named += 1
+            self.assertGreaterEqual(named, least, document)
 
 
 if __name__ == "__main__":
