@@ -23,7 +23,7 @@ fail() {
 packages=${PACKAGES:-$work/build/packages}
 if [ -z "${PACKAGES:-}" ]; then
     mapfile -t build_depends < <(sed -n '/^Build-Depends:/,/^[^ B]/{s/^Build-Depends://;/^ /{s/^ *\([a-z0-9+.-]*\).*/\1/;p}}' debian/control |
-        sed 's/^debhelper-compat$/debhelper/')
+        sed 's/^debhelper-compat$/debhelper/; s/^dh-sequence-python3$/dh-python/')
     new_root "$work/build" "$suite" amd64 build-essential lintian "${build_depends[@]}"
     mkdir "$work/build/qdul"
     tar -c --exclude-vcs --exclude=./build --exclude=./demo-out . | tar -x -C "$work/build/qdul"
