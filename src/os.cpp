@@ -431,8 +431,10 @@ bool isLogFileName(const char *name) {
 // Both records are ENTRY_CAPACITY long; false when the name does not fit.
 bool copyEntry(struct dirent *to, const struct dirent *from) {
     constexpr size_t HEAD = offsetof(struct dirent, d_name);
-    // Some file systems have names longer than the record's declared name field.
+    // Some file systems have names longer than the record's declared name field, whose size
+    // the compiler therefore must not go by.
     const char *name = reinterpret_cast<const char *>(from) + HEAD;
+    __asm__("" : "+r"(name));
     const size_t length = strnlen(name, ENTRY_CAPACITY - HEAD);
     if (length == ENTRY_CAPACITY - HEAD)
         return false;
