@@ -1311,10 +1311,11 @@ uint32_t osSetCfgSettings(LogCfg *cfg, PropertyStore *section);
  * syntax. The handle belongs to its caller and to one thread; no lock is taken in the
  * process. Results are ZOLTLOG_STORE_...:
  *   _INVALID_ARGUMENT  null argument, closed handle or a line feed in a text
- *   _NO_FILE           the file cannot be opened
+ *   _NO_FILE           the file cannot be opened, or has more than 16,777,216 bytes (errno: EFBIG)
  *   _NOT_FOUND         the property is not there or cannot be converted
  *   _NOT_CREATED       the file, its directory or its temporary file cannot be made
- *   _NOT_WRITTEN       writing, renaming or removing failed, or the buffer is too small
+ *   _NOT_WRITTEN       writing, renaming or removing failed, the file would have more than
+ *                      16,777,216 bytes, or the buffer is too small
  *   _NO_MORE           no further name
  *   _NO_SECTION        no such section
  *

@@ -16,10 +16,12 @@
 #include "cmn_routines.h"
 #include "decimal.h"
 #include "os.h"
+#include "regular_file.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -186,8 +188,15 @@ int storeOpenForReading(const char *path) {
     int descriptor = -1;
     if (openDescriptor(path, ZOLTLOG_OS_MODE_READ, 0, &descriptor) != ZOLTLOG_OS_OK)
         return -1;
-    notePath(path, true);
-    return descriptor;
+    struct stat status;
+    const bool isKnown = fstat(descriptor, &status) == 0;
+    if (isKnown && status.st_size <= static_cast<off_t>(STORE_FILE_MAX)) {
+        notePath(path, true);
+        return descriptor;
+    }
+    errno = isKnown ? EFBIG : errno;
+    closeKeepingErrno(descriptor);
+    return -1;
 }
 
 uint32_t utiOpenPropertyStoreFile(const char *path, const char *root, PropertyStore *store) {

@@ -29,6 +29,7 @@ inline constexpr uint32_t STORE_UNCHANGED = 105;   // a rewrite has nothing to c
 inline constexpr uint32_t STORE_REMOVE_FILE = 106; // a rewrite leaves no section: the file goes
 
 inline constexpr size_t STORE_LINE_MAX = 499;            // bytes handled as one line
+inline constexpr size_t STORE_FILE_MAX = 16777216;       // bytes of a file that is read or written
 inline constexpr size_t STORE_VALUE_SIZE = 400;          // a value read back, with its terminator
 inline constexpr char STORE_LOGSET_TOKEN[] = "LOGSET";   // first token of a log set's lines
 inline constexpr char STORE_LOGSET_PREFIX[] = "LOGSET."; // the same with what ends it
@@ -76,8 +77,9 @@ StoreText storeLogsetName(StoreText line);
 
 // ---- files ---------------------------------------------------------------------
 
-// A descriptor on a regular file or the null device for reading, as openDescriptor
-// gives them; -1 with errno otherwise. Other devices may never end.
+// A descriptor on a regular file for reading, as openDescriptor gives it; -1 with errno
+// otherwise: EFBIG for a file larger than STORE_FILE_MAX, which would keep its reader busy
+// for as long as its maker likes.
 int storeOpenForReading(const char *path);
 
 struct StoreReader { // reads a descriptor line by line; memory of its own
@@ -107,8 +109,8 @@ uint32_t storeValueBool(const char *value);
 bool storeWasRead(const char *path);
 void storeForget(const char *path);
 
-// Reads a descriptor to its end into a block of its own: ZOLTLOG_STORE_OK, STORE_UNREADABLE or
-// STORE_NO_MEMORY.
+// Reads a descriptor to its end into a block of its own: ZOLTLOG_STORE_OK, STORE_UNREADABLE,
+// with EFBIG also when it has grown beyond STORE_FILE_MAX, or STORE_NO_MEMORY.
 uint32_t storeReadWhole(int descriptor, char **bytes, size_t *size);
 
 // ---- rewrites ----------------------------------------------------------------------
@@ -119,6 +121,7 @@ struct StoreSource { // the file as it is; without one size is 0
     bool exists;
 };
 struct StoreOutput;
+// More than STORE_FILE_MAX in all fails, with EFBIG: nobody could read it.
 void storePut(StoreOutput *out, const char *text, size_t size);
 
 enum StoreMissing : uint8_t { // what becomes of a file that is not there, after a moment

@@ -232,6 +232,7 @@ struct StoreOutput {
     int descriptor;
     char *buffer; // what is not written yet
     size_t used;
+    size_t total;
     bool failed; // a write failed
 };
 
@@ -252,6 +253,11 @@ void flush(StoreOutput *out) {
 } // namespace
 
 void storePut(StoreOutput *out, const char *text, size_t size) {
+    if (!out->failed && size > STORE_FILE_MAX - out->total) {
+        out->failed = true;
+        errno = EFBIG;
+    }
+    out->total += out->failed ? 0 : size;
     while (size > 0 && !out->failed) {
         size_t part = WRITE_BUFFER_SIZE - out->used;
         if (part > size)
@@ -324,7 +330,7 @@ uint32_t writeContent(Rewrite *rewrite) {
     const LogOwned<char> buffer(static_cast<char *>(zoltLogMalloc(WRITE_BUFFER_SIZE)));
     if (buffer == nullptr)
         return STORE_NO_MEMORY;
-    StoreOutput out = {rewrite->temporary.descriptor, buffer.get(), 0, false};
+    StoreOutput out = {rewrite->temporary.descriptor, buffer.get(), 0, 0, false};
     const uint32_t result = rewrite->how->make(&rewrite->content, &out, rewrite->how->context);
     if (result != ZOLTLOG_STORE_OK)
         return result;
@@ -471,7 +477,7 @@ uint32_t storeMakeAnew(const char *path, const char *content) {
         return ZOLTLOG_STORE_NOT_CREATED;
     }
     const LogOwned<char> buffer(static_cast<char *>(zoltLogMalloc(WRITE_BUFFER_SIZE)));
-    StoreOutput out = {descriptor, buffer.get(), 0, buffer == nullptr};
+    StoreOutput out = {descriptor, buffer.get(), 0, 0, buffer == nullptr};
     storePut(&out, content, strlen(content));
     flush(&out);
     const bool synced = !out.failed && (fsync(descriptor) == 0 || errno == EINVAL);

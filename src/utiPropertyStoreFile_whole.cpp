@@ -27,6 +27,10 @@ uint32_t storeReadWhole(int descriptor, char **bytes, size_t *size) {
         if (count < 0 && errno != EINTR)
             return STORE_UNREADABLE;
         used += count > 0 ? static_cast<size_t>(count) : 0;
+        if (used > STORE_FILE_MAX) {
+            errno = EFBIG;
+            return STORE_UNREADABLE;
+        }
         if (used == room) { // it grew meanwhile
             room *= 2;
             auto *larger = static_cast<char *>(realloc(block.get(), room));

@@ -5,6 +5,7 @@
 #include "support/syscalls.h"
 #include "zoltlog.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -495,6 +496,51 @@ TEST(PropertyStore, OpeningWhatIsNoFileFails) {
     EXPECT_EQ(utiOpenPropertyStore("pipe.conf", "5", &store), ZOLTLOG_STORE_NO_FILE);
     EXPECT_EQ(utiOpenPropertyStore("/dev/zero", "5", &store), ZOLTLOG_STORE_NO_FILE);
     EXPECT_EQ(utiOpenPropertyStore("/dev/null", "5", &store), ZOLTLOG_STORE_NO_FILE);
+}
+
+constexpr off_t LARGEST = 16777216;
+
+off_t sizeOf(const char *path) {
+    struct stat status = {};
+    return stat(path, &status) == 0 ? status.st_size : -1;
+}
+
+TEST(PropertyStore, AFileOfMoreThanSixteenMegabytesIsNotReadAndNotMade) {
+    writeFile(FILE_NAME, "5.a=1\n");
+    ASSERT_EQ(truncate(FILE_NAME, LARGEST), 0); // the largest one
+    PropertyStore store;
+    ASSERT_EQ(utiOpenPropertyStore(FILE_NAME, "5", &store), ZOLTLOG_STORE_OK);
+    EXPECT_EQ(get(&store, "a"), "1");
+    EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "2"), ZOLTLOG_STORE_OK); // no longer than it was
+    EXPECT_EQ(sizeOf(FILE_NAME), LARGEST);
+    EXPECT_EQ(utiSetPropertyAsStr(&store, "a", "22"), ZOLTLOG_STORE_NOT_WRITTEN);
+    EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(get(&store, "a"), "2");
+    EXPECT_EQ(sizeOf(FILE_NAME), LARGEST);
+    utiClosePropertyStore(&store);
+
+    ASSERT_EQ(truncate(FILE_NAME, LARGEST + 1), 0);
+    EXPECT_EQ(utiOpenPropertyStore(FILE_NAME, "5", &store), ZOLTLOG_STORE_NO_FILE);
+    EXPECT_EQ(errno, EFBIG);
+    EXPECT_EQ(store.stream, nullptr);
+    char *text = nullptr;
+    EXPECT_EQ(GetPropertyString(FILE_NAME, "5", "a", &text), ZOLTLOG_CFG_NOT_FOUND);
+    ASSERT_EQ(truncate(FILE_NAME, off_t{1} << 40), 0); // a terabyte of nothing
+    EXPECT_EQ(utiOpenPropertyStore(FILE_NAME, "5", &store), ZOLTLOG_STORE_NO_FILE);
+}
+
+// It may grow between the look at its size and the end of the reading.
+TEST(PropertyStore, AFileThatGrowsBeyondSixteenMegabytesWhileItIsReadIsNotChanged) {
+    writeFile(FILE_NAME, "5.a=1\n");
+    Store store("5");
+    libc::read.hook = [](int descriptor, void *buffer, size_t size) -> ssize_t {
+        if (truncate(FILE_NAME, LARGEST + 1) != 0)
+            return -1;
+        return libc::read.real(descriptor, buffer, size);
+    };
+    EXPECT_EQ(utiSetPropertyAsStr(&store.handle, "a", "2"), ZOLTLOG_STORE_NOT_WRITTEN);
+    libc::read.hook = nullptr;
+    EXPECT_EQ(get(&store.handle, "a"), "1");
 }
 
 TEST(PropertyStore, ClosingTwiceIsHarmless) {

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <unistd.h>
 
 namespace tools {
 
@@ -23,9 +22,16 @@ std::string mainFileText(uint32_t (*read)(const char *, uint64_t, char **), uint
     return copy;
 }
 
-// That a file cannot be read, or "".
+// That the library cannot read a file, or "".
 std::string unreadable(const std::string &path) {
-    return access(path.c_str(), R_OK) == 0 ? "" : "configuration " + path + ": " + std::strerror(errno);
+    PropertyStore store;
+    errno = 0;
+    if (utiOpenPropertyStore(path.c_str(), "", &store) == ZOLTLOG_STORE_OK) {
+        utiClosePropertyStore(&store);
+        return "";
+    }
+    const std::string cause = errno == ENXIO ? "Not a regular file" : std::strerror(errno);
+    return "configuration " + path + ": " + cause;
 }
 
 ConfigFile mainFile() {

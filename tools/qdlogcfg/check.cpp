@@ -149,7 +149,8 @@ int checkConfiguration(const Options &options, Output &out) {
         if (!file.readable) {
             findings.error(mainFile.path, product.line,
                            "product " + std::to_string(product.id) + ": " + product.location +
-                               " cannot be read; built-in defaults apply");
+                               " cannot be read (" + std::strerror(file.cause) +
+                               "); built-in defaults apply");
             continue;
         }
         checkLeftover(product.location, findings);
