@@ -170,8 +170,9 @@ class OddNodes(unittest.TestCase):
         copy = ["copy", "-P", "5", "--to", "copies"]
         os.mkdir("copies")
         name = f"{self.directory}/copies/{os.path.basename(self.log_name(0))}"
-        self.at(name, lambda kind: self.assertEqual(self.run_it("qdlogmgr", *copy)[0], 4))
-        self.assertEqual(self.run_it("qdlogmgr", *copy)[0], 0)
+        for words in (copy, [*copy, "--replace"]):
+            self.at(name, lambda kind, words=words: self.assertEqual(self.run_it("qdlogmgr", *words)[0], 4))
+            self.assertEqual(self.run_it("qdlogmgr", *words)[0], 0)
 
     def test_the_next_name(self):
         send = ["-P", "5", "-u", "9", "text"]
@@ -214,6 +215,12 @@ class OddNodes(unittest.TestCase):
             self.assertEqual((status, out), (3, b""))
             self.assertIn(b"cursor", err)
         self.at("cursor", read)
+
+        def save(_):
+            status, _, err = self.run_it("qdlogview", *view)
+            self.assertEqual(status, 3)
+            self.assertIn(b"cursor", err)
+        self.at("cursor.new", save)
         self.assertEqual(self.run_it("qdlogview", *view)[0], 0)
         os.rename("cursor", "real")
         os.symlink("real", "cursor")

@@ -309,7 +309,9 @@ Field findField(std::string_view name) {
     return nullptr;
 }
 
-HeldItem::HeldItem(const Item &from) : bytes(from.record.line), item(from) {
+HeldItem::HeldItem(const Item &from)
+    : bytes(from.record.line), item(from),
+      origin(from.origin != nullptr ? from.origin->weak_from_this().lock() : nullptr) {
     const std::string_view old = from.record.line;
     Record &record = item.record;
     if (!record.text.empty() && (std::less<>()(record.text.data(), old.data()) ||

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -59,8 +60,9 @@ struct IdNames {
     }
 };
 
-// Where a record was found. Held by its reader; records point at it.
-struct Origin {
+// Where a record was found. Held by its reader while it reads there, and by copies of records;
+// items point at it.
+struct Origin : std::enable_shared_from_this<Origin> {
     std::string path;
     std::string base; // name without directory
     std::string logSet;
@@ -137,6 +139,7 @@ struct HeldItem {
 
     std::string bytes;
     Item item;
+    std::shared_ptr<const Origin> origin; // item's, kept
 };
 
 } // namespace tools

@@ -3,19 +3,47 @@
 
 #include "src/regular_file.h"
 
+#include <cstdint>
+
 namespace tools {
 
-int openToRead(const std::string &path, int flags) {
-    const int descriptor = openRegular(AT_FDCWD, path.c_str(), O_RDONLY | flags);
+namespace {
+
+int openTold(const std::string &path, int flags) {
+    const int descriptor = openRegular(AT_FDCWD, path.c_str(), flags);
     if (descriptor == -1 && errno == ENXIO)
         errno = EINVAL; // which is told in words that fit
     return descriptor;
 }
 
+} // namespace
+
+int openToRead(const std::string &path, int flags) {
+    return openTold(path, O_RDONLY | flags);
+}
+
+int openAnew(const std::string &path, mode_t mode, bool replace) {
+    const int made = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
+    if (made >= 0 || errno != EEXIST || !replace)
+        return made;
+    const int there = openTold(path, O_WRONLY | O_NOFOLLOW);
+    if (there >= 0 && ftruncate(there, 0) != 0) {
+        closeKeepingErrno(there);
+        return -1;
+    }
+    return there;
+}
+
 bool readWhole(const std::string &path, size_t limit, std::string &bytes) {
     const int descriptor = openToRead(path);
+    struct stat status {};
     if (descriptor < 0)
         return false;
+    if (fstat(descriptor, &status) == 0 && static_cast<uint64_t>(status.st_size) > limit) {
+        close(descriptor);
+        errno = EFBIG;
+        return false;
+    }
     constexpr size_t BLOCK = 65536;
     bytes.clear();
     ssize_t got = 1;

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opening the files that a tool is told to read.
+// Opening the files that a tool is told to read or to replace.
 #pragma once
 
 #include <cstddef>
 #include <string>
+#include <sys/types.h>
 
 namespace tools {
 
@@ -11,6 +12,11 @@ namespace tools {
 // symbolic link to one, and nothing else at all: EISDIR for a directory, EINVAL for any other
 // kind of node. flags may be O_NOFOLLOW.
 int openToRead(const std::string &path, int flags = 0);
+
+// A descriptor for writing on a new file of that mode, less the umask, or with `replace` on a
+// regular file that is there and is emptied. Nothing else that is there is opened: refused as
+// above, a symbolic link with ELOOP; without `replace` all with EEXIST.
+int openAnew(const std::string &path, mode_t mode, bool replace);
 
 // Reads a file whole. False with errno: also EFBIG when it is larger than limit.
 bool readWhole(const std::string &path, size_t limit, std::string &bytes);

@@ -198,6 +198,11 @@ void Json::clear() {
     state->writer.Reset(state->buffer);
 }
 
+void Json::pass(Output &out) {
+    out.write(written());
+    state->buffer.Clear();
+}
+
 void writeLine(Output &out, Json &json) {
     out.buffer += json.written();
     out.write("\n");

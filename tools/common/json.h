@@ -47,6 +47,7 @@ struct Json {
 
     std::string_view written() const; // what was written since clear()
     void clear();                     // begins a new text
+    void pass(Output &out);           // hands over what was written; the text goes on
 
     struct State;
 

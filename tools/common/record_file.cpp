@@ -178,6 +178,10 @@ LineReader::Got LineReader::refill() {
         scanned -= begin;
         begin = 0;
     }
+    if (valid == 0 && capacity > blockSize) { // a long line is over
+        capacity = blockSize;
+        buffer.reset(new char[capacity]);
+    }
     if (valid == capacity) {
         std::unique_ptr<char[]> larger(new char[capacity * 2]);
         std::memcpy(larger.get(), buffer.get(), valid);
@@ -601,6 +605,22 @@ bool readSummary(const std::string &path, FileSummary &out, std::string &problem
     out.hasTimes = file.firstTime(out.first) && file.lastTime(out.last);
     problem = file.lines.problem();
     return problem.empty();
+}
+
+bool completeEnd(const std::string &path, uint64_t &end) {
+    LineReader lines;
+    uint64_t size = 0;
+    if (!lines.open(path) || !lines.size(size))
+        return false;
+    char last = '\n';
+    uint64_t feed = 0;
+    if (size > 0 && lines.readAt(size - 1, &last, 1) != 1)
+        return false;
+    if (last == '\n')
+        end = size;
+    else
+        end = lines.lastLineFeed(0, size, feed) ? feed + 1 : 0;
+    return true;
 }
 
 } // namespace tools

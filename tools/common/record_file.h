@@ -182,4 +182,8 @@ struct FileSummary {
 // Reads header, first and last record only. False with a problem text.
 bool readSummary(const std::string &path, FileSummary &out, std::string &problem);
 
+// RecordFile::completeEnd of a file, quickly where it ends in a line feed. False when it cannot
+// be read.
+bool completeEnd(const std::string &path, uint64_t &end);
+
 } // namespace tools

@@ -223,47 +223,50 @@ size_t displayWidth(std::string_view text) {
 
 // ---- tables --------------------------------------------------------------------
 
-void printTable(Output &out, const Table &table, bool color) {
+void printTable(Output &out, const LongTable &table, bool color) {
     const size_t count = table.columns.size();
     std::vector<size_t> width(count, 0);
-    std::vector<std::vector<std::string>> shown;
-    shown.reserve(table.rows.size());
-    if (table.titles) {
-        for (size_t i = 0; i < count; ++i)
-            width[i] = displayWidth(table.columns[i].title);
+    std::vector<Cell> titles;
+    for (size_t i = 0; table.titles && i < count; ++i) {
+        titles.emplace_back(table.columns[i].title, Style::Bold);
+        width[i] = displayWidth(table.columns[i].title);
     }
-    for (const auto &row : table.rows) {
-        std::vector<std::string> cells;
-        for (size_t i = 0; i < count && i < row.size(); ++i) {
-            cells.push_back(escaped(row[i].text));
-            width[i] = std::max(width[i], displayWidth(cells.back()));
-        }
-        shown.push_back(std::move(cells));
+    for (size_t r = 0; r < table.rows; ++r) {
+        const std::vector<Cell> row = table.row(r);
+        for (size_t i = 0; i < count && i < row.size(); ++i)
+            width[i] = std::max(width[i], displayWidth(escaped(row[i].text)));
     }
 
-    const auto line = [&](const std::vector<std::string> &cells, const auto &styleOf) {
-        for (size_t i = 0; i < cells.size(); ++i) {
-            const size_t padding = width[i] - displayWidth(cells[i]);
-            const bool last = i + 1 == cells.size();
+    std::string shown;
+    const auto line = [&](const std::vector<Cell> &row) {
+        for (size_t i = 0; i < count && i < row.size(); ++i) {
+            shown.clear();
+            appendEscaped(shown, row[i].text);
+            // A row may have become wider since: what it tells of is in use.
+            const size_t padding = width[i] - std::min(width[i], displayWidth(shown));
+            const bool last = i + 1 == std::min(count, row.size());
             if (i > 0)
                 out.buffer += "  ";
             if (table.columns[i].align == Align::Right)
                 out.buffer.append(padding, ' ');
-            appendStyled(out.buffer, styleOf(i), cells[i], color);
+            appendStyled(out.buffer, row[i].style, shown, color);
             if (table.columns[i].align == Align::Left && !last)
                 out.buffer.append(padding, ' ');
         }
         out.buffer += '\n';
         out.drain();
     };
-    if (table.titles) {
-        std::vector<std::string> titles;
-        for (const Column &column : table.columns)
-            titles.push_back(column.title);
-        line(titles, [](size_t) { return Style::Bold; });
-    }
-    for (size_t r = 0; r < shown.size(); ++r)
-        line(shown[r], [&](size_t i) { return table.rows[r][i].style; });
+    if (table.titles)
+        line(titles);
+    for (size_t r = 0; r < table.rows && out.error == 0; ++r)
+        line(table.row(r));
+}
+
+void printTable(Output &out, const Table &table, bool color) {
+    printTable(
+        out,
+        LongTable{table.columns, table.rows.size(), [&](size_t r) { return table.rows[r]; }, table.titles},
+        color);
 }
 
 // ---- pager ---------------------------------------------------------------------

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <sys/types.h>
@@ -94,6 +95,16 @@ struct Table {
 
 // Columns are as wide as their widest cell, two blanks apart; texts are escaped.
 void printTable(Output &out, const Table &table, bool color);
+
+// A table of any length, of which no more than a row is held: each is asked for twice, for
+// the widths of the columns and to be shown.
+struct LongTable {
+    std::vector<Column> columns;
+    size_t rows = 0;
+    std::function<std::vector<Cell>(size_t)> row; // by its number, from 0
+    bool titles = true;
+};
+void printTable(Output &out, const LongTable &table, bool color);
 
 // ---- pager ---------------------------------------------------------------------
 

@@ -7,18 +7,17 @@
 #include "qdlogmgr/options.h"
 #include "qdlogmgr/series.h"
 
+#include <deque>
 #include <string>
-#include <vector>
 
 namespace qdlogmgr {
 
 struct Run {
     const Options &options;
-    std::vector<Series> series;
+    Catalogue catalogue;
     tools::Output &out;
     Problems problems;
     size_t failures; // files that something could not be done with
-    std::vector<Leftover> leftovers;
 };
 
 int listFiles(Run &run);
@@ -35,11 +34,12 @@ struct Choice {
     const Series *series;
     const File *file;
 };
+using Choices = std::deque<Choice>;
 
 // The files of all series that the options ask for, oldest first within each.
 // Without a condition: all of them, or the surplus ones when defaultSurplus is set.
 // Files that were named and are in no series are told as problems.
-std::vector<Choice> chosenFiles(Run &run, bool defaultSurplus);
+Choices chosenFiles(Run &run, bool defaultSurplus);
 
 // Why the file must not be removed, or "".
 std::string reasonToKeep(const File &file);

@@ -79,10 +79,7 @@ bool copyFile(const std::string &from, const std::string &to, bool replace, std:
         error = std::strerror(errno);
         return false;
     }
-    constexpr int ALWAYS =
-        O_WRONLY | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK; // a FIFO is not waited for
-    const int how = ALWAYS | (replace ? O_TRUNC : O_EXCL);
-    const Descriptor copy(open(to.c_str(), how, COPY_MODE));
+    const Descriptor copy(tools::openAnew(to, COPY_MODE, replace));
     if (copy.number < 0) {
         error = to + ": " + std::strerror(errno);
         return false;

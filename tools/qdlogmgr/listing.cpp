@@ -16,13 +16,13 @@ using tools::Style;
 namespace {
 
 const char *stateOf(const Choice &choice) {
-    if (!choice.file->doubtful.empty())
+    if (choice.file->isDoubtful())
         return "doubtful";
     if (choice.file->newest)
         return "newest";
     if (choice.file->surplus)
         return "surplus";
-    return choice.series->configured ? "kept" : "-";
+    return choice.series->isConfigured() ? "kept" : "-";
 }
 
 Style styleOf(const std::string &state) {
@@ -38,7 +38,18 @@ void startPager(const Run &run, tools::Pager &pager) {
         pager.start();
 }
 
-int showFiles(Run &run, const std::vector<Choice> &choices) {
+std::vector<Cell> rowOf(const Run &run, const Choice &choice) {
+    const File &file = *choice.file;
+    const std::string state = stateOf(choice);
+    return {Cell(choice.series->title()),
+            Cell(run.options.paths ? file.path() : file.name),
+            Cell(tools::formatSize(file.size)),
+            Cell(file.hasTimes ? timeText(run, file.first) : "-"),
+            Cell(file.hasTimes ? timeText(run, file.last) : "-"),
+            Cell(file.isDoubtful() ? state + ": " + file.doubt : state, styleOf(state))};
+}
+
+int showFiles(Run &run, const Choices &choices) {
     tools::Pager pager;
     startPager(run, pager);
     if (run.options.json) {
@@ -49,24 +60,18 @@ int showFiles(Run &run, const std::vector<Choice> &choices) {
             jsonFile(json, choice);
             json.text("state", stateOf(choice));
             json.flag("surplus", choice.file->surplus);
-            if (!choice.file->doubtful.empty())
-                json.text("doubt", choice.file->doubtful);
+            if (choice.file->isDoubtful())
+                json.text("doubt", choice.file->doubt);
             json.endObject();
+            json.pass(run.out);
         }
         json.endArray();
         writeLine(run.out, json);
     } else if (!choices.empty() && !run.options.quiet) {
-        tools::Table table;
+        tools::LongTable table;
         table.columns = {{"SERIES"}, {"FILE"}, {"SIZE", Align::Right}, {"FIRST"}, {"LAST"}, {"STATE"}};
-        for (const Choice &choice : choices) {
-            const File &file = *choice.file;
-            const std::string state = stateOf(choice);
-            table.rows.push_back(
-                {Cell(choice.series->title()), Cell(run.options.paths ? file.path : file.name),
-                 Cell(tools::formatSize(file.size)), Cell(file.hasTimes ? timeText(run, file.first) : "-"),
-                 Cell(file.hasTimes ? timeText(run, file.last) : "-"),
-                 Cell(file.doubtful.empty() ? state : state + ": " + file.doubtful, styleOf(state))});
-        }
+        table.rows = choices.size();
+        table.row = [&](size_t i) { return rowOf(run, choices[i]); };
         printTable(run.out, table, run.options.color);
     }
     const int status = finish(run, choices.size());
@@ -104,7 +109,7 @@ struct Sums {
 
 Sums sumsOf(const Series &series) {
     Sums sums;
-    for (const File &file : series.files) {
+    for (const File &file : series) {
         if (file.surplus) {
             ++sums.surplusFiles;
             sums.surplusSize += file.size;
@@ -125,10 +130,11 @@ uint64_t freeBytes(const std::string &directory) {
 }
 
 std::string keepText(const Series &series) {
-    if (!series.configured)
+    if (!series.isConfigured())
         return "-";
-    const std::string number = series.keep >= ZOLTLOG_KEEP_ALL_FILES ? "all" : std::to_string(series.keep);
-    return series.recycles ? number + ", recycled" : number;
+    const Writer &writer = *series.writer;
+    const std::string number = writer.keep >= ZOLTLOG_KEEP_ALL_FILES ? "all" : std::to_string(writer.keep);
+    return writer.recycles ? number + ", recycled" : number;
 }
 
 void usageAsJson(Run &run, const std::map<std::string, Volume> &volumes) {
@@ -136,26 +142,27 @@ void usageAsJson(Run &run, const std::map<std::string, Volume> &volumes) {
     json.beginObject();
     json.key("series");
     json.beginArray();
-    for (const Series &series : run.series) {
+    for (const Series &series : run.catalogue.series) {
         const Sums sums = sumsOf(series);
         json.beginObject();
-        json.number("product", series.product);
-        json.text("product_name", series.productName);
-        if (series.isLogset)
-            json.text("logset", series.logset);
+        json.number("product", series.product());
+        json.text("product_name", series.isConfigured() ? series.writer->productName : "");
+        if (series.isLogset())
+            json.text("logset", series.logset());
         else
-            json.number("originator", series.originator);
-        json.text("directory", series.directory);
-        json.number("files", series.files.size());
+            json.number("originator", series.originator());
+        json.text("directory", series.directory());
+        json.number("files", series.count);
         json.number("size", series.size());
         json.number("surplus_files", sums.surplusFiles);
         json.number("surplus_size", sums.surplusSize);
-        if (series.configured)
-            json.number("keep", series.keep);
+        if (series.isConfigured())
+            json.number("keep", series.writer->keep);
         else
             json.null("keep");
-        json.flag("recycles", series.recycles);
+        json.flag("recycles", series.isConfigured() && series.writer->recycles);
         json.endObject();
+        json.pass(run.out);
     }
     json.endArray();
     json.key("directories");
@@ -175,8 +182,21 @@ void usageAsJson(Run &run, const std::map<std::string, Volume> &volumes) {
     writeLine(run.out, json);
 }
 
+std::vector<Cell> usageRow(const Run &run, const Series &series) {
+    const Sums sums = sumsOf(series);
+    return {Cell(series.title()),
+            Cell(std::to_string(series.count)),
+            Cell(tools::formatSize(series.size())),
+            Cell(keepText(series)),
+            Cell(std::to_string(sums.surplusFiles), sums.surplusFiles != 0 ? Style::Yellow : Style::Plain),
+            Cell(sums.first != nullptr ? timeText(run, sums.first->first) : "-"),
+            Cell(sums.last != nullptr ? timeText(run, sums.last->last) : "-"),
+            Cell(series.directory())};
+}
+
 void usageAsTable(Run &run, const std::map<std::string, Volume> &volumes) {
-    tools::Table table;
+    const std::deque<Series> &all = run.catalogue.series;
+    tools::LongTable table;
     table.columns = {{"SERIES"},
                      {"FILES", Align::Right},
                      {"SIZE", Align::Right},
@@ -185,15 +205,8 @@ void usageAsTable(Run &run, const std::map<std::string, Volume> &volumes) {
                      {"FIRST"},
                      {"LAST"},
                      {"DIRECTORY"}};
-    for (const Series &series : run.series) {
-        const Sums sums = sumsOf(series);
-        table.rows.push_back(
-            {Cell(series.title()), Cell(std::to_string(series.files.size())),
-             Cell(tools::formatSize(series.size())), Cell(keepText(series)),
-             Cell(std::to_string(sums.surplusFiles), sums.surplusFiles != 0 ? Style::Yellow : Style::Plain),
-             Cell(sums.first != nullptr ? timeText(run, sums.first->first) : "-"),
-             Cell(sums.last != nullptr ? timeText(run, sums.last->last) : "-"), Cell(series.directory)});
-    }
+    table.rows = all.size();
+    table.row = [&](size_t i) { return usageRow(run, all[i]); };
     printTable(run.out, table, run.options.color);
     run.out.write("\n");
     for (const auto &[directory, volume] : volumes) {
@@ -212,21 +225,21 @@ int showUsage(Run &run) {
     tools::Pager pager;
     startPager(run, pager);
     std::map<std::string, Volume> volumes;
-    for (const Series &series : run.series) {
-        Volume &volume = volumes[series.directory];
-        volume.files += series.files.size();
+    for (const Series &series : run.catalogue.series) {
+        Volume &volume = volumes[series.directory()];
+        volume.files += series.count;
         volume.size += series.size();
     }
-    for (const Leftover &leftover : run.leftovers) {
+    for (const Leftover &leftover : run.catalogue.leftovers) {
         Volume &volume = volumes[leftover.directory];
         ++volume.leftoverFiles;
         volume.leftoverSize += leftover.size;
     }
     if (run.options.json)
         usageAsJson(run, volumes);
-    else if (!run.series.empty() && !run.options.quiet)
+    else if (!run.catalogue.series.empty() && !run.options.quiet)
         usageAsTable(run, volumes);
-    const int status = finish(run, run.series.size());
+    const int status = finish(run, run.catalogue.series.size());
     pager.finish();
     return status;
 }

@@ -21,11 +21,12 @@ namespace {
 // ---- choosing files --------------------------------------------------------------
 
 bool isNamed(const File &file, const std::set<std::string> &names, std::set<std::string> &met) {
-    char *real = realpath(file.path.c_str(), nullptr);
-    const std::string path = real != nullptr ? real : file.path;
+    const std::string given = file.path();
+    char *real = realpath(given.c_str(), nullptr);
+    const std::string path = real != nullptr ? real : given;
     free(real);
     bool named = false;
-    for (const std::string &name : {file.name, file.path, path}) {
+    for (const std::string &name : {std::string(file.name), given, path}) {
         if (names.count(name) == 0)
             continue;
         met.insert(name);
@@ -36,7 +37,7 @@ bool isNamed(const File &file, const std::set<std::string> &names, std::set<std:
 
 } // namespace
 
-std::vector<Choice> chosenFiles(Run &run, bool defaultSurplus) {
+Choices chosenFiles(Run &run, bool defaultSurplus) {
     const Options &options = run.options;
     const bool surplusOnly = options.surplusOnly || (defaultSurplus && options.files.empty() &&
                                                      options.olderThan.empty() && !options.keep.has_value());
@@ -47,12 +48,12 @@ std::vector<Choice> chosenFiles(Run &run, bool defaultSurplus) {
         free(real);
     }
     std::set<std::string> met;
-    std::vector<Choice> choices;
-    for (const Series &series : run.series) {
-        const size_t count = series.files.size();
+    Choices choices;
+    for (const Series &series : run.catalogue.series) {
+        const size_t count = series.count;
         const size_t kept = options.keep.has_value() ? std::min<uint64_t>(*options.keep, count) : 0;
         for (size_t i = 0; i < count; ++i) {
-            const File &file = series.files[i];
+            const File &file = series[i];
             if (!names.empty() && !isNamed(file, names, met))
                 continue;
             if ((surplusOnly && !file.surplus) || i >= count - kept ||
@@ -68,8 +69,8 @@ std::vector<Choice> chosenFiles(Run &run, bool defaultSurplus) {
 }
 
 std::string reasonToKeep(const File &file) {
-    if (!file.doubtful.empty())
-        return file.doubtful;
+    if (file.isDoubtful())
+        return file.doubt;
     return file.newest ? "the newest of its series" : "";
 }
 
@@ -82,12 +83,12 @@ std::string timeText(const Run &run, int64_t milliseconds) {
 void jsonFile(tools::Json &json, const Choice &choice) {
     const Series &series = *choice.series;
     const File &file = *choice.file;
-    json.number("product", series.product);
-    if (series.isLogset)
-        json.text("logset", series.logset);
+    json.number("product", series.product());
+    if (series.isLogset())
+        json.text("logset", series.logset());
     else
-        json.number("originator", series.originator);
-    json.text("path", file.path);
+        json.number("originator", series.originator());
+    json.text("path", file.path());
     json.number("size", file.size);
     if (file.hasTimes) {
         json.time("first", file.first);
@@ -112,13 +113,14 @@ void Report::tell(const char *action, const Choice &choice, const std::string &d
         if (!detail.empty())
             json.text("detail", detail);
         json.endObject();
+        json.pass(run.out);
         return;
     }
     if (run.options.quiet)
         return;
     std::string line;
     tools::appendStyled(line, tools::Style::Bold, action, run.options.color);
-    line += " " + tools::escaped(choice.file->path) + " (" + tools::formatSize(choice.file->size) + ")";
+    line += " " + tools::escaped(choice.file->path()) + " (" + tools::formatSize(choice.file->size) + ")";
     if (!detail.empty())
         line += ": " + tools::escaped(detail);
     run.out.write(line + "\n");
@@ -129,7 +131,7 @@ void Report::fail(const char *action, const Choice &choice, const std::string &w
     if (run.options.json)
         tell(action, choice, why);
     else
-        run.problems.push_back(choice.file->path + ": " + why);
+        run.problems.push_back(choice.file->path() + ": " + why);
 }
 
 void Report::finish() {
@@ -142,8 +144,9 @@ void Report::finish() {
 // ---- removing one file -----------------------------------------------------------
 
 bool removeFile(const File &file, std::string &error) {
+    const std::string path = file.path();
     struct stat status;
-    if (lstat(file.path.c_str(), &status) != 0) {
+    if (lstat(path.c_str(), &status) != 0) {
         error = strerror(errno);
         return false;
     }
@@ -153,7 +156,7 @@ bool removeFile(const File &file, std::string &error) {
         error = "it has changed meanwhile";
         return false;
     }
-    if (unlink(file.path.c_str()) != 0) {
+    if (unlink(path.c_str()) != 0) {
         error = strerror(errno);
         return false;
     }
@@ -172,7 +175,7 @@ int finish(Run &run, size_t done) {
         return done != 0 ? tools::EXIT_PARTIAL : tools::EXIT_UNREADABLE;
     if (done == 0 && !run.options.quiet)
         std::fprintf(stderr, "qdlogmgr: %s\n",
-                     run.series.empty() ? "no log files were found" : "no file matches");
+                     run.catalogue.series.empty() ? "no log files were found" : "no file matches");
     return done != 0 ? tools::EXIT_OK : tools::EXIT_NOTHING;
 }
 
@@ -185,9 +188,9 @@ int main(int argc, char **argv) {
     if (const auto status = parseCommandLine(argc, argv, options))
         return *status;
     tools::Output out;
-    Run run{options, {}, out, {}, 0, {}};
+    Run run{options, {}, out, {}, 0};
     int status = tools::EXIT_UNREADABLE;
-    if (findSeries(options, run.series, run.leftovers, run.problems))
+    if (findSeries(options, run.catalogue, run.problems))
         status = static_cast<const Command *>(options.command)->run(run);
     else
         finish(run, 0);

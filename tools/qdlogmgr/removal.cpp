@@ -58,10 +58,10 @@ int vacuumFiles(Run &run) {
     Report report(run);
     size_t removed = 0;
     uint64_t bytes = 0;
-    for (const Series &series : run.series) {
+    for (const Series &series : run.catalogue.series) {
         uint64_t size = series.size();
-        uint64_t count = series.files.size();
-        for (const File &file : series.files) {
+        uint64_t count = series.count;
+        for (const File &file : series) {
             const bool tooMuch = !options.vacuumSize.empty() && size > options.vacuumSizeBytes;
             const bool tooMany = options.vacuumCount.has_value() && count > *options.vacuumCount;
             const bool tooOld = !options.vacuumAge.empty() && file.modified < options.vacuumOldest;
@@ -76,7 +76,7 @@ int vacuumFiles(Run &run) {
     report.finish();
     tellSum(run, removed, bytes);
     if (removed == 0 && run.problems.empty() && run.failures == 0 &&
-        !run.series.empty()) { // which is what was asked for
+        !run.catalogue.series.empty()) { // which is what was asked for
         if (!options.json && !options.quiet)
             run.out.write("nothing to remove\n");
         return tools::EXIT_OK;

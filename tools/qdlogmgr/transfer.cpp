@@ -14,6 +14,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <set>
+#include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +30,7 @@ bool exists(const std::string &path, struct stat &status) {
 // An archive must be exact, and may find what an interrupted run has left.
 bool transfer(const Run &run, const File &file, bool archive, std::string &error) {
     const Options &options = run.options;
+    const std::string path = file.path();
     const bool packs = options.compress && tools::packedSuffix(file.name).empty();
     const std::string destination = options.to + "/" + file.name + (packs ? PACKED_SUFFIX : "");
     struct stat status;
@@ -40,8 +42,7 @@ bool transfer(const Run &run, const File &file, bool archive, std::string &error
             return false;
         }
         if (archive && !options.link &&
-            (packs ? isSamePacked(file.path, destination, error)
-                   : isSame(file.path, destination, false, error)))
+            (packs ? isSamePacked(path, destination, error) : isSame(path, destination, false, error)))
             return true; // left by an earlier run that was interrupted
         if (!options.replace) {
             error = destination + " exists";
@@ -49,7 +50,7 @@ bool transfer(const Run &run, const File &file, bool archive, std::string &error
         }
     }
     if (options.link) {
-        const uint32_t result = zoltLogCopyFileEx(file.path.c_str(), options.to.c_str());
+        const uint32_t result = zoltLogCopyFileEx(path.c_str(), options.to.c_str());
         if (result != ZOLTLOG_OK) {
             error = tools::resultMessage(result);
             return false;
@@ -60,9 +61,8 @@ bool transfer(const Run &run, const File &file, bool archive, std::string &error
         return false;
     }
     if (packs)
-        return packFile(file.path, destination, error) && isSamePacked(file.path, destination, error);
-    return copyFile(file.path, destination, options.replace, error) &&
-           isSame(file.path, destination, !archive, error);
+        return packFile(path, destination, error) && isSamePacked(path, destination, error);
+    return copyFile(path, destination, options.replace, error) && isSame(path, destination, !archive, error);
 }
 
 bool syncDirectory(const std::string &directory, std::string &error) {
@@ -79,12 +79,25 @@ bool isDirectory(const std::string &path) {
 }
 
 // Files of two directories may have one name: the second must not replace the first.
-bool isNameTaken(std::set<std::string> &taken, const Choice &choice, std::string &error) {
-    if (taken.insert(choice.file->name).second)
+struct TakenNames {
+    explicit TakenNames(const Catalogue &catalogue) : isPossible(hasSeveralDirectories(catalogue)) {}
+
+    bool take(const Choice &choice, std::string &error) {
+        if (!isPossible || names.insert(choice.file->name).second)
+            return true;
+        error = "another file of this name is transferred";
         return false;
-    error = "another file of this name is transferred";
-    return true;
-}
+    }
+
+  private:
+    static bool hasSeveralDirectories(const Catalogue &catalogue) { // they are in their order
+        return !catalogue.series.empty() &&
+               catalogue.series.front().directory() != catalogue.series.back().directory();
+    }
+
+    const bool isPossible;
+    std::set<std::string_view> names;
+};
 
 } // namespace
 
@@ -95,12 +108,11 @@ int copyFiles(Run &run) {
         return finish(run, 0);
     }
     Report report(run);
-    std::set<std::string> taken;
+    TakenNames taken(run.catalogue);
     size_t copied = 0;
     for (const Choice &choice : chosenFiles(run, false)) {
         std::string error;
-        if (!isNameTaken(taken, choice, error) &&
-            (options.dryRun || transfer(run, *choice.file, false, error))) {
+        if (taken.take(choice, error) && (options.dryRun || transfer(run, *choice.file, false, error))) {
             report.tell(options.dryRun ? "would copy" : "copied", choice);
             ++copied;
             continue;
@@ -121,8 +133,8 @@ int archiveFiles(Run &run) {
         return finish(run, 0);
     }
     Report report(run);
-    std::set<std::string> taken;
-    std::vector<Choice> there;
+    TakenNames taken(run.catalogue);
+    Choices there;
     for (const Choice &choice : chosenFiles(run, true)) {
         const std::string reason = reasonToKeep(*choice.file);
         if (!reason.empty()) {
@@ -130,8 +142,7 @@ int archiveFiles(Run &run) {
             continue;
         }
         std::string error;
-        if (!isNameTaken(taken, choice, error) &&
-            (options.dryRun || transfer(run, *choice.file, true, error))) {
+        if (taken.take(choice, error) && (options.dryRun || transfer(run, *choice.file, true, error))) {
             there.push_back(choice);
             continue;
         }

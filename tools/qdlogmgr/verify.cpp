@@ -1,111 +1,142 @@
 // SPDX-License-Identifier: Apache-2.0
-// verify: whether names, headers, records and counters of the files agree.
+// verify: whether names, headers, records and counters of the files agree. Findings are
+// shown as they come: there may be more of them than memory holds.
 #include "common/verify.h"
 #include "common/exit_codes.h"
 #include "qdlogmgr/commands.h"
 
 #include <algorithm>
-#include <map>
+#include <memory>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 namespace qdlogmgr {
 
 namespace {
 
-struct Found {
-    std::string path;
-    uint64_t offset;
-    bool problem; // else a note
-    std::string text;
-};
+struct Checking {
+    explicit Checking(Run &theRun) : run(theRun) {
+        if (!run.options.json)
+            return;
+        json.beginObject();
+        json.key("findings");
+        json.beginArray();
+    }
 
-struct Checked {
+    void tell(const std::string &path, uint64_t offset, bool isProblem, const std::string &text) {
+        problems += isProblem ? 1 : 0;
+        if (run.options.json)
+            tellAsJson(path, offset, isProblem, text);
+        else
+            tellAsText(path, offset, isProblem, text);
+    }
+
+    void finish() {
+        if (run.options.json) {
+            json.endArray();
+            json.number("files", files);
+            json.number("records", records);
+            json.number("problems", problems);
+            json.endObject();
+            writeLine(run.out, json);
+        } else if (!run.options.quiet) {
+            run.out.write(std::to_string(files) + " files, " + std::to_string(records) + " records, " +
+                          std::to_string(problems) + " problems\n");
+        }
+    }
+
+    Run &run;
     uint64_t files = 0;
     uint64_t records = 0;
     uint64_t problems = 0;
-    std::vector<Found> found;
+
+  private:
+    void tellAsJson(const std::string &path, uint64_t offset, bool isProblem, const std::string &text) {
+        json.beginObject();
+        json.text("path", path);
+        json.number("offset", offset);
+        json.flag("problem", isProblem);
+        json.text("text", text);
+        json.endObject();
+        json.pass(run.out);
+    }
+
+    void tellAsText(const std::string &path, uint64_t offset, bool isProblem, const std::string &text) const {
+        std::string line = tools::escaped(path) + ":" + std::to_string(offset) + ": ";
+        if (!isProblem)
+            line += "note: ";
+        tools::appendStyled(line, isProblem ? tools::Style::Red : tools::Style::Plain, tools::escaped(text),
+                            run.options.color);
+        run.out.write(line + "\n");
+    }
+
+    tools::Json json;
 };
 
-void tell(Checked &checked, const File &file, uint64_t offset, bool problem, const std::string &text) {
-    checked.found.push_back({file.path, offset, problem, text});
-    checked.problems += problem ? 1 : 0;
-}
-
-void checkFile(Run &run, const File &file, Checked &checked) {
+void checkFile(Checking &checking, const File &file) {
     tools::VerifyCounts counts;
     std::string problem;
+    const std::string path = file.path();
     const auto report = [&](const tools::Finding &finding) {
-        tell(checked, file, finding.at, finding.problem, finding.text);
+        checking.tell(path, finding.at, finding.problem, finding.text);
     };
-    if (!tools::verifyFile(file.path, report, counts, problem)) {
-        run.problems.push_back(file.path + ": " + problem);
+    if (!tools::verifyFile(path, report, counts, problem)) {
+        checking.run.problems.push_back(path + ": " + problem);
         return;
     }
-    ++checked.files;
-    checked.records += counts.records;
-    if (!file.doubtful.empty() && counts.problems == 0)
-        tell(checked, file, 0, true, file.doubtful);
+    ++checking.files;
+    checking.records += counts.records;
+    if (file.isDoubtful() && counts.problems == 0)
+        checking.tell(path, 0, true, file.doubt);
 }
 
-// Files from this one to the newest of its series.
-uint64_t filesFrom(const Series &series, const File &file) {
-    const auto place = [](const File &one) { return std::make_pair(one.dateOfName, one.counter); };
-    return static_cast<uint64_t>(std::count_if(series.files.begin(), series.files.end(),
-                                               [&](const File &one) { return !(place(one) < place(file)); }));
-}
+// How many files of a series have a name of this file's day and counter, or a later one.
+struct LaterFiles {
+    explicit LaterFiles(const Series &series) {
+        for (const File &file : series)
+            places.push_back(placeOf(file));
+        std::sort(places.begin(), places.end());
+    }
+    uint64_t countFrom(const File &file) const {
+        return static_cast<uint64_t>(places.end() -
+                                     std::lower_bound(places.begin(), places.end(), placeOf(file)));
+    }
+
+  private:
+    using Place = std::pair<uint64_t, uint64_t>;
+    static Place placeOf(const File &file) { return {file.dateOfName, file.counter}; }
+
+    std::vector<Place> places;
+};
 
 // The files of one host and day are numbered without gaps; only the oldest may be gone, and
 // with recycling those beyond the number to keep: one that a writer held is older than
 // others that are gone.
-void checkCounters(const Series &series, Checked &checked) {
-    std::map<std::pair<uint64_t, uint64_t>, std::map<uint64_t, const File *>> days;
-    for (const File &file : series.files)
-        if (!series.isLogset)
-            days[{file.host, file.dateOfName}][file.counter] = &file;
-    for (const auto &[day, files] : days) {
-        const File *before = nullptr;
-        for (const auto &[counter, file] : files) {
-            if (before != nullptr && counter != before->counter + 1)
-                tell(checked, *file, 0, !series.recycles || filesFrom(series, *file) < series.keep,
-                     "missing before it: counters " + std::to_string(before->counter + 1) + " to " +
-                         std::to_string(counter - 1) + " of its day");
-            before = file;
-        }
+void checkCounters(Checking &checking, const Series &series) {
+    if (series.isLogset())
+        return;
+    const auto dayOf = [](const File &file) { return std::make_pair(file.host, file.dateOfName); };
+    std::vector<const File *> files;
+    for (const File &file : series)
+        files.push_back(&file);
+    std::sort(files.begin(), files.end(), [&](const File *a, const File *b) {
+        return std::make_tuple(dayOf(*a), a->counter) < std::make_tuple(dayOf(*b), b->counter);
+    });
+    const bool recycles = series.isConfigured() && series.writer->recycles;
+    std::unique_ptr<LaterFiles> later;
+    for (size_t i = 1; i < files.size(); ++i) {
+        const File &before = *files[i - 1];
+        const File &file = *files[i];
+        if (dayOf(before) != dayOf(file) || file.counter - before.counter <= 1)
+            continue;
+        if (recycles && later == nullptr)
+            later = std::make_unique<LaterFiles>(series);
+        const bool isGone = recycles && later->countFrom(file) >= series.writer->keep;
+        checking.tell(file.path(), 0, !isGone,
+                      "missing before it: counters " + std::to_string(before.counter + 1) + " to " +
+                          std::to_string(file.counter - 1) + " of its day");
     }
-}
-
-void showAsJson(Run &run, const Checked &checked) {
-    tools::Json json;
-    json.beginObject();
-    json.number("files", checked.files);
-    json.number("records", checked.records);
-    json.number("problems", checked.problems);
-    json.key("findings");
-    json.beginArray();
-    for (const Found &found : checked.found) {
-        json.beginObject();
-        json.text("path", found.path);
-        json.number("offset", found.offset);
-        json.flag("problem", found.problem);
-        json.text("text", found.text);
-        json.endObject();
-    }
-    json.endArray();
-    json.endObject();
-    writeLine(run.out, json);
-}
-
-void showAsText(Run &run, const Checked &checked) {
-    for (const Found &found : checked.found) {
-        std::string line = tools::escaped(found.path) + ":" + std::to_string(found.offset) + ": ";
-        if (!found.problem)
-            line += "note: ";
-        tools::appendStyled(line, found.problem ? tools::Style::Red : tools::Style::Plain,
-                            tools::escaped(found.text), run.options.color);
-        run.out.write(line + "\n");
-    }
-    if (!run.options.quiet)
-        run.out.write(std::to_string(checked.files) + " files, " + std::to_string(checked.records) +
-                      " records, " + std::to_string(checked.problems) + " problems\n");
 }
 
 } // namespace
@@ -114,24 +145,22 @@ int verifyFiles(Run &run) {
     tools::Pager pager;
     if (!run.options.noPager && !run.options.json)
         pager.start();
-    Checked checked;
+    Checking checking(run);
     for (const Choice &choice : chosenFiles(run, false))
-        checkFile(run, *choice.file, checked);
+        checkFile(checking, *choice.file);
     if (run.options.files.empty())
-        for (const Series &series : run.series)
-            checkCounters(series, checked);
+        for (const Series &series : run.catalogue.series)
+            checkCounters(checking, series);
     if (run.options.files.empty())
-        for (const Leftover &leftover : run.leftovers)
-            checked.found.push_back({leftover.path, 0, false,
-                                     "left behind by a writer that was killed; it holds no record, and the "
-                                     "next file that is made here takes it away"});
-    if (run.options.json)
-        showAsJson(run, checked);
-    else
-        showAsText(run, checked);
-    const int status = finish(run, checked.files);
+        for (const Leftover &leftover : run.catalogue.leftovers)
+            checking.tell(leftover.path, 0, false,
+                          "left behind by a writer that was killed; it holds no record, and the next file "
+                          "that is made here takes it away");
+    checking.finish();
+    const int status = finish(run, checking.files);
     pager.finish();
-    return status == tools::EXIT_OK && checked.problems != 0 ? static_cast<int>(tools::EXIT_NOTHING) : status;
+    return status == tools::EXIT_OK && checking.problems != 0 ? static_cast<int>(tools::EXIT_NOTHING)
+                                                              : status;
 }
 
 } // namespace qdlogmgr

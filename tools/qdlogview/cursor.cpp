@@ -106,12 +106,12 @@ bool Cursor::take(const std::string &text, std::string &error) {
             offsets[path] = offset;
             continue;
         }
-        SourceFile file;
-        describeFile(path, file);
-        if (file.series.empty())
+        std::string series;
+        const SeriesPlace place = placeOf(path, series);
+        if (series.empty())
             offsets[path] = WHOLE_FILE;
-        else if (file.order >= finished[file.series].order)
-            finished[file.series] = {file.order, path};
+        else if (place.order() >= finished[series].place.order())
+            finished[series] = {place, path};
     }
     return true;
 }
@@ -142,13 +142,16 @@ bool Cursor::load(const std::string &file, std::string &error) {
 }
 
 uint64_t Cursor::startOf(const SourceFile &source) const {
-    for (const std::string &path : {source.path, unpackedPath(source.path)}) {
+    if (empty())
+        return 0;
+    const std::string sourcePath = source.path();
+    for (const std::string &path : {sourcePath, unpackedPath(sourcePath)}) {
         const auto exact = offsets.find(path); // compressing a file leaves its places as they are
         if (exact != offsets.end())
             return exact->second;
     }
-    const auto series = finished.find(source.series);
-    if (series != finished.end() && !source.series.empty() && source.order <= series->second.order)
+    const auto series = source.isInSeries() ? finished.find(source.seriesName()) : finished.end();
+    if (series != finished.end() && source.place.order() <= series->second.place.order())
         return WHOLE_FILE;
     return 0;
 }
@@ -160,30 +163,30 @@ std::string cursorText(const Reader &reader, const Cursor &before) {
     const auto entry = [&](const std::string &path, const std::string &value) {
         text += (text.empty() ? "" : ";") + quoted(path) + "@" + value;
     };
-    for (const auto &stream : reader.streams) {
-        if (stream->source.path == "-")
+    for (const Stream &stream : reader.streams) {
+        if (stream.source->isStandardInput())
             continue;
-        if (stream->source.series.empty())
-            entry(stream->source.path, std::to_string(stream->position));
+        if (stream.source->isInSeries())
+            series[stream.source->seriesName()].push_back(&stream);
         else
-            series[stream->source.series].push_back(stream.get());
+            entry(stream.source->path(), std::to_string(stream.position));
     }
     for (const auto &[name, last] : before.finished)
         series[name]; // stays read, also without a file that is left
     for (auto &[name, files] : series) {
         const auto isDone = [](const Stream &stream) {
-            return stream.gone || (stream.position >= stream.source.size &&
+            return stream.gone || (stream.position >= stream.source->size &&
                                    stream.state == Stream::State::Ended && !stream.stopped);
         };
         size_t done = 0; // from the begin of the series
         while (done + KEPT_APART < files.size() && isDone(*files[done]))
             ++done;
         if (done > 0)
-            entry(files[done - 1]->source.path, "*");
+            entry(files[done - 1]->source->path(), "*");
         else if (before.finished.count(name) != 0)
             entry(before.finished.at(name).path, "*");
         for (size_t i = done; i < files.size(); ++i)
-            entry(files[i]->source.path, std::to_string(files[i]->position));
+            entry(files[i]->source->path(), std::to_string(files[i]->position));
     }
     return text;
 }
@@ -231,8 +234,7 @@ CursorFile::~CursorFile() {
 
 bool CursorFile::replace(const std::string &file, const std::string &line) {
     const std::string temporary = file + ".new";
-    const int made =
-        open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0666);
+    const int made = tools::openAnew(temporary, 0666, true);
     if (made < 0)
         return false;
     const bool synced = spooled.number != 0;
@@ -259,8 +261,7 @@ bool CursorFile::append(const std::string &line) {
     return true;
 }
 
-bool CursorFile::save(const std::string &file, const Reader &reader, const Cursor &before,
-                      const SpoolMark *mark) {
+bool CursorFile::save(const std::string &file, Reader &reader, const Cursor &before, const SpoolMark *mark) {
     if (spooled.number == 0)
         spooled = before.spooled;
     if (mark != nullptr)
@@ -272,10 +273,10 @@ bool CursorFile::save(const std::string &file, const Reader &reader, const Curso
         if (spooled.number != 0)
             line += (line.empty() ? "" : ";") + entryOf(spooled);
     } else {
-        for (const auto &stream : reader.streams) {
-            if (stream->position != stream->kept && stream->source.path != "-")
-                line += (line.empty() ? "" : ";") + quoted(stream->source.path) + "@" +
-                        std::to_string(stream->position);
+        for (const Stream &stream : reader.streams) {
+            if (stream.position != stream.kept && !stream.source->isStandardInput())
+                line += (line.empty() ? "" : ";") + quoted(stream.source->path()) + "@" +
+                        std::to_string(stream.position);
         }
         if (mark != nullptr)
             line += (line.empty() ? "" : ";") + entryOf(spooled);
@@ -285,8 +286,8 @@ bool CursorFile::save(const std::string &file, const Reader &reader, const Curso
     line += '\n';
     if (!(anew ? replace(file, line) : append(line)))
         return false;
-    for (const auto &stream : reader.streams)
-        stream->kept = stream->position;
+    for (Stream &stream : reader.streams)
+        stream.kept = stream.position;
     return true;
 }
 

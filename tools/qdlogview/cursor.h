@@ -37,10 +37,10 @@ struct Cursor {
 
     std::map<std::string, uint64_t> offsets;
     struct Finished {
-        std::string order;
+        SeriesPlace place;
         std::string path;
     };
-    std::map<std::string, Finished> finished; // by series
+    std::map<std::string, Finished> finished; // by SourceFile::seriesName
     SpoolMark spooled;
 
   private:
@@ -59,7 +59,7 @@ struct CursorFile {
 
     // Appends what changed, or writes the file anew, which is renamed to its name. With a mark
     // (not null) the file is brought to the disk. False: errno.
-    bool save(const std::string &file, const Reader &reader, const Cursor &before, const SpoolMark *mark);
+    bool save(const std::string &file, Reader &reader, const Cursor &before, const SpoolMark *mark);
 
   private:
     bool replace(const std::string &file, const std::string &line);

@@ -41,7 +41,7 @@ struct Outcome {
     tools::ExitCode status = tools::EXIT_OK;
     int outputError = 0; // errno
     std::vector<std::string> problems;
-    std::vector<Reader::DamagedFile> damaged;
+    DamagedFiles damaged;
 };
 
 void addFiles(Reader &reader, const Sources &sources, const Cursor &cursor) {
@@ -101,8 +101,8 @@ void tellFindings(const Settings &settings, const Sources &sources, const Filter
                   const Outcome &outcome) {
     for (const std::string &problem : outcome.problems)
         complain(problem);
-    for (const Reader::DamagedFile &file : outcome.damaged)
-        complain(file.path + ": " + tools::counted(file.lines, "damaged line") + " left out, at " +
+    for (const DamagedFiles::Entry &file : outcome.damaged.entries)
+        complain(file.source->path() + ": " + tools::counted(file.lines, "damaged line") + " left out, at " +
                  std::to_string(file.firstOffset) + " first (see --verify)");
     if (filter.gaveUp())
         complain("a regular expression was too complex for some texts; they count as not matching");
@@ -124,7 +124,7 @@ int conclude(const Settings &settings, const Sources &sources, const Filter &fil
         tellFindings(settings, sources, filter, outcome);
     if (!outcome.problems.empty())
         return tools::EXIT_UNREADABLE;
-    if (!outcome.damaged.empty() || filter.gaveUp())
+    if (!outcome.damaged.entries.empty() || filter.gaveUp())
         return tools::EXIT_PARTIAL;
     return outcome.status;
 }

@@ -434,13 +434,13 @@ void Printer::printCsv(const Item &item) {
 // The stored lines, with the header line of the file where the file changes: the
 // output is a log file itself.
 void Printer::printRaw(const Item &item) {
-    if (item.origin != lastOrigin) {
+    if (item.origin != lastOrigin.get()) {
         if (!item.origin->headerLine.empty() &&
             (lastOrigin == nullptr || lastOrigin->headerLine != item.origin->headerLine)) {
             out.buffer += item.origin->headerLine;
             out.buffer += '\n';
         }
-        lastOrigin = item.origin;
+        lastOrigin = item.origin->shared_from_this();
     }
     out.buffer += item.record.line;
     out.buffer += '\n';

@@ -54,7 +54,7 @@ struct Printer {
     std::vector<tools::Field> fields;
     std::vector<std::string> keys; // json: ,"name": of each field
     std::string keyOf(std::string_view name) const;
-    const tools::Origin *lastOrigin = nullptr; // raw: whose header was written last
+    std::shared_ptr<const tools::Origin> lastOrigin; // raw: whose header was written last
 
     struct Piece { // of a template: a text, or (not null) a field
         std::string text;

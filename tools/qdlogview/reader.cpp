@@ -17,32 +17,39 @@ using tools::RecordFile;
 namespace {
 
 constexpr uint64_t SMALL_FILE = 256UL * 1024;        // read as it is, without a search for times
-constexpr size_t BUFFER_BUDGET = 64UL * 1024 * 1024; // of all block buffers together
-constexpr size_t SMALLEST_BLOCK = 16UL * 1024;
+constexpr size_t BUFFER_BUDGET = 16UL * 1024 * 1024; // of all block buffers together
+// Files whose times overlap are open at the same time, up to so many; the others are opened
+// anew for each of their records that is next.
+constexpr size_t MOST_OPEN = 512;
 
 int64_t saturatingAdd(int64_t a, int64_t b) {
     int64_t sum = 0;
     return __builtin_add_overflow(a, b, &sum) ? (b > 0 ? INT64_MAX : INT64_MIN) : sum;
 }
 
+// Files of no series are together, too.
+bool isSameSeries(const SourceFile &a, const SourceFile &b) {
+    return a.isInSeries() == b.isInSeries() && (!a.isInSeries() || a.series() == b.series());
+}
+
 } // namespace
 
 void Reader::add(const SourceFile &source, uint64_t from, uint64_t to) {
-    auto stream = std::make_unique<Stream>();
-    stream->source = source;
-    stream->to = to;
-    stream->index = streams.empty() ? 0 : streams.back()->index + 1;
-    stream->from = stream->position = from;
-    stream->key = backwards ? source.modified : source.created;
+    const uint32_t index = streams.empty() ? 0 : streams.back().index + 1;
+    Stream &stream = streams.emplace_back();
+    stream.source = &source;
+    stream.to = to;
+    stream.index = index;
+    stream.from = stream.position = from;
+    stream.key = backwards ? source.modified : source.created;
     if (range.limited && !range.scan) {
         if (source.modified < saturatingAdd(range.since, -ORDER_SLACK)) { // nothing was written since
-            stream->state = Stream::State::Ended;
-            stream->position = source.isPacked ? WHOLE_FILE : source.size;
+            stream.state = Stream::State::Ended;
+            stream.position = source.isPacked() ? WHOLE_FILE : source.size;
         } else if (source.created > saturatingAdd(range.until, ORDER_SLACK)) {
-            stream->state = Stream::State::Ended;
+            stream.state = Stream::State::Ended;
         }
     }
-    streams.push_back(std::move(stream));
 }
 
 bool Reader::beyondRange(int64_t firstTime) const {
@@ -57,16 +64,16 @@ void Reader::prepare() {
          begin < streams.size() && range.limited && !range.scan && range.until != INT64_MAX;) {
         size_t end = begin;
         std::vector<Stream *> series;
-        while (end < streams.size() && streams[end]->source.series == streams[begin]->source.series) {
-            if (streams[end]->state == Stream::State::Unopened)
-                series.push_back(streams[end].get());
+        while (end < streams.size() && isSameSeries(*streams[end].source, *streams[begin].source)) {
+            if (streams[end].state == Stream::State::Unopened)
+                series.push_back(&streams[end]);
             ++end;
         }
-        if (series.size() > WORTHWHILE && !series.front()->source.series.empty()) {
+        if (series.size() > WORTHWHILE && series.front()->source->isInSeries()) {
             const auto beyond = std::partition_point(series.begin(), series.end(), [&](Stream *stream) {
                 RecordFile file;
                 int64_t first = 0;
-                return !file.open(stream->source.path) || !file.firstTime(first) || !beyondRange(first);
+                return !file.open(stream->source->path()) || !file.firstTime(first) || !beyondRange(first);
             });
             for (auto each = beyond; each != series.end(); ++each)
                 (*each)->state = Stream::State::Ended;
@@ -75,9 +82,9 @@ void Reader::prepare() {
     }
     heap.clear();
     size_t open = 0;
-    for (const auto &stream : streams) {
-        if (stream->state == Stream::State::Unopened) {
-            push(stream.get());
+    for (Stream &stream : streams) {
+        if (stream.state == Stream::State::Unopened) {
+            push(&stream);
             ++open;
         }
     }
@@ -86,22 +93,21 @@ void Reader::prepare() {
 }
 
 bool Reader::open(Stream &stream) {
-    if (stream.file != nullptr)
+    if (stream.opened != nullptr)
         return true;
     if (stream.state == Stream::State::Ended && !keepOpen)
         return false;
-    auto file = std::make_unique<RecordFile>();
-    if (!file->open(stream.source.path)) {
-        problems.push_back(stream.source.path + ": " + file->problem);
-        stream.state = Stream::State::Failed;
-        stream.gone = access(stream.source.path.c_str(), F_OK) != 0 && errno == ENOENT;
+    stream.opened = std::make_unique<OpenFile>();
+    ++openFiles;
+    RecordFile &opened = stream.opened->file;
+    if (!opened.open(stream.source->path())) {
+        fail(stream, opened.problem);
+        stream.gone = access(stream.source->path().c_str(), F_OK) != 0 && errno == ENOENT;
         return false;
     }
-    file->lines.blockSize =
-        std::clamp(BUFFER_BUDGET / std::max<size_t>(streams.size(), 1), SMALLEST_BLOCK, tools::BLOCK_SIZE);
-    stream.file = std::move(file);
+    opened.lines.blockSize =
+        std::min(BUFFER_BUDGET / std::clamp<size_t>(streams.size(), 1, MOST_OPEN), tools::BLOCK_SIZE);
     newOrigin(stream);
-    RecordFile &opened = *stream.file;
     if (!opened.lines.seekable)
         return true;
 
@@ -111,7 +117,7 @@ bool Reader::open(Stream &stream) {
     if (!inOrderOnly)
         opened.lines.size(size);
     if (backwards && !opened.lines.problem().empty()) // what is in front of the damage is read
-        problems.push_back(stream.source.path + ": " + opened.lines.problem());
+        problems.push_back(stream.source->path() + ": " + opened.lines.problem());
     if (stream.from > 0) {
         // A cursor beyond the end, or within a line, is of another file of this name.
         char before = 0;
@@ -122,7 +128,7 @@ bool Reader::open(Stream &stream) {
     const bool search = range.limited && !range.scan && !inOrderOnly && size > SMALL_FILE && opened.inOrder();
     const uint64_t begin =
         search && range.since != INT64_MIN ? opened.findTime(range.since) : opened.dataBegin;
-    stream.stopTime = search ? saturatingAdd(range.until, ORDER_SLACK) : INT64_MAX;
+    stream.opened->stopTime = search ? saturatingAdd(range.until, ORDER_SLACK) : INT64_MAX;
     if (backwards) {
         uint64_t end = std::min(opened.completeEnd(), stream.to);
         if (search && range.until != INT64_MAX) {
@@ -142,62 +148,87 @@ bool Reader::open(Stream &stream) {
 }
 
 void Reader::close(Stream &stream) {
-    if (!keepOpen || stream.old)
-        stream.file.reset();
+    if (!keepOpen || stream.old || openFiles > MOST_OPEN)
+        shut(stream);
+}
+
+void Reader::shut(Stream &stream) {
+    openFiles -= stream.opened != nullptr ? 1 : 0;
+    stream.opened.reset();
+}
+
+void Reader::fail(Stream &stream, const std::string &why) {
+    problems.push_back(stream.source->path() + ": " + why);
+    stream.state = Stream::State::Failed;
+    shut(stream);
+}
+
+// Closes a file whose next record is known, for others to be open.
+void Reader::park(Stream &stream) {
+    const OpenFile &opened = *stream.opened;
+    const tools::LineReader &lines = opened.file.lines;
+    if (!lines.seekable || lines.isPacked() || opened.hasHeaders)
+        return; // reading on from its place would take long, or lack what was before
+    const uint64_t place = opened.item.offset;
+    if (backwards)
+        stream.to = place + opened.item.record.line.size() + 1;
+    else
+        stream.position = place;
+    stream.state = Stream::State::Parked;
+    shut(stream);
+}
+
+bool Reader::resume(Stream &stream) {
+    const uint64_t place = stream.position;
+    if (!open(stream))
+        return false;
+    if (!backwards)
+        stream.opened->file.seek(place);
+    if (load(stream))
+        return true;
+    close(stream);
+    return false;
 }
 
 void Reader::newOrigin(Stream &stream) {
-    RecordFile &file = *stream.file;
-    tools::Origin origin;
-    origin.path = stream.source.path;
-    origin.base = file.base;
-    origin.logSet = std::string(file.name.logSet);
-    origin.host = file.host;
-    origin.hasHost = file.header.version != 0;
-    origin.names = range.names;
-    origin.hasOffset = file.header.hasOffset;
-    origin.offset = file.header.offset;
-    if (file.header.version != 0 && file.lines.seekable && stream.origins.empty()) {
-        origin.headerLine.resize(static_cast<size_t>(file.dataBegin - 1));
-        file.lines.readAt(0, origin.headerLine.data(), origin.headerLine.size());
+    OpenFile &opened = *stream.opened;
+    RecordFile &file = opened.file;
+    const auto origin = std::make_shared<tools::Origin>();
+    origin->path = stream.source->path();
+    origin->base = file.base;
+    origin->logSet = std::string(file.name.logSet);
+    origin->host = file.host;
+    origin->hasHost = file.header.version != 0;
+    origin->names = range.names;
+    origin->hasOffset = file.header.hasOffset;
+    origin->offset = file.header.offset;
+    if (file.header.version != 0 && file.lines.seekable && opened.origin == nullptr) {
+        origin->headerLine.resize(static_cast<size_t>(file.dataBegin - 1));
+        file.lines.readAt(0, origin->headerLine.data(), origin->headerLine.size());
     } else if (file.header.version != 0) {
-        origin.headerLine = file.line;
+        origin->headerLine = file.line;
     }
-    stream.origins.push_back(std::move(origin));
-}
-
-void Reader::tellDamage(const Stream &stream) {
-    const RecordFile &file = *stream.file;
-    if (damaged.empty() || damaged.back().path != stream.source.path) {
-        const auto same = std::find_if(damaged.begin(), damaged.end(), [&](const DamagedFile &each) {
-            return each.path == stream.source.path;
-        });
-        if (same == damaged.end()) {
-            damaged.push_back({stream.source.path, 1, file.offset});
-            return;
-        }
-        ++same->lines;
-        return;
-    }
-    ++damaged.back().lines;
+    opened.hasHeaders = opened.origin != nullptr;
+    opened.origin = origin;
 }
 
 // The stream's next record in the range; false at its end.
 bool Reader::load(Stream &stream) {
-    RecordFile &file = *stream.file;
+    OpenFile &opened = *stream.opened;
+    RecordFile &file = opened.file;
     for (;;) {
         switch (backwards ? file.previous() : file.next()) {
         case RecordFile::Got::Record: {
             const tools::Record &record = file.record;
             if (range.limited) {
                 if (!record.hasPrefix() || record.time < range.since) {
-                    if (backwards && stream.stopTime != INT64_MAX &&
+                    if (backwards && opened.stopTime != INT64_MAX &&
                         record.time < saturatingAdd(range.since, -ORDER_SLACK))
                         break;
                     continue;
                 }
                 if (record.time > range.until) {
-                    if (!backwards && record.time > stream.stopTime) {
+                    if (!backwards && record.time > opened.stopTime) {
                         stream.position = file.offset;
                         stream.stopped = true;
                         break;
@@ -207,12 +238,12 @@ bool Reader::load(Stream &stream) {
             }
             if (backwards && file.offset < stream.from)
                 break;
-            stream.item.record = record;
+            opened.item.record = record;
             if (record.text.empty() && !record.block.empty() &&
-                tools::renderBlock(record.block, stream.rendered) && !stream.rendered.empty())
-                stream.item.record.text = stream.rendered;
-            stream.item.offset = file.offset;
-            stream.item.origin = &stream.origins.back();
+                tools::renderBlock(record.block, opened.rendered) && !opened.rendered.empty())
+                opened.item.record.text = opened.rendered;
+            opened.item.offset = file.offset;
+            opened.item.origin = opened.origin.get();
             stream.key = record.time;
             stream.state = Stream::State::Ready;
             if (!backwards)
@@ -221,7 +252,7 @@ bool Reader::load(Stream &stream) {
         }
         case RecordFile::Got::Damaged:
             if (!backwards || file.offset >= stream.from)
-                tellDamage(stream);
+                damaged.add(*stream.source, 1, file.offset);
             continue;
         case RecordFile::Got::Header:
             if (!backwards)
@@ -232,9 +263,7 @@ bool Reader::load(Stream &stream) {
                 stream.position = file.lines.position();
             break;
         case RecordFile::Got::Error:
-            problems.push_back(stream.source.path + ": " + file.problem);
-            stream.state = Stream::State::Failed;
-            stream.file.reset();
+            fail(stream, file.problem);
             return false;
         }
         stream.state = Stream::State::Ended;
@@ -248,13 +277,13 @@ bool Reader::peek(Stream &stream) {
     RecordFile file;
     if (backwards) {
         int64_t last = 0;
-        if (!stream.source.isPacked && file.open(stream.source.path) && file.lastTime(last))
+        if (!stream.source->isPacked() && file.open(stream.source->path()) && file.lastTime(last))
             stream.key = range.limited ? std::min(last, range.until) : last;
         stream.state = Stream::State::Peeked; // opening it tells more
         return true;
     }
     int64_t first = 0;
-    if (stream.source.path == "-" || !file.open(stream.source.path) || stream.from > 0 ||
+    if (stream.source->isStandardInput() || !file.open(stream.source->path()) || stream.from > 0 ||
         !file.firstTime(first)) {
         stream.state = Stream::State::Peeked; // opening it tells more
         return true;
@@ -281,6 +310,8 @@ void Reader::push(Stream *stream) {
     heap.push_back(stream);
     std::push_heap(heap.begin(), heap.end(),
                    [this](const Stream *a, const Stream *b) { return earlier(b, a); });
+    if (openFiles > MOST_OPEN && stream->state == Stream::State::Ready && heap.front() != stream)
+        park(*stream);
 }
 
 Stream *Reader::pop() {
@@ -298,7 +329,7 @@ bool Reader::next(const Item *&item) {
         if (load(*stream)) {
             if (heap.empty() || earlier(stream, heap.front())) { // as it mostly is
                 active = stream;
-                item = &stream->item;
+                item = &stream->opened->item;
                 return true;
             }
             push(stream);
@@ -325,9 +356,13 @@ bool Reader::next(const Item *&item) {
             else
                 close(*stream);
             continue;
+        case Stream::State::Parked:
+            if (!resume(*stream))
+                continue;
+            [[fallthrough]];
         case Stream::State::Ready:
             active = stream;
-            item = &stream->item;
+            item = &stream->opened->item;
             return true;
         default:
             continue;
@@ -337,25 +372,26 @@ bool Reader::next(const Item *&item) {
 }
 
 void Reader::settle() {
-    if (active == nullptr || backwards || active->file == nullptr)
+    if (active == nullptr || backwards || active->opened == nullptr)
         return;
-    active->position = active->item.offset + active->item.record.line.size() + 1;
+    const Item &item = active->opened->item;
+    active->position = item.offset + item.record.line.size() + 1;
 }
 
 // ---- following -------------------------------------------------------------------
 
 void Reader::follow(const SourceFile &source) {
     add(source, 0);
-    Stream &stream = *streams.back();
+    Stream &stream = streams.back();
     if (stream.state == Stream::State::Unopened && open(stream))
         stream.state = Stream::State::Ended; // wake() reads it
 }
 
 void Reader::wake() {
-    for (const auto &stream : streams) {
-        if (stream->state == Stream::State::Ended && !stream->stopped && stream->file != nullptr &&
-            load(*stream))
-            push(stream.get());
+    for (Stream &stream : streams) {
+        if (stream.state == Stream::State::Ended && !stream.stopped && stream.opened != nullptr &&
+            load(stream))
+            push(&stream);
     }
 }
 

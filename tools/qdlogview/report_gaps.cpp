@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <list>
 #include <map>
+#include <memory>
 #include <tuple>
 
 namespace qdlogview {
@@ -121,26 +122,26 @@ struct FileGap {
 // before the oldest file that is there was recycled.
 std::vector<FileGap> missingFiles(const Reader &reader) {
     std::vector<FileGap> gaps;
-    std::string series;
+    const SourceFile *before = nullptr;
     std::string day;
     uint64_t expected = 0;
-    for (const auto &stream : reader.streams) {
+    for (const Stream &stream : reader.streams) {
+        const SourceFile &source = *stream.source;
         tools::FileName name;
-        if (!tools::parseFileName(stream->source.base, name) ||
-            name.kind != tools::FileName::Kind::Originator)
+        if (!tools::parseFileName(source.base, name) || name.kind != tools::FileName::Kind::Originator)
             continue;
         char date[16];
         std::snprintf(date, sizeof date, "%04d-%02d-%02d", name.year, name.month, name.day);
-        if (stream->source.series != series) {
-            series = stream->source.series;
+        if (before == nullptr || source.series() != before->series()) {
             expected = name.counter;
         } else if (day != date) {
             expected =
                 day.substr(5) == std::string(date).substr(5) ? expected : 0; // the year is not looked at
         }
+        before = &source;
         day = date;
         if (name.counter > expected)
-            gaps.push_back({series.substr(series.rfind('/') + 1), day, expected, name.counter - 1});
+            gaps.push_back({std::string(source.series().second), day, expected, name.counter - 1});
         expected = name.counter + 1;
     }
     return gaps;
@@ -202,16 +203,16 @@ struct Counters {
 Gaps collect(ReportRun &run) {
     Counters counters;
     Counter counter;
-    const tools::Origin *lastOrigin = nullptr;
+    std::shared_ptr<const tools::Origin> lastOrigin; // kept, so that no other has its place
     const Item *item = nullptr;
     while (run.reader.next(item)) {
         const Record &record = item->record;
         if (!record.hasPrefix() || !run.filter.selects(*item) || !run.filter.hits(*item))
             continue;
         ++counters.found.seen;
-        if (item->origin != lastOrigin) {
+        if (item->origin != lastOrigin.get()) {
             counter.host = item->origin->host;
-            lastOrigin = item->origin;
+            lastOrigin = item->origin->shared_from_this();
         }
         counter.product = record.product;
         counter.originator = record.originator;
@@ -266,7 +267,7 @@ std::string rangeText(uint64_t first, uint64_t last) {
 
 void showAsTable(ReportRun &run, const Gaps &gaps) {
     const tools::Zone zone = zoneOf(run.settings);
-    tools::Table table;
+    tools::LongTable table;
     table.columns = {{"MISSING", Align::Right},
                      {"OF"},
                      {"PID", Align::Right},
@@ -274,21 +275,27 @@ void showAsTable(ReportRun &run, const Gaps &gaps) {
                      {"CONTEXT"},
                      {"BETWEEN"},
                      {"AND"}};
-    for (const auto &[counter, gap] : gaps.records)
-        table.rows.push_back(
-            {Cell(rangeText(gap.first, gap.last), Style::Yellow),
-             Cell(std::to_string(counter.product) + "/" + std::to_string(counter.originator)),
-             Cell(std::to_string(counter.pid)), Cell(counter.host),
-             Cell(counter.context.empty() ? "-" : counter.context), Cell(tools::formatTime(gap.after, zone)),
-             Cell(tools::formatTime(gap.until, zone))});
-    if (!table.rows.empty())
+    table.rows = gaps.records.size();
+    table.row = [&](size_t i) -> std::vector<Cell> {
+        const auto &[counter, gap] = gaps.records[i];
+        return {Cell(rangeText(gap.first, gap.last), Style::Yellow),
+                Cell(std::to_string(counter.product) + "/" + std::to_string(counter.originator)),
+                Cell(std::to_string(counter.pid)),
+                Cell(counter.host),
+                Cell(counter.context.empty() ? "-" : counter.context),
+                Cell(tools::formatTime(gap.after, zone)),
+                Cell(tools::formatTime(gap.until, zone))};
+    };
+    if (table.rows != 0)
         printTable(run.out, table, run.settings.color);
-    tools::Table files;
+    tools::LongTable files;
     files.columns = {{"MISSING FILES", Align::Right}, {"SERIES"}, {"DAY"}};
-    for (const FileGap &gap : gaps.files)
-        files.rows.push_back(
-            {Cell(rangeText(gap.first, gap.last), Style::Yellow), Cell(gap.series), Cell(gap.day)});
-    if (!files.rows.empty())
+    files.rows = gaps.files.size();
+    files.row = [&](size_t i) -> std::vector<Cell> {
+        const FileGap &gap = gaps.files[i];
+        return {Cell(rangeText(gap.first, gap.last), Style::Yellow), Cell(gap.series), Cell(gap.day)};
+    };
+    if (files.rows != 0)
         printTable(run.out, files, run.settings.color);
     if (run.settings.quiet)
         return;

@@ -61,15 +61,20 @@ void showAsJson(ReportRun &run, const std::vector<ProcessRun> &runs) {
 
 void showAsTable(ReportRun &run, const std::vector<ProcessRun> &runs) {
     const tools::Zone zone = zoneOf(run.settings);
-    tools::Table table;
+    tools::LongTable table;
     table.columns = {{"RUN", Align::Right},     {"FIRST"}, {"LAST"}, {"HOST"}, {"PID", Align::Right},
                      {"RECORDS", Align::Right}, {"WORST"}};
-    uint64_t number = 0;
-    for (const ProcessRun &each : runs)
-        table.rows.push_back({Cell(std::to_string(++number)), Cell(tools::formatTime(each.first, zone)),
-                              Cell(tools::formatTime(each.last, zone)), Cell(each.host),
-                              Cell(std::to_string(each.pid)), Cell(std::to_string(each.records)),
-                              Cell(each.worstName)});
+    table.rows = runs.size();
+    table.row = [&](size_t i) -> std::vector<Cell> {
+        const ProcessRun &each = runs[i];
+        return {Cell(std::to_string(i + 1)),
+                Cell(tools::formatTime(each.first, zone)),
+                Cell(tools::formatTime(each.last, zone)),
+                Cell(each.host),
+                Cell(std::to_string(each.pid)),
+                Cell(std::to_string(each.records)),
+                Cell(each.worstName)};
+    };
     printTable(run.out, table, run.settings.color);
 }
 

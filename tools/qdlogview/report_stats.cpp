@@ -73,7 +73,7 @@ Stats collect(ReportRun &run) {
         }
     });
     stats.files = run.reader.streams.size();
-    for (const Reader::DamagedFile &file : run.reader.damaged)
+    for (const DamagedFiles::Entry &file : run.reader.damaged.entries)
         stats.damagedLines += file.lines;
     return stats;
 }

@@ -99,7 +99,7 @@ void verify(ReportRun &run, const std::string &path, Sum &sum) {
 ExitCode reportVerify(ReportRun &run) {
     Sum sum;
     for (const SourceFile &file : run.sources.files)
-        verify(run, file.path, sum);
+        verify(run, file.path(), sum);
     if (run.settings.format == Format::Json)
         sumAsJson(run, sum);
     else if (!run.settings.quiet)

@@ -101,10 +101,12 @@ void valuesAsCsv(ReportRun &run, const Values &values) {
 }
 
 void valuesAsTable(ReportRun &run, const Values &values) {
-    tools::Table table;
+    tools::LongTable table;
     table.columns = {{"COUNT", Align::Right}, {run.settings.valuesOf->name, Align::Left}};
-    for (const auto &[value, count] : values)
-        table.rows.push_back({Cell(std::to_string(count)), Cell(value)});
+    table.rows = values.size();
+    table.row = [&](size_t i) -> std::vector<Cell> {
+        return {Cell(std::to_string(values[i].second)), Cell(values[i].first)};
+    };
     printTable(run.out, table, run.settings.color);
 }
 

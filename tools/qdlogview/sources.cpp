@@ -13,6 +13,7 @@
 #include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
+#include <functional>
 #include <memory>
 #include <set>
 #include <sys/stat.h>
@@ -135,21 +136,23 @@ bool Sources::addConfigured(const Settings &settings) {
 
 namespace {
 
-// What the name says: series, order and the earliest possible begin.
-void describe(SourceFile &file, const std::string &directory) {
-    FileName name;
-    file.isPacked = !tools::packedSuffix(file.base).empty();
-    if (!tools::parseFileName(file.base, name))
-        return;
-    const bool originator = name.kind == FileName::Kind::Originator;
-    char order[64];
-    std::snprintf(order, sizeof order, "%04d%02d%02d%02d%02d%02d%020llu", name.year, name.month, name.day,
-                  name.hour, name.minute, name.second, static_cast<unsigned long long>(name.counter));
-    file.order = order;
-    file.series = directory + std::to_string(name.product) + "-" +
-                  (originator ? std::to_string(name.originator) + "-" + std::to_string(name.host)
-                              : std::string(name.logSet)) +
-                  "-";
+SeriesPlace placeInSeries(std::string_view base, const FileName &name) {
+    SeriesPlace place;
+    const auto digits = [&](int number) { place.date = place.date * 100 + static_cast<uint64_t>(number); };
+    place.date = static_cast<uint64_t>(name.year);
+    for (const int number : {name.month, name.day, name.hour, name.minute, name.second})
+        digits(number);
+    place.counter = name.counter;
+    // Behind what the series shares stand the date and, in an originator's, the counter.
+    place.shared = name.kind == FileName::Kind::LogSet
+                       ? static_cast<size_t>(name.dateTime.data() - base.data())
+                       : base.rfind('-', base.rfind('-') - 1) + 1;
+    return place;
+}
+
+// Series, order and the earliest possible begin.
+void describe(SourceFile &file, const FileName &name) {
+    file.place = placeInSeries(file.base, name);
     tm parts{};
     parts.tm_year = name.year - 1900;
     parts.tm_mon = name.month - 1;
@@ -159,9 +162,25 @@ void describe(SourceFile &file, const std::string &directory) {
 }
 
 bool comesBefore(const SourceFile &a, const SourceFile &b) {
-    return a.series != b.series ? a.series < b.series
-           : a.order != b.order ? a.order < b.order
-                                : a.path < b.path;
+    if (a.isInSeries() != b.isInSeries())
+        return b.isInSeries();
+    if (a.directory != b.directory)
+        return a.isInSeries() ? *a.directory < *b.directory : a.path() < b.path();
+    if (a.isInSeries()) {
+        const std::string_view ofA = a.series().second;
+        const std::string_view ofB = b.series().second;
+        if (ofA != ofB)
+            return ofA < ofB;
+        if (a.place.order() != b.place.order())
+            return a.place.order() < b.place.order();
+    }
+    return std::strcmp(a.base, b.base) < 0;
+}
+
+// Any order, as long as it is one.
+bool isKnownBefore(const SourceFile *a, const SourceFile *b) {
+    return a->directory != b->directory ? std::less<>()(a->directory, b->directory)
+                                        : std::strcmp(a->base, b->base) < 0;
 }
 
 int64_t nanoseconds(const timespec &time) {
@@ -180,11 +199,19 @@ std::string unpackedPath(const std::string &path) {
     return path.substr(0, path.size() - tools::packedSuffix(path).size());
 }
 
-void describeFile(const std::string &path, SourceFile &file) {
+SeriesPlace placeOf(const std::string &path, std::string &series) {
     const size_t slash = path.rfind('/') + 1;
-    file.path = path;
-    file.base = path.substr(slash);
-    describe(file, path.substr(0, slash));
+    const std::string_view base = std::string_view(path).substr(slash);
+    FileName name;
+    SeriesPlace place;
+    if (tools::parseFileName(base, name))
+        place = placeInSeries(base, name);
+    series = place.shared != 0 ? path.substr(0, slash + place.shared) : "";
+    return place;
+}
+
+const std::string *Sources::directoryText(const std::string &directory) {
+    return &*directories.insert(directory).first;
 }
 
 void Sources::addRule(DirectoryRule rule) {
@@ -211,7 +238,7 @@ bool Sources::passes(const SourceFile &file) const {
     std::string host;
     if (query->needsHost) {
         tools::RecordFile opened;
-        if (!opened.open(file.path))
+        if (!opened.open(file.path()))
             return true; // the reader tells the problem
         host = opened.host.substr(0, opened.host.find(' '));
     }
@@ -220,7 +247,18 @@ bool Sources::passes(const SourceFile &file) const {
                std::max<int64_t>(file.created / 1000, 0), file.modified / 1000, query->root) != 0;
 }
 
-bool Sources::list(const DirectoryRule &rule, std::vector<SourceFile> &found) {
+bool Sources::isKnown(const std::string *directory, std::string_view base) const {
+    if (known.empty())
+        return false;
+    const std::string text(base);
+    SourceFile wanted;
+    wanted.directory = directory;
+    wanted.base = text.c_str();
+    return std::binary_search(known.begin(), known.end(), &wanted, isKnownBefore);
+}
+
+// Appends the files of a directory that are not known.
+bool Sources::list(const DirectoryRule &rule) {
     const int64_t started = nowNanoseconds();
     const std::unique_ptr<DIR, int (*)(DIR *)> directory(opendir(rule.directory.c_str()), closedir);
     if (directory == nullptr)
@@ -235,44 +273,51 @@ bool Sources::list(const DirectoryRule &rule, std::vector<SourceFile> &found) {
         entry.modified = nanoseconds(status.st_mtim);
         entry.listed = started;
     }
+    SourceFile file;
+    file.directory = directoryText(rule.directory);
     while (const dirent *entry = readdir(directory.get())) {
+        const std::string_view base = entry->d_name;
         FileName name;
-        if (!tools::parseFileName(entry->d_name, name) ||
-            (rule.product != 0 && name.product != rule.product) ||
+        if (!tools::parseFileName(base, name) || (rule.product != 0 && name.product != rule.product) ||
             (rule.fileOriginator != 0 && name.originator != rule.fileOriginator) ||
-            (!rule.logSet.empty() && name.logSet != rule.logSet))
-            continue;
-        SourceFile file;
-        file.base = entry->d_name;
-        file.path = rule.directory + file.base;
-        if (std::binary_search(known.begin(), known.end(), file.path))
+            (!rule.logSet.empty() && name.logSet != rule.logSet) || isKnown(file.directory, base))
             continue;
         // A file and its compressed copy are one; that which was read stays it.
-        const std::string plain = unpackedPath(file.path);
-        if (name.isPacked &&
-            (std::binary_search(known.begin(), known.end(), plain) || stat(plain.c_str(), &status) == 0))
-            continue;
-        describe(file, rule.directory);
-        if (!rule.series.empty() && (file.series != rule.series || file.order < rule.fromOrder))
+        if (name.isPacked) {
+            const std::string plain = unpackedPath(entry->d_name);
+            if (isKnown(file.directory, plain) ||
+                fstatat(dirfd(directory.get()), plain.c_str(), &status, 0) == 0)
+                continue;
+        }
+        file.base = entry->d_name;
+        describe(file, name);
+        if (!rule.series.empty() &&
+            (file.series().second != rule.series || file.place.order() < rule.from.order()))
             continue;
         if (fstatat(dirfd(directory.get()), entry->d_name, &status, 0) != 0 || !S_ISREG(status.st_mode))
             continue; // gone meanwhile, or no file
         file.size = static_cast<uint64_t>(status.st_size);
         file.modified = nanoseconds(status.st_mtim) / 1000000;
-        if (passes(file))
-            found.push_back(std::move(file));
+        if (!passes(file))
+            continue;
+        file.base = names.keep(base);
+        files.push_back(file);
     }
     return true;
 }
 
 void Sources::addNamed(const std::string &path, bool follow) {
     struct stat status {};
-    SourceFile file;
-    file.path = path;
-    file.base = path.substr(path.rfind('/') + 1);
-    file.modified = INT64_MAX;
+    const auto take = [&](const std::string &named) {
+        const size_t slash = named.rfind('/') + 1;
+        SourceFile file;
+        file.directory = directoryText(named.substr(0, slash));
+        file.base = names.keep(std::string_view(named).substr(slash));
+        file.modified = INT64_MAX;
+        return file;
+    };
     if (path == "-") {
-        files.push_back(file);
+        files.push_back(take(path));
         return;
     }
     if (stat(path.c_str(), &status) != 0) {
@@ -287,23 +332,32 @@ void Sources::addNamed(const std::string &path, bool follow) {
         return;
     }
     char real[PATH_MAX];
-    if (realpath(path.c_str(), real) != nullptr)
-        file.path = real;
+    SourceFile file = take(realpath(path.c_str(), real) != nullptr ? real : path);
     file.size = static_cast<uint64_t>(status.st_size);
     file.modified = nanoseconds(status.st_mtim) / 1000000;
-    const std::string directory = file.path.substr(0, file.path.rfind('/') + 1);
-    describe(file, directory);
-    if (follow && !file.series.empty()) { // the file and those that come after it in its series
+    FileName name;
+    if (tools::parseFileName(file.base, name))
+        describe(file, name);
+    if (follow && file.isInSeries()) { // the file and those that come after it in its series
         DirectoryRule rule;
-        rule.directory = directory;
-        rule.series = file.series;
-        rule.fromOrder = file.order;
+        rule.directory = *file.directory;
+        rule.series = file.series().second;
+        rule.from = file.place;
         addRule(rule);
         return;
     }
-    if (std::none_of(files.begin(), files.end(),
-                     [&](const SourceFile &other) { return other.path == file.path; }))
-        files.push_back(file);
+    files.push_back(file);
+}
+
+// Brings what was appended since into order, each file once.
+void Sources::sortFrom(size_t first) {
+    const auto begin = files.begin() + static_cast<ptrdiff_t>(first);
+    std::sort(begin, files.end(), comesBefore);
+    files.erase(std::unique(begin, files.end(),
+                            [](const SourceFile &a, const SourceFile &b) {
+                                return a.directory == b.directory && std::strcmp(a.base, b.base) == 0;
+                            }),
+                files.end());
 }
 
 bool Sources::find(const Settings &settings, const FileQuery &fileQuery) {
@@ -318,24 +372,19 @@ bool Sources::find(const Settings &settings, const FileQuery &fileQuery) {
     for (DirectoryRule &rule : rules)
         rule.logSet = wantedLogSet;
 
-    std::vector<SourceFile> found;
     bool readable = !files.empty();
     for (const DirectoryRule &rule : rules) {
-        if (list(rule, found) ||
-            (settings.paths.empty() && errno == ENOENT)) // or nothing was written there yet
+        if (list(rule) || (settings.paths.empty() && errno == ENOENT)) // or nothing was written there yet
             readable = true;
         else
             problems.push_back(rule.directory + ": " + std::strerror(errno));
     }
-    found.insert(found.end(), std::make_move_iterator(files.begin()), std::make_move_iterator(files.end()));
-    files = std::move(found);
-    std::sort(files.begin(), files.end(), comesBefore);
-    files.erase(std::unique(files.begin(), files.end(),
-                            [](const SourceFile &a, const SourceFile &b) { return a.path == b.path; }),
-                files.end());
-    for (size_t i = 0; settings.follow && i < files.size(); ++i)
-        known.push_back(files[i].path);
-    std::sort(known.begin(), known.end());
+    sortFrom(0);
+    for (const SourceFile &file : files) {
+        if (settings.follow)
+            known.push_back(&file);
+    }
+    std::sort(known.begin(), known.end(), isKnownBefore);
     return readable;
 }
 
@@ -355,16 +404,14 @@ bool Sources::directoriesChanged() {
     });
 }
 
-void Sources::findNew(std::vector<SourceFile> &found) {
-    found.clear();
+size_t Sources::findNew() {
+    const size_t first = files.size();
     for (const DirectoryRule &rule : rules)
-        list(rule, found);
-    std::sort(found.begin(), found.end(), comesBefore);
-    found.erase(std::unique(found.begin(), found.end(),
-                            [](const SourceFile &a, const SourceFile &b) { return a.path == b.path; }),
-                found.end());
-    for (const SourceFile &file : found)
-        known.insert(std::upper_bound(known.begin(), known.end(), file.path), file.path);
+        list(rule);
+    sortFrom(first);
+    for (size_t i = first; i < files.size(); ++i)
+        known.insert(std::upper_bound(known.begin(), known.end(), &files[i], isKnownBefore), &files[i]);
+    return first;
 }
 
 // ---- completion ------------------------------------------------------------------

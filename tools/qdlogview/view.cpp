@@ -8,6 +8,7 @@
 #include <cstring>
 #include <ctime>
 #include <deque>
+#include <map>
 #include <poll.h>
 #include <set>
 #include <string>
@@ -59,57 +60,52 @@ void View::addStreams(Reader &reader) {
 void View::keep(Reader &reader) {
     problems.insert(problems.end(), reader.problems.begin(), reader.problems.end());
     reader.problems.clear();
-    for (const Reader::DamagedFile &file : reader.damaged) {
-        const auto same = std::find_if(damaged.begin(), damaged.end(), [&](const Reader::DamagedFile &other) {
-            return other.path == file.path;
-        });
-        if (same == damaged.end())
-            damaged.push_back(file);
-        else
-            same->lines += file.lines;
-    }
-    reader.damaged.clear();
+    for (const DamagedFiles::Entry &each : reader.damaged.entries)
+        damaged.add(*each.source, each.lines, each.firstOffset);
+    reader.damaged = {};
     if (spool != nullptr)
         tellAtOnce();
 }
 
 // Nobody waits for the end of what may run for months.
 void View::tellAtOnce() {
-    if (!damaged.empty() && told == tools::EXIT_OK)
+    if (!damaged.entries.empty() && told == tools::EXIT_OK)
         told = tools::EXIT_PARTIAL;
     if (!problems.empty())
         told = tools::EXIT_UNREADABLE;
-    for (const Reader::DamagedFile &file : damaged)
-        problems.push_back(file.path + ": " + tools::counted(file.lines, "damaged line") + " left out, at " +
-                           std::to_string(file.firstOffset) + " first");
+    for (const DamagedFiles::Entry &file : damaged.entries)
+        problems.push_back(file.source->path() + ": " + tools::counted(file.lines, "damaged line") +
+                           " left out, at " + std::to_string(file.firstOffset) + " first");
     for (size_t i = 0; !settings.quiet && i < problems.size(); ++i)
         std::fprintf(stderr, "qdlogview: %s\n", tools::escaped(problems[i]).c_str());
     problems.clear();
-    damaged.clear();
+    damaged = {};
 }
 
 // Numbers of files that are missing behind those that the cursor knows.
 void View::tellMissing() const {
-    constexpr size_t DAY = 14;               // digits of SourceFile::order
-    std::map<std::string, std::string> last; // order, by series
+    if (start.empty())
+        return;
+    std::map<std::string, SeriesPlace> last; // by SourceFile::seriesName
     for (const auto &[series, finished] : start.finished)
-        last[series] = finished.order;
+        last[series] = finished.place;
     for (const auto &[path, offset] : start.offsets) {
-        SourceFile file;
-        describeFile(path, file);
-        last[file.series] = std::max(last[file.series], file.order);
+        std::string series;
+        const SeriesPlace place = placeOf(path, series);
+        if (place.order() > last[series].order())
+            last[series] = place;
     }
     for (const SourceFile &file : sources.files) {
-        const auto known = last.find(file.series);
+        const auto known = file.isInSeries() ? last.find(file.seriesName()) : last.end();
         tools::FileName name;
-        if (file.series.empty() || known == last.end() || file.order <= known->second ||
+        if (known == last.end() || file.place.order() <= known->second.order() ||
             !tools::parseFileName(file.base, name) || name.kind != tools::FileName::Kind::Originator)
             continue;
-        const bool sameDay = file.order.compare(0, DAY, known->second, 0, DAY) == 0;
-        const uint64_t next = sameDay ? std::stoull(known->second.substr(DAY)) + 1 : 0;
+        const bool sameDay = file.place.date == known->second.date;
+        const uint64_t next = sameDay ? known->second.counter + 1 : 0;
         if (name.counter > next && !settings.quiet)
             std::fprintf(stderr, "qdlogview: %s: files before it were gone before they were read\n",
-                         tools::escaped(file.path).c_str());
+                         tools::escaped(file.path()).c_str());
         last.erase(known);
     }
 }
@@ -136,7 +132,7 @@ bool View::show() {
         !settings.cursorFile.empty() || !settings.afterCursor.empty() || filter.since != INT64_MIN;
     const bool limited = settings.hasLines ? settings.lines != ALL_LINES : settings.follow && !fromStart;
     const uint64_t count = settings.hasLines ? settings.lines : LINES_BEFORE_FOLLOWING;
-    const bool onlyStdin = sources.files.size() == 1 && sources.files.front().path == "-";
+    const bool onlyStdin = sources.files.size() == 1 && sources.files.front().isStandardInput();
     if (spool == nullptr)
         printer.begin();
     else
@@ -148,15 +144,9 @@ bool View::show() {
         addStreams(reader);
         closeOldFiles(reader);
         if (limited) { // what is there now is read from its end; following begins behind it
-            const Ends ends = currentEnds();
-            showLast(count, false, ends);
-            for (const auto &stream : reader.streams) {
-                const auto end = ends.find(stream->source.path);
-                if (end != ends.end())
-                    stream->from = stream->position = std::max(end->second, stream->from);
-                if (stream->from == WHOLE_FILE)
-                    stream->state = Stream::State::Ended;
-            }
+            findEnds();
+            showLast(count, false);
+            skipShown(reader);
         }
         if (settings.maxCount == 0 || shown < settings.maxCount)
             follow(reader);
@@ -165,24 +155,24 @@ bool View::show() {
         return shown > 0;
     }
     if (limited && !around && !onlyStdin) {
-        const Ends ends = currentEnds();
-        showLast(count, settings.reverse, ends);
-        if (!settings.cursorFile.empty() ||
-            settings.showCursor) { // the place reached is the end of all files
+        const bool keepsPlace = !settings.cursorFile.empty() || settings.showCursor;
+        if (keepsPlace)
+            findEnds();
+        showLast(count, settings.reverse);
+        if (keepsPlace) { // the place reached is the end of all files
             Reader reader(range, false);
             addStreams(reader);
-            for (const auto &stream : reader.streams) {
-                const auto end = ends.find(stream->source.path);
-                if (end != ends.end())
-                    stream->position = std::max(stream->from, end->second);
-                stream->state = Stream::State::Ended;
+            for (Stream &stream : reader.streams) {
+                if (stream.source->end != NOT_LOOKED_AT)
+                    stream.position = std::max(stream.from, stream.source->end);
+                stream.state = Stream::State::Ended;
             }
             finishCursor(reader);
         }
         return shown > 0;
     }
     if (settings.reverse && !onlyStdin) {
-        showLast(ALL_LINES, true, {});
+        showLast(ALL_LINES, true);
         return shown > 0;
     }
 
@@ -225,26 +215,35 @@ void View::showForward(Reader &reader) {
     }
 }
 
-View::Ends View::currentEnds() const {
-    Ends ends;
-    for (const SourceFile &source : sources.files) {
-        tools::RecordFile file;
-        if (source.isPacked)
-            ends[source.path] = WHOLE_FILE;
-        else if (source.path != "-" && file.open(source.path))
-            ends[source.path] = file.completeEnd();
+// Notes what is there now: what comes later is not shown, and is beyond the place reached.
+void View::findEnds() {
+    for (SourceFile &source : sources.files) {
+        if (source.isPacked())
+            source.end = WHOLE_FILE;
+        else if (!source.isStandardInput() && !tools::completeEnd(source.path(), source.end))
+            source.end = NOT_LOOKED_AT;
     }
-    return ends;
+}
+
+// What is there has been shown as far as it is wanted. Files in front of the newest ones of
+// their series are looked at now and then; to open them all would take long.
+void View::skipShown(Reader &reader) {
+    for (Stream &stream : reader.streams) {
+        if (stream.source->end == NOT_LOOKED_AT)
+            continue;
+        stream.from = stream.position = std::max(stream.source->end, stream.from);
+        if (stream.from == WHOLE_FILE || stream.old)
+            stream.state = Stream::State::Ended;
+    }
 }
 
 // The last records, read from the ends of the files.
-void View::showLast(uint64_t count, bool newestFirst, const Ends &ends) {
+void View::showLast(uint64_t count, bool newestFirst) {
     Reader reader(range, true);
     for (const SourceFile &file : sources.files) {
         const uint64_t from = start.startOf(file);
-        const auto end = ends.find(file.path);
         if (from != WHOLE_FILE)
-            reader.add(file, from, end != ends.end() ? end->second : WHOLE_FILE);
+            reader.add(file, from, file.end != NOT_LOOKED_AT ? file.end : WHOLE_FILE);
     }
     reader.prepare();
     std::vector<std::unique_ptr<HeldItem>> last;
@@ -342,39 +341,51 @@ void View::showAround(Reader &reader) {
 
 // ---- following -------------------------------------------------------------------
 
+namespace {
+
+// How many files of each series have been passed, from its newest on.
+struct NewerFiles {
+    size_t pass(const SourceFile &file) { return file.isInSeries() ? counts[file.series()]++ : 0; }
+
+    std::map<std::pair<const std::string *, std::string_view>, size_t> counts;
+};
+
+} // namespace
+
 // Files that were closed because newer ones of their series came: they may grow still,
 // by a process that has not noticed the rollover. Others may have been cut, replaced or
 // removed.
 void View::visitOldFiles(Reader &reader) {
-    std::map<std::string, size_t> newer; // files of a series that come later
+    NewerFiles newer;
     std::set<const Stream *> gone;
     for (size_t i = reader.streams.size(); i-- > 0;) {
-        Stream &stream = *reader.streams[i];
-        if (stream.state != Stream::State::Ended || stream.source.path == "-" || stream.source.isPacked ||
-            (stream.file != nullptr && stream.file->lines.isPacked()))
+        Stream &stream = reader.streams[i];
+        if (stream.state != Stream::State::Ended || stream.source->isStandardInput() ||
+            stream.source->isPacked() || (stream.opened != nullptr && stream.opened->file.lines.isPacked()))
             continue;
-        const size_t later = stream.source.series.empty() ? 0 : newer[stream.source.series]++;
+        const size_t later = newer.pass(*stream.source);
         if (later >= VISITED_PER_SERIES)
             continue;
+        const std::string path = stream.source->path();
         struct stat now {};
-        if (stat(stream.source.path.c_str(), &now) != 0) {
+        if (stat(path.c_str(), &now) != 0) {
             if (later > 0) // what was open has been read to its end
                 gone.insert(&stream);
             continue;
         }
         const auto size = static_cast<uint64_t>(now.st_size);
         bool anew = size < stream.position;
-        if (stream.file != nullptr) {
+        if (stream.opened != nullptr) {
             struct stat opened {};
-            anew = anew || fstat(stream.file->lines.descriptor, &opened) != 0 ||
+            anew = anew || fstat(stream.opened->file.lines.descriptor, &opened) != 0 ||
                    opened.st_ino != now.st_ino || opened.st_dev != now.st_dev;
         }
-        if (!anew && (stream.file != nullptr || size == stream.position))
+        if (!anew && (stream.opened != nullptr || size == stream.position))
             continue;
         if (anew && !settings.quiet)
             std::fprintf(stderr, "qdlogview: %s was cut or replaced: reading it from its begin\n",
-                         tools::escaped(stream.source.path).c_str());
-        stream.file.reset();
+                         tools::escaped(path).c_str());
+        reader.shut(stream);
         stream.from = anew ? 0 : stream.position;
         stream.position = stream.from;
         reader.open(stream);
@@ -389,19 +400,18 @@ void View::closeOldFiles(Reader &reader) {
     if (reader.streams.size() == streamsSeen)
         return;
     streamsSeen = reader.streams.size();
-    std::map<std::string, size_t> newer;
+    NewerFiles newer;
     for (size_t i = reader.streams.size(); i-- > 0;) {
-        Stream &stream = *reader.streams[i];
-        stream.old = !stream.source.series.empty() && newer[stream.source.series]++ >= FOLLOWED_PER_SERIES;
+        Stream &stream = reader.streams[i];
+        stream.old = newer.pass(*stream.source) >= FOLLOWED_PER_SERIES;
         if (stream.old && stream.state == Stream::State::Ended)
-            stream.file.reset();
+            reader.shut(stream);
     }
 }
 
 void View::follow(Reader &reader) {
     const int64_t end = settings.timeout > 0 ? monotonicMilliseconds() + settings.timeout : INT64_MAX;
     int64_t nextVisit = monotonicMilliseconds() + OLD_FILES_MILLISECONDS;
-    std::vector<SourceFile> fresh;
     for (;;) {
         const Item *item = nullptr;
         while (reader.next(item)) {
@@ -434,9 +444,8 @@ void View::follow(Reader &reader) {
             raise(SIGPIPE);
 
         if (sources.directoriesChanged()) {
-            sources.findNew(fresh);
-            for (const SourceFile &file : fresh)
-                reader.follow(file);
+            for (size_t i = sources.findNew(); i < sources.files.size(); ++i)
+                reader.follow(sources.files[i]);
         }
         if (monotonicMilliseconds() >= nextVisit) {
             visitOldFiles(reader);
@@ -448,7 +457,7 @@ void View::follow(Reader &reader) {
 
 // ---- cursors ---------------------------------------------------------------------
 
-bool View::writeCursor(const Reader &reader, const SpoolMark *mark) {
+bool View::writeCursor(Reader &reader, const SpoolMark *mark) {
     if (settings.cursorFile.empty() || cursorFile.save(settings.cursorFile, reader, start, mark))
         return true;
     problems.push_back(settings.cursorFile + ": " + std::strerror(errno));

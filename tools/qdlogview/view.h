@@ -12,7 +12,6 @@
 #include "qdlogview/sources.h"
 #include "qdlogview/spool.h"
 
-#include <map>
 #include <string>
 #include <vector>
 
@@ -29,7 +28,7 @@ struct View {
     bool show();
 
     std::vector<std::string> problems;
-    std::vector<Reader::DamagedFile> damaged;
+    DamagedFiles damaged;
     tools::ExitCode told = tools::EXIT_OK; // what those that were told at once mean
 
   private:
@@ -45,15 +44,14 @@ struct View {
     void addStreams(Reader &reader);
     void keep(Reader &reader);
     bool emit(const tools::Item &item);
-    // Places in files, by path: what was there when the reading began.
-    using Ends = std::map<std::string, uint64_t>;
-    Ends currentEnds() const;
-    void showLast(uint64_t count, bool newestFirst, const Ends &ends);
+    void findEnds();
+    void showLast(uint64_t count, bool newestFirst);
+    void skipShown(Reader &reader);
     void showForward(Reader &reader);
     void showAround(Reader &reader);
     void follow(Reader &reader);
     void finishCursor(Reader &reader);
-    bool writeCursor(const Reader &reader, const SpoolMark *mark = nullptr);
+    bool writeCursor(Reader &reader, const SpoolMark *mark = nullptr);
     void visitOldFiles(Reader &reader);
     void closeOldFiles(Reader &reader);
 
