@@ -26,6 +26,10 @@ namespace {
 constexpr size_t INPUT_SIZE = 64UL * 1024;
 constexpr size_t HEAD_SIZE = 64UL * 1024;
 constexpr size_t SPOOL_BLOCK = 256UL * 1024;
+// Whoever writes a few bytes that unpack to a terabyte shall not have it read, or put on the
+// disk of who looks at them. No log is packed like that but one that says the same all over.
+constexpr uint64_t ALWAYS_UNPACKED = 512UL * 1024 * 1024;
+constexpr uint64_t MOST_RATIO = 256; // beyond that, of what was read of the packed file
 constexpr std::string_view GZIP_MAGIC = "\x1f\x8b";
 constexpr std::string_view ZSTD_MAGIC = "\x28\xb5\x2f\xfd";
 
@@ -58,6 +62,7 @@ Unpacker::Format Unpacker::formatOf(std::string_view start, bool &fewer) {
 struct Unpacker::Decoder {
     std::unique_ptr<char[]> input{new char[INPUT_SIZE]};
     size_t begin = 0, end = 0; // of the input that was not unpacked yet
+    uint64_t taken = 0;        // packed bytes that are or were in the input
     bool inputEnded = false;
     bool between = true; // of two members or frames
     bool failed = false, done = false;
@@ -87,6 +92,7 @@ Unpacker::Unpacker(int descriptor, bool isSeekable, Format theFormat, std::strin
     : source(descriptor), seekable(isSeekable), format(theFormat) {
     restart();
     decoder->end = std::min(start.size(), INPUT_SIZE);
+    decoder->taken = decoder->end;
     std::memcpy(decoder->input.get(), start.data(), decoder->end);
 }
 
@@ -144,6 +150,7 @@ bool Unpacker::refill() {
             return fail(std::strerror(errno));
         from.end = static_cast<size_t>(got);
         readFrom += from.end;
+        from.taken += from.end;
         from.inputEnded = got == 0;
         return got > 0;
     }
@@ -238,6 +245,9 @@ int64_t Unpacker::decode(char *into, size_t length) {
     if (head.size() < HEAD_SIZE && decoded == head.size())
         head.append(into, std::min(static_cast<size_t>(made), HEAD_SIZE - head.size()));
     decoded += static_cast<uint64_t>(made);
+    const uint64_t unpacked = decoder->taken - (decoder->end - decoder->begin);
+    if (decoded > ALWAYS_UNPACKED && decoded / MOST_RATIO > unpacked)
+        fail("the compressed file unpacks to more than 512 MB and 256 times its size");
     return made;
 }
 

@@ -2,7 +2,8 @@
 // Compressed files read as what they hold: gzip (.gz) and Zstandard (.zst), told by their
 // first bytes, in bounded memory. What is read in order is unpacked as it is asked for;
 // going back spools the file unpacked into an unnamed temporary file (in TMPDIR, else
-// /var/tmp).
+// /var/tmp). One that unpacks to more than 512 MB ends where that is more than 256 times what
+// was read of it.
 #pragma once
 
 #include <cstdint>
