@@ -40,16 +40,12 @@ _qdul_values() {
 
 # All options of a tool, those with a value with "=" behind the name.
 _qdul_options() {
-    case $1 in
-        *qdliscat) "$1" --help | sed -n 's/^ \{2,6\}\(-[^ ,]*\(, -[^ ,]*\)*\).*/\1/p' | tr -s ', ' '\n' | sed 's/=.*/=/' ;;
-        *) "$1" --complete=options ;;
-    esac 2>/dev/null
+    "$1" --complete=options 2>/dev/null
 }
 
 _qdul_commands() {
     case $1 in
         *qdlogview | *qdlogger) ;;
-        *qdliscat) printf '%s\n' check show list install ;;
         *) "$1" --complete=commands 2>/dev/null ;;
     esac
 }

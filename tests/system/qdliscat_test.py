@@ -43,7 +43,7 @@ class Qdliscat(unittest.TestCase):
         self.assertEqual(run("check", SAMPLE), (0, SAMPLE + ": 2 locales, 13 messages, 0 problems\n", ""))
 
     def test_what_is_not_translated_is_a_problem_on_request(self):
-        self.assertEqual(self.problems("--complete", SAMPLE), [SAMPLE + ": de: 1007: not translated"])
+        self.assertEqual(self.problems("--untranslated", SAMPLE), [SAMPLE + ": de: 1007: not translated"])
 
     def test_sources_are_compiled_for_the_check(self):
         folder = os.path.join(SOURCE, "examples/catalogue/")
@@ -203,7 +203,7 @@ class Qdliscat(unittest.TestCase):
 
     def test_install_minds_what_is_not_translated_on_request(self):
         compile_messages("new", root='1 { "a" } 2 { "b" }', de='1 { "c" }')
-        self.assertEqual(self.install("--complete", "--to", "m", "new")[:2], (1, "m: de: 2: not translated\n"))
+        self.assertEqual(self.install("--untranslated", "--to", "m", "new")[:2], (1, "m: de: 2: not translated\n"))
         self.assertFalse(os.path.exists("m"))
         self.assertEqual(self.install("--to", "m", "new")[0], 0)
 

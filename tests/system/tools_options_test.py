@@ -72,9 +72,10 @@ class Options(unittest.TestCase):
 
     def test_help_and_completion_list_the_same(self):
         for tool in TOOLS:
-            if tool != "qdliscat":
-                listed = run(tool, "--complete", "options").stdout
-                self.assertEqual(set(listed.replace("=", "").split()), {name for names in rows(tool) for name in names}, tool)
+            listed = run(tool, "--complete", "options").stdout
+            self.assertEqual(set(listed.replace("=", "").split()), {name for names in rows(tool) for name in names}, tool)
+            self.assertEqual(run(tool, "--complete", "nothing").returncode, 2, tool)
+        self.assertEqual(run("qdliscat", "--complete", "commands").stdout.split(), ["check", "show", "list", "install"])
 
     def test_the_manual_tells_the_options_of_the_table(self):
         """Each in the order of the help, with its names, its value and a sentence."""

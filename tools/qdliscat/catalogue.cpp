@@ -144,6 +144,7 @@ Catalogue readCatalogue(const std::string &title, const std::string &package,
 // ---- sources ---------------------------------------------------------------------------------
 
 constexpr int NO_PROGRAM = 127;
+constexpr uintmax_t LARGEST_SOURCE = 4UL * 1024 * 1024; // of which genrb takes a multiple of memory
 
 // Runs genrb over a source; 0 when it compiled, NO_PROGRAM when there is no genrb. Of several
 // at a time genrb tells the number, even with -q.
@@ -191,6 +192,11 @@ Loaded compileSources(const std::vector<std::string> &sources, const std::string
                       std::string &failure) {
     int status = directory.empty() ? NO_PROGRAM : 0;
     for (const std::string &source : sources) {
+        std::error_code error;
+        if (fs::file_size(source, error) > LARGEST_SOURCE) {
+            failure = source + ": " + (error ? error.message() : std::strerror(EFBIG));
+            return Loaded::Unreadable;
+        }
         if (status == 0)
             status = compile(fs::absolute(source).string(), directory);
     }

@@ -94,7 +94,7 @@ int runList(const Options &options, const std::vector<Catalogue> &catalogues, to
 // ---- commands and options ------------------------------------------------------------
 
 enum Takes : unsigned {
-    EVERY = tools::TAKES_EVERY,
+    EVERY = tools::TAKES_EVERY | tools::TAKES_COMPLETION,
     CHECK = tools::FIRST_OWN,
     LIST = CHECK << 1,
     INSTALL = LIST << 1,
@@ -125,7 +125,7 @@ const Command COMMANDS[] = {
 };
 
 const tools::Option OPTIONS[] = {
-    {"--complete", CHECK, nullptr, "messages that are not translated are problems too",
+    {"--untranslated", CHECK, nullptr, "messages that are not translated are problems too",
      tools::set<&Options::translated>, "Checking"},
     {"-o,--to", INSTALL, "PACKAGE",
      "the directory that the bundles go to\n\n"
