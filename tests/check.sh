@@ -33,6 +33,9 @@
 # tidy      clang-tidy over everything but the tests
 # cppcheck  cppcheck over everything but the tests
 # abi       libqdul.so.3 against abi/libqdul.so.3.abi.gz
+# bounds    memory and time of every tool in directories of BOUNDS_FILES (200000) log files, with
+#           files, records, configurations and catalogues of any size, and compressed ones that
+#           unpack to any
 # model     5,000 random sequences of calls, with the library and with a model of the rules of
 #           writing, every file compared after each step
 # postgres  POSTGRES_SECONDS (60) of a PostgreSQL server that logs through libqdul-syslog.so, each
@@ -263,6 +266,15 @@ record_abi() {
         echo "recorded in $abi_file"
 }
 
+step_bounds() {
+    build release || return 1
+    BOUNDS_FILES=${BOUNDS_FILES:-200000} QDUL_BUILD=$PWD/build/release QDUL_SOURCE=$PWD PYTHONDONTWRITEBYTECODE=1 \
+        tests/support/in_private_dir.sh "$PWD/tests/system/tools_bounds_test.py" |
+        awk '{ print }
+             $2 == "MB" { ++runs; most = $1 > most ? $1 : most }
+             END { printf "= %d runs of tools, %.1f MB at most\n", runs, most }'
+}
+
 step_model() {
     local workers each worker log status=0 started=$SECONDS
     build release || return 1
@@ -337,8 +349,7 @@ step_coverage() {
     python3 tests/coverage.py build/coverage | sed -u 's|^\(src/ .*\)$|= \1|' || status=1
     return $status
 }
-
-all_steps="format tests shuffle leaks asan asan-long config recycle kills faults mixed tsan tidy cppcheck abi model
+all_steps="format tests shuffle leaks asan asan-long config recycle kills faults mixed tsan tidy cppcheck abi bounds model
     postgres ship package reproducible compilers arm64 s390x fuzz coverage"
 [ $# -gt 0 ] || set -- full
 case $1 in

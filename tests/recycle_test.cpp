@@ -226,6 +226,48 @@ TEST_F(Recycling, WhatANeighbourRemovedMeanwhileIsNotTold) {
     zoltLogClose(&log);
 }
 
+// Links go without a look at who writes, so that two processes that roll over at one moment
+// remove the same ones.
+TEST_F(Recycling, TwoProcessesTellNothingOfWhatTheOtherRemoved) {
+    constexpr int LINKS = 500;
+    support::writeFile("elsewhere", "$Header 65543,5,7,1000,0,h\n");
+    for (int i = 0; i < LINKS; ++i) {
+        char name[64];
+        snprintf(name, sizeof name, "logs/5-7-1-200101-%010d.log", i);
+        ASSERT_EQ(symlink("../elsewhere", name), 0);
+    }
+    int gate[2];
+    ASSERT_EQ(pipe(gate), 0);
+    int ended[2] = {-1, -1};
+    const std::string told = support::captured(1, [&] {
+        pid_t writers[2];
+        for (pid_t &writer : writers) {
+            writer = fork();
+            if (writer != 0)
+                continue;
+            close(gate[1]);
+            LogHandle log;
+            bool written = zoltLogOpen(5, 7, &log) == 0;
+            char opened;
+            written = read(gate[0], &opened, 1) == 0 && written; // both begin when it is closed
+            written = written && fill(&log, 1) == 0;
+            zoltLogClose(&log);
+            fflush(stdout);
+            _exit(written ? 0 : 1);
+        }
+        usleep(20000); // for both to wait; otherwise they meet less often
+        close(gate[0]);
+        close(gate[1]);
+        for (int i = 0; i < 2; ++i)
+            EXPECT_EQ(waitpid(writers[i], &ended[i], 0), writers[i]);
+    });
+    EXPECT_EQ(ended[0], 0);
+    EXPECT_EQ(ended[1], 0);
+    EXPECT_EQ(told, "");
+    EXPECT_LE(logs().size(), 5u);
+    EXPECT_TRUE(support::exists("elsewhere"));
+}
+
 TEST_F(Recycling, OtherSeriesAndOtherFilesAreLeftAlone) {
     const Names others = {"5-8-1-200101-0000000000.log", "6-7-1-200101-0000000000.log",
                           "5-night-200101000000.log", "notes-1.log", "5-7.txt"};
