@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""What qdlogview exports, taken by the programs that it is for: PostgreSQL and the journal. Each
+"""What qdlogview exports, taken by the programs that it is for: PostgreSQL, rsyslog, the journal, lnav. Each
 part is skipped where its program is not installed. SHIP_RECORDS is how many records the larger parts have."""
 import calendar
 import collections
@@ -8,6 +8,7 @@ import glob
 import json
 import os
 import random
+import re
 import shutil
 import signal
 import socket
@@ -16,7 +17,7 @@ import sys
 import time
 import unittest
 
-from qdul_testing import BUILD, HERE, SOURCE, plain_environment, program, string
+from qdul_testing import BUILD, HERE, SOURCE, plain_environment, program, read, string, write
 
 RECORDS = int(os.environ.get("SHIP_RECORDS", "20000"))
 USER = 65534  # PostgreSQL refuses to be root
@@ -206,6 +207,64 @@ class Postgres(unittest.TestCase):
             self.assertEqual((int(total), int(distinct)), (len(self.told), len(self.told)))
             self.assertEqual(int(self.psql("-c", "SELECT sum(records) FROM qdul_loaded")), len(self.told))
 
+    @unittest.skipUnless(shutil.which("rsyslogd") and glob.glob("/usr/lib/*/rsyslog/ompgsql.so") and glob.glob("/usr/lib/*/rsyslog/omrelp.so"),
+                         "rsyslog, rsyslog-pgsql or rsyslog-relp is not installed")
+    def test_rsyslog_brings_a_spool_into_the_tables_over_a_stop_of_the_central_one(self):
+        shutil.rmtree("rsyslog", ignore_errors=True)
+        os.makedirs("rsyslog/spool")
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            port = str(free.getsockname()[1])
+        for name, changes in {"edge": {"CENTRAL": "127.0.0.1", "10514": port, "/var/lib/qdul-spool/files": f"{HERE}/rsyslog/spool"},
+                              "central": {"10514": port, "USER@127.0.0.1:5432/DATABASE": f"bench@127.0.0.1:{self.environment['PGPORT']}/postgres"}}.items():
+            text = read(f"{SOURCE}/packaging/rsyslog/qdul-{name}.conf")
+            os.mkdir(f"rsyslog/{name}")
+            for old, new in {**changes, "/var/spool/rsyslog": f"{HERE}/rsyslog/{name}", 'Interval="5"': 'Interval="1"'}.items():
+                self.assertIn(old, text)
+                text = text.replace(old, new)
+            write(f"rsyslog/{name}.conf", text)
+            run("rsyslogd", "-N1", "-f", f"{HERE}/rsyslog/{name}.conf")
+
+        def start(name):
+            return subprocess.Popen(["rsyslogd", "-n", "-f", f"{HERE}/rsyslog/{name}.conf", "-i", f"{HERE}/rsyslog/{name}.pid"],
+                                    env=ENVIRONMENT, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+        def stop(process, how=signal.SIGTERM):
+            process.send_signal(how)
+            process.wait(60)
+
+        def there():
+            return int(self.psql("-c", "SELECT count(*) FROM qdul_json"))
+
+        def wait_for(count, most=240):
+            end = time.monotonic() + most
+            while there() < count and time.monotonic() < end:
+                time.sleep(0.2)
+            return there()
+
+        ship = [program("qdlogview"), "--spool=rsyslog/spool", "--cursor-file=rsyslog/place", "-o", "json", "--spool-size=256K", "logs"]
+        started = time.monotonic()
+        central, edge = start("central"), start("edge")
+        try:
+            run(*ship, f"-m{len(self.told) // 4}")
+            wait_for(1)
+            stop(central)
+            run(*ship, f"-m{len(self.told) // 4}")
+            time.sleep(1)
+            central = start("central")
+            run(*ship)
+            found = wait_for(len(self.told))
+        finally:
+            stop(edge)
+            stop(central)
+        self.assertEqual(found, len(self.told))
+        texts = {(row["host"], row["product"], row["ts"], row["id"]): row["text"] for row in self.rows(
+            "SELECT record ->> 'host' AS host, (record ->> 'product')::int AS product, (record ->> 'ts')::bigint AS ts,"
+            " (record ->> 'msgid')::int AS id, record ->> 'text' AS text FROM qdul_json")}
+        self.assertEqual(texts, {(each["host"], each["product"], each["ts"], each["id"]): each["text"].decode(errors="replace").replace("\0", "\ufffd")
+                                 for each in self.told})
+        print(f"rsyslog: {found} records through two daemons into PostgreSQL in {time.monotonic() - started:.0f} s", file=sys.stderr)
+
 
 # ---- the journal -----------------------------------------------------------------------
 
@@ -233,6 +292,68 @@ class Journal(unittest.TestCase):
         self.assertEqual(sorted(found), sorted(expected))
         errors = run("journalctl", f"--file={HERE}/records.journal", "-p", "err", "QDUL_PRODUCT=5", "-o", "cat", "--output-fields=QDUL_MSGID").splitlines()
         self.assertEqual(len(errors), sum(each["product"] == 5 and is_error(each) for each in told))
+
+
+class Journald(unittest.TestCase):
+    @unittest.skipUnless(os.access(REMOTE, os.X_OK) and shutil.which("journalctl"), "systemd-journal-remote is not installed")
+    def test_a_spool_goes_into_a_journal(self):
+        told = make_logs("journald-logs", 2000)
+        for name in ("journald-spool", "journald"):
+            os.mkdir(name)
+        ship = [program("qdlogview"), "--spool=journald-spool", "--cursor-file=journald-place", "-o", "journal", "--spool-size=200K", "journald-logs"]
+        for words in (["-m1000"], []):
+            run(*ship, *words)
+            run(f"{SOURCE}/packaging/journald/qdul-journal", "journald-spool", "journald", env={**ENVIRONMENT, "QDUL_JOURNAL_REMOTE": REMOTE})
+            self.assertEqual(os.listdir("journald-spool"), [])
+        shown_lines = run("journalctl", f"--file={HERE}/journald/qdul.journal", "-o", "cat", "--output-fields=QDUL_MSGID", "--no-pager").splitlines()
+        self.assertEqual(len(shown_lines), len(told))
+
+
+# ---- units -----------------------------------------------------------------------------
+
+@unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
+class Units(unittest.TestCase):
+    def test_the_units_are_understood_and_guarded(self):
+        """In what they may do: of 10 the spool's has no more than 2."""
+        os.mkdir("units")
+        for path in (*glob.glob(f"{SOURCE}/packaging/systemd/*spool.service"), *glob.glob(f"{SOURCE}/packaging/journald/*.[sp][ea]*")):
+            text = re.sub(r"/usr/(?:bin|lib)/(?:qdul/)?(?=qdl?u?l)", "/bin/true ", read(path))
+            write(f"units/{os.path.basename(path)}", text)
+        units = sorted(os.listdir("units"))
+        self.assertEqual(units, ["qdlogview-spool.service", "qdul-journal.path", "qdul-journal.service"])
+        done = subprocess.run(["systemd-analyze", "verify", "--man=no", *(f"{HERE}/units/{unit}" for unit in units)], capture_output=True, text=True, env=ENVIRONMENT)
+        self.assertEqual([line for line in done.stderr.splitlines() if "qdul" in line or "qdlog" in line], [])
+        report = run("systemd-analyze", "security", "--offline=true", f"{HERE}/units/qdlogview-spool.service").decode()
+        self.assertLessEqual(float(re.search(r"exposure level for \S+: ([\d.]+)", report).group(1)), 2.0)
+
+
+# ---- lnav ------------------------------------------------------------------------------
+
+@unittest.skipUnless(shutil.which("lnav"), "lnav is not installed")
+class Lnav(unittest.TestCase):
+    def ask(self, query, *files):
+        os.makedirs("lnav/formats/qdul", exist_ok=True)
+        shutil.copy(f"{SOURCE}/packaging/lnav/qdul.json", "lnav/formats/qdul/qdul.json")
+        out = run("lnav", "-n", "-N", "-I", f"{HERE}/lnav", "-c", f";{query}", "-c", ":write-json-to -", "-q", *files, env={**ENVIRONMENT, "HOME": HERE})
+        return json.loads(out)
+
+    def test_lines_and_json_are_understood(self):
+        os.mkdir("lnav-logs")
+        path = f"{HERE}/lnav-logs/5-7-1-240301-0000000000.log"
+        lines = [record(2, 5, 7, 1, T0, b"", b"Disk full, 2 of 3", b"mgr", 2), record(2, 5, 7, 2, T0 + 1, b"job-77", b"plain", b"a,b,c", 0),
+                 record(0, 5, 7, 3, T0 + 2, b"", b"trace", b"net", 6), record(1, 5, 7, 4, T0 + 3, b"", b"diag", b"net", 4),
+                 record(3, 5, 7, 5, T0 + 4, b"", b"begin", b"job-77", 0), record(4, 5, 7, 6, T0 + 5, b"", b"refused", b"alice", -1)]
+        with open(path, "wb") as file:
+            file.write(b"$Header 65543,5,7,1709294400,0,hostA\n" + b"".join(lines))
+        rows = self.ask("SELECT msgid, log_level, who, log_body FROM qdul_log WHERE msgid IS NOT NULL ORDER BY msgid", path)
+        levels = ["error", "info", "trace", "debug", "info", "notice"]
+        self.assertEqual([(int(row["msgid"]), row["log_level"]) for row in rows], list(enumerate(levels, 1)))
+        self.assertEqual([(row["who"], row["log_body"]) for row in rows[:2]], [("mgr", "Disk full, 2 of 3"), ("a,b,c", "plain")])
+        with open("records.json", "wb") as file:
+            file.write(run(program("qdlogview"), "-o", "json", path))
+        rows = self.ask("SELECT msgid, log_level, who, log_body, context FROM qdul_json_log ORDER BY msgid", "records.json")
+        self.assertEqual([(int(row["msgid"]), row["log_level"]) for row in rows], list(enumerate(levels, 1)))
+        self.assertEqual((rows[1]["who"], rows[1]["context"]), ("a,b,c", "job-77"))
 
 
 if __name__ == "__main__":
