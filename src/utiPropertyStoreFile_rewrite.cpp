@@ -180,13 +180,13 @@ uint32_t takeTemporary(const char *path, long end, Temporary *temporary) {
             return ZOLTLOG_STORE_OK;
         if (failed || !removeLeftover(temporary->path))
             return ZOLTLOG_STORE_NOT_CREATED;
-        if (lstat(temporary->path, &status) != 0)
-            continue;
+        const bool isFree = lstat(temporary->path, &status) != 0 && errno == ENOENT;
         if (monotonicMilliseconds() > end) {
             errno = EBUSY;
             return STORE_BUSY;
         }
-        pauseShortly();
+        if (!isFree)
+            pauseShortly();
     }
 }
 

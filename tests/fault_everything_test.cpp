@@ -740,3 +740,23 @@ TEST(FaultEverything, ASliceOfAllFailures) {
 TEST(LongFaultEverything, EachFailureOnce) {
     failEverything(numberOf("FAULT_CASES", 1000000));
 }
+
+TEST(FaultEverything, AChangeWhoseNameCannotBeLookedAtEnds) {
+    alarm(SECONDS_OF_A_CASE);
+    every::useOwnClock();
+    support::writeFile("store.conf", "a.kept=value\n");
+    PropertyStore store = {};
+    ASSERT_EQ(utiOpenPropertyStore("./store.conf", "a", &store), ZOLTLOG_STORE_OK);
+    libc::lstat.hook = [](const char *, struct stat *) {
+        errno = EIO;
+        return -1;
+    };
+    EXPECT_EQ(utiSetPropertyAsStr(&store, "one", "1"), ZOLTLOG_STORE_NOT_WRITTEN);
+    libc::lstat.unhook();
+    EXPECT_EQ(support::readFile("store.conf"), "a.kept=value\n");
+    EXPECT_EQ(utiSetPropertyAsStr(&store, "one", "1"), ZOLTLOG_STORE_OK);
+    EXPECT_EQ(support::readFile("store.conf"), "a.kept=value\na.one=1\n");
+    EXPECT_EQ(support::listFiles("."), std::vector<std::string>{"store.conf"});
+    EXPECT_EQ(utiClosePropertyStore(&store), ZOLTLOG_STORE_OK);
+    alarm(0);
+}
