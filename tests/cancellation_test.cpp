@@ -96,7 +96,21 @@ FRESH_TEST(Cancellation, ListingAndFetchingAreDone) {
         zoltLogFreeBuffer(&path);
         EXPECT_EQ(9u, zoltLogFetchNextFile(&listing, &path));
         freeFiles(&listing);
+        EXPECT_EQ(0, list_log_files(&listing, &cfgs, 1));
+        EXPECT_NE(nullptr, listing.files);
+        freeFiles(&listing);
         zoltLogFreeCfg(&cfg);
+    });
+    expectDone("list_log_files", [] {
+        LogCfg cfg = {}; // of its own: reading one would not be interrupted
+        cfg.productId = 5;
+        cfg.originatorId = 7;
+        strcpy(cfg.directory, "log/");
+        LogCfg *cfgs = &cfg;
+        LogListing listing = {};
+        EXPECT_EQ(0, list_log_files(&listing, &cfgs, 1));
+        EXPECT_NE(nullptr, listing.files);
+        freeFiles(&listing);
     });
     expectDone("the search for surplus files", [] {
         LogListing listing;

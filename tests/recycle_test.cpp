@@ -246,6 +246,10 @@ TEST_F(Recycling, TwoProcessesTellNothingOfWhatTheOtherRemoved) {
             if (writer != 0)
                 continue;
             close(gate[1]);
+            libc::remove.hook = [](const char *path) { // slow, so that the other one is there, too
+                usleep(100);
+                return libc::remove.real(path);
+            };
             LogHandle log;
             bool written = zoltLogOpen(5, 7, &log) == 0;
             char opened;

@@ -18,6 +18,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
+#include <utility>
 
 namespace qdlogview {
 
@@ -79,7 +80,7 @@ void report(const Settings &settings, const Sources &sources, Filter &filter, co
     ReportRun run{settings, sources, reader, filter, out, outcome.problems};
     outcome.status = runReport(run);
     outcome.problems.insert(outcome.problems.end(), reader.problems.begin(), reader.problems.end());
-    outcome.damaged = reader.damaged;
+    outcome.damaged = std::move(reader.damaged);
 }
 
 void show(const Settings &settings, Sources &sources, Filter &filter, const Cursor &cursor,
@@ -94,7 +95,7 @@ void show(const Settings &settings, Sources &sources, Filter &filter, const Curs
     else if (spool != nullptr && spool->dropped > 0)
         outcome.status = tools::EXIT_PARTIAL;
     outcome.problems.insert(outcome.problems.end(), view.problems.begin(), view.problems.end());
-    outcome.damaged = view.damaged;
+    outcome.damaged = std::move(view.damaged);
 }
 
 void tellFindings(const Settings &settings, const Sources &sources, const Filter &filter,

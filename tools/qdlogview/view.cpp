@@ -13,6 +13,7 @@
 #include <set>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 
 namespace qdlogview {
 
@@ -60,6 +61,8 @@ void View::addStreams(Reader &reader) {
 void View::keep(Reader &reader) {
     problems.insert(problems.end(), reader.problems.begin(), reader.problems.end());
     reader.problems.clear();
+    if (damaged.entries.empty()) // as it mostly is: there may be very many
+        std::swap(damaged, reader.damaged);
     for (const DamagedFiles::Entry &each : reader.damaged.entries)
         damaged.add(*each.source, each.lines, each.firstOffset);
     reader.damaged = {};
