@@ -43,7 +43,7 @@ for package in "$work"/try/new/*.deb; do
     rm -rf "$work/unpacked"
     dpkg-deb -R "$package" "$work/unpacked"
     sed -i -E '/^(Version|Depends|Pre-Depends):/s/3\.16\.1\.0/3.16.0.1/g' "$work/unpacked/DEBIAN/control"
-    dpkg-deb --root-owner-group -b "$work/unpacked" "$work/try/old" >/dev/null
+    dpkg-deb -Znone --root-owner-group -b "$work/unpacked" "$work/try/old" >/dev/null
 done
 
 # Another's package in the place of one of ours, with the same in it
@@ -53,7 +53,7 @@ for package in libqdlis3 libzoltlogformatmsg3; do
     sed -i -E -e "s/^Package:.*/Package: others-$package\nProvides: $package (= 3.99)\nConflicts: $package\nReplaces: $package/" \
         -e '/^Source:/d' "$work/unpacked/DEBIAN/control"
     rm -f "$work/unpacked/DEBIAN/md5sums"
-    dpkg-deb --root-owner-group -b "$work/unpacked" "$work/try/other" >/dev/null
+    dpkg-deb -Znone --root-owner-group -b "$work/unpacked" "$work/try/other" >/dev/null
 done
 
 # ---- tried in another ----------------------------------------------------------------
