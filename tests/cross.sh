@@ -19,7 +19,7 @@ root=$roots/$architecture
 suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
 if [ ! -e "$root/etc/debian_version" ]; then
     of=()
-    for package in libicu-dev libgtest-dev libpcre2-dev zlib1g-dev libzstd-dev libfmt-dev; do
+    for package in libicu-dev libgtest-dev libpcre2-dev zlib1g-dev libzstd-dev libarchive-dev libssl-dev libfmt-dev; do
         of+=("$package:$architecture")
     done
     new_root "$root" "$suite" "amd64,$architecture" "crossbuild-essential-$architecture" cmake ninja-build pkg-config python3 \

@@ -89,7 +89,8 @@ def change_copy():
 
 with open(f"{BUILD}/compile_commands.json", encoding="utf-8") as commands:
     ENTRIES = json.load(commands)
-UNPACKERS = [word for flag, word in (("QDUL_WITH_ZLIB", "-lz"), ("QDUL_WITH_ZSTD", "-lzstd"))
+UNPACKERS = [word for flag, word in (("QDUL_WITH_ZLIB", "-lz"), ("QDUL_WITH_ZSTD", "-lzstd"),
+                                        ("QDUL_WITH_ARCHIVES", "-larchive"), ("QDUL_WITH_ARCHIVES", "-lcrypto"))
              if any(flag in entry["command"] for entry in ENTRIES)]
 CACHE = dict(re.findall(r"(?m)^(\w+):\w+=(.*)$", read(f"{BUILD}/CMakeCache.txt")))
 SANITIZE = [f"-fsanitize={CACHE['QDUL_SANITIZE']}"] if CACHE.get("QDUL_SANITIZE") else []
@@ -280,8 +281,8 @@ class Trials(unittest.TestCase):
         self.assertEqual(json.loads(printed(f"{HERE}/bin/qdlogview", "-o", "json", "-n", "1", log))["trial"], 4)
 
     def test_a_tools_option(self):
-        link(f"{HERE}/bin/qdlogmgr", *all_compiled(sources("tools/qdlogmgr"), "qdlogmgr"),
-             f"{BUILD}/tools/common/libqdul_tools_common.a", f"{BUILD}/lib/libqdul.so.3", *UNPACKERS)
+        link(f"{HERE}/bin/qdlogmgr", *all_compiled(sources("tools/qdlogmgr") + ["tools/qdlogview/regex.cpp"], "qdlogmgr"),
+             f"{BUILD}/tools/common/libqdul_tools_common.a", f"{BUILD}/lib/libqdul.so.3", "-lpcre2-8", *UNPACKERS)
         self.assertRegex(printed(f"{HERE}/bin/qdlogmgr", "--help"), r"(?m)^ +--trial +an option on trial$")
         listed = printed(f"{HERE}/bin/qdlogmgr", "--complete", "options").replace("=", "").split()
         self.assertIn("--trial", listed)

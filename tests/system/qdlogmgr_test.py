@@ -14,7 +14,7 @@ import unittest
 from qdul_testing import HERE, literal_lines, manual, program, read, users_environment, write
 
 TOOL = program("qdlogmgr")
-COMMANDS = ["list", "surplus", "usage", "verify", "copy", "archive", "delete", "vacuum"]
+COMMANDS = ["list", "surplus", "usage", "verify", "copy", "archive", "delete", "vacuum", "bundle"]
 CREATED = 1709251200  # 2024-03-01 00:00:00 UTC
 
 

@@ -18,6 +18,9 @@ int openToRead(const std::string &path, int flags = 0);
 // above, a symbolic link with ELOOP; without `replace` all with EEXIST.
 int openAnew(const std::string &path, mode_t mode, bool replace);
 
+// Gives a path to what a descriptor has open, for openToRead; it keeps the descriptor.
+void nameDescriptor(const std::string &path, int descriptor);
+
 // Reads a file whole. False with errno: also EFBIG when it is larger than limit.
 bool readWhole(const std::string &path, size_t limit, std::string &bytes);
 

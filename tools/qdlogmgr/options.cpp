@@ -3,6 +3,7 @@
 // and what the manual is checked against.
 #include "qdlogmgr/options.h"
 
+#include "common/archive.h"
 #include "common/exit_codes.h"
 #include "qdlogmgr/commands.h"
 
@@ -19,6 +20,13 @@ bool takeCompress(Options &options, const char *value, std::string &error) {
     return options.compress = std::string_view(value) == "zstd";
 }
 
+bool takePatterns(Options &options, const char *value, std::string &error) {
+    error = "it must not be empty";
+    options.redactPatterns = value;
+    options.redact = true;
+    return value[0] != '\0';
+}
+
 // ---- the tables ------------------------------------------------------------------
 
 enum Takes : unsigned {
@@ -32,6 +40,7 @@ enum Takes : unsigned {
     TABLE = FILES << 6,   // it shows a table of files
     CHANGES = FILES << 7, // it can be tried dry
     COMPRESS = FILES << 8,
+    BUNDLE = FILES << 9, // what is in a bundle
     COMMON = EVERY | tools::TAKES_JSON | tools::TAKES_PAGES | tools::TAKES_QUIET | tools::TAKES_CONFIG |
              tools::TAKES_COMPLETION,
 };
@@ -64,6 +73,10 @@ const Command COMMANDS[] = {
     {{"vacuum", COMMON | VACUUM | REMOVAL | CHANGES, 0, "", 0, 0,
       "Remove the oldest files of each series until it fits", "qdlogmgr vacuum --product 5 --size 1G"},
      vacuumFiles},
+    {{"bundle", COMMON | FILES | TARGET | BUNDLE, TARGET, "[FILE]...", 0, ANY,
+      "Put logs, settings and findings into one file to send",
+      "qdlogmgr bundle --product 5 --since 2024-03-01 -o case.tar.zst"},
+     bundleFiles},
 };
 
 const tools::Option OPTIONS[] = {
@@ -94,8 +107,8 @@ const tools::Option OPTIONS[] = {
     {"--keep", FILES, "N", "all files but the newest N of each series", set<&Options::keep>},
 
     {"-o,--to", TARGET, "DIRECTORY",
-     "the directory that the files go to\n\n"
-     "It must exist.",
+     "the directory that the files go to; of a bundle the\nfile\n\n"
+     "The directory must exist; the name of a bundle ends in *.tar.zst*, *.tar.gz* or *.tar*.",
      set<&Options::to>, "What to do"},
     {"--link", LINK, nullptr,
      "make hard links instead of copies\n\n"
@@ -114,6 +127,20 @@ const tools::Option OPTIONS[] = {
     {"--age", VACUUM, "SPAN", "remove files last written longer ago than this (12h,\n30d)",
      set<&Options::vacuumAge>},
     {"--count", VACUUM, "N", "the most files that each series may have", set<&Options::vacuumCount>},
+    {"-S,--since", BUNDLE, "TIME", "records at or after a time: 2024-03-01 13:45,\nyesterday, -2h30m",
+     set<&Options::since>},
+    {"-U,--until", BUNDLE, "TIME", "records at or before a time", set<&Options::until>},
+    {"--redact", BUNDLE, nullptr,
+     "replace what tells of persons and machines\n\n"
+     "E-mail and IP addresses, also those in names of files, subjects of audit records, names of\n"
+     "the system's accounts and of home directories become tokens such as <ip-1a2b3c4d5e>: the\n"
+     "same text has the same token all over the bundle, another in the next. Damaged lines are\n"
+     "left out. Look through the bundle all the same: nobody knows all that texts may tell.",
+     set<&Options::redact>},
+    {"--redact-patterns", BUNDLE, "FILE",
+     "also what these regular expressions match, one in\neach line\n\n"
+     "Lines that begin with # are comments. Includes *--redact*.",
+     set<takePatterns>},
     {"--dry-run", CHANGES, nullptr, "say what would be done, and do nothing", set<&Options::dryRun>},
 
     {"--paths", TABLE, nullptr, "show whole paths", set<&Options::paths>, "How to show it"},
@@ -147,6 +174,18 @@ bool understand(Options &options, std::string &error) {
     if (!options.vacuumSize.empty() && !tools::parseSizeText(options.vacuumSize, options.vacuumSizeBytes)) {
         error = "'" + options.vacuumSize + "' is not a size such as 512K or 1G";
         return false;
+    }
+    if ((takes & BUNDLE) != 0) {
+        if (!options.since.empty() &&
+            !tools::parseTimeText(options.since, options.now, options.zone(), options.sinceTime, error))
+            return false;
+        if (!options.until.empty() &&
+            !tools::parseTimeText(options.until, options.now, options.zone(), options.untilTime, error))
+            return false;
+        if (tools::archiveSuffix(options.to).empty()) {
+            error = "the name of a bundle ends in .tar.zst, .tar.gz or .tar";
+            return false;
+        }
     }
     if (options.compress && options.link) {
         error = "--compress and --link exclude each other";

@@ -35,6 +35,9 @@ struct Options : tools::CommonOptions {
     std::string vacuumAge;
     std::optional<uint64_t> vacuumCount;
     bool dryRun = false;
+    std::string since, until; // of bundles
+    bool redact = false;
+    std::string redactPatterns;
 
     // How to show it
     bool utc = false;
@@ -45,6 +48,7 @@ struct Options : tools::CommonOptions {
     int64_t olderThanTime = 0;    // of olderThan
     int64_t vacuumOldest = 0;     // of vacuumAge
     uint64_t vacuumSizeBytes = 0; // of vacuumSize
+    int64_t sinceTime = INT64_MIN, untilTime = INT64_MAX;
 
     tools::Zone zone() const { return utc ? tools::Zone::Utc : tools::Zone::Local; }
 };

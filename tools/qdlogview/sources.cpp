@@ -3,7 +3,9 @@
 // filter, completion.
 #include "qdlogview/sources.h"
 
+#include "common/archive.h"
 #include "common/configurations.h"
+#include "common/files.h"
 #include "common/record_file.h"
 
 #include <algorithm>
@@ -306,6 +308,40 @@ bool Sources::list(const DirectoryRule &rule) {
     return true;
 }
 
+// The log files of a bundle, as if it were a directory.
+void Sources::addArchive(const std::string &path) {
+    const auto isLog = [](std::string_view name) {
+        FileName parsed;
+        return tools::parseFileName(name.substr(name.rfind('/') + 1), parsed);
+    };
+    std::vector<tools::ArchiveMember> members;
+    std::string problem;
+    if (!tools::unpackArchive(path, isLog, members, problem))
+        problems.push_back(problem);
+    for (const tools::ArchiveMember &member : members) {
+        const std::string full = path + "/" + member.name;
+        const size_t slash = full.rfind('/') + 1;
+        SourceFile file;
+        file.directory = directoryText(full.substr(0, slash));
+        file.base = names.keep(std::string_view(full).substr(slash));
+        FileName name;
+        struct stat status {};
+        if (fstat(member.descriptor, &status) != 0 || !tools::parseFileName(file.base, name) ||
+            (product != 0 && name.product != product) ||
+            (wantedFileOriginator != 0 && name.originator != wantedFileOriginator) ||
+            (!wantedLogSet.empty() && name.logSet != wantedLogSet)) {
+            close(member.descriptor);
+            continue;
+        }
+        describe(file, name);
+        tools::nameDescriptor(full, member.descriptor);
+        file.size = static_cast<uint64_t>(status.st_size);
+        file.modified = INT64_MAX;
+        if (passes(file))
+            files.push_back(file);
+    }
+}
+
 void Sources::addNamed(const std::string &path, bool follow) {
     struct stat status {};
     const auto take = [&](const std::string &named) {
@@ -333,6 +369,8 @@ void Sources::addNamed(const std::string &path, bool follow) {
     }
     char real[PATH_MAX];
     SourceFile file = take(realpath(path.c_str(), real) != nullptr ? real : path);
+    if (!tools::archiveSuffix(path).empty())
+        return addArchive(*file.directory + std::string(file.base));
     file.size = static_cast<uint64_t>(status.st_size);
     file.modified = nanoseconds(status.st_mtim) / 1000000;
     FileName name;

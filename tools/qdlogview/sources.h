@@ -93,6 +93,7 @@ struct Sources {
     bool lacksLogSet(const std::string &name, uint32_t result);
     void addRule(DirectoryRule rule);
     void addNamed(const std::string &path, bool follow);
+    void addArchive(const std::string &path);
     bool list(const DirectoryRule &rule);
     bool passes(const SourceFile &file) const;
     const std::string *directoryText(const std::string &directory);
