@@ -3,6 +3,7 @@
 #pragma once
 
 #include <charconv>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
