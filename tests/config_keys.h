@@ -9,6 +9,7 @@
 #include <cstring>
 #include <iterator>
 #include <string>
+#include <string_view>
 
 #include "zoltlog.h"
 
@@ -122,11 +123,11 @@ inline const char *const WRITTEN[] = {
     "LogFilePermissions",
 };
 
-inline const Key &keyOf(const std::string &name) {
+inline const Key &keyOf(std::string_view name) {
     for (const Key &key : KEYS)
         if (name == key.name)
             return key;
-    std::fprintf(stderr, "%s is no key\n", name.c_str());
+    std::fprintf(stderr, "%.*s is no key\n", static_cast<int>(name.size()), name.data());
     std::abort();
 }
 

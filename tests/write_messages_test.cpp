@@ -6,6 +6,7 @@
 #include "support/sink_capture.h"
 #include "support/syscalls.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>

@@ -50,7 +50,8 @@ Change checkedChange(const std::string &argument, const Scope &scope) {
     const size_t equals = argument.find('=');
     if (equals == std::string::npos)
         throw CommandError(tools::EXIT_USAGE, "'" + argument + "' is not of the form KEY=VALUE");
-    const CfgKey &key = requireKey(argument.substr(0, equals), scope);
+    const std::string name = argument.substr(0, equals);
+    const CfgKey &key = requireKey(name, scope);
     const std::string value = argument.substr(equals + 1);
     constexpr size_t VALUE_LIMIT = 399; // what the library uses of a value
     const std::string utf8 = asUtf8(value);
