@@ -83,7 +83,7 @@ everything >/root/before.txt
 quietly apt-get install -y /old/*.deb
 [ "$(qdlogger --version)" = "qdlogger 3.16.1.0" ]
 [ "$(dpkg-query -W -f '${Version}' libqdul3)" = 3.16.0.1 ]
-quietly qdlogcfg product add 5 --names kept --file /etc/qd/kept.conf
+quietly qdlogcfg product add 6 --names kept --file /etc/qd/kept.conf
 quietly qdlogcfg set -P kept LogDirectory=/var/log/qd
 qdlogger -P kept before
 sha256sum /etc/qd/* >/root/configuration.txt
@@ -94,7 +94,7 @@ qdlogger -P kept after
 [ "$(qdlogview -q -P kept -o cat | paste -sd' ')" = "before after" ] || fail "the log after the upgrade"
 sha256sum --quiet -c /root/configuration.txt
 [ "$(stat -c %a:%U:%G /var/log/qd)" = 2770:root:qdul ] || fail "the log directory is $(stat -c %a:%U:%G /var/log/qd)"
-[ "$(stat -c %G /var/log/qd/5-*.log)" = qdul ]
+[ "$(stat -c %G /var/log/qd/6-*.log)" = qdul ]
 echo "installed and upgraded"
 
 # shellcheck disable=SC2046
@@ -115,14 +115,14 @@ echo "libqdlis3 and libzoltlogformatmsg3 give way to others'"
 ours=$(dpkg-query -W -f '${Package} ${Source}\n' | awk '$1 ~ /qdul|qdlis|zoltlog/ && $1 !~ /^others/ { print $1 }')
 # shellcheck disable=SC2086
 quietly apt-get remove -y $ours
-ls /etc/qd/zoltlog.conf /etc/qd/kept.conf /var/log/qd/5-*.log >/dev/null
+ls /etc/qd/zoltlog.conf /etc/qd/kept.conf /var/log/qd/6-*.log >/dev/null
 # shellcheck disable=SC2086
 quietly apt-get purge -y --autoremove $ours
 everything >/root/after.txt
 # What the systems of users and units keep for themselves is theirs.
 comm -13 /root/before.txt /root/after.txt |
     grep -vE '^/(etc/(g?shadow|group|passwd|subgid|subuid)-?|etc/\.pwd\.lock|etc/ld\.so\.cache|var/log/(alternatives|dpkg)\.log|var/lib/systemd(/.*)?)$' >/root/left.txt || true
-[ "$(paste -sd' ' /root/left.txt)" = "/etc/qd /etc/qd/kept.conf /etc/qd/zoltlog.conf /var/log/qd $(ls /var/log/qd/5-*.log)" ] ||
+[ "$(paste -sd' ' /root/left.txt)" = "/etc/qd /etc/qd/kept.conf /etc/qd/zoltlog.conf /var/log/qd $(ls /var/log/qd/6-*.log)" ] ||
     { cat /root/left.txt; fail "this is left behind"; }
 sha256sum --quiet -c /root/configuration.txt
 echo "purged: configuration and logs are left"
