@@ -117,7 +117,8 @@ ours=$(dpkg-query -W -f '${Package} ${Source}\n' | awk '$1 ~ /qdul|qdlis|zoltlog
 quietly apt-get remove -y $ours
 ls /etc/qd/zoltlog.conf /etc/qd/kept.conf /var/log/qd/6-*.log >/dev/null
 # shellcheck disable=SC2086
-quietly apt-get purge -y --autoremove $ours
+quietly dpkg --purge $ours
+quietly apt-get autoremove -y --purge
 everything >/root/after.txt
 # What the systems of users and units keep for themselves is theirs.
 comm -13 /root/before.txt /root/after.txt |
