@@ -278,6 +278,7 @@ void View::showAround(Reader &reader) {
     const bool limited = settings.hasLines && settings.lines != ALL_LINES;
     std::deque<HeldItem> before;
     std::deque<Piece> last; // with -n: the last matches and their neighbours
+    uint64_t matches = 0;   // among these
     uint64_t following = 0;
     uint64_t hits = 0;
     bool skipped = false;
@@ -285,6 +286,11 @@ void View::showAround(Reader &reader) {
     const auto print = [&](const Item &item, bool hit) {
         if (limited) {
             last.push_back({HeldItem(item), skipped && any, hit});
+            matches += hit ? 1 : 0;
+            while (matches > settings.lines) { // what is in front of a match that is too many
+                matches -= last.front().hit ? 1 : 0;
+                last.pop_front();
+            }
         } else {
             if (skipped && any)
                 printer.separator();
