@@ -5,7 +5,7 @@ from __future__ import annotations
 import ctypes
 import enum
 import re
-from typing import Any, Callable, Optional
+from typing import Any, Callable, Optional, TypeVar
 
 from . import _declarations as c
 from ._library import Id, check, encoded, lib, originator_id, product_id
@@ -63,7 +63,26 @@ def worded(text: str, values: tuple[Any, ...], number: int) -> tuple[bytes, list
     return b"%s", [encoded(text % values if values else text)]
 
 
-class _Handle:
+_Closed = TypeVar("_Closed", bound="_Closing")
+
+
+class _Closing:
+    """What ends with the block of a with statement, by close(), or when nobody refers to it any more."""
+
+    def close(self) -> None:
+        raise NotImplementedError
+
+    def __enter__(self: _Closed) -> _Closed:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.close()
+
+    def __del__(self) -> None:
+        self.close()
+
+
+class _Handle(_Closing):
     """What messages go through: a log or a context.
 
     Every message call takes a text and, if that has %s, %d or the like, their values. number is that of
@@ -85,6 +104,16 @@ class _Handle:
     def _opened(self) -> None:
         self._handle.utf8 = 1
         self._pointer = ctypes.pointer(self._handle)
+
+    def close(self) -> None:
+        """Closes it; a second time does nothing."""
+        pointer = getattr(self, "_pointer", None)  # none yet where making it failed
+        self._pointer = None
+        if pointer is not None:
+            self._end(pointer)
+
+    def _end(self, pointer: Any) -> None:
+        raise NotImplementedError
 
     def _send(self, call: Callable[..., int], before: tuple[Any, ...], message_id: Optional[int], flags: int,
               after: tuple[Any, ...], text: str, values: tuple[Any, ...], number: int) -> None:
@@ -168,21 +197,8 @@ class Log(_Handle):
         check(result, f"opening the log of product {product}, originator {originator}")
         self._opened()
 
-    def close(self) -> None:
-        """Closes the log; a second time does nothing."""
-        pointer, self._pointer = self._pointer, None
-        if pointer is not None:
-            check(lib.zoltLogClose(pointer), "closing the log")
-
-    def __enter__(self) -> Log:
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
-
-    def __del__(self) -> None:
-        if getattr(self, "_pointer", None) is not None:
-            self.close()
+    def _end(self, pointer: Any) -> None:
+        check(lib.zoltLogClose(pointer), "closing the log")
 
     def __reduce__(self) -> tuple[Any, ...]:
         return _open_again, self._arguments
@@ -205,24 +221,11 @@ class Context(_Handle):
         check(result, f"making the context {token}")
         self._opened()
 
-    def close(self) -> None:
-        """Closes the context; a second time does nothing."""
-        pointer, self._pointer = self._pointer, None
-        if pointer is not None:
-            check(lib.zoltLogDestroyContext(pointer), "closing the context")
-
-    def __enter__(self) -> Context:
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
-
-    def __del__(self) -> None:
-        if getattr(self, "_pointer", None) is not None:
-            self.close()
+    def _end(self, pointer: Any) -> None:
+        check(lib.zoltLogDestroyContext(pointer), "closing the context")
 
 
-class SecureLog:
+class SecureLog(_Closing):
     """A log of secure audit messages: they go to the system log and to no file.
 
     level is the highest that is sent. extended puts eight values before each text, for collectors. ident
@@ -265,16 +268,6 @@ class SecureLog:
 
     def close(self) -> None:
         """Closes the log; a second time does nothing."""
-        if self._is_open:
+        if getattr(self, "_is_open", False):  # not yet where making it failed
             self._is_open = False
             lib.zoltLogClose(self._handle)  # tells that there was no file
-
-    def __enter__(self) -> SecureLog:
-        return self
-
-    def __exit__(self, *_: object) -> None:
-        self.close()
-
-    def __del__(self) -> None:
-        if getattr(self, "_is_open", False):
-            self.close()
