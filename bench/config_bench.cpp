@@ -360,6 +360,25 @@ BENCHMARK(readProduct)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
+// What the records of readProduct cost before anything is read into them: the boundary fixes
+// their size and that each is freed by itself.
+void allocateRecords(benchmark::State &state) {
+    std::vector<LogCfg *> cfgs(ORIGINATORS + 1);
+    makeFiles();
+    compare(state, LARGE, {0, 0, 0}, [&cfgs](double *) {
+        const double took = seconds([&cfgs] {
+            for (LogCfg *&cfg : cfgs)
+                cfg = static_cast<LogCfg *>(calloc(1, sizeof *cfg));
+        });
+        release(cfgs.data(), static_cast<uint32_t>(cfgs.size()));
+        return took;
+    });
+}
+BENCHMARK(allocateRecords)
+    ->Name("10,001 records allocated, nothing read")
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+
 void readOne(benchmark::State &state) {
     const auto id = static_cast<uint64_t>(state.range(0));
     compareCall(state, LARGE, {0, 0, 3}, [id] {
