@@ -187,8 +187,8 @@ uint64_t writtenVersion(const LogFileState *state) {
 
 enum class Looked { HERE, GONE, UNKNOWN };
 
-// Whether the open file has a name still. Learns its size, and when there are bytes in it
-// that this writer did not append, whether they end inside a line.
+// Whether the open file has a name still. Learns its size, whether it was ended, and when there are bytes in
+// it that this writer did not append, whether they end inside a line.
 Looked look(Writer *writer) {
     const int descriptor = writer->state->file.descriptor;
     struct stat status;
@@ -202,6 +202,7 @@ Looked look(Writer *writer) {
         writer->torn = endsInsideLine(descriptor);
     writer->sizeThen = size;
     writer->ownSince = 0;
+    writer->ended = isEnded(writer->state, status);
     return Looked::HERE;
 }
 
@@ -270,7 +271,7 @@ bool isFull(Writer *writer, uint64_t length) {
 bool isRolloverDue(Writer *writer, uint64_t length) {
     LogFileState *state = writer->state;
     // A file that is closed after a failed rollover or reopen is tried again each time.
-    if (state->headerVersion != writtenVersion(state) || state->file.descriptor == -1)
+    if (state->headerVersion != writtenVersion(state) || state->file.descriptor == -1 || writer->ended)
         return true;
     if (IsValidRolloverMode(state->rolloverMode) == 0) {
         // KEPT: an invalid mode is rollover switched off for good, seen at the first

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <ctime>
+#include <sys/stat.h>
 
 inline constexpr size_t HOST_NAME_SIZE = HEADER_HOST_SIZE;
 using HostName = char[HOST_NAME_SIZE + 1];
@@ -35,6 +36,7 @@ struct Writer {
     bool held;     // nobody can take the open file for one without a writer
     bool marked;   // with takeMark
     bool torn;     // the open file ends inside a line
+    bool ended;    // the open file is to get no more records
 
     // An originator's file into which the open contexts were written, or their own records.
     LogFileDate contextsDate;
@@ -69,6 +71,16 @@ inline void sleepNs(long ns) { // below a second
 
 // A file that was not looked at for so long is looked at before it is written to.
 inline constexpr int64_t LOOK_EVERY_NS = NS_PER_SECOND / 10 * 9;
+
+// A file with this permission bit, which says nothing to the system of a regular file, is to get
+// no more records: its writers go on in the next file of the series when they look at it, each
+// within LOOK_EVERY_NS or before its next message. `qdlogmgr rotate` sets it. Where new files have
+// the bit by configuration it says nothing.
+inline constexpr mode_t ENDED = S_ISVTX;
+
+inline bool isEnded(const LogFileState *state, const struct stat &file) {
+    return (file.st_mode & ENDED) != 0 && (state->permissions.mode & ENDED) == 0;
+}
 
 // Looks the host's number up again when a rollover found it out of date. Called before a
 // message takes the global lock, so that a slow name service delays its caller only.

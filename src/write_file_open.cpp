@@ -147,6 +147,7 @@ struct Opened {
     bool held;
     bool marked;
     bool torn;
+    bool ended;
     bool created;
 };
 
@@ -289,7 +290,7 @@ bool isTrusted(const LogFileState *state, const struct stat &file) {
 
 // Takes hold and mark on the file that was just opened. False: it is being removed. Somebody
 // who is no recycler may keep the locks; then the file is written to without a hold.
-bool hold(int descriptor, Opened *opened) {
+bool hold(const LogFileState *state, int descriptor, Opened *opened) {
     struct stat status;
     opened->readable = (fcntl(descriptor, F_GETFL) & O_ACCMODE) == O_RDWR;
     for (int look = 0;; ++look) {
@@ -297,6 +298,7 @@ bool hold(int descriptor, Opened *opened) {
         const Taken mark = takeMark(descriptor, opened->readable);
         if (fstat(descriptor, &status) == 0) {
             opened->size = static_cast<uint64_t>(status.st_size);
+            opened->ended = isEnded(state, status);
             if (status.st_nlink == 0)
                 return false;
         }
@@ -320,7 +322,7 @@ int32_t openExisting(LogFileState *state, const char *path, Opened *opened) {
             close(descriptor);
             return ZOLTLOG_OS_OPEN_FAILED;
         }
-        if (hold(descriptor, opened)) {
+        if (hold(state, descriptor, opened)) {
             (void)zoltLogOs_initfilehandle(&state->file);
             state->file.descriptor = descriptor;
             return ZOLTLOG_OS_OK;
@@ -375,7 +377,7 @@ void takeName(LogFileState *state, const char *path, Opened *opened) {
         close(state->file.descriptor); // another has taken its place
     }
     state->file.descriptor = made;
-    (void)hold(made, opened);
+    (void)hold(state, made, opened);
 }
 
 // The local date at this moment; fallback when it cannot be told.
@@ -483,6 +485,7 @@ void noteOpened(Writer *writer, const Target *target, const Opened *opened) {
     writer->readable = opened->readable;
     writer->held = opened->held;
     writer->torn = opened->torn;
+    writer->ended = opened->ended;
     writer->marked = opened->marked;
     writer->lookedAt = 0; // the next message looks again, unless it is this one
     writer->sizeThen = opened->size;

@@ -112,6 +112,17 @@ TEST_F(WriteFileLogset, RolloverBySizeTakesTheNameOfItsSecond) {
     EXPECT_EQ(support::lines(support::readFile("logs/5-backup-240301134600.log")).size(), 2u);
 }
 
+TEST_F(WriteFileLogset, EndedFileIsLeftForTheLatestOne) {
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, logsetSettings()));
+    support::writeFile("logs/5-backup-240301134510.log", "$Header 65544,0,hostA\n");
+    ASSERT_EQ(0, chmod(FIRST, 01660));
+    advance(58);
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    EXPECT_EQ(Texts(), textsIn(FIRST));
+    EXPECT_EQ(Texts({"one"}), textsIn("logs/5-backup-240301134510.log"));
+    EXPECT_EQ(logFiles(), (Names{"5-backup-240301134502.log", "5-backup-240301134510.log"}));
+}
+
 TEST_F(WriteFileLogset, ContextsAreNotRewritten) {
     LogCfg cfg = logsetSettings();
     cfg.rolloverMode = ZOLTLOG_ROLLOVER_FILE_SIZE;

@@ -3,6 +3,7 @@
 #include "support/results.h"
 #include "write_series.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 using namespace series;
@@ -178,6 +179,52 @@ TEST_F(WriteFileRollover, FilesOfOlderVersionsArePassedOver) {
     ASSERT_RESULT(ZOLTLOG_OK, send(&handle, std::string(1000, 'x')));
     EXPECT_EQ(support::readFile(SECOND), "$Header 65540,5,7,1709287100,hostA\n");
     EXPECT_EQ(textsIn(THIRD).size(), 1u);
+}
+
+// ---- files that were ended -----------------------------------------------------------
+
+TEST_F(WriteFileRollover, EndedFileIsLeftAtTheNextLook) {
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "before"));
+    ASSERT_EQ(0, chmod(FIRST, 01660));
+    usleep(950000); // within 900 ms of the last look it may go on
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "behind"));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "and on"));
+    EXPECT_EQ(Texts({"before"}), textsIn(FIRST));
+    EXPECT_EQ(Texts({"behind", "and on"}), textsIn(SECOND));
+    EXPECT_EQ(Names({FIRST + 5, SECOND + 5}), logFiles());
+}
+
+TEST_F(WriteFileRollover, EndedFilesAreNotContinued) {
+    support::makeDirectory("logs");
+    for (const char *path : {FIRST, SECOND}) {
+        support::writeFile(path, "$Header 65543,5,7,1709287200,0,hostA\n");
+        ASSERT_EQ(0, chmod(path, 01660));
+    }
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    EXPECT_EQ(Texts(), textsIn(FIRST));
+    EXPECT_EQ(Texts(), textsIn(SECOND));
+    EXPECT_EQ(Texts({"one"}), textsIn(THIRD));
+}
+
+TEST_F(WriteFileRollover, EndedFileIsLeftForTheNextOneThatIsThere) {
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, settings()));
+    support::writeFile(SECOND, "$Header 65543,5,7,1709287200,0,hostA\n");
+    ASSERT_EQ(0, chmod(FIRST, 01660));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one")); // the first record is looked at, too
+    EXPECT_EQ(Texts(), textsIn(FIRST));
+    EXPECT_EQ(Texts({"one"}), textsIn(SECOND));
+}
+
+TEST_F(WriteFileRollover, ConfiguredStickyBitEndsNoFile) {
+    LogCfg cfg = settings();
+    cfg.permissions.mode = 01660;
+    ASSERT_RESULT(ZOLTLOG_OK, open(&handle, cfg));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "one"));
+    EXPECT_RESULT(ZOLTLOG_OK, send(&handle, "two"));
+    EXPECT_EQ(Texts({"one", "two"}), textsIn(FIRST));
+    EXPECT_EQ(Names({FIRST + 5}), logFiles());
 }
 
 TEST_F(WriteFileRollover, PeriodOfNothingDoesNotLoop) {

@@ -8,10 +8,11 @@ import subprocess
 import time
 import unittest
 
-from qdul_testing import BUILD, HERE, SOURCE, plain_environment, read, write
+from qdul_testing import BUILD, HERE, SOURCE, host_number, plain_environment, read, write
 
 PAGE = read(f"{SOURCE}/docs/known-commands.md")
 FILE = "5-7-1-240301-0000000000.log"
+HOST = host_number()
 
 
 def rows(title):
@@ -40,6 +41,8 @@ class KnownCommands(unittest.TestCase):
             file.write("".join(lines))
         self.environment = plain_environment(ZOLTLOG_CFG_LOC=f"{HERE}/zoltlog.conf", TMPDIR=HERE)
         self.environment["PATH"] = f"{BUILD}/bin:{self.environment['PATH']}"
+        write("own", f"$Header 65543,5,8,{now // 1000},0,hostA\n2,5,8,8,1,{now},41,43,0:,4:full,6:worker,1,(0|)\n")
+        os.rename("own", f"log/5-8-{HOST}-240301-0000000000.log")
 
     def run_it(self, command):
         done = subprocess.run(["sh", "-c", command], capture_output=True, text=True, env=self.environment, stdin=subprocess.DEVNULL)

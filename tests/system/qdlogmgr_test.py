@@ -11,11 +11,12 @@ import subprocess
 import time
 import unittest
 
-from qdul_testing import HERE, literal_lines, manual, program, read, users_environment, write
+from qdul_testing import HERE, host_number, literal_lines, manual, program, read, users_environment, write
 
 TOOL = program("qdlogmgr")
-COMMANDS = ["list", "surplus", "usage", "verify", "copy", "archive", "delete", "vacuum", "bundle"]
+COMMANDS = ["list", "surplus", "usage", "verify", "copy", "archive", "delete", "vacuum", "rotate", "bundle"]
 CREATED = 1709251200  # 2024-03-01 00:00:00 UTC
+HOST = host_number()
 
 
 def run(*arguments, config="main.conf", environment=None):
@@ -450,6 +451,70 @@ class Qdlogmgr(unittest.TestCase):
         self.assertIn("bad\\e[31m", out)
         self.assertNotIn("\x1b", out)
 
+    # ---- new files ----
+
+    def test_rotate_begins_the_next_file_with_the_permissions_of_the_one_before(self):
+        old = originator_file(4, host=HOST)
+        os.chmod(f"logs/{old}", 0o640)
+        today = time.strftime("%y%m%d", time.gmtime())
+        new = f"5-7-{HOST}-{today}-0000000000.log"
+        self.assertEqual(self.ok("rotate", "-P", "5", "--dry-run"), f"would rotate {HERE}/logs/{old} (184B): {new}\n")
+        self.assertEqual(os.listdir("logs"), [old])
+        self.assertEqual(self.ok("rotate", "-P", "5"), f"rotated {HERE}/logs/{old} (184B): {new}\n")
+        self.assertEqual(sorted(os.listdir("logs")), [old, new])
+        self.assertRegex(read(f"logs/{new}"), rf"^\$Header 65543,5,7,\d{{10}},0,{re.escape(os.uname().nodename)}\n$")
+        self.assertEqual([os.stat(f"logs/{name}").st_mode & 0o7777 for name in (old, new)], [0o1640, 0o640])
+        self.assertEqual(self.states(), {old: "kept", new: "newest"})
+
+    def test_rotate_counts_on_within_a_day_and_leaves_what_is_new(self):
+        today = time.strftime("%y%m%d", time.gmtime())
+        originator_file(9, host=HOST, day=today)
+        for last in (10, 10, 10):
+            self.ok("rotate", "-P", "5", "-q")
+            self.assertEqual(max(os.listdir("logs")), f"5-7-{HOST}-{today}-{last:010d}.log")
+        self.assertEqual(self.ok("rotate", "-P", "5").split(": ")[1], "nothing was written to it yet\n")
+        told = json.loads(self.ok("rotate", "-P", "5", "--json"))
+        self.assertEqual([each["action"] for each in told], ["kept"])
+
+    def test_rotate_of_a_log_set_takes_a_name_of_its_own_second(self):
+        first = logset_file(time.strftime("%y%m%d%H%M%S", time.gmtime()))
+        self.ok("rotate", "-L", "night", "-P", "5")
+        names = sorted(os.listdir("logs"))
+        self.assertEqual((len(names), names[0]), (2, first))
+        self.assertEqual(read(f"logs/{names[1]}"), f"$Header 65544,0,{os.uname().nodename}\n")
+
+    def test_rotate_refuses_what_it_cannot_place(self):
+        originator_file(0, host=1)
+        status, out, err = run("rotate", "-P", "5")
+        self.assertEqual((status, out.split(": ")[1]), (1, "another host writes the series\n"))
+        originator_file(0, host=HOST, day="990101", originator=8)
+        status, out, err = run("rotate", "-P", "5", "-u", "8")
+        self.assertEqual(status, 4)
+        self.assertIn("its name tells a time to come", err)
+        with open(f"logs/{originator_file(0, host=HOST, originator=9)}", "r+") as file:
+            file.write("$Header 65543,5,8")
+        status, out, err = run("rotate", "-P", "5", "-u", "9")
+        self.assertEqual((status, out.split(": ")[1]), (1, "its header says product 5, originator 8\n"))
+        self.assertEqual(len(os.listdir("logs")), 3)
+        self.assertEqual(run("rotate")[0], 2)  # without a series
+
+    def test_rotate_waits_for_the_directory_and_for_the_writer(self):
+        name = originator_file(0, host=HOST)
+        with open(f"logs/{name}", "rb") as writer:
+            fcntl.flock(writer, fcntl.LOCK_SH)  # as a writer does; this one never writes again
+            start = time.monotonic()
+            self.ok("rotate", "-P", "5")
+            self.assertGreater(time.monotonic() - start, 2)
+        directory = os.open("logs", os.O_RDONLY)
+        fcntl.flock(directory, fcntl.LOCK_EX)
+        with open(max(f"logs/{each}" for each in os.listdir("logs")), "a") as file:
+            file.write(f"2,5,7,7,1,{CREATED}000,1,1,0:,5:hello,0:,1,(0|)\n")
+        waiting = subprocess.Popen([TOOL, "rotate", "-P", "5"], stdout=subprocess.DEVNULL, env=users_environment(ZOLTLOG_CFG_LOC=f"{HERE}/main.conf", TZ="UTC"))
+        time.sleep(0.2)
+        self.assertEqual((waiting.poll(), len(os.listdir("logs"))), (None, 2))
+        os.close(directory)
+        self.assertEqual((waiting.wait(10), len(os.listdir("logs"))), (0, 3))
+
     def test_help_and_version(self):
         self.assertIn("Exit status", self.ok("--help"))
         self.assertRegex(self.ok("--version"), r"^qdlogmgr \d+\.\d+")
@@ -471,7 +536,8 @@ class Qdlogmgr(unittest.TestCase):
         for line in lines:
             with self.subTest(line):
                 self.setUp()
-                self.five()
+                for i in range(5):
+                    originator_file(i, host=HOST)
                 when = time.time() - 40 * 86400
                 for name in os.listdir("logs")[:3]:
                     os.utime(f"logs/{name}", (when, when))

@@ -28,6 +28,7 @@ int copyFiles(Run &run);
 int archiveFiles(Run &run);
 int deleteFiles(Run &run);
 int vacuumFiles(Run &run);
+int rotateFiles(Run &run);
 int bundleFiles(Run &run);
 
 // A file of a series, for commands that go through files.

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// qdlogmgr: finds, copies, archives, verifies and removes log files. The program, and
+// qdlogmgr: finds, copies, archives, verifies, removes and begins log files. The program, and
 // what its commands share: choosing files, reporting, ending.
 #include "common/exit_codes.h"
 #include "qdlogmgr/commands.h"

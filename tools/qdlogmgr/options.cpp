@@ -36,7 +36,7 @@ enum Takes : unsigned {
     LINK = FILES << 2,
     REPLACE = FILES << 3,
     VACUUM = FILES << 4,  // limits
-    REMOVAL = FILES << 5, // it removes files
+    REMOVAL = FILES << 5, // it removes files, or begins new ones
     TABLE = FILES << 6,   // it shows a table of files
     CHANGES = FILES << 7, // it can be tried dry
     COMPRESS = FILES << 8,
@@ -73,6 +73,9 @@ const Command COMMANDS[] = {
     {{"vacuum", COMMON | VACUUM | REMOVAL | CHANGES, 0, "", 0, 0,
       "Remove the oldest files of each series until it fits", "qdlogmgr vacuum --product 5 --size 1G"},
      vacuumFiles},
+    {{"rotate", COMMON | REMOVAL | CHANGES, 0, "", 0, 0, "Begin the next file of each series now",
+      "qdlogmgr rotate --product 5 --originator 7"},
+     rotateFiles},
     {{"bundle", COMMON | FILES | TARGET | BUNDLE, TARGET, "[FILE]...", 0, ANY,
       "Put logs, settings and findings into one file to send",
       "qdlogmgr bundle --product 5 --since 2024-03-01 -o case.tar.zst"},
@@ -92,7 +95,7 @@ const tools::Option OPTIONS[] = {
      set<&Options::directories>},
     {"-a,--all", REMOVAL, nullptr,
      "all configured series, when nothing else selects\nthem\n\n"
-     "Commands that remove files need this, *--product* or *--directory*.",
+     "Commands that remove files, and *rotate*, need this, *--product* or *--directory*.",
      set<&Options::all>},
 
     {"-s,--surplus", FILES, nullptr,
