@@ -8,6 +8,7 @@
 #include "zoltlog.h"
 
 #include <arpa/inet.h>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -54,7 +55,7 @@ inline int64_t localTime(int year, int month, int day, int hour = 0, int minute 
 inline std::string hostName;    // at first "hostA"
 inline std::string hostAddress; // at first that of HOST_ID; "" fails, "::..." is IPv6
 inline bool hostNameFails;
-inline int hostLookUps;
+inline std::atomic<int> hostLookUps;
 inline std::function<void()> onHostLookUp; // what a look-up does first
 constexpr uint64_t HOST_ID = 83886090;     // 10.0.0.5
 

@@ -6,7 +6,6 @@
 
 #include "support/syscalls.h"
 
-SUPPORT_CALL(pthread_t, pthread_self, (), (), noexcept)
 SUPPORT_CALL(int, pthread_mutexattr_init, (pthread_mutexattr_t * attributes), (attributes), noexcept)
 SUPPORT_CALL(int, pthread_mutexattr_settype, (pthread_mutexattr_t * attributes, int type), (attributes, type),
              noexcept)
