@@ -37,7 +37,9 @@
 #include <unistd.h>
 #include <vector>
 
+#ifndef __SANITIZE_THREAD__ // whose runtime allocates in threads that it does not know yet
 #define SUPPORT_ALLOCATIONS_ALWAYS
+#endif
 #include "support/every_call.h"
 
 namespace {
