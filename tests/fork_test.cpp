@@ -6,6 +6,7 @@
 #include "support/support.h"
 
 #include <atomic>
+#include <chrono>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -40,8 +41,10 @@ struct Logging {
     explicit Logging(LogHandle *handle) {
         for (int i = 0; i < 3; ++i)
             threads.emplace_back([this, handle] {
-                while (!done)
+                while (!done) {
                     failures += logPid(handle, "thread") != 0;
+                    std::this_thread::sleep_for(std::chrono::microseconds(20)); // others want the processor
+                }
             });
     }
     ~Logging() {
