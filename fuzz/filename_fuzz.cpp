@@ -1,27 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 // File names of any bytes: they must be split as strtok and strtol split them, and
 // the latest file of a directory must be the one that scanf and mktime call so.
+#include "fuzz/memory_files.h"
+#include "fuzz/require.h"
 #include "zoltlog.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <dirent.h>
-#include <fcntl.h>
-#include <filesystem>
 #include <string>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-void require(bool holds, const char *what) {
-    if (!holds) {
-        fprintf(stderr, "does not hold: %s\n", what);
-        abort();
-    }
-}
+using fuzz::require;
 
 std::vector<std::string> tokensOf(std::string name) {
     std::vector<std::string> tokens;
@@ -62,38 +56,17 @@ void checkSplitting(const std::string &name) {
 
 // ---- the latest file of a directory that holds the name and one other
 
-// A directory of this process, removed at its end.
-struct Directory {
-    Directory() {
-        const char *parent = getenv("TMPDIR");
-        path = std::string(parent != nullptr ? parent : "/tmp") + "/qdul-fuzz.XXXXXX";
-        require(mkdtemp(path.data()) != nullptr, "a directory");
-    }
-    ~Directory() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-    Directory(const Directory &) = delete;
-    Directory &operator=(const Directory &) = delete;
-
-    std::string path;
-};
-
 namespace {
 
 const char RIVAL_REST[] = "140305-0000000005.log";
 const char RIVAL_SET[] = "5-s-140305101500.log";
 
 std::string path(const std::string &name) {
-    static const Directory directory;
-    return directory.path + "/" + name;
+    return std::string(memory::DIRECTORY) + "/" + name;
 }
 
-bool makeFile(const std::string &name) {
-    const int file = open(path(name).c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-    if (file != -1)
-        close(file);
-    return file != -1;
+void makeFile(const std::string &name) {
+    memory::writeFile(path(name), nullptr, 0);
 }
 
 } // namespace
@@ -123,14 +96,16 @@ void checkLatest(const std::string &rest) {
     static bool ready;
     if (!ready) {
         setenv("TZ", "UTC0", 1);
-        require(makeFile(prefix + RIVAL_REST) && makeFile(RIVAL_SET), "files");
+        makeFile(prefix + RIVAL_REST);
+        makeFile(RIVAL_SET);
         ready = true;
     }
     const std::string name = prefix + rest + ".log";
     const std::string nameOfSet = "5-s-" + rest + ".log";
-    if (name.size() > 255 || name == prefix + RIVAL_REST || nameOfSet == RIVAL_SET || !makeFile(name))
+    if (name.size() > 255 || name == prefix + RIVAL_REST || nameOfSet == RIVAL_SET)
         return;
-    require(makeFile(nameOfSet), "file of a log set");
+    makeFile(name);
+    makeFile(nameOfSet);
 
     LogFileEntry *entry = nullptr;
     require(zoltLogFindLatestLog(path("").c_str(), 5, 7, 0, 0, &entry) == 1, "a latest file");

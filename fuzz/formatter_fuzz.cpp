@@ -2,7 +2,7 @@
 // The plug-in's line for messages with any texts, in several encodings: one line, which
 // controls no terminal.
 #include "formatter/zoltformat.h"
-#include "fuzz/scratch.h"
+#include "fuzz/require.h"
 #include "zoltlog.h"
 
 #include <clocale>
@@ -51,9 +51,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         msg.attr.level = data[3];
     char *line = nullptr;
     const uint32_t flags = uint32_t{data[4]} << 8;
-    scratch::require(LogFormatMessage(nullptr, 0, nullptr, 0, flags, 0, &msg, nullptr, &line) == ZOLTLOG_OK,
-                     "a line");
-    scratch::require(isSafe(line), "a line without control characters");
+    fuzz::require(LogFormatMessage(nullptr, 0, nullptr, 0, flags, 0, &msg, nullptr, &line) == ZOLTLOG_OK,
+                  "a line");
+    fuzz::require(isSafe(line), "a line without control characters");
     zoltLogFree(line);
     return 0;
 }

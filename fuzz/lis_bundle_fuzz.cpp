@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Resource bundles of any bytes: every entry is read, looked up again by its key, and no
 // byte outside of the file is looked at (the sanitizers tell).
-#include "fuzz/scratch.h"
+#include "fuzz/memory_files.h"
 #include "lis/bundle.h"
 
 #include <cstdint>
@@ -26,9 +26,9 @@ void use(const UChar *text, int32_t length) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const std::string package = scratch::directory() + "m";
+    const std::string package = std::string(memory::DIRECTORY) + "/m";
     (void)mkdir(package.c_str(), 0700);
-    scratch::writeFile(package + "/root.res", data, size);
+    memory::writeFile(package + "/root.res", data, size);
     Bundle *bundle = nullptr;
     (void)openBundle(package.c_str(), "de_AT", &bundle);
     int32_t length = 0;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Packages in one file, of any bytes: each locale's texts are looked up, and no byte outside
 // of the file is looked at (the sanitizers tell).
-#include "fuzz/scratch.h"
+#include "fuzz/memory_files.h"
 #include "lis/bundle.h"
 
 #include <string>
@@ -17,8 +17,8 @@ void use(const UChar *text, int32_t length) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const std::string package = scratch::directory() + "m";
-    scratch::writeFile(package + ".dat", data, size);
+    const std::string package = std::string(memory::DIRECTORY) + "/m";
+    memory::writeFile(package + ".dat", data, size);
     for (const char *locale : {"de_AT", "root", "zh_TW", ""}) {
         Bundle *bundle = nullptr;
         (void)openBundle(package.c_str(), locale, &bundle);

@@ -2,7 +2,7 @@
 // Query trees of any shape, as a program may build them from what it is given: nothing
 // outside of them is touched, and the same tree gives the same answer for the same file
 // however often it is asked.
-#include "fuzz/scratch.h"
+#include "fuzz/require.h"
 #include "zoltlog.h"
 
 #include <cstring>
@@ -82,9 +82,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     (void)byName(); // fills the slots of a tree that came with odd ones
     const auto name = byName();
     const auto second = byHeader();
-    scratch::require(byName() == name && byHeader() == second, "the same answer again");
+    fuzz::require(byName() == name && byHeader() == second, "the same answer again");
     const uint32_t walked = updateQueryForTZ(tree.root(), 3600);
-    scratch::require(walked == 0 || walked == 1, "a result of the walk");
+    fuzz::require(walked == 0 || walked == 1, "a result of the walk");
     (void)byName();
     return 0;
 }

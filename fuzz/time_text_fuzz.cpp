@@ -2,7 +2,7 @@
 // Times, spans and sizes as users type them: what is understood is written in a form that is
 // understood as the same.
 #include "common/time_text.h"
-#include "fuzz/scratch.h"
+#include "fuzz/require.h"
 
 #include <cstdlib>
 #include <string>
@@ -27,18 +27,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         constexpr int64_t YEAR_10000 = 253402300800000;
         constexpr int64_t YEAR_0 = -62167219200000;
         if (time >= YEAR_0 && time < YEAR_10000)
-            scratch::require(tools::parseTimeText(written, NOW, zone, again, error) && again == time,
-                             "a time read back");
+            fuzz::require(tools::parseTimeText(written, NOW, zone, again, error) && again == time,
+                          "a time read back");
         (void)tools::formatTime(time, zone);
     } else {
-        scratch::require(!error.empty(), "a reason");
+        fuzz::require(!error.empty(), "a reason");
     }
     error.clear();
     if (tools::parseSpanText(text, time, error)) {
-        scratch::require(time >= 0, "a span without a sign");
+        fuzz::require(time >= 0, "a span without a sign");
         (void)tools::formatSpan(time);
     } else {
-        scratch::require(!error.empty(), "a reason");
+        fuzz::require(!error.empty(), "a reason");
     }
     uint64_t bytes = 0;
     if (tools::parseSizeText(text, bytes))

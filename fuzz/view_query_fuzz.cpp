@@ -2,7 +2,7 @@
 // Queries of --where, of any bytes: what is understood is asked of records, and its tree for
 // files lets every file through that holds a record for which the query holds.
 #include "common/record.h"
-#include "fuzz/scratch.h"
+#include "fuzz/require.h"
 #include "qdlogview/query.h"
 #include "zoltlog.h"
 
@@ -35,7 +35,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     qdlogview::Query query;
     std::string error;
     if (!query.parse(text, NOW, tools::Zone::Utc, error)) {
-        scratch::require(!error.empty(), "a reason");
+        fuzz::require(!error.empty(), "a reason");
         return 0;
     }
     qdlogview::FileQuery files(query);
@@ -45,14 +45,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
         tools::Item item;
         item.origin = &file;
         tools::Fault fault;
-        scratch::require(tools::parseRecord(line, ZOLTLOG_RECORD_VERSION_ORIGINATOR, item.record, fault),
-                         "a record");
+        fuzz::require(tools::parseRecord(line, ZOLTLOG_RECORD_VERSION_ORIGINATOR, item.record, fault),
+                      "a record");
         isAnyMatch = query.matches(item) || isAnyMatch;
     }
     if (files.root != nullptr) {
         const bool passes =
             evalTreeToFilterFiles(5, 7, "hostA", nullptr, 1709300700, 1709300800, files.root) != 0;
-        scratch::require(passes || !isAnyMatch, "the file of a matching record passes");
+        fuzz::require(passes || !isAnyMatch, "the file of a matching record passes");
     }
     return 0;
 }
