@@ -181,6 +181,22 @@ TEST(TimeFormat, ShortAndRfc3339) {
     EXPECT_EQ(text, "2024-03-01T10:15:02.123-03:30");
 }
 
+TEST(TimeFormat, AYearHasFourDigitsAndIsReadBack) {
+    tools::TimeFormatter utc;
+    utc.mode = tools::TimeFormatter::Mode::Utc;
+    for (const int64_t time : {-54527907208000, -62135596800000, -62167219200000, 253402300799999}) {
+        std::string text;
+        utc.appendRfc3339(text, time);
+        int64_t again = 0;
+        std::string error;
+        EXPECT_TRUE(tools::parseTimeText(text, 0, Zone::Utc, again, error)) << error;
+        EXPECT_EQ(time, again) << text;
+    }
+    std::string text;
+    utc.appendShort(text, -62135596800000);
+    EXPECT_EQ("0001-01-01 00:00:00.000", text);
+}
+
 TEST(TimeFormat, LocalTimeChangesItsOffsetOnTheMinute) {
     zone("CET-1CEST,M3.5.0,M10.5.0/3");
     tools::TimeFormatter local;

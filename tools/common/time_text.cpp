@@ -408,8 +408,11 @@ void TimeFormatter::append(std::string &out, int64_t time, char separator) {
     if (wantedDay != day) {
         const auto instant = static_cast<time_t>(wantedDay * SECONDS_PER_DAY);
         tm parts{};
-        if (gmtime_r(&instant, &parts) == nullptr || strftime(date, sizeof date, "%Y-%m-%d", &parts) == 0)
-            std::strcpy(date, "9999+"); // a year of more than five digits
+        const bool isKnown = gmtime_r(&instant, &parts) != nullptr;
+        const int length = std::snprintf(date, sizeof date, "%04ld-%02d-%02d", parts.tm_year + 1900L,
+                                         parts.tm_mon + 1, parts.tm_mday);
+        if (!isKnown || length < 0 || static_cast<size_t>(length) >= sizeof date)
+            std::strcpy(date, "9999+"); // a year of many digits
         day = wantedDay;
     }
     const int64_t ofDay = seconds - wantedDay * SECONDS_PER_DAY;
