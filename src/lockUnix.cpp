@@ -255,36 +255,55 @@ void acquire(LogLock *lock) {
 
 // The mutex is taken by the outermost acquisition only; the nested ones, of which a
 // message has several, are counted by depth.
+//
+// A handler of a signal has no business here, but it finds the record such that its own
+// acquisition and release leave it as it was, between any two of these steps. So the
+// outermost depth is stored and not counted, an entry is written again when it counts, what a
+// release needs is looked at before it begins; and who finds the lock his own at depth 0 has
+// interrupted himself at the first entry, and leaves that alone.
 void zoltLogLock(LogLock *lock, const char *tag) {
     require(lock != nullptr);
     const uint64_t self = currentThread();
     knowProcess(self);
     if (!isCreated(lock))
         createOnce(lock, self);
-    if (!isHeldBy(lock, self)) {
+    int32_t depth = 0;
+    int cancelState = 0;
+    const bool isOutermost = !isHeldBy(lock, self);
+    if (isOutermost) {
         acquire(lock);
-        require(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &lock->savedCancelState) == 0);
+        require(pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancelState) == 0);
+    } else {
+        depth = lock->depth > 0 ? lock->depth : 1;
     }
-    require(lock->depth < MAX_LOCK_DEPTH);
-    setHolder(&lock->holders[lock->depth], self, tag);
+    require(depth < MAX_LOCK_DEPTH);
+    setHolder(&lock->holders[depth], self, tag);
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
-    ++lock->depth;
+    lock->depth = depth + 1;
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    if (isOutermost)
+        lock->savedCancelState = cancelState;
+    else
+        setHolder(&lock->holders[depth], self, tag);
 }
 
 int32_t zoltLogUnlock(LogLock *lock, const char *tag) {
     require(lock != nullptr);
     const uint64_t self = currentThread();
     knowProcess(self); // a thread may have forked with the lock held
-    require(lock->depth > 0);
-    const int32_t depth = --lock->depth;
-    __atomic_signal_fence(__ATOMIC_SEQ_CST); // an observer never sees an entry without a tag
+    require(isCreated(lock) && lock->depth > 0);
+    const int32_t depth = lock->depth - 1;
+    const int cancelState = lock->savedCancelState;
     LogLockHolder *holder = &lock->holders[depth];
-    require(isCreated(lock));
     require(holder->thread == self);
     require(holder->tag == tag); // the same object, not an equal text
+    lock->depth = depth;
+    __atomic_signal_fence(__ATOMIC_SEQ_CST); // an observer never sees an entry without a tag
     setHolder(holder, 0, nullptr);
     if (depth == 0) {
-        require(pthread_setcancelstate(lock->savedCancelState, nullptr) == 0);
+        __atomic_signal_fence(__ATOMIC_SEQ_CST);
+        lock->depth = 0;
+        require(pthread_setcancelstate(cancelState, nullptr) == 0);
         require(pthread_mutex_unlock(&lock->mutex) == 0);
     }
     return 0;
