@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The localization library when memory ends: this program's allocator fails the
-// chosen allocation and all later ones.
+// The localization library when memory ends, when this program's allocator fails the
+// chosen allocation and all later ones, and when a catalogue cannot be read.
 
+#include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <string>
 
@@ -11,6 +13,7 @@
 #include "support/failing_allocations.h"
 #include "support/lis_items.h"
 #include "support/support.h"
+#include "support/syscalls.h"
 #include "zoltlog.h"
 
 namespace {
@@ -229,4 +232,76 @@ TEST_F(FaultLis, FstrncatWithoutMemoryLeavesTheBufferAlone) {
     EXPECT_EQ(buffer, fstrncat(buffer, sizeof buffer, "%d", 7));
     allowed = -1;
     EXPECT_STREQ("ab", buffer);
+}
+
+// ---- catalogues that cannot be read ------------------------------------------------------------
+
+namespace {
+
+// What the next call on a catalogue gives.
+enum class Failing { NONE, OPEN, STATUS, READ };
+Failing failing;
+int failure; // an errno
+int failed;  // calls
+
+bool fails(Failing call) {
+    if (failing != call)
+        return false;
+    ++failed;
+    errno = failure;
+    return true;
+}
+
+std::string shown() {
+    ZoltLisBlock block = {};
+    const int32_t result = support::lisMessage(&block, 1, 1001, "%s %d", "/var", 93);
+    const std::string text = result == 0 ? support::describe(&block) : "result " + std::to_string(result);
+    zoltLisFree(&block);
+    return text;
+}
+
+const char IN_WORDS[] = "id=0 10:Disk  10:/var 10: is  1:93 10:% full";
+
+// What a process shows while a call fails, and afterwards.
+void expectShownAfter(Failing call, int error, const std::string &afterwards) {
+    const int status = support::inChild([&] {
+        libc::open.hook = [](const char *path, int flags, mode_t mode) {
+            return fails(Failing::OPEN) ? -1 : libc::open.real(path, flags, mode);
+        };
+        libc::fstat.hook = [](int descriptor, struct stat *out) {
+            return fails(Failing::STATUS) ? -1 : libc::fstat.real(descriptor, out);
+        };
+        libc::read.hook = [](int descriptor, void *bytes, size_t size) {
+            return fails(Failing::READ) ? ssize_t{-1} : libc::read.real(descriptor, bytes, size);
+        };
+        EXPECT_EQ(0, qdlisAddCatalog(sample().c_str()));
+        const size_t descriptors = support::openDescriptors();
+        failure = error;
+        failing = call;
+        const std::string meanwhile = shown();
+        failing = Failing::NONE;
+        EXPECT_LT(0, failed);
+        EXPECT_EQ("id=1001", meanwhile.substr(0, 7));
+        EXPECT_NE(std::string::npos, meanwhile.find("/var"));
+        EXPECT_EQ(afterwards, shown().substr(0, afterwards.size()));
+        EXPECT_EQ(descriptors, support::openDescriptors());
+        return testing::Test::HasFailure() ? 1 : 0;
+    });
+    EXPECT_EQ(0, status) << "call " << static_cast<int>(call) << ", " << strerror(error);
+}
+
+} // namespace
+
+TEST(FaultCatalogue, OneThatCannotBeReadThisTimeIsReadTheNext) {
+    for (const int error : {EIO, ESTALE, EMFILE, ENFILE, ENOMEM})
+        expectShownAfter(Failing::OPEN, error, IN_WORDS);
+    for (const Failing call : {Failing::STATUS, Failing::READ})
+        for (const int error : {EIO, ESTALE})
+            expectShownAfter(call, error, IN_WORDS);
+}
+
+// Those who ship no catalogue are asked for it once.
+TEST(FaultCatalogue, OneThatIsNotThereOrMayNotBeReadIsNotLookedForAgain) {
+    for (const int error : {ENOENT, EACCES, ELOOP})
+        expectShownAfter(Failing::OPEN, error, "id=1001");
 }
