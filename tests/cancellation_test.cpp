@@ -1,18 +1,26 @@
 // SPDX-License-Identifier: Apache-2.0
 // A thread that is to be cancelled goes on until the operation that it is in is done: nothing
 // is left behind, and the lock is free.
+//
+// CANCELLATIONS is how many threads the Long test cancels (1000).
 #include "support/log_records.h"
 #include "support/support.h"
 #include "zoltlog.h"
 
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
+#include <memory>
 #include <pthread.h>
+#include <random>
 #include <string>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include "qdlis.h"
 #include "support/cases.h"
@@ -233,4 +241,103 @@ TEST(Cancellation, TheStateOfTheThreadIsAsBefore) {
         pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &after);
         EXPECT_EQ(state, after);
     }
+}
+
+// ---- many threads, cancelled wherever they are -------------------------------------------------
+
+namespace {
+
+constexpr size_t MOST_MESSAGES = size_t{1} << 24;
+std::atomic<size_t> nextMessage;
+std::atomic<uint8_t> *accepted; // of each message 1: its call gave 0
+LogHandle sharedLog;
+
+uint32_t sendNext(LogHandle *log) {
+    const size_t number = nextMessage++;
+    const uint32_t result = zoltLogAppMsg(log, 0, 1, 0, "message %zu", number % MOST_MESSAGES);
+    accepted[number % MOST_MESSAGES] = result == ZOLTLOG_OK ? 1 : 0;
+    return result;
+}
+
+// Opens, logs, changes contexts and settings until it is cancelled.
+void *workUntilCancelled(void *argument) {
+    std::mt19937 chance(static_cast<unsigned>(reinterpret_cast<uintptr_t>(argument)));
+    for (;;) {
+        LogCfg cfg;
+        LogHandle own = {};
+        switch (chance() % 4) {
+        case 0:
+            if (zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &own) == ZOLTLOG_OK)
+                (void)sendNext(&own);
+            (void)zoltLogClose(&own);
+            break;
+        case 1:
+            if (zoltLogCreateContext(&sharedLog, &own, "work", 0, "unit") == ZOLTLOG_OK)
+                (void)sendNext(&own);
+            (void)zoltLogDestroyContext(&own);
+            break;
+        case 2:
+            (void)zoltLogReadCfg(logs::PRODUCT, logs::ORIGINATOR, &cfg);
+            zoltLogFreeCfg(&cfg);
+            break;
+        default:
+            for (int message = 0; message < 20; ++message)
+                (void)sendNext(&sharedLog);
+        }
+        pthread_testcancel();
+    }
+}
+
+} // namespace
+
+FRESH_TEST(LongCancellation, ThreadsThatAreCancelledAnywhereLeaveNothing) {
+    const char *text = getenv("CANCELLATIONS");
+    const long wanted = text != nullptr ? strtol(text, nullptr, 10) : 1000;
+    logs::configure({"Default.RolloverMode=FileSize", "Default.MaxLogFileSizeKB=256"});
+    ASSERT_EQ(0U, zoltLogOpen(logs::PRODUCT, logs::ORIGINATOR, &sharedLog));
+    const std::unique_ptr<std::atomic<uint8_t>[]> results(new std::atomic<uint8_t>[MOST_MESSAGES]());
+    accepted = results.get();
+    ASSERT_EQ(0U, sendNext(&sharedLog));
+    std::mt19937 chance(20240301); // NOLINT(cert-msc32-c,cert-msc51-cpp)
+    const size_t descriptors = support::openDescriptors();
+    long cancelled = 0;
+    while (cancelled < wanted && nextMessage < MOST_MESSAGES / 2) {
+        pthread_t threads[4];
+        for (pthread_t &thread : threads)
+            ASSERT_EQ(0, pthread_create(&thread, nullptr, workUntilCancelled,
+                                        reinterpret_cast<void *>(static_cast<uintptr_t>(chance()))));
+        usleep(static_cast<useconds_t>(chance() % 3000));
+        for (const pthread_t thread : threads)
+            ASSERT_EQ(0, pthread_cancel(thread));
+        for (const pthread_t thread : threads) { // hangs when one of them has kept the lock
+            void *result = nullptr;
+            ASSERT_EQ(0, pthread_join(thread, &result));
+            ASSERT_EQ(PTHREAD_CANCELED, result);
+            ++cancelled;
+        }
+        ASSERT_EQ(0U, sendNext(&sharedLog));
+    }
+    EXPECT_EQ(descriptors, support::openDescriptors());
+    ASSERT_EQ(0U, zoltLogClose(&sharedLog));
+    std::vector<uint8_t> seen(nextMessage);
+    size_t broken = 0;
+    for (const logs::Record &record : logs::records()) {
+        const bool isContext = record.type == ZOLTLOG_MSG_CONTEXT;
+        const size_t number =
+            strtoull(record.text.c_str() + strcspn(record.text.c_str(), "0123456789"), nullptr, 10);
+        if (!record.whole)
+            ++broken;
+        else if (!isContext && number < seen.size())
+            ++seen[number];
+    }
+    size_t differences = 0;
+    size_t all = 0;
+    for (size_t number = 0; number < seen.size(); ++number) {
+        all += accepted[number];
+        differences += seen[number] != accepted[number] ? 1 : 0;
+    }
+    EXPECT_EQ(0U, broken);
+    EXPECT_EQ(0U, differences)
+        << "messages that were accepted and are lost or there twice, or refused and there";
+    printf("%ld threads cancelled among %zu messages, each accepted one there once\n", cancelled, all);
 }

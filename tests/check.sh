@@ -26,6 +26,10 @@
 #           configuration killed before, in and behind each of their system calls
 # faults    one scenario of everything with each allocation and each system call failing, once
 #           and from then on, with every errno that it can have; FAULT_CASES of them (all)
+# cancels   CANCELLATIONS (5000) threads cancelled wherever they are in opening, logging, contexts
+#           and settings
+# damage    DAMAGED_FILES (20000) log files and configurations damaged in any way, each read,
+#           listed, gone on with and changed
 # mixed     processes, threads, forks, contexts and all that others can do to files and
 #           configuration for MIXED_SECONDS (60), with a clock a hundred times as fast; then a
 #           third of that with ThreadSanitizer and with AddressSanitizer
@@ -211,6 +215,36 @@ step_faults() {
     return $status
 }
 
+step_cancels() {
+    build release || return 1
+    CANCELLATIONS=$((${CANCELLATIONS:-5000} * factor)) TMPDIR=$(memory_directory) run_counted \
+        LongCancellation.ThreadsThatAreCancelledAnywhereLeaveNothing cancellation_test '
+        / threads cancelled / { printf "%s, %d s\n", $0, seconds }'
+}
+
+step_damage() {
+    local part parts each status=0 log started=$SECONDS
+    build release || return 1
+    log=$(mktemp -d) || return 1
+    parts=$(nproc)
+    each=$(((${DAMAGED_FILES:-20000} * factor + parts - 1) / parts))
+    for part in $(seq 0 $((parts - 1))); do
+        DAMAGED_FIRST=$((1 + part * each)) DAMAGED_FILES=$each TMPDIR=$(memory_directory) \
+            build/release/tests/damaged_files_test --gtest_filter='LongDamagedFiles.*' --gtest_brief=1 \
+            >"$log/$part" 2>&1 </dev/null &
+    done
+    wait
+    for part in $(seq 0 $((parts - 1))); do
+        grep -q ' log files and .* gone on with$' "$log/$part" && ! grep -q 'FAILED' "$log/$part" && continue
+        cut -c1-300 "$log/$part" | head -60
+        status=1
+    done
+    awk -v seconds=$((SECONDS - started)) '/ log files and / { logs += $1; configurations += $5 }
+        END { printf "= %d log files and %d configurations damaged and gone on with, %d s\n", logs, configurations, seconds }' "$log"/*
+    rm -rf "$log"
+    return $status
+}
+
 step_mixed() {
     local preset seconds=$((${MIXED_SECONDS:-60} * factor)) status=0
     for preset in release tsan asan; do
@@ -349,7 +383,7 @@ step_coverage() {
     python3 tests/coverage.py build/coverage | sed -u 's|^\(src/ .*\)$|= \1|' || status=1
     return $status
 }
-all_steps="format tests shuffle leaks asan asan-long config recycle kills faults mixed tsan tidy cppcheck abi bounds model
+all_steps="format tests shuffle leaks asan asan-long config recycle kills faults cancels damage mixed tsan tidy cppcheck abi bounds model
     postgres ship package reproducible compilers arm64 s390x fuzz"
 [ $# -gt 0 ] || set -- full
 case $1 in
