@@ -309,6 +309,66 @@ class Journald(unittest.TestCase):
         self.assertEqual(len(shown_lines), len(told))
 
 
+# ---- OpenTelemetry ---------------------------------------------------------------------
+
+DECODER = "@opentelemetry/otlp-transformer@0.57.2"
+
+
+def node_modules():
+    """Where the decoder is, from OTLP_MODULES or installed here; None when it cannot be had."""
+    if os.environ.get("OTLP_MODULES"):
+        return os.environ["OTLP_MODULES"]
+    if not shutil.which("npm") or not shutil.which("node"):
+        return None
+    words = ["npm", "install", "--prefix", f"{HERE}/npm", "--no-audit", "--no-fund", "--ignore-scripts", "--fetch-retries=0", DECODER]
+    done = subprocess.run(words, capture_output=True, env={**os.environ, "HOME": HERE}, timeout=300)
+    return f"{HERE}/npm/node_modules" if done.returncode == 0 else None
+
+
+class OpenTelemetry(unittest.TestCase):
+    maxDiff = None
+
+    def test_its_own_messages_decode_every_record_whole(self):
+        modules = node_modules()
+        if modules is None:
+            self.skipTest(f"node, or {DECODER} by npm, is not to be had")
+        told = make_logs("otlp-logs", RECORDS)
+        trace = b"00-4bf92f3577b34da6a3ce929d0e0e4736-00f067aa0ba902b7-01"
+        with open("otlp-logs/9-7-1-240301-0000000000.log", "wb") as file:
+            file.write(b"$Header 65543,9,7,%d,0,hostA\n" % (T0 // 1000) + record(4, 9, 7, 2**64 - 1, T0, trace, b"traced", b"alice", -1))
+        export = run(program("qdlogview"), "-o", "otlp-json", "otlp-logs")
+        found = [json.loads(line) for line in run("node", f"{SOURCE}/tests/support/otlp_decode.js", modules, input=export).splitlines()]
+        self.assertEqual(len(found), len(told) + 1)
+        severities = {0: (5, "debug"), 4: (10, "audit"), 2: {0: (9, "info"), 1: (13, "warning"), 2: (17, "error"), 3: (18, "critical"), 4: (21, "emergency")}}
+        kinds = {0: "debug", 2: "application", 4: "audit"}
+
+        def expected(each):
+            number, word = severities[2][each["number"]] if each["kind"] == 2 else severities[each["kind"]]
+            attributes = {"qdul.kind": kinds[each["kind"]], "qdul.product": {"int": str(each["product"])}, "qdul.originator": {"int": "7"},
+                          "qdul.msgid": {"int": str(each["id"])}, "thread.id": {"int": "43"}}
+            attributes.update({"qdul.context": each["context"]} if each["context"] else {})
+            attributes.update({"qdul.who": "mgr"} if each["kind"] != 4 else {"qdul.subject": "mgr", "qdul.outcome": str(each["number"])})
+            attributes.update({"qdul.level": str(each["number"])} if each["kind"] == 0 else {})
+            try:
+                each["text"].decode()
+            except UnicodeDecodeError:
+                attributes["qdul.text_hex"] = each["text"].hex()
+            return {"resource": {"service.name": str(each["product"]), "service.instance.id": each["host"] + ":42", "host.name": each["host"], "process.pid": {"int": "42"}},
+                    "attributes": attributes, "timeUnixNano": f"{each['ts']}000000", "severityNumber": number, "severityText": word,
+                    "body": {"stringValue": shown(each["text"])}}
+
+        def order(each):
+            attributes = each["attributes"]
+            return each["resource"]["host.name"], attributes["qdul.product"]["int"], each["timeUnixNano"], int(attributes["qdul.msgid"]["int"])
+
+        (traced,) = [each for each in found if each["resource"]["service.name"] == "9"]
+        self.assertEqual((traced["traceId"], traced["spanId"], traced["attributes"]["qdul.msgid"]), (trace[3:35].decode(), trace[36:52].decode(), str(2**64 - 1)))
+        found.remove(traced)
+        places = {(each["attributes"].pop("log.file.path"), each["attributes"].pop("qdul.offset")["int"]) for each in found}
+        self.assertEqual(len(places), len(told))
+        self.assertEqual(sorted(found, key=order), sorted(map(expected, told), key=order))
+
+
 # ---- units -----------------------------------------------------------------------------
 
 @unittest.skipUnless(shutil.which("systemd-analyze"), "systemd-analyze is not installed")
