@@ -46,7 +46,9 @@
 #           statement and connection counted; skipped where it is not installed
 # ship      what is exported, in the programs that it is for, and the spool's files after kills at
 #           every system call and SPOOL_KILLS (300) at random; each part skipped where its program
-#           is not installed; and ROTATE_TIMES (4) rotations under live writers
+#           is not installed; ROTATE_TIMES (4) rotations under live writers; two machines and a
+#           central one in network namespaces, with SITES_RECORDS (10000) records each and kills of
+#           everything, as root
 # package   the Debian packages built, tried, upgraded and purged in clean roots, of PACKAGE_SUITES
 #           ("bookworm trixie"); it, arm64 and s390x need root
 # reproducible  libraries, tools and packages are the same bytes from any directory
@@ -344,10 +346,11 @@ step_ship() {
     local script ended status=0
     build release || return 1
     export QDUL_BUILD=$PWD/build/release QDUL_SOURCE=$PWD PYTHONDONTWRITEBYTECODE=1
-    for script in qdlogview_spool rotate ship report; do
+    for script in qdlogview_spool rotate ship sites report; do
         ended=0
+        echo "-- $script"
         SPOOL_KILLS=$((${SPOOL_KILLS:-300} * factor)) SPOOL_POINTS=1 \
-            tests/support/in_private_dir.sh "$PWD/tests/system/${script}_test.py" || ended=$?
+            tests/support/in_private_dir.sh "$PWD/tests/system/${script}_test.py" 2>&1 | sed -u 's/^[0-9:]*  = /= /' || ended=$?
         [ $ended = 0 ] || [ $ended = 77 ] || status=1
     done
     return $status

@@ -124,6 +124,23 @@ END $$;
 CREATE TRIGGER qdul_take_lines AFTER INSERT ON qdul_lines
     REFERENCING NEW TABLE AS added FOR EACH STATEMENT EXECUTE FUNCTION qdul_take_lines();
 
+-- Takes lines that come one by one, as rsyslog sends them.
+CREATE VIEW qdul_line AS SELECT line FROM qdul_lines;
+
+CREATE FUNCTION qdul_take_line() RETURNS trigger LANGUAGE plpgsql AS $$
+DECLARE
+    record jsonb := qdul_parse(NEW.line);
+    moment timestamptz := qdul_time(record);
+BEGIN
+    IF moment IS NOT NULL THEN
+        PERFORM qdul_make_day('qdul_json', (moment AT TIME ZONE 'UTC')::date);
+    END IF;
+    INSERT INTO qdul_json VALUES (moment, record) ON CONFLICT DO NOTHING;
+    RETURN NEW;
+END $$;
+
+CREATE TRIGGER qdul_take_line INSTEAD OF INSERT ON qdul_line FOR EACH ROW EXECUTE FUNCTION qdul_take_line();
+
 -- The files of spools that are loaded.
 CREATE TABLE qdul_loaded (
     spool   text   NOT NULL, -- host and directory

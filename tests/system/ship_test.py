@@ -215,11 +215,12 @@ class Postgres(unittest.TestCase):
         with socket.socket() as free:
             free.bind(("127.0.0.1", 0))
             port = str(free.getsockname()[1])
-        for name, changes in {"edge": {"CENTRAL": "127.0.0.1", "10514": port, "/var/lib/qdul-spool/files": f"{HERE}/rsyslog/spool"},
-                              "central": {"10514": port, "USER@127.0.0.1:5432/DATABASE": f"bench@127.0.0.1:{self.environment['PGPORT']}/postgres"}}.items():
+        for name, changes in {"edge": {"CENTRAL": "127.0.0.1", "10514": port, "/var/lib/qdul-spool/files": f"{HERE}/rsyslog/spool",
+                                       "/var/lib/qdul-edge": f"{HERE}/rsyslog/edge"},
+                              "central": {"10514": port, "/var/spool/rsyslog": f"{HERE}/rsyslog/central", "USER@127.0.0.1:5432/DATABASE": f"bench@127.0.0.1:{self.environment['PGPORT']}/postgres"}}.items():
             text = read(f"{SOURCE}/packaging/rsyslog/qdul-{name}.conf")
             os.mkdir(f"rsyslog/{name}")
-            for old, new in {**changes, "/var/spool/rsyslog": f"{HERE}/rsyslog/{name}", 'Interval="5"': 'Interval="1"'}.items():
+            for old, new in {**changes, 'Interval="5"': 'Interval="1"'}.items():
                 self.assertIn(old, text)
                 text = text.replace(old, new)
             write(f"rsyslog/{name}.conf", text)
@@ -376,11 +377,12 @@ class Units(unittest.TestCase):
     def test_the_units_are_understood_and_guarded(self):
         """In what they may do: of 10 the spool's has no more than 2."""
         os.mkdir("units")
-        for path in (*glob.glob(f"{SOURCE}/packaging/systemd/*spool.service"), *glob.glob(f"{SOURCE}/packaging/journald/*.[sp][ea]*")):
+        for path in (*glob.glob(f"{SOURCE}/packaging/systemd/*spool.service"), *glob.glob(f"{SOURCE}/packaging/journald/*.[sp][ea]*"),
+                     f"{SOURCE}/packaging/rsyslog/qdul-edge.service"):
             text = re.sub(r"/usr/(?:bin|lib)/(?:qdul/)?(?=qdl?u?l)", "/bin/true ", read(path))
             write(f"units/{os.path.basename(path)}", text)
         units = sorted(os.listdir("units"))
-        self.assertEqual(units, ["qdlogview-spool.service", "qdul-journal.path", "qdul-journal.service"])
+        self.assertEqual(units, ["qdlogview-spool.service", "qdul-edge.service", "qdul-journal.path", "qdul-journal.service"])
         done = subprocess.run(["systemd-analyze", "verify", "--man=no", *(f"{HERE}/units/{unit}" for unit in units)], capture_output=True, text=True, env=ENVIRONMENT)
         self.assertEqual([line for line in done.stderr.splitlines() if "qdul" in line or "qdlog" in line], [])
         report = run("systemd-analyze", "security", "--offline=true", f"{HERE}/units/qdlogview-spool.service").decode()
