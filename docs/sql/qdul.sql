@@ -141,6 +141,93 @@ END $$;
 
 CREATE TRIGGER qdul_take_line INSTEAD OF INSERT ON qdul_line FOR EACH ROW EXECUTE FUNCTION qdul_take_line();
 
+-- Takes lines of log files as they are: JSON with host, file, offset (places of lines) and line,
+-- one by one, as rsyslog sends them without a spool. A line that is no record is a text.
+CREATE VIEW qdul_raw AS SELECT line FROM qdul_lines;
+
+-- The string of a record ("5:hello,") at a place, which moves behind it; null when there is none.
+CREATE FUNCTION qdul_string(bytes bytea, INOUT at integer, OUT value text) LANGUAGE plpgsql IMMUTABLE AS $$
+DECLARE
+    colon  integer := position('\x3a'::bytea IN substring(bytes FROM at FOR 11));
+    length integer;
+BEGIN
+    length := convert_from(substring(bytes FROM at FOR colon - 1), 'UTF8');
+    value := convert_from(substring(bytes FROM at + colon FOR length), 'UTF8');
+    at := at + colon + length;
+    IF octet_length(bytes) >= at AND get_byte(bytes, at - 1) <> 44 THEN
+        RAISE data_exception;
+    END IF;
+    at := at + 1;
+END $$;
+
+CREATE FUNCTION qdul_parse_raw(host text, file text, "offset" numeric, line text) RETURNS qdul_records LANGUAGE plpgsql IMMUTABLE AS $$
+DECLARE
+    r       qdul_records;
+    name    text := regexp_replace(file, '^.*/', '');
+    heads   text[] := regexp_match(line, '^(?:([0-4]),(\d+),(\d+),(\d+),(\d+),(-?\d+),(\d+),(\d+)|([0-4]),(\d+),(\d+),(-?\d+),(\d+),(\d+)),\d+:');
+    bytes   bytea := convert_to(line, 'UTF8');
+    at      integer;
+    rest    text;
+    number  integer;
+BEGIN
+    r.host := host; r.file := file; r."offset" := "offset"; r.kind := 'unknown';
+    r.text := translate(line, E'\r', E'\n');
+    IF heads IS NULL THEN
+        RETURN r;
+    END IF;
+    IF heads[1] IS NOT NULL THEN
+        r.type := heads[1]; r.product := heads[2]; r.originator := heads[3]; r.file_originator := heads[4];
+        r.msgid := heads[5]; r.ts := heads[6]; r.pid := heads[7]; r.tid := heads[8];
+    ELSE
+        r.type := heads[9]; r.originator := heads[10]; r.msgid := heads[11]; r.ts := heads[12]; r.pid := heads[13]; r.tid := heads[14];
+        r.product := substring(name FROM '^(\d+)-');
+        r.logset := substring(name FROM '^\d+-(.*)-\d{12}\.log$');
+    END IF;
+    r.time := to_timestamp(r.ts::numeric / 1000);
+    r.kind := (ARRAY['debug', 'diagnostic', 'application', 'context', 'audit'])[r.type + 1];
+    at := octet_length(substring(line FROM '^(?:-?\d+,)+')) + 1;
+    SELECT s.at, nullif(s.value, '') INTO at, r.context FROM qdul_string(bytes, at) AS s;
+    SELECT s.at, translate(s.value, E'\r', E'\n') INTO at, r.text FROM qdul_string(bytes, at) AS s;
+    SELECT s.at, s.value INTO at, rest FROM qdul_string(bytes, at) AS s;
+    rest := nullif(rest, '');
+    r.who := CASE WHEN r.type <= 2 THEN rest END;
+    r.title := CASE WHEN r.type = 3 THEN rest END;
+    r.subject := CASE WHEN r.type = 4 THEN rest END;
+    rest := convert_from(substring(bytes FROM at), 'UTF8');
+    number := CASE WHEN r.type <> 3 THEN substring(rest FROM '^-?\d+')::integer END;
+    r.level := CASE WHEN r.type <= 1 THEN number END;
+    r.outcome := CASE WHEN r.type = 4 THEN number END;
+    r.block := nullif(substring(rest FROM '\(.*\)$'), '(0|)');
+    r.severity := CASE r.type WHEN 0 THEN 10 WHEN 1 THEN 20 WHEN 3 THEN 30 WHEN 4 THEN 40 ELSE (ARRAY[30, 50, 60, 70, 80])[number + 1] END;
+    r.severity_text := CASE r.type WHEN 2 THEN (ARRAY['info', 'warning', 'error', 'critical', 'emergency'])[number + 1] ELSE r.kind END;
+    RETURN r;
+EXCEPTION WHEN data_exception OR numeric_value_out_of_range OR invalid_text_representation THEN
+    r.kind := 'unknown';
+    r.text := translate(line, E'\r', E'\n');
+    RETURN r;
+END $$;
+
+CREATE FUNCTION qdul_take_raw() RETURNS trigger LANGUAGE plpgsql AS $$
+DECLARE
+    -- A zero byte becomes another one byte for the time being, so that lengths hold.
+    line   text := CASE WHEN strpos(NEW.line, '\u0000') = 0 THEN NEW.line
+                        ELSE regexp_replace(NEW.line, '(?<!\\)((?:\\\\)*)\\u0000', '\1\\u0001', 'g') END;
+    record jsonb := line;
+    r      qdul_records;
+BEGIN
+    r := qdul_parse_raw(record ->> 'host', record ->> 'file', (record ->> 'offset')::numeric, record ->> 'line');
+    IF line <> NEW.line THEN
+        r.text := translate(r.text, E'\u0001', E'\ufffd');
+    END IF;
+    IF r.time IS NOT NULL THEN
+        PERFORM qdul_make_day('qdul_records', (r.time AT TIME ZONE 'UTC')::date);
+    END IF;
+    INSERT INTO qdul_records SELECT r.* ON CONFLICT DO NOTHING;
+    RETURN NEW;
+END $$;
+
+CREATE TRIGGER qdul_take_raw INSTEAD OF INSERT ON qdul_raw FOR EACH ROW EXECUTE FUNCTION qdul_take_raw();
+
 -- The files of spools that are loaded.
 CREATE TABLE qdul_loaded (
     spool   text   NOT NULL, -- host and directory

@@ -81,6 +81,10 @@ def find_server():
     return next((place for place in reversed(places) if os.access(f"{place}/initdb", os.X_OK) and os.access(f"{place}/psql", os.X_OK)), None)
 
 
+RSYSLOG = unittest.skipUnless(shutil.which("rsyslogd") and glob.glob("/usr/lib/*/rsyslog/ompgsql.so") and glob.glob("/usr/lib/*/rsyslog/omrelp.so"),
+                              "rsyslog, rsyslog-pgsql or rsyslog-relp is not installed")
+
+
 @unittest.skipUnless(find_server(), "PostgreSQL is not installed (Debian: postgresql)")
 class Postgres(unittest.TestCase):
     maxDiff = None
@@ -207,18 +211,18 @@ class Postgres(unittest.TestCase):
             self.assertEqual((int(total), int(distinct)), (len(self.told), len(self.told)))
             self.assertEqual(int(self.psql("-c", "SELECT sum(records) FROM qdul_loaded")), len(self.told))
 
-    @unittest.skipUnless(shutil.which("rsyslogd") and glob.glob("/usr/lib/*/rsyslog/ompgsql.so") and glob.glob("/usr/lib/*/rsyslog/omrelp.so"),
-                         "rsyslog, rsyslog-pgsql or rsyslog-relp is not installed")
-    def test_rsyslog_brings_a_spool_into_the_tables_over_a_stop_of_the_central_one(self):
+    def daemons(self, edge):
+        """Configures a central rsyslog and one that sends to it what it takes from rsyslog/spool."""
         shutil.rmtree("rsyslog", ignore_errors=True)
         os.makedirs("rsyslog/spool")
         with socket.socket() as free:
             free.bind(("127.0.0.1", 0))
             port = str(free.getsockname()[1])
-        for name, changes in {"edge": {"CENTRAL": "127.0.0.1", "10514": port, "/var/lib/qdul-spool/files": f"{HERE}/rsyslog/spool",
-                                       "/var/lib/qdul-edge": f"{HERE}/rsyslog/edge"},
-                              "central": {"10514": port, "/var/spool/rsyslog": f"{HERE}/rsyslog/central", "USER@127.0.0.1:5432/DATABASE": f"bench@127.0.0.1:{self.environment['PGPORT']}/postgres"}}.items():
-            text = read(f"{SOURCE}/packaging/rsyslog/qdul-{name}.conf")
+        directory = "/var/lib/qdul-spool/files" if edge == "qdul-edge" else "/var/log/qdul"
+        for name, source, changes in (("edge", edge, {"CENTRAL": "127.0.0.1", "10514": port, directory: f"{HERE}/rsyslog/spool", "/var/lib/qdul-edge": f"{HERE}/rsyslog/edge"}),
+                                      ("central", "qdul-central", {"10514": port, "/var/spool/rsyslog": f"{HERE}/rsyslog/central",
+                                                                   "USER@127.0.0.1:5432/DATABASE": f"bench@127.0.0.1:{self.environment['PGPORT']}/postgres"})):
+            text = read(f"{SOURCE}/packaging/rsyslog/{source}.conf")
             os.mkdir(f"rsyslog/{name}")
             for old, new in {**changes, 'Interval="5"': 'Interval="1"'}.items():
                 self.assertIn(old, text)
@@ -226,38 +230,40 @@ class Postgres(unittest.TestCase):
             write(f"rsyslog/{name}.conf", text)
             run("rsyslogd", "-N1", "-f", f"{HERE}/rsyslog/{name}.conf")
 
-        def start(name):
-            return subprocess.Popen(["rsyslogd", "-n", "-f", f"{HERE}/rsyslog/{name}.conf", "-i", f"{HERE}/rsyslog/{name}.pid"],
-                                    env=ENVIRONMENT, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    @staticmethod
+    def start(name):
+        return subprocess.Popen(["rsyslogd", "-n", "-f", f"{HERE}/rsyslog/{name}.conf", "-i", f"{HERE}/rsyslog/{name}.pid"],
+                                env=ENVIRONMENT, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
 
-        def stop(process, how=signal.SIGTERM):
-            process.send_signal(how)
-            process.wait(60)
+    @staticmethod
+    def stop(process, how=signal.SIGTERM):
+        process.send_signal(how)
+        process.wait(60)
 
-        def there():
-            return int(self.psql("-c", "SELECT count(*) FROM qdul_json"))
+    def wait_for(self, table, count, most=240):
+        stop = time.monotonic() + most
+        while (there := int(self.psql("-c", f"SELECT count(*) FROM {table}"))) < count and time.monotonic() < stop:
+            time.sleep(0.2)
+        return there
 
-        def wait_for(count, most=240):
-            end = time.monotonic() + most
-            while there() < count and time.monotonic() < end:
-                time.sleep(0.2)
-            return there()
-
+    @RSYSLOG
+    def test_rsyslog_brings_a_spool_into_the_tables_over_a_stop_of_the_central_one(self):
+        self.daemons("qdul-edge")
         ship = [program("qdlogview"), "--spool=rsyslog/spool", "--cursor-file=rsyslog/place", "-o", "json", "--spool-size=256K", "logs"]
         started = time.monotonic()
-        central, edge = start("central"), start("edge")
+        central, edge = self.start("central"), self.start("edge")
         try:
             run(*ship, f"-m{len(self.told) // 4}")
-            wait_for(1)
-            stop(central)
+            self.wait_for("qdul_json", 1)
+            self.stop(central)
             run(*ship, f"-m{len(self.told) // 4}")
             time.sleep(1)
-            central = start("central")
+            central = self.start("central")
             run(*ship)
-            found = wait_for(len(self.told))
+            found = self.wait_for("qdul_json", len(self.told))
         finally:
-            stop(edge)
-            stop(central)
+            self.stop(edge)
+            self.stop(central)
         self.assertEqual(found, len(self.told))
         texts = {(row["host"], row["product"], row["ts"], row["id"]): row["text"] for row in self.rows(
             "SELECT record ->> 'host' AS host, (record ->> 'product')::int AS product, (record ->> 'ts')::bigint AS ts,"
@@ -265,6 +271,65 @@ class Postgres(unittest.TestCase):
         self.assertEqual(texts, {(each["host"], each["product"], each["ts"], each["id"]): each["text"].decode(errors="replace").replace("\0", "\ufffd")
                                  for each in self.told})
         print(f"rsyslog: {found} records through two daemons into PostgreSQL in {time.monotonic() - started:.0f} s", file=sys.stderr)
+
+    @RSYSLOG
+    def test_rsyslog_brings_log_files_into_the_tables_over_stops_and_a_kill(self):
+        """As -o postgres does, but for the host's name, and for bytes that are not UTF-8."""
+        self.daemons("qdul-edge-raw")
+        sources = sorted(glob.glob("logs/*.log"))
+        with open("rsyslog/set", "wb") as file:
+            file.write(b"$Header 65544,0,hostA\n2,7,1,%d,42,43,0:,11:of, a set,x,5:a,b,c,3,(0|)\n1,7,2,%d,42,43,0:,4:diag,3:net,4,(0|)\n"
+                       b"3,7,3,%d,42,43,0:,5:begin,6:job-77,(42|i64:7|)\n2,7,4,%d,42,43,0:,99:wrong length,3:mgr,3,(0|)\nno record at all\n"
+                       % (T0, T0 + 1, T0 + 2, T0 + 3))
+        count = len(self.told) + 5
+        started = time.monotonic()
+        central, edge = self.start("central"), self.start("edge")
+        try:
+            for number, source in enumerate(sources):  # each in two parts, the second as what is appended
+                with open(source, "rb") as file:
+                    content = file.read()
+                cut = content.index(b"\n", len(content) // 2) + 1
+                target = f"rsyslog/spool/{os.path.basename(source)}"
+                with open(target, "wb") as file:
+                    file.write(content[:cut])
+                if number == len(sources) // 3:
+                    self.wait_for("qdul_records", 1)
+                    self.stop(central)
+                if number == len(sources) // 2:
+                    self.stop(edge, signal.SIGKILL)
+                    for path in glob.glob("rsyslog/edge/imfile-state*"):
+                        os.remove(path)
+                    central, edge = self.start("central"), self.start("edge")
+                time.sleep(0.1)
+                with open(target, "ab") as file:
+                    file.write(content[cut:])
+            os.rename("rsyslog/set", "rsyslog/spool/5-nightly-240301120000.log")
+            found = self.wait_for("qdul_records", count)
+        finally:
+            self.stop(edge)
+            self.stop(central)
+        self.assertEqual(found, count)
+        took = time.monotonic() - started
+        columns = ', '.join(f'r."{name}"' for name in self.psql("-c", "SELECT column_name FROM information_schema.columns WHERE table_name = 'qdul_records'"
+                                                               " AND column_name NOT IN ('host', 'product_name', 'originator_name') ORDER BY ordinal_position").split())
+        query = f'SELECT {columns} FROM qdul_records AS r ORDER BY file, "offset"'
+        rows = self.rows(query)
+        self.psql("-c", "TRUNCATE qdul_records")
+        export = subprocess.run([program("qdlogview"), "-o", "postgres", f"{HERE}/rsyslog/spool"], capture_output=True, env=ENVIRONMENT).stdout
+        self.psql("-c", "COPY qdul_rows FROM STDIN", input=export)
+        expected = self.rows(query)
+        odd = [row for row in rows if row["kind"] == "unknown"]
+        self.assertEqual([row["text"].split(",")[-1] if "," in row["text"] else row["text"] for row in odd], ["(0|)", "no record at all"])
+        self.assertIn("99:wrong length", odd[0]["text"])
+        rows = [row for row in rows if row["kind"] != "unknown"]
+        broken = [row for row in rows if row["text"] == "bad ??( utf-8"]
+        self.assertEqual(len(broken), 6, [row["text"] for row in rows if "bad" in row["text"]])
+        for row in broken:
+            row["text"] = HOSTILE[3].decode(errors="replace")
+        self.assertEqual(len(rows), len(expected))
+        for row, other in zip(rows, expected):
+            self.assertEqual(row, other)
+        print(f"rsyslog: {found} lines of log files through two daemons into PostgreSQL in {took:.0f} s", file=sys.stderr)
 
 
 # ---- the journal -----------------------------------------------------------------------
