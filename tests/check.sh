@@ -48,7 +48,7 @@
 #           every system call and SPOOL_KILLS (300) at random; each part skipped where its program
 #           is not installed; ROTATE_TIMES (4) rotations under live writers; two machines and a
 #           central one in network namespaces, with SITES_RECORDS (10000) records each and kills of
-#           everything, as root
+#           everything, as root; what operators ask of STORES_RECORDS (100000) in PostgreSQL and DuckDB
 # package   the Debian packages built, tried, upgraded and purged in clean roots, of PACKAGE_SUITES
 #           ("bookworm trixie"); it, arm64 and s390x need root
 # reproducible  libraries, tools and packages are the same bytes from any directory
@@ -346,7 +346,7 @@ step_ship() {
     local script ended status=0
     build release || return 1
     export QDUL_BUILD=$PWD/build/release QDUL_SOURCE=$PWD PYTHONDONTWRITEBYTECODE=1
-    for script in qdlogview_spool rotate ship sites report; do
+    for script in qdlogview_spool rotate ship sites stores report; do
         ended=0
         echo "-- $script"
         SPOOL_KILLS=$((${SPOOL_KILLS:-300} * factor)) SPOOL_POINTS=1 \

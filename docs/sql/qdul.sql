@@ -124,14 +124,28 @@ END $$;
 CREATE TRIGGER qdul_take_lines AFTER INSERT ON qdul_lines
     REFERENCING NEW TABLE AS added FOR EACH STATEMENT EXECUTE FUNCTION qdul_take_lines();
 
--- Takes lines that come one by one, as rsyslog sends them.
+-- What came alone and could not be read, such as a line that somebody cut.
+CREATE TABLE qdul_refused (
+    arrived timestamptz NOT NULL DEFAULT now(),
+    line    text NOT NULL
+);
+
+-- Takes lines that come one by one, as rsyslog sends them; it refuses none, since who sends them
+-- would send that one for ever.
 CREATE VIEW qdul_line AS SELECT line FROM qdul_lines;
 
 CREATE FUNCTION qdul_take_line() RETURNS trigger LANGUAGE plpgsql AS $$
 DECLARE
-    record jsonb := qdul_parse(NEW.line);
-    moment timestamptz := qdul_time(record);
+    record jsonb;
+    moment timestamptz;
 BEGIN
+    BEGIN
+        record := qdul_parse(NEW.line);
+        moment := qdul_time(record);
+    EXCEPTION WHEN data_exception THEN
+        INSERT INTO qdul_refused VALUES (DEFAULT, NEW.line);
+        RETURN NEW;
+    END;
     IF moment IS NOT NULL THEN
         PERFORM qdul_make_day('qdul_json', (moment AT TIME ZONE 'UTC')::date);
     END IF;
@@ -212,9 +226,18 @@ DECLARE
     -- A zero byte becomes another one byte for the time being, so that lengths hold.
     line   text := CASE WHEN strpos(NEW.line, '\u0000') = 0 THEN NEW.line
                         ELSE regexp_replace(NEW.line, '(?<!\\)((?:\\\\)*)\\u0000', '\1\\u0001', 'g') END;
-    record jsonb := line;
+    record jsonb;
     r      qdul_records;
 BEGIN
+    BEGIN
+        record := line;
+        IF record -> 'line' IS NULL OR record -> 'file' IS NULL OR (record ->> 'offset')::numeric IS NULL THEN
+            RAISE data_exception;
+        END IF;
+    EXCEPTION WHEN data_exception THEN
+        INSERT INTO qdul_refused VALUES (DEFAULT, NEW.line);
+        RETURN NEW;
+    END;
     r := qdul_parse_raw(record ->> 'host', record ->> 'file', (record ->> 'offset')::numeric, record ->> 'line');
     IF line <> NEW.line THEN
         r.text := translate(r.text, E'\u0001', E'\ufffd');

@@ -90,7 +90,7 @@ class Postgres(unittest.TestCase):
     maxDiff = None
 
     @classmethod
-    def setUpClass(cls):
+    def start_server(cls, **more):
         cls.bin = find_server()
         os.chmod(HERE, 0o711)
         os.mkdir("pg")
@@ -104,7 +104,7 @@ class Postgres(unittest.TestCase):
         cls.environment = {**ENVIRONMENT, "PGHOST": "127.0.0.1", "PGPORT": port, "PGUSER": "bench", "PGDATABASE": "postgres"}
         cls.environment["PATH"] = f"{BUILD}/bin:{cls.bin}:" + cls.environment["PATH"]
         run(*cls.as_user, f"{cls.bin}/initdb", "-D", f"{HERE}/pg/data", "-A", "trust", "-U", "bench", "--no-sync", "--locale=C.UTF-8", cwd=f"{HERE}/pg")
-        settings = {"listen_addresses": "127.0.0.1", "unix_socket_directories": "", "port": port, "fsync": "off", "timezone": "UTC"}
+        settings = {"listen_addresses": "127.0.0.1", "unix_socket_directories": "", "port": port, "fsync": "off", "timezone": "UTC", **more}
         words = [word for name, value in settings.items() for word in ("-c", f"{name}={value}")]
         with open("server.out", "wb") as out:
             cls.server = subprocess.Popen(cls.as_user + [f"{cls.bin}/postgres", "-D", f"{HERE}/pg/data"] + words, env=ENVIRONMENT, cwd=f"{HERE}/pg",
@@ -113,12 +113,16 @@ class Postgres(unittest.TestCase):
             if cls.server.poll() is not None or subprocess.run(["psql", "-Xqc", "SELECT 1"], env=cls.environment, capture_output=True).returncode == 0:
                 break
             time.sleep(0.1)
+
+    @classmethod
+    def setUpClass(cls):
+        cls.start_server()
         cls.told = make_logs("logs", RECORDS)
 
     @classmethod
     def tearDownClass(cls):
         cls.server.send_signal(signal.SIGINT)
-        cls.server.wait(60)
+        cls.server.wait(300)
 
     def psql(self, *words, input=None):
         return run("psql", "-XqAt", "-v", "ON_ERROR_STOP=1", *words, env=self.environment, input=input).decode()
@@ -259,12 +263,18 @@ class Postgres(unittest.TestCase):
             run(*ship, f"-m{len(self.told) // 4}")
             time.sleep(1)
             central = self.start("central")
+            write("rsyslog/long", '{"ts":1,"text":"' + "x" * 1500000 + '"}\nno JSON\n')
+            os.rename("rsyslog/long", "rsyslog/spool/qdul-000000999999-2.json")
             run(*ship)
             found = self.wait_for("qdul_json", len(self.told))
+            self.wait_for("qdul_refused", 2)
         finally:
             self.stop(edge)
             self.stop(central)
         self.assertEqual(found, len(self.told))
+        refused = self.psql("-c", "SELECT substr(line, 1, 10) FROM qdul_refused").split()
+        self.assertIn("JSON", refused)  # the long line is there in parts
+        self.assertGreater(len(refused), 2)
         texts = {(row["host"], row["product"], row["ts"], row["id"]): row["text"] for row in self.rows(
             "SELECT record ->> 'host' AS host, (record ->> 'product')::int AS product, (record ->> 'ts')::bigint AS ts,"
             " (record ->> 'msgid')::int AS id, record ->> 'text' AS text FROM qdul_json")}
