@@ -75,7 +75,7 @@ inline bool convertsAsciiToItself() {
     if (mbstowcs(wide, text, BYTES + 1) != BYTES)
         return false;
     for (int at = 0; at < BYTES; ++at)
-        if (wide[at] != at + 1)
+        if (static_cast<int>(wide[at]) != at + 1)
             return false;
     return true;
 }
