@@ -1,6 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Reads our public C headers: what is made from them (manual pages, declarations for Python) cannot
-differ from them. It knows the form that they are written in, not C; what it does not know is an error.
+"""Reads our public headers: what is made from them (manual pages, declarations for Python) cannot differ
+from them. It knows the form that they are written in, not C or C++; what it does not know is an error.
 
 A header is a list of sections, each a list of groups: a comment and the declarations that follow it
 without another comment between. A section begins with a comment "---- title ----".
@@ -160,3 +160,124 @@ def table_rows(text):
 
 def is_function(declaration):
     return re.match(r"(?:typedef|enum|extern)\b|struct \w+\s*\{|#", declaration.text) is None
+
+
+# ---- C++ ---------------------------------------------------------------------------------------------
+
+CPP_SECTION = re.compile(r"(?m)^// -{4,} (.*?) -{4,}$")
+CPP_TYPE = re.compile(r"(?:template ?<.*?> ?)?(?:(enum)(?: class)?|class|struct|union) ([\w:]+(?:<[\w:]+>)?)")
+
+
+class Member(NamedTuple):
+    """A declaration of a C++ header without its body, a comment, or a type with its public members."""
+    text: str  # of one line, but for comments and enumerations; a type's up to its brace
+    name: str  # of a type
+    members: list  # of a type, else None
+
+
+def skipped(text, at):
+    """Behind the comment, the text in quotes or the character at a place; or the place itself."""
+    found = re.compile(r'/\*.*?\*/|//[^\n]*|"(?:\\.|[^"\\])*"|\'(?:\\.|[^\'\\])*\'', re.S).match(text, at)
+    return found.end() if found else at
+
+
+def closing(text, at):
+    """Behind the brace that closes the one at a place."""
+    depth = 0
+    while at < len(text):
+        behind = skipped(text, at)
+        if behind > at:
+            at = behind
+            continue
+        depth += {"{": 1, "}": -1}.get(text[at], 0)
+        at += 1
+        if depth == 0:
+            return at
+    raise ValueError("a block does not end")
+
+
+def head_end(text, at):
+    """The ';' that ends a declaration, or the '{' of its body."""
+    depth = 0
+    while at < len(text):
+        behind = skipped(text, at)
+        if behind > at:
+            at = behind
+            continue
+        if text[at] == "{" and (depth > 0 or re.search(r"= *$", text[:at])):  # an initial value
+            at = closing(text, at)
+            continue
+        if text[at] in ";{" and depth == 0:
+            return at
+        depth += {"(": 1, ")": -1}.get(text[at], 0)
+        at += 1
+    raise ValueError("a declaration does not end")
+
+
+def signature(head):
+    """A function's declaration of what stands before its body: without what initializes members."""
+    depth = 0
+    for at, sign in enumerate(head):
+        depth += {"(": 1, ")": -1}.get(sign, 0)
+        if depth == 0 and head[at - 1 : at + 2] == " : ":
+            return head[: at - 1] + ";"
+    return head + ";"
+
+
+def cpp_members(text, at, public):
+    """(members, place behind them) up to the closing brace or the end. Namespaces are looked through."""
+    members = []
+    while True:
+        at = re.compile(r"\s*").match(text, at).end()
+        if at == len(text) or text[at] == "}":
+            return members, at
+        access = re.compile(r"(public|protected|private):").match(text, at)
+        if access:
+            public = access.group(1) == "public"
+            at = access.end()
+            continue
+        if text.startswith(("/*", "//"), at):
+            end = skipped(text, at)
+            found = [Member(text[at:end], "", None)]
+        elif text[at] == "#":
+            end = re.compile(r"(?:[^\n\\]|\\[\s\S])*").match(text, at).end()
+            macro = re.match(r"#define (\w+(?:\([^)]*\))?) ", text[at:end])
+            found = [Member(macro.group(1), macro.group(1).split("(")[0], None)] if macro else []
+        else:
+            brace = head_end(text, at)
+            head = " ".join(text[at:brace].split())
+            kind = CPP_TYPE.match(head)
+            end = brace + 1
+            if text[brace] == ";":
+                found = [Member(head + ";", "", None)]
+            elif re.match(r"(?:inline )?namespace\b", head):
+                found, end = cpp_members(text, brace + 1, True)
+                end += 1
+            elif kind and kind.group(1):
+                end = closing(text, brace) + 1
+                found = [Member(" ".join(text[at:end].split()), kind.group(2), None)]
+            elif kind:
+                inside, end = cpp_members(text, brace + 1, not head.startswith("class"))
+                end = text.index(";", end) + 1
+                found = [Member(head, kind.group(2), inside)]
+            elif head.endswith((")", "const", "noexcept", "override")) or " : " in head:
+                end = closing(text, brace)
+                found = [Member(signature(head), "", None)]
+            else:  # a variable with its initial value
+                end = text.index(";", closing(text, brace)) + 1
+                found = [Member(" ".join(text[at:end].split()), "", None)]
+        if public:
+            members += found
+        at = end
+
+
+def read_interface(path):
+    """What a C++ header offers: the lines of its opening comment, and {title: members} of its sections."""
+    with open(path, encoding="utf-8") as file:
+        text = file.read().split("\n", 1)[1]
+    opening, rest = re.match(r"(/\*.*?\*/)(.*)", text, re.S).groups()
+    parts = CPP_SECTION.split(rest)
+    # Sections lie inside namespaces, which begin and end in any of them.
+    return comment_lines(opening), {title: cpp_members(re.sub(r"(?m)^(?:inline )?namespace [\w:]*\s*\{$|^\}.*// namespace.*$", "", part),
+                                                       0, True)[0]
+                                    for title, part in zip(parts[1::2], parts[2::2])}

@@ -3,7 +3,8 @@
  * qdul.hpp - libqdul for C++17, header only: nothing to link but libqdul.
  *
  *     qdul::Log log(5, 7); // product, originator
- *     log.app(qdul::Severity::warning, "disk is full", {{"path", "/var"}, {"percent", 93}});
+ *     log.app(qdul::Severity::warning, "disk is full",
+ *             {{"path", "/var"}, {"percent", 93}});
  *     log.appf(qdul::Severity::error, "%s: error %d", "mount", 5);
  *     QDUL_DEBUG(log, 3, "looked at " + name); // made only if it is written
  *     QDUL_EVERY(100) log.app(qdul::Severity::info, "a hundred more");
@@ -85,7 +86,7 @@
 
 namespace qdul {
 
-// ---- results ---------------------------------------------------------------------------
+// ---- results and severities ------------------------------------------------------------
 
 /* A result code of zoltlog.h (ZOLTLOG_OK, ZOLTLOG_DEVICE_FULL, ...). */
 enum class Result : uint32_t { ok = ZOLTLOG_OK };
@@ -190,21 +191,6 @@ inline namespace QDUL_VARIANT {
 
 // ---- texts -------------------------------------------------------------------------------
 
-/* Where a message comes from; file null: not told. */
-struct Where {
-    const char *file = nullptr;
-    int line = 0;
-};
-
-// Default arguments of each message: those of the place that calls
-#ifdef QDUL_SOURCE_LOCATION
-#define QDUL_FILE __builtin_FILE()
-#define QDUL_LINE __builtin_LINE()
-#else
-#define QDUL_FILE nullptr
-#define QDUL_LINE 0
-#endif
-
 /* A key with its value, both borrowed for the length of the call. */
 class Field {
   public:
@@ -234,7 +220,30 @@ class Field {
 };
 using Fields = std::initializer_list<Field>;
 
-/* The text of one message, as it grows. Most are short and need no memory. */
+// ---- inside ------------------------------------------------------------------------------
+
+// Before a statement of the macros below
+#define QDUL_IF_LEVEL(wanted, level)                                                                         \
+    if constexpr (static_cast<uint32_t>(level) > static_cast<uint32_t>(QDUL_LEVEL_FLOOR)) {                  \
+    } else if (!(wanted)) {                                                                                  \
+    } else
+
+// Where a message comes from; file null: not told.
+struct Where {
+    const char *file = nullptr;
+    int line = 0;
+};
+
+// Default arguments of each message: those of the place that calls
+#ifdef QDUL_SOURCE_LOCATION
+#define QDUL_FILE __builtin_FILE()
+#define QDUL_LINE __builtin_LINE()
+#else
+#define QDUL_FILE nullptr
+#define QDUL_LINE 0
+#endif
+
+// The text of one message, as it grows. Most are short and need no memory.
 class Line {
   public:
     Line() noexcept { room[0] = '\0'; }
@@ -614,10 +623,6 @@ class Context : public Logger {
 
 /* Debug and diagnostic messages whose arguments are not looked at unless they are written.
  * level is a constant; above QDUL_LEVEL_FLOOR nothing is left of the statement. */
-#define QDUL_IF_LEVEL(wanted, level)                                                                         \
-    if constexpr (static_cast<uint32_t>(level) > static_cast<uint32_t>(QDUL_LEVEL_FLOOR)) {                  \
-    } else if (!(wanted)) {                                                                                  \
-    } else
 #define QDUL_DEBUG(log, level, ...)                                                                          \
     QDUL_IF_LEVEL((log).wantsDebug(level), level)(void)(log).debug(level, __VA_ARGS__)
 #define QDUL_DIAG(log, level, ...)                                                                           \

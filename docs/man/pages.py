@@ -18,7 +18,7 @@ import textwrap
 from typing import NamedTuple
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
-from header import is_function, read_header, table_rows  # noqa: E402
+from header import comment_lines, is_function, read_header, read_interface, table_rows  # noqa: E402
 
 MOST_COLUMNS = 72  # of a line of code: it stands seven columns from the left
 
@@ -54,7 +54,9 @@ PAGES = {
     "zoltlog_results.h": {"": Page("qdulResultText", "names and texts of result codes")},
     "zoltlis.h": {"": Page("zoltLisVEx", "texts with their arguments, and how to walk them")},
     "qdlis.h": {"": Page("qdlisAddCatalog", "message catalogues, and texts built item by item")},
+    "qdul.hpp": {"": Page("qdul.hpp", "the logging library for C++17")},
 }
+INSIDE = "inside"  # the section of a C++ header that users do not need
 SEE = (("zoltlog", 7), ("zoltlog.conf", 5), ("qdul-log", 5), ("qdlogcfg", 1), ("qdlogview", 1))  # of a document
 LIBRARY = {"zoltlis.h": "qdlis", "qdlis.h": "qdlis"}
 
@@ -165,16 +167,18 @@ def prose(lines, names):
 
 # ---- declarations ----------------------------------------------------------------
 
-def wrapped(text):
-    """A function's declaration in lines that fit."""
+def wrapped(text, most=MOST_COLUMNS):
+    """A function's declaration in lines that fit; other lines as they are."""
+    if "(" not in text:
+        return [text]
     text = re.sub(r"\s*ZOLTLOG_PRINTF\(\d+, \d+\)", "", " ".join(text.split()))
-    if len(text) <= MOST_COLUMNS:
+    if len(text) <= most:
         return [text]
     lines = []
     head, rest = text.split("(", 1)
     line = head + "("
     for part in re.split(r"(?<=,) ", rest):
-        if len(line) + 1 + len(part) > MOST_COLUMNS and line.strip():
+        if len(line) + 1 + len(part) > most and line.strip():
             lines.append(line)
             line = "    " + part
         else:
@@ -230,7 +234,7 @@ def shown_names(section):
 # ---- pages of section 3 ------------------------------------------------------------
 
 def sections_of(path):
-    """{title: (section, page)} of a header."""
+    """{title: (section, page)} of a header in C."""
     header = os.path.basename(path)
     sections = {section.title: section for section in read_header(path)}
     if PAGES[header][""] is None:  # zoltlog(7) has the opening comment; what follows it are constants, too
@@ -270,11 +274,60 @@ def is_listed(section):
     return section.title != "constants"
 
 
+def cpp_comment(text, inset):
+    """A comment within code, in lines that fit."""
+    begin, end = ("//", "") if text.startswith("//") else ("/*", " */")
+    lines = [text[2:]] if end == "" else comment_lines(re.sub(r"\n +\*", "\n *", text))
+    return textwrap.wrap(f"{begin} {' '.join(' '.join(lines).split())}{end}", MOST_COLUMNS, initial_indent=inset,
+                         subsequent_indent=inset + "   ")
+
+
+def cpp_code(member, inset=""):
+    if member.text.startswith(("/*", "//")):
+        return cpp_comment(member.text, inset)
+    if member.members is not None:
+        inside = [line for inner in member.members for line in cpp_code(inner, inset + "    ")]
+        access = [inset + "  public:"] if member.text.startswith("class") else []
+        return [f"{inset}{member.text} {{", *access, *inside, inset + "};"] if inside else [f"{inset}{member.text} {{}};"]
+    text = re.sub(r"__attribute__\(\(.*?\)\) |, const char \*file = QDUL_FILE, int line = QDUL_LINE", "", member.text)
+    text = re.sub(r"^(template ?<.*?>) (?=\w)|\bQDUL_FORMATTER::", lambda found: found.group(1) + "\n" if found.group(1) else "", text)
+    if text.startswith("enum") and len(text) > MOST_COLUMNS:
+        text = re.sub(r"(?<=[{,]) ", "\n    ", text).replace(" };", "\n};")
+    return [inset + line for part in text.split("\n") for line in wrapped(part, MOST_COLUMNS - len(inset))]
+
+
+def cpp_names(members):
+    """What gets links: classes, as qdul::Log, and macros."""
+    return [f"qdul::{member.name}" if member.name[0].isupper() and not member.name.startswith("QDUL_") else member.name
+            for member in members if member.name and "::" not in member.name]
+
+
+def cpp_page(path, page, names):
+    opening, sections = read_interface(path)
+    sections.pop(INSIDE)
+    links = [name for members in sections.values() for name in cpp_names(members)]
+    made = f"{page.name}(3)\n\n# NAME\n\n{escaped(', '.join([page.name] + links))} - {escaped(page.what)}\n\n"
+    made += f"# SYNOPSIS\n\n*#include <{os.path.basename(path)}>*\n\nLink with $(*pkg-config --cflags --libs qdul*).\n\n"
+    made += "# DESCRIPTION\n\n" + prose(opening, names)
+    for title, members in sections.items():
+        made += f"# {escaped(title).upper()}\n\n"
+        for is_comment, alike in itertools.groupby(members, lambda member: member.text.startswith("/*")):
+            if is_comment:
+                made += "".join(prose(comment_lines(member.text), names) for member in alike)
+            else:
+                made += literal([line for member in alike for line in cpp_code(member)])
+    return made + "# SEE ALSO\n\n*zoltlog*(7), *zoltLogOpen*(3), *zoltLogAppMsg*(3), *qdulResultText*(3)\n", links
+
+
+def is_cpp(path):
+    return path.endswith(".hpp")
+
+
 def write_calls(headers, scdoc, out):
     os.makedirs(out, exist_ok=True)
     for old in os.listdir(out):
         os.remove(os.path.join(out, old))
-    everything = {path: sections_of(path) for path in headers}
+    everything = {path: sections_of(path) for path in headers if not is_cpp(path)}
     names = {name for sections in everything.values() for section, _ in sections.values() for name in shown_names(section)}
     results = "".join(table(declaration) for sections in everything.values() for section, _ in sections.values()
                       for declaration in section.declarations() if declaration.name == "ZOLTLOG_RESULTS")
@@ -287,6 +340,12 @@ def write_calls(headers, scdoc, out):
             for name in shown_names(section):
                 if name != page.name and is_listed(section):
                     write(os.path.join(out, name + ".3"), f".so man3/{page.name}.3\n")
+    for path in filter(is_cpp, headers):
+        page = PAGES[os.path.basename(path)][""]
+        source, links = cpp_page(path, page, names)
+        write_page(source, scdoc, os.path.join(out, page.name + ".3"))
+        for name in links:
+            write(os.path.join(out, name + ".3"), f".so man3/{page.name}.3\n")
 
 
 def write(path, text):
@@ -305,9 +364,10 @@ def write_page(source, scdoc, out):
 def list_calls(headers):
     made = ""
     for path in headers:
-        for _, page in sections_of(path).values():
+        pages = PAGES[os.path.basename(path)].values() if is_cpp(path) else [page for _, page in sections_of(path).values()]
+        for page in pages:
             if page is not None:
-                made += f"*{page.name}*(3)\n\t{page.what}\n\n"
+                made += f"*{page.name}*(3)\n\t{escaped(page.what)}\n\n"
     return made
 
 

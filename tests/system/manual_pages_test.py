@@ -140,6 +140,31 @@ class MadePages(unittest.TestCase):
                 missing = [word for word in words(re.sub(r"^/\*|\*/$|(?m:^ \*/?)", " ", comment)) if word not in everything]
                 self.assertEqual([word for word in missing if not re.fullmatch(r"\d\.", word)], [], comment[:60])
 
+    def test_the_page_of_the_cpp_header_has_what_it_offers_and_no_more(self):
+        text = read(f"{SOURCE}/include/qdul.hpp").split("\n", 1)[1]
+        page = shown(f"{BUILD}/docs/man/man3/qdul.hpp.3")
+        plain = " ".join(words(page))
+        for name in ("app", "diag", "debug", "appf", "diagf", "debugf", "audit", "appFormat", "diagFormat", "debugFormat", "open",
+                     "openLogSet"):
+            self.assertRegex(page, rf"(?m)^ +Result {name}\(", name)
+        for declaration in ("Log(uint64_t product, uint64_t originator) noexcept;", "class Log : public Logger {",
+                            "Context(Logger &parent, std::string_view token, std::string_view text = {}) noexcept;",
+                            "Field(std::string_view name, bool value) noexcept;", "LogHandle *native() noexcept;",
+                            "emergency = ZOLTLOG_SEVERITY_EMERGENCY", "Result openLogSet(uint64_t product, uint64_t originator, const char *name) noexcept;",
+                            "enum class Result : uint32_t { ok = ZOLTLOG_OK };", "QDUL_AT_MOST(number, seconds)", "#include <qdul.hpp>"):
+            self.assertIn(" ".join(words(declaration)), plain)
+        for inside in ("class Line", "QDUL_IF_LEVEL", "QDUL_FILE", "sendApp", "LogHandle handle", "__attribute__", "return", "private"):
+            self.assertNotIn(inside, page)
+        every = set(words(page))
+        sections = re.split(r"(?m)^// ---- (.*?) -+$", text)
+        self.assertIn("inside", sections[1::2])
+        for title, part in zip(["", *sections[1::2]], sections[::2]):
+            for comment in [] if title == "inside" else re.findall(r"/\*.*?\*/", part, flags=re.S):
+                missing = [word for word in words(re.sub(r"^/\*|\*/$|(?m:^ +\*/?)", " ", comment)) if word not in every]
+                self.assertEqual(missing, [], comment[:60])
+        for link in ("qdul::Log", "qdul::Context", "QDUL_ONCE"):
+            self.assertEqual(LINKS[f"{BUILD}/docs/man/man3/{link}.3"], "qdul.hpp.3")
+
 
 if __name__ == "__main__":
     unittest.main()
