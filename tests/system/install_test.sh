@@ -86,6 +86,19 @@ for program in in_c in_cpp by_cmake; do
 done
 [ "$(grep -c ':disk /var is 93% full,' log/*.log)" = 3 ] || fail "the messages are not in the log"
 
+# So do the examples, from where they are installed, with what a document links to among them.
+examples=prefix/share/doc/qdul/examples
+grep -q '](\.\./examples/installer\.c)' prefix/share/doc/qdul/docs/getting-started.md || fail "the documents name no example"
+[ -e "$examples/installer.c" ] && [ -e "$examples/catalogue/root.txt" ] || fail "the examples are not installed"
+for source in "$examples"/*.c "$examples"/*.cpp; do
+    case $source in
+        *.c) compiler="${CC:-cc} -std=gnu11" ;;
+        *) compiler="${CXX:-c++} -std=c++17 -pthread" ;;
+    esac
+    # shellcheck disable=SC2086
+    $compiler -fsyntax-only -Wall -Wextra -Werror "$source" ${flags%% -L*} || fail "$source does not compile"
+done
+
 # The tools run from where they were installed.
 for tool in prefix/bin/*; do
     "$tool" --version >/dev/null || fail "$tool does not run"
