@@ -23,7 +23,7 @@ new_root() {
     if [ ! -s "$packed" ]; then
         mirror=$(apt-get indextargets --format '$(REPO_URI)' 'Identifier: Packages' 'Origin: Debian' 'Label: Debian' | sort -u | head -1)
         apt-config dump Acquire >"$roots/apt.conf"
-        mmdebstrap --quiet --variant=minbase --architectures="$architectures" --aptopt="$roots/apt.conf" \
+        mmdebstrap --quiet --variant=minbase --dpkgopt=force-unsafe-io --architectures="$architectures" --aptopt="$roots/apt.conf" \
             --include="$(IFS=,; echo "$*")" "$suite" "$packed.new.tar" "$mirror" || return 1
         mv "$packed.new.tar" "$packed"
     fi
