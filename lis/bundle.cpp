@@ -137,6 +137,8 @@ LisResult readFile(const char *path, char **out, size_t *size) {
     return result;
 }
 
+const uint8_t IS_BIG_ENDIAN = __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? 1 : 0;
+
 // What follows the header of a file in the given format; false for anything else, also
 // for a header that is not of this machine's kind.
 bool skipHeader(Bytes *bytes, const char (&format)[5], uint8_t *version) {
@@ -144,9 +146,9 @@ bool skipHeader(Bytes *bytes, const char (&format)[5], uint8_t *version) {
     if (bytes->size < HEADER_LEAST || !numberAt(*bytes, 0, &size))
         return false;
     const auto byte = [bytes](size_t at) { return static_cast<uint8_t>(bytes->at[at]); };
-    if (byte(2) != 0xda || byte(3) != 0x27 || byte(8) != 0 || byte(9) != 0 || byte(10) != sizeof(UChar) ||
-        memcmp(bytes->at + 12, format, 4) != 0 || size < HEADER_LEAST || size > bytes->size ||
-        size % sizeof(uint32_t) != 0)
+    if (byte(2) != 0xda || byte(3) != 0x27 || byte(8) != IS_BIG_ENDIAN || byte(9) != 0 ||
+        byte(10) != sizeof(UChar) || memcmp(bytes->at + 12, format, 4) != 0 || size < HEADER_LEAST ||
+        size > bytes->size || size % sizeof(uint32_t) != 0)
         return false;
     *version = byte(16);
     *bytes = {bytes->at + size, bytes->size - size};

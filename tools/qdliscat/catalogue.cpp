@@ -77,8 +77,10 @@ std::string localeOf(const std::string &file) {
     return path.extension() == ".res" && stem != "res_index" ? stem : "";
 }
 
-uint32_t word(const std::string &bytes, size_t at) {
-    uint32_t value = 0;
+// A number in the byte order of the machine, which that of a bundle is; 0 beyond the end.
+template<typename Number>
+Number numberAt(const std::string &bytes, size_t at) {
+    Number value = 0;
     if (at <= bytes.size() && bytes.size() - at >= sizeof value)
         std::memcpy(&value, bytes.data() + at, sizeof value);
     return value;
@@ -91,10 +93,10 @@ std::vector<std::string> localesInFile(const std::string &path) {
     std::vector<std::string> locales;
     if (!tools::readWhole(path, LARGEST_BUNDLE, bytes))
         return locales;
-    const size_t start = word(bytes, 0) & 0xffff;
-    const uint32_t count = word(bytes, start);
+    const size_t start = numberAt<uint16_t>(bytes, 0);
+    const uint32_t count = numberAt<uint32_t>(bytes, start);
     for (uint32_t i = 0; i < count && start + 4 + size_t{i} * 8 < bytes.size(); ++i) {
-        const size_t name = start + word(bytes, start + 4 + size_t{i} * 8);
+        const size_t name = start + numberAt<uint32_t>(bytes, start + 4 + size_t{i} * 8);
         if (name >= bytes.size())
             continue;
         const size_t size = strnlen(bytes.data() + name, bytes.size() - name);
