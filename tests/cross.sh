@@ -19,11 +19,12 @@ root=$roots/$architecture
 suite=$(. /etc/os-release && echo "$VERSION_CODENAME")
 if [ ! -e "$root/etc/debian_version" ]; then
     of=()
-    for package in libicu-dev libgtest-dev libpcre2-dev zlib1g-dev libzstd-dev libarchive-dev libssl-dev libfmt-dev; do
+    # genrb makes catalogues in the byte order of the machine that it is for: qemu runs it, too.
+    for package in icu-devtools libicu-dev libgtest-dev libpcre2-dev zlib1g-dev libzstd-dev libarchive-dev libssl-dev libfmt-dev; do
         of+=("$package:$architecture")
     done
     new_root "$root" "$suite" "amd64,$architecture" "crossbuild-essential-$architecture" cmake ninja-build pkg-config python3 \
-        scdoc icu-devtools locales rapidjson-dev libcli11-dev qemu-user-static jq file "${of[@]}"
+        scdoc locales rapidjson-dev libcli11-dev qemu-user-static jq file "${of[@]}"
 fi
 mkdir -p "$root/qdul"
 tar -c --exclude=./build --exclude=./demo-out . | tar -x -C "$root/qdul"
@@ -40,14 +41,14 @@ cd /qdul
 register=/proc/sys/fs/binfmt_misc
 [ -e \$register/status ] || mount -t binfmt_misc binfmt_misc \$register
 if [ ! -e \$register/qdul-$processor ]; then
-    echo ':qdul-$processor:M::\x7fELF\x02$order\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00$type$machine:\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff$type_mask\xff\xff:/usr/bin/qemu-$processor-static:PF' >\$register/register
+    echo ':qdul-$processor:M::\x7fELF\x02$order\x01\x00\x00\x00\x00\x00\x00\x00\x00\x00$type$machine:\xff\xff\xff\xff\xff\xff\xff\x00\xff\xff\xff\xff\xff\xff\xff\xff$type_mask\xff\xff:/usr/bin/qemu-$processor-static:POCF' >\$register/register
     trap 'echo -1 >\$register/qdul-$processor' EXIT
 fi
 export PKG_CONFIG_LIBDIR=/usr/lib/$triplet/pkgconfig:/usr/share/pkgconfig
 cmake --preset release -B build/$architecture --log-level=NOTICE -DCMAKE_SYSTEM_NAME=Linux -DCMAKE_SYSTEM_PROCESSOR=$processor \
     -DCMAKE_C_COMPILER=$triplet-gcc -DCMAKE_CXX_COMPILER=$triplet-g++ >/dev/null
 cmake --build build/$architecture --parallel $(nproc) -- --quiet
-export PATH=/cross:\$PATH QDUL_TEST_EMULATED=$architecture
+export PATH=/cross:\$PATH
 ctest --test-dir build/$architecture --parallel $(nproc) --output-on-failure --no-tests=error "\$@"
 INSIDE
 [ $# != 0 ] || set -- -LE long

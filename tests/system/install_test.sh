@@ -105,8 +105,9 @@ for tool in prefix/bin/*; do
 done
 prefix/bin/qdlogger -P test --stdout hello | grep -q 'INFO: hello$' || fail "qdlogger does not find the plug-in"
 
-# Python finds the package below its prefix, and that the library.
-if [ -e "$QDUL_BUILD/python" ]; then
+# Python finds the package below its prefix, and that the library; not one for another processor.
+kind() { head -c 20 "$1" | tail -c 2 | od -An -tx1; }
+if [ -e "$QDUL_BUILD/python" ] && [ "$(kind "$(python3 -c 'import sys; print(sys.executable)')")" = "$(kind "$libdir/libqdul.so.3")" ]; then
     PYTHONDONTWRITEBYTECODE=1 PYTHONPATH=$PWD/prefix/lib/python3/dist-packages LD_LIBRARY_PATH=$libdir python3 -c '
 import qdul
 with qdul.Log("test", 7) as log:

@@ -12,12 +12,15 @@ import sys
 import textwrap
 import unittest
 
-from qdul_testing import BUILD, HERE, SOURCE, append, plain_environment, program, read, string, write
+from qdul_testing import BUILD, HERE, SOURCE, append, is_foreign, plain_environment, program, read, string, write
 
 PACKAGE = f"{BUILD}/python"
 SANITIZED = re.search(r"(?m)^QDUL_SANITIZE:STRING=.", read(f"{BUILD}/CMakeCache.txt")) is not None
 if SANITIZED or not os.path.exists(PACKAGE):
     sys.exit(77)  # no Python is made for a library that needs a sanitizer's runtime
+if is_foreign():
+    print("skipped: this Python cannot load a library for another processor")
+    sys.exit(77)
 
 VERSIONS = [name for name in (f"python3.{minor}" for minor in range(9, 14))
             if shutil.which(name) and subprocess.run([name, "-c", ""], capture_output=True).returncode == 0]

@@ -3,6 +3,7 @@
 import os
 import re
 import subprocess
+import sys
 
 BUILD = os.environ["QDUL_BUILD"]
 SOURCE = os.environ["QDUL_SOURCE"]
@@ -12,6 +13,18 @@ HERE = os.getcwd()
 def program(name):
     """The path of a built tool."""
     return f"{BUILD}/bin/{name}"
+
+
+def processor(path):
+    """What an ELF file is for: word size, byte order, machine."""
+    with open(path, "rb") as file:
+        head = file.read(20)
+    return head[4:6] + head[18:20]
+
+
+def is_foreign():
+    """Whether what was built is for another processor than this Python, which then cannot load it."""
+    return processor(sys.executable) != processor(f"{BUILD}/lib/libqdul.so.3")
 
 
 def plain_environment(**variables):

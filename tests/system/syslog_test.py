@@ -11,7 +11,7 @@ import subprocess
 import sys
 import unittest
 
-from qdul_testing import BUILD, HERE, SOURCE, plain_environment, program, read, write
+from qdul_testing import BUILD, HERE, SOURCE, is_foreign, plain_environment, program, read, write
 
 OBJECT = f"{BUILD}/lib/libqdul-syslog.so"
 CALLS = {"openlog", "syslog", "vsyslog", "closelog", "setlogmask", "__syslog_chk", "__vsyslog_chk"}
@@ -22,6 +22,7 @@ PRIORITIES = ["LOG_EMERG", "LOG_ALERT", "LOG_CRIT", "LOG_ERR", "LOG_WARNING", "L
 
 if re.search(r"(?m)^QDUL_SANITIZE:STRING=.", read(f"{BUILD}/CMakeCache.txt")) or not os.path.exists(OBJECT):
     sys.exit(77)  # a sanitizer's runtime would have to be preloaded too
+HOSTS_PROGRAM = unittest.skipIf(is_foreign(), "this machine's programs cannot load an object for another processor")
 
 
 def run(*command, environment=None):
@@ -197,6 +198,7 @@ class Programs(Preloaded):
         self.succeed(path)
         self.assertEqual(self.tell("text"), [("library",), ("program",), ("main",), ("destructor",)])
 
+    @HOSTS_PROGRAM
     def test_a_module_of_python_is_a_client(self):
         self.succeed(sys.executable, "-c", "import syslog, os\n"
                      "syslog.openlog('web', syslog.LOG_PID, syslog.LOG_DAEMON)\n"
@@ -210,15 +212,18 @@ class Programs(Preloaded):
         self.assertEqual(sorted(row for row in told if not row[3].endswith("Grüße")),
                          [("112", "other", "info", "last"), ("7", "web", "info", "child")])
 
+    @HOSTS_PROGRAM
     def test_without_a_product_nothing_is_loaded(self):
         del self.variables["QDUL_SYSLOG_PRODUCT"]
         told = self.succeed(sys.executable, "-c", "import syslog; syslog.syslog('words'); print(open('/proc/self/maps').read())")
         self.assertIn("libqdul-syslog.so", told)
         self.assertNotIn("libqdul.so", told)
 
+    @HOSTS_PROGRAM
     def test_a_program_that_does_not_log_does_not_load_the_library(self):
         self.assertNotIn("libqdul.so", self.succeed("cat", "/proc/self/maps"))
 
+    @HOSTS_PROGRAM
     def test_a_missing_library_leaves_the_program_its_system_log(self):
         subprocess.run(["cp", OBJECT, "alone.so"], check=True)
         self.succeed(sys.executable, "-c", "import syslog; syslog.syslog('words')", LD_PRELOAD=f"{HERE}/alone.so",
