@@ -326,8 +326,17 @@ class Qdlogcfg(unittest.TestCase):
                 status, out, err = run(*command)
                 self.assertEqual((status, out), (3, ""), command)
                 self.assertIn("cannot be read", err)
+            told = f"{HERE}/server.conf cannot be read (Is a directory): opening gives "
+            self.assertEqual(run("check")[0], 1)
+            self.assertIn(told, self.check()[0]["text"])
+            for words in ([], ["-u", "seven"], ["-L", "backup"]):
+                status, out, err = run("explain", "-P", "5", *words)
+                self.assertEqual((status, err), (1, ""), words)
+                self.assertIn(told, out)
+                self.assertTrue(out.endswith("the message is NOT written\n"), out)
         finally:
             os.rmdir("server.conf")
+        self.assertIn("server.conf is not there: built-in defaults apply", run("explain", "-P", "5")[1])
 
     def test_a_main_file_may_be_named_by_a_relative_path(self):
         done = subprocess.run([TOOL, "--config", "main.conf", "product", "add", "5", "--names", "x", "--file", f"{HERE}/x.conf"],
@@ -388,7 +397,7 @@ class Qdlogcfg(unittest.TestCase):
                 (f"6.Configuration={HERE}/server.conf", "share one configuration file"),
                 (f"6.Configuration={HERE}/six", "holds no \".conf\""),
                 ("6.Configuration=six.conf", "no absolute path"),
-                (f"6.Configuration={HERE}/none.conf", "cannot be read"),
+                (f"6.Configuration={HERE}/none.conf", f"product 6: {HERE}/none.conf is not there: built-in defaults apply"),
                 ("6.Names=x", "counts as not registered"),
                 ("5.AppMsgLogging=ON", "reads as false"),
                 ("5.Colour=red", "unknown key"),

@@ -148,9 +148,9 @@ int checkConfiguration(const Options &options, Output &out) {
         const ConfigFile file = readConfigFile(product.location);
         if (!file.readable) {
             findings.error(mainFile.path, product.line,
-                           "product " + std::to_string(product.id) + ": " + product.location +
-                               " cannot be read (" + std::strerror(file.cause) +
-                               "); built-in defaults apply");
+                           "product " + std::to_string(product.id) + ": " +
+                               (file.exists ? unreadableText(file)
+                                            : file.path + " is not there: built-in defaults apply"));
             continue;
         }
         checkLeftover(product.location, findings);

@@ -185,11 +185,15 @@ void explainSecureAudit(Explanation &result) {
 
 void explainLogMessage(const Options &options, const Product &product, Explanation &result) {
     const ConfigFile file = readConfigFile(product.location);
+    if (file.exists && !file.readable) {
+        result.stop(unreadableText(file));
+        return;
+    }
+    if (!file.exists)
+        result.note(product.location + " is not there: built-in defaults apply");
     const Scope scope = findScope(product, file, options.originator, options.logset);
     const Scope fileScope =
         options.fileOriginator.empty() ? scope : findScope(product, file, options.fileOriginator, "");
-    if (!file.readable)
-        result.note(product.location + " cannot be read: built-in defaults apply");
     Settings settings;
     Settings fileSettings;
     const Lookup lookup{scope, effectiveSettings(scope, file)};

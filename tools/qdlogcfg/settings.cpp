@@ -8,6 +8,7 @@
 
 #include "common/configurations.h"
 #include "common/exit_codes.h"
+#include "common/result_text.h"
 
 namespace {
 
@@ -26,6 +27,11 @@ bool namesHold(const std::string &names, const std::string &name) {
 
 std::string mainConfigPath() {
     return GetZoltLogCfgLoc();
+}
+
+std::string unreadableText(const ConfigFile &file) {
+    return file.path + " cannot be read (" + std::strerror(file.cause) + "): opening gives " +
+           tools::resultMessage(ZOLTLOG_CFG_NOT_FOUND);
 }
 
 void requireReadable(const ConfigFile &file) {

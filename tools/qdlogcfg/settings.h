@@ -39,6 +39,8 @@ struct Settings {
 using Product = tools::RegisteredProduct;
 
 std::string mainConfigPath();
+// That a product's file is there and cannot be read, and what comes of it.
+std::string unreadableText(const ConfigFile &file);
 // CommandError for a file that is there and cannot be read.
 void requireReadable(const ConfigFile &file);
 // By id or by one of its names; CommandErrors when there is none, and when the main file
