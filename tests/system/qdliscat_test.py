@@ -189,6 +189,14 @@ class Qdliscat(unittest.TestCase):
         self.assertEqual(run("show", "1", "m")[1], "root\t1\tnew\nde\t1\talt\n")
         self.assertEqual(sorted(os.listdir("m")), ["de.res", "root.res"])
 
+    def test_a_package_may_be_reached_through_a_link(self):
+        compile_messages("new", root='1 { "new" }')
+        os.mkdir("kept-elsewhere")
+        os.symlink("kept-elsewhere", "m")
+        self.assertEqual(self.install("--to", "m", "new"), (0, "m: 1 locale installed, 1 message in all\n", ""))
+        self.assertEqual(os.listdir("kept-elsewhere"), ["root.res"])
+        os.remove("m")
+
     def test_install_changes_nothing_where_the_package_would_have_problems(self):
         compile_messages("m", root='1 { "%1$s" }', de='1 { "%1$s" }')
         compile_messages("new", root='1 { "%1$d" }')

@@ -2,12 +2,13 @@
 #include "common/archive.h"
 
 #include "common/files.h"
+#include "common/unpack.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #ifdef QDUL_WITH_ARCHIVES
@@ -24,19 +25,6 @@ std::string_view archiveSuffix(std::string_view name) {
             return suffix;
     }
     return "";
-}
-
-int openTemporary() {
-    const char *chosen = secure_getenv("TMPDIR");
-    const std::string directory = chosen != nullptr && chosen[0] != '\0' ? chosen : "/var/tmp";
-    int descriptor = open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-    if (descriptor < 0) {
-        std::string name = directory + "/qdlogXXXXXX";
-        descriptor = mkostemp(name.data(), O_CLOEXEC);
-        if (descriptor >= 0)
-            unlink(name.c_str());
-    }
-    return descriptor;
 }
 
 #ifdef QDUL_WITH_ARCHIVES
@@ -197,19 +185,96 @@ bool ArchiveWriter::close(int64_t modified) {
     return true;
 }
 
+// ---- unpacking -----------------------------------------------------------------------
+
+namespace {
+
+// An archive that is compressed, unpacked within the bounds of all compressed files.
+struct PackedInput {
+    Unpacker unpacker;
+    uint64_t at = 0;
+    std::string block = std::string(BLOCK, '\0');
+};
+
+la_ssize_t readPacked(archive *, void *of, const void **bytes) {
+    PackedInput &input = *static_cast<PackedInput *>(of);
+    const int64_t got = input.unpacker.readAt(input.at, input.block.data(), input.block.size());
+    if (got > 0)
+        input.at += static_cast<uint64_t>(got);
+    *bytes = input.block.data();
+    return static_cast<la_ssize_t>(got);
+}
+
+// What holes of an archive that is not compressed may stand for.
+struct PlainInput {
+    uint64_t onDisk = 0; // bytes of the file; 0: not known
+    uint64_t taken = 0;  // bytes of its members
+
+    bool isTooMuch() const { return onDisk != 0 && isUnpackedTooFar(onDisk, taken); }
+};
+
+// The data of the member that was read last; zeros become holes. An archive's result.
+int takeMember(archive *from, archive_entry *entry, PlainInput &plain, int into) {
+    const void *data = nullptr;
+    size_t size = 0;
+    la_int64_t at = 0;
+    int result = ARCHIVE_OK;
+    uint64_t end =
+        archive_entry_size_is_set(entry) != 0 ? static_cast<uint64_t>(archive_entry_size(entry)) : 0;
+    while ((result = archive_read_data_block(from, &data, &size, &at)) == ARCHIVE_OK) {
+        const std::string_view block{static_cast<const char *>(data), size};
+        end = std::max(end, static_cast<uint64_t>(at) + size);
+        plain.taken += size;
+        if (plain.isTooMuch()) {
+            archive_set_error(from, EFBIG,
+                              "the file unpacks to more than 512 MB and 256 times its size on disk");
+            return ARCHIVE_FATAL;
+        }
+        if (block.find_first_not_of('\0') != std::string_view::npos &&
+            (lseek(into, static_cast<off_t>(at), SEEK_SET) < 0 || !writeAll(into, block))) {
+            archive_set_error(from, errno, "it cannot be unpacked: %s", std::strerror(errno));
+            return ARCHIVE_FATAL;
+        }
+    }
+    if (result != ARCHIVE_EOF)
+        return result;
+    if (ftruncate(into, static_cast<off_t>(end)) == 0)
+        return ARCHIVE_OK;
+    archive_set_error(from, errno, "it cannot be unpacked: %s", std::strerror(errno));
+    return ARCHIVE_FATAL;
+}
+
+} // namespace
+
 bool unpackArchive(const std::string &path, bool (*wanted)(std::string_view name),
                    std::vector<ArchiveMember> &members, std::string &problem) {
     const int descriptor = openToRead(path);
-    if (descriptor < 0) {
+    char start[Unpacker::LONGEST_MAGIC];
+    ssize_t have = -1;
+    struct stat status {};
+    if (descriptor >= 0 && fstat(descriptor, &status) == 0)
+        have = pread(descriptor, start, sizeof start, 0);
+    if (have < 0) {
         problem = path + ": " + std::strerror(errno);
+        if (descriptor >= 0)
+            ::close(descriptor);
         return false;
     }
+    bool fewer = false;
+    const Unpacker::Format format = Unpacker::formatOf({start, static_cast<size_t>(have)}, fewer);
+    std::unique_ptr<PackedInput> packed;
+    PlainInput plain;
     const Handle handle(archive_read_new());
     archive *const from = handle.get();
-    archive_read_support_filter_zstd(from);
-    archive_read_support_filter_gzip(from);
     archive_read_support_format_tar(from);
-    int result = archive_read_open_fd(from, descriptor, BLOCK);
+    int result = ARCHIVE_OK;
+    if (format != Unpacker::Format::None) {
+        packed.reset(new PackedInput{{descriptor, true, format, ""}});
+        result = archive_read_open(from, packed.get(), nullptr, readPacked, nullptr);
+    } else {
+        plain.onDisk = static_cast<uint64_t>(status.st_blocks) * 512;
+        result = archive_read_open_fd(from, descriptor, BLOCK);
+    }
     archive_entry *entry = nullptr;
     while (result == ARCHIVE_OK && (result = archive_read_next_header(from, &entry)) == ARCHIVE_OK) {
         const char *name = archive_entry_pathname(entry);
@@ -221,8 +286,10 @@ bool unpackArchive(const std::string &path, bool (*wanted)(std::string_view name
             break;
         }
         members.push_back(member);
-        result = archive_read_data_into_fd(from, member.descriptor);
+        result = takeMember(from, entry, plain, member.descriptor);
     }
+    if (packed != nullptr && !packed->unpacker.problem.empty()) // whose end tells less
+        problem = path + ": " + packed->unpacker.problem;
     if (problem.empty() && result != ARCHIVE_EOF)
         problem = path + ": " + (archive_error_string(from) != nullptr ? archive_error_string(from) : "cut");
     ::close(descriptor);

@@ -14,9 +14,6 @@ namespace tools {
 // ".tar.zst" and the like, which the name of an archive ends in; "" for any other.
 std::string_view archiveSuffix(std::string_view name);
 
-// An unnamed temporary file (in TMPDIR, else /var/tmp); -1 with errno.
-int openTemporary();
-
 std::string sha256(std::string_view bytes); // in hexadecimal digits
 
 struct ArchiveWriter {
@@ -48,8 +45,9 @@ struct ArchiveMember {
     int descriptor = -1; // the caller's to close
 };
 
-// Unpacks the members whose names `wanted` takes. False with a problem; those unpacked until
-// then are in the list.
+// Unpacks the members whose names `wanted` takes, in the bounds of unpack.h; in an archive that
+// is not compressed, holes count as if they were. False with a problem; those unpacked until then
+// are in the list.
 bool unpackArchive(const std::string &path, bool (*wanted)(std::string_view name),
                    std::vector<ArchiveMember> &members, std::string &problem);
 

@@ -4,6 +4,7 @@
 #include "src/regular_file.h"
 
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 
 namespace tools {
@@ -76,6 +77,44 @@ bool readWhole(const std::string &path, size_t limit, std::string &bytes) {
         return true;
     errno = EFBIG;
     return false;
+}
+
+bool writeAll(int descriptor, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t put = write(descriptor, bytes.data(), bytes.size());
+        if (put < 0 && errno == EINTR)
+            continue;
+        if (put <= 0)
+            return false;
+        bytes.remove_prefix(static_cast<size_t>(put));
+    }
+    return true;
+}
+
+bool syncDirectory(const std::string &directory) {
+    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (descriptor < 0)
+        return false;
+    const bool synced = fsync(descriptor) == 0;
+    closeKeepingErrno(descriptor);
+    return synced;
+}
+
+std::string temporaryDirectory() {
+    const char *chosen = secure_getenv("TMPDIR");
+    return chosen != nullptr && chosen[0] != '\0' ? chosen : "/var/tmp";
+}
+
+int openTemporary() {
+    const std::string directory = temporaryDirectory();
+    const int unnamed = open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+    if (unnamed >= 0)
+        return unnamed;
+    std::string name = directory + "/qdlogXXXXXX"; // where the file system knows no such files
+    const int named = mkostemp(name.data(), O_CLOEXEC);
+    if (named >= 0)
+        unlink(name.c_str());
+    return named;
 }
 
 } // namespace tools

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Opening the files that a tool is told to read or to replace.
+// Opening the files that a tool is told to read or to replace, and bringing bytes to the disk.
 #pragma once
 
 #include <cstddef>
 #include <string>
+#include <string_view>
 #include <sys/types.h>
 
 namespace tools {
@@ -23,5 +24,15 @@ void nameDescriptor(const std::string &path, int descriptor);
 
 // Reads a file whole. False with errno: also EFBIG when it is larger than limit.
 bool readWhole(const std::string &path, size_t limit, std::string &bytes);
+
+// Writes all of the bytes; false with errno.
+bool writeAll(int descriptor, std::string_view bytes);
+
+// Brings the names in a directory to the disk; false with errno.
+bool syncDirectory(const std::string &directory);
+
+// An unnamed temporary file; -1 with errno.
+int openTemporary();
+std::string temporaryDirectory(); // that it is in: TMPDIR, else /var/tmp
 
 } // namespace tools

@@ -29,6 +29,7 @@ bool parseTimeText(std::string_view text, int64_t now, Zone zone, int64_t &time,
 bool parseSpanText(std::string_view text, int64_t &milliseconds, std::string &error); // without a sign
 
 int64_t currentTime();
+int64_t monotonicMilliseconds(); // of a clock that nobody sets
 
 // Formats times; remembers the last day and zone offset, so that many times in a
 // row cost no more than their digits.

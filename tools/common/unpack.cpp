@@ -2,6 +2,8 @@
 // Sections: names and magic, packed input, gzip, Zstandard, unpacking in order, spooling.
 #include "common/unpack.h"
 
+#include "common/files.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -49,6 +51,10 @@ std::string_view packedSuffix(std::string_view name) {
             return suffix;
     }
     return "";
+}
+
+bool isUnpackedTooFar(uint64_t packed, uint64_t unpacked) {
+    return unpacked > ALWAYS_UNPACKED && unpacked / MOST_RATIO > packed;
 }
 
 Unpacker::Format Unpacker::formatOf(std::string_view start, bool &fewer) {
@@ -245,8 +251,7 @@ int64_t Unpacker::decode(char *into, size_t length) {
     if (head.size() < HEAD_SIZE && decoded == head.size())
         head.append(into, std::min(static_cast<size_t>(made), HEAD_SIZE - head.size()));
     decoded += static_cast<uint64_t>(made);
-    const uint64_t unpacked = decoder->taken - (decoder->end - decoder->begin);
-    if (decoded > ALWAYS_UNPACKED && decoded / MOST_RATIO > unpacked)
+    if (isUnpackedTooFar(decoder->taken - (decoder->end - decoder->begin), decoded))
         fail("the compressed file unpacks to more than 512 MB and 256 times its size");
     return made;
 }
@@ -299,18 +304,10 @@ uint64_t Unpacker::size() {
 
 // ---- spooling ------------------------------------------------------------------------
 
-// A file without a name, or none any more.
 bool Unpacker::openSpool() {
-    const char *chosen = secure_getenv("TMPDIR");
-    const std::string directory = chosen != nullptr && chosen[0] != '\0' ? chosen : "/var/tmp";
-    spool = open(directory.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-    if (spool < 0) {
-        std::string name = directory + "/qdlogXXXXXX";
-        spool = mkostemp(name.data(), O_CLOEXEC);
-        if (spool >= 0)
-            unlink(name.c_str());
-    }
-    return spool >= 0 || fail("it cannot be unpacked into " + directory + ": " + std::strerror(errno));
+    spool = openTemporary();
+    return spool >= 0 ||
+           fail("it cannot be unpacked into " + temporaryDirectory() + ": " + std::strerror(errno));
 }
 
 // Unpacks up to `offset`, keeping all; false when there is less. Blocks of zeros become

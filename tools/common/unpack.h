@@ -16,6 +16,9 @@ namespace tools {
 // ".gz" or ".zst", which a file name ends in; "" for any other. Packing a log file adds it.
 std::string_view packedSuffix(std::string_view name);
 
+// Whether what was unpacked of so many bytes is more than is read of any file.
+bool isUnpackedTooFar(uint64_t packed, uint64_t unpacked);
+
 struct Unpacker {
     static constexpr size_t LONGEST_MAGIC = 4;
     enum class Format { None, Gzip, Zstd };

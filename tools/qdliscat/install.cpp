@@ -34,17 +34,6 @@ int tellErrno(const std::string &path) {
     return tellFailure(path + ": " + std::strerror(errno));
 }
 
-bool writeAll(int descriptor, const std::string &bytes) {
-    for (size_t done = 0; done < bytes.size();) {
-        const ssize_t count = write(descriptor, bytes.data() + done, bytes.size() - done);
-        if (count > 0)
-            done += static_cast<size_t>(count);
-        else if (count == 0 || errno != EINTR)
-            return false;
-    }
-    return true;
-}
-
 bool copyFile(const std::string &from, const std::string &to) {
     std::string bytes;
     if (!tools::readWhole(from, LARGEST_BUNDLE, bytes))
@@ -52,13 +41,13 @@ bool copyFile(const std::string &from, const std::string &to) {
     const int descriptor = open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, NEW_FILE_MODE);
     if (descriptor < 0)
         return false;
-    const bool written = writeAll(descriptor, bytes);
+    const bool written = tools::writeAll(descriptor, bytes);
     return close(descriptor) == 0 && written;
 }
 
-// Brings a file or directory to the disk.
-bool sync(const std::string &path) {
-    const int descriptor = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+// Brings a file to the disk.
+bool syncFile(const std::string &path) {
+    const int descriptor = tools::openToRead(path, O_NOFOLLOW);
     if (descriptor < 0)
         return false;
     const bool synced = fsync(descriptor) == 0;
@@ -127,7 +116,7 @@ bool put(const std::string &staging, const std::string &package, const std::stri
     if (lstat(to.c_str(), &old) == 0 && S_ISREG(old.st_mode) &&
         chmod(from.c_str(), old.st_mode & PERMISSION_BITS) != 0)
         return false;
-    return sync(from) && rename(from.c_str(), to.c_str()) == 0;
+    return syncFile(from) && rename(from.c_str(), to.c_str()) == 0;
 }
 
 // Fills the staging directory; the locales that came into it.
@@ -197,7 +186,7 @@ int install(const Installation &installation, tools::Output &out) {
         if (!put(staging.path, package.path, locale))
             return tellErrno(package.path + "/" + locale + ".res");
     }
-    if (!sync(package.path))
+    if (!tools::syncDirectory(package.path))
         return tellErrno(package.path);
     if (!installation.quiet)
         out.write(tools::escaped(future.title) + ": " + tools::counted(locales.size(), "locale") +

@@ -9,6 +9,7 @@
 #include "common/archive.h"
 #include "common/block_text.h"
 #include "common/exit_codes.h"
+#include "common/files.h"
 #include "common/record_file.h"
 #include "qdlogmgr/commands.h"
 #include "qdlogmgr/descriptor.h"

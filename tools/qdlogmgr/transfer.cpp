@@ -2,11 +2,11 @@
 // copy, archive: what goes elsewhere. A copy counts when it was compared with the file
 // byte by byte and is on the disk; an archive removes files only when all are there.
 #include "common/exit_codes.h"
+#include "common/files.h"
 #include "common/result_text.h"
 #include "common/unpack.h"
 #include "qdlogmgr/commands.h"
 #include "qdlogmgr/copy.h"
-#include "qdlogmgr/descriptor.h"
 #include "qdlogmgr/pack.h"
 
 #include <algorithm>
@@ -65,17 +65,19 @@ bool transfer(const Run &run, const File &file, bool archive, std::string &error
     return copyFile(path, destination, options.replace, error) && isSame(path, destination, !archive, error);
 }
 
-bool syncDirectory(const std::string &directory, std::string &error) {
-    const Descriptor descriptor(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (descriptor.number >= 0 && fsync(descriptor.number) == 0)
+// False, and told, when there is nowhere to put copies.
+bool hasDestination(Run &run) {
+    struct stat status;
+    if (run.options.dryRun || (stat(run.options.to.c_str(), &status) == 0 && S_ISDIR(status.st_mode)))
         return true;
-    error = strerror(errno);
+    run.problems.push_back(run.options.to + ": not a directory");
     return false;
 }
 
-bool isDirectory(const std::string &path) {
-    struct stat status;
-    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+// Brings the names of new copies to the disk.
+void syncDestination(Run &run) {
+    if (!run.options.dryRun && !tools::syncDirectory(run.options.to))
+        run.problems.push_back(run.options.to + ": " + std::strerror(errno));
 }
 
 // Files of two directories may have one name: the second must not replace the first.
@@ -103,10 +105,8 @@ struct TakenNames {
 
 int copyFiles(Run &run) {
     const Options &options = run.options;
-    if (!options.dryRun && !isDirectory(options.to)) {
-        run.problems.push_back(options.to + ": not a directory");
+    if (!hasDestination(run))
         return finish(run, 0);
-    }
     Report report(run);
     TakenNames taken(run.catalogue);
     size_t copied = 0;
@@ -119,19 +119,16 @@ int copyFiles(Run &run) {
         }
         report.fail("failed", choice, error);
     }
-    std::string error;
-    if (!options.dryRun && copied != 0 && !syncDirectory(options.to, error))
-        run.problems.push_back(options.to + ": " + error);
+    if (copied != 0)
+        syncDestination(run);
     report.finish();
     return finish(run, copied);
 }
 
 int archiveFiles(Run &run) {
     const Options &options = run.options;
-    if (!options.dryRun && !isDirectory(options.to)) {
-        run.problems.push_back(options.to + ": not a directory");
+    if (!hasDestination(run))
         return finish(run, 0);
-    }
     Report report(run);
     TakenNames taken(run.catalogue);
     Choices there;
@@ -148,10 +145,10 @@ int archiveFiles(Run &run) {
         }
         report.fail("failed", choice, error);
     }
-    std::string error;
-    if (!options.dryRun && !there.empty() && !syncDirectory(options.to, error))
-        run.problems.push_back(options.to + ": " + error);
+    if (!there.empty())
+        syncDestination(run);
 
+    std::string error;
     size_t done = 0;
     const bool complete = run.problems.empty() && run.failures == 0;
     for (const Choice &choice : there) {

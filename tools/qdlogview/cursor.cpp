@@ -198,31 +198,11 @@ std::string entryOf(const SpoolMark &mark) {
            std::to_string(mark.bytes);
 }
 
-bool writeAll(int descriptor, const std::string &text) {
-    size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t got = write(descriptor, text.data() + written, text.size() - written);
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return false;
-        written += static_cast<size_t>(got);
-    }
-    return true;
-}
-
 // Brings a new name in the directory of a file to the disk.
 bool syncDirectoryOf(const std::string &file) {
     const size_t slash = file.rfind('/');
     const std::string directory = slash == std::string::npos ? "." : file.substr(0, slash + 1);
-    const int descriptor = open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (descriptor < 0)
-        return false;
-    const bool synced = fsync(descriptor) == 0;
-    const int failure = errno;
-    close(descriptor);
-    errno = failure;
-    return synced;
+    return tools::syncDirectory(directory);
 }
 
 } // namespace
@@ -238,7 +218,7 @@ bool CursorFile::replace(const std::string &file, const std::string &line) {
     if (made < 0)
         return false;
     const bool synced = spooled.number != 0;
-    if (!writeAll(made, line) || (synced && fsync(made) != 0) ||
+    if (!tools::writeAll(made, line) || (synced && fsync(made) != 0) ||
         rename(temporary.c_str(), file.c_str()) != 0 || (synced && !syncDirectoryOf(file))) {
         const int failure = errno;
         close(made);
@@ -255,7 +235,7 @@ bool CursorFile::replace(const std::string &file, const std::string &line) {
 }
 
 bool CursorFile::append(const std::string &line) {
-    if (!writeAll(descriptor, line) || (spooled.number != 0 && fdatasync(descriptor) != 0))
+    if (!tools::writeAll(descriptor, line) || (spooled.number != 0 && fdatasync(descriptor) != 0))
         return false;
     appended += line.size();
     return true;

@@ -9,7 +9,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <dirent.h>
 #include <fcntl.h>
 #include <memory>
@@ -26,12 +25,6 @@ namespace {
 
 constexpr std::string_view PREFIX = "qdul-";
 constexpr std::string_view PART = ".part";
-
-int64_t monotonicMilliseconds() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
-}
 
 bool endsIn(std::string_view text, std::string_view end) {
     return text.size() >= end.size() && text.substr(text.size() - end.size()) == end;
@@ -200,7 +193,7 @@ bool Spool::begin() {
         return fail(name);
     out.written = 0;
     records = 0;
-    began = monotonicMilliseconds();
+    began = tools::monotonicMilliseconds();
     return true;
 }
 
@@ -213,7 +206,7 @@ bool Spool::isDue(bool isIdle) {
     if (!isIdle && ++asked < BETWEEN_CLOCKS)
         return false;
     asked = 0;
-    return monotonicMilliseconds() - began >= settings.spoolAge;
+    return tools::monotonicMilliseconds() - began >= settings.spoolAge;
 }
 
 bool Spool::seal(SpoolMark &to) {

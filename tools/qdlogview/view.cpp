@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "qdlogview/view.h"
 
+#include "common/time_text.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <deque>
 #include <map>
 #include <poll.h>
@@ -32,12 +33,6 @@ volatile sig_atomic_t stopRequested = 0;
 
 void requestStop(int) {
     stopRequested = 1;
-}
-
-int64_t monotonicMilliseconds() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
 } // namespace
@@ -419,8 +414,8 @@ void View::closeOldFiles(Reader &reader) {
 }
 
 void View::follow(Reader &reader) {
-    const int64_t end = settings.timeout > 0 ? monotonicMilliseconds() + settings.timeout : INT64_MAX;
-    int64_t nextVisit = monotonicMilliseconds() + OLD_FILES_MILLISECONDS;
+    const int64_t end = settings.timeout > 0 ? tools::monotonicMilliseconds() + settings.timeout : INT64_MAX;
+    int64_t nextVisit = tools::monotonicMilliseconds() + OLD_FILES_MILLISECONDS;
     for (;;) {
         const Item *item = nullptr;
         while (reader.next(item)) {
@@ -443,9 +438,9 @@ void View::follow(Reader &reader) {
         }
 
         closeOldFiles(reader);
-        if (stopRequested != 0 || monotonicMilliseconds() >= end)
+        if (stopRequested != 0 || tools::monotonicMilliseconds() >= end)
             return;
-        const int64_t left = std::min<int64_t>(POLL_MILLISECONDS, end - monotonicMilliseconds());
+        const int64_t left = std::min<int64_t>(POLL_MILLISECONDS, end - tools::monotonicMilliseconds());
         // A reader of our output that has gone is noticed also while nothing is written.
         pollfd output{out.descriptor, 0, 0};
         if (poll(&output, 1, static_cast<int>(std::max<int64_t>(left, 0))) > 0 &&
@@ -456,9 +451,9 @@ void View::follow(Reader &reader) {
             for (size_t i = sources.findNew(); i < sources.files.size(); ++i)
                 reader.follow(sources.files[i]);
         }
-        if (monotonicMilliseconds() >= nextVisit) {
+        if (tools::monotonicMilliseconds() >= nextVisit) {
             visitOldFiles(reader);
-            nextVisit = monotonicMilliseconds() + OLD_FILES_MILLISECONDS;
+            nextVisit = tools::monotonicMilliseconds() + OLD_FILES_MILLISECONDS;
         }
         reader.wake();
     }
@@ -481,7 +476,7 @@ bool View::commit(Reader &reader, When when) {
         return false;
     const bool isFile = spool->isOpen();
     if (when != When::End && (isFile ? !spool->isDue(when == When::Idle)
-                                     : when == When::Busy || monotonicMilliseconds() < nextPlace))
+                                     : when == When::Busy || tools::monotonicMilliseconds() < nextPlace))
         return true;
     reader.settle();
     SpoolMark mark;
@@ -495,7 +490,7 @@ bool View::commit(Reader &reader, When when) {
         problems.push_back(spool->problem);
         return !(failed = true);
     }
-    nextPlace = monotonicMilliseconds() + BETWEEN_PLACES;
+    nextPlace = tools::monotonicMilliseconds() + BETWEEN_PLACES;
     return true;
 }
 
