@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Compressed log files are read like plain ones: alone, among others, from both ends, by every tool."""
 import ctypes
+import fcntl
 import gzip
 import json
 import os
@@ -245,6 +246,98 @@ class Packed(unittest.TestCase):
         self.assertLess(os.path.getsize("save/" + name(2) + ".zst"), 40000)
         self.assertEqual(self.view("save", "log"), before)
         self.assertIn("3 files, 15000 records, 0 problems", self.run_it("qdlogmgr", "verify", "-D", "save"))
+
+    # ---- who may read an archive -------------------------------------------------
+
+    ARCHIVING = ([], ["--compress=zstd"])
+
+    def archive_of(self, *files):
+        """A log directory with files of (mode, owner, group), one more that stays, and a place for copies."""
+        for directory in ("log", "save"):
+            shutil.rmtree(directory, ignore_errors=True)
+            os.mkdir(directory)
+        os.chmod("save", 0o777)
+        os.chmod("log", 0o777)
+        for directory in (HERE, self.directory):
+            os.chmod(directory, 0o755)
+        for counter, (mode, owner, group) in enumerate([*files, (0o664, -1, -1)]):
+            write("log/" + name(counter), content(range(1, 101)))
+            os.chmod("log/" + name(counter), mode)
+            os.chown("log/" + name(counter), owner, group)
+
+    def archive(self, *words, user=None, status=0):
+        """What is in the archive afterwards: {name: (mode, owner, group)}."""
+        as_user = {"user": user, "group": user, "extra_groups": []} if user else {}
+        done = subprocess.run([program("qdlogmgr"), "archive", "-D", "log", "--keep", "1", "--to", "save", *words],
+                              capture_output=True, text=True, env=self.environment, **as_user)
+        self.assertEqual(done.returncode, status, (words, done.stdout, done.stderr))
+        self.told = done.stdout + done.stderr
+        found = {entry.name: entry.stat() for entry in os.scandir("save")}
+        return {each: (status.st_mode & 0o7777, status.st_uid, status.st_gid) for each, status in found.items()}
+
+    def test_who_may_read_a_file_may_read_it_in_the_archive_and_nobody_else(self):
+        own = (os.getuid(), os.getgid())
+        modes = (0o600, 0o640, 0o440, 0o400, 0o664, 0o604)
+        owner = (65534, 65533) if own[0] == 0 else own
+        for words in self.ARCHIVING:
+            suffix = ".zst" if words else ""
+            self.archive_of(*((mode, *owner) for mode in modes))
+            if own[0] != 0:
+                self.assertTrue(os.access("log/" + name(3), os.R_OK))
+            self.assertEqual(self.archive(*words), {name(counter) + suffix: (mode, *owner) for counter, mode in enumerate(modes)})
+            self.assertEqual(os.listdir("log"), [name(len(modes))])
+
+    @unittest.skipUnless(os.getuid() == 0, "gives files to others")
+    def test_files_of_others_are_archived_with_no_more_rights_than_they_had(self):
+        user = 65534
+        for words in self.ARCHIVING:
+            suffix = ".zst" if words else ""
+            # Its group is the user's; all may read it; both
+            self.archive_of((0o640, 1, user), (0o664, 1, 1), (0o647, 1, user))
+            self.assertEqual(self.archive(*words, user=user), {name(0) + suffix: (0o640, user, user), name(1) + suffix: (0o644, user, user),
+                                                               name(2) + suffix: (0o647, user, user)})
+            self.assertEqual(os.listdir("log"), [name(3)])
+
+    @unittest.skipUnless(os.getuid() == 0, "gives files to others")
+    def test_a_file_that_may_not_be_read_stays(self):
+        for words in self.ARCHIVING:
+            self.archive_of((0o600, 65534, 65534), (0o660, 1, 1))
+            self.assertEqual(len(self.archive(*words, user=65534)), 1)
+            self.assertRegex(self.told, f"(?m)^kept .*{name(1)} .*: Permission denied$")
+            self.assertEqual(sorted(os.listdir("log")), [name(1), name(2)])
+
+    @unittest.skipUnless(os.getuid() == 0, "gives files to others")
+    def test_a_file_stays_where_its_copy_cannot_be_made(self):
+        for words in self.ARCHIVING:
+            self.archive_of((0o600, 65534, 65534))
+            os.chmod("save", 0o555)
+            self.assertEqual(self.archive(*words, user=65534, status=4), {})
+            self.assertIn("Permission denied", self.told)
+            self.assertEqual(sorted(os.listdir("log")), [name(0), name(1)])
+
+    def test_a_file_that_a_process_holds_is_archived_as_it_is(self):
+        """Its writer goes on in another one when it finds the name gone."""
+        for words in self.ARCHIVING:
+            self.archive_of((0o640, -1, -1))
+            with open("log/" + name(0), "ab") as file:
+                fcntl.flock(file, fcntl.LOCK_SH)
+                self.archive(*words)
+            self.assertEqual(os.listdir("log"), [name(1)])
+            self.assertEqual(self.view("--count", "save"), "100\n")
+
+    def test_a_file_that_grows_while_it_is_archived_stays(self):
+        for words in self.ARCHIVING:
+            self.archive_of((0o640, -1, -1))
+            with open("log/" + name(0), "r+b") as file:
+                file.truncate(2**27)  # takes a while
+            process = subprocess.Popen([program("qdlogmgr"), "archive", "-D", "log", "--keep", "1", "--to", "save", *words],
+                                       stdout=subprocess.PIPE, stderr=subprocess.STDOUT, env=self.environment)
+            while process.poll() is None:
+                with open("log/" + name(0), "ab") as file:
+                    file.write(b"\n")
+            self.assertEqual(process.returncode, 4, process.stdout.read())
+            process.stdout.close()
+            self.assertEqual(sorted(os.listdir("log")), [name(0), name(1)])
 
 
 if __name__ == "__main__":

@@ -17,7 +17,6 @@ namespace qdlogmgr {
 namespace {
 
 constexpr size_t COPY_BLOCK = 256UL * 1024;
-constexpr mode_t COPY_MODE = 0660; // as log files have
 
 // The first byte at or behind a place that is in no hole; `end` when only a hole follows. A
 // file system that does not know has none.
@@ -72,6 +71,17 @@ bool copyBytes(int from, int to, uint64_t size) {
 
 } // namespace
 
+bool giveAccess(int file, int copy) {
+    struct stat status {};
+    if (fstat(file, &status) != 0)
+        return false;
+    mode_t mode = status.st_mode & 0777;
+    if (fchown(copy, status.st_uid, status.st_gid) != 0 &&
+        fchown(copy, static_cast<uid_t>(-1), status.st_gid) != 0)
+        mode &= ~mode_t{070} | ((mode & 07) << 3); // to its group, the file's others
+    return fchmod(copy, mode) == 0;
+}
+
 bool copyFile(const std::string &from, const std::string &to, bool replace, std::string &error) {
     const Descriptor source(tools::openToRead(from, O_NOFOLLOW));
     struct stat status {};
@@ -79,12 +89,12 @@ bool copyFile(const std::string &from, const std::string &to, bool replace, std:
         error = std::strerror(errno);
         return false;
     }
-    const Descriptor copy(tools::openAnew(to, COPY_MODE, replace));
+    const Descriptor copy(tools::openAnew(to, NEW_COPY_MODE, replace));
     if (copy.number < 0) {
         error = to + ": " + std::strerror(errno);
         return false;
     }
-    if (fchmod(copy.number, COPY_MODE) == 0 &&
+    if (giveAccess(source.number, copy.number) &&
         copyBytes(source.number, copy.number, static_cast<uint64_t>(status.st_size)))
         return true;
     error = reason();

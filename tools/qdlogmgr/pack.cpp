@@ -3,6 +3,7 @@
 
 #include "common/files.h"
 #include "common/unpack.h"
+#include "qdlogmgr/copy.h"
 #include "qdlogmgr/descriptor.h"
 
 #include <cerrno>
@@ -20,7 +21,6 @@ namespace qdlogmgr {
 namespace {
 
 constexpr size_t BLOCK = 256UL * 1024;
-[[maybe_unused]] constexpr mode_t COPY_MODE = 0660; // as log files have
 
 // The next bytes; 0 at the end, below 0 with errno.
 ssize_t readSome(int descriptor, char *block, size_t length) {
@@ -32,18 +32,6 @@ ssize_t readSome(int descriptor, char *block, size_t length) {
 }
 
 #ifdef QDUL_WITH_ZSTD
-bool writeAll(int descriptor, const char *block, size_t length) {
-    for (size_t done = 0; done < length;) {
-        const ssize_t put = write(descriptor, block + done, length - done);
-        if (put < 0 && errno == EINTR)
-            continue;
-        if (put <= 0)
-            return false;
-        done += static_cast<size_t>(put);
-    }
-    return true;
-}
-
 bool packBytes(int from, int to, std::string &error) {
     const std::unique_ptr<ZSTD_CCtx, size_t (*)(ZSTD_CCtx *)> context(ZSTD_createCCtx(), ZSTD_freeCCtx);
     if (context == nullptr) {
@@ -69,7 +57,7 @@ bool packBytes(int from, int to, std::string &error) {
                 error = ZSTD_getErrorName(left);
                 return false;
             }
-            if (!writeAll(to, packed.data(), out.pos)) {
+            if (!tools::writeAll(to, {packed.data(), out.pos})) {
                 error = std::strerror(errno);
                 return false;
             }
@@ -89,12 +77,12 @@ bool packFile(const std::string &from, const std::string &to, std::string &error
         error = std::strerror(errno);
         return false;
     }
-    const Descriptor copy(open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, COPY_MODE));
+    const Descriptor copy(tools::openAnew(to, NEW_COPY_MODE, false));
     if (copy.number < 0) {
         error = to + ": " + std::strerror(errno);
         return false;
     }
-    if (fchmod(copy.number, COPY_MODE) != 0)
+    if (!giveAccess(source.number, copy.number))
         error = std::strerror(errno);
     else if (packBytes(source.number, copy.number, error))
         return true;

@@ -8,8 +8,8 @@ namespace qdlogmgr {
 
 constexpr const char *PACKED_SUFFIX = ".zst";
 
-// Makes `to` with what the file holds now, compressed, for its owner and group to read and
-// write; it must not be there. A copy that fails leaves nothing behind. False with the reason.
+// Makes `to` with what the file holds now, compressed, and the file's access; it must not be
+// there. A copy that fails leaves nothing behind. False with the reason.
 bool packFile(const std::string &from, const std::string &to, std::string &error);
 
 // Whether the compressed copy holds the file's bytes; brings it to the disk.
