@@ -16,8 +16,19 @@ std::map<std::string, int> &namedDescriptors() {
     return named;
 }
 
-int openTold(const std::string &path, int flags) {
-    const int descriptor = openRegular(AT_FDCWD, path.c_str(), flags);
+// The open directory of this process's descriptors, for openRegular; -1 when there is none.
+int ownDescriptors() {
+    static pid_t owner = 0; // a forked child has others
+    static int directory = -1;
+    if (owner != getpid()) {
+        owner = getpid();
+        directory = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    }
+    return directory;
+}
+
+int openTold(const std::string &path, int flags, struct stat *status = nullptr) {
+    const int descriptor = openRegular(AT_FDCWD, path.c_str(), flags, status, ownDescriptors());
     if (descriptor == -1 && errno == ENXIO)
         errno = EINVAL; // which is told in words that fit
     return descriptor;
@@ -29,12 +40,15 @@ void nameDescriptor(const std::string &path, int descriptor) {
     namedDescriptors()[path] = descriptor;
 }
 
-int openToRead(const std::string &path, int flags) {
+int openToRead(const std::string &path, int flags, struct stat *status) {
     const auto &named = namedDescriptors();
-    const auto found = named.find(path);
-    if (found != named.end()) // another opening, with a place of its own
-        return open(("/proc/self/fd/" + std::to_string(found->second)).c_str(), O_RDONLY | O_CLOEXEC);
-    return openTold(path, O_RDONLY | flags);
+    const auto found = named.empty() ? named.end() : named.find(path);
+    if (found == named.end())
+        return openTold(path, O_RDONLY | flags, status);
+    if (status != nullptr && fstat(found->second, status) != 0)
+        return -1;
+    // Another opening, with a place of its own
+    return open(("/proc/self/fd/" + std::to_string(found->second)).c_str(), O_RDONLY | O_CLOEXEC);
 }
 
 int openAnew(const std::string &path, mode_t mode, bool replace) {

@@ -5,14 +5,15 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace tools {
 
 // A descriptor that is closed on exec, or -1 with errno. Only a regular file is opened, or a
 // symbolic link to one, and nothing else at all: EISDIR for a directory, EINVAL for any other
-// kind of node. flags may be O_NOFOLLOW.
-int openToRead(const std::string &path, int flags = 0);
+// kind of node. flags may be O_NOFOLLOW. The status is told where it is wanted.
+int openToRead(const std::string &path, int flags = 0, struct stat *status = nullptr);
 
 // A descriptor for writing on a new file of that mode, less the umask, or with `replace` on a
 // regular file that is there and is emptied. Nothing else that is there is opened: refused as

@@ -19,10 +19,10 @@ bool LineReader::open(const std::string &path) {
     error = 0;
     begin = scanned = valid = 0;
     base = 0;
-    skipping = false;
+    isWhole = skipping = false;
     struct stat status {};
-    descriptor = path == "-" ? fcntl(0, F_DUPFD_CLOEXEC, 3) : openToRead(path);
-    if (descriptor < 0 || fstat(descriptor, &status) != 0) {
+    descriptor = path == "-" ? fcntl(0, F_DUPFD_CLOEXEC, 3) : openToRead(path, 0, &status);
+    if (descriptor < 0 || (path == "-" && fstat(descriptor, &status) != 0)) {
         error = errno;
         close();
         return false;
@@ -43,14 +43,16 @@ bool LineReader::open(const std::string &path) {
 
 // Looks whether the file is compressed. What is taken from a pipe for that is kept.
 void LineReader::takeStart(bool fromPipe) {
-    char start[Unpacker::LONGEST_MAGIC];
+    makeBuffer(seekable ? START_SIZE : blockSize);
+    char *const start = buffer.get();
+    const size_t wanted = seekable ? START_SIZE : Unpacker::LONGEST_MAGIC;
     size_t have = 0;
+    ssize_t got = 0;
     bool fewer = true;
     Unpacker::Format format = Unpacker::Format::None;
-    while (fewer && have < sizeof start) {
-        const ssize_t got =
-            seekable ? pread(descriptor, start + have, sizeof start - have, static_cast<off_t>(base + have))
-                     : read(descriptor, start + have, sizeof start - have);
+    while (fewer && have < wanted) {
+        got = seekable ? pread(descriptor, start + have, wanted - have, static_cast<off_t>(base + have))
+                       : read(descriptor, start + have, wanted - have);
         if (got < 0 && errno == EINTR)
             continue;
         if (got <= 0)
@@ -65,12 +67,15 @@ void LineReader::takeStart(bool fromPipe) {
         packed = std::make_unique<Unpacker>(descriptor, seekable, format,
                                             std::string_view(start, seekable ? 0 : have));
         base = 0;
-    } else if (!seekable && have > 0) {
-        capacity = blockSize;
-        buffer.reset(new char[capacity]);
-        std::memcpy(buffer.get(), start, have);
+    } else {
         valid = have;
+        isWhole = seekable && got >= 0 && have < wanted;
     }
+}
+
+void LineReader::makeBuffer(size_t bytes) {
+    buffer.reset(new char[bytes]);
+    capacity = bytes;
 }
 
 std::string LineReader::problem() const {
@@ -94,6 +99,7 @@ void LineReader::seek(uint64_t offset) {
     } else {
         base = offset;
         begin = scanned = valid = 0;
+        isWhole = false;
     }
     skipping = false;
 }
@@ -101,6 +107,11 @@ void LineReader::seek(uint64_t offset) {
 int64_t LineReader::readAt(uint64_t offset, char *into, size_t length) const {
     if (packed != nullptr)
         return packed->readAt(offset, into, length);
+    if (offset >= base && offset - base <= valid && (isWhole || length <= valid - (offset - base))) {
+        const size_t there = std::min<size_t>(length, valid - static_cast<size_t>(offset - base));
+        std::memcpy(into, buffer.get() + (offset - base), there);
+        return static_cast<int64_t>(there);
+    }
     for (;;) {
         const ssize_t got = pread(descriptor, into, length, static_cast<off_t>(offset));
         if (got >= 0 || errno != EINTR)
@@ -113,6 +124,10 @@ bool LineReader::size(uint64_t &bytes) const {
         bytes = seekable ? packed->size() : 0;
         return true;
     }
+    if (isWhole) {
+        bytes = base + valid;
+        return true;
+    }
     struct stat status {};
     if (fstat(descriptor, &status) != 0)
         return false;
@@ -122,7 +137,7 @@ bool LineReader::size(uint64_t &bytes) const {
 
 bool LineReader::dataAt(uint64_t offset, uint64_t &data) const {
     data = offset;
-    if (packed != nullptr)
+    if (packed != nullptr || isWhole)
         return true;
     const off_t found = lseek(descriptor, static_cast<off_t>(offset), SEEK_DATA);
     data = found >= 0 ? static_cast<uint64_t>(found) : offset;
@@ -167,9 +182,9 @@ int64_t LineReader::readMore(char *into, size_t length) const {
 
 // Makes room behind `valid` and reads; Line means that there is more to scan.
 LineReader::Got LineReader::refill() {
-    if (buffer == nullptr) {
-        capacity = blockSize;
-        buffer.reset(new char[capacity]);
+    if (isWhole) {
+        isWhole = false; // who asks again sees what has come since
+        return Got::End;
     }
     if (begin > 0) {
         std::memmove(buffer.get(), buffer.get() + begin, valid - begin);
@@ -178,15 +193,12 @@ LineReader::Got LineReader::refill() {
         scanned -= begin;
         begin = 0;
     }
-    if (valid == 0 && capacity > blockSize) { // a long line is over
-        capacity = blockSize;
-        buffer.reset(new char[capacity]);
-    }
-    if (valid == capacity) {
-        std::unique_ptr<char[]> larger(new char[capacity * 2]);
-        std::memcpy(larger.get(), buffer.get(), valid);
-        buffer = std::move(larger);
-        capacity *= 2;
+    if (valid == 0 && capacity != blockSize) { // a long line is over, or the start
+        makeBuffer(blockSize);
+    } else if (valid == capacity || capacity < blockSize) {
+        const std::unique_ptr<char[]> shorter = std::move(buffer);
+        makeBuffer(std::max(blockSize, valid == capacity ? capacity * 2 : 0));
+        std::memcpy(buffer.get(), shorter.get(), valid);
     }
     if (skipping && seekable && packed == nullptr) { // the holes of a line that is too long
         const uint64_t place = base + valid;
@@ -325,7 +337,6 @@ bool RecordFile::open(const std::string &filePath) {
         return false;
     }
     if (lines.seekable) {
-        // The header is read apart, so that a glance at many files costs no block buffers.
         char block[1024];
         const int64_t got = lines.readAt(lines.position(), block, sizeof block);
         if (got < 0) {
@@ -607,10 +618,9 @@ bool readSummary(const std::string &path, FileSummary &out, std::string &problem
     return problem.empty();
 }
 
-bool completeEnd(const std::string &path, uint64_t &end) {
+bool completeEnd(const std::string &path, uint64_t size, uint64_t &end) {
     LineReader lines;
-    uint64_t size = 0;
-    if (!lines.open(path) || !lines.size(size))
+    if (!lines.open(path) || (lines.isPacked() && !lines.size(size)))
         return false;
     char last = '\n';
     uint64_t feed = 0;

@@ -15,6 +15,8 @@
 namespace tools {
 
 constexpr size_t BLOCK_SIZE = 256UL * 1024;
+// What opening a file reads of it, to see what it is: all of a small one, which is not read again.
+constexpr size_t START_SIZE = 4096;
 // A longer line is handed out in one piece of this size, then skipped: what is read must
 // fit into memory, whatever a file holds.
 constexpr size_t MAX_LINE = 16UL * 1024 * 1024;
@@ -57,7 +59,8 @@ struct LineReader {
     uint64_t position() const { return base + begin; } // of the next line
     size_t unended() const { return valid - begin; }   // bytes behind the last line feed, after End
 
-    // Reads at an offset without moving; the number of bytes, or -1.
+    // Reads at an offset without moving; the number of bytes, or -1. Of a small file this and
+    // size() tell what was there when it was opened, until next() has told its end.
     int64_t readAt(uint64_t offset, char *buffer, size_t length) const;
     bool size(uint64_t &bytes) const;
     // The first place at or behind an offset that is not in a hole of a sparse file; false
@@ -74,15 +77,17 @@ struct LineReader {
   private:
     Got refill();
     void takeStart(bool fromPipe);
+    void makeBuffer(size_t bytes);
     int64_t readMore(char *into, size_t length) const;
 
     std::unique_ptr<Unpacker> packed;
     std::unique_ptr<char[]> buffer;
     size_t capacity = 0;
-    size_t begin = 0;   // next line
-    size_t scanned = 0; // no line feed before this
-    size_t valid = 0;   // end of what was read
-    uint64_t base = 0;  // file offset of buffer[0]
+    size_t begin = 0;     // next line
+    size_t scanned = 0;   // no line feed before this
+    size_t valid = 0;     // end of what was read
+    uint64_t base = 0;    // file offset of buffer[0]
+    bool isWhole = false; // the buffer has all that was there when the file was opened
     bool skipping = false;
 };
 
@@ -182,8 +187,8 @@ struct FileSummary {
 // Reads header, first and last record only. False with a problem text.
 bool readSummary(const std::string &path, FileSummary &out, std::string &problem);
 
-// RecordFile::completeEnd of a file, quickly where it ends in a line feed. False when it cannot
-// be read.
-bool completeEnd(const std::string &path, uint64_t &end);
+// The end of the last complete line in the first `size` bytes of a file, quickly where they end
+// in a line feed. False when they cannot be read.
+bool completeEnd(const std::string &path, uint64_t size, uint64_t &end);
 
 } // namespace tools

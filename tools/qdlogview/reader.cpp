@@ -40,12 +40,14 @@ void Reader::add(const SourceFile &source, uint64_t from, uint64_t to) {
     stream.source = &source;
     stream.to = to;
     stream.index = index;
-    stream.from = stream.position = from;
+    stream.from = from;
+    stream.position = backwards ? NOT_LOOKED_AT : from;
     stream.key = backwards ? source.modified : source.created;
     if (range.limited && !range.scan) {
         if (source.modified < saturatingAdd(range.since, -ORDER_SLACK)) { // nothing was written since
             stream.state = Stream::State::Ended;
-            stream.position = source.isPacked() ? WHOLE_FILE : source.size;
+            if (!backwards)
+                stream.position = source.isPacked() ? WHOLE_FILE : source.size;
         } else if (source.created > saturatingAdd(range.until, ORDER_SLACK)) {
             stream.state = Stream::State::Ended;
         }
@@ -130,7 +132,10 @@ bool Reader::open(Stream &stream) {
         search && range.since != INT64_MIN ? opened.findTime(range.since) : opened.dataBegin;
     stream.opened->stopTime = search ? saturatingAdd(range.until, ORDER_SLACK) : INT64_MAX;
     if (backwards) {
-        uint64_t end = std::min(opened.completeEnd(), stream.to);
+        const uint64_t complete = opened.completeEnd();
+        if (stream.position == NOT_LOOKED_AT)
+            stream.position = complete;
+        uint64_t end = std::min({complete, stream.position, stream.to});
         if (search && range.until != INT64_MAX) {
             const uint64_t behind = opened.findTime(saturatingAdd(range.until, 3 * ORDER_SLACK));
             int64_t time = 0;
@@ -277,8 +282,11 @@ bool Reader::peek(Stream &stream) {
     RecordFile file;
     if (backwards) {
         int64_t last = 0;
-        if (!stream.source->isPacked() && file.open(stream.source->path()) && file.lastTime(last))
-            stream.key = range.limited ? std::min(last, range.until) : last;
+        if (!stream.source->isPacked() && file.open(stream.source->path())) {
+            stream.position = file.completeEnd();
+            if (file.lastTime(last))
+                stream.key = range.limited ? std::min(last, range.until) : last;
+        }
         stream.state = Stream::State::Peeked; // opening it tells more
         return true;
     }

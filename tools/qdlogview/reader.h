@@ -51,9 +51,11 @@ struct Stream {
     bool old = false;     // newer files of its series are there: closed at its end in any case
     bool gone = false;    // failed because there is no file of this name any more
     int64_t key = 0;
-    uint64_t from = 0;          // begin here (cursor); 0: at the begin
-    uint64_t to = WHOLE_FILE;   // backwards: begin here at the latest
-    uint64_t position = 0;      // all before it was handed out or passed over
+    uint64_t from = 0;        // begin here (cursor); 0: at the begin
+    uint64_t to = WHOLE_FILE; // backwards: begin here at the latest
+    // All before it was handed out or passed over. Backwards: the end of the last complete line
+    // when the file was looked at.
+    uint64_t position = 0;
     uint64_t kept = WHOLE_FILE; // the position that the cursor file has
     std::unique_ptr<OpenFile> opened;
 };

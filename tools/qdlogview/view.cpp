@@ -142,7 +142,6 @@ bool View::show() {
         addStreams(reader);
         closeOldFiles(reader);
         if (limited) { // what is there now is read from its end; following begins behind it
-            findEnds();
             showLast(count, false);
             skipShown(reader);
         }
@@ -153,11 +152,9 @@ bool View::show() {
         return shown > 0;
     }
     if (limited && !around && !onlyStdin) {
-        const bool keepsPlace = !settings.cursorFile.empty() || settings.showCursor;
-        if (keepsPlace)
-            findEnds();
         showLast(count, settings.reverse);
-        if (keepsPlace) { // the place reached is the end of all files
+        if (!settings.cursorFile.empty() ||
+            settings.showCursor) { // the place reached is the end of all files
             Reader reader(range, false);
             addStreams(reader);
             for (Stream &stream : reader.streams) {
@@ -213,12 +210,19 @@ void View::showForward(Reader &reader) {
     }
 }
 
-// Notes what is there now: what comes later is not shown, and is beyond the place reached.
-void View::findEnds() {
+// Notes where what was there ended when it was looked at, or else when it was found: what has
+// come later is not shown, and is beyond the place reached.
+void View::findEnds(const Reader &lookedAt) {
+    auto stream = lookedAt.streams.begin();
     for (SourceFile &source : sources.files) {
+        const bool wasRead = stream != lookedAt.streams.end() && stream->source == &source;
+        source.end = wasRead ? stream->position : NOT_LOOKED_AT;
+        if (wasRead)
+            ++stream;
         if (source.isPacked())
             source.end = WHOLE_FILE;
-        else if (!source.isStandardInput() && !tools::completeEnd(source.path(), source.end))
+        else if (source.end == NOT_LOOKED_AT && !source.isStandardInput() &&
+                 !tools::completeEnd(source.path(), source.size, source.end))
             source.end = NOT_LOOKED_AT;
     }
 }
@@ -241,7 +245,7 @@ void View::showLast(uint64_t count, bool newestFirst) {
     for (const SourceFile &file : sources.files) {
         const uint64_t from = start.startOf(file);
         if (from != WHOLE_FILE)
-            reader.add(file, from, file.end != NOT_LOOKED_AT ? file.end : WHOLE_FILE);
+            reader.add(file, from);
     }
     reader.prepare();
     std::vector<std::unique_ptr<HeldItem>> last;
@@ -256,6 +260,8 @@ void View::showLast(uint64_t count, bool newestFirst) {
         else if (!emit(*item))
             break;
     }
+    if (settings.follow || !settings.cursorFile.empty() || settings.showCursor)
+        findEnds(reader);
     for (auto each = last.rbegin(); each != last.rend(); ++each) {
         if (!emit((*each)->item))
             break;

@@ -44,7 +44,7 @@ struct View {
     void addStreams(Reader &reader);
     void keep(Reader &reader);
     bool emit(const tools::Item &item);
-    void findEnds();
+    void findEnds(const Reader &lookedAt);
     void showLast(uint64_t count, bool newestFirst);
     void skipShown(Reader &reader);
     void showForward(Reader &reader);
