@@ -264,7 +264,7 @@ class Sites(unittest.TestCase):
         while not condition():
             if time.monotonic() > stop:
                 self.fail(f"waited in vain for: {what}")
-            time.sleep(0.5)
+            time.sleep(max(0.5, self.expected / 200000))  # counting costs, too
 
     def chaos(self):
         """Kills while records are sent, spread over the time; then the counts."""
