@@ -314,26 +314,31 @@ class Sites(unittest.TestCase):
             sender.join()
         self.assertEqual([site.logged for site in self.sites], [0, 0])
         logged = time.monotonic() - started
-        tell(f"{self.expected} records logged in {logged:.0f} s; killed or stopped: {dict(counts)}")
         self.assertEqual(counts, {"columns": KILLS, "json": KILLS, "load": KILLS // 2, "central": STOPS, "rsyslog": STOPS * len(self.sites)})
         most = 120 + self.expected / 500
         self.wait_until("qdul_records", lambda: self.central.number("SELECT count(*) FROM qdul_records") >= self.expected, most)
         columns = time.monotonic() - started
+        tell(f"= {self.expected} records from {len(self.sites)} machines: all in qdul_records after {columns:.0f} s, {self.expected / columns:.0f}/s; "
+             f"logged in {logged:.0f} s; kills and stops {dict(counts)}")
+        self.check_table("qdul_records")
+        tell("= qdul_records: each once, in the order of its file, with its text")
         self.wait_until("qdul_json", lambda: self.central.number("SELECT count(*) FROM qdul_json") >= self.expected, most)
         both = time.monotonic() - started
-        tell(f"= {self.expected} records from {len(self.sites)} machines: all in qdul_records after {columns:.0f} s, {self.expected / columns:.0f}/s, "
-             f"in qdul_json by rsyslog after {both:.0f} s, {self.expected / both:.0f}/s; kills and stops {dict(counts)}")
-        self.check_tables()
+        tell(f"= {self.expected} records: all in qdul_json by rsyslog after {both:.0f} s, {self.expected / both:.0f}/s")
+        self.check_table("qdul_json")
+        tell("= qdul_json: each once, in the order of its file, with its text")
         for group in self.by_name.values():
             for each in group:
                 each.end()
 
-    def check_tables(self):
+    def check_table(self, which):
         number = self.central.number
         for table, host, product, id, text, place, context in (
                 ("qdul_records", "host", "product", "msgid", "text", '"offset"', "context"),
                 ("qdul_json", "record->>'host'", "(record->>'product')::int", "(record->>'msgid')::int", "record->>'text'", "(record->>'offset')::bigint",
                  "record->>'context'")):
+            if table != which:
+                continue
             file = "file" if table == "qdul_records" else "record->>'file'"
             self.assertEqual(number(f"SELECT count(*) FROM {table}"), self.expected)
             self.assertEqual(number(f"SELECT count(DISTINCT ({host}, {product}, {id})) FROM {table}"), self.expected)
