@@ -54,8 +54,8 @@
 #           ("bookworm trixie"); it, arm64 and s390x need root
 # reproducible  libraries, tools and packages are the same bytes from any directory
 # compilers without a warning by every GCC and clang that this Debian has
-# cross     the libraries for arm64 by Debian's cross compiler, without a warning; one program
-#           logs with them by qemu
+# cross     the libraries for arm64 and s390x by Debian's cross compilers, without a warning;
+#           programs log with them by qemu
 # arm64     cross-built, and the quick tests run by qemu; when it is named only
 # s390x     the same, big-endian
 # fuzz      every fuzzer for FUZZ_SECONDS (10), from its corpus
