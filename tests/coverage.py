@@ -8,7 +8,8 @@ what they have not.
 tests/coverage.txt says why a line is not run: "file | text of the line | reason"; a reason whose line is run,
 or gone, has to go as well. Of the files that hold the store, the writer, the encoder and the parsers each line
 is to be run or to have a reason: those that have neither are counted apart. Less than 95 % of src/ is a
-failure. Processes that are killed or end without their handlers of exit tell nothing of what they ran."""
+failure, and so is less than LEAST_WHOLE % of these files. Processes that are killed tell nothing of what
+they ran."""
 import collections
 import concurrent.futures
 import fnmatch
@@ -24,6 +25,7 @@ LIBRARIES = ("src", "lis", "formatter", "syslog")
 WHOLE = ("src/utiPropertyStore*.cpp", "src/write*.cpp", "src/bin2txt.cpp", "src/text_msg.cpp", "src/log_name.cpp",
          "src/read.cpp", "src/parse_string.cpp", "src/decimal.cpp", "src/cmn_routines.cpp", "src/bin_msg.cpp")
 LEAST = 95.0  # per cent of the lines of src/
+LEAST_WHOLE = 97.0  # per cent of WHOLE, run or with a reason; to become 100
 
 
 def notes(build):
@@ -50,7 +52,7 @@ def merged(build):
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         for found in pool.map(measured, notes(build)):
             for file in found:
-                path = os.path.relpath(os.path.join(SOURCE, file["file"]), SOURCE)
+                path = os.path.relpath(os.path.join(build, file["file"]), SOURCE)  # compiled there
                 if not path.startswith(LIBRARIES):
                     continue
                 for line in file["lines"]:
@@ -80,6 +82,10 @@ def percent(part, whole):
     return 100.0 * part / whole if whole else 100.0
 
 
+def is_whole(path):
+    return any(fnmatch.fnmatch(path, pattern) for pattern in WHOLE)
+
+
 def main():
     files = merged(os.path.abspath(sys.argv[1]))
     if not any(path.startswith("src/") for path in files):
@@ -107,6 +113,8 @@ def main():
                     used.add((path, text))
                 else:
                     missing.append((path, number, text))
+                    sums["whole", "missing"] += is_whole(path)
+            sums["whole", "lines"] += is_whole(path)
     for directory in LIBRARIES:
         if sums[directory, "lines"]:
             print(f"{directory + '/':44} {sums[directory, 'ran']:7} {sums[directory, 'lines']:6} "
@@ -119,8 +127,11 @@ def main():
     for path, number, text in missing:
         print(f"  {path}:{number}: {text}")
     failed = False
-    whole = [path for path, _, _ in missing if any(fnmatch.fnmatch(path, pattern) for pattern in WHOLE)]
-    print(f"\n{len(whole)} of them in the {len(set(whole))} files that are to be run to their last line")
+    told = percent(sums["whole", "lines"] - sums["whole", "missing"], sums["whole", "lines"])
+    print(f"\nstore, writer, encoder and parsers: {told:.1f} % of {sums['whole', 'lines']} lines are run or have a reason")
+    if told < LEAST_WHOLE:
+        print(f"FAILED: less than {LEAST_WHOLE} % of store, writer, encoder and parsers")
+        failed = True
     for key in sorted(set(known) - used):
         print(f"FAILED: tests/coverage.txt gives a reason for a line that is run, or gone: {key[0]}: {key[1]}")
         failed = True
