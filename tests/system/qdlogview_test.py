@@ -658,6 +658,11 @@ class View(unittest.TestCase):
                          (rfc3339(T0 + 1000), rfc3339(T0 + 3000), "hostA"))
         self.assertRegex(self.view("--list-runs", "."), r"\n +2  2024-03-01 13:45:04\.000  2024-03-01 13:45:06\.000  hostA   11        2  error\n")
 
+    def test_the_worst_record_of_a_run_may_come_at_any_time(self):
+        write(name(0), header(), record(1, pid=10), record(2, pid=10, number=3), record(3, pid=10, number=1))
+        rows = [json.loads(line) for line in self.view("--list-runs", "--json", ".").splitlines()]
+        self.assertEqual([(row["severity"], row["severity_text"]) for row in rows], [(70, "critical")])
+
     def test_one_process_run_is_shown(self):
         self.two_runs()
         for run, expected in (("1", [1, 3]), ("2", [2, 4]), ("3", [5]), ("0", [5]), ("-1", [2, 4]), ("-2", [1, 3])):
