@@ -386,9 +386,15 @@ LogFileDate todayOr(const LogFileDate &fallback) {
     return zoltLogOs_localtime_r(time(nullptr), &local) != nullptr ? dateOf(&local) : fallback;
 }
 
+// Nobody has written to the file since its header was written through this descriptor.
+bool hasItsHeaderOnly(int descriptor) {
+    struct stat status;
+    return fstat(descriptor, &status) == 0 && lseek(descriptor, 0, SEEK_CUR) == status.st_size;
+}
+
 // A file that was made without the directory's lock: whether others made the wanted name
 // before, went on and recycled it. Then it goes again, unless somebody has opened it
-// meanwhile, and target becomes the latest file.
+// meanwhile, or has written to it and gone on, and target becomes the latest file.
 bool wasMadeBefore(const Writer *writer, const LogName *series, const Target *wanted, Target *target) {
     LogFileState *state = writer->state;
     LatestLog latest;
@@ -400,7 +406,7 @@ bool wasMadeBefore(const Writer *writer, const LogName *series, const Target *wa
     if (state->isLogset != 0 ? later.nameTime <= wanted->nameTime
                              : !isLater(&later, wanted->date, wanted->counter))
         return false;
-    if (takeAlone(state->file.descriptor) == Taken::YES)
+    if (takeAlone(state->file.descriptor) == Taken::YES && hasItsHeaderOnly(state->file.descriptor))
         (void)unlink(target->path.text);
     close(state->file.descriptor);
     state->file.descriptor = -1;

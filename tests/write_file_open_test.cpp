@@ -395,6 +395,29 @@ TEST_F(WriteFileInALockedDirectory, ANameThatOthersMadeAndOpenedStaysToThem) {
     EXPECT_EQ(textsIn(path(SECOND)), Texts{});
 }
 
+TEST_F(WriteFileInALockedDirectory, ANameThatOthersFilledAndLeftKeepsTheirRecords) {
+    static std::string second;
+    second = path(SECOND);
+    onNextCreation = [&] {
+        support::writeFile(path(THIRD), "$Header 65543,5,7,1709300702,0,hostA\n");
+        // Another writer has had the new file, and has gone on to the next one.
+        libc::flock.hook = [](int descriptor, int operation) {
+            struct stat status;
+            if ((operation & LOCK_EX) != 0 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode)) {
+                const int file = ::open(second.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
+                EXPECT_EQ(write(file, "a record\n", 9), 9);
+                close(file);
+            }
+            return libc::flock.real(descriptor, operation);
+        };
+    };
+    rollOver();
+    libc::flock.hook = nullptr;
+    EXPECT_EQ(logFiles(), (Texts{FIRST, SECOND, THIRD}));
+    EXPECT_NE(support::readFile(path(SECOND)).find("\na record\n"), std::string::npos);
+    EXPECT_EQ(textsIn(path(THIRD)), Texts{std::string(1024, 'x')});
+}
+
 TEST_F(WriteFileHost, IsNotLookedUpForFilesSoonAfterEachOther) {
     for (int file = 0; file < 5; ++file)
         rollOver();
