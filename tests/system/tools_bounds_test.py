@@ -176,7 +176,7 @@ class Bounds(unittest.TestCase):
             with open("names.tar.gz", "wb") as file:
                 file.write(gzip.compress(start))
                 write_often(file, gzip.compress(member("notes.txt", 0) * 2**11), 2**14)
-            bundles["names.tar.gz"] = told
+            bundles["names.tar.gz"] = "it has more than 1000000 members"
         with open("holes.tar", "wb") as file:
             file.write(start + member("logs/1/" + NAME % 1, 2**40))
             file.truncate(2**40 + 2**20)

@@ -33,6 +33,7 @@ namespace {
 
 constexpr size_t BLOCK = 256UL * 1024;
 constexpr mode_t MEMBER_MODE = 0640;
+constexpr uint64_t MOST_MEMBERS = 1000000; // that are looked at
 
 struct ArchiveFree {
     void operator()(archive *handle) const { archive_free(handle); }
@@ -276,7 +277,12 @@ bool unpackArchive(const std::string &path, bool (*wanted)(std::string_view name
         result = archive_read_open_fd(from, descriptor, BLOCK);
     }
     archive_entry *entry = nullptr;
+    uint64_t met = 0;
     while (result == ARCHIVE_OK && (result = archive_read_next_header(from, &entry)) == ARCHIVE_OK) {
+        if (++met > MOST_MEMBERS) {
+            problem = path + ": it has more than " + std::to_string(MOST_MEMBERS) + " members";
+            break;
+        }
         const char *name = archive_entry_pathname(entry);
         if (name == nullptr || archive_entry_filetype(entry) != AE_IFREG || !wanted(name))
             continue;
