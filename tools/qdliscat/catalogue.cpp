@@ -223,9 +223,9 @@ void loadSources(const std::vector<std::string> &sources, LoadResult &result) {
     result.state = compileSources(sources, directory.path, result.failure);
     if (result.state != Loaded::Ok)
         return;
-    std::vector<std::string> locales;
-    for (const std::string &source : sources)
-        locales.push_back(fs::path(source).stem().string());
+    std::vector<std::string> locales(sources.size());
+    std::transform(sources.begin(), sources.end(), locales.begin(),
+                   [](const std::string &source) { return fs::path(source).stem().string(); });
     result.catalogues.push_back(readCatalogue("sources", directory.path, locales));
 }
 
