@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The writer of log files, for its own parts: the record of a series, opening, creation,
-// who holds a file, the host's number, recycling.
+// who holds a file, the host's number, recycling; and for who ends a file from outside.
 #pragma once
 
 #include "bin2txt.h"

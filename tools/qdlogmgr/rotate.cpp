@@ -14,6 +14,7 @@
 #include "qdlogmgr/commands.h"
 #include "qdlogmgr/descriptor.h"
 #include "src/log_name.h"
+#include "src/write_file.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -33,12 +34,11 @@ namespace qdlogmgr {
 
 namespace {
 
-constexpr mode_t ENDED = S_ISVTX;
 constexpr mode_t PERMISSIONS = 07777;
 
 constexpr int64_t NS_PER_MS = 1000000;
-// A writer that writes looks at its file within 900 ms, by a clock that is some ms late.
-constexpr int64_t LEAVE_WITHIN_MS = 1500;
+// A writer that writes looks at its file within LOOK_EVERY_NS, by a clock that is some ms late.
+constexpr int64_t LEAVE_WITHIN_MS = LOOK_EVERY_NS / NS_PER_MS + 600;
 // A file that does not grow for so long is held by writers that will look before they write.
 constexpr int64_t QUIET_FOR_MS = 1000;
 constexpr int64_t LOCK_WITHIN_MS = 5000;
